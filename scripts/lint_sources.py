@@ -1,0 +1,120 @@
+"""Checks rules of the tree that a compiler does not: include directions, file sizes, words.
+
+Prints one line per finding (path:line: text) and a summary; exit status 1 when there are findings.
+Looks only at files that git tracks, so half-written files of a working day are left alone.
+"""
+
+import posixpath
+import re
+import subprocess
+import sys
+
+MAX_LINES = 700
+CODE = (".cpp", ".h", ".py", ".proto", ".sh", "CMakeLists.txt", ".cmake")
+INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
+# The bracketed first letters keep this file from finding itself.
+WORDS = re.compile(r"\b([T]ODO|[F]IXME|[X]XX|[H]ACK)\b|[n]ot implemented", re.IGNORECASE)
+
+INCLUDE_ROOTS = ("", "platform/include", "platform", "platform/client", "platform/driver",
+                 "platform/cli", "app/src", "services")
+STANDARD_C = set("""assert.h complex.h ctype.h errno.h fenv.h float.h inttypes.h limits.h locale.h
+    math.h setjmp.h signal.h stdalign.h stdarg.h stdbool.h stddef.h stdint.h stdio.h stdlib.h
+    string.h strings.h time.h wchar.h wctype.h""".split())
+AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "sys/types.h", "unistd.h"}
+COMPOSITION_ROOT = "platform/client/platform.cpp"
+DRIVER_SETS = ("platform/driver/embedded/", "platform/driver/linux/")
+
+
+def tracked_files():
+    names = subprocess.run(["git", "ls-files", "-z"], check=True, capture_output=True).stdout
+    return [n for n in names.decode().split("\0") if n]
+
+
+def read_lines(path):
+    try:
+        with open(path, encoding="utf-8") as source:
+            return source.read().splitlines()
+    except FileNotFoundError:  # deleted, but not committed yet
+        return []
+
+
+class Tree:
+    def __init__(self, files):
+        self.files = set(files)
+        self.findings = []
+
+    def report(self, path, line, text):
+        self.findings.append(f"{path}:{line}: {text}")
+
+    def resolve(self, path, name, quoted):
+        """The tracked file an include means, or None for a system or generated header."""
+        roots = ([posixpath.dirname(path)] if quoted else []) + list(INCLUDE_ROOTS)
+        for root in roots:
+            candidate = posixpath.normpath(posixpath.join(root, name))
+            if candidate in self.files:
+                return candidate
+        return None
+
+    def check_agent_include(self, path, number, name, target):
+        standard = name in AGENT_SYSTEM or re.fullmatch(r"[a-z_]+", name)
+        allowed = (standard or name.startswith(("qv/", "safeclib/")) or name.endswith(".pb-c.h")
+                   or (target or "").startswith("app/src/"))
+        if not allowed:
+            self.report(path, number, f"the agent must not include {name}")
+
+    def check_platform_include(self, path, number, target):
+        if target.startswith("app/src/"):
+            self.report(path, number, f"only the agent includes its own header {target}")
+        if path.startswith("platform/include/") and not target.startswith("platform/include/"):
+            self.report(path, number, f"a client header must not include {target}")
+
+    def check_includes(self, path, lines):
+        driver_sets = {s for s in DRIVER_SETS if path.startswith(s)}
+        for number, line in enumerate(lines, 1):
+            match = INCLUDE.match(line)
+            if not match:
+                continue
+            name = match.group(2)
+            target = self.resolve(path, name, match.group(1) == '"')
+            if path.startswith("app/src/"):
+                self.check_agent_include(path, number, name, target)
+            elif target:
+                self.check_platform_include(path, number, target)
+                driver_sets |= {s for s in DRIVER_SETS if target.startswith(s)}
+        if len(driver_sets) > 1 and path != COMPOSITION_ROOT:
+            self.report(path, 1, f"only {COMPOSITION_ROOT} may know both driver sets")
+
+    def check_safeclib(self, sources):
+        users = [p for p, lines in sources.items() if p.startswith("app/src/")
+                 and any(re.match(r"\s*#\s*include\s*<safeclib/", line) for line in lines)]
+        for path in users if len(users) > 1 else []:
+            self.report(path, 1, f"safeclib is wrapped once, but {len(users)} files include it")
+
+    def check_text(self, path, lines):
+        if len(lines) >= MAX_LINES:
+            self.report(path, len(lines), f"{len(lines)} lines, keep files under {MAX_LINES}")
+        for number, line in enumerate(lines, 1):
+            word = WORDS.search(line)
+            if word:
+                self.report(path, number, f"unfinished work is not committed: '{word.group(0)}'")
+
+
+def main():
+    files = tracked_files()
+    tree = Tree(files)
+    code = [f for f in files if f.endswith(CODE) or re.fullmatch(r"scripts/[^.]+", f)]
+    sources = {path: read_lines(path) for path in code}
+    for path, lines in sources.items():
+        tree.check_text(path, lines)
+        if path.endswith((".cpp", ".h")) and path.startswith(
+                ("app/src/", "platform/", "services/", "tools/")):
+            tree.check_includes(path, lines)
+    tree.check_safeclib(sources)
+    for finding in tree.findings:
+        print(finding)
+    print(f"{len(code)} files" + (f", {len(tree.findings)} findings" if tree.findings else ""))
+    return 1 if tree.findings else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
