@@ -1,0 +1,29 @@
+// The platform description: the TOML file named in the environment variable LDA_PLATFORM.
+#pragma once
+
+#include <string>
+
+namespace qv {
+
+struct PlatformConfig {
+    enum class Switch { kEmbedded, kLinux };
+    enum class Store { kMemory, kRedis };
+    enum class Role { kSolo, kLease };
+
+    Switch switch_kind = Switch::kEmbedded;
+    Store store = Store::kMemory;
+    std::string bridge = "br0";                                 // [linux] bridge
+    std::string redis_socket = "/run/redis/redis-server.sock";  // [redis] socket
+    std::string cli_socket = "/run/lda/cli.sock";               // [cli] socket
+    std::string startup_config;    // [files] startup_config; empty: nothing is saved
+    std::string log_dir;           // [files] log_dir; empty: no log file
+    std::string capabilities;      // [files] capabilities; empty: none
+    unsigned embedded_ports = 24;  // [embedded] ports
+    double speed = 1.0;            // [clock] speed, embedded switch only
+    Role role = Role::kSolo;       // [role] mode
+};
+
+// Reads the file. Throws std::runtime_error with "FILE:LINE: reason".
+PlatformConfig load_platform_config(const std::string& path);
+
+}  // namespace qv

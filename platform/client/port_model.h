@@ -1,0 +1,60 @@
+// The one table of ports in the process. A driver feeds it; the LSM, bridge and mapping clients and
+// the command line read it. Loop thread only.
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/client/event_loop.h"
+#include "platform/driver/switch_driver.h"
+
+namespace qv {
+
+// Hears every change after the model has taken it in, through the loop.
+class PortObserver {
+ public:
+    virtual ~PortObserver() = default;
+    virtual void on_added(const Port& port) = 0;
+    virtual void on_removed(const Port& port) = 0;  // the port as it was
+    virtual void on_changed(const Port& before, const Port& after) = 0;
+    virtual void on_default(const Port& port) = 0;  // configuration set back to its defaults
+    virtual void on_left_bridge(const Port& port) = 0;
+    virtual void on_complete() = 0;
+};
+
+class PortModel final : public PortSink {
+ public:
+    explicit PortModel(SwitchDriver& driver);
+
+    void start();  // once, when the loop exists
+    bool complete() const;
+
+    const Port* find(uint32_t ifx) const;           // null when unknown
+    const Port* find(std::string_view name) const;  // by short name
+    const std::map<uint32_t, Port>& ports() const;  // ascending interface index
+
+    // Requests of the command line. Empty when done, else the reason.
+    std::string set_admin(uint32_t ifx, bool up);
+    std::string set_mode(uint32_t ifx, uint32_t mode);
+    // "default interface": tells the observers after the command line has cleared the port's lines.
+    void restore_defaults(uint32_t ifx);
+
+    // Observers stay registered for the life of the model.
+    void add_observer(PortObserver& observer);
+
+    void port_added(const Port& port) override;
+    void port_removed(uint32_t ifx) override;
+    void port_changed(const Port& port) override;
+    void port_left_bridge(uint32_t ifx) override;
+    void ports_complete() override;
+
+ private:
+    SwitchDriver& driver_;
+    std::map<uint32_t, Port> ports_;
+    std::vector<PortObserver*> observers_;
+    bool complete_ = false;
+};
+
+}  // namespace qv

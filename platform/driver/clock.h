@@ -1,0 +1,39 @@
+// The monotonic clock behind every timer of the platform.
+#pragma once
+
+#include <chrono>
+
+namespace qv {
+
+using Duration = std::chrono::nanoseconds;
+using Time = std::chrono::time_point<std::chrono::steady_clock, Duration>;
+
+// Any thread may call now(); the rest belongs to the loop's thread.
+class Clock {
+ public:
+    virtual ~Clock() = default;
+
+    virtual Time now() const = 0;
+
+    // How long a thread has to wait, in real time, until this clock shows `t`: zero when it is
+    // past, Duration::max() when waiting does not bring it about.
+    virtual Duration real_time_until(Time t) const = 0;
+
+    // The loop found nothing ready and is about to wait. A clock that is moved by hand lets its
+    // owner act here; true makes the loop look again instead of waiting.
+    virtual bool idle() { return false; }
+};
+
+// The machine's monotonic clock, `speed` times as fast.
+class SteadyClock final : public Clock {
+ public:
+    explicit SteadyClock(double speed = 1.0);
+    Time now() const override;
+    Duration real_time_until(Time t) const override;
+
+ private:
+    double speed_;
+    Time start_;
+};
+
+}  // namespace qv

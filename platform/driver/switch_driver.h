@@ -1,0 +1,46 @@
+// What a switch brings: ports, their states, and the means to change them.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qv {
+
+struct Port {
+    uint32_t ifx = 0;        // interface index, the key
+    uint32_t phyid = 0;      // forwarding-plane port id
+    std::string name;        // short name, such as "swp1"
+    uint32_t type = 2;       // LSM_TYPE_*
+    uint32_t flags = 0;      // LSM_IF_FLAG_*
+    bool switchport = true;  // LSM_INTFCB_FLAG_SWITCHPORT
+    uint32_t mode = 1;       // SWPORT_MODE_*
+    uint32_t aggregate = 0;  // interface index of the aggregate port, 0 for none
+    bool vsl = false;        // converted into a virtual switch link
+    bool admin_up = true;
+    bool oper_up = true;
+};
+
+// Where a driver reports. Loop thread only.
+class PortSink {
+ public:
+    virtual ~PortSink() = default;
+    virtual void port_added(const Port& port) = 0;
+    virtual void port_removed(uint32_t ifx) = 0;
+    // Any field but `ifx` has changed; the sink finds out which.
+    virtual void port_changed(const Port& port) = 0;
+    virtual void port_left_bridge(uint32_t ifx) = 0;
+    // All ports of the start have been reported. Once.
+    virtual void ports_complete() = 0;
+};
+
+// Loop thread only. Requests answer with an empty text when done, else with the reason for people.
+class SwitchDriver {
+ public:
+    virtual ~SwitchDriver() = default;
+    // Begins to report; the reports come later, through the loop.
+    virtual void start(PortSink& sink) = 0;
+    virtual std::string set_admin(uint32_t ifx, bool up) = 0;
+    virtual std::string set_mode(uint32_t ifx, uint32_t mode) = 0;
+};
+
+}  // namespace qv

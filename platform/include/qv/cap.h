@@ -1,0 +1,17 @@
+// Capability store: what this model of switch can do, as numbers under slash-separated keys. The
+// keys of a switch stand in the file that the platform description names. Main thread only.
+#pragma once
+
+#include <cstdint>
+
+extern "C" {
+
+// Opens the store for `client`, announcing the key it will read. 0, or an error number.
+int libqv_cap_init(const char* client, const char* key);
+
+// Reads a number into `*value`; a key that is not there gives `fallback`. 0, or an error number
+// when the client is unknown or the entry is no 32-bit number (`*value` is left alone).
+int libqv_cap_get_capacity_int32(const char* client, const char* key, int32_t* value,
+                                 int32_t fallback);
+
+}  // extern "C"

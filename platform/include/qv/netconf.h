@@ -1,0 +1,25 @@
+// NETCONF notifications. Main thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "qv/mom.h"
+
+extern "C" {
+
+// Value type codes.
+inline constexpr int NC_LIB_TYPE_INT32 = 8;
+inline constexpr int NC_LIB_TYPE_UINT32 = 20;
+
+struct nc_lib_leaf {
+    const char* path;  // full data path of the leaf, keys included
+    int type;          // NC_LIB_TYPE_*
+    uint32_t value;
+};
+
+// Sends one notification made of `count` leaves, in this order. Nothing of the caller's is kept. 0,
+// or an error number. `flags` is 0.
+int nc_lib_notification_send(qv_mom_client* client, const nc_lib_leaf* leaves, int count,
+                             int flags);
+
+}  // extern "C"

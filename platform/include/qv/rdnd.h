@@ -1,0 +1,42 @@
+// Redundancy service and process supervision. Main thread only.
+#pragma once
+
+#include <cstdint>
+
+#include "qv/mom.h"
+#include "qv/thread.h"
+
+extern "C" {
+
+using rdnd_role_cb = int (*)(void);
+
+// What a process tells the redundancy service. Copied during the call.
+struct rdnd_reg {
+    qv_thread_master* master;
+    const char* module;
+    qv_mom_client* mom;
+    rdnd_role_cb master_cb;  // called through the master when this board takes the master role
+    rdnd_role_cb switch_cb;  // called when it takes the other role
+    uint32_t reserved[2];    // 0
+    uint32_t flags;
+    const uint32_t* dbs;  // object databases the process uses
+    uint32_t db_num;
+};
+
+// Registers the process. At most one role callback is made, once in the life of the process. 0 or
+// an error number.
+int rdnd_lib_mom_reg(const rdnd_reg* reg);
+
+inline constexpr int APP_PUBLIC_NAME_BYTES = 16;
+
+struct app_public_instance {
+    char name[APP_PUBLIC_NAME_BYTES];  // NUL-terminated
+};
+
+// Announces the process to the supervision. 0, or an error number.
+int app_public_instance_init(const app_public_instance* instance);
+
+// Lets the supervision watch that the loop of `master` keeps turning.
+void app_public_init_dead_detection(qv_thread_master* master);
+
+}  // extern "C"
