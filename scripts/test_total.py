@@ -1,0 +1,33 @@
+"""Adds up JUnit result files and prints "N passed, N failed, N skipped" as the last line.
+
+Exit status 1 when a test failed or none ran."""
+
+import sys
+import xml.etree.ElementTree as ET
+
+
+def outcome(case):
+    """The result of one <testcase>: "passed", "failed" or "skipped"."""
+    if case.find("failure") is not None or case.find("error") is not None:
+        return "failed"
+    if case.get("status") == "fail":
+        return "failed"
+    if case.find("skipped") is not None or case.get("status") in ("notrun", "disabled"):
+        return "skipped"
+    return "passed"
+
+
+def main(paths):
+    count = {"passed": 0, "failed": 0, "skipped": 0}
+    for path in paths:
+        for case in ET.parse(path).getroot().iter("testcase"):
+            result = outcome(case)
+            count[result] += 1
+            if result != "passed":
+                print(f"{result}: {case.get('classname')} {case.get('name')}")
+    print("{passed} passed, {failed} failed, {skipped} skipped".format(**count))
+    return 1 if count["failed"] or not count["passed"] else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(sys.argv[1:]))
