@@ -1,0 +1,28 @@
+"""Shared by the system tests: where the laboratory is, and what they cannot run without."""
+
+import os
+import pathlib
+import subprocess
+import sys
+
+import pytest
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+
+
+def _kernel_ports_reason():
+    """Why kernel ports cannot be used here, or None."""
+    if os.geteuid() != 0:
+        return "needs root for network namespaces"
+    probe = subprocess.run(
+        ["unshare", "--net", "sh", "-c", "ip link add b type bridge && ip link add v type veth"],
+        capture_output=True, text=True, check=False)
+    return None if probe.returncode == 0 else f"kernel ports: {probe.stderr.strip()}"
+
+
+@pytest.fixture(scope="session")
+def kernel_ports():
+    """Skips, with the reason, where the machine has no network namespaces, bridge or veth."""
+    reason = _kernel_ports_reason()
+    if reason:
+        pytest.skip(reason)
