@@ -1,6 +1,8 @@
 // Where system log messages go.
 #pragma once
 
+#include <chrono>
+#include <string>
 #include <string_view>
 
 namespace qv {
@@ -11,6 +13,12 @@ struct SystemLogMessage {
     std::string_view mnemonic;
     std::string_view text;
 };
+
+// "%FACILITY-SEVERITY-MNEMONIC: text" without the line ends at the end of the text. Any thread.
+std::string render(const SystemLogMessage& message);
+
+// Local time for people, "2026-01-31 23:59:59.123". Any thread.
+std::string wall_time_text(std::chrono::system_clock::time_point time);
 
 // Any thread; the message is valid during the call.
 class SystemLog {

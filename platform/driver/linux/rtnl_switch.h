@@ -1,0 +1,58 @@
+// The ports of a real Linux machine: the members of one bridge, through rtnetlink.
+//
+// One socket hears every link change of the network namespace (RTNLGRP_LINK) and carries the dumps,
+// so that dump and notifications arrive in the kernel's own order. When the kernel had to drop
+// notifications, the socket is opened anew and everything is read again; the differences against
+// what was reported are then reported, removals first, so nothing is lost. Requests go out on a
+// socket of their own and wait for the kernel's acknowledgement.
+//
+// A port appears when its link joins the bridge and is removed when it leaves it (after
+// port_left_bridge) or is deleted. The bridge itself may come later than the agent, vanish and come
+// back. Port fields: ifx is the kernel's interface index, phyid the bridge port number, name the
+// kernel's name; a bond or team is an aggregate port. Flags are 0, every port is a switch port.
+//
+// VLAN modes are kept here, access (1) for a port that was never told otherwise, and forgotten when
+// the port is removed; they are not written into the kernel's VLAN table.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/client/event_loop.h"
+#include "platform/driver/switch_driver.h"
+
+namespace qv {
+
+// Loop thread only.
+class RtnlSwitch final : public SwitchDriver {
+ public:
+    // Bytes of unread notifications that the kernel keeps for us. As large as it is because a
+    // re-read of thousands of links costs more than the memory, which is used only in a burst.
+    static constexpr int kReceiveBuffer = 8 << 20;
+
+    // Opens both sockets in the calling thread's network namespace; throws std::runtime_error with
+    // the reason when that fails.
+    RtnlSwitch(EventLoop& loop, std::string bridge, int receive_buffer = kReceiveBuffer);
+    ~RtnlSwitch() override;
+
+    // The sink stays the caller's and must outlive the switch. ports_complete() follows the first
+    // dump whether or not the bridge exists.
+    void start(PortSink& sink) override;
+
+    // Sets or clears IFF_UP and waits for the acknowledgement; the new state is reported once the
+    // kernel announces it.
+    std::string set_admin(uint32_t ifx, bool up) override;
+
+    // Access, trunk or hybrid; reported from inside the call.
+    std::string set_mode(uint32_t ifx, uint32_t mode) override;
+
+    // How often everything was read again because notifications were lost.
+    unsigned resyncs() const;
+
+ private:
+    class Impl;
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace qv
