@@ -1,0 +1,170 @@
+"""The main job from end to end, as a transcript; or a shell on a running agent.
+
+    demo.py            the simulated switch, on a fast clock
+    demo.py --linux    a kernel bridge in a network namespace, with a private redis-server
+    demo.py --shell    an operator's shell instead of the script, on either
+"""
+
+import argparse
+import pathlib
+import re
+import subprocess
+import sys
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "support"))
+
+from lab import BUILD, Lab, wait_for  # noqa: E402  (the path comes first)
+
+SPEED = 60  # seconds of the switch in one of ours
+
+
+class Transcript:
+    """Prints what the operator types, what the switch answers, and its log as it grows."""
+
+    def __init__(self, lab):
+        self.lab = lab
+        self.shown = 0
+
+    def act(self, title):
+        print(f"\n--- {title}\n", flush=True)
+
+    def type(self, *lines, show=None):
+        """One session. `show` is a pattern: of the output only the lines that match are printed."""
+        for line in lines:
+            print(f"    > {line}")
+        output = self.lab.cli(*lines)
+        for line in output.rstrip().splitlines():
+            if show is None or re.search(show, line):
+                print(f"      {line}")
+        sys.stdout.flush()
+        return output
+
+    def log(self):
+        """Prints what the system log has gained."""
+        lines = [line for line in self.lab.log().splitlines() if "%" in line]
+        for line in lines[self.shown:]:
+            print(f"    log  {line[line.index('%'):]}")
+        self.shown = len(lines)
+        sys.stdout.flush()
+
+    def wait_log(self, text, timeout):
+        wait_for(lambda: text in self.lab.log(), timeout, text)
+
+    def config(self, port):
+        text = self.lab.cli("show running-config")
+        section = text.split(f"interface {port}\n", 1)[1].split("!", 1)[0]
+        print(f"      interface {port}")
+        for line in section.rstrip().splitlines():
+            print(f"      {line}")
+        return section
+
+
+def marked(lab):
+    return lab.cli("show running-config").count("loop-detect apply shutdown-port")
+
+
+def simulated():
+    """A loop plugged between two ports of the simulated switch."""
+    with Lab(ports=8, speed=SPEED) as lab:
+        say = Transcript(lab)
+        say.act(f"The agent starts on a simulated switch, {SPEED} times as fast as real time")
+        lab.start_agent()
+        say.type("configure terminal", "loop-detect enable shutdown access-mode",
+                 "loop-detect shutdown-recover-time 90", "end", "show loop-detect")
+
+        say.act("Somebody plugs a cable between swp3 and swp7")
+        say.type("test loop plug swp3 swp7")
+        for port in ("swp3", "swp7"):
+            say.wait_log(f"Detected loop error on interface {port}.", 10)
+        wait_for(lambda: marked(lab) == 2, 10, "both ports are shut")
+        say.log()
+        say.type("show loop-detect detail")
+        say.type("show interfaces status", show=r"^Port|swp[37]\b")
+        say.config("swp3")
+        say.config("swp7")
+
+        say.act("The recovery time passes, the ports come back - into the same loop")
+        wait_for(lambda: marked(lab) == 0, 10, "the ports came back", every=0.005)
+        say.log()
+        wait_for(lambda: marked(lab) == 2, 10, "the ports are shut again")
+        say.type("show loop-detect")
+
+        say.act("The cable is pulled: after the next recovery the loop is forgotten")
+        say.type("test loop unplug swp3 swp7")
+        for port in ("swp3", "swp7"):
+            say.wait_log(f"Interface {port} recovered from loop error.", 30)
+        say.log()
+        say.type("show loop-detect detail")
+
+        say.act("Plugged again, and the agent is killed while the ports are shut")
+        say.type("test loop plug swp3 swp7")
+        wait_for(lambda: lab.startup_config.read_text().count("apply shutdown-port") == 2, 10,
+                 "the marks are saved")
+        lab.kill_agent()
+        print("    (killed)")
+        lab.start_agent()
+        print("    (started again; the cable has gone with the old switch)")
+        say.type("show interfaces status", show=r"^Port|swp[37]\b")
+        wait_for(lambda: marked(lab) == 0, 15, "the ports were brought back")
+        print("\n    the recovery time passes\n")
+        say.type("show interfaces status", show=r"^Port|swp[37]\b")
+        print("\nDone: shut, recovered, forgotten, and brought back across a restart.")
+
+
+def kernel():
+    """Records set by this program, kernel interfaces that go down and come up. Real time."""
+    with Lab(switch="linux", ports=4) as lab:
+        say = Transcript(lab)
+        say.act("A kernel bridge with four veth ports, a private redis-server, the agent")
+        lab.start_redis()
+        lab.start_agent()
+        say.type("configure terminal", "loop-detect enable shutdown access-mode",
+                 "loop-detect shutdown-recover-time 90", "end", "show interfaces status")
+        say.act("Another program sets p_bridge.tarn_loop_info for swp2")
+        lab.report_loop("swp2", is_loop=1)
+        wait_for(lambda: not lab.is_up("swp2"), 5, "swp2 is down")
+        say.log()
+        print("    $ ip link show swp2\n      " + lab.ip("-br", "link", "show", "swp2").strip())
+        for key, entry in lab.loop_entries().items():
+            print(f"    redis {key}: policy {entry.policy} src_port {entry.src_port}")
+        say.type("show loop-detect detail")
+        say.act("The redis-server is killed and started again; then the loop ends")
+        lab.kill_redis()
+        lab.start_redis()
+        lab.report_loop("swp2", is_loop=0)
+        print("    waiting for the recovery time, 90 s", flush=True)
+        wait_for(lambda: lab.is_up("swp2"), 110, "swp2 is up again", every=0.5)
+        print("    $ ip link show swp2\n      " + lab.ip("-br", "link", "show", "swp2").strip())
+        print("    waiting for the clear interval, 60 s", flush=True)
+        say.wait_log("Interface swp2 recovered from loop error.", 80)
+        say.log()
+        print("\nDone.")
+
+
+def shell(lab):
+    """The operator's shell, until it is left."""
+    if lab.store == "redis":
+        lab.start_redis()
+    lab.start_agent()
+    print("Type ? for help, and exit to leave. Try: enable, configure terminal, loop-detect enable.")
+    subprocess.run([str(BUILD / "tools" / "ldash" / "ldash"), "-s", str(lab.cli_socket)], check=False)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--linux", action="store_true", help="on a kernel bridge")
+    parser.add_argument("--shell", action="store_true", help="a shell instead of the script")
+    options = parser.parse_args()
+    if options.shell:
+        ports = 4 if options.linux else 24
+        with Lab(switch="linux" if options.linux else "embedded", ports=ports) as lab:
+            shell(lab)
+    elif options.linux:
+        kernel()
+    else:
+        simulated()
+
+
+if __name__ == "__main__":
+    main()
