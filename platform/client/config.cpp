@@ -1,0 +1,211 @@
+#include "platform/client/config.h"
+
+#include <algorithm>
+#include <cmath>
+#include <fstream>
+#include <functional>
+#include <initializer_list>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+#include <string_view>
+#include <system_error>
+
+#include <sys/un.h>
+#include <toml++/toml.h>
+
+namespace qv {
+namespace {
+
+constexpr size_t kMaxBridgeName = 15;  // the kernel's limit for an interface name
+constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
+constexpr int64_t kMaxPorts = 4096;
+constexpr double kMaxSpeed = 10000.0;
+
+// Line 0 stands for the file as a whole.
+[[noreturn]] void refuse(const std::string& path, unsigned line, const std::string& reason) {
+    throw std::runtime_error(path + ":" + std::to_string(line) + ": " + reason);
+}
+
+std::string read_file(const std::string& path) {
+    errno = 0;
+    std::ifstream file(path, std::ios::binary);
+    std::string text;
+    // A directory opens, but its first byte cannot be read.
+    if (!file || (file.peek(), file.bad())) {
+        refuse(path, 0, "cannot be read: " + std::generic_category().message(errno ? errno : EIO));
+    }
+    file.clear();
+    text.assign(std::istreambuf_iterator<char>(file), {});
+    if (file.bad()) {
+        refuse(path, 0, "cannot be read: " + std::generic_category().message(EIO));
+    }
+    return text;
+}
+
+toml::table parse(const std::string& path) {
+    const std::string text = read_file(path);
+    try {
+        return toml::parse(text);
+    } catch (const toml::parse_error& error) {
+        refuse(path, error.source().begin.line, std::string(error.description()));
+    }
+}
+
+// One table of the file, read key by key. Every key must be asked for: what nobody knows is refused
+// before anything else is looked at.
+class Section {
+ public:
+    Section(const std::string& path, const toml::table& table, std::string prefix,
+            std::initializer_list<std::string_view> known)
+        : path_(path), table_(table), prefix_(std::move(prefix)) {
+        for (const auto& [key, value] : table_) {
+            if (std::find(known.begin(), known.end(), key.str()) == known.end()) {
+                refuse(path_, key.source().begin.line,
+                       "unknown key '" + prefix_ + std::string(key.str()) + "'");
+            }
+        }
+    }
+
+    void text(std::string_view key, std::string& into,
+              const std::function<std::string(const std::string&)>& fault = nullptr) const {
+        const toml::node* node = table_.get(key);
+        if (!node) {
+            return;
+        }
+        if (!node->is_string()) {
+            fail(key, "must be a text in quotes");
+        }
+        std::string value = node->value<std::string>().value_or("");
+        if (value.find('\0') != std::string::npos) {
+            fail(key, "must not contain a zero byte");
+        }
+        const std::string reason = fault ? fault(value) : "";
+        if (!reason.empty()) {
+            fail(key, reason);
+        }
+        into = std::move(value);
+    }
+
+    template <typename Enum>
+    void choice(std::string_view key, Enum& into,
+                std::initializer_list<std::pair<std::string_view, Enum>> choices) const {
+        std::string word;
+        text(key, word, [&](const std::string& value) {
+            std::string names;
+            for (const auto& [name, meaning] : choices) {
+                if (value == name) {
+                    into = meaning;
+                    return std::string();
+                }
+                names += (names.empty() ? "\"" : " or \"") + std::string(name) + "\"";
+            }
+            return "must be " + names + ", not \"" + value + "\"";
+        });
+    }
+
+    void whole_number(std::string_view key, unsigned& into, int64_t low, int64_t high) const {
+        const toml::node* node = table_.get(key);
+        if (!node) {
+            return;
+        }
+        const std::optional<int64_t> value = node->value_exact<int64_t>();
+        if (!value || *value < low || *value > high) {
+            fail(key, "must be a whole number from " + std::to_string(low) + " to " +
+                          std::to_string(high));
+        }
+        into = static_cast<unsigned>(*value);
+    }
+
+    // Above zero, up to `high`.
+    void positive(std::string_view key, double& into, double high) const {
+        const toml::node* node = table_.get(key);
+        if (!node) {
+            return;
+        }
+        const std::optional<double> value =
+            node->is_number() ? node->value<double>() : std::nullopt;
+        if (!value || !std::isfinite(*value) || *value <= 0 || *value > high) {
+            fail(key,
+                 "must be a number above 0 and up to " + std::to_string(static_cast<long>(high)));
+        }
+        into = *value;
+    }
+
+    bool has(std::string_view key) const { return table_.contains(key); }
+
+    [[noreturn]] void fail(std::string_view key, const std::string& reason) const {
+        refuse(path_, table_.get(key)->source().begin.line,
+               prefix_ + std::string(key) + " " + reason);
+    }
+
+    // A table within this one; an absent table reads as an empty one.
+    Section section(std::string_view key, std::initializer_list<std::string_view> known) const {
+        static const toml::table kEmpty;
+        const toml::node* node = table_.get(key);
+        if (node && !node->is_table()) {
+            fail(key, "must be a table, written [" + std::string(key) + "]");
+        }
+        return Section(path_, node ? *node->as_table() : kEmpty, std::string(key) + ".", known);
+    }
+
+ private:
+    const std::string& path_;
+    const toml::table& table_;
+    std::string prefix_;
+};
+
+std::string bridge_fault(const std::string& name) {
+    const bool shaped = !name.empty() && name.size() <= kMaxBridgeName && name != "." &&
+                        name != ".." && name.find_first_of("/: \t\r\n\v\f") == std::string::npos;
+    return shaped ? "" : "must be an interface name of 1 to 15 characters";
+}
+
+std::string socket_fault(const std::string& socket) {
+    return !socket.empty() && socket.size() <= kMaxSocketPath
+               ? ""
+               : "must be a path of 1 to " + std::to_string(kMaxSocketPath) + " bytes";
+}
+
+void read_sections(const Section& top, PlatformConfig& config) {
+    top.section("linux", {"bridge"}).text("bridge", config.bridge, bridge_fault);
+    top.section("redis", {"socket"}).text("socket", config.redis_socket, socket_fault);
+    top.section("cli", {"socket"}).text("socket", config.cli_socket, socket_fault);
+    top.section("embedded", {"ports"}).whole_number("ports", config.embedded_ports, 1, kMaxPorts);
+
+    const Section files = top.section("files", {"startup_config", "log_dir", "capabilities"});
+    files.text("startup_config", config.startup_config);
+    files.text("log_dir", config.log_dir);
+    files.text("capabilities", config.capabilities);
+
+    const Section clock = top.section("clock", {"speed"});
+    clock.positive("speed", config.speed, kMaxSpeed);
+    if (clock.has("speed") && config.switch_kind == PlatformConfig::Switch::kLinux) {
+        clock.fail("speed", "is for the embedded switch only");
+    }
+
+    top.section("role", {"mode"})
+        .choice<PlatformConfig::Role>(
+            "mode", config.role,
+            {{"solo", PlatformConfig::Role::kSolo}, {"lease", PlatformConfig::Role::kLease}});
+}
+
+}  // namespace
+
+PlatformConfig load_platform_config(const std::string& path) {
+    const toml::table table = parse(path);
+    const Section top(
+        path, table, "",
+        {"switch", "store", "linux", "redis", "cli", "embedded", "files", "clock", "role"});
+    PlatformConfig config;
+    top.choice<PlatformConfig::Switch>("switch", config.switch_kind,
+                                       {{"embedded", PlatformConfig::Switch::kEmbedded},
+                                        {"linux", PlatformConfig::Switch::kLinux}});
+    top.choice<PlatformConfig::Store>(
+        "store", config.store,
+        {{"memory", PlatformConfig::Store::kMemory}, {"redis", PlatformConfig::Store::kRedis}});
+    read_sections(top, config);
+    return config;
+}
+
+}  // namespace qv

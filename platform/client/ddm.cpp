@@ -1,0 +1,28 @@
+#include "qv/ddm.h"
+
+#include <cerrno>
+
+#include "platform/client/platform.h"
+
+int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t* phyid) {
+    const qv::Port* port = qv::platform().ports().find(ifx);
+    // A port without hardware of its own, such as an aggregate port, has id 0.
+    if (!port || port->phyid == 0) {
+        return ENOENT;
+    }
+    *phyid = port->phyid;
+    return 0;
+}
+
+int libddm_get_ifx_by_phyid(uint32_t phyid, uint32_t* ifx) {
+    if (phyid == 0) {
+        return ENOENT;
+    }
+    for (const auto& [index, port] : qv::platform().ports().ports()) {
+        if (port.phyid == phyid) {
+            *ifx = index;
+            return 0;
+        }
+    }
+    return ENOENT;
+}

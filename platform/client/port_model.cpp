@@ -1,0 +1,125 @@
+#include "platform/client/port_model.h"
+
+#include <utility>
+
+#include "qv/bridge.h"
+
+namespace qv {
+
+namespace {
+
+bool same(const Port& a, const Port& b) {
+    return a.phyid == b.phyid && a.name == b.name && a.type == b.type && a.flags == b.flags &&
+           a.switchport == b.switchport && a.mode == b.mode && a.aggregate == b.aggregate &&
+           a.vsl == b.vsl && a.admin_up == b.admin_up && a.oper_up == b.oper_up;
+}
+
+}  // namespace
+
+PortModel::PortModel(SwitchDriver& driver) : driver_(driver) {}
+
+void PortModel::start() {
+    driver_.start(*this);
+}
+
+bool PortModel::complete() const {
+    return complete_;
+}
+
+const Port* PortModel::find(uint32_t ifx) const {
+    const auto found = ports_.find(ifx);
+    return found == ports_.end() ? nullptr : &found->second;
+}
+
+const Port* PortModel::find(std::string_view name) const {
+    for (const auto& [ifx, port] : ports_) {
+        if (port.name == name) {
+            return &port;
+        }
+    }
+    return nullptr;
+}
+
+const std::map<uint32_t, Port>& PortModel::ports() const {
+    return ports_;
+}
+
+std::string PortModel::set_admin(uint32_t ifx, bool up) {
+    return find(ifx) ? driver_.set_admin(ifx, up) : "no such port";
+}
+
+std::string PortModel::set_mode(uint32_t ifx, uint32_t mode) {
+    return find(ifx) ? driver_.set_mode(ifx, mode) : "no such port";
+}
+
+void PortModel::restore_defaults(uint32_t ifx) {
+    const Port* port = find(ifx);
+    if (!port) {
+        return;
+    }
+    for (PortObserver* observer : observers_) {
+        observer->on_default(*port);
+    }
+}
+
+void PortModel::add_observer(PortObserver& observer) {
+    observers_.push_back(&observer);
+}
+
+void PortModel::port_added(const Port& port) {
+    const auto [entry, fresh] = ports_.try_emplace(port.ifx, port);
+    if (!fresh) {
+        // A driver that has to read the whole switch again reports ports that are known.
+        port_changed(port);
+        return;
+    }
+    for (PortObserver* observer : observers_) {
+        observer->on_added(entry->second);
+    }
+}
+
+void PortModel::port_removed(uint32_t ifx) {
+    const auto found = ports_.find(ifx);
+    if (found == ports_.end()) {
+        return;
+    }
+    const Port gone = std::move(found->second);
+    ports_.erase(found);
+    for (PortObserver* observer : observers_) {
+        observer->on_removed(gone);
+    }
+}
+
+void PortModel::port_changed(const Port& port) {
+    const auto found = ports_.find(port.ifx);
+    if (found == ports_.end() || same(found->second, port)) {
+        return;
+    }
+    const Port before = std::exchange(found->second, port);
+    for (PortObserver* observer : observers_) {
+        observer->on_changed(before, found->second);
+    }
+}
+
+void PortModel::port_left_bridge(uint32_t ifx) {
+    const auto found = ports_.find(ifx);
+    if (found == ports_.end()) {
+        return;
+    }
+    found->second.mode = SWPORT_MODE_NONE;
+    for (PortObserver* observer : observers_) {
+        observer->on_left_bridge(found->second);
+    }
+}
+
+void PortModel::ports_complete() {
+    if (complete_) {
+        return;
+    }
+    complete_ = true;
+    for (PortObserver* observer : observers_) {
+        observer->on_complete();
+    }
+}
+
+}  // namespace qv
