@@ -1,0 +1,126 @@
+// Spine of the agent: start-up, readiness, object-database sessions, loop-entry publication, and
+// the list of ports that the saved configuration names before they exist.
+//
+// Everything but the command-delivery thread runs as callbacks of the thread master that `main`
+// drives. Unless a call says otherwise it belongs to the main thread.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstdint>
+
+#include "lda_list.h"
+#include "lda_msg.h"
+#include "qv/mom.h"
+#include "qv/thread.h"
+
+// ---- Constant after start-up ----
+extern const char* module_name;         // "lda"
+extern qv_thread_master* g_lda_master;  // the event loop; null before main has made it
+extern qv_mom_client* g_lda_global;     // the object-database client
+extern uint32_t g_flag;                 // start-up options; bit LDA_FLAG_NO_ROLE
+extern uint32_t db_array[3];            // the object databases in use: 4, 22, 3
+extern uint32_t db_num;                 // entries in db_array
+
+// Bit of g_flag: do not register with the redundancy service.
+inline constexpr uint32_t LDA_FLAG_NO_ROLE = 0x10;
+
+// ---- Main thread only ----
+extern qv_thread g_thread;  // the work at hand in the main loop
+// Readiness, 0 at start; the flags only ever rise.
+extern uint8_t cli_ready;        // the saved configuration has been replayed
+extern uint8_t mom_cfg_ready;    // configuration database connected
+extern uint8_t mom_local_ready;  // local database connected, its subscription placed
+extern uint8_t mom_app_ready;    // application database connected, stale loop entries purged
+extern uint8_t lsm_port_ready;   // all ports of the start are known
+extern uint8_t mom_storm_ready;  // the storm detector is up
+
+// ---- Guarded by the loop lock ----
+// Ports to be marked as shut down when they appear. The nodes have the shape of interface records
+// with only `ifx` and `is_shutdown` set.
+extern lda_list_t backup_node_list;
+
+// ---- Start-up ----
+
+// Gives the recovery time its default and creates the loop set, the pending-interface list and the
+// command queue. 0, or -1 when memory runs out, with nothing left behind but a stale pointer.
+int lda_init(void);
+
+// Role callback: builds the whole agent. Called at most once. Returns 0; a failure ends the
+// process with status -1.
+int hot_standby_callback(void);
+
+// Tells the CLI framework that the agent is ready, when all five conditions hold; again at each
+// later call.
+void lda_try_notify_cli_ready(void);
+// Readiness callback of the storm detector.
+void lda_storm_ready(void);
+
+// Hooks around the replay of the saved configuration.
+uint32_t lda_cli_reload_start_handle(uint32_t word);  // returns `word`
+void lda_cli_reload_end_handle(void);
+
+// ---- Loop table ----
+
+// Lock and unlock the loop set (recursive; any thread). Return the mutex call's result.
+int lda_loop_lock(void);
+int lda_loop_unlock(void);
+
+// The loop lock for the length of a block.
+class lda_loop_guard {
+ public:
+    lda_loop_guard() { lda_loop_lock(); }
+    ~lda_loop_guard() { lda_loop_unlock(); }
+    lda_loop_guard(const lda_loop_guard&) = delete;
+    lda_loop_guard& operator=(const lda_loop_guard&) = delete;
+};
+
+using lda_loop_visitor = uint32_t (*)(lda_intf_t* record, const uint32_t* argument);
+
+// Calls the visitor for every record in list order and returns the first for which it returned
+// non-zero, else null. The visitor may unlink and free its record. Takes no lock.
+lda_intf_t* lda_loop_result_walk(lda_loop_visitor visitor, const uint32_t* argument);
+
+// ---- Utilities ----
+
+// Makes a condition variable on the monotonic clock. 0 or -1. Any thread.
+int lda_pthread_cond_init(pthread_cond_t* cond);
+
+// The temporary directory directly followed by `name`, cut to 63 characters, in a static buffer
+// that the next call overwrites.
+char* lda_make_path(const char* name);
+
+// ---- Object-database sessions: 22 configuration, 3 local, 4 application ----
+
+// Open a session and set its callbacks. 0 or -1.
+int lda_mom_cfg_db_reg_callback(void);
+int lda_mom_local_db_reg_callback(void);
+int lda_mom_app_db_reg_callback(void);
+
+// Session callbacks; the argument is not used. Return 0.
+int lda_mom_cfg_db_connect(void* arg);
+int lda_mom_cfg_db_reconnect(void* arg);
+int lda_mom_cfg_db_disconnect(void* arg);
+int lda_mom_local_db_connect(void* arg);
+int lda_mom_local_db_reconnect(void* arg);
+int lda_mom_local_db_disconnect(void* arg);
+int lda_mom_app_db_connect(void* arg);
+int lda_mom_app_db_reconnect(void* arg);
+int lda_mom_app_db_disconnect(void* arg);
+
+// ---- Loop entries: p_app.lda_loop_entry in the application database ----
+
+// Publish and withdraw the entry of a looped port; withdraw all of them. 0, or -1 when the
+// database refuses.
+int lda_mom_set_loop_entry(lda_intf_t* record);
+int lda_mom_del_loop_entry(lda_intf_t* record);
+int lda_mom_del_all_loop_entry(void);
+
+// ---- Pending-interface list ----
+
+// Adds a port unless it is there already. Silent when memory runs out.
+void lda_back_node_add(uint32_t ifx);
+// 1 when the port is on the list, else 0.
+int lda_back_node_lookup(uint32_t ifx);
+// Removes the port, if it is there.
+void lda_back_node_del(uint32_t ifx);

@@ -1,0 +1,187 @@
+// Loop state of the ports: the loop set with its interface records, the recording of loop results,
+// policy execution with its timers, and the subscription to the peer protocol's loop reports.
+//
+// One interface record exists for every port that the port-state service has announced, and it
+// carries the loop state of both detection sources; a port "is in the loop table" while its
+// total_result is set. All state belongs to the main thread. The loop lock is taken where records
+// are linked and unlinked, and by the delivery thread, which looks records up and may set
+// is_shutdown; the main thread reads the list without it.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "lda_list.h"
+#include "qv/mom.h"
+#include "qv/thread.h"
+
+struct storm_loop_msg;
+
+inline constexpr size_t LDA_NAME_BYTES = 64;
+inline constexpr uint16_t LDA_LOOP_MAX = 10;  // ports in the loop table at a time
+
+// Detection sources.
+inline constexpr uint32_t LDA_SOURCE_TARN = 0;
+inline constexpr uint32_t LDA_SOURCE_STORM = 1;
+
+// Loop policies.
+inline constexpr uint32_t LDA_POLICY_DISABLED = 0;
+inline constexpr uint32_t LDA_POLICY_WARNING = 1;
+inline constexpr uint32_t LDA_POLICY_SHUT_ACCESS = 2;
+inline constexpr uint32_t LDA_POLICY_SHUT_HYBRID = 3;
+inline constexpr uint32_t LDA_POLICY_SHUT_ACCESS_HYBRID = 4;
+
+// Kinds of a loop notification.
+inline constexpr uint32_t LDA_NOTIFY_LOOP = 1;
+inline constexpr uint32_t LDA_NOTIFY_CLEAR = 2;
+
+// The loop set: created once by lda_init and never freed.
+struct lda_loop_set_t {
+    lda_list_t list;       // of lda_intf_t; linked and unlinked under `lock`
+    pthread_mutex_t lock;  // recursive; also guards backup_node_list
+    uint16_t intf_num;     // records in the list; changed under `lock`
+    uint16_t loop_num;     // records whose total_result is set; main thread
+    uint32_t policy;       // LDA_POLICY_*; main thread
+};
+
+// One port. Zero-filled heap block, owned by the loop set.
+struct lda_intf_t {
+    lda_list_t link;
+    qv_thread* clear_timer;     // pending clear timer, or null
+    uint32_t recover_ticks;     // 10-second ticks spent shut down by the agent
+    uint32_t ifx;               // interface index, the key; constant
+    char name[64];              // short interface name; constant
+    uint8_t total_result;       // 1 while the port is in the loop table
+    uint8_t tarn_result;        // result of source 0, the byte as reported
+    uint8_t storm_result;       // result of source 1
+    uint32_t spare_word;        // cleared with the results
+    qv_thread* shutdown_timer;  // cleared with the results; nothing arms it
+    // 1 while the agent holds the port shut down. Shared with the delivery thread: only through
+    // lda_intf_is_shutdown, lda_intf_set_shutdown and lda_intf_copy.
+    uint8_t is_shutdown;
+    uint32_t mode;        // VLAN mode: 1 access, 7 hybrid, others are never shut down
+    int32_t mode_arg;     // interface index of the aggregate port it is a member of, 0 for none
+    uint32_t vsl_member;  // 1 once the port has become a virtual-switch-link port
+};
+static_assert(sizeof(lda_intf_t) == 128);
+static_assert(offsetof(lda_intf_t, link) == 0 && offsetof(lda_intf_t, clear_timer) == 16);
+static_assert(offsetof(lda_intf_t, ifx) == 28 && offsetof(lda_intf_t, name) == 32);
+static_assert(offsetof(lda_intf_t, tarn_result) == offsetof(lda_intf_t, total_result) + 1);
+static_assert(offsetof(lda_intf_t, storm_result) == offsetof(lda_intf_t, total_result) + 2);
+static_assert(offsetof(lda_intf_t, is_shutdown) == 112 && offsetof(lda_intf_t, vsl_member) == 124);
+
+// Recovery time of ports that were shut down.
+struct lda_recover_time_t {
+    uint32_t time;     // seconds
+    uint8_t enabled;   // 0: recover at the next tick
+    uint8_t spare[3];  // 0
+};
+static_assert(sizeof(lda_recover_time_t) == 8);
+
+// One looped port as lda_all_loop_result_get hands it out.
+struct lda_loop_result_t {
+    char name[LDA_NAME_BYTES];
+    uint8_t tarn_result;
+    uint8_t storm_result;
+    uint8_t is_shutdown;
+    uint32_t policy;  // 1 when the current policy shuts ports of this mode down, else 0
+};
+static_assert(sizeof(lda_loop_result_t) == 72 && offsetof(lda_loop_result_t, policy) == 68);
+
+// ---- Created by lda_init, constant afterwards ----
+extern lda_loop_set_t* g_lda_loop_set;
+// ---- Main thread only ----
+extern lda_recover_time_t g_lda_recover_time;
+extern int32_t g_lda_clear_interval;  // seconds, 60 unless a debug command changes it
+
+// ---- Fields shared with the delivery thread ----
+
+// The main thread reads and writes is_shutdown without the loop lock, the delivery thread sets it
+// under the lock. The byte stands alone, so relaxed order is enough.
+inline uint8_t lda_intf_is_shutdown(const lda_intf_t* record) {
+    return std::atomic_ref(const_cast<uint8_t&>(record->is_shutdown))
+        .load(std::memory_order_relaxed);
+}
+
+inline void lda_intf_set_shutdown(lda_intf_t* record, uint8_t is_shutdown) {
+    std::atomic_ref(record->is_shutdown).store(is_shutdown, std::memory_order_relaxed);
+}
+
+// A full copy of a record, the starting point of a proposed change.
+lda_intf_t lda_intf_copy(const lda_intf_t* record);
+
+// ---- Records and settings ----
+
+// The global policy, without the loop lock.
+void lda_loop_detect_ptype_set(uint32_t policy);
+uint32_t lda_loop_detect_ptype_get(void);
+
+// True when `policy` shuts ports of VLAN mode `mode` down.
+bool lda_policy_shuts_mode(uint32_t policy, uint32_t mode);
+// True for the modes on which a shutdown policy can act, access and hybrid.
+bool lda_mode_is_shuttable(uint32_t mode);
+// 1 when the current policy would shut this port down, else 0.
+uint32_t lda_intf_policy_get(const lda_intf_t* record);
+
+void lda_cli_recover_time_set(uint32_t time, uint8_t enabled);
+// Seconds, 0 while recovery is disabled.
+uint32_t lda_cli_recover_time_get(void);
+
+// The record of a port, or null. Valid until the port is deleted. The delivery thread calls it
+// under the loop lock.
+lda_intf_t* lda_loop_result_get(uint32_t ifx);
+
+// Fills `array`, which has room for LDA_LOOP_MAX entries, with the looped ports in list order;
+// returns how many. 0 while detection is disabled.
+int lda_all_loop_result_get(lda_loop_result_t* array);
+
+// Takes over a record that is in no list any more: frees it, or keeps it until its pending clear
+// timer has fired.
+void lda_intf_release(lda_intf_t* record);
+
+// ---- Recording of results ----
+
+// Records what a source reports of a port (0 no loop, else loop). Reports for unknown ports are
+// dropped.
+void lda_loop_result_set(uint32_t source, uint8_t result, uint32_t ifx);
+// The same for the storm detector. Returns 0.
+int lda_loop_result_set_for_storm(const storm_loop_msg* report);
+
+// Puts a port into the loop table, or reports that the table is full.
+void lda_loop_result_add(lda_intf_t* record);
+
+// Clear timer of a port (the timer's argument is its record): takes it out of the loop table.
+// Returns 0, or -1 without an argument.
+int lda_intf_loop_clear(qv_thread* timer);
+
+// Notifies a loop (LDA_NOTIFY_LOOP) or its end (LDA_NOTIFY_CLEAR) and publishes or withdraws the
+// port's loop entry. Other kinds do nothing.
+void lda_loop_result_send_ntf(uint32_t kind, lda_intf_t* record);
+
+// Resets the loop state of every port, loop_num and the policy, without any message.
+void lda_all_loop_result_clear(void);
+
+// ---- Policy execution and timers ----
+
+// Applies the policy to a looped port; `again` is 1 when the source already held a loop.
+void lda_loop_exec_policy(lda_intf_t* record, uint32_t again);
+
+// Arms the clear timer of a port that is quiet, not held shut down and has none pending.
+void lda_clear_loop_timer(lda_intf_t* record);
+
+// Arms the first recovery tick.
+void lda_loop_policy_timer(void);
+// Recovery tick: every 10 seconds counts and recovers the ports that are held shut down. Returns 0,
+// or -1, without another tick, when called without a timer.
+int lda_intf_shutdown_timer_call(qv_thread* timer);
+
+// ---- Peer loop reports ----
+
+// Subscribes to p_bridge.tarn_loop_info in the application database. Returns 0 whatever the
+// database answers.
+int lda_tarn_mom_reg_subscribe(void);
+// Takes one message of that subscription. Returns 0, or -1 for a bad call or an empty message.
+int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* message);
