@@ -1,0 +1,115 @@
+// qv/zlog.h over the zlog library: one category, one rotating file.
+#include "qv/zlog.h"
+
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <zlog.h>
+
+#include "platform/client/platform.h"
+#include "qv/syslog.h"
+
+struct qv_zlog_category {
+    std::string name;
+    zlog_category_t* file;  // null: lines are dropped
+};
+
+namespace {
+
+// What one name may grow to on disk: the current file and this many old ones, NAME.0.log the
+// oldest.
+constexpr char kRotation[] = "1MB * 4";
+
+// The library reads the path from its own configuration text, where a blank, a quote or a percent
+// sign means something else. Control bytes have no business in a path either.
+bool plain(std::string_view text) {
+    for (const char c : text) {
+        if (c <= ' ' || c == '"' || c == '%' || c == '$' || c == 0x7f) {
+            return false;
+        }
+    }
+    return !text.empty();
+}
+
+// Opens the file for a moment, since the library does not tell why it could not. 0 or errno.
+int try_open(const std::string& path) {
+    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        return errno;
+    }
+    close(fd);
+    return 0;
+}
+
+std::string configuration(const std::string& directory, const std::string& name) {
+    const std::string base = directory + "/" + name;
+    std::string text = "[global]\nstrict init = true\nbuffer min = 1024\nbuffer max = 64KB\n";
+    // The library's own default is one lock file for every user of the machine in /tmp.
+    text += "rotate lock file = " + directory + "/." + name + ".lock\n";
+    text += "[formats]\nline = \"%d(%F %T).%ms %V %m\"\n";
+    text += "[rules]\n" + name + ".* \"" + base + ".log\", " + kRotation;
+    text += " ~ \"" + base + ".#r.log\"; line\n";
+    return text;
+}
+
+zlog_category_t* open_category(const std::string& directory, const std::string& name) {
+    const std::string path = directory + "/" + name + ".log";
+    std::string reason;
+    if (!plain(directory) || !plain(name) || name.find('/') != std::string::npos) {
+        reason = "the name has a character that is not allowed";
+    } else if (const int error = try_open(path); error != 0) {
+        reason = std::strerror(error);
+    } else if (zlog_init_from_string(configuration(directory, name).c_str()) != 0) {
+        reason = "the log library refused its configuration";
+    } else if (zlog_category_t* category = zlog_get_category(name.c_str())) {
+        return category;
+    } else {
+        zlog_fini();
+        reason = "the log library has no such category";
+    }
+    printk_syslog(SYSLOG_SEVERITY_ERROR, "LOG", "OPEN", "Cannot open log file %s: %s", path.c_str(),
+                  reason.c_str());
+    return nullptr;
+}
+
+}  // namespace
+
+qv_zlog_category* qv_zlog_init(const char* name) {
+    static qv_zlog_category* category = nullptr;  // for the life of the process
+    if (name == nullptr) {
+        return nullptr;
+    }
+    if (category != nullptr) {
+        return category->name == name ? category : nullptr;
+    }
+    const std::string& directory = qv::platform().config().log_dir;
+    zlog_category_t* file = nullptr;
+    if (!directory.empty()) {
+        file = open_category(directory, name);
+        if (file == nullptr) {
+            return nullptr;
+        }
+    }
+    category = new qv_zlog_category{name, file};
+    return category;
+}
+
+void qvdf_zlog(qv_zlog_category* category, const char* file, const char* function, long line,
+               int level, const char* text) {
+    // The library looks a level up in a table of 256 bits without a check of its own, and follows a
+    // null category.
+    if (category == nullptr || category->file == nullptr || text == nullptr || level < 1 ||
+        level > 254) {
+        return;
+    }
+    const char* const source = file != nullptr ? file : "";
+    const char* const caller = function != nullptr ? function : "";
+    const size_t length = std::strlen(text);
+    const char* const end = length > 0 && text[length - 1] == '\n' ? "" : "\n";
+    zlog(category->file, source, std::strlen(source), caller, std::strlen(caller), line, level,
+         "%s%s", text, end);
+}

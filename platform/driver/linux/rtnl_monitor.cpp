@@ -1,0 +1,173 @@
+#include "platform/driver/linux/rtnl_monitor.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <stdexcept>
+#include <string>
+
+#include <linux/rtnetlink.h>
+#include <netlink/errno.h>
+#include <netlink/msg.h>
+#include <netlink/netlink.h>
+#include <netlink/socket.h>
+#include <sys/socket.h>
+
+#include "qv/syslog.h"
+
+namespace qv {
+namespace {
+
+// Largest datagram: the kernel fills dumps into at most 32 KiB.
+constexpr size_t kDatagramBytes = 64 << 10;
+// Least time between two full readings, so that a storm of changes does not become one of readings.
+constexpr std::chrono::milliseconds kResyncPause{100};
+constexpr std::chrono::seconds kReopenPause{1};
+
+struct FreeBytes {
+    void operator()(unsigned char* bytes) const { std::free(bytes); }
+};
+
+void check(int result, const char* what) {
+    if (result < 0) {
+        throw std::runtime_error(std::string("rtnetlink: ") + what + ": " + nl_geterror(result));
+    }
+}
+
+}  // namespace
+
+void NlSocketFree::operator()(nl_sock* socket) const {
+    nl_socket_free(socket);
+}
+
+NlSocket open_rtnl_socket() {
+    NlSocket socket(nl_socket_alloc());
+    if (!socket) {
+        throw std::runtime_error("rtnetlink: out of memory");
+    }
+    check(nl_connect(socket.get(), NETLINK_ROUTE), "connect");
+    return socket;
+}
+
+RtnlMonitor::RtnlMonitor(EventLoop& loop, int receive_buffer)
+    : loop_(loop), receive_buffer_(receive_buffer), socket_(open_socket()) {}
+
+NlSocket RtnlMonitor::open_socket() const {
+    NlSocket socket = open_rtnl_socket();
+    // Beyond the system's limit where we may; the limit itself where we may not.
+    const int fd = nl_socket_get_fd(socket.get());
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer_, sizeof receive_buffer_) != 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer_, sizeof receive_buffer_);
+    }
+    nl_socket_disable_msg_peek(socket.get());
+    check(nl_socket_set_msg_buf_size(socket.get(), kDatagramBytes), "buffer");
+    check(nl_socket_set_nonblocking(socket.get()), "non-blocking");
+    check(nl_socket_add_memberships(socket.get(), RTNLGRP_LINK, 0), "group");
+    return socket;
+}
+
+void RtnlMonitor::start(Listener& listener) {
+    listener_ = &listener;
+    read_all();
+}
+
+void RtnlMonitor::read_all() {
+    const int fd = nl_socket_get_fd(socket_.get());
+    watch_ = loop_.watch(fd, true, false, [this](EventLoop::Ready) { drain(); });
+    request_dump();
+}
+
+void RtnlMonitor::request_dump() {
+    dump_interrupted_ = false;
+    listener_->on_dump_begin();
+    ifinfomsg all{};
+    const int sent = nl_send_simple(socket_.get(), RTM_GETLINK, NLM_F_DUMP, &all, sizeof all);
+    if (sent < 0) {
+        resync(nl_geterror(sent));
+    }
+}
+
+void RtnlMonitor::drain() {
+    while (socket_) {
+        sockaddr_nl sender{};
+        unsigned char* bytes = nullptr;
+        int left = nl_recv(socket_.get(), &sender, &bytes, nullptr);
+        const std::unique_ptr<unsigned char, FreeBytes> owner(bytes);
+        if (left == 0 || left == -NLE_AGAIN) {
+            return;
+        }
+        if (left < 0) {
+            // -NLE_NOMEM is ENOBUFS: the kernel had no room for a notification.
+            resync(left == -NLE_NOMEM ? "notifications were lost" : nl_geterror(left));
+            return;
+        }
+        if (sender.nl_pid != 0) {
+            continue;  // not from the kernel
+        }
+        nlmsghdr* header = reinterpret_cast<nlmsghdr*>(bytes);
+        for (; socket_ && nlmsg_ok(header, left); header = nlmsg_next(header, &left)) {
+            handle(header);
+        }
+    }
+}
+
+void RtnlMonitor::handle(nlmsghdr* header) {
+    if ((header->nlmsg_flags & NLM_F_DUMP_INTR) != 0) {
+        dump_interrupted_ = true;
+    }
+    if (header->nlmsg_type == NLMSG_DONE) {
+        handle_dump_done(header);
+    } else if (header->nlmsg_type == NLMSG_ERROR) {
+        resync("the reading was refused");  // no acknowledgement is ever asked for here
+    } else if (const auto message = parse_link(header)) {
+        listener_->on_link(*message);
+    }
+}
+
+void RtnlMonitor::handle_dump_done(nlmsghdr* header) {
+    int error = 0;
+    if (nlmsg_datalen(header) >= static_cast<int>(sizeof error)) {
+        std::memcpy(&error, nlmsg_data(header), sizeof error);
+    }
+    if (error < 0) {
+        resync(std::strerror(-error));
+    } else if (dump_interrupted_) {
+        request_dump();
+    } else {
+        logged_trouble_.clear();
+        listener_->on_dump_end();
+    }
+}
+
+void RtnlMonitor::log_trouble(const std::string& reason) {
+    if (logged_trouble_ != reason) {
+        logged_trouble_ = reason;
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "PORT", "RESYNC", "Reading all links again: %s",
+                      reason.c_str());
+    }
+}
+
+// A fresh socket has neither a half-read dump nor notifications older than the loss.
+void RtnlMonitor::resync(const std::string& reason) {
+    log_trouble(reason);
+    watch_.reset();
+    socket_.reset();
+    const Time due = last_resync_ + kResyncPause;
+    const Time now = loop_.clock().now();
+    reopening_ = loop_.after(std::max(due - now, Duration::zero()), [this] { reopen(); });
+}
+
+void RtnlMonitor::reopen() {
+    last_resync_ = loop_.clock().now();
+    try {
+        socket_ = open_socket();
+    } catch (const std::runtime_error& error) {
+        log_trouble(error.what());
+        reopening_ = loop_.after(kReopenPause, [this] { reopen(); });
+        return;
+    }
+    ++resyncs_;
+    read_all();
+}
+
+}  // namespace qv

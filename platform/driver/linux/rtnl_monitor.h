@@ -1,0 +1,70 @@
+// The kernel's link messages of one network namespace: one full reading, then every change.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "platform/client/event_loop.h"
+#include "platform/driver/linux/rtnl_link.h"
+
+struct nl_sock;
+struct nlmsghdr;
+
+namespace qv {
+
+struct NlSocketFree {
+    void operator()(nl_sock* socket) const;
+};
+using NlSocket = std::unique_ptr<nl_sock, NlSocketFree>;
+
+// A socket connected to rtnetlink; throws std::runtime_error with the reason.
+NlSocket open_rtnl_socket();
+
+// Loop thread only.
+class RtnlMonitor {
+ public:
+    // Hears everything from the loop, but for the first on_dump_begin.
+    class Listener {
+     public:
+        virtual ~Listener() = default;
+        // All links there are follow, each at least once and mixed with changes, up to the end. A
+        // beginning without an end before it starts over.
+        virtual void on_dump_begin() = 0;
+        virtual void on_dump_end() = 0;
+        virtual void on_link(const LinkMessage& message) = 0;
+    };
+
+    // Opens the socket, with room for `receive_buffer` bytes; throws std::runtime_error.
+    RtnlMonitor(EventLoop& loop, int receive_buffer);
+
+    // Once. The listener stays the caller's and must outlive the monitor.
+    void start(Listener& listener);
+
+    // How often everything was read again.
+    unsigned resyncs() const { return resyncs_; }
+
+ private:
+    NlSocket open_socket() const;
+    void read_all();
+    void request_dump();
+    void drain();
+    void handle(nlmsghdr* header);
+    void handle_dump_done(nlmsghdr* header);
+    void resync(const std::string& reason);
+    void log_trouble(const std::string& reason);
+    void reopen();
+
+    EventLoop& loop_;
+    const int receive_buffer_;
+    Listener* listener_ = nullptr;
+    NlSocket socket_;              // null while waiting to be opened again
+    EventLoop::Handle watch_;      // on the descriptor of socket_: goes before it
+    EventLoop::Handle reopening_;  // pending while socket_ is null
+    Time last_resync_{};
+    unsigned resyncs_ = 0;
+    bool dump_interrupted_ = false;  // links came or went in mid-dump, one may be missing in it
+    std::string logged_trouble_;     // said since the last complete dump, so said once
+};
+
+}  // namespace qv
