@@ -12,6 +12,13 @@ inline void lda_list_init(lda_list_t* head) {
     head->prev = head;
 }
 
+inline void lda_list_add_head(lda_list_t* head, lda_list_t* node) {
+    node->next = head->next;
+    node->prev = head;
+    head->next->prev = node;
+    head->next = node;
+}
+
 inline void lda_list_add_tail(lda_list_t* head, lda_list_t* node) {
     node->next = head;
     node->prev = head->prev;

@@ -12,18 +12,15 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "lda_list.h"
 #include "qv/cli.h"
 
-// Link pair at the start of every record, and head of every list. An empty head points to itself.
-// Records are zero-filled heap blocks owned by their list.
-struct storm_links {
-    storm_links* next;
-    storm_links* prev;
-};
+// Records of all three lists are zero-filled heap blocks that begin with their links, owned by
+// their list.
 
 // An interface on which "storm-loop-detect enable" is in force.
 struct storm_ifx_info {
-    storm_links links;
+    lda_list_t links;
     uint32_t ifx;
     uint32_t reserved;  // 0
 };
@@ -31,7 +28,7 @@ static_assert(sizeof(storm_ifx_info) == 24);
 
 // A "storm-loop-rate" setting of an interface.
 struct storm_rate_info {
-    storm_links links;
+    lda_list_t links;
     uint32_t rate;   // packets per second, 1 to 1000000
     uint32_t burst;  // packets, 32 to 10000; 0 when the command gave none
     uint32_t ifx;
@@ -41,7 +38,7 @@ static_assert(sizeof(storm_rate_info) == 32);
 
 // A forwarding-plane port whose counting rule is installed. Main thread only, no lock.
 struct storm_port_info {
-    storm_links links;
+    lda_list_t links;
     // The rule, as installed.
     int32_t rate;     // packets per second
     uint32_t burst;   // packets, never 0
@@ -68,27 +65,18 @@ static_assert(offsetof(storm_port_info, cur_packet_count) == 72);
 
 // The lists' elements are standard-layout records that begin with their links.
 template <class Record>
-Record* storm_record(storm_links* links) {
+Record* storm_record(lda_list_t* links) {
     return reinterpret_cast<Record*>(links);
 }
-
-void storm_list_init(storm_links* head);
-void storm_list_add_front(storm_links* head, storm_links* node);
-// Takes `node` out of its list; the caller then owns it.
-void storm_list_unlink(storm_links* node);
 
 // Defaults of an interface without a rate setting: the rate is g_pps_value (storm_detect.h).
 inline constexpr uint32_t STORM_DEFAULT_BURST = 1024;
 
 extern pthread_mutex_t g_libstorm_mutex;
-extern storm_links g_libstorm_head;       // of storm_ifx_info
-extern storm_links g_libstorm_rate_head;  // of storm_rate_info
-extern storm_links storm_port_head;       // of storm_port_info
-extern uint32_t storm_port_num;           // records in storm_port_head
-
-// Parse nodes that a test or another tree starts from; the rest of the two trees hangs on them.
-extern const cli_node Tcfg_port_std_cmd;
-extern const cli_node Tcfg_port_rate_cmd;
+extern lda_list_t g_libstorm_head;       // of storm_ifx_info
+extern lda_list_t g_libstorm_rate_head;  // of storm_rate_info
+extern lda_list_t storm_port_head;       // of storm_port_info
+extern uint32_t storm_port_num;          // records in storm_port_head
 
 // Registers the two command trees at attachment point 59, then makes the mutex and, only when that
 // succeeds, the two empty configuration lists. A tree that is refused is reported on the command
@@ -118,7 +106,7 @@ void storm_del_list(uint32_t ifx);
 // detection removed with event 2; `msg` begins with the interface index. Other events do nothing.
 void libp_policy_std_lsm_msg_handler(uint32_t event, void* msg);
 
-// Visibility tests of the trees: non-zero offers the commands to the interface or range.
+// Visibility of the trees: non-zero offers the commands to the interface, or to the range.
 int testfunc_cfg_storm(cli_pcdb* pcdb);
 int testfunc_cfg_rate(cli_pcdb* pcdb);
 int storm_cfg_intf_mode_select(cli_pcdb* pcdb);

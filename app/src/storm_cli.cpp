@@ -1,0 +1,266 @@
+// Per-interface storm configuration: two lists, two commands, and the way from there to the rules.
+//
+// The command handlers, the port-manager handler and storm_del_list change the lists, all under
+// g_libstorm_mutex; the mutex is recursive because a change reaches the forwarding plane while it
+// is held, and a failed rule comes back through storm_del_list. The commands of one interface may
+// be given in any order: a rate setting made before detection is enabled is stored and used then.
+#include "storm_cli.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "app_debug.h"
+#include "qv/lsm.h"
+#include "storm_detect.h"
+
+pthread_mutex_t g_libstorm_mutex = PTHREAD_MUTEX_INITIALIZER;
+lda_list_t g_libstorm_head = {&g_libstorm_head, &g_libstorm_head};
+lda_list_t g_libstorm_rate_head = {&g_libstorm_rate_head, &g_libstorm_rate_head};
+lda_list_t storm_port_head = {&storm_port_head, &storm_port_head};
+uint32_t storm_port_num;
+
+namespace {
+
+// Interface types of a range on which the commands are offered.
+constexpr uint32_t kRangeTypeMask = 0x18050187;
+constexpr uint32_t kFirstPortType = 2;
+constexpr uint32_t kLastPortType = 10;
+
+constexpr uint32_t kRateSlot = 0;
+constexpr uint32_t kBurstSlot = 1;
+
+class StormLock {
+ public:
+    StormLock() { pthread_mutex_lock(&g_libstorm_mutex); }
+    ~StormLock() { pthread_mutex_unlock(&g_libstorm_mutex); }
+    StormLock(const StormLock&) = delete;
+    StormLock& operator=(const StormLock&) = delete;
+};
+
+// The entry of an interface, or null. The caller holds the lock.
+storm_ifx_info* find_ifx_info(uint32_t ifx) {
+    for (lda_list_t* node = g_libstorm_head.next; node != &g_libstorm_head; node = node->next) {
+        auto* info = storm_record<storm_ifx_info>(node);
+        if (info->ifx == ifx) {
+            return info;
+        }
+    }
+    return nullptr;
+}
+
+void drop_ifx_info(storm_ifx_info* info) {
+    lda_list_unlink(&info->links);
+    free(info);
+}
+
+void drop_rate_info(storm_rate_info* info) {
+    lda_list_unlink(&info->links);
+    free(info);
+}
+
+bool is_default_rate(uint32_t rate, uint32_t burst) {
+    return burst == STORM_DEFAULT_BURST && rate == g_pps_value;
+}
+
+// A change of a setting that exists.
+void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32_t burst,
+                      bool set) {
+    const uint32_t ifx = info->ifx;
+    if (!set) {
+        drop_rate_info(info);
+        if (enabled) {
+            storm_set_rate_burst(ifx, g_pps_value, STORM_DEFAULT_BURST, true);
+        } else {
+            storm_set_rate_burst(ifx, rate, burst, false);
+        }
+        return;
+    }
+    if (enabled && is_default_rate(rate, burst)) {
+        drop_rate_info(info);
+        storm_set_rate_burst(ifx, g_pps_value, STORM_DEFAULT_BURST, true);
+        return;
+    }
+    info->rate = rate;
+    info->burst = burst;
+    if (enabled) {
+        storm_set_rate_burst(ifx, rate, burst, true);
+    }
+}
+
+// A new setting, also one that equals the defaults. False without memory.
+bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst) {
+    auto* info = static_cast<storm_rate_info*>(calloc(1, sizeof(storm_rate_info)));
+    if (info == nullptr) {
+        return false;
+    }
+    info->rate = rate;
+    info->burst = burst;
+    info->ifx = ifx;
+    lda_list_add_head(&g_libstorm_rate_head, &info->links);
+    return true;
+}
+
+bool is_generating(const cli_pcdb* pcdb) {
+    return (pcdb->flags & CLI_FLAGS_GENERATING) != 0;
+}
+
+bool has_prefix(const cli_pcdb* pcdb) {
+    return (pcdb->prefix & (CLI_PREFIX_NO | CLI_PREFIX_DEFAULT)) != 0;
+}
+
+}  // namespace
+
+storm_rate_info* storm_find_rate(uint32_t ifx) {
+    for (lda_list_t* node = g_libstorm_rate_head.next; node != &g_libstorm_rate_head;
+         node = node->next) {
+        auto* info = storm_record<storm_rate_info>(node);
+        if (info->ifx == ifx) {
+            return info;
+        }
+    }
+    return nullptr;
+}
+
+void storm_set(uint32_t ifx, bool enable) {
+    const StormLock lock;
+    storm_rate_info* rate_info = storm_find_rate(ifx);
+    storm_ifx_info* ifx_info = find_ifx_info(ifx);
+    if (ifx_info != nullptr) {
+        if (!enable) {
+            drop_ifx_info(ifx_info);
+            storm_set_rate_burst(ifx, 0, 0, false);
+        }
+        return;
+    }
+    if (!enable) {
+        return;
+    }
+    ifx_info = static_cast<storm_ifx_info*>(calloc(1, sizeof(storm_ifx_info)));
+    // Kept on purpose: without memory the rule is installed all the same, only unlisted.
+    if (ifx_info != nullptr) {
+        ifx_info->ifx = ifx;
+        lda_list_add_head(&g_libstorm_head, &ifx_info->links);
+    }
+    uint32_t rate = g_pps_value;
+    uint32_t burst = STORM_DEFAULT_BURST;
+    if (rate_info != nullptr) {
+        rate = rate_info->rate;
+        burst = rate_info->burst;
+        if (is_default_rate(rate, burst)) {
+            drop_rate_info(rate_info);
+        }
+    }
+    storm_set_rate_burst(ifx, rate, burst, true);
+}
+
+void storm_set_burst_limit(uint32_t ifx, uint32_t rate, uint32_t burst, bool set) {
+    const StormLock lock;
+    storm_rate_info* rate_info = storm_find_rate(ifx);
+    const bool enabled = find_ifx_info(ifx) != nullptr;
+    if (rate_info != nullptr) {
+        change_rate_info(rate_info, enabled, rate, burst, set);
+        return;
+    }
+    if (!set) {
+        return;
+    }
+    if (enabled && is_default_rate(rate, burst)) {
+        return;
+    }
+    if (!add_rate_info(ifx, rate, burst)) {
+        printf("## [%s] [%d] no mem", __func__, __LINE__);
+        return;
+    }
+    if (enabled) {
+        storm_set_rate_burst(ifx, rate, burst, true);
+    }
+}
+
+void storm_del_list(uint32_t ifx) {
+    APP_INFO("enter ifx %d", ifx);
+    {
+        const StormLock lock;
+        if (storm_ifx_info* info = find_ifx_info(ifx); info != nullptr) {
+            drop_ifx_info(info);
+            APP_INFO("release storm_ifx_info");
+        }
+        if (storm_rate_info* info = storm_find_rate(ifx); info != nullptr) {
+            drop_rate_info(info);
+            APP_INFO("release storm_rate_info");
+        }
+    }
+    APP_INFO("exit");
+}
+
+void libp_policy_std_lsm_msg_handler(uint32_t event, void* msg) {
+    if (msg == nullptr) {
+        printf("std:receive lsm event=%d, msgp=NULL\n", event);
+        return;
+    }
+    if (event != LSM_EVENT_DEFAULT) {
+        return;
+    }
+    uint32_t ifx;
+    memcpy(&ifx, msg, sizeof(ifx));
+    storm_set_burst_limit(ifx, 0, 0, false);
+    const StormLock lock;
+    if (storm_ifx_info* info = find_ifx_info(ifx); info != nullptr) {
+        drop_ifx_info(info);
+        storm_set_rate_burst(ifx, 0, 0, false);
+    }
+}
+
+int cfg_port_enable_storm(cli_pcdb* pcdb) {
+    const auto ifx = static_cast<uint32_t>(pcdb->ifx);
+    if (is_generating(pcdb)) {
+        const StormLock lock;
+        if (find_ifx_info(ifx) != nullptr) {
+            c2p_printf(pcdb, 1, "storm-loop-detect enable");
+        }
+        return 0;
+    }
+    storm_set(ifx, !has_prefix(pcdb));
+    return 0;
+}
+
+int cfg_port_set_storm_burst_limit(cli_pcdb* pcdb) {
+    const auto ifx = static_cast<uint32_t>(pcdb->ifx);
+    if (!is_generating(pcdb)) {
+        storm_set_burst_limit(ifx, static_cast<uint32_t>(pcdb->number[kRateSlot]),
+                              static_cast<uint32_t>(pcdb->number[kBurstSlot]), !has_prefix(pcdb));
+        return 0;
+    }
+    const StormLock lock;
+    const storm_rate_info* info = storm_find_rate(ifx);
+    if (info == nullptr) {
+        return 0;
+    }
+    if (info->burst == 0) {
+        c2p_printf(pcdb, 1, "storm-loop-rate ratelimit %d", info->rate);
+    } else {
+        c2p_printf(pcdb, 1, "storm-loop-rate ratelimit %d burst %d", info->rate, info->burst);
+    }
+    return 0;
+}
+
+int storm_cfg_intf_mode_select(cli_pcdb* pcdb) {
+    if (strcmp(pcdb->mode, "ifrange") == 0) {
+        return (pcdb->ifrange_types & kRangeTypeMask) != 0;
+    }
+    const auto ifx = static_cast<uint32_t>(pcdb->ifx);
+    const lsm_intfcb* intfcb = lsm_get_intfcb(ifx);
+    if (intfcb != nullptr && (intfcb->flags & LSM_INTFCB_FLAG_SWITCHPORT) != 0) {
+        return 1;
+    }
+    const uint32_t type = lsm_if_get_type(ifx);
+    return type >= kFirstPortType && type <= kLastPortType;
+}
+
+int testfunc_cfg_storm(cli_pcdb* pcdb) {
+    return storm_cfg_intf_mode_select(pcdb);
+}
+
+int testfunc_cfg_rate(cli_pcdb* pcdb) {
+    return storm_cfg_intf_mode_select(pcdb);
+}
