@@ -185,6 +185,12 @@ struct ZlogLine {
     std::string text;  // as written
 };
 std::vector<ZlogLine> zlog_lines();
+// The line of a log text: zlog(40, "main", "ready\n") is
+// "zlog 40 main \"<main:#> ready\\n\"".
+std::string zlog(int level, const std::string& function, const std::string& text);
+std::string info(const std::string& function, const std::string& text);   // level 40
+std::string warn(const std::string& function, const std::string& text);   // level 80
+std::string error(const std::string& function, const std::string& text);  // level 100
 // The category that qv_zlog_init gives; logging needs it in the agent's category.
 qv_zlog_category* zlog_category();
 

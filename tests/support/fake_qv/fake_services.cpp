@@ -42,6 +42,23 @@ std::vector<ZlogLine> zlog_lines() {
     return state().zlog;
 }
 
+std::string zlog(int level, const std::string& function, const std::string& text) {
+    return "zlog " + std::to_string(level) + " " + function + " " +
+           quoted("<" + function + ":#> " + text);
+}
+
+std::string info(const std::string& function, const std::string& text) {
+    return zlog(QV_ZLOG_INFO, function, text);
+}
+
+std::string warn(const std::string& function, const std::string& text) {
+    return zlog(QV_ZLOG_WARN, function, text);
+}
+
+std::string error(const std::string& function, const std::string& text) {
+    return zlog(QV_ZLOG_ERROR, function, text);
+}
+
 qv_zlog_category* zlog_category() {
     static qv_zlog_category category{0};
     return &category;
