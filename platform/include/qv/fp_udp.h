@@ -103,9 +103,10 @@ inline constexpr uint32_t FP_APPLY_PRIORITY = 4;
 // The operations, in the slots that programs built against this service expect. `context` is the
 // object-database client that registered the handler table. Operations answer 0 when they are taken
 // (the result follows), else an error number (and nothing follows): EINVAL for an application that
-// is not registered, ENOENT for an ACL or entry that does not exist, EEXIST for one that does.
+// is not registered, ENOENT for an ACL, entry or apply that does not exist. The result of an object
+// that was removed or replaced meanwhile is dropped.
 struct fp_udp_mgr {
-    // 0: makes an empty ACL. Creating one that exists answers 0 and leaves it as it is.
+    // 0: makes an empty ACL. One that exists stays as it is; that is a success.
     int (*acl_create)(qv_mom_client* context, const fp_acl_key* key);
     // 1: removes an ACL with its entries and applies. No result follows.
     int (*acl_delete)(qv_mom_client* context, const fp_acl_key* key);
@@ -116,7 +117,8 @@ struct fp_udp_mgr {
     void (*reserved_3)(void);
     void (*reserved_4)(void);
     void (*reserved_5)(void);
-    // 6: adds a copy of the entry at the end of the ACL.
+    // 6: adds a copy of the entry at the end of the ACL. The first entry decides what an apply
+    // matches.
     int (*entry_add)(qv_mom_client* context, const fp_acl_key* key, const fp_entry* entry);
     // 7: removes the entry with this index, counted from 0. No result follows.
     int (*entry_delete)(qv_mom_client* context, const fp_acl_key* key, uint32_t index);

@@ -1,0 +1,107 @@
+// The forwarding plane of the embedded switch: rules on its ports, traffic at a scripted rate.
+//
+// Everything happens on a tick of one second, which runs while there is anything to do: answers
+// that are due are given, then the counters of the installed rules are reported. Traffic that the
+// rules are about is what set_rate() says, in frames of 64 bytes; a port's rule counts all of it
+// and its meter lets a part pass.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <vector>
+
+#include "platform/client/event_loop.h"
+#include "platform/driver/forwarding_driver.h"
+
+namespace qv {
+
+// Loop thread only.
+class EmbeddedForwarding final : public ForwardingDriver {
+ public:
+    static constexpr std::chrono::seconds kTick{1};
+    static constexpr uint64_t kFrameBytes = 64;
+
+    // Kinds of requests, for scripted failures.
+    enum class Request { kAcl, kEntry, kApply };
+
+    // What became of a port's flooded frames since its rule was installed.
+    struct Traffic {
+        uint64_t counted = 0;
+        uint64_t passed = 0;
+        uint64_t dropped = 0;
+    };
+
+    using PortExists = std::function<bool(uint32_t phyid)>;
+
+    // The loop must outlive the plane. Rules on ports that `port_exists` denies are refused with
+    // ENODEV.
+    EmbeddedForwarding(EventLoop& loop, PortExists port_exists);
+
+    void start(ForwardingSink& sink) override;
+    void reserve(ForwardingId id, Table table) override;
+    void install(ForwardingId id, std::optional<uint32_t> phyid,
+                 const ForwardingRule& rule) override;
+    void remove(ForwardingId id) override;
+    void remove_leftovers() override;
+
+    // Flooded frames per second on a port from now on.
+    void set_rate(uint32_t phyid, uint64_t pps);
+
+    // The next `count` requests of this kind fail with `error`.
+    void fail_next(Request request, int error, unsigned count = 1);
+    // Later requests are answered `ticks` ticks late.
+    void delay_answers(unsigned ticks);
+    // The plane loses the rule of a port, if there is one, and reports it.
+    void lose_rule(uint32_t phyid, int error);
+
+    // Rules that are installed on ports, in the order of the ports.
+    std::map<uint32_t, ForwardingRule> port_rules() const;
+    bool has_switch_rule() const;
+    // Zero for a port without a rule.
+    Traffic traffic(uint32_t phyid);
+
+ private:
+    struct Answer {
+        ForwardingId id;
+        int error;
+        unsigned ticks;  // still to wait
+    };
+    struct Rule {
+        std::optional<uint32_t> phyid;
+        ForwardingRule rule;
+        bool installed = false;
+        Traffic traffic;
+        uint64_t reported = 0;  // of the counted frames
+        uint64_t tokens = 0;    // frames that the meter lets pass at once
+    };
+    struct Source {
+        uint64_t pps = 0;
+        Time since{};
+        uint64_t remainder = 0;  // billionths of a frame
+    };
+
+    void answer(ForwardingId id, Request request, int error);
+    void arm();
+    void tick();
+    void give_answers();
+    void report_counters();
+    void settle(uint32_t phyid, Source& source);
+    void settle_all();
+    Rule* rule_of(uint32_t phyid);
+    void forget(ForwardingId id);
+
+    EventLoop& loop_;
+    PortExists port_exists_;
+    ForwardingSink* sink_ = nullptr;
+    EventLoop::Handle timer_;
+    unsigned delay_ = 0;
+    std::map<Request, std::deque<int>> failures_;
+    std::vector<Answer> answers_;
+    std::map<ForwardingId, Rule> rules_;
+    std::map<uint32_t, ForwardingId> port_rules_;  // the installed rule of a port
+    std::map<uint32_t, Source> sources_;
+};
+
+}  // namespace qv

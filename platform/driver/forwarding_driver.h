@@ -1,0 +1,59 @@
+// What a forwarding plane can do for the ACL service: rules that pick frames, count them and meter
+// them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+namespace qv {
+
+// Which frames a rule is about, and what happens to them.
+struct ForwardingRule {
+    struct Meter {
+        uint64_t rate_pps;   // frames per second that pass
+        uint32_t burst = 0;  // frames that may pass at once
+    };
+
+    bool unknown_destination = false;   // frames whose destination address is not known
+    std::optional<uint16_t> ethertype;  // frames of this type
+    std::optional<Meter> meter;
+    bool counted = false;
+};
+
+// One object of the plane: an ACL, an entry or a rule. Never used again after its removal.
+using ForwardingId = uint64_t;
+
+// Where a driver reports. Loop thread only; may be called from inside a request.
+class ForwardingSink {
+ public:
+    virtual ~ForwardingSink() = default;
+    virtual void done(ForwardingId id) = 0;
+    // The request failed; or, later, the plane has lost a rule that was installed. Nothing of the
+    // object is left.
+    virtual void failed(ForwardingId id, int error) = 0;
+    // Frames that a counting rule has seen since its last report.
+    virtual void counted(ForwardingId id, uint64_t packets, uint64_t bytes) = 0;
+};
+
+// Loop thread only. Each request but remove() is answered once, at once or later.
+class ForwardingDriver {
+ public:
+    enum class Table { kAcl, kEntry };
+
+    virtual ~ForwardingDriver() = default;
+    // Once, before any request. The sink must outlive the driver's last report.
+    virtual void start(ForwardingSink& sink) = 0;
+    // Asks for room in a table of the plane.
+    virtual void reserve(ForwardingId id, Table table) = 0;
+    // Installs a rule on a port, named by its forwarding-plane id, or on the whole switch. One rule
+    // at a time stands in each of these places.
+    virtual void install(ForwardingId id, std::optional<uint32_t> phyid,
+                         const ForwardingRule& rule) = 0;
+    // Takes an object away, answered or not: nothing is reported of it any more. One that is not
+    // there is no error.
+    virtual void remove(ForwardingId id) = 0;
+    // Removes the rules that an earlier process left in the plane.
+    virtual void remove_leftovers() = 0;
+};
+
+}  // namespace qv
