@@ -1,0 +1,281 @@
+#include <algorithm>
+#include <charconv>
+#include <cstring>
+
+#include "platform/cli/walk.h"
+
+using qv::cli::Capture;
+using qv::cli::Fit;
+using qv::cli::Hint;
+using qv::cli::Offer;
+using qv::cli::Parsed;
+using qv::cli::Place;
+
+namespace {
+
+// Trees are a few dozen nodes deep; a deeper walk is a tree that leads back into itself.
+constexpr int kMaxDepth = 500;
+constexpr size_t kShownBytes = 40;
+constexpr std::string_view kBlanks = " \t\r\n";
+
+std::string quoted(std::string_view word) {
+    std::string text = "'" + std::string(word.substr(0, kShownBytes));
+    return text + (word.size() > kShownBytes ? "...'" : "'");
+}
+
+std::string bounds(const cli_number_arg& number) {
+    return std::to_string(number.low) + "-" + std::to_string(number.high);
+}
+
+// Reads a decimal number. An empty text when it is one between the bounds, else what is wrong.
+std::string read_number(std::string_view word, const cli_number_arg& bound, int64_t& value) {
+    const char* end = word.data() + word.size();
+    const auto [stop, error] = std::from_chars(word.data(), end, value);
+    if (stop != end || error == std::errc::invalid_argument) {
+        return "% Invalid number: " + quoted(word) + " (" + bounds(bound) + ").";
+    }
+    if (error != std::errc{} || value < bound.low || value > bound.high) {
+        return "% Number out of range: " + quoted(word) + " (" + bounds(bound) + ").";
+    }
+    return {};
+}
+
+}  // namespace
+
+void cli_walk::visit(const cli_node* node) {
+    if (!node || !node->action || depth_ >= kMaxDepth) {
+        return;
+    }
+    ++depth_;
+    node->action(this, node);
+    --depth_;
+}
+
+Place cli_walk::after(const cli_node* node) const {
+    Place next = place;
+    next.node = node->accept;
+    return next;
+}
+
+bool cli_walk::prefix_fits() const {
+    if (pcdb->prefix & CLI_PREFIX_NO) {
+        return place.no_allowed;
+    }
+    return !(pcdb->prefix & CLI_PREFIX_DEFAULT) || place.default_allowed;
+}
+
+void cli_walk::hint(std::string_view word, std::string_view help) {
+    const bool no_way = (pcdb->prefix & CLI_PREFIX_NO) && !place.no_allowed;
+    const bool default_way = (pcdb->prefix & CLI_PREFIX_DEFAULT) && !place.default_in_tree;
+    const bool known = std::any_of(hints_.begin(), hints_.end(),
+                                   [&](const Hint& other) { return other.word == word; });
+    if (!no_way && !default_way && !known && word.starts_with(word_->text)) {
+        hints_.push_back({std::string(word), std::string(help), true});
+    }
+}
+
+void cli_walk::offer_keyword(std::string_view keyword, std::string_view help, const cli_node* node,
+                             Capture capture) {
+    if (!word_) {
+        return;
+    }
+    if (hinting_) {
+        hint(keyword, help);
+        return;
+    }
+    if (!keyword.starts_with(word_->text)) {
+        return;
+    }
+    Offer offer{.fit = keyword == word_->text ? Fit::kKeyword : Fit::kKeywordPrefix,
+                .name = std::string(keyword),
+                .takes_rest = false,
+                .next = after(node)};
+    if (capture.slot != Capture::Slot::kNone) {
+        offer.next.captures.push_back(std::move(capture));
+    }
+    offers_.push_back(std::move(offer));
+}
+
+void cli_walk::offer_number(const cli_number_arg& number, const cli_node* node) {
+    if (!word_) {
+        return;
+    }
+    if (hinting_) {
+        if (word_->text.empty()) {
+            hints_.push_back({"<" + bounds(number) + ">", number.help, false});
+        }
+        return;
+    }
+    int64_t value = 0;
+    std::string wrong = read_number(word_->text, number, value);
+    if (!wrong.empty()) {
+        slot_error_ = std::move(wrong);
+        return;
+    }
+    Offer offer{.fit = Fit::kNumber, .name = number.help, .takes_rest = false, .next = after(node)};
+    offer.next.captures.push_back(
+        {.slot = Capture::Slot::kNumber, .index = number.slot, .number = value, .word = {}});
+    offers_.push_back(std::move(offer));
+}
+
+void cli_walk::offer_word(const cli_word_arg& word, const cli_node* node) {
+    if (!word_) {
+        return;
+    }
+    if (hinting_) {
+        if (word_->text.empty()) {
+            hints_.push_back({word.name, word.help, false});
+        }
+        return;
+    }
+    const std::string_view text = word.rest ? word_->rest : word_->text;
+    if (text.size() >= CLI_WORD_BYTES) {
+        slot_error_ = "% Word too long: " + quoted(text) + ".";
+        return;
+    }
+    Offer offer{.fit = Fit::kWord, .name = word.name, .takes_rest = word.rest, .next = after(node)};
+    offer.next.captures.push_back(
+        {.slot = Capture::Slot::kWord, .index = word.slot, .number = 0, .word = std::string(text)});
+    offers_.push_back(std::move(offer));
+}
+
+void cli_walk::offer_end(cli_handler handler) {
+    if (word_) {
+        if (hinting_ && word_->text.empty() && prefix_fits()) {
+            hints_.push_back({"<cr>", "", false});
+        }
+        return;
+    }
+    if (!prefix_fits()) {
+        prefix_refused_ = true;
+        return;
+    }
+    // The same command from two trees: the one that was added first has it.
+    if (!handler_) {
+        handler_ = handler;
+        end_ = place;
+    }
+}
+
+bool cli_walk::first_time(const cli_node* node) {
+    if (std::find(printed_.begin(), printed_.end(), node) != printed_.end()) {
+        return false;
+    }
+    printed_.push_back(node);
+    return true;
+}
+
+std::vector<cli_walk::Word> cli_walk::split(std::string_view line) {
+    const size_t last = line.find_last_not_of(kBlanks);
+    line = line.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    std::vector<Word> words;
+    size_t start = line.find_first_not_of(kBlanks);
+    while (start != std::string_view::npos) {
+        const size_t end = std::min(line.find_first_of(kBlanks, start), line.size());
+        words.push_back({line.substr(start, end - start), line.substr(start)});
+        start = line.find_first_not_of(kBlanks, end);
+    }
+    return words;
+}
+
+void cli_walk::look(const std::vector<Place>& places, const Word* word) {
+    word_ = word;
+    offers_.clear();
+    slot_error_.clear();
+    for (const Place& from : places) {
+        place = from;
+        visit(from.node);
+    }
+}
+
+bool cli_walk::choose(const Word& word, std::vector<Place>& places, bool& rest) {
+    if (offers_.empty()) {
+        error_ = slot_error_.empty() ? "% Unknown command: " + quoted(word.text) + "."
+                                     : std::move(slot_error_);
+        return false;
+    }
+    const Fit best = std::min_element(offers_.begin(), offers_.end(), [](auto& a, auto& b) {
+                         return a.fit < b.fit;
+                     })->fit;
+    rest = std::any_of(offers_.begin(), offers_.end(),
+                       [&](auto& offer) { return offer.fit == best && offer.takes_rest; });
+    std::vector<std::string> names;
+    places.clear();
+    for (Offer& offer : offers_) {
+        if (offer.fit != best || offer.takes_rest != rest) {
+            continue;
+        }
+        if (std::find(names.begin(), names.end(), offer.name) == names.end()) {
+            names.push_back(offer.name);
+        }
+        places.push_back(std::move(offer.next));
+    }
+    if (best == Fit::kKeywordPrefix && names.size() > 1) {
+        error_ = "% Ambiguous command: " + quoted(word.text) + " (";
+        for (size_t i = 0; i < names.size(); ++i) {
+            error_ += (i ? ", " : "") + names[i];
+        }
+        error_ += ").";
+        return false;
+    }
+    return true;
+}
+
+void cli_walk::store(const Place& from) {
+    for (const Capture& capture : from.captures) {
+        if (capture.slot == Capture::Slot::kNumber && capture.index < CLI_NUMBER_SLOTS) {
+            pcdb->number[capture.index] = capture.number;
+        } else if (capture.slot == Capture::Slot::kWord && capture.index < CLI_WORD_SLOTS) {
+            char* slot = pcdb->word[capture.index];
+            std::memcpy(slot, capture.word.c_str(), capture.word.size() + 1);
+        }
+    }
+}
+
+Parsed cli_walk::parse(const cli_node* root, std::string_view line) {
+    std::memset(pcdb->number, 0, sizeof pcdb->number);
+    std::memset(pcdb->word, 0, sizeof pcdb->word);
+    std::vector<Place> places(1);
+    places[0].node = root;
+    bool rest = false;
+    for (const Word& word : split(line)) {
+        if (rest) {
+            break;
+        }
+        look(places, &word);
+        if (!choose(word, places, rest)) {
+            return {nullptr, error_};
+        }
+    }
+    look(places, nullptr);
+    if (handler_) {
+        store(end_);
+        return {handler_, {}};
+    }
+    if (prefix_refused_) {
+        const char* prefix = (pcdb->prefix & CLI_PREFIX_NO) ? "no" : "default";
+        return {nullptr, "% Invalid prefix: '" + std::string(prefix) + "' does not apply here."};
+    }
+    return {nullptr, "% Incomplete command."};
+}
+
+std::vector<Hint> cli_walk::hints(const cli_node* root, std::string_view line) {
+    std::vector<Word> words = split(line);
+    const bool fresh = line.empty() || kBlanks.find(line.back()) != std::string_view::npos;
+    const Word last = fresh || words.empty() ? Word{} : words.back();
+    if (!fresh && !words.empty()) {
+        words.pop_back();
+    }
+    std::vector<Place> places(1);
+    places[0].node = root;
+    bool rest = false;
+    for (const Word& word : words) {
+        look(places, &word);
+        if (!choose(word, places, rest) || rest) {
+            return {};
+        }
+    }
+    hinting_ = true;
+    look(places, &last);
+    return std::move(hints_);
+}

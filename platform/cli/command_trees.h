@@ -1,0 +1,33 @@
+// Where command trees hang: modes, attachment points, and the tree under each. Loop thread only.
+#pragma once
+
+#include "qv/cli.h"
+
+namespace qv::cli {
+
+// Attachment points of the switch's own, beside those of qv/cli.h.
+inline constexpr int kChainView = 1;  // mode exec, whatever the session's level
+inline constexpr int kChainExec = 2;  // mode exec, privileged sessions
+inline constexpr int kChainSession =
+    3;  // modes config, interface and ifrange: exit, end, interface
+
+inline constexpr const char* kModeExec = "exec";
+inline constexpr const char* kModeConfig = "config";
+inline constexpr const char* kModeInterface = "interface";
+inline constexpr const char* kModeRange = "ifrange";
+
+// Builders for the switch's own trees: nodes that live for ever. Texts must do so too.
+const cli_node* end_of_line(cli_handler handler);
+const cli_node* keyword(const char* word, const char* help, const cli_node* accept,
+                        const cli_node* alternative = &Tno_alt);
+const cli_node* number(const char* help, int64_t low, int64_t high, const cli_node* accept);
+const cli_node* any_word(const char* name, const char* help, const cli_node* accept);
+const cli_node* rest_of_line(const char* name, const char* help, const cli_node* accept);
+const cli_node* custom(cli_action action, const cli_node* accept);
+const cli_node* with_no(const cli_node* accept, const cli_node* plain);
+const cli_node* with_default(const cli_node* accept, const cli_node* plain);
+const cli_node* print_config(cli_handler handler, const cli_node* accept);
+// Adds a tree with these first nodes.
+void attach(int chain, const cli_node* first, const char* description);
+
+}  // namespace qv::cli

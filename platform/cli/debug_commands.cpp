@@ -1,0 +1,88 @@
+// Debug switches, the recent log, the version.
+#include <cstring>
+#include <ctime>
+#include <map>
+#include <string>
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/engine.h"
+#include "platform/cli/switch_commands.h"
+#include "platform/cli/walk.h"
+#include "platform/client/log_ring.h"
+
+namespace qv::cli {
+namespace {
+
+// Operations of a switch's control function.
+constexpr int kOn = 1;
+constexpr int kOff = 2;
+constexpr int kPrint = 3;
+
+using Control = void (*)(int operation);
+
+std::map<std::string, Control>& switches() {
+    static auto& instance = *new std::map<std::string, Control>;
+    return instance;
+}
+
+// Takes the name of a debug switch as if there were a keyword for each.
+void switch_name_action(cli_walk* walk, const cli_node* node) {
+    if (walk->generating()) {
+        return;
+    }
+    for (const auto& [name, control] : switches()) {
+        walk->offer_keyword(name, "Debug switch", node,
+                            {.slot = Capture::Slot::kWord, .index = 0, .number = 0, .word = name});
+    }
+}
+
+int set_switch(cli_pcdb* pcdb) {
+    switches().at(pcdb->word[0])((pcdb->prefix & CLI_PREFIX_NO) ? kOff : kOn);
+    return 0;
+}
+
+int show_switches(cli_pcdb*) {
+    for (const auto& [name, control] : switches()) {
+        control(kPrint);
+    }
+    return 0;
+}
+
+int show_log(cli_pcdb*) {
+    for (const LoggedMessage& message : recent_log()) {
+        const std::time_t seconds = std::chrono::system_clock::to_time_t(message.time);
+        std::tm local{};
+        localtime_r(&seconds, &local);
+        char stamp[32] = "";
+        std::strftime(stamp, sizeof stamp, "%b %e %H:%M:%S", &local);
+        cli_printf("%s %s\n", stamp, message.text.c_str());
+    }
+    return 0;
+}
+
+int show_version(cli_pcdb*) {
+    cli_printf("lda %s\n", LDA_VERSION);
+    return 0;
+}
+
+}  // namespace
+
+void register_debug_commands() {
+    attach(CLI_CHAIN_DEBUG, custom(switch_name_action, end_of_line(set_switch)), "debug switches");
+    attach(CLI_CHAIN_SHOW,
+           keyword("debugging", "Debug switches that are on", end_of_line(show_switches)),
+           "show debugging");
+    attach(CLI_CHAIN_SHOW, keyword("logging", "Recent system log messages", end_of_line(show_log)),
+           "show logging");
+    attach(CLI_CHAIN_SHOW, keyword("version", "Version of the program", end_of_line(show_version)),
+           "show version");
+}
+
+}  // namespace qv::cli
+
+extern "C" int sys_add_debug(const char* name, void (*control)(int operation)) {
+    if (!name || !control || *name == '\0' || std::strlen(name) >= CLI_WORD_BYTES) {
+        return -1;
+    }
+    return qv::cli::switches().emplace(name, control).second ? 0 : -1;
+}

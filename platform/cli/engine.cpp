@@ -1,0 +1,281 @@
+#include "platform/cli/engine.h"
+
+#include <algorithm>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/scripted_faults.h"
+#include "platform/cli/walk.h"
+#include "platform/client/platform.h"
+
+namespace qv::cli {
+namespace {
+
+// The command at hand. Commands nest when a handler executes a line of its own.
+struct Running {
+    SessionState* session;
+    std::string* output;
+};
+Running* g_running = nullptr;
+
+class RunningScope {
+ public:
+    RunningScope(SessionState& session, std::string& output)
+        : running_{&session, &output}, before_(g_running) {
+        g_running = &running_;
+    }
+    ~RunningScope() { g_running = before_; }
+    RunningScope(const RunningScope&) = delete;
+    RunningScope& operator=(const RunningScope&) = delete;
+
+ private:
+    Running running_;
+    Running* before_;
+};
+
+constexpr std::string_view kBlanks = " \t\r\n";
+
+std::string_view without_end(std::string_view line) {
+    const size_t last = line.find_last_not_of(kBlanks);
+    line = line.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    const size_t first = line.find_first_not_of(kBlanks);
+    return first == std::string_view::npos ? std::string_view{} : line.substr(first);
+}
+
+bool has_control_byte(std::string_view line) {
+    return std::any_of(line.begin(), line.end(), [](char c) {
+        const auto byte = static_cast<unsigned char>(c);
+        return (byte < 0x20 && c != '\t') || byte == 0x7f;
+    });
+}
+
+// Takes the word "no" or "default" off the front, when another word or a blank follows it.
+uint32_t take_prefix(std::string_view& line) {
+    const size_t start = line.find_first_not_of(kBlanks);
+    if (start == std::string_view::npos) {
+        return 0;
+    }
+    const size_t end = line.find_first_of(kBlanks, start);
+    const std::string_view word = line.substr(start, end - start);
+    const uint32_t prefix = word == "no"        ? CLI_PREFIX_NO
+                            : word == "default" ? CLI_PREFIX_DEFAULT
+                                                : 0;
+    if (prefix != 0) {
+        line = end == std::string_view::npos ? std::string_view{} : line.substr(end);
+    }
+    return prefix;
+}
+
+std::string squeezed(std::string_view line) {
+    std::string text;
+    for (const char c : line) {
+        const bool blank = kBlanks.find(c) != std::string_view::npos;
+        if (!blank) {
+            text += c;
+        } else if (!text.empty() && text.back() != ' ') {
+            text += ' ';
+        }
+    }
+    return text;
+}
+
+cli_pcdb make_context(const SessionState& session, uint32_t prefix, unsigned long flags) {
+    cli_pcdb pcdb{};
+    pcdb.flags = flags;
+    pcdb.prefix = prefix;
+    std::snprintf(pcdb.mode, sizeof pcdb.mode, "%s", session.mode.c_str());
+    if (session.mode == kModeInterface) {
+        pcdb.ifx = session.ifx;
+    }
+    if (session.mode == kModeRange) {
+        for (const uint64_t ifx : session.range) {
+            const Port* port = platform().ports().find(static_cast<uint32_t>(ifx));
+            pcdb.ifrange_types |= port && port->type < 32 ? 1U << port->type : 0;
+        }
+    }
+    return pcdb;
+}
+
+bool port_exists(uint64_t ifx) {
+    return platform().ports().find(static_cast<uint32_t>(ifx)) != nullptr;
+}
+
+// Ports may go while a session is in their mode: it falls back to mode config then.
+bool ports_are_there(SessionState& session) {
+    if (session.mode == kModeInterface && !port_exists(session.ifx)) {
+        session.mode = kModeConfig;
+        return false;
+    }
+    if (session.mode == kModeRange) {
+        std::erase_if(session.range, [](uint64_t ifx) { return !port_exists(ifx); });
+        if (session.range.empty()) {
+            session.mode = kModeConfig;
+            return false;
+        }
+    }
+    return true;
+}
+
+int call_handler(cli_handler handler, cli_pcdb& pcdb, const SessionState& session) {
+    if (session.mode != kModeRange) {
+        return handler(&pcdb);
+    }
+    int result = 0;
+    const std::vector<uint64_t> range = session.range;
+    for (const uint64_t ifx : range) {
+        pcdb.ifx = ifx;
+        const int one = handler(&pcdb);
+        result = result != 0 ? result : one;
+    }
+    return result;
+}
+
+// Runs a line that is known to be clean; output goes to the command at hand.
+int run_line(SessionState& session, std::string_view line) {
+    if (!ports_are_there(session)) {
+        cli_printf("%% The interface does not exist.\n");
+        return -1;
+    }
+    std::string text;
+    int result = 0;
+    if (session.mode != kModeExec && take_refusal(squeezed(line), text, result)) {
+        cli_printf("%s%s", text.c_str(), text.empty() || text.back() == '\n' ? "" : "\n");
+        return result;
+    }
+    const uint32_t prefix = take_prefix(line);
+    cli_pcdb pcdb = make_context(session, prefix, 0);
+    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
+    const Parsed parsed = walk.parse(cli_get_mode_root(session.mode.c_str()), line);
+    if (!parsed.handler) {
+        cli_printf("%s\n", parsed.error.c_str());
+        return -1;
+    }
+    return call_handler(parsed.handler, pcdb, session);
+}
+
+std::vector<Hint> hints_for(SessionState& session, std::string_view line) {
+    std::string unused;
+    const RunningScope scope(session, unused);
+    if (line.size() > kMaxLineBytes || has_control_byte(line) || !ports_are_there(session)) {
+        return {};
+    }
+    const bool first_word = without_end(line).find_first_of(kBlanks) == std::string_view::npos;
+    std::string_view rest = line;
+    const uint32_t prefix = take_prefix(rest);
+    // "no" without a blank behind it is still a word to be completed.
+    const bool whole = prefix == 0 || rest.empty();
+    cli_pcdb pcdb = make_context(session, whole ? 0 : prefix, CLI_FLAG_HELP);
+    cli_walk walk(cli_walk::Purpose::kHelp, &pcdb);
+    const cli_node* root = cli_get_mode_root(session.mode.c_str());
+    std::vector<Hint> hints = walk.hints(root, whole ? line : rest);
+    const bool typing_first = whole && first_word && (line.empty() || line.back() != ' ');
+    if (typing_first && std::string_view("no").starts_with(without_end(line))) {
+        hints.push_back({"no", "Take a command back", true});
+    }
+    // Keywords by name, then slots and the line end as they come.
+    const auto slots = std::stable_partition(hints.begin(), hints.end(),
+                                             [](const Hint& hint) { return hint.literal; });
+    std::sort(hints.begin(), slots, [](const Hint& a, const Hint& b) { return a.word < b.word; });
+    return hints;
+}
+
+std::string port_name(uint64_t ifx) {
+    const Port* port = platform().ports().find(static_cast<uint32_t>(ifx));
+    return port ? port->name : std::to_string(ifx);
+}
+
+}  // namespace
+
+Result execute(SessionState& session, std::string_view line) {
+    Result result;
+    const RunningScope scope(session, result.output);
+    if (line.size() > kMaxLineBytes) {
+        cli_printf("%% Line too long (limit %zu bytes).\n", kMaxLineBytes);
+        result.code = -1;
+        return result;
+    }
+    line = without_end(line);
+    if (has_control_byte(line)) {
+        cli_printf("%% Line contains control characters.\n");
+        result.code = -1;
+    } else if (!line.empty() && line.front() != '!') {
+        result.code = run_line(session, line);
+    }
+    return result;
+}
+
+bool parses(SessionState& session, std::string_view line) {
+    std::string unused;
+    const RunningScope scope(session, unused);
+    cli_pcdb pcdb = make_context(session, take_prefix(line), CLI_FLAG_HELP);
+    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
+    return walk.parse(cli_get_mode_root(session.mode.c_str()), line).handler != nullptr;
+}
+
+std::string help_text(SessionState& session, std::string_view line) {
+    std::string text;
+    for (const Hint& hint : hints_for(session, line)) {
+        const size_t pad = hint.word.size() < 24 ? 24 - hint.word.size() : 1;
+        text += "  " + hint.word;
+        text += hint.help.empty() ? "\n" : std::string(pad, ' ') + hint.help + "\n";
+    }
+    return text;
+}
+
+std::string completions(SessionState& session, std::string_view line) {
+    std::string text;
+    for (const Hint& hint : hints_for(session, line)) {
+        text += hint.literal ? hint.word + "\n" : "";
+    }
+    return text;
+}
+
+std::string prompt(const SessionState& session) {
+    if (session.mode == kModeConfig) {
+        return "lda(config)# ";
+    }
+    if (session.mode == kModeInterface) {
+        return "lda(config-if-" + port_name(session.ifx) + ")# ";
+    }
+    if (session.mode == kModeRange) {
+        return "lda(config-if-range)# ";
+    }
+    return session.privileged ? "lda# " : "lda> ";
+}
+
+SessionState* current_session() {
+    return g_running ? g_running->session : nullptr;
+}
+
+bool privileged() {
+    return !g_running || g_running->session->privileged;
+}
+
+int refuse(std::string_view reason) {
+    cli_printf("%% %.*s\n", static_cast<int>(reason.size()), reason.data());
+    return 1;
+}
+
+}  // namespace qv::cli
+
+extern "C" void cli_printf(const char* format, ...) {
+    if (!qv::cli::g_running) {
+        return;
+    }
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::va_list again;
+    va_copy(again, arguments);
+    const int size = std::vsnprintf(nullptr, 0, format, arguments);
+    va_end(arguments);
+    if (size > 0) {
+        std::string& output = *qv::cli::g_running->output;
+        const size_t before = output.size();
+        output.resize(before + static_cast<size_t>(size) + 1);
+        std::vsnprintf(output.data() + before, static_cast<size_t>(size) + 1, format, again);
+        output.pop_back();
+    }
+    va_end(again);
+}

@@ -1,0 +1,52 @@
+// Executes lines, and says what could be typed: the engine between sessions and command trees.
+// Loop thread only.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qv::cli {
+
+inline constexpr size_t kMaxLineBytes = 1024;
+
+// What a session remembers between two lines.
+struct SessionState {
+    std::string mode = "exec";
+    uint64_t ifx = 0;             // mode interface
+    std::vector<uint64_t> range;  // mode ifrange, in the order given
+    bool privileged = true;       // false after "disable": only the view commands are there
+    bool monitor = false;         // shows system log messages
+    bool leaving = false;         // the session ends after this line
+};
+
+struct Result {
+    int code = 0;  // the command's own result; negative when the line could not be executed
+    std::string output;
+};
+
+// Executes one line. Its end may carry blanks and a line end; a line that is empty or begins with
+// "!" does nothing.
+Result execute(SessionState& session, std::string_view line);
+
+// Whether the line would be taken as a command. Calls no handler.
+bool parses(SessionState& session, std::string_view line);
+
+// The words that can stand in place of the last one, one per line: for people with their help, and
+// bare for completion.
+std::string help_text(SessionState& session, std::string_view line);
+std::string completions(SessionState& session, std::string_view line);
+
+// Such as "lda(config-if-swp1)# ".
+std::string prompt(const SessionState& session);
+
+// The session of the command being executed, null when none is.
+SessionState* current_session();
+// Whether the line at hand comes from a privileged session.
+bool privileged();
+
+// Prints "% REASON" and a line end, and returns 1: the answer of a command that is refused.
+int refuse(std::string_view reason);
+
+}  // namespace qv::cli

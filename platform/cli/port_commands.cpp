@@ -1,0 +1,139 @@
+// Commands about ports: shutdown, VLAN mode, defaults, states.
+#include "platform/cli/command_trees.h"
+#include "platform/cli/engine.h"
+#include "platform/cli/switch_commands.h"
+#include "platform/cli/tarn_commands.h"
+#include "platform/client/platform.h"
+#include "qv/bridge.h"
+
+namespace qv::cli {
+namespace {
+
+const Port* port_of(const cli_pcdb* pcdb) {
+    return platform().ports().find(static_cast<uint32_t>(pcdb->ifx));
+}
+
+// Silent when done: what a configuration command prints is its refusal.
+int answer(const std::string& reason) {
+    return reason.empty() ? 0 : refuse(reason);
+}
+
+int set_shutdown(cli_pcdb* pcdb) {
+    const bool up = (pcdb->prefix & (CLI_PREFIX_NO | CLI_PREFIX_DEFAULT)) != 0;
+    return answer(platform().ports().set_admin(static_cast<uint32_t>(pcdb->ifx), up));
+}
+
+int print_shutdown(cli_pcdb* pcdb) {
+    const Port* port = port_of(pcdb);
+    if (port && !port->admin_up) {
+        c2p_printf(pcdb, 1, "shutdown");
+    }
+    return 0;
+}
+
+// The switch keeps no error state of its own beside the admin state: there is nothing to clear, and
+// the command is taken so that "no shutdown" can follow it as on any switch.
+int recover_errdisable(cli_pcdb*) {
+    return 0;
+}
+
+template <uint32_t mode>
+int set_mode(cli_pcdb* pcdb) {
+    const bool back = (pcdb->prefix & (CLI_PREFIX_NO | CLI_PREFIX_DEFAULT)) != 0;
+    return answer(platform().ports().set_mode(static_cast<uint32_t>(pcdb->ifx),
+                                              back ? SWPORT_MODE_ACCESS : mode));
+}
+
+int print_mode(cli_pcdb* pcdb) {
+    const Port* port = port_of(pcdb);
+    if (port && port->mode == SWPORT_MODE_TRUNK) {
+        c2p_printf(pcdb, 1, "switchport mode trunk");
+    }
+    if (port && port->mode == SWPORT_MODE_HYBRID) {
+        c2p_printf(pcdb, 1, "switchport mode hybrid");
+    }
+    return 0;
+}
+
+int restore_defaults(cli_pcdb* pcdb) {
+    PortModel& ports = platform().ports();
+    const Port* port = ports.find(std::string_view(pcdb->word[0]));
+    if (!port) {
+        return refuse("Unknown interface: '" + std::string(pcdb->word[0]) + "'.");
+    }
+    const uint32_t ifx = port->ifx;
+    tarn_forget_port(ifx);
+    std::string reason;
+    if (port->mode == SWPORT_MODE_TRUNK || port->mode == SWPORT_MODE_HYBRID) {
+        reason = ports.set_mode(ifx, SWPORT_MODE_ACCESS);
+    }
+    port = ports.find(ifx);
+    if (reason.empty() && port && !port->admin_up) {
+        reason = ports.set_admin(ifx, true);
+    }
+    ports.restore_defaults(ifx);
+    return answer(reason);
+}
+
+const char* mode_name(uint32_t mode) {
+    if (mode == SWPORT_MODE_ACCESS) {
+        return "access";
+    }
+    if (mode == SWPORT_MODE_TRUNK) {
+        return "trunk";
+    }
+    return mode == SWPORT_MODE_HYBRID ? "hybrid" : "none";
+}
+
+int show_status(cli_pcdb*) {
+    const PortModel& ports = platform().ports();
+    cli_printf("%-16s %-8s %-6s %-5s %-7s %s\n", "Port", "Index", "Admin", "Link", "Mode",
+               "Aggregate");
+    for (const auto& [ifx, port] : ports.ports()) {
+        const Port* aggregate = port.aggregate != 0 ? ports.find(port.aggregate) : nullptr;
+        cli_printf("%-16s %-8u %-6s %-5s %-7s %s\n", port.name.c_str(), ifx,
+                   port.admin_up ? "up" : "down", port.oper_up ? "up" : "down",
+                   mode_name(port.mode), aggregate ? aggregate->name.c_str() : "-");
+    }
+    return 0;
+}
+
+const cli_node* end_of_mode_tree() {
+    const cli_node* modes =
+        keyword("access", "One untagged VLAN", end_of_line(set_mode<SWPORT_MODE_ACCESS>),
+                keyword("trunk", "Tagged VLANs", end_of_line(set_mode<SWPORT_MODE_TRUNK>),
+                        keyword("hybrid", "Tagged and untagged VLANs",
+                                end_of_line(set_mode<SWPORT_MODE_HYBRID>))));
+    const cli_node* back = end_of_line(set_mode<SWPORT_MODE_ACCESS>);
+    return with_no(back, with_default(back, modes));
+}
+
+}  // namespace
+
+void register_port_commands() {
+    const cli_node* shut = end_of_line(set_shutdown);
+    attach(CLI_CHAIN_INTERFACE,
+           keyword("switchport", "Switching",
+                   keyword("mode", "VLAN mode of the interface",
+                           print_config(print_mode, end_of_mode_tree()))),
+           "switchport mode");
+    attach(CLI_CHAIN_INTERFACE,
+           keyword("shutdown", "Take the interface out of service",
+                   print_config(print_shutdown, with_no(shut, with_default(shut, shut)))),
+           "shutdown");
+    attach(CLI_CHAIN_INTERFACE,
+           keyword("errdisable", "Error state of the interface",
+                   keyword("recovery", "Clear it", end_of_line(recover_errdisable))),
+           "errdisable recovery");
+    attach(CLI_CHAIN_CONFIG,
+           with_default(keyword("interface", "Back to the defaults",
+                                custom(port_name_action, end_of_line(restore_defaults))),
+                        nullptr),
+           "default interface");
+    attach(CLI_CHAIN_SHOW,
+           keyword("interfaces", "Interfaces",
+                   keyword("status", "States and modes", end_of_line(show_status))),
+           "show interfaces status");
+}
+
+}  // namespace qv::cli

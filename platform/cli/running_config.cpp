@@ -1,0 +1,100 @@
+#include "platform/cli/running_config.h"
+
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/walk.h"
+#include "platform/client/platform.h"
+#include "qv/cli.h"
+#include "qv/lsm.h"
+
+namespace qv::cli {
+namespace {
+
+int (*g_interface_hook)(cli_pcdb* pcdb) = nullptr;
+std::string* g_text = nullptr;  // the configuration being generated, null when none is
+
+// The framework's own interface sections, for a process without an interface hook.
+void generate_interfaces(cli_pcdb& pcdb) {
+    for (const auto& [ifx, port] : platform().ports().ports()) {
+        if (port.flags & LSM_IF_FLAG_HIDDEN) {
+            continue;
+        }
+        c2p_printf(&pcdb, 0, "interface %s", port.name.c_str());
+        pcdb.ifx = ifx;
+        cli_change_mode(&pcdb, kModeInterface);
+        cli_walkthrought_node(cli_get_mode_root(kModeInterface), &pcdb);
+        cli_change_mode(&pcdb, kModeConfig);
+        c2p_printf(&pcdb, 0, "!");
+    }
+}
+
+}  // namespace
+
+std::string generate_config(ConfigPurpose purpose) {
+    std::string text;
+    std::string* const before = std::exchange(g_text, &text);
+    cli_pcdb pcdb{};
+    pcdb.flags = purpose == ConfigPurpose::kShow ? CLI_FLAG_SHOW_RUN : CLI_FLAG_C2P;
+    cli_change_mode(&pcdb, kModeConfig);
+    cli_walkthrought_node(cli_get_mode_root(kModeConfig), &pcdb);
+    if (g_interface_hook) {
+        g_interface_hook(&pcdb);
+    } else {
+        generate_interfaces(pcdb);
+    }
+    g_text = before;
+    return text;
+}
+
+}  // namespace qv::cli
+
+extern "C" {
+
+void cli_interface_show_run_hook(int (*hook)(cli_pcdb* pcdb)) {
+    qv::cli::g_interface_hook = hook;
+}
+
+void c2p_printf(cli_pcdb*, int indentation, const char* format, ...) {
+    if (!qv::cli::g_text) {
+        return;
+    }
+    char line[2 * 1024];
+    std::va_list arguments;
+    va_start(arguments, format);
+    const int size = std::vsnprintf(line, sizeof line, format, arguments);
+    va_end(arguments);
+    if (size < 0) {
+        return;
+    }
+    std::string_view text = line;
+    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
+        text.remove_suffix(1);
+    }
+    qv::cli::g_text->append(static_cast<size_t>(indentation > 0 ? indentation : 0), ' ');
+    qv::cli::g_text->append(text);
+    qv::cli::g_text->push_back('\n');
+}
+
+void cli_change_mode(cli_pcdb* pcdb, const char* mode) {
+    std::snprintf(pcdb->mode, sizeof pcdb->mode, "%s", mode);
+    // Outside the interface modes a context is about no port.
+    if (std::strcmp(mode, qv::cli::kModeInterface) != 0 &&
+        std::strcmp(mode, qv::cli::kModeRange) != 0) {
+        pcdb->ifx = 0;
+    }
+}
+
+int cli_walkthrought_node(const cli_node* root, cli_pcdb* pcdb) {
+    if (!root || !(pcdb->flags & CLI_FLAGS_GENERATING)) {
+        return -1;
+    }
+    cli_walk walk(cli_walk::Purpose::kGenerate, pcdb);
+    walk.visit(root);
+    return 0;
+}
+
+}  // extern "C"

@@ -1,0 +1,186 @@
+// Commands that move the session: levels, modes, monitoring.
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <optional>
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/engine.h"
+#include "platform/cli/switch_commands.h"
+#include "platform/cli/walk.h"
+#include "platform/client/platform.h"
+
+namespace qv::cli {
+namespace {
+
+int enable(cli_pcdb*) {
+    current_session()->privileged = true;
+    return 0;
+}
+
+int disable(cli_pcdb*) {
+    current_session()->privileged = false;
+    return 0;
+}
+
+int leave(cli_pcdb*) {
+    current_session()->leaving = true;
+    return 0;
+}
+
+int enter_config(cli_pcdb*) {
+    current_session()->mode = kModeConfig;
+    return 0;
+}
+
+int exit_mode(cli_pcdb* pcdb) {
+    const bool from_config = std::string_view(pcdb->mode) == kModeConfig;
+    current_session()->mode = from_config ? kModeExec : kModeConfig;
+    return 0;
+}
+
+int end_modes(cli_pcdb*) {
+    current_session()->mode = kModeExec;
+    return 0;
+}
+
+int monitor_on(cli_pcdb*) {
+    current_session()->monitor = true;
+    return 0;
+}
+
+int monitor_off(cli_pcdb*) {
+    current_session()->monitor = false;
+    return 0;
+}
+
+int enter_interface(cli_pcdb* pcdb) {
+    const Port* port = platform().ports().find(std::string_view(pcdb->word[0]));
+    if (!port) {
+        return refuse("Unknown interface: '" + std::string(pcdb->word[0]) + "'.");
+    }
+    current_session()->mode = kModeInterface;
+    current_session()->ifx = port->ifx;
+    return 0;
+}
+
+// A port name taken apart: what stands before its last digits, and their value.
+struct Numbered {
+    std::string_view stem;
+    unsigned number;
+};
+
+std::optional<Numbered> take_apart(std::string_view name) {
+    size_t digits = name.size();
+    while (digits > 0 && std::isdigit(static_cast<unsigned char>(name[digits - 1]))) {
+        --digits;
+    }
+    unsigned number = 0;
+    const char* end = name.data() + name.size();
+    const auto [stop, error] = std::from_chars(name.data() + digits, end, number);
+    if (stop != end || error != std::errc{}) {
+        return {};
+    }
+    return Numbered{name.substr(0, digits), number};
+}
+
+// Appends the port of this name. False with `problem` set when there is none.
+bool add_port(const std::string& name, std::vector<uint64_t>& range, std::string& problem) {
+    const Port* port = platform().ports().find(name);
+    if (!port) {
+        problem = "Unknown interface: '" + name + "'.";
+        return false;
+    }
+    if (std::find(range.begin(), range.end(), port->ifx) == range.end()) {
+        range.push_back(port->ifx);
+    }
+    return true;
+}
+
+// One piece of a range: "swp3", "swp1-4" or "swp1-swp4".
+bool add_piece(std::string_view piece, std::vector<uint64_t>& range, std::string& problem) {
+    const size_t dash = piece.rfind('-');
+    // A port whose name has a dash in it is a piece of its own.
+    if (dash == std::string_view::npos || platform().ports().find(piece)) {
+        return add_port(std::string(piece), range, problem);
+    }
+    const auto first = take_apart(piece.substr(0, dash));
+    const auto last = take_apart(piece.substr(dash + 1));
+    const bool fits = first && last && (last->stem.empty() || last->stem == first->stem) &&
+                      first->number <= last->number &&
+                      last->number - first->number <= platform().ports().ports().size();
+    if (!fits) {
+        problem = "Invalid range: '" + std::string(piece) + "'.";
+        return false;
+    }
+    for (unsigned number = first->number; number <= last->number; ++number) {
+        if (!add_port(std::string(first->stem) + std::to_string(number), range, problem)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+int enter_range(cli_pcdb* pcdb) {
+    std::string list = pcdb->word[0];
+    std::erase_if(list, [](unsigned char c) { return std::isspace(c) != 0; });
+    std::vector<uint64_t> range;
+    std::string problem;
+    for (std::string_view rest = list; !rest.empty();) {
+        const size_t comma = std::min(rest.find(','), rest.size());
+        if (!add_piece(rest.substr(0, comma), range, problem)) {
+            return refuse(problem);
+        }
+        rest.remove_prefix(std::min(comma + 1, rest.size()));
+    }
+    if (range.empty()) {
+        return refuse("The range has no interface.");
+    }
+    current_session()->mode = kModeRange;
+    current_session()->range = std::move(range);
+    return 0;
+}
+
+}  // namespace
+
+void port_name_action(cli_walk* walk, const cli_node* node) {
+    static constexpr cli_word_arg kName = {
+        .name = "INTERFACE", .help = "Name of an interface", .slot = 0, .rest = false};
+    if (walk->generating()) {
+        walk->visit(node->accept);
+        return;
+    }
+    walk->offer_word(kName, node);
+    if (walk->hinting()) {
+        for (const auto& [ifx, port] : platform().ports().ports()) {
+            walk->hint(port.name, "");
+        }
+    }
+}
+
+void register_session_commands() {
+    attach(kChainView, keyword("enable", "All commands", end_of_line(enable)), "enable");
+    attach(kChainView, keyword("disable", "View commands only", end_of_line(disable)), "disable");
+    attach(kChainView, keyword("exit", "Leave the session", end_of_line(leave)), "exit");
+    const cli_node* monitor = keyword(
+        "monitor", "System log messages on this session", end_of_line(monitor_on),
+        keyword(
+            "no", "Not any more",
+            keyword("monitor", "System log messages on this session", end_of_line(monitor_off))));
+    attach(kChainView, keyword("terminal", "Settings of this session", monitor), "terminal");
+    attach(kChainExec,
+           keyword("configure", "Change the configuration",
+                   keyword("terminal", "By commands", end_of_line(enter_config))),
+           "configure terminal");
+
+    attach(kChainSession, keyword("exit", "Back to the mode before", end_of_line(exit_mode)),
+           "exit");
+    attach(kChainSession, keyword("end", "Back to the first mode", end_of_line(end_modes)), "end");
+    const cli_node* range =
+        keyword("range", "Several interfaces",
+                rest_of_line("LIST", "Such as swp1-4,swp7", end_of_line(enter_range)),
+                custom(port_name_action, end_of_line(enter_interface)));
+    attach(kChainSession, keyword("interface", "Configure an interface", range), "interface");
+}
+
+}  // namespace qv::cli

@@ -1,0 +1,166 @@
+#include "platform/cli/socket_session.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "platform/cli/wire.h"
+
+namespace qv::cli {
+namespace {
+
+constexpr int kRequestsPerTurn = 16;
+constexpr size_t kReadBytes = 16384;
+constexpr int kRead = 1;
+constexpr int kWrite = 2;
+
+}  // namespace
+
+SocketSession::SocketSession(EventLoop& loop, int fd, std::function<void()> on_closed)
+    : loop_(loop), fd_(fd), on_closed_(std::move(on_closed)) {
+    update_watch();
+}
+
+SocketSession::~SocketSession() {
+    if (fd_ >= 0) {
+        watch_.reset();
+        ::close(fd_);
+    }
+}
+
+void SocketSession::close() {
+    if (fd_ < 0) {
+        return;
+    }
+    watch_.reset();
+    next_turn_.reset();
+    stall_timer_.reset();
+    ::close(fd_);
+    fd_ = -1;
+    on_closed_();
+}
+
+void SocketSession::on_ready(EventLoop::Ready ready) {
+    if (ready.read && !read_some()) {
+        close();
+        return;
+    }
+    if (ready.write) {
+        flush();
+    }
+    serve();
+}
+
+// One read per turn; false when the client is gone with nothing left to do for it.
+bool SocketSession::read_some() {
+    char bytes[kReadBytes];
+    const ssize_t size = ::recv(fd_, bytes, sizeof bytes, 0);
+    if (size > 0) {
+        input_.append(bytes, static_cast<size_t>(size));
+        return true;
+    }
+    if (size < 0) {
+        return errno == EAGAIN || errno == EINTR;
+    }
+    // A half-closed client still gets the replies to its whole requests.
+    end_of_input_ = true;
+    return true;
+}
+
+// Executes waiting requests as far as output and turn allow, then waits for what is needed next.
+void SocketSession::serve() {
+    for (int served = 0; fd_ >= 0 && !leave_ && output_.size() - sent_ < kOutputHighMark;
+         ++served) {
+        const size_t end = input_.find('\n');
+        if (end == std::string::npos) {
+            if (input_.size() > kMaxRequestBytes) {
+                send(error_reply("Request too long.", state_));
+                leave_ = true;
+            }
+            leave_ = leave_ || end_of_input_;
+            break;
+        }
+        if (served == kRequestsPerTurn) {
+            next_turn_ = loop_.after(Duration::zero(), [this] { serve(); });
+            break;
+        }
+        const std::string request = input_.substr(0, end);
+        input_.erase(0, end + 1);
+        answer(request);
+    }
+    if (fd_ >= 0) {
+        flush();
+    }
+}
+
+void SocketSession::answer(const std::string& request) {
+    if (request.size() > kMaxRequestBytes) {
+        send(error_reply("Request too long.", state_));
+        return;
+    }
+    send(answer_request(request, state_));
+    leave_ = leave_ || state_.leaving;
+}
+
+void SocketSession::send(const std::string& reply) {
+    output_ += reply;
+}
+
+void SocketSession::show_message(std::string_view text) {
+    if (!state_.monitor || fd_ < 0 || output_.size() - sent_ >= kOutputHighMark) {
+        return;
+    }
+    send(monitor_event(text));
+    flush();
+}
+
+void SocketSession::flush() {
+    bool progress = false;
+    while (sent_ < output_.size()) {
+        const ssize_t size =
+            ::send(fd_, output_.data() + sent_, output_.size() - sent_, MSG_NOSIGNAL);
+        if (size < 0 && errno == EINTR) {
+            continue;
+        }
+        if (size < 0 && errno == EAGAIN) {
+            break;
+        }
+        if (size < 0) {
+            close();
+            return;
+        }
+        sent_ += static_cast<size_t>(size);
+        progress = true;
+    }
+    if (sent_ == output_.size()) {
+        output_.clear();
+        sent_ = 0;
+        stall_timer_.reset();
+        if (leave_) {
+            close();
+            return;
+        }
+    } else if (progress || !stall_timer_) {
+        stall_timer_ = loop_.after(kStalledAfter, [this] { close(); });
+    }
+    update_watch();
+}
+
+void SocketSession::update_watch() {
+    const bool pending = sent_ < output_.size();
+    const bool full =
+        output_.size() - sent_ >= kOutputHighMark || input_.find('\n') != std::string::npos;
+    const bool read = !full && !leave_ && !end_of_input_;
+    const int wanted = (read ? kRead : 0) | (pending ? kWrite : 0);
+    if (wanted == watched_) {
+        return;
+    }
+    watched_ = wanted;
+    watch_.reset();
+    if (wanted != 0) {
+        watch_ = loop_.watch(fd_, read, pending, [this](EventLoop::Ready r) { on_ready(r); });
+    }
+}
+
+}  // namespace qv::cli

@@ -1,0 +1,59 @@
+// One client of the command-line socket. Loop thread only.
+//
+// Requests are lines of JSON. They are executed in order, a few per turn of the loop, and only
+// while the client takes its replies: when it does not, the session stops reading, so neither
+// buffer grows beyond its limit. A client that has not taken a byte for kStalledAfter is dropped.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "platform/cli/engine.h"
+#include "platform/client/event_loop.h"
+
+namespace qv::cli {
+
+inline constexpr size_t kMaxRequestBytes = size_t{64} * 1024;
+inline constexpr size_t kOutputHighMark = size_t{64} * 1024;  // above it requests and messages wait
+inline constexpr std::chrono::seconds kStalledAfter{60};
+
+class SocketSession {
+ public:
+    // Takes the descriptor, which must not block. `on_closed` is called once, when the session has
+    // come to its end; it may be called from within any other call and must not destroy the session
+    // right away.
+    SocketSession(EventLoop& loop, int fd, std::function<void()> on_closed);
+    ~SocketSession();
+    SocketSession(const SocketSession&) = delete;
+    SocketSession& operator=(const SocketSession&) = delete;
+
+    // Shows a system log message, when the session monitors. A client too far behind misses it.
+    void show_message(std::string_view text);
+
+ private:
+    void on_ready(EventLoop::Ready ready);
+    bool read_some();
+    void serve();
+    void answer(const std::string& request);
+    void send(const std::string& reply);
+    void flush();
+    void update_watch();
+    void close();
+
+    EventLoop& loop_;
+    int fd_;  // -1 when closed
+    std::function<void()> on_closed_;
+    SessionState state_;
+    std::string input_;
+    std::string output_;
+    size_t sent_ = 0;  // bytes of output_ that have gone
+    bool end_of_input_ = false;
+    bool leave_ = false;  // close when output_ has gone
+    int watched_ = -1;    // what watch_ waits for: 1 read, 2 write, or-ed
+    EventLoop::Handle watch_;
+    EventLoop::Handle next_turn_;
+    EventLoop::Handle stall_timer_;
+};
+
+}  // namespace qv::cli

@@ -1,0 +1,18 @@
+#include "platform/cli/switch_commands.h"
+
+#include "platform/cli/notification_commands.h"
+#include "platform/cli/tarn_commands.h"
+
+namespace qv::cli {
+
+// The order is that of the lines in the running configuration.
+void register_switch_commands() {
+    register_session_commands();
+    register_config_commands();
+    register_port_commands();
+    register_tarn_commands();
+    register_debug_commands();
+    register_notification_commands();
+}
+
+}  // namespace qv::cli

@@ -1,0 +1,24 @@
+// The switch's own commands, by theme. Each function adds its trees, once. Loop thread only.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct cli_walk;
+struct cli_node;
+
+namespace qv::cli {
+
+// All of them.
+void register_switch_commands();
+
+void register_session_commands();  // enable, configure terminal, interface, exit, end, terminal
+void register_config_commands();   // write, configure replace, show running-config
+void register_port_commands();     // shutdown, switchport mode, default interface, show interfaces
+void register_debug_commands();    // debug NAME, show debugging, show logging, show version
+
+// Action of a slot for a port's name: takes any word into word slot 0, offers the names there are.
+void port_name_action(cli_walk* walk, const cli_node* node);
+
+}  // namespace qv::cli

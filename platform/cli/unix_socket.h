@@ -1,0 +1,16 @@
+// Unix stream sockets by path. Any thread.
+#pragma once
+
+#include <string>
+
+namespace qv::cli {
+
+// A descriptor that listens at `path`, mode 0660, and does not block. Missing folders are made; a
+// socket that nobody listens on is replaced. Throws std::runtime_error with path and reason.
+int listen_at(const std::string& path);
+
+// A descriptor connected to `path`, or -1 with errno set. With `wait` false it does not wait for
+// room in the queue of the listener; the descriptor blocks in either case.
+int connect_to(const std::string& path, bool wait);
+
+}  // namespace qv::cli

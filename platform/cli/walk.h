@@ -1,0 +1,119 @@
+// One walk through command trees, as the actions of parse nodes see it. Loop thread only.
+//
+// A line is parsed word by word. At each word all nodes that can be reached are visited, and every
+// node that takes the word makes an offer; the best kind of offer wins (an exact keyword, then a
+// keyword's prefix, then a number, then any word), and its nodes are where the next word starts.
+// Two different keywords with the same prefix are an ambiguity. Generation is one plain recursion
+// over the whole tree.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "qv/cli.h"
+
+namespace qv::cli {
+
+// How well a node fits the word; a smaller value beats a larger one.
+enum class Fit { kKeyword, kKeywordPrefix, kNumber, kWord };
+
+// What a word leaves in the parse context.
+struct Capture {
+    enum class Slot { kNone, kNumber, kWord };
+    Slot slot = Slot::kNone;
+    uint32_t index = 0;
+    int64_t number = 0;
+    std::string word;
+};
+
+// A place between two words: the nodes before it are decided, `node` comes next.
+struct Place {
+    const cli_node* node = nullptr;
+    bool no_allowed = false;       // the tree has a node for the "no" prefix
+    bool default_allowed = false;  // a node for the "default" prefix was passed
+    bool default_in_tree = false;  // for help: such a node may follow
+    std::vector<Capture> captures;
+};
+
+struct Offer {
+    Fit fit;
+    std::string name;  // the keyword, or the name of a slot
+    bool takes_rest;   // the offer takes all words to the end of the line
+    Place next;
+};
+
+// One possibility for help and completion.
+struct Hint {
+    std::string word;  // keyword, or how a slot is shown
+    std::string help;
+    bool literal;  // can be completed
+};
+
+// A parsed line: the handler to call, null when only a text came out.
+struct Parsed {
+    cli_handler handler = nullptr;
+    std::string error;
+};
+
+}  // namespace qv::cli
+
+struct cli_walk {
+    enum class Purpose { kExecute, kHelp, kGenerate };
+
+    cli_walk(Purpose why, cli_pcdb* context) : purpose(why), pcdb(context) {}
+
+    const Purpose purpose;
+    cli_pcdb* const pcdb;
+
+    // Runs the action of `node`; null and the end of a list do nothing.
+    void visit(const cli_node* node);
+    bool generating() const { return purpose == Purpose::kGenerate; }
+    bool hinting() const { return hinting_; }
+
+    // Offers of the actions, for the word at hand. `node` is the one that makes the offer.
+    void offer_keyword(std::string_view keyword, std::string_view help, const cli_node* node,
+                       qv::cli::Capture capture = {});
+    void offer_number(const cli_number_arg& number, const cli_node* node);
+    void offer_word(const cli_word_arg& word, const cli_node* node);
+    void offer_end(cli_handler handler);
+    // For help: adds a possibility that starts with the word at hand and can be completed.
+    void hint(std::string_view word, std::string_view help);
+    // Generation: false when `node` has had its turn in this section.
+    bool first_time(const cli_node* node);
+
+    // Parses `line`, without its prefix, from `root` and fills the slots of the context.
+    qv::cli::Parsed parse(const cli_node* root, std::string_view line);
+    // What can stand in place of the last word of `line` (empty after a blank).
+    std::vector<qv::cli::Hint> hints(const cli_node* root, std::string_view line);
+
+    qv::cli::Place place;  // where the walk is
+
+ private:
+    struct Word {
+        std::string_view text;
+        std::string_view rest;  // from the word to the end of the line
+    };
+
+    static std::vector<Word> split(std::string_view line);
+    // Visits all places with `word`; offers are collected.
+    void look(const std::vector<qv::cli::Place>& places, const Word* word);
+    // Keeps the best offers as the next places; false with `error` set when there is none.
+    bool choose(const Word& word, std::vector<qv::cli::Place>& places, bool& rest);
+    void store(const qv::cli::Place& place);
+    qv::cli::Place after(const cli_node* node) const;
+    bool prefix_fits() const;
+
+    const Word* word_ = nullptr;  // null at the end of the line
+    std::vector<qv::cli::Offer> offers_;
+    std::vector<qv::cli::Hint> hints_;
+    std::string slot_error_;       // what a number or word slot had against the word
+    std::string error_;            // why choose() failed
+    bool hinting_ = false;         // the word is one to be completed
+    bool prefix_refused_ = false;  // a line end did not take the prefix
+    cli_handler handler_ = nullptr;
+    qv::cli::Place end_;  // place of the handler
+    std::vector<const cli_node*> printed_;
+    int depth_ = 0;
+};
