@@ -3,15 +3,17 @@
 //
 // Anything may be removed from inside any callback, its own included: watches and timers are owned
 // by the handles below, and a destroyed handle's callback never runs again.
+//
+// Each round takes a limited number of posted tasks, then the timers that are due, then the ready
+// descriptors, so that none of them keeps the others waiting.
 #pragma once
 
 #include <functional>
 #include <memory>
+#include <optional>
 
 #include "platform/driver/clock.h"
 #include "qv/thread.h"
-
-struct event_base;
 
 namespace qv {
 
@@ -25,8 +27,8 @@ class EventLoop {
     };
     using WatchCallback = std::function<void(Ready)>;
 
-    // Movable owner of a descriptor watch or of a timer. Empty after reset(). Must not outlive the
-    // loop.
+    // Movable owner of a descriptor watch or of a timer. True while the watch stands or the timer
+    // is pending; false when empty, after reset(), after the timer fired and once the loop is gone.
     class Handle {
      public:
         Handle() = default;
@@ -39,34 +41,41 @@ class EventLoop {
      private:
         friend class EventLoop;
         struct Entry;
+        explicit Handle(std::shared_ptr<Entry> entry);
         std::shared_ptr<Entry> entry_;
     };
 
+    // The constructing thread is the loop's thread. Throws std::runtime_error when the system
+    // gives no descriptors for it. The clock must outlive the loop.
     explicit EventLoop(Clock& clock);
     ~EventLoop();
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
 
-    // Any thread: `task` runs on the loop's thread, after what is already queued.
+    // Any thread: `task` runs on the loop's thread, after what is already queued. A task that was
+    // posted is no reason for fetch() to go on waiting once it has run.
     void post(Task task);
 
-    // Level-triggered watch; the descriptor stays the caller's and must outlive the handle.
+    // Level-triggered watch; the descriptor stays the caller's and must outlive the handle. The
+    // handle is empty when the descriptor is of a kind that cannot be watched.
     [[nodiscard]] Handle watch(int fd, bool read, bool write, WatchCallback callback);
 
     // One-shot timer. The handle is empty-able at any time; after firing it is inert.
     [[nodiscard]] Handle after(Duration delay, Task task);
 
-    // Makes fetch() return null from now on. Any thread.
+    // Makes fetch() return null from now on. Any thread, and signal handlers.
     void stop();
 
-    bool on_loop_thread() const;
+    bool on_loop_thread() const;  // any thread
     Clock& clock() const;
-    event_base* base() const;  // for libraries with a libevent adapter
+    std::optional<Time> next_timer() const;  // when the earliest pending timer is due
 
-    // The C surface (qv/thread.h) on top of this loop.
+    // The C surface (qv/thread.h) on top of this loop. fetch() returns null when no task, timer or
+    // watch is left, or after stop().
     qv_thread* fetch(qv_thread* thread);
     qv_thread* add_timer(int (*func)(qv_thread*), void* arg, Duration delay, qv_thread** slot);
-    void cancel(qv_thread* timer);
+    static void cancel(qv_thread* timer);
+    qv_thread_master* master();
 
  private:
     struct Impl;

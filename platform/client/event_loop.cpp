@@ -1,0 +1,444 @@
+#include "platform/client/event_loop.h"
+
+#include <event2/event.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <deque>
+#include <map>
+#include <stdexcept>
+#include <string>
+#include <unordered_set>
+#include <utility>
+
+#include "platform/driver/mutex.h"
+
+namespace qv {
+namespace {
+
+// Posted tasks taken in one round, before timers and descriptors get their turn.
+constexpr size_t kPostedPerRound = 64;
+
+// Longer delays are cut to this: about a hundred years, far from where time points overflow.
+constexpr Duration kLongestDelay = std::chrono::hours(24 * 365 * 100);
+
+struct EventFree {
+    void operator()(event* watched) const { event_free(watched); }
+};
+using EventPtr = std::unique_ptr<event, EventFree>;
+
+struct BaseFree {
+    void operator()(event_base* base) const { event_base_free(base); }
+};
+using BasePtr = std::unique_ptr<event_base, BaseFree>;
+
+// libevent only waits: no locks (one thread), and a timer finer than a scheduler tick, because a
+// scaled clock multiplies its error.
+BasePtr make_base() {
+    const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
+                                                                             event_config_free);
+    if (!config) {
+        throw std::runtime_error("event loop: out of memory");
+    }
+    event_config_set_flag(config.get(), EVENT_BASE_FLAG_NOLOCK);
+    event_config_set_flag(config.get(), EVENT_BASE_FLAG_PRECISE_TIMER);
+    BasePtr base(event_base_new_with_config(config.get()));
+    if (!base) {
+        throw std::runtime_error("event loop: cannot be set up");
+    }
+    return base;
+}
+
+class WakeDescriptor {
+ public:
+    WakeDescriptor() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
+        if (fd_ < 0) {
+            throw std::runtime_error(std::string("event loop: eventfd: ") + strerror(errno));
+        }
+    }
+    WakeDescriptor(const WakeDescriptor&) = delete;
+    WakeDescriptor& operator=(const WakeDescriptor&) = delete;
+    ~WakeDescriptor() { close(fd_); }
+
+    int fd() const { return fd_; }
+    void raise() const { static_cast<void>(eventfd_write(fd_, 1)); }  // fails only when raised
+    void clear() const {
+        eventfd_t count = 0;
+        static_cast<void>(eventfd_read(fd_, &count));
+    }
+
+ private:
+    int fd_;
+};
+
+// The position of a timer: by time, and in the order of arming among equals.
+using TimerKey = std::pair<Time, uint64_t>;
+
+}  // namespace
+
+// Loop thread only. The loop and the handle share an entry; it is live as long as `loop` is set.
+struct EventLoop::Handle::Entry {
+    Entry() = default;
+    Entry(const Entry&) = delete;
+    Entry& operator=(const Entry&) = delete;
+    virtual ~Entry() = default;
+    virtual void detach() = 0;
+
+    Impl* loop = nullptr;
+};
+
+struct EventLoop::Impl {
+    using Entry = Handle::Entry;
+
+    // The qv_thread is the handle of the C surface; its `func` is null for a timer of after().
+    struct Timer final : Entry, qv_thread {
+        Timer() : qv_thread{} {}
+        void detach() override;
+
+        qv_thread** slot = nullptr;
+        Task task;
+        TimerKey key;
+    };
+
+    struct Watch final : Entry, std::enable_shared_from_this<Watch> {
+        void detach() override;
+
+        EventPtr watched;
+        WatchCallback callback;
+    };
+
+    // One piece of work that waits for its turn: exactly one of the three.
+    struct Work {
+        Task task;
+        std::shared_ptr<Timer> timer;
+        std::shared_ptr<Watch> watch;
+        Ready ready{};
+    };
+
+    Impl(EventLoop& owner, Clock& used_clock);
+    ~Impl();
+
+    std::shared_ptr<Timer> arm(Duration delay);
+    bool find_work() EXCLUDES(mutex);
+    void take_posted() EXCLUDES(mutex);
+    void take_due_timers();
+    void wait();
+    bool anything_posted() EXCLUDES(mutex);
+    bool anything_left() const;
+    bool start(Work work, qv_thread* thread);
+    void wake_seen() EXCLUDES(mutex);
+    static int run_current(qv_thread* thread);
+
+    // Constant after creation.
+    EventLoop& loop;
+    Clock& clock;
+    const pthread_t own_thread = pthread_self();
+    WakeDescriptor wake;
+
+    // Loop thread only. The watches are freed before the base they are registered with.
+    BasePtr base = make_base();
+    EventPtr wake_event;
+    EventPtr alarm;
+    std::unordered_set<Watch*> watches;
+    std::map<TimerKey, std::shared_ptr<Timer>> timers;
+    uint64_t timers_armed = 0;
+    std::deque<Work> ready;  // this round's work
+    Work current;            // handed out by fetch(), run by qv_thread_call
+
+    Mutex mutex;
+    std::deque<Task> posted GUARDED_BY(mutex);
+    bool wake_raised GUARDED_BY(mutex) = false;
+
+    std::atomic<bool> stopped{false};
+};
+
+EventLoop::Impl::Impl(EventLoop& owner, Clock& used_clock) : loop(owner), clock(used_clock) {
+    wake_event.reset(event_new(
+        base.get(), wake.fd(), EV_READ | EV_PERSIST,
+        [](evutil_socket_t, short, void* self) { static_cast<Impl*>(self)->wake_seen(); }, this));
+    // The alarm only ends the wait; which timers are due is found out afterwards.
+    alarm.reset(evtimer_new(
+        base.get(), [](evutil_socket_t, short, void*) {}, this));
+    if (!wake_event || !alarm || event_add(wake_event.get(), nullptr) != 0) {
+        throw std::runtime_error("event loop: cannot be set up");
+    }
+}
+
+// Entries outlive the loop in their handles, and closures may own handles: everything is detached
+// before anything is destroyed.
+EventLoop::Impl::~Impl() {
+    for (auto& [key, timer] : timers) {
+        timer->loop = nullptr;
+    }
+    for (Work& work : ready) {
+        if (work.timer) {
+            work.timer->loop = nullptr;
+        }
+    }
+    for (Watch* watch : watches) {
+        watch->watched.reset();
+        watch->loop = nullptr;
+    }
+}
+
+void EventLoop::Impl::Timer::detach() {
+    if (slot != nullptr) {
+        *slot = nullptr;
+    }
+    Impl* const from = std::exchange(loop, nullptr);
+    from->timers.erase(key);  // not there when the timer already waits in this round's work
+}
+
+void EventLoop::Impl::Watch::detach() {
+    watched.reset();
+    std::exchange(loop, nullptr)->watches.erase(this);
+}
+
+std::shared_ptr<EventLoop::Impl::Timer> EventLoop::Impl::arm(Duration delay) {
+    auto timer = std::make_shared<Timer>();
+    timer->key = {clock.now() + std::clamp(delay, Duration::zero(), kLongestDelay), timers_armed++};
+    timers.emplace(timer->key, timer);
+    timer->loop = this;
+    return timer;
+}
+
+void EventLoop::Impl::wake_seen() {
+    wake.clear();
+    const MutexLock lock(mutex);
+    wake_raised = false;
+}
+
+void EventLoop::Impl::take_posted() {
+    const MutexLock lock(mutex);
+    for (size_t n = 0; n < kPostedPerRound && !posted.empty(); n++) {
+        ready.push_back({.task = std::move(posted.front()), .timer = {}, .watch = {}});
+        posted.pop_front();
+    }
+}
+
+bool EventLoop::Impl::anything_posted() {
+    const MutexLock lock(mutex);
+    return !posted.empty();
+}
+
+// A timer armed by this round's work waits for the next round, so a chain of zero delays cannot
+// hold up the rest.
+void EventLoop::Impl::take_due_timers() {
+    if (timers.empty()) {
+        return;
+    }
+    const Time now = clock.now();
+    while (!timers.empty() && timers.begin()->first.first <= now) {
+        ready.push_back({.task = {}, .timer = std::move(timers.begin()->second), .watch = {}});
+        timers.erase(timers.begin());
+    }
+}
+
+// libevent counts every event that was added: the wake-up and the watches.
+bool EventLoop::Impl::anything_left() const {
+    return !timers.empty() || event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED) > 1;
+}
+
+// Until a descriptor is ready, a task is posted or the earliest timer is due.
+void EventLoop::Impl::wait() {
+    const Duration limit =
+        timers.empty() ? Duration::max() : clock.real_time_until(timers.begin()->first.first);
+    if (limit != Duration::max()) {
+        const auto us = std::chrono::ceil<std::chrono::microseconds>(limit).count();
+        const timeval timeout = {us / 1000000, us % 1000000};
+        event_add(alarm.get(), &timeout);
+    }
+    event_base_loop(base.get(), EVLOOP_ONCE);
+    event_del(alarm.get());
+}
+
+// Fills `ready`. False when the loop is stopped or nothing is left that could ever fire.
+bool EventLoop::Impl::find_work() {
+    while (!stopped.load()) {
+        take_posted();
+        take_due_timers();
+        // With EVLOOP_NONBLOCK alone libevent would go on until no descriptor is ready any more.
+        event_base_loop(base.get(), EVLOOP_NONBLOCK | EVLOOP_ONCE);
+        if (!ready.empty()) {
+            return true;
+        }
+        if (anything_posted() || clock.idle()) {
+            continue;
+        }
+        if (!anything_left() && !anything_posted()) {
+            return false;
+        }
+        wait();
+        if (!ready.empty()) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Makes `thread` run `work`. False when its owner has let go of it in the meantime.
+bool EventLoop::Impl::start(Work work, qv_thread* thread) {
+    *thread = {loop.master(), run_current, this};
+    if (Timer* const timer = work.timer.get()) {
+        if (timer->loop == nullptr) {
+            return false;
+        }
+        timer->loop = nullptr;  // fired: the handle is inert from here on
+        if (timer->slot != nullptr) {
+            *timer->slot = nullptr;
+        }
+        if (timer->func != nullptr) {
+            *thread = *timer;
+            return true;
+        }
+    } else if (work.watch && work.watch->loop == nullptr) {
+        return false;
+    }
+    current = std::move(work);
+    return true;
+}
+
+// The work is moved out: the callback may come back into the loop and must not lose its own
+// function while it runs.
+int EventLoop::Impl::run_current(qv_thread* thread) {
+    const Work work = std::move(static_cast<Impl*>(thread->arg)->current);
+    if (work.timer) {
+        work.timer->task();
+    } else if (!work.watch) {
+        work.task();
+    } else if (work.watch->loop != nullptr) {
+        work.watch->callback(work.ready);
+    }
+    return 0;
+}
+
+EventLoop::EventLoop(Clock& clock) : impl_(std::make_unique<Impl>(*this, clock)) {}
+EventLoop::~EventLoop() = default;
+
+void EventLoop::post(Task task) {
+    const MutexLock lock(impl_->mutex);
+    impl_->posted.push_back(std::move(task));
+    // The loop's own thread looks at the queue before it waits.
+    if (!impl_->wake_raised && !on_loop_thread()) {
+        impl_->wake_raised = true;
+        impl_->wake.raise();
+    }
+}
+
+EventLoop::Handle EventLoop::watch(int fd, bool read, bool write, WatchCallback callback) {
+    auto entry = std::make_shared<Impl::Watch>();
+    entry->callback = std::move(callback);
+    const int interest = EV_PERSIST | (read ? EV_READ : 0) | (write ? EV_WRITE : 0);
+    const auto on_ready = [](evutil_socket_t, short what, void* arg) {
+        auto* const watch = static_cast<Impl::Watch*>(arg);
+        watch->loop->ready.push_back({.task = {},
+                                      .timer = {},
+                                      .watch = watch->shared_from_this(),
+                                      .ready = {(what & EV_READ) != 0, (what & EV_WRITE) != 0}});
+    };
+    entry->watched.reset(
+        event_new(impl_->base.get(), fd, static_cast<short>(interest), on_ready, entry.get()));
+    if (!entry->watched || event_add(entry->watched.get(), nullptr) != 0) {
+        return {};
+    }
+    impl_->watches.insert(entry.get());
+    entry->loop = impl_.get();
+    return Handle(std::move(entry));
+}
+
+EventLoop::Handle EventLoop::after(Duration delay, Task task) {
+    auto timer = impl_->arm(delay);
+    timer->task = std::move(task);
+    return Handle(std::move(timer));
+}
+
+void EventLoop::stop() {
+    impl_->stopped.store(true);
+    impl_->wake.raise();
+}
+
+bool EventLoop::on_loop_thread() const {
+    return pthread_equal(impl_->own_thread, pthread_self()) != 0;
+}
+
+Clock& EventLoop::clock() const {
+    return impl_->clock;
+}
+
+std::optional<Time> EventLoop::next_timer() const {
+    if (impl_->timers.empty()) {
+        return std::nullopt;
+    }
+    return impl_->timers.begin()->first.first;
+}
+
+qv_thread* EventLoop::fetch(qv_thread* thread) {
+    while (!impl_->stopped.load()) {
+        if (impl_->ready.empty() && !impl_->find_work()) {
+            return nullptr;
+        }
+        Impl::Work work = std::move(impl_->ready.front());
+        impl_->ready.pop_front();
+        if (impl_->start(std::move(work), thread)) {
+            return thread;
+        }
+    }
+    return nullptr;
+}
+
+qv_thread* EventLoop::add_timer(int (*func)(qv_thread*), void* arg, Duration delay,
+                                qv_thread** slot) {
+    const auto timer = impl_->arm(delay);
+    static_cast<qv_thread&>(*timer) = {master(), func, arg};
+    timer->slot = slot;
+    if (slot != nullptr) {
+        *slot = timer.get();
+    }
+    return timer.get();
+}
+
+void EventLoop::cancel(qv_thread* timer) {
+    static_cast<Impl::Timer*>(timer)->detach();
+}
+
+// A master is a loop under its C name; nobody ever sees a complete qv_thread_master.
+qv_thread_master* EventLoop::master() {
+    return reinterpret_cast<qv_thread_master*>(this);
+}
+
+EventLoop& loop_of(qv_thread_master* master) {
+    return *reinterpret_cast<EventLoop*>(master);
+}
+
+EventLoop::Handle::Handle(std::shared_ptr<Entry> entry) : entry_(std::move(entry)) {}
+EventLoop::Handle::Handle(Handle&&) noexcept = default;
+
+EventLoop::Handle& EventLoop::Handle::operator=(Handle&& other) noexcept {
+    if (this != &other) {
+        reset();
+        entry_ = std::move(other.entry_);
+    }
+    return *this;
+}
+
+EventLoop::Handle::~Handle() {
+    reset();
+}
+
+void EventLoop::Handle::reset() {
+    const std::shared_ptr<Entry> entry = std::move(entry_);
+    if (entry && entry->loop != nullptr) {
+        entry->detach();
+    }
+}
+
+EventLoop::Handle::operator bool() const {
+    return entry_ && entry_->loop != nullptr;
+}
+
+}  // namespace qv

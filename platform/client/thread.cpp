@@ -1,0 +1,85 @@
+// qv/thread.h over EventLoop.
+#include "qv/thread.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <exception>
+#include <memory>
+#include <new>
+
+#include "platform/client/event_loop.h"
+#include "platform/client/platform.h"
+
+namespace {
+
+// Far more than any timer needs, and far from where nanoseconds overflow.
+constexpr long kLongestTimer_s = 100L * 365 * 24 * 3600;
+
+qv::Duration delay_of(long seconds) {
+    return std::chrono::seconds(std::clamp(seconds, 0L, kLongestTimer_s));
+}
+
+}  // namespace
+
+extern "C" {
+
+qv_thread_master* qv_thread_master_create(void) {
+    try {
+        auto loop = std::make_unique<qv::EventLoop>(qv::platform().clock());
+        qv::platform().attach_loop(*loop);
+        return loop.release()->master();
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "lda: %s\n", failure.what());
+        return nullptr;
+    }
+}
+
+qv_thread* qv_thread_fetch(qv_thread_master* master, qv_thread* thread) {
+    return qv::loop_of(master).fetch(thread);
+}
+
+void qv_thread_call(qv_thread* thread) {
+    thread->func(thread);
+}
+
+void qv_thread_master_finish(qv_thread_master* master) {
+    if (master != nullptr) {
+        delete &qv::loop_of(master);
+    }
+}
+
+qv_thread* qv_thread_add_timer(qv_thread_master* master, int (*func)(qv_thread*), void* arg,
+                               long seconds) {
+    if (master == nullptr || func == nullptr) {
+        return nullptr;
+    }
+    try {
+        return qv::loop_of(master).add_timer(func, arg, delay_of(seconds), nullptr);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+int qv_thread_insert_timer(qv_thread_master* master, qv_thread** slot, int (*func)(qv_thread*),
+                           void* arg, long seconds, const char* /*name*/) {
+    if (master == nullptr || slot == nullptr || func == nullptr) {
+        return EINVAL;
+    }
+    qv_thread_cancel(*slot);
+    try {
+        qv::loop_of(master).add_timer(func, arg, delay_of(seconds), slot);
+        return 0;
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+}
+
+void qv_thread_cancel(qv_thread* timer) {
+    if (timer != nullptr) {
+        qv::EventLoop::cancel(timer);
+    }
+}
+
+}  // extern "C"

@@ -1,0 +1,69 @@
+#include "tests/support/manual_clock.h"
+
+#include <utility>
+
+namespace qv::test {
+namespace {
+
+// An arbitrary start that is not zero, as on a machine that has been up for a while.
+constexpr Time kStart{std::chrono::hours(1000)};
+
+struct Idle {};
+
+}  // namespace
+
+Time ManualClock::now() const {
+    return kStart + since_start_.load();
+}
+
+Duration ManualClock::real_time_until(Time t) const {
+    return t <= now() ? Duration::zero() : Duration::max();
+}
+
+bool ManualClock::idle() {
+    return on_idle && on_idle();
+}
+
+void ManualClock::advance(Duration step) {
+    since_start_.store(since_start_.load() + step);
+}
+
+void ManualClock::advance_to(Time t) {
+    if (t > now()) {
+        advance(t - now());
+    }
+}
+
+void run_ready(EventLoop& loop, ManualClock& clock) {
+    auto before = std::exchange(clock.on_idle, []() -> bool { throw Idle(); });
+    qv_thread thread;
+    try {
+        while (loop.fetch(&thread) != nullptr) {
+            qv_thread_call(&thread);
+        }
+    } catch (const Idle&) {
+    }
+    clock.on_idle = std::move(before);
+}
+
+void run_for(EventLoop& loop, ManualClock& clock, Duration step) {
+    const Time end = clock.now() + step;
+    run_ready(loop, clock);
+    while (loop.next_timer() && *loop.next_timer() <= end) {
+        clock.advance_to(*loop.next_timer());
+        run_ready(loop, clock);
+    }
+    clock.advance_to(end);
+}
+
+bool run_until(EventLoop& loop, const std::function<bool()>& done, Duration limit) {
+    const Time end = loop.clock().now() + limit;
+    const auto guard = loop.after(limit, [] {});
+    qv_thread thread;
+    while (!done() && loop.clock().now() < end && loop.fetch(&thread) != nullptr) {
+        qv_thread_call(&thread);
+    }
+    return done();
+}
+
+}  // namespace qv::test

@@ -1,0 +1,62 @@
+// A small platform for unit tests: manual clock, recorded system log, memory store. A test that
+// needs ports or a forwarding plane puts its own in. It installs itself; one for each process.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/client/platform.h"
+#include "platform/driver/embedded/memory_store.h"
+#include "platform/driver/mutex.h"
+#include "tests/support/manual_clock.h"
+
+namespace qv::test {
+
+class RecordingLog final : public SystemLog {
+ public:
+    void write(const SystemLogMessage& message) override;
+    // "FACILITY-SEVERITY-MNEMONIC: text" of each message so far.
+    std::vector<std::string> lines() const;
+
+ private:
+    mutable Mutex mutex_;
+    std::vector<std::string> lines_ GUARDED_BY(mutex_);
+};
+
+class TestPlatform final : public Platform {
+ public:
+    TestPlatform();
+
+    // Moves the manual clock and runs what becomes due; zero runs what is ready now.
+    void run_for(Duration step);
+    void run_ready();
+
+    // To be set before the loop is created, where the defaults do not do.
+    PlatformConfig settings;
+    Clock* clock_in_use = &manual_clock;
+    StoreDriver* store_in_use = nullptr;  // null: memory_store()
+    PortModel* port_model = nullptr;
+    ForwardingDriver* forwarding_plane = nullptr;
+    bool refuse_loop = false;  // attach_loop fails
+
+    ManualClock manual_clock;
+    RecordingLog log;
+
+    // From here on once the loop exists.
+    MemoryStore& memory_store();
+
+    const PlatformConfig& config() const override { return settings; }
+    Clock& clock() override { return *clock_in_use; }
+    SystemLog& system_log() override { return log; }
+    EventLoop& loop() override;
+    StoreDriver& store() override;
+    PortModel& ports() override;
+    ForwardingDriver& forwarding() override;
+    void attach_loop(EventLoop& loop) override;
+
+ private:
+    EventLoop* loop_ = nullptr;
+    std::unique_ptr<MemoryStore> memory_store_;
+};
+
+}  // namespace qv::test

@@ -1,0 +1,402 @@
+#include "platform/client/event_loop.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <array>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "tests/support/manual_clock.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using qv::EventLoop;
+using qv::test::ManualClock;
+using qv::test::run_for;
+using qv::test::run_ready;
+
+struct Pipe {
+    Pipe() { EXPECT_EQ(pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK), 0); }
+    Pipe(const Pipe&) = delete;
+    Pipe& operator=(const Pipe&) = delete;
+    ~Pipe() {
+        close(ends[0]);
+        close(ends[1]);
+    }
+    void fill() const { EXPECT_EQ(write(ends[1], "x", 1), 1); }
+    void drain() const {
+        char byte = 0;
+        EXPECT_EQ(read(ends[0], &byte, 1), 1);
+    }
+    int out() const { return ends[0]; }
+    int in() const { return ends[1]; }
+    std::array<int, 2> ends{};
+};
+
+class Loop : public testing::Test {
+ protected:
+    ManualClock clock;
+    EventLoop loop{clock};
+    std::vector<std::string> seen;
+
+    EventLoop::Task note(const std::string& text) {
+        return [this, text] {
+            seen.push_back(text);
+        };
+    }
+};
+
+using Seen = std::vector<std::string>;
+
+TEST_F(Loop, FetchReturnsNullWhenNothingIsLeft) {
+    qv_thread thread{};
+    EXPECT_EQ(loop.fetch(&thread), nullptr);
+}
+
+TEST_F(Loop, FetchReturnsNullOnceTheLastTimerHasFired) {
+    const auto timer = loop.after(0s, note("fired"));
+    qv_thread thread{};
+    ASSERT_EQ(loop.fetch(&thread), &thread);
+    qv_thread_call(&thread);
+    EXPECT_EQ(loop.fetch(&thread), nullptr);
+    EXPECT_EQ(seen, Seen{"fired"});
+}
+
+TEST_F(Loop, FetchReturnsNullAfterStopWhateverIsPending) {
+    loop.post(note("never"));
+    const auto timer = loop.after(0s, note("never"));
+    loop.stop();
+    qv_thread thread{};
+    EXPECT_EQ(loop.fetch(&thread), nullptr);
+    EXPECT_EQ(loop.fetch(&thread), nullptr);
+    EXPECT_EQ(seen, Seen{});
+}
+
+TEST_F(Loop, StopFromAnotherThreadEndsTheWait) {
+    const Pipe pipe;
+    const auto watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
+    std::thread other([this] { loop.stop(); });
+    qv_thread thread{};
+    EXPECT_EQ(loop.fetch(&thread), nullptr);
+    other.join();
+}
+
+TEST_F(Loop, PostedTasksRunInOrderAndOnlyWhenCalled) {
+    loop.post(note("one"));
+    loop.post(note("two"));
+    qv_thread thread{};
+    ASSERT_NE(loop.fetch(&thread), nullptr);
+    EXPECT_EQ(seen, Seen{});
+    qv_thread_call(&thread);
+    EXPECT_EQ(seen, Seen{"one"});
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, (Seen{"one", "two"}));
+}
+
+TEST_F(Loop, PostFromAnotherThreadWakesTheWaitingLoop) {
+    const Pipe pipe;
+    const auto watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
+    std::thread other;
+    clock.on_idle = [&] {
+        if (!other.joinable()) {
+            other = std::thread([this] { loop.post([this] { seen.emplace_back("posted"); }); });
+        }
+        return false;
+    };
+    qv_thread thread{};
+    ASSERT_NE(loop.fetch(&thread), nullptr);
+    qv_thread_call(&thread);
+    EXPECT_EQ(seen, Seen{"posted"});
+    other.join();
+}
+
+TEST_F(Loop, TenThousandTasksFromFourThreadsAllRun) {
+    const Pipe pipe;
+    auto watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
+    int count = 0;
+    std::vector<std::thread> posters;
+    for (int t = 0; t < 4; t++) {
+        posters.emplace_back([this, &count, &watch] {
+            for (int n = 0; n < 2500; n++) {
+                loop.post([&count, &watch] {
+                    if (++count == 10000) {
+                        watch.reset();
+                    }
+                });
+            }
+        });
+    }
+    qv_thread thread{};
+    while (loop.fetch(&thread) != nullptr) {
+        qv_thread_call(&thread);
+    }
+    for (auto& poster : posters) {
+        poster.join();
+    }
+    EXPECT_EQ(count, 10000);
+}
+
+TEST_F(Loop, TimersFireInOrderOfTimeThenOfArming) {
+    const auto late = loop.after(3s, note("late"));
+    const auto first = loop.after(1s, note("first"));
+    const auto second = loop.after(1s, note("second"));
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, Seen{});
+    clock.advance(999ms);
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, Seen{});
+    clock.advance(1ms);
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, (Seen{"first", "second"}));
+    clock.advance(10s);
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, (Seen{"first", "second", "late"}));
+}
+
+TEST_F(Loop, HandleTellsWhetherTheTimerIsPending) {
+    auto timer = loop.after(1s, note("fired"));
+    EXPECT_TRUE(timer);
+    run_for(loop, clock, 1s);
+    EXPECT_FALSE(timer);
+    EXPECT_FALSE(EventLoop::Handle());
+}
+
+TEST_F(Loop, TimerMayRemoveAnotherThatIsDueAtTheSameTime) {
+    EventLoop::Handle victim;
+    const auto killer = loop.after(1s, [&] { victim.reset(); });
+    victim = loop.after(1s, note("victim"));
+    run_for(loop, clock, 2s);
+    EXPECT_EQ(seen, Seen{});
+    EXPECT_FALSE(victim);
+}
+
+TEST_F(Loop, CallbackMayResetItsOwnHandleAndKeepsItsCaptures) {
+    EventLoop::Handle own;
+    const std::string text = "a text that is too long for any small-string storage";
+    own = loop.after(1s, [&own, &out = seen, text] {
+        own.reset();
+        out.push_back(text);
+    });
+    run_for(loop, clock, 1s);
+    EXPECT_EQ(seen, Seen{"a text that is too long for any small-string storage"});
+}
+
+TEST_F(Loop, CallbackMayReplaceItsOwnHandle) {
+    EventLoop::Handle own;
+    own = loop.after(1s, [&] { own = loop.after(1s, note("again")); });
+    run_for(loop, clock, 1s);
+    EXPECT_TRUE(own);
+    EXPECT_EQ(seen, Seen{});
+    run_for(loop, clock, 1s);
+    EXPECT_EQ(seen, Seen{"again"});
+}
+
+TEST_F(Loop, WatchReportsWhatIsReadyForAsLongAsItIs) {
+    const Pipe pipe;
+    pipe.fill();
+    pipe.fill();
+    const auto watch = loop.watch(pipe.out(), true, false, [&](EventLoop::Ready ready) {
+        EXPECT_TRUE(ready.read);
+        EXPECT_FALSE(ready.write);
+        pipe.drain();
+        seen.emplace_back("byte");
+    });
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, (Seen{"byte", "byte"}));
+}
+
+TEST_F(Loop, WatchOfAWritableEndReportsWrite) {
+    const Pipe pipe;
+    EventLoop::Handle watch;
+    watch = loop.watch(pipe.in(), false, true, [&](EventLoop::Ready ready) {
+        EXPECT_TRUE(ready.write);
+        seen.emplace_back("writable");
+        watch.reset();
+    });
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, Seen{"writable"});
+    EXPECT_FALSE(watch);
+}
+
+TEST_F(Loop, WatchMayRemoveAnotherThatIsReadyToo) {
+    const Pipe one;
+    const Pipe two;
+    one.fill();
+    two.fill();
+    EventLoop::Handle first;
+    EventLoop::Handle second;
+    first = loop.watch(one.out(), true, false, [&](EventLoop::Ready) {
+        seen.emplace_back("ran");
+        second.reset();
+        first.reset();
+    });
+    second = loop.watch(two.out(), true, false, [&](EventLoop::Ready) {
+        seen.emplace_back("ran");
+        first.reset();
+        second.reset();
+    });
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, Seen{"ran"});
+}
+
+TEST_F(Loop, WatchOfARegularFileIsRefused) {
+    const int fd = open("/proc/self/exe", O_RDONLY | O_CLOEXEC);
+    ASSERT_GE(fd, 0);
+    EXPECT_FALSE(loop.watch(fd, true, false, [](EventLoop::Ready) {}));
+    close(fd);
+}
+
+TEST_F(Loop, FloodOfPostedWorkStarvesNeitherTimersNorDescriptors) {
+    const Pipe pipe;
+    pipe.fill();
+    int flood = 0;
+    int at_timer = 0;
+    int at_watch = 0;
+    EventLoop::Task again = [&] {
+        flood++;
+        if (at_timer == 0 || at_watch == 0) {
+            loop.post(again);
+            loop.post(again);
+        }
+    };
+    loop.post(again);
+    const auto timer = loop.after(0s, [&] { at_timer = flood; });
+    const auto watch = loop.watch(pipe.out(), true, false, [&](EventLoop::Ready) {
+        pipe.drain();
+        at_watch = flood;
+    });
+    run_ready(loop, clock);
+    EXPECT_GT(at_timer, 0);
+    EXPECT_GT(at_watch, 0);
+    EXPECT_LE(at_timer, 128);
+    EXPECT_LE(at_watch, 128);
+}
+
+TEST_F(Loop, ZeroDelayTimerThatRearmsItselfLetsPostedWorkRun) {
+    EventLoop::Handle timer;
+    bool posted = false;
+    int rounds = 0;
+    EventLoop::Task again = [&] {
+        rounds++;
+        if (!posted) {
+            timer = loop.after(0s, again);
+        }
+    };
+    timer = loop.after(0s, again);
+    loop.post([&] { loop.post([&] { posted = true; }); });
+    run_ready(loop, clock);
+    EXPECT_TRUE(posted);
+    EXPECT_LE(rounds, 3);
+}
+
+TEST_F(Loop, IdleHookMayMoveTheClock) {
+    const auto timer = loop.after(5s, note("fired"));
+    clock.on_idle = [this] {
+        clock.advance_to(loop.next_timer().value());
+        return true;
+    };
+    qv_thread thread{};
+    ASSERT_NE(loop.fetch(&thread), nullptr);
+    qv_thread_call(&thread);
+    EXPECT_EQ(seen, Seen{"fired"});
+}
+
+TEST_F(Loop, NextTimerIsTheEarliestPendingOne) {
+    EXPECT_FALSE(loop.next_timer());
+    const auto late = loop.after(5s, [] {});
+    auto early = loop.after(2s, [] {});
+    EXPECT_EQ(loop.next_timer(), clock.now() + 2s);
+    early.reset();
+    EXPECT_EQ(loop.next_timer(), clock.now() + 5s);
+}
+
+TEST_F(Loop, DelaysOutOfRangeAreCut) {
+    const auto past = loop.after(-5s, note("past"));
+    const auto never = loop.after(qv::Duration::max(), note("never"));
+    run_for(loop, clock, 24h * 365 * 10);
+    EXPECT_EQ(seen, Seen{"past"});
+}
+
+TEST_F(Loop, OnLoopThreadIsTrueThereAndNowhereElse) {
+    EXPECT_TRUE(loop.on_loop_thread());
+    bool elsewhere = true;
+    std::thread([&] { elsewhere = loop.on_loop_thread(); }).join();
+    EXPECT_FALSE(elsewhere);
+}
+
+TEST(LoopLifetime, HandlesMayOutliveTheLoop) {
+    ManualClock clock;
+    const Pipe pipe;
+    EventLoop::Handle timer;
+    EventLoop::Handle watch;
+    {
+        EventLoop loop(clock);
+        timer = loop.after(1s, [] {});
+        watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
+        loop.post([] {});
+    }
+    EXPECT_FALSE(timer);
+    EXPECT_FALSE(watch);
+    timer.reset();
+}
+
+TEST(LoopLifetime, PendingWorkThatOwnsHandlesIsReleasedWithTheLoop) {
+    ManualClock clock;
+    EventLoop loop(clock);
+    auto inner = std::make_shared<EventLoop::Handle>(loop.after(1s, [] {}));
+    const auto outer = loop.after(2s, [inner] { inner->reset(); });
+    loop.post([inner] { inner->reset(); });
+}
+
+TEST(LoopOnTheRealClock, TimerFiresNotBeforeItsTime) {
+    qv::SteadyClock clock;
+    EventLoop loop(clock);
+    const auto start = std::chrono::steady_clock::now();
+    const auto timer = loop.after(20ms, [] {});
+    qv_thread thread{};
+    ASSERT_NE(loop.fetch(&thread), nullptr);
+    EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+}
+
+TEST(LoopOnTheRealClock, WaitingCostsNoProcessorTime) {
+    qv::SteadyClock clock;
+    EventLoop loop(clock);
+    const auto timer = loop.after(300ms, [] {});
+    rusage before{};
+    rusage after{};
+    getrusage(RUSAGE_THREAD, &before);
+    qv_thread thread{};
+    ASSERT_NE(loop.fetch(&thread), nullptr);
+    getrusage(RUSAGE_THREAD, &after);
+    EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3) << "wakes up while there is nothing to do";
+}
+
+TEST(Clocks, ScaledClockRunsAtItsSpeed) {
+    const qv::SteadyClock clock(1000.0);
+    const auto before = clock.now();
+    const auto wait = clock.real_time_until(before + 1000s);
+    EXPECT_LE(wait, 1s);
+    EXPECT_GE(wait, 900ms);
+    EXPECT_EQ(clock.real_time_until(before), 0s);
+    std::this_thread::sleep_until(std::chrono::steady_clock::now() + 1ms);
+    EXPECT_GE(clock.now() - before, 1s);
+}
+
+TEST(Clocks, ManualClockStandsStillUntilItIsMoved) {
+    ManualClock clock;
+    const auto start = clock.now();
+    EXPECT_EQ(clock.real_time_until(start), 0s);
+    EXPECT_EQ(clock.real_time_until(start + 1ns), qv::Duration::max());
+    clock.advance(90s);
+    EXPECT_EQ(clock.now(), start + 90s);
+    clock.advance_to(start);
+    EXPECT_EQ(clock.now(), start + 90s);
+}
+
+}  // namespace
