@@ -10,10 +10,10 @@
 
 #include <pthread.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 
+#include "app_shared.h"
 #include "lda_list.h"
 #include "qv/mom.h"
 #include "qv/thread.h"
@@ -100,14 +100,13 @@ extern int32_t g_lda_clear_interval;  // seconds, 60 unless a debug command chan
 // ---- Fields shared with the delivery thread ----
 
 // The main thread reads and writes is_shutdown without the loop lock, the delivery thread sets it
-// under the lock. The byte stands alone, so relaxed order is enough.
+// under the lock.
 inline uint8_t lda_intf_is_shutdown(const lda_intf_t* record) {
-    return std::atomic_ref(const_cast<uint8_t&>(record->is_shutdown))
-        .load(std::memory_order_relaxed);
+    return app_shared_get(record->is_shutdown);
 }
 
 inline void lda_intf_set_shutdown(lda_intf_t* record, uint8_t is_shutdown) {
-    std::atomic_ref(record->is_shutdown).store(is_shutdown, std::memory_order_relaxed);
+    app_shared_set(record->is_shutdown, is_shutdown);
 }
 
 // A full copy of a record, the starting point of a proposed change.

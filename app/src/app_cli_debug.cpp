@@ -1,0 +1,151 @@
+// Commands "debug lda logfile|syslog|show-logfile ..." and the tree they hang in, which ends in the
+// storm detector's dump.
+//
+// Handlers run on the main thread; the levels and the budget they set are read by every thread that
+// logs. The help of the log-file level is at odds with the names of the levels (4 is "info", and 5
+// cannot be entered). Kept on purpose: both are what operators know.
+#include "app_cli_debug.h"
+
+#include "app_cli_nodes.h"
+#include "app_debug.h"
+#include "app_shared.h"
+#include "storm_detect.h"
+
+static constexpr int32_t LOGFILE_LEVEL_DEFAULT = 2;
+static constexpr int32_t SLOG_LEVEL_DEFAULT = 0;
+static constexpr uint32_t SLOG_MAX_DEFAULT = 1000;
+
+static bool for_help(const cli_pcdb* pcdb) {
+    return (pcdb->flags & CLI_FLAG_HELP) != 0;
+}
+static bool has_no(const cli_pcdb* pcdb) {
+    return (pcdb->prefix & CLI_PREFIX_NO) != 0;
+}
+
+int app_cli_logfile_level(cli_pcdb* pcdb) {
+    if (for_help(pcdb))
+        return 0;
+    const int32_t level =
+        has_no(pcdb) ? LOGFILE_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
+    app_shared_set(g_app_zlog_level, level);
+    APP_INFO("set logfile level to %d", level);
+    return 0;
+}
+
+int app_cli_slog_level(cli_pcdb* pcdb) {
+    if (for_help(pcdb))
+        return 0;
+    const int32_t level = has_no(pcdb) ? SLOG_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
+    app_shared_set(g_dbg_slog_level, level);
+    APP_INFO("set syslog level to %d", level);
+    return 0;
+}
+
+int app_cli_slog_max_log_num(cli_pcdb* pcdb) {
+    if (for_help(pcdb))
+        return 0;
+    app_shared_set(g_dbg_slog_max,
+                   has_no(pcdb) ? SLOG_MAX_DEFAULT : static_cast<uint32_t>(pcdb->number[0]));
+    return 0;
+}
+
+// The end of "log-max-number default": a keyword fills no number slot. That of "nolimit" needs
+// nothing, its value is the 0 of an empty slot.
+static int slog_max_default(cli_pcdb* pcdb) {
+    pcdb->number[0] = SLOG_MAX_DEFAULT;
+    return app_cli_slog_max_log_num(pcdb);
+}
+
+int app_cli_show_logfile(cli_pcdb* pcdb) {
+    if (for_help(pcdb) || has_no(pcdb))
+        return 0;
+    cli_printf("debug logfile level: %s\n",
+               app_logfile_level_name(app_shared_get(g_app_zlog_level)));
+    return 0;
+}
+
+static constexpr cli_keyword_arg Sapp_dbg_lda_kw = app_keyword("lda", "LDA");
+const cli_node Tapp_dbg_cmd = {append_point_action, nullptr, &Tapp_dbg_lda_kw, &Tno_alt, nullptr};
+const cli_node Tapp_dbg_lda_kw = {common_keyword_action, &Sapp_dbg_lda_kw, &Tapp_dbg_logfile_kw,
+                                  &Tno_alt, nullptr};
+
+// "logfile level". After "no" the line may end at once; a number is taken and not used.
+static constexpr cli_keyword_arg Sapp_dbg_logfile_kw = app_keyword("logfile", "Log file");
+static constexpr cli_keyword_arg Sapp_dbg_logfile_level_kw = app_keyword("level", "level");
+static constexpr cli_number_arg Sapp_dbg_logfile_level_num =
+    app_number("fatal: 0, error: 1, warn: 2, notice: 3, debug: 4", 0, 4);
+static constexpr cli_eol_arg Sapp_dbg_logfile_level_no_eol = {1, app_cli_logfile_level};
+static constexpr cli_eol_arg Sapp_dbg_logfile_level_eol = {1, app_cli_logfile_level};
+const cli_node Tapp_dbg_logfile_kw = {common_keyword_action, &Sapp_dbg_logfile_kw,
+                                      &Tapp_dbg_logfile_level_kw, &Tapp_dbg_syslog_kw, nullptr};
+const cli_node Tapp_dbg_logfile_level_kw = {common_keyword_action, &Sapp_dbg_logfile_level_kw,
+                                            &Tapp_dbg_logfile_level_no, &Tno_alt, nullptr};
+const cli_node Tapp_dbg_logfile_level_no = {
+    noprefix_action, nullptr, &Tapp_dbg_logfile_level_no_eol, &Tapp_dbg_logfile_level_num, nullptr};
+const cli_node Tapp_dbg_logfile_level_no_eol = {eol_action, &Sapp_dbg_logfile_level_no_eol, nullptr,
+                                                &Tapp_dbg_logfile_level_num, nullptr};
+const cli_node Tapp_dbg_logfile_level_num = {common_number_action, &Sapp_dbg_logfile_level_num,
+                                             &Tapp_dbg_logfile_level_eol, &Tno_alt, nullptr};
+const cli_node Tapp_dbg_logfile_level_eol = {eol_action, &Sapp_dbg_logfile_level_eol, nullptr,
+                                             &Tno_alt, nullptr};
+
+// "syslog level", in the same way.
+static constexpr cli_keyword_arg Sapp_dbg_syslog_kw = app_keyword("syslog", "syslog");
+static constexpr cli_keyword_arg Sapp_dbg_syslog_level_kw = app_keyword("level", "syslog level");
+static constexpr cli_number_arg Sapp_dbg_syslog_level_num =
+    app_number("none: 0, error: 1, info: 2, debug: 3", 0, 3);
+static constexpr cli_eol_arg Sapp_dbg_syslog_level_no_eol = {1, app_cli_slog_level};
+static constexpr cli_eol_arg Sapp_dbg_syslog_level_eol = {1, app_cli_slog_level};
+const cli_node Tapp_dbg_syslog_kw = {common_keyword_action, &Sapp_dbg_syslog_kw,
+                                     &Tapp_dbg_syslog_level_kw, &Tapp_dbg_show_logfile_kw, nullptr};
+const cli_node Tapp_dbg_syslog_level_kw = {common_keyword_action, &Sapp_dbg_syslog_level_kw,
+                                           &Tapp_dbg_syslog_level_no, &Tapp_dbg_log_max_number_kw,
+                                           nullptr};
+const cli_node Tapp_dbg_syslog_level_no = {noprefix_action, nullptr, &Tapp_dbg_syslog_level_no_eol,
+                                           &Tapp_dbg_syslog_level_num, nullptr};
+const cli_node Tapp_dbg_syslog_level_no_eol = {eol_action, &Sapp_dbg_syslog_level_no_eol, nullptr,
+                                               &Tapp_dbg_syslog_level_num, nullptr};
+const cli_node Tapp_dbg_syslog_level_num = {common_number_action, &Sapp_dbg_syslog_level_num,
+                                            &Tapp_dbg_syslog_level_eol, &Tno_alt, nullptr};
+const cli_node Tapp_dbg_syslog_level_eol = {eol_action, &Sapp_dbg_syslog_level_eol, nullptr,
+                                            &Tno_alt, nullptr};
+
+// "syslog log-max-number": a number, "nolimit" or "default".
+static constexpr cli_keyword_arg Sapp_dbg_log_max_number_kw =
+    app_keyword("log-max-number", "set syslog max number");
+static constexpr cli_number_arg Sapp_dbg_log_max_number_num =
+    app_number("set syslog max number", 1, 4294967295);
+static constexpr cli_keyword_arg Sapp_dbg_nolimit_kw =
+    app_keyword("nolimit", "set app syslog max to no limit");
+static constexpr cli_keyword_arg Sapp_dbg_default_kw =
+    app_keyword("default", "set app syslog max to default");
+static constexpr cli_eol_arg Sapp_dbg_log_max_number_no_eol = {1, app_cli_slog_max_log_num};
+static constexpr cli_eol_arg Sapp_dbg_log_max_number_eol = {1, app_cli_slog_max_log_num};
+static constexpr cli_eol_arg Sapp_dbg_default_eol = {1, slog_max_default};
+const cli_node Tapp_dbg_log_max_number_kw = {common_keyword_action, &Sapp_dbg_log_max_number_kw,
+                                             &Tapp_dbg_log_max_number_no, &Tno_alt, nullptr};
+const cli_node Tapp_dbg_log_max_number_no = {noprefix_action, nullptr,
+                                             &Tapp_dbg_log_max_number_no_eol,
+                                             &Tapp_dbg_log_max_number_num, nullptr};
+const cli_node Tapp_dbg_log_max_number_no_eol = {eol_action, &Sapp_dbg_log_max_number_no_eol,
+                                                 nullptr, &Tapp_dbg_log_max_number_num, nullptr};
+const cli_node Tapp_dbg_log_max_number_num = {common_number_action, &Sapp_dbg_log_max_number_num,
+                                              &Tapp_dbg_log_max_number_eol, &Tapp_dbg_nolimit_kw,
+                                              nullptr};
+const cli_node Tapp_dbg_log_max_number_eol = {eol_action, &Sapp_dbg_log_max_number_eol, nullptr,
+                                              &Tno_alt, nullptr};
+const cli_node Tapp_dbg_nolimit_kw = {common_keyword_action, &Sapp_dbg_nolimit_kw,
+                                      &Tapp_dbg_log_max_number_eol, &Tapp_dbg_default_kw, nullptr};
+const cli_node Tapp_dbg_default_kw = {common_keyword_action, &Sapp_dbg_default_kw,
+                                      &Tapp_dbg_default_eol, &Tno_alt, nullptr};
+const cli_node Tapp_dbg_default_eol = {eol_action, &Sapp_dbg_default_eol, nullptr, &Tno_alt,
+                                       nullptr};
+
+static constexpr cli_keyword_arg Sapp_dbg_show_logfile_kw =
+    app_keyword("show-logfile", "show logfile");
+static constexpr cli_eol_arg Sapp_dbg_show_logfile_eol = {1, app_cli_show_logfile};
+const cli_node Tapp_dbg_show_logfile_kw = {common_keyword_action, &Sapp_dbg_show_logfile_kw,
+                                           &Tapp_dbg_show_logfile_eol, &Tapp_dbg_storm_detect_kw,
+                                           nullptr};
+const cli_node Tapp_dbg_show_logfile_eol = {eol_action, &Sapp_dbg_show_logfile_eol, nullptr,
+                                            &Tno_alt, nullptr};

@@ -1,0 +1,27 @@
+// Argument blocks of parse nodes, as every tree of the agent fills them.
+#pragma once
+
+#include <cstdint>
+
+#include "qv/cli.h"
+
+// Attribute words of a keyword. The framework carries them and gives them their meaning.
+inline constexpr uint32_t APP_KEYWORD_PLAIN = 14;          // global, show and debug chains
+inline constexpr uint32_t APP_KEYWORD_INTERFACE = 0x800E;  // interface chain
+inline constexpr uint32_t APP_KEYWORD_DETAIL = 30;         // "detail"
+
+constexpr cli_keyword_arg app_keyword(const char* keyword, const char* help,
+                                      uint32_t attribute = APP_KEYWORD_PLAIN) {
+    return {.keyword = keyword,
+            .help = help,
+            .zero = 0,
+            .attribute = {attribute, attribute},
+            .word = {1, 2, 0, 0, 0},
+            .name = keyword,
+            .one = 1};
+}
+
+// A number that goes to the first number slot.
+constexpr cli_number_arg app_number(const char* help, int64_t low, int64_t high) {
+    return {.help = help, .low = low, .high = high, .zero = 0, .flags = 258, .slot = 0};
+}
