@@ -1,33 +1,18 @@
 // The parse trees of "storm-loop-detect" and "storm-loop-rate", leaves first, and their
 // registration. Constants all of them; the framework walks them on the main thread.
-#include "app_debug.h"
+#include "app_cli_nodes.h"
 #include "storm_cli.h"
 
 namespace {
 
-constexpr uint32_t kKeywordAttribute = 32782;
 constexpr uint32_t kNumberFlags = 258;
 
 constexpr cli_keyword_arg keyword(const char* word, const char* help) {
-    return {.keyword = word,
-            .help = help,
-            .zero = 0,
-            .attribute = {kKeywordAttribute, kKeywordAttribute},
-            .word = {1, 2, 0, 0, 0},
-            .name = word,
-            .one = 1};
+    return app_keyword(word, help, APP_KEYWORD_INTERFACE);
 }
 
 constexpr cli_number_arg number(const char* help, int64_t low, int64_t high, uint32_t slot) {
     return {.help = help, .low = low, .high = high, .zero = 0, .flags = kNumberFlags, .slot = slot};
-}
-
-// The actions of the test nodes: each tree names its own to the framework's.
-void testexp_cfg_storm(cli_walk* walk, const cli_node* node) {
-    test_expression_action(walk, node);
-}
-void testexp_cfg_rate(cli_walk* walk, const cli_node* node) {
-    test_expression_action(walk, node);
 }
 
 // ---- "storm-loop-detect enable" ----
@@ -62,8 +47,9 @@ const cli_keyword_arg Scfg_port_std = keyword("storm-loop-detect", "Set storm");
 const cli_node Tcfg_port_std = {common_keyword_action, &Scfg_port_std, &Tcfg_port_std_storm,
                                 &Tno_alt, nullptr};
 
-const cli_test_arg Scfg_storm = {&Tcfg_port_std, &Tno_alt, testfunc_cfg_storm};
-const cli_node Tcfg_storm = {testexp_cfg_storm, &Scfg_storm, &Tcfg_port_std, &Tno_alt, nullptr};
+const cli_test_arg testexp_cfg_storm = {&Tcfg_port_std, &Tno_alt, testfunc_cfg_storm};
+const cli_node Tcfg_storm = {test_expression_action, &testexp_cfg_storm, &Tcfg_port_std, &Tno_alt,
+                             nullptr};
 
 const cli_node Tcfg_port_std_cmd = {append_point_action, nullptr, &Tcfg_storm, &Tno_alt, nullptr};
 
@@ -119,8 +105,9 @@ const cli_keyword_arg Scfg_port_rate = keyword("storm-loop-rate", "Set storm");
 const cli_node Tcfg_port_rate = {common_keyword_action, &Scfg_port_rate, &Tcfg_port_rate_storm,
                                  &Tno_alt, nullptr};
 
-const cli_test_arg Scfg_rate = {&Tcfg_port_rate, &Tno_alt, testfunc_cfg_rate};
-const cli_node Tcfg_rate = {testexp_cfg_rate, &Scfg_rate, &Tcfg_port_rate, &Tno_alt, nullptr};
+const cli_test_arg testexp_cfg_rate = {&Tcfg_port_rate, &Tno_alt, testfunc_cfg_rate};
+const cli_node Tcfg_rate = {test_expression_action, &testexp_cfg_rate, &Tcfg_port_rate, &Tno_alt,
+                            nullptr};
 
 const cli_node Tcfg_port_rate_cmd = {append_point_action, nullptr, &Tcfg_rate, &Tno_alt, nullptr};
 

@@ -1,11 +1,20 @@
 // Storm detection: read-only dumps of records and statistics. None takes a lock.
 #include <cstdio>
 
+#include "app_cli_nodes.h"
 #include "app_debug.h"
 #include "lda_debug.h"
 #include "qv/ddm.h"
 #include "qv/lsm.h"
 #include "storm_detect.h"
+
+static constexpr cli_keyword_arg Sapp_dbg_storm_detect_kw =
+    app_keyword("storm-detect", "storm-detect");
+static constexpr cli_eol_arg Sexec_app_dbg_storm_detect_eol = {1, app_cli_storm_detect};
+const cli_node Tapp_dbg_storm_detect_kw = {common_keyword_action, &Sapp_dbg_storm_detect_kw,
+                                           &Texec_app_dbg_storm_detect_eol, &Tno_alt, nullptr};
+const cli_node Texec_app_dbg_storm_detect_eol = {eol_action, &Sexec_app_dbg_storm_detect_eol,
+                                                 nullptr, &Tno_alt, nullptr};
 
 int app_cli_storm_detect(cli_pcdb* pcdb) {
     if ((pcdb->flags & CLI_FLAG_HELP) != 0) {
