@@ -1,0 +1,319 @@
+// qv/mom.h over a store driver.
+//
+// A client keeps one number for each database and type it ever subscribed to, and one for each
+// scan under way; the driver reports by these numbers. All bytes that the driver reports were
+// written by somebody else: what does not unpack is logged and dropped here.
+#include "qv/mom.h"
+
+#include <cerrno>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "platform/client/mom_key.h"
+#include "platform/client/platform.h"
+#include "platform/driver/store_driver.h"
+#include "qv/syslog.h"
+
+namespace {
+
+struct RecordFree {
+    void operator()(ProtobufCMessage* record) const {
+        protobuf_c_message_free_unpacked(record, nullptr);
+    }
+};
+using RecordPtr = std::unique_ptr<ProtobufCMessage, RecordFree>;
+
+struct SessionCallback {
+    qv_mom_session_cb function = nullptr;
+    void* arg = nullptr;
+
+    void operator()() const {
+        if (function != nullptr) {
+            function(arg);
+        }
+    }
+};
+
+}  // namespace
+
+struct qv_mom_client final : qv::StoreListener {
+    explicit qv_mom_client(qv::StoreDriver& driver) : store(driver.connect(*this)) {}
+
+    void connect(uint32_t db, SessionCallback callback);
+    int subscribe(uint32_t db, const ProtobufCMessageDescriptor& type, qv_mom_msg_cb callback);
+    int scan(uint32_t db, const ProtobufCMessageDescriptor& type, qv_mom_msg_cb callback);
+
+    void session_up(uint32_t db) override;
+    void session_down(uint32_t db) override;
+    void subscribed(uint64_t number) override;
+    void notice(uint64_t number, qv::Bytes notice) override;
+    void scanned(uint64_t number, std::string_view key, qv::Bytes record) override;
+    void scan_done(uint64_t number) override;
+
+    struct Session {
+        SessionCallback connected;
+        SessionCallback reconnected;
+        SessionCallback disconnected;
+        bool connect_reported = false;
+    };
+
+    struct Topic {
+        uint32_t db;
+        const ProtobufCMessageDescriptor* type;
+        qv_mom_msg_cb callback;
+    };
+
+    // A scan reads a record at one moment and reports it later. A notice that arrives in between is
+    // newer or is followed by one that is, so the scan keeps silent about that key.
+    struct Scan {
+        Topic topic;
+        std::unordered_set<std::string> overtaken;
+    };
+
+    void note_overtaken(const Topic& topic, const ProtobufCMessage& record);
+    void deliver(const Topic& topic, int oper, const ProtobufCMessage* record);
+
+    std::map<uint32_t, Session> sessions;
+    std::map<uint64_t, Topic> topics;  // stay after a loss: their numbers are used again
+    std::map<uint64_t, Scan> scans;
+    uint64_t numbers_used = 0;
+    std::unique_ptr<qv::StoreClient> store;
+};
+
+namespace {
+
+RecordPtr unpack(const qv_mom_client::Topic& topic, qv::Bytes record) {
+    RecordPtr unpacked(
+        protobuf_c_message_unpack(topic.type, nullptr, record.size(), record.data()));
+    if (!unpacked) {
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "BAD_RECORD",
+                      "Record of %s in database %u dropped: %zu bytes do not unpack.",
+                      topic.type->name, topic.db, record.size());
+    }
+    return unpacked;
+}
+
+}  // namespace
+
+void qv_mom_client::connect(uint32_t db, SessionCallback callback) {
+    Session& session = sessions[db];
+    session.connected = callback;
+    if (session.connect_reported && store->up(db)) {
+        qv::platform().loop().post([callback] { callback(); });
+    }
+    store->open(db);
+}
+
+int qv_mom_client::subscribe(uint32_t db, const ProtobufCMessageDescriptor& type,
+                             qv_mom_msg_cb callback) {
+    for (auto& [number, topic] : topics) {
+        if (topic.db == db && topic.type == &type) {
+            topic.callback = callback;
+            return store->subscribe(db, type.name, number) ? 0 : ENOTCONN;
+        }
+    }
+    const uint64_t number = ++numbers_used;
+    if (!store->subscribe(db, type.name, number)) {
+        return ENOTCONN;
+    }
+    topics[number] = {db, &type, callback};
+    return 0;
+}
+
+int qv_mom_client::scan(uint32_t db, const ProtobufCMessageDescriptor& type,
+                        qv_mom_msg_cb callback) {
+    const uint64_t number = ++numbers_used;
+    if (!store->scan(db, type.name, number)) {
+        return ENOTCONN;
+    }
+    scans[number] = {{db, &type, callback}, {}};
+    return 0;
+}
+
+void qv_mom_client::session_up(uint32_t db) {
+    Session& session = sessions[db];
+    const bool first = !std::exchange(session.connect_reported, true);
+    const SessionCallback callback = first ? session.connected : session.reconnected;
+    callback();
+}
+
+void qv_mom_client::session_down(uint32_t db) {
+    std::erase_if(scans, [db](const auto& scan) { return scan.second.topic.db == db; });
+    const SessionCallback callback = sessions[db].disconnected;
+    callback();
+}
+
+void qv_mom_client::subscribed(uint64_t number) {
+    const auto found = topics.find(number);
+    if (found != topics.end()) {
+        const qv_mom_msg message = {QV_MOM_CMD_SUBSCRIBED, 0, found->second.db, nullptr};
+        const qv_mom_msg_cb callback = found->second.callback;
+        callback(this, &message);
+    }
+}
+
+void qv_mom_client::notice(uint64_t number, qv::Bytes notice) {
+    const auto found = topics.find(number);
+    if (found == topics.end()) {
+        return;
+    }
+    const Topic topic = found->second;  // the callback may place it anew
+    if (notice.empty() || notice[0] > QV_MOM_OPER_PUBLISH) {
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "BAD_NOTICE",
+                      "Notice of %s in database %u dropped: no known operation.", topic.type->name,
+                      topic.db);
+        return;
+    }
+    const RecordPtr record = unpack(topic, notice.subspan(1));
+    if (!record) {
+        return;
+    }
+    if (!scans.empty() && notice[0] != QV_MOM_OPER_PUBLISH) {
+        note_overtaken(topic, *record);
+    }
+    deliver(topic, notice[0], record.get());
+}
+
+void qv_mom_client::note_overtaken(const Topic& topic, const ProtobufCMessage& record) {
+    const std::optional<std::string> key = qv::record_key(record);
+    for (auto& [number, scan] : scans) {
+        if (key && scan.topic.db == topic.db && scan.topic.type == topic.type) {
+            scan.overtaken.insert(*key);
+        }
+    }
+}
+
+void qv_mom_client::scanned(uint64_t number, std::string_view key, qv::Bytes record) {
+    const auto found = scans.find(number);
+    if (found == scans.end() || found->second.overtaken.contains(std::string(key))) {
+        return;
+    }
+    const Topic topic = found->second.topic;
+    if (const RecordPtr unpacked = unpack(topic, record)) {
+        deliver(topic, QV_MOM_OPER_SET, unpacked.get());
+    }
+}
+
+void qv_mom_client::scan_done(uint64_t number) {
+    scans.erase(number);
+}
+
+void qv_mom_client::deliver(const Topic& topic, int oper, const ProtobufCMessage* record) {
+    const qv_mom_msg message = {QV_MOM_CMD_RECORD, oper, topic.db, record};
+    topic.callback(this, &message);
+}
+
+extern "C" {
+
+qv_mom_client* qv_mom_client_init(const char* name, qv_thread_master* master,
+                                  qv_mom_client* current) {
+    if (current != nullptr) {
+        return current;
+    }
+    if (name == nullptr || master == nullptr) {
+        return nullptr;
+    }
+    // Clients live as long as the process, whatever becomes of their handles. The list itself is
+    // never destroyed, so that no client goes after the store it stands on.
+    static auto& clients = *new std::vector<std::unique_ptr<qv_mom_client>>();
+    clients.push_back(std::make_unique<qv_mom_client>(qv::platform().store()));
+    return clients.back().get();
+}
+
+int qv_mom_client_connect(qv_mom_client* client, uint32_t db, qv_mom_session_cb connected,
+                          void* arg) {
+    if (client == nullptr) {
+        return EINVAL;
+    }
+    client->connect(db, {connected, arg});
+    return 0;
+}
+
+int qv_mom_client_set_reconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_session_cb callback,
+                                   void* arg) {
+    if (client == nullptr) {
+        return EINVAL;
+    }
+    client->sessions[db].reconnected = {callback, arg};
+    return 0;
+}
+
+int qv_mom_client_set_disconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_session_cb callback,
+                                    void* arg) {
+    if (client == nullptr) {
+        return EINVAL;
+    }
+    client->sessions[db].disconnected = {callback, arg};
+    return 0;
+}
+
+int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int /*flags*/,
+               int /*reserved*/, const ProtobufCMessageDescriptor* descriptor) {
+    if (client == nullptr || record == nullptr ||
+        (descriptor != nullptr && descriptor != record->descriptor)) {
+        return EINVAL;
+    }
+    const std::optional<std::string> key = qv::record_key(*record);
+    if (!key) {
+        return EINVAL;
+    }
+    const std::vector<uint8_t> packed = qv::pack_record(*record);
+    return client->store->set(db, record->descriptor->name, *key, packed) ? 0 : ENOTCONN;
+}
+
+int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int /*flags*/,
+               int /*reserved*/) {
+    if (client == nullptr || record == nullptr) {
+        return EINVAL;
+    }
+    const std::optional<std::string> key = qv::record_key(*record);
+    if (!key) {
+        return EINVAL;
+    }
+    const std::vector<uint8_t> packed = qv::pack_key_of_record(*record);
+    return client->store->erase(db, record->descriptor->name, *key, packed) ? 0 : ENOTCONN;
+}
+
+int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int /*flags*/,
+                int /*reserved*/, int /*reserved2*/) {
+    if (client == nullptr || record == nullptr) {
+        return EINVAL;
+    }
+    const std::optional<std::string> pattern = qv::record_key_pattern(*record);
+    if (!pattern) {
+        return EINVAL;
+    }
+    return client->store->erase_matching(db, record->descriptor->name, *pattern) ? 0 : ENOTCONN;
+}
+
+int qv_mom_subscribe(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int /*flags*/,
+                     qv_mom_msg_cb callback, void* /*arg*/) {
+    if (client == nullptr || key == nullptr || callback == nullptr) {
+        return EINVAL;
+    }
+    return client->subscribe(db, *key->descriptor, callback);
+}
+
+int qv_mom_scan(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int /*flags*/,
+                qv_mom_msg_cb callback, void* /*arg*/) {
+    if (client == nullptr || key == nullptr || callback == nullptr) {
+        return EINVAL;
+    }
+    return client->scan(db, *key->descriptor, callback);
+}
+
+int qv_mom_publish(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record,
+                   int /*flags*/, int /*reserved*/) {
+    if (client == nullptr || record == nullptr) {
+        return EINVAL;
+    }
+    const std::vector<uint8_t> packed = qv::pack_record(*record);
+    return client->store->publish(db, record->descriptor->name, packed) ? 0 : ENOTCONN;
+}
+
+}  // extern "C"
