@@ -1,1 +1,46 @@
-// placeholder
+// What makes the agent the program `lda`: its few command-line options. The agent's own main takes
+// no arguments, so they are looked at before it runs; the C library hands them to constructors.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+namespace {
+
+constexpr const char* kHelp =
+    "usage: lda [--help | --version]\n"
+    "\n"
+    "The loop-detection agent of a managed Ethernet switch. It runs in the foreground and takes\n"
+    "its commands from the shell `ldash`. What it runs on is described in the TOML file named in\n"
+    "the environment variable LDA_PLATFORM; unset means the simulated switch with 24 ports and\n"
+    "records in memory. Keys, all optional, with their defaults:\n"
+    "\n"
+    "  switch = \"embedded\"           \"embedded\" (simulated) or \"linux\" (the ports of a "
+    "bridge)\n"
+    "  store = \"memory\"              \"memory\" or \"redis\"\n"
+    "  [linux]    bridge = \"br0\"\n"
+    "  [redis]    socket = \"/run/redis/redis-server.sock\"\n"
+    "  [cli]      socket = \"/run/lda/cli.sock\"\n"
+    "  [embedded] ports = 24         1 to 4096\n"
+    "  [files]    startup_config     saved configuration; left out: nothing is saved\n"
+    "             log_dir            folder of the log file; left out: no log file\n"
+    "             capabilities       what this model can do; left out: nothing special\n"
+    "  [clock]    speed = 1.0        virtual seconds per second, simulated switch only\n"
+    "  [role]     mode = \"solo\"      \"solo\" or \"lease\"\n";
+
+[[gnu::constructor]] void read_arguments(int argc, char** argv) {
+    if (argc <= 1) {
+        return;
+    }
+    if (argc == 2 && std::strcmp(argv[1], "--help") == 0) {
+        std::fputs(kHelp, stdout);
+        std::exit(EXIT_SUCCESS);
+    }
+    if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
+        std::puts("lda " LDA_VERSION);
+        std::exit(EXIT_SUCCESS);
+    }
+    std::fprintf(stderr, "lda: unknown argument '%s' (try --help)\n", argv[1]);
+    std::exit(2);
+}
+
+}  // namespace

@@ -1,1 +1,175 @@
-// placeholder
+#include "platform/client/platform.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <stdexcept>
+
+#include "p_bridge.pb-c.h"
+#include "platform/cli/tarn_commands.h"
+#include "platform/cli/test_commands.h"
+#include "platform/driver/embedded/embedded_forwarding.h"
+#include "platform/driver/embedded/embedded_switch.h"
+#include "platform/driver/embedded/loop_probe.h"
+#include "platform/driver/embedded/memory_store.h"
+#include "platform/driver/embedded/stderr_log.h"
+#include "platform/driver/linux/no_forwarding.h"
+#if __has_include("platform/driver/linux/redis_store.cpp")
+#include "platform/driver/linux/redis_store.h"
+#endif
+#include "platform/driver/linux/rtnl_switch.h"
+#include "platform/driver/linux/syslog_log.h"
+#include "qv/mom.h"
+
+namespace qv {
+namespace {
+
+std::unique_ptr<SystemLog> make_log(PlatformConfig::Switch kind) {
+    switch (kind) {
+        case PlatformConfig::Switch::kEmbedded:
+            return std::make_unique<StderrLog>();
+        case PlatformConfig::Switch::kLinux:
+            return std::make_unique<SyslogLog>();
+    }
+    std::abort();
+}
+
+bool probed(uint32_t ifx) {
+    return cli::tarn_enabled() && cli::tarn_port_enabled(ifx);
+}
+
+// Publishes what the probes of the embedded switch find, as the probe protocol does.
+class LoopReports {
+ public:
+    explicit LoopReports(EventLoop& loop)
+        : client_(qv_mom_client_init("tarn", loop.master(), nullptr)) {
+        qv_mom_client_connect(
+            client_, QV_MOM_APP_DB, [](void*) { return 0; }, nullptr);
+    }
+
+    bool store(const LoopReport& report) const {
+        PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
+        index.ifx = report.ifx;
+        PBridge__TarnLoopInfo record = P_BRIDGE__TARN_LOOP_INFO__INIT;
+        record.index = &index;
+        record.vid = 1;
+        record.is_loop = report.is_loop ? 1 : 0;
+        record.src_ifx = report.src_ifx;
+        return qv_mom_set(client_, QV_MOM_APP_DB, &record.base, 0, 0) == 0;
+    }
+
+ private:
+    qv_mom_client* client_;
+};
+
+// The platform of a description. Lives as long as the process.
+class DescribedPlatform final : public Platform {
+ public:
+    explicit DescribedPlatform(PlatformConfig config)
+        : config_(std::move(config)), clock_(config_.speed), log_(make_log(config_.switch_kind)) {}
+
+    const PlatformConfig& config() const override { return config_; }
+    Clock& clock() override { return clock_; }
+    SystemLog& system_log() override { return *log_; }
+    EventLoop& loop() override { return *loop_; }
+    StoreDriver& store() override { return *store_; }
+    PortModel& ports() override { return *ports_; }
+    ForwardingDriver& forwarding() override { return *forwarding_; }
+
+    void attach_loop(EventLoop& loop) override {
+        loop_ = &loop;
+        MemoryStore* const memory = make_store();
+        switch (config_.switch_kind) {
+            case PlatformConfig::Switch::kEmbedded:
+                make_embedded_switch(memory);
+                break;
+            case PlatformConfig::Switch::kLinux:
+                switch_ = std::make_unique<RtnlSwitch>(loop, config_.bridge);
+                ports_ = std::make_unique<PortModel>(*switch_);
+                forwarding_ = std::make_unique<NoForwarding>(*log_);
+                break;
+        }
+        ports_->start();
+    }
+
+ private:
+    // Null when the store is not in memory.
+    MemoryStore* make_store() {
+        if (config_.store == PlatformConfig::Store::kRedis) {
+#if __has_include("platform/driver/linux/redis_store.cpp")
+            store_ = std::make_unique<RedisStore>(*loop_, config_.redis_socket);
+            return nullptr;
+#else
+            throw std::runtime_error("this program is built without the redis store");
+#endif
+        }
+        auto memory = std::make_unique<MemoryStore>(*loop_);
+        MemoryStore* const made = memory.get();
+        store_ = std::move(memory);
+        return made;
+    }
+
+    void make_embedded_switch(MemoryStore* memory) {
+        auto embedded = std::make_unique<EmbeddedSwitch>(*loop_, config_.embedded_ports);
+        EmbeddedSwitch& ports = *embedded;
+        switch_ = std::move(embedded);
+        ports_ = std::make_unique<PortModel>(ports);
+
+        auto plane = std::make_unique<EmbeddedForwarding>(*loop_, [this](uint32_t phyid) {
+            for (const auto& [ifx, port] : ports_->ports()) {
+                if (port.phyid == phyid) {
+                    return true;
+                }
+            }
+            return false;
+        });
+        ports.set_rate_listener([traffic = plane.get()](uint32_t phyid, uint64_t pps) {
+            traffic->set_rate(phyid, pps);
+        });
+        forwarding_ = std::move(plane);
+
+        probe_ = std::make_unique<LoopProbe>(
+            *loop_, ports, probed, [reports = LoopReports(*loop_)](const LoopReport& report) {
+                return reports.store(report);
+            });
+        cli::register_test_commands(ports, memory);
+    }
+
+    const PlatformConfig config_;
+    SteadyClock clock_;
+    const std::unique_ptr<SystemLog> log_;
+    // From attach_loop() on.
+    EventLoop* loop_ = nullptr;
+    std::unique_ptr<StoreDriver> store_;
+    std::unique_ptr<SwitchDriver> switch_;
+    std::unique_ptr<PortModel> ports_;
+    std::unique_ptr<ForwardingDriver> forwarding_;
+    std::unique_ptr<LoopProbe> probe_;  // embedded switch only
+};
+
+Platform* g_platform = nullptr;
+
+Platform* describe() {
+    const char* const path = std::getenv("LDA_PLATFORM");
+    try {
+        return new DescribedPlatform(path && *path ? load_platform_config(path) : PlatformConfig());
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lda: %s\n", error.what());
+        std::exit(EXIT_FAILURE);
+    }
+}
+
+}  // namespace
+
+Platform& platform() {
+    if (!g_platform) {
+        g_platform = describe();
+    }
+    return *g_platform;
+}
+
+void install_platform(Platform& platform) {
+    g_platform = &platform;
+}
+
+}  // namespace qv

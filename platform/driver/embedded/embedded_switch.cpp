@@ -255,6 +255,11 @@ std::vector<uint32_t> EmbeddedSwitch::plugged_ports() const {
     return plugged;
 }
 
+bool EmbeddedSwitch::has_cable(uint32_t ifx) const {
+    const Member* member = find(ifx);
+    return member && member->cable != 0;
+}
+
 std::optional<uint32_t> EmbeddedSwitch::loop_peer(uint32_t ifx) const {
     const Member* member = find(ifx);
     const Member* peer = member ? find(member->cable) : nullptr;

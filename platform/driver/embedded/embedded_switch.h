@@ -55,6 +55,7 @@ class EmbeddedSwitch final : public SwitchDriver {
 
     // Ports with a cable, ascending.
     std::vector<uint32_t> plugged_ports() const;
+    bool has_cable(uint32_t ifx) const;
     // The other end of the port's cable while both ends are up and in the bridge.
     std::optional<uint32_t> loop_peer(uint32_t ifx) const;
 

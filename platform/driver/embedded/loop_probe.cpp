@@ -1,7 +1,8 @@
 #include "platform/driver/embedded/loop_probe.h"
 
+#include <iterator>
+#include <optional>
 #include <utility>
-#include <vector>
 
 namespace qv {
 
@@ -11,39 +12,50 @@ LoopProbe::LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Enabled enabled, Pu
 }
 
 void LoopProbe::wiring_changed() {
-    end_reports([this](uint32_t ifx, uint32_t peer) { return ports_.loop_peer(ifx) != peer; });
-    if (!running_ && !ports_.plugged_ports().empty()) {
-        running_ = true;
-        timer_ = loop_.after(Duration::zero(), [this] { probe(); });
+    for (const uint32_t ifx : ports_.plugged_ports()) {
+        const auto [entry, fresh] = cables_.try_emplace(ifx);
+        if (ports_.loop_peer(ifx) && !entry->second.timer) {
+            arm(ifx, entry->second, fresh ? Duration::zero() : kInterval);
+        }
+    }
+    for (auto entry = cables_.begin(); entry != cables_.end();) {
+        auto& [ifx, cable] = *entry;
+        if (!ports_.loop_peer(ifx)) {
+            cable.timer.reset();
+            report_end(ifx, cable);
+        }
+        entry = cable.timer || ports_.has_cable(ifx) ? std::next(entry) : cables_.erase(entry);
     }
 }
 
-void LoopProbe::probe() {
-    const std::vector<uint32_t> plugged = ports_.plugged_ports();
-    running_ = !plugged.empty();
-    if (running_) {
-        timer_ = loop_.after(kInterval, [this] { probe(); });
+void LoopProbe::probe(uint32_t ifx) {
+    Cable& cable = cables_.at(ifx);
+    const std::optional<uint32_t> peer = ports_.loop_peer(ifx);
+    if (!peer || !enabled_(ifx)) {
+        report_end(ifx, cable);
+    } else if (publish_({.ifx = ifx, .src_ifx = *peer, .is_loop = true})) {
+        cable.peer = *peer;
+        cable.reported = true;
     }
-    end_reports([this](uint32_t ifx, uint32_t) { return !enabled_(ifx); });
-    for (const uint32_t ifx : plugged) {
-        const std::optional<uint32_t> peer = ports_.loop_peer(ifx);
-        if (peer && enabled_(ifx)) {
-            reported_[ifx] = *peer;
-            publish_({.ifx = ifx, .src_ifx = *peer, .is_loop = true});
-        }
+    if (peer) {
+        arm(ifx, cable, kInterval);
+    } else if (!cable.timer && !ports_.has_cable(ifx)) {
+        cables_.erase(ifx);
     }
 }
 
-void LoopProbe::end_reports(const std::function<bool(uint32_t ifx, uint32_t peer)>& over) {
-    std::vector<LoopReport> ended;
-    for (const auto& [ifx, peer] : reported_) {
-        if (over(ifx, peer)) {
-            ended.push_back({.ifx = ifx, .src_ifx = peer, .is_loop = false});
-        }
+void LoopProbe::arm(uint32_t ifx, Cable& cable, Duration delay) {
+    cable.timer = loop_.after(delay, [this, ifx] { probe(ifx); });
+}
+
+void LoopProbe::report_end(uint32_t ifx, Cable& cable) {
+    if (!cable.reported) {
+        return;
     }
-    for (const LoopReport& report : ended) {
-        reported_.erase(report.ifx);
-        publish_(report);
+    if (publish_({.ifx = ifx, .src_ifx = cable.peer, .is_loop = false})) {
+        cable.reported = false;
+    } else {
+        arm(ifx, cable, kInterval);
     }
 }
 

@@ -1,7 +1,8 @@
 // A small peer protocol for the embedded switch: finds the loops that its cables make.
 //
-// While probing is in force on a port whose cable closes a loop, the loop is reported when it
-// closes and every kInterval after that; when the loop ends, or probing does, one report says so.
+// While probing is in force on a port whose cable closes a loop, the loop is reported at once when
+// the cable is plugged, kInterval after a port of it came back, and every kInterval from then on.
+// When the loop ends, or probing does, one report says so.
 #pragma once
 
 #include <chrono>
@@ -28,23 +29,31 @@ class LoopProbe {
     static constexpr std::chrono::seconds kInterval{5};
 
     using Enabled = std::function<bool(uint32_t ifx)>;  // probing is in force on this port
-    using Publish = std::function<void(const LoopReport& report)>;
+    // Makes a report known. False when that cannot be done now: it is tried again later.
+    using Publish = std::function<bool(const LoopReport& report)>;
 
     // Takes the wiring listener of `ports`, which must outlive the probe, as must the loop.
     LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Enabled enabled, Publish publish);
 
  private:
+    // The far end of a port's cable. There is one while the cable is plugged or its end is not yet
+    // made known.
+    struct Cable {
+        uint32_t peer = 0;      // as reported
+        bool reported = false;  // a loop is on record
+        EventLoop::Handle timer;
+    };
+
     void wiring_changed();
-    void probe();
-    void end_reports(const std::function<bool(uint32_t ifx, uint32_t peer)>& over);
+    void probe(uint32_t ifx);
+    void arm(uint32_t ifx, Cable& cable, Duration delay);
+    void report_end(uint32_t ifx, Cable& cable);
 
     EventLoop& loop_;
     EmbeddedSwitch& ports_;
     Enabled enabled_;
     Publish publish_;
-    std::map<uint32_t, uint32_t> reported_;  // looping port to the other end
-    EventLoop::Handle timer_;                // runs while a cable is plugged
-    bool running_ = false;
+    std::map<uint32_t, Cable> cables_;  // by port
 };
 
 }  // namespace qv

@@ -1,0 +1,194 @@
+#include "platform/client/config.h"
+
+#include <cstdio>
+#include <fstream>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace {
+
+using qv::PlatformConfig;
+
+// A platform file named "FILE" in what is thrown about it.
+class ConfigFile : public ::testing::Test {
+ protected:
+    ConfigFile() : path_(testing::TempDir() + "lda-config-" + std::to_string(getpid())) {}
+    ~ConfigFile() override { std::remove(path_.c_str()); }
+
+    PlatformConfig read(const std::string& text) {
+        std::ofstream(path_, std::ios::binary) << text;
+        return qv::load_platform_config(path_);
+    }
+
+    std::string fault_of(const std::string& text) {
+        try {
+            read(text);
+        } catch (const std::runtime_error& error) {
+            return reason(error);
+        }
+        return "accepted";
+    }
+
+    std::string reason(const std::runtime_error& error) const {
+        std::string what = error.what();
+        if (what.starts_with(path_)) {
+            what.replace(0, path_.size(), "FILE");
+        }
+        return what;
+    }
+
+    std::string path_;
+};
+
+TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
+    const PlatformConfig config = read("");
+    EXPECT_EQ(config.switch_kind, PlatformConfig::Switch::kEmbedded);
+    EXPECT_EQ(config.store, PlatformConfig::Store::kMemory);
+    EXPECT_EQ(config.bridge, "br0");
+    EXPECT_EQ(config.redis_socket, "/run/redis/redis-server.sock");
+    EXPECT_EQ(config.cli_socket, "/run/lda/cli.sock");
+    EXPECT_EQ(config.startup_config, "");
+    EXPECT_EQ(config.log_dir, "");
+    EXPECT_EQ(config.capabilities, "");
+    EXPECT_EQ(config.embedded_ports, 24u);
+    EXPECT_EQ(config.speed, 1.0);
+    EXPECT_EQ(config.role, PlatformConfig::Role::kSolo);
+}
+
+TEST_F(ConfigFile, EveryKeyIsRead) {
+    const PlatformConfig config = read(R"(
+switch = "embedded"
+store = "redis"
+linux.bridge = "lab"
+[redis]
+socket = "/tmp/redis.sock"
+[cli]
+socket = "cli.sock"
+[embedded]
+ports = 4096
+[files]
+startup_config = "/tmp/startup.cfg"
+log_dir = "/tmp/log"
+capabilities = "/tmp/cap.toml"
+[clock]
+speed = 60
+[role]
+mode = "lease"
+)");
+    EXPECT_EQ(config.store, PlatformConfig::Store::kRedis);
+    EXPECT_EQ(config.bridge, "lab");
+    EXPECT_EQ(config.redis_socket, "/tmp/redis.sock");
+    EXPECT_EQ(config.cli_socket, "cli.sock");
+    EXPECT_EQ(config.embedded_ports, 4096u);
+    EXPECT_EQ(config.startup_config, "/tmp/startup.cfg");
+    EXPECT_EQ(config.log_dir, "/tmp/log");
+    EXPECT_EQ(config.capabilities, "/tmp/cap.toml");
+    EXPECT_EQ(config.speed, 60.0);
+    EXPECT_EQ(config.role, PlatformConfig::Role::kLease);
+}
+
+TEST_F(ConfigFile, LinuxSwitchAndMemoryStoreGoTogether) {
+    const PlatformConfig config = read("switch = \"linux\"\nstore = \"memory\"\n");
+    EXPECT_EQ(config.switch_kind, PlatformConfig::Switch::kLinux);
+    EXPECT_EQ(config.store, PlatformConfig::Store::kMemory);
+}
+
+TEST_F(ConfigFile, UnknownKeyIsRefusedWithItsLine) {
+    EXPECT_EQ(fault_of("store = \"memory\"\ncolour = \"red\"\n"), "FILE:2: unknown key 'colour'");
+    EXPECT_EQ(fault_of("[redis]\n\nport = 6379\n"), "FILE:3: unknown key 'redis.port'");
+    EXPECT_EQ(fault_of("[tables]\n"), "FILE:1: unknown key 'tables'");
+}
+
+TEST_F(ConfigFile, UnknownChoiceIsRefusedWithTheKnownOnes) {
+    EXPECT_EQ(fault_of("switch = \"tokamak\"\n"),
+              "FILE:1: switch must be \"embedded\" or \"linux\", not \"tokamak\"");
+    EXPECT_EQ(fault_of("\nstore = \"disk\"\n"),
+              "FILE:2: store must be \"memory\" or \"redis\", not \"disk\"");
+    EXPECT_EQ(fault_of("[role]\nmode = \"Solo\"\n"),
+              "FILE:2: role.mode must be \"solo\" or \"lease\", not \"Solo\"");
+}
+
+TEST_F(ConfigFile, WrongTypeIsRefused) {
+    EXPECT_EQ(fault_of("switch = 1\n"), "FILE:1: switch must be a text in quotes");
+    EXPECT_EQ(fault_of("[files]\nlog_dir = [\"a\"]\n"),
+              "FILE:2: files.log_dir must be a text in quotes");
+    EXPECT_EQ(fault_of("clock = 60\n"), "FILE:1: clock must be a table, written [clock]");
+    EXPECT_EQ(fault_of("[[cli]]\nsocket = \"a\"\n"), "FILE:1: cli must be a table, written [cli]");
+    EXPECT_EQ(fault_of("[clock]\nspeed = \"fast\"\n"),
+              "FILE:2: clock.speed must be a number above 0 and up to 10000");
+    EXPECT_EQ(fault_of("[embedded]\nports = 24.0\n"),
+              "FILE:2: embedded.ports must be a whole number from 1 to 4096");
+}
+
+TEST_F(ConfigFile, ValueOutOfRangeIsRefused) {
+    const char* const ports = "FILE:2: embedded.ports must be a whole number from 1 to 4096";
+    EXPECT_EQ(fault_of("[embedded]\nports = 0\n"), ports);
+    EXPECT_EQ(fault_of("[embedded]\nports = 4097\n"), ports);
+    EXPECT_EQ(fault_of("[embedded]\nports = -1\n"), ports);
+    const char* const speed = "FILE:2: clock.speed must be a number above 0 and up to 10000";
+    EXPECT_EQ(fault_of("[clock]\nspeed = 0\n"), speed);
+    EXPECT_EQ(fault_of("[clock]\nspeed = -2.5\n"), speed);
+    EXPECT_EQ(fault_of("[clock]\nspeed = 10001\n"), speed);
+    EXPECT_EQ(fault_of("[clock]\nspeed = inf\n"), speed);
+    EXPECT_EQ(fault_of("[clock]\nspeed = nan\n"), speed);
+}
+
+TEST_F(ConfigFile, ImpossibleNameOrPathIsRefused) {
+    const char* const bridge =
+        "FILE:2: linux.bridge must be an interface name of 1 to 15 characters";
+    EXPECT_EQ(fault_of("[linux]\nbridge = \"\"\n"), bridge);
+    EXPECT_EQ(fault_of("[linux]\nbridge = \"a/b\"\n"), bridge);
+    EXPECT_EQ(fault_of("[linux]\nbridge = \"sixteen-letters-\"\n"), bridge);
+    EXPECT_EQ(fault_of("[cli]\nsocket = \"\"\n"),
+              "FILE:2: cli.socket must be a path of 1 to 107 bytes");
+    EXPECT_EQ(fault_of("[redis]\nsocket = \"" + std::string(108, 's') + "\"\n"),
+              "FILE:2: redis.socket must be a path of 1 to 107 bytes");
+    EXPECT_EQ(fault_of("[files]\nlog_dir = \"a\\u0000b\"\n"),
+              "FILE:2: files.log_dir must not contain a zero byte");
+}
+
+TEST_F(ConfigFile, ClockSpeedIsRefusedOnTheLinuxSwitch) {
+    EXPECT_EQ(fault_of("switch = \"linux\"\nstore = \"redis\"\n[clock]\nspeed = 1.0\n"),
+              "FILE:4: clock.speed is for the embedded switch only");
+}
+
+TEST_F(ConfigFile, HalfWrittenFileIsRefusedWithTheLineOfTheBreak) {
+    EXPECT_EQ(fault_of("store = \"memory\"\nswitch = \"emb").substr(0, 7), "FILE:2:");
+    EXPECT_EQ(fault_of("switch = \"embedded\"\nstore = \n").substr(0, 7), "FILE:2:");
+    EXPECT_EQ(fault_of("[cli\n").substr(0, 7), "FILE:1:");
+    EXPECT_EQ(fault_of("switch").substr(0, 7), "FILE:1:");
+}
+
+TEST_F(ConfigFile, BytesThatAreNoTextAreRefused) {
+    EXPECT_EQ(fault_of("\xff\xfe\x01").substr(0, 7), "FILE:1:");
+    EXPECT_EQ(fault_of(std::string("store\0= 1\n", 10)).substr(0, 7), "FILE:1:");
+}
+
+TEST_F(ConfigFile, KeyGivenTwiceIsRefused) {
+    EXPECT_EQ(fault_of("store = \"memory\"\nstore = \"redis\"\n").substr(0, 7), "FILE:2:");
+    EXPECT_EQ(fault_of("[cli]\n[cli]\n").substr(0, 7), "FILE:2:");
+}
+
+TEST_F(ConfigFile, MissingFileIsRefusedWithTheReason) {
+    try {
+        qv::load_platform_config(path_);
+        FAIL() << "accepted";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(reason(error), "FILE:0: cannot be read: No such file or directory");
+    }
+}
+
+TEST_F(ConfigFile, FolderInPlaceOfAFileIsRefused) {
+    const std::string folder = testing::TempDir();
+    try {
+        qv::load_platform_config(folder);
+        FAIL() << "accepted";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(std::string(error.what()), folder + ":0: cannot be read: Is a directory");
+    }
+}
+
+}  // namespace

@@ -1,0 +1,154 @@
+#include "platform/client/port_model.h"
+
+#include <gtest/gtest.h>
+
+#include "qv/bridge.h"
+#include "qv/ddm.h"
+#include "tests/unit/ports/ports_rig.h"
+
+namespace {
+
+using qv::Port;
+
+class Recorder final : public qv::PortObserver {
+ public:
+    std::vector<std::string> heard;
+
+    void on_added(const Port& port) override { note("added", port); }
+    void on_removed(const Port& port) override { note("removed", port); }
+    void on_changed(const Port& before, const Port& after) override {
+        heard.push_back("changed " + before.name + " to " + after.name);
+    }
+    void on_default(const Port& port) override { note("default", port); }
+    void on_left_bridge(const Port& port) override { note("left", port); }
+    void on_complete() override { heard.push_back("complete"); }
+
+ private:
+    void note(const char* what, const Port& port) { heard.push_back(what + (" " + port.name)); }
+};
+
+using Texts = std::vector<std::string>;
+
+class PortModelTest : public ::testing::Test {
+ protected:
+    PortModelTest() { rig.model.add_observer(recorder); }
+
+    Texts heard() { return std::exchange(recorder.heard, {}); }
+
+    PortsRig rig;
+    Recorder recorder;
+};
+
+using PortModel = PortModelTest;
+
+TEST_F(PortModel, FindsPortsByIndexAndByName) {
+    rig.model.port_added(PortsRig::port(7));
+    ASSERT_NE(rig.model.find(7), nullptr);
+    EXPECT_EQ(rig.model.find(7)->name, "swp7");
+    EXPECT_EQ(rig.model.find("swp7"), rig.model.find(7));
+    EXPECT_EQ(rig.model.find(8), nullptr);
+    EXPECT_EQ(rig.model.find("swp"), nullptr);
+}
+
+TEST_F(PortModel, PortAddedTwiceIsOnePort) {
+    rig.model.port_added(PortsRig::port(7));
+    rig.model.port_added(PortsRig::port(7));
+    EXPECT_EQ(rig.model.ports().size(), 1u);
+    EXPECT_EQ(heard(), (Texts{"added swp7"}));
+}
+
+TEST_F(PortModel, PortReportedAgainWithAnotherNameIsAChange) {
+    rig.model.port_added(PortsRig::port(7));
+    Port renamed = PortsRig::port(7);
+    renamed.name = "uplink";
+    rig.model.port_added(renamed);
+    EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to uplink"}));
+    EXPECT_EQ(rig.model.find("swp7"), nullptr);
+    EXPECT_NE(rig.model.find("uplink"), nullptr);
+}
+
+TEST_F(PortModel, ReportWithoutADifferenceIsNoChange) {
+    rig.model.port_added(PortsRig::port(7));
+    rig.model.port_changed(PortsRig::port(7));
+    EXPECT_EQ(heard(), (Texts{"added swp7"}));
+}
+
+TEST_F(PortModel, ReportsAboutUnknownPortsAreDropped) {
+    rig.model.port_changed(PortsRig::port(7));
+    rig.model.port_removed(7);
+    rig.model.port_left_bridge(7);
+    rig.model.restore_defaults(7);
+    EXPECT_EQ(heard(), Texts{});
+    EXPECT_TRUE(rig.model.ports().empty());
+}
+
+TEST_F(PortModel, RemovedPortIsGoneWhenItsRemovalIsHeard) {
+    rig.model.port_added(PortsRig::port(7));
+    rig.model.port_removed(7);
+    EXPECT_EQ(heard(), (Texts{"added swp7", "removed swp7"}));
+    EXPECT_EQ(rig.model.find(7), nullptr);
+}
+
+TEST_F(PortModel, PortThatLeftTheBridgeHasNoMode) {
+    rig.model.port_added(PortsRig::port(7));
+    rig.model.port_left_bridge(7);
+    EXPECT_EQ(rig.model.find(7)->mode, SWPORT_MODE_NONE);
+    EXPECT_EQ(heard(), (Texts{"added swp7", "left swp7"}));
+}
+
+TEST_F(PortModel, CompletionIsToldOnce) {
+    EXPECT_FALSE(rig.model.complete());
+    rig.model.ports_complete();
+    rig.model.ports_complete();
+    EXPECT_TRUE(rig.model.complete());
+    EXPECT_EQ(heard(), Texts{"complete"});
+}
+
+TEST_F(PortModel, RequestsGoToTheDriverAndItsReasonComesBack) {
+    rig.model.port_added(PortsRig::port(7));
+    EXPECT_EQ(rig.model.set_admin(7, false), "");
+    rig.driver.answer = "Operation not permitted";
+    EXPECT_EQ(rig.model.set_mode(7, SWPORT_MODE_TRUNK), "Operation not permitted");
+    EXPECT_EQ(rig.driver.requests, (Texts{"admin 7 down", "mode 7 2"}));
+}
+
+TEST_F(PortModel, RequestForAnUnknownPortNeverReachesTheDriver) {
+    EXPECT_EQ(rig.model.set_admin(7, true), "no such port");
+    EXPECT_EQ(rig.model.set_mode(7, SWPORT_MODE_ACCESS), "no such port");
+    EXPECT_EQ(rig.driver.requests, Texts{});
+}
+
+TEST_F(PortModel, DefaultsAreToldToTheObservers) {
+    rig.model.port_added(PortsRig::port(7));
+    rig.model.restore_defaults(7);
+    EXPECT_EQ(heard(), (Texts{"added swp7", "default swp7"}));
+}
+
+TEST_F(PortModel, DeviceMappingGoesBothWays) {
+    rig.model.port_added(PortsRig::port(7));
+    uint32_t id = 0;
+    EXPECT_EQ(libddm_get_phyid_by_ifx(7, &id), 0);
+    EXPECT_EQ(id, 107u);
+    uint32_t ifx = 0;
+    EXPECT_EQ(libddm_get_ifx_by_phyid(107, &ifx), 0);
+    EXPECT_EQ(ifx, 7u);
+}
+
+TEST_F(PortModel, DeviceMappingOfAnUnknownPortLeavesTheResultAlone) {
+    uint32_t result = 55;
+    EXPECT_NE(libddm_get_phyid_by_ifx(7, &result), 0);
+    EXPECT_NE(libddm_get_ifx_by_phyid(107, &result), 0);
+    EXPECT_EQ(result, 55u);
+}
+
+TEST_F(PortModel, AggregatePortHasNoForwardingPlaneId) {
+    Port aggregate = PortsRig::port(30);
+    aggregate.phyid = 0;
+    rig.model.port_added(aggregate);
+    uint32_t result = 55;
+    EXPECT_NE(libddm_get_phyid_by_ifx(30, &result), 0);
+    EXPECT_NE(libddm_get_ifx_by_phyid(0, &result), 0);
+    EXPECT_EQ(result, 55u);
+}
+
+}  // namespace
