@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 
 #include "app_debug.h"
 #include "lda_cli_delivery.h"
@@ -24,6 +25,17 @@ class AgentTest : public ::testing::Test {
         hot_standby_callback();
         g_app_zlog_level = 5;
         fake::clear_calls();
+    }
+
+    // Whether another thread would have to wait for a lock of the agent.
+    static bool is_held(pthread_mutex_t* mutex) {
+        bool held = false;
+        std::thread([&] {
+            held = pthread_mutex_trylock(mutex) != 0;
+            if (!held)
+                pthread_mutex_unlock(mutex);
+        }).join();
+        return held;
     }
 
     // Adds port "swp<ifx>" to the switch and its record to the agent.

@@ -24,7 +24,9 @@ using fake::warn;
 
 namespace {
 
-std::string log(const char* text) { return info("hot_standby_callback", text); }
+std::string log(const char* text) {
+    return info("hot_standby_callback", text);
+}
 
 Lines join(Lines first, const Lines& second) {
     first.insert(first.end(), second.begin(), second.end());
@@ -50,16 +52,16 @@ const Lines kLoggingStart = {
     "fclose",
 };
 
-const Lines kMainStart = join(
-    kLoggingStart, {
-                       "app_public_instance_init \"lda\"",
-                       info("main", "LDA:qv_thread_master_create start.\n"),
-                       "qv_thread_master_create",
-                       info("main", "LDA:qv_thread_master_create end.\n"),
-                       info("main", "qv_mom_client_init\n"),
-                       "qv_mom_client_init \"LDA\"",
-                       info("main", "qv_mom_client_init end\n"),
-                   });
+const Lines kMainStart =
+    join(kLoggingStart, {
+                            "app_public_instance_init \"lda\"",
+                            info("main", "LDA:qv_thread_master_create start.\n"),
+                            "qv_thread_master_create",
+                            info("main", "LDA:qv_thread_master_create end.\n"),
+                            info("main", "qv_mom_client_init\n"),
+                            "qv_mom_client_init \"LDA\"",
+                            info("main", "qv_mom_client_init end\n"),
+                        });
 
 const Lines kMainLoop = {
     "app_public_init_dead_detection",
@@ -71,7 +73,10 @@ const Lines kMainLoop = {
 // main() with every log line in the list of calls.
 class Main : public ::testing::Test {
  protected:
-    Main() { fake::file("/data/lda/lda.dbg", "5 0"); }
+    Main() {
+        fake::file("/data/lda/lda.dbg", "5 0");
+        fake::clear_calls();
+    }
 };
 
 }  // namespace
@@ -102,7 +107,7 @@ TEST_F(Main, RegistersTheRoleCallbackForBothRoles) {
 TEST_F(Main, IgnoresBrokenPipesBeforeTheLoopExists) {
     bool ignored = false;
     fake::on_call("qv_thread_master_create", [&] {
-        struct sigaction action{};
+        struct sigaction action {};
         sigaction(SIGPIPE, nullptr, &action);
         ignored = action.sa_handler == SIG_IGN;
     });
@@ -289,8 +294,7 @@ const Lines kSessions = {
 const Lines kStorm = {
     std::string("libqv_cap_init ") + kRateKey,
     std::string("libqv_cap_get_capacity_int32 ") + kRateKey + " -1",
-    info("std_load_cap_value",
-         "url p_cmps_sln/lda/storm_dct_ratelimit/default_value, value 8000"),
+    info("std_load_cap_value", "url p_cmps_sln/lda/storm_dct_ratelimit/default_value, value 8000"),
     info("storm_mom_udp_db_reg_callback", "QV_MOM_APP_DB reg start\n"),
     "qv_mom_client_connect db=8",
     "qv_mom_client_set_reconnect_cb db=8",
@@ -332,6 +336,15 @@ TEST_F(RoleCallback, BuildsTheAgentInOrder) {
     EXPECT_EQ(hot_standby_callback(), 0);
     EXPECT_EQ(fake::calls(), kWholeStart);
     EXPECT_EQ(fake::held_threads(), 1);
+}
+
+TEST_F(RoleCallback, LogLinesNameTheirSourceFile) {
+    hot_standby_callback();
+    ASSERT_FALSE(fake::zlog_lines().empty());
+    fake::ZlogLine first = fake::zlog_lines().front();
+    EXPECT_EQ(first.file, "app/src/lda_main.cpp");
+    EXPECT_EQ(first.function, "hot_standby_callback");
+    EXPECT_GT(first.line, 0);
 }
 
 TEST_F(RoleCallback, RunsFromTheRedundancyServiceInsideTheMainLoop) {
@@ -480,11 +493,12 @@ TEST_F(RoleCallback, ExitsWhenTheLocalDatabaseFails) {
     fake::fail_nth("qv_mom_client_set_reconnect_cb", 2, 7);
     expect_exit_after(join(
         kUpToSessions,
-        join(up_to(kSessions, "qv_mom_client_set_reconnect_cb db=3"),
-             {
-                 error("lda_mom_local_db_reg_callback", "qv_mom_client_set_reconnect_cb error[7]\n"),
-                 error("hot_standby_callback", "lda_mom_local_db_reg_callback fail!\n"),
-             })));
+        join(
+            up_to(kSessions, "qv_mom_client_set_reconnect_cb db=3"),
+            {
+                error("lda_mom_local_db_reg_callback", "qv_mom_client_set_reconnect_cb error[7]\n"),
+                error("hot_standby_callback", "lda_mom_local_db_reg_callback fail!\n"),
+            })));
 }
 
 TEST_F(RoleCallback, ExitsWhenTheApplicationDatabaseFails) {
@@ -543,9 +557,7 @@ class Readiness : public AgentTest {
         return {info("lda_try_notify_cli_ready", "cli ready"), "cli_client_ready"};
     }
 
-    static Lines announced() {
-        return fake::calls_of({"cli_client_ready"});
-    }
+    static Lines announced() { return fake::calls_of({"cli_client_ready"}); }
 };
 
 }  // namespace
@@ -587,11 +599,26 @@ TEST_F(Readiness, LastFlagAnnouncesWhicheverItIs) {
         std::function<void()> raise;
     };
     const Setter setters[] = {
-        {&mom_cfg_ready, [] { fake::mom_connect(22); }},
-        {&mom_local_ready, [] { fake::mom_connect(3); }},
-        {&mom_app_ready, [] { fake::mom_connect(4); }},
-        {&lsm_port_ready, [] { lda_lsm_event_handle(48, nullptr); }},
-        {&mom_storm_ready, [] { lda_storm_ready(); }},
+        {&mom_cfg_ready,
+         [] {
+             fake::mom_connect(22);
+         }},
+        {&mom_local_ready,
+         [] {
+             fake::mom_connect(3);
+         }},
+        {&mom_app_ready,
+         [] {
+             fake::mom_connect(4);
+         }},
+        {&lsm_port_ready,
+         [] {
+             lda_lsm_event_handle(48, nullptr);
+         }},
+        {&mom_storm_ready,
+         [] {
+             lda_storm_ready();
+         }},
     };
     for (const Setter& setter : setters) {
         raise_all();
@@ -735,9 +762,8 @@ class Condition : public RoleCallback {
 
 TEST_F(Condition, RunsOnTheMonotonicClock) {
     EXPECT_EQ(lda_pthread_cond_init(&cond_), 0);
-    EXPECT_EQ(fake::calls(),
-              (Lines{"pthread_condattr_init", "pthread_condattr_setclock monotonic",
-                     "pthread_cond_init monotonic", "pthread_condattr_destroy"}));
+    EXPECT_EQ(fake::calls(), (Lines{"pthread_condattr_init", "pthread_condattr_setclock monotonic",
+                                    "pthread_cond_init monotonic", "pthread_condattr_destroy"}));
 }
 
 TEST_F(Condition, ReportsAnAttributeThatCannotBeMade) {
