@@ -29,7 +29,7 @@ uint32_t g_dbg_slog_cnt;
 uint32_t g_dbg_slog_max = 1000;
 
 qv_zlog_category* g_app_zlog_category;
-char app_dbg_module[APP_DBG_TEXT_BYTES] = "LDA";
+char app_dbg_module[APP_DBG_TEXT_BYTES];
 char app_dbg_path[APP_DBG_TEXT_BYTES];
 
 const char* const g_logfile_level_str[6] = {"fatal", "error", "warn", "notice", "info", "debug"};

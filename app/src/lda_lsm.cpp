@@ -162,8 +162,9 @@ static void lda_lsm_ap_mem_chg_proc(const uint32_t* words) {
         proposed.mode = mode;
         lda_intf_ret_proc(record, &proposed);
     } else if (change == AP_LEFT) {
-        swport_get_port_mode(ifx, &mode);
-        record->mode = mode;
+        uint32_t own_mode = 0;
+        swport_get_port_mode(ifx, &own_mode);
+        record->mode = own_mode;
         record->mode_arg = 0;
     }
 }

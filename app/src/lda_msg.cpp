@@ -287,12 +287,8 @@ void lda_clear_loop_timer(lda_intf_t* record) {
         APP_ERROR("LDA add qv_thread timer failed.");
 }
 
-static void arm_recovery_tick() {
-    qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S);
-}
-
 void lda_loop_policy_timer(void) {
-    arm_recovery_tick();
+    qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S);
 }
 
 // Counts one tick of a port that is held shut down, and recovers it when its time is up.
@@ -318,7 +314,7 @@ int lda_intf_shutdown_timer_call(qv_thread* timer) {
     for (lda_list_t* link = head->next; link != head; link = link->next)
         if (lda_intf_is_shutdown(record_of(link)) == 1)
             tick_record(record_of(link), recover_time);
-    arm_recovery_tick();
+    lda_loop_policy_timer();
     return 0;
 }
 
