@@ -16,8 +16,12 @@ std::string render(const json& object) {
 }
 
 std::string reply(const Result& result, const SessionState& session) {
-    return render(
-        {{"output", result.output}, {"result", result.code}, {"prompt", prompt(session)}});
+    json object{
+        {"output", result.output}, {"result", result.code}, {"prompt", prompt(session)}};
+    if (session.leaving) {
+        object["end"] = true;
+    }
+    return render(object);
 }
 
 const std::string* text_of(const json& request, const char* key) {

@@ -3,8 +3,8 @@
 //   {"exec": LINE}      executes the line; with "mode" and "ifx" in that mode, for this line only
 //   {"complete": LINE}  words that can stand in place of the last one, one per line of "output"
 //   {"help": LINE}      the same with their help texts
-// Reply: {"output": TEXT, "prompt": TEXT, "result": NUMBER}. A session that monitors also gets
-// {"monitor": TEXT} between replies. Loop thread only.
+// Reply: {"output": TEXT, "prompt": TEXT, "result": NUMBER}, with "end": true when the session ends
+// with it. A session that monitors also gets {"monitor": TEXT} between replies. Loop thread only.
 #pragma once
 
 #include <string>

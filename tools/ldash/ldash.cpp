@@ -1,1 +1,115 @@
-// placeholder
+// The operator's shell: interactive on a terminal, else lines from "-c" or standard input.
+#include <getopt.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <iostream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "connection.h"
+#include "shell.h"
+
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kRefused = 1;
+constexpr int kNotReachable = 2;
+
+constexpr const char* kUsage =
+    "usage: ldash [-s SOCKET] [-c LINE]...\n"
+    "\n"
+    "  -s SOCKET  command-line socket of the switch; else LDA_CLI_SOCKET,\n"
+    "             else /run/lda/cli.sock\n"
+    "  -c LINE    executes the line and ends; several are executed in one session\n"
+    "\n"
+    "Without -c: a shell on a terminal, with history, TAB and ?; otherwise the\n"
+    "lines of standard input. Both end at the first line that is refused.\n"
+    "Exit status: 0 done, 1 refused, 2 not reachable or wrong usage.\n";
+
+struct Options {
+    std::string socket = "/run/lda/cli.sock";
+    std::vector<std::string> lines;
+};
+
+// Ends the program for --help and wrong usage.
+Options read_options(int argc, char** argv) {
+    Options options;
+    if (const char* socket = std::getenv("LDA_CLI_SOCKET")) {
+        options.socket = socket;
+    }
+    const option long_options[] = {{"help", no_argument, nullptr, 'h'}, {}};
+    int letter = 0;
+    while ((letter = getopt_long(argc, argv, "s:c:h", long_options, nullptr)) != -1) {
+        if (letter == 's') {
+            options.socket = optarg;
+        } else if (letter == 'c') {
+            options.lines.emplace_back(optarg);
+        } else {
+            std::fputs(kUsage, letter == 'h' ? stdout : stderr);
+            std::exit(letter == 'h' ? kDone : kNotReachable);
+        }
+    }
+    if (optind < argc) {
+        std::fputs(kUsage, stderr);
+        std::exit(kNotReachable);
+    }
+    return options;
+}
+
+// Executes one line and shows its output. The status is set when there is nothing more to do.
+bool execute(ldash::Connection& connection, const std::string& line, int& status) {
+    const ldash::Reply reply = connection.ask("exec", line);
+    std::fputs(reply.output.c_str(), stdout);
+    std::fflush(stdout);
+    status = reply.result == 0 ? kDone : kRefused;
+    return status == kDone && !reply.end;
+}
+
+int run_lines(ldash::Connection& connection, const std::vector<std::string>& lines) {
+    int status = kDone;
+    for (const std::string& line : lines) {
+        if (!execute(connection, line, status)) {
+            break;
+        }
+    }
+    return status;
+}
+
+int run_script(ldash::Connection& connection) {
+    int status = kDone;
+    int number = 0;
+    std::string line;
+    while (std::getline(std::cin, line)) {
+        ++number;
+        if (!execute(connection, line, status)) {
+            break;
+        }
+    }
+    if (status == kRefused) {
+        std::fprintf(stderr, "ldash: line %d was refused\n", number);
+    }
+    return status;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options options = read_options(argc, argv);
+    try {
+        ldash::Connection connection(options.socket);
+        if (!options.lines.empty()) {
+            return run_lines(connection, options.lines);
+        }
+        if (isatty(STDIN_FILENO) == 0) {
+            return run_script(connection);
+        }
+        ldash::run_shell(connection);
+        return kDone;
+    } catch (const std::exception& problem) {
+        std::fprintf(stderr, "ldash: %s\n", problem.what());
+        return kNotReachable;
+    }
+}

@@ -1,0 +1,350 @@
+// The engine on trees of the test's own: abbreviations, prefixes, slots, help, generation.
+#include "platform/cli/engine.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/running_config.h"
+#include "tests/unit/cli/cli_rig.h"
+
+namespace {
+
+using qv::cli::any_word;
+using qv::cli::attach;
+using qv::cli::end_of_line;
+using qv::cli::keyword;
+using qv::cli::number;
+using qv::cli::print_config;
+using qv::cli::rest_of_line;
+using qv::cli::with_default;
+using qv::cli::with_no;
+
+std::vector<std::string> g_calls;
+
+int record(cli_pcdb* pcdb) {
+    std::string call = std::string(pcdb->mode) + " ifx=" + std::to_string(pcdb->ifx);
+    call += " prefix=" + std::to_string(pcdb->prefix);
+    call += " numbers=" + std::to_string(pcdb->number[0]) + "," + std::to_string(pcdb->number[1]);
+    call += std::string(" word=") + pcdb->word[0];
+    g_calls.push_back(call);
+    return 0;
+}
+
+template <int value>
+int number_call(cli_pcdb*) {
+    g_calls.push_back(std::to_string(value));
+    return value;
+}
+
+// A tree as the agent writes it: a number in slot 0, an optional one in slot 1.
+constexpr cli_eol_arg Srate_eol = {1, record};
+constexpr cli_node Trate_eol = {eol_action, &Srate_eol, &Tno_alt, &Tno_alt, nullptr};
+constexpr cli_number_arg Sburst_value = {"burst limit size", 32, 10000, 0, 258, 1};
+constexpr cli_node Tburst_value = {common_number_action, &Sburst_value, &Trate_eol, &Tno_alt,
+                                   nullptr};
+constexpr cli_keyword_arg Sburst = {"burst", "Set burst", 0, {14, 14}, {1, 2, 0, 0, 0}, "burst", 1};
+constexpr cli_node Tburst = {common_keyword_action, &Sburst, &Tburst_value, &Trate_eol, nullptr};
+constexpr cli_number_arg Srate_value = {"rate limit size", 1, 1000000, 0, 258, 0};
+constexpr cli_node Trate_value = {common_number_action, &Srate_value, &Tburst, &Tno_alt, nullptr};
+constexpr cli_keyword_arg Srate = {"rate", "Set rate", 0, {14, 14}, {1, 2, 0, 0, 0}, "rate", 1};
+constexpr cli_node Trate = {common_keyword_action, &Srate, &Trate_value, &Tno_alt, nullptr};
+constexpr cli_node Trate_root = {append_point_action, nullptr, &Trate, &Tno_alt, nullptr};
+
+class Engine : public ::testing::Test {
+ protected:
+    Engine() { g_calls.clear(); }
+
+    std::string in_config(const std::string& line) {
+        rig.session = {};
+        rig.session.mode = "config";
+        return rig.type(line);
+    }
+
+    qv::test::CliRig rig;
+};
+
+TEST_F(Engine, UniquePrefixesOfKeywordsExecute) {
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", keyword("beta", "", end_of_line(number_call<0>))),
+           "test");
+    EXPECT_EQ(in_config("al b"), "");
+    EXPECT_EQ(rig.code, 0);
+    EXPECT_EQ(g_calls, std::vector<std::string>{"0"});
+}
+
+TEST_F(Engine, ExactKeywordBeatsLongerOnes) {
+    attach(CLI_CHAIN_CONFIG, keyword("alphabet", "", end_of_line(number_call<1>)), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end_of_line(number_call<2>)), "test");
+    in_config("alpha");
+    EXPECT_EQ(rig.code, 2);
+}
+
+TEST_F(Engine, AmbiguousPrefixNamesTheKeywordsAndCallsNobody) {
+    attach(CLI_CHAIN_CONFIG,
+           keyword("alpha", "", end_of_line(number_call<1>),
+                   keyword("alpine", "", end_of_line(number_call<2>))),
+           "test");
+    EXPECT_EQ(in_config("al"), "% Ambiguous command: 'al' (alpha, alpine).\n");
+    EXPECT_EQ(rig.code, -1);
+    EXPECT_TRUE(g_calls.empty());
+}
+
+TEST_F(Engine, SameKeywordInTwoTreesIsNoAmbiguity) {
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", keyword("one", "", end_of_line(number_call<1>))),
+           "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", keyword("two", "", end_of_line(number_call<2>))),
+           "test");
+    in_config("al tw");
+    EXPECT_EQ(rig.code, 2);
+    in_config("al on");
+    EXPECT_EQ(rig.code, 1);
+}
+
+TEST_F(Engine, UnknownWordIsNamed) {
+    EXPECT_EQ(in_config("frobnicate now"), "% Unknown command: 'frobnicate'.\n");
+    EXPECT_EQ(rig.code, -1);
+    EXPECT_EQ(in_config("tarn enable twice"), "% Unknown command: 'twice'.\n");
+}
+
+TEST_F(Engine, HalfACommandIsIncomplete) {
+    EXPECT_EQ(in_config("tarn"), "% Incomplete command.\n");
+    EXPECT_EQ(in_config("no"), "% Incomplete command.\n");
+    EXPECT_EQ(rig.code, -1);
+}
+
+TEST_F(Engine, NumbersFillTheirSlotsAndMissingOnesReadZero) {
+    cli_add_command(CLI_CHAIN_CONFIG, &Trate_root, "test");
+    in_config("rate 5000 burst 64");
+    in_config("rate 7000");
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"config ifx=0 prefix=0 numbers=5000,64 word=",
+                                                 "config ifx=0 prefix=0 numbers=7000,0 word="}));
+}
+
+TEST_F(Engine, NumberBoundsAreIncludedAndBeyondThemRefused) {
+    cli_add_command(CLI_CHAIN_CONFIG, &Trate_root, "test");
+    EXPECT_EQ(in_config("rate 1"), "");
+    EXPECT_EQ(in_config("rate 1000000"), "");
+    EXPECT_EQ(g_calls.size(), 2U);
+    EXPECT_EQ(in_config("rate 0"), "% Number out of range: '0' (1-1000000).\n");
+    EXPECT_EQ(in_config("rate -5"), "% Number out of range: '-5' (1-1000000).\n");
+    EXPECT_EQ(in_config("rate 1000001"), "% Number out of range: '1000001' (1-1000000).\n");
+    EXPECT_EQ(in_config("rate 99999999999999999999"),
+              "% Number out of range: '99999999999999999999' (1-1000000).\n");
+    EXPECT_EQ(in_config("rate 5x"), "% Invalid number: '5x' (1-1000000).\n");
+    EXPECT_EQ(in_config("rate 5 burst 31"), "% Number out of range: '31' (32-10000).\n");
+    EXPECT_EQ(g_calls.size(), 2U);
+}
+
+TEST_F(Engine, NoPrefixIsRefusedWhereTheTreeHasNoNodeForIt) {
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end_of_line(record)), "test");
+    EXPECT_EQ(in_config("no alpha"), "% Invalid prefix: 'no' does not apply here.\n");
+    EXPECT_EQ(rig.code, -1);
+    EXPECT_TRUE(g_calls.empty());
+}
+
+TEST_F(Engine, NoPrefixReachesEveryCommandOfATreeWithANodeForIt) {
+    const cli_node* end = end_of_line(record);
+    attach(CLI_CHAIN_CONFIG,
+           keyword("alpha", "", keyword("deep", "", end_of_line(record), with_no(end, end))),
+           "test");
+    EXPECT_EQ(in_config("no alpha deep"), "");
+    EXPECT_EQ(in_config("no alpha"), "");
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"config ifx=0 prefix=1 numbers=0,0 word=",
+                                                 "config ifx=0 prefix=1 numbers=0,0 word="}));
+}
+
+TEST_F(Engine, DefaultPrefixIsTakenOnlyOnAPathWithANodeForIt) {
+    const cli_node* end = end_of_line(record);
+    attach(CLI_CHAIN_CONFIG,
+           keyword("alpha", "", keyword("deep", "", end_of_line(record), with_default(end, end))),
+           "test");
+    EXPECT_EQ(in_config("default alpha"), "");
+    EXPECT_EQ(g_calls, std::vector<std::string>{"config ifx=0 prefix=2 numbers=0,0 word="});
+    EXPECT_EQ(in_config("default alpha deep"),
+              "% Invalid prefix: 'default' does not apply here.\n");
+    EXPECT_EQ(g_calls.size(), 1U);
+}
+
+TEST_F(Engine, WordTakesOneWordOrTheRestOfTheLine) {
+    attach(CLI_CHAIN_CONFIG, keyword("one", "", any_word("WORD", "", end_of_line(record))), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("all", "", rest_of_line("TEXT", "", end_of_line(record))),
+           "test");
+    in_config("one abc");
+    in_config("all  abc  def \r\n");
+    EXPECT_EQ(g_calls,
+              (std::vector<std::string>{"config ifx=0 prefix=0 numbers=0,0 word=abc",
+                                        "config ifx=0 prefix=0 numbers=0,0 word=abc  def"}));
+    EXPECT_EQ(in_config("one " + std::string(128, 'x')),
+              "% Word too long: '" + std::string(40, 'x') + "...'.\n");
+}
+
+TEST_F(Engine, LineEndAndBlanksAroundTheWordsDoNotMatter) {
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end_of_line(record)), "test");
+    EXPECT_EQ(in_config("  alpha \t \r\n"), "");
+    EXPECT_EQ(g_calls.size(), 1U);
+}
+
+TEST_F(Engine, EmptyLinesAndCommentsDoNothing) {
+    for (const char* line : {"", "  ", "\r\n", "!", "! alpha"}) {
+        EXPECT_EQ(in_config(line), "");
+        EXPECT_EQ(rig.code, 0);
+    }
+}
+
+TEST_F(Engine, LineOf1024BytesIsReadAndALongerOneRefused) {
+    EXPECT_EQ(in_config("tarn enable" + std::string(1013, ' ')), "");
+    EXPECT_EQ(in_config("tarn enable" + std::string(1014, ' ')),
+              "% Line too long (limit 1024 bytes).\n");
+    EXPECT_EQ(rig.code, -1);
+}
+
+TEST_F(Engine, ControlBytesAreRefused) {
+    for (const char* line : {"tarn \x01 enable", "tarn\x7f", "tarn\nenable", "tarn \x1b[A"}) {
+        EXPECT_EQ(in_config(line), "% Line contains control characters.\n");
+        EXPECT_EQ(rig.code, -1);
+    }
+}
+
+int only_port_103(cli_pcdb* pcdb) {
+    return pcdb->ifx == 103 ? 1 : 0;
+}
+
+TEST_F(Engine, TestNodeOffersItsCommandOnlyWhereItHolds) {
+    static const cli_node* const first = keyword("alpha", "", end_of_line(record));
+    static const cli_test_arg arg = {first, &Tno_alt, only_port_103};
+    static const cli_node test = {test_expression_action, &arg, &Tno_alt, &Tno_alt, nullptr};
+    attach(CLI_CHAIN_INTERFACE, &test, "test");
+    rig.session.mode = "interface";
+    rig.session.ifx = 103;
+    EXPECT_EQ(rig.type("alpha"), "");
+    rig.session.ifx = 102;
+    EXPECT_EQ(rig.type("alpha"), "% Unknown command: 'alpha'.\n");
+    EXPECT_EQ(g_calls, std::vector<std::string>{"interface ifx=103 prefix=0 numbers=0,0 word="});
+}
+
+TEST_F(Engine, HelpAndCompletionListWhatFitsAndCallNobody) {
+    const cli_node* end = end_of_line(record);
+    attach(CLI_CHAIN_CONFIG,
+           keyword("alpha", "The first",
+                   keyword("deep", "Deeper", end, print_config(record, number("Size", 1, 9, end)))),
+           "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpine", "Mountains", end), "test");
+    qv::cli::SessionState session;
+    session.mode = "config";
+    EXPECT_EQ(qv::cli::help_text(session, "al"),
+              "  alpha                   The first\n"
+              "  alpine                  Mountains\n");
+    EXPECT_EQ(qv::cli::help_text(session, "alpha "),
+              "  deep                    Deeper\n"
+              "  <1-9>                   Size\n");
+    EXPECT_EQ(qv::cli::help_text(session, "alpha deep "), "  <cr>\n");
+    EXPECT_EQ(qv::cli::completions(session, "al"), "alpha\nalpine\n");
+    EXPECT_EQ(qv::cli::completions(session, "alpha d"), "deep\n");
+    EXPECT_EQ(qv::cli::completions(session, "interface swp"), "swp1\nswp2\nswp3\nswp4\n");
+    EXPECT_EQ(qv::cli::completions(session, "zzz "), "");
+    EXPECT_TRUE(g_calls.empty());
+}
+
+TEST_F(Engine, HelpAfterNoListsOnlyWhatCanBeTakenBack) {
+    const cli_node* end = end_of_line(record);
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpine", "", with_no(end, end)), "test");
+    qv::cli::SessionState session;
+    session.mode = "config";
+    EXPECT_EQ(qv::cli::completions(session, "no al"), "alpine\n");
+    EXPECT_EQ(qv::cli::completions(session, "n"), "no\n");
+}
+
+int print_twice(cli_pcdb* pcdb) {
+    g_calls.push_back(std::string(pcdb->mode) + " " + std::to_string(pcdb->ifx));
+    c2p_printf(pcdb, 1, "alpha %d\n", static_cast<int>(pcdb->ifx));
+    c2p_printf(pcdb, 2, "beta\r\n");
+    return 0;
+}
+
+TEST_F(Engine, GenerationRunsOnlyPrintNodesOncePerSectionGlobalLinesFirst) {
+    const cli_node* end = end_of_line(record);
+    // The print node can be reached in two ways.
+    const cli_node* print = print_config(print_twice, with_no(end, end));
+    attach(CLI_CHAIN_INTERFACE_STORM, keyword("alpha", "", print, print), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", print), "test");
+    EXPECT_EQ(qv::cli::generate_config(qv::cli::ConfigPurpose::kShow),
+              " alpha 0\n  beta\n"
+              "interface swp1\n alpha 101\n  beta\n!\n"
+              "interface swp2\n alpha 102\n  beta\n!\n"
+              "interface swp3\n alpha 103\n  beta\n!\n"
+              "interface swp4\n alpha 104\n  beta\n!\n");
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"config 0", "interface 101", "interface 102",
+                                                 "interface 103", "interface 104"}));
+}
+
+int own_sections(cli_pcdb* pcdb) {
+    EXPECT_NE(pcdb->flags & CLI_FLAGS_GENERATING, 0U);
+    c2p_printf(pcdb, 0, "interface %s", "swp3");
+    pcdb->ifx = 103;
+    cli_change_mode(pcdb, "interface");
+    cli_walkthrought_node(cli_get_mode_root("interface"), pcdb);
+    cli_change_mode(pcdb, "config");
+    c2p_printf(pcdb, 0, "!");
+    return 0;
+}
+
+TEST_F(Engine, InterfaceHookWritesTheSectionsInPlaceOfTheFramework) {
+    rig.session.mode = "interface";
+    rig.session.ifx = 103;
+    rig.type("shutdown");
+    cli_interface_show_run_hook(own_sections);
+    EXPECT_EQ(qv::cli::generate_config(qv::cli::ConfigPurpose::kShow),
+              "interface swp3\n shutdown\n!\n");
+}
+
+TEST_F(Engine, WalkForGenerationNeedsARootAndAGeneratingContext) {
+    cli_pcdb pcdb{};
+    EXPECT_EQ(cli_walkthrought_node(cli_get_mode_root("config"), &pcdb), -1);
+    pcdb.flags = CLI_FLAG_C2P;
+    EXPECT_EQ(cli_walkthrought_node(nullptr, &pcdb), -1);
+    EXPECT_EQ(cli_get_mode_root("kitchen"), nullptr);
+}
+
+TEST_F(Engine, UnknownAttachmentPointIsRefused) {
+    EXPECT_EQ(cli_add_command(99, &Trate_root, "test"), -1);
+    EXPECT_EQ(cli_add_command(CLI_CHAIN_CONFIG, nullptr, "test"), -1);
+}
+
+TEST_F(Engine, RangeRunsTheHandlerOncePerPort) {
+    rig.hardware.add("lag1", 200, 10);
+    attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(record)), "test");
+    rig.session.mode = "config";
+    EXPECT_EQ(rig.type("interface range swp1-2,swp4"), "");
+    EXPECT_EQ(qv::cli::prompt(rig.session), "lda(config-if-range)# ");
+    rig.type("alpha");
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"ifrange ifx=101 prefix=0 numbers=0,0 word=",
+                                                 "ifrange ifx=102 prefix=0 numbers=0,0 word=",
+                                                 "ifrange ifx=104 prefix=0 numbers=0,0 word="}));
+}
+
+uint32_t g_types = 0;
+int keep_types(cli_pcdb* pcdb) {
+    g_types = pcdb->ifrange_types;
+    return 0;
+}
+
+TEST_F(Engine, RangeTypesAreTheUnionOfThePortsTypes) {
+    rig.hardware.add("lag1", 200, 10);
+    attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(keep_types)), "test");
+    rig.session.mode = "config";
+    rig.type("interface range swp1, lag1");
+    rig.type("alpha");
+    EXPECT_EQ(g_types, (1U << 2) | (1U << 10));
+}
+
+TEST_F(Engine, PrintingOutsideACommandOrGenerationIsDropped) {
+    cli_pcdb pcdb{};
+    cli_printf("nobody %s", "listens");
+    c2p_printf(&pcdb, 1, "nobody");
+    EXPECT_EQ(in_config("tarn enable"), "");
+}
+
+}  // namespace

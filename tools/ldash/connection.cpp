@@ -1,0 +1,116 @@
+#include "connection.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+
+namespace ldash {
+namespace {
+
+using nlohmann::json;
+
+[[noreturn]] void lost() {
+    throw std::runtime_error("the connection to the switch is lost");
+}
+
+int connect_to(const std::string& path) {
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() >= sizeof address.sun_path) {
+        errno = ENAMETOOLONG;
+        return -1;
+    }
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+        const int reason = errno;
+        ::close(fd);
+        errno = reason;
+        return -1;
+    }
+    return fd;
+}
+
+}  // namespace
+
+Connection::Connection(const std::string& path) : fd_(connect_to(path)) {
+    if (fd_ < 0) {
+        throw std::runtime_error("cannot reach the switch at " + path + ": " +
+                                 std::strerror(errno));
+    }
+}
+
+Connection::~Connection() {
+    ::close(fd_);
+}
+
+void Connection::receive(bool wait) {
+    char bytes[16384];
+    const ssize_t size = ::recv(fd_, bytes, sizeof bytes, wait ? 0 : MSG_DONTWAIT);
+    if (size == 0 || (size < 0 && errno != EINTR && errno != EAGAIN)) {
+        lost();
+    }
+    input_.append(bytes, size < 0 ? 0 : static_cast<size_t>(size));
+}
+
+bool Connection::take_line(std::string& line) {
+    const size_t end = input_.find('\n');
+    if (end == std::string::npos) {
+        return false;
+    }
+    line = input_.substr(0, end);
+    input_.erase(0, end + 1);
+    return true;
+}
+
+void Connection::take_messages() {
+    receive(false);
+    std::string line;
+    while (take_line(line)) {
+        const json message = json::parse(line, nullptr, false);
+        if (message.is_object() && message.contains("monitor") && on_message) {
+            on_message(message["monitor"].get<std::string>());
+        }
+    }
+}
+
+Reply Connection::ask(const char* kind, std::string_view line) {
+    const json request{{kind, std::string(line)}};
+    std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
+    for (std::string_view rest = text; !rest.empty();) {
+        const ssize_t size = ::send(fd_, rest.data(), rest.size(), MSG_NOSIGNAL);
+        if (size < 0 && errno != EINTR) {
+            lost();
+        }
+        rest.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
+    }
+    for (;;) {
+        if (!take_line(text)) {
+            receive(true);
+            continue;
+        }
+        const json reply = json::parse(text, nullptr, false);
+        if (!reply.is_object()) {
+            lost();
+        }
+        if (!reply.contains("monitor")) {
+            return {.output = reply.value("output", ""),
+                    .prompt = reply.value("prompt", ""),
+                    .result = reply.value("result", -1),
+                    .end = reply.value("end", false)};
+        }
+        if (on_message) {
+            on_message(reply["monitor"].get<std::string>());
+        }
+    }
+}
+
+}  // namespace ldash

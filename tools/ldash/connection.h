@@ -1,0 +1,44 @@
+// The shell's connection to the switch's command line.
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+namespace ldash {
+
+struct Reply {
+    std::string output;
+    std::string prompt;
+    int result = 0;    // 0: done
+    bool end = false;  // the switch ends the session with this reply
+};
+
+class Connection {
+ public:
+    // Connects to the socket. Throws std::runtime_error with path and reason.
+    explicit Connection(const std::string& path);
+    ~Connection();
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    // Sends a request of this kind ("exec", "complete", "help") and waits for its reply. Throws
+    // std::runtime_error when the connection is lost.
+    Reply ask(const char* kind, std::string_view line);
+
+    int fd() const { return fd_; }
+    // Takes in what has come between replies. Throws as ask() does.
+    void take_messages();
+
+    // Called with each message of a session that monitors.
+    std::function<void(const std::string& text)> on_message;
+
+ private:
+    bool take_line(std::string& line);
+    void receive(bool wait);
+
+    int fd_;
+    std::string input_;
+};
+
+}  // namespace ldash

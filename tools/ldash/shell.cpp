@@ -1,0 +1,208 @@
+#include "shell.h"
+
+#include <histedit.h>
+#include <poll.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+namespace ldash {
+namespace {
+
+constexpr int kHistoryLines = 500;
+constexpr wchar_t kKillLine = 0x15;  // bound to "forget the line" by libedit
+
+volatile std::sig_atomic_t g_interrupted = 0;
+
+// The state behind libedit's callbacks; it is their client data.
+struct Shell {
+    Connection& connection;
+    std::string prompt = "lda# ";
+    std::string trouble;  // set by a callback that lost the connection
+};
+
+Shell& shell_of(EditLine* editor) {
+    Shell* shell = nullptr;
+    el_get(editor, EL_CLIENTDATA, &shell);
+    return *shell;
+}
+
+char* show_prompt(EditLine* editor) {
+    return shell_of(editor).prompt.data();
+}
+
+std::string typed(EditLine* editor) {
+    const LineInfo* line = el_line(editor);
+    return {line->buffer, line->cursor};
+}
+
+// Asks the switch about the line so far; an empty text when the connection is lost.
+std::string ask(EditLine* editor, const char* kind) {
+    Shell& shell = shell_of(editor);
+    try {
+        return shell.connection.ask(kind, typed(editor)).output;
+    } catch (const std::runtime_error& problem) {
+        shell.trouble = problem.what();
+        return {};
+    }
+}
+
+unsigned char help(EditLine* editor, int) {
+    const std::string text = ask(editor, "help");
+    std::printf("?\n%s", text.empty() ? "  (nothing fits)\n" : text.c_str());
+    return CC_REDISPLAY;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    for (size_t start = 0; start < text.size();) {
+        const size_t end = std::min(text.find('\n', start), text.size());
+        lines.push_back(text.substr(start, end - start));
+        start = end + 1;
+    }
+    return lines;
+}
+
+std::string common_start(const std::vector<std::string>& words) {
+    std::string common = words.front();
+    for (const std::string& word : words) {
+        const auto stop = std::mismatch(common.begin(), common.end(), word.begin(), word.end());
+        common.erase(stop.first, common.end());
+    }
+    return common;
+}
+
+unsigned char complete(EditLine* editor, int) {
+    const std::vector<std::string> words = lines_of(ask(editor, "complete"));
+    if (words.empty()) {
+        return CC_REFRESH_BEEP;
+    }
+    const std::string line = typed(editor);
+    const size_t last = line.find_last_of(" \t");
+    const size_t have = last == std::string::npos ? line.size() : line.size() - last - 1;
+    std::string more = common_start(words);
+    more.erase(0, std::min(have, more.size()));
+    if (words.size() == 1) {
+        more += ' ';
+    }
+    if (!more.empty()) {
+        el_insertstr(editor, more.c_str());
+        return CC_REFRESH;
+    }
+    std::putchar('\n');
+    for (const std::string& word : words) {
+        std::printf("  %s\n", word.c_str());
+    }
+    return CC_REDISPLAY;
+}
+
+// Waits for a key; shows what the switch has to say meanwhile.
+int next_key(EditLine* editor, wchar_t* key) {
+    Shell& shell = shell_of(editor);
+    pollfd waiting[] = {{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
+                        {.fd = shell.connection.fd(), .events = POLLIN, .revents = 0}};
+    while (shell.trouble.empty()) {
+        const int ready = ::poll(waiting, 2, -1);
+        if (g_interrupted != 0) {
+            g_interrupted = 0;
+            *key = kKillLine;
+            return 1;
+        }
+        if (ready > 0 && waiting[1].revents != 0) {
+            try {
+                shell.connection.take_messages();
+            } catch (const std::runtime_error& problem) {
+                shell.trouble = problem.what();
+                return 0;
+            }
+            el_set(editor, EL_REFRESH);
+        }
+        if (ready > 0 && waiting[0].revents != 0) {
+            unsigned char byte = 0;
+            const ssize_t size = ::read(STDIN_FILENO, &byte, 1);
+            *key = byte;
+            return size == 1 ? 1 : 0;
+        }
+    }
+    return 0;
+}
+
+void catch_interrupts() {
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        g_interrupted = 1;
+    };
+    sigaction(SIGINT, &action, nullptr);
+}
+
+struct EditorEnd {
+    void operator()(EditLine* editor) const { el_end(editor); }
+};
+struct HistoryEnd {
+    void operator()(History* history) const { history_end(history); }
+};
+
+void prepare(EditLine* editor, History* lines, Shell& shell) {
+    HistEvent event;
+    history(lines, &event, H_SETSIZE, kHistoryLines);
+    history(lines, &event, H_SETUNIQUE, 1);
+    el_set(editor, EL_CLIENTDATA, &shell);
+    el_set(editor, EL_PROMPT, show_prompt);
+    el_set(editor, EL_EDITOR, "emacs");
+    el_set(editor, EL_HIST, history, lines);
+    el_set(editor, EL_GETCFN, next_key);
+    el_set(editor, EL_ADDFN, "switch-help", "What can be typed here", help);
+    el_set(editor, EL_ADDFN, "switch-complete", "Complete the word", complete);
+    el_set(editor, EL_BIND, "?", "switch-help", nullptr);
+    el_set(editor, EL_BIND, "^I", "switch-complete", nullptr);
+}
+
+}  // namespace
+
+void run_shell(Connection& connection) {
+    const std::unique_ptr<History, HistoryEnd> lines(history_init());
+    const std::unique_ptr<EditLine, EditorEnd> editor(el_init("ldash", stdin, stdout, stderr));
+    if (!lines || !editor) {
+        throw std::runtime_error("the terminal cannot be used");
+    }
+    Shell shell{.connection = connection, .trouble = {}};
+    prepare(editor.get(), lines.get(), shell);
+    catch_interrupts();
+    connection.on_message = [](const std::string& text) {
+        std::printf("\r%s\n", text.c_str());
+        std::fflush(stdout);
+    };
+    // An empty line asks for nothing but the prompt.
+    shell.prompt = connection.ask("exec", "").prompt;
+    int size = 0;
+    while (const char* text = el_gets(editor.get(), &size)) {
+        std::string line(text, static_cast<size_t>(std::max(size, 0)));
+        while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
+            line.pop_back();
+        }
+        if (!line.empty()) {
+            HistEvent event;
+            history(lines.get(), &event, H_ENTER, line.c_str());
+        }
+        const Reply reply = connection.ask("exec", line);
+        std::fputs(reply.output.c_str(), stdout);
+        std::fflush(stdout);
+        shell.prompt = reply.prompt;
+        if (reply.end) {
+            return;
+        }
+    }
+    std::putchar('\n');
+    if (!shell.trouble.empty()) {
+        throw std::runtime_error(shell.trouble);
+    }
+}
+
+}  // namespace ldash
