@@ -1,0 +1,129 @@
+#include "platform/client/platform.h"
+
+#include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "p_bridge.pb-c.h"
+#include "platform/cli/engine.h"
+#include "platform/cli/tarn_commands.h"
+#include "qv/mom.h"
+#include "tests/support/manual_clock.h"
+
+namespace {
+
+class PlatformFile : public ::testing::Test {
+ protected:
+    PlatformFile() : path_(testing::TempDir() + "lda-platform-" + std::to_string(getpid())) {}
+    ~PlatformFile() override { unlink(path_.c_str()); }
+
+    void describe(const std::string& text) {
+        std::ofstream(path_) << text;
+        setenv("LDA_PLATFORM", path_.c_str(), 1);
+    }
+
+    const std::string path_;
+};
+
+using PlatformDeathTest = PlatformFile;
+
+bool ports_complete() {
+    return qv::platform().ports().complete();
+}
+
+TEST_F(PlatformDeathTest, BadFileEndsTheStartWithFileLineAndReason) {
+    describe("store = \"memory\"\ncolour = \"red\"\n");
+    EXPECT_EXIT(qv::platform(), testing::ExitedWithCode(1),
+                "^lda: " + path_ + ":2: unknown key 'colour'\n$");
+}
+
+TEST_F(PlatformDeathTest, MissingFileEndsTheStartWithTheReason) {
+    setenv("LDA_PLATFORM", path_.c_str(), 1);
+    EXPECT_EXIT(qv::platform(), testing::ExitedWithCode(1),
+                "^lda: " + path_ + ":0: cannot be read: No such file or directory\n$");
+}
+
+TEST_F(PlatformFile, WithoutAFileThereAreTwentyFourPorts) {
+    unsetenv("LDA_PLATFORM");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    ASSERT_TRUE(qv::test::run_until(qv::loop_of(master), ports_complete));
+    EXPECT_EQ(qv::platform().ports().ports().size(), 24u);
+    EXPECT_NE(qv::platform().ports().find("swp24"), nullptr);
+    qv_thread_master_finish(master);
+}
+
+TEST_F(PlatformFile, EmptyVariableIsAsGoodAsNone) {
+    setenv("LDA_PLATFORM", "", 1);
+    EXPECT_EQ(qv::platform().config().embedded_ports, 24u);
+}
+
+TEST_F(PlatformFile, DescribedSwitchHasItsPorts) {
+    describe("[embedded]\nports = 3\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    ASSERT_TRUE(qv::test::run_until(qv::loop_of(master), ports_complete));
+    EXPECT_EQ(qv::platform().ports().ports().size(), 3u);
+    qv_thread_master_finish(master);
+}
+
+TEST_F(PlatformFile, ClockRunsAtTheDescribedSpeed) {
+    describe("[clock]\nspeed = 10000.0\n");
+    qv::Clock& clock = qv::platform().clock();
+    EXPECT_LE(clock.real_time_until(clock.now() + std::chrono::seconds(10)),
+              std::chrono::milliseconds(1));
+}
+
+std::vector<std::string> g_records;
+
+int take_record(qv_mom_client*, const qv_mom_msg* message) {
+    if (message->cmd == QV_MOM_CMD_RECORD) {
+        const auto* record = reinterpret_cast<const PBridge__TarnLoopInfo*>(message->value);
+        g_records.push_back("port " + std::to_string(record->index->ifx) + " vid " +
+                            std::to_string(record->vid) + " loop " +
+                            std::to_string(record->is_loop) + " source " +
+                            std::to_string(record->src_ifx));
+    }
+    return 0;
+}
+
+int subscribe(void* client) {
+    PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
+    PBridge__TarnLoopInfo key = P_BRIDGE__TARN_LOOP_INFO__INIT;
+    key.index = &index;
+    return qv_mom_subscribe(static_cast<qv_mom_client*>(client), QV_MOM_APP_DB, &key.base, 0,
+                            take_record, nullptr);
+}
+
+TEST_F(PlatformFile, LoopOnAProbedPortBecomesARecordOfTheProbeProtocol) {
+    describe("[embedded]\nports = 4\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    qv::EventLoop& loop = qv::loop_of(master);
+    qv_mom_client* client = qv_mom_client_init("test", master, nullptr);
+    ASSERT_EQ(qv_mom_client_connect(client, QV_MOM_APP_DB, subscribe, client), 0);
+    ASSERT_TRUE(qv::test::run_until(loop, ports_complete));
+
+    qv::cli::register_tarn_commands();
+    qv::cli::SessionState config;
+    config.mode = "config";
+    qv::cli::SessionState port;
+    port.mode = "interface";
+    port.ifx = 3;
+    qv::cli::SessionState exec;
+    EXPECT_EQ(qv::cli::execute(config, "tarn enable").code, 0);
+    EXPECT_EQ(qv::cli::execute(port, "tarn port loop-detect warning").code, 0);
+    EXPECT_EQ(qv::cli::execute(exec, "test loop plug swp1 swp3").code, 0);
+    ASSERT_TRUE(qv::test::run_until(loop, [] { return !g_records.empty(); }));
+    EXPECT_EQ(qv::cli::execute(exec, "test loop unplug swp1 swp3").code, 0);
+    ASSERT_TRUE(qv::test::run_until(loop, [] { return g_records.size() == 2; }));
+    EXPECT_EQ(g_records, (std::vector<std::string>{"port 3 vid 1 loop 1 source 1",
+                                                   "port 3 vid 1 loop 0 source 1"}));
+    qv_thread_master_finish(master);
+}
+
+}  // namespace

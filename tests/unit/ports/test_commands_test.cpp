@@ -1,0 +1,148 @@
+#include "platform/cli/test_commands.h"
+
+#include <gtest/gtest.h>
+
+#include "platform/cli/engine.h"
+#include "platform/cli/scripted_faults.h"
+#include "platform/client/port_model.h"
+#include "platform/driver/embedded/embedded_switch.h"
+#include "qv/bridge.h"
+#include "qv/lsm.h"
+#include "tests/support/test_platform.h"
+
+namespace {
+
+// The commands on a switch of four ports and a memory store, typed in a privileged session.
+class TestCommandsTest : public ::testing::Test {
+ protected:
+    TestCommandsTest() {
+        platform.attach_loop(loop);
+        platform.port_model = &model;
+        model.start();
+        platform.run_ready();
+        qv::cli::register_test_commands(ports, &platform.memory_store());
+    }
+
+    // What the line prints, "done" when it prints nothing and has the result 0.
+    std::string type(const std::string& line) {
+        const qv::cli::Result result = qv::cli::execute(session, line);
+        if (result.code == 0) {
+            return result.output.empty() ? "done" : result.output;
+        }
+        EXPECT_FALSE(result.output.empty()) << line;
+        return result.output;
+    }
+
+    qv::test::TestPlatform platform;
+    qv::EventLoop loop{platform.manual_clock};
+    qv::EmbeddedSwitch ports{loop, 4};
+    qv::PortModel model{ports};
+    qv::cli::SessionState session;
+};
+
+using TestCommands = TestCommandsTest;
+
+TEST_F(TestCommands, PortIsAddedRenamedAndDeleted) {
+    EXPECT_EQ(type("test port add uplink"), "done");
+    EXPECT_NE(model.find("uplink"), nullptr);
+    EXPECT_EQ(type("test port rename uplink swp9"), "done");
+    EXPECT_NE(model.find("swp9"), nullptr);
+    EXPECT_EQ(type("test port delete swp9"), "done");
+    EXPECT_EQ(model.ports().size(), 4u);
+}
+
+TEST_F(TestCommands, PortLeavesTheBridge) {
+    EXPECT_EQ(type("test port leave swp2"), "done");
+    EXPECT_EQ(model.find(2)->mode, SWPORT_MODE_NONE);
+    EXPECT_EQ(type("test port leave swp2"), "% swp2 is in no bridge\n");
+}
+
+TEST_F(TestCommands, ExistingPortIsRefused) {
+    EXPECT_EQ(type("test port add swp2"), "% port swp2 exists already\n");
+}
+
+TEST_F(TestCommands, UnknownPortIsNamedInTheRefusal) {
+    EXPECT_EQ(type("test port delete swp9"), "% no port is named swp9\n");
+    EXPECT_EQ(type("test loop plug swp1 nowhere"), "% no port is named nowhere\n");
+    EXPECT_EQ(type("test storm swp9 10"), "% no port is named swp9\n");
+    EXPECT_EQ(type("test vsl create swp9"), "% no port is named swp9\n");
+}
+
+TEST_F(TestCommands, CableIsPluggedAndPulled) {
+    EXPECT_EQ(type("test loop plug swp1 swp3"), "done");
+    EXPECT_EQ(ports.loop_peer(1), 3u);
+    EXPECT_EQ(type("test loop plug swp3 swp2"), "% swp3 has a cable already\n");
+    EXPECT_EQ(type("test loop unplug swp1 swp2"), "% no cable between these ports\n");
+    EXPECT_EQ(type("test loop unplug swp3 swp1"), "done");
+    EXPECT_EQ(ports.loop_peer(1), std::nullopt);
+}
+
+TEST_F(TestCommands, StormReachesThePort) {
+    std::vector<std::pair<uint32_t, uint64_t>> rates;
+    ports.set_rate_listener(
+        [&rates](uint32_t phyid, uint64_t pps) { rates.emplace_back(phyid, pps); });
+    EXPECT_EQ(type("test storm swp2 9000"), "done");
+    EXPECT_EQ(type("test storm swp2 0"), "done");
+    EXPECT_EQ(rates, (std::vector<std::pair<uint32_t, uint64_t>>{{2, 9000}, {2, 0}}));
+}
+
+TEST_F(TestCommands, StormOutOfRangeChangesNothing) {
+    bool told = false;
+    ports.set_rate_listener([&told](uint32_t, uint64_t) { told = true; });
+    EXPECT_NE(type("test storm swp2 -1"), "done");
+    EXPECT_NE(type("test storm swp2 1000000001"), "done");
+    EXPECT_NE(type("test storm swp2 many"), "done");
+    EXPECT_FALSE(told);
+}
+
+TEST_F(TestCommands, AggregateIsMadeJoinedAndLeft) {
+    EXPECT_EQ(type("test aggregate create ag1"), "done");
+    EXPECT_EQ(model.find("ag1")->type, LSM_TYPE_AGGREGATE);
+    EXPECT_EQ(type("test aggregate join ag1 swp2"), "done");
+    EXPECT_EQ(model.find(2)->aggregate, 5u);
+    EXPECT_EQ(type("test aggregate join swp1 swp3"), "% swp1 is no aggregate port\n");
+    EXPECT_EQ(type("test aggregate leave ag1 swp2"), "done");
+    EXPECT_EQ(model.find(2)->aggregate, 0u);
+}
+
+TEST_F(TestCommands, VirtualSwitchLinkIsMadeAndTakenBack) {
+    EXPECT_EQ(type("test vsl create swp2"), "done");
+    EXPECT_TRUE(model.find(2)->vsl);
+    EXPECT_EQ(type("test vsl remove swp2"), "done");
+    EXPECT_FALSE(model.find(2)->vsl);
+}
+
+TEST_F(TestCommands, NextConfigurationLineIsRefusedWithTheText) {
+    EXPECT_EQ(type("test refuse not on this port"), "done");
+    std::string text;
+    int result = 0;
+    ASSERT_TRUE(qv::cli::take_refusal("shutdown", text, result));
+    EXPECT_EQ(text, "not on this port");
+    EXPECT_NE(result, 0);
+    EXPECT_FALSE(qv::cli::take_refusal("shutdown", text, result));
+}
+
+TEST_F(TestCommands, NextSessionsFail) {
+    EXPECT_EQ(type("test fail-sessions 2"), "done");
+    EXPECT_TRUE(qv::cli::take_session_failure());
+    EXPECT_TRUE(qv::cli::take_session_failure());
+    EXPECT_FALSE(qv::cli::take_session_failure());
+}
+
+TEST_F(TestCommands, DatabaseGoesAwayAndComesBack) {
+    EXPECT_EQ(type("test database restore 4"), "% the database is not away\n");
+    EXPECT_EQ(type("test database drop 4"), "done");
+    EXPECT_FALSE(platform.memory_store().up(4));
+    EXPECT_EQ(type("test database drop 4"), "% the database is away already\n");
+    EXPECT_EQ(type("test database restore 4"), "done");
+    EXPECT_TRUE(platform.memory_store().up(4));
+    EXPECT_NE(type("test database drop 32"), "done");
+}
+
+TEST_F(TestCommands, SessionWithoutPrivilegesHasNone) {
+    session.privileged = false;
+    EXPECT_NE(type("test port delete swp1"), "done");
+    EXPECT_NE(model.find(1), nullptr);
+}
+
+}  // namespace
