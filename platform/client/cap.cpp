@@ -34,10 +34,15 @@ void log_bad_file(const std::string& path, unsigned line, const char* reason) {
 
 // 0, or EINVAL after one log line.
 int load(const std::string& path) {
-    std::error_code missing;
-    if (path.empty() || !std::filesystem::exists(path, missing)) {
+    std::error_code unknown;  // a file that may be there but cannot be looked at is a bad one
+    if (path.empty() || (!std::filesystem::exists(path, unknown) && !unknown)) {
         store().entries.emplace();
         return 0;
+    }
+    // The parser reads a directory as an empty file.
+    if (std::filesystem::is_directory(path, unknown)) {
+        log_bad_file(path, 0, "is a directory");
+        return EINVAL;
     }
     try {
         store().entries = toml::parse_file(path);

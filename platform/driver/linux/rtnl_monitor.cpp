@@ -59,6 +59,7 @@ NlSocket RtnlMonitor::open_socket() const {
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer_, sizeof receive_buffer_) != 0) {
         setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer_, sizeof receive_buffer_);
     }
+    nl_socket_disable_auto_ack(socket.get());
     nl_socket_disable_msg_peek(socket.get());
     check(nl_socket_set_msg_buf_size(socket.get(), kDatagramBytes), "buffer");
     check(nl_socket_set_nonblocking(socket.get()), "non-blocking");
@@ -118,7 +119,7 @@ void RtnlMonitor::handle(nlmsghdr* header) {
     if (header->nlmsg_type == NLMSG_DONE) {
         handle_dump_done(header);
     } else if (header->nlmsg_type == NLMSG_ERROR) {
-        resync("the reading was refused");  // no acknowledgement is ever asked for here
+        resync("the kernel refused to list them");  // acknowledgements are not asked for
     } else if (const auto message = parse_link(header)) {
         listener_->on_link(*message);
     }
