@@ -1,0 +1,29 @@
+// The object store in a Redis server, laid out as docs/object-database.md says. Each client holds
+// two connections, one for commands and one for subscriptions, and comes back by itself after a
+// loss: after 100 ms at first, then twice as long each time, up to 5 s. Loop thread only.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/client/event_loop.h"
+#include "platform/driver/store_driver.h"
+
+namespace qv {
+
+class RedisStore final : public StoreDriver {
+ public:
+    // `socket` is the path of the server's Unix socket; the server need not be there yet.
+    RedisStore(EventLoop& loop, std::string socket);
+
+    // Sessions are reported once both connections answer and the database could be selected.
+    // Writes that were accepted but not confirmed when the connection went are sent again when it
+    // is back, before the session is reported.
+    std::unique_ptr<StoreClient> connect(StoreListener& listener) override;
+
+ private:
+    EventLoop& loop_;
+    const std::string socket_;
+};
+
+}  // namespace qv
