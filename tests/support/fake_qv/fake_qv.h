@@ -117,7 +117,7 @@ std::string render(const ProtobufCMessage* record);
 
 struct Port {
     uint32_t ifx = 0;
-    std::string name;
+    std::string name = {};
     uint32_t type = LSM_TYPE_ETHERNET;
     uint32_t flags = 0;                                  // lsm_if_get_flags
     uint32_t intfcb_flags = LSM_INTFCB_FLAG_SWITCHPORT;  // control block
@@ -225,5 +225,8 @@ void let_wait_time_out();
 int timed_waits();
 timespec last_deadline();
 timespec last_wait_started();
+// Runs `hook` in place of every signal of a condition variable: 0 lets the signal through, any other
+// result is returned to the agent and the signal is lost. Signals make no line.
+void on_signal(std::function<int()> hook);
 
 }  // namespace fake
