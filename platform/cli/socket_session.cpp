@@ -68,29 +68,32 @@ bool SocketSession::read_some() {
     return true;
 }
 
+bool SocketSession::may_serve() const {
+    return fd_ >= 0 && !leave_ && output_.size() - sent_ < kOutputHighMark;
+}
+
 // Executes waiting requests as far as output and turn allow, then waits for what is needed next.
 void SocketSession::serve() {
-    for (int served = 0; fd_ >= 0 && !leave_ && output_.size() - sent_ < kOutputHighMark;
+    size_t end = input_.find('\n');
+    for (int served = 0; served < kRequestsPerTurn && may_serve() && end != std::string::npos;
          ++served) {
-        const size_t end = input_.find('\n');
-        if (end == std::string::npos) {
-            if (input_.size() > kMaxRequestBytes) {
-                send(error_reply("Request too long.", state_));
-                leave_ = true;
-            }
-            leave_ = leave_ || end_of_input_;
-            break;
-        }
-        if (served == kRequestsPerTurn) {
-            next_turn_ = loop_.after(Duration::zero(), [this] { serve(); });
-            break;
-        }
         const std::string request = input_.substr(0, end);
         input_.erase(0, end + 1);
         answer(request);
+        end = input_.find('\n');
+    }
+    if (may_serve() && end == std::string::npos) {
+        if (input_.size() > kMaxRequestBytes) {
+            send(error_reply("Request too long.", state_));
+            leave_ = true;
+        }
+        leave_ = leave_ || end_of_input_;
     }
     if (fd_ >= 0) {
         flush();
+    }
+    if (may_serve() && end != std::string::npos) {
+        next_turn_ = loop_.after(Duration::zero(), [this] { serve(); });
     }
 }
 

@@ -34,6 +34,7 @@ class SocketSession {
  private:
     void on_ready(EventLoop::Ready ready);
     bool read_some();
+    bool may_serve() const;
     void serve();
     void answer(const std::string& request);
     void send(const std::string& reply);

@@ -1,0 +1,306 @@
+// The socket: requests and replies, many sessions, clients that misbehave.
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/socket_server.h"
+#include "platform/cli/socket_session.h"
+#include "qv/syslog.h"
+#include "tests/unit/cli/cli_rig.h"
+#include "tests/unit/cli/wire_client.h"
+
+namespace {
+
+using qv::test::WireClient;
+
+constexpr const char* kVersionReply =
+    "{\"output\":\"lda 0.1.0\\n\",\"prompt\":\"lda# \",\"result\":0}\n";
+
+int print_much(cli_pcdb*) {
+    for (int i = 0; i < 1000; ++i) {
+        cli_printf("%099d\n", i);
+    }
+    return 0;
+}
+
+int g_count = 0;
+int count_calls(cli_pcdb*) {
+    ++g_count;
+    return 0;
+}
+
+class SocketSession : public ::testing::Test {
+ protected:
+    std::unique_ptr<WireClient> connect() {
+        return std::make_unique<WireClient>(rig.platform.settings.cli_socket);
+    }
+    std::string ask(WireClient& client, const std::string& request) {
+        client.send(request + "\n");
+        rig.platform.run_ready();
+        return client.receive();
+    }
+
+    qv::test::CliRig rig;
+};
+
+TEST_F(SocketSession, SocketIsForOwnerAndGroup) {
+    struct stat status {};
+    ASSERT_EQ(::stat(rig.platform.settings.cli_socket.c_str(), &status), 0);
+    EXPECT_TRUE(S_ISSOCK(status.st_mode));
+    EXPECT_EQ(status.st_mode & 0777, 0660U);
+}
+
+TEST_F(SocketSession, ExecAnswersWithOutputResultAndPrompt) {
+    const auto client = connect();
+    EXPECT_EQ(ask(*client, R"({"exec": "show version"})"), kVersionReply);
+    EXPECT_EQ(ask(*client, R"({"exec": "configure terminal"})"),
+              "{\"output\":\"\",\"prompt\":\"lda(config)# \",\"result\":0}\n");
+    EXPECT_EQ(ask(*client, R"({"exec": "interface swp2"})"),
+              "{\"output\":\"\",\"prompt\":\"lda(config-if-swp2)# \",\"result\":0}\n");
+    EXPECT_EQ(ask(*client, R"({"exec": "frobnicate"})"),
+              "{\"output\":\"% Unknown command: 'frobnicate'.\\n\",\"prompt\":"
+              "\"lda(config-if-swp2)# \",\"result\":-1}\n");
+    EXPECT_EQ(ask(*client, R"({"exec": "end"})"),
+              "{\"output\":\"\",\"prompt\":\"lda# \",\"result\":0}\n");
+}
+
+TEST_F(SocketSession, LineInAModeOfItsOwnLeavesTheSessionWhereItWas) {
+    const auto client = connect();
+    EXPECT_EQ(ask(*client, R"({"exec": "shutdown \r\n", "mode": "interface", "ifx": 102})"),
+              "{\"output\":\"\",\"prompt\":\"lda# \",\"result\":0}\n");
+    EXPECT_FALSE(rig.model.find(102U)->admin_up);
+    EXPECT_EQ(ask(*client, R"({"exec": "shutdown", "mode": "interface", "ifx": 999})"),
+              "{\"output\":\"% The interface does not exist.\\n\",\"prompt\":\"lda# \","
+              "\"result\":-1}\n");
+    EXPECT_EQ(ask(*client, R"({"exec": "shutdown", "mode": "kitchen"})"),
+              "{\"output\":\"% Unknown mode.\\n\",\"prompt\":\"lda# \",\"result\":-1}\n");
+}
+
+TEST_F(SocketSession, HelpAndCompletionAnswerInOutput) {
+    const auto client = connect();
+    EXPECT_EQ(ask(*client, R"({"complete": "show ver"})"),
+              "{\"output\":\"version\\n\",\"prompt\":\"lda# \",\"result\":0}\n");
+    EXPECT_EQ(ask(*client, R"({"help": "show ver"})"),
+              "{\"output\":\"  version                 Version of the program\\n\",\"prompt\":"
+              "\"lda# \",\"result\":0}\n");
+}
+
+TEST_F(SocketSession, ExitEndsTheSessionAfterItsReply) {
+    const auto client = connect();
+    EXPECT_EQ(ask(*client, R"({"exec": "exit"})"),
+              "{\"end\":true,\"output\":\"\",\"prompt\":\"lda# \",\"result\":0}\n");
+    EXPECT_TRUE(client->closed_by_server());
+}
+
+TEST_F(SocketSession, WhatIsNoRequestIsAnsweredAndTheSessionGoesOn) {
+    const auto client = connect();
+    for (const char* request : {"not json", "[]", "{}", "{\"exec\": 5}", "\x01\xff", "",
+                                "{\"exec\": \"exit\", \"mode\": 7}",
+                                "{\"exec\": \"exit\", \"mode\": \"config\", \"ifx\": \"x\"}"}) {
+        const std::string reply = ask(*client, request);
+        EXPECT_NE(reply.find("\"result\":-1}\n"), std::string::npos) << request;
+    }
+    EXPECT_EQ(ask(*client, R"({"exec": "show version"})"), kVersionReply);
+}
+
+TEST_F(SocketSession, RequestsInOnePieceAndInPiecesAreTheSame) {
+    const auto client = connect();
+    client->send("{\"exec\": \"show version\"}\n{\"exec\": \"show version\"}\n{\"exec\": ");
+    rig.platform.run_ready();
+    EXPECT_EQ(client->receive(), std::string(kVersionReply) + kVersionReply);
+    client->send("\"show version\"}");
+    rig.platform.run_ready();
+    EXPECT_EQ(client->receive(), "");
+    client->send("\n");
+    rig.platform.run_ready();
+    EXPECT_EQ(client->receive(), kVersionReply);
+}
+
+TEST_F(SocketSession, RequestWithoutEndIsRefusedAndTheSessionClosed) {
+    const auto client = connect();
+    std::string reply;
+    for (int i = 0; i < 80 && !client->closed_by_server(); ++i) {
+        client->send(std::string(1024, 'x'));
+        rig.platform.run_ready();
+        reply += client->receive();
+    }
+    EXPECT_EQ(reply,
+              "{\"output\":\"% Request too long.\\n\",\"prompt\":\"lda# \",\"result\":-1}\n");
+    EXPECT_TRUE(client->closed_by_server());
+}
+
+TEST_F(SocketSession, TwoHundredSessionsAtOnceAreServed) {
+    std::vector<std::unique_ptr<WireClient>> clients;
+    for (int i = 0; i < 200; ++i) {
+        clients.push_back(connect());
+    }
+    for (const auto& client : clients) {
+        client->send("{\"exec\": \"show version\"}\n");
+    }
+    rig.platform.run_ready();
+    for (const auto& client : clients) {
+        EXPECT_EQ(client->receive(), kVersionReply);
+    }
+}
+
+TEST_F(SocketSession, ClientThatLeavesInMidRequestDisturbsNobody) {
+    const auto stays = connect();
+    auto leaves = connect();
+    leaves->send("{\"exec\": \"show ver");
+    rig.platform.run_ready();
+    leaves.reset();
+    rig.platform.run_ready();
+    EXPECT_EQ(ask(*stays, R"({"exec": "show version"})"), kVersionReply);
+}
+
+TEST_F(SocketSession, ClientThatLeavesBeforeItsReplyDisturbsNobody) {
+    qv::cli::attach(qv::cli::kChainView,
+                    qv::cli::keyword("much", "", qv::cli::end_of_line(print_much)), "test");
+    const auto stays = connect();
+    auto leaves = connect();
+    leaves->send("{\"exec\": \"much\"}\n{\"exec\": \"much\"}\n{\"exec\": \"much\"}\n");
+    leaves.reset();
+    rig.platform.run_ready();
+    EXPECT_EQ(ask(*stays, R"({"exec": "show version"})"), kVersionReply);
+}
+
+TEST_F(SocketSession, ClientThatNeverReadsIsNotServedFurtherAndDroppedInTheEnd) {
+    qv::cli::attach(qv::cli::kChainView,
+                    qv::cli::keyword("much", "", qv::cli::end_of_line([](cli_pcdb* pcdb) {
+                                         ++g_count;
+                                         return print_much(pcdb);
+                                     })),
+                    "test");
+    const auto client = connect();
+    const auto other = connect();
+    for (int i = 0; i < 1000; ++i) {
+        client->send("{\"exec\": \"much\"}\n");
+    }
+    rig.platform.run_ready();
+    // 100 KB each: a socket buffer's worth was executed, not a thousand.
+    EXPECT_LT(g_count, 20);
+    EXPECT_GT(g_count, 0);
+    EXPECT_EQ(ask(*other, R"({"exec": "show version"})"), kVersionReply);
+    rig.platform.run_for(std::chrono::seconds(61));
+    client->receive();
+    EXPECT_TRUE(client->closed_by_server());
+    EXPECT_EQ(ask(*other, R"({"exec": "show version"})"), kVersionReply);
+}
+
+TEST_F(SocketSession, ClientThatReadsLateGetsEveryReply) {
+    qv::cli::attach(qv::cli::kChainView,
+                    qv::cli::keyword("much", "", qv::cli::end_of_line(print_much)), "test");
+    const auto client = connect();
+    for (int i = 0; i < 50; ++i) {
+        client->send("{\"exec\": \"much\"}\n");
+    }
+    client->send("{\"exec\": \"show version\"}\n");
+    std::string all;
+    for (int i = 0; i < 1000 && !all.ends_with(kVersionReply); ++i) {
+        rig.platform.run_ready();
+        all += client->receive();
+    }
+    EXPECT_TRUE(all.ends_with(kVersionReply));
+    EXPECT_GT(all.size(), 50U * 100 * 1000);
+}
+
+TEST_F(SocketSession, HalfClosedClientStillGetsItsReplies) {
+    const auto client = connect();
+    // More than one turn's worth of requests.
+    qv::cli::attach(qv::cli::kChainView,
+                    qv::cli::keyword("count", "", qv::cli::end_of_line(count_calls)), "test");
+    std::string requests;
+    for (int i = 0; i < 40; ++i) {
+        requests += "{\"exec\": \"count\"}\n";
+    }
+    client->send(requests);
+    rig.platform.run_ready();
+    EXPECT_EQ(g_count, 40);
+}
+
+TEST_F(SocketSession, MonitoringSessionIsShownMessagesAndOthersAreNot) {
+    const auto monitors = connect();
+    const auto other = connect();
+    ask(*monitors, R"({"exec": "terminal monitor"})");
+    ask(*other, R"({"exec": "show version"})");
+    printk_syslog_ext(4, "LDA", "LOOP_DETECT", "Detected loop error on interface %s.\r\n", "swp1");
+    printk_syslog(4, "LDA", "QUIET", "not for terminals");
+    rig.platform.run_ready();
+    EXPECT_EQ(monitors->receive(),
+              "{\"monitor\":\"%LDA-4-LOOP_DETECT: Detected loop error on interface swp1.\"}\n");
+    EXPECT_EQ(other->receive(), "");
+    ask(*monitors, R"({"exec": "terminal monitor no"})");
+    ask(*monitors, R"({"exec": "terminal no monitor"})");
+    printk_syslog_ext(4, "LDA", "LOOP_DETECT", "again");
+    rig.platform.run_ready();
+    EXPECT_EQ(monitors->receive(), "");
+}
+
+TEST_F(SocketSession, MonitoringClientThatNeverReadsHoldsNoMoreThanItsBuffer) {
+    const auto client = connect();
+    ask(*client, R"({"exec": "terminal monitor"})");
+    for (int i = 0; i < 20000; ++i) {
+        printk_syslog_ext(6, "LDA", "FLOOD", "%0100d", i);
+    }
+    rig.platform.run_ready();
+    // What had come before the buffers were full, whole messages only.
+    const std::string shown = client->receive();
+    EXPECT_LT(shown.size(), 2000000U);
+    EXPECT_EQ(ask(*client, R"({"exec": "show version"})").ends_with(kVersionReply), true);
+}
+
+TEST_F(SocketSession, RunningOutOfDescriptorsIsSurvived) {
+    const auto first = connect();
+    rig.platform.run_ready();
+    const auto waiting = connect();
+    rlimit before{};
+    getrlimit(RLIMIT_NOFILE, &before);
+    rlimit none = before;
+    none.rlim_cur = 3;
+    setrlimit(RLIMIT_NOFILE, &none);
+    rig.platform.run_ready();
+    EXPECT_EQ(ask(*first, R"({"exec": "show version"})"), kVersionReply);
+    setrlimit(RLIMIT_NOFILE, &before);
+    rig.platform.run_for(std::chrono::seconds(1));
+    EXPECT_EQ(ask(*waiting, R"({"exec": "show version"})"), kVersionReply);
+}
+
+TEST_F(SocketSession, PortThatGoesTakesTheSessionOutOfItsMode) {
+    const auto client = connect();
+    ask(*client, R"({"exec": "configure terminal"})");
+    ask(*client, R"({"exec": "interface swp2"})");
+    rig.hardware.remove(102);
+    EXPECT_EQ(ask(*client, R"({"exec": "shutdown"})"),
+              "{\"output\":\"% The interface does not exist.\\n\",\"prompt\":\"lda(config)# \","
+              "\"result\":-1}\n");
+}
+
+TEST_F(SocketSession, StaleSocketIsReplacedAndOneInUseIsNot) {
+    qv::EventLoop& loop = rig.platform.loop();
+    const std::string path = rig.folder.file("second.sock");
+    {
+        const int left_behind = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        path.copy(address.sun_path, sizeof address.sun_path - 1);
+        ASSERT_EQ(::bind(left_behind, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+        ::close(left_behind);
+    }
+    const qv::cli::SocketServer server(loop, path);
+    EXPECT_THROW(qv::cli::SocketServer(loop, path), std::runtime_error);
+    const std::string file = rig.folder.file("file");
+    qv::test::write_text(file, "precious");
+    EXPECT_THROW(qv::cli::SocketServer(loop, file), std::runtime_error);
+    EXPECT_EQ(qv::test::read_text(file), "precious");
+    EXPECT_THROW(qv::cli::SocketServer(loop, "/" + std::string(200, 'x')), std::runtime_error);
+}
+
+}  // namespace

@@ -1,0 +1,266 @@
+// The switch's own commands, typed into a session.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "platform/cli/tarn_commands.h"
+#include "qv/bridge.h"
+#include "qv/syslog.h"
+#include "tests/unit/cli/cli_rig.h"
+
+namespace {
+
+using qv::test::write_text;
+
+class DefaultsObserver final : public qv::PortObserver {
+ public:
+    void on_added(const qv::Port&) override {}
+    void on_removed(const qv::Port&) override {}
+    void on_changed(const qv::Port&, const qv::Port&) override {}
+    void on_default(const qv::Port& port) override { names.push_back(port.name); }
+    void on_left_bridge(const qv::Port&) override {}
+    void on_complete() override {}
+    std::vector<std::string> names;
+};
+
+class SwitchCommands : public ::testing::Test {
+ protected:
+    // Types lines from the first mode on; the output of all of them.
+    std::string from_exec(const std::vector<std::string>& lines) {
+        rig.session = {};
+        std::string output;
+        for (const std::string& line : lines) {
+            output += rig.type(line);
+        }
+        return output;
+    }
+    std::string configure(std::vector<std::string> lines) {
+        lines.insert(lines.begin(), "configure terminal");
+        return from_exec(lines);
+    }
+    std::string prompt() { return qv::cli::prompt(rig.session); }
+
+    qv::test::CliRig rig;
+};
+
+TEST_F(SwitchCommands, ModesAreEnteredAndLeft) {
+    EXPECT_EQ(prompt(), "lda# ");
+    rig.type("configure terminal");
+    EXPECT_EQ(prompt(), "lda(config)# ");
+    rig.type("interface swp3");
+    EXPECT_EQ(prompt(), "lda(config-if-swp3)# ");
+    rig.type("interface swp4");
+    EXPECT_EQ(prompt(), "lda(config-if-swp4)# ");
+    rig.type("exit");
+    EXPECT_EQ(prompt(), "lda(config)# ");
+    rig.type("interface range swp1-swp3");
+    EXPECT_EQ(prompt(), "lda(config-if-range)# ");
+    rig.type("end");
+    EXPECT_EQ(prompt(), "lda# ");
+    rig.type("conf t");
+    rig.type("exit");
+    EXPECT_EQ(prompt(), "lda# ");
+}
+
+TEST_F(SwitchCommands, DisabledSessionHasViewCommandsOnly) {
+    rig.type("disable");
+    EXPECT_EQ(prompt(), "lda> ");
+    EXPECT_EQ(rig.type("configure terminal"), "% Unknown command: 'configure'.\n");
+    EXPECT_EQ(rig.type("write"), "% Unknown command: 'write'.\n");
+    EXPECT_EQ(rig.type("debug lda-debug"), "% Unknown command: 'debug'.\n");
+    EXPECT_EQ(rig.type("show version"), "lda 0.1.0\n");
+    rig.type("enable");
+    EXPECT_EQ(prompt(), "lda# ");
+    EXPECT_EQ(rig.type("configure terminal"), "");
+}
+
+TEST_F(SwitchCommands, UnknownInterfaceIsRefused) {
+    EXPECT_EQ(configure({"interface swp9"}), "% Unknown interface: 'swp9'.\n");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_EQ(prompt(), "lda(config)# ");
+    EXPECT_EQ(configure({"interface swp"}), "% Unknown interface: 'swp'.\n");
+}
+
+TEST_F(SwitchCommands, BadRangesAreRefused) {
+    EXPECT_EQ(configure({"interface range swp1-9"}), "% Invalid range: 'swp1-9'.\n");
+    EXPECT_EQ(configure({"interface range swp2-6"}), "% Unknown interface: 'swp5'.\n");
+    EXPECT_EQ(configure({"interface range swp4-1"}), "% Invalid range: 'swp4-1'.\n");
+    EXPECT_EQ(configure({"interface range swp1-eth3"}), "% Invalid range: 'swp1-eth3'.\n");
+    EXPECT_EQ(configure({"interface range swp1-99999999999"}),
+              "% Invalid range: 'swp1-99999999999'.\n");
+    EXPECT_EQ(configure({"interface range ,"}), "% Unknown interface: ''.\n");
+    EXPECT_EQ(prompt(), "lda(config)# ");
+}
+
+TEST_F(SwitchCommands, ShutdownActsOnThePortAndStandsInTheConfiguration) {
+    EXPECT_EQ(configure({"interface swp2", "shutdown"}), "");
+    EXPECT_FALSE(rig.model.find(102U)->admin_up);
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n!\ninterface swp2\n shutdown\n!\n"
+              "interface swp3\n!\ninterface swp4\n!\n");
+    EXPECT_EQ(configure({"interface swp2", "no shutdown"}), "");
+    EXPECT_TRUE(rig.model.find(102U)->admin_up);
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+}
+
+TEST_F(SwitchCommands, RefusedRequestPrintsTheReason) {
+    rig.hardware.refusal = "Device or resource busy";
+    EXPECT_EQ(configure({"interface swp2", "no shutdown"}), "% Device or resource busy\n");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_EQ(configure({"interface swp2", "switchport mode trunk"}),
+              "% Device or resource busy\n");
+}
+
+TEST_F(SwitchCommands, RecoveryOfTheErrorStateIsSilent) {
+    EXPECT_EQ(configure({"interface swp2", "errdisable recovery \r\n"}), "");
+    EXPECT_EQ(rig.code, 0);
+}
+
+TEST_F(SwitchCommands, RangeShutsAllItsPorts) {
+    EXPECT_EQ(configure({"interface range swp1-2,swp4", "shutdown"}), "");
+    EXPECT_FALSE(rig.model.find(101U)->admin_up);
+    EXPECT_FALSE(rig.model.find(102U)->admin_up);
+    EXPECT_TRUE(rig.model.find(103U)->admin_up);
+    EXPECT_FALSE(rig.model.find(104U)->admin_up);
+}
+
+TEST_F(SwitchCommands, VlanModeIsSetAndTakenBack) {
+    EXPECT_EQ(configure({"interface swp1", "switchport mode trunk", "interface swp2",
+                         "switchport mode hybrid"}),
+              "");
+    EXPECT_EQ(rig.model.find(101U)->mode, SWPORT_MODE_TRUNK);
+    EXPECT_EQ(rig.model.find(102U)->mode, SWPORT_MODE_HYBRID);
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n switchport mode trunk\n!\n"
+              "interface swp2\n switchport mode hybrid\n!\n"
+              "interface swp3\n!\ninterface swp4\n!\n");
+    EXPECT_EQ(configure({"interface swp1", "no switchport mode", "interface swp2",
+                         "switchport mode access"}),
+              "");
+    EXPECT_EQ(rig.model.find(101U)->mode, SWPORT_MODE_ACCESS);
+    EXPECT_EQ(rig.model.find(102U)->mode, SWPORT_MODE_ACCESS);
+}
+
+TEST_F(SwitchCommands, DefaultInterfaceSetsItsLinesBackAndTellsThePortModel) {
+    static DefaultsObserver observer;
+    rig.model.add_observer(observer);
+    configure({"interface swp1", "shutdown", "switchport mode hybrid",
+               "tarn port loop-detect warning", "interface swp2", "shutdown"});
+    EXPECT_EQ(configure({"default interface swp1"}), "");
+    EXPECT_EQ(observer.names, std::vector<std::string>{"swp1"});
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n!\ninterface swp2\n shutdown\n!\n"
+              "interface swp3\n!\ninterface swp4\n!\n");
+    EXPECT_EQ(configure({"no interface swp1"}), "% Invalid prefix: 'no' does not apply here.\n");
+    EXPECT_EQ(configure({"default interface swp8"}), "% Unknown interface: 'swp8'.\n");
+}
+
+TEST_F(SwitchCommands, TarnLinesAreKeptPrintedAndTakenBack) {
+    int changes = 0;
+    qv::cli::add_tarn_observer([&] { ++changes; });
+    EXPECT_EQ(configure({"tarn enable", "tarn error-recover interval 90", "tarn enable",
+                         "interface swp3", "tarn port loop-detect warning"}),
+              "");
+    EXPECT_EQ(changes, 3);
+    EXPECT_TRUE(qv::cli::tarn_enabled());
+    EXPECT_TRUE(qv::cli::tarn_port_enabled(103));
+    EXPECT_FALSE(qv::cli::tarn_port_enabled(101));
+    EXPECT_EQ(from_exec({"show running-config"}),
+              " tarn enable\n tarn error-recover interval 90\n"
+              "interface swp1\n!\ninterface swp2\n!\n"
+              "interface swp3\n tarn port loop-detect warning\n!\ninterface swp4\n!\n");
+    EXPECT_EQ(configure({"no tarn enable\r\n", "no tarn error-recover interval\r\n",
+                         "interface swp3", "no tarn port loop-detect\r\n"}),
+              "");
+    EXPECT_FALSE(qv::cli::tarn_enabled());
+    EXPECT_FALSE(qv::cli::tarn_port_enabled(103));
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+}
+
+TEST_F(SwitchCommands, RemovedPortLosesItsTarnLine) {
+    configure({"interface swp3", "tarn port loop-detect warning"});
+    rig.hardware.remove(103);
+    EXPECT_FALSE(qv::cli::tarn_port_enabled(103));
+}
+
+TEST_F(SwitchCommands, InterfaceStatesAreShown) {
+    configure({"interface swp2", "shutdown", "switchport mode trunk"});
+    EXPECT_EQ(from_exec({"show interfaces status"}),
+              "Port             Index    Admin  Link  Mode    Aggregate\n"
+              "swp1             101      up     up    access  -\n"
+              "swp2             102      down   up    trunk   -\n"
+              "swp3             103      up     up    access  -\n"
+              "swp4             104      up     up    access  -\n");
+}
+
+TEST_F(SwitchCommands, StartupConfigurationIsShownAfterWrite) {
+    EXPECT_EQ(from_exec({"show startup-config"}),
+              "% " + rig.saved() + ": No such file or directory.\n");
+    rig.announce_ready();
+    EXPECT_EQ(configure({"tarn enable", "end", "write", "show startup-config"}),
+              " tarn enable\n"
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+}
+
+TEST_F(SwitchCommands, ReplaceLeavesExactlyTheLinesOfTheFile) {
+    configure({"tarn enable", "tarn error-recover interval 90", "interface swp1", "shutdown",
+               "interface swp2", "switchport mode trunk", "tarn port loop-detect warning"});
+    const std::string target =
+        " tarn error-recover interval 120\n"
+        "interface swp1\n!\n"
+        "interface swp2\n switchport mode hybrid\n!\n"
+        "interface swp3\n shutdown\n!\n"
+        "interface swp4\n!\n";
+    write_text(rig.folder.file("new.conf"), target);
+    EXPECT_EQ(from_exec({"configure replace " + rig.folder.file("new.conf")}), "");
+    EXPECT_EQ(rig.code, 0);
+    EXPECT_EQ(from_exec({"show running-config"}), target);
+}
+
+TEST_F(SwitchCommands, ReplaceNamesBadLinesAndAppliesTheRest) {
+    write_text(rig.folder.file("new.conf"),
+               "tarn enable\nfrobnicate\ninterface swp9\n shutdown\n!\n");
+    EXPECT_EQ(from_exec({"configure replace " + rig.folder.file("new.conf")}),
+              "% line 2: frobnicate: % Unknown command: 'frobnicate'.\n"
+              "% line 3: interface swp9 does not exist.\n");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_TRUE(qv::cli::tarn_enabled());
+    EXPECT_EQ(from_exec({"configure replace /nowhere/at/all"}),
+              "% /nowhere/at/all: No such file or directory.\n");
+}
+
+int g_level = 0;
+void control(int operation) {
+    if (operation == 1) {
+        g_level = 3;
+    } else if (operation == 2) {
+        g_level = 0;
+    } else if (g_level > 0) {
+        cli_printf("level %d\n", g_level);
+    }
+}
+
+TEST_F(SwitchCommands, DebugSwitchesGoOnAndOffAndShowTheirState) {
+    EXPECT_EQ(sys_add_debug("lda-debug", control), 0);
+    EXPECT_EQ(sys_add_debug("lda-debug", control), -1);
+    EXPECT_EQ(sys_add_debug("", control), -1);
+    EXPECT_EQ(sys_add_debug("other", nullptr), -1);
+    EXPECT_EQ(from_exec({"show debugging"}), "");
+    EXPECT_EQ(from_exec({"debug lda-d"}), "");
+    EXPECT_EQ(from_exec({"show debugging"}), "level 3\n");
+    EXPECT_EQ(from_exec({"no debug lda-debug"}), "");
+    EXPECT_EQ(g_level, 0);
+    EXPECT_EQ(from_exec({"debug nothing"}), "% Unknown command: 'nothing'.\n");
+}
+
+TEST_F(SwitchCommands, RecentLogIsShown) {
+    printk_syslog(4, "LDA", "LOOP_DETECT", "Detected loop error on interface %s.\r\n", "swp1");
+    const std::string shown = from_exec({"show logging"});
+    EXPECT_TRUE(shown.ends_with(" %LDA-4-LOOP_DETECT: Detected loop error on interface swp1.\n"))
+        << shown;
+}
+
+}  // namespace

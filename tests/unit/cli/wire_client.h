@@ -1,0 +1,26 @@
+// A client of the command-line socket on the loop's own thread: it never waits.
+#pragma once
+
+#include <string>
+
+namespace qv::test {
+
+class WireClient {
+ public:
+    explicit WireClient(const std::string& path);
+    ~WireClient();
+    WireClient(const WireClient&) = delete;
+    WireClient& operator=(const WireClient&) = delete;
+
+    // Sends what fits; the result is the number of bytes that did.
+    size_t send(const std::string& bytes);
+    // Everything that has come since the last call.
+    std::string receive();
+    bool closed_by_server();
+    void close();
+
+ private:
+    int fd_;
+};
+
+}  // namespace qv::test
