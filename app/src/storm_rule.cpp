@@ -58,7 +58,7 @@ void add_item(Target* target, const char* name, uint32_t item_class, const void*
     target->add_item(target, &item);
 }
 
-fp_entry* alloc_entry() {
+fp_entry* std_ace_alloc() {
     if (storm_udp_mgr == nullptr) {
         APP_ERROR("storm_udp_mgr is NULL !");
         return nullptr;
@@ -70,7 +70,7 @@ fp_entry* alloc_entry() {
     return entry;
 }
 
-fp_apply* alloc_apply(const fp_acl_key* key) {
+fp_apply* std_apply_alloc(const fp_acl_key* key) {
     if (storm_udp_mgr == nullptr) {
         APP_ERROR("storm_udp_mgr is NULL !");
         return nullptr;
@@ -97,7 +97,7 @@ int storm_add_mpls_fp() {
     APP_INFO("add mpls entry");
     std_acl_create(kMplsAclId);
     APP_INFO("set_mpls_ace, acl_id:%d.\n", kMplsAclId);
-    fp_entry* entry = alloc_entry();
+    fp_entry* entry = std_ace_alloc();
     if (entry == nullptr) {
         APP_ERROR("alloc ace fail.");
         std_acl_delete(kMplsAclId);
@@ -110,7 +110,7 @@ int storm_add_mpls_fp() {
 
     APP_INFO("aclid %d\n", kMplsAclId);
     const fp_acl_key key = acl_key_of(kMplsAclId, 0);
-    fp_apply* apply = alloc_apply(&key);
+    fp_apply* apply = std_apply_alloc(&key);
     if (apply == nullptr) {
         APP_ERROR("Error: failed to alloc_apply.");
         std_ace_entry_delete(kMplsAclId);
@@ -202,7 +202,7 @@ int storm_enable_by_fp(uint32_t rate, uint32_t burst, uint32_t phyid) {
     APP_INFO("rate:%d , burst: %d phyid: %x", rate, burst, phyid);
     std_acl_create(phyid);
     APP_INFO("set_ace, acl_id:%d.\n", phyid);
-    fp_entry* entry = alloc_entry();
+    fp_entry* entry = std_ace_alloc();
     if (entry == nullptr) {
         APP_ERROR("alloc ace fail.");
         APP_ERROR("alloc ace error\n");
@@ -218,7 +218,7 @@ int storm_enable_by_fp(uint32_t rate, uint32_t burst, uint32_t phyid) {
 
     APP_INFO("phyid %d, aclid %d\n", phyid, phyid);
     const fp_acl_key key = acl_key_of(phyid, 0);
-    fp_apply* apply = alloc_apply(&key);
+    fp_apply* apply = std_apply_alloc(&key);
     if (apply == nullptr) {
         APP_ERROR("Error: failed to alloc_apply.");
         APP_ERROR("rv: %d", -1);

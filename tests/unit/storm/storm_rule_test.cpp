@@ -1,0 +1,452 @@
+// Rules in the forwarding plane and the records beside them.
+#include <algorithm>
+
+#include "tests/unit/storm/storm_fixture.h"
+
+namespace {
+
+class StormRule : public RunningStormTest {
+ protected:
+    static void enable_port_1() {
+        storm_set(1, true);
+        fake::clear_calls();
+    }
+};
+
+Lines log_of_install(const std::string& hex, const std::string& phyid, const std::string& numbers) {
+    return {fake::info("storm_enable_by_fp", numbers + " phyid: " + hex),
+            fake::info("storm_enable_by_fp", "set_ace, acl_id:" + phyid + ".\n"),
+            fake::info("storm_enable_by_fp", "phyid " + phyid + ", aclid " + phyid + "\n"),
+            fake::info("storm_enable_by_fp", "done")};
+}
+
+Lines log_of_removal(const std::string& hex) {
+    return {fake::info("storm_del_storm_fp", "phyid: 0x" + hex + "\n"),
+            fake::info("std_acl_unapply", "phyid: 0x" + hex + ", aclid: 0x" + hex + "\n"),
+            fake::info("std_ace_entry_delete",
+                       "del_ace, acl_id:0x" + hex + ", acl_app:loop_detection_app"),
+            fake::info("std_acl_delete", "aclid 0x" + hex + "\n")};
+}
+
+TEST_F(StormRule, SharedRuleComesBeforeTheFirstPortRule) {
+    storm_set_rate_burst(1, 8000, 1024, true);
+    EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "8000/1024"));
+    EXPECT_EQ(fake::fp_objects(), 0);
+}
+
+TEST_F(StormRule, FurtherPortsBringNoSharedRule) {
+    enable_port_1();
+    storm_set_rate_burst(2, 8000, 1024, true);
+    EXPECT_EQ(take_calls(), port_rule_installed("102", "8000/1024"));
+    EXPECT_EQ(storm_port_num, 2u);
+}
+
+TEST_F(StormRule, SharedRuleGoesAfterTheLastPortRule) {
+    enable_port_1();
+    storm_set_rate_burst(2, 8000, 1024, true);
+    take_calls();
+    storm_set_rate_burst(1, 0, 0, false);
+    EXPECT_EQ(take_calls(), port_rule_removed("101"));
+    storm_set_rate_burst(2, 0, 0, false);
+    EXPECT_EQ(take_calls(), port_rule_removed("102") + shared_rule_removed());
+    EXPECT_EQ(storm_port_num, 0u);
+}
+
+TEST_F(StormRule, InstallationIsLogged) {
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(take_log(), (Lines{fake::info("storm_set_rate_burst",
+                                            "phyid = 65 , rate = 5000, burst = 64, is_add = 1"),
+                                 fake::info("storm_add_mpls_fp", "add mpls entry"),
+                                 fake::info("storm_add_mpls_fp", "set_mpls_ace, acl_id:0.\n"),
+                                 fake::info("storm_add_mpls_fp", "aclid 0\n"),
+                                 fake::info("storm_add_mpls_fp", "done")} +
+                           log_of_install("65", "101", "rate:5000 , burst: 64")));
+}
+
+TEST_F(StormRule, RemovalIsLogged) {
+    enable_port_1();
+    storm_set_rate_burst(1, 0, 0, false);
+    EXPECT_EQ(
+        take_log(),
+        (Lines{fake::info("storm_set_rate_burst", "phyid = 65 , rate = 0, burst = 0, is_add = 0")} +
+         log_of_removal("65") +
+         Lines{
+             fake::info("storm_del_mpls_fp", "del mpls entry"),
+             fake::info("std_acl_unapply", "phyid: 0x0, aclid: 0x0\n"),
+             fake::info("std_ace_entry_delete", "del_ace, acl_id:0x0, acl_app:loop_detection_app"),
+             fake::info("std_acl_delete", "aclid 0x0\n")}));
+}
+
+TEST_F(StormRule, BurstZeroIsLoggedAsGivenAndInstalledAs1024) {
+    storm_set_rate_burst(1, 5000, 0, true);
+    EXPECT_EQ(
+        fake::calls_of({"zlog"})[0],
+        fake::info("storm_set_rate_burst", "phyid = 65 , rate = 5000, burst = 0, is_add = 1"));
+    EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "5000/1024"));
+    EXPECT_EQ(record(101)->burst, 1024u);
+}
+
+TEST_F(StormRule, NewRecordHoldsTheRuleAndNothingElse) {
+    storm_set_rate_burst(1, 5000, 64, true);
+    const storm_port_info* info = record(101);
+    ASSERT_NE(info, nullptr);
+    EXPECT_EQ(info->rate, 5000);
+    EXPECT_EQ(info->burst, 64u);
+    EXPECT_EQ(info->acl_id, 101u);
+    EXPECT_EQ(info->phyid, 101u);
+    const auto* bytes = reinterpret_cast<const uint8_t*>(info);
+    EXPECT_TRUE(std::all_of(bytes + 32, bytes + 88, [](uint8_t byte) { return byte == 0; }));
+}
+
+TEST_F(StormRule, SameRateAndBurstKeepRuleAndCounters) {
+    enable_port_1();
+    count(101, 50);
+    record(101)->packet_count = 20;
+    record(101)->flow_over_times = 2;
+    fake::clear_calls();
+    storm_set_rate_burst(1, 8000, 1024, true);
+    EXPECT_EQ(take_log(),
+              (Lines{fake::info("storm_set_rate_burst",
+                                "phyid = 65 , rate = 8000, burst = 1024, is_add = 1"),
+                     fake::info("storm_set_rate_burst", "the same rate = 8000 and burst = 1024")}));
+    EXPECT_EQ(record(101)->packet_count, 20);
+    EXPECT_EQ(record(101)->cur_packet_count, 50u);
+    EXPECT_EQ(record(101)->flow_over_times, 2u);
+}
+
+TEST_F(StormRule, BurstZeroIsTheSameAs1024) {
+    enable_port_1();
+    storm_set_rate_burst(1, 8000, 0, true);
+    EXPECT_EQ(take_calls(), Lines{});
+}
+
+TEST_F(StormRule, UpdateReplacesTheRuleAndResetsTheJudgementButNotTheTotals) {
+    enable_port_1();
+    storm_port_info* info = record(101);
+    info->packet_count = 1;
+    info->byte_count = 2;
+    info->flow_over_times = 3;
+    info->unloop_times = 4;
+    info->poll_times = 5;
+    info->timer_notify = 6;
+    count(101, 700, 800);
+    fake::clear_calls();
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + port_rule_installed("101", "5000/64"));
+    EXPECT_EQ(record(101), info);
+    EXPECT_EQ(info->rate, 5000);
+    EXPECT_EQ(info->burst, 64u);
+    EXPECT_EQ(info->packet_count, 0);
+    EXPECT_EQ(info->byte_count, 0);
+    EXPECT_EQ(info->flow_over_times, 0u);
+    EXPECT_EQ(info->unloop_times, 0u);
+    EXPECT_EQ(info->poll_times, 0);
+    EXPECT_EQ(info->timer_notify, 0);
+    EXPECT_EQ(info->cur_packet_count, 700u);
+    EXPECT_EQ(info->cur_byte_count, 800u);
+    EXPECT_EQ(storm_port_num, 1u);
+}
+
+TEST_F(StormRule, UpdateOfALoopedPortNotifiesBetweenTheOldRuleAndTheNew) {
+    enable_port_1();
+    record(101)->is_loop = 1;
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + Lines{"verdict is_loop=0 ifx=1"} +
+                                port_rule_installed("101", "5000/64"));
+    EXPECT_EQ(record(101)->is_loop, 0);
+    EXPECT_EQ(std_opt_statics.notify_unloop_times, 0);
+}
+
+TEST_F(StormRule, FailedUpdateLeavesARecordWithoutRule) {
+    enable_port_1();
+    fake::fail("fp_entry_alloc");
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(take_calls(),
+              (port_rule_removed("101") + Lines{"fp_acl_create 101 flags=260", "fp_entry_alloc"}));
+    ASSERT_NE(record(101), nullptr);
+    EXPECT_EQ(record(101)->rate, 8000);
+    EXPECT_EQ(record(101)->burst, 1024u);
+    EXPECT_EQ(storm_port_num, 1u);
+}
+
+TEST_F(StormRule, FailedUpdateIsLogged) {
+    enable_port_1();
+    fake::fail("fp_apply_alloc");
+    storm_set_rate_burst(1, 5000, 64, true);
+    const Lines log = take_log();
+    EXPECT_EQ(Lines(log.end() - 3, log.end()),
+              (Lines{fake::error("storm_enable_by_fp", "Error: failed to alloc_apply."),
+                     fake::error("storm_enable_by_fp", "rv: -1"),
+                     fake::error("storm_set_rate_burst", "rv: -1")}));
+}
+
+TEST_F(StormRule, UnknownInterfaceIsLoggedAndDropped) {
+    storm_set_rate_burst(9, 5000, 64, true);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{"libddm_get_phyid_by_ifx 9",
+                     fake::error("storm_set_rate_burst", "ifx convert is failed")}));
+}
+
+TEST_F(StormRule, RemovalWithoutRecordDoesNothing) {
+    storm_set_rate_burst(1, 0, 0, false);
+    EXPECT_EQ(take_calls(), Lines{});
+}
+
+// ---- Failures of an installation ----
+
+TEST_F(StormRule, SharedEntryAllocationFailureDeletesTheAcl) {
+    fake::fail_nth("fp_entry_alloc", 1);
+    storm_set_rate_burst(1, 8000, 1024, true);
+    EXPECT_EQ(fake::calls_of({"zlog"}),
+              (Lines{fake::info("storm_set_rate_burst",
+                                "phyid = 65 , rate = 8000, burst = 1024, is_add = 1"),
+                     fake::info("storm_add_mpls_fp", "add mpls entry"),
+                     fake::info("storm_add_mpls_fp", "set_mpls_ace, acl_id:0.\n"),
+                     fake::error("storm_add_mpls_fp", "alloc ace fail."),
+                     fake::info("std_acl_delete", "aclid 0x0\n"),
+                     fake::error("storm_add_mpls_fp", "alloc ace error\n"),
+                     fake::error("storm_set_rate_burst", "add mpls entry failed")}));
+    EXPECT_EQ(take_calls(),
+              (Lines{"fp_acl_create 0 flags=260", "fp_entry_alloc", "fp_acl_delete 0"}));
+    EXPECT_EQ(record(101), nullptr);
+}
+
+TEST_F(StormRule, SharedApplyAllocationFailureDeletesEntryAndAcl) {
+    fake::fail_nth("fp_apply_alloc", 1);
+    storm_set_rate_burst(1, 8000, 1024, true);
+    const Lines log = fake::calls_of({"zlog"});
+    EXPECT_EQ(
+        Lines(log.end() - 6, log.end()),
+        (Lines{
+            fake::info("storm_add_mpls_fp", "aclid 0\n"),
+            fake::error("storm_add_mpls_fp", "Error: failed to alloc_apply."),
+            fake::info("std_ace_entry_delete", "del_ace, acl_id:0x0, acl_app:loop_detection_app"),
+            fake::info("std_acl_delete", "aclid 0x0\n"), fake::error("storm_add_mpls_fp", "rv: -1"),
+            fake::error("storm_set_rate_burst", "add mpls entry failed")}));
+    EXPECT_EQ(take_calls(),
+              (Lines{"fp_acl_create 0 flags=260", "fp_entry_alloc",
+                     "fp_entry_add 0 control=1 etype=4788ffff", "fp_entry_free", "fp_apply_alloc 0",
+                     "fp_entry_delete 0 entry 0", "fp_acl_delete 0"}));
+    EXPECT_EQ(fake::fp_objects(), 0);
+}
+
+TEST_F(StormRule, FirstPortEntryAllocationFailureLeavesItsAclAndRemovesTheSharedRule) {
+    fake::fail_nth("fp_entry_alloc", 2);
+    storm_set_rate_burst(1, 8000, 1024, true);
+    const Lines log = fake::calls_of({"zlog"});
+    EXPECT_EQ(Lines(log.begin() + 7, log.begin() + 12),
+              (Lines{fake::error("storm_enable_by_fp", "alloc ace fail."),
+                     fake::error("storm_enable_by_fp", "alloc ace error\n"),
+                     fake::error("storm_add_by_fp", "rv: -1"),
+                     fake::error("storm_set_rate_burst", "add fp table is failed"),
+                     fake::info("storm_del_mpls_fp", "del mpls entry")}));
+    EXPECT_EQ(take_calls(),
+              (shared_rule_installed() + Lines{"fp_acl_create 101 flags=260", "fp_entry_alloc"} +
+               shared_rule_removed()));
+}
+
+TEST_F(StormRule, PortApplyAllocationFailureLeavesAclAndEntry) {
+    enable_port_1();
+    fake::fail("fp_apply_alloc");
+    EXPECT_EQ(storm_enable_by_fp(5000, 64, 102), -1);
+    EXPECT_EQ(take_calls(), (Lines{"fp_acl_create 102 flags=260", "fp_entry_alloc",
+                                   "fp_entry_add 102 control=1 l2_da_hit=00 l3_uc=0100000000000000",
+                                   "fp_entry_free", "fp_apply_alloc 102"}));
+}
+
+TEST_F(StormRule, FurtherPortFailureKeepsTheSharedRule) {
+    enable_port_1();
+    fake::fail("fp_entry_alloc");
+    storm_set_rate_burst(2, 8000, 1024, true);
+    EXPECT_EQ(take_calls(), (Lines{"fp_acl_create 102 flags=260", "fp_entry_alloc"}));
+    EXPECT_EQ(storm_port_num, 1u);
+}
+
+TEST_F(StormRule, RecordAllocationFailureLeavesTheRuleAndRemovesTheSharedRule) {
+    fake::fail_calloc(1);
+    storm_set_rate_burst(1, 8000, 1024, true);
+    const Lines log = fake::calls_of({"zlog"});
+    EXPECT_EQ(Lines(log.begin() + 9, log.begin() + 12),
+              (Lines{fake::error("storm_add_by_fp", "rv: -2"),
+                     fake::error("storm_set_rate_burst", "add fp table is failed"),
+                     fake::info("storm_del_mpls_fp", "del mpls entry")}));
+    EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "8000/1024") +
+                                shared_rule_removed());
+    EXPECT_EQ(storm_port_num, 0u);
+}
+
+TEST_F(StormRule, AddReturnsTheErrorOfEachStep) {
+    EXPECT_EQ(storm_add_by_fp(8000, 1024, 101), 0);
+    fake::fail_nth("fp_entry_alloc", 1);
+    EXPECT_EQ(storm_add_by_fp(8000, 1024, 102), -1);
+    fake::fail_calloc(1);
+    EXPECT_EQ(storm_add_by_fp(8000, 1024, 102), -2);
+}
+
+TEST_F(StormRule, ResultsOfTheServiceCallsAreIgnored) {
+    for (const char* call : {"fp_acl_create", "fp_entry_add", "fp_apply_add", "fp_apply_delete",
+                             "fp_entry_delete", "fp_acl_delete"}) {
+        fake::fail(call, 22);
+    }
+    storm_set_rate_burst(1, 8000, 1024, true);
+    EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "8000/1024"));
+    EXPECT_NE(record(101), nullptr);
+    storm_set_rate_burst(1, 0, 0, false);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + shared_rule_removed());
+    EXPECT_EQ(record(101), nullptr);
+}
+
+// ---- Removal of a detection ----
+
+TEST_F(StormRule, DeletionOfALoopedPortNotifiesItsEnd) {
+    enable_port_1();
+    record(101)->is_loop = 1;
+    EXPECT_EQ(storm_del_storm_detect(101), 0);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + Lines{"verdict is_loop=0 ifx=1"});
+    EXPECT_EQ(std_opt_statics.notify_unloop_times, 0);
+    EXPECT_EQ(storm_port_num, 0u);
+    EXPECT_EQ(record(101), nullptr);
+}
+
+TEST_F(StormRule, DeletionWithoutRecordRemovesTheRule) {
+    EXPECT_EQ(storm_del_storm_detect(101), 0);
+    EXPECT_EQ(take_calls(), port_rule_removed("101"));
+    EXPECT_EQ(storm_port_num, 0u);
+}
+
+TEST_F(StormRule, DeletionKeepsTheSharedRule) {
+    enable_port_1();
+    storm_del_storm_detect(101);
+    EXPECT_EQ(take_calls(), port_rule_removed("101"));
+    // The next first port creates it again.
+    storm_set_rate_burst(1, 8000, 1024, true);
+    EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "8000/1024"));
+}
+
+// ---- No service ----
+
+class StormWithoutService : public StormTest {
+ protected:
+    StormWithoutService() {
+        start();
+        fake::clear_calls();
+    }
+};
+
+TEST_F(StormWithoutService, UnapplyReportsItAndFails) {
+    EXPECT_EQ(std_acl_unapply(101, 101, 2), -1);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{fake::info("std_acl_unapply", "phyid: 0x65, aclid: 0x65\n"),
+                     fake::error("std_acl_unapply", "storm_udp_mgr is NULL !")}));
+}
+
+TEST_F(StormWithoutService, RemovalReportsEveryOperation) {
+    EXPECT_EQ(storm_del_storm_fp(101), 0);
+    EXPECT_EQ(take_log(), (Lines{fake::info("storm_del_storm_fp", "phyid: 0x65\n"),
+                                 fake::info("std_acl_unapply", "phyid: 0x65, aclid: 0x65\n"),
+                                 fake::error("std_acl_unapply", "storm_udp_mgr is NULL !"),
+                                 fake::info("std_ace_entry_delete",
+                                            "del_ace, acl_id:0x65, acl_app:loop_detection_app"),
+                                 fake::error("std_ace_entry_delete", "storm_udp_mgr is NULL !"),
+                                 fake::info("std_acl_delete", "aclid 0x65\n"),
+                                 fake::error("std_acl_delete", "storm_udp_mgr is NULL !")}));
+}
+
+TEST_F(StormWithoutService, EnablingFailsAtTheSharedRule) {
+    storm_set(1, true);
+    EXPECT_EQ(take_log(), (Lines{fake::info("storm_set_rate_burst",
+                                            "phyid = 65 , rate = 8000, burst = 1024, is_add = 1"),
+                                 fake::info("storm_add_mpls_fp", "add mpls entry"),
+                                 fake::error("std_acl_create", "storm_udp_mgr is NULL !"),
+                                 fake::info("storm_add_mpls_fp", "set_mpls_ace, acl_id:0.\n"),
+                                 fake::error("std_ace_alloc", "storm_udp_mgr is NULL !"),
+                                 fake::error("storm_add_mpls_fp", "alloc ace fail."),
+                                 fake::info("std_acl_delete", "aclid 0x0\n"),
+                                 fake::error("std_acl_delete", "storm_udp_mgr is NULL !"),
+                                 fake::error("storm_add_mpls_fp", "alloc ace error\n"),
+                                 fake::error("storm_set_rate_burst", "add mpls entry failed")}));
+    EXPECT_EQ(enabled(), "1");
+}
+
+// ---- Results ----
+
+class StormResult : public StormRule {
+ protected:
+    static const fp_udp_acl_handler& handlers() { return fake::fp_handlers(); }
+    static inline const fp_acl_key kKey = fake::fp_key(101);
+};
+
+TEST_F(StormResult, SuccessesAreOnlyLogged) {
+    enable_port_1();
+    handlers().acl_success(fake::mom_client(), &kKey);
+    handlers().entry_success(fake::mom_client(), &kKey);
+    handlers().apply_success(fake::mom_client(), &kKey);
+    const std::string text = "aclid:0x65, acl_app:loop_detection_app\n";
+    EXPECT_EQ(fake::take_calls(), (Lines{fake::info("storm_install_on_acl_success", text),
+                                         fake::info("storm_install_on_ace_success", text),
+                                         fake::info("storm_install_on_apply_success", text)}));
+}
+
+TEST_F(StormResult, AclAndEntryFailuresAreOnlyLogged) {
+    enable_port_1();
+    handlers().acl_failed(fake::mom_client(), &kKey, 5);
+    handlers().entry_failed(fake::mom_client(), &kKey, -6);
+    EXPECT_EQ(fake::take_calls(), (Lines{fake::info("storm_install_on_acl_failed",
+                                                    "aclid:0x65, acl_app:loop_detection_app, "
+                                                    "err:5\n"),
+                                         fake::info("storm_install_on_ace_failed",
+                                                    "aclid:0x65, acl_app:loop_detection_app, "
+                                                    "err:-6\n")}));
+    EXPECT_NE(record(101), nullptr);
+    EXPECT_EQ(enabled(), "1");
+}
+
+TEST_F(StormResult, FailedApplyRemovesTheRecordAndTheConfiguration) {
+    storm_set_burst_limit(1, 5000, 64, true);
+    enable_port_1();
+    handlers().apply_failed(fake::mom_client(), &kKey, 28);
+    EXPECT_EQ(fake::calls_of({"zlog"}),
+              (Lines{fake::info("storm_install_on_apply_failed",
+                                "aclid:0x65, acl_app:loop_detection_app, err:28\n")} +
+               log_of_removal("65") +
+               Lines{fake::info("storm_del_list", "enter ifx 1"),
+                     fake::info("storm_del_list", "release storm_ifx_info"),
+                     fake::info("storm_del_list", "release storm_rate_info"),
+                     fake::info("storm_del_list", "exit")}));
+    EXPECT_EQ(take_calls(), port_rule_removed("101"));
+    EXPECT_EQ(record(101), nullptr);
+    EXPECT_EQ(enabled(), "");
+    EXPECT_EQ(rates(), "");
+}
+
+TEST_F(StormResult, FailedApplyOfALoopedPortNotifiesItsEnd) {
+    enable_port_1();
+    record(101)->is_loop = 1;
+    handlers().apply_failed(fake::mom_client(), &kKey, 28);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + Lines{"verdict is_loop=0 ifx=1"});
+}
+
+TEST_F(StormResult, FailedApplyOfAnUnknownPortIsLogged) {
+    enable_port_1();
+    const fp_acl_key key = fake::fp_key(0x999);
+    handlers().apply_failed(fake::mom_client(), &key, 28);
+    const Lines log = take_log();
+    EXPECT_EQ(log.back(),
+              fake::error("storm_install_on_apply_failed", "rv: -1, acl_key->acl_id: 0x999"));
+    EXPECT_EQ(enabled(), "1");
+    EXPECT_NE(record(101), nullptr);
+}
+
+TEST_F(StormResult, FailedApplyOfTheSharedRuleDropsNoInterface) {
+    enable_port_1();
+    const fp_acl_key key = fake::fp_key(0);
+    handlers().apply_failed(fake::mom_client(), &key, 28);
+    EXPECT_EQ(fake::calls_of({"zlog"}).back(),
+              fake::error("storm_install_on_apply_failed", "rv: -1, acl_key->acl_id: 0x0"));
+    EXPECT_EQ(take_calls(), (Lines{"fp_apply_delete 0 at type=2 port=0",
+                                   "fp_entry_delete 0 entry 0", "fp_acl_delete 0"}));
+    EXPECT_EQ(enabled(), "1");
+    EXPECT_NE(record(101), nullptr);
+}
+
+}  // namespace
