@@ -59,6 +59,10 @@ class Transcript:
         return section
 
 
+def down(lab):
+    return lab.cli("show interfaces status").count(" down   down ")
+
+
 def marked(lab):
     return lab.cli("show running-config").count("loop-detect apply shutdown-port")
 
@@ -76,7 +80,7 @@ def simulated():
         say.type("test loop plug swp3 swp7")
         for port in ("swp3", "swp7"):
             say.wait_log(f"Detected loop error on interface {port}.", 10)
-        wait_for(lambda: marked(lab) == 2, 10, "both ports are shut")
+        wait_for(lambda: down(lab) == 2, 10, "both ports are shut")
         say.log()
         say.type("show loop-detect detail")
         say.type("show interfaces status", show=r"^Port|swp[37]\b")
@@ -105,7 +109,7 @@ def simulated():
         lab.start_agent()
         print("    (started again; the cable has gone with the old switch)")
         say.type("show interfaces status", show=r"^Port|swp[37]\b")
-        wait_for(lambda: marked(lab) == 0, 15, "the ports were brought back")
+        wait_for(lambda: down(lab) == 0, 15, "the ports were brought back")
         print("\n    the recovery time passes\n")
         say.type("show interfaces status", show=r"^Port|swp[37]\b")
         print("\nDone: shut, recovered, forgotten, and brought back across a restart.")
