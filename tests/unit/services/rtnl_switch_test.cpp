@@ -1,0 +1,252 @@
+// The driver on a real kernel, in a network namespace of this process.
+#include "platform/driver/linux/rtnl_switch.h"
+
+#include <cstdio>
+#include <cstring>
+
+#include <gtest/gtest.h>
+#include <net/if.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include "platform/driver/clock.h"
+#include "tests/support/test_platform.h"
+#include "tests/unit/services/recording_sink.h"
+#include "tests/unit/services/temporary_directory.h"
+
+namespace qv {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+// Runs the lines as commands of ip(8).
+void ip(const std::string& lines) {
+    FILE* const pipe = popen("ip -batch -", "w");
+    ASSERT_NE(pipe, nullptr);
+    std::fputs(lines.c_str(), pipe);
+    ASSERT_EQ(pclose(pipe), 0) << lines;
+}
+
+// A pair of which the first end is a member of br0.
+std::string port_line(const std::string& name) {
+    return "link add " + name + " type veth peer name p-" + name + "\nlink set p-" + name +
+           " up\nlink set " + name + " up\nlink set " + name + " master br0\n";
+}
+
+struct RtnlSwitchTest : testing::Test {
+    void SetUp() override {
+        if (unshare(CLONE_NEWNET) != 0) {
+            GTEST_SKIP() << "no network namespace of our own: " << std::strerror(errno);
+        }
+    }
+
+    bool wait_for(const std::function<bool()>& done) { return test::run_until(loop, done); }
+
+    bool wait_for_name(const std::string& name) {
+        return wait_for([&] { return sink.find(name) != nullptr; });
+    }
+
+    bool wait_for_up(const std::string& name) {
+        return wait_for([&] {
+            const Port* const port = sink.find(name);
+            return port != nullptr && port->admin_up && port->oper_up;
+        });
+    }
+
+    test::TestPlatform platform;
+    SteadyClock clock;
+    EventLoop loop{clock};
+    test::RecordingSink sink;
+};
+
+TEST_F(RtnlSwitchTest, ReportsThePortsThatAreThereThenCompletes) {
+    ip("link add br0 type bridge\n" + port_line("swp1") + port_line("swp2") +
+       "link add alone type veth peer name alone-p\n");
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    EXPECT_EQ(sink.reports, Lines{}) << "nothing is reported from inside start()";
+    ASSERT_TRUE(
+        wait_for([&] { return !sink.reports.empty() && sink.reports.back() == "complete"; }));
+    EXPECT_EQ(sink.take(), (Lines{"added swp1", "added swp2", "complete"}));
+    EXPECT_EQ(sink.find("swp1")->ifx, if_nametoindex("swp1"));
+    EXPECT_EQ(sink.find("swp1")->phyid, 1u);
+    EXPECT_EQ(sink.find("swp2")->phyid, 2u);
+    EXPECT_TRUE(sink.find("swp1")->admin_up);
+}
+
+TEST_F(RtnlSwitchTest, FollowsAddRenameLeaveAndDelete) {
+    ip("link add br0 type bridge\n");
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ip(port_line("swp1"));
+    ASSERT_TRUE(wait_for_name("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+
+    ip("link set swp1 down\nlink set swp1 name uplink\n");
+    ASSERT_TRUE(wait_for_name("uplink"));
+    EXPECT_EQ(sink.find("uplink")->ifx, ifx);
+    EXPECT_FALSE(sink.find("uplink")->admin_up);
+
+    sink.take();
+    ip("link set uplink nomaster\n");
+    ASSERT_TRUE(wait_for([&] { return sink.ports.empty(); }));
+    EXPECT_EQ(sink.take(), (Lines{"left uplink", "removed uplink"}));
+
+    ip("link set uplink master br0\n");
+    ASSERT_TRUE(wait_for_name("uplink"));
+    ip("link del uplink\n");
+    ASSERT_TRUE(wait_for([&] { return sink.ports.empty(); }));
+    EXPECT_EQ(sink.reports.back(), "removed uplink");
+}
+
+TEST_F(RtnlSwitchTest, AdminStateIsTheKernelsOwn) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+
+    EXPECT_EQ(driver.set_admin(ifx, false), "");
+    EXPECT_EQ(std::system("ip link show swp1 | grep -q 'state DOWN'"), 0);
+    ASSERT_TRUE(wait_for([&] { return !sink.find("swp1")->admin_up; }));
+    EXPECT_FALSE(sink.find("swp1")->oper_up);
+
+    EXPECT_EQ(driver.set_admin(ifx, true), "");
+    EXPECT_TRUE(wait_for_up("swp1"));
+}
+
+TEST_F(RtnlSwitchTest, OperStateFollowsThePeer) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1"));
+    ip("link set p-swp1 down\n");
+    ASSERT_TRUE(wait_for([&] { return !sink.find("swp1")->oper_up; }));
+    EXPECT_TRUE(sink.find("swp1")->admin_up);
+}
+
+TEST_F(RtnlSwitchTest, RefusedRequestsCarryTheKernelsReason) {
+    ip("link add br0 type bridge\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    EXPECT_EQ(driver.set_admin(1, false), "no such port");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_name("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+
+    EXPECT_EQ(driver.set_admin(99999, false), "no such port");
+    ASSERT_EQ(seteuid(65534), 0);
+    EXPECT_EQ(driver.set_admin(ifx, false), "cannot set swp1 down: Operation not permitted");
+    ASSERT_EQ(seteuid(0), 0);
+    ip("link del swp1\n");  // the driver has not heard of it yet
+    EXPECT_EQ(driver.set_admin(ifx, true), "cannot set swp1 up: No such device");
+}
+
+TEST_F(RtnlSwitchTest, ModeIsAccessUntilSetAndRefusedWhenUnknown) {
+    ip("link add br0 type bridge\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_name("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+    EXPECT_EQ(sink.find("swp1")->mode, 1u);
+    EXPECT_EQ(driver.set_mode(ifx, 7), "");
+    EXPECT_EQ(sink.find("swp1")->mode, 7u);
+    EXPECT_EQ(driver.set_mode(ifx, 3), "no such VLAN mode");
+    EXPECT_EQ(driver.set_mode(99999, 2), "no such port");
+    EXPECT_EQ(sink.find("swp1")->mode, 7u);
+}
+
+TEST_F(RtnlSwitchTest, BridgeMayComeLaterVanishAndComeBack) {
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for([&] { return !sink.reports.empty(); }));
+    EXPECT_EQ(sink.take(), Lines{"complete"});
+
+    ip("link add br0 type bridge\n" + port_line("swp1") + port_line("swp2"));
+    ASSERT_TRUE(wait_for([&] { return sink.ports.size() == 2; }));
+    ip("link del br0\n");
+    ASSERT_TRUE(wait_for([&] { return sink.ports.empty(); }));
+    ip("link add br0 type bridge\nlink set swp2 master br0\n");
+    ASSERT_TRUE(wait_for_name("swp2"));
+    EXPECT_EQ(sink.ports.size(), 1u);
+
+    // Under another name it is another bridge.
+    ip("link set br0 name br1\n");
+    ASSERT_TRUE(wait_for([&] { return sink.ports.empty(); }));
+    ip("link set br1 name br0\n");
+    ASSERT_TRUE(wait_for_name("swp2"));
+}
+
+// Every link of a hundred pairs down and up, `rounds` times, then changes of every kind.
+std::string flapping(int rounds) {
+    std::string lines;
+    for (int round = 0; round < rounds; ++round) {
+        for (int i = 0; i < 100; ++i) {
+            const std::string name = "e" + std::to_string(i);
+            lines += "link set " + name + " down\nlink set p-" + name + " down\n";
+            lines += "link set " + name + " up\nlink set p-" + name + " up\n";
+        }
+    }
+    lines += "link set e0 down\nlink del e1\nlink set e2 nomaster\n";
+    lines += "link set e3 down\nlink set e3 name e1\n" + port_line("fresh");
+    return lines;
+}
+
+// A receive buffer with room for hardly one notification.
+struct RtnlSwitchOverrunTest : RtnlSwitchTest {
+    static constexpr int kTinyBuffer = 2048;
+
+    void add_hundred_ports() {
+        std::string add = "link add br0 type bridge\nlink set br0 up\n";
+        for (int i = 0; i < 100; ++i) {
+            add += port_line("e" + std::to_string(i));
+        }
+        ip(add);
+    }
+
+    // What flapping() leaves behind.
+    bool settled() const {
+        const Port* const e0 = sink.find("e0");
+        const Port* const e1 = sink.find("e1");
+        const Port* const fresh = sink.find("fresh");
+        const Port* const last = sink.find("e99");
+        return sink.ports.size() == 99 && e0 != nullptr && !e0->admin_up && e1 != nullptr &&
+               !e1->admin_up && fresh != nullptr && fresh->admin_up && last != nullptr &&
+               last->admin_up && last->oper_up && sink.find("e3") == nullptr;
+    }
+
+    void expect_the_kernels_state() {
+        EXPECT_EQ(sink.find("e2"), nullptr);
+        EXPECT_EQ(sink.find("e1")->ifx, if_nametoindex("e1"));
+        // The fresh socket hears what comes after.
+        ip("link set e99 down\n");
+        EXPECT_TRUE(wait_for([&] { return !sink.find("e99")->admin_up; }));
+    }
+};
+
+TEST_F(RtnlSwitchOverrunTest, TwoHundredLinksFlappingBetweenTwoLooksLoseNothing) {
+    add_hundred_ports();
+    RtnlSwitch driver(loop, "br0", kTinyBuffer);
+    driver.start(sink);
+    ASSERT_TRUE(wait_for([&] { return sink.ports.size() == 100; }));
+    ip(flapping(3));
+    ASSERT_TRUE(wait_for([&] { return settled(); }));
+    EXPECT_GE(driver.resyncs(), 1u);
+    expect_the_kernels_state();
+}
+
+TEST_F(RtnlSwitchOverrunTest, TwoHundredLinksFlappingWhileAllIsReadAgainLoseNothing) {
+    add_hundred_ports();
+    RtnlSwitch driver(loop, "br0", kTinyBuffer);
+    driver.start(sink);
+    const test::TemporaryDirectory directory;
+    const std::string command = "ip -batch " + directory.write("flapping", flapping(10));
+    FILE* const running = popen(command.c_str(), "r");
+    ASSERT_NE(running, nullptr);
+    EXPECT_TRUE(wait_for([&] { return settled(); }));
+    EXPECT_EQ(pclose(running), 0);
+    EXPECT_GE(driver.resyncs(), 1u);
+    expect_the_kernels_state();
+}
+
+}  // namespace
+}  // namespace qv
