@@ -300,7 +300,8 @@ static void tick_record(lda_intf_t* record, uint32_t recover_time) {
     record->recover_ticks = 0;
     lda_intf_set_shutdown(record, 0);
     lda_send_shutcmd(record->ifx, 0, record);
-    APP_INFO("ifx=%d no shutdown force", static_cast<int>(record->ifx));
+    APP_INFO_AS("lda_intf_shutdown_timer_call", "ifx=%d no shutdown force",
+                static_cast<int>(record->ifx));
 }
 
 int lda_intf_shutdown_timer_call(qv_thread* timer) {
@@ -341,19 +342,6 @@ static void scan_existing_reports() {
                 nullptr);
 }
 
-static void take_report(const PBridge__TarnLoopInfo* report) {
-    if (lda_loop_detect_ptype_get() == LDA_POLICY_DISABLED) {
-        APP_INFO("current lda is disable, thus does not process the relevant business logic.");
-        return;
-    }
-    const uint8_t result = report->is_loop != 0 ? 1 : 0;
-    lda_loop_result_set(LDA_SOURCE_TARN, result, report->index->ifx);
-    if (report->src_ifx == report->index->ifx)
-        return;
-    lda_loop_result_set(LDA_SOURCE_TARN, result, report->src_ifx);
-    APP_INFO("lda_loop_result_set src loop");
-}
-
 int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* message) {
     if (!client || !message) {
         APP_ERROR("global[%p] mom_msg[%p]", static_cast<const void*>(client),
@@ -376,6 +364,15 @@ int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* mes
     APP_INFO("recv tarn msg, ifx[%d] vid[%d] is_loop[%d] src_ifx[%d]",
              static_cast<int>(report->index->ifx), static_cast<int>(report->vid),
              static_cast<int>(report->is_loop), static_cast<int>(report->src_ifx));
-    take_report(report);
+    if (lda_loop_detect_ptype_get() == LDA_POLICY_DISABLED) {
+        APP_INFO("current lda is disable, thus does not process the relevant business logic.");
+        return 0;
+    }
+    const uint8_t result = report->is_loop != 0 ? 1 : 0;
+    lda_loop_result_set(LDA_SOURCE_TARN, result, report->index->ifx);
+    if (report->src_ifx == report->index->ifx)
+        return 0;
+    lda_loop_result_set(LDA_SOURCE_TARN, result, report->src_ifx);
+    APP_INFO("lda_loop_result_set src loop");
     return 0;
 }
