@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <stdexcept>
 
 #include "p_bridge.pb-c.h"
 #include "platform/cli/tarn_commands.h"
@@ -14,9 +13,7 @@
 #include "platform/driver/embedded/memory_store.h"
 #include "platform/driver/embedded/stderr_log.h"
 #include "platform/driver/linux/no_forwarding.h"
-#if __has_include("platform/driver/linux/redis_store.cpp")
 #include "platform/driver/linux/redis_store.h"
-#endif
 #include "platform/driver/linux/rtnl_switch.h"
 #include "platform/driver/linux/syslog_log.h"
 #include "qv/mom.h"
@@ -65,11 +62,12 @@ class LoopReports {
 // The platform of a description. Lives as long as the process.
 class DescribedPlatform final : public Platform {
  public:
-    explicit DescribedPlatform(PlatformConfig config)
-        : config_(std::move(config)), clock_(config_.speed), log_(make_log(config_.switch_kind)) {}
+    DescribedPlatform(PlatformConfig config, std::unique_ptr<Clock> clock,
+                      std::unique_ptr<SystemLog> log)
+        : config_(std::move(config)), clock_(std::move(clock)), log_(std::move(log)) {}
 
     const PlatformConfig& config() const override { return config_; }
-    Clock& clock() override { return clock_; }
+    Clock& clock() override { return *clock_; }
     SystemLog& system_log() override { return *log_; }
     EventLoop& loop() override { return *loop_; }
     StoreDriver& store() override { return *store_; }
@@ -96,12 +94,8 @@ class DescribedPlatform final : public Platform {
     // Null when the store is not in memory.
     MemoryStore* make_store() {
         if (config_.store == PlatformConfig::Store::kRedis) {
-#if __has_include("platform/driver/linux/redis_store.cpp")
             store_ = std::make_unique<RedisStore>(*loop_, config_.redis_socket);
             return nullptr;
-#else
-            throw std::runtime_error("this program is built without the redis store");
-#endif
         }
         auto memory = std::make_unique<MemoryStore>(*loop_);
         MemoryStore* const made = memory.get();
@@ -136,7 +130,7 @@ class DescribedPlatform final : public Platform {
     }
 
     const PlatformConfig config_;
-    SteadyClock clock_;
+    const std::unique_ptr<Clock> clock_;
     const std::unique_ptr<SystemLog> log_;
     // From attach_loop() on.
     EventLoop* loop_ = nullptr;
@@ -152,7 +146,10 @@ Platform* g_platform = nullptr;
 Platform* describe() {
     const char* const path = std::getenv("LDA_PLATFORM");
     try {
-        return new DescribedPlatform(path && *path ? load_platform_config(path) : PlatformConfig());
+        auto config = path && *path ? load_platform_config(path) : PlatformConfig();
+        auto clock = std::make_unique<SteadyClock>(config.speed);
+        auto log = make_log(config.switch_kind);
+        return make_platform(std::move(config), std::move(clock), std::move(log)).release();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "lda: %s\n", error.what());
         std::exit(EXIT_FAILURE);
@@ -160,6 +157,11 @@ Platform* describe() {
 }
 
 }  // namespace
+
+std::unique_ptr<Platform> make_platform(PlatformConfig config, std::unique_ptr<Clock> clock,
+                                        std::unique_ptr<SystemLog> log) {
+    return std::make_unique<DescribedPlatform>(std::move(config), std::move(clock), std::move(log));
+}
 
 Platform& platform() {
     if (!g_platform) {

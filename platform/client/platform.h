@@ -40,6 +40,10 @@ class Platform {
 // The platform of this process.
 Platform& platform();
 
+// A platform as `config` describes it, on the given clock and system log.
+std::unique_ptr<Platform> make_platform(PlatformConfig config, std::unique_ptr<Clock> clock,
+                                        std::unique_ptr<SystemLog> log);
+
 // Puts `platform` in place of the one that LDA_PLATFORM describes; before any other call. The owner
 // keeps it alive for the life of the process. For tests and tools.
 void install_platform(Platform& platform);
