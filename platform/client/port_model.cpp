@@ -32,12 +32,8 @@ const Port* PortModel::find(uint32_t ifx) const {
 }
 
 const Port* PortModel::find(std::string_view name) const {
-    for (const auto& [ifx, port] : ports_) {
-        if (port.name == name) {
-            return &port;
-        }
-    }
-    return nullptr;
+    const auto found = names_.find(name);
+    return found == names_.end() ? nullptr : find(found->second);
 }
 
 const std::map<uint32_t, Port>& PortModel::ports() const {
@@ -73,6 +69,7 @@ void PortModel::port_added(const Port& port) {
         port_changed(port);
         return;
     }
+    names_[port.name] = port.ifx;
     for (PortObserver* observer : observers_) {
         observer->on_added(entry->second);
     }
@@ -85,6 +82,7 @@ void PortModel::port_removed(uint32_t ifx) {
     }
     const Port gone = std::move(found->second);
     ports_.erase(found);
+    forget_name(gone);
     for (PortObserver* observer : observers_) {
         observer->on_removed(gone);
     }
@@ -96,6 +94,10 @@ void PortModel::port_changed(const Port& port) {
         return;
     }
     const Port before = std::exchange(found->second, port);
+    if (before.name != port.name) {
+        forget_name(before);
+        names_[port.name] = port.ifx;
+    }
     for (PortObserver* observer : observers_) {
         observer->on_changed(before, found->second);
     }
@@ -119,6 +121,15 @@ void PortModel::ports_complete() {
     complete_ = true;
     for (PortObserver* observer : observers_) {
         observer->on_complete();
+    }
+}
+
+// Two ports that swap their names pass through a moment in which one name stands for both: the
+// later report has it.
+void PortModel::forget_name(const Port& port) {
+    const auto found = names_.find(port.name);
+    if (found != names_.end() && found->second == port.ifx) {
+        names_.erase(found);
     }
 }
 

@@ -51,8 +51,11 @@ class PortModel final : public PortSink {
     void ports_complete() override;
 
  private:
+    void forget_name(const Port& port);
+
     SwitchDriver& driver_;
     std::map<uint32_t, Port> ports_;
+    std::map<std::string, uint32_t, std::less<>> names_;  // short name to interface index
     std::vector<PortObserver*> observers_;
     bool complete_ = false;
 };

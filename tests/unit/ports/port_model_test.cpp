@@ -67,6 +67,17 @@ TEST_F(PortModel, PortReportedAgainWithAnotherNameIsAChange) {
     EXPECT_NE(rig.model.find("uplink"), nullptr);
 }
 
+TEST_F(PortModel, PortsThatSwapTheirNamesAreFoundByTheNewOnes) {
+    rig.model.port_added(PortsRig::port(1));
+    rig.model.port_added(PortsRig::port(2));
+    rig.change(1, [](Port& port) { port.name = "swp2"; });
+    rig.change(2, [](Port& port) { port.name = "swp1"; });
+    EXPECT_EQ(rig.model.find("swp1"), rig.model.find(2));
+    EXPECT_EQ(rig.model.find("swp2"), rig.model.find(1));
+    rig.model.port_removed(2);
+    EXPECT_EQ(rig.model.find("swp1"), nullptr);
+}
+
 TEST_F(PortModel, ReportWithoutADifferenceIsNoChange) {
     rig.model.port_added(PortsRig::port(7));
     rig.model.port_changed(PortsRig::port(7));
