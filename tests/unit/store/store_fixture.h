@@ -1,0 +1,98 @@
+// The same tests for both stores: a client of qv/mom.h on one side, "another program" on the other.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "p_app.pb-c.h"
+#include "p_bridge.pb-c.h"
+#include "p_mng.pb-c.h"
+#include "platform/driver/linux/redis_store.h"
+#include "qv/mom.h"
+#include "tests/support/redis_server.h"
+#include "tests/support/test_platform.h"
+
+namespace store_test {
+
+using Lines = std::vector<std::string>;
+
+// What the callbacks below heard, in order: "up", "back", "down", and messages as
+// "29/0/4", "1/0/4 ifx=7 vid=1 loop=1 src=8" (command/operation/database).
+extern Lines g_heard;
+
+int on_up(void* arg);
+int on_back(void* arg);
+int on_down(void* arg);
+int on_loop_info(qv_mom_client* client, const qv_mom_msg* message);
+int on_loop_entry(qv_mom_client* client, const qv_mom_msg* message);
+int on_operate(qv_mom_client* client, const qv_mom_msg* message);
+
+// Packs on the stack, as the agent does.
+struct LoopInfo {
+    LoopInfo(uint32_t ifx, uint32_t vid, uint32_t is_loop, uint32_t src_ifx);
+    LoopInfo(const LoopInfo&) = delete;
+    LoopInfo& operator=(const LoopInfo&) = delete;
+    PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
+    PBridge__TarnLoopInfo info = P_BRIDGE__TARN_LOOP_INFO__INIT;
+    const ProtobufCMessage* record() const { return &info.base; }
+    std::string packed() const;
+};
+
+struct LoopEntry {
+    LoopEntry(const char* name, uint32_t policy, bool src_port);
+    LoopEntry(const LoopEntry&) = delete;
+    LoopEntry& operator=(const LoopEntry&) = delete;
+    PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
+    PApp__LdaLoopEntry entry = P_APP__LDA_LOOP_ENTRY__INIT;
+    const ProtobufCMessage* record() const { return &entry.base; }
+};
+
+struct Operate {
+    Operate(const char* publisher, int type, int oid);
+    Operate(const Operate&) = delete;
+    Operate& operator=(const Operate&) = delete;
+    PMng__UiIndex index = P_MNG__UI_INDEX__INIT;
+    PMng__UiOperate operate = P_MNG__UI_OPERATE__INIT;
+    const ProtobufCMessage* record() const { return &operate.base; }
+};
+
+// The store under test, seen from outside.
+class World {
+ public:
+    virtual ~World() = default;
+    virtual qv::StoreDriver& driver() = 0;
+    virtual bool run_until(const std::function<bool()>& done) = 0;
+    virtual void lose() = 0;
+    virtual void bring_back() = 0;
+    virtual void put(uint32_t db, const std::string& key, const std::string& record) = 0;
+    virtual void notify(uint32_t db, const std::string& type, const std::string& notice) = 0;
+    virtual Lines get(uint32_t db, const std::string& key) = 0;  // empty: no such key
+    virtual Lines keys(uint32_t db) = 0;                         // ascending
+};
+
+class Store : public testing::TestWithParam<std::string_view> {
+ protected:
+    void SetUp() override;
+    void TearDown() override;
+
+    // Opens `db` with all three callbacks and waits for the first.
+    void open(uint32_t db);
+    // Waits until all that was asked for has arrived, by way of a message sent after it.
+    void settle();
+    // Waits until the last thing heard is `line`.
+    void expect_heard(const std::string& line);
+    Lines take_heard();  // and forgets it
+
+    qv::test::TestPlatform platform;
+    qv::SteadyClock real_clock;
+    std::unique_ptr<World> world;
+    qv_thread_master* master = nullptr;
+    qv_mom_client* client = nullptr;
+};
+
+}  // namespace store_test
