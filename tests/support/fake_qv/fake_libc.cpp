@@ -41,6 +41,7 @@ struct State {
     pthread_mutex_t* waited_mutex = nullptr;
     timespec deadline{};
     timespec started{};
+    std::function<int()> signal_hook;
 };
 
 State& state() {
@@ -122,6 +123,11 @@ void wait_until_idle(const std::function<bool()>& nothing_to_do) {
     }
 }
 
+void on_signal(std::function<int()> hook) {
+    auto lock = locked();
+    state().signal_hook = std::move(hook);
+}
+
 void let_wait_time_out() {
     auto lock = locked();
     await(lock, [] { return state().waiting; });
@@ -156,6 +162,7 @@ int __real_pthread_condattr_destroy(pthread_condattr_t* attributes);
 int __real_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __real_pthread_cond_signal(pthread_cond_t* condition);
 int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* deadline);
 
@@ -294,6 +301,16 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
 int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
     fake::enter("pthread_mutex_destroy", "pthread_mutex_destroy");
     return __real_pthread_mutex_destroy(mutex);
+}
+
+int __wrap_pthread_cond_signal(pthread_cond_t* condition) {
+    std::function<int()> hook;
+    {
+        auto lock = locked();
+        hook = state().signal_hook;
+    }
+    int result = hook ? hook() : 0;
+    return result != 0 ? result : __real_pthread_cond_signal(condition);
 }
 
 int __wrap_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,

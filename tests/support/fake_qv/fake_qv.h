@@ -225,8 +225,8 @@ void let_wait_time_out();
 int timed_waits();
 timespec last_deadline();
 timespec last_wait_started();
-// Runs `hook` in place of every signal of a condition variable: 0 lets the signal through, any other
-// result is returned to the agent and the signal is lost. Signals make no line.
+// Runs `hook` in place of every signal of a condition variable: 0 lets the signal through, any
+// other result is returned to the agent and the signal is lost. Signals make no line.
 void on_signal(std::function<int()> hook);
 
 }  // namespace fake
