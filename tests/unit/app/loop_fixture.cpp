@@ -3,9 +3,6 @@
 #include <cstdlib>
 #include <thread>
 
-#include "app_debug.h"
-#include "lda_lsm.h"
-#include "lda_main.h"
 #include "tests/support/fake_qv/fake_internal.h"
 
 namespace loop_test {
@@ -14,10 +11,6 @@ namespace {
 std::string logged(int level, const std::string& function, const std::string& text) {
     return "zlog " + std::to_string(level) + " " + function + " " +
            fake::quoted("<" + function + ":#> " + text);
-}
-
-std::string field(const char* name, unsigned value) {
-    return value == 0 ? std::string() : std::string(" ") + name + "=" + std::to_string(value);
 }
 
 }  // namespace
@@ -58,7 +51,8 @@ std::string detected(const std::string& name) {
 }
 
 std::string recovered(const std::string& name) {
-    return "syslog 3 LOOP_DETECT RECOVER \"Interface " + name + " recovered from loop error.\\r\\n\"";
+    return "syslog 3 LOOP_DETECT RECOVER \"Interface " + name +
+           " recovered from loop error.\\r\\n\"";
 }
 
 std::string executed(int session, const std::string& line) {
@@ -75,30 +69,6 @@ Lines joined(std::initializer_list<Lines> parts) {
     Lines result;
     for (const Lines& part : parts)
         result.insert(result.end(), part.begin(), part.end());
-    return result;
-}
-
-std::string message_text(const lda_cli_msg_t& message) {
-    return "type=" + std::to_string(message.type) + field("mid", message.mid) +
-           field("ifx", message.ifx) + field("new", message.new_type) +
-           field("old", message.old_type) + field("shutdown", message.shutdown) +
-           field("enable", message.enable) + field("is_config_delivery", message.is_config_delivery);
-}
-
-Lines take_posted() {
-    Lines result;
-    pthread_mutex_lock(&g_lda_cli_msg_set->lock);
-    lda_list_t* head = &g_lda_cli_msg_set->list;
-    size_t counted = g_lda_cli_msg_set->count;
-    while (head->next != head) {
-        lda_list_t* node = head->next;
-        result.push_back(message_text(*reinterpret_cast<lda_cli_msg_t*>(node)));
-        lda_list_unlink(node);
-        free(node);
-    }
-    g_lda_cli_msg_set->count = 0;
-    pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
-    EXPECT_EQ(counted, result.size()) << "the count of the queue is not its length";
     return result;
 }
 
@@ -120,20 +90,13 @@ bool free_for_others(pthread_mutex_t* mutex) {
     return free;
 }
 
-void StartedAgent::SetUp() {
-    fake::no_file("/data/lda/lda.dbg");
-    ASSERT_EQ(app_debug_init("lda", "LDA"), 0);
-    g_lda_master = fake::master();
-    g_lda_global = fake::mom_client();
-    ASSERT_EQ(hot_standby_callback(), 0);
-    fake::clear_calls();
+StartedAgent::StartedAgent() {
+    g_app_zlog_level = 2;
 }
 
 lda_intf_t* StartedAgent::add(uint32_t ifx, uint32_t mode) {
-    fake::add_port(ifx, mode);
-    lda_intf_t* record = lda_add_intf(ifx);
+    lda_intf_t* record = add_record(ifx, mode);
     EXPECT_NE(record, nullptr);
-    fake::clear_calls();
     return record;
 }
 
@@ -145,6 +108,21 @@ lda_intf_t* StartedAgent::looped(uint32_t ifx, uint32_t mode, uint32_t policy) {
     lda_loop_detect_ptype_set(policy);
     fake::clear_calls();
     return record;
+}
+
+Lines StartedAgent::take_posted() {
+    Lines result = queued();
+    pthread_mutex_lock(&g_lda_cli_msg_set->lock);
+    lda_list_t* head = &g_lda_cli_msg_set->list;
+    EXPECT_EQ(g_lda_cli_msg_set->count, result.size()) << "the count is not the queue's length";
+    while (head->next != head) {
+        lda_list_t* node = head->next;
+        lda_list_unlink(node);
+        free(node);
+    }
+    g_lda_cli_msg_set->count = 0;
+    pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
+    return result;
 }
 
 void StartedAgent::log_everything() {

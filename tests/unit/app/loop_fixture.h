@@ -4,16 +4,12 @@
 // here asks the agent what it would say.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdint>
 #include <initializer_list>
 #include <string>
 #include <vector>
 
-#include "lda_cli_delivery.h"
-#include "lda_msg.h"
-#include "tests/support/fake_qv/fake_qv.h"
+#include "tests/unit/app/agent_fixture.h"
 
 namespace loop_test {
 
@@ -41,36 +37,30 @@ std::string executed(int session, const std::string& line, uint32_t ifx);
 
 Lines joined(std::initializer_list<Lines> parts);
 
-// ---- The queue of the delivery thread ----
-
-// Takes all messages off the queue: "type=2 mid=2 ifx=7 shutdown=1", fields that are 0 left out
-// but for the type.
-Lines take_posted();
-// A message as that shows it, fields in the order type, mid, ifx, new, old, shutdown, enable.
-std::string message_text(const lda_cli_msg_t& message);
-
-// ---- Memory and locks ----
+// ---- State of the agent ----
 
 // The records in list order.
 std::vector<lda_intf_t*> records();
 // Whether a thread other than the caller's could take the mutex now.
 bool free_for_others(pthread_mutex_t* mutex);
 
-// An agent after its role callback, ports and sessions still to come; detection is disabled. The
-// delivery thread is held back.
-class StartedAgent : public testing::Test {
+// The started agent with the log levels of a start without a level file: errors and warnings only,
+// so that the calls stand alone. Detection is disabled.
+class StartedAgent : public AgentTest {
  protected:
-    void SetUp() override;
+    StartedAgent();
 
-    // Adds a port to the switch and its record to the loop set; the calls of that are forgotten.
-    lda_intf_t* add(uint32_t ifx, uint32_t mode = SWPORT_MODE_ACCESS);
     // A port that is in the loop table because of source 0, not shut down, with no trace left of
     // how it got there. The policy is the one given, now and afterwards.
-    lda_intf_t* looped(uint32_t ifx, uint32_t mode, uint32_t policy);
+    static lda_intf_t* looped(uint32_t ifx, uint32_t mode, uint32_t policy);
+    // Adds a port to the switch and its record to the agent; the calls of that are forgotten.
+    static lda_intf_t* add(uint32_t ifx, uint32_t mode = SWPORT_MODE_ACCESS);
     // From here on INFO and DEBUG lines are written too.
     static void log_everything();
     // Puts a port on the list of those to be marked when they appear.
     static void pend(uint32_t ifx);
+    // Takes all messages off the queue, in the words of queued().
+    static Lines take_posted();
 };
 
 }  // namespace loop_test

@@ -152,6 +152,9 @@ TEST_F(LoopState, SnapshotOfADisabledOrQuietSwitchIsEmpty) {
     memset(entries, 0xa5, sizeof entries);
 
     EXPECT_EQ(lda_all_loop_result_get(entries), 0);
+    EXPECT_EQ(fake::take_calls(),
+              Lines{info("lda_all_loop_result_get", "return 0:policy type=0, loop_num=0")});
+
     lda_intf_t* record = looped(7, 1, 0);
     EXPECT_EQ(lda_all_loop_result_get(entries), 0);
     EXPECT_EQ(fake::take_calls(),
@@ -196,9 +199,8 @@ TEST_F(LoopState, SnapshotLogsEveryEntry) {
     lda_loop_result_t entries[LDA_LOOP_MAX] = {};
     log_everything();
     ASSERT_EQ(lda_all_loop_result_get(entries), 2);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{info("lda_all_loop_result_get", "num=0, is_shutdown=0"),
-                     info("lda_all_loop_result_get", "num=1, is_shutdown=1")}));
+    EXPECT_EQ(fake::take_calls(), (Lines{info("lda_all_loop_result_get", "num=1, is_shutdown=0"),
+                                         info("lda_all_loop_result_get", "num=2, is_shutdown=1")}));
 }
 
 TEST_F(LoopState, SnapshotStopsAtTenEntries) {

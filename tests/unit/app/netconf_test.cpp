@@ -1,0 +1,254 @@
+// Policy requests from the local database, and loop-state notifications.
+#include <cstdio>
+#include <cstring>
+
+#include "lda_netconf.h"
+#include "p_app.pb-c.h"
+#include "tests/unit/app/loop_fixture.h"
+
+using namespace loop_test;
+
+namespace {
+
+const std::string type = "p_app.lda_nc_policy";
+const std::string callback = "lda_nc_msg_policy";
+
+std::string pointer(const void* value) {
+    char text[32];
+    snprintf(text, sizeof text, "%p", value);
+    return text;
+}
+
+class Netconf : public StartedAgent {
+ protected:
+    Netconf() {
+        lda_nc_mom_reg_subscribe();
+        fake::clear_calls();
+    }
+    static int request(uint32_t policy, int operation) {
+        char publisher[] = "nc-1";
+        char text[] = "ignored";
+        PMng__UiIndex index = P_MNG__UI_INDEX__INIT;
+        index.publisher = publisher;
+        index.type = operation;
+        index.oid = 41;
+        PMng__OperateResult result = P_MNG__OPERATE_RESULT__INIT;
+        result.result = 9;
+        result.std_error = 8;
+        result.priv_error = 7;
+        result.oper_str = text;
+        result.flag = 6;
+        PMng__UiOperate operate = P_MNG__UI_OPERATE__INIT;
+        operate.index = &index;
+        operate.rst = &result;
+        operate.src = P_MNG__OPERATE_SRC_T__NETCONF;
+        PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
+        record.loop_policy_cli = policy;
+        record.rst = &operate;
+        return fake::mom_message(3, type, 1, 0, &record.base);
+    }
+    static std::string answer(int operation, int result) {
+        return "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=" +
+               std::to_string(operation) + " oid=41} rst{" +
+               (result == 0 ? "" : "result=" + std::to_string(result)) + "} src=2";
+    }
+};
+
+TEST_F(Netconf, SubscribesInTheLocalDatabase) {
+    EXPECT_EQ(lda_nc_mom_reg_subscribe(), 0);
+    EXPECT_EQ(fake::take_calls(), Lines{"qv_mom_subscribe db=3 p_app.lda_nc_policy"});
+    EXPECT_EQ(fake::mom_subscriber(3, type), lda_nc_msg_policy);
+    fake::fail("qv_mom_subscribe", 107);
+    EXPECT_EQ(lda_nc_mom_reg_subscribe(), 0);
+}
+
+TEST_F(Netconf, BadCallIsReported) {
+    qv_mom_msg message{1, 0, 3, nullptr};
+    EXPECT_EQ(lda_nc_msg_policy(nullptr, &message), -1);
+    EXPECT_EQ(lda_nc_msg_policy(fake::mom_client(), nullptr), -1);
+    EXPECT_EQ(
+        fake::take_calls(),
+        (Lines{error(callback, "global[(nil)] mom_msg[" + pointer(&message) + "]"),
+               error(callback, "global[" + pointer(fake::mom_client()) + "] mom_msg[(nil)]")}));
+}
+
+TEST_F(Netconf, ConfirmationIsLogged) {
+    log_everything();
+    EXPECT_EQ(fake::mom_message(3, type, 29, 0, nullptr), 0);
+    EXPECT_EQ(fake::take_calls(), (Lines{info(callback, "recv mom msg, cmd[29]"),
+                                         info(callback, "subscribe success")}));
+}
+
+TEST_F(Netconf, MessageWithoutARecordIsReported) {
+    EXPECT_EQ(fake::mom_message(3, type, 1, 0, nullptr), -1);
+    EXPECT_EQ(fake::take_calls(), Lines{error(callback, "value is null err!")});
+}
+
+TEST_F(Netconf, RequestWithoutARequesterIsReported) {
+    PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
+    record.loop_policy_cli = 2;
+    EXPECT_EQ(fake::mom_message(3, type, 1, 0, &record.base), -1);
+    PMng__UiOperate operate = P_MNG__UI_OPERATE__INIT;
+    record.rst = &operate;
+    EXPECT_EQ(fake::mom_message(3, type, 1, 0, &record.base), -1);
+    EXPECT_EQ(fake::take_calls(), (Lines{error(callback, "value is null err!"),
+                                         error(callback, "value is null err!")}));
+    EXPECT_EQ(lda_loop_detect_ptype_get(), 0u);
+}
+
+TEST_F(Netconf, SetRequestsApplyThePolicyAndAreAnswered) {
+    uint32_t policy = 1;
+    for (int operation : {2, 5, 6}) {
+        SCOPED_TRACE(operation);
+        EXPECT_EQ(request(policy, operation), 0);
+        EXPECT_EQ(lda_loop_detect_ptype_get(), policy);
+        EXPECT_EQ(
+            fake::take_calls(),
+            (Lines{"qv_mom_set db=22 p_app.lda_nc_policy loop_policy_cli=" + std::to_string(policy),
+                   "cli_client_c2p_reform", "cli_syn_config_notify", answer(operation, 0)}));
+        policy++;
+    }
+}
+
+TEST_F(Netconf, DeleteRequestsApplyTheCarriedPolicyToo) {
+    uint32_t policy = 3;
+    for (int operation : {3, 4}) {
+        SCOPED_TRACE(operation);
+        EXPECT_EQ(request(policy, operation), 0);
+        EXPECT_EQ(lda_loop_detect_ptype_get(), policy);
+        EXPECT_EQ(
+            fake::take_calls(),
+            (Lines{"qv_mom_set db=22 p_app.lda_nc_policy loop_policy_cli=" + std::to_string(policy),
+                   "cli_client_c2p_reform", "cli_syn_config_notify", answer(operation, 0)}));
+        policy--;
+    }
+}
+
+TEST_F(Netconf, SetRequestLogsItsWay) {
+    log_everything();
+    request(2, 2);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info(callback, "recv mom msg, cmd[1]"), info(callback, "loop_policy_cli[2]"),
+                     info("lda_server_nc_set_loop_policy_cli", "enter"),
+                     "qv_mom_set db=22 p_app.lda_nc_policy loop_policy_cli=2",
+                     info("lda_cli_cmd_send",
+                          "+++The number of cli_msg is 1, send cond signal[2,0,2,0]."),
+                     info("lda_cli_policy_set", "old_type=0, new_type=2, msg_type=5"),
+                     "cli_client_c2p_reform", "cli_syn_config_notify", answer(2, 0)}));
+}
+
+TEST_F(Netconf, DeleteRequestLogsItsWay) {
+    log_everything();
+    request(0, 4);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info(callback, "recv mom msg, cmd[1]"), info(callback, "loop_policy_cli[0]"),
+                     info("lda_server_nc_del_loop_policy_cli", "enter"),
+                     "qv_mom_set db=22 p_app.lda_nc_policy", "cli_client_c2p_reform",
+                     "cli_syn_config_notify", answer(4, 0)}));
+}
+
+TEST_F(Netconf, OtherOperationsAreRefused) {
+    for (int operation : {1, 7, -3}) {
+        SCOPED_TRACE(operation);
+        EXPECT_EQ(request(2, operation), 0);
+        EXPECT_EQ(fake::take_calls(),
+                  (Lines{error(callback, "wrong rst index type " + std::to_string(operation)),
+                         answer(operation, 1)}));
+        EXPECT_EQ(lda_loop_detect_ptype_get(), 0u);
+    }
+    EXPECT_EQ(take_posted(), Lines{});
+}
+
+TEST_F(Netconf, PolicyThatIsRejectedIsAnsweredAsDone) {
+    EXPECT_EQ(request(6, 2), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{error("lda_cli_policy_set", "para wrong type(6)"), "cli_client_c2p_reform",
+                     "cli_syn_config_notify", answer(2, 0)}));
+}
+
+TEST_F(Netconf, FailedAnswerIsReported) {
+    fake::fail("qv_mom_publish", 107);
+    EXPECT_EQ(request(2, 1), 0);
+    EXPECT_EQ(fake::take_calls(), (Lines{error(callback, "wrong rst index type 1"), answer(1, 1),
+                                         error("send_mom_publish_result", "mom publish err")}));
+}
+
+// ---- Notifications ----
+
+class Notification : public StartedAgent {
+ protected:
+    static lda_notify_t record() {
+        lda_notify_t result{};
+        result.notify_type = 1;
+        strcpy(result.name, "swp7");
+        result.ifx = 7;
+        return result;
+    }
+};
+
+TEST_F(Notification, RecordFieldsAreInOrder) {
+    EXPECT_EQ(offsetof(lda_notify_t, notify_type), 0u);
+    EXPECT_EQ(offsetof(lda_notify_t, vid), 4u);
+    EXPECT_EQ(offsetof(lda_notify_t, name), 8u);
+    EXPECT_EQ(offsetof(lda_notify_t, ifx), 72u);
+    EXPECT_EQ(offsetof(lda_notify_t, policy), 76u);
+    EXPECT_EQ(offsetof(lda_notify_t, src_port), 80u);
+}
+
+TEST_F(Notification, FourLeavesInOneCall) {
+    lda_notify_t notify = record();
+    notify.vid = 5;
+    notify.policy = 1;
+    notify.src_port = 1;
+    log_everything();
+    EXPECT_EQ(lda_send_info_ntf(&notify), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{"nc_lib_notification_send "
+                     "[/qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+                     "notify-entry[name='swp7']/notify-type 20 1] "
+                     "[/qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+                     "notify-entry[name='swp7']/vid 20 5] "
+                     "[/qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+                     "notify-entry[name='swp7']/policy 20 1] "
+                     "[/qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+                     "notify-entry[name='swp7']/src-port 8 1]",
+                     info("lda_send_info_ntf",
+                          "send loop-detect state, name[swp7] notify_type[1] "
+                          "vid[5] policy[1] src-port[1]")}));
+}
+
+TEST_F(Notification, FailureIsReportedAndNotRetried) {
+    fake::fail("nc_lib_notification_send", 3);
+    lda_notify_t notify = record();
+    EXPECT_EQ(lda_send_info_ntf(&notify), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{notification("swp7", 1, 0, 0),
+                     error("lda_send_info_ntf", "send loop-detect state ERR")}));
+}
+
+TEST_F(Notification, LoopOnATrunkPortSendsNoPolicyAndNoSource) {
+    add(7, 2);
+    lda_loop_detect_ptype_set(4);
+    lda_loop_result_set(0, 1, 7);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{notification("swp7", 1, 0, 0), entry_set("swp7", 0, 0), detected("swp7")}));
+}
+
+TEST_F(Notification, EndOfALoopCarriesThePolicyOfThatMoment) {
+    looped(7, 1, 1);
+    lda_loop_result_set(0, 0, 7);
+    lda_loop_detect_ptype_set(2);
+    fake::clear_calls();
+    fake::fire(lda_intf_loop_clear);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{notification("swp7", 2, 1, 1), entry_del("swp7"), recovered("swp7")}));
+}
+
+TEST_F(Notification, InterfaceIndexIsNotSent) {
+    lda_notify_t notify = record();
+    notify.ifx = 4711;
+    lda_send_info_ntf(&notify);
+    EXPECT_EQ(fake::take_calls(), Lines{notification("swp7", 1, 0, 0)});
+}
+
+}  // namespace

@@ -1,0 +1,273 @@
+// Shutdown and recovery of ports: the request side and the executors.
+#include "lda_cli_exec.h"
+#include "lda_lsm.h"
+#include "tests/unit/app/loop_fixture.h"
+
+using namespace loop_test;
+
+namespace {
+
+class Shutdown : public StartedAgent {
+ protected:
+    // Lines as they are executed on port 7 in the first session.
+    static const std::string shut, recovery, no_shut, apply;
+};
+const std::string Shutdown::shut = executed(1001, "shutdown \r\n", 7);
+const std::string Shutdown::recovery = executed(1001, "errdisable recovery \r\n", 7);
+const std::string Shutdown::no_shut = executed(1001, "no shutdown  \r\n", 7);
+const std::string Shutdown::apply = executed(1001, "loop-detect apply shutdown-port \r\n", 7);
+
+// ---- Requests ----
+
+TEST_F(Shutdown, RequestRegeneratesTheConfigurationBeforeItPosts) {
+    lda_intf_t* record = add(7);
+    log_everything();
+    lda_send_shutcmd(7, 1, record);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info("lda_send_shutcmd", "enter ifx=7, shutdown=1"), "cli_client_c2p_reform",
+                     "cli_syn_config_notify",
+                     info("lda_cli_cmd_send",
+                          "+++The number of cli_msg is 1, send cond signal[2,7,0,1].")}));
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7 shutdown=1"});
+    EXPECT_EQ(record->clear_timer, nullptr);
+    EXPECT_EQ(record->is_shutdown, 0);
+}
+
+TEST_F(Shutdown, RecoveryRequestArmsTheClearTimerAfterThePost) {
+    lda_intf_t* record = add(7);
+    log_everything();
+    lda_send_shutcmd(7, 0, record);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info("lda_send_shutcmd", "enter ifx=7, shutdown=0"), "cli_client_c2p_reform",
+                     "cli_syn_config_notify",
+                     info("lda_cli_cmd_send",
+                          "+++The number of cli_msg is 1, send cond signal[2,7,0,0]."),
+                     "qv_thread_add_timer 60"}));
+    EXPECT_NE(record->clear_timer, nullptr);
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
+}
+
+TEST_F(Shutdown, RecoveryRequestWithoutARecordArmsNoTimer) {
+    lda_send_shutcmd(7, 0, nullptr);
+    EXPECT_EQ(fake::take_calls(), (Lines{"cli_client_c2p_reform", "cli_syn_config_notify"}));
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
+}
+
+TEST_F(Shutdown, RecoveryRequestOfALoopingPortArmsNoTimer) {
+    lda_intf_t* record = looped(7, 1, 2);
+    lda_send_shutcmd(7, 0, record);
+    EXPECT_EQ(fake::take_calls(), (Lines{"cli_client_c2p_reform", "cli_syn_config_notify"}));
+}
+
+TEST_F(Shutdown, LostRequestStillArmsTheClearTimer) {
+    lda_intf_t* record = add(7);
+    fake::fail_calloc(1);
+    lda_send_shutcmd(7, 0, record);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{"cli_client_c2p_reform", "cli_syn_config_notify",
+                     error("lda_cli_cmd_send", "LDA malloc lda_cli_msg_t node error."),
+                     "qv_thread_add_timer 60"}));
+    EXPECT_EQ(take_posted(), Lines{});
+}
+
+TEST_F(Shutdown, MarkingAnUnknownPortPutsItOnThePendingList) {
+    EXPECT_EQ(lda_cli_intf_shutdown_by_lda_cmd(7, 1), -1);
+    EXPECT_EQ(lda_back_node_lookup(7), 1);
+    EXPECT_EQ(lda_cli_intf_shutdown_by_lda_cmd(7, 0), -1);
+    EXPECT_EQ(lda_back_node_lookup(7), 0);
+    EXPECT_EQ(fake::take_calls(), Lines{});
+}
+
+TEST_F(Shutdown, MarkingAPortThatIsMarkedChangesNothing) {
+    lda_intf_t* record = add(7);
+    record->is_shutdown = 1;
+    lda_loop_detect_ptype_set(2);
+    EXPECT_EQ(lda_cli_intf_shutdown_by_lda_cmd(7, 1), 0);
+    EXPECT_EQ(fake::take_calls(), Lines{});
+    EXPECT_EQ(take_posted(), Lines{});
+    EXPECT_EQ(record->is_shutdown, 1);
+}
+
+TEST_F(Shutdown, MarkingAPortResetsItsTicks) {
+    lda_intf_t* record = add(7);
+    record->recover_ticks = 12;
+    lda_loop_detect_ptype_set(2);
+    EXPECT_EQ(lda_cli_intf_shutdown_by_lda_cmd(7, 1), 0);
+    EXPECT_EQ(record->is_shutdown, 1);
+    EXPECT_EQ(record->recover_ticks, 0u);
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7 shutdown=1"});
+}
+
+TEST_F(Shutdown, MarkingAPortWhileDetectionIsDisabledReleasesIt) {
+    lda_intf_t* record = add(7);
+    record->is_shutdown = 1;
+    log_everything();
+    EXPECT_EQ(lda_cli_intf_shutdown_by_lda_cmd(7, 1), 0);
+    EXPECT_EQ(fake::calls()[0],
+              info("lda_intf_ret_proc", "global is disable, but shutdown, change to noshut\n"));
+    EXPECT_EQ(record->is_shutdown, 0);
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
+}
+
+// ---- Executors ----
+
+TEST_F(Shutdown, ShuttingDownExecutesOneLine) {
+    log_everything();
+    EXPECT_EQ(cli_exec_shutdown(7, 1), 0);
+    EXPECT_EQ(
+        fake::take_calls(),
+        (Lines{info("cli_exec_shutdown", "enter ifx=7, is_shutdown=1"), "cli_sub_create_session",
+               shut, info("lda_loop_cmd_execute", "ifx 7 cmd shutdown \r\n out ret=0 "),
+               "close session 1001"}));
+}
+
+TEST_F(Shutdown, ResultOfTheShutLineIsNotExamined) {
+    lda_intf_t* record = add(7);
+    record->is_shutdown = 1;
+    fake::on_line("shutdown \r\n", "% refused", -1);
+    EXPECT_EQ(cli_exec_shutdown(7, 1), 0);
+    EXPECT_EQ(
+        fake::take_calls(),
+        (Lines{"cli_sub_create_session", shut,
+               error("lda_loop_cmd_execute", "cli_execute_cmd_buf fail:cmd=shutdown \r\n, ret=-1"),
+               "close session 1001"}));
+    EXPECT_EQ(record->is_shutdown, 1);
+}
+
+TEST_F(Shutdown, RecoveryExecutesTwoLinesInOrder) {
+    log_everything();
+    EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
+    EXPECT_EQ(
+        fake::take_calls(),
+        (Lines{info("cli_exec_shutdown", "enter ifx=7, is_shutdown=0"), "cli_sub_create_session",
+               recovery,
+               info("lda_loop_cmd_execute", "ifx 7 cmd errdisable recovery \r\n out ret=0 "),
+               no_shut, info("lda_loop_cmd_execute", "ifx 7 cmd no shutdown  \r\n out ret=0 "),
+               "close session 1001"}));
+}
+
+TEST_F(Shutdown, RecoveryGoesOnWhenItsFirstLineFails) {
+    lda_intf_t* record = add(7);
+    for (const char* output : {"", "% not in errdisable"}) {
+        fake::on_line("errdisable recovery \r\n", output, -1);
+        EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
+        EXPECT_EQ(record->is_shutdown, 0);
+    }
+    EXPECT_EQ(fake::count("cli_execute_cmd_buf_fd"), 4);
+    EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform"}), Lines{});
+}
+
+TEST_F(Shutdown, RefusedRecoveryMarksThePortAgain) {
+    lda_intf_t* record = add(7);
+    fake::on_line("no shutdown  \r\n", "% link error", 0);
+    log_everything();
+    EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
+    EXPECT_EQ(
+        fake::take_calls(),
+        (Lines{info("cli_exec_shutdown", "enter ifx=7, is_shutdown=0"), "cli_sub_create_session",
+               recovery,
+               info("lda_loop_cmd_execute", "ifx 7 cmd errdisable recovery \r\n out ret=0 "),
+               no_shut,
+               info("lda_loop_cmd_execute", "ifx 7 cmd no shutdown  \r\n out ret=2 % link error"),
+               info("cli_exec_shutdown", "EXECUTE THE NOT SHUT FAILED, IFX=7"),
+               info("cli_exec_shutdown", "revert no shtudown, force notify"),
+               "cli_client_c2p_reform", "cli_syn_config_notify", "close session 1001"}));
+    EXPECT_EQ(record->is_shutdown, 1);
+    EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
+}
+
+TEST_F(Shutdown, RefusedRecoveryTakesTheLoopLockForTheMark) {
+    add(7);
+    fake::on_line("no shutdown  \r\n", "%", 0);
+    bool held = false;
+    fake::on_call("cli_client_c2p_reform", [&] { held = !free_for_others(&g_lda_loop_set->lock); });
+    cli_exec_shutdown(7, 0);
+    EXPECT_TRUE(held);
+}
+
+TEST_F(Shutdown, RefusedRecoveryOfADeletedPortIsOnlyLogged) {
+    fake::on_line("no shutdown  \r\n", "%", 0);
+    log_everything();
+    EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
+    Lines calls = fake::take_calls();
+    ASSERT_GE(calls.size(), 2u);
+    EXPECT_EQ(calls[calls.size() - 2],
+              info("cli_exec_shutdown", "EXECUTE THE NOT SHUT FAILED, IFX=7"));
+    EXPECT_EQ(calls.back(), "close session 1001");
+}
+
+TEST_F(Shutdown, RefusalOfAPortThatIsDeletedMeanwhileIsOnlyLogged) {
+    add(7);
+    fake::on_line("no shutdown  \r\n", "%", 0);
+    fake::on_call("cli_execute_cmd_buf_fd", [] { lda_del_intf(7); });
+    EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
+    EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform"}), Lines{});
+}
+
+TEST_F(Shutdown, FailedRecoveryLeavesTheMarkAlone) {
+    lda_intf_t* record = add(7);
+    fake::on_line("no shutdown  \r\n", "", -4);
+    EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{"cli_sub_create_session", recovery, no_shut,
+                     error("lda_loop_cmd_execute",
+                           "cli_execute_cmd_buf fail:cmd=no shutdown  \r\n, ret=-4"),
+                     "close session 1001"}));
+    EXPECT_EQ(record->is_shutdown, 0);
+}
+
+TEST_F(Shutdown, WithoutASessionNothingIsExecuted) {
+    lda_intf_t* record = add(7);
+    fake::fail("cli_sub_create_session", -9);
+    EXPECT_EQ(cli_exec_shutdown(7, 0), -1);
+    EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 1), -1);
+    EXPECT_EQ(
+        fake::take_calls(),
+        (Lines{"cli_sub_create_session",
+               error("cli_exec_shutdown", "LDA cli_sub_create_session fail, fd=-9"),
+               "cli_sub_create_session",
+               error("cli_exec_loop_apply_shutdown", "LDA cli_sub_create_session fail, fd=-9")}));
+    EXPECT_EQ(record->is_shutdown, 0);
+}
+
+TEST_F(Shutdown, ApplyLineIsExecutedWithAndWithoutNo) {
+    log_everything();
+    EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 1), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info("cli_exec_loop_apply_shutdown", "enter ifx=7, is_shutdown=1"),
+                     "cli_sub_create_session", apply,
+                     info("lda_loop_cmd_execute",
+                          "ifx 7 cmd loop-detect apply shutdown-port \r\n out ret=0 "),
+                     "close session 1001"}));
+    EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 0), 0);
+    EXPECT_EQ(fake::calls_of({"cli_execute_cmd_buf_fd"}),
+              Lines{executed(1002, "no loop-detect apply shutdown-port \r\n", 7)});
+}
+
+TEST_F(Shutdown, ResultOfTheApplyLineIsNotExamined) {
+    fake::on_line("loop-detect apply shutdown-port \r\n", "%", -1);
+    EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 1), 0);
+    EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform", "close"}), Lines{"close session 1001"});
+}
+
+// A refused recovery is tried again by the ticks, after the whole recovery time.
+TEST_F(Shutdown, RefusedRecoveryIsScheduledByTheTickAgain) {
+    lda_intf_t* record = add(7);
+    record->is_shutdown = 1;
+    lda_cli_recover_time_set(90, 1);
+    auto ticks = [](int number) {
+        for (int i = 0; i < number; i++)
+            fake::fire(lda_intf_shutdown_timer_call);
+    };
+    ticks(9);
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
+    fake::on_line("no shutdown  \r\n", "%", 0);
+    cli_exec_shutdown(7, 0);
+    EXPECT_EQ(record->is_shutdown, 1);
+    ticks(8);
+    EXPECT_EQ(take_posted(), Lines{});
+    ticks(1);
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
+}
+
+}  // namespace
