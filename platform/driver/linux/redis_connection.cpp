@@ -10,7 +10,7 @@ namespace qv {
 namespace {
 
 // Records are small; a message beyond this is somebody's mistake and must not eat the memory.
-constexpr size_t kInputLimit_bytes = size_t{32} << 20;
+constexpr size_t kInputLimit_bytes = size_t{8} << 20;
 
 }  // namespace
 
@@ -33,6 +33,7 @@ RedisConnection::~RedisConnection() {
     if (redisAsyncContext* const context = std::exchange(context_, nullptr)) {
         context->data = nullptr;
         context->ev = {};
+        detach();  // before the descriptor is closed
         redisAsyncFree(context);
     }
 }

@@ -1,6 +1,7 @@
 // The object store in a Redis server, laid out as docs/object-database.md says. Each client holds
 // two connections, one for commands and one for subscriptions, and comes back by itself after a
-// loss: after 100 ms at first, then twice as long each time, up to 5 s. Loop thread only.
+// loss: after 100 ms at first, then twice as long each time, up to 5 s. Loop thread only. The
+// process must ignore SIGPIPE.
 #pragma once
 
 #include <memory>

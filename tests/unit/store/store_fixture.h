@@ -73,6 +73,7 @@ class World {
     virtual void notify(uint32_t db, const std::string& type, const std::string& notice) = 0;
     virtual Lines get(uint32_t db, const std::string& key) = 0;  // empty: no such key
     virtual Lines keys(uint32_t db) = 0;                         // ascending
+    virtual qv::test::RedisServer* server() { return nullptr; }  // null for the memory store
 };
 
 class Store : public testing::TestWithParam<std::string_view> {

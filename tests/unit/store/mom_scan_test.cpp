@@ -1,0 +1,119 @@
+// Scans beside notices, in orders that only a distant store produces. The store is played by the
+// test, report by report.
+#include "tests/unit/store/store_fixture.h"
+
+#include "platform/client/mom_key.h"
+
+namespace store_test {
+namespace {
+
+using namespace std::string_literals;
+
+// Accepts everything and reports nothing by itself.
+class ScriptedStore final : public qv::StoreDriver {
+ public:
+    std::unique_ptr<qv::StoreClient> connect(qv::StoreListener& heard_by) override {
+        listener = &heard_by;
+        return std::make_unique<Client>(*this);
+    }
+
+    void notice(const std::string& text) const { listener->notice(subscription, bytes_of(text)); }
+    void scanned(const std::string& key, const std::string& record) const {
+        listener->scanned(scan, key, bytes_of(record));
+    }
+
+    qv::StoreListener* listener = nullptr;
+    uint64_t subscription = 0;
+    uint64_t scan = 0;
+
+ private:
+    static qv::Bytes bytes_of(const std::string& text) {
+        return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
+    }
+
+    struct Client final : qv::StoreClient {
+        explicit Client(ScriptedStore& owner) : store(owner) {}
+        void open(uint32_t db) override { store.listener->session_up(db); }
+        bool up(uint32_t) const override { return true; }
+        bool set(uint32_t, std::string_view, std::string_view, qv::Bytes) override { return true; }
+        bool erase(uint32_t, std::string_view, std::string_view, qv::Bytes) override {
+            return true;
+        }
+        bool erase_matching(uint32_t, std::string_view, std::string_view) override { return true; }
+        bool publish(uint32_t, std::string_view, qv::Bytes) override { return true; }
+        bool subscribe(uint32_t, std::string_view, uint64_t number) override {
+            store.subscription = number;
+            return true;
+        }
+        bool scan(uint32_t, std::string_view, uint64_t number) override {
+            store.scan = number;
+            return true;
+        }
+        ScriptedStore& store;
+    };
+};
+
+class MomScan : public testing::Test {
+ protected:
+    MomScan() {
+        g_heard.clear();
+        master = qv_thread_master_create();
+        platform.store_in_use = &store;
+        client = qv_mom_client_init("TEST", master, nullptr);
+        qv_mom_client_connect(client, 4, nullptr, nullptr);
+        qv_mom_subscribe(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
+        qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
+    }
+    ~MomScan() override { qv_thread_master_finish(master); }
+
+    qv::test::TestPlatform platform;
+    ScriptedStore store;
+    qv_thread_master* master;
+    qv_mom_client* client;
+};
+
+TEST_F(MomScan, NoticeOvertakesTheScannedRecord) {
+    store.notice("\0"s + LoopInfo(7, 1, 0, 7).packed());
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
+    store.scanned("p_bridge.tarn_loop_info/ifx=8", LoopInfo(8, 1, 1, 8).packed());
+    EXPECT_EQ(g_heard, (Lines{"1/0/4 ifx=7 vid=1 loop=0 src=7", "1/0/4 ifx=8 vid=1 loop=1 src=8"}));
+}
+
+TEST_F(MomScan, DeletedRecordDoesNotComeBack) {
+    store.notice("\1"s + LoopInfo(7, 0, 0, 0).packed());
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
+    EXPECT_EQ(g_heard, Lines{"1/1/4 ifx=7 vid=0 loop=0 src=0"});
+}
+
+TEST_F(MomScan, PublishedRecordTakesNoPlaceInTheStore) {
+    store.notice("\2"s + LoopInfo(7, 1, 0, 7).packed());
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
+    EXPECT_EQ(g_heard, (Lines{"1/2/4 ifx=7 vid=1 loop=0 src=7", "1/0/4 ifx=7 vid=1 loop=1 src=7"}));
+}
+
+TEST_F(MomScan, LaterScanDeliversTheKeyAgain) {
+    store.notice("\0"s + LoopInfo(7, 1, 0, 7).packed());
+    store.listener->scan_done(store.scan);
+    g_heard.clear();
+    qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 0, 7).packed());
+    EXPECT_EQ(g_heard, Lines{"1/0/4 ifx=7 vid=1 loop=0 src=7"});
+}
+
+TEST_F(MomScan, LossEndsTheScan) {
+    store.listener->session_down(4);
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
+    EXPECT_EQ(g_heard, Lines{});
+}
+
+TEST_F(MomScan, ReportsForNumbersNobodyKnowsAreIgnored) {
+    store.listener->subscribed(99);
+    store.listener->scan_done(99);
+    store.listener->scanned(99, "p_bridge.tarn_loop_info/ifx=7", {});
+    store.listener->notice(99, {});
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
+}  // namespace
+}  // namespace store_test
