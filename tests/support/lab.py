@@ -117,7 +117,7 @@ class Lab:
 
     def add_port(self, name):
         """A veth pair: `name` in the bridge, its peer `name`-far beside it."""
-        self.ip("link", "add", name, "type", "veth", "peer", f"{name}-far")
+        self.ip("link", "add", "name", name, "type", "veth", "peer", "name", f"{name}-far")
         self.ip("link", "set", f"{name}-far", "up")
         self.ip("link", "set", name, "master", "br0", "up")
 

@@ -15,7 +15,7 @@ def _kernel_ports_reason():
     if os.geteuid() != 0:
         return "needs root for network namespaces"
     probe = subprocess.run(
-        ["unshare", "--net", "sh", "-c", "ip link add b type bridge && ip link add v type veth"],
+        ["unshare", "--net", "sh", "-c", "ip link add br0 type bridge && ip link add test0 type veth peer name test1"],
         capture_output=True, text=True, check=False)
     return None if probe.returncode == 0 else f"kernel ports: {probe.stderr.strip()}"
 
