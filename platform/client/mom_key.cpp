@@ -103,8 +103,10 @@ std::optional<std::string> key_text(const ProtobufCMessage& record, WriteValue w
         if (!value) {
             return std::nullopt;
         }
-        key += (n == 0 ? "" : ",") + std::string(type.fields[n].name) + "=" +
-               write(type.fields[n], *value);
+        key += n == 0 ? "" : ",";
+        key += type.fields[n].name;
+        key += '=';
+        key += write(type.fields[n], *value);
     }
     return key;
 }
