@@ -418,6 +418,19 @@ TEST_F(Delivery, BurstOfTenThousandMessagesIsWorkedOffInOrder) {
         ASSERT_EQ(lines[ifx - 1], executed(static_cast<int>(1000 + ifx), "shutdown \r\n", ifx));
 }
 
+TEST_F(Delivery, MessageAboutADeletedPortIsExecutedAllTheSame) {
+    lda_intf_t* record = add(7);
+    record->is_shutdown = 1;
+    post(message(2, 2, 7, 0));
+    lda_del_intf(7);
+    fake::on_line("no shutdown  \r\n", "% no such interface", 0);
+    fake::start_threads();
+    drained();
+    EXPECT_EQ(lines_executed(), (Lines{executed(1001, "errdisable recovery \r\n", 7),
+                                       executed(1001, "no shutdown  \r\n", 7)}));
+    EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform"}), Lines{});
+}
+
 TEST_F(Delivery, SessionThatCannotBeOpenedDropsOnlyItsMessage) {
     start_thread();
     fake::fail_nth("cli_sub_create_session", 1, -5);

@@ -7,6 +7,14 @@
 
 using namespace loop_test;
 
+// Removal of a port's storm rule, which the linker redirects: the answer is the test's.
+int removal_result = 0;
+int real_storm_removal(uint32_t phyid) __asm__("__real__Z22storm_del_storm_detectj");
+int wrap_storm_removal(uint32_t phyid) __asm__("__wrap__Z22storm_del_storm_detectj");
+int wrap_storm_removal(uint32_t phyid) {
+    return removal_result != 0 ? removal_result : real_storm_removal(phyid);
+}
+
 namespace {
 
 class LsmGroup : public StartedAgent {
@@ -257,8 +265,10 @@ TEST_F(LsmGroup, VslPortLosesRecordRuleAndSettingsWhileDetectionIsActive) {
     storm_set(7, true);
     storm_set_burst_limit(7, 500, 0, true);
     fake::clear_calls();
-    g_lda_loop_set->policy = 1;
+    log_everything();
     layer(0, 7, 0x400);
+    EXPECT_EQ(fake::calls().back(),
+              info("lda_lsm_layer_inline_handle", "vsl port 7, del storm detect done."));
     EXPECT_TRUE(records().empty());
     EXPECT_EQ(fake::calls_of({"libddm_get_phyid_by_ifx"}), Lines{"libddm_get_phyid_by_ifx 7"});
     EXPECT_EQ(storm_port_num, 0u);
@@ -318,6 +328,25 @@ TEST_F(LsmGroup, VslPortWithoutAForwardingPlaneIdIsReported) {
                      "libddm_get_phyid_by_ifx 7",
                      error("lda_lsm_layer_inline_handle", "ifx (7) convert is failed")}));
     EXPECT_TRUE(records().empty());
+    EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
+}
+
+TEST_F(LsmGroup, VslPortWhoseRuleStaysKeepsItsStormSettings) {
+    add(7);
+    cli_ready = 1;
+    lda_loop_detect_ptype_set(1);
+    storm_set_burst_limit(7, 500, 0, true);
+    fake::clear_calls();
+    removal_result = -1;
+    layer(0, 7, 0x400);
+    EXPECT_EQ(
+        fake::take_calls(),
+        (Lines{warn("lda_lsm_layer_inline_handle", "GET vsl information: create vsl"),
+               warn("lda_vsl_convert_proc", "VSL convert proc: ifx is 7 , vsl stats is 1"),
+               "libddm_get_phyid_by_ifx 7",
+               error("lda_lsm_layer_inline_handle", "del storm detect failed. phyid = 107")}));
+    EXPECT_TRUE(records().empty());
+    EXPECT_NE(storm_find_rate(7), nullptr);
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
