@@ -93,7 +93,8 @@ std::optional<std::string> key_text(const ProtobufCMessage& record, WriteValue w
     if (field->type != PROTOBUF_C_TYPE_MESSAGE || field->label == PROTOBUF_C_LABEL_REPEATED) {
         return std::nullopt;
     }
-    const auto* const index = member<const ProtobufCMessage*>(record, field->offset);
+    const auto* const index =
+        static_cast<const ProtobufCMessage*>(member<const void*>(record, field->offset));
     if (index == nullptr) {
         return std::nullopt;
     }

@@ -65,7 +65,8 @@ std::unique_ptr<redisReply, decltype(&freeReplyObject)> call(
 }  // namespace
 
 bool RedisServer::installed() {
-    std::istringstream path(std::getenv("PATH"));
+    const char* const folders = std::getenv("PATH");
+    std::istringstream path(folders != nullptr ? folders : "");
     for (std::string folder; std::getline(path, folder, ':');) {
         if (access((folder + "/redis-server").c_str(), X_OK) == 0) {
             return true;

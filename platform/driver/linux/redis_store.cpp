@@ -83,7 +83,7 @@ class RedisClient final : public StoreClient {
  private:
     enum class Kind { kSet, kErase, kEraseMatching, kPublish };
 
-    // The callbacks of hiredis get a pointer to one of the following.
+    // The callbacks of hiredis get a pointer to one of these as their context.
     struct Database {
         RedisClient* client;
         uint32_t number;
@@ -126,12 +126,12 @@ class RedisClient final : public StoreClient {
     void fail_later(const std::string& reason);
     void lose(const std::string& reason);
 
-    static void on_pong(redisAsyncContext*, void* reply, void* client);
-    static void on_selected(redisAsyncContext*, void* reply, void* database);
-    static void on_written(redisAsyncContext*, void* reply, void* write);
-    static void on_message(redisAsyncContext*, void* reply, void* topic);
-    static void on_page(redisAsyncContext*, void* reply, void* scan);
-    static void on_values(redisAsyncContext*, void* reply, void* scan);
+    static void on_pong(redisAsyncContext*, void* reply, void* context);
+    static void on_selected(redisAsyncContext*, void* reply, void* context);
+    static void on_written(redisAsyncContext*, void* reply, void* context);
+    static void on_message(redisAsyncContext*, void* reply, void* context);
+    static void on_page(redisAsyncContext*, void* reply, void* context);
+    static void on_values(redisAsyncContext*, void* reply, void* context);
 
     EventLoop& loop_;
     const std::string socket_;
@@ -169,11 +169,11 @@ void RedisClient::connect() {
 }
 
 // A server that is still loading its file accepts connections but refuses this.
-void RedisClient::on_pong(redisAsyncContext* /*context*/, void* reply, void* client) {
+void RedisClient::on_pong(redisAsyncContext* /*connection*/, void* reply, void* context) {
     if (reply == nullptr) {
         return;
     }
-    auto* const self = static_cast<RedisClient*>(client);
+    auto* const self = static_cast<RedisClient*>(context);
     const auto& answer = *static_cast<const redisReply*>(reply);
     if (answer.type == REDIS_REPLY_ERROR) {
         self->fail_later(std::string(text_of(answer)));
@@ -198,7 +198,7 @@ void RedisClient::select(Database& database) {
     commands_->send({"SELECT", std::to_string(database.number)}, on_selected, &database);
 }
 
-void RedisClient::on_selected(redisAsyncContext* /*context*/, void* reply, void* context) {
+void RedisClient::on_selected(redisAsyncContext* /*connection*/, void* reply, void* context) {
     if (reply == nullptr) {
         return;
     }
@@ -312,7 +312,7 @@ void RedisClient::send(Write& write) {
     }
 }
 
-void RedisClient::on_written(redisAsyncContext* /*context*/, void* reply, void* context) {
+void RedisClient::on_written(redisAsyncContext* /*connection*/, void* reply, void* context) {
     if (reply == nullptr) {
         return;  // not confirmed: kept for the next connection
     }
@@ -354,7 +354,7 @@ bool RedisClient::subscribe(uint32_t db, std::string_view type, uint64_t subscri
 }
 
 // The server sends "subscribe" or "message", the channel, and the count or the payload.
-void RedisClient::on_message(redisAsyncContext* /*context*/, void* reply, void* context) {
+void RedisClient::on_message(redisAsyncContext* /*connection*/, void* reply, void* context) {
     const auto* const message = static_cast<const redisReply*>(reply);
     if (message == nullptr || message->type != REDIS_REPLY_ARRAY || message->elements != 3) {
         return;
@@ -383,7 +383,7 @@ void RedisClient::next_page(Scan& scan) {
                     &scan);
 }
 
-void RedisClient::on_page(redisAsyncContext* /*context*/, void* reply, void* context) {
+void RedisClient::on_page(redisAsyncContext* /*connection*/, void* reply, void* context) {
     if (reply != nullptr) {
         auto& scan = *static_cast<Scan*>(context);
         scan.client->page_found(scan, *static_cast<const redisReply*>(reply));
@@ -411,7 +411,7 @@ void RedisClient::page_found(Scan& scan, const redisReply& reply) {
     commands_->send(words.size(), words.data(), on_values, &scan);
 }
 
-void RedisClient::on_values(redisAsyncContext* /*context*/, void* reply, void* context) {
+void RedisClient::on_values(redisAsyncContext* /*connection*/, void* reply, void* context) {
     if (reply != nullptr) {
         auto& scan = *static_cast<Scan*>(context);
         scan.client->values_found(scan, *static_cast<const redisReply*>(reply));
