@@ -37,6 +37,6 @@ void run_for(EventLoop& loop, ManualClock& clock, Duration step);
 
 // Runs a loop on the real clock until `done`, for at most `limit`. The result is that of `done`.
 bool run_until(EventLoop& loop, const std::function<bool()>& done,
-               Duration limit = std::chrono::seconds(10));
+               Duration limit = std::chrono::seconds(60));
 
 }  // namespace qv::test

@@ -21,7 +21,7 @@ constexpr Duration kFirstBackoff = 100ms;
 constexpr Duration kLongestBackoff = 5s;
 
 // Writes that wait for the server. Beyond this it is taken for gone.
-constexpr size_t kUnconfirmedLimit_bytes = size_t{16} << 20;
+constexpr size_t kUnconfirmedLimit_bytes = size_t{8} << 20;
 
 constexpr std::string_view kScanPage = "256";
 
