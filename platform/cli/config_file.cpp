@@ -131,7 +131,7 @@ std::string write_config_file(const std::string& path, std::string_view text) {
     }
     if (!write_all(fd.get(), text) || ::fsync(fd.get()) != 0 || fd.reset() != 0 ||
         ::rename(fresh.c_str(), path.c_str()) != 0) {
-        const std::string reason = std::strerror(errno);
+        std::string reason = std::strerror(errno);
         ::unlink(fresh.c_str());
         return reason;
     }

@@ -111,7 +111,7 @@ std::string ConfigKeeper::text_to_save() {
 }
 
 std::string ConfigKeeper::write(const std::string& text) {
-    const std::string trouble = write_config_file(path_, text);
+    std::string trouble = write_config_file(path_, text);
     if (trouble.empty()) {
         saved_text_ = text;
         file_unreadable_ = false;

@@ -1,7 +1,6 @@
 #include "platform/cli/engine.h"
 
 #include <algorithm>
-#include <cstdarg>
 #include <cstdio>
 #include <cstring>
 
@@ -253,6 +252,19 @@ bool privileged() {
     return !g_running || g_running->session->privileged;
 }
 
+std::string formatted(const char* format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    const int size = std::vsnprintf(nullptr, 0, format, arguments);
+    std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
+    if (size > 0) {
+        // The terminator goes where the string keeps its own.
+        std::vsnprintf(text.data(), text.size() + 1, format, again);
+    }
+    va_end(again);
+    return text;
+}
+
 int refuse(std::string_view reason) {
     cli_printf("%% %.*s\n", static_cast<int>(reason.size()), reason.data());
     return 1;
@@ -266,16 +278,6 @@ extern "C" void cli_printf(const char* format, ...) {
     }
     std::va_list arguments;
     va_start(arguments, format);
-    std::va_list again;
-    va_copy(again, arguments);
-    const int size = std::vsnprintf(nullptr, 0, format, arguments);
+    *qv::cli::g_running->output += qv::cli::formatted(format, arguments);
     va_end(arguments);
-    if (size > 0) {
-        std::string& output = *qv::cli::g_running->output;
-        const size_t before = output.size();
-        output.resize(before + static_cast<size_t>(size) + 1);
-        std::vsnprintf(output.data() + before, static_cast<size_t>(size) + 1, format, again);
-        output.pop_back();
-    }
-    va_end(again);
 }

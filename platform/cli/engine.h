@@ -2,6 +2,7 @@
 // Loop thread only.
 #pragma once
 
+#include <cstdarg>
 #include <cstdint>
 #include <string>
 #include <string_view>
@@ -45,6 +46,10 @@ std::string prompt(const SessionState& session);
 SessionState* current_session();
 // Whether the line at hand comes from a privileged session.
 bool privileged();
+
+// The text of a printf call; empty when the format is broken.
+std::string formatted(const char* format, std::va_list arguments)
+    __attribute__((format(printf, 1, 0)));
 
 // Prints "% REASON" and a line end, and returns 1: the answer of a command that is refused.
 int refuse(std::string_view reason);

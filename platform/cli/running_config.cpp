@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "platform/cli/command_trees.h"
+#include "platform/cli/engine.h"
 #include "platform/cli/walk.h"
 #include "platform/client/platform.h"
 #include "qv/cli.h"
@@ -62,20 +63,13 @@ void c2p_printf(cli_pcdb*, int indentation, const char* format, ...) {
     if (!qv::cli::g_text) {
         return;
     }
-    char line[2 * 1024];
     std::va_list arguments;
     va_start(arguments, format);
-    const int size = std::vsnprintf(line, sizeof line, format, arguments);
+    std::string line = qv::cli::formatted(format, arguments);
     va_end(arguments);
-    if (size < 0) {
-        return;
-    }
-    std::string_view text = line;
-    while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) {
-        text.remove_suffix(1);
-    }
+    line.erase(line.find_last_not_of("\r\n") + 1);
     qv::cli::g_text->append(static_cast<size_t>(indentation > 0 ? indentation : 0), ' ');
-    qv::cli::g_text->append(text);
+    qv::cli::g_text->append(line);
     qv::cli::g_text->push_back('\n');
 }
 

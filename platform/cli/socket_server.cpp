@@ -34,15 +34,19 @@ void SocketServer::accept_some() {
     for (int i = 0; i < kAcceptsPerTurn; ++i) {
         const int fd = ::accept4(fd_, nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC);
         if (fd < 0) {
-            // Without descriptors the listener stays readable: looking again at once would spin.
-            if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-                watch_.reset();
-                retry_ = loop_.after(kAcceptPause, [this] { watch_listener(); });
-            }
+            pause_when_exhausted(errno);
             return;
         }
         const uint64_t id = next_id_++;
         sessions_[id] = std::make_unique<SocketSession>(loop_, fd, [this, id] { end_session(id); });
+    }
+}
+
+// Without descriptors the listener stays readable: looking again at once would spin.
+void SocketServer::pause_when_exhausted(int reason) {
+    if (reason == EMFILE || reason == ENFILE || reason == ENOBUFS || reason == ENOMEM) {
+        watch_.reset();
+        retry_ = loop_.after(kAcceptPause, [this] { watch_listener(); });
     }
 }
 

@@ -30,6 +30,7 @@ class SocketServer {
  private:
     void watch_listener();
     void accept_some();
+    void pause_when_exhausted(int reason);
     void end_session(uint64_t id);
 
     EventLoop& loop_;

@@ -101,7 +101,7 @@ struct cli_walk {
     void look(const std::vector<qv::cli::Place>& places, const Word* word);
     // Keeps the best offers as the next places; false with `error` set when there is none.
     bool choose(const Word& word, std::vector<qv::cli::Place>& places, bool& rest);
-    void store(const qv::cli::Place& place);
+    void store(const qv::cli::Place& from);
     qv::cli::Place after(const cli_node* node) const;
     bool prefix_fits() const;
 

@@ -15,7 +15,7 @@
 namespace qv::cli {
 
 // Replies and events end in a line end.
-std::string answer_request(std::string_view request, SessionState& session);
+std::string answer_request(std::string_view text, SessionState& session);
 std::string error_reply(std::string_view reason, const SessionState& session);
 std::string monitor_event(std::string_view text);
 
