@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 #include <map>
+#include <set>
 #include <vector>
 
 #include "platform/client/platform.h"
@@ -110,8 +111,11 @@ class LsmClient final : public qv::PortObserver {
         if (!registered_ || mode != kAnnounce) {
             return;
         }
+        std::set<lsm_event_handler> told;
         for (const auto& [event_class, settings] : classes_) {
-            post(event_class, LSM_EVENT_PORT_READY, {});
+            if (told.insert(settings.handler).second) {
+                post(event_class, LSM_EVENT_PORT_READY, {});
+            }
         }
     }
 

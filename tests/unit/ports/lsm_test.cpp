@@ -121,7 +121,7 @@ TEST_F(Lsm, AgentWithoutAMasterIsRefused) {
     EXPECT_EQ(lsm_agent_init("LDA", nullptr), -1);
 }
 
-TEST_F(Lsm, ExistingPortsAreAnnouncedThenEveryClassHearsThatTheyAreReady) {
+TEST_F(Lsm, ExistingPortsAreAnnouncedThenEveryHandlerHearsThatTheyAreReady) {
     add(2);
     add(1);
     add(30, LSM_TYPE_AGGREGATE);
@@ -139,6 +139,17 @@ TEST_F(Lsm, PortsThatCompleteAfterRegistrationAreAnnouncedWhenTheyDo) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 2"}));
     rig.model.ports_complete();
     EXPECT_EQ(heard(), (Texts{"layer 48", "bridge 48", "port 48", "aggregate 48"}));
+}
+
+TEST_F(Lsm, HandlerOfTwoClassesHearsOnceThatThePortsAreReady) {
+    rig.model.ports_complete();
+    connect([] {
+        lsm_client_set_mode(2);
+        lsm_reg_msg_handler_ex(LSM_CLASS_PORT, on_port);
+        lsm_reg_msg_handler_ex(LSM_CLASS_AGGREGATE, on_port);
+        lsm_client_reg_event_over();
+    });
+    EXPECT_EQ(heard(), Texts{"port 48"});
 }
 
 TEST_F(Lsm, WithoutModeTwoOnlyLaterPortsAreTold) {
