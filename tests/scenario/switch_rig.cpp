@@ -7,14 +7,23 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <regex>
 #include <sstream>
 
 #include "lda_cli_delivery.h"
+#include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
+#include "platform/client/mom_key.h"
+#include "platform/client/notification_ring.h"
 #include "platform/driver/mutex.h"
-#include "qv/mom.h"
 
 extern "C" int lda_main();
+
+extern "C" int __real_cli_execute_cmd_buf_fd(int, const char*, const cli_mode*, cli_output_cb,
+                                             void*);
+
+extern "C" int __real_cli_client_c2p_reform();
+extern "C" int __real_cli_syn_config_notify();
 
 // The delivery thread waits here when it has nothing to do, and nobody else does. Seeing it wait is
 // how the rig knows that the agent has come to rest.
@@ -59,7 +68,53 @@ bool delivery_is_idle() {
     return idle;
 }
 
+// Lines that grow on any thread and are taken by the test.
+struct Lines {
+    qv::Mutex mutex;
+    std::vector<std::string> lines GUARDED_BY(mutex);
+
+    void add(std::string line) {
+        const qv::MutexLock lock(mutex);
+        lines.push_back(std::move(line));
+    }
+    std::vector<std::string> take() {
+        const qv::MutexLock lock(mutex);
+        return std::exchange(lines, {});
+    }
+};
+
+Lines& executed() {
+    static auto* const the_lines = new Lines;
+    return *the_lines;
+}
+
+Lines& announcements() {
+    static auto* const the_lines = new Lines;
+    return *the_lines;
+}
+
 }  // namespace
+
+extern "C" int __wrap_cli_execute_cmd_buf_fd(int session, const char* line, const cli_mode* mode,
+                                             cli_output_cb output, void* user) {
+    std::string text = qv::platform().loop().on_loop_thread() ? "inline " : "";
+    text += mode->name;
+    if (mode->ifx != 0) {
+        text += " " + std::to_string(mode->ifx);
+    }
+    executed().add(text + ": " + line);
+    return __real_cli_execute_cmd_buf_fd(session, line, mode, output, user);
+}
+
+extern "C" int __wrap_cli_client_c2p_reform() {
+    announcements().add("reform");
+    return __real_cli_client_c2p_reform();
+}
+
+extern "C" int __wrap_cli_syn_config_notify() {
+    announcements().add("announce");
+    return __real_cli_syn_config_notify();
+}
 
 extern "C" int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex_t* mutex,
                                              const timespec* deadline) {
@@ -70,6 +125,49 @@ extern "C" int __wrap_pthread_cond_timedwait(pthread_cond_t* cond, pthread_mutex
 }
 
 namespace qv::test {
+
+class SwitchRig::Log final : public SystemLog {
+ public:
+    void write(const SystemLogMessage& message) override {
+        static const std::regex line_number("<(\\w+):\\d+> ");
+        std::string line(message.facility);
+        line += "-" + std::to_string(message.severity) + "-";
+        line += message.mnemonic;
+        line += ": ";
+        line += message.text;
+        const bool on_main = std::this_thread::get_id() == main_thread;
+        (on_main ? main : delivery).add(std::regex_replace(line, line_number, "<$1> "));
+    }
+
+    std::atomic<std::thread::id> main_thread;
+    Lines main;
+    Lines delivery;
+};
+
+// The described platform, with a word to the test when its loop and its store have been made.
+class SwitchRig::ObservedPlatform final : public Platform {
+ public:
+    ObservedPlatform(std::unique_ptr<Platform> inner, std::function<void(MemoryStore&)> store_made)
+        : inner_(std::move(inner)), store_made_(std::move(store_made)) {}
+
+    const PlatformConfig& config() const override { return inner_->config(); }
+    Clock& clock() override { return inner_->clock(); }
+    SystemLog& system_log() override { return inner_->system_log(); }
+    EventLoop& loop() override { return inner_->loop(); }
+    StoreDriver& store() override { return inner_->store(); }
+    PortModel& ports() override { return inner_->ports(); }
+    ForwardingDriver& forwarding() override { return inner_->forwarding(); }
+    void attach_loop(EventLoop& loop) override {
+        inner_->attach_loop(loop);
+        if (store_made_) {
+            store_made_(dynamic_cast<MemoryStore&>(store()));
+        }
+    }
+
+ private:
+    std::unique_ptr<Platform> inner_;
+    std::function<void(MemoryStore&)> store_made_;
+};
 
 SwitchRig::SwitchRig() : SwitchRig(Options{}) {}
 
@@ -84,14 +182,16 @@ SwitchRig::SwitchRig(Options options) {
     config.cli_socket = (folder_ / "cli.sock").string();
     config.startup_config = saved_file().string();
     auto clock = std::make_unique<ManualClock>();
-    auto log = std::make_unique<RecordingLog>();
+    auto log = std::make_unique<Log>();
     clock_ = clock.get();
     log_ = log.get();
     clock_->on_idle = [this] {
         return idle();
     };
     deadline_ = clock_->now();
-    platform_ = make_platform(std::move(config), std::move(clock), std::move(log));
+    platform_ = std::make_unique<ObservedPlatform>(
+        make_platform(std::move(config), std::move(clock), std::move(log)),
+        std::move(options.store_made));
     install_platform(*platform_);
     if (options.prepare) {
         options.prepare();
@@ -111,6 +211,7 @@ SwitchRig::~SwitchRig() {
 }
 
 void SwitchRig::run_agent() {
+    log_->main_thread = std::this_thread::get_id();
     const int status = lda_main();
     EXPECT_EQ(status, -1);
 }
@@ -163,16 +264,88 @@ void SwitchRig::advance(std::chrono::seconds step) {
     let_agent_run();
 }
 
+void SwitchRig::set_policy(std::string_view words) {
+    type({"configure terminal", std::string("loop-detect enable ").append(words), "end"});
+    advance(std::chrono::seconds(1));
+    forget();
+}
+
+void SwitchRig::trace() {
+    type({"debug lda syslog log-max-number nolimit", "debug lda syslog level 2"});
+    forget();
+}
+
+void SwitchRig::forget() {
+    take_log();
+    take_delivery_log();
+    take_executed();
+    take_announcements();
+    take_notifications();
+}
+
 std::vector<std::string> SwitchRig::take_log() {
-    const auto all = log_->lines();
-    const std::vector<std::string> fresh(all.begin() + static_cast<std::ptrdiff_t>(log_taken_),
-                                         all.end());
-    log_taken_ = all.size();
-    return fresh;
+    return log_->main.take();
+}
+
+std::vector<std::string> SwitchRig::take_delivery_log() {
+    return log_->delivery.take();
+}
+
+std::vector<std::string> SwitchRig::take_executed() {
+    return executed().take();
+}
+
+std::vector<std::string> SwitchRig::take_announcements() {
+    return announcements().take();
+}
+
+std::vector<std::string> SwitchRig::take_notifications() {
+    std::vector<std::string> lines;
+    on_main([&] {
+        const std::vector<SentNotification> all = recent_notifications();
+        // The ring forgets the oldest: a test takes its notifications before that.
+        for (size_t i = notifications_taken_; i < all.size(); ++i) {
+            std::string line;
+            for (const SentLeaf& leaf : all[i].leaves) {
+                const bool known = leaf.path.starts_with(kNotifyPath);
+                line += line.empty() ? "" : " ";
+                line += leaf.path.substr(known ? kNotifyPath.size() : 0);
+                line += "=" + std::to_string(leaf.value);
+            }
+            lines.push_back(line);
+        }
+        notifications_taken_ = all.size();
+    });
+    return lines;
+}
+
+std::string SwitchRig::entry(std::string_view port) {
+    const auto packed = store().get(4, "p_app.lda_loop_entry/name=" + std::string(port));
+    if (!packed) {
+        return "none";
+    }
+    auto* entry = p_app__lda_loop_entry__unpack(nullptr, packed->size(),
+                                                reinterpret_cast<const uint8_t*>(packed->data()));
+    if (!entry) {
+        return "damaged";
+    }
+    const std::string text =
+        "policy=" + std::to_string(entry->policy) + " src_port=" + std::to_string(entry->src_port);
+    p_app__lda_loop_entry__free_unpacked(entry, nullptr);
+    return text;
+}
+
+std::string SwitchRig::running_config() {
+    std::string text;
+    on_main([&] {
+        cli::SessionState session;
+        text = cli::execute(session, "show running-config").output;
+    });
+    return text;
 }
 
 std::vector<std::string> SwitchRig::section(std::string_view port) {
-    std::istringstream text(type("show running-config"));
+    std::istringstream text(running_config());
     const std::string title = "interface " + std::string(port);
     std::vector<std::string> lines;
     bool inside = false;
@@ -189,7 +362,7 @@ std::vector<std::string> SwitchRig::section(std::string_view port) {
 }
 
 bool SwitchRig::configured(std::string_view line) {
-    std::istringstream text(type("show running-config"));
+    std::istringstream text(running_config());
     for (std::string at; std::getline(text, at);) {
         if (at.starts_with("interface ")) {
             return false;
@@ -202,23 +375,34 @@ bool SwitchRig::configured(std::string_view line) {
     return false;
 }
 
+int SwitchRig::stored_policy() {
+    const auto packed = store().get(QV_MOM_CFG_DB, "p_app.lda_nc_policy/");
+    if (!packed) {
+        return -1;
+    }
+    auto* record = p_app__lda_nc_policy__unpack(nullptr, packed->size(),
+                                                reinterpret_cast<const uint8_t*>(packed->data()));
+    const int policy = record ? static_cast<int>(record->loop_policy_cli) : -2;
+    p_app__lda_nc_policy__free_unpacked(record, nullptr);
+    return policy;
+}
+
 void SwitchRig::report(uint32_t ifx, uint32_t is_loop, uint32_t src_ifx) {
-    on_main([=] {
-        PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
-        index.ifx = ifx;
-        PBridge__TarnLoopInfo record = P_BRIDGE__TARN_LOOP_INFO__INIT;
-        record.index = &index;
-        record.vid = 1;
-        record.is_loop = is_loop;
-        record.src_ifx = src_ifx;
-        static qv_mom_client* const writer = [] {
-            auto* client = qv_mom_client_init("test", platform().loop().master(), nullptr);
-            qv_mom_client_connect(
-                client, QV_MOM_APP_DB, [](void*) { return 0; }, nullptr);
-            return client;
-        }();
-        EXPECT_EQ(qv_mom_set(writer, QV_MOM_APP_DB, &record.base, 0, 0), 0);
-    });
+    PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
+    index.ifx = ifx;
+    PBridge__TarnLoopInfo record = P_BRIDGE__TARN_LOOP_INFO__INIT;
+    record.index = &index;
+    record.vid = 1;
+    record.is_loop = is_loop;
+    record.src_ifx = src_ifx;
+    put(QV_MOM_APP_DB, record.base);
+}
+
+void SwitchRig::put(uint32_t db, const ProtobufCMessage& record) {
+    const auto key = record_key(record);
+    ASSERT_TRUE(key.has_value());
+    const std::vector<uint8_t> packed = pack_record(record);
+    on_main([&] { store().put(db, *key, packed); });
 }
 
 MemoryStore& SwitchRig::store() {

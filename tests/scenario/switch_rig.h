@@ -22,17 +22,22 @@
 #include "platform/cli/engine.h"
 #include "platform/client/platform.h"
 #include "platform/driver/embedded/memory_store.h"
+#include "qv/mom.h"
 #include "tests/support/manual_clock.h"
-#include "tests/support/test_platform.h"
 
 namespace qv::test {
 
 class SwitchRig {
  public:
+    static constexpr std::string_view kNotifyPath =
+        "/qv-loop-detect-server-notification:loop-detect-state/loop-notify/";
+
     struct Options {
         unsigned ports = 8;
         std::string saved_configuration;  // the file at the start; empty: there is none
         std::function<void()> prepare;    // runs before the agent starts, on the test's thread
+        // Runs when the store exists and no client is connected yet, on the agent's main thread.
+        std::function<void(MemoryStore&)> store_made;
     };
 
     SwitchRig();
@@ -53,9 +58,33 @@ class SwitchRig {
     // Runs `job` on the agent's main thread.
     void on_main(std::function<void()> job);
 
-    // System log messages since the last call: "FACILITY-SEVERITY-MNEMONIC: text".
-    std::vector<std::string> take_log();
+    // Enters "loop-detect enable" and `words`, lets a second pass and forgets what that caused.
+    void set_policy(std::string_view words);
 
+    // Has the agent write its INFO lines into the system log, without end, and forgets the past.
+    void trace();
+    // Forgets what was logged, executed, announced and notified so far.
+    void forget();
+
+    // System log messages of the agent's main thread since the last call, as
+    // "FACILITY-SEVERITY-MNEMONIC: text". Line numbers are left out: "<function:12> " stands as
+    // "<function> ". The two threads run side by side, so the delivery thread's messages are apart.
+    std::vector<std::string> take_log();
+    std::vector<std::string> take_delivery_log();
+    // Command lines that the agent has executed since the last call: "config: LINE" or
+    // "interface INDEX: LINE" with the line's own end; behind "inline " those of the main thread.
+    std::vector<std::string> take_executed();
+    // Calls since the last call: "reform" asks for the running configuration to be generated again,
+    // "announce" says that it has changed.
+    std::vector<std::string> take_announcements();
+    // NETCONF notifications since the last call, one line each: for every leaf its path without
+    // kNotifyPath and the value, separated by a blank.
+    std::vector<std::string> take_notifications();
+    // The published loop entry of a port, "policy=P src_port=S"; "none" when there is none.
+    std::string entry(std::string_view port);
+
+    // The running configuration, whatever mode the operator is in.
+    std::string running_config();
     // The section of a port in the running configuration, one line each, without its indentation.
     std::vector<std::string> section(std::string_view port);
     // Whether a line stands in the global part.
@@ -64,11 +93,21 @@ class SwitchRig {
     // A probe report as the peer protocol sets it.
     void report(uint32_t ifx, uint32_t is_loop, uint32_t src_ifx);
 
+    // The policy record in the configuration database, -1 when there is none.
+    int stored_policy();
+
+    // A record as another program writes it: packed under its key, with a notice.
+    void put(uint32_t db, const ProtobufCMessage& record);
+
+    // Main thread, or while the agent rests.
     MemoryStore& store();
     const std::filesystem::path& folder() const { return folder_; }
     std::filesystem::path saved_file() const { return folder_ / "startup.cfg"; }
 
  private:
+    class Log;
+    class ObservedPlatform;
+
     bool idle();
     void run_agent();
     void let_agent_run();
@@ -76,8 +115,8 @@ class SwitchRig {
     std::filesystem::path folder_;
     std::unique_ptr<Platform> platform_;
     ManualClock* clock_;
-    RecordingLog* log_;
-    size_t log_taken_ = 0;
+    Log* log_;
+    size_t notifications_taken_ = 0;
     cli::SessionState session_;
     Time deadline_{};            // where advance() wants the clock to be
     std::function<void()> job_;  // for the agent's main thread

@@ -1,0 +1,53 @@
+// Writing down what an agent is expected to say.
+#pragma once
+
+#include <initializer_list>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qv::test {
+
+using Lines = std::vector<std::string>;
+
+// Traced lines: those that begin with "<function>" are INFO lines of the agent, others stand as
+// they are.
+inline Lines traced(std::initializer_list<std::string_view> texts) {
+    Lines lines;
+    for (const std::string_view text : texts) {
+        lines.push_back((text.starts_with("<") ? "LDA-6-INFO: " : "") + std::string(text));
+    }
+    return lines;
+}
+
+// One list after the other.
+inline Lines together(std::initializer_list<Lines> parts) {
+    Lines lines;
+    for (const Lines& part : parts) {
+        lines.insert(lines.end(), part.begin(), part.end());
+    }
+    return lines;
+}
+
+// In one piece, for long lists: a difference is shown by its lines.
+inline std::string joined(const Lines& lines) {
+    std::string text;
+    for (const std::string& line : lines) {
+        text += line + "\n";
+    }
+    return text;
+}
+
+// A notification as take_notifications() gives it.
+inline std::string notified(std::string_view port, std::string_view type, std::string_view policy,
+                            std::string_view src_port) {
+    const std::string entry = "notify-entry[name='" + std::string(port) + "']/";
+    std::string line = entry;
+    line.append("notify-type=").append(type).append(" ");
+    line.append(entry).append("vid=0 ");
+    line.append(entry).append("policy=").append(policy).append(" ");
+    line.append(entry).append("src-port=").append(src_port);
+    return line;
+}
+
+}  // namespace qv::test
