@@ -16,8 +16,7 @@ std::string render(const json& object) {
 }
 
 std::string reply(const Result& result, const SessionState& session) {
-    json object{
-        {"output", result.output}, {"result", result.code}, {"prompt", prompt(session)}};
+    json object{{"output", result.output}, {"result", result.code}, {"prompt", prompt(session)}};
     if (session.leaving) {
         object["end"] = true;
     }
