@@ -170,6 +170,27 @@ TEST(Database, LossBetweenWriteAndNoticeLosesNothing) {
     EXPECT_EQ(rig.take_log(), Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp3."});
 }
 
+TEST(Database, LossDuringTheSubscriptionIsMadeUpForByTheNextOne) {
+    SwitchRig rig;
+    rig.set_policy("");
+    rig.report(3, 1, 3);
+    rig.type("test database drop 4");
+    rig.report(2, 1, 2);
+    rig.trace();
+    rig.on_main([&] {
+        rig.store().restore(4);
+        rig.store().drop(4);  // before the agent hears of its return
+    });
+    EXPECT_EQ(rig.take_log(), traced({
+                                  "<lda_mom_app_db_reconnect> lda_mom_app_db_reconnect",
+                                  "<lda_mom_app_db_disconnect> lda_mom_app_db_disconnect",
+                              }));
+    rig.type({"debug lda syslog level 0", "test database restore 4"});
+    rig.take_log();
+    EXPECT_EQ(rig.entry("swp2"), "policy=0 src_port=1");
+    EXPECT_EQ(rig.entry("swp3"), "policy=0 src_port=1");
+}
+
 TEST(Database, EntryThatCannotBeWrittenIsReportedAndNotRetried) {
     SwitchRig rig;
     rig.set_policy("");

@@ -218,6 +218,15 @@ TEST(Policy, ReportsWhileDisabledAreDroppedUntilTheyComeAgain) {
     EXPECT_EQ(rig.take_log(), Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp3."});
 }
 
+TEST(Policy, ReportDroppedWhileDisabledIsDeliveredByTheScanOfANewSubscription) {
+    SwitchRig rig;
+    rig.report(3, 1, 3);
+    rig.set_policy("");
+    EXPECT_EQ(rig.entry("swp3"), "none");
+    rig.type({"test database drop 4", "test database restore 4"});
+    EXPECT_EQ(rig.take_log(), Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp3."});
+}
+
 TEST(Policy, ReportsFromBeforeTheStartAreDeliveredByTheScan) {
     SwitchRig::Options options;
     options.saved_configuration = "loop-detect enable\n";

@@ -148,6 +148,19 @@ TEST(PortEvents, MemberTakesTheModeOfItsAggregateAndIsConfiguredOnTheSpot) {
     EXPECT_EQ(rig.section("swp3"), kFeatureLines);
 }
 
+TEST(PortEvents, MemberIsTakenInWhenItsLineCannotBeExecuted) {
+    SwitchRig rig(four_ports());
+    rig.set_policy("");
+    rig.type({"test aggregate create ag1", "debug lda syslog level 1", "test fail-sessions 1"});
+    rig.forget();
+    rig.type("test aggregate join ag1 swp3");
+    EXPECT_EQ(rig.take_log(),
+              Lines{"LDA-6-ERROR: <lda_intf_loop_cmd_enable> LDA cli_sub_create_session fail, "
+                    "fd=-1"});
+    EXPECT_EQ(rig.take_executed(), Lines{});
+    EXPECT_EQ(lda_loop_result_get(3)->mode_arg, 5);
+}
+
 TEST(PortEvents, LeavingAnAggregateNeverShutsAPort) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown access-mode");

@@ -1,6 +1,8 @@
 // Everything the agent says on its way through the life of one loop, compared whole.
 #include <gtest/gtest.h>
 
+#include <regex>
+
 #include "app_debug.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
@@ -310,6 +312,34 @@ TEST(Transcript, QuietPortIsClearedAMinuteAfterItsRecovery) {
     EXPECT_EQ(rig.take_notifications(), Lines{notified("swp1", "2", "1", "1")});
     EXPECT_EQ(rig.take_executed(), Lines{});
     EXPECT_EQ(rig.entry("swp1"), "none");
+}
+
+TEST(Transcript, NotificationsOfALoopAreShownWithTheirLeaves) {
+    SwitchRig rig(two_ports());
+    EXPECT_EQ(rig.type("show notifications"), "No notification has been sent.\n");
+    rig.set_policy("shutdown access-mode");
+    rig.report(2, 1, 2);
+    const std::string text = rig.type("show notifications");
+    const std::regex time(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}$)", std::regex::multiline);
+    EXPECT_EQ(std::regex_replace(text, time, "TIME"),
+              "TIME\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/notify-type = 2\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/vid = 0\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/policy = 1\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/src-port = 1\n"
+              "TIME\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/notify-type = 1\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/vid = 0\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/policy = 1\n"
+              "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
+              "notify-entry[name='swp2']/src-port = 1\n");
 }
 
 }  // namespace
