@@ -21,7 +21,8 @@ constexpr cli_keyword_arg app_keyword(const char* keyword, const char* help,
             .one = 1};
 }
 
-// A number that goes to the first number slot.
-constexpr cli_number_arg app_number(const char* help, int64_t low, int64_t high) {
-    return {.help = help, .low = low, .high = high, .zero = 0, .flags = 258, .slot = 0};
+// A number that goes to a number slot of the context.
+constexpr cli_number_arg app_number(const char* help, int64_t low, int64_t high,
+                                    uint32_t slot = 0) {
+    return {.help = help, .low = low, .high = high, .zero = 0, .flags = 258, .slot = slot};
 }

@@ -134,7 +134,7 @@ static bool parse_level(const char** text, int32_t* level) {
 }
 
 // The level file holds two numbers, for the log file and for the system log. Anything else leaves
-// both at their defaults.
+// both at their defaults, a number that fits no integer included.
 static void read_level_file(FILE* file) {
     char content[256];
     content[fread(content, 1, sizeof content - 1, file)] = '\0';

@@ -158,8 +158,12 @@ void lda_send_intfcfg(uint32_t ifx) {
         return;
     lda_cli_msg_t message = {};
     message.mid = LDA_MID_BOTH;
-    message.ifx = ifx;
-    message.type = policy != LDA_POLICY_DISABLED ? LDA_CLI_MSG_INTF_ENABLE : LDA_CLI_MSG_DISABLE;
+    if (policy != LDA_POLICY_DISABLED) {
+        message.type = LDA_CLI_MSG_INTF_ENABLE;
+        message.ifx = ifx;
+    } else {
+        message.type = LDA_CLI_MSG_DISABLE;  // about all ports
+    }
     message.new_type = policy;
     message.old_type = policy;
     lda_cli_cmd_send(&message);

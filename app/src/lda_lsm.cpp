@@ -155,7 +155,8 @@ static void lda_lsm_ap_mem_chg_proc(const uint32_t* words) {
     }
     lda_intf_t proposed = lda_intf_copy(record);
     if (change == AP_JOINED) {
-        // Executed here, on the main thread: its lines run inline and wait for nothing.
+        // Executed here, on the main thread: its lines run inline and wait for nothing. Kept on
+        // purpose: the copy is older than what they change.
         if (lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED)
             lda_intf_loop_cmd_enable(LDA_MID_TARN, ifx);
         record->mode_arg = static_cast<int32_t>(ap_ifx);

@@ -288,6 +288,7 @@ void lda_clear_loop_timer(lda_intf_t* record) {
 }
 
 void lda_loop_policy_timer(void) {
+    // Kept on purpose: the result is not looked at. A tick that cannot be armed was the last one.
     qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S);
 }
 

@@ -11,10 +11,10 @@
 #include <cstring>
 
 #include "app_debug.h"
-#include "qv/lsm.h"
+#include "lda_cli.h"
 #include "storm_detect.h"
 
-pthread_mutex_t g_libstorm_mutex = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_libstorm_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
 lda_list_t g_libstorm_head = {&g_libstorm_head, &g_libstorm_head};
 lda_list_t g_libstorm_rate_head = {&g_libstorm_rate_head, &g_libstorm_rate_head};
 lda_list_t storm_port_head = {&storm_port_head, &storm_port_head};
@@ -22,10 +22,9 @@ uint32_t storm_port_num;
 
 namespace {
 
-// Interface types of a range on which the commands are offered.
-constexpr uint32_t kRangeTypeMask = 0x18050187;
-constexpr uint32_t kFirstPortType = 2;
-constexpr uint32_t kLastPortType = 10;
+// The port manager's configuration event that takes an interface out. It shares its number with the
+// LSM's default event and is another thing.
+constexpr uint32_t kConfigEventRemove = 2;
 
 constexpr uint32_t kRateSlot = 0;
 constexpr uint32_t kBurstSlot = 1;
@@ -198,7 +197,7 @@ void libp_policy_std_lsm_msg_handler(uint32_t event, void* msg) {
         printf("std:receive lsm event=%d, msgp=NULL\n", event);
         return;
     }
-    if (event != LSM_EVENT_DEFAULT) {
+    if (event != kConfigEventRemove) {
         return;
     }
     uint32_t ifx;
@@ -245,16 +244,7 @@ int cfg_port_set_storm_burst_limit(cli_pcdb* pcdb) {
 }
 
 int storm_cfg_intf_mode_select(cli_pcdb* pcdb) {
-    if (strcmp(pcdb->mode, "ifrange") == 0) {
-        return (pcdb->ifrange_types & kRangeTypeMask) != 0;
-    }
-    const auto ifx = static_cast<uint32_t>(pcdb->ifx);
-    const lsm_intfcb* intfcb = lsm_get_intfcb(ifx);
-    if (intfcb != nullptr && (intfcb->flags & LSM_INTFCB_FLAG_SWITCHPORT) != 0) {
-        return 1;
-    }
-    const uint32_t type = lsm_if_get_type(ifx);
-    return type >= kFirstPortType && type <= kLastPortType;
+    return lda_cfg_intf_mode_select(pcdb);  // the same ports as the other interface command
 }
 
 int testfunc_cfg_storm(cli_pcdb* pcdb) {

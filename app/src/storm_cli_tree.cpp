@@ -3,29 +3,21 @@
 #include "app_cli_nodes.h"
 #include "storm_cli.h"
 
-namespace {
-
-constexpr uint32_t kNumberFlags = 258;
-
-constexpr cli_keyword_arg keyword(const char* word, const char* help) {
+static constexpr cli_keyword_arg keyword(const char* word, const char* help) {
     return app_keyword(word, help, APP_KEYWORD_INTERFACE);
-}
-
-constexpr cli_number_arg number(const char* help, int64_t low, int64_t high, uint32_t slot) {
-    return {.help = help, .low = low, .high = high, .zero = 0, .flags = kNumberFlags, .slot = slot};
 }
 
 // ---- "storm-loop-detect enable" ----
 
-const cli_eol_arg Scfg_port_storm_enable_eol = {1, cfg_port_enable_storm};
+static const cli_eol_arg Scfg_port_storm_enable_eol = {1, cfg_port_enable_storm};
 const cli_node Tcfg_port_storm_enable_eol = {eol_action, &Scfg_port_storm_enable_eol, nullptr,
                                              &Tno_alt, nullptr};
 
-const cli_eol_arg Scfg_port_enable_def_eol = {1, cfg_port_enable_storm};
+static const cli_eol_arg Scfg_port_enable_def_eol = {1, cfg_port_enable_storm};
 const cli_node Tcfg_port_enable_def_eol = {eol_action, &Scfg_port_enable_def_eol, nullptr, &Tno_alt,
                                            nullptr};
 
-const cli_eol_arg Scfg_port_enable_no_eol = {1, cfg_port_enable_storm};
+static const cli_eol_arg Scfg_port_enable_no_eol = {1, cfg_port_enable_storm};
 const cli_node Tcfg_port_enable_no_eol = {eol_action, &Scfg_port_enable_no_eol, nullptr, &Tno_alt,
                                           nullptr};
 
@@ -35,19 +27,19 @@ const cli_node Tcfg_port_enable_def = {defaultprefix_action, nullptr, &Tcfg_port
 const cli_node Tcfg_port_enable_no = {noprefix_action, nullptr, &Tcfg_port_enable_no_eol,
                                       &Tcfg_port_enable_def, nullptr};
 
-const cli_c2p_arg Scfg_port_enable_storm_c2p = {cfg_port_enable_storm};
+static const cli_c2p_arg Scfg_port_enable_storm_c2p = {cfg_port_enable_storm};
 const cli_node Tcfg_port_enable_storm_c2p = {c2p_action, &Scfg_port_enable_storm_c2p,
                                              &Tcfg_port_enable_no, &Tno_alt, nullptr};
 
-const cli_keyword_arg Scfg_port_std_storm = keyword("enable", "Set loop detect");
+static const cli_keyword_arg Scfg_port_std_storm = keyword("enable", "Set loop detect");
 const cli_node Tcfg_port_std_storm = {common_keyword_action, &Scfg_port_std_storm,
                                       &Tcfg_port_enable_storm_c2p, &Tno_alt, nullptr};
 
-const cli_keyword_arg Scfg_port_std = keyword("storm-loop-detect", "Set storm");
+static const cli_keyword_arg Scfg_port_std = keyword("storm-loop-detect", "Set storm");
 const cli_node Tcfg_port_std = {common_keyword_action, &Scfg_port_std, &Tcfg_port_std_storm,
                                 &Tno_alt, nullptr};
 
-const cli_test_arg testexp_cfg_storm = {&Tcfg_port_std, &Tno_alt, testfunc_cfg_storm};
+static const cli_test_arg testexp_cfg_storm = {&Tcfg_port_std, &Tno_alt, testfunc_cfg_storm};
 const cli_node Tcfg_storm = {test_expression_action, &testexp_cfg_storm, &Tcfg_port_std, &Tno_alt,
                              nullptr};
 
@@ -55,34 +47,34 @@ const cli_node Tcfg_port_std_cmd = {append_point_action, nullptr, &Tcfg_storm, &
 
 // ---- "storm-loop-rate ratelimit RATE [burst BURST]" ----
 
-const cli_eol_arg Scfg_port_storm_limit_burst_eol = {1, cfg_port_set_storm_burst_limit};
+static const cli_eol_arg Scfg_port_storm_limit_burst_eol = {1, cfg_port_set_storm_burst_limit};
 const cli_node Tcfg_port_storm_limit_burst_eol = {eol_action, &Scfg_port_storm_limit_burst_eol,
                                                   nullptr, &Tno_alt, nullptr};
 
-const cli_number_arg Scfg_port_storm_burst_value =
-    number("burst limit size, default: 1024", 32, 10000, 1);
+static const cli_number_arg Scfg_port_storm_burst_value =
+    app_number("burst limit size, default: 1024", 32, 10000, 1);
 const cli_node Tcfg_port_storm_burst_value = {common_number_action, &Scfg_port_storm_burst_value,
                                               &Tcfg_port_storm_limit_burst_eol, &Tno_alt, nullptr};
 
-const cli_eol_arg Scfg_port_ratelimit_eol = {1, cfg_port_set_storm_burst_limit};
+static const cli_eol_arg Scfg_port_ratelimit_eol = {1, cfg_port_set_storm_burst_limit};
 const cli_node Tcfg_port_ratelimit_eol = {eol_action, &Scfg_port_ratelimit_eol, nullptr, &Tno_alt,
                                           nullptr};
 
-const cli_keyword_arg Scfg_port_storm_limit_burst = keyword("burst", "Set burst ratelimit");
+static const cli_keyword_arg Scfg_port_storm_limit_burst = keyword("burst", "Set burst ratelimit");
 const cli_node Tcfg_port_storm_limit_burst = {common_keyword_action, &Scfg_port_storm_limit_burst,
                                               &Tcfg_port_storm_burst_value,
                                               &Tcfg_port_ratelimit_eol, nullptr};
 
-const cli_number_arg Scfg_port_storm_limit_value =
-    number("rate limit size, default: 8000", 1, 1000000, 0);
+static const cli_number_arg Scfg_port_storm_limit_value =
+    app_number("rate limit size, default: 8000", 1, 1000000, 0);
 const cli_node Tcfg_port_storm_limit_value = {common_number_action, &Scfg_port_storm_limit_value,
                                               &Tcfg_port_storm_limit_burst, &Tno_alt, nullptr};
 
-const cli_eol_arg Scfg_port_ratelimit_def_eol = {1, cfg_port_set_storm_burst_limit};
+static const cli_eol_arg Scfg_port_ratelimit_def_eol = {1, cfg_port_set_storm_burst_limit};
 const cli_node Tcfg_port_ratelimit_def_eol = {eol_action, &Scfg_port_ratelimit_def_eol, nullptr,
                                               &Tno_alt, nullptr};
 
-const cli_eol_arg Scfg_port_ratelimit_no_eol = {1, cfg_port_set_storm_burst_limit};
+static const cli_eol_arg Scfg_port_ratelimit_no_eol = {1, cfg_port_set_storm_burst_limit};
 const cli_node Tcfg_port_ratelimit_no_eol = {eol_action, &Scfg_port_ratelimit_no_eol, nullptr,
                                              &Tno_alt, nullptr};
 
@@ -93,26 +85,26 @@ const cli_node Tcfg_port_ratelimit_def = {defaultprefix_action, nullptr,
 const cli_node Tcfg_port_ratelimit_no = {noprefix_action, nullptr, &Tcfg_port_ratelimit_no_eol,
                                          &Tcfg_port_ratelimit_def, nullptr};
 
-const cli_c2p_arg Scfg_port_ratelimit_c2p = {cfg_port_set_storm_burst_limit};
+static const cli_c2p_arg Scfg_port_ratelimit_c2p = {cfg_port_set_storm_burst_limit};
 const cli_node Tcfg_port_ratelimit_c2p = {c2p_action, &Scfg_port_ratelimit_c2p,
                                           &Tcfg_port_ratelimit_no, &Tno_alt, nullptr};
 
-const cli_keyword_arg Scfg_port_rate_storm = keyword("ratelimit", "Set storm ratelimit");
+static const cli_keyword_arg Scfg_port_rate_storm = keyword("ratelimit", "Set storm ratelimit");
 const cli_node Tcfg_port_rate_storm = {common_keyword_action, &Scfg_port_rate_storm,
                                        &Tcfg_port_ratelimit_c2p, &Tno_alt, nullptr};
 
-const cli_keyword_arg Scfg_port_rate = keyword("storm-loop-rate", "Set storm");
+static const cli_keyword_arg Scfg_port_rate = keyword("storm-loop-rate", "Set storm");
 const cli_node Tcfg_port_rate = {common_keyword_action, &Scfg_port_rate, &Tcfg_port_rate_storm,
                                  &Tno_alt, nullptr};
 
-const cli_test_arg testexp_cfg_rate = {&Tcfg_port_rate, &Tno_alt, testfunc_cfg_rate};
+static const cli_test_arg testexp_cfg_rate = {&Tcfg_port_rate, &Tno_alt, testfunc_cfg_rate};
 const cli_node Tcfg_rate = {test_expression_action, &testexp_cfg_rate, &Tcfg_port_rate, &Tno_alt,
                             nullptr};
 
 const cli_node Tcfg_port_rate_cmd = {append_point_action, nullptr, &Tcfg_rate, &Tno_alt, nullptr};
 
 // Makes the configuration lock. 0, or an error number.
-int storm_mutex_init() {
+static int storm_mutex_init() {
     pthread_mutexattr_t attr;
     int rv = pthread_mutexattr_init(&attr);
     if (rv != 0) {
@@ -125,8 +117,6 @@ int storm_mutex_init() {
     pthread_mutexattr_destroy(&attr);
     return rv;
 }
-
-}  // namespace
 
 void std_cli_init(void) {
     // Kept on purpose: the number printed is always 0, whatever the framework answered.

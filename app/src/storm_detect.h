@@ -4,7 +4,8 @@
 // Counter reports add up in the port's record (storm_port_info, storm_cli.h); every 4 seconds the
 // timer "loop_check" judges each record: three polls in a row over the rate are a loop, ten counted
 // polls without such a run end it. storm_detect.cpp holds start-up and judgement, storm_rule.cpp
-// the rules, storm_dump.cpp the diagnostics. Main thread only; no function here takes a lock.
+// the rules, storm_dump.cpp the diagnostics. Main thread only. No function here takes a lock,
+// but a failed apply ends in storm_del_list (storm_cli.h), which does.
 #pragma once
 
 #include <cstddef>

@@ -54,7 +54,7 @@ inline constexpr size_t FP_ITEMS_MAX = 8;
 
 // One match or action:
 //   match  "l2_da_hit"  1 byte    0: the destination address is not known
-//   match  "l3_uc"      8 bytes   32-bit 1, then zero bytes: not a routed unicast frame
+//   match  "l3_uc"      8 bytes   32-bit width 1, then the value 0: not a routed frame
 //   match  "etype"      4 bytes   16-bit ethertype, 16-bit mask
 //   action "meter"      48 bytes  64-bit packets per second at 0, 32-bit burst at 24
 //   action "counter"    4 bytes   0

@@ -325,7 +325,7 @@ TEST_F(FeaturePush, OnePortIsConfiguredUnderAPolicyAndAllAreCleanedWithout) {
     EXPECT_EQ(take_posted(), Lines{});
     cli_ready = 1;
     lda_send_intfcfg(7);
-    EXPECT_EQ(take_posted(), Lines{"type=4 mid=2 ifx=7"});
+    EXPECT_EQ(take_posted(), Lines{"type=4 mid=2"});
     lda_loop_detect_ptype_set(3);
     fake::clear_calls();
     lda_send_intfcfg(7);
