@@ -78,6 +78,14 @@ TEST_F(LsmGroup, LoopedMemberThatLeavesTheShuttableModesIsAnnounced) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
+TEST_F(LsmGroup, LoopedMemberThatStaysInTheShuttableModesIsNotAnnounced) {
+    fake::add_port(100, 7);
+    lda_intf_t* record = looped(7, 1, 1);
+    membership(0, 100, 7);
+    EXPECT_EQ(fake::calls_of({"nc_lib_notification_send", "qv_mom_set", "qv_mom_del"}), Lines{});
+    EXPECT_EQ(record->mode, 7u);
+}
+
 TEST_F(LsmGroup, LeavingAnAggregateOnlyRestoresTheModeOfThePort) {
     fake::add_port(100, 2);
     lda_intf_t* record = looped(7, 1, 2);

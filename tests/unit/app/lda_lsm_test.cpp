@@ -4,6 +4,10 @@
 #include "lda_main.h"
 #include "tests/unit/app/loop_fixture.h"
 
+#ifdef __SANITIZE_ADDRESS__
+#include <sanitizer/asan_interface.h>
+#endif
+
 using namespace loop_test;
 
 namespace {
@@ -292,7 +296,7 @@ TEST_F(LdaLsm, DeletingALoopedPortKeepsTheCountAndTheEntry) {
 }
 
 TEST_F(LdaLsm, DeletingAPortKeepsItsClearTimerAndTheMemoryBehindIt) {
-    looped(7, 1, 1);
+    [[maybe_unused]] const lda_intf_t* record = looped(7, 1, 1);
     lda_loop_result_set(0, 0, 7);
     fake::take_calls();
     event(1, 7);
@@ -305,6 +309,18 @@ TEST_F(LdaLsm, DeletingAPortKeepsItsClearTimerAndTheMemoryBehindIt) {
               (Lines{notification("swp7", 2, 0, 1), entry_del("swp7"), recovered("swp7")}));
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
     EXPECT_TRUE(records().empty());
+#ifdef __SANITIZE_ADDRESS__
+    EXPECT_TRUE(__asan_address_is_poisoned(record)) << "the record was not reclaimed";
+#endif
+}
+
+TEST_F(LdaLsm, DeletingAPortWithoutATimerReclaimsItAtOnce) {
+    [[maybe_unused]] const lda_intf_t* record = looped(7, 1, 1);
+    event(1, 7);
+    EXPECT_EQ(lda_loop_result_get(7), nullptr);
+#ifdef __SANITIZE_ADDRESS__
+    EXPECT_TRUE(__asan_address_is_poisoned(record)) << "the record was not reclaimed";
+#endif
 }
 
 TEST_F(LdaLsm, TimerOfADeletedPortLeavesItsSuccessorAlone) {
