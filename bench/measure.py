@@ -203,7 +203,7 @@ def start_rested(lab):
     lab.start_agent()
     lab.configure("loop-detect enable shutdown access-mode")
     time.sleep(1)
-    previous = -1
+    previous = float("-inf")
     while cpu_ns(lab.agent.pid) - previous > 5e6:
         previous = cpu_ns(lab.agent.pid)
         time.sleep(0.5)

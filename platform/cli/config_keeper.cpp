@@ -1,5 +1,6 @@
 #include "platform/cli/config_keeper.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <vector>
@@ -77,15 +78,25 @@ void ConfigKeeper::work() {
     next_work_ = now + kSpacing;
     // From here on a request starts another round: what it is about may be missed by this one.
     pending_ = false;
-    if (save_wanted_.exchange(false)) {
-        save_soon();
-    } else {
-        text_ = generate_config(ConfigPurpose::kSave);
+    const bool save = save_wanted_.exchange(false);
+    text_ = generate_config(ConfigPurpose::kSave);
+    if (save && !save_timer_) {
+        save_timer_ = loop_.after(kSettling, [this] {
+            const Time start = loop_.clock().now();
+            save_announced();
+            rest_after(start);
+        });
     }
+    rest_after(now);
+}
+
+void ConfigKeeper::rest_after(Time start) {
+    const Time end = loop_.clock().now();
+    next_work_ = std::max(next_work_, end + kRest * (end - start));
 }
 
 // The save that an announcement asks for: silent when nothing is to be done, retried on trouble.
-void ConfigKeeper::save_soon() {
+void ConfigKeeper::save_announced() {
     const std::string fresh = text_to_save();
     if (path_.empty() || !replayed_ || file_unreadable_ || fresh == saved_text_) {
         return;
@@ -97,8 +108,8 @@ void ConfigKeeper::save_soon() {
     retry_ = loop_.after(kRetryAfter, [this] { request_save(); });
 }
 
-std::string ConfigKeeper::text_to_save() {
-    text_ = generate_config(ConfigPurpose::kSave);
+// As generated last, and what waits for its ports.
+std::string ConfigKeeper::text_to_save() const {
     std::string text = text_;
     for (const auto& [port, section] : waiting_) {
         text += "interface " + port + "\n";
@@ -130,6 +141,7 @@ std::string ConfigKeeper::save() {
     if (!replayed_) {
         return "the saved configuration is not in force yet";
     }
+    text_ = generate_config(ConfigPurpose::kSave);
     return write(text_to_save());
 }
 

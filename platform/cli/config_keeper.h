@@ -1,9 +1,11 @@
 // Keeps the running configuration: generates it on request, saves it, and replays the saved one.
 //
 // Requests come from any thread and are only noted; the work is done on the loop. The first request
-// after a pause is served at once, further ones kSpacing apart, so that a flood of announcements
-// costs a bounded share of the loop. Nothing is saved before the saved configuration was replayed:
-// that would replace it by what is not yet in force.
+// after a pause is served at once, further ones kSpacing apart, or more where that takes long, so
+// that a flood of announcements costs a bounded share of the loop. Saving waits for the disk, and
+// the loop with it: it comes kSettling later, when the commands that go with the announcement have
+// been executed. Nothing is saved before the saved configuration was replayed: that would replace
+// it by what is not yet in force.
 #pragma once
 
 #include <atomic>
@@ -20,6 +22,8 @@ namespace qv::cli {
 class ConfigKeeper final : public PortObserver {
  public:
     static constexpr std::chrono::milliseconds kSpacing{50};
+    static constexpr int kRest = 10;  // times what was done took, where that is more
+    static constexpr std::chrono::milliseconds kSettling{5};
     static constexpr std::chrono::seconds kRetryAfter{30};
 
     // `path` is the file of the saved configuration, empty for none. Must outlive the loop.
@@ -47,12 +51,13 @@ class ConfigKeeper final : public PortObserver {
  private:
     void request(bool save);
     void work();
-    void save_soon();
+    void rest_after(Time start);
+    void save_announced();
     void announce();
     void replay();
     void apply(const ConfigSection& section);
     void apply_waiting(const std::string& port);
-    std::string text_to_save();
+    std::string text_to_save() const;
     std::string write(const std::string& text);
 
     EventLoop& loop_;
@@ -69,6 +74,7 @@ class ConfigKeeper final : public PortObserver {
     bool file_unreadable_ = false;  // not to be replaced unasked
     Time next_work_{};
     EventLoop::Handle timer_;
+    EventLoop::Handle save_timer_;
     EventLoop::Handle retry_;
     std::map<std::string, ConfigSection> waiting_;  // of ports that are not there yet
 };

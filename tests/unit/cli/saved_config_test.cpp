@@ -126,14 +126,16 @@ TEST_F(SavedConfig, LinesOfAPortThatIsNotThereWaitForItAndStaySaved) {
         read_text(rig.saved()).ends_with("interface swp9\n tarn port loop-detect warning\n!\n"));
 }
 
-TEST_F(SavedConfig, AnnouncedChangeIsSavedAtOnce) {
+TEST_F(SavedConfig, AnnouncedChangeIsSavedAfterAMomentForItsCommands) {
     rig.announce_ready();
     rig.session.mode = "config";
     rig.type("tarn enable");
     EXPECT_FALSE(std::filesystem::exists(rig.saved()));
     EXPECT_EQ(cli_syn_config_notify(), 0);
     EXPECT_FALSE(std::filesystem::exists(rig.saved())) << "the announcement itself never waits";
-    rig.platform.run_ready();
+    rig.platform.run_for(4ms);
+    EXPECT_FALSE(std::filesystem::exists(rig.saved()));
+    rig.platform.run_for(1ms);
     EXPECT_EQ(read_text(rig.saved()),
               " tarn enable\n"
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
@@ -169,6 +171,30 @@ TEST_F(SavedConfig, FloodOfAnnouncementsIsServedOnceAtOnceAndOnceLater) {
     EXPECT_EQ(g_generations, 2);
 }
 
+qv::test::ManualClock* g_clock = nullptr;
+int generate_slowly(cli_pcdb*) {
+    g_clock->advance(20ms);
+    return ++g_generations;
+}
+
+TEST_F(SavedConfig, RoundThatTakesLongIsFollowedByTenTimesAsLongAPause) {
+    g_clock = &rig.platform.manual_clock;
+    qv::cli::attach(
+        CLI_CHAIN_CONFIG,
+        qv::cli::keyword("slow", "",
+                         qv::cli::print_config(generate_slowly, qv::cli::end_of_line(record))),
+        "test");
+    rig.announce_ready();
+    cli_client_c2p_reform();
+    rig.platform.run_ready();
+    EXPECT_EQ(g_generations, 1);
+    cli_client_c2p_reform();
+    rig.platform.run_for(199ms);
+    EXPECT_EQ(g_generations, 1);
+    rig.platform.run_for(1ms);
+    EXPECT_EQ(g_generations, 2);
+}
+
 TEST_F(SavedConfig, LineOfTheSwitchsOwnProgramsIsSaved) {
     rig.announce_ready();
     const int session = cli_sub_create_session();
@@ -177,7 +203,7 @@ TEST_F(SavedConfig, LineOfTheSwitchsOwnProgramsIsSaved) {
     mode.ifx = 101;
     cli_execute_cmd_buf_fd(session, "shutdown", &mode, nullptr, nullptr);
     ::close(session);
-    rig.platform.run_ready();
+    rig.platform.run_for(5ms);
     EXPECT_TRUE(read_text(rig.saved()).starts_with("interface swp1\n shutdown\n!\n"));
 }
 
