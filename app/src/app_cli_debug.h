@@ -1,7 +1,7 @@
 // Debug commands of the logging facility: levels, budget, and their command tree. Main thread.
 #pragma once
 
-#include "qv/cli.h"
+#include <qv/cli.h>
 
 // Handlers; each returns 0, and at once when called for help or completion.
 int app_cli_logfile_level(cli_pcdb* pcdb);     // "[no] debug lda logfile level"

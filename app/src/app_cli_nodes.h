@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "qv/cli.h"
+#include <qv/cli.h>
 
 // Attribute words of a keyword. The framework carries them and gives them their meaning.
 inline constexpr uint32_t APP_KEYWORD_PLAIN = 14;          // global, show and debug chains

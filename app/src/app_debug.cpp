@@ -14,9 +14,9 @@
 #include <cstdlib>
 #include <iterator>
 
+#include <qv/syslog.h>
 #include "app_shared.h"
 #include "app_string.h"
-#include "qv/syslog.h"
 
 pthread_mutex_t g_dbg_lock = PTHREAD_MUTEX_INITIALIZER;
 char g_dbg_print_buf[APP_DBG_PRINT_BYTES + 1];

@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "qv/zlog.h"
+#include <qv/zlog.h>
 
 inline constexpr size_t APP_DBG_TEXT_BYTES = 64;
 inline constexpr size_t APP_DBG_PRINT_BYTES = 1024;  // without the terminator

@@ -5,11 +5,11 @@
 // restart of the bridge agent needs no help from here.
 #include "lda_bridge.h"
 
+#include <qv/cli.h>
+#include <qv/syslog.h>
 #include "app_debug.h"
 #include "lda_cli_exec.h"
 #include "lda_main.h"
-#include "qv/cli.h"
-#include "qv/syslog.h"
 
 int lda_bridge_init(void) {
     APP_INFO("enter\n");

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include <qv/bridge.h>
 #include "lda_msg.h"
-#include "qv/bridge.h"
 
 // Starts the client. 0 or -1.
 int lda_bridge_init(void);

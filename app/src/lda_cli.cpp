@@ -7,13 +7,13 @@
 
 #include <cstring>
 
+#include <qv/lsm.h>
+#include <qv/syslog.h>
 #include "app_debug.h"
 #include "lda_cli_exec.h"
 #include "lda_cli_policy.h"
 #include "lda_debug.h"
 #include "lda_main.h"
-#include "qv/lsm.h"
-#include "qv/syslog.h"
 
 // Interface types of a range on which the interface commands are offered.
 static constexpr uint32_t IFRANGE_TYPE_MASK = 0x18050187;

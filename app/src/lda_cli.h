@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "qv/cli.h"
+#include <qv/cli.h>
 
 // Recovery time that is never written into the configuration.
 inline constexpr uint32_t LDA_RECOVER_TIME_DEFAULT_S = 300;

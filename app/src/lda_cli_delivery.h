@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <qv/cli.h>
 #include "lda_list.h"
-#include "qv/cli.h"
 
 // Module selector of a message: which detection feature its command lines are about.
 inline constexpr uint32_t LDA_MID_TARN = 0;

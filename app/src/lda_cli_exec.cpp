@@ -12,12 +12,12 @@
 #include <cstdlib>
 #include <initializer_list>
 
+#include <qv/cli.h>
 #include "app_debug.h"
 #include "lda_bridge.h"
 #include "lda_cli_delivery.h"
 #include "lda_cli_policy.h"
 #include "lda_main.h"
-#include "qv/cli.h"
 
 // The blanks before the line ends belong to the lines.
 static constexpr char LINE_SHUT[] = "shutdown \r\n";

@@ -4,8 +4,8 @@
 
 #include <cstdint>
 
+#include <qv/cli.h>
 #include "lda_msg.h"
-#include "qv/cli.h"
 
 // Handlers. Return 0.
 int lda_show_loop_detect_command(cli_pcdb* pcdb);

@@ -2,12 +2,12 @@
 // is walked without the loop lock, because records are only added and removed on this thread.
 #include "lda_debug.h"
 
+#include <qv/bridge.h>
 #include "app_cli_debug.h"
 #include "app_cli_nodes.h"
 #include "app_debug.h"
 #include "app_shared.h"
 #include "lda_msg.h"
-#include "qv/bridge.h"
 
 static constexpr int32_t SECONDS_PER_MINUTE = 60;
 

@@ -4,7 +4,7 @@
 
 #include <cstdint>
 
-#include "qv/cli.h"
+#include <qv/cli.h>
 
 // Words of a display. Static text.
 const char* detect_intf_policy_name(uint32_t policy);  // 0 "warning", else "shutdown"

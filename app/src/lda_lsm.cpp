@@ -8,14 +8,14 @@
 
 #include <cstdlib>
 
+#include <qv/bridge.h>
+#include <qv/ddm.h>
+#include <qv/lsm.h>
 #include "app_debug.h"
 #include "lda_bridge.h"
 #include "lda_cli_delivery.h"
 #include "lda_cli_exec.h"
 #include "lda_main.h"
-#include "qv/bridge.h"
-#include "qv/ddm.h"
-#include "qv/lsm.h"
 #include "storm_cli.h"
 #include "storm_detect.h"
 

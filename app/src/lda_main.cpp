@@ -15,6 +15,8 @@
 #include <cstdlib>
 #include <ctime>
 
+#include <qv/cli.h>
+#include <qv/rdnd.h>
 #include "app_debug.h"
 #include "app_string.h"
 #include "lda_bridge.h"
@@ -22,8 +24,6 @@
 #include "lda_cli_delivery.h"
 #include "lda_cli_exec.h"
 #include "lda_lsm.h"
-#include "qv/cli.h"
-#include "qv/rdnd.h"
 #include "storm_detect.h"
 
 const char* module_name = "lda";

@@ -9,10 +9,10 @@
 
 #include <cstdint>
 
+#include <qv/mom.h>
+#include <qv/thread.h>
 #include "lda_list.h"
 #include "lda_msg.h"
-#include "qv/mom.h"
-#include "qv/thread.h"
 
 // ---- Constant after start-up ----
 extern const char* module_name;         // "lda"

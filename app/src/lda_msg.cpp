@@ -13,14 +13,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <qv/bridge.h>
+#include <qv/syslog.h>
 #include "app_debug.h"
 #include "app_string.h"
 #include "lda_cli_exec.h"
 #include "lda_main.h"
 #include "lda_netconf.h"
 #include "p_bridge.pb-c.h"
-#include "qv/bridge.h"
-#include "qv/syslog.h"
 #include "storm_detect.h"
 
 static constexpr long RECOVERY_TICK_S = 10;

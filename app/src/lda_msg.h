@@ -13,10 +13,10 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <qv/mom.h>
+#include <qv/thread.h>
 #include "app_shared.h"
 #include "lda_list.h"
-#include "qv/mom.h"
-#include "qv/thread.h"
 
 struct storm_loop_msg;
 

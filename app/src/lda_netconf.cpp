@@ -10,12 +10,12 @@
 #include <cstring>
 #include <iterator>
 
+#include <qv/cli.h>
+#include <qv/netconf.h>
 #include "app_debug.h"
 #include "lda_cli_policy.h"
 #include "lda_main.h"
 #include "p_app.pb-c.h"
-#include "qv/cli.h"
-#include "qv/netconf.h"
 
 static constexpr char NOTIFY_ENTRY_PATH[] =
     "/qv-loop-detect-server-notification:loop-detect-state/loop-notify/notify-entry[name='%s']/";

@@ -5,8 +5,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <qv/mom.h>
 #include "p_mng.pb-c.h"
-#include "qv/mom.h"
 
 // What a loop notification tells.
 struct lda_notify_t {

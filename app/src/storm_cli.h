@@ -12,8 +12,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include <qv/cli.h>
 #include "lda_list.h"
-#include "qv/cli.h"
 
 // Records of all three lists are zero-filled heap blocks that begin with their links, owned by
 // their list.

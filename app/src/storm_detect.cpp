@@ -8,10 +8,10 @@
 
 #include <cstring>
 
+#include <qv/cap.h>
+#include <qv/ddm.h>
 #include "app_debug.h"
 #include "lda_main.h"
-#include "qv/cap.h"
-#include "qv/ddm.h"
 
 qv_thread_master* g_storm_master;
 qv_mom_client* g_storm_global;

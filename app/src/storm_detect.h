@@ -11,10 +11,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "qv/cli.h"
-#include "qv/fp_udp.h"
-#include "qv/mom.h"
-#include "qv/thread.h"
+#include <qv/cli.h>
+#include <qv/fp_udp.h>
+#include <qv/mom.h>
+#include <qv/thread.h>
 #include "storm_cli.h"
 
 // A verdict, handed to the loop state engine. Valid during the call.

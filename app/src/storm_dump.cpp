@@ -1,11 +1,11 @@
 // Storm detection: read-only dumps of records and statistics. None takes a lock.
 #include <cstdio>
 
+#include <qv/ddm.h>
+#include <qv/lsm.h>
 #include "app_cli_nodes.h"
 #include "app_debug.h"
 #include "lda_debug.h"
-#include "qv/ddm.h"
-#include "qv/lsm.h"
 #include "storm_detect.h"
 
 static constexpr cli_keyword_arg Sapp_dbg_storm_detect_kw =

@@ -7,8 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include <qv/ddm.h>
 #include "app_debug.h"
-#include "qv/ddm.h"
 #include "storm_detect.h"
 
 namespace {
