@@ -136,7 +136,7 @@ class DescribedPlatform final : public Platform {
         switch_ = std::make_unique<RtnlSwitch>(*loop_, config_.bridge);
         ports_ = std::make_unique<PortModel>(*switch_);
         auto plane = std::make_unique<NftForwarding>(
-            *loop_, *log_,
+            *loop_,
             NftForwarding::Settings{.bridge = config_.bridge, .find_port = [this](uint32_t phyid) {
                                         return port_with(phyid);
                                     }});

@@ -11,9 +11,8 @@
 
 namespace qv {
 
-NftForwarding::NftForwarding(EventLoop& loop, SystemLog& log, Settings settings)
+NftForwarding::NftForwarding(EventLoop& loop, Settings settings)
     : loop_(loop),
-      log_(log),
       settings_(std::move(settings)),
       table_(kTable),
       mirror_(
@@ -203,11 +202,8 @@ void NftForwarding::follow_bridge() {
     } catch (const std::runtime_error& error) {
         // Until it works every frame counts as flooded.
         if (std::exchange(mirrored_, false)) {
-            log_.write(
-                {.severity = SYSLOG_SEVERITY_ERROR,
-                 .facility = "FORWARDING",
-                 .mnemonic = "MIRROR",
-                 .text = std::string("The bridge's addresses are not known: ") + error.what()});
+            printk_syslog(SYSLOG_SEVERITY_ERROR, "FORWARDING", "MIRROR",
+                          "The bridge's addresses are not known: %s", error.what());
         }
     }
 }
@@ -267,11 +263,8 @@ void NftForwarding::report(const std::map<std::string, PacketCounts>& counters) 
 
 // The whole table in one transaction, then the known addresses.
 void NftForwarding::put_back() {
-    log_.write({.severity = SYSLOG_SEVERITY_WARNING,
-                .facility = "FORWARDING",
-                .mnemonic = "RESTORED",
-                .text = "The rules of storm-loop-detect were changed from outside and are put "
-                        "back."});
+    printk_syslog(SYSLOG_SEVERITY_WARNING, "FORWARDING", "RESTORED",
+                  "The rules of storm-loop-detect were changed from outside and are put back.");
     int error = run_anew();
     if (error == 0) {
         const std::vector<MacAddress> known(mirror_.known().begin(), mirror_.known().end());
@@ -320,12 +313,10 @@ void NftForwarding::log_refusal(int error) {
     if (std::exchange(logged_refusal_, error) == error) {
         return;
     }
-    const std::string text = std::string("A rule of storm-loop-detect cannot be installed: ") +
-                             std::strerror(error) + ". Storms are not found there.";
-    log_.write({.severity = SYSLOG_SEVERITY_ERROR,
-                .facility = "FORWARDING",
-                .mnemonic = "REFUSED",
-                .text = text});
+    printk_syslog(
+        SYSLOG_SEVERITY_ERROR, "FORWARDING", "REFUSED",
+        "A rule of storm-loop-detect cannot be installed: %s. Storms are not found there.",
+        std::strerror(error));
 }
 
 }  // namespace qv

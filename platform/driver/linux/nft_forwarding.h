@@ -20,7 +20,6 @@
 #include "platform/driver/linux/fdb_mirror.h"
 #include "platform/driver/linux/nft_table.h"
 #include "platform/driver/switch_driver.h"
-#include "platform/driver/system_log.h"
 
 namespace qv {
 
@@ -40,8 +39,8 @@ class NftForwarding final : public ForwardingDriver {
         int receive_buffer = FdbMirror::kReceiveBuffer;
     };
 
-    // Nothing is opened before the first request. Loop and log must outlive the plane.
-    NftForwarding(EventLoop& loop, SystemLog& log, Settings settings);
+    // Nothing is opened before the first request. The loop must outlive the plane.
+    NftForwarding(EventLoop& loop, Settings settings);
     ~NftForwarding() override;  // as close()
 
     void start(ForwardingSink& sink) override;
@@ -85,7 +84,6 @@ class NftForwarding final : public ForwardingDriver {
     void log_refusal(int error);
 
     EventLoop& loop_;
-    SystemLog& log_;
     const Settings settings_;
     ForwardingSink* sink_ = nullptr;
     NftTable table_;

@@ -115,7 +115,7 @@ std::string port_line(const std::string& name) {
 
 // Sends frames of 60 bytes out of a device.
 void send_frames(const std::string& device, MacAddress destination, unsigned count,
-                 uint16_t type = 0x0800, int vlan = -1) {
+                 uint16_t type = 0x88B6, int vlan = -1) {
     const int fd = socket(AF_PACKET, SOCK_RAW, 0);
     ASSERT_GE(fd, 0);
     std::array<unsigned char, 60> frame{};
@@ -163,14 +163,14 @@ struct NftForwardingTest : testing::Test {
 
     void make_plane(int receive_buffer) {
         plane = std::make_unique<NftForwarding>(
-            loop, platform.log,
-            NftForwarding::Settings{.bridge = "br0",
-                                    .find_port =
-                                        [this](uint32_t phyid) {
-                                            const auto found = ports.find(phyid);
-                                            return found == ports.end() ? nullptr : &found->second;
-                                        },
-                                    .receive_buffer = receive_buffer});
+            loop, NftForwarding::Settings{.bridge = "br0",
+                                          .find_port =
+                                              [this](uint32_t phyid) {
+                                                  const auto found = ports.find(phyid);
+                                                  return found == ports.end() ? nullptr
+                                                                              : &found->second;
+                                              },
+                                          .receive_buffer = receive_buffer});
         plane->start(sink);
     }
 
