@@ -179,7 +179,7 @@ struct NftForwardingTest : testing::Test {
     }
 
     bool wait_for(const std::function<bool()>& done) {
-        return test::run_until(loop, done, std::chrono::seconds(20));
+        return test::run_until(loop, done, std::chrono::seconds(300));
     }
 
     void turn_for(Duration time) {
