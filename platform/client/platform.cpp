@@ -109,14 +109,8 @@ class DescribedPlatform final : public Platform {
         switch_ = std::move(embedded);
         ports_ = std::make_unique<PortModel>(ports);
 
-        auto plane = std::make_unique<EmbeddedForwarding>(*loop_, [this](uint32_t phyid) {
-            for (const auto& [ifx, port] : ports_->ports()) {
-                if (port.phyid == phyid) {
-                    return true;
-                }
-            }
-            return false;
-        });
+        auto plane = std::make_unique<EmbeddedForwarding>(
+            *loop_, [this](uint32_t phyid) { return ports_->find_phyid(phyid) != nullptr; });
         ports.set_rate_listener([traffic = plane.get()](uint32_t phyid, uint64_t pps) {
             traffic->set_rate(phyid, pps);
         });
