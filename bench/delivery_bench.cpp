@@ -104,6 +104,7 @@ int main(int argc, char** argv) {
     }
     const std::chrono::duration<double> took = Clock::now() - start;
     const uint64_t lines = g_lines;
+    const int64_t longest_work_ns = g_longest_work_ns;
     done = true;
     prober.join();
 
