@@ -67,7 +67,8 @@ TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
               "interface swp1\n"
               " tarn port loop-detect warning\n"
               " storm-loop-detect enable\n"
-              "!\n");
+              "!\n"
+              "end\n");
     EXPECT_EQ(rig.type({"end", "show loop-detect"}),
               "loop-detect state   : enable\nloop-detect policy  : shutdown access-hybrid\n\n" +
                   kHeading);
@@ -81,7 +82,7 @@ TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
     EXPECT_EQ(rig.stored_policy(), 0);
     EXPECT_EQ(rig.running_config(), "interface swp1\n!\n");
     rig.advance(10s);
-    EXPECT_EQ(content(rig.saved_file()), "interface swp1\n!\n");
+    EXPECT_EQ(content(rig.saved_file()), "interface swp1\n!\nend\n");
     EXPECT_EQ(rig.take_log(), Lines{});
 }
 

@@ -47,7 +47,8 @@ TEST(SavedConfiguration, PortShutByTheAgentIsSavedAsSuch) {
               " tarn port loop-detect warning\n"
               " loop-detect apply shutdown-port\n"
               " storm-loop-detect enable\n"
-              "!\n");
+              "!\n"
+              "end\n");
 }
 
 TEST(SavedConfiguration, HeldPortIsRecoveredAfterARestart) {

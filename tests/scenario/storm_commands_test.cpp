@@ -129,7 +129,7 @@ TEST(StormCommands, RateBeforeEnableIsShownAndSavedWithoutABurst) {
     EXPECT_EQ(rig.running_config(), kSaved);
     EXPECT_EQ(installed(rig), Lines{"5000/1024"});
     rig.type({"end", "write"});
-    EXPECT_EQ(content(rig.saved_file()), kSaved);
+    EXPECT_EQ(content(rig.saved_file()), std::string(kSaved) + "end\n");
 }
 
 TEST(StormCommands, RateAfterEnableIsShownAndSavedWithoutABurst) {
@@ -139,7 +139,7 @@ TEST(StormCommands, RateAfterEnableIsShownAndSavedWithoutABurst) {
     EXPECT_EQ(rig.running_config(), kSaved);
     EXPECT_EQ(installed(rig), Lines{"5000/1024"});
     rig.type({"end", "write"});
-    EXPECT_EQ(content(rig.saved_file()), kSaved);
+    EXPECT_EQ(content(rig.saved_file()), std::string(kSaved) + "end\n");
 }
 
 void expect_restored_from(const std::string& saved) {
