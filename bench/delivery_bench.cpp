@@ -104,6 +104,7 @@ int main(int argc, char** argv) {
     }
     const std::chrono::duration<double> took = Clock::now() - start;
     const uint64_t lines = g_lines;
+    const int64_t longest_work_ns = g_longest_work_ns;
     done = true;
     prober.join();
 
@@ -116,5 +117,5 @@ int main(int argc, char** argv) {
         "{\"lines\": %llu, \"seconds\": %.3f, \"delay_p50\": %lld, \"delay_p99\": %lld, "
         "\"delay_longest\": %lld, \"work_longest\": %lld}\n",
         static_cast<unsigned long long>(lines), took.count(), at(0.5), at(0.99), at(1.0),
-        static_cast<long long>(g_longest_work_ns));
+        static_cast<long long>(longest_work_ns));
 }

@@ -23,6 +23,7 @@ from lab import BUILD, Lab, wait_for  # noqa: E402  (the path comes first)
 
 PROGRAMS = BUILD / "bench"
 TABLE_SIZE = 10  # ports in the loop state at a time
+SIZES = (48, 512, 4096)  # ports of a small, a large and the largest simulated switch
 
 
 def say(text):
@@ -174,10 +175,11 @@ def measure_redis(options):
                     rates[who, how].append(
                         flood(lab, count, TABLE_SIZE + 1, ports - TABLE_SIZE, loop, stopped))
     result = []
-    for how, text in (("streamed", "while they are sent"), ("waiting", "from a backlog")):
+    for how, text, limit in (("streamed", "as they are sent", ("min", 0.6)),
+                             ("waiting", "from a backlog", None)):
         result.append(row(f"reports through Redis, {text}",
                           statistics.median(rates["agent", how]), "1/s",
-                          floor=statistics.median(rates["bare", how]), limit=("min", 0.6)))
+                          floor=statistics.median(rates["bare", how]), limit=limit))
     return result
 
 
@@ -211,15 +213,14 @@ def start_rested(lab):
 
 def measure_start(options):
     result, medians = [], {}
-    sizes = (48, 512, 4096)
-    for ports in sizes:
+    for ports in SIZES:
         with Lab(ports=ports) as lab:
             say(f"start: {ports} ports")
             os.environ["LDA_PLATFORM"] = str(lab.platform_file)
             times = [start_time_ms(lab) for _ in range(3 if options.quick else 15)]
             medians[ports] = statistics.median(times)
             # Ready in time that grows with the ports, compared with the next smaller switch.
-            smaller = [n for n in sizes if n < ports]
+            smaller = [n for n in SIZES if n < ports]
             floor = medians[smaller[-1]] * ports / smaller[-1] if smaller else None
             result.append(row(f"start to cli ready, {ports} ports", medians[ports], "ms", floor=floor,
                               limit=("max", 1) if floor else None))
@@ -238,10 +239,13 @@ def cpu_ns(pid):
 
 def measure_idle(options):
     seconds, result = 5 if options.quick else 30, []
-    with Lab(ports=512) as simulated, Lab(switch="linux", ports=TABLE_SIZE) as kernel:
-        kernel.start_redis()
-        labs = {"simulated switch, 512 ports": simulated, "bridge with 10 ports and Redis": kernel}
+    with contextlib.ExitStack() as stack:
+        labs = {f"simulated switch, {n} ports": Lab(ports=n) for n in SIZES}
+        labs[f"bridge with {TABLE_SIZE} ports, Redis"] = Lab(switch="linux", ports=TABLE_SIZE)
         for lab in labs.values():
+            stack.enter_context(lab)
+            if lab.store == "redis":
+                lab.start_redis()
             start_rested(lab)
         before = [cpu_ns(lab.agent.pid) for lab in labs.values()]
         started = time.monotonic()

@@ -102,8 +102,7 @@ def simulated():
 
         say.act("Plugged again, and the agent is killed while the ports are shut")
         say.type("test loop plug swp3 swp7")
-        wait_for(lambda: lab.startup_config.read_text().count("apply shutdown-port") == 2, 10,
-                 "the marks are saved")
+        wait_for(lambda: lab.saved().count("apply shutdown-port") == 2, 10, "the marks are saved")
         lab.kill_agent()
         print("    (killed)")
         lab.start_agent()

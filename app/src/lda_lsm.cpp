@@ -75,7 +75,7 @@ static lda_intf_t* create_intf(uint32_t ifx) {
     APP_INFO_AS("lda_add_intf", "ifx=%d, type=%d\n", static_cast<int>(ifx),
                 static_cast<int>(record->mode));
     lsm_if_get_sname(ifx, record->name, sizeof record->name);
-    lda_list_add_tail(&g_lda_loop_set->list, &record->link);
+    lda_intf_link(record);
     g_lda_loop_set->intf_num++;
     APP_INFO_AS("lda_add_intf", "+++LDA add intf:ifx=%d, name=%s, intf_num=%d\n",
                 static_cast<int>(ifx), record->name, g_lda_loop_set->intf_num);
@@ -119,7 +119,7 @@ void lda_del_intf(uint32_t ifx) {
     lda_intf_t* record = lda_loop_result_get(ifx);
     if (!record)
         return;
-    lda_list_unlink(&record->link);
+    lda_intf_unlink(record);
     lda_intf_release(record);
     g_lda_loop_set->intf_num--;
     APP_INFO("---LDA delete intf:ifx=%d, intf_num=%d\n", static_cast<int>(ifx),

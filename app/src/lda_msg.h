@@ -129,6 +129,11 @@ void lda_cli_recover_time_set(uint32_t time, uint8_t enabled);
 // Seconds, 0 while recovery is disabled.
 uint32_t lda_cli_recover_time_get(void);
 
+// Puts a record with an interface index of its own at the end of the list, or takes it out. The
+// caller holds the loop lock, counts and owns the record.
+void lda_intf_link(lda_intf_t* record);
+void lda_intf_unlink(lda_intf_t* record);
+
 // The record of a port, or null. Valid until the port is deleted. The delivery thread calls it
 // under the loop lock.
 lda_intf_t* lda_loop_result_get(uint32_t ifx);

@@ -69,6 +69,17 @@ void sync_folder_of(const std::string& path) {
     }
 }
 
+std::string staged_name(const std::string& path) {
+    return path + ".new";
+}
+
+// The reason in errno; the staged file is gone.
+std::string given_up(const std::string& staged) {
+    std::string reason = std::strerror(errno);
+    ::unlink(staged.c_str());
+    return reason;
+}
+
 }  // namespace
 
 std::vector<ConfigSection> parse_config(std::string_view text) {
@@ -122,21 +133,38 @@ std::optional<std::string> read_config_file(const std::string& path) {
     return text;
 }
 
-std::string write_config_file(const std::string& path, std::string_view text) {
-    const std::string fresh = path + ".new";
+std::string stage_config_file(const std::string& path, std::string_view text) {
+    const std::string staged = staged_name(path);
     Descriptor fd(
-        ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode));
+        ::open(staged.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode));
     if (fd.get() < 0) {
         return std::strerror(errno);
     }
-    if (!write_all(fd.get(), text) || ::fsync(fd.get()) != 0 || fd.reset() != 0 ||
-        ::rename(fresh.c_str(), path.c_str()) != 0) {
-        std::string reason = std::strerror(errno);
-        ::unlink(fresh.c_str());
-        return reason;
+    if (!write_all(fd.get(), text) || fd.reset() != 0) {
+        return given_up(staged);
+    }
+    return {};
+}
+
+std::string commit_config_file(const std::string& path) {
+    const std::string staged = staged_name(path);
+    Descriptor fd(::open(staged.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
+    if (fd.get() < 0 || ::fsync(fd.get()) != 0 || fd.reset() != 0 ||
+        ::rename(staged.c_str(), path.c_str()) != 0) {
+        return given_up(staged);
     }
     sync_folder_of(path);
     return {};
+}
+
+void recover_config_file(const std::string& path) {
+    const std::string staged = staged_name(path);
+    const std::optional<std::string> text = read_config_file(staged);
+    if (text && text->ends_with(kConfigEnd)) {
+        commit_config_file(path);
+    } else if (text) {
+        ::unlink(staged.c_str());
+    }
 }
 
 }  // namespace qv::cli

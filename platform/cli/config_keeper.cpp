@@ -80,12 +80,8 @@ void ConfigKeeper::work() {
     pending_ = false;
     const bool save = save_wanted_.exchange(false);
     text_ = generate_config(ConfigPurpose::kSave);
-    if (save && !save_timer_) {
-        save_timer_ = loop_.after(kSettling, [this] {
-            const Time start = loop_.clock().now();
-            save_announced();
-            rest_after(start);
-        });
+    if (save) {
+        stage_announced();
     }
     rest_after(now);
 }
@@ -96,15 +92,34 @@ void ConfigKeeper::rest_after(Time start) {
 }
 
 // The save that an announcement asks for: silent when nothing is to be done, retried on trouble.
-void ConfigKeeper::save_announced() {
-    const std::string fresh = text_to_save();
+void ConfigKeeper::stage_announced() {
+    std::string fresh = text_to_save();
     if (path_.empty() || !replayed_ || file_unreadable_ || fresh == saved_text_) {
         return;
     }
-    const std::string trouble = write(fresh);
-    if (trouble.empty()) {
+    const std::string trouble = stage_config_file(path_, fresh);
+    if (!trouble.empty()) {
+        told(trouble);
+        retry_later();
         return;
     }
+    saved_text_ = std::move(fresh);
+    if (!commit_timer_) {
+        commit_timer_ = loop_.after(kSettling, [this] { commit_announced(); });
+    }
+}
+
+void ConfigKeeper::commit_announced() {
+    const Time start = loop_.clock().now();
+    if (!told(commit_config_file(path_)).empty()) {
+        retry_later();
+    }
+    rest_after(start);
+}
+
+void ConfigKeeper::retry_later() {
+    saved_text_.clear();
+    commit_timer_.reset();
     retry_ = loop_.after(kRetryAfter, [this] { request_save(); });
 }
 
@@ -118,13 +133,13 @@ std::string ConfigKeeper::text_to_save() const {
         }
         text += "!\n";
     }
+    text += kConfigEnd;
     return text;
 }
 
-std::string ConfigKeeper::write(const std::string& text) {
-    std::string trouble = write_config_file(path_, text);
+// Reports the outcome of a step of saving, each trouble once, and hands it back.
+std::string ConfigKeeper::told(std::string trouble) {
     if (trouble.empty()) {
-        saved_text_ = text;
         file_unreadable_ = false;
         retry_.reset();
     } else if (trouble != save_trouble_) {
@@ -142,7 +157,16 @@ std::string ConfigKeeper::save() {
         return "the saved configuration is not in force yet";
     }
     text_ = generate_config(ConfigPurpose::kSave);
-    return write(text_to_save());
+    saved_text_ = text_to_save();
+    commit_timer_.reset();
+    std::string trouble = stage_config_file(path_, saved_text_);
+    if (trouble.empty()) {
+        trouble = commit_config_file(path_);
+    }
+    if (!trouble.empty()) {
+        saved_text_.clear();
+    }
+    return told(std::move(trouble));
 }
 
 void ConfigKeeper::announce() {
@@ -162,6 +186,7 @@ void ConfigKeeper::replay() {
     if (path_.empty()) {
         return;
     }
+    recover_config_file(path_);
     const std::optional<std::string> text = read_config_file(path_);
     if (!text) {
         if (errno != ENOENT) {

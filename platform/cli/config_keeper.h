@@ -2,10 +2,11 @@
 //
 // Requests come from any thread and are only noted; the work is done on the loop. The first request
 // after a pause is served at once, further ones kSpacing apart, or more where that takes long, so
-// that a flood of announcements costs a bounded share of the loop. Saving waits for the disk, and
-// the loop with it: it comes kSettling later, when the commands that go with the announcement have
-// been executed. Nothing is saved before the saved configuration was replayed: that would replace
-// it by what is not yet in force.
+// that a flood of announcements costs a bounded share of the loop. What is announced is staged at
+// once, so that this process may die; the disk is waited for, and the loop waits with it,
+// kSettling later, when the commands that go with the announcement have been executed. Nothing is
+// saved before the saved configuration was replayed: that would replace it by what is not yet in
+// force.
 #pragma once
 
 #include <atomic>
@@ -52,13 +53,15 @@ class ConfigKeeper final : public PortObserver {
     void request(bool save);
     void work();
     void rest_after(Time start);
-    void save_announced();
+    void stage_announced();
+    void commit_announced();
+    void retry_later();
     void announce();
     void replay();
     void apply(const ConfigSection& section);
     void apply_waiting(const std::string& port);
     std::string text_to_save() const;
-    std::string write(const std::string& text);
+    std::string told(std::string trouble);
 
     EventLoop& loop_;
     const std::string path_;
@@ -68,13 +71,13 @@ class ConfigKeeper final : public PortObserver {
 
     // Loop thread only.
     std::string text_;          // as generated last
-    std::string saved_text_;    // what this process wrote last
+    std::string saved_text_;    // what was staged or read last
     std::string save_trouble_;  // why the last save failed, empty when it did not
     bool replayed_ = false;
     bool file_unreadable_ = false;  // not to be replaced unasked
     Time next_work_{};
     EventLoop::Handle timer_;
-    EventLoop::Handle save_timer_;
+    EventLoop::Handle commit_timer_;  // pending while something is staged
     EventLoop::Handle retry_;
     std::map<std::string, ConfigSection> waiting_;  // of ports that are not there yet
 };

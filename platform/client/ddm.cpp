@@ -15,14 +15,10 @@ int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t* phyid) {
 }
 
 int libddm_get_ifx_by_phyid(uint32_t phyid, uint32_t* ifx) {
-    if (phyid == 0) {
+    const qv::Port* port = qv::platform().ports().find_phyid(phyid);
+    if (!port) {
         return ENOENT;
     }
-    for (const auto& [index, port] : qv::platform().ports().ports()) {
-        if (port.phyid == phyid) {
-            *ifx = index;
-            return 0;
-        }
-    }
-    return ENOENT;
+    *ifx = port->ifx;
+    return 0;
 }

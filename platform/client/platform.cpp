@@ -123,22 +123,13 @@ class DescribedPlatform final : public Platform {
         return made;
     }
 
-    const Port* port_with(uint32_t phyid) const {
-        for (const auto& [ifx, port] : ports_->ports()) {
-            if (port.phyid == phyid) {
-                return &port;
-            }
-        }
-        return nullptr;
-    }
-
     void make_linux_switch() {
         switch_ = std::make_unique<RtnlSwitch>(*loop_, config_.bridge);
         ports_ = std::make_unique<PortModel>(*switch_);
         auto plane = std::make_unique<NftForwarding>(
             *loop_,
             NftForwarding::Settings{.bridge = config_.bridge, .find_port = [this](uint32_t phyid) {
-                                        return port_with(phyid);
+                                        return ports_->find_phyid(phyid);
                                     }});
         port_follower_ = std::make_unique<PortFollower>(*plane);
         ports_->add_observer(*port_follower_);
@@ -155,7 +146,7 @@ class DescribedPlatform final : public Platform {
         ports_ = std::make_unique<PortModel>(ports);
 
         auto plane = std::make_unique<EmbeddedForwarding>(
-            *loop_, [this](uint32_t phyid) { return port_with(phyid) != nullptr; });
+            *loop_, [this](uint32_t phyid) { return ports_->find_phyid(phyid) != nullptr; });
         ports.set_rate_listener([traffic = plane.get()](uint32_t phyid, uint64_t pps) {
             traffic->set_rate(phyid, pps);
         });

@@ -36,6 +36,11 @@ const Port* PortModel::find(std::string_view name) const {
     return found == names_.end() ? nullptr : find(found->second);
 }
 
+const Port* PortModel::find_phyid(uint32_t phyid) const {
+    const auto found = phyids_.find(phyid);
+    return found == phyids_.end() ? nullptr : find(found->second);
+}
+
 const std::map<uint32_t, Port>& PortModel::ports() const {
     return ports_;
 }
@@ -69,7 +74,7 @@ void PortModel::port_added(const Port& port) {
         port_changed(port);
         return;
     }
-    names_[port.name] = port.ifx;
+    index(port);
     for (PortObserver* observer : observers_) {
         observer->on_added(entry->second);
     }
@@ -82,7 +87,7 @@ void PortModel::port_removed(uint32_t ifx) {
     }
     const Port gone = std::move(found->second);
     ports_.erase(found);
-    forget_name(gone);
+    forget(gone);
     for (PortObserver* observer : observers_) {
         observer->on_removed(gone);
     }
@@ -94,9 +99,9 @@ void PortModel::port_changed(const Port& port) {
         return;
     }
     const Port before = std::exchange(found->second, port);
-    if (before.name != port.name) {
-        forget_name(before);
-        names_[port.name] = port.ifx;
+    if (before.name != port.name || before.phyid != port.phyid) {
+        forget(before);
+        index(port);
     }
     for (PortObserver* observer : observers_) {
         observer->on_changed(before, found->second);
@@ -124,12 +129,23 @@ void PortModel::ports_complete() {
     }
 }
 
+void PortModel::index(const Port& port) {
+    names_[port.name] = port.ifx;
+    if (port.phyid != 0) {
+        phyids_[port.phyid] = port.ifx;
+    }
+}
+
 // Two ports that swap their names pass through a moment in which one name stands for both: the
-// later report has it.
-void PortModel::forget_name(const Port& port) {
-    const auto found = names_.find(port.name);
-    if (found != names_.end() && found->second == port.ifx) {
-        names_.erase(found);
+// later report has it. The same with their ids.
+void PortModel::forget(const Port& port) {
+    const auto name = names_.find(port.name);
+    if (name != names_.end() && name->second == port.ifx) {
+        names_.erase(name);
+    }
+    const auto phyid = phyids_.find(port.phyid);
+    if (phyid != phyids_.end() && phyid->second == port.ifx) {
+        phyids_.erase(phyid);
     }
 }
 

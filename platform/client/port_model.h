@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "platform/client/event_loop.h"
@@ -33,6 +34,7 @@ class PortModel final : public PortSink {
 
     const Port* find(uint32_t ifx) const;           // null when unknown
     const Port* find(std::string_view name) const;  // by short name
+    const Port* find_phyid(uint32_t phyid) const;   // by forwarding-plane id; 0 is nobody's
     const std::map<uint32_t, Port>& ports() const;  // ascending interface index
 
     // Requests of the command line. Empty when done, else the reason.
@@ -51,11 +53,13 @@ class PortModel final : public PortSink {
     void ports_complete() override;
 
  private:
-    void forget_name(const Port& port);
+    void index(const Port& port);
+    void forget(const Port& port);
 
     SwitchDriver& driver_;
     std::map<uint32_t, Port> ports_;
     std::map<std::string, uint32_t, std::less<>> names_;  // short name to interface index
+    std::unordered_map<uint32_t, uint32_t> phyids_;       // forwarding-plane id to interface index
     std::vector<PortObserver*> observers_;
     bool complete_ = false;
 };

@@ -59,7 +59,7 @@ TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
     EXPECT_EQ(rig.type("loop-detect enable shutdown access-hybrid-mode"), "");
     EXPECT_EQ(rig.stored_policy(), 4);
     rig.take_executed();
-    rig.advance(1s);
+    rig.advance(10s);
     EXPECT_EQ(content(rig.saved_file()),
               " tarn enable\n"
               " tarn error-recover interval 90\n"
@@ -67,7 +67,8 @@ TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
               "interface swp1\n"
               " tarn port loop-detect warning\n"
               " storm-loop-detect enable\n"
-              "!\n");
+              "!\n"
+              "end\n");
     EXPECT_EQ(rig.type({"end", "show loop-detect"}),
               "loop-detect state   : enable\nloop-detect policy  : shutdown access-hybrid\n\n" +
                   kHeading);
@@ -80,8 +81,8 @@ TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
                      "interface 1: no storm-loop-detect enable\r\n"}));
     EXPECT_EQ(rig.stored_policy(), 0);
     EXPECT_EQ(rig.running_config(), "interface swp1\n!\n");
-    rig.advance(1s);
-    EXPECT_EQ(content(rig.saved_file()), "interface swp1\n!\n");
+    rig.advance(10s);
+    EXPECT_EQ(content(rig.saved_file()), "interface swp1\n!\nend\n");
     EXPECT_EQ(rig.take_log(), Lines{});
 }
 
@@ -126,6 +127,7 @@ TEST(Policy, ChangeMovesTheShutdownFromAccessToHybridPorts) {
     EXPECT_EQ(rig.entry("swp1"), "policy=1 src_port=1");
     EXPECT_EQ(rig.entry("swp2"), "policy=0 src_port=1");
     EXPECT_EQ(rig.entry("swp3"), "policy=0 src_port=0");
+    rig.advance(10s);  // nothing is left to be generated
     rig.trace();
 
     rig.type({"configure terminal", "loop-detect enable shutdown hybrid-mode"});

@@ -4,10 +4,11 @@
 #include <pthread.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
 #include <cstdlib>
 #include <fstream>
-#include <regex>
 #include <sstream>
 
 #include "lda_cli_delivery.h"
@@ -93,6 +94,18 @@ Lines& announcements() {
     return *the_lines;
 }
 
+// "<function:12> text" as "<function> text".
+std::string without_line_number(std::string line) {
+    const size_t end = line.find("> ");
+    const size_t colon = line.rfind(':', end);
+    const bool numbered = end != std::string::npos && colon != std::string::npos &&
+                          colon + 1 < end &&
+                          std::all_of(line.begin() + static_cast<std::ptrdiff_t>(colon) + 1,
+                                      line.begin() + static_cast<std::ptrdiff_t>(end),
+                                      [](unsigned char c) { return std::isdigit(c) != 0; });
+    return numbered ? line.erase(colon, end - colon) : line;
+}
+
 }  // namespace
 
 extern "C" int __wrap_cli_execute_cmd_buf_fd(int session, const char* line, const cli_mode* mode,
@@ -129,14 +142,13 @@ namespace qv::test {
 class SwitchRig::Log final : public SystemLog {
  public:
     void write(const SystemLogMessage& message) override {
-        static const std::regex line_number("<(\\w+):\\d+> ");
         std::string line(message.facility);
         line += "-" + std::to_string(message.severity) + "-";
         line += message.mnemonic;
         line += ": ";
         line += message.text;
         const bool on_main = std::this_thread::get_id() == main_thread;
-        (on_main ? main : delivery).add(std::regex_replace(line, line_number, "<$1> "));
+        (on_main ? main : delivery).add(without_line_number(std::move(line)));
     }
 
     std::atomic<std::thread::id> main_thread;

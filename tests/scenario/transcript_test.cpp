@@ -1,7 +1,9 @@
 // Everything the agent says on its way through the life of one loop, compared whole.
 #include <gtest/gtest.h>
 
-#include <regex>
+#include <algorithm>
+#include <iterator>
+#include <sstream>
 
 #include "app_debug.h"
 #include "tests/scenario/lines.h"
@@ -18,22 +20,20 @@ SwitchRig::Options two_ports() {
     return options;
 }
 
-// What the two-port agent says when the running configuration is generated under "shutdown access",
-// with the marks of its ports.
-Lines regenerated(std::string_view swp1, std::string_view swp2) {
-    const std::string first = "<cfg_lda_cli_apply_shutdown_command_int> port is 1, shutdown =";
-    const std::string second = "<cfg_lda_cli_apply_shutdown_command_int> port is 2, shutdown =";
-    return traced({
-        "<cfg_lda_cli_warning_command> enter",
-        "<lda_policy_set> enter type=1, pcdb=16",
-        "<lda_policy_set> su=2",
-        "<cfg_lda_cli_apply_shutdown_command> commnad cli_apply_shutdown=1",
-        "<cfg_lda_cli_apply_shutdown_command_int> enter",
-        first + std::string(swp1),
-        "<cfg_lda_cli_apply_shutdown_command> commnad cli_apply_shutdown=2",
-        "<cfg_lda_cli_apply_shutdown_command_int> enter",
-        second + std::string(swp2),
+// When the platform generates the running configuration is its own business. What the agent says
+// to that has a test of its own and is left out of the others.
+Lines without_generation(Lines lines) {
+    std::erase_if(lines, [](const std::string& line) {
+        constexpr std::string_view kGenerating[] = {
+            "LDA-6-INFO: <cfg_lda_cli_warning_command> enter",
+            "LDA-6-INFO: <lda_policy_set> enter type=1, pcdb=16",
+            "LDA-6-INFO: <lda_policy_set> su=",
+            "LDA-6-INFO: <cfg_lda_cli_apply_shutdown_command",
+        };
+        return std::any_of(std::begin(kGenerating), std::end(kGenerating),
+                           [&](std::string_view start) { return line.starts_with(start); });
     });
+    return lines;
 }
 
 TEST(Transcript, StartWithTwoPorts) {
@@ -103,22 +103,21 @@ TEST(Transcript, PolicyCommandSwitchesBothDetectionsOnForEveryPort) {
     rig.type("no storm-loop-detect enable");  // a mode too early: refused, changes nothing
     rig.trace();
     EXPECT_EQ(rig.type({"configure terminal", "loop-detect enable shutdown access-mode"}), "");
-    const Lines log = rig.take_log();
-    ASSERT_GE(log.size(), 17U);
+    const Lines log = without_generation(rig.take_log());
+    ASSERT_GE(log.size(), 8U);
     // Behind these the switch runs the lines of the delivery thread.
-    EXPECT_EQ(Lines(log.begin(), log.begin() + 17),
-              together({traced({
-                            "<cfg_lda_cli_shutdown_access_command> enter",
-                            "<lda_policy_set> enter type=2, pcdb=0",
-                            "<lda_intf_ret_proc> ifx=1 act_shut=0/0,act_notify=0,",
-                            "<lda_cfg_policy_chg_cbk> ifx=1, is_shutdown=0",
-                            "<lda_intf_ret_proc> ifx=2 act_shut=0/0,act_notify=0,",
-                            "<lda_cfg_policy_chg_cbk> ifx=2, is_shutdown=0",
-                            "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
-                            "signal[2,0,2,0].",
-                            "<lda_cli_policy_set> old_type=0, new_type=2, msg_type=5",
-                        }),
-                        regenerated("0", "0")}));
+    EXPECT_EQ(Lines(log.begin(), log.begin() + 8),
+              traced({
+                  "<cfg_lda_cli_shutdown_access_command> enter",
+                  "<lda_policy_set> enter type=2, pcdb=0",
+                  "<lda_intf_ret_proc> ifx=1 act_shut=0/0,act_notify=0,",
+                  "<lda_cfg_policy_chg_cbk> ifx=1, is_shutdown=0",
+                  "<lda_intf_ret_proc> ifx=2 act_shut=0/0,act_notify=0,",
+                  "<lda_cfg_policy_chg_cbk> ifx=2, is_shutdown=0",
+                  "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
+                  "signal[2,0,2,0].",
+                  "<lda_cli_policy_set> old_type=0, new_type=2, msg_type=5",
+              }));
     EXPECT_EQ(rig.take_delivery_log(),
               traced({
                   "<lda_cli_msg_thread_proc> ---The number of cli msg is 0, receive a "
@@ -146,28 +145,26 @@ TEST(Transcript, FreshLoopUnderShutdownAccess) {
     rig.set_policy("shutdown access-mode");
     rig.trace();
     rig.report(1, 1, 1);
-    EXPECT_EQ(
-        rig.take_log(),
-        together({traced({
-                      "<lda_tarn_mom_subscribe_callback> recv mom msg, cmd[1]",
-                      "<lda_tarn_mom_subscribe_callback> recv tarn msg, ifx[1] vid[1] is_loop[1] "
-                      "src_ifx[1]",
-                      "<lda_loop_exec_policy> ifx=1, type=2, mode=1",
-                      "<lda_intf_ret_proc> ifx=1 act_shut=1/1,act_notify=1,",
-                      "<lda_send_shutcmd> enter ifx=1, shutdown=1",
-                      "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
-                      "signal[2,1,0,1].",
-                      // The port is not in the table yet: first its end is told, then its loop.
-                      "<lda_send_info_ntf> send loop-detect state, name[swp1] notify_type[2] "
-                      "vid[0] policy[1] src-port[1]",
-                      "<lda_mom_del_loop_entry> delete loop entry: name=swp1",
-                      "<lda_loop_result_add> +++lda add loop interface ifx=1 , loop_num=1",
-                      "<lda_send_info_ntf> send loop-detect state, name[swp1] notify_type[1] "
-                      "vid[0] policy[1] src-port[1]",
-                      "<lda_mom_set_loop_entry> set loop entry: name=swp1, policy=1,is_src=1",
-                      "LOOP_DETECT-3-ERROR: Detected loop error on interface swp1.",
-                  }),
-                  regenerated("1", "0")}));
+    EXPECT_EQ(without_generation(rig.take_log()),
+              traced({
+                  "<lda_tarn_mom_subscribe_callback> recv mom msg, cmd[1]",
+                  "<lda_tarn_mom_subscribe_callback> recv tarn msg, ifx[1] vid[1] is_loop[1] "
+                  "src_ifx[1]",
+                  "<lda_loop_exec_policy> ifx=1, type=2, mode=1",
+                  "<lda_intf_ret_proc> ifx=1 act_shut=1/1,act_notify=1,",
+                  "<lda_send_shutcmd> enter ifx=1, shutdown=1",
+                  "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
+                  "signal[2,1,0,1].",
+                  // The port is not in the table yet: first its end is told, then its loop.
+                  "<lda_send_info_ntf> send loop-detect state, name[swp1] notify_type[2] "
+                  "vid[0] policy[1] src-port[1]",
+                  "<lda_mom_del_loop_entry> delete loop entry: name=swp1",
+                  "<lda_loop_result_add> +++lda add loop interface ifx=1 , loop_num=1",
+                  "<lda_send_info_ntf> send loop-detect state, name[swp1] notify_type[1] "
+                  "vid[0] policy[1] src-port[1]",
+                  "<lda_mom_set_loop_entry> set loop entry: name=swp1, policy=1,is_src=1",
+                  "LOOP_DETECT-3-ERROR: Detected loop error on interface swp1.",
+              }));
     EXPECT_EQ(rig.take_delivery_log(),
               traced({
                   "<lda_cli_msg_thread_proc> ---The number of cli msg is 0, receive a "
@@ -189,19 +186,18 @@ TEST(Transcript, RepeatedReportShutsAgainAndTellsNobody) {
     rig.advance(1s);
     rig.trace();
     rig.report(1, 1, 1);
-    EXPECT_EQ(rig.take_log(),
-              together({traced({
-                            "<lda_tarn_mom_subscribe_callback> recv mom msg, cmd[1]",
-                            "<lda_tarn_mom_subscribe_callback> recv tarn msg, ifx[1] vid[1] "
-                            "is_loop[1] src_ifx[1]",
-                            "<lda_loop_result_set> IN LOOP STATE, LOOP AGAIN, SEND THE SHUTDOWN "
-                            "FORCE, DON'T Notify!!",
-                            "<lda_loop_exec_policy> ifx=1, type=2, mode=1",
-                            "<lda_send_shutcmd> enter ifx=1, shutdown=1",
-                            "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
-                            "signal[2,1,0,1].",
-                        }),
-                        regenerated("1", "0")}));
+    EXPECT_EQ(without_generation(rig.take_log()),
+              traced({
+                  "<lda_tarn_mom_subscribe_callback> recv mom msg, cmd[1]",
+                  "<lda_tarn_mom_subscribe_callback> recv tarn msg, ifx[1] vid[1] "
+                  "is_loop[1] src_ifx[1]",
+                  "<lda_loop_result_set> IN LOOP STATE, LOOP AGAIN, SEND THE SHUTDOWN "
+                  "FORCE, DON'T Notify!!",
+                  "<lda_loop_exec_policy> ifx=1, type=2, mode=1",
+                  "<lda_send_shutcmd> enter ifx=1, shutdown=1",
+                  "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
+                  "signal[2,1,0,1].",
+              }));
     EXPECT_EQ(rig.take_executed(), Lines{"interface 1: shutdown \r\n"});
     EXPECT_EQ(rig.take_announcements(), (Lines{"reform", "announce"}));
     EXPECT_EQ(rig.take_notifications(), Lines{});
@@ -214,15 +210,13 @@ TEST(Transcript, RecoveryTickBringsThePortBack) {
     rig.advance(298s);  // one second before the thirtieth tick
     rig.trace();
     rig.advance(2s);
-    // Generated for the recovery, and once more for the lines that were executed.
-    EXPECT_EQ(rig.take_log(),
-              together({traced({
-                            "<lda_send_shutcmd> enter ifx=1, shutdown=0",
-                            "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
-                            "signal[2,1,0,0].",
-                            "<lda_intf_shutdown_timer_call> ifx=1 no shutdown force",
-                        }),
-                        regenerated("0", "0"), regenerated("0", "0")}));
+    EXPECT_EQ(without_generation(rig.take_log()),
+              traced({
+                  "<lda_send_shutcmd> enter ifx=1, shutdown=0",
+                  "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
+                  "signal[2,1,0,0].",
+                  "<lda_intf_shutdown_timer_call> ifx=1 no shutdown force",
+              }));
     EXPECT_EQ(rig.take_delivery_log(),
               traced({
                   "<lda_cli_msg_thread_proc> ---The number of cli msg is 0, receive a "
@@ -248,15 +242,13 @@ TEST(Transcript, RefusedRecoveryKeepsTheMarkAndIsTriedAtTheNextRecovery) {
     rig.trace();
     rig.type({"test refuse not now", "test refuse % Port is on fire"});
     rig.advance(2s);
-    // Generated at once without the mark, and once more when the mark is back.
-    EXPECT_EQ(rig.take_log(),
-              together({traced({
-                            "<lda_send_shutcmd> enter ifx=1, shutdown=0",
-                            "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
-                            "signal[2,1,0,0].",
-                            "<lda_intf_shutdown_timer_call> ifx=1 no shutdown force",
-                        }),
-                        regenerated("0", "0"), regenerated("1", "0")}));
+    EXPECT_EQ(without_generation(rig.take_log()),
+              traced({
+                  "<lda_send_shutcmd> enter ifx=1, shutdown=0",
+                  "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
+                  "signal[2,1,0,0].",
+                  "<lda_intf_shutdown_timer_call> ifx=1 no shutdown force",
+              }));
     EXPECT_EQ(rig.take_delivery_log(),
               traced({
                   "<lda_cli_msg_thread_proc> ---The number of cli msg is 0, receive a "
@@ -289,18 +281,19 @@ TEST(Transcript, QuietPortIsClearedAMinuteAfterItsRecovery) {
     rig.report(1, 1, 1);
     rig.trace();
     rig.report(1, 0, 1);
-    EXPECT_EQ(rig.take_log(), traced({
-                                  "<lda_tarn_mom_subscribe_callback> recv mom msg, cmd[1]",
-                                  "<lda_tarn_mom_subscribe_callback> recv tarn msg, ifx[1] vid[1] "
-                                  "is_loop[0] src_ifx[1]",
-                              }));
+    EXPECT_EQ(without_generation(rig.take_log()),
+              traced({
+                  "<lda_tarn_mom_subscribe_callback> recv mom msg, cmd[1]",
+                  "<lda_tarn_mom_subscribe_callback> recv tarn msg, ifx[1] vid[1] "
+                  "is_loop[0] src_ifx[1]",
+              }));
     rig.advance(300s);
     rig.forget();
     rig.advance(58s);
-    EXPECT_EQ(rig.take_log(), Lines{});
+    EXPECT_EQ(without_generation(rig.take_log()), Lines{});
     EXPECT_EQ(rig.entry("swp1"), "policy=1 src_port=1");
     rig.advance(2s);
-    EXPECT_EQ(rig.take_log(),
+    EXPECT_EQ(without_generation(rig.take_log()),
               traced({
                   "<lda_intf_loop_clear> node->total_result ifx swp1",
                   "<lda_intf_loop_clear> ---lda delete loop interface , loop_num=0, ifx=swp1",
@@ -314,14 +307,40 @@ TEST(Transcript, QuietPortIsClearedAMinuteAfterItsRecovery) {
     EXPECT_EQ(rig.entry("swp1"), "none");
 }
 
+TEST(Transcript, GenerationAsksForEveryLineAndSaysThePortsMarks) {
+    SwitchRig rig(two_ports());
+    rig.set_policy("shutdown access-mode");
+    rig.report(1, 1, 1);
+    rig.advance(60s);
+    rig.trace();
+    rig.running_config();
+    EXPECT_EQ(rig.take_log(),
+              traced({
+                  "<cfg_lda_cli_warning_command> enter",
+                  "<lda_policy_set> enter type=1, pcdb=2",
+                  "<lda_policy_set> su=2",
+                  "<cfg_lda_cli_apply_shutdown_command> commnad cli_apply_shutdown=1",
+                  "<cfg_lda_cli_apply_shutdown_command_int> enter",
+                  "<cfg_lda_cli_apply_shutdown_command_int> port is 1, shutdown =1",
+                  "<cfg_lda_cli_apply_shutdown_command> commnad cli_apply_shutdown=2",
+                  "<cfg_lda_cli_apply_shutdown_command_int> enter",
+                  "<cfg_lda_cli_apply_shutdown_command_int> port is 2, shutdown =0",
+              }));
+}
+
 TEST(Transcript, NotificationsOfALoopAreShownWithTheirLeaves) {
     SwitchRig rig(two_ports());
     EXPECT_EQ(rig.type("show notifications"), "No notification has been sent.\n");
     rig.set_policy("shutdown access-mode");
     rig.report(2, 1, 2);
-    const std::string text = rig.type("show notifications");
-    const std::regex time(R"(^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\d{3}$)", std::regex::multiline);
-    EXPECT_EQ(std::regex_replace(text, time, "TIME"),
+    std::istringstream text(rig.type("show notifications"));
+    std::string shown;
+    for (std::string line; std::getline(text, line);) {
+        const bool time = line.size() == std::string_view("2026-01-31 23:59:59.123").size() &&
+                          line[4] == '-' && line[19] == '.';
+        shown += (time ? "TIME" : line) + "\n";
+    }
+    EXPECT_EQ(shown,
               "TIME\n"
               "    /qv-loop-detect-server-notification:loop-detect-state/loop-notify/"
               "notify-entry[name='swp2']/notify-type = 2\n"

@@ -219,6 +219,10 @@ class Lab:
     def configure(self, *lines):
         return self.cli("configure terminal", *lines)
 
+    def saved(self):
+        """The saved configuration, empty when there is none yet."""
+        return self.startup_config.read_text() if self.startup_config.exists() else ""
+
     def log(self):
         """What the agent's system log shows."""
         if self.switch == "linux":

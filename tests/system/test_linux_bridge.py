@@ -79,7 +79,7 @@ def test_agent_killed_with_a_port_shut_brings_it_back_after_restart(lab):
     enable(lab)
     lab.report_loop("swp2", is_loop=1)
     wait_for(is_down(lab, "swp2"), 5, "swp2 is down")
-    wait_for(lambda: "apply shutdown-port" in lab.startup_config.read_text(), 5, "the mark is saved")
+    wait_for(lambda: "apply shutdown-port" in lab.saved(), 5, "the mark is saved")
     lab.kill_agent()
     lab.report_loop("swp2", is_loop=0)
     lab.start_agent()

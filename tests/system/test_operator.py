@@ -167,8 +167,7 @@ def test_bad_line_of_the_saved_configuration_is_named_and_the_rest_applied():
 def test_agent_killed_with_a_port_shut_still_brings_it_back(lab):
     lab.configure("loop-detect enable shutdown access-mode", "loop-detect shutdown-recover-time 90")
     lab.cli("test loop plug swp1 swp3")
-    wait_for(lambda: lab.startup_config.exists()
-             and lab.startup_config.read_text().count("apply shutdown-port") == 2, 10, "both marks are saved")
+    wait_for(lambda: lab.saved().count("apply shutdown-port") == 2, 10, "both marks are saved")
     lab.kill_agent()
     lab.start_agent()
     wait_for(lambda: lab.cli("show running-config").count("apply shutdown-port") == 0, 15,

@@ -154,11 +154,16 @@ void EmbeddedForwarding::give_answers() {
 }
 
 void EmbeddedForwarding::report_counters() {
-    std::vector<std::pair<ForwardingId, uint64_t>> reports;
-    for (auto& [id, rule] : rules_) {
-        const uint64_t packets = std::exchange(rule.reported, rule.traffic.counted);
-        if (rule.rule.counted && rule.traffic.counted != packets) {
-            reports.emplace_back(id, rule.traffic.counted - packets);
+    // By id. Only ports with traffic have something to report.
+    std::map<ForwardingId, uint64_t> reports;
+    for (const auto& [phyid, source] : sources_) {
+        Rule* rule = rule_of(phyid);
+        if (!rule) {
+            continue;
+        }
+        const uint64_t packets = std::exchange(rule->reported, rule->traffic.counted);
+        if (rule->rule.counted && rule->traffic.counted != packets) {
+            reports[port_rules_.at(phyid)] = rule->traffic.counted - packets;
         }
     }
     for (const auto& [id, packets] : reports) {

@@ -32,6 +32,7 @@ struct State {
     std::map<FILE*, std::string*> open;
     std::vector<HeldThread> held;
     int calloc_countdown = 0;  // 0: no failure planned
+    int strdup_countdown = 0;
     // The timed wait in progress.
     std::condition_variable wait_begun;
     int waits = 0;
@@ -53,6 +54,19 @@ std::unique_lock<std::mutex> locked() {
     return std::unique_lock(state().mutex);
 }
 
+// Whether the call at hand is the one that is to fail. No lock guard around it: the state's own
+// containers may allocate.
+bool is_out_of_memory(int& countdown) {
+    int left = __atomic_load_n(&countdown, __ATOMIC_RELAXED);
+    if (left == 0)
+        return false;
+    __atomic_store_n(&countdown, left - 1, __ATOMIC_RELAXED);
+    if (left > 1)
+        return false;
+    errno = ENOMEM;
+    return true;
+}
+
 // Waits for something that the agent's thread does next; a minute means that it never will.
 template <typename Condition>
 void await(std::unique_lock<std::mutex>& lock, Condition condition) {
@@ -67,6 +81,11 @@ void await(std::unique_lock<std::mutex>& lock, Condition condition) {
 void fail_calloc(int nth) {
     auto lock = locked();
     state().calloc_countdown = nth;
+}
+
+void fail_strdup(int nth) {
+    auto lock = locked();
+    state().strdup_countdown = nth;
 }
 
 void file(const std::string& path, const std::string& content) {
@@ -150,6 +169,7 @@ using fake::state;
 extern "C" {
 
 void* __real_calloc(size_t number, size_t size);
+char* __real_strdup(const char* text);
 FILE* __real_fopen(const char* path, const char* mode);
 int __real_fclose(FILE* stream);
 int __real_close(int descriptor);
@@ -167,16 +187,11 @@ int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mu
                                   const timespec* deadline);
 
 void* __wrap_calloc(size_t number, size_t size) {
-    // No lock guard around the allocation: the state's own containers may allocate.
-    int countdown = __atomic_load_n(&state().calloc_countdown, __ATOMIC_RELAXED);
-    if (countdown > 0) {
-        __atomic_store_n(&state().calloc_countdown, countdown - 1, __ATOMIC_RELAXED);
-        if (countdown == 1) {
-            errno = ENOMEM;
-            return nullptr;
-        }
-    }
-    return __real_calloc(number, size);
+    return fake::is_out_of_memory(state().calloc_countdown) ? nullptr : __real_calloc(number, size);
+}
+
+char* __wrap_strdup(const char* text) {
+    return fake::is_out_of_memory(state().strdup_countdown) ? nullptr : __real_strdup(text);
 }
 
 FILE* __wrap_fopen(const char* path, const char* mode) {

@@ -53,6 +53,8 @@ void fail_nth(const std::string& name, int nth, long result = -1);
 void heal(const std::string& name);
 // Fails the nth allocation with calloc from now on, of the test executable's own code.
 void fail_calloc(int nth);
+// The same for strdup.
+void fail_strdup(int nth);
 // Runs `hook` at every call of `name`, after its line was recorded; null ends that. The calls of
 // pthread_mutex_* go on until the process ends: the test framework makes some of its own.
 void on_call(const std::string& name, std::function<void()> hook);

@@ -170,6 +170,19 @@ TEST_F(LoopState, SnapshotOfADisabledOrQuietSwitchIsEmpty) {
         EXPECT_EQ(static_cast<uint8_t>(entry.name[0]), 0xa5);
 }
 
+// A deleted port leaves the count of loops as it was: the list is walked and yields nothing.
+TEST_F(LoopState, SnapshotOfAnEmptyListWithACountedLoopIsEmptyWithoutALine) {
+    log_everything();
+    lda_loop_detect_ptype_set(1);
+    g_lda_loop_set->loop_num = 1;
+    lda_loop_result_t entries[LDA_LOOP_MAX];
+    memset(entries, 0xa5, sizeof entries);
+    EXPECT_EQ(lda_all_loop_result_get(entries), 0);
+    EXPECT_EQ(fake::take_calls(), Lines{});
+    EXPECT_EQ(static_cast<uint8_t>(entries[0].name[0]), 0xa5);
+    EXPECT_EQ(g_lda_loop_set->loop_num, 1);
+}
+
 TEST_F(LoopState, SnapshotHasTheLoopedPortsInListOrder) {
     lda_intf_t* hybrid = looped(9, 7, 2);
     add(8, 1);

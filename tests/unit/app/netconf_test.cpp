@@ -226,6 +226,28 @@ TEST_F(Notification, FailureIsReportedAndNotRetried) {
                      error("lda_send_info_ntf", "send loop-detect state ERR")}));
 }
 
+TEST_F(Notification, WithoutMemoryForAPathNothingIsSent) {
+    lda_notify_t notify = record();
+    for (int leaf = 1; leaf <= 4; leaf++) {
+        SCOPED_TRACE(leaf);
+        fake::fail_strdup(leaf);
+        EXPECT_EQ(lda_send_info_ntf(&notify), 0);
+        EXPECT_EQ(fake::take_calls(),
+                  Lines{error("lda_send_info_ntf", "send loop-detect state ERR")});
+    }
+    EXPECT_EQ(lda_send_info_ntf(&notify), 0);
+    EXPECT_EQ(fake::take_calls(), Lines{notification("swp7", 1, 0, 0)});
+}
+
+TEST_F(Notification, LoopIsPublishedWithoutMemoryForItsNotification) {
+    add(7, 1);
+    lda_loop_detect_ptype_set(1);
+    fake::fail_strdup(1);
+    lda_loop_result_set(0, 1, 7);
+    EXPECT_EQ(fake::take_calls(), (Lines{error("lda_send_info_ntf", "send loop-detect state ERR"),
+                                         entry_set("swp7", 0, 1), detected("swp7")}));
+}
+
 TEST_F(Notification, LoopOnATrunkPortSendsNoPolicyAndNoSource) {
     add(7, 2);
     lda_loop_detect_ptype_set(4);

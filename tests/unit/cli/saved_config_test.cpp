@@ -106,7 +106,8 @@ TEST_F(SavedConfig, GlobalLineAfterASectionThatNothingEndsIsTaken) {
 }
 
 TEST_F(SavedConfig, LinesOfAPortThatIsNotThereWaitForItAndStaySaved) {
-    write_text(rig.saved(), "interface swp9\n local nine\n tarn port loop-detect warning\n!\n");
+    write_text(rig.saved(),
+               "interface swp9\n local nine\n tarn port loop-detect warning\n!\nend\n");
     rig.announce_ready();
     EXPECT_EQ(log(), std::vector<std::string>{"CLI-3-REPLAY: " + rig.saved() +
                                               ": line 1: interface swp9 does not exist; its lines "
@@ -115,15 +116,15 @@ TEST_F(SavedConfig, LinesOfAPortThatIsNotThereWaitForItAndStaySaved) {
     EXPECT_EQ(rig.type("write"), "");
     EXPECT_EQ(read_text(rig.saved()),
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n"
-              "interface swp9\n local nine\n tarn port loop-detect warning\n!\n");
+              "interface swp9\n local nine\n tarn port loop-detect warning\n!\nend\n");
 
     rig.hardware.add("swp9", 109);
     rig.platform.run_ready();
     EXPECT_EQ(g_events.back(), "interface 109 nine");
     EXPECT_TRUE(qv::cli::tarn_port_enabled(109));
     rig.type("write");
-    EXPECT_TRUE(
-        read_text(rig.saved()).ends_with("interface swp9\n tarn port loop-detect warning\n!\n"));
+    EXPECT_TRUE(read_text(rig.saved())
+                    .ends_with("interface swp9\n tarn port loop-detect warning\n!\nend\n"));
 }
 
 TEST_F(SavedConfig, AnnouncedChangeIsSavedAfterAMomentForItsCommands) {
@@ -138,7 +139,7 @@ TEST_F(SavedConfig, AnnouncedChangeIsSavedAfterAMomentForItsCommands) {
     rig.platform.run_for(1ms);
     EXPECT_EQ(read_text(rig.saved()),
               " tarn enable\n"
-              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\nend\n");
     EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
 }
 
@@ -278,13 +279,48 @@ TEST(ConfigFile, SectionsKeepNumbersAndLoseIndentation) {
     EXPECT_EQ(sections[2].lines[1].text, "interface range swp1-2");
 }
 
+TEST_F(SavedConfig, AnnouncedChangeIsStagedAtOnceAndCommittedAMomentLater) {
+    rig.announce_ready();
+    EXPECT_EQ(rig.type("write"), "");
+    const std::string old = read_text(rig.saved());
+    rig.session.mode = "config";
+    rig.type("tarn enable");
+    cli_syn_config_notify();
+    rig.platform.run_ready();
+    EXPECT_EQ(read_text(rig.saved()), old);
+    EXPECT_EQ(read_text(rig.saved() + ".new"), " tarn enable\n" + old);
+    rig.platform.run_for(5ms);
+    EXPECT_EQ(read_text(rig.saved()), " tarn enable\n" + old);
+    EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
+}
+
+TEST_F(SavedConfig, WhatADeadProcessHadStagedIsReplayed) {
+    write_text(rig.saved(), "global one\nend\n");
+    write_text(rig.saved() + ".new", "global two\nend\n");
+    rig.announce_ready();
+    EXPECT_EQ(g_events, (std::vector<std::string>{"start 0", "config 0 two", "end"}));
+    EXPECT_EQ(read_text(rig.saved()), "global two\nend\n");
+    EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
+}
+
+TEST_F(SavedConfig, WhatADeadProcessHadStagedInPartIsThrownAway) {
+    write_text(rig.saved(), "global one\nend\n");
+    write_text(rig.saved() + ".new", "global two\nglob");
+    rig.announce_ready();
+    EXPECT_EQ(g_events, (std::vector<std::string>{"start 0", "config 0 one", "end"}));
+    EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
+}
+
 TEST(ConfigFile, WriteKeepsTheFileToItsOwnerAndGroup) {
     const qv::test::TestFolder folder;
-    ASSERT_EQ(qv::cli::write_config_file(folder.file("f"), "text\n"), "");
+    ASSERT_EQ(qv::cli::stage_config_file(folder.file("f"), "text\n"), "");
+    ASSERT_EQ(qv::cli::commit_config_file(folder.file("f")), "");
     struct stat status {};
     ASSERT_EQ(::stat(folder.file("f").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0007, 0U);
-    EXPECT_EQ(qv::cli::write_config_file(folder.file("none/f"), "x"), "No such file or directory");
+    EXPECT_EQ(qv::cli::stage_config_file(folder.file("none/f"), "x"), "No such file or directory");
+    EXPECT_EQ(qv::cli::commit_config_file(folder.file("f")), "No such file or directory")
+        << "nothing is staged";
 }
 
 TEST(ConfigFile, OnlyFilesAreRead) {

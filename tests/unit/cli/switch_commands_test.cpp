@@ -202,7 +202,7 @@ TEST_F(SwitchCommands, StartupConfigurationIsShownAfterWrite) {
     rig.announce_ready();
     EXPECT_EQ(configure({"tarn enable", "end", "write", "show startup-config"}),
               " tarn enable\n"
-              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\nend\n");
 }
 
 TEST_F(SwitchCommands, ReplaceLeavesExactlyTheLinesOfTheFile) {

@@ -145,6 +145,26 @@ TEST_F(PortModel, DeviceMappingGoesBothWays) {
     EXPECT_EQ(ifx, 7u);
 }
 
+TEST_F(PortModel, PortsThatSwapTheirForwardingPlaneIdsAreFoundByTheNewOnes) {
+    rig.model.port_added(PortsRig::port(7));
+    rig.model.port_added(PortsRig::port(8));
+    Port seven = PortsRig::port(7);
+    Port eight = PortsRig::port(8);
+    std::swap(seven.phyid, eight.phyid);
+    rig.model.port_changed(seven);  // for a moment both have id 108
+    uint32_t ifx = 0;
+    EXPECT_EQ(libddm_get_ifx_by_phyid(108, &ifx), 0);
+    EXPECT_EQ(ifx, 7u);
+    EXPECT_NE(libddm_get_ifx_by_phyid(107, &ifx), 0);
+    rig.model.port_changed(eight);
+    EXPECT_EQ(libddm_get_ifx_by_phyid(108, &ifx), 0);
+    EXPECT_EQ(ifx, 7u);
+    EXPECT_EQ(libddm_get_ifx_by_phyid(107, &ifx), 0);
+    EXPECT_EQ(ifx, 8u);
+    rig.model.port_removed(7);
+    EXPECT_NE(libddm_get_ifx_by_phyid(108, &ifx), 0);
+}
+
 TEST_F(PortModel, DeviceMappingOfAnUnknownPortLeavesTheResultAlone) {
     uint32_t result = 55;
     EXPECT_NE(libddm_get_phyid_by_ifx(7, &result), 0);

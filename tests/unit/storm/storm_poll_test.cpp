@@ -95,6 +95,28 @@ TEST_F(StormPoll, TotalsWrap) {
     EXPECT_EQ(info->packet_count, static_cast<int64_t>(kOverRate - 10));
 }
 
+TEST_F(StormPoll, HundredThousandReportsBetweenTwoPollsAddUpExactly) {
+    g_app_zlog_level = 2;
+    storm_set(2, true);
+    for (uint64_t n = 1; n <= 100000; ++n) {
+        count(101, n, 1500 * n);
+    }
+    storm_port_info* info = record(101);
+    EXPECT_EQ(info->cur_packet_count, 5000050000u);
+    EXPECT_EQ(info->cur_byte_count, 7500075000000u);
+    EXPECT_EQ(info->packet_count, 0);
+    EXPECT_EQ(info->flow_over_times, 0u);
+    poll();
+    EXPECT_EQ(info->packet_count, 5000050000);
+    EXPECT_EQ(info->byte_count, 7500075000000);
+    EXPECT_EQ(info->cur_packet_count, 5000050000u);
+    EXPECT_EQ(info->cur_byte_count, 7500075000000u);
+    EXPECT_EQ(info->flow_over_times, 1u);
+    EXPECT_EQ(record(102)->packet_count, 0);
+    poll();
+    EXPECT_EQ(info->flow_over_times, 0u);
+}
+
 TEST_F(StormPoll, HandlerTableLeadsToTheRecord) {
     const fp_acl_key key = fake::fp_key(101);
     const fp_counts counts = {10, 1000};
