@@ -12,10 +12,11 @@
 #include "platform/driver/embedded/loop_probe.h"
 #include "platform/driver/embedded/memory_store.h"
 #include "platform/driver/embedded/stderr_log.h"
-#include "platform/driver/linux/no_forwarding.h"
+#include "platform/driver/linux/nft_forwarding.h"
 #include "platform/driver/linux/redis_store.h"
 #include "platform/driver/linux/rtnl_switch.h"
 #include "platform/driver/linux/syslog_log.h"
+#include "platform/driver/linux/termination.h"
 #include "qv/mom.h"
 
 namespace qv {
@@ -59,6 +60,27 @@ class LoopReports {
     qv_mom_client* client_;
 };
 
+// Lets the rules of a Linux bridge follow its ports.
+class PortFollower final : public PortObserver {
+ public:
+    explicit PortFollower(NftForwarding& plane) : plane_(plane) {}
+
+    void on_added(const Port& port) override { plane_.port_changed(port.phyid); }
+    void on_removed(const Port& port) override { plane_.port_changed(port.phyid); }
+    void on_changed(const Port& before, const Port& after) override {
+        plane_.port_changed(before.phyid);
+        if (after.phyid != before.phyid) {
+            plane_.port_changed(after.phyid);
+        }
+    }
+    void on_default(const Port&) override {}
+    void on_left_bridge(const Port&) override {}
+    void on_complete() override {}
+
+ private:
+    NftForwarding& plane_;
+};
+
 // The platform of a description. Lives as long as the process.
 class DescribedPlatform final : public Platform {
  public:
@@ -82,9 +104,7 @@ class DescribedPlatform final : public Platform {
                 make_embedded_switch(memory);
                 break;
             case PlatformConfig::Switch::kLinux:
-                switch_ = std::make_unique<RtnlSwitch>(loop, config_.bridge);
-                ports_ = std::make_unique<PortModel>(*switch_);
-                forwarding_ = std::make_unique<NoForwarding>(*log_);
+                make_linux_switch();
                 break;
         }
         ports_->start();
@@ -101,6 +121,22 @@ class DescribedPlatform final : public Platform {
         MemoryStore* const made = memory.get();
         store_ = std::move(memory);
         return made;
+    }
+
+    void make_linux_switch() {
+        switch_ = std::make_unique<RtnlSwitch>(*loop_, config_.bridge);
+        ports_ = std::make_unique<PortModel>(*switch_);
+        auto plane = std::make_unique<NftForwarding>(
+            *loop_,
+            NftForwarding::Settings{.bridge = config_.bridge, .find_port = [this](uint32_t phyid) {
+                                        return ports_->find_phyid(phyid);
+                                    }});
+        port_follower_ = std::make_unique<PortFollower>(*plane);
+        ports_->add_observer(*port_follower_);
+        // The kernel keeps the table when the process ends.
+        termination_ =
+            std::make_unique<Termination>(*loop_, [rules = plane.get()] { rules->close(); });
+        forwarding_ = std::move(plane);
     }
 
     void make_embedded_switch(MemoryStore* memory) {
@@ -132,7 +168,9 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<SwitchDriver> switch_;
     std::unique_ptr<PortModel> ports_;
     std::unique_ptr<ForwardingDriver> forwarding_;
-    std::unique_ptr<LoopProbe> probe_;  // embedded switch only
+    std::unique_ptr<LoopProbe> probe_;             // embedded switch only
+    std::unique_ptr<PortFollower> port_follower_;  // Linux only, as the next
+    std::unique_ptr<Termination> termination_;
 };
 
 Platform* g_platform = nullptr;

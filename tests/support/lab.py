@@ -179,9 +179,14 @@ class Lab:
 
     # ---- agent ----
 
-    def start_agent(self, wait=True):
+    def inside(self, *command):
+        """What a command prints that runs in the network namespace."""
+        return run("ip", "netns", "exec", self.namespace, *command)
+
+    def start_agent(self, wait=True, through=()):
+        """`through` is a command that the agent's own is appended to, such as setpriv(1)."""
         prefix = ["ip", "netns", "exec", self.namespace] if self.namespace else []
-        self.agent = subprocess.Popen([*prefix, str(BUILD / "platform" / "lda")],
+        self.agent = subprocess.Popen([*prefix, *through, str(BUILD / "platform" / "lda")],
                                       env={**os.environ, "LDA_PLATFORM": str(self.platform_file)},
                                       stdin=subprocess.DEVNULL, stdout=open(self.agent_log, "ab"),
                                       stderr=subprocess.STDOUT)

@@ -1,6 +1,7 @@
 #include "platform/driver/linux/rtnl_monitor.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdlib>
 #include <cstring>
 #include <stdexcept>
@@ -20,6 +21,7 @@ namespace {
 
 // Largest datagram: the kernel fills dumps into at most 32 KiB.
 constexpr size_t kDatagramBytes = 64 << 10;
+constexpr int kDatagramsPerTurn = 256;
 // Least time between two full readings, so that a storm of changes does not become one of readings.
 constexpr std::chrono::milliseconds kResyncPause{100};
 constexpr std::chrono::seconds kReopenPause{1};
@@ -49,21 +51,22 @@ NlSocket open_rtnl_socket() {
     return socket;
 }
 
-RtnlMonitor::RtnlMonitor(EventLoop& loop, int receive_buffer)
-    : loop_(loop), receive_buffer_(receive_buffer), socket_(open_socket()) {}
+RtnlMonitor::RtnlMonitor(EventLoop& loop, const Subject& subject)
+    : loop_(loop), subject_(subject), socket_(open_socket()) {}
 
 NlSocket RtnlMonitor::open_socket() const {
     NlSocket socket = open_rtnl_socket();
     // Beyond the system's limit where we may; the limit itself where we may not.
     const int fd = nl_socket_get_fd(socket.get());
-    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &receive_buffer_, sizeof receive_buffer_) != 0) {
-        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer_, sizeof receive_buffer_);
+    const int bytes = subject_.receive_buffer;
+    if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
+        setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
     }
     nl_socket_disable_auto_ack(socket.get());
     nl_socket_disable_msg_peek(socket.get());
     check(nl_socket_set_msg_buf_size(socket.get(), kDatagramBytes), "buffer");
     check(nl_socket_set_nonblocking(socket.get()), "non-blocking");
-    check(nl_socket_add_memberships(socket.get(), RTNLGRP_LINK, 0), "group");
+    check(nl_socket_add_memberships(socket.get(), subject_.group, 0), "group");
     return socket;
 }
 
@@ -81,15 +84,18 @@ void RtnlMonitor::read_all() {
 void RtnlMonitor::request_dump() {
     dump_interrupted_ = false;
     listener_->on_dump_begin();
-    ifinfomsg all{};
-    const int sent = nl_send_simple(socket_.get(), RTM_GETLINK, NLM_F_DUMP, &all, sizeof all);
+    std::array<unsigned char, sizeof(ifinfomsg)> all{};
+    all[0] = subject_.family;
+    const int sent = nl_send_simple(socket_.get(), subject_.list_request, NLM_F_DUMP, all.data(),
+                                    std::min(subject_.request_bytes, all.size()));
     if (sent < 0) {
         resync(nl_geterror(sent));
     }
 }
 
 void RtnlMonitor::drain() {
-    while (socket_) {
+    // A storm of changes must not keep timers and commands waiting: what is left comes next turn.
+    for (int datagram = 0; socket_ && datagram < kDatagramsPerTurn; ++datagram) {
         sockaddr_nl sender{};
         unsigned char* bytes = nullptr;
         int left = nl_recv(socket_.get(), &sender, &bytes, nullptr);
@@ -120,8 +126,8 @@ void RtnlMonitor::handle(nlmsghdr* header) {
         handle_dump_done(header);
     } else if (header->nlmsg_type == NLMSG_ERROR) {
         resync("the kernel refused to list them");  // acknowledgements are not asked for
-    } else if (const auto message = parse_link(header)) {
-        listener_->on_link(*message);
+    } else {
+        listener_->on_message(header);
     }
 }
 
@@ -143,8 +149,8 @@ void RtnlMonitor::handle_dump_done(nlmsghdr* header) {
 void RtnlMonitor::log_trouble(const std::string& reason) {
     if (logged_trouble_ != reason) {
         logged_trouble_ = reason;
-        printk_syslog(SYSLOG_SEVERITY_WARNING, "PORT", "RESYNC", "Reading all links again: %s",
-                      reason.c_str());
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "PORT", "RESYNC", "Reading all %s again: %s",
+                      subject_.name, reason.c_str());
     }
 }
 

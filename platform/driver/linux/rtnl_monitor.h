@@ -1,4 +1,5 @@
-// The kernel's link messages of one network namespace: one full reading, then every change.
+// One kind of the kernel's rtnetlink messages (links, forwarding-database entries) of one network
+// namespace: one full reading, then every change.
 #pragma once
 
 #include <cstdint>
@@ -6,7 +7,6 @@
 #include <string>
 
 #include "platform/client/event_loop.h"
-#include "platform/driver/linux/rtnl_link.h"
 
 struct nl_sock;
 struct nlmsghdr;
@@ -24,19 +24,31 @@ NlSocket open_rtnl_socket();
 // Loop thread only.
 class RtnlMonitor {
  public:
+    // What is followed.
+    struct Subject {
+        const char* name;      // for the log, plural
+        int group;             // RTNLGRP_* of the changes
+        int list_request;      // RTM_GET*
+        unsigned char family;  // AF_* of the list
+        size_t request_bytes;  // of the request's header, which begins with the family
+        int receive_buffer;    // bytes of unread messages that the kernel keeps for us
+    };
+
     // Hears everything from the loop, but for the first on_dump_begin.
     class Listener {
      public:
         virtual ~Listener() = default;
-        // All links there are follow, each at least once and mixed with changes, up to the end. A
+        // All that is there follows, each at least once and mixed with changes, up to the end. A
         // beginning without an end before it starts over.
         virtual void on_dump_begin() = 0;
         virtual void on_dump_end() = 0;
-        virtual void on_link(const LinkMessage& message) = 0;
+        // A message of the group or of the list; valid during the call. The monitor must not be
+        // destroyed from inside it.
+        virtual void on_message(nlmsghdr* header) = 0;
     };
 
-    // Opens the socket, with room for `receive_buffer` bytes; throws std::runtime_error.
-    RtnlMonitor(EventLoop& loop, int receive_buffer);
+    // Opens the socket; throws std::runtime_error.
+    RtnlMonitor(EventLoop& loop, const Subject& subject);
 
     // Once. The listener stays the caller's and must outlive the monitor.
     void start(Listener& listener);
@@ -56,14 +68,14 @@ class RtnlMonitor {
     void reopen();
 
     EventLoop& loop_;
-    const int receive_buffer_;
+    const Subject subject_;
     Listener* listener_ = nullptr;
     NlSocket socket_;              // null while waiting to be opened again
     EventLoop::Handle watch_;      // on the descriptor of socket_: goes before it
     EventLoop::Handle reopening_;  // pending while socket_ is null
     Time last_resync_{};
     unsigned resyncs_ = 0;
-    bool dump_interrupted_ = false;  // links came or went in mid-dump, one may be missing in it
+    bool dump_interrupted_ = false;  // something came or went in mid-dump, one may be missing in it
     std::string logged_trouble_;     // said since the last complete dump, so said once
 };
 

@@ -14,6 +14,7 @@
 #include <netlink/socket.h>
 
 #include "platform/driver/linux/bridge_ports.h"
+#include "platform/driver/linux/rtnl_link.h"
 #include "platform/driver/linux/rtnl_monitor.h"
 #include "qv/bridge.h"
 
@@ -60,7 +61,12 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
  public:
     Impl(EventLoop& loop, std::string bridge, int receive_buffer)
         : bridge_(std::move(bridge)),
-          monitor_(loop, receive_buffer),
+          monitor_(loop, {.name = "links",
+                          .group = RTNLGRP_LINK,
+                          .list_request = RTM_GETLINK,
+                          .family = AF_UNSPEC,
+                          .request_bytes = sizeof(ifinfomsg),
+                          .receive_buffer = receive_buffer}),
           requests_(open_rtnl_socket()) {}
 
     void start(PortSink& sink) {
@@ -79,7 +85,11 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         }
     }
 
-    void on_link(const LinkMessage& message) override { ports_->take(message); }
+    void on_message(nlmsghdr* header) override {
+        if (const auto message = parse_link(header)) {
+            ports_->take(*message);
+        }
+    }
 
     std::string set_admin(uint32_t ifx, bool up) {
         const Port* const port = find(ifx);

@@ -1,4 +1,4 @@
-// The forwarding plane of the embedded switch, and the one that can install nothing.
+// The forwarding plane of the embedded switch.
 #include "platform/driver/embedded/embedded_forwarding.h"
 
 #include <cerrno>
@@ -6,7 +6,6 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/driver/linux/no_forwarding.h"
 #include "tests/support/manual_clock.h"
 #include "tests/support/test_platform.h"
 
@@ -212,24 +211,6 @@ TEST_F(EmbeddedPlane, RunsDryWithoutRules) {
     plane.remove(3);
     after(seconds(1));
     EXPECT_FALSE(loop.next_timer().has_value());
-}
-
-TEST(NoForwarding, RefusesEveryRuleWithOneMessage) {
-    test::RecordingLog log;
-    RecordingSink sink;
-    NoForwarding plane(log);
-    plane.start(sink);
-    plane.reserve(1, ForwardingDriver::Table::kAcl);
-    plane.reserve(2, ForwardingDriver::Table::kEntry);
-    EXPECT_EQ(log.lines(), Lines{});
-    plane.install(3, 1, kPortRule);
-    plane.install(4, std::nullopt, kPortRule);
-    plane.remove(3);
-    plane.remove_leftovers();
-    EXPECT_EQ(sink.take(), (Lines{"done 1", "done 2", "failed 3 95", "failed 4 95"}));
-    EXPECT_EQ(log.lines(),
-              (Lines{"FORWARDING-3-UNAVAILABLE: This switch has no forwarding-plane rules: "
-                     "storm-loop-detect finds nothing."}));
 }
 
 }  // namespace

@@ -1,0 +1,158 @@
+#include "platform/driver/linux/fdb_mirror.h"
+
+#include <cstring>
+#include <optional>
+#include <utility>
+
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+#include <netlink/attr.h>
+#include <netlink/msg.h>
+
+namespace qv {
+namespace {
+
+constexpr int kAddressBytes = 6;
+constexpr unsigned kVlanBits = 16;
+constexpr MacAddress kGroupBit = MacAddress{1} << 40;
+
+struct FdbEntry {
+    uint32_t bridge;
+    MacAddress address;
+    uint16_t vlan;  // 0 where the bridge does not tell VLANs apart
+};
+
+struct EntryPolicy {
+    nla_policy field[NDA_MAX + 1]{};
+
+    EntryPolicy() {
+        field[NDA_LLADDR] = {.type = NLA_UNSPEC, .minlen = kAddressBytes, .maxlen = kAddressBytes};
+        field[NDA_VLAN].type = NLA_U16;
+        field[NDA_MASTER].type = NLA_U32;
+    }
+};
+
+// An entry of some bridge; nothing for other neighbours and for the filters of single devices,
+// which have no bridge above them.
+std::optional<FdbEntry> parse_entry(nlmsghdr* header) {
+    static EntryPolicy policy;  // the library only reads it
+    nlattr* field[NDA_MAX + 1];
+    const bool about_entry =
+        header->nlmsg_type == RTM_NEWNEIGH || header->nlmsg_type == RTM_DELNEIGH;
+    if (!about_entry || nlmsg_parse(header, sizeof(ndmsg), field, NDA_MAX, policy.field) < 0) {
+        return std::nullopt;
+    }
+    ndmsg entry;
+    std::memcpy(&entry, nlmsg_data(header), sizeof entry);
+    if (entry.ndm_family != AF_BRIDGE || field[NDA_LLADDR] == nullptr ||
+        field[NDA_MASTER] == nullptr) {
+        return std::nullopt;
+    }
+    MacAddress address = 0;
+    const auto* const bytes = static_cast<const unsigned char*>(nla_data(field[NDA_LLADDR]));
+    for (int n = 0; n < kAddressBytes; ++n) {
+        address = address << 8 | bytes[n];
+    }
+    const uint16_t vlan = field[NDA_VLAN] != nullptr ? nla_get_u16(field[NDA_VLAN]) : 0;
+    return FdbEntry{nla_get_u32(field[NDA_MASTER]), address, vlan};
+}
+
+}  // namespace
+
+FdbMirror::FdbMirror(EventLoop& loop, Changed changed, int receive_buffer)
+    : loop_(loop), changed_(std::move(changed)), receive_buffer_(receive_buffer) {}
+
+FdbMirror::~FdbMirror() = default;
+
+void FdbMirror::follow(uint32_t bridge) {
+    monitor_.reset();
+    bridge_ = 0;
+    if (bridge == 0) {
+        entries_.clear();
+        on_dump_end();
+        return;
+    }
+    monitor_ = std::make_unique<RtnlMonitor>(
+        loop_, RtnlMonitor::Subject{.name = "forwarding-database entries",
+                                    .group = RTNLGRP_NEIGH,
+                                    .list_request = RTM_GETNEIGH,
+                                    .family = AF_BRIDGE,
+                                    .request_bytes = sizeof(ndmsg),
+                                    .receive_buffer = receive_buffer_});
+    bridge_ = bridge;
+    monitor_->start(*this);
+}
+
+void FdbMirror::stop() {
+    monitor_.reset();
+    gathering_.reset();
+    bridge_ = 0;
+    entries_.clear();
+    touched_.clear();
+    known_.clear();
+    reading_ = false;
+}
+
+void FdbMirror::on_dump_begin() {
+    reading_ = true;
+    entries_.clear();
+}
+
+void FdbMirror::on_dump_end() {
+    reading_ = false;
+    touched_ = known_;
+    for (const uint64_t entry : entries_) {
+        touched_.insert(entry >> kVlanBits);
+    }
+    gather();
+}
+
+void FdbMirror::on_message(nlmsghdr* header) {
+    const auto entry = parse_entry(header);
+    if (!entry || entry->bridge != bridge_ || (entry->address & kGroupBit) != 0) {
+        return;
+    }
+    const uint64_t key = entry->address << kVlanBits | entry->vlan;
+    if (header->nlmsg_type == RTM_NEWNEIGH) {
+        entries_.insert(key);
+    } else {
+        entries_.erase(key);
+    }
+    if (!reading_ && has_entry(entry->address) != known_.contains(entry->address)) {
+        touched_.insert(entry->address);
+        gather();
+    }
+}
+
+bool FdbMirror::has_entry(MacAddress address) const {
+    const auto entry = entries_.lower_bound(address << kVlanBits);
+    return entry != entries_.end() && *entry >> kVlanBits == address;
+}
+
+void FdbMirror::gather() {
+    if (!gathering_) {
+        gathering_ = loop_.after(kGather, [this] { hand_on(); });
+    }
+}
+
+void FdbMirror::hand_on() {
+    if (reading_) {
+        return;  // its end gathers again
+    }
+    std::vector<MacAddress> added;
+    std::vector<MacAddress> gone;
+    for (const MacAddress address : std::exchange(touched_, {})) {
+        if (!has_entry(address)) {
+            if (known_.erase(address) != 0) {
+                gone.push_back(address);
+            }
+        } else if (known_.insert(address).second) {
+            added.push_back(address);
+        }
+    }
+    if (!added.empty() || !gone.empty()) {
+        changed_(added, gone);
+    }
+}
+
+}  // namespace qv

@@ -1,0 +1,72 @@
+// The addresses that a bridge knows, followed through rtnetlink.
+//
+// A bridge keeps one entry for each address and VLAN: learned ones, those set by hand and its own.
+// An address is known while there is any entry for it. Changes are gathered for a moment and
+// then handed on as differences, so that an entry that only moves between ports (which is what all
+// of them do in a storm) is no change at all. When the kernel had to drop messages, all entries are
+// read again and the differences handed on; nothing is lost.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <set>
+#include <vector>
+
+#include "platform/client/event_loop.h"
+#include "platform/driver/linux/rtnl_monitor.h"
+
+namespace qv {
+
+// An Ethernet address, its first byte the highest of six.
+using MacAddress = uint64_t;
+
+// Loop thread only.
+class FdbMirror final : private RtnlMonitor::Listener {
+ public:
+    static constexpr int kReceiveBuffer = 8 << 20;
+    // How long changes are gathered.
+    static constexpr std::chrono::milliseconds kGather{10};
+
+    // From the loop. No address is in both lists.
+    using Changed = std::function<void(const std::vector<MacAddress>& added,
+                                       const std::vector<MacAddress>& gone)>;
+
+    // The loop must outlive the mirror.
+    FdbMirror(EventLoop& loop, Changed changed, int receive_buffer = kReceiveBuffer);
+    ~FdbMirror() override;
+
+    // Follows the bridge with this interface index from now on; 0 for none, then no address is
+    // known. Throws std::runtime_error when no socket is to be had.
+    void follow(uint32_t bridge);
+    uint32_t bridge() const { return bridge_; }
+
+    // Forgets everything, without a report.
+    void stop();
+
+    // What has been handed on, ascending.
+    const std::set<MacAddress>& known() const { return known_; }
+    // How often everything was read again because messages were lost.
+    unsigned resyncs() const { return monitor_ ? monitor_->resyncs() : 0; }
+
+ private:
+    void on_dump_begin() override;
+    void on_dump_end() override;
+    void on_message(nlmsghdr* header) override;
+    bool has_entry(MacAddress address) const;
+    void gather();
+    void hand_on();
+
+    EventLoop& loop_;
+    const Changed changed_;
+    const int receive_buffer_;
+    uint32_t bridge_ = 0;
+    std::set<uint64_t> entries_;    // address and VLAN: address << 16 | VLAN
+    std::set<MacAddress> touched_;  // may differ between entries_ and known_
+    std::set<MacAddress> known_;
+    bool reading_ = false;  // between the two ends of a dump entries_ is not complete
+    std::unique_ptr<RtnlMonitor> monitor_;  // null while no bridge is followed
+    EventLoop::Handle gathering_;
+};
+
+}  // namespace qv

@@ -1,0 +1,254 @@
+#include "platform/driver/linux/nft_objects.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <limits>
+#include <vector>
+
+#include <libmnl/libmnl.h>
+#include <libnftnl/common.h>
+#include <libnftnl/object.h>
+#include <libnftnl/set.h>
+#include <linux/netfilter.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+
+namespace qv {
+namespace {
+
+constexpr size_t kAddressBytes = 6;
+// An element takes 20 bytes of its message, whose list is at most 64 KiB long.
+constexpr size_t kElementsPerMessage = 1024;
+constexpr size_t kMessageBytes = 64 << 10;
+// The kernel fills dumps into at most 32 KiB.
+constexpr size_t kReadBytes = 64 << 10;
+constexpr int kReadingsAtMost = 4;
+
+struct FreeObject {
+    void operator()(nftnl_obj* object) const { nftnl_obj_free(object); }
+};
+struct FreeSet {
+    void operator()(nftnl_set* set) const { nftnl_set_free(set); }
+};
+using Set = std::unique_ptr<nftnl_set, FreeSet>;
+using Counters = std::map<std::string, PacketCounts>;
+
+std::unique_ptr<nftnl_obj, FreeObject> new_object() {
+    return std::unique_ptr<nftnl_obj, FreeObject>(nftnl_obj_alloc());
+}
+
+void take_counter(const nlmsghdr* header, Counters& counters) {
+    const auto object = new_object();
+    if (!object || nftnl_obj_nlmsg_parse(header, object.get()) < 0 ||
+        !nftnl_obj_is_set(object.get(), NFTNL_OBJ_NAME)) {
+        return;
+    }
+    PacketCounts& counts = counters[nftnl_obj_get_str(object.get(), NFTNL_OBJ_NAME)];
+    counts.packets = nftnl_obj_get_u64(object.get(), NFTNL_OBJ_CTR_PKTS);
+    counts.bytes = nftnl_obj_get_u64(object.get(), NFTNL_OBJ_CTR_BYTES);
+}
+
+// What NLMSG_ERROR or NLMSG_DONE says, as an errno value.
+int answer_in(const nlmsghdr* header) {
+    int error = 0;
+    if (mnl_nlmsg_get_payload_len(header) >= sizeof error) {
+        std::memcpy(&error, mnl_nlmsg_get_payload(header), sizeof error);
+    }
+    return -error;
+}
+
+Set new_set(const std::string& table, const std::string& name,
+            std::span<const uint64_t> addresses) {
+    Set set(nftnl_set_alloc());
+    if (!set) {
+        return nullptr;
+    }
+    nftnl_set_set_str(set.get(), NFTNL_SET_TABLE, table.c_str());
+    nftnl_set_set_str(set.get(), NFTNL_SET_NAME, name.c_str());
+    for (const uint64_t address : addresses) {
+        nftnl_set_elem* const element = nftnl_set_elem_alloc();
+        if (element == nullptr) {
+            return nullptr;
+        }
+        std::array<unsigned char, kAddressBytes> bytes;
+        for (size_t n = 0; n < bytes.size(); ++n) {
+            bytes[n] = static_cast<unsigned char>(address >> (8 * (kAddressBytes - 1 - n)));
+        }
+        nftnl_set_elem_set(element, NFTNL_SET_ELEM_KEY, bytes.data(), bytes.size());
+        nftnl_set_elem_add(set.get(), element);
+    }
+    return set;
+}
+
+// The messages of one transaction.
+class Batch {
+ public:
+    explicit Batch(uint32_t& sequence) : sequence_(sequence) {
+        std::vector<char> bytes(kMessageBytes);
+        append(bytes, nftnl_batch_begin(bytes.data(), ++sequence_));
+    }
+
+    // One message for each thousand elements; false when there is no memory.
+    bool add(uint16_t type, uint16_t flags, const std::string& table, const std::string& set,
+             std::span<const uint64_t> addresses) {
+        while (!addresses.empty()) {
+            const auto some = addresses.first(std::min(addresses.size(), kElementsPerMessage));
+            addresses = addresses.subspan(some.size());
+            const Set elements = new_set(table, set, some);
+            if (!elements) {
+                return false;
+            }
+            std::vector<char> bytes(kMessageBytes);
+            nlmsghdr* const header =
+                nftnl_nlmsg_build_hdr(bytes.data(), type, NFPROTO_NETDEV,
+                                      static_cast<uint16_t>(flags | NLM_F_ACK), ++sequence_);
+            nftnl_set_elems_nlmsg_build_payload(header, elements.get());
+            append(bytes, header);
+            ++messages_;
+        }
+        return true;
+    }
+
+    std::span<const char> end() {
+        std::vector<char> bytes(kMessageBytes);
+        append(bytes, nftnl_batch_end(bytes.data(), ++sequence_));
+        return all_;
+    }
+
+    unsigned messages() const { return messages_; }
+
+ private:
+    void append(const std::vector<char>& bytes, const nlmsghdr* header) {
+        all_.insert(all_.end(), bytes.begin(), bytes.begin() + NLMSG_ALIGN(header->nlmsg_len));
+    }
+
+    uint32_t& sequence_;
+    std::vector<char> all_;
+    unsigned messages_ = 0;
+};
+
+}  // namespace
+
+uint64_t counted_since(uint64_t before, uint64_t now) {
+    const uint64_t difference = now - before;
+    return difference <= std::numeric_limits<uint64_t>::max() / 2 ? difference : now;
+}
+
+void NftObjects::Close::operator()(mnl_socket* socket) const {
+    mnl_socket_close(socket);
+}
+
+int NftObjects::open() {
+    if (socket_) {
+        return 0;
+    }
+    std::unique_ptr<mnl_socket, Close> socket(mnl_socket_open2(NETLINK_NETFILTER, SOCK_CLOEXEC));
+    if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
+        return errno;
+    }
+    // Thousands of elements go out in one piece.
+    const int bytes = 8 << 20;
+    setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes);
+    socket_ = std::move(socket);
+    return 0;
+}
+
+int NftObjects::try_out() {
+    std::array<char, 256> request;
+    nlmsghdr* const header =
+        nftnl_nlmsg_build_hdr(request.data(), NFT_MSG_GETGEN, AF_UNSPEC, NLM_F_ACK, ++sequence_);
+    if (mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
+        return errno;
+    }
+    return read_answers(1);
+}
+
+int NftObjects::read_counters(const std::string& table, Counters& counters) {
+    const auto filter = new_object();
+    if (!filter) {
+        return ENOMEM;
+    }
+    nftnl_obj_set_str(filter.get(), NFTNL_OBJ_TABLE, table.c_str());
+    nftnl_obj_set_u32(filter.get(), NFTNL_OBJ_TYPE, NFT_OBJECT_COUNTER);
+    // A table that changes while it is listed is listed again.
+    int error = EINTR;
+    for (int reading = 0; reading < kReadingsAtMost && error == EINTR; ++reading) {
+        counters.clear();
+        std::array<char, 1024> request;
+        nlmsghdr* const header = nftnl_nlmsg_build_hdr(request.data(), NFT_MSG_GETOBJ,
+                                                       NFPROTO_NETDEV, NLM_F_DUMP, ++sequence_);
+        nftnl_obj_nlmsg_build_payload(header, filter.get());
+        if (mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
+            return errno;
+        }
+        error = read_list(counters);
+    }
+    return error;
+}
+
+// EINTR when the list was complete but something changed meanwhile.
+int NftObjects::read_list(Counters& counters) {
+    std::vector<char> buffer(kReadBytes);
+    bool interrupted = false;
+    for (;;) {
+        const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
+        if (length < 0) {
+            return errno;
+        }
+        int left = static_cast<int>(length);
+        const auto* header = reinterpret_cast<const nlmsghdr*>(buffer.data());
+        for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
+            if (header->nlmsg_seq != sequence_) {
+                continue;
+            }
+            interrupted = interrupted || (header->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
+            if (header->nlmsg_type == NLMSG_ERROR || header->nlmsg_type == NLMSG_DONE) {
+                const int error = answer_in(header);
+                return error == 0 && interrupted ? EINTR : error;
+            }
+            take_counter(header, counters);
+        }
+    }
+}
+
+int NftObjects::change_set(const std::string& table, const std::string& set,
+                           std::span<const uint64_t> added, std::span<const uint64_t> gone) {
+    Batch batch(sequence_);
+    if (!batch.add(NFT_MSG_DELSETELEM, 0, table, set, gone) ||
+        !batch.add(NFT_MSG_NEWSETELEM, NLM_F_CREATE, table, set, added)) {
+        return ENOMEM;
+    }
+    const std::span<const char> bytes = batch.end();
+    if (mnl_socket_sendto(socket_.get(), bytes.data(), bytes.size()) < 0) {
+        return errno;
+    }
+    return read_answers(batch.messages());
+}
+
+// The kernel works a request off while it is sent, so its answers are already there.
+int NftObjects::read_answers(unsigned expected) {
+    std::vector<char> buffer(kReadBytes);
+    int error = 0;
+    unsigned answers = 0;
+    const int fd = mnl_socket_get_fd(socket_.get());
+    for (;;) {
+        const ssize_t length = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        if (length < 0) {
+            break;
+        }
+        int left = static_cast<int>(length);
+        const auto* header = reinterpret_cast<const nlmsghdr*>(buffer.data());
+        for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
+            if (header->nlmsg_type != NLMSG_ERROR) {
+                continue;
+            }
+            error = error != 0 ? error : answer_in(header);
+            ++answers;
+        }
+    }
+    return error == 0 && answers < expected ? EIO : error;
+}
+
+}  // namespace qv

@@ -1,0 +1,53 @@
+// What is read and changed often in a table of the kernel's packet filter: counters and the
+// elements of a set of Ethernet addresses, by their netlink messages.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+
+struct mnl_socket;
+
+namespace qv {
+
+struct PacketCounts {
+    uint64_t packets = 0;
+    uint64_t bytes = 0;
+};
+
+// What a counter has counted between two readings. One that stands lower than before has wrapped
+// when that makes the smaller difference, else somebody has set it back to zero.
+uint64_t counted_since(uint64_t before, uint64_t now);
+
+// Loop thread only. Functions give 0 or an errno value.
+class NftObjects {
+ public:
+    // Opens the socket in the calling thread's network namespace, unless it is open.
+    int open();
+
+    // Whether the kernel has a packet filter and lets us at it.
+    int try_out();
+
+    // All named counters of a netdev table, by name. None for a table that is not there.
+    int read_counters(const std::string& table, std::map<std::string, PacketCounts>& counters);
+
+    // Adds and removes elements of a set in one transaction: all or nothing. Adding one that is
+    // there is no error, removing one that is not is ENOENT. Addresses as in fdb_mirror.h.
+    int change_set(const std::string& table, const std::string& set,
+                   std::span<const uint64_t> added, std::span<const uint64_t> gone);
+
+ private:
+    struct Close {
+        void operator()(mnl_socket* socket) const;
+    };
+
+    int read_list(std::map<std::string, PacketCounts>& counters);
+    int read_answers(unsigned expected);
+
+    std::unique_ptr<mnl_socket, Close> socket_;
+    uint32_t sequence_ = 0;
+};
+
+}  // namespace qv

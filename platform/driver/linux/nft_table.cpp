@@ -1,0 +1,131 @@
+#include "platform/driver/linux/nft_table.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <limits>
+#include <utility>
+
+#include <nftables/libnftables.h>
+
+namespace qv {
+namespace {
+
+constexpr const char* kKnownSet = "fdb";
+// Frames of the loop probes: a port that gets them back must not forward them.
+constexpr const char* kProbeType = "0x88b5";
+// The kernel reckons in nanoseconds for each frame.
+constexpr uint64_t kFastestMeter = 1'000'000'000;
+
+}  // namespace
+
+KernelMeter kernel_meter(uint64_t rate_pps) {
+    constexpr uint64_t kMostBurst = std::numeric_limits<uint32_t>::max();
+    const uint64_t judged = std::min(rate_pps, kFastestMeter);
+    return {
+        .rate_pps = std::min(judged * KernelMeter::kRateFactor, kFastestMeter),
+        .burst = static_cast<uint32_t>(std::min(judged * KernelMeter::kBurstFactor, kMostBurst))};
+}
+
+// "add" makes sure that there is something to delete: that is no error when it exists.
+void NftTable::Change::begin_anew() {
+    drop_table();
+    text_ += "add table netdev " + table_ + "\nadd set netdev " + table_ + " " + kKnownSet +
+             " { type ether_addr; }\n";
+}
+
+void NftTable::Change::drop_table() {
+    text_ += "add table netdev " + table_ + "\ndelete table netdev " + table_ + "\n";
+}
+
+void NftTable::Change::add_counter(const std::string& name) {
+    text_ += "add counter netdev " + table_ + " " + name + "\n";
+}
+
+void NftTable::Change::drop_counter(const std::string& name) {
+    text_ += "delete counter netdev " + table_ + " " + name + "\n";
+}
+
+void NftTable::Change::add_chain(const std::string& name, const std::string& device,
+                                 const ForwardingRule& rule) {
+    text_ += "add chain netdev " + table_ + " " + name + " { type filter hook ingress device \"" +
+             device + "\" priority 0; policy accept; }\n";
+    const std::string add = "add rule netdev " + table_ + " " + name + " ";
+    // "meta protocol" is the frame's type behind a VLAN tag, too.
+    text_ += add + "meta protocol " + kProbeType + " drop\n";
+    if (rule.ethertype) {
+        text_ += add + "meta protocol != " + std::to_string(*rule.ethertype) + " accept\n";
+    }
+    if (rule.unknown_destination) {
+        text_ += add + "ether daddr @" + kKnownSet + " accept\n";
+    }
+    if (rule.counted) {
+        text_ += add + "counter name " + name + "\n";
+    }
+    if (rule.meter) {
+        const KernelMeter meter = kernel_meter(rule.meter->rate_pps);
+        text_ += add + "limit rate over " + std::to_string(meter.rate_pps) + "/second burst " +
+                 std::to_string(meter.burst) + " packets counter drop\n";
+    }
+}
+
+// A chain goes with its device on some kernels and stays on others.
+void NftTable::Change::drop_chain(const std::string& name) {
+    const std::string chain = " chain netdev " + table_ + " " + name + "\n";
+    text_ += "add" + chain + "flush" + chain + "delete" + chain;
+}
+
+void NftTable::Free::operator()(nft_ctx* context) const {
+    nft_ctx_free(context);
+}
+
+NftTable::NftTable(std::string name) : name_(std::move(name)) {}
+
+NftTable::~NftTable() = default;
+
+// No escapes inside quotes, and a star is a pattern.
+bool NftTable::can_name(const std::string& device) {
+    return device.find_first_of("\"\\*") == std::string::npos;
+}
+
+// Our own socket tries first: the library ends the process where the packet filter is not to be
+// had.
+int NftTable::open() {
+    int error = objects_.open();
+    if (error == 0) {
+        error = objects_.try_out();
+    }
+    if (error != 0 || context_) {
+        return error;
+    }
+    context_.reset(nft_ctx_new(NFT_CTX_DEFAULT));
+    if (!context_) {
+        return ENOMEM;
+    }
+    // Kept instead of printed; what matters of it is in errno.
+    nft_ctx_buffer_error(context_.get());
+    nft_ctx_buffer_output(context_.get());
+    return 0;
+}
+
+int NftTable::run(const Change& change) {
+    if (const int error = open(); error != 0) {
+        return error;
+    }
+    errno = 0;
+    const int result = nft_run_cmd_from_buffer(context_.get(), change.text().c_str());
+    const int error = result == 0 ? 0 : errno != 0 ? errno : EIO;
+    nft_ctx_get_error_buffer(context_.get());  // empties it
+    return error;
+}
+
+int NftTable::change_known(std::span<const uint64_t> added, std::span<const uint64_t> gone) {
+    const int error = objects_.open();
+    return error != 0 ? error : objects_.change_set(name_, kKnownSet, added, gone);
+}
+
+int NftTable::read_counters(std::map<std::string, PacketCounts>& counters) {
+    const int error = objects_.open();
+    return error != 0 ? error : objects_.read_counters(name_, counters);
+}
+
+}  // namespace qv

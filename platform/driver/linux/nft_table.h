@@ -1,0 +1,86 @@
+// The agent's own table of the kernel's packet filter, family netdev: one chain at the ingress of
+// each watched port, a counter for each, and the set of known addresses.
+//
+// Every change is one transaction: it happens as a whole or not at all. Other tables are
+// neither read nor changed.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <span>
+#include <string>
+
+#include "platform/driver/forwarding_driver.h"
+#include "platform/driver/linux/nft_objects.h"
+
+struct nft_ctx;
+
+namespace qv {
+
+// What the kernel's meter is given for a rule's rate. Never out of the kernel's range.
+struct KernelMeter {
+    // The rate that is judged must stay visible in the counter of every port that a storm goes
+    // through, also where it is metered at the other end: so the meter lets twice as much pass, and
+    // four seconds of it at once.
+    static constexpr uint64_t kRateFactor = 2;
+    static constexpr uint64_t kBurstFactor = 8;
+
+    uint64_t rate_pps;
+    uint32_t burst;
+};
+KernelMeter kernel_meter(uint64_t rate_pps);
+
+// Loop thread only. Functions give 0 or an errno value.
+class NftTable {
+ public:
+    // What has been asked for and not yet been carried out. Chains and counters of a rule have the
+    // rule's name, which is made of letters, digits and dots.
+    class Change {
+     public:
+        explicit Change(std::string table) : table_(std::move(table)) {}
+
+        // The table and the set, empty, in place of whatever there is.
+        void begin_anew();
+        void drop_table();
+        void add_counter(const std::string& name);
+        void drop_counter(const std::string& name);
+        // Only for a device that can be named.
+        void add_chain(const std::string& name, const std::string& device,
+                       const ForwardingRule& rule);
+        // Not there is no error.
+        void drop_chain(const std::string& name);
+
+        const std::string& text() const { return text_; }
+
+     private:
+        const std::string table_;
+        std::string text_;
+    };
+
+    explicit NftTable(std::string name);
+    ~NftTable();
+
+    // Whether the filter's language can express the device's name.
+    static bool can_name(const std::string& device);
+
+    Change change() const { return Change(name_); }
+    int run(const Change& change);
+
+    // In one transaction; see NftObjects::change_set.
+    int change_known(std::span<const uint64_t> added, std::span<const uint64_t> gone);
+
+    int read_counters(std::map<std::string, PacketCounts>& counters);
+
+ private:
+    struct Free {
+        void operator()(nft_ctx* context) const;
+    };
+
+    int open();
+
+    const std::string name_;
+    NftObjects objects_;
+    std::unique_ptr<nft_ctx, Free> context_;  // once there was something to do
+};
+
+}  // namespace qv
