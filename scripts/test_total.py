@@ -2,6 +2,7 @@
 
 Exit status 1 when a test failed or none ran."""
 
+import re
 import sys
 import xml.etree.ElementTree as ET
 
@@ -17,6 +18,15 @@ def outcome(case):
     return "passed"
 
 
+def reason(case):
+    """Why a test was skipped, as the test itself said it; empty when it did not."""
+    said = re.search(r": Skipped\n(.*)", case.findtext("system-out") or "")
+    if said:
+        return said.group(1)
+    skipped = case.find("skipped")
+    return skipped.get("message", "") if skipped is not None else ""
+
+
 def main(paths):
     count = {"passed": 0, "failed": 0, "skipped": 0}
     for path in paths:
@@ -24,7 +34,7 @@ def main(paths):
             result = outcome(case)
             count[result] += 1
             if result != "passed":
-                print(f"{result}: {case.get('classname')} {case.get('name')}")
+                print(f"{result}: {case.get('name')} {reason(case)}".rstrip())
     print("{passed} passed, {failed} failed, {skipped} skipped".format(**count))
     return 1 if count["failed"] or not count["passed"] else 0
 
