@@ -1,9 +1,20 @@
-// qv/netconf.h: notifications are kept in a bounded ring.
+// qv/netconf.h: a notification is a record published in the local database, where the records of
+// the management plane live: the NETCONF front then listens in one database only, and a service
+// that takes policy requests has its session there already. The last ones sent are kept in a
+// bounded ring.
 #include "qv/netconf.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <deque>
+#include <span>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
+#include "p_nc.pb-c.h"
 #include "platform/client/notification_ring.h"
 
 namespace {
@@ -13,9 +24,61 @@ std::deque<qv::SentNotification>& ring() {
     return instance;
 }
 
-bool acceptable(const nc_lib_leaf& leaf) {
+// "m:event" of "/m:event/entry/leaf"; empty when the path has no such start.
+std::string_view notification_name(const char* path) {
+    if (path == nullptr || path[0] != '/') {
+        return {};
+    }
+    const std::string_view rest(path + 1);
+    return rest.substr(0, rest.find('/'));
+}
+
+bool acceptable(const nc_lib_leaf& leaf, std::string_view name) {
     const bool known_type = leaf.type == NC_LIB_TYPE_INT32 || leaf.type == NC_LIB_TYPE_UINT32;
-    return known_type && leaf.path != nullptr && leaf.path[0] == '/';
+    return known_type && !name.empty() && notification_name(leaf.path) == name;
+}
+
+// All leaves of one notification, nothing that a reader would not understand.
+bool acceptable(std::span<const nc_lib_leaf> leaves) {
+    const std::string_view name = notification_name(leaves.front().path);
+    return std::all_of(leaves.begin(), leaves.end(),
+                       [name](const nc_lib_leaf& leaf) { return acceptable(leaf, name); });
+}
+
+qv::SentNotification copy_of(std::span<const nc_lib_leaf> leaves) {
+    qv::SentNotification notification{.time = std::chrono::system_clock::now(), .leaves = {}};
+    for (const nc_lib_leaf& leaf : leaves) {
+        notification.leaves.push_back({leaf.path, leaf.type, leaf.value});
+    }
+    return notification;
+}
+
+// 0, or the error number of the database.
+int publish(qv_mom_client* client, const qv::SentNotification& notification) {
+    static uint64_t sequence = 0;
+    PNc__NotificationIndex index = P_NC__NOTIFICATION_INDEX__INIT;
+    index.sequence = ++sequence;
+
+    std::vector<PNc__NotificationLeaf> leaves(notification.leaves.size(),
+                                              P_NC__NOTIFICATION_LEAF__INIT);
+    std::vector<PNc__NotificationLeaf*> pointers;
+    for (size_t i = 0; i < leaves.size(); ++i) {
+        leaves[i].path = const_cast<char*>(notification.leaves[i].path.c_str());
+        leaves[i].type = notification.leaves[i].type;
+        leaves[i].value = notification.leaves[i].value;
+        pointers.push_back(&leaves[i]);
+    }
+    std::string name(notification_name(notification.leaves.front().path.c_str()));
+
+    PNc__Notification record = P_NC__NOTIFICATION__INIT;
+    record.index = &index;
+    record.name = name.data();
+    record.n_leaves = pointers.size();
+    record.leaves = pointers.data();
+    record.time_ms = static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(notification.time.time_since_epoch())
+            .count());
+    return qv_mom_publish(client, QV_MOM_LOCAL_DB, &record.base, 0, 0);
 }
 
 }  // namespace
@@ -32,12 +95,14 @@ int nc_lib_notification_send(qv_mom_client* client, const nc_lib_leaf* leaves, i
     if (count < 1 || count > qv::kMaxNotificationLeaves) {
         return EINVAL;
     }
-    qv::SentNotification notification{.time = std::chrono::system_clock::now(), .leaves = {}};
-    for (int i = 0; i < count; ++i) {
-        if (!acceptable(leaves[i])) {
-            return EINVAL;
-        }
-        notification.leaves.push_back({leaves[i].path, leaves[i].type, leaves[i].value});
+    const std::span given(leaves, static_cast<size_t>(count));
+    if (!acceptable(given)) {
+        return EINVAL;
+    }
+    qv::SentNotification notification = copy_of(given);
+    const int refused = publish(client, notification);
+    if (refused != 0) {
+        return refused;
     }
     ring().push_back(std::move(notification));
     if (ring().size() > qv::kRecentNotifications) {

@@ -3,14 +3,18 @@
 
 #include <string>
 
+#include "qv/mom.h"
 #include "qv/netconf.h"
 #include "tests/unit/cli/cli_rig.h"
 
 namespace {
 
-qv_mom_client* some_client() {
-    static char anything;
-    return reinterpret_cast<qv_mom_client*>(&anything);
+// A service with a session in the local database.
+qv_mom_client* connected_client(qv::test::CliRig& rig) {
+    qv_mom_client* const client = qv_mom_client_init("TEST", rig.master, nullptr);
+    qv_mom_client_connect(client, QV_MOM_LOCAL_DB, nullptr, nullptr);
+    rig.platform.run_ready();
+    return client;
 }
 
 TEST(ShowNotifications, SaysThatThereIsNone) {
@@ -23,7 +27,7 @@ TEST(ShowNotifications, PrintsTheTimeAndTheLeavesByTheirType) {
     const nc_lib_leaf leaves[] = {
         {"/m:s/entry[name='swp1']/notify-type", NC_LIB_TYPE_UINT32, 4294967295},
         {"/m:s/entry[name='swp1']/src-port", NC_LIB_TYPE_INT32, 4294967295}};
-    ASSERT_EQ(nc_lib_notification_send(some_client(), leaves, 2, 0), 0);
+    ASSERT_EQ(nc_lib_notification_send(connected_client(rig), leaves, 2, 0), 0);
     const std::string output = rig.type("show notif");
     const size_t end_of_time = output.find('\n');
     EXPECT_EQ(end_of_time, std::string("2026-01-31 23:59:59.123").size());
