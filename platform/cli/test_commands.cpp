@@ -1,5 +1,6 @@
 #include "platform/cli/test_commands.h"
 
+#include <cerrno>
 #include <deque>
 #include <string>
 #include <string_view>
@@ -8,6 +9,7 @@
 #include "platform/cli/engine.h"
 #include "platform/cli/scripted_faults.h"
 #include "platform/client/platform.h"
+#include "platform/driver/embedded/embedded_forwarding.h"
 #include "platform/driver/embedded/embedded_switch.h"
 #include "platform/driver/embedded/memory_store.h"
 #include "qv/cli.h"
@@ -18,8 +20,11 @@ namespace {
 constexpr int64_t kMaxRate = 1'000'000'000;  // packets per second
 constexpr int64_t kMaxDatabase = 31;
 constexpr int64_t kMaxSessions = 1000;
+constexpr int64_t kMaxRequests = 1000;
+constexpr int64_t kMaxTicks = 3600;  // of the plane, a second each
 
 EmbeddedSwitch* g_ports = nullptr;
+EmbeddedForwarding* g_plane = nullptr;
 MemoryStore* g_store = nullptr;
 
 int answer(const std::string& fault) {
@@ -94,6 +99,28 @@ int vsl_create(cli_pcdb* pcdb) {
 
 int vsl_remove(cli_pcdb* pcdb) {
     return with_port(pcdb, [](uint32_t ifx) { return g_ports->remove_vsl(ifx); });
+}
+
+template <EmbeddedForwarding::Request Kind>
+int forwarding_fail(cli_pcdb* pcdb) {
+    g_plane->fail_next(Kind, ENOSPC, static_cast<unsigned>(pcdb->number[0]));
+    return 0;
+}
+
+int forwarding_delay(cli_pcdb* pcdb) {
+    g_plane->delay_answers(static_cast<unsigned>(pcdb->number[0]));
+    return 0;
+}
+
+int forwarding_lose(cli_pcdb* pcdb) {
+    return with_port(pcdb, [](uint32_t ifx) -> std::string {
+        const Port& port = *platform().ports().find(ifx);
+        if (!g_plane->port_rules().contains(port.phyid)) {
+            return "no rule is installed on " + port.name;
+        }
+        g_plane->lose_rule(port.phyid, EIO);
+        return "";
+    });
 }
 
 int refuse_line(cli_pcdb* pcdb) {
@@ -175,6 +202,24 @@ const cli_node* vsl_commands() {
                            one_name("PORT", "Port", vsl_remove)));
 }
 
+const cli_node* forwarding_commands() {
+    using enum EmbeddedForwarding::Request;
+    const auto requests = [](cli_handler handler) {
+        return number("How many", 1, kMaxRequests, end_of_line(handler));
+    };
+    const cli_node* kinds =
+        keyword("acl", "Requests for an access control list", requests(forwarding_fail<kAcl>),
+                keyword("entry", "Requests for an entry", requests(forwarding_fail<kEntry>),
+                        keyword("apply", "Requests to apply a rule to a port or to the switch",
+                                requests(forwarding_fail<kApply>))));
+    return keyword(
+        "fail", "Let the next requests fail for want of room", kinds,
+        keyword(
+            "delay", "Answer later requests late",
+            number("Seconds, 0 ends it", 0, kMaxTicks, end_of_line(forwarding_delay)),
+            keyword("lose", "Lose the rule of a port", one_name("PORT", "Port", forwarding_lose))));
+}
+
 const cli_node* database_commands() {
     const char* const help = "Number of the database";
     return keyword("drop", "Lose the sessions with a database",
@@ -192,6 +237,7 @@ const cli_node* all_commands() {
                    number("How many", 0, kMaxSessions, end_of_line(fail_sessions)), list);
     list = keyword("refuse", "Refuse the next configuration line",
                    rest_of_line("TEXT", "What the line prints", end_of_line(refuse_line)), list);
+    list = keyword("forwarding", "Forwarding plane that fails", forwarding_commands(), list);
     list = keyword("vsl", "Virtual switch links", vsl_commands(), list);
     list = keyword("aggregate", "Aggregate ports", aggregate_commands(), list);
     list = keyword(
@@ -204,8 +250,9 @@ const cli_node* all_commands() {
 
 }  // namespace
 
-void register_test_commands(EmbeddedSwitch& ports, MemoryStore* store) {
+void register_test_commands(EmbeddedSwitch& ports, EmbeddedForwarding& plane, MemoryStore* store) {
     g_ports = &ports;
+    g_plane = &plane;
     g_store = store;
     attach(kChainExec, keyword("test", "Play what happens around the switch", all_commands()),
            "test commands of the embedded switch");

@@ -145,18 +145,18 @@ class DescribedPlatform final : public Platform {
         switch_ = std::move(embedded);
         ports_ = std::make_unique<PortModel>(ports);
 
-        auto plane = std::make_unique<EmbeddedForwarding>(
+        auto forwarding = std::make_unique<EmbeddedForwarding>(
             *loop_, [this](uint32_t phyid) { return ports_->find_phyid(phyid) != nullptr; });
-        ports.set_rate_listener([traffic = plane.get()](uint32_t phyid, uint64_t pps) {
-            traffic->set_rate(phyid, pps);
-        });
-        forwarding_ = std::move(plane);
+        EmbeddedForwarding& plane = *forwarding;
+        ports.set_rate_listener(
+            [&plane](uint32_t phyid, uint64_t pps) { plane.set_rate(phyid, pps); });
+        forwarding_ = std::move(forwarding);
 
         probe_ = std::make_unique<LoopProbe>(
             *loop_, ports, probed, [reports = LoopReports(*loop_)](const LoopReport& report) {
                 return reports.store(report);
             });
-        cli::register_test_commands(ports, memory);
+        cli::register_test_commands(ports, plane, memory);
     }
 
     const PlatformConfig config_;

@@ -5,6 +5,7 @@
 #include "platform/cli/engine.h"
 #include "platform/cli/scripted_faults.h"
 #include "platform/client/port_model.h"
+#include "platform/driver/embedded/embedded_forwarding.h"
 #include "platform/driver/embedded/embedded_switch.h"
 #include "qv/bridge.h"
 #include "qv/lsm.h"
@@ -20,7 +21,7 @@ class TestCommandsTest : public ::testing::Test {
         platform.port_model = &model;
         model.start();
         platform.run_ready();
-        qv::cli::register_test_commands(ports, &platform.memory_store());
+        qv::cli::register_test_commands(ports, plane, &platform.memory_store());
     }
 
     // What the line prints, "done" when it prints nothing and has the result 0.
@@ -37,6 +38,9 @@ class TestCommandsTest : public ::testing::Test {
     qv::EventLoop loop{platform.manual_clock};
     qv::EmbeddedSwitch ports{loop, 4};
     qv::PortModel model{ports};
+    qv::EmbeddedForwarding plane{loop, [](uint32_t) {
+                                     return true;
+                                 }};
     qv::cli::SessionState session;
 };
 
@@ -128,6 +132,94 @@ TEST_F(TestCommands, NextSessionsFail) {
     EXPECT_TRUE(qv::cli::take_session_failure());
     EXPECT_FALSE(qv::cli::take_session_failure());
 }
+
+// ---- Forwarding plane ----
+
+using Lines = std::vector<std::string>;
+
+class Answers final : public qv::ForwardingSink {
+ public:
+    void done(qv::ForwardingId id) override { lines.push_back("done " + std::to_string(id)); }
+    void failed(qv::ForwardingId id, int error) override {
+        lines.push_back("failed " + std::to_string(id) + " " + std::to_string(error));
+    }
+    void counted(qv::ForwardingId, uint64_t, uint64_t) override {}
+    Lines take() { return std::exchange(lines, {}); }
+
+    Lines lines;
+};
+
+class ForwardingCommands : public TestCommandsTest {
+ protected:
+    ForwardingCommands() { plane.start(answers); }
+
+    Lines after(qv::Duration time) {
+        platform.run_for(time);
+        return answers.take();
+    }
+
+    Answers answers;
+};
+
+using std::chrono::seconds;
+
+TEST_F(ForwardingCommands, NextRequestsOfAKindFail) {
+    using Table = qv::ForwardingDriver::Table;
+    EXPECT_EQ(type("test forwarding fail acl 1"), "done");
+    EXPECT_EQ(type("test forwarding fail entry 2"), "done");
+    EXPECT_EQ(type("test forwarding fail apply 1"), "done");
+    plane.reserve(1, Table::kAcl);
+    plane.reserve(2, Table::kAcl);
+    for (const qv::ForwardingId id : {3, 4, 5}) {
+        plane.reserve(id, Table::kEntry);
+    }
+    plane.install(6, 1, {});
+    plane.install(7, 2, {});
+    EXPECT_EQ(after(seconds(1)), (Lines{"failed 1 28", "done 2", "failed 3 28", "failed 4 28",
+                                        "done 5", "failed 6 28", "done 7"}));
+}
+
+TEST_F(ForwardingCommands, LaterRequestsAreAnsweredLate) {
+    EXPECT_EQ(type("test forwarding delay 3"), "done");
+    plane.install(6, 1, {});
+    EXPECT_EQ(after(seconds(3)), Lines{});
+    EXPECT_EQ(after(seconds(1)), Lines{"done 6"});
+    EXPECT_EQ(type("test forwarding delay 0"), "done");
+    plane.install(7, 2, {});
+    EXPECT_EQ(after(seconds(1)), Lines{"done 7"});
+}
+
+TEST_F(ForwardingCommands, RuleOfAPortIsLost) {
+    EXPECT_EQ(type("test forwarding lose swp2"), "% no rule is installed on swp2\n");
+    plane.install(6, 2, {});
+    after(seconds(1));
+    EXPECT_EQ(type("test forwarding lose swp2"), "done");
+    EXPECT_EQ(answers.take(), Lines{"failed 6 5"});
+    EXPECT_EQ(type("test forwarding lose swp9"), "% no port is named swp9\n");
+}
+
+TEST_F(ForwardingCommands, NumbersOutOfRangeChangeNothing) {
+    EXPECT_EQ(type("test forwarding fail apply 0"), "% Number out of range: '0' (1-1000).\n");
+    EXPECT_EQ(type("test forwarding fail apply 1001"), "% Number out of range: '1001' (1-1000).\n");
+    EXPECT_EQ(type("test forwarding delay 3601"), "% Number out of range: '3601' (0-3600).\n");
+    plane.install(6, 1, {});
+    EXPECT_EQ(after(seconds(1)), Lines{"done 6"});
+}
+
+TEST_F(ForwardingCommands, AreOfferedWithTheirHelp) {
+    EXPECT_EQ(qv::cli::help_text(session, "test forwarding "),
+              "  delay                   Answer later requests late\n"
+              "  fail                    Let the next requests fail for want of room\n"
+              "  lose                    Lose the rule of a port\n");
+    EXPECT_EQ(qv::cli::help_text(session, "test forwarding fail "),
+              "  acl                     Requests for an access control list\n"
+              "  apply                   Requests to apply a rule to a port or to the switch\n"
+              "  entry                   Requests for an entry\n");
+    EXPECT_EQ(qv::cli::help_text(session, "test forwarding fail acl "),
+              "  <1-1000>                How many\n");
+}
+
+// ---- Databases and sessions ----
 
 TEST_F(TestCommands, DatabaseGoesAwayAndComesBack) {
     EXPECT_EQ(type("test database restore 4"), "% the database is not away\n");
