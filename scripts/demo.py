@@ -1,4 +1,4 @@
-"""The main job from end to end, as a transcript; or a shell on a running agent.
+"""The main job from end to end, as a transcript: a loop, then a storm; or a shell on a running agent.
 
     demo.py            the simulated switch, on a fast clock
     demo.py --linux    a kernel bridge in a network namespace, with a private redis-server
@@ -39,11 +39,12 @@ class Transcript:
         sys.stdout.flush()
         return output
 
-    def log(self):
-        """Prints what the system log has gained."""
+    def log(self, show=None):
+        """Prints what the system log has gained, or of that the lines that match the pattern `show`."""
         lines = [line for line in self.lab.log().splitlines() if "%" in line]
         for line in lines[self.shown:]:
-            print(f"    log  {line[line.index('%'):]}")
+            if show is None or re.search(show, line):
+                print(f"    log  {line[line.index('%'):]}")
         self.shown = len(lines)
         sys.stdout.flush()
 
@@ -68,50 +69,96 @@ def marked(lab):
 
 
 def simulated():
-    """A loop plugged between two ports of the simulated switch."""
+    """The simulated switch: a loop that the probes find, then a storm on a port."""
     with Lab(ports=8, speed=SPEED) as lab:
         say = Transcript(lab)
-        say.act(f"The agent starts on a simulated switch, {SPEED} times as fast as real time")
-        lab.start_agent()
-        say.type("configure terminal", "loop-detect enable shutdown access-mode",
-                 "loop-detect shutdown-recover-time 90", "end", "show loop-detect")
+        plugged_loop(lab, say)
+        storm_on_a_port(lab, say)
+        print("\nDone: a loop shut, recovered, forgotten, and brought back across a restart; a storm counted,"
+              "\njudged, shut and recovered.")
 
-        say.act("Somebody plugs a cable between swp3 and swp7")
-        say.type("test loop plug swp3 swp7")
-        for port in ("swp3", "swp7"):
-            say.wait_log(f"Detected loop error on interface {port}.", 10)
-        wait_for(lambda: down(lab) == 2, 10, "both ports are shut")
-        say.log()
-        say.type("show loop-detect detail")
-        say.type("show interfaces status", show=r"^Port|swp[37]\b")
-        say.config("swp3")
-        say.config("swp7")
 
-        say.act("The recovery time passes, the ports come back - into the same loop")
-        wait_for(lambda: marked(lab) == 0, 10, "the ports came back", every=0.005)
-        say.log()
-        wait_for(lambda: marked(lab) == 2, 10, "the ports are shut again")
-        say.type("show loop-detect")
+def plugged_loop(lab, say):
+    """A cable between two ports, a restart in the middle."""
+    say.act(f"The agent starts on a simulated switch, {SPEED} times as fast as real time")
+    lab.start_agent()
+    say.type("configure terminal", "loop-detect enable shutdown access-mode",
+             "loop-detect shutdown-recover-time 90", "end", "show loop-detect")
 
-        say.act("The cable is pulled: after the next recovery the loop is forgotten")
-        say.type("test loop unplug swp3 swp7")
-        for port in ("swp3", "swp7"):
-            say.wait_log(f"Interface {port} recovered from loop error.", 30)
-        say.log()
-        say.type("show loop-detect detail")
+    say.act("Somebody plugs a cable between swp3 and swp7")
+    say.type("test loop plug swp3 swp7")
+    for port in ("swp3", "swp7"):
+        say.wait_log(f"Detected loop error on interface {port}.", 10)
+    wait_for(lambda: down(lab) == 2, 10, "both ports are shut")
+    say.log()
+    say.type("show loop-detect detail")
+    say.type("show interfaces status", show=r"^Port|swp[37]\b")
+    say.config("swp3")
+    say.config("swp7")
 
-        say.act("Plugged again, and the agent is killed while the ports are shut")
-        say.type("test loop plug swp3 swp7")
-        wait_for(lambda: lab.saved().count("apply shutdown-port") == 2, 10, "the marks are saved")
-        lab.kill_agent()
-        print("    (killed)")
-        lab.start_agent()
-        print("    (started again; the cable has gone with the old switch)")
-        say.type("show interfaces status", show=r"^Port|swp[37]\b")
-        wait_for(lambda: down(lab) == 0, 15, "the ports were brought back")
-        print("\n    the recovery time passes\n")
-        say.type("show interfaces status", show=r"^Port|swp[37]\b")
-        print("\nDone: shut, recovered, forgotten, and brought back across a restart.")
+    say.act("The recovery time passes, the ports come back - into the same loop")
+    wait_for(lambda: marked(lab) == 0, 10, "the ports came back", every=0.005)
+    say.log()
+    wait_for(lambda: marked(lab) == 2, 10, "the ports are shut again")
+    say.type("show loop-detect")
+
+    say.act("The cable is pulled: after the next recovery the loop is forgotten")
+    say.type("test loop unplug swp3 swp7")
+    for port in ("swp3", "swp7"):
+        say.wait_log(f"Interface {port} recovered from loop error.", 30)
+    say.log()
+    say.type("show loop-detect detail")
+
+    say.act("Plugged again, and the agent is killed while the ports are shut")
+    say.type("test loop plug swp3 swp7")
+    wait_for(lambda: lab.saved().count("apply shutdown-port") == 2, 10, "the marks are saved")
+    lab.kill_agent()
+    print("    (killed)")
+    lab.start_agent()
+    print("    (started again; the cable has gone with the old switch)")
+    say.type("show interfaces status", show=r"^Port|swp[37]\b")
+    wait_for(lambda: down(lab) == 0, 15, "the ports were brought back")
+    print("\n    the recovery time passes\n")
+    say.type("show interfaces status", show=r"^Port|swp[37]\b")
+
+
+RATE = 1000  # flooded frames per second that swp5 may send
+
+
+def storm_record(lab, say):
+    """Shows the storm record of swp5 and says whether it is in loop."""
+    output = say.type("debug lda storm-detect", show=r"^ifx|swp5\b")
+    return next(line for line in output.splitlines() if " swp5 " in line).split()[-1] == "loop"
+
+
+def storm_on_a_port(lab, say):
+    """A sender floods one port, which no probe can tell."""
+    say.act(f"Second act, storms: {RATE} frames a second to unknown addresses are too much for swp5")
+    say.type("configure terminal", "interface swp5", f"storm-loop-rate ratelimit {RATE}", "end")
+    assert not storm_record(lab, say), "swp5 is in loop before the storm"
+
+    say.act("A sender behind swp5 floods five times as much")
+    say.type("debug lda syslog level 3", f"test storm swp5 {5 * RATE}")
+    say.wait_log("Detected loop error on interface swp5.", 10)
+    looped = storm_record(lab, say)
+    say.type("debug lda syslog level 2")
+    print(f"\n    every 4 s a poll; three in a row with more than {4 * RATE} frames are a storm\n")
+    polls = re.findall(r"DEBUG.*phyid = 5\] old packet_count = (\d+), new packet_count = (\d+)", lab.log())
+    say.log(show=r"DEBUG.*phyid = 5\] old packet|notity|interface swp5\b")
+    assert looped, "swp5 is in loop"
+    assert all(int(new) - int(old) > 4 * RATE for old, new in polls[-3:]) and len(polls) >= 3, polls
+    wait_for(lambda: down(lab) == 1, 5, "swp5 is shut")
+    say.type("show loop-detect detail", show=r"^loop interface|^swp")
+    assert "loop-detect apply shutdown-port" in say.config("swp5")
+
+    say.act("The sender is unplugged: ten quiet polls, then the recovery time, then it is forgotten")
+    say.type("test storm swp5 0")
+    say.wait_log("Interface swp5 recovered from loop error.", 15)
+    say.type("debug lda syslog level 0")
+    say.log(show=r"notity|interface swp5\b|Interface swp5\b")
+    assert not storm_record(lab, say), "swp5 is out of the loop"
+    say.type("show interfaces status", show=r"^Port|swp5\b")
+    assert "shutdown" not in say.config("swp5")
 
 
 def kernel():
