@@ -7,7 +7,6 @@
 #include "storm_cli.h"
 
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "app_debug.h"
@@ -19,6 +18,9 @@ lda_list_t g_libstorm_head = {&g_libstorm_head, &g_libstorm_head};
 lda_list_t g_libstorm_rate_head = {&g_libstorm_rate_head, &g_libstorm_rate_head};
 lda_list_t storm_port_head = {&storm_port_head, &storm_port_head};
 uint32_t storm_port_num;
+storm_index<storm_ifx_info> g_libstorm_index;
+storm_index<storm_rate_info> g_libstorm_rate_index;
+storm_index<storm_port_info> storm_port_index;
 
 namespace {
 
@@ -37,27 +39,6 @@ class StormLock {
     StormLock& operator=(const StormLock&) = delete;
 };
 
-// The entry of an interface, or null. The caller holds the lock.
-storm_ifx_info* find_ifx_info(uint32_t ifx) {
-    for (lda_list_t* node = g_libstorm_head.next; node != &g_libstorm_head; node = node->next) {
-        auto* info = storm_record<storm_ifx_info>(node);
-        if (info->ifx == ifx) {
-            return info;
-        }
-    }
-    return nullptr;
-}
-
-void drop_ifx_info(storm_ifx_info* info) {
-    lda_list_unlink(&info->links);
-    free(info);
-}
-
-void drop_rate_info(storm_rate_info* info) {
-    lda_list_unlink(&info->links);
-    free(info);
-}
-
 bool is_default_rate(uint32_t rate, uint32_t burst) {
     return burst == STORM_DEFAULT_BURST && rate == g_pps_value;
 }
@@ -67,7 +48,7 @@ void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32
                       bool set) {
     const uint32_t ifx = info->ifx;
     if (!set) {
-        drop_rate_info(info);
+        g_libstorm_rate_index.drop(info);
         if (enabled) {
             storm_set_rate_burst(ifx, g_pps_value, STORM_DEFAULT_BURST, true);
         } else {
@@ -76,7 +57,7 @@ void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32
         return;
     }
     if (enabled && is_default_rate(rate, burst)) {
-        drop_rate_info(info);
+        g_libstorm_rate_index.drop(info);
         storm_set_rate_burst(ifx, g_pps_value, STORM_DEFAULT_BURST, true);
         return;
     }
@@ -89,14 +70,13 @@ void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32
 
 // A new setting, also one that equals the defaults. False without memory.
 bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst) {
-    auto* info = static_cast<storm_rate_info*>(calloc(1, sizeof(storm_rate_info)));
+    storm_rate_info* info = g_libstorm_rate_index.add(&g_libstorm_rate_head, ifx);
     if (info == nullptr) {
         return false;
     }
     info->rate = rate;
     info->burst = burst;
     info->ifx = ifx;
-    lda_list_add_head(&g_libstorm_rate_head, &info->links);
     return true;
 }
 
@@ -111,23 +91,16 @@ bool has_prefix(const cli_pcdb* pcdb) {
 }  // namespace
 
 storm_rate_info* storm_find_rate(uint32_t ifx) {
-    for (lda_list_t* node = g_libstorm_rate_head.next; node != &g_libstorm_rate_head;
-         node = node->next) {
-        auto* info = storm_record<storm_rate_info>(node);
-        if (info->ifx == ifx) {
-            return info;
-        }
-    }
-    return nullptr;
+    return g_libstorm_rate_index.find(ifx);
 }
 
 void storm_set(uint32_t ifx, bool enable) {
     const StormLock lock;
     storm_rate_info* rate_info = storm_find_rate(ifx);
-    storm_ifx_info* ifx_info = find_ifx_info(ifx);
+    storm_ifx_info* ifx_info = g_libstorm_index.find(ifx);
     if (ifx_info != nullptr) {
         if (!enable) {
-            drop_ifx_info(ifx_info);
+            g_libstorm_index.drop(ifx_info);
             storm_set_rate_burst(ifx, 0, 0, false);
         }
         return;
@@ -135,11 +108,10 @@ void storm_set(uint32_t ifx, bool enable) {
     if (!enable) {
         return;
     }
-    ifx_info = static_cast<storm_ifx_info*>(calloc(1, sizeof(storm_ifx_info)));
+    ifx_info = g_libstorm_index.add(&g_libstorm_head, ifx);
     // Kept on purpose: without memory the rule is installed all the same, only unlisted.
     if (ifx_info != nullptr) {
         ifx_info->ifx = ifx;
-        lda_list_add_head(&g_libstorm_head, &ifx_info->links);
     }
     uint32_t rate = g_pps_value;
     uint32_t burst = STORM_DEFAULT_BURST;
@@ -147,7 +119,7 @@ void storm_set(uint32_t ifx, bool enable) {
         rate = rate_info->rate;
         burst = rate_info->burst;
         if (is_default_rate(rate, burst)) {
-            drop_rate_info(rate_info);
+            g_libstorm_rate_index.drop(rate_info);
         }
     }
     storm_set_rate_burst(ifx, rate, burst, true);
@@ -156,7 +128,7 @@ void storm_set(uint32_t ifx, bool enable) {
 void storm_set_burst_limit(uint32_t ifx, uint32_t rate, uint32_t burst, bool set) {
     const StormLock lock;
     storm_rate_info* rate_info = storm_find_rate(ifx);
-    const bool enabled = find_ifx_info(ifx) != nullptr;
+    const bool enabled = g_libstorm_index.find(ifx) != nullptr;
     if (rate_info != nullptr) {
         change_rate_info(rate_info, enabled, rate, burst, set);
         return;
@@ -180,12 +152,12 @@ void storm_del_list(uint32_t ifx) {
     APP_INFO("enter ifx %d", ifx);
     {
         const StormLock lock;
-        if (storm_ifx_info* info = find_ifx_info(ifx); info != nullptr) {
-            drop_ifx_info(info);
+        if (storm_ifx_info* info = g_libstorm_index.find(ifx); info != nullptr) {
+            g_libstorm_index.drop(info);
             APP_INFO("release storm_ifx_info");
         }
         if (storm_rate_info* info = storm_find_rate(ifx); info != nullptr) {
-            drop_rate_info(info);
+            g_libstorm_rate_index.drop(info);
             APP_INFO("release storm_rate_info");
         }
     }
@@ -204,8 +176,8 @@ void libp_policy_std_lsm_msg_handler(uint32_t event, void* msg) {
     memcpy(&ifx, msg, sizeof(ifx));
     storm_set_burst_limit(ifx, 0, 0, false);
     const StormLock lock;
-    if (storm_ifx_info* info = find_ifx_info(ifx); info != nullptr) {
-        drop_ifx_info(info);
+    if (storm_ifx_info* info = g_libstorm_index.find(ifx); info != nullptr) {
+        g_libstorm_index.drop(info);
         storm_set_rate_burst(ifx, 0, 0, false);
     }
 }
@@ -214,7 +186,7 @@ int cfg_port_enable_storm(cli_pcdb* pcdb) {
     const auto ifx = static_cast<uint32_t>(pcdb->ifx);
     if (is_generating(pcdb)) {
         const StormLock lock;
-        if (find_ifx_info(ifx) != nullptr) {
+        if (g_libstorm_index.find(ifx) != nullptr) {
             c2p_printf(pcdb, 1, "storm-loop-detect enable");
         }
         return 0;

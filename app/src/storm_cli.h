@@ -14,6 +14,7 @@
 
 #include <qv/cli.h>
 #include "lda_list.h"
+#include "storm_index.h"
 
 // Records of all three lists are zero-filled heap blocks that begin with their links, owned by
 // their list.
@@ -77,6 +78,11 @@ extern lda_list_t g_libstorm_head;       // of storm_ifx_info
 extern lda_list_t g_libstorm_rate_head;  // of storm_rate_info
 extern lda_list_t storm_port_head;       // of storm_port_info
 extern uint32_t storm_port_num;          // records in storm_port_head
+
+// All records of the lists are made and dropped here: they are looked up many times in each poll.
+extern storm_index<storm_ifx_info> g_libstorm_index;        // by ifx
+extern storm_index<storm_rate_info> g_libstorm_rate_index;  // by ifx
+extern storm_index<storm_port_info> storm_port_index;       // by phyid
 
 // Registers the two command trees at attachment point 59, then makes the mutex and, only when that
 // succeeds, the two empty configuration lists. A tree that is refused is reported on the command

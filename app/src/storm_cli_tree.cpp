@@ -132,5 +132,7 @@ void std_cli_init(void) {
         return;
     }
     lda_list_init(&g_libstorm_rate_head);
+    g_libstorm_rate_index.init();
     lda_list_init(&g_libstorm_head);
+    g_libstorm_index.init();
 }

@@ -73,6 +73,7 @@ int storm_init(qv_thread_master* master, qv_mom_client* client, storm_notify_msg
     notify_ready_msg = ready;
     std_load_cap_value();
     lda_list_init(&storm_port_head);
+    storm_port_index.init();
     g_storm_udp_handler.acl_success = storm_install_on_acl_success;
     g_storm_udp_handler.acl_failed = storm_install_on_acl_failed;
     g_storm_udp_handler.entry_success = storm_install_on_ace_success;
@@ -141,6 +142,22 @@ void storm_fp_expire_add(void* arg) {
 
 // ---- Judgement ----
 
+// The first record with this ACL, or null. Every port's ACL has the number of the port, so the
+// index has the answer; only an ACL without a record costs a walk.
+static storm_port_info* find_by_acl(uint32_t acl_id) {
+    storm_port_info* likely = storm_port_index.find(acl_id);
+    if (likely != nullptr && likely->acl_id == acl_id) {
+        return likely;
+    }
+    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
+        auto* info = storm_record<storm_port_info>(node);
+        if (info->acl_id == acl_id) {
+            return info;
+        }
+    }
+    return nullptr;
+}
+
 void std_counter_msg(qv_mom_client*, const fp_acl_key* acl_key, void*, const fp_counts* counts) {
     // The terminator is compared too: a longer name that starts alike is another application.
     if (memcmp(acl_key->app, STORM_APP_NAME, sizeof(STORM_APP_NAME)) != 0) {
@@ -148,13 +165,9 @@ void std_counter_msg(qv_mom_client*, const fp_acl_key* acl_key, void*, const fp_
     }
     APP_DEBUG("counter acl id %u, pkts_cnt %lu, bytes_cnt %lu", acl_key->acl_id, counts->packets,
               counts->bytes);
-    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
-        auto* info = storm_record<storm_port_info>(node);
-        if (info->acl_id == acl_key->acl_id) {
-            info->cur_packet_count += counts->packets;
-            info->cur_byte_count += counts->bytes;
-            return;
-        }
+    if (storm_port_info* info = find_by_acl(acl_key->acl_id); info != nullptr) {
+        info->cur_packet_count += counts->packets;
+        info->cur_byte_count += counts->bytes;
     }
 }
 

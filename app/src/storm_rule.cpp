@@ -4,7 +4,6 @@
 // and one apply (meter, counter). While any port is watched, ACL 0 with an entry for MPLS unicast
 // frames is applied to the whole switch. Every operation is asynchronous and its answer is not
 // looked at; what was done before a failure stays. Only a failed apply changes anything here.
-#include <cstdlib>
 #include <cstring>
 
 #include <qv/ddm.h>
@@ -36,17 +35,6 @@ fp_apply_point apply_point_of(uint32_t port, uint32_t type) {
     point.port = port;
     point.type = type;
     return point;
-}
-
-// The record of a forwarding-plane port, or null.
-storm_port_info* find_port_info(uint32_t phyid) {
-    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
-        auto* info = storm_record<storm_port_info>(node);
-        if (info->phyid == phyid) {
-            return info;
-        }
-    }
-    return nullptr;
 }
 
 // Entry and apply take their items alike: built, then copied in.
@@ -173,7 +161,7 @@ void storm_set_rate_burst(uint32_t ifx, uint32_t rate, uint32_t burst, bool is_a
     if (burst == 0) {
         burst = STORM_DEFAULT_BURST;
     }
-    if (storm_port_info* info = find_port_info(phyid); info != nullptr) {
+    if (storm_port_info* info = storm_port_index.find(phyid); info != nullptr) {
         if (is_add) {
             update_port_info(info, rate, burst);
         } else if (storm_del_storm_detect(phyid) != 0) {
@@ -244,7 +232,7 @@ int storm_add_by_fp(uint32_t rate, uint32_t burst, uint32_t phyid) {
         APP_ERROR("rv: %d", rv);
         return rv;
     }
-    auto* info = static_cast<storm_port_info*>(calloc(1, sizeof(storm_port_info)));
+    storm_port_info* info = storm_port_index.add(&storm_port_head, phyid);
     if (info == nullptr) {
         APP_ERROR("rv: %d", -2);
         return -2;
@@ -253,7 +241,6 @@ int storm_add_by_fp(uint32_t rate, uint32_t burst, uint32_t phyid) {
     info->burst = burst;
     info->acl_id = phyid;
     info->phyid = phyid;
-    lda_list_add_head(&storm_port_head, &info->links);
     ++storm_port_num;
     return 0;
 }
@@ -264,7 +251,7 @@ int storm_del_storm_detect(uint32_t phyid) {
         APP_ERROR("rv: %d", rv);
         return rv;
     }
-    storm_port_info* info = find_port_info(phyid);
+    storm_port_info* info = storm_port_index.find(phyid);
     if (info == nullptr) {
         return 0;
     }
@@ -273,8 +260,7 @@ int storm_del_storm_detect(uint32_t phyid) {
         storm_loop_msg msg;
         storm_notify_lda(&msg, info);
     }
-    lda_list_unlink(&info->links);
-    free(info);
+    storm_port_index.drop(info);
     --storm_port_num;
     return 0;
 }
