@@ -86,7 +86,7 @@ class FpService final : public qv::ForwardingSink {
         }
         if (fresh) {
             acl.key = key;
-            acl.id = new_object(Kind::kAcl, found->first);
+            acl.id = new_object(Kind::kAcl, acl);
         }
         acl.error = 0;
         driver().reserve(acl.id, ForwardingDriver::Table::kAcl);
@@ -119,7 +119,7 @@ class FpService final : public qv::ForwardingSink {
         if (error == 0 && entry.control != 1) {
             error = EINVAL;
         }
-        const ForwardingId id = new_object(Kind::kEntry, {app_of(key.app), key.acl_id});
+        const ForwardingId id = new_object(Kind::kEntry, *acl);
         acl->entries.push_back({id, error, matches});
         if (error != 0) {
             failed(id, error);
@@ -149,7 +149,7 @@ class FpService final : public qv::ForwardingSink {
             (point.type != FP_APPLY_GLOBAL && point.type != FP_APPLY_PORT)) {
             return EINVAL;
         }
-        const ForwardingId id = new_object(Kind::kApply, {app_of(point.app), apply.key.acl_id});
+        const ForwardingId id = new_object(Kind::kApply, *acl);
         ForwardingId& standing = acl->applies[{point.type, point.port}];
         if (standing != 0) {
             drop_object(standing);
@@ -213,7 +213,7 @@ class FpService final : public qv::ForwardingSink {
         if (!attached_ || object == objects_.end() || handlers_.counter == nullptr) {
             return;
         }
-        const fp_acl_key key = acls_.at(object->second.acl).key;
+        const fp_acl_key key = object->second.acl->key;
         const fp_counts counts = {packets, bytes};
         handlers_.counter(client_, &key, nullptr, &counts);
     }
@@ -221,7 +221,7 @@ class FpService final : public qv::ForwardingSink {
  private:
     struct Object {
         Kind kind;
-        AclName acl;
+        Acl* acl;  // goes last of its objects
     };
 
     static ForwardingDriver& driver() { return qv::platform().forwarding(); }
@@ -236,8 +236,8 @@ class FpService final : public qv::ForwardingSink {
         return knows_app(app_of(key.app)) ? ENOENT : EINVAL;
     }
 
-    ForwardingId new_object(Kind kind, const AclName& acl) {
-        objects_[++last_id_] = {kind, acl};
+    ForwardingId new_object(Kind kind, Acl& acl) {
+        objects_[++last_id_] = {kind, &acl};
         return last_id_;
     }
 
@@ -259,7 +259,7 @@ class FpService final : public qv::ForwardingSink {
     }
 
     void mark_failed(const Object& object, ForwardingId id, int error) {
-        Acl& acl = acls_.at(object.acl);
+        Acl& acl = *object.acl;
         if (object.kind == Kind::kAcl) {
             acl.error = error;
         }
@@ -280,7 +280,7 @@ class FpService final : public qv::ForwardingSink {
             return;
         }
         const Kind kind = found->second.kind;
-        Acl& acl = acls_.at(found->second.acl);
+        Acl& acl = *found->second.acl;
         const fp_acl_key key = acl.key;
         if (kind == Kind::kApply && error != 0) {
             std::erase_if(acl.applies, [id](const auto& apply) { return apply.second == id; });
