@@ -69,9 +69,11 @@ int lda_nc_mom_reg_subscribe(void) {
 
 void send_mom_publish_result(const PMng__UiOperate* request, int32_t result) {
     PMng__UiIndex index = P_MNG__UI_INDEX__INIT;
-    index.publisher = request->index->publisher;
-    index.type = request->index->type;
-    index.oid = request->index->oid;
+    if (request->index) {
+        index.publisher = request->index->publisher;
+        index.type = request->index->type;
+        index.oid = request->index->oid;
+    }
     PMng__OperateResult outcome = P_MNG__OPERATE_RESULT__INIT;
     outcome.result = result;
     PMng__UiOperate answer = P_MNG__UI_OPERATE__INIT;
@@ -99,18 +101,18 @@ static void lda_server_nc_del_loop_policy_cli(uint32_t policy) {
     apply_policy(policy);
 }
 
-// Executes a request by its operation type. 0 done, 1 refused.
-static int32_t execute_request(const PApp__LdaNcPolicy* request) {
-    const int32_t type = request->rst->index->type;
+// Executes a request by its operation type. 0 done, 1 refused. Kept on purpose: done is also a
+// request whose policy the setter refuses.
+static int32_t execute_request(int32_t type, uint32_t policy) {
     switch (type) {
         case 2:
         case 5:
         case 6:
-            lda_server_nc_set_loop_policy_cli(request->loop_policy_cli);
+            lda_server_nc_set_loop_policy_cli(policy);
             return 0;
         case 3:
         case 4:
-            lda_server_nc_del_loop_policy_cli(request->loop_policy_cli);
+            lda_server_nc_del_loop_policy_cli(policy);
             return 0;
         default:
             APP_ERROR_AS("lda_nc_msg_policy", "wrong rst index type %d", type);
@@ -130,11 +132,15 @@ int lda_nc_msg_policy(qv_mom_client* client, const qv_mom_msg* message) {
         return 0;
     }
     const auto* request = reinterpret_cast<const PApp__LdaNcPolicy*>(message->value);
-    if (!request || !request->rst || !request->rst->index) {
+    if (!request) {
         APP_ERROR("value is null err!");
         return -1;
     }
     APP_INFO("loop_policy_cli[%d]", static_cast<int>(request->loop_policy_cli));
-    send_mom_publish_result(request->rst, execute_request(request));
+    // A request that leaves out who asks, or the operation's index, is one of type 0 from nobody.
+    const PMng__UiOperate nobody = P_MNG__UI_OPERATE__INIT;
+    const PMng__UiOperate* requester = request->rst ? request->rst : &nobody;
+    const int32_t type = requester->index ? requester->index->type : 0;
+    send_mom_publish_result(requester, execute_request(type, request->loop_policy_cli));
     return 0;
 }

@@ -4,6 +4,7 @@
 #include "app_debug.h"
 #include "lda_main.h"
 #include "lda_msg.h"
+#include "lda_netconf.h"
 #include "p_app.pb-c.h"
 #include "p_mng.pb-c.h"
 #include "platform/client/platform.h"
@@ -322,8 +323,9 @@ class Requester {
         request.loop_policy_cli = policy;
         request.rst = &operation;
         rig_.put(QV_MOM_LOCAL_DB, request.base);
-        return std::exchange(answers(), {});
+        return take_answers();
     }
+    static std::vector<std::string> take_answers() { return std::exchange(answers(), {}); }
 
  private:
     static int listen(void* self) {
@@ -386,14 +388,93 @@ TEST(PolicyRequest, OfTheTimeWhenTheDatabaseWasAwayIsNotTakenUp) {
     EXPECT_TRUE(rig.configured("loop-detect enable shutdown access-mode"));
 }
 
-TEST(PolicyRequest, WithoutARequesterIsReportedAndDropped) {
+TEST(PolicyRequest, WithoutARequesterIsRefused) {
     SwitchRig rig;
+    Requester requester(rig);
     rig.type("debug lda syslog level 1");
     PApp__LdaNcPolicy request = P_APP__LDA_NC_POLICY__INIT;
     request.loop_policy_cli = 2;
     rig.put(QV_MOM_LOCAL_DB, request.base);
-    EXPECT_EQ(rig.take_log(), Lines{"LDA-6-ERROR: <lda_nc_msg_policy> value is null err!"});
+    EXPECT_EQ(rig.take_log(), Lines{"LDA-6-ERROR: <lda_nc_msg_policy> wrong rst index type 0"});
+    EXPECT_EQ(requester.take_answers(),
+              Lines{"published to  type 0 oid 0 src 0 result 1 std 0 priv 0 flag 0 text ''"});
     EXPECT_EQ(rig.stored_policy(), -1);
+}
+
+TEST(PolicyRequest, WithoutAnIndexIsRefused) {
+    SwitchRig rig;
+    Requester requester(rig);
+    rig.type("debug lda syslog level 1");
+    PMng__UiOperate operation = P_MNG__UI_OPERATE__INIT;
+    operation.src = P_MNG__OPERATE_SRC_T__SNMP;
+    PApp__LdaNcPolicy request = P_APP__LDA_NC_POLICY__INIT;
+    request.loop_policy_cli = 2;
+    request.rst = &operation;
+    rig.put(QV_MOM_LOCAL_DB, request.base);
+    EXPECT_EQ(rig.take_log(), Lines{"LDA-6-ERROR: <lda_nc_msg_policy> wrong rst index type 0"});
+    EXPECT_EQ(requester.take_answers(),
+              Lines{"published to  type 0 oid 0 src 3 result 1 std 0 priv 0 flag 0 text ''"});
+    EXPECT_EQ(rig.stored_policy(), -1);
+}
+
+TEST(PolicyRequest, ForAPolicyThatDoesNotExistIsAnsweredAsDone) {
+    SwitchRig rig;
+    Requester requester(rig);
+    rig.set_policy("shutdown access-mode");
+    rig.type("debug lda syslog level 1");
+    EXPECT_EQ(requester.ask(6, 2, 9),
+              Lines{"published to netconf-7 type 2 oid 9 src 2 result 0 std 0 priv 0 flag 0 text "
+                    "''"});
+    EXPECT_EQ(rig.take_log(), Lines{"LDA-6-ERROR: <lda_cli_policy_set> para wrong type(6)"});
+    EXPECT_TRUE(rig.configured("loop-detect enable shutdown access-mode"));
+    EXPECT_EQ(rig.stored_policy(), 2);
+}
+
+// The database goes between the request and its answer: the policy stays, the requester waits.
+TEST(PolicyRequest, ThatCannotBeAnsweredIsAppliedAndReported) {
+    SwitchRig rig;
+    Requester requester(rig);
+    rig.type("debug lda syslog level 1");
+    const uint8_t request[] = {0x28, 0x02, 0x32, 0x04, 0x2a, 0x02, 0x10, 0x02};
+    rig.on_main([&] {
+        PApp__LdaNcPolicy* decoded = p_app__lda_nc_policy__unpack(nullptr, sizeof request, request);
+        rig.store().drop(3);
+        const qv_mom_msg message = {QV_MOM_CMD_RECORD, QV_MOM_OPER_SET, 3, &decoded->base};
+        EXPECT_EQ(lda_nc_msg_policy(g_lda_global, &message), 0);
+        p_app__lda_nc_policy__free_unpacked(decoded, nullptr);
+    });
+    EXPECT_EQ(rig.take_log(), Lines{"LDA-6-ERROR: <send_mom_publish_result> mom publish err"});
+    EXPECT_TRUE(rig.configured("loop-detect enable shutdown access-mode"));
+    EXPECT_EQ(requester.take_answers(), Lines{});
+}
+
+TEST(PolicyRequest, IsTakenUpAfterEveryReturnOfTheDatabase) {
+    SwitchRig rig;
+    Requester requester(rig);
+    for (int round = 1; round <= 3; round++) {
+        rig.type({"test database drop 3", "test database restore 3"});
+        EXPECT_EQ(requester.ask(round % 2 + 1, 2, round).size(), 1U);
+        EXPECT_EQ(rig.stored_policy(), round % 2 + 1);
+    }
+}
+
+// ---- Notifications ----
+
+TEST(LoopNotification, IsLostWithTheDatabaseAndTheLoopIsNot) {
+    SwitchRig rig;
+    rig.set_policy("");
+    rig.type({"debug lda syslog level 1", "test database drop 3"});
+    rig.forget();
+    rig.report(3, 1, 3);
+    EXPECT_EQ(rig.take_log(),
+              (Lines{"LDA-6-ERROR: <lda_send_info_ntf> send loop-detect state ERR",
+                     "LOOP_DETECT-3-ERROR: Detected loop error on interface swp3."}));
+    EXPECT_EQ(rig.take_notifications(), Lines{});
+    EXPECT_EQ(rig.entry("swp3"), "policy=0 src_port=1");
+    rig.type("test database restore 3");
+    EXPECT_EQ(rig.take_notifications(), Lines{}) << "nothing is retried";
+    rig.report(4, 1, 4);
+    EXPECT_EQ(rig.take_notifications(), Lines{notified("swp4", "1", "0", "1")});
 }
 
 }  // namespace

@@ -33,7 +33,7 @@ CFG_DB = 22
 def _schemas():
     """The record classes, generated from proto/ into a temporary folder."""
     folder = tempfile.mkdtemp(prefix="lda-schemas-")
-    names = ["p_app", "p_bridge", "p_mng"]
+    names = ["p_app", "p_bridge", "p_mng", "p_nc"]
     subprocess.run(["protoc", f"--proto_path={ROOT / 'proto'}", f"--python_out={folder}",
                     *[f"{name}.proto" for name in names]], check=True)
     sys.path.insert(0, folder)
@@ -42,7 +42,7 @@ def _schemas():
     return modules
 
 
-p_app, p_bridge, p_mng = _schemas()
+p_app, p_bridge, p_mng, p_nc = _schemas()
 
 
 def wait_for(condition, timeout, what, every=0.02):

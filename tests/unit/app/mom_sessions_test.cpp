@@ -202,6 +202,24 @@ TEST_F(Sessions, LocalReconnectBeforeAnyConnectBehavesAsAConnect) {
     EXPECT_NE(fake::mom_subscriber(3, "p_app.lda_nc_policy"), nullptr);
 }
 
+TEST_F(Sessions, LocalDatabaseIsSubscribedOnEveryConnectAndReconnect) {
+    fake::mom_connect(3);
+    for (int times = 1; times <= 3; times++) {
+        fake::mom_disconnect(3);
+        EXPECT_EQ(fake::calls_of({"qv_mom_subscribe"}).size(), static_cast<size_t>(times));
+        fake::mom_reconnect(3);
+    }
+    EXPECT_EQ(fake::calls_of({"qv_mom_subscribe"}), (Lines(4,
+                                                           "qv_mom_subscribe db=3 "
+                                                           "p_app.lda_nc_policy")));
+}
+
+TEST_F(Sessions, LocalReconnectDoesNotExamineTheSubscription) {
+    fake::fail("qv_mom_subscribe", 107);
+    EXPECT_EQ(fake::mom_reconnect(3), 0);
+    EXPECT_EQ(mom_local_ready, 1);
+}
+
 TEST_F(Sessions, LocalConnectDoesNotExamineTheSubscription) {
     fake::fail("qv_mom_subscribe", 107);
     EXPECT_EQ(fake::mom_connect(3), 0);

@@ -25,7 +25,7 @@ class Netconf : public StartedAgent {
         lda_nc_mom_reg_subscribe();
         fake::clear_calls();
     }
-    static int request(uint32_t policy, int operation) {
+    static int request(uint32_t policy, int operation, int message_oper = 0) {
         char publisher[] = "nc-1";
         char text[] = "ignored";
         PMng__UiIndex index = P_MNG__UI_INDEX__INIT;
@@ -45,7 +45,7 @@ class Netconf : public StartedAgent {
         PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
         record.loop_policy_cli = policy;
         record.rst = &operate;
-        return fake::mom_message(3, type, 1, 0, &record.base);
+        return fake::mom_message(3, type, 1, message_oper, &record.base);
     }
     static std::string answer(int operation, int result) {
         return "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=" +
@@ -84,16 +84,114 @@ TEST_F(Netconf, MessageWithoutARecordIsReported) {
     EXPECT_EQ(fake::take_calls(), Lines{error(callback, "value is null err!")});
 }
 
-TEST_F(Netconf, RequestWithoutARequesterIsReported) {
+// ---- Requests that leave something out are of type 0 ----
+
+TEST_F(Netconf, RequestWithoutARequesterIsRefusedAsTypeZero) {
     PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
     record.loop_policy_cli = 2;
-    EXPECT_EQ(fake::mom_message(3, type, 1, 0, &record.base), -1);
-    PMng__UiOperate operate = P_MNG__UI_OPERATE__INIT;
-    record.rst = &operate;
-    EXPECT_EQ(fake::mom_message(3, type, 1, 0, &record.base), -1);
-    EXPECT_EQ(fake::take_calls(), (Lines{error(callback, "value is null err!"),
-                                         error(callback, "value is null err!")}));
+    log_everything();
+    EXPECT_EQ(fake::mom_message(3, type, 1, 0, &record.base), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info(callback, "recv mom msg, cmd[1]"), info(callback, "loop_policy_cli[2]"),
+                     error(callback, "wrong rst index type 0"),
+                     "qv_mom_publish db=3 p_mng.ui_operate index{} rst{result=1}"}));
     EXPECT_EQ(lda_loop_detect_ptype_get(), 0u);
+    EXPECT_EQ(take_posted(), Lines{});
+}
+
+TEST_F(Netconf, RequestWithoutAnIndexIsRefusedAsTypeZeroAndKeepsItsSource) {
+    PMng__UiOperate operate = P_MNG__UI_OPERATE__INIT;
+    operate.src = P_MNG__OPERATE_SRC_T__WEB;
+    PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
+    record.loop_policy_cli = 2;
+    record.rst = &operate;
+    EXPECT_EQ(fake::mom_message(3, type, 1, 0, &record.base), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{error(callback, "wrong rst index type 0"),
+                     "qv_mom_publish db=3 p_mng.ui_operate index{} rst{result=1} src=5"}));
+    EXPECT_EQ(lda_loop_detect_ptype_get(), 0u);
+}
+
+TEST_F(Netconf, EmptyRecordIsRefusedAsTypeZero) {
+    const PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
+    EXPECT_EQ(fake::mom_message(3, type, 1, 1, &record.base), 0) << "such as a delete notice";
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{error(callback, "wrong rst index type 0"),
+                     "qv_mom_publish db=3 p_mng.ui_operate index{} rst{result=1}"}));
+}
+
+// ---- Every operation type ----
+
+TEST_F(Netconf, EveryTypeGetsItsAnswer) {
+    struct Row {
+        int operation;
+        const char* answer;
+        uint32_t policy_afterwards;  // 4 is asked for
+    };
+    const Row rows[] = {
+        {0,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" oid=41} rst{result=1} "
+         "src=2",
+         0},
+        {1,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=1 oid=41} "
+         "rst{result=1} src=2",
+         0},
+        {2,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=2 oid=41} rst{} src=2",
+         4},
+        {3,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=3 oid=41} rst{} src=2",
+         4},
+        {4,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=4 oid=41} rst{} src=2",
+         4},
+        {5,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=5 oid=41} rst{} src=2",
+         4},
+        {6,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=6 oid=41} rst{} src=2",
+         4},
+        {7,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=7 oid=41} "
+         "rst{result=1} src=2",
+         0},
+        {-2147483647 - 1,
+         "qv_mom_publish db=3 p_mng.ui_operate index{publisher=\"nc-1\" type=-2147483648 oid=41} "
+         "rst{result=1} src=2",
+         0},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.operation);
+        lda_loop_detect_ptype_set(0);
+        EXPECT_EQ(request(4, row.operation), 0);
+        EXPECT_EQ(fake::take_calls().back(), row.answer);
+        EXPECT_EQ(lda_loop_detect_ptype_get(), row.policy_afterwards);
+    }
+}
+
+TEST_F(Netconf, DeleteSetsTheCarriedPolicyAndNotZero) {
+    lda_loop_detect_ptype_set(1);
+    EXPECT_EQ(request(3, 4), 0);
+    EXPECT_EQ(lda_loop_detect_ptype_get(), 3u);
+}
+
+TEST_F(Netconf, TypeOneLeavesThePolicyAlone) {
+    lda_loop_detect_ptype_set(3);
+    EXPECT_EQ(request(0, 1), 0);
+    EXPECT_EQ(lda_loop_detect_ptype_get(), 3u);
+    EXPECT_EQ(fake::take_calls(), (Lines{error(callback, "wrong rst index type 1"), answer(1, 1)}));
+    EXPECT_EQ(take_posted(), Lines{});
+}
+
+TEST_F(Netconf, OperationOfTheMessageDoesNotMatter) {
+    for (int oper : {0, 1, 2}) {
+        SCOPED_TRACE(oper);
+        lda_loop_detect_ptype_set(0);
+        EXPECT_EQ(request(3, 2, oper), 0);
+        EXPECT_EQ(lda_loop_detect_ptype_get(), 3u);
+        EXPECT_EQ(fake::take_calls().back(), answer(2, 0));
+    }
 }
 
 TEST_F(Netconf, SetRequestsApplyThePolicyAndAreAnswered) {
@@ -160,10 +258,38 @@ TEST_F(Netconf, OtherOperationsAreRefused) {
 }
 
 TEST_F(Netconf, PolicyThatIsRejectedIsAnsweredAsDone) {
+    lda_loop_detect_ptype_set(2);
     EXPECT_EQ(request(6, 2), 0);
     EXPECT_EQ(fake::take_calls(),
               (Lines{error("lda_cli_policy_set", "para wrong type(6)"), "cli_client_c2p_reform",
                      "cli_syn_config_notify", answer(2, 0)}));
+    EXPECT_EQ(request(4294967295, 3), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{error("lda_cli_policy_set", "para wrong type(-1)"), "cli_client_c2p_reform",
+                     "cli_syn_config_notify", answer(3, 0)}));
+    EXPECT_EQ(lda_loop_detect_ptype_get(), 2u);
+    EXPECT_EQ(take_posted(), Lines{});
+}
+
+TEST_F(Netconf, SamePolicyAgainIsPublishedAndAnsweredAgain) {
+    for (int round = 0; round < 2; round++) {
+        EXPECT_EQ(request(1, 2), 0);
+        EXPECT_EQ(fake::take_calls(),
+                  (Lines{"qv_mom_set db=22 p_app.lda_nc_policy "
+                         "loop_policy_cli=1",
+                         "cli_client_c2p_reform", "cli_syn_config_notify", answer(2, 0)}));
+    }
+    EXPECT_EQ(take_posted().size(), 1u);
+}
+
+TEST_F(Netconf, FailedAnswerLeavesThePolicyApplied) {
+    fake::fail("qv_mom_publish", 107);
+    EXPECT_EQ(request(2, 2), 0);
+    EXPECT_EQ(lda_loop_detect_ptype_get(), 2u);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{"qv_mom_set db=22 p_app.lda_nc_policy loop_policy_cli=2",
+                     "cli_client_c2p_reform", "cli_syn_config_notify", answer(2, 0),
+                     error("send_mom_publish_result", "mom publish err")}));
 }
 
 TEST_F(Netconf, FailedAnswerIsReported) {
@@ -264,6 +390,24 @@ TEST_F(Notification, EndOfALoopCarriesThePolicyOfThatMoment) {
     fake::fire(lda_intf_loop_clear);
     EXPECT_EQ(fake::take_calls(),
               (Lines{notification("swp7", 2, 1, 1), entry_del("swp7"), recovered("swp7")}));
+}
+
+TEST_F(Notification, LongestNameFitsIntoThePath) {
+    lda_notify_t notify = record();
+    const std::string longest(63, 'n');
+    longest.copy(notify.name, longest.size());
+    lda_send_info_ntf(&notify);
+    EXPECT_EQ(fake::take_calls(), Lines{notification(longest, 1, 0, 0)});
+}
+
+TEST_F(Notification, FailureDoesNotKeepTheLoopEntryBack) {
+    fake::fail("nc_lib_notification_send", 107);
+    add(7, 1);
+    lda_loop_detect_ptype_set(1);
+    lda_loop_result_set(0, 1, 7);
+    EXPECT_EQ(fake::take_calls(), (Lines{notification("swp7", 1, 0, 1),
+                                         error("lda_send_info_ntf", "send loop-detect state ERR"),
+                                         entry_set("swp7", 0, 1), detected("swp7")}));
 }
 
 TEST_F(Notification, InterfaceIndexIsNotSent) {
