@@ -36,65 +36,163 @@ void NftForwarding::install(ForwardingId id, std::optional<uint32_t> phyid,
                             const ForwardingRule& rule) {
     int error = 0;
     if (phyid) {
-        error = install_on_port(id, *phyid, rule);
+        error = check(*phyid, rule);
     } else if (rule.counted || rule.meter) {
         error = EOPNOTSUPP;  // there is no hook that all frames of a bridge and no others pass
-    } else {
-        // Nothing happens to the frames, so nothing is installed; but the plane must be there.
-        error = open_table();
-    }
-    if (error == 0 && !phyid) {
-        rules_[id].rule = rule;
     }
     if (error != 0) {
-        if (rules_.empty()) {
-            close();
-        }
-        log_refusal(error);
-        sink_->failed(id, error);
+        refuse(id, error);
         return;
     }
-    logged_refusal_ = 0;
-    sink_->done(id);
+    Rule& added = rules_[id];
+    added.phyid = phyid;
+    added.rule = rule;
+    // Nothing happens to the frames of the whole switch, so nothing is installed for them; but the
+    // table must be there.
+    if (phyid) {
+        added.name = "port" + std::to_string(*phyid) + "." + std::to_string(id);
+        added.place = locate(*phyid);
+    }
+    changed_.insert(id);
+    gather();
 }
 
-int NftForwarding::install_on_port(ForwardingId id, uint32_t phyid, const ForwardingRule& rule) {
+int NftForwarding::check(uint32_t phyid, const ForwardingRule& rule) const {
     if (rule.meter && rule.meter->rate_pps == 0) {
         return EINVAL;
     }
-    Rule added = {.phyid = phyid,
-                  .rule = rule,
-                  .name = "port" + std::to_string(phyid) + "." + std::to_string(id),
-                  .device = "",
-                  .ifx = 0,
-                  .reported = {}};
-    locate(added);
-    if (added.device.empty()) {
-        return ENODEV;
-    }
-    if (const int error = open_table(); error != 0) {
-        return error;
-    }
-    NftTable::Change change = table_.change();
-    if (rule.counted) {
-        change.add_counter(added.name);
-    }
-    change.add_chain(added.name, added.device, rule);
-    const int error = table_.run(change);
-    if (error == 0) {
-        rules_[id] = added;
-    }
-    return error;
+    return locate(phyid).device.empty() ? ENODEV : 0;
 }
 
-// Finds the device of a rule's port. There is none, too, when its link has gone and we have not
-// heard of it yet.
-void NftForwarding::locate(Rule& rule) const {
-    const Port* const port = settings_.find_port(*rule.phyid);
+// The device of a port. There is none, too, when its link has gone and we have not heard of it yet.
+NftForwarding::Place NftForwarding::locate(uint32_t phyid) const {
+    const Port* const port = settings_.find_port(phyid);
     const bool there = port != nullptr && NftTable::can_name(port->name) &&
                        if_nametoindex(port->name.c_str()) == port->ifx;
-    rule.device = there ? port->name : "";
-    rule.ifx = there ? port->ifx : 0;
+    return there ? Place{.device = port->name, .ifx = port->ifx} : Place{};
+}
+
+void NftForwarding::gather() {
+    if (!gathering_) {
+        gathering_ = loop_.after(kGather, [this] { commit(); });
+    }
+}
+
+// The next lot: what is to leave the kernel first. Answers go out when everything is as they say.
+void NftForwarding::commit() {
+    Lot lot;
+    while (!dropped_.empty() && lot.dropped.size() < kRulesAtOnce) {
+        lot.dropped.push_back(std::move(dropped_.back()));
+        dropped_.pop_back();
+    }
+    while (!changed_.empty() && lot.dropped.size() + lot.changed.size() < kRulesAtOnce) {
+        lot.changed.push_back(changed_.extract(changed_.begin()).value());
+    }
+    const std::vector<Answer> answers = carry_out(lot);
+    if (!changed_.empty() || !dropped_.empty()) {
+        gathering_ = loop_.after(Duration::zero(), [this] { commit(); });
+    }
+    for (const auto& [id, error] : answers) {
+        if (error == 0) {
+            logged_refusal_ = 0;
+            sink_->done(id);
+        } else {
+            refuse(id, error);
+        }
+    }
+}
+
+std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Lot& lot) {
+    std::vector<Answer> answers;
+    int error = open_table();
+    const bool opened = error == 0;
+    if (opened) {
+        NftTable::Change change = table_.change();
+        for (const Rule& rule : lot.dropped) {
+            drop(change, rule);
+        }
+        for (const ForwardingId id : lot.changed) {
+            bring(change, rules_.at(id));
+        }
+        error = table_.run(change);
+    }
+    if (opened && error != 0) {
+        // Nothing of it has happened: one at a time, so that only what cannot be done is not.
+        drop_each(lot.dropped);
+    }
+    for (const ForwardingId id : lot.changed) {
+        int own_error = error;
+        if (opened && error != 0) {
+            NftTable::Change change = table_.change();
+            bring(change, rules_.at(id));
+            own_error = table_.run(change);
+        }
+        if (finish(id, own_error)) {
+            answers.emplace_back(id, own_error);
+        }
+    }
+    return answers;
+}
+
+void NftForwarding::drop_each(const std::vector<Rule>& rules) {
+    for (const Rule& rule : rules) {
+        NftTable::Change change = table_.change();
+        drop(change, rule);
+        if (table_.run(change) != 0) {
+            broken_ = true;
+        }
+    }
+}
+
+// Notes what has become of a rule; true when it has not been answered yet.
+bool NftForwarding::finish(ForwardingId id, int error) {
+    Rule& rule = rules_.at(id);
+    const bool unanswered = !rule.installed;
+    if (error == 0) {
+        rule.chain = rule.place;
+        rule.installed = true;
+    } else if (unanswered) {
+        rules_.erase(id);
+    } else {
+        broken_ = true;
+    }
+    return unanswered;
+}
+
+void NftForwarding::refuse(ForwardingId id, int error) {
+    if (rules_.empty()) {
+        close();
+    }
+    log_refusal(error);
+    sink_->failed(id, error);
+}
+
+void NftForwarding::drop(NftTable::Change& change, const Rule& rule) const {
+    if (!rule.chain.device.empty()) {
+        change.drop_chain(rule.name);
+    }
+    if (rule.rule.counted) {
+        change.drop_counter(rule.name);
+    }
+}
+
+// From what the kernel has of a rule to what it should have.
+void NftForwarding::bring(NftTable::Change& change, const Rule& rule) const {
+    if (!rule.phyid) {
+        return;
+    }
+    if (!rule.installed && rule.rule.counted) {
+        change.add_counter(rule.name);
+    }
+    if (rule.chain == rule.place) {
+        return;
+    }
+    if (!rule.chain.device.empty()) {
+        change.drop_chain(rule.name);
+    }
+    if (!rule.place.device.empty()) {
+        change.add_chain(rule.name, rule.place.device, rule.rule);
+    }
 }
 
 // With an empty table and the mirror at work.
@@ -118,22 +216,14 @@ void NftForwarding::remove(ForwardingId id) {
     if (found == rules_.end()) {
         return;
     }
-    const Rule rule = std::move(found->second);
+    Rule rule = std::move(found->second);
     rules_.erase(found);
+    changed_.erase(id);
     if (rules_.empty()) {
         close();
-        return;
-    }
-    if (!rule.phyid) {
-        return;
-    }
-    NftTable::Change change = table_.change();
-    change.drop_chain(rule.name);
-    if (rule.rule.counted) {
-        change.drop_counter(rule.name);
-    }
-    if (table_.run(change) != 0) {
-        broken_ = true;
+    } else if (rule.phyid && rule.installed) {
+        dropped_.push_back(std::move(rule));
+        gather();
     }
 }
 
@@ -149,6 +239,9 @@ void NftForwarding::remove_leftovers() {
 
 void NftForwarding::close() {
     rules_.clear();
+    changed_.clear();
+    dropped_.clear();
+    gathering_.reset();
     timer_.reset();
     mirror_.stop();
     if (std::exchange(open_, false)) {
@@ -160,34 +253,19 @@ void NftForwarding::close() {
 }
 
 void NftForwarding::port_changed(uint32_t phyid) {
-    if (!open_) {
-        return;
+    if (open_) {
+        follow_bridge();
     }
-    follow_bridge();
     for (auto& [id, rule] : rules_) {
-        if (rule.phyid == phyid) {
-            move_chain(rule);
+        if (rule.phyid != phyid) {
+            continue;
         }
-    }
-}
-
-// Brings a rule's chain to where its port is now.
-void NftForwarding::move_chain(Rule& rule) {
-    const std::string device = rule.device;
-    const uint32_t ifx = rule.ifx;
-    locate(rule);
-    if (device == rule.device && ifx == rule.ifx) {
-        return;
-    }
-    NftTable::Change change = table_.change();
-    if (!device.empty()) {
-        change.drop_chain(rule.name);
-    }
-    if (!rule.device.empty()) {
-        change.add_chain(rule.name, rule.device, rule.rule);
-    }
-    if (table_.run(change) != 0) {
-        broken_ = true;
+        Place place = locate(phyid);
+        if (place != rule.place) {
+            rule.place = std::move(place);
+            changed_.insert(id);
+            gather();
+        }
     }
 }
 
@@ -231,7 +309,7 @@ void NftForwarding::tick() {
 
 bool NftForwarding::has_all(const std::map<std::string, PacketCounts>& counters) const {
     for (const auto& [id, rule] : rules_) {
-        if (rule.phyid && rule.rule.counted && !counters.contains(rule.name)) {
+        if (rule.installed && rule.rule.counted && !counters.contains(rule.name)) {
             return false;
         }
     }
@@ -284,21 +362,24 @@ void NftForwarding::put_back() {
     }
 }
 
+// Rules that are still to be installed follow as they would have.
 int NftForwarding::run_anew() {
     NftTable::Change change = table_.change();
     change.begin_anew();
+    dropped_.clear();
     for (auto& [id, rule] : rules_) {
-        if (!rule.phyid) {
+        if (!rule.phyid || !rule.installed) {
             continue;
         }
-        locate(rule);
+        rule.place = locate(*rule.phyid);
         rule.reported = {};
         if (rule.rule.counted) {
             change.add_counter(rule.name);
         }
-        if (!rule.device.empty()) {
-            change.add_chain(rule.name, rule.device, rule.rule);
+        if (!rule.place.device.empty()) {
+            change.add_chain(rule.name, rule.place.device, rule.rule);
         }
+        rule.chain = rule.place;
     }
     return table_.run(change);
 }

@@ -1,0 +1,109 @@
+// Changes of one moment in the forwarding plane of a Linux bridge.
+#include "tests/unit/services/nft_rig.h"
+
+namespace qv {
+namespace {
+
+using NftLots = NftForwardingTest;
+
+TEST_F(NftLots, ManyRulesAreInstalledInTheirOrder) {
+    Lines expected;
+    for (ForwardingId id = 1; id <= 2 * NftForwarding::kRulesAtOnce + 1; ++id) {
+        plane->install(id, id % 2 + 1, kPortRule);
+        expected.push_back("done " + std::to_string(id));
+    }
+    ASSERT_TRUE(wait_for([&] { return sink.lines.size() >= expected.size(); }));
+    EXPECT_EQ(sink.take(), expected);
+    const std::string counters = output_of("nft list counters");
+    EXPECT_EQ(static_cast<size_t>(std::count(counters.begin(), counters.end(), '.')),
+              expected.size());
+
+    // And leave in as many lots.
+    for (ForwardingId id = 1; id <= 2 * NftForwarding::kRulesAtOnce; ++id) {
+        plane->remove(id);
+    }
+    carry_out();
+    settle();
+    EXPECT_EQ(output_of("nft list counters"),
+              "table netdev lda {\n\tcounter port2.129 {\n\t\tpackets 0 bytes 0\n\t}\n}\n");
+    EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
+TEST_F(NftLots, OnlyTheRuleThatCannotBeInstalledFails) {
+    plane->install(3, 1, kPortRule);
+    plane->install(4, 1, kPortRule);
+    carry_out();
+    sink.take();
+    // A chain of that name is in the way.
+    nft("add chain netdev lda port2.6\n");
+    plane->remove(4);
+    plane->install(5, 2, kPortRule);
+    plane->install(6, 2, kPortRule);
+    plane->install(7, 2, kPortRule);
+    carry_out();
+    const Lines answers = sink.take();
+    ASSERT_EQ(answers.size(), 3u);
+    EXPECT_EQ(answers[0], "done 5");
+    EXPECT_EQ(answers[1].substr(0, 10), "failed 6: ");
+    EXPECT_EQ(answers[2], "done 7");
+    EXPECT_EQ(platform.log.lines().size(), 1u);
+    settle();
+    EXPECT_EQ(output_of("nft list counters"),
+              "table netdev lda {\n"
+              "\tcounter port1.3 {\n\t\tpackets 0 bytes 0\n\t}\n"
+              "\tcounter port2.5 {\n\t\tpackets 0 bytes 0\n\t}\n"
+              "\tcounter port2.7 {\n\t\tpackets 0 bytes 0\n\t}\n"
+              "}\n");
+    EXPECT_EQ(output_of("nft list chain netdev lda port1.4"), "");
+    EXPECT_NE(output_of("nft list chain netdev lda port2.7"), "");
+    EXPECT_EQ(platform.log.lines().size(), 1u) << "nothing was taken for damage";
+}
+
+TEST_F(NftLots, RuleThatGoesBeforeItWasInstalledNeverIs) {
+    plane->install(3, std::nullopt, kSwitchRule);
+    plane->install(4, 1, kPortRule);
+    plane->remove(4);
+    carry_out();
+    EXPECT_EQ(sink.take(), Lines{"done 3"});
+    EXPECT_EQ(output_of("nft list counters"), "");
+    plane->install(5, 1, kPortRule);
+    plane->remove(5);
+    plane->remove(3);
+    carry_out();
+    EXPECT_EQ(sink.take(), Lines{});
+    EXPECT_EQ(output_of("nft list ruleset"), "");
+    EXPECT_FALSE(loop.next_timer().has_value());
+}
+
+TEST_F(NftLots, RuleInPlaceOfAnotherTakesOver) {
+    plane->install(3, 1, kPortRule);
+    settle();
+    plane->remove(3);
+    plane->install(4, 1, kPortRule);
+    settle();
+    send_frames("p-swp1", kUnknown, 5);
+    EXPECT_TRUE(wait_for([&] { return packets(4) == 5; }));
+    EXPECT_EQ(packets(3), 0u);
+    EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
+}
+
+TEST_F(NftLots, PortThatGoesBeforeItsRuleIsInstalledIsWaitedFor) {
+    plane->install(3, 1, kPortRule);
+    plane->install(4, 2, kPortRule);
+    ip("link del swp1\n");
+    ports.erase(1);
+    plane->port_changed(1);
+    carry_out();
+    EXPECT_EQ(sink.take(), (Lines{"done 3", "done 4"}));
+    EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
+    ip(port_line("swp1"));
+    find_port(1, "swp1");
+    plane->port_changed(1);
+    settle();
+    send_frames("p-swp1", kUnknown, 5);
+    EXPECT_TRUE(wait_for([&] { return packets(3) == 5; }));
+    EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
+}  // namespace
+}  // namespace qv
