@@ -1,0 +1,159 @@
+#include "services/netconf/agent.h"
+
+#include <syslog.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <memory>
+
+#include "p_app.pb-c.h"
+#include "p_mng.pb-c.h"
+#include "services/netconf/log.h"
+
+namespace netconf {
+namespace {
+
+using std::chrono::steady_clock;
+
+constexpr unsigned kLocalDatabase = 3;
+constexpr unsigned kApplicationDatabase = 4;
+constexpr unsigned kConfigurationDatabase = 22;
+constexpr const char* kPolicyType = "p_app.lda_nc_policy";
+constexpr const char* kAnswerType = "p_mng.ui_operate";
+constexpr const char* kLoopEntryType = "p_app.lda_loop_entry";
+
+constexpr std::chrono::seconds kAnswerLimit{2};
+constexpr size_t kLongestName = 63;
+
+const uint8_t* bytes_of(const std::string& packed) {
+    return reinterpret_cast<const uint8_t*>(packed.data());
+}
+
+template <typename Message>
+using Unpacked = std::unique_ptr<Message, void (*)(Message*)>;
+
+Unpacked<PApp__LdaNcPolicy> unpack_policy(const std::string& packed) {
+    return {p_app__lda_nc_policy__unpack(nullptr, packed.size(), bytes_of(packed)),
+            [](PApp__LdaNcPolicy* message) {
+                p_app__lda_nc_policy__free_unpacked(message, nullptr);
+            }};
+}
+
+Unpacked<PApp__LdaLoopEntry> unpack_entry(const std::string& packed) {
+    return {p_app__lda_loop_entry__unpack(nullptr, packed.size(), bytes_of(packed)),
+            [](PApp__LdaLoopEntry* message) {
+                p_app__lda_loop_entry__free_unpacked(message, nullptr);
+            }};
+}
+
+Unpacked<PMng__UiOperate> unpack_answer(const std::string& packed) {
+    return {p_mng__ui_operate__unpack(nullptr, packed.size(), bytes_of(packed)),
+            [](PMng__UiOperate* message) {
+                p_mng__ui_operate__free_unpacked(message, nullptr);
+            }};
+}
+
+// Names of interfaces are what the model takes and what XML can carry.
+bool printable(const std::string& name) {
+    return !name.empty() && name.size() <= kLongestName &&
+           std::all_of(name.begin(), name.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+std::string packed_request(PolicyRequest request, uint32_t policy, std::string publisher,
+                           int32_t oid) {
+    PMng__UiIndex index = P_MNG__UI_INDEX__INIT;
+    index.publisher = publisher.data();
+    index.type = static_cast<int32_t>(request);
+    index.oid = oid;
+    PMng__UiOperate operation = P_MNG__UI_OPERATE__INIT;
+    operation.index = &index;
+    operation.src = P_MNG__OPERATE_SRC_T__NETCONF;
+    PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
+    record.loop_policy_cli = policy;
+    record.rst = &operation;
+    std::string packed(p_app__lda_nc_policy__get_packed_size(&record), '\0');
+    p_app__lda_nc_policy__pack(&record, reinterpret_cast<uint8_t*>(packed.data()));
+    return packed;
+}
+
+// Never the same twice, also after a restart under the same process number.
+int32_t fresh_oid() {
+    static int32_t last = static_cast<int32_t>(
+        steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1) & 0x3fffffff);
+    return ++last;
+}
+
+// The result of the answer with this index, or nothing when the notice is none.
+std::optional<int32_t> result_in(const Notice& notice, PolicyRequest request,
+                                 const std::string& publisher, int32_t oid) {
+    constexpr uint8_t kDeleted = 1;
+    const auto answer = unpack_answer(notice.record);
+    if (notice.operation == kDeleted || !answer || !answer->index || !answer->rst) {
+        return std::nullopt;
+    }
+    const PMng__UiIndex& index = *answer->index;
+    const bool ours = index.publisher == publisher && index.type == static_cast<int32_t>(request) &&
+                      index.oid == oid;
+    return ours ? std::optional(answer->rst->result) : std::nullopt;
+}
+
+}  // namespace
+
+std::optional<uint32_t> published_policy(Database& database) {
+    const auto packed = database.get(kConfigurationDatabase, std::string(kPolicyType) + "/");
+    if (!packed) {
+        return std::nullopt;
+    }
+    const auto record = unpack_policy(*packed);
+    if (!record) {
+        throw DatabaseLost("the agent's policy record does not unpack");
+    }
+    return record->loop_policy_cli;
+}
+
+std::vector<LoopedPort> looped_ports(Database& database) {
+    std::vector<LoopedPort> ports;
+    for (const std::string& packed : database.values(kApplicationDatabase, kLoopEntryType)) {
+        const auto entry = unpack_entry(packed);
+        if (!entry || !entry->index || !printable(entry->index->name)) {
+            log_line(LOG_WARNING, "a loop entry of the object database makes no sense, left out");
+            continue;
+        }
+        ports.push_back({entry->index->name, entry->policy, entry->src_port != 0});
+    }
+    std::sort(ports.begin(), ports.end(),
+              [](const LoopedPort& a, const LoopedPort& b) { return a.name < b.name; });
+    return ports;
+}
+
+void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy) {
+    const std::string publisher = "netconf-" + std::to_string(getpid());
+    const int32_t oid = fresh_oid();
+    Database database(socket);
+    const std::string channel = "mom/" + std::to_string(kLocalDatabase) + "/" + kPolicyType;
+    if (database.listeners(channel) == 0) {
+        throw RequestFailed("the loop-detection agent is not running; nothing was changed");
+    }
+    Listener answers(socket, kLocalDatabase, kAnswerType);
+    const auto deadline = steady_clock::now() + kAnswerLimit;
+    if (database.set(kLocalDatabase, kPolicyType,
+                     packed_request(request, policy, publisher, oid)) == 0) {
+        throw RequestFailed("the loop-detection agent is not running; nothing was changed");
+    }
+    while (const auto notice = answers.wait(deadline)) {
+        const auto result = result_in(*notice, request, publisher, oid);
+        if (!result) {
+            continue;
+        }
+        if (*result != 0) {
+            throw RequestFailed("the loop-detection agent refused the request (result " +
+                                std::to_string(*result) + "); nothing was changed");
+        }
+        return;
+    }
+    throw RequestFailed(
+        "the loop-detection agent did not answer within 2 s; it may still do what was asked");
+}
+
+}  // namespace netconf

@@ -1,0 +1,109 @@
+#include "services/netconf/data.h"
+
+#include <syslog.h>
+
+#include <memory>
+#include <string>
+
+#include "services/netconf/agent.h"
+#include "services/netconf/edit_plan.h"
+#include "services/netconf/log.h"
+
+namespace netconf {
+namespace {
+
+constexpr uint32_t kHighestPolicy = 4;
+const std::string kMonitoring = "/ietf-netconf-monitoring:netconf-state";
+
+void add_looped_ports(const Session& session, Tree& tree) {
+    Database database(session.options.redis_socket);
+    for (const LoopedPort& port : looped_ports(database)) {
+        // A path takes a key in quotes of one kind; no port name has both.
+        const char quote = port.name.find('\'') == std::string::npos ? '\'' : '"';
+        const std::string entry =
+            "/qv-loop-detect-server:loop-detect/looped-port[name=" + (quote + port.name + quote) +
+            "]";
+        add_node(session.context, tree, entry + "/policy", std::to_string(port.policy));
+        add_node(session.context, tree, entry + "/src-port", port.src_port ? "true" : "false");
+    }
+}
+
+void add_streams(const Session& session, Tree& tree) {
+    const std::string stream = "/nc-notifications:netconf/streams/stream[name='NETCONF']";
+    add_node(session.context, tree, stream + "/description", "all notifications of the switch");
+    add_node(session.context, tree, stream + "/replaySupport", "false");
+}
+
+void add_capabilities(const Session& session, Tree& tree) {
+    const char** const known =
+        nc_server_get_cpblts_version(const_cast<ly_ctx*>(session.context), LYS_VERSION_1_0);
+    for (const char** text = known; text != nullptr && *text != nullptr; text++) {
+        add_node(session.context, tree, kMonitoring + "/capabilities/capability", *text);
+        lydict_remove(session.context, *text);
+    }
+    free(known);
+}
+
+void add_datastore(const Session& session, Tree& tree) {
+    const std::string store = kMonitoring + "/datastores/datastore[name='running']";
+    add_node(session.context, tree, store);
+    const uint32_t holder = session.lock.holder();
+    const std::string since = session.lock.since();
+    if (holder != 0 && !since.empty()) {
+        add_node(session.context, tree, store + "/locks/global-lock/locked-by-session",
+                 std::to_string(holder));
+        add_node(session.context, tree, store + "/locks/global-lock/locked-time", since);
+    }
+}
+
+void add_schemas(const Session& session, Tree& tree) {
+    uint32_t index = 0;
+    while (const lys_module* const module = ly_ctx_get_module_iter(session.context, &index)) {
+        const std::string schema =
+            kMonitoring + "/schemas/schema[identifier='" + module->name + "'][version='" +
+            (module->revision == nullptr ? "" : module->revision) + "'][format='yang']";
+        add_node(session.context, tree, schema + "/namespace", module->ns);
+        add_node(session.context, tree, schema + "/location", "NETCONF");
+    }
+}
+
+void add_sessions(const Session& session, Tree& tree) {
+    for (const SessionInfo& peer : live_sessions(session.options.runtime_dir)) {
+        const std::string entry =
+            kMonitoring + "/sessions/session[session-id='" + std::to_string(peer.id) + "']";
+        add_node(session.context, tree, entry + "/transport", "netconf-ssh");
+        add_node(session.context, tree, entry + "/username", peer.user);
+        add_node(session.context, tree, entry + "/login-time", peer.login_time);
+    }
+}
+
+}  // namespace
+
+uint32_t policy_in_force(Database& database) {
+    const uint32_t policy = published_policy(database).value_or(kDefaultPolicy);
+    if (policy > kHighestPolicy) {
+        log_line(LOG_WARNING, "the agent's policy %u is none of the model's", policy);
+        return kDefaultPolicy;
+    }
+    return policy;
+}
+
+void add_configuration(const Session& session, Tree& tree, bool defaults) {
+    Database database(session.options.redis_socket);
+    const uint32_t policy = policy_in_force(database);
+    if (policy != kDefaultPolicy || defaults) {
+        add_node(session.context, tree, "/qv-loop-detect-server:loop-detect/loop-policy",
+                 std::to_string(policy));
+    }
+}
+
+void add_state(const Session& session, Tree& tree) {
+    add_looped_ports(session, tree);
+    add_streams(session, tree);
+    add_capabilities(session, tree);
+    add_datastore(session, tree);
+    add_schemas(session, tree);
+    add_sessions(session, tree);
+}
+
+}  // namespace netconf

@@ -1,0 +1,28 @@
+// What an <edit-config> means for the one leaf that can be set.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "services/netconf/agent.h"
+#include "services/netconf/schema.h"
+
+namespace netconf {
+
+enum class Operation { kNone, kMerge, kReplace, kCreate, kDelete, kRemove };
+
+constexpr uint32_t kDefaultPolicy = 0;  // as in the module
+
+struct PolicyChange {
+    PolicyRequest request;
+    uint32_t policy;
+};
+
+// Reads `config`, the content of <config> (null: empty), against the policy in force. `fallback` is
+// the operation where none is given. Nothing means that all is as wanted already. Throws RpcError
+// for data that fits no model and for an operation that the data in force forbids. A policy with
+// its default value counts as not set.
+std::optional<PolicyChange> plan_edit(const ly_ctx* context, const lyd_node* config,
+                                      Operation fallback, uint32_t in_force);
+
+}  // namespace netconf

@@ -1,0 +1,208 @@
+#include "services/netconf/filter.h"
+
+#include <cstring>
+#include <string_view>
+#include <unordered_map>
+
+#include "services/netconf/rpc_error.h"
+
+namespace netconf {
+namespace {
+
+// How much of a node passes; what is not listed does not.
+enum class Part { kOnTheWay, kWhole };
+using Selection = std::unordered_map<const lyd_node*, Part>;
+
+std::string_view trimmed(const char* text) {
+    constexpr std::string_view kBlank = " \t\r\n";
+    std::string_view rest = text == nullptr ? "" : text;
+    rest.remove_prefix(std::min(rest.find_first_not_of(kBlank), rest.size()));
+    return rest.substr(0, rest.find_last_not_of(kBlank) + 1);
+}
+
+std::string_view text_of(const lyd_node& node) {
+    return trimmed(lyd_get_value(&node));
+}
+
+// Without a namespace a filter matches in all of them.
+bool same_element(const lyd_node& data, const lyd_node& filter) {
+    const char* const wanted = namespace_of(filter);
+    return strcmp(name_of(data), name_of(filter)) == 0 &&
+           (wanted == nullptr || strcmp(namespace_of(data), wanted) == 0);
+}
+
+bool is_content_match(const lyd_node& filter) {
+    return lyd_child(&filter) == nullptr && !text_of(filter).empty();
+}
+
+// The leaf that a content match asks for, or null.
+const lyd_node* matching_leaf(const lyd_node* siblings, const lyd_node& filter) {
+    for (const lyd_node* leaf = siblings; leaf != nullptr; leaf = leaf->next) {
+        if (same_element(*leaf, filter) && text_of(*leaf) == text_of(filter)) {
+            return leaf;
+        }
+    }
+    return nullptr;
+}
+
+bool select(const lyd_node& data, const lyd_node& filter, Selection& selection);
+
+// Selects among the children of `data` by those of `filter`. False when nothing passes.
+bool select_children(const lyd_node& data, const lyd_node& filter, Selection& selection) {
+    bool only_matches = true;
+    const lyd_node* wanted = nullptr;
+    LY_LIST_FOR(lyd_child(&filter), wanted) {
+        if (!is_content_match(*wanted)) {
+            only_matches = false;
+        } else if (matching_leaf(lyd_child(&data), *wanted) == nullptr) {
+            return false;
+        }
+    }
+    if (only_matches) {
+        selection[&data] = Part::kWhole;
+        return true;
+    }
+    bool any = false;
+    LY_LIST_FOR(lyd_child(&filter), wanted) {
+        const lyd_node* child = nullptr;
+        LY_LIST_FOR(lyd_child(&data), child) {
+            any = (same_element(*child, *wanted) && select(*child, *wanted, selection)) || any;
+        }
+    }
+    if (any) {
+        selection.try_emplace(&data, Part::kOnTheWay);
+    }
+    return any;
+}
+
+// Selects in `data`, which `filter` names.
+bool select(const lyd_node& data, const lyd_node& filter, Selection& selection) {
+    if (lyd_child(&filter) != nullptr) {
+        return select_children(data, filter, selection);
+    }
+    if (is_content_match(filter) && text_of(data) != text_of(filter)) {
+        return false;
+    }
+    selection[&data] = Part::kWhole;
+    return true;
+}
+
+Selection select_by_subtree(const lyd_node* data, const lyd_node* filters) {
+    Selection selection;
+    const lyd_node* filter = nullptr;
+    LY_LIST_FOR(filters, filter) {
+        const lyd_node* node = nullptr;
+        LY_LIST_FOR(data, node) {
+            if (same_element(*node, *filter)) {
+                select(*node, *filter, selection);
+            }
+        }
+    }
+    return selection;
+}
+
+Selection select_by_xpath(const lyd_node* data, const std::string& xpath) {
+    Selection selection;
+    if (data == nullptr) {
+        return selection;
+    }
+    ly_set* found = nullptr;
+    if (lyd_find_xpath(data, xpath.c_str(), &found) != LY_SUCCESS) {
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
+                       "the filter \"" + xpath + "\" selects no nodes");
+    }
+    for (uint32_t n = 0; n < found->count; n++) {
+        const lyd_node* node = found->dnodes[n];
+        selection[node] = Part::kWhole;
+        while ((node = lyd_parent(node)) != nullptr) {
+            selection.try_emplace(node, Part::kOnTheWay);
+        }
+    }
+    ly_set_free(found, nullptr);
+    return selection;
+}
+
+lyd_node* copy_of(const lyd_node& node, const Selection& selection) {
+    const auto selected = selection.find(&node);
+    const bool is_key = node.schema != nullptr && lysc_is_key(node.schema);
+    if (selected == selection.end() && !is_key) {
+        return nullptr;
+    }
+    const bool whole = is_key || selected->second == Part::kWhole;
+    lyd_node* copy = nullptr;
+    lyd_dup_single(&node, nullptr, whole ? LYD_DUP_RECURSIVE : LYD_DUP_NO_META, &copy);
+    const lyd_node* child = nullptr;
+    LY_LIST_FOR(whole || copy == nullptr ? nullptr : lyd_child(&node), child) {
+        if (lyd_node* const inner = copy_of(*child, selection)) {
+            // The copy of a list comes with its keys.
+            if (lysc_is_key(child->schema) && child_named(*copy, name_of(*child)) != nullptr) {
+                lyd_free_tree(inner);
+            } else {
+                lyd_insert_child(copy, inner);
+            }
+        }
+    }
+    return copy;
+}
+
+const char* attribute(const lyd_node& filter, const char* name) {
+    const lyd_meta* const found =
+        lyd_find_meta(filter.meta, nullptr, (std::string("ietf-netconf:") + name).c_str());
+    return found == nullptr ? nullptr : lyd_get_meta_value(found);
+}
+
+}  // namespace
+
+Filter Filter::of(const lyd_node& rpc) {
+    Filter filter;
+    const lyd_node* const given = child_named(rpc, "filter");
+    if (given == nullptr) {
+        return filter;
+    }
+    const char* const type = attribute(*given, "type");
+    if (type == nullptr || strcmp(type, "subtree") == 0) {
+        filter.kind_ = Kind::kSubtree;
+        if (const lyd_node* const tree = content_of(*given)) {
+            lyd_node* copy = nullptr;
+            lyd_dup_siblings(tree, nullptr, LYD_DUP_RECURSIVE, &copy);
+            filter.subtree_.reset(copy);
+        }
+        return filter;
+    }
+    const char* const select = attribute(*given, "select");
+    if (select == nullptr) {
+        RpcError error(NC_ERR_MISSING_ATTR, NC_ERR_TYPE_PROT,
+                       "a filter of type xpath needs the attribute \"select\"");
+        error.element = "filter";
+        error.attribute = "select";
+        throw error;
+    }
+    filter.kind_ = Kind::kXpath;
+    filter.xpath_ = select;
+    return filter;
+}
+
+Tree Filter::apply(const lyd_node* data) const {
+    if (kind_ == Kind::kAll) {
+        lyd_node* copy = nullptr;
+        if (data != nullptr) {
+            lyd_dup_siblings(data, nullptr, LYD_DUP_RECURSIVE, &copy);
+        }
+        return Tree(copy);
+    }
+    const Selection selection = kind_ == Kind::kSubtree ? select_by_subtree(data, subtree_.get())
+                                                        : select_by_xpath(data, xpath_);
+    Tree result;
+    const lyd_node* node = nullptr;
+    LY_LIST_FOR(data, node) {
+        lyd_node* const copy = copy_of(*node, selection);
+        if (copy != nullptr && result) {
+            lyd_insert_sibling(result.get(), copy, nullptr);
+        } else if (copy != nullptr) {
+            result.reset(copy);
+        }
+    }
+    return result;
+}
+
+}  // namespace netconf

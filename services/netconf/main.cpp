@@ -1,0 +1,65 @@
+// lda-netconf: one NETCONF session on standard input and output.
+//
+// sshd starts one such process for each session and ends with it, so whatever a client does, it
+// does to its own process. It reads and changes the switch through the object database alone, and
+// shares a folder of lock files with the other sessions. Everything runs on one thread, which
+// sleeps in poll(2).
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <string>
+
+#include "services/netconf/log.h"
+#include "services/netconf/session.h"
+
+namespace {
+
+// A session needs some megabytes. A message that wants more than this breaks the session early and
+// not the switch late.
+constexpr rlim_t kMemoryLimit_bytes = rlim_t{128} << 20;
+
+std::string user_name() {
+    const passwd* const entry = getpwuid(getuid());
+    return entry == nullptr ? std::to_string(getuid()) : entry->pw_name;
+}
+
+int run(const netconf::Options& options) {
+    const rlimit memory{kMemoryLimit_bytes, kMemoryLimit_bytes};
+    setrlimit(RLIMIT_DATA, &memory);
+    const rlimit no_core{0, 0};
+    setrlimit(RLIMIT_CORE, &no_core);
+    signal(SIGPIPE, SIG_IGN);
+    umask(0007);
+
+    const std::string user = user_name();
+    const netconf::SessionNumber number(options.runtime_dir, user);
+    netconf::log_as("session " + std::to_string(number.id()) + " (" + user + ")");
+    netconf::arm_last_words();
+    const netconf::Context context = netconf::load_modules(options.yang_dir);
+    return netconf::run_session(options, context.get(), number, user);
+}
+
+}  // namespace
+
+int main(int count, char** words) {
+    try {
+        const netconf::Options options = netconf::read_options(count, words);
+        if (options.help) {
+            fputs(netconf::usage().c_str(), stdout);
+            return 0;
+        }
+        netconf::open_log(options.log_to_stderr);
+        return run(options);
+    } catch (const std::exception& error) {
+        fprintf(stderr, "lda-netconf: %s\n", error.what());
+        netconf::log_line(LOG_ERR, "%s", error.what());
+        return 2;
+    }
+}

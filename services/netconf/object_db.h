@@ -1,0 +1,85 @@
+// The object database as a session sees it: a Redis server on a Unix socket, laid out as
+// docs/object-database.md says. Plain blocking calls with a time limit each: a session does one
+// thing at a time, and an idle one holds no connection but that of its subscription.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <initializer_list>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct redisContext;
+struct redisReply;
+
+namespace netconf {
+
+// No answer, or one that makes no sense. The message says what happened.
+struct DatabaseLost : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct FreeReply {
+    void operator()(redisReply* reply) const;
+};
+using Reply = std::unique_ptr<redisReply, FreeReply>;
+
+// A connection for commands.
+class Database {
+ public:
+    // Throws DatabaseLost, like everything below.
+    explicit Database(const std::string& socket);
+
+    // The value under `key`; nothing when there is none.
+    std::optional<std::string> get(unsigned database, std::string_view key);
+    // The values of all records of a type.
+    std::vector<std::string> values(unsigned database, std::string_view type);
+    // How many programs listen on a channel.
+    long long listeners(std::string_view channel);
+    // Stores a singleton and tells those who listen, in one step. Returns how many do.
+    long long set(unsigned database, std::string_view type, std::string_view record);
+
+ private:
+    friend class Listener;
+    struct Free {
+        void operator()(redisContext* context) const;
+    };
+
+    Reply command(std::initializer_list<std::string_view> words);
+    Reply command(const std::vector<std::string_view>& words);
+    void select(unsigned database);
+
+    std::unique_ptr<redisContext, Free> context_;
+};
+
+// One change notice.
+struct Notice {
+    uint8_t operation;   // 0 set, 1 deleted, 2 published
+    std::string record;  // packed
+};
+
+// A connection that listens on one channel.
+class Listener {
+ public:
+    // Returns when the server has confirmed it: from then on nothing is missed. Throws
+    // DatabaseLost, like everything below.
+    Listener(const std::string& socket, unsigned database, std::string_view type);
+
+    int fd() const;  // readable: call next()
+    // What has arrived, one notice a call; nothing when that was all. Never waits.
+    std::optional<Notice> next();
+    // Waits for a notice until `deadline`; nothing when there was none.
+    std::optional<Notice> wait(std::chrono::steady_clock::time_point deadline);
+
+ private:
+    std::optional<Notice> take();
+    bool fill();
+
+    Database link_;
+};
+
+}  // namespace netconf

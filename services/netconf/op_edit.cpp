@@ -1,0 +1,98 @@
+// <edit-config>, <copy-config> and <validate>: the running configuration is one leaf, so an edit is
+// one request to the agent and cannot be half done, whatever the error-option says.
+#include <cstring>
+#include <optional>
+#include <string>
+
+#include "services/netconf/data.h"
+#include "services/netconf/edit_plan.h"
+#include "services/netconf/operations.h"
+#include "services/netconf/rpc_error.h"
+
+namespace netconf {
+namespace {
+
+constexpr const char* kLeafPath = "/qv-loop-detect-server:loop-detect/loop-policy";
+
+std::string text_of(const lyd_node& rpc, const char* name, const char* fallback) {
+    const lyd_node* const node = child_named(rpc, name);
+    return node == nullptr ? fallback : lyd_get_value(node);
+}
+
+Operation default_operation(const lyd_node& rpc) {
+    const std::string name = text_of(rpc, "default-operation", "merge");
+    if (name == "replace") {
+        return Operation::kReplace;
+    }
+    return name == "none" ? Operation::kNone : Operation::kMerge;
+}
+
+// The policy in force, to be asked for before anything is decided.
+uint32_t current_policy(const Session& session) {
+    Database database(session.options.redis_socket);
+    return policy_in_force(database);
+}
+
+void refuse_when_locked(const Session& session) {
+    const uint32_t holder = session.lock.holder();
+    if (holder != 0 && !session.lock.mine()) {
+        throw RpcError(NC_ERR_IN_USE, NC_ERR_TYPE_APP,
+                       "session " + std::to_string(holder) + " holds the lock");
+    }
+}
+
+void perform(const Session& session, const PolicyChange& change) {
+    try {
+        request_policy(session.options.redis_socket, change.request, change.policy);
+    } catch (const RequestFailed& failed) {
+        throw RpcError(NC_ERR_OP_FAILED, NC_ERR_TYPE_APP, failed.what(), kLeafPath);
+    } catch (const DatabaseLost& lost) {
+        throw RpcError(NC_ERR_OP_FAILED, NC_ERR_TYPE_APP, lost.what(), kLeafPath);
+    }
+}
+
+// Edits, or only finds out whether that would be possible.
+nc_server_reply* edit(const Session& session, const lyd_node* config, Operation fallback,
+                      bool only_test) {
+    const EditTurn turn(session.options.runtime_dir);
+    if (!turn.ours()) {
+        throw RpcError(NC_ERR_IN_USE, NC_ERR_TYPE_APP, "another session is editing");
+    }
+    refuse_when_locked(session);
+    const auto change = plan_edit(session.context, config, fallback, current_policy(session));
+    if (change && !only_test) {
+        perform(session, *change);
+    }
+    return nc_server_reply_ok();
+}
+
+// The content of <config> beneath `parent`.
+const lyd_node* config_in(const lyd_node& parent) {
+    const lyd_node* const config = child_named(parent, "config");
+    return config == nullptr ? nullptr : content_of(*config);
+}
+
+}  // namespace
+
+nc_server_reply* edit_config(const lyd_node& rpc, Session& session) {
+    const bool only_test = text_of(rpc, "test-option", "test-then-set") == "test-only";
+    return edit(session, config_in(rpc), default_operation(rpc), only_test);
+}
+
+nc_server_reply* copy_config(const lyd_node& rpc, Session& session) {
+    const lyd_node& source = *child_named(rpc, "source");
+    if (child_named(source, "config") == nullptr) {
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
+                       "the running configuration cannot be copied onto itself");
+    }
+    return edit(session, config_in(source), Operation::kReplace, false);
+}
+
+// What is in force was validated when it was set.
+nc_server_reply* validate(const lyd_node& rpc, Session& session) {
+    plan_edit(session.context, config_in(*child_named(rpc, "source")), Operation::kMerge,
+              kDefaultPolicy);
+    return nc_server_reply_ok();
+}
+
+}  // namespace netconf

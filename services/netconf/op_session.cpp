@@ -1,0 +1,120 @@
+// <lock>, <unlock>, <kill-session> and <create-subscription>.
+#include <syslog.h>
+
+#include <charconv>
+#include <cstring>
+#include <ctime>
+#include <string>
+
+#include "services/netconf/log.h"
+#include "services/netconf/operations.h"
+#include "services/netconf/rpc_error.h"
+
+namespace netconf {
+namespace {
+
+RpcError refused(const std::string& message) {
+    return {NC_ERR_OP_FAILED, NC_ERR_TYPE_PROT, message};
+}
+
+EditTurn turn_of(const Session& session) {
+    EditTurn turn(session.options.runtime_dir);
+    if (!turn.ours()) {
+        throw RpcError(NC_ERR_IN_USE, NC_ERR_TYPE_PROT, "another session is editing");
+    }
+    return turn;
+}
+
+time_t seconds_of(const lyd_node& node) {
+    time_t seconds = 0;
+    ly_time_str2time(lyd_get_value(&node), &seconds, nullptr);
+    return seconds;
+}
+
+RpcError bad_time(NC_ERR tag, const char* element, const char* message) {
+    RpcError error(tag, NC_ERR_TYPE_PROT, message);
+    error.element = element;
+    return error;
+}
+
+// There is no replay (RFC 5277, section 2.1.1, says how to refuse it).
+void refuse_replay(const lyd_node& rpc) {
+    const lyd_node* const start = child_named(rpc, "startTime");
+    const lyd_node* const stop = child_named(rpc, "stopTime");
+    if (start == nullptr && stop != nullptr) {
+        throw bad_time(NC_ERR_MISSING_ELEM, "startTime", "stopTime needs startTime");
+    }
+    if (start == nullptr) {
+        return;
+    }
+    if (seconds_of(*start) > time(nullptr)) {
+        throw bad_time(NC_ERR_BAD_ELEM, "startTime", "startTime lies in the future");
+    }
+    if (stop != nullptr && seconds_of(*stop) < seconds_of(*start)) {
+        throw bad_time(NC_ERR_BAD_ELEM, "stopTime", "stopTime lies before startTime");
+    }
+    throw refused("past notifications are not kept, there is no replay");
+}
+
+}  // namespace
+
+nc_server_reply* lock(const lyd_node& /*rpc*/, Session& session) {
+    const EditTurn turn = turn_of(session);
+    if (const uint32_t holder = session.lock.holder()) {
+        RpcError error(NC_ERR_LOCK_DENIED, NC_ERR_TYPE_PROT,
+                       "session " + std::to_string(holder) + " holds the lock");
+        error.session_id = holder;
+        throw error;
+    }
+    session.lock.take();
+    return nc_server_reply_ok();
+}
+
+nc_server_reply* unlock(const lyd_node& /*rpc*/, Session& session) {
+    const EditTurn turn = turn_of(session);
+    if (!session.lock.mine()) {
+        throw refused("this session does not hold the lock");
+    }
+    session.lock.release();
+    return nc_server_reply_ok();
+}
+
+nc_server_reply* kill_session(const lyd_node& rpc, Session& session) {
+    const std::string text = lyd_get_value(child_named(rpc, "session-id"));
+    uint32_t id = 0;
+    std::from_chars(text.data(), text.data() + text.size(), id);
+    if (id == session.number.id()) {
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT, "a session cannot kill itself");
+    }
+    switch (kill_session(session.options.runtime_dir, id)) {
+        case Kill::kDone:
+            break;
+        case Kill::kNoSuchSession:
+            throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT, "there is no session " + text);
+        case Kill::kNotAllowed:
+            throw RpcError(NC_ERR_ACCESS_DENIED, NC_ERR_TYPE_PROT,
+                           "session " + text + " is another user's");
+        case Kill::kStillThere:
+            throw refused("session " + text + " does not end");
+    }
+    log_line(LOG_NOTICE, "killed session %s", text.c_str());
+    return nc_server_reply_ok();
+}
+
+nc_server_reply* create_subscription(const lyd_node& rpc, Session& session) {
+    const lyd_node* const stream = child_named(rpc, "stream");
+    if (stream != nullptr && strcmp(lyd_get_value(stream), "NETCONF") != 0) {
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
+                       std::string("there is no stream \"") + lyd_get_value(stream) + "\"");
+    }
+    refuse_replay(rpc);
+    if (session.subscription) {
+        throw refused("this session has a subscription already");
+    }
+    session.subscription = std::make_unique<Subscription>(
+        session.context, session.options.redis_socket, Filter::of(rpc));
+    nc_session_inc_notif_status(session.link);
+    return nc_server_reply_ok();
+}
+
+}  // namespace netconf

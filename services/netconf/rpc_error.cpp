@@ -1,0 +1,57 @@
+#include "services/netconf/rpc_error.h"
+
+namespace netconf {
+namespace {
+
+// nc_err() takes other arguments for each tag.
+lyd_node* error_node(const ly_ctx* context, const RpcError& error) {
+    const char* const element = error.element.c_str();
+    switch (error.tag) {
+        case NC_ERR_MISSING_ATTR:
+        case NC_ERR_BAD_ATTR:
+        case NC_ERR_UNKNOWN_ATTR:
+            return nc_err(context, error.tag, error.type, error.attribute.c_str(), element);
+        case NC_ERR_MISSING_ELEM:
+        case NC_ERR_BAD_ELEM:
+        case NC_ERR_UNKNOWN_ELEM:
+            return nc_err(context, error.tag, error.type, element);
+        case NC_ERR_UNKNOWN_NS:
+            return nc_err(context, error.tag, error.type, element, error.name_space.c_str());
+        case NC_ERR_LOCK_DENIED:
+            return nc_err(context, error.tag, error.session_id);
+        case NC_ERR_DATA_EXISTS:
+        case NC_ERR_DATA_MISSING:
+        case NC_ERR_MALFORMED_MSG:
+            return nc_err(context, error.tag);
+        case NC_ERR_UNKNOWN:
+        case NC_ERR_IN_USE:
+        case NC_ERR_INVALID_VALUE:
+        case NC_ERR_TOO_BIG:
+        case NC_ERR_ACCESS_DENIED:
+        case NC_ERR_RES_DENIED:
+        case NC_ERR_ROLLBACK_FAILED:
+        case NC_ERR_OP_NOT_SUPPORTED:
+        case NC_ERR_OP_FAILED:
+            break;
+    }
+    return nc_err(context, error.tag, error.type);
+}
+
+}  // namespace
+
+nc_server_reply* reply_of(const ly_ctx* context, const RpcError& error) {
+    lyd_node* const node = error_node(context, error);
+    if (node == nullptr) {
+        return nullptr;  // answered as operation-failed by libnetconf2
+    }
+    nc_err_set_msg(node, error.what(), "en");
+    if (!error.path.empty()) {
+        nc_err_set_path(node, error.path.c_str());
+    }
+    if (!error.app_tag.empty()) {
+        nc_err_set_app_tag(node, error.app_tag.c_str());
+    }
+    return nc_server_reply_err(node);
+}
+
+}  // namespace netconf

@@ -1,0 +1,35 @@
+// What an operation throws to be answered with an <rpc-error>.
+#pragma once
+
+#include <libyang/libyang.h>
+
+#include <libnetconf2/messages_server.h>
+
+#include <cstdint>
+#include <stdexcept>
+#include <string>
+
+namespace netconf {
+
+struct RpcError : std::runtime_error {
+    RpcError(NC_ERR error_tag, NC_ERR_TYPE error_type, const std::string& message,
+             std::string error_path = "")
+        : std::runtime_error(message),
+          tag(error_tag),
+          type(error_type),
+          path(std::move(error_path)) {}
+
+    NC_ERR tag;
+    NC_ERR_TYPE type;
+    std::string path;         // of the data that is meant; empty: none
+    std::string element;      // <bad-element> of the tags that carry one
+    std::string attribute;    // <bad-attribute> likewise
+    std::string name_space;   // <bad-namespace> of unknown-namespace
+    uint32_t session_id = 0;  // of lock-denied
+    std::string app_tag;      // empty: none
+};
+
+// The reply, to be handed to libnetconf2.
+nc_server_reply* reply_of(const ly_ctx* context, const RpcError& error);
+
+}  // namespace netconf

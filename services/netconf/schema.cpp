@@ -1,0 +1,81 @@
+#include "services/netconf/schema.h"
+
+#include <array>
+#include <cstring>
+#include <stdexcept>
+
+namespace netconf {
+namespace {
+
+// What of the base protocol is there. The same list is announced in <hello>.
+std::array<const char*, 5> g_base_features{"writable-running", "rollback-on-error", "validate",
+                                           "xpath", nullptr};
+
+constexpr std::array kModules{
+    "ietf-netconf-monitoring", "ietf-netconf-with-defaults", "notifications",
+    "nc-notifications",        "qv-loop-detect-server",      "qv-loop-detect-server-notification",
+};
+
+void load(ly_ctx* context, const char* name, const char** features) {
+    if (ly_ctx_load_module(context, name, nullptr, features) == nullptr) {
+        throw std::runtime_error(std::string("YANG module ") + name + ": " + ly_errmsg(context));
+    }
+}
+
+}  // namespace
+
+Context load_modules(const std::string& folder) {
+    // Errors are kept for the answer to the client, not printed.
+    ly_log_options(LY_LOSTORE_LAST);
+    ly_ctx* raw = nullptr;
+    if (ly_ctx_new(folder.c_str(), LY_CTX_NO_YANGLIBRARY | LY_CTX_DISABLE_SEARCHDIR_CWD, &raw) !=
+        LY_SUCCESS) {
+        throw std::runtime_error("the folder of the YANG modules cannot be used: " + folder);
+    }
+    Context context(raw);
+    load(raw, "ietf-netconf", g_base_features.data());
+    for (const char* const name : kModules) {
+        load(raw, name, nullptr);
+    }
+    return context;
+}
+
+void add_node(const ly_ctx* context, Tree& tree, const std::string& path,
+              const std::string& value) {
+    lyd_node* first = nullptr;
+    if (lyd_new_path(tree.get(), context, path.c_str(), value.c_str(), 0, &first) != LY_SUCCESS) {
+        throw std::runtime_error(path + " = \"" + value + "\": " + ly_errmsg(context));
+    }
+    // A new node at the top may have become the first of the siblings, which the tree begins with.
+    lyd_node* const any = tree ? tree.release() : first;
+    tree.reset(lyd_first_sibling(any));
+}
+
+const char* name_of(const lyd_node& node) {
+    return node.schema != nullptr ? node.schema->name
+                                  : reinterpret_cast<const lyd_node_opaq&>(node).name.name;
+}
+
+const char* namespace_of(const lyd_node& node) {
+    return node.schema != nullptr ? node.schema->module->ns
+                                  : reinterpret_cast<const lyd_node_opaq&>(node).name.module_ns;
+}
+
+const lyd_node* child_named(const lyd_node& node, const char* name) {
+    for (const lyd_node* child = lyd_child(&node); child != nullptr; child = child->next) {
+        if (strcmp(name_of(*child), name) == 0) {
+            return child;
+        }
+    }
+    return nullptr;
+}
+
+const lyd_node* content_of(const lyd_node& any) {
+    if (any.schema == nullptr || (any.schema->nodetype & LYD_NODE_ANY) == 0) {
+        return nullptr;
+    }
+    const auto& node = reinterpret_cast<const lyd_node_any&>(any);
+    return node.value_type == LYD_ANYDATA_DATATREE ? node.value.tree : nullptr;
+}
+
+}  // namespace netconf

@@ -1,0 +1,40 @@
+// The YANG modules of the front, and owners of what libyang hands out.
+#pragma once
+
+#include <libyang/libyang.h>
+
+#include <memory>
+#include <string>
+
+namespace netconf {
+
+struct FreeContext {
+    void operator()(ly_ctx* context) const { ly_ctx_destroy(context); }
+};
+using Context = std::unique_ptr<ly_ctx, FreeContext>;
+
+// A whole data tree, siblings included.
+struct FreeTree {
+    void operator()(lyd_node* tree) const { lyd_free_all(tree); }
+};
+using Tree = std::unique_ptr<lyd_node, FreeTree>;
+
+// Loads every module that the front offers from `folder`. Throws std::runtime_error.
+Context load_modules(const std::string& folder);
+
+// Adds the node at `path` (and what is missing above it) to `tree`. Throws std::runtime_error when
+// the path or the value does not fit the model.
+void add_node(const ly_ctx* context, Tree& tree, const std::string& path,
+              const std::string& value = "");
+
+// Of a node of a model as well as of one that fits none. Null when it has no namespace.
+const char* name_of(const lyd_node& node);
+const char* namespace_of(const lyd_node& node);
+
+// The child of `node` with this name, or null.
+const lyd_node* child_named(const lyd_node& node, const char* name);
+
+// The tree beneath an anyxml node such as <config> or <filter>; null when it is empty.
+const lyd_node* content_of(const lyd_node& any);
+
+}  // namespace netconf

@@ -1,0 +1,206 @@
+#include "services/netconf/session.h"
+
+#include <fcntl.h>
+#include <libnetconf2/log.h>
+#include <libnetconf2/messages_server.h>
+#include <poll.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <stdexcept>
+
+#include "services/netconf/log.h"
+#include "services/netconf/operations.h"
+
+namespace netconf {
+namespace {
+
+// Reading a message and writing an answer block this process, and only this one, while the client
+// sends slowly or does not read. After this time the session ends (see arm_last_words).
+constexpr unsigned kBlockLimit_s = 30;
+constexpr uint16_t kHelloLimit_s = 30;
+
+struct FreeSession {
+    void operator()(nc_session* session) const { nc_session_free(session, nullptr); }
+};
+
+struct FreePoll {
+    void operator()(nc_pollsession* polled) const {
+        nc_ps_clear(polled, 0, nullptr);
+        nc_ps_free(polled);
+    }
+};
+
+struct BlockGuard {
+    BlockGuard() { alarm(kBlockLimit_s); }
+    ~BlockGuard() { alarm(0); }
+};
+
+void on_library_log(const nc_session* /*session*/, NC_VERB_LEVEL level, const char* text) {
+    if (level == NC_VERB_ERROR) {
+        log_line(LOG_WARNING, "%s", text);
+    }
+}
+
+void ignore_library_log(const nc_session* /*session*/, NC_VERB_LEVEL /*level*/,
+                        const char* /*text*/) {}
+
+// libnetconf2 numbers the sessions of a process 1, 2, 3 and has no call to say otherwise; ours must
+// differ between processes. Every attempt to accept uses up a number, so the numbers below our own
+// are spent on attempts with nobody at the other end (15 us each).
+void spend_numbers_below(uint32_t id) {
+    const File nobody(open("/dev/null", O_RDWR | O_CLOEXEC));
+    if (!nobody.open()) {
+        throw std::runtime_error("/dev/null cannot be opened");
+    }
+    nc_set_print_clb_session(ignore_library_log);
+    for (uint32_t spent = 1; spent < id; spent++) {
+        nc_session* refused = nullptr;
+        nc_accept_inout(nobody.fd(), nobody.fd(), "nobody", &refused);
+        nc_session_free(refused, nullptr);
+    }
+    nc_set_print_clb_session(on_library_log);
+}
+
+const char* reason_of(NC_MSG_TYPE answer) {
+    switch (answer) {
+        case NC_MSG_BAD_HELLO:
+            return "the client's hello makes no sense";
+        case NC_MSG_WOULDBLOCK:
+            return "the client sent no hello in time";
+        case NC_MSG_ERROR:
+        case NC_MSG_NONE:
+        case NC_MSG_HELLO:
+        case NC_MSG_RPC:
+        case NC_MSG_REPLY:
+        case NC_MSG_REPLY_ERR_MSGID:
+        case NC_MSG_NOTIF:
+            break;
+    }
+    return "the client went before its hello was complete";
+}
+
+bool is_writable() {
+    pollfd output{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+    return poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0;
+}
+
+// False when the session is over.
+bool send_event(Session& session, Event event) {
+    nc_server_notif* const notification =
+        nc_server_notif_new(event.tree.get(), event.time.data(), NC_PARAMTYPE_CONST);
+    const BlockGuard guard;
+    const NC_MSG_TYPE sent = nc_server_notif_send(session.link, notification, -1);
+    nc_server_notif_free(notification);
+    return sent == NC_MSG_NOTIF;
+}
+
+// False when the session is over.
+bool serve_request(nc_pollsession* polled) {
+    const BlockGuard guard;
+    const int outcome = nc_ps_poll(polled, 0, nullptr);
+    return (outcome & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR)) == 0;
+}
+
+// Serves until the session is over. Sleeps in poll(2) alone: the waiting of libnetconf2 looks again
+// every tenth of a millisecond.
+void serve(Session& session, nc_pollsession* polled) {
+    for (;;) {
+        Subscription* const subscription = session.subscription.get();
+        // Nothing is sent, and so nothing is asked for, while the client does not read.
+        const bool writable = is_writable();
+        if (writable && subscription != nullptr) {
+            auto event = subscription->next();
+            if (event) {
+                if (!send_event(session, std::move(*event))) {
+                    return;
+                }
+                continue;
+            }
+        }
+        const int8_t input = writable ? POLLIN : 0;
+        std::array<pollfd, 3> watched{{
+            {.fd = STDIN_FILENO, .events = input, .revents = 0},
+            {.fd = writable ? -1 : STDOUT_FILENO, .events = POLLOUT, .revents = 0},
+            {.fd = subscription == nullptr ? -1 : subscription->fd(),
+             .events = POLLIN,
+             .revents = 0},
+        }};
+        poll(watched.data(), watched.size(),
+             subscription == nullptr ? -1 : subscription->retry_ms());
+        if (subscription != nullptr && (watched[2].revents != 0 || subscription->fd() < 0)) {
+            subscription->receive();
+        }
+        if ((watched[1].revents & (POLLERR | POLLHUP)) != 0) {
+            return;
+        }
+        if (watched[0].revents != 0 && !serve_request(polled)) {
+            return;
+        }
+    }
+}
+
+// Logs how it ended. 0 when the client closed the session or went away.
+int log_end(const nc_session* link) {
+    switch (nc_session_get_term_reason(link)) {
+        case NC_SESSION_TERM_CLOSED:
+            log_line(LOG_INFO, "closed");
+            return 0;
+        case NC_SESSION_TERM_DROPPED:
+            log_line(LOG_INFO, "ended: the client went away");
+            return 0;
+        case NC_SESSION_TERM_NONE:
+        case NC_SESSION_TERM_ERR:
+        case NC_SESSION_TERM_KILLED:
+        case NC_SESSION_TERM_TIMEOUT:
+        case NC_SESSION_TERM_BADHELLO:
+        case NC_SESSION_TERM_OTHER:
+            break;
+    }
+    log_line(LOG_WARNING, "ended: the client's input makes no sense or it does not read");
+    return 1;
+}
+
+}  // namespace
+
+int run_session(const Options& options, ly_ctx* context, const SessionNumber& number,
+                const std::string& user) {
+    nc_verbosity(NC_VERB_ERROR);
+    Session session{.options = options,
+                    .context = context,
+                    .number = number,
+                    .lock = RunningLock(options.runtime_dir, number.id()),
+                    .subscription = nullptr};
+    start_server(context);
+    spend_numbers_below(number.id());
+    nc_session* accepted = nullptr;
+    NC_MSG_TYPE answer;
+    {
+        nc_server_set_hello_timeout(kHelloLimit_s);
+        const BlockGuard guard;
+        answer = nc_accept_inout(STDIN_FILENO, STDOUT_FILENO, user.c_str(), &accepted);
+    }
+    if (answer != NC_MSG_HELLO) {
+        log_line(LOG_WARNING, "ended: %s", reason_of(answer));
+        return 1;
+    }
+    const std::unique_ptr<nc_session, FreeSession> owner(accepted);
+    session.link = accepted;
+    nc_session_set_data(accepted, &session);
+    if (nc_session_get_id(accepted) != number.id()) {
+        throw std::runtime_error("libnetconf2 counts sessions in another way");
+    }
+    const std::unique_ptr<nc_pollsession, FreePoll> polled(nc_ps_new());
+    nc_ps_add_session(polled.get(), accepted);
+    log_line(LOG_INFO, "begins");
+    try {
+        serve(session, polled.get());
+    } catch (const TooFarBehind& behind) {
+        log_line(LOG_WARNING, "ended: %s", behind.what());
+        return 1;
+    }
+    return log_end(accepted);
+}
+
+}  // namespace netconf

@@ -1,0 +1,32 @@
+// One NETCONF session on standard input and output: its life from <hello> to the end.
+#pragma once
+
+#include <libnetconf2/session_server.h>
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "services/netconf/options.h"
+#include "services/netconf/peers.h"
+#include "services/netconf/schema.h"
+#include "services/netconf/subscription.h"
+
+namespace netconf {
+
+// What the operations work on.
+struct Session {
+    const Options& options;
+    const ly_ctx* context;
+    const SessionNumber& number;
+    RunningLock lock;
+    std::unique_ptr<Subscription> subscription;  // null: none asked for
+    nc_session* link = nullptr;                  // owned by run_session
+};
+
+// Says hello on the two descriptors and serves the client until the session ends. Returns the exit
+// status of the process: 0 when the client closed it. Logs the reason otherwise.
+int run_session(const Options& options, ly_ctx* context, const SessionNumber& number,
+                const std::string& user);
+
+}  // namespace netconf

@@ -1,0 +1,60 @@
+// The notifications of one session: listens to the records that the services of the switch publish,
+// and turns them into data of the model. Comes back by itself when the object database was away;
+// what was published meanwhile is lost, as the database keeps no notices.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <deque>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "services/netconf/filter.h"
+#include "services/netconf/object_db.h"
+
+namespace netconf {
+
+// The client leaves its notifications lying.
+struct TooFarBehind : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct Event {
+    Tree tree;         // valid
+    std::string time;  // RFC 3339
+};
+
+class Subscription {
+ public:
+    // Listens when it returns. Throws DatabaseLost.
+    Subscription(const ly_ctx* context, std::string socket, Filter filter);
+
+    // Readable: call receive(). -1 while the database is away.
+    int fd() const { return listener_ ? listener_->fd() : -1; }
+    // Milliseconds until receive() is to be called again to reconnect; -1 for never.
+    int retry_ms() const;
+    // Takes what has arrived, or reconnects when it is time. Throws TooFarBehind.
+    void receive();
+    // The oldest event that passes the filter; nothing when there is none. Records that do not fit
+    // the model are logged and dropped.
+    std::optional<Event> next();
+    bool pending() const { return !records_.empty(); }
+
+    static constexpr size_t kMaxPending = 1000;
+
+ private:
+    void reconnect();
+    void lose(const std::string& reason);
+
+    const ly_ctx* const context_;
+    const std::string socket_;
+    const Filter filter_;
+    std::unique_ptr<Listener> listener_;  // null while the database is away
+    std::deque<std::string> records_;     // packed, oldest first
+    std::chrono::milliseconds backoff_;
+    std::chrono::steady_clock::time_point retry_at_;
+};
+
+}  // namespace netconf
