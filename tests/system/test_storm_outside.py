@@ -1,0 +1,119 @@
+"""A loop that is wholly outside: whatever the switch does to its port, the same frames come in at it again and
+again, without an end."""
+
+import time
+
+import pytest
+
+from lab import wait_for
+from storm_lab import DETECTED, StormLab, measure, softirq_seconds
+
+RATE = 200      # frames per second
+SPEED = 15_000  # of the ring outside, frames per second
+
+
+@pytest.fixture
+def lab(kernel_ports):
+    with StormLab(ports=4) as the_lab:
+        yield the_lab
+
+
+@pytest.fixture
+def wide_lab(kernel_ports):
+    """So many ports that flooding to all of them costs more than the ring itself."""
+    with StormLab(ports=96) as the_lab:
+        yield the_lab
+
+
+def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
+    lab = wide_lab
+    # What the bridge floods goes out of swp4, too, where nobody listens.
+    readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4"),
+                "received": lambda: lab.received("swp1"), "agent": lab.agent_seconds}
+    lab.make_outside_ring(SPEED)
+    lab.plug("swp1")
+    unwatched = measure(4, **readings)
+    lab.unplug("swp1")
+    lab.watch(RATE, "swp1")
+
+    lab.plug("swp1")
+    started = time.monotonic()
+    metered = measure(6, **readings)
+    wait_for(lambda: not lab.is_up("swp1"), 14, "swp1 is shut", every=0.1)
+    took = time.monotonic() - started
+    over = measure(4, **readings)
+
+    assert 8 <= took <= 16
+    assert DETECTED.format("swp1") in lab.log()
+    assert unwatched.flooded > SPEED / 2 and metered.received > SPEED / 2, "there was a storm"
+    # Four seconds of the meter at once, then its rate.
+    assert RATE < metered.flooded < (8 * RATE / 6 + 2 * RATE) * 1.2
+    assert over.received == 0 and over.flooded == 0
+    # The ring itself goes on; the rest is what the switch has to do with its frames.
+    assert metered.softirq - over.softirq <= (unwatched.softirq - over.softirq) / 3
+    assert metered.agent < 0.1 and over.agent < 0.1
+    assert [port for port in lab.port_names if not lab.is_up(port)] == ["swp1"]
+
+
+def set_rate(lab, rate):
+    """As an operator does it; the storm record of swp1 right after it."""
+    return lab.storm_records(lab.cli("configure terminal", "interface swp1", f"storm-loop-rate ratelimit {rate}",
+                                     "end", "debug lda storm-detect"))["swp1"]
+
+
+def polled(lab, **expected):
+    """Waits until the storm record of swp1 shows these values; a poll comes every 4 s."""
+    def record_if_so():
+        record = lab.storm_records()["swp1"]
+        return record if expected.items() <= record.items() else None
+    return wait_for(record_if_so, 15, f"the record shows {expected}", every=0.1)
+
+
+def test_rate_raised_in_mid_storm_begins_the_judgement_anew(lab):
+    lab.watch(RATE, "swp1")
+    lab.make_outside_ring(SPEED)
+    old_chain = lab.chains()["swp1"]
+    assert "limit rate over 400/second burst 1600 packets" in lab.chain("swp1")
+    lab.plug("swp1")
+    before = polled(lab, flow_over_times=2)
+    assert (before["rate"], before["burst"], before["is_loop"]) == (200, 1024, "normal")
+
+    # One poll before the verdict.
+    changed = time.monotonic()
+    record = set_rate(lab, 500)
+    assert record == {"phyid": before["phyid"], "rate": 500, "burst": 1024, "packet_count": 0, "byte_count": 0,
+                      "flow_over_times": 0, "unloop_times": 0, "poll_times": 0, "timer_notify": 0,
+                      "is_loop": "normal"}
+    assert lab.chains()["swp1"] != old_chain
+    assert "limit rate over 1000/second burst 4000 packets" in lab.chain("swp1")
+    ruleset = lab.ruleset()
+    assert f"chain {old_chain} " not in ruleset and f"counter {old_chain} " not in ruleset
+
+    first = polled(lab, flow_over_times=1)
+    assert first["timer_notify"] == 1
+    assert first["packet_count"] > before["packet_count"], "the total goes on since the rule was first installed"
+    wait_for(lambda: not lab.is_up("swp1"), 14, "swp1 is shut", every=0.1)
+    assert 8 <= time.monotonic() - changed <= 16
+    assert DETECTED.format("swp1") in lab.log()
+    assert measure(1, received=lambda: lab.received("swp1")).received == 0
+
+
+def test_rate_lowered_in_mid_loop_ends_the_loop_until_it_is_judged_again(lab):
+    lab.watch(RATE, "swp1", policy="")
+    lab.make_outside_ring(SPEED)
+    lab.plug("swp1")
+    before = polled(lab, is_loop="loop")
+    assert (before["flow_over_times"], before["rate"]) == (3, 200)
+    assert lab.log().count(DETECTED.format("swp1")) == 1
+
+    changed = time.monotonic()
+    record = set_rate(lab, 100)
+    assert (record["rate"], record["is_loop"], record["flow_over_times"]) == (100, "normal", 0)
+    assert "limit rate over 200/second burst 800 packets" in lab.chain("swp1")
+    again = polled(lab, is_loop="loop")
+    assert 8 <= time.monotonic() - changed <= 16
+    assert (again["flow_over_times"], again["timer_notify"]) == (3, 3)
+    # The port was in the loop table all the time, so there is one message; a warning shuts nothing.
+    assert lab.log().count(DETECTED.format("swp1")) == 1
+    assert list(lab.loop_entries()) == ["p_app.lda_loop_entry/name=swp1"]
+    assert lab.is_up("swp1")
