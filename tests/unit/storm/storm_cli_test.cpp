@@ -152,6 +152,29 @@ TEST_F(StormCommand, DefaultPrefixRemovesTheRate) {
     EXPECT_EQ(rates(), "");
 }
 
+TEST_F(StormCommand, NoFormCarriesEmptyNumbers) {
+    rate(1, 5000, 64);
+    fake::clear_calls();
+    rate(1, 0, 0, CLI_PREFIX_NO);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{"libddm_get_phyid_by_ifx 1",
+                     fake::info("storm_set_rate_burst",
+                                "phyid = 65 , rate = 0, burst = 0, is_add = 0")}));
+}
+
+// Enabled without memory for its entry, the interface has a rule and is not listed.
+TEST_F(StormCommand, RemovingTheRateOfAnUnlistedInterfaceRemovesItsRule) {
+    rate(1, 5000, 64);
+    fake::fail_calloc(1);
+    enable(1);
+    EXPECT_EQ(enabled(), "");
+    ASSERT_NE(record(101), nullptr);
+    take_calls();
+    rate(1, 0, 0, CLI_PREFIX_NO);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + shared_rule_removed());
+    EXPECT_EQ(record(101), nullptr);
+}
+
 TEST_F(StormCommand, EnabledInterfacePrintsItsLine) {
     EXPECT_EQ(generated(cfg_port_enable_storm, 1), Lines{});
     enable(1);

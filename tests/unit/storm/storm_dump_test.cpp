@@ -149,6 +149,12 @@ TEST(StormLayout, RecordsAndMessages) {
     EXPECT_EQ(offsetof(storm_loop_msg, ifx), 4u);
     EXPECT_EQ(offsetof(storm_loop_msg, reserved), 8u);
     EXPECT_EQ(sizeof(storm_opt_statics), 40u);
+    EXPECT_EQ(offsetof(storm_opt_statics, get_cnt_times), 0u);
+    EXPECT_EQ(offsetof(storm_opt_statics, get_fail_times), 8u);
+    EXPECT_EQ(offsetof(storm_opt_statics, notify_loop_times), 16u);
+    EXPECT_EQ(offsetof(storm_opt_statics, notify_unloop_times), 24u);
+    EXPECT_EQ(offsetof(storm_opt_statics, flow_over_times), 32u);
+    EXPECT_EQ(offsetof(storm_opt_statics, fix_notify_times), 36u);
 }
 
 }  // namespace

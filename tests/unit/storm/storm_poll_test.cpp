@@ -228,6 +228,20 @@ TEST_F(StormPoll, FirstNotificationAndRepetitionMayFallInOnePoll) {
     EXPECT_EQ(record(101)->timer_notify, 0);
 }
 
+TEST_F(StormPoll, RepetitionMayComeTwentyOnePollsAfterTheFirstNotification) {
+    polls_with(20, kAtRate);
+    polls_with(2, kOverRate);
+    EXPECT_EQ(record(101)->timer_notify, 0);
+    poll_with(kOverRate);
+    EXPECT_EQ(verdicts(), kLoop);
+    EXPECT_EQ(record(101)->timer_notify, 1);
+    polls_with(20, kOverRate);
+    EXPECT_EQ(verdicts(), Lines{});
+    poll_with(kOverRate);
+    EXPECT_EQ(verdicts(), kLoop);
+    EXPECT_EQ(record(101)->timer_notify, 0);
+}
+
 TEST_F(StormPoll, TenthCountedPollNotifiesRemoval) {
     polls_with(3, kOverRate);
     verdicts();
@@ -429,6 +443,14 @@ TEST_F(StormPoll, FirstPollAfterARateChangeMeasuresEverything) {
     EXPECT_EQ(record(101)->flow_over_times, 1u);
     poll_with(0);
     EXPECT_EQ(record(101)->flow_over_times, 0u);
+}
+
+TEST_F(StormPoll, FirstPollAfterABurstChangeMeasuresEverything) {
+    polls_with(4, kAtRate);
+    storm_set_burst_limit(1, 8000, 32, true);
+    poll_with(1);
+    EXPECT_EQ(record(101)->flow_over_times, 1u);
+    EXPECT_EQ(record(101)->packet_count, static_cast<int64_t>(4 * kAtRate + 1));
 }
 
 TEST_F(StormPoll, RecordWithoutRuleIsPolledWithoutCounts) {

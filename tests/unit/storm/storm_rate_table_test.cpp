@@ -44,6 +44,22 @@ const Row kRows[] = {
      asked("rate = 6000, burst = 200, is_add = 1") + port_rule_removed("101") +
          port_rule_installed("101", "6000/200"),
      "1:6000/200", "1", "6000/200"},
+    {"ExistingEnabledSetDefaultRateAndAnotherBurst", true, true, true, 8000, 200,
+     asked("rate = 8000, burst = 200, is_add = 1") + port_rule_removed("101") +
+         port_rule_installed("101", "8000/200"),
+     "1:8000/200", "1", "8000/200"},
+    {"ExistingEnabledSetAnotherRateAndDefaultBurst", true, true, true, 6000, 1024,
+     asked("rate = 6000, burst = 1024, is_add = 1") + port_rule_removed("101") +
+         port_rule_installed("101", "6000/1024"),
+     "1:6000/1024", "1", "6000/1024"},
+    {"ExistingEnabledSetTheSame", true, true, true, 5000, 64,
+     asked("rate = 5000, burst = 64, is_add = 1") +
+         Lines{fake::info("storm_set_rate_burst", "the same rate = 5000 and burst = 64")},
+     "1:5000/64", "1", "5000/64"},
+    {"NoneEnabledSetDefaultRateAndNoBurst", false, true, true, 8000, 0,
+     asked("rate = 8000, burst = 0, is_add = 1") +
+         Lines{fake::info("storm_set_rate_burst", "the same rate = 8000 and burst = 1024")},
+     "1:8000/0", "1", "8000/1024"},
     {"NoneEnabledRemoveDefaults", false, true, false, 8000, 1024, {}, "", "1", "8000/1024"},
     {"NoneEnabledRemoveOthers", false, true, false, 6000, 200, {}, "", "1", "8000/1024"},
     {"NoneDisabledRemoveDefaults", false, false, false, 8000, 1024, {}, "", "", ""},

@@ -180,6 +180,19 @@ TEST_F(StormRule, FailedUpdateIsLogged) {
                      fake::error("storm_set_rate_burst", "rv: -1")}));
 }
 
+// The record keeps the numbers of the rule that is gone, so these change nothing, others do.
+TEST_F(StormRule, RecordWithoutRuleIsTakenForInstalledWithItsOldNumbers) {
+    enable_port_1();
+    fake::fail_nth("fp_entry_alloc", 1);
+    storm_set_rate_burst(1, 5000, 64, true);
+    fake::clear_calls();
+    storm_set_rate_burst(1, 8000, 1024, true);
+    EXPECT_EQ(take_calls(), Lines{});
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + port_rule_installed("101", "5000/64"));
+    EXPECT_EQ(record(101)->rate, 5000);
+}
+
 TEST_F(StormRule, UnknownInterfaceIsLoggedAndDropped) {
     storm_set_rate_burst(9, 5000, 64, true);
     EXPECT_EQ(fake::take_calls(),
@@ -350,6 +363,19 @@ TEST_F(StormWithoutService, RemovalReportsEveryOperation) {
                                  fake::error("std_ace_entry_delete", "storm_udp_mgr is NULL !"),
                                  fake::info("std_acl_delete", "aclid 0x65\n"),
                                  fake::error("std_acl_delete", "storm_udp_mgr is NULL !")}));
+}
+
+TEST_F(StormWithoutService, PortRuleFailsAtItsEntry) {
+    EXPECT_EQ(storm_add_by_fp(8000, 1024, 101), -1);
+    EXPECT_EQ(take_log(),
+              (Lines{fake::info("storm_enable_by_fp", "rate:8000 , burst: 1024 phyid: 65"),
+                     fake::error("std_acl_create", "storm_udp_mgr is NULL !"),
+                     fake::info("storm_enable_by_fp", "set_ace, acl_id:101.\n"),
+                     fake::error("std_ace_alloc", "storm_udp_mgr is NULL !"),
+                     fake::error("storm_enable_by_fp", "alloc ace fail."),
+                     fake::error("storm_enable_by_fp", "alloc ace error\n"),
+                     fake::error("storm_add_by_fp", "rv: -1")}));
+    EXPECT_EQ(storm_port_num, 0u);
 }
 
 TEST_F(StormWithoutService, EnablingFailsAtTheSharedRule) {

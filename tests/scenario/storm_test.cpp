@@ -1,0 +1,309 @@
+// Storms on the switch, from the first flooded frame to the recovery, and rules that fail.
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+#include "storm_detect.h"
+#include "tests/scenario/lines.h"
+#include "tests/scenario/switch_rig.h"
+
+namespace qv::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+SwitchRig::Options with_ports(unsigned ports) {
+    SwitchRig::Options options;
+    options.ports = ports;
+    return options;
+}
+
+// The rows of "debug lda storm-detect", columns parted by one blank.
+Lines records(SwitchRig& rig) {
+    std::istringstream table(rig.type("debug lda storm-detect"));
+    std::string row;
+    std::getline(table, row);
+    Lines rows;
+    while (std::getline(table, row)) {
+        std::istringstream columns(row);
+        std::string text;
+        for (std::string column; columns >> column;) {
+            text += (text.empty() ? "" : " ") + column;
+        }
+        rows.push_back(text);
+    }
+    return rows;
+}
+
+const Lines kFound = {"LOOP_DETECT-3-ERROR: Detected loop error on interface swp1."};
+const Lines kRecovered = {"LOOP_DETECT-3-RECOVER: Interface swp1 recovered from loop error."};
+
+const Lines kWatched = {"tarn port loop-detect warning", "storm-loop-detect enable"};
+const Lines kShut = {"shutdown", "tarn port loop-detect warning", "loop-detect apply shutdown-port",
+                     "storm-loop-detect enable"};
+
+TEST(Storm, IsJudgedAtTheThirdPollShutRecoveredAndForgotten) {
+    SwitchRig rig(with_ports(1));
+    rig.type({"configure terminal", "loop-detect shutdown-recover-time 90", "end"});
+    rig.set_policy("shutdown access-mode");
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 0 0 0 0 0 0 normal"});
+    rig.type("test storm swp1 10000");
+    rig.advance(3s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 20000 1280000 0 0 0 1 normal"});
+    rig.advance(4s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 60000 3840000 1 0 0 2 normal"});
+    rig.advance(4s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 100000 6400000 2 0 0 3 normal"});
+    EXPECT_EQ(rig.take_log(), Lines{});
+    EXPECT_EQ(rig.take_executed(), Lines{});
+    rig.advance(4s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 140000 8960000 3 0 0 4 loop"});
+    EXPECT_EQ(rig.take_log(), kFound);
+    EXPECT_EQ(rig.take_executed(), Lines{"interface 1: shutdown \r\n"});
+    EXPECT_EQ(rig.entry("swp1"), "policy=1 src_port=1");
+    EXPECT_EQ(rig.take_notifications(),
+              (Lines{notified("swp1", "2", "1", "1"), notified("swp1", "1", "1", "1")}));
+    EXPECT_EQ(rig.section("swp1"), kShut);
+
+    // Shut, the port is quiet: ten polls later the storm is over, the port waits for its time.
+    rig.advance(36s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 150000 9600000 0 9 0 13 loop"});
+    rig.advance(4s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 150000 9600000 0 0 0 14 normal"});
+    rig.type("test storm swp1 0");
+    rig.advance(60s);
+    EXPECT_EQ(rig.take_executed(),
+              (Lines{"interface 1: errdisable recovery \r\n", "interface 1: no shutdown  \r\n"}));
+    EXPECT_EQ(rig.section("swp1"), kWatched);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    rig.advance(60s);
+    EXPECT_EQ(rig.take_log(), kRecovered);
+    EXPECT_EQ(rig.entry("swp1"), "none");
+}
+
+TEST(Storm, AtTheRateIsNone) {
+    SwitchRig rig(with_ports(1));
+    rig.set_policy("shutdown access-mode");
+    rig.type("test storm swp1 8000");
+    rig.advance(120s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    rig.type("test storm swp1 8001");
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(), kFound);
+}
+
+TEST(Storm, UnderWarningIsReportedAndForgottenAfterTenQuietPollsAndTheClearInterval) {
+    SwitchRig rig(with_ports(1));
+    rig.set_policy("");
+    rig.type("test storm swp1 20000");
+    rig.advance(300s);
+    EXPECT_EQ(rig.take_log(), kFound);
+    EXPECT_EQ(rig.take_executed(), Lines{});
+    EXPECT_EQ(std_opt_statics.notify_loop_times, 1);
+    EXPECT_EQ(std_opt_statics.fix_notify_times, 3u);
+    rig.type("test storm swp1 0");
+    rig.advance(99s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    rig.advance(5s);
+    EXPECT_EQ(rig.take_log(), kRecovered);
+    EXPECT_EQ(std_opt_statics.notify_unloop_times, 1);
+}
+
+TEST(Storm, RateChangedInItsMiddleEndsTheLoopAndItIsJudgedAnew) {
+    SwitchRig rig(with_ports(1));
+    rig.set_policy("");
+    rig.type("test storm swp1 20000");
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(), kFound);
+    rig.type(
+        {"configure terminal", "interface swp1", "storm-loop-rate ratelimit 1000 burst 32", "end"});
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 1000 32 0 0 0 0 0 0 normal"});
+    rig.advance(4s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 1000 32 340000 21760000 1 0 0 1 normal"});
+    rig.advance(8s);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 1000 32 500000 32000000 3 0 0 3 loop"});
+    // A known loop: its end was taken back before the clear interval was over.
+    EXPECT_EQ(rig.take_log(), Lines{});
+    rig.advance(120s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    // Above the storm: the loop ends with the old rule.
+    rig.type({"configure terminal", "interface swp1", "storm-loop-rate ratelimit 30000"});
+    rig.advance(59s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    rig.advance(1s);
+    EXPECT_EQ(rig.take_log(), kRecovered);
+}
+
+TEST(Storm, RefusedShutdownIsTriedAgainWithTheRepetition) {
+    SwitchRig rig(with_ports(1));
+    rig.set_policy("shutdown access-mode");
+    rig.type("test refuse % Not now");
+    rig.type("test storm swp1 20000");
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(), kFound);
+    EXPECT_EQ(rig.take_executed(), Lines{"interface 1: shutdown \r\n"});
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 280000 17920000 4 0 0 4 loop"});
+    rig.advance(72s);
+    EXPECT_EQ(rig.take_executed(), Lines{"interface 1: shutdown \r\n"});
+    EXPECT_EQ(rig.take_log(), Lines{});
+    EXPECT_EQ(rig.section("swp1"), kShut);
+}
+
+TEST(Storm, OnAPortThatTheOperatorWatchesIsReportedWithoutAPolicy) {
+    SwitchRig rig(with_ports(1));
+    rig.type({"configure terminal", "interface swp1", "storm-loop-detect enable", "end",
+              "test storm swp1 20000"});
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(), kFound);
+    EXPECT_EQ(rig.take_executed(), Lines{});
+    EXPECT_EQ(rig.section("swp1"), Lines{"storm-loop-detect enable"});
+}
+
+TEST(Storm, PluggedLoopIsFoundWithoutTheProbes) {
+    SwitchRig rig(with_ports(2));
+    rig.set_policy("shutdown access-mode");
+    rig.type({"configure terminal", "no tarn enable", "end", "test loop plug swp1 swp2"});
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(),
+              (Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp2.",
+                     "LOOP_DETECT-3-ERROR: Detected loop error on interface swp1."}));
+    EXPECT_EQ(rig.section("swp1"), kShut);
+    EXPECT_EQ(rig.section("swp2"), kShut);
+}
+
+TEST(Storm, PortThatHearsItselfIsFoundByTheProbesAlone) {
+    SwitchRig rig(with_ports(1));
+    rig.set_policy("");
+    rig.type({"configure terminal", "no tarn enable", "end", "test loop plug swp1 swp1"});
+    rig.advance(120s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    rig.type({"configure terminal", "tarn enable"});
+    rig.advance(5s);
+    EXPECT_EQ(rig.take_log(), kFound);
+    EXPECT_EQ(std_opt_statics.notify_loop_times, 0);
+}
+
+// ---- Rules that fail ----
+
+// A port that the operator watches, typed while the plane is prepared to fail.
+struct StormRuleFailure : testing::Test {
+    SwitchRig rig{with_ports(1)};
+
+    void watch() {
+        rig.trace();
+        rig.type({"configure terminal", "interface swp1", "storm-loop-rate ratelimit 5000",
+                  "storm-loop-detect enable", "end"});
+        rig.take_log();
+    }
+};
+
+const Lines kSharedRuleRefused = traced({
+    "<storm_install_on_acl_success> aclid:0x0, acl_app:loop_detection_app",
+    "<storm_install_on_ace_success> aclid:0x0, acl_app:loop_detection_app",
+    "<storm_install_on_apply_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
+    "<storm_del_storm_fp> phyid: 0x0",
+    "<std_acl_unapply> phyid: 0x0, aclid: 0x0",
+    "<std_ace_entry_delete> del_ace, acl_id:0x0, acl_app:loop_detection_app",
+    "<std_acl_delete> aclid 0x0",
+    // No port has the number 0.
+    "LDA-6-ERROR: <storm_install_on_apply_failed> rv: 2, acl_key->acl_id: 0x0",
+    "<storm_install_on_acl_success> aclid:0x1, acl_app:loop_detection_app",
+    "<storm_install_on_ace_success> aclid:0x1, acl_app:loop_detection_app",
+});
+
+const Lines kPortWatched = {"storm-loop-detect enable", "storm-loop-rate ratelimit 5000"};
+
+TEST_F(StormRuleFailure, FailedApplyTakesThePortOutOfDetection) {
+    rig.type("test forwarding fail apply 2");
+    watch();
+    EXPECT_EQ(rig.section("swp1"), kPortWatched);
+    rig.take_log();
+    rig.advance(1s);
+    EXPECT_EQ(joined(rig.take_log()),
+              joined(together({
+                  kSharedRuleRefused,
+                  traced({
+                      "<storm_install_on_apply_failed> aclid:0x1, acl_app:loop_detection_app, "
+                      "err:28",
+                      "<storm_del_storm_fp> phyid: 0x1",
+                      "<std_acl_unapply> phyid: 0x1, aclid: 0x1",
+                      "<std_ace_entry_delete> del_ace, acl_id:0x1, acl_app:loop_detection_app",
+                      "<std_acl_delete> aclid 0x1",
+                      "<storm_del_list> enter ifx 1",
+                      "<storm_del_list> release storm_ifx_info",
+                      "<storm_del_list> release storm_rate_info",
+                      "<storm_del_list> exit",
+                  }),
+              })));
+    EXPECT_EQ(rig.section("swp1"), Lines{});
+    EXPECT_EQ(records(rig), Lines{});
+    EXPECT_EQ(storm_port_num, 0U);
+}
+
+TEST_F(StormRuleFailure, FailedSharedRuleTakesNoPortOut) {
+    rig.type("test forwarding fail apply 1");
+    watch();
+    rig.advance(1s);
+    EXPECT_EQ(joined(rig.take_log()), joined(together({
+                                          kSharedRuleRefused,
+                                          traced({"<storm_install_on_apply_success> aclid:0x1, "
+                                                  "acl_app:loop_detection_app"}),
+                                      })));
+    EXPECT_EQ(rig.section("swp1"), kPortWatched);
+    rig.type({"debug lda syslog level 0", "test storm swp1 10000"});
+    rig.forget();
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(), kFound);
+}
+
+TEST_F(StormRuleFailure, FailedAclsAndEntriesAreOnlyLogged) {
+    rig.type({"test forwarding fail acl 2", "test forwarding fail entry 2"});
+    watch();
+    rig.advance(1s);
+    EXPECT_EQ(joined(rig.take_log()),
+              joined(traced({
+                  "<storm_install_on_acl_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
+                  "<storm_install_on_ace_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
+                  "<storm_install_on_apply_success> aclid:0x0, acl_app:loop_detection_app",
+                  "<storm_install_on_acl_failed> aclid:0x1, acl_app:loop_detection_app, err:28",
+                  "<storm_install_on_ace_failed> aclid:0x1, acl_app:loop_detection_app, err:28",
+                  "<storm_install_on_apply_success> aclid:0x1, acl_app:loop_detection_app",
+              })));
+    EXPECT_EQ(rig.section("swp1"), kPortWatched);
+    EXPECT_EQ(storm_port_num, 1U);
+}
+
+TEST_F(StormRuleFailure, LateFailureIsTakenWhenItComes) {
+    rig.type({"test forwarding delay 10", "test forwarding fail apply 2"});
+    watch();
+    rig.type({"debug lda syslog level 0", "test storm swp1 10000"});
+    rig.advance(10s);
+    EXPECT_EQ(rig.section("swp1"), kPortWatched);
+    EXPECT_EQ(records(rig), Lines{"1 swp1 1 5000 1024 0 0 0 0 0 2 normal"});
+    rig.advance(1s);
+    EXPECT_EQ(rig.section("swp1"), Lines{});
+    EXPECT_EQ(records(rig), Lines{});
+    rig.advance(60s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+}
+
+TEST_F(StormRuleFailure, RuleThatIsLostInALoopEndsIt) {
+    watch();
+    rig.type({"debug lda syslog level 0", "test storm swp1 10000"});
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(), kFound);
+    rig.type("test forwarding lose swp1");
+    EXPECT_EQ(rig.section("swp1"), Lines{});
+    EXPECT_EQ(records(rig), Lines{});
+    rig.advance(59s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    rig.advance(1s);
+    EXPECT_EQ(rig.take_log(), kRecovered);
+    // Typed again, the port is watched again.
+    rig.type({"configure terminal", "interface swp1", "storm-loop-detect enable"});
+    rig.advance(17s);
+    EXPECT_EQ(rig.take_log(), kFound);
+}
+
+}  // namespace
+}  // namespace qv::test
