@@ -306,6 +306,15 @@ TEST_F(StormPoll, EngineThatEndsTheLoopDuringTheRepetitionIsHeard) {
     EXPECT_EQ(info->timer_notify, 5);
     EXPECT_EQ(info->is_loop, 0);
     EXPECT_EQ(info->unloop_times, 0u);
+    // The run goes on, and only the third poll of a run is a verdict.
+    notify_msg_proc = storm_verdict;
+    verdicts();
+    polls_with(5, kOverRate);
+    EXPECT_EQ(verdicts(), Lines{});
+    EXPECT_EQ(info->is_loop, 0);
+    poll_with(kAtRate);
+    polls_with(3, kOverRate);
+    EXPECT_EQ(verdicts(), kLoop);
 }
 
 TEST_F(StormPoll, EveryRecordIsJudgedFromTheFront) {
