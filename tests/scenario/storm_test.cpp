@@ -159,6 +159,35 @@ TEST(Storm, OnAPortThatTheOperatorWatchesIsReportedWithoutAPolicy) {
     EXPECT_EQ(rig.section("swp1"), Lines{"storm-loop-detect enable"});
 }
 
+// Detection outlives its port: the port that comes back with its number is watched at once.
+TEST(Storm, OnAPortThatIsDeletedAndAddedAgainInItsMiddleIsFound) {
+    SwitchRig rig(with_ports(2));
+    rig.set_policy("");
+    rig.type("test storm swp1 20000");
+    rig.advance(8s);
+    rig.type("test port delete swp1");
+    EXPECT_EQ(records(rig), Lines{"2 swp2 2 8000 1024 0 0 0 0 0 2 normal"});
+    rig.advance(60s);
+    EXPECT_EQ(rig.take_log(), Lines{});
+    EXPECT_EQ(storm_port_num, 2U);
+    rig.type({"test port add swp1", "test storm swp1 20000"});
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(), kFound);
+    EXPECT_EQ(rig.section("swp1"), kWatched);
+}
+
+TEST(Storm, OnSeveralPortsIsJudgedForEachAtItsOwnRate) {
+    SwitchRig rig(with_ports(3));
+    rig.set_policy("");
+    rig.type({"configure terminal", "interface swp2", "storm-loop-rate ratelimit 30000",
+              "interface swp3", "storm-loop-rate ratelimit 100", "end", "test storm swp1 9000",
+              "test storm swp2 20000", "test storm swp3 200"});
+    rig.advance(16s);
+    EXPECT_EQ(rig.take_log(),
+              (Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp3.",
+                     "LOOP_DETECT-3-ERROR: Detected loop error on interface swp1."}));
+}
+
 TEST(Storm, PluggedLoopIsFoundWithoutTheProbes) {
     SwitchRig rig(with_ports(2));
     rig.set_policy("shutdown access-mode");
