@@ -30,12 +30,7 @@ struct LastWords {
 
 std::array<LastWords, 7> g_last_words{{
     {SIGTERM, LOG_NOTICE, "terminated from outside", {}, 0, 0},
-    {SIGALRM,
-     LOG_WARNING,
-     "ended: the client neither completed its message nor took the answer",
-     {},
-     0,
-     0},
+    {SIGALRM, LOG_WARNING, "ended: the client does not read", {}, 0, 0},
     {SIGSEGV, LOG_ERR, "ended: a message broke the parser (memory)", {}, 0, 0},
     {SIGBUS, LOG_ERR, "ended: a message broke the parser (bus)", {}, 0, 0},
     {SIGABRT, LOG_ERR, "ended: a message broke the parser (abort)", {}, 0, 0},
@@ -98,6 +93,12 @@ void log_line(int priority, const char* format, ...) {
     va_start(values, format);
     vsnprintf(text.data(), text.size(), format, values);
     va_end(values);
+    // Some of it comes from clients: nobody writes lines of their own into the log.
+    for (char* at = text.data(); *at != '\0'; at++) {
+        if (*at < ' ' || *at > '~') {
+            *at = *at == '\n' ? ' ' : '?';
+        }
+    }
     if (g_who.empty()) {
         syslog(priority, "%s", text.data());
     } else {

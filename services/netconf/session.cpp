@@ -10,24 +10,22 @@
 #include <array>
 #include <stdexcept>
 
+#include "services/netconf/input.h"
 #include "services/netconf/log.h"
 #include "services/netconf/operations.h"
 
 namespace netconf {
 namespace {
 
-// Reading a message and writing an answer block this process, and only this one, while the client
-// sends slowly or does not read. After this time the session ends (see arm_last_words).
+// Writing blocks this process, and only this one, while the client does not read. After this time
+// the session ends (see arm_last_words).
 constexpr unsigned kBlockLimit_s = 30;
 constexpr uint16_t kHelloLimit_s = 30;
 
-struct FreeSession {
-    void operator()(nc_session* session) const { nc_session_free(session, nullptr); }
-};
-
+// Frees the sessions in it as well.
 struct FreePoll {
     void operator()(nc_pollsession* polled) const {
-        nc_ps_clear(polled, 0, nullptr);
+        nc_ps_clear(polled, 1, nullptr);
         nc_ps_free(polled);
     }
 };
@@ -39,7 +37,7 @@ struct BlockGuard {
 
 void on_library_log(const nc_session* /*session*/, NC_VERB_LEVEL level, const char* text) {
     if (level == NC_VERB_ERROR) {
-        log_line(LOG_WARNING, "%s", text);
+        log_line(LOG_INFO, "%s", text);
     }
 }
 
@@ -105,7 +103,7 @@ bool serve_request(nc_pollsession* polled) {
 
 // Serves until the session is over. Sleeps in poll(2) alone: the waiting of libnetconf2 looks again
 // every tenth of a millisecond.
-void serve(Session& session, nc_pollsession* polled) {
+void serve(Session& session, const Input& requests, nc_pollsession* polled) {
     for (;;) {
         Subscription* const subscription = session.subscription.get();
         // Nothing is sent, and so nothing is asked for, while the client does not read.
@@ -119,9 +117,9 @@ void serve(Session& session, nc_pollsession* polled) {
                 continue;
             }
         }
-        const int8_t input = writable ? POLLIN : 0;
+        const short input = writable ? POLLIN : 0;
         std::array<pollfd, 3> watched{{
-            {.fd = STDIN_FILENO, .events = input, .revents = 0},
+            {.fd = requests.fd(), .events = input, .revents = 0},
             {.fd = writable ? -1 : STDOUT_FILENO, .events = POLLOUT, .revents = 0},
             {.fd = subscription == nullptr ? -1 : subscription->fd(),
              .events = POLLIN,
@@ -142,7 +140,11 @@ void serve(Session& session, nc_pollsession* polled) {
 }
 
 // Logs how it ended. 0 when the client closed the session or went away.
-int log_end(const nc_session* link) {
+int log_end(const nc_session* link, const Input& requests) {
+    if (requests.fault() != nullptr) {
+        log_line(LOG_WARNING, "ended: %s", requests.fault());
+        return 1;
+    }
     switch (nc_session_get_term_reason(link)) {
         case NC_SESSION_TERM_CLOSED:
             log_line(LOG_INFO, "closed");
@@ -158,7 +160,7 @@ int log_end(const nc_session* link) {
         case NC_SESSION_TERM_OTHER:
             break;
     }
-    log_line(LOG_WARNING, "ended: the client's input makes no sense or it does not read");
+    log_line(LOG_WARNING, "ended: the client's input makes no sense");
     return 1;
 }
 
@@ -174,33 +176,34 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
                     .subscription = nullptr};
     start_server(context);
     spend_numbers_below(number.id());
+    const Input requests;
     nc_session* accepted = nullptr;
     NC_MSG_TYPE answer;
     {
         nc_server_set_hello_timeout(kHelloLimit_s);
         const BlockGuard guard;
-        answer = nc_accept_inout(STDIN_FILENO, STDOUT_FILENO, user.c_str(), &accepted);
+        answer = nc_accept_inout(requests.fd(), STDOUT_FILENO, user.c_str(), &accepted);
     }
     if (answer != NC_MSG_HELLO) {
-        log_line(LOG_WARNING, "ended: %s", reason_of(answer));
+        log_line(LOG_WARNING, "ended: %s",
+                 requests.fault() == nullptr ? reason_of(answer) : requests.fault());
         return 1;
     }
-    const std::unique_ptr<nc_session, FreeSession> owner(accepted);
+    const std::unique_ptr<nc_pollsession, FreePoll> polled(nc_ps_new());
+    nc_ps_add_session(polled.get(), accepted);
     session.link = accepted;
     nc_session_set_data(accepted, &session);
     if (nc_session_get_id(accepted) != number.id()) {
         throw std::runtime_error("libnetconf2 counts sessions in another way");
     }
-    const std::unique_ptr<nc_pollsession, FreePoll> polled(nc_ps_new());
-    nc_ps_add_session(polled.get(), accepted);
     log_line(LOG_INFO, "begins");
     try {
-        serve(session, polled.get());
+        serve(session, requests, polled.get());
     } catch (const TooFarBehind& behind) {
         log_line(LOG_WARNING, "ended: %s", behind.what());
         return 1;
     }
-    return log_end(accepted);
+    return log_end(accepted, requests);
 }
 
 }  // namespace netconf

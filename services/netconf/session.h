@@ -21,7 +21,7 @@ struct Session {
     const SessionNumber& number;
     RunningLock lock;
     std::unique_ptr<Subscription> subscription;  // null: none asked for
-    nc_session* link = nullptr;                  // owned by run_session
+    nc_session* link = nullptr;
 };
 
 // Says hello on the two descriptors and serves the client until the session ends. Returns the exit

@@ -1,0 +1,112 @@
+#include "services/netconf/framing.h"
+
+#include <algorithm>
+#include <charconv>
+#include <utility>
+
+namespace netconf {
+namespace {
+
+constexpr std::string_view kEndOfMessage = "]]>]]>";
+constexpr std::string_view kEndOfChunks = "\n##\n";
+constexpr std::string_view kChunkStart = "\n#";
+constexpr std::string_view kChunkedFraming = "urn:ietf:params:netconf:base:1.1";
+constexpr size_t kLongestSize = 10;  // digits
+
+// Whether `text` is a beginning of `whole`, or the other way round.
+bool may_be(std::string_view text, std::string_view whole) {
+    const size_t common = std::min(text.size(), whole.size());
+    return text.substr(0, common) == whole.substr(0, common);
+}
+
+}  // namespace
+
+void Framing::feed(std::string_view bytes) {
+    input_.append(bytes);
+}
+
+std::optional<std::string> Framing::next() {
+    if (fault_ != nullptr) {
+        return std::nullopt;
+    }
+    std::optional<std::string> message = chunked_ ? next_chunked() : next_delimited();
+    const size_t length = message ? message->size() : input_.size();
+    if (fault_ == nullptr && length > kLongestMessage_bytes) {
+        fault_ = "a message is longer than 256 KiB";
+    }
+    return fault_ == nullptr ? std::move(message) : std::nullopt;
+}
+
+std::optional<std::string> Framing::take(size_t length) {
+    std::string message = input_.substr(0, length);
+    input_.erase(0, length);
+    scanned_ = 0;
+    any_chunk_ = false;
+    return message;
+}
+
+std::optional<std::string> Framing::next_delimited() {
+    const size_t end = input_.find(kEndOfMessage, scanned_);
+    if (end == std::string::npos) {
+        // The delimiter may have begun in the last bytes.
+        scanned_ = input_.size() - std::min(input_.size(), kEndOfMessage.size() - 1);
+        return std::nullopt;
+    }
+    std::optional<std::string> message = take(end + kEndOfMessage.size());
+    if (!std::exchange(greeted_, true)) {
+        chunked_ = message->find(kChunkedFraming) != std::string::npos;
+    }
+    return message;
+}
+
+std::optional<std::string> Framing::next_chunked() {
+    while (step_over_chunk()) {
+    }
+    const std::string_view rest = std::string_view(input_).substr(scanned_);
+    if (fault_ != nullptr || !rest.starts_with(kEndOfChunks)) {
+        return std::nullopt;
+    }
+    if (!any_chunk_) {
+        fault_ = "a message has no chunk";
+        return std::nullopt;
+    }
+    return take(scanned_ + kEndOfChunks.size());
+}
+
+// False when no whole chunk begins where the scan stands.
+bool Framing::step_over_chunk() {
+    const std::string_view rest = std::string_view(input_).substr(scanned_);
+    if (may_be(rest, kEndOfChunks)) {
+        return false;
+    }
+    if (!rest.starts_with(kChunkStart) || rest[kChunkStart.size()] < '1' ||
+        rest[kChunkStart.size()] > '9') {
+        fault_ = "the framing is broken: no chunk begins where one should";
+        return false;
+    }
+    const size_t line_end = rest.find('\n', kChunkStart.size());
+    const std::string_view digits =
+        rest.substr(kChunkStart.size(), std::min(line_end, rest.size()) - kChunkStart.size());
+    size_t size = 0;
+    const auto [stop, error] = std::from_chars(digits.begin(), digits.end(), size);
+    if (stop != digits.end() || error != std::errc() || digits.size() > kLongestSize) {
+        fault_ = "the framing is broken: the size of a chunk is no number";
+        return false;
+    }
+    if (line_end == std::string_view::npos) {
+        return false;
+    }
+    if (size > kLongestMessage_bytes) {
+        fault_ = "a message is longer than 256 KiB";
+        return false;
+    }
+    const size_t length = line_end + 1 + size;
+    if (rest.size() < length) {
+        return false;
+    }
+    scanned_ += length;
+    any_chunk_ = true;
+    return true;
+}
+
+}  // namespace netconf

@@ -1,0 +1,77 @@
+#include "services/netconf/input.h"
+
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <csignal>
+#include <string_view>
+#include <system_error>
+#include <thread>
+
+#include "services/netconf/framing.h"
+
+namespace netconf {
+namespace {
+
+// False when the other end is gone.
+bool write_all(int fd, std::string_view bytes) {
+    while (!bytes.empty()) {
+        const ssize_t written = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
+        if (written < 0 && errno != EINTR) {
+            return false;
+        }
+        bytes.remove_prefix(written < 0 ? 0 : static_cast<size_t>(written));
+    }
+    return true;
+}
+
+}  // namespace
+
+Input::Input() : shared_(std::make_shared<Shared>()) {
+    std::array<int, 2> ends{};
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
+        throw std::system_error(errno, std::generic_category(), "socketpair");
+    }
+    messages_ = File(ends[0]);
+    shared_->messages = File(ends[1]);
+    // Signals are for the main thread.
+    sigset_t all;
+    sigset_t before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    std::thread([shared = shared_] { pass_on(shared); }).detach();
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+}
+
+void Input::pass_on(const std::shared_ptr<Shared>& shared) {
+    const int messages = shared->messages.fd();
+    Framing framing;
+    std::array<char, 16384> piece;
+    for (;;) {
+        const ssize_t length = read(STDIN_FILENO, piece.data(), piece.size());
+        if (length < 0 && errno == EINTR) {
+            continue;
+        }
+        if (length <= 0) {
+            break;
+        }
+        framing.feed({piece.data(), static_cast<size_t>(length)});
+        while (const auto message = framing.next()) {
+            if (!write_all(messages, *message)) {
+                return;
+            }
+        }
+        if (framing.fault() != nullptr) {
+            break;
+        }
+    }
+    shared->fault = framing.fault() == nullptr && framing.inside_message()
+                        ? "the input ends within a message"
+                        : framing.fault();
+    // Half of the pair only: what is in it is read before its end is seen.
+    shutdown(messages, SHUT_WR);
+}
+
+}  // namespace netconf
