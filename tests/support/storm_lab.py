@@ -4,6 +4,7 @@ The traffic is bounded: an outside ring is slowed down by the queue at its cable
 ports of the switch ends with the agent's meter or with `unplug`.
 """
 
+import contextlib
 import os
 import pathlib
 import re
@@ -52,6 +53,15 @@ while (now := time.monotonic() - started) < seconds:
     time.sleep(0.005)
 """
 
+# Keeps one processor busy with the lowest priority there is, for a minute at most.
+SPIN = """
+import os, time
+os.sched_setscheduler(0, os.SCHED_IDLE, os.sched_param(0))
+end = time.monotonic() + 60
+while time.monotonic() < end:
+    pass
+"""
+
 # The columns of "debug lda storm-detect" behind the name of the port; the last one is a word.
 RECORD = ("phyid", "rate", "burst", "packet_count", "byte_count", "flow_over_times", "unloop_times", "poll_times",
           "timer_notify", "is_loop")
@@ -72,9 +82,22 @@ class Program:
         self.process.wait()
 
 
+@contextlib.contextmanager
+def no_idling():
+    """While the `with` block lasts no processor idles, though everything else goes first.
+
+    An idle one stops its tick, and the kernel accounts only whole ticks: what an idle processor does for
+    interrupts would hardly be seen, and what a busy one does would.
+    """
+    with contextlib.ExitStack() as spinning:
+        for _ in range(os.cpu_count()):
+            spinning.enter_context(Program(sys.executable, "-c", SPIN))
+        yield
+
+
 def softirq_seconds():
-    """What the machine's processors have spent on interrupts and what they lead to: here frames go from device
-    to device, whoever has sent them."""
+    """What all processors have spent on interrupts and what they lead to: that is where frames go from device
+    to device, whoever sends them. Within no_idling()."""
     fields = pathlib.Path("/proc/stat").read_text().split("\n", 1)[0].split()
     return (int(fields[6]) + int(fields[7])) / os.sysconf("SC_CLK_TCK")
 
@@ -199,7 +222,8 @@ class StormLab(Lab):
 
     def known(self):
         """The addresses that the agent takes for known, as they are printed."""
-        return set(re.findall(r"(?:[0-9a-f]{2}:){5}[0-9a-f]{2}", self.inside("nft", "list", "set", "netdev", "lda", "fdb")))
+        listing = self.inside("nft", "list", "set", "netdev", "lda", "fdb")
+        return set(re.findall(r"(?:[0-9a-f]{2}:){5}[0-9a-f]{2}", listing))
 
     # ---- loops ----
 

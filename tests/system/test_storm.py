@@ -6,7 +6,7 @@ import time
 import pytest
 
 from lab import wait_for
-from storm_lab import DETECTED, StormLab, measure, softirq_seconds
+from storm_lab import DETECTED, StormLab, measure, no_idling, softirq_seconds
 
 RATE = 1000  # frames per second
 REFUSED = ("%FORWARDING-3-REFUSED: A rule of storm-loop-detect cannot be installed: Operation not permitted. "
@@ -29,7 +29,7 @@ def test_storm_between_two_ports_is_judged_shut_and_over(lab):
     # What the bridge floods goes out of swp4, too, where nobody listens.
     readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4")}
     join(lab, "swp1", "swp2")
-    with lab.broadcasts("swp3-far"):
+    with lab.broadcasts("swp3-far"), no_idling():
         unwatched = measure(3, **readings)
         lab.unplug("swp2")
         lab.watch(RATE, "swp1", "swp2")
