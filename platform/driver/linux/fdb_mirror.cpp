@@ -1,61 +1,15 @@
 #include "platform/driver/linux/fdb_mirror.h"
 
-#include <cstring>
-#include <optional>
 #include <utility>
 
-#include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
-#include <netlink/attr.h>
-#include <netlink/msg.h>
+#include <sys/socket.h>
 
 namespace qv {
 namespace {
 
-constexpr int kAddressBytes = 6;
 constexpr unsigned kVlanBits = 16;
 constexpr MacAddress kGroupBit = MacAddress{1} << 40;
-
-struct FdbEntry {
-    uint32_t bridge;
-    MacAddress address;
-    uint16_t vlan;  // 0 where the bridge does not tell VLANs apart
-};
-
-struct EntryPolicy {
-    nla_policy field[NDA_MAX + 1]{};
-
-    EntryPolicy() {
-        field[NDA_LLADDR] = {.type = NLA_UNSPEC, .minlen = kAddressBytes, .maxlen = kAddressBytes};
-        field[NDA_VLAN].type = NLA_U16;
-        field[NDA_MASTER].type = NLA_U32;
-    }
-};
-
-// An entry of some bridge; nothing for other neighbours and for the filters of single devices,
-// which have no bridge above them.
-std::optional<FdbEntry> parse_entry(nlmsghdr* header) {
-    static EntryPolicy policy;  // the library only reads it
-    nlattr* field[NDA_MAX + 1];
-    const bool about_entry =
-        header->nlmsg_type == RTM_NEWNEIGH || header->nlmsg_type == RTM_DELNEIGH;
-    if (!about_entry || nlmsg_parse(header, sizeof(ndmsg), field, NDA_MAX, policy.field) < 0) {
-        return std::nullopt;
-    }
-    ndmsg entry;
-    std::memcpy(&entry, nlmsg_data(header), sizeof entry);
-    if (entry.ndm_family != AF_BRIDGE || field[NDA_LLADDR] == nullptr ||
-        field[NDA_MASTER] == nullptr) {
-        return std::nullopt;
-    }
-    MacAddress address = 0;
-    const auto* const bytes = static_cast<const unsigned char*>(nla_data(field[NDA_LLADDR]));
-    for (int n = 0; n < kAddressBytes; ++n) {
-        address = address << 8 | bytes[n];
-    }
-    const uint16_t vlan = field[NDA_VLAN] != nullptr ? nla_get_u16(field[NDA_VLAN]) : 0;
-    return FdbEntry{nla_get_u32(field[NDA_MASTER]), address, vlan};
-}
 
 }  // namespace
 
@@ -108,7 +62,7 @@ void FdbMirror::on_dump_end() {
 }
 
 void FdbMirror::on_message(nlmsghdr* header) {
-    const auto entry = parse_entry(header);
+    const auto entry = parse_fdb_entry(header);
     if (!entry || entry->bridge != bridge_ || (entry->address & kGroupBit) != 0) {
         return;
     }

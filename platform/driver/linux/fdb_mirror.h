@@ -14,12 +14,10 @@
 #include <vector>
 
 #include "platform/client/event_loop.h"
+#include "platform/driver/linux/fdb_entry.h"
 #include "platform/driver/linux/rtnl_monitor.h"
 
 namespace qv {
-
-// An Ethernet address, its first byte the highest of six.
-using MacAddress = uint64_t;
 
 // Loop thread only.
 class FdbMirror final : private RtnlMonitor::Listener {
