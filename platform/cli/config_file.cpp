@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 namespace qv::cli {
 namespace {
@@ -34,28 +35,30 @@ std::string_view section_name(std::string_view line) {
 class Descriptor {
  public:
     explicit Descriptor(int fd) : fd_(fd) {}
-    ~Descriptor() { reset(); }
+    ~Descriptor() {
+        if (fd_ >= 0) {
+            ::close(fd_);
+        }
+    }
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     int get() const { return fd_; }
-    // The result of close(2).
-    int reset() {
-        const int result = fd_ < 0 ? 0 : ::close(fd_);
-        fd_ = -1;
-        return result;
-    }
 
  private:
-    int fd_;
+    const int fd_;
 };
 
+// From the start of the file.
 bool write_all(int fd, std::string_view text) {
+    off_t offset = 0;
     while (!text.empty()) {
-        const ssize_t size = ::write(fd, text.data(), text.size());
+        const ssize_t size = ::pwrite(fd, text.data(), text.size(), offset);
         if (size < 0 && errno != EINTR) {
             return false;
         }
-        text.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
+        const ssize_t written = size < 0 ? 0 : size;
+        offset += written;
+        text.remove_prefix(static_cast<size_t>(written));
     }
     return true;
 }
@@ -67,17 +70,6 @@ void sync_folder_of(const std::string& path) {
     if (fd.get() >= 0) {
         ::fsync(fd.get());
     }
-}
-
-std::string staged_name(const std::string& path) {
-    return path + ".new";
-}
-
-// The reason in errno; the staged file is gone.
-std::string given_up(const std::string& staged) {
-    std::string reason = std::strerror(errno);
-    ::unlink(staged.c_str());
-    return reason;
 }
 
 }  // namespace
@@ -133,37 +125,77 @@ std::optional<std::string> read_config_file(const std::string& path) {
     return text;
 }
 
-std::string stage_config_file(const std::string& path, std::string_view text) {
-    const std::string staged = staged_name(path);
-    Descriptor fd(
-        ::open(staged.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode));
-    if (fd.get() < 0) {
+ConfigFile::ConfigFile(std::string path) : path_(std::move(path)), staged_(path_ + ".new") {}
+
+ConfigFile::~ConfigFile() {
+    close_staged();
+}
+
+bool ConfigFile::open_staged() {
+    if (fd_ < 0) {
+        size_ = 0;
+        fd_ = ::open(staged_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
+                     kFileMode);
+    }
+    return fd_ >= 0;
+}
+
+// The result of close(2).
+int ConfigFile::close_staged() {
+    const int fd = std::exchange(fd_, -1);
+    return fd < 0 ? 0 : ::close(fd);
+}
+
+// The reason in errno; the staged file is gone.
+std::string ConfigFile::given_up() {
+    std::string reason = std::strerror(errno);
+    close_staged();
+    ::unlink(staged_.c_str());
+    return reason;
+}
+
+std::string ConfigFile::stage(std::string_view text) {
+    if (!open_staged()) {
         return std::strerror(errno);
     }
-    if (!write_all(fd.get(), text) || fd.reset() != 0) {
-        return given_up(staged);
+    if (!write_all(fd_, text) ||
+        (size_ > text.size() && ::ftruncate(fd_, static_cast<off_t>(text.size())) != 0)) {
+        return given_up();
     }
+    size_ = text.size();
     return {};
 }
 
-std::string commit_config_file(const std::string& path) {
-    const std::string staged = staged_name(path);
-    Descriptor fd(::open(staged.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW));
-    if (fd.get() < 0 || ::fsync(fd.get()) != 0 || fd.reset() != 0 ||
-        ::rename(staged.c_str(), path.c_str()) != 0) {
-        return given_up(staged);
+std::string ConfigFile::commit() {
+    if (::fsync(fd_) != 0 || close_staged() != 0 || ::rename(staged_.c_str(), path_.c_str()) != 0) {
+        return given_up();
     }
-    sync_folder_of(path);
+    sync_folder_of(path_);
     return {};
 }
 
-void recover_config_file(const std::string& path) {
-    const std::string staged = staged_name(path);
-    const std::optional<std::string> text = read_config_file(staged);
-    if (text && text->ends_with(kConfigEnd)) {
-        commit_config_file(path);
-    } else if (text) {
-        ::unlink(staged.c_str());
+void ConfigFile::prepare(std::string_view like) {
+    if (fd_ >= 0 || like.empty() || !open_staged()) {
+        return;
+    }
+    like.remove_suffix(1);
+    if (write_all(fd_, like)) {
+        size_ = like.size();
+    } else {
+        given_up();
+    }
+}
+
+void ConfigFile::recover() {
+    const std::optional<std::string> text = read_config_file(staged_);
+    if (!text) {
+        return;
+    }
+    fd_ = ::open(staged_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
+    if (text->ends_with(kConfigEnd)) {
+        commit();
+    } else {
+        given_up();
     }
 }
 

@@ -44,7 +44,7 @@ Result execute_saved(SessionState& session, const std::string& line) {
 }  // namespace
 
 ConfigKeeper::ConfigKeeper(EventLoop& loop, std::string path)
-    : loop_(loop), path_(std::move(path)) {
+    : loop_(loop), file_(std::move(path)) {
     platform().ports().add_observer(*this);
 }
 
@@ -94,10 +94,10 @@ void ConfigKeeper::rest_after(Time start) {
 // The save that an announcement asks for: silent when nothing is to be done, retried on trouble.
 void ConfigKeeper::stage_announced() {
     std::string fresh = text_to_save();
-    if (path_.empty() || !replayed_ || file_unreadable_ || fresh == saved_text_) {
+    if (path().empty() || !replayed_ || file_unreadable_ || fresh == saved_text_) {
         return;
     }
-    const std::string trouble = stage_config_file(path_, fresh);
+    const std::string trouble = file_.stage(fresh);
     if (!trouble.empty()) {
         told(trouble);
         retry_later();
@@ -111,7 +111,9 @@ void ConfigKeeper::stage_announced() {
 
 void ConfigKeeper::commit_announced() {
     const Time start = loop_.clock().now();
-    if (!told(commit_config_file(path_)).empty()) {
+    if (told(file_.commit()).empty()) {
+        file_.prepare(saved_text_);
+    } else {
         retry_later();
     }
     rest_after(start);
@@ -143,14 +145,14 @@ std::string ConfigKeeper::told(std::string trouble) {
         file_unreadable_ = false;
         retry_.reset();
     } else if (trouble != save_trouble_) {
-        report("SAVE", "The configuration cannot be saved to " + path_ + ": " + trouble + ".");
+        report("SAVE", "The configuration cannot be saved to " + path() + ": " + trouble + ".");
     }
     save_trouble_ = trouble;
     return trouble;
 }
 
 std::string ConfigKeeper::save() {
-    if (path_.empty()) {
+    if (path().empty()) {
         return "no file is set for the saved configuration";
     }
     if (!replayed_) {
@@ -159,11 +161,13 @@ std::string ConfigKeeper::save() {
     text_ = generate_config(ConfigPurpose::kSave);
     saved_text_ = text_to_save();
     commit_timer_.reset();
-    std::string trouble = stage_config_file(path_, saved_text_);
+    std::string trouble = file_.stage(saved_text_);
     if (trouble.empty()) {
-        trouble = commit_config_file(path_);
+        trouble = file_.commit();
     }
-    if (!trouble.empty()) {
+    if (trouble.empty()) {
+        file_.prepare(saved_text_);
+    } else {
         saved_text_.clear();
     }
     return told(std::move(trouble));
@@ -183,21 +187,22 @@ void ConfigKeeper::announce() {
 }
 
 void ConfigKeeper::replay() {
-    if (path_.empty()) {
+    if (path().empty()) {
         return;
     }
-    recover_config_file(path_);
-    const std::optional<std::string> text = read_config_file(path_);
+    file_.recover();
+    const std::optional<std::string> text = read_config_file(path());
     if (!text) {
         if (errno != ENOENT) {
             file_unreadable_ = true;
-            report("REPLAY", "The saved configuration " + path_ +
+            report("REPLAY", "The saved configuration " + path() +
                                  " cannot be read and is left alone: " + std::strerror(errno) +
                                  ".");
         }
         return;
     }
     saved_text_ = *text;
+    file_.prepare(saved_text_);
     for (const ConfigSection& section : parse_config(*text)) {
         apply(section);
     }
@@ -209,7 +214,7 @@ void ConfigKeeper::apply(const ConfigSection& section) {
     if (!section.port.empty()) {
         const Port* port = platform().ports().find(section.port);
         if (!port) {
-            report("REPLAY", path_ + ": line " + std::to_string(section.number) + ": interface " +
+            report("REPLAY", path() + ": line " + std::to_string(section.number) + ": interface " +
                                  section.port + " does not exist; its lines wait for it.");
             waiting_[section.port] = section;
             return;
@@ -220,7 +225,7 @@ void ConfigKeeper::apply(const ConfigSection& section) {
     for (const ConfigLine& line : section.lines) {
         const Result result = execute_saved(session, line.text);
         if (result.code != 0 || !result.output.empty()) {
-            report("REPLAY", path_ + ": line " + std::to_string(line.number) + ": \"" +
+            report("REPLAY", path() + ": line " + std::to_string(line.number) + ": \"" +
                                  line.text.substr(0, 200) + "\": " + first_line(result.output));
         }
     }

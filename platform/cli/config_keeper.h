@@ -39,7 +39,7 @@ class ConfigKeeper final : public PortObserver {
 
     // Saves now. Empty when done, else the reason.
     std::string save();
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return file_.path(); }
     const std::string& text() const { return text_; }
 
     void on_added(const Port& port) override;
@@ -64,7 +64,7 @@ class ConfigKeeper final : public PortObserver {
     std::string told(std::string trouble);
 
     EventLoop& loop_;
-    const std::string path_;
+    ConfigFile file_;  // loop thread only, but for its path
     // Any thread.
     std::atomic<bool> pending_ = false;  // work() is on its way
     std::atomic<bool> save_wanted_ = false;

@@ -15,6 +15,7 @@
 #include <string>
 #include <unordered_set>
 #include <utility>
+#include <vector>
 
 #include "platform/driver/mutex.h"
 
@@ -23,6 +24,9 @@ namespace {
 
 // Posted tasks taken in one round, before timers and descriptors get their turn.
 constexpr size_t kPostedPerRound = 64;
+
+// Rounds with something to do before what was put off has its turn all the same.
+constexpr int kPatience_rounds = 8;
 
 // Longer delays are cut to this: about a hundred years, far from where time points overflow.
 constexpr Duration kLongestDelay = std::chrono::hours(24 * 365 * 100);
@@ -95,7 +99,8 @@ struct EventLoop::Handle::Entry {
 struct EventLoop::Impl {
     using Entry = Handle::Entry;
 
-    // The qv_thread is the handle of the C surface; its `func` is null for a timer of after().
+    // Also what was put off: due as soon as it is taken. The qv_thread is the handle of the C
+    // surface; its `func` is null for the others.
     struct Timer final : Entry, qv_thread {
         Timer() : qv_thread{} {}
         void detach() override;
@@ -127,6 +132,7 @@ struct EventLoop::Impl {
     bool find_work() EXCLUDES(mutex);
     void take_posted() EXCLUDES(mutex);
     void take_due_timers();
+    void take_put_off();
     void wait();
     bool anything_posted() EXCLUDES(mutex);
     bool anything_left() const;
@@ -148,6 +154,8 @@ struct EventLoop::Impl {
     std::map<TimerKey, std::shared_ptr<Timer>> timers;
     uint64_t timers_armed = 0;
     std::deque<Work> ready;  // this round's work
+    std::vector<std::shared_ptr<Timer>> put_off;
+    int rounds_put_off = 0;  // since put_off was last taken, while it waits
     Work current;            // handed out by fetch(), run by qv_thread_call
 
     Mutex mutex;
@@ -179,6 +187,9 @@ EventLoop::Impl::~Impl() {
         if (work.timer) {
             work.timer->loop = nullptr;
         }
+    }
+    for (const std::shared_ptr<Timer>& late : put_off) {
+        late->loop = nullptr;
     }
     for (Watch* watch : watches) {
         watch->watched.reset();
@@ -239,6 +250,17 @@ void EventLoop::Impl::take_due_timers() {
     }
 }
 
+void EventLoop::Impl::take_put_off() {
+    if (put_off.empty() || (!ready.empty() && ++rounds_put_off < kPatience_rounds)) {
+        return;
+    }
+    rounds_put_off = 0;
+    for (std::shared_ptr<Timer>& late : put_off) {
+        ready.push_back({.task = {}, .timer = std::move(late), .watch = {}});
+    }
+    put_off.clear();
+}
+
 // libevent counts every event that was added: the wake-up and the watches.
 bool EventLoop::Impl::anything_left() const {
     return !timers.empty() || event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED) > 1;
@@ -264,6 +286,7 @@ bool EventLoop::Impl::find_work() {
         take_due_timers();
         // With EVLOOP_NONBLOCK alone libevent would go on until no descriptor is ready any more.
         event_base_loop(base.get(), EVLOOP_NONBLOCK | EVLOOP_ONCE);
+        take_put_off();
         if (!ready.empty()) {
             return true;
         }
@@ -355,6 +378,15 @@ EventLoop::Handle EventLoop::after(Duration delay, Task task) {
     auto timer = impl_->arm(delay);
     timer->task = std::move(task);
     return Handle(std::move(timer));
+}
+
+EventLoop::Handle EventLoop::put_off(Task task) {
+    auto late = std::make_shared<Impl::Timer>();
+    late->key = {Time::min(), impl_->timers_armed++};
+    late->task = std::move(task);
+    late->loop = impl_.get();
+    impl_->put_off.push_back(late);
+    return Handle(std::move(late));
 }
 
 void EventLoop::stop() {

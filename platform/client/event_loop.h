@@ -5,7 +5,8 @@
 // by the handles below, and a destroyed handle's callback never runs again.
 //
 // Each round takes a limited number of posted tasks, then the timers that are due, then the ready
-// descriptors, so that none of them keeps the others waiting.
+// descriptors, so that none of them keeps the others waiting. What was put off runs in a round that
+// finds nothing else, or after a few that did.
 #pragma once
 
 #include <functional>
@@ -62,6 +63,10 @@ class EventLoop {
 
     // One-shot timer. The handle is empty-able at any time; after firing it is inert.
     [[nodiscard]] Handle after(Duration delay, Task task);
+
+    // `task` runs once, when nothing more urgent is left to do, in the order given; kept waiting
+    // for a few rounds at most. For the part of the work that nobody waits for.
+    [[nodiscard]] Handle put_off(Task task);
 
     // Makes fetch() return null from now on. Any thread, and signal handlers.
     void stop();

@@ -118,6 +118,7 @@ class RedisClient final : public StoreClient {
     bool write(uint32_t db, Kind kind, std::string_view type, std::string_view key,
                std::string notice);
     void send(Write& write);
+    void send_waiting();
     void next_page(Scan& scan);
     void page_found(Scan& scan, const redisReply& reply);
     void values_found(Scan& scan, const redisReply& reply);
@@ -141,6 +142,7 @@ class RedisClient final : public StoreClient {
     std::map<uint64_t, Write> unconfirmed_;   // in the order of the calls
     std::map<uint64_t, Topic> topics_;        // of the present connection
     std::map<uint64_t, Scan> scans_;          // of the present connection
+    std::vector<uint64_t> waiting_;           // of those, the ones that are not sent yet
     uint64_t writes_ = 0;
     size_t unconfirmed_bytes_ = 0;
 
@@ -151,6 +153,7 @@ class RedisClient final : public StoreClient {
     bool write_refused_ = false;  // logged; until a write succeeds again
     EventLoop::Handle retry_;
     EventLoop::Handle failing_;
+    EventLoop::Handle sending_;
 
     // Last, so that nothing a callback may look at goes before them.
     std::unique_ptr<RedisConnection> commands_;
@@ -232,6 +235,7 @@ void RedisClient::lose(const std::string& reason) {
     failing_.reset();
     topics_.clear();
     scans_.clear();
+    waiting_.clear();  // sent again with the others
     greetings_ = 0;
     if (!std::exchange(away_logged_, true)) {
         printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "STORE_AWAY",
@@ -280,11 +284,20 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
                                              channel_of(db, type), std::move(notice)})
                       .first->second;
     unconfirmed_bytes_ += sizeof kept + kept.key.size() + kept.notice.size();
-    send(kept);
+    waiting_.push_back(number);
+    if (!sending_) {
+        sending_ = loop_.put_off([this] { send_waiting(); });
+    }
     if (unconfirmed_bytes_ > kUnconfirmedLimit_bytes) {
         fail_later("it does not keep up with the writes");
     }
     return true;
+}
+
+void RedisClient::send_waiting() {
+    for (const uint64_t number : std::exchange(waiting_, {})) {
+        send(unconfirmed_.at(number));
+    }
 }
 
 void RedisClient::send(Write& write) {
@@ -377,7 +390,9 @@ bool RedisClient::scan(uint32_t db, std::string_view type, uint64_t scan) {
     return true;
 }
 
+// What was written before the scan is in it.
 void RedisClient::next_page(Scan& scan) {
+    send_waiting();
     use(scan.db);
     commands_->send({"SCAN", scan.cursor, "MATCH", scan.pattern, "COUNT", kScanPage}, on_page,
                     &scan);

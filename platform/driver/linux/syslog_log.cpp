@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include <syslog.h>
+#include <unistd.h>
 
 namespace qv {
 
@@ -11,6 +12,10 @@ SyslogLog::SyslogLog() {
 }
 
 void SyslogLog::write(const SystemLogMessage& message) {
+    // Without a syslog daemon the library would make a socket for every message and throw it away.
+    if (access(_PATH_LOG, F_OK) != 0) {
+        return;
+    }
     // Severities of the two are the same numbers; anything else would spill into the facility bits.
     const int priority = std::clamp(message.severity, LOG_EMERG, LOG_DEBUG);
     syslog(priority, "%s", render(message).c_str());

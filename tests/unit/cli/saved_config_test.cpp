@@ -140,7 +140,6 @@ TEST_F(SavedConfig, AnnouncedChangeIsSavedAfterAMomentForItsCommands) {
     EXPECT_EQ(read_text(rig.saved()),
               " tarn enable\n"
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\nend\n");
-    EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
 }
 
 int g_generations = 0;
@@ -291,7 +290,40 @@ TEST_F(SavedConfig, AnnouncedChangeIsStagedAtOnceAndCommittedAMomentLater) {
     EXPECT_EQ(read_text(rig.saved() + ".new"), " tarn enable\n" + old);
     rig.platform.run_for(5ms);
     EXPECT_EQ(read_text(rig.saved()), " tarn enable\n" + old);
-    EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
+    const std::string next = read_text(rig.saved() + ".new");
+    EXPECT_EQ(next + "\n", " tarn enable\n" + old) << "laid out for the next change, not complete";
+}
+
+TEST_F(SavedConfig, ChangesAreStagedOverWhatWasLaidOutForThem) {
+    rig.announce_ready();
+    rig.session.mode = "config";
+    const std::string ports =
+        "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\nend\n";
+    const auto saved_after = [&](const char* line) {
+        rig.type(line);
+        cli_syn_config_notify();
+        rig.platform.run_for(1s);
+        return read_text(rig.saved());
+    };
+    EXPECT_EQ(saved_after("tarn enable"), " tarn enable\n" + ports);
+    EXPECT_EQ(saved_after("no tarn enable"), ports);
+    EXPECT_EQ(saved_after("tarn enable"), " tarn enable\n" + ports);
+}
+
+TEST_F(SavedConfig, FileLaidOutThatVanishesCostsOneRetry) {
+    rig.announce_ready();
+    EXPECT_EQ(rig.type("write"), "");
+    const std::string saved = read_text(rig.saved());
+    ASSERT_TRUE(std::filesystem::remove(rig.saved() + ".new"));
+    rig.session.mode = "config";
+    rig.type("tarn enable");
+    cli_syn_config_notify();
+    rig.platform.run_for(1s);
+    EXPECT_EQ(read_text(rig.saved()), saved);
+    EXPECT_EQ(log(), std::vector<std::string>{"CLI-3-SAVE: The configuration cannot be saved to " +
+                                              rig.saved() + ": No such file or directory."});
+    rig.platform.run_for(30s);
+    EXPECT_EQ(read_text(rig.saved()), " tarn enable\n" + saved) << "tried again";
 }
 
 TEST_F(SavedConfig, WhatADeadProcessHadStagedIsReplayed) {
@@ -300,7 +332,7 @@ TEST_F(SavedConfig, WhatADeadProcessHadStagedIsReplayed) {
     rig.announce_ready();
     EXPECT_EQ(g_events, (std::vector<std::string>{"start 0", "config 0 two", "end"}));
     EXPECT_EQ(read_text(rig.saved()), "global two\nend\n");
-    EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
+    EXPECT_EQ(read_text(rig.saved() + ".new"), "global two\nend") << "for the next change";
 }
 
 TEST_F(SavedConfig, WhatADeadProcessHadStagedInPartIsThrownAway) {
@@ -308,19 +340,40 @@ TEST_F(SavedConfig, WhatADeadProcessHadStagedInPartIsThrownAway) {
     write_text(rig.saved() + ".new", "global two\nglob");
     rig.announce_ready();
     EXPECT_EQ(g_events, (std::vector<std::string>{"start 0", "config 0 one", "end"}));
+    EXPECT_EQ(read_text(rig.saved()), "global one\nend\n");
+    EXPECT_EQ(read_text(rig.saved() + ".new"), "global one\nend") << "for the next change";
+}
+
+TEST_F(SavedConfig, FileLaidOutByADeadProcessIsThrownAway) {
+    write_text(rig.saved() + ".new", "global two\nend");
+    rig.announce_ready();
+    EXPECT_EQ(g_events, (std::vector<std::string>{"start 0", "end"}));
     EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
+}
+
+TEST(ConfigFile, ShorterTextLeavesNothingOfTheLongerOne) {
+    const qv::test::TestFolder folder;
+    qv::cli::ConfigFile file(folder.file("f"));
+    file.prepare("a long text\n");
+    EXPECT_EQ(read_text(folder.file("f.new")), "a long text");
+    ASSERT_EQ(file.stage("short\n"), "");
+    EXPECT_EQ(read_text(folder.file("f.new")), "short\n");
+    ASSERT_EQ(file.stage("longer again\n"), "");
+    ASSERT_EQ(file.commit(), "");
+    EXPECT_EQ(read_text(folder.file("f")), "longer again\n");
+    EXPECT_FALSE(std::filesystem::exists(folder.file("f.new")));
 }
 
 TEST(ConfigFile, WriteKeepsTheFileToItsOwnerAndGroup) {
     const qv::test::TestFolder folder;
-    ASSERT_EQ(qv::cli::stage_config_file(folder.file("f"), "text\n"), "");
-    ASSERT_EQ(qv::cli::commit_config_file(folder.file("f")), "");
+    qv::cli::ConfigFile file(folder.file("f"));
+    ASSERT_EQ(file.stage("text\n"), "");
+    ASSERT_EQ(file.commit(), "");
     struct stat status {};
     ASSERT_EQ(::stat(folder.file("f").c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0007, 0U);
-    EXPECT_EQ(qv::cli::stage_config_file(folder.file("none/f"), "x"), "No such file or directory");
-    EXPECT_EQ(qv::cli::commit_config_file(folder.file("f")), "No such file or directory")
-        << "nothing is staged";
+    EXPECT_EQ(qv::cli::ConfigFile(folder.file("none/f")).stage("x"), "No such file or directory");
+    EXPECT_EQ(file.commit(), "Bad file descriptor") << "nothing is staged";
 }
 
 TEST(ConfigFile, OnlyFilesAreRead) {

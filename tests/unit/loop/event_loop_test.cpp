@@ -295,6 +295,55 @@ TEST_F(Loop, ZeroDelayTimerThatRearmsItselfLetsPostedWorkRun) {
     EXPECT_LE(rounds, 3);
 }
 
+TEST_F(Loop, WhatIsPutOffRunsAfterAllThatIsReady) {
+    const Pipe pipe;
+    pipe.fill();
+    const auto first = loop.put_off(note("put off first"));
+    const auto second = loop.put_off(note("put off second"));
+    const auto timer = loop.after(0s, note("timer"));
+    const auto watch = loop.watch(pipe.out(), true, false, [&](EventLoop::Ready) {
+        pipe.drain();
+        seen.push_back("descriptor");
+    });
+    loop.post([this] {
+        seen.push_back("posted");
+        loop.post(note("posted by it"));
+    });
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, (Seen{"posted", "timer", "descriptor", "posted by it", "put off first",
+                          "put off second"}));
+    EXPECT_FALSE(first);
+}
+
+TEST_F(Loop, WhatIsPutOffIsNotStarvedByAFlood) {
+    int rounds = 0;
+    bool ran = false;
+    const auto late = loop.put_off([&] { ran = true; });
+    EventLoop::Task again = [&] {
+        if (!ran && ++rounds < 100) {
+            loop.post(again);
+        }
+    };
+    loop.post(again);
+    run_ready(loop, clock);
+    EXPECT_TRUE(ran);
+    EXPECT_EQ(rounds, 8);
+}
+
+TEST_F(Loop, WhatIsPutOffCanBeCalledOff) {
+    auto late = loop.put_off(note("put off"));
+    EXPECT_TRUE(late);
+    late.reset();
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, Seen{});
+
+    EventLoop::Handle both[2];
+    both[0] = loop.put_off([&] { both[1].reset(); });
+    both[1] = loop.put_off(note("called off by the one before"));
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, Seen{});
+}
+
 TEST_F(Loop, IdleHookMayMoveTheClock) {
     const auto timer = loop.after(5s, note("fired"));
     clock.on_idle = [this] {
@@ -344,6 +393,16 @@ TEST(LoopLifetime, HandlesMayOutliveTheLoop) {
     EXPECT_FALSE(timer);
     EXPECT_FALSE(watch);
     timer.reset();
+}
+
+TEST(LoopLifetime, WhatIsPutOffMayOutliveTheLoop) {
+    ManualClock clock;
+    EventLoop::Handle late;
+    {
+        EventLoop loop(clock);
+        late = loop.put_off([] { FAIL(); });
+    }
+    EXPECT_FALSE(late);
 }
 
 TEST(LoopLifetime, PendingWorkThatOwnsHandlesIsReleasedWithTheLoop) {
