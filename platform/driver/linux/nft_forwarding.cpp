@@ -1,6 +1,8 @@
 #include "platform/driver/linux/nft_forwarding.h"
 
+#include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -296,47 +298,55 @@ void NftForwarding::take_known(const std::vector<MacAddress>& added,
 void NftForwarding::tick() {
     timer_ = loop_.after(kTick, [this] { tick(); });
     follow_bridge();
-    std::map<std::string, PacketCounts> counters;
+    std::vector<NamedCounter> counters;
+    counters.reserve(rules_.size());
     const int error = table_.read_counters(counters);
     if (error == EINTR || error == ENOBUFS) {
         return;  // busy; nothing is lost, the next reading counts from the same point
     }
-    report(counters);
-    if (open_ && (broken_ || !has_all(counters))) {
+    const bool all_there = report(counters);
+    if (open_ && (broken_ || !all_there)) {
         put_back();
     }
 }
 
-bool NftForwarding::has_all(const std::map<std::string, PacketCounts>& counters) const {
-    for (const auto& [id, rule] : rules_) {
-        if (rule.installed && rule.rule.counted && !counters.contains(rule.name)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-void NftForwarding::report(const std::map<std::string, PacketCounts>& counters) {
+// Whether every rule has its counter.
+bool NftForwarding::report(const std::vector<NamedCounter>& counters) {
     std::vector<std::pair<ForwardingId, PacketCounts>> reports;
-    for (auto& [id, rule] : rules_) {
-        const auto counter = counters.find(rule.name);
-        if (counter == counters.end()) {
+    reports.reserve(counters.size());
+    size_t found = 0;
+    for (const auto& [name, now] : counters) {
+        const auto at = find_counter(name);
+        if (at == rules_.end()) {
             continue;
         }
-        const PacketCounts now = counter->second;
-        const PacketCounts before = std::exchange(rule.reported, now);
+        ++found;
+        const PacketCounts before = std::exchange(at->second.reported, now);
         const PacketCounts since = {.packets = counted_since(before.packets, now.packets),
                                     .bytes = counted_since(before.bytes, now.bytes)};
         if (since.packets != 0) {
-            reports.emplace_back(id, since);
+            reports.emplace_back(at->first, since);
         }
     }
+    const auto counting = std::count_if(rules_.begin(), rules_.end(), [](const auto& item) {
+        return item.second.installed && item.second.rule.counted;
+    });
     // A report may lead to removals.
     for (const auto& [id, since] : reports) {
         if (rules_.contains(id)) {
             sink_->counted(id, since.packets, since.bytes);
         }
     }
+    return found == static_cast<size_t>(counting);
+}
+
+// The installed rule of a counter, whose name ends in a dot and the rule's number.
+NftForwarding::Rules::iterator NftForwarding::find_counter(const std::string& name) {
+    ForwardingId id = 0;
+    std::from_chars(name.data() + name.rfind('.') + 1, name.data() + name.size(), id);
+    const auto at = rules_.find(id);
+    const bool counts = at != rules_.end() && at->second.installed && at->second.name == name;
+    return counts ? at : rules_.end();
 }
 
 // The whole table in one transaction, then the known addresses.

@@ -85,6 +85,7 @@ class NftForwarding final : public ForwardingDriver {
         bool installed = false;  // its counter is in the kernel, and it has been answered
         PacketCounts reported;
     };
+    using Rules = std::map<ForwardingId, Rule>;
     // What one transaction changes.
     struct Lot {
         std::vector<Rule> dropped;
@@ -103,8 +104,8 @@ class NftForwarding final : public ForwardingDriver {
     void bring(NftTable::Change& change, const Rule& rule) const;
     int open_table();
     void tick();
-    void report(const std::map<std::string, PacketCounts>& counters);
-    bool has_all(const std::map<std::string, PacketCounts>& counters) const;
+    bool report(const std::vector<NamedCounter>& counters);
+    Rules::iterator find_counter(const std::string& name);
     void put_back();
     int run_anew();
     Place locate(uint32_t phyid) const;
@@ -118,7 +119,7 @@ class NftForwarding final : public ForwardingDriver {
     ForwardingSink* sink_ = nullptr;
     NftTable table_;
     FdbMirror mirror_;
-    std::map<ForwardingId, Rule> rules_;
+    Rules rules_;
     std::set<ForwardingId> changed_;  // rules that the kernel does not have as they are
     std::vector<Rule> dropped_;       // rules that it has and should not
     EventLoop::Handle gathering_;

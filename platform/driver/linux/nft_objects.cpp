@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 #include <limits>
+#include <utility>
 #include <vector>
 
 #include <libmnl/libmnl.h>
@@ -33,22 +34,7 @@ struct FreeSet {
     void operator()(nftnl_set* set) const { nftnl_set_free(set); }
 };
 using Set = std::unique_ptr<nftnl_set, FreeSet>;
-using Counters = std::map<std::string, PacketCounts>;
-
-std::unique_ptr<nftnl_obj, FreeObject> new_object() {
-    return std::unique_ptr<nftnl_obj, FreeObject>(nftnl_obj_alloc());
-}
-
-void take_counter(const nlmsghdr* header, Counters& counters) {
-    const auto object = new_object();
-    if (!object || nftnl_obj_nlmsg_parse(header, object.get()) < 0 ||
-        !nftnl_obj_is_set(object.get(), NFTNL_OBJ_NAME)) {
-        return;
-    }
-    PacketCounts& counts = counters[nftnl_obj_get_str(object.get(), NFTNL_OBJ_NAME)];
-    counts.packets = nftnl_obj_get_u64(object.get(), NFTNL_OBJ_CTR_PKTS);
-    counts.bytes = nftnl_obj_get_u64(object.get(), NFTNL_OBJ_CTR_BYTES);
-}
+using Counters = std::vector<NamedCounter>;
 
 // What NLMSG_ERROR or NLMSG_DONE says, as an errno value.
 int answer_in(const nlmsghdr* header) {
@@ -151,6 +137,7 @@ int NftObjects::open() {
     // Thousands of elements go out in one piece.
     const int bytes = 8 << 20;
     setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes);
+    buffer_.resize(kReadBytes);
     socket_ = std::move(socket);
     return 0;
 }
@@ -166,7 +153,7 @@ int NftObjects::try_out() {
 }
 
 int NftObjects::read_counters(const std::string& table, Counters& counters) {
-    const auto filter = new_object();
+    const std::unique_ptr<nftnl_obj, FreeObject> filter(nftnl_obj_alloc());
     if (!filter) {
         return ENOMEM;
     }
@@ -190,15 +177,14 @@ int NftObjects::read_counters(const std::string& table, Counters& counters) {
 
 // EINTR when the list was complete but something changed meanwhile.
 int NftObjects::read_list(Counters& counters) {
-    std::vector<char> buffer(kReadBytes);
     bool interrupted = false;
     for (;;) {
-        const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer.data(), buffer.size());
+        const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
         if (length < 0) {
             return errno;
         }
         int left = static_cast<int>(length);
-        const auto* header = reinterpret_cast<const nlmsghdr*>(buffer.data());
+        const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
         for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
             if (header->nlmsg_seq != sequence_) {
                 continue;
@@ -208,7 +194,9 @@ int NftObjects::read_list(Counters& counters) {
                 const int error = answer_in(header);
                 return error == 0 && interrupted ? EINTR : error;
             }
-            take_counter(header, counters);
+            if (auto counter = parse_counter(header)) {
+                counters.push_back(std::move(*counter));
+            }
         }
     }
 }
@@ -229,17 +217,16 @@ int NftObjects::change_set(const std::string& table, const std::string& set,
 
 // The kernel works a request off while it is sent, so its answers are already there.
 int NftObjects::read_answers(unsigned expected) {
-    std::vector<char> buffer(kReadBytes);
     int error = 0;
     unsigned answers = 0;
     const int fd = mnl_socket_get_fd(socket_.get());
     for (;;) {
-        const ssize_t length = recv(fd, buffer.data(), buffer.size(), MSG_DONTWAIT);
+        const ssize_t length = recv(fd, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
         if (length < 0) {
             break;
         }
         int left = static_cast<int>(length);
-        const auto* header = reinterpret_cast<const nlmsghdr*>(buffer.data());
+        const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
         for (; mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
             if (header->nlmsg_type != NLMSG_ERROR) {
                 continue;

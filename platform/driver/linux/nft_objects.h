@@ -3,19 +3,16 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
+
+#include "platform/driver/linux/nft_counter.h"
 
 struct mnl_socket;
 
 namespace qv {
-
-struct PacketCounts {
-    uint64_t packets = 0;
-    uint64_t bytes = 0;
-};
 
 // What a counter has counted between two readings. One that stands lower than before has wrapped
 // when that makes the smaller difference, else somebody has set it back to zero.
@@ -30,11 +27,11 @@ class NftObjects {
     // Whether the kernel has a packet filter and lets us at it.
     int try_out();
 
-    // All named counters of a netdev table, by name. None for a table that is not there.
-    int read_counters(const std::string& table, std::map<std::string, PacketCounts>& counters);
+    // All named counters of a netdev table. None for a table that is not there.
+    int read_counters(const std::string& table, std::vector<NamedCounter>& counters);
 
     // Adds and removes elements of a set in one transaction: all or nothing. Adding one that is
-    // there is no error, removing one that is not is ENOENT. Addresses as in fdb_mirror.h.
+    // there is no error, removing one that is not is ENOENT. Addresses as in fdb_entry.h.
     int change_set(const std::string& table, const std::string& set,
                    std::span<const uint64_t> added, std::span<const uint64_t> gone);
 
@@ -43,10 +40,11 @@ class NftObjects {
         void operator()(mnl_socket* socket) const;
     };
 
-    int read_list(std::map<std::string, PacketCounts>& counters);
+    int read_list(std::vector<NamedCounter>& counters);
     int read_answers(unsigned expected);
 
     std::unique_ptr<mnl_socket, Close> socket_;
+    std::vector<char> buffer_;  // for what is received
     uint32_t sequence_ = 0;
 };
 

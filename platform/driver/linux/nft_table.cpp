@@ -123,7 +123,7 @@ int NftTable::change_known(std::span<const uint64_t> added, std::span<const uint
     return error != 0 ? error : objects_.change_set(name_, kKnownSet, added, gone);
 }
 
-int NftTable::read_counters(std::map<std::string, PacketCounts>& counters) {
+int NftTable::read_counters(std::vector<NamedCounter>& counters) {
     const int error = objects_.open();
     return error != 0 ? error : objects_.read_counters(name_, counters);
 }

@@ -5,10 +5,10 @@
 // neither read nor changed.
 #pragma once
 
-#include <map>
 #include <memory>
 #include <span>
 #include <string>
+#include <vector>
 
 #include "platform/driver/forwarding_driver.h"
 #include "platform/driver/linux/nft_objects.h"
@@ -69,7 +69,7 @@ class NftTable {
     // In one transaction; see NftObjects::change_set.
     int change_known(std::span<const uint64_t> added, std::span<const uint64_t> gone);
 
-    int read_counters(std::map<std::string, PacketCounts>& counters);
+    int read_counters(std::vector<NamedCounter>& counters);
 
  private:
     struct Free {
