@@ -16,67 +16,12 @@ import subprocess
 import sys
 import time
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "tests" / "support"))
+from common import HERE, PROGRAMS, Lines, in_namespace, percentile, row, say
+from lab import Lab, wait_for
+from storm import measure_storm
 
-from lab import BUILD, Lab, wait_for  # noqa: E402  (the path comes first)
-
-PROGRAMS = BUILD / "bench"
 TABLE_SIZE = 10  # ports in the loop state at a time
 SIZES = (48, 512, 4096)  # ports of a small, a large and the largest simulated switch
-
-
-def say(text):
-    print(f"[{time.strftime('%H:%M:%S')}] {text}", flush=True)
-
-
-def percentile(values, part):
-    ordered = sorted(values)
-    return ordered[min(len(ordered) - 1, round(part * (len(ordered) - 1)))]
-
-
-def row(name, value, unit, floor=None, ratio=None, limit=None):
-    """`limit` is a pair: "max" or "min", and what the ratio, or the value without one, must keep."""
-    made = {"name": name, "value": value, "unit": unit}
-    if floor is not None:
-        made.update(floor=floor, ratio=value / floor if ratio is None else ratio)
-    if limit:
-        kind, bound = limit
-        judged = made.get("ratio", value)
-        made.update(limit=f"{kind} {bound}", kept=judged <= bound if kind == "max" else judged >= bound)
-    return made
-
-
-class Lines:
-    """A program that answers a line with a line."""
-
-    def __init__(self, *command, ready=False):
-        self.process = subprocess.Popen([str(word) for word in command], stdin=subprocess.PIPE,
-                                        stdout=subprocess.PIPE, text=True)
-        if ready:
-            self.read()
-
-    def read(self):
-        line = self.process.stdout.readline()
-        if not line:
-            raise RuntimeError(f"{self.process.args[0]} has ended")
-        return line.strip()
-
-    def ask(self, text):
-        self.process.stdin.write(f"{text}\n")
-        self.process.stdin.flush()
-        return self.read()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.kill()
-        self.process.wait()
-
-
-def in_namespace(lab, *command):
-    return ["ip", "netns", "exec", lab.namespace, *command]
 
 
 # ---- Record set in Redis to kernel interface down ----
@@ -308,7 +253,8 @@ def machine():
 
 
 GROUPS = {"shutdown": measure_shutdown, "engine": measure_engine, "redis": measure_redis,
-          "start": measure_start, "idle": measure_idle, "delivery": measure_delivery}
+          "start": measure_start, "idle": measure_idle, "delivery": measure_delivery,
+          "storm": measure_storm}
 
 
 def main():

@@ -83,9 +83,11 @@ class Detector {
 
     void report_all() { plane_.report_all(); }
 
+    // The one piece of work that becomes due.
     void poll() {
         platform_.manual_clock.advance(std::chrono::seconds(STORM_POLL_PERIOD_S));
-        platform_.run_ready();
+        qv_thread work;
+        qv_thread_call(qv_thread_fetch(g_storm_master, &work));
     }
 
  private:
