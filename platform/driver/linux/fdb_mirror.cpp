@@ -21,9 +21,10 @@ FdbMirror::~FdbMirror() = default;
 void FdbMirror::follow(uint32_t bridge) {
     monitor_.reset();
     bridge_ = 0;
+    again_ = false;
+    entries_.clear();
+    compare();
     if (bridge == 0) {
-        entries_.clear();
-        on_dump_end();
         return;
     }
     monitor_ = std::make_unique<RtnlMonitor>(
@@ -45,14 +46,29 @@ void FdbMirror::stop() {
     touched_.clear();
     known_.clear();
     reading_ = false;
+    again_ = false;
 }
 
 void FdbMirror::on_dump_begin() {
     reading_ = true;
-    entries_.clear();
+    shrunk_ = false;
+    // Only from one reading to the next nothing that went has been missed.
+    if (!std::exchange(again_, false)) {
+        entries_.clear();
+        readings_ = 0;
+    }
 }
 
-void FdbMirror::on_dump_end() {
+bool FdbMirror::on_dump_end() {
+    again_ = shrunk_ && ++readings_ < kReadings;
+    if (!again_) {
+        compare();
+    }
+    return !again_;
+}
+
+// With everything that is there now.
+void FdbMirror::compare() {
     reading_ = false;
     touched_ = known_;
     for (const uint64_t entry : entries_) {
@@ -71,6 +87,7 @@ void FdbMirror::on_message(nlmsghdr* header) {
         entries_.insert(key);
     } else {
         entries_.erase(key);
+        shrunk_ = true;
     }
     if (!reading_ && has_entry(entry->address) != known_.contains(entry->address)) {
         touched_.insert(entry->address);

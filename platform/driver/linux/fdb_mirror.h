@@ -4,7 +4,9 @@
 // An address is known while there is any entry for it. Changes are gathered for a moment and
 // then handed on as differences, so that an entry that only moves between ports (which is what all
 // of them do in a storm) is no change at all. When the kernel had to drop messages, all entries are
-// read again and the differences handed on; nothing is lost.
+// read again and the differences handed on; nothing is lost. It is read again, too, when
+// entries went while it was being read: the kernel goes on at the same place of its list, and so
+// skips others that have moved up.
 #pragma once
 
 #include <cstdint>
@@ -25,6 +27,8 @@ class FdbMirror final : private RtnlMonitor::Listener {
     static constexpr int kReceiveBuffer = 8 << 20;
     // How long changes are gathered.
     static constexpr std::chrono::milliseconds kGather{10};
+    // How often everything is read in a row while entries go; what is found adds up.
+    static constexpr unsigned kReadings = 10;
 
     // From the loop. No address is in both lists.
     using Changed = std::function<void(const std::vector<MacAddress>& added,
@@ -35,7 +39,7 @@ class FdbMirror final : private RtnlMonitor::Listener {
     ~FdbMirror() override;
 
     // Follows the bridge with this interface index from now on; 0 for none, then no address is
-    // known. Throws std::runtime_error when no socket is to be had.
+    // known, and so when it throws std::runtime_error because no socket is to be had.
     void follow(uint32_t bridge);
     uint32_t bridge() const { return bridge_; }
 
@@ -49,8 +53,9 @@ class FdbMirror final : private RtnlMonitor::Listener {
 
  private:
     void on_dump_begin() override;
-    void on_dump_end() override;
+    bool on_dump_end() override;
     void on_message(nlmsghdr* header) override;
+    void compare();
     bool has_entry(MacAddress address) const;
     void gather();
     void hand_on();
@@ -62,7 +67,10 @@ class FdbMirror final : private RtnlMonitor::Listener {
     std::set<uint64_t> entries_;    // address and VLAN: address << 16 | VLAN
     std::set<MacAddress> touched_;  // may differ between entries_ and known_
     std::set<MacAddress> known_;
-    bool reading_ = false;  // between the two ends of a dump entries_ is not complete
+    bool reading_ = false;   // between the two ends of a dump entries_ is not complete
+    bool shrunk_ = false;    // an entry went in mid-dump
+    bool again_ = false;     // the next dump adds to what this one has found
+    unsigned readings_ = 0;  // in a row in which entries went
     std::unique_ptr<RtnlMonitor> monitor_;  // null while no bridge is followed
     EventLoop::Handle gathering_;
 };

@@ -138,11 +138,10 @@ void RtnlMonitor::handle_dump_done(nlmsghdr* header) {
     }
     if (error < 0) {
         resync(std::strerror(-error));
-    } else if (dump_interrupted_) {
+    } else if (dump_interrupted_ || !listener_->on_dump_end()) {
         request_dump();
     } else {
         logged_trouble_.clear();
-        listener_->on_dump_end();
     }
 }
 

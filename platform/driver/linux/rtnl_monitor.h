@@ -41,7 +41,9 @@ class RtnlMonitor {
         // All that is there follows, each at least once and mixed with changes, up to the end. A
         // beginning without an end before it starts over.
         virtual void on_dump_begin() = 0;
-        virtual void on_dump_end() = 0;
+        // False when the list may lack something: then it is read again, with another beginning,
+        // and no message of the group is lost in between.
+        virtual bool on_dump_end() = 0;
         // A message of the group or of the list; valid during the call. The monitor must not be
         // destroyed from inside it.
         virtual void on_message(nlmsghdr* header) = 0;

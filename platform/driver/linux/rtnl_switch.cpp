@@ -77,12 +77,13 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
 
     void on_dump_begin() override { ports_->begin_dump(); }
 
-    void on_dump_end() override {
+    bool on_dump_end() override {
         ports_->end_dump();
         if (!complete_) {
             complete_ = true;
             sink_->ports_complete();
         }
+        return true;
     }
 
     void on_message(nlmsghdr* header) override {
