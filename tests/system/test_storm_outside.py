@@ -59,9 +59,14 @@ def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
 
 
 def set_rate(lab, rate):
-    """As an operator does it; the storm record of swp1 right after it."""
-    return lab.storm_records(lab.cli("configure terminal", "interface swp1", f"storm-loop-rate ratelimit {rate}",
-                                     "end", "debug lda storm-detect"))["swp1"]
+    """As an operator does it; the storm record of swp1 right after it. The new rule is in the kernel on return."""
+    old_chain = lab.chains()["swp1"]
+    record = lab.storm_records(lab.cli("configure terminal", "interface swp1", f"storm-loop-rate ratelimit {rate}",
+                                       "end", "debug lda storm-detect"))["swp1"]
+    wait_for(lambda: lab.chains().get("swp1", old_chain) != old_chain, 2, "the rule is another")
+    ruleset = lab.ruleset()
+    assert f"chain {old_chain} " not in ruleset and f"counter {old_chain} " not in ruleset
+    return record
 
 
 def polled(lab, **expected):
@@ -75,7 +80,6 @@ def polled(lab, **expected):
 def test_rate_raised_in_mid_storm_begins_the_judgement_anew(lab):
     lab.watch(RATE, "swp1")
     lab.make_outside_ring(SPEED)
-    old_chain = lab.chains()["swp1"]
     assert "limit rate over 400/second burst 1600 packets" in lab.chain("swp1")
     lab.plug("swp1")
     before = polled(lab, flow_over_times=2)
@@ -87,10 +91,7 @@ def test_rate_raised_in_mid_storm_begins_the_judgement_anew(lab):
     assert record == {"phyid": before["phyid"], "rate": 500, "burst": 1024, "packet_count": 0, "byte_count": 0,
                       "flow_over_times": 0, "unloop_times": 0, "poll_times": 0, "timer_notify": 0,
                       "is_loop": "normal"}
-    assert lab.chains()["swp1"] != old_chain
     assert "limit rate over 1000/second burst 4000 packets" in lab.chain("swp1")
-    ruleset = lab.ruleset()
-    assert f"chain {old_chain} " not in ruleset and f"counter {old_chain} " not in ruleset
 
     first = polled(lab, flow_over_times=1)
     assert first["timer_notify"] == 1
