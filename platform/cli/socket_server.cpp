@@ -38,7 +38,9 @@ void SocketServer::accept_some() {
             return;
         }
         const uint64_t id = next_id_++;
-        sessions_[id] = std::make_unique<SocketSession>(loop_, fd, [this, id] { end_session(id); });
+        const auto session = sessions_.emplace(
+            id, std::make_unique<SocketSession>(loop_, fd, [this, id] { end_session(id); }));
+        session.first->second->look();
     }
 }
 
