@@ -161,8 +161,8 @@ def measure_frames(options):
         lab.start_redis()
         lab.start_agent()
         lab.inside("bridge", "fdb", "add", KNOWN, "dev", "swp2", "master", "static")
-        # What the sender costs by itself: frames that end at once, in a bridge without ports.
-        lab.ip("link", "add", "nowhere", "type", "bridge")
+        # What the sender costs by itself: frames that end at once, in a device that drops them.
+        lab.ip("link", "add", "nowhere", "type", "ifb")
         lab.ip("link", "set", "nowhere", "up")
         senders = {name: stack.enter_context(
             Lines(*in_namespace(lab, PROGRAMS / "frame_sender", name, KNOWN, "1")))
