@@ -1,27 +1,65 @@
 #include "platform/driver/linux/nft_counter.h"
 
-#include <memory>
+#include <algorithm>
 
-#include <libnftnl/object.h>
+#include <arpa/inet.h>
+#include <endian.h>
+#include <libmnl/libmnl.h>
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
 
 namespace qv {
 namespace {
 
-struct FreeObject {
-    void operator()(nftnl_obj* object) const { nftnl_obj_free(object); }
+// The attributes of one level by their number; null for one that is not there.
+struct Attributes {
+    static constexpr int kMax = std::max<int>(NFTA_OBJ_MAX, NFTA_COUNTER_MAX);
+
+    const nlattr* at[kMax + 1] = {};
+
+    static int keep(const nlattr* attribute, void* attributes) {
+        const uint16_t number = mnl_attr_get_type(attribute);
+        if (number <= kMax) {
+            static_cast<Attributes*>(attributes)->at[number] = attribute;
+        }
+        return MNL_CB_OK;
+    }
+
+    bool has(int number, mnl_attr_data_type type) const {
+        return at[number] != nullptr && mnl_attr_validate(at[number], type) >= 0;
+    }
+    uint64_t u64(int number) const {
+        return has(number, MNL_TYPE_U64) ? be64toh(mnl_attr_get_u64(at[number])) : 0;
+    }
 };
+
+bool is_named_counter(const Attributes& object) {
+    return object.has(NFTA_OBJ_NAME, MNL_TYPE_NUL_STRING) &&
+           object.has(NFTA_OBJ_TYPE, MNL_TYPE_U32) &&
+           ntohl(mnl_attr_get_u32(object.at[NFTA_OBJ_TYPE])) == NFT_OBJECT_COUNTER &&
+           object.has(NFTA_OBJ_DATA, MNL_TYPE_NESTED);
+}
 
 }  // namespace
 
+// By hand: the library's own decoder of objects takes every text for ended.
 std::optional<NamedCounter> parse_counter(const nlmsghdr* header) {
-    const std::unique_ptr<nftnl_obj, FreeObject> object(nftnl_obj_alloc());
-    if (!object || nftnl_obj_nlmsg_parse(header, object.get()) < 0 ||
-        !nftnl_obj_is_set(object.get(), NFTNL_OBJ_NAME)) {
+    if (header->nlmsg_type != (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWOBJ) ||
+        mnl_nlmsg_get_payload_len(header) < sizeof(nfgenmsg)) {
         return std::nullopt;
     }
-    return NamedCounter{nftnl_obj_get_str(object.get(), NFTNL_OBJ_NAME),
-                        {nftnl_obj_get_u64(object.get(), NFTNL_OBJ_CTR_PKTS),
-                         nftnl_obj_get_u64(object.get(), NFTNL_OBJ_CTR_BYTES)}};
+    Attributes object;
+    if (mnl_attr_parse(header, sizeof(nfgenmsg), Attributes::keep, &object) < 0 ||
+        !is_named_counter(object)) {
+        return std::nullopt;
+    }
+    Attributes counter;
+    if (mnl_attr_parse_nested(object.at[NFTA_OBJ_DATA], Attributes::keep, &counter) < 0) {
+        return std::nullopt;
+    }
+    return NamedCounter{
+        mnl_attr_get_str(object.at[NFTA_OBJ_NAME]),
+        {.packets = counter.u64(NFTA_COUNTER_PACKETS), .bytes = counter.u64(NFTA_COUNTER_BYTES)}};
 }
 
 }  // namespace qv

@@ -20,7 +20,7 @@ struct NamedCounter {
 };
 
 // Decodes one message of the list. Nothing for a message that is malformed or about something else.
-// The whole of `header->nlmsg_len` bytes is readable. Any thread.
+// The whole of `header->nlmsg_len` bytes and their padding is readable. Any thread.
 std::optional<NamedCounter> parse_counter(const nlmsghdr* header);
 
 }  // namespace qv

@@ -1,0 +1,86 @@
+// The packet filter's list of counters, message by message, sound and damaged.
+#include "platform/driver/linux/nft_counter.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+
+namespace qv {
+namespace {
+
+using namespace std::string_literals;
+
+constexpr uint16_t kNewObject = 10 << 8 | 18;
+
+// Attributes: length and number in the machine's order, padded to four bytes.
+std::string attribute(uint16_t number, const std::string& payload) {
+    const nlattr header{static_cast<uint16_t>(sizeof(nlattr) + payload.size()), number};
+    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+    bytes += payload;
+    bytes.resize((bytes.size() + 3) / 4 * 4);
+    return bytes;
+}
+
+const std::string kTable = attribute(1, "lda\0"s);
+const std::string kName = attribute(2, "rule.7\0"s);
+const std::string kCounterType = attribute(3, "\0\0\0\1"s);
+const std::string kData = attribute(
+    4 | NLA_F_NESTED, attribute(1, "\0\0\0\0\0\0\3\xe8"s) + attribute(2, "\0\0\0\0\0\0\0\7"s));
+const std::string kFamily = "\5\0\0\0"s;
+
+// The decoded message as text, "none" when there is nothing in it. Decoded from a block of its own
+// size, which the address sanitizer guards.
+std::string decoded(const std::string& payload, uint16_t type = kNewObject) {
+    nlmsghdr header{};
+    header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
+    header.nlmsg_type = type;
+    std::vector<char> message(header.nlmsg_len);
+    std::memcpy(message.data(), &header, sizeof header);
+    std::memcpy(message.data() + sizeof header, payload.data(), payload.size());
+    const auto counter = parse_counter(reinterpret_cast<const nlmsghdr*>(message.data()));
+    return counter ? counter->name + " " + std::to_string(counter->counts.packets) + " " +
+                         std::to_string(counter->counts.bytes)
+                   : "none";
+}
+
+TEST(NftCounter, NamePacketsAndBytesAreRead) {
+    EXPECT_EQ(decoded(kFamily + kTable + kName + kCounterType + kData), "rule.7 7 1000");
+}
+
+TEST(NftCounter, OtherMessagesAndOtherObjectsAreNone) {
+    const std::string quota = attribute(3, "\0\0\0\2"s);
+    EXPECT_EQ(decoded(kFamily + kTable + kName + kCounterType + kData, kNewObject + 1), "none");
+    EXPECT_EQ(decoded(kFamily + kTable + kName + quota + kData), "none");
+    EXPECT_EQ(decoded(kFamily + kTable + kCounterType + kData), "none");
+    EXPECT_EQ(decoded(kFamily + kTable + kName + kData), "none");
+    EXPECT_EQ(decoded(kFamily + kTable + kName + kCounterType), "none");
+}
+
+TEST(NftCounter, MessageThatIsTooShortForItsHeaderIsNone) {
+    EXPECT_EQ(decoded(""), "none");
+    EXPECT_EQ(decoded("\5"), "none");
+    EXPECT_EQ(decoded(kFamily), "none");
+}
+
+TEST(NftCounter, TextWithoutAnEndIsNone) {
+    const std::string endless = attribute(2, "rule");
+    EXPECT_EQ(decoded(kFamily + kTable + kCounterType + kData + endless), "none");
+}
+
+TEST(NftCounter, NumberOfAnotherSizeCountsAsNothing) {
+    const std::string data =
+        attribute(4 | NLA_F_NESTED, attribute(1, "\0\0\3\xe8"s) + attribute(2, "\7"s));
+    EXPECT_EQ(decoded(kFamily + kTable + kName + kCounterType + data), "rule.7 0 0");
+}
+
+TEST(NftCounter, AttributeThatReachesPastTheEndEndsTheList) {
+    std::string cut = kName + kCounterType + kData;
+    cut.resize(cut.size() - 8);
+    EXPECT_EQ(decoded(kFamily + cut), "none");
+}
+
+}  // namespace
+}  // namespace qv
