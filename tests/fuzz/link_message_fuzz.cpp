@@ -1,0 +1,52 @@
+// The kernel's link messages, and the ports that are made of them.
+#include <set>
+
+#include "platform/driver/linux/bridge_ports.h"
+#include "platform/driver/linux/rtnl_link.h"
+#include "tests/fuzz/agent.h"
+#include "tests/fuzz/netlink.h"
+
+using namespace qv;
+
+namespace {
+
+// Holds the reports against each other.
+class Checker final : public PortSink {
+ public:
+    void port_added(const Port& port) override {
+        fuzz::require(port.ifx != 0 && ports_.insert(port.ifx).second, "a port is added once");
+    }
+    void port_removed(uint32_t ifx) override {
+        fuzz::require(ports_.erase(ifx) == 1, "only a port that is there is removed");
+    }
+    void port_changed(const Port& port) override {
+        fuzz::require(ports_.contains(port.ifx), "only a port that is there changes");
+    }
+    void port_left_bridge(uint32_t ifx) override {
+        fuzz::require(ports_.contains(ifx), "only a port that is there leaves");
+    }
+    void ports_complete() override {}
+
+ private:
+    std::set<uint32_t> ports_;
+};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Checker checker;
+    BridgePorts ports("br0", checker);
+    ports.begin_dump();
+    unsigned messages = 0;
+    fuzz::for_each_message(data, size, [&](nlmsghdr* header) {
+        if (const auto link = parse_link(header)) {
+            fuzz::require(link->ifx != 0, "a link has an index");
+            fuzz::require(link->name.size() < 16, "a link's name fits");
+            ports.take(*link);
+        }
+        if (++messages == 4) {  // the rest are changes
+            ports.end_dump();
+        }
+    });
+    return 0;
+}
