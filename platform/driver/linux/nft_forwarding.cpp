@@ -36,34 +36,32 @@ void NftForwarding::reserve(ForwardingId id, Table) {
 
 void NftForwarding::install(ForwardingId id, std::optional<uint32_t> phyid,
                             const ForwardingRule& rule) {
-    int error = 0;
-    if (phyid) {
-        error = check(*phyid, rule);
-    } else if (rule.counted || rule.meter) {
-        error = EOPNOTSUPP;  // there is no hook that all frames of a bridge and no others pass
-    }
-    if (error != 0) {
-        refuse(id, error);
-        return;
-    }
-    Rule& added = rules_[id];
+    Rule added;
     added.phyid = phyid;
     added.rule = rule;
-    // Nothing happens to the frames of the whole switch, so nothing is installed for them; but the
-    // table must be there.
     if (phyid) {
         added.name = "port" + std::to_string(*phyid) + "." + std::to_string(id);
         added.place = locate(*phyid);
     }
+    if (const int error = check(added); error != 0) {
+        refuse(id, error);
+        return;
+    }
+    rules_[id] = std::move(added);
     changed_.insert(id);
     gather();
 }
 
-int NftForwarding::check(uint32_t phyid, const ForwardingRule& rule) const {
-    if (rule.meter && rule.meter->rate_pps == 0) {
+int NftForwarding::check(const Rule& rule) {
+    if (!rule.phyid) {
+        // There is no hook that all frames of a bridge and no others pass. Where nothing happens to
+        // the frames nothing is installed, but the table must be there.
+        return rule.rule.counted || rule.rule.meter ? EOPNOTSUPP : 0;
+    }
+    if (rule.rule.meter && rule.rule.meter->rate_pps == 0) {
         return EINVAL;
     }
-    return locate(phyid).device.empty() ? ENODEV : 0;
+    return rule.place.device.empty() ? ENODEV : 0;
 }
 
 // The device of a port. There is none, too, when its link has gone and we have not heard of it yet.
@@ -80,17 +78,9 @@ void NftForwarding::gather() {
     }
 }
 
-// The next lot: what is to leave the kernel first. Answers go out when everything is as they say.
+// Answers go out when everything is as they say.
 void NftForwarding::commit() {
-    Lot lot;
-    while (!dropped_.empty() && lot.dropped.size() < kRulesAtOnce) {
-        lot.dropped.push_back(std::move(dropped_.back()));
-        dropped_.pop_back();
-    }
-    while (!changed_.empty() && lot.dropped.size() + lot.changed.size() < kRulesAtOnce) {
-        lot.changed.push_back(changed_.extract(changed_.begin()).value());
-    }
-    const std::vector<Answer> answers = carry_out(lot);
+    const std::vector<Answer> answers = carry_out(next_lot());
     if (!changed_.empty() || !dropped_.empty()) {
         gathering_ = loop_.after(Duration::zero(), [this] { commit(); });
     }
@@ -104,46 +94,53 @@ void NftForwarding::commit() {
     }
 }
 
+NftForwarding::Lot NftForwarding::next_lot() {
+    Lot lot;
+    while (!dropped_.empty() && lot.dropped.size() < kRulesAtOnce) {
+        lot.dropped.push_back(std::move(dropped_.back()));
+        dropped_.pop_back();
+    }
+    while (!changed_.empty() && lot.dropped.size() + lot.changed.size() < kRulesAtOnce) {
+        lot.changed.push_back(changed_.extract(changed_.begin()).value());
+    }
+    return lot;
+}
+
 std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Lot& lot) {
     std::vector<Answer> answers;
-    int error = open_table();
-    const bool opened = error == 0;
-    if (opened) {
-        NftTable::Change change = table_.change();
-        for (const Rule& rule : lot.dropped) {
-            drop(change, rule);
+    const auto note = [&](ForwardingId id, int error) {
+        if (finish(id, error)) {
+            answers.emplace_back(id, error);
         }
+    };
+    const int error = open_table();
+    if (error != 0 || run(lot) == 0) {
         for (const ForwardingId id : lot.changed) {
-            bring(change, rules_.at(id));
+            note(id, error);
         }
-        error = table_.run(change);
+        return answers;
     }
-    if (opened && error != 0) {
-        // Nothing of it has happened: one at a time, so that only what cannot be done is not.
-        drop_each(lot.dropped);
+    // Nothing of the lot has happened: one at a time, so that only what cannot be done is not.
+    for (const Rule& rule : lot.dropped) {
+        if (run({.dropped = {rule}, .changed = {}}) != 0) {
+            broken_ = true;
+        }
     }
     for (const ForwardingId id : lot.changed) {
-        int own_error = error;
-        if (opened && error != 0) {
-            NftTable::Change change = table_.change();
-            bring(change, rules_.at(id));
-            own_error = table_.run(change);
-        }
-        if (finish(id, own_error)) {
-            answers.emplace_back(id, own_error);
-        }
+        note(id, run({.dropped = {}, .changed = {id}}));
     }
     return answers;
 }
 
-void NftForwarding::drop_each(const std::vector<Rule>& rules) {
-    for (const Rule& rule : rules) {
-        NftTable::Change change = table_.change();
+int NftForwarding::run(const Lot& lot) {
+    NftTable::Change change = table_.change();
+    for (const Rule& rule : lot.dropped) {
         drop(change, rule);
-        if (table_.run(change) != 0) {
-            broken_ = true;
-        }
     }
+    for (const ForwardingId id : lot.changed) {
+        bring(change, rules_.at(id));
+    }
+    return table_.run(change);
 }
 
 // Notes what has become of a rule; true when it has not been answered yet.
@@ -169,7 +166,7 @@ void NftForwarding::refuse(ForwardingId id, int error) {
     sink_->failed(id, error);
 }
 
-void NftForwarding::drop(NftTable::Change& change, const Rule& rule) const {
+void NftForwarding::drop(NftTable::Change& change, const Rule& rule) {
     if (!rule.chain.device.empty()) {
         change.drop_chain(rule.name);
     }
@@ -179,7 +176,7 @@ void NftForwarding::drop(NftTable::Change& change, const Rule& rule) const {
 }
 
 // From what the kernel has of a rule to what it should have.
-void NftForwarding::bring(NftTable::Change& change, const Rule& rule) const {
+void NftForwarding::bring(NftTable::Change& change, const Rule& rule) {
     if (!rule.phyid) {
         return;
     }

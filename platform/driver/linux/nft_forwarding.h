@@ -93,15 +93,16 @@ class NftForwarding final : public ForwardingDriver {
     };
     using Answer = std::pair<ForwardingId, int>;  // and its error, or 0
 
-    int check(uint32_t phyid, const ForwardingRule& rule) const;
+    static int check(const Rule& rule);
     void gather();
     void commit();
+    Lot next_lot();
     std::vector<Answer> carry_out(const Lot& lot);
-    void drop_each(const std::vector<Rule>& rules);
+    int run(const Lot& lot);
+    static void drop(NftTable::Change& change, const Rule& rule);
+    static void bring(NftTable::Change& change, const Rule& rule);
     bool finish(ForwardingId id, int error);
     void refuse(ForwardingId id, int error);
-    void drop(NftTable::Change& change, const Rule& rule) const;
-    void bring(NftTable::Change& change, const Rule& rule) const;
     int open_table();
     void tick();
     bool report(const std::vector<NamedCounter>& counters);
