@@ -21,60 +21,68 @@ bool may_be(std::string_view text, std::string_view whole) {
 
 }  // namespace
 
+std::string Message::framed() const {
+    if (!chunked) {
+        return text + std::string(kEndOfMessage);
+    }
+    return std::string(kChunkStart) + std::to_string(text.size()) + "\n" + text +
+           std::string(kEndOfChunks);
+}
+
 void Framing::feed(std::string_view bytes) {
     input_.append(bytes);
 }
 
-std::optional<std::string> Framing::next() {
+std::optional<Message> Framing::next() {
     if (fault_ != nullptr) {
         return std::nullopt;
     }
-    std::optional<std::string> message = chunked_ ? next_chunked() : next_delimited();
-    const size_t length = message ? message->size() : input_.size();
+    std::optional<Message> message = chunked_ ? next_chunked() : next_delimited();
+    const size_t length = message ? message->text.size() : input_.size();
     if (fault_ == nullptr && length > kLongestMessage_bytes) {
         fault_ = "a message is longer than 256 KiB";
     }
     return fault_ == nullptr ? std::move(message) : std::nullopt;
 }
 
-std::optional<std::string> Framing::take(size_t length) {
-    std::string message = input_.substr(0, length);
+// Ends a message of `length` bytes of the input.
+Message Framing::take(std::string text, size_t length) {
     input_.erase(0, length);
     scanned_ = 0;
-    any_chunk_ = false;
-    return message;
+    text_.clear();
+    return {std::move(text), chunked_};
 }
 
-std::optional<std::string> Framing::next_delimited() {
+std::optional<Message> Framing::next_delimited() {
     const size_t end = input_.find(kEndOfMessage, scanned_);
     if (end == std::string::npos) {
         // The delimiter may have begun in the last bytes.
         scanned_ = input_.size() - std::min(input_.size(), kEndOfMessage.size() - 1);
         return std::nullopt;
     }
-    std::optional<std::string> message = take(end + kEndOfMessage.size());
+    const Message message = take(input_.substr(0, end), end + kEndOfMessage.size());
     if (!std::exchange(greeted_, true)) {
-        chunked_ = message->find(kChunkedFraming) != std::string::npos;
+        chunked_ = message.text.find(kChunkedFraming) != std::string::npos;
     }
     return message;
 }
 
-std::optional<std::string> Framing::next_chunked() {
-    while (step_over_chunk()) {
+std::optional<Message> Framing::next_chunked() {
+    while (take_chunk()) {
     }
     const std::string_view rest = std::string_view(input_).substr(scanned_);
     if (fault_ != nullptr || !rest.starts_with(kEndOfChunks)) {
         return std::nullopt;
     }
-    if (!any_chunk_) {
+    if (text_.empty()) {
         fault_ = "a message has no chunk";
         return std::nullopt;
     }
-    return take(scanned_ + kEndOfChunks.size());
+    return take(std::move(text_), scanned_ + kEndOfChunks.size());
 }
 
 // False when no whole chunk begins where the scan stands.
-bool Framing::step_over_chunk() {
+bool Framing::take_chunk() {
     const std::string_view rest = std::string_view(input_).substr(scanned_);
     if (may_be(rest, kEndOfChunks)) {
         return false;
@@ -104,8 +112,8 @@ bool Framing::step_over_chunk() {
     if (rest.size() < length) {
         return false;
     }
+    text_.append(rest.substr(line_end + 1, size));
     scanned_ += length;
-    any_chunk_ = true;
     return true;
 }
 

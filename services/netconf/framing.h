@@ -9,6 +9,14 @@
 
 namespace netconf {
 
+struct Message {
+    std::string text;  // without its frame
+    bool chunked;      // how it was framed
+
+    // With a frame of the same kind, and of one chunk.
+    std::string framed() const;
+};
+
 class Framing {
  public:
     // More than any request to this server needs. Parsing takes time that grows with the square of
@@ -17,10 +25,10 @@ class Framing {
 
     // What has arrived, in pieces of any size.
     void feed(std::string_view bytes);
-    // The next whole message with its frame, as it arrived; nothing when none is whole, or when the
-    // frame is broken. The first is a <hello> and ends with "]]>]]>"; when it announces base:1.1
-    // those that follow come in chunks.
-    std::optional<std::string> next();
+    // The next whole message; nothing when none is whole, or when the frame is broken. The first is
+    // a <hello> and ends with "]]>]]>"; when it announces base:1.1 those that follow come in
+    // chunks.
+    std::optional<Message> next();
 
     // Why nothing can be made of the input any more; null while all is well.
     const char* fault() const { return fault_; }
@@ -28,14 +36,14 @@ class Framing {
     bool inside_message() const { return !input_.empty(); }
 
  private:
-    std::optional<std::string> take(size_t length);
-    std::optional<std::string> next_delimited();
-    std::optional<std::string> next_chunked();
-    bool step_over_chunk();
+    Message take(std::string text, size_t length);
+    std::optional<Message> next_delimited();
+    std::optional<Message> next_chunked();
+    bool take_chunk();
 
     std::string input_;   // of the message that is not whole yet
     size_t scanned_ = 0;  // bytes of it that are known to be sound
-    bool any_chunk_ = false;
+    std::string text_;    // what the chunks among them carry
     bool greeted_ = false;
     bool chunked_ = false;
     const char* fault_ = nullptr;

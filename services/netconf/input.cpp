@@ -10,6 +10,7 @@
 #include <system_error>
 #include <thread>
 
+#include "services/netconf/client_habits.h"
 #include "services/netconf/framing.h"
 
 namespace netconf {
@@ -58,8 +59,9 @@ void Input::pass_on(const std::shared_ptr<Shared>& shared) {
             break;
         }
         framing.feed({piece.data(), static_cast<size_t>(length)});
-        while (const auto message = framing.next()) {
-            if (!write_all(messages, *message)) {
+        while (auto message = framing.next()) {
+            adapt_message(message->text);
+            if (!write_all(messages, message->framed())) {
                 return;
             }
         }

@@ -1,0 +1,14 @@
+// What a common client does a little differently from the standard, put right before the request is
+// parsed.
+#pragma once
+
+#include <string>
+
+namespace netconf {
+
+// RFC 5277 has <filter> of <create-subscription> in the namespace of notifications. ncclient sends
+// it in that of the base protocol, where nothing of this name is known. Such a filter is moved;
+// every other message, also one that is no XML, stays as it is. Any thread.
+void adapt_message(std::string& text);
+
+}  // namespace netconf

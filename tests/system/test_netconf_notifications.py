@@ -1,0 +1,262 @@
+"""NETCONF notifications: loops raised and cleared through real records, told to real subscribers."""
+
+import fcntl
+import os
+import re
+import signal
+import time
+
+import pytest
+from lab import LOCAL_DB, Lab, p_nc, wait_for
+from ncclient.operations import RPCError
+from ncclient.xml_ import to_ele
+from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, NOTIFICATION, Front, policy_config
+
+CHANNEL = f"mom/{LOCAL_DB}/p_nc.notification"
+SUBSCRIBE = f'<create-subscription xmlns="{EVENT}"/>'
+STATE = f'<loop-detect-state xmlns="{NOTIFICATION}">{{}}</loop-detect-state>'
+
+
+@pytest.fixture
+def front():
+    # At this speed a loop that is over is cleared after a second.
+    with Lab(store="redis", speed=60) as lab:
+        lab.start_redis()
+        lab.start_agent()
+        with Front(lab) as the_front:
+            yield the_front
+
+
+def told(text):
+    """(name, notify-type, vid, policy, src-port) of a notification."""
+    values = re.findall(r"<(name|notify-type|vid|policy|src-port)>([^<]*)<", text)
+    assert [name for name, _ in values] == ["name", "notify-type", "vid", "policy", "src-port"]
+    return tuple(value for _, value in values)
+
+
+def next_told(session, timeout=10):
+    notification = session.take_notification(timeout=timeout)
+    assert notification is not None, "no notification came"
+    return told(notification.notification_xml)
+
+
+def listeners(front):
+    return front.lab.database(0).pubsub_numsub(CHANNEL)[0][1]
+
+
+def publish(front, name="swp1", kind=1, leaves=None, module="qv-loop-detect-server-notification"):
+    """Tells the subscribers of a loop, as the agent would."""
+    record = p_nc.notification(name=f"{module}:loop-detect-state", time_ms=1000)
+    record.index.sequence = 1
+    for leaf, code, value in leaves or [("notify-type", 20, kind), ("vid", 20, 0), ("policy", 20, 1),
+                                        ("src-port", 8, 1)]:
+        record.leaves.add(path=f"/{module}:loop-detect-state/loop-notify/notify-entry[name='{name}']/{leaf}",
+                          type=code, value=value)
+    front.lab.database(LOCAL_DB).publish(CHANNEL, b"\2" + record.SerializeToString())
+
+
+def test_two_subscribers_see_the_same_in_order(front):
+    with front.connect() as one, front.connect() as other:
+        one.edit_config(target="running", config=policy_config(1))
+        one.create_subscription()
+        other.create_subscription()
+        front.lab.report_loop(1, is_loop=1)
+        assert next_told(one) == next_told(other) == ("swp1", "1", "0", "0", "1")
+        front.lab.report_loop(3, is_loop=1)
+        assert next_told(one) == next_told(other) == ("swp3", "1", "0", "0", "1")
+        front.lab.report_loop(1, is_loop=0)
+        front.lab.report_loop(3, is_loop=0)
+        rest = [next_told(one, 30) for _ in range(2)]
+        assert rest == [next_told(other) for _ in range(2)]
+        assert sorted(rest) == [("swp1", "2", "0", "0", "1"), ("swp3", "2", "0", "0", "1")]
+
+
+def test_notification_is_whole_and_dated(front):
+    with front.raw() as session:
+        assert "<ok/>" in session.rpc(SUBSCRIBE)
+        publish(front)
+        assert session.read() == (
+            f'<notification xmlns="{EVENT}"><eventTime>1970-01-01T00:00:01.000Z</eventTime>'
+            + STATE.format("<loop-notify><notify-entry><name>swp1</name><notify-type>1</notify-type>"
+                           "<vid>0</vid><policy>1</policy><src-port>1</src-port></notify-entry></loop-notify>")
+            + "</notification>")
+
+
+def test_filter_chooses_notifications(front):
+    subtree = STATE.format("<loop-notify><notify-entry><name>swp3</name></notify-entry></loop-notify>")
+    with front.connect() as by_subtree, front.connect() as by_xpath:
+        by_subtree.create_subscription(filter=("subtree", subtree))
+        by_xpath.create_subscription(
+            filter=("xpath", ({"n": NOTIFICATION}, "//n:notify-entry[n:notify-type = 2]")))
+        publish(front, "swp1", 1)
+        publish(front, "swp3", 1)
+        publish(front, "swp1", 2)
+        publish(front, "swp3", 2)
+        assert [next_told(by_subtree)[:2] for _ in range(2)] == [("swp3", "1"), ("swp3", "2")]
+        assert [next_told(by_xpath)[:2] for _ in range(2)] == [("swp1", "2"), ("swp3", "2")]
+        assert by_subtree.take_notification(timeout=0.3) is None
+
+
+@pytest.mark.parametrize("prefix, attribute", [("", "type"), ("", "nc:type"), ("nc:", "type")])
+def test_filter_may_stand_in_either_namespace(front, prefix, attribute):
+    """The standard has it in the namespace of notifications; ncclient sends it in that of the base."""
+    content = STATE.format("<loop-notify><notify-entry><name>swp3</name></notify-entry></loop-notify>")
+    with front.raw() as session:
+        reply = session.rpc(f'<create-subscription xmlns="{EVENT}" xmlns:nc="{BASE}">'
+                            f'<{prefix}filter {attribute}="subtree">{content}</{prefix}filter>'
+                            "</create-subscription>")
+        assert "<ok/>" in reply
+        publish(front, "swp1")
+        publish(front, "swp3")
+        assert told(session.read())[0] == "swp3"
+
+
+def test_requests_go_on_under_a_subscription(front):
+    with front.connect() as session:
+        session.create_subscription()
+        for number in range(20):
+            publish(front, f"port{number}")
+            assert session.edit_config(target="running", config=policy_config(1 + number % 4)).ok
+            reply = session.get(filter=("subtree", LOOP_DETECT))
+            assert reply.data_ele.findtext(f".//{{{MODEL}}}loop-policy") == str(1 + number % 4)
+        assert [next_told(session)[0] for _ in range(20)] == [f"port{number}" for number in range(20)]
+
+
+def test_session_without_a_subscription_is_told_nothing(front):
+    with front.raw() as session:
+        assert listeners(front) == 0
+        publish(front)
+        assert "<rpc-reply" in session.rpc("<get-config><source><running/></source></get-config>")
+
+
+def subscription(**elements):
+    parts = "".join(f"<{name}>{value}</{name}>" for name, value in elements.items())
+    return to_ele(f'<create-subscription xmlns="{EVENT}">{parts}</create-subscription>')
+
+
+@pytest.mark.parametrize("elements, tag, info", [
+    ({"startTime": "2020-01-01T00:00:00Z"}, "operation-failed", ""),
+    ({"startTime": "2020-01-01T00:00:00Z", "stopTime": "2021-01-01T00:00:00Z"}, "operation-failed", ""),
+    ({"stopTime": "2021-01-01T00:00:00Z"}, "missing-element", "<bad-element>startTime</bad-element>"),
+    ({"startTime": "2020-01-01T00:00:00Z", "stopTime": "2019-01-01T00:00:00Z"}, "bad-element",
+     "<bad-element>stopTime</bad-element>"),
+    ({"startTime": "2920-01-01T00:00:00Z"}, "bad-element", "<bad-element>startTime</bad-element>"),
+    ({"stream": "ELSEWHERE"}, "invalid-value", ""),
+])
+def test_replay_and_other_streams_are_refused(front, elements, tag, info):
+    with front.connect() as session:
+        with pytest.raises(RPCError) as caught:
+            session.dispatch(subscription(**elements))
+        assert caught.value.tag == tag
+        assert info in (caught.value.info or "")
+        assert session.dispatch(subscription(stream="NETCONF")).ok
+
+
+def test_second_subscription_is_refused(front):
+    with front.connect() as session:
+        session.create_subscription()
+        with pytest.raises(RPCError) as caught:
+            session.create_subscription()
+        assert caught.value.tag == "operation-failed"
+        assert listeners(front) == 1
+
+
+def test_stream_is_listed(front):
+    with front.raw() as session:
+        assert session.rpc('<get><filter><netconf xmlns="urn:ietf:params:xml:ns:netmod:notification"/>'
+                           "</filter></get>").count("<replaySupport>false</replaySupport>") == 1
+
+
+@pytest.mark.parametrize("record", [
+    b"", b"\2", b"\2garbage", b"\0\0\0\0", b"\2" + b"\xff" * 1000,
+])
+def test_records_that_make_no_sense_are_dropped(front, record):
+    with front.raw() as session:
+        session.rpc(SUBSCRIBE)
+        front.lab.database(LOCAL_DB).publish(CHANNEL, record)
+        publish(front, leaves=[("notify-type", 20, 3)])        # outside the range of the model
+        publish(front, leaves=[("notify-type", 7, 1)])         # an unknown type code
+        publish(front, leaves=[("nothing", 20, 1)])            # a leaf that is not there
+        publish(front, name="it's")                            # a path that does not parse
+        publish(front, module="ietf-netconf")                  # another module
+        publish(front, name="good")
+        assert told(session.read())[0] == "good"
+    assert front.log().count("a notification of the switch makes no sense, dropped: ") >= 5
+
+
+def test_restarted_database_is_subscribed_to_again(front):
+    with front.connect() as session:
+        session.create_subscription()
+        for name in ("one", "two"):
+            front.lab.kill_redis()
+            time.sleep(0.5)
+            front.lab.start_redis()
+            wait_for(lambda: listeners(front) == 1, 10, "the session listens again")
+            publish(front, name)
+            assert next_told(session)[0] == name
+        # The agent comes back to the database as well, and its own notifications arrive.
+        session.edit_config(target="running", config=policy_config(1))
+        front.lab.report_loop(2, is_loop=1)
+        assert next_told(session, 20)[:2] == ("swp2", "1")
+    log = front.log()
+    assert log.count("notifications pause, the object database is away: ") == 2
+    assert log.count("notifications go on, the object database is back") == 2
+
+
+def test_subscription_without_a_database_is_refused(front):
+    with front.connect() as session:
+        front.lab.kill_redis()
+        started = time.monotonic()
+        with pytest.raises(RPCError) as caught:
+            session.create_subscription()
+        assert "cannot be reached" in caught.value.message
+        assert time.monotonic() - started < 3
+        front.lab.start_redis()
+        assert session.create_subscription().ok
+
+
+def test_subscriber_that_never_reads_delays_nobody(front):
+    """It is cut off when a thousand notifications wait for it; until then the others notice nothing."""
+    with front.raw() as lazy, front.raw() as eager:
+        lazy.rpc(SUBSCRIBE)
+        eager.rpc(SUBSCRIBE)
+        eager.rpc("<get-config><source><running/></source></get-config>")
+        slowest = 0
+        for number in range(3000):
+            started = time.monotonic()
+            publish(front, f"port{number}")
+            assert told(eager.read())[0] == f"port{number}"
+            slowest = max(slowest, time.monotonic() - started)
+            if lazy.process.poll() is not None:
+                break
+        assert slowest < 1
+        assert lazy.process.wait(timeout=10) == 1
+        started = time.monotonic()
+        assert front.lab.cli_status("show loop-detect") == 0
+        assert time.monotonic() - started < 2
+        assert "<rpc-reply" in eager.rpc("<get-config><source><running/></source></get-config>")
+    assert "ended: the client leaves 1000 notifications unread" in front.log()
+
+
+def test_client_that_reads_no_replies_ends_alone(front):
+    """Its requests are left lying; nothing of them is worked on, and it can be killed."""
+    with front.raw() as lazy, front.connect() as session:
+        fcntl.fcntl(lazy.process.stdin, fcntl.F_SETFL, os.O_NONBLOCK)
+        text = f'<rpc xmlns="{BASE}" message-id="1"><get/></rpc>'.encode()
+        sent = 0
+        while sent is not None and sent < 200000:
+            written = lazy.process.stdin.write(b"\n#%d\n%s\n##\n" % (len(text), text))
+            sent = sent + written if written else None
+        assert session.edit_config(target="running", config=policy_config(2)).ok
+        assert session.kill_session(str(lazy.session_id)).ok
+        assert lazy.process.wait(timeout=5) == 0
+
+
+def test_agent_killed_and_started_again_goes_on_telling(front):
+    with front.connect() as session:
+        session.create_subscription()
+        front.lab.kill_agent(signal.SIGKILL)
+        front.lab.start_agent()
+        session.edit_config(target="running", config=policy_config(1))
+        front.lab.report_loop(1, is_loop=1)
+        assert next_told(session, 20) == ("swp1", "1", "0", "0", "1")

@@ -1,0 +1,147 @@
+// What an edit of the configuration asks of the agent.
+#include "services/netconf/edit_plan.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "services/netconf/rpc_error.h"
+
+using netconf::Context;
+using netconf::Operation;
+using netconf::plan_edit;
+using netconf::PolicyRequest;
+using netconf::RpcError;
+using netconf::Tree;
+
+namespace {
+
+class EditPlan : public testing::Test {
+ protected:
+    // "set 2", "delete 0", "nothing" or the error's tag as a number.
+    std::string plan(const std::string& config, uint32_t in_force,
+                     Operation fallback = Operation::kMerge) {
+        lyd_node* root = nullptr;
+        EXPECT_EQ(lyd_parse_data_mem(context_.get(), config.c_str(), LYD_XML,
+                                     LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &root),
+                  LY_SUCCESS);
+        const Tree tree(root);
+        try {
+            const auto change = plan_edit(context_.get(), root, fallback, in_force);
+            return change ? name(change->request) + " " + std::to_string(change->policy)
+                          : "nothing";
+        } catch (const RpcError& error) {
+            return "error " + std::to_string(error.tag);
+        }
+    }
+
+    static std::string leaf(const std::string& value, const std::string& operation = "",
+                            const std::string& above = "") {
+        return "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\"" + attribute(above) +
+               "><loop-policy" + attribute(operation) + ">" + value +
+               "</loop-policy></loop-detect>";
+    }
+
+    static std::string empty(const std::string& operation = "") {
+        return "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\"" + attribute(operation) +
+               "/>";
+    }
+
+    static std::string error(NC_ERR tag) { return "error " + std::to_string(tag); }
+
+ private:
+    static std::string attribute(const std::string& operation) {
+        return operation.empty() ? ""
+                                 : " xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\""
+                                   " nc:operation=\"" +
+                                       operation + "\"";
+    }
+
+    static std::string name(PolicyRequest request) {
+        switch (request) {
+            case PolicyRequest::kSet:
+                return "set";
+            case PolicyRequest::kDelete:
+                return "delete";
+            case PolicyRequest::kRemove:
+                return "remove";
+        }
+        return "?";
+    }
+
+    const Context context_ = netconf::load_modules(YANG_DIR);
+};
+
+TEST_F(EditPlan, RequestTypesAreThoseOfTheRecord) {
+    EXPECT_EQ(static_cast<int>(PolicyRequest::kSet), 2);
+    EXPECT_EQ(static_cast<int>(PolicyRequest::kDelete), 3);
+    EXPECT_EQ(static_cast<int>(PolicyRequest::kRemove), 4);
+}
+
+TEST_F(EditPlan, MergeAndReplaceSetWhateverIsInForce) {
+    for (const uint32_t in_force : {0U, 2U, 4U}) {
+        EXPECT_EQ(plan(leaf("2"), in_force), "set 2");
+        EXPECT_EQ(plan(leaf("2", "merge"), in_force), "set 2");
+        EXPECT_EQ(plan(leaf("2", "replace"), in_force), "set 2");
+        EXPECT_EQ(plan(leaf("0"), in_force), "set 0");
+    }
+}
+
+TEST_F(EditPlan, CreateNeedsThatNothingIsSet) {
+    EXPECT_EQ(plan(leaf("3", "create"), 0), "set 3");
+    EXPECT_EQ(plan(leaf("3", "create"), 3), error(NC_ERR_DATA_EXISTS));
+    EXPECT_EQ(plan(empty("create"), 3), error(NC_ERR_DATA_EXISTS));
+    EXPECT_EQ(plan(empty("create"), 0), "nothing");
+}
+
+TEST_F(EditPlan, DeleteCarriesTheDefaultAndNeedsThatSomethingIsSet) {
+    EXPECT_EQ(plan(leaf("", "delete"), 4), "delete 0");
+    EXPECT_EQ(plan(leaf("3", "delete"), 4), "delete 0");
+    EXPECT_EQ(plan(leaf("", "delete"), 0), error(NC_ERR_DATA_MISSING));
+    EXPECT_EQ(plan(empty("delete"), 1), "delete 0");
+    EXPECT_EQ(plan(empty("delete"), 0), error(NC_ERR_DATA_MISSING));
+    EXPECT_EQ(plan(leaf("2", "", "delete"), 1), "delete 0");
+}
+
+TEST_F(EditPlan, RemoveDoesNotMindThatNothingIsSet) {
+    EXPECT_EQ(plan(leaf("", "remove"), 4), "remove 0");
+    EXPECT_EQ(plan(leaf("", "remove"), 0), "nothing");
+    EXPECT_EQ(plan(empty("remove"), 4), "remove 0");
+    EXPECT_EQ(plan(empty("remove"), 0), "nothing");
+}
+
+TEST_F(EditPlan, ReplaceOfWhatIsAboveTakesTheLeafAway) {
+    EXPECT_EQ(plan(empty("replace"), 4), "delete 0");
+    EXPECT_EQ(plan(empty("replace"), 0), "nothing");
+    EXPECT_EQ(plan("", 4, Operation::kReplace), "delete 0");
+    EXPECT_EQ(plan("", 0, Operation::kReplace), "nothing");
+    EXPECT_EQ(plan("", 4), "nothing");
+    EXPECT_EQ(plan(empty(), 4, Operation::kReplace), "delete 0");
+}
+
+TEST_F(EditPlan, OperationIsInheritedUnlessGiven) {
+    EXPECT_EQ(plan(leaf("3", "", "create"), 1), error(NC_ERR_DATA_EXISTS));
+    EXPECT_EQ(plan(leaf("3", "merge", "create"), 1), "set 3");
+    EXPECT_EQ(plan(leaf("3"), 1, Operation::kNone), "nothing");
+    EXPECT_EQ(plan(leaf("3"), 0, Operation::kNone), error(NC_ERR_DATA_MISSING));
+    EXPECT_EQ(plan(leaf("3", "replace"), 1, Operation::kNone), "set 3");
+}
+
+TEST_F(EditPlan, ValuesOutsideTheModelAreRefused) {
+    for (const char* const value : {"5", "-1", "", "text", "1 2", "4294967297"}) {
+        EXPECT_EQ(plan(leaf(value), 0), error(NC_ERR_INVALID_VALUE)) << value;
+    }
+}
+
+TEST_F(EditPlan, OperationThatIsNoneIsRefusedOnALeafThatDoesNotParse) {
+    EXPECT_EQ(plan(leaf("text", "bogus"), 0), error(NC_ERR_BAD_ATTR));
+}
+
+TEST_F(EditPlan, DataOfNoModelIsRefused) {
+    EXPECT_EQ(plan("<a xmlns=\"urn:a\"/>", 0), error(NC_ERR_UNKNOWN_NS));
+    EXPECT_EQ(plan("<a xmlns=\"urn:qv:yang:qv-loop-detect-server\"/>", 0),
+              error(NC_ERR_UNKNOWN_ELEM));
+    EXPECT_EQ(plan(empty() + empty(), 0), error(NC_ERR_BAD_ELEM));
+}
+
+}  // namespace

@@ -1,0 +1,143 @@
+// Filters on data of the model; the ways of asking are shown end to end by the system tests.
+#include "services/netconf/filter.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <string>
+
+#include "services/netconf/rpc_error.h"
+
+using netconf::Context;
+using netconf::Filter;
+using netconf::Tree;
+
+namespace {
+
+class FilterOfGet : public testing::Test {
+ protected:
+    void SetUp() override {
+        for (const char* const name : {"swp1", "swp2"}) {
+            const std::string entry = "/qv-loop-detect-server:loop-detect/looped-port[name='" +
+                                      std::string(name) + "']/policy";
+            add_node(context_.get(), data_, entry, name[3] == '1' ? "1" : "0");
+        }
+        add_node(context_.get(), data_, "/qv-loop-detect-server:loop-detect/loop-policy", "2");
+        add_node(context_.get(), data_,
+                 "/nc-notifications:netconf/streams/stream[name='NETCONF']/replaySupport", "false");
+    }
+
+    // What passes `filter`, an element with its content, as XML.
+    std::string passes(const std::string& filter) {
+        const std::string text =
+            "<get xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + filter + "</get>";
+        ly_in* in = nullptr;
+        ly_in_new_memory(text.c_str(), &in);
+        lyd_node* root = nullptr;
+        EXPECT_EQ(
+            lyd_parse_op(context_.get(), nullptr, in, LYD_XML, LYD_TYPE_RPC_YANG, &root, nullptr),
+            LY_SUCCESS)
+            << ly_errmsg(context_.get());
+        ly_in_free(in, 0);
+        const Tree rpc(root);
+        const Tree passed = Filter::of(*root).apply(data_.get());
+        char* printed = nullptr;
+        lyd_print_mem(&printed, passed.get(), LYD_XML, LYD_PRINT_SHRINK | LYD_PRINT_WITHSIBLINGS);
+        const std::string result = printed == nullptr ? "" : printed;
+        free(printed);
+        return result;
+    }
+
+    static std::string in_container(const std::string& content) {
+        return "<filter><loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">" + content +
+               "</loop-detect></filter>";
+    }
+
+    static std::string container(const std::string& content) {
+        return "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">" + content +
+               "</loop-detect>";
+    }
+
+ private:
+    const Context context_ = netconf::load_modules(YANG_DIR);
+    Tree data_;
+};
+
+const std::string kPort1 = "<looped-port><name>swp1</name><policy>1</policy></looped-port>";
+const std::string kPort2 = "<looped-port><name>swp2</name><policy>0</policy></looped-port>";
+const std::string kPolicy = "<loop-policy>2</loop-policy>";
+
+TEST_F(FilterOfGet, SelectionTakesTheWholeNode) {
+    EXPECT_EQ(passes(in_container("")), container(kPolicy + kPort1 + kPort2));
+    EXPECT_EQ(passes(in_container("<looped-port/>")), container(kPort1 + kPort2));
+    EXPECT_EQ(passes(in_container("<loop-policy/>")), container(kPolicy));
+}
+
+TEST_F(FilterOfGet, ContentMatchAloneTakesItsSiblings) {
+    EXPECT_EQ(passes(in_container("<looped-port><name>swp2</name></looped-port>")),
+              container(kPort2));
+    EXPECT_EQ(passes(in_container("<looped-port><policy> 1 </policy></looped-port>")),
+              container(kPort1));
+}
+
+TEST_F(FilterOfGet, ContentMatchThatFailsTakesNothing) {
+    EXPECT_EQ(passes(in_container("<loop-policy>3</loop-policy><looped-port/>")), "");
+    EXPECT_EQ(passes(in_container("<looped-port><name>swp9</name></looped-port>")), "");
+}
+
+TEST_F(FilterOfGet, MatchAndSelectionTogetherTakeBoth) {
+    EXPECT_EQ(passes(in_container("<loop-policy>2</loop-policy><looped-port><name>swp1</name>"
+                                  "</looped-port>")),
+              container(kPolicy + kPort1));
+}
+
+TEST_F(FilterOfGet, KeysOfAListComeAlong) {
+    EXPECT_EQ(passes(in_container("<looped-port><policy/></looped-port>")),
+              container(kPort1 + kPort2));
+}
+
+TEST_F(FilterOfGet, SeveralSubtreesAreJoined) {
+    EXPECT_EQ(passes("<filter><loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">"
+                     "<loop-policy/></loop-detect><netconf "
+                     "xmlns=\"urn:ietf:params:xml:ns:netmod:notification\"/></filter>"),
+              "<netconf xmlns=\"urn:ietf:params:xml:ns:netmod:notification\"><streams><stream>"
+              "<name>NETCONF</name><replaySupport>false</replaySupport></stream></streams>"
+              "</netconf>" +
+                  container(kPolicy));
+}
+
+TEST_F(FilterOfGet, ElementWithoutANamespaceMatchesInEach) {
+    EXPECT_EQ(passes("<filter><loop-detect xmlns=\"\"><loop-policy/></loop-detect></filter>"),
+              container(kPolicy));
+}
+
+TEST_F(FilterOfGet, OtherNamespaceAndEmptyFilterTakeNothing) {
+    EXPECT_EQ(passes("<filter><loop-detect xmlns=\"urn:other\"/></filter>"), "");
+    EXPECT_EQ(passes("<filter><loop-detect/></filter>"), "");  // that of the base protocol
+    EXPECT_EQ(passes("<filter/>"), "");
+    EXPECT_EQ(passes("<filter>text</filter>"), "");
+}
+
+TEST_F(FilterOfGet, WithoutAFilterEverythingPasses) {
+    EXPECT_NE(passes("").find(container(kPolicy + kPort1 + kPort2)), std::string::npos);
+}
+
+TEST_F(FilterOfGet, XpathSelectsNodesAndWhatIsAbove) {
+    EXPECT_EQ(passes("<filter type=\"xpath\" xmlns:m=\"urn:qv:yang:qv-loop-detect-server\" "
+                     "select=\"//m:policy[. = 1]\"/>"),
+              container(kPort1));
+    EXPECT_EQ(passes("<filter type=\"xpath\" xmlns:m=\"urn:qv:yang:qv-loop-detect-server\" "
+                     "select=\"//m:name | /m:loop-detect/m:loop-policy\"/>"),
+              container(kPolicy + "<looped-port><name>swp1</name></looped-port>"
+                                  "<looped-port><name>swp2</name></looped-port>"));
+}
+
+TEST_F(FilterOfGet, XpathWithoutSelectIsRefused) {
+    EXPECT_THROW(passes("<filter type=\"xpath\"/>"), netconf::RpcError);
+}
+
+TEST_F(FilterOfGet, XpathThatYieldsNoNodesIsRefused) {
+    EXPECT_THROW(passes("<filter type=\"xpath\" select=\"1 + 1\"/>"), netconf::RpcError);
+}
+
+}  // namespace

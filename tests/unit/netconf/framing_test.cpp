@@ -1,0 +1,172 @@
+// Framing: whole messages out of bytes that arrive in pieces, and frames that are no frames.
+#include "services/netconf/framing.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+using netconf::Framing;
+using netconf::Message;
+
+namespace {
+
+const std::string kOldHello = "<hello>urn:ietf:params:netconf:base:1.0</hello>";
+const std::string kNewHello = "<hello>urn:ietf:params:netconf:base:1.1</hello>";
+const std::string kEnd = "]]>]]>";
+
+std::vector<std::string> texts_of(Framing& framing) {
+    std::vector<std::string> texts;
+    while (const auto message = framing.next()) {
+        texts.push_back(message->text);
+    }
+    return texts;
+}
+
+// What comes of `bytes` after a hello that asks for chunks.
+struct Outcome {
+    std::vector<std::string> texts;
+    std::string fault;
+    bool inside;
+};
+
+Outcome outcome_of(const std::vector<std::string>& pieces) {
+    Framing framing;
+    framing.feed(kNewHello + kEnd);
+    texts_of(framing);
+    Outcome outcome{};
+    for (const std::string& piece : pieces) {
+        framing.feed(piece);
+        for (std::string& text : texts_of(framing)) {
+            outcome.texts.push_back(std::move(text));
+        }
+    }
+    outcome.fault = framing.fault() == nullptr ? "" : framing.fault();
+    outcome.inside = framing.inside_message();
+    return outcome;
+}
+
+std::string fault_of(const std::string& bytes) {
+    return outcome_of({bytes}).fault;
+}
+
+constexpr const char* kNoChunk = "the framing is broken: no chunk begins where one should";
+constexpr const char* kNoNumber = "the framing is broken: the size of a chunk is no number";
+constexpr const char* kTooLong = "a message is longer than 256 KiB";
+
+}  // namespace
+
+TEST(Framing, OldClientsMessagesEndWithTheDelimiter) {
+    Framing framing;
+    framing.feed(kOldHello + kEnd + "<rpc/>" + kEnd + "<rpc2/>" + kEnd + "<re");
+    EXPECT_EQ(texts_of(framing), (std::vector<std::string>{kOldHello, "<rpc/>", "<rpc2/>"}));
+    EXPECT_TRUE(framing.inside_message());
+}
+
+TEST(Framing, NewClientsMessagesComeInChunksAfterTheHello) {
+    Framing framing;
+    framing.feed(kNewHello + kEnd + "\n#4\n<rpc\n#2\n/>\n##\n");
+    EXPECT_EQ(texts_of(framing), (std::vector<std::string>{kNewHello, "<rpc/>"}));
+    EXPECT_FALSE(framing.inside_message());
+}
+
+TEST(Framing, FrameIsMadeAgainOfOneChunk) {
+    EXPECT_EQ((Message{"<rpc/>", true}).framed(), "\n#6\n<rpc/>\n##\n");
+    EXPECT_EQ((Message{"<rpc/>", false}).framed(), "<rpc/>]]>]]>");
+}
+
+TEST(Framing, HelloKeepsTheDelimiterAlsoWhenItAsksForChunks) {
+    Framing framing;
+    framing.feed(kNewHello + kEnd);
+    const auto hello = framing.next();
+    ASSERT_TRUE(hello);
+    EXPECT_FALSE(hello->chunked);
+    framing.feed("\n#1\nx\n##\n");
+    const auto request = framing.next();
+    ASSERT_TRUE(request);
+    EXPECT_TRUE(request->chunked);
+}
+
+TEST(Framing, DelimiterInsideAChunkIsData) {
+    EXPECT_EQ(outcome_of({"\n#10\n]]>]]>\n##\n\n##\n"}).texts,
+              (std::vector<std::string>{"]]>]]>\n##\n"}));
+}
+
+TEST(Framing, EverySplitOfAGoodStreamGivesTheSameMessages) {
+    const std::string stream = "\n#3\nabc\n#12\n0123456789ab\n##\n\n#1\nx\n##\n";
+    for (size_t first = 0; first <= stream.size(); first++) {
+        for (size_t second = first; second <= stream.size(); second++) {
+            const Outcome outcome =
+                outcome_of({stream.substr(0, first), stream.substr(first, second - first),
+                            stream.substr(second)});
+            EXPECT_EQ(outcome.texts, (std::vector<std::string>{"abc0123456789ab", "x"}))
+                << first << " " << second;
+            EXPECT_EQ(outcome.fault, "");
+        }
+    }
+}
+
+TEST(Framing, EverySplitOfABadStreamGivesTheSameFault) {
+    const std::string stream = "\n#3\nabc#4\n0123\n##\n";
+    for (size_t split = 0; split <= stream.size(); split++) {
+        const Outcome outcome = outcome_of({stream.substr(0, split), stream.substr(split)});
+        EXPECT_EQ(outcome.fault, kNoChunk) << split;
+        EXPECT_TRUE(outcome.texts.empty());
+    }
+}
+
+TEST(Framing, BrokenFramesAreNamed) {
+    EXPECT_EQ(fault_of("<rpc/>"), kNoChunk);
+    EXPECT_EQ(fault_of("\n\n"), kNoChunk);
+    EXPECT_EQ(fault_of("\n#0\n\n##\n"), kNoChunk);
+    EXPECT_EQ(fault_of("\n#-1\nx\n##\n"), kNoChunk);
+    EXPECT_EQ(fault_of("\n#05\n01234\n##\n"), kNoChunk);
+    EXPECT_EQ(fault_of("\n#x\n"), kNoChunk);
+    EXPECT_EQ(fault_of("\n#5x\n01234\n##\n"), kNoNumber);
+    EXPECT_EQ(fault_of("\n#5 \n01234\n##\n"), kNoNumber);
+    EXPECT_EQ(fault_of("\n#99999999999"), kNoNumber);
+    EXPECT_EQ(fault_of("\n#99999999999999999999999\n"), kNoNumber);
+    EXPECT_EQ(fault_of("\n##\n"), "a message has no chunk");
+    EXPECT_EQ(fault_of("\n#2\nabc\n##\n"), kNoChunk);
+}
+
+TEST(Framing, TruncatedFrameIsNoFaultButInside) {
+    const std::string stream = "\n#3\nabc\n##\n";
+    for (size_t length = 1; length < stream.size(); length++) {
+        const Outcome outcome = outcome_of({stream.substr(0, length)});
+        EXPECT_EQ(outcome.fault, "") << length;
+        EXPECT_TRUE(outcome.inside) << length;
+        EXPECT_TRUE(outcome.texts.empty());
+    }
+}
+
+TEST(Framing, MessageBeyondTheLimitIsAFault) {
+    EXPECT_EQ(fault_of("\n#262145\n"), kTooLong);
+    EXPECT_EQ(fault_of("\n#4294967295\n"), kTooLong);
+    std::string chunks;
+    for (int n = 0; n < 30; n++) {
+        chunks += "\n#10000\n" + std::string(10000, 'x');
+    }
+    EXPECT_EQ(fault_of(chunks), kTooLong);
+    Framing framing;
+    framing.feed(std::string(Framing::kLongestMessage_bytes + 1, 'x'));
+    EXPECT_FALSE(framing.next());
+    EXPECT_STREQ(framing.fault(), kTooLong);
+}
+
+TEST(Framing, MessageAtTheLimitPasses) {
+    const std::string text(200'000, 'x');
+    EXPECT_EQ(outcome_of({"\n#200000\n" + text + "\n##\n"}).texts,
+              (std::vector<std::string>{text}));
+}
+
+TEST(Framing, NothingComesAfterAFault) {
+    Framing framing;
+    framing.feed(kNewHello + kEnd);
+    texts_of(framing);
+    framing.feed("\n##\n");
+    EXPECT_FALSE(framing.next());
+    framing.feed("\n#1\nx\n##\n");
+    EXPECT_FALSE(framing.next());
+    EXPECT_STREQ(framing.fault(), "a message has no chunk");
+}
