@@ -202,9 +202,15 @@ class FpService final : public qv::ForwardingSink {
     void done(ForwardingId id) override { post_result(id, 0); }
 
     void failed(ForwardingId id, int error) override {
-        if (const auto object = objects_.find(id); object != objects_.end()) {
-            mark_failed(object->second, id, error);
-            post_result(id, error);
+        const auto found = objects_.find(id);
+        if (found == objects_.end()) {
+            return;
+        }
+        const Object object = found->second;
+        mark_failed(object, id, error);
+        post_result(id, error);
+        if (object.kind != Kind::kApply) {
+            fail_applies(*object.acl);
         }
     }
 
@@ -267,6 +273,19 @@ class FpService final : public qv::ForwardingSink {
             if (entry.id == id) {
                 entry.error = error;
             }
+        }
+    }
+
+    // A rule cannot stand on an ACL or entry that failed after it was asked for.
+    void fail_applies(const Acl& acl) {
+        ForwardingRule rule;
+        const int error = rule_matches(acl, rule);
+        if (error == 0) {
+            return;
+        }
+        for (const auto& [point, id] : acl.applies) {
+            driver().remove(id);
+            post_result(id, error);
         }
     }
 

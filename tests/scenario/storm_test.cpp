@@ -285,21 +285,42 @@ TEST_F(StormRuleFailure, FailedSharedRuleTakesNoPortOut) {
     EXPECT_EQ(rig.take_log(), kFound);
 }
 
-TEST_F(StormRuleFailure, FailedAclsAndEntriesAreOnlyLogged) {
-    rig.type({"test forwarding fail acl 2", "test forwarding fail entry 2"});
+// The shared rule and the port's go one after the other: each object that fails takes the rule
+// that was to stand on it along, and with the port's rule goes the port's setting.
+TEST_F(StormRuleFailure, RuleFailsWithItsAcl) {
+    rig.type("test forwarding fail acl 2");
     watch();
     rig.advance(1s);
     EXPECT_EQ(joined(rig.take_log()),
               joined(traced({
                   "<storm_install_on_acl_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
-                  "<storm_install_on_ace_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
-                  "<storm_install_on_apply_success> aclid:0x0, acl_app:loop_detection_app",
+                  "<storm_install_on_apply_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
+                  "<storm_del_storm_fp> phyid: 0x0",
+                  "<std_acl_unapply> phyid: 0x0, aclid: 0x0",
+                  "<std_ace_entry_delete> del_ace, acl_id:0x0, acl_app:loop_detection_app",
+                  "<std_acl_delete> aclid 0x0",
+                  "LDA-6-ERROR: <storm_install_on_apply_failed> rv: 2, acl_key->acl_id: 0x0",
                   "<storm_install_on_acl_failed> aclid:0x1, acl_app:loop_detection_app, err:28",
-                  "<storm_install_on_ace_failed> aclid:0x1, acl_app:loop_detection_app, err:28",
-                  "<storm_install_on_apply_success> aclid:0x1, acl_app:loop_detection_app",
+                  "<storm_install_on_apply_failed> aclid:0x1, acl_app:loop_detection_app, err:28",
+                  "<storm_del_storm_fp> phyid: 0x1",
+                  "<std_acl_unapply> phyid: 0x1, aclid: 0x1",
+                  "<std_ace_entry_delete> del_ace, acl_id:0x1, acl_app:loop_detection_app",
+                  "<std_acl_delete> aclid 0x1",
+                  "<storm_del_list> enter ifx 1",
+                  "<storm_del_list> release storm_ifx_info",
+                  "<storm_del_list> release storm_rate_info",
+                  "<storm_del_list> exit",
               })));
-    EXPECT_EQ(rig.section("swp1"), kPortWatched);
-    EXPECT_EQ(storm_port_num, 1U);
+    EXPECT_EQ(rig.section("swp1"), Lines{});
+    EXPECT_EQ(storm_port_num, 0U);
+}
+
+TEST_F(StormRuleFailure, RuleFailsWithItsEntry) {
+    rig.type("test forwarding fail entry 2");
+    watch();
+    rig.advance(1s);
+    EXPECT_EQ(rig.section("swp1"), Lines{});
+    EXPECT_EQ(storm_port_num, 0U);
 }
 
 TEST_F(StormRuleFailure, LateFailureIsTakenWhenItComes) {
