@@ -19,6 +19,12 @@ bool may_be(std::string_view text, std::string_view whole) {
     return text.substr(0, common) == whole.substr(0, common);
 }
 
+// The library goes down with a message that is empty or blank, and takes a zero byte for its end.
+bool holds_text(std::string_view text) {
+    return text.find_first_not_of(" \t\r\n") != std::string_view::npos &&
+           text.find('\0') == std::string_view::npos;
+}
+
 }  // namespace
 
 std::string Message::framed() const {
@@ -40,7 +46,9 @@ std::optional<Message> Framing::next() {
     std::optional<Message> message = chunked_ ? next_chunked() : next_delimited();
     const size_t length = message ? message->text.size() : input_.size();
     if (fault_ == nullptr && length > kLongestMessage_bytes) {
-        fault_ = "a message is longer than 256 KiB";
+        fault_ = "a message is longer than 64 KiB";
+    } else if (message && !holds_text(message->text)) {
+        fault_ = "a message is empty or holds a zero byte";
     }
     return fault_ == nullptr ? std::move(message) : std::nullopt;
 }
@@ -105,7 +113,7 @@ bool Framing::take_chunk() {
         return false;
     }
     if (size > kLongestMessage_bytes) {
-        fault_ = "a message is longer than 256 KiB";
+        fault_ = "a message is longer than 64 KiB";
         return false;
     }
     const size_t length = line_end + 1 + size;

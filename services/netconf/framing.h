@@ -1,5 +1,5 @@
 // The framing of NETCONF messages (RFC 6242): where a message ends, and whether the frame around it
-// is sound. What is inside is not looked at.
+// is sound. What is inside must be text, and is not looked at further.
 #pragma once
 
 #include <cstddef>
@@ -21,7 +21,7 @@ class Framing {
  public:
     // More than any request to this server needs. Parsing takes time that grows with the square of
     // the number of elements.
-    static constexpr size_t kLongestMessage_bytes = size_t{256} << 10;
+    static constexpr size_t kLongestMessage_bytes = size_t{64} << 10;
 
     // What has arrived, in pieces of any size.
     void feed(std::string_view bytes);

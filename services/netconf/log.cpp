@@ -30,7 +30,7 @@ struct LastWords {
 
 std::array<LastWords, 7> g_last_words{{
     {SIGTERM, LOG_NOTICE, "terminated from outside", {}, 0, 0},
-    {SIGALRM, LOG_WARNING, "ended: the client does not read", {}, 0, 0},
+    {SIGALRM, LOG_WARNING, "ended: a message took too long, or the client does not read", {}, 0, 0},
     {SIGSEGV, LOG_ERR, "ended: a message broke the parser (memory)", {}, 0, 0},
     {SIGBUS, LOG_ERR, "ended: a message broke the parser (bus)", {}, 0, 0},
     {SIGABRT, LOG_ERR, "ended: a message broke the parser (abort)", {}, 0, 0},
