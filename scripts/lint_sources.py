@@ -22,6 +22,7 @@ STANDARD_C = set("""assert.h complex.h ctype.h errno.h fenv.h float.h inttypes.h
     string.h strings.h time.h wchar.h wctype.h""".split())
 AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "sys/types.h", "unistd.h"}
 COMPOSITION_ROOT = "platform/client/platform.cpp"
+NETCONF_PLATFORM = {"platform/client/config.h"}  # all that the NETCONF front takes from there
 DRIVER_SETS = ("platform/driver/embedded/", "platform/driver/linux/")
 
 
@@ -78,6 +79,9 @@ class Tree:
             target = self.resolve(path, name, match.group(1) == '"')
             if path.startswith("app/src/"):
                 self.check_agent_include(path, number, name, target)
+            elif path.startswith("services/netconf/") and (target or "").startswith("platform/"):
+                if target not in NETCONF_PLATFORM:
+                    self.report(path, number, f"the NETCONF front must not include {target}")
             elif target:
                 self.check_platform_include(path, number, target)
                 driver_sets |= {s for s in DRIVER_SETS if target.startswith(s)}
