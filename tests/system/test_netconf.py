@@ -39,11 +39,17 @@ def front():
             yield the_front
 
 
+@pytest.fixture(scope="module")
+def shared_session(front):
+    with front.connect() as session:
+        yield session
+
+
 @pytest.fixture
-def session(front):
-    with front.connect() as the_session:
-        the_session.edit_config(target="running", config=policy_config(1))
-        yield the_session
+def session(shared_session):
+    """A session that most tests share, as each handshake takes half a second; the policy is 1."""
+    shared_session.edit_config(target="running", config=policy_config(1))
+    return shared_session
 
 
 @pytest.fixture

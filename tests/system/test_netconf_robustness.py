@@ -1,0 +1,207 @@
+"""Many NETCONF sessions, sessions that do nothing, and sessions that do what they should not."""
+
+import concurrent.futures
+import gc
+import os
+import pathlib
+import sys
+import time
+
+import pytest
+from lab import APP_DB, Lab, wait_for
+from netconf_lab import EVENT, PROGRAM, Front, policy_config
+
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "fuzz"))
+import netconf_fuzz  # noqa: E402
+
+RANDOM_INPUTS = 150
+CYCLES = 1000
+CYCLES_THROUGH_SSHD = 25
+
+
+@pytest.fixture(scope="module")
+def front():
+    with Lab(store="redis", speed=60) as lab:
+        lab.start_redis()
+        lab.start_agent()
+        with Front(lab) as the_front:
+            with the_front.connect() as session:  # the agent opens its files at the first change
+                session.edit_config(target="running", config=policy_config(1))
+            yield the_front
+
+
+def processes():
+    """The sessions that run, by process number."""
+    found = []
+    for folder in pathlib.Path("/proc").iterdir():
+        try:
+            if folder.name.isdigit() and os.readlink(folder / "exe") == str(PROGRAM.resolve()):
+                found.append(int(folder.name))
+        except OSError:  # gone in the meantime, or another user's
+            continue
+    return found
+
+
+def descriptors(pid):
+    return len(os.listdir(f"/proc/{pid}/fd"))
+
+
+def left_behind(front):
+    """What sessions could leave behind: processes, descriptors of others, clients of the database."""
+    gc.collect()  # the clients of this process go with their objects
+    clients = front.lab.database(0).info("clients")["connected_clients"]
+    return (len(processes()), descriptors(front.lab.agent.pid), descriptors(front.sshd.pid), clients)
+
+
+def wait_until_clean(front, before):
+    try:
+        wait_for(lambda: left_behind(front) == before, 10, "nothing is left behind")
+    except AssertionError:
+        assert left_behind(front) == before
+
+
+def test_thirty_sessions_at_once(front):
+    before = left_behind(front)
+
+    def one_session(number):
+        with front.connect() as session:
+            session.create_subscription()
+            ready.append(number)
+            wait_for(lambda: len(ready) == 30, 60, "all sessions are there")
+            assert session.edit_config(target="running", config=policy_config(1)).ok
+            assert session.get_config("running").ok
+            done.append(number)
+            wait_for(lambda: len(done) == 30, 60, "all sessions have edited")
+            heard = session.take_notification(timeout=30)
+            return int(session.session_id), heard.notification_xml
+
+    def raise_loop():
+        wait_for(lambda: len(done) == 30, 90, "all sessions have edited")
+        assert len(processes()) == before[0] + 30
+        front.lab.report_loop(2, is_loop=1)
+
+    ready, done = [], []
+    with concurrent.futures.ThreadPoolExecutor(31) as pool:
+        loop = pool.submit(raise_loop)
+        results = list(pool.map(one_session, range(30)))
+        loop.result()
+    assert len({number for number, _ in results}) == 30
+    assert len({text for _, text in results}) == 1
+    wait_until_clean(front, before)
+    front.lab.report_loop(2, is_loop=0)
+    wait_for(lambda: not front.lab.database(APP_DB).keys("p_app.lda_loop_entry/*"), 20, "the loop is cleared")
+
+
+def test_sessions_that_come_and_go_leave_nothing_behind(front):
+    """Most of them start the program directly: the handshake of SSH would take minutes."""
+    before = left_behind(front)
+    for number in range(CYCLES):
+        with front.raw() as session:
+            if number % 3 == 0:
+                session.rpc(f'<create-subscription xmlns="{EVENT}"/>')
+            elif number % 3 == 1:
+                session.rpc("<lock><target><running/></target></lock>")
+            if number % 2 == 0:
+                assert "<ok/>" in session.rpc("<close-session/>")
+            else:
+                session.process.stdin.close()
+            assert session.process.wait(timeout=10) == 0
+    for _ in range(CYCLES_THROUGH_SSHD):
+        with front.connect() as session:
+            session.get_config("running")
+    wait_until_clean(front, before)
+    assert len(list(front.runtime.glob("*"))) <= 257
+    with front.connect() as session:
+        assert session.lock("running").ok
+
+
+def test_client_that_is_cut_off_leaves_nothing_behind(front):
+    before = left_behind(front)
+    with front.connect() as session:
+        session.create_subscription()
+        session.lock("running")
+        session._session._transport.close()
+        wait_until_clean(front, before)
+
+
+def status_of(pid, name):
+    text = pathlib.Path(f"/proc/{pid}/status").read_text()
+    return int(text.split(f"{name}:")[1].split()[0])
+
+
+def switches_of(pid):
+    """How often the threads of a process went to sleep."""
+    return sum(status_of(f"{pid}/task/{task}", "voluntary_ctxt_switches") for task in os.listdir(f"/proc/{pid}/task"))
+
+
+def cpu_seconds_of(pid):
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def test_idle_session_sleeps_and_is_small(front):
+    with front.raw() as session:
+        session.rpc("<get/>")
+        session.rpc(f'<create-subscription xmlns="{EVENT}"/>')
+        pid = session.process.pid
+        switches, cpu = switches_of(pid), cpu_seconds_of(pid)
+        time.sleep(5)
+        assert switches_of(pid) - switches <= 5
+        assert cpu_seconds_of(pid) - cpu <= 0.01
+        assert status_of(pid, "VmRSS") <= 20 * 1024
+
+
+def test_session_in_the_middle_of_a_message_sleeps(front):
+    with front.raw() as session:
+        session.rpc("<get/>")
+        session.send(b"\n#100\n<rpc")
+        pid = session.process.pid
+        time.sleep(0.2)
+        switches = switches_of(pid)
+        time.sleep(2)
+        assert switches_of(pid) - switches <= 2
+
+
+def test_hostile_input_ends_its_own_session_only(front):
+    with front.raw() as witness:
+        witness.rpc(f'<create-subscription xmlns="{EVENT}"/>')
+        target = netconf_fuzz.Target(front.command())
+        assert netconf_fuzz.attack(target, RANDOM_INPUTS, seed=1) == []
+        assert front.lab.agent.poll() is None
+        started = time.monotonic()
+        front.lab.report_loop(4, is_loop=1)
+        # Edits that got through may have changed the policy; a loop is told of with any but 0.
+        assert "<rpc-reply" in witness.rpc("<get/>") or "<notification" in witness.read()
+        assert time.monotonic() - started < 2
+    assert front.lab.cli_status("show loop-detect") == 0
+
+
+@pytest.mark.parametrize("sent, told", [
+    (b"\n#x\n", "ended: the framing is broken: no chunk begins where one should"),
+    (b"\n#3x\n", "ended: the framing is broken: the size of a chunk is no number"),
+    (b"\n##\n", "ended: a message has no chunk"),
+    (b"\n#1\n \n##\n", "ended: a message is empty or holds a zero byte"),
+    (b"\n#100000\n", "ended: a message is longer than 64 KiB"),
+])
+def test_broken_frame_ends_the_session_with_its_reason(front, sent, told):
+    with front.raw() as session:
+        session.rpc("<get/>")
+        session.send(sent)
+        assert session.process.wait(timeout=5) == 1
+        assert f"session {session.session_id} (" in front.log()
+        assert front.log().splitlines()[-1].endswith(told)
+
+
+def test_input_that_ends_within_a_message_is_told(front):
+    with front.raw() as session:
+        session.send(b"\n#10\n<rpc")
+        session.process.stdin.close()
+        assert session.process.wait(timeout=5) == 1
+    assert front.log().splitlines()[-1].endswith("ended: the input ends within a message")
+
+
+def test_request_that_makes_no_sense_is_answered_or_ends_the_session(front):
+    with front.raw() as session:
+        assert "<rpc-error>" in session.rpc("<no-such-operation/>")
+        assert "<rpc-error>" in session.rpc("<get><unknown/></get>")
+        assert "<rpc-reply" in session.rpc("<get/>")
