@@ -8,8 +8,10 @@ import pytest
 from lab import wait_for
 from storm_lab import DETECTED, StormLab, measure, no_idling, softirq_seconds
 
-RATE = 200      # frames per second
-SPEED = 15_000  # of the ring outside, frames per second
+RATE = 200  # frames per second
+# Of the ring outside, frames per second: out of step with the kernel's tick, which would otherwise always see the
+# same moment of a turn when it accounts for the time.
+SPEED = 14_142
 
 
 @pytest.fixture
@@ -21,7 +23,7 @@ def lab(kernel_ports):
 @pytest.fixture
 def wide_lab(kernel_ports):
     """So many ports that flooding to all of them costs more than the ring itself."""
-    with StormLab(ports=96) as the_lab:
+    with StormLab(ports=160) as the_lab:
         yield the_lab
 
 
@@ -47,14 +49,14 @@ def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
 
     assert 8 <= took <= 16
     assert DETECTED.format("swp1") in lab.log()
-    assert unwatched.flooded > SPEED / 2 and metered.received > SPEED / 2, "there was a storm"
+    assert unwatched.flooded.average > SPEED / 2 and metered.received.average > SPEED / 2, "there was a storm"
     # Four seconds of the meter at once, then its rate.
-    assert RATE < metered.flooded < (8 * RATE / 6 + 2 * RATE) * 1.2
-    assert over.received == 0 and over.flooded == 0
-    assert over.outside > SPEED / 2
+    assert RATE < metered.flooded.average < (8 * RATE / 6 + 2 * RATE) * 1.2
+    assert over.received.average == 0 and over.flooded.average == 0
+    assert over.outside.average > SPEED / 2
     # The ring itself goes on as before; the rest is what the switch has to do with its frames.
-    assert metered.softirq - over.softirq <= (unwatched.softirq - over.softirq) / 3
-    assert metered.agent < 0.1 and over.agent < 0.1
+    assert metered.softirq.lowest - over.softirq.lowest <= (unwatched.softirq.lowest - over.softirq.lowest) / 3
+    assert metered.agent.average < 0.1 and over.agent.average < 0.1
     assert [port for port in lab.port_names if not lab.is_up(port)] == ["swp1"]
 
 
@@ -99,7 +101,7 @@ def test_rate_raised_in_mid_storm_begins_the_judgement_anew(lab):
     wait_for(lambda: not lab.is_up("swp1"), 14, "swp1 is shut", every=0.1)
     assert 8 <= time.monotonic() - changed <= 16
     assert DETECTED.format("swp1") in lab.log()
-    assert measure(1, received=lambda: lab.received("swp1")).received == 0
+    assert measure(1, received=lambda: lab.received("swp1")).received.average == 0
 
 
 def test_rate_lowered_in_mid_loop_ends_the_loop_until_it_is_judged_again(lab):
