@@ -4,9 +4,20 @@
 #include <atomic>
 #include <thread>
 
-#include <sys/resource.h>
+#include <netlink/errno.h>
+#include <netlink/netlink.h>
 
 #include "tests/unit/services/nft_rig.h"
+
+static bool g_no_netlink_socket = false;
+
+// The linker puts this in place of nl_connect.
+extern "C" {
+int __real_nl_connect(nl_sock* socket, int protocol);
+int __wrap_nl_connect(nl_sock* socket, int protocol) {
+    return g_no_netlink_socket ? -NLE_NOMEM : __real_nl_connect(socket, protocol);
+}
+}
 
 namespace qv {
 namespace {
@@ -65,12 +76,9 @@ TEST_F(FdbMirrorTest, NoAddressOfTheBridgeBeforeIsKnownWhileThereIsNoSocket) {
     ASSERT_TRUE(wait_for([&] { return mirror.known().contains(kHost); }));
 
     const uint32_t another = if_nametoindex("lo");
-    rlimit limit;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &limit), 0);
-    const rlimit none = {.rlim_cur = 0, .rlim_max = limit.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+    g_no_netlink_socket = true;
     EXPECT_THROW(mirror.follow(another), std::runtime_error);
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    g_no_netlink_socket = false;
     EXPECT_EQ(mirror.bridge(), 0u);
     EXPECT_TRUE(wait_for([&] { return mirror.known().empty(); }));
 
