@@ -17,10 +17,9 @@ constexpr const char* kContainerPath = "/qv-loop-detect-server:loop-detect";
 constexpr const char* kLeafPath = "/qv-loop-detect-server:loop-detect/loop-policy";
 
 RpcError unknown_element(const std::string& path, const char* name) {
-    RpcError error(NC_ERR_UNKNOWN_ELEM, NC_ERR_TYPE_APP,
-                   std::string("there is nothing named \"") + name + "\" here", path);
-    error.element = name;
-    return error;
+    return RpcError(NC_ERR_UNKNOWN_ELEM, NC_ERR_TYPE_APP,
+                    std::string("there is nothing named \"") + name + "\" here", path)
+        .about(name);
 }
 
 // The value of the attribute "operation", or null.
@@ -57,11 +56,9 @@ Operation operation_of(const lyd_node& node, Operation inherited) {
             return operation;
         }
     }
-    RpcError error(NC_ERR_BAD_ATTR, NC_ERR_TYPE_PROT,
-                   std::string("\"") + text + "\" is no operation");
-    error.element = name_of(node);
-    error.attribute = "operation";
-    throw error;
+    throw RpcError(NC_ERR_BAD_ATTR, NC_ERR_TYPE_PROT,
+                   std::string("\"") + text + "\" is no operation")
+        .about(name_of(node), "operation");
 }
 
 bool takes_away(Operation operation) {
@@ -98,10 +95,9 @@ const lyd_node* leaf_in(const lyd_node& container) {
             throw unknown_element(kContainerPath, name_of(*child));
         }
         if (leaf != nullptr) {
-            RpcError error(NC_ERR_BAD_ELEM, NC_ERR_TYPE_APP, "loop-policy is given twice",
-                           kLeafPath);
-            error.element = "loop-policy";
-            throw error;
+            throw RpcError(NC_ERR_BAD_ELEM, NC_ERR_TYPE_APP, "loop-policy is given twice",
+                           kLeafPath)
+                .about("loop-policy");
         }
         leaf = child;
     }
@@ -116,20 +112,18 @@ const lyd_node* container_in(const ly_ctx* context, const lyd_node* config) {
     LY_LIST_FOR(config, node) {
         const char* const name_space = namespace_of(*node);
         if (name_space == nullptr || strcmp(name_space, module->ns) != 0) {
-            RpcError error(NC_ERR_UNKNOWN_NS, NC_ERR_TYPE_APP,
-                           "nothing in this namespace can be configured here");
-            error.element = name_of(*node);
-            error.name_space = name_space == nullptr ? "" : name_space;
-            throw error;
+            throw RpcError(NC_ERR_UNKNOWN_NS, NC_ERR_TYPE_APP,
+                           "nothing in this namespace can be configured here")
+                .about(name_of(*node))
+                .in_namespace(name_space == nullptr ? "" : name_space);
         }
         if (strcmp(name_of(*node), "loop-detect") != 0) {
             throw unknown_element("/", name_of(*node));
         }
         if (container != nullptr) {
-            RpcError error(NC_ERR_BAD_ELEM, NC_ERR_TYPE_APP, "loop-detect is given twice",
-                           kContainerPath);
-            error.element = "loop-detect";
-            throw error;
+            throw RpcError(NC_ERR_BAD_ELEM, NC_ERR_TYPE_APP, "loop-detect is given twice",
+                           kContainerPath)
+                .about("loop-detect");
         }
         container = node;
     }

@@ -171,11 +171,9 @@ Filter Filter::of(const lyd_node& rpc) {
     }
     const char* const select = attribute(*given, "select");
     if (select == nullptr) {
-        RpcError error(NC_ERR_MISSING_ATTR, NC_ERR_TYPE_PROT,
-                       "a filter of type xpath needs the attribute \"select\"");
-        error.element = "filter";
-        error.attribute = "select";
-        throw error;
+        throw RpcError(NC_ERR_MISSING_ATTR, NC_ERR_TYPE_PROT,
+                       "a filter of type xpath needs the attribute \"select\"")
+            .about("filter", "select");
     }
     filter.kind_ = Kind::kXpath;
     filter.xpath_ = select;

@@ -32,9 +32,7 @@ time_t seconds_of(const lyd_node& node) {
 }
 
 RpcError bad_time(NC_ERR tag, const char* element, const char* message) {
-    RpcError error(tag, NC_ERR_TYPE_PROT, message);
-    error.element = element;
-    return error;
+    return RpcError(tag, NC_ERR_TYPE_PROT, message).about(element);
 }
 
 // There is no replay (RFC 5277, section 2.1.1, says how to refuse it).
@@ -61,10 +59,9 @@ void refuse_replay(const lyd_node& rpc) {
 nc_server_reply* lock(const lyd_node& /*rpc*/, Session& session) {
     const EditTurn turn = turn_of(session);
     if (const uint32_t holder = session.lock.holder()) {
-        RpcError error(NC_ERR_LOCK_DENIED, NC_ERR_TYPE_PROT,
-                       "session " + std::to_string(holder) + " holds the lock");
-        error.session_id = holder;
-        throw error;
+        throw RpcError(NC_ERR_LOCK_DENIED, NC_ERR_TYPE_PROT,
+                       "session " + std::to_string(holder) + " holds the lock")
+            .held_by(holder);
     }
     session.lock.take();
     return nc_server_reply_ok();

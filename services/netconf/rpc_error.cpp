@@ -48,9 +48,6 @@ nc_server_reply* reply_of(const ly_ctx* context, const RpcError& error) {
     if (!error.path.empty()) {
         nc_err_set_path(node, error.path.c_str());
     }
-    if (!error.app_tag.empty()) {
-        nc_err_set_app_tag(node, error.app_tag.c_str());
-    }
     return nc_server_reply_err(node);
 }
 

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace netconf {
 
@@ -19,6 +20,24 @@ struct RpcError : std::runtime_error {
           type(error_type),
           path(std::move(error_path)) {}
 
+    // The same error with what some tags carry besides.
+    RpcError about(std::string bad_element, std::string bad_attribute = "") const {
+        RpcError error = *this;
+        error.element = std::move(bad_element);
+        error.attribute = std::move(bad_attribute);
+        return error;
+    }
+    RpcError in_namespace(std::string bad_namespace) const {
+        RpcError error = *this;
+        error.name_space = std::move(bad_namespace);
+        return error;
+    }
+    RpcError held_by(uint32_t session) const {
+        RpcError error = *this;
+        error.session_id = session;
+        return error;
+    }
+
     NC_ERR tag;
     NC_ERR_TYPE type;
     std::string path;         // of the data that is meant; empty: none
@@ -26,7 +45,6 @@ struct RpcError : std::runtime_error {
     std::string attribute;    // <bad-attribute> likewise
     std::string name_space;   // <bad-namespace> of unknown-namespace
     uint32_t session_id = 0;  // of lock-denied
-    std::string app_tag;      // empty: none
 };
 
 // The reply, to be handed to libnetconf2.

@@ -101,40 +101,43 @@ bool serve_request(nc_pollsession* polled) {
     return (outcome & (NC_PSPOLL_SESSION_TERM | NC_PSPOLL_SESSION_ERROR)) == 0;
 }
 
+enum class Step { kAgain, kWait, kOver };
+
+// Sends the next notification if there is one.
+Step tell(Session& session) {
+    auto event = session.subscription ? session.subscription->next() : std::nullopt;
+    if (!event) {
+        return Step::kWait;
+    }
+    return send_event(session, std::move(*event)) ? Step::kAgain : Step::kOver;
+}
+
+// Sleeps until there is something to do and does it. Nothing is sent, and so nothing is asked for,
+// while the client does not read.
+Step wait(const Session& session, const Input& requests, nc_pollsession* polled, bool writable) {
+    Subscription* const subscription = session.subscription.get();
+    const short input = writable ? POLLIN : 0;
+    std::array<pollfd, 3> watched{{
+        {.fd = requests.fd(), .events = input, .revents = 0},
+        {.fd = writable ? -1 : STDOUT_FILENO, .events = POLLOUT, .revents = 0},
+        {.fd = subscription == nullptr ? -1 : subscription->fd(), .events = POLLIN, .revents = 0},
+    }};
+    poll(watched.data(), watched.size(), subscription == nullptr ? -1 : subscription->retry_ms());
+    if (subscription != nullptr && (watched[2].revents != 0 || subscription->fd() < 0)) {
+        subscription->receive();
+    }
+    const bool gone = (watched[1].revents & (POLLERR | POLLHUP)) != 0;
+    return gone || (watched[0].revents != 0 && !serve_request(polled)) ? Step::kOver : Step::kAgain;
+}
+
 // Serves until the session is over. Sleeps in poll(2) alone: the waiting of libnetconf2 looks again
 // every tenth of a millisecond.
 void serve(Session& session, const Input& requests, nc_pollsession* polled) {
-    for (;;) {
-        Subscription* const subscription = session.subscription.get();
-        // Nothing is sent, and so nothing is asked for, while the client does not read.
+    for (Step step = Step::kAgain; step != Step::kOver;) {
         const bool writable = is_writable();
-        if (writable && subscription != nullptr) {
-            auto event = subscription->next();
-            if (event) {
-                if (!send_event(session, std::move(*event))) {
-                    return;
-                }
-                continue;
-            }
-        }
-        const short input = writable ? POLLIN : 0;
-        std::array<pollfd, 3> watched{{
-            {.fd = requests.fd(), .events = input, .revents = 0},
-            {.fd = writable ? -1 : STDOUT_FILENO, .events = POLLOUT, .revents = 0},
-            {.fd = subscription == nullptr ? -1 : subscription->fd(),
-             .events = POLLIN,
-             .revents = 0},
-        }};
-        poll(watched.data(), watched.size(),
-             subscription == nullptr ? -1 : subscription->retry_ms());
-        if (subscription != nullptr && (watched[2].revents != 0 || subscription->fd() < 0)) {
-            subscription->receive();
-        }
-        if ((watched[1].revents & (POLLERR | POLLHUP)) != 0) {
-            return;
-        }
-        if (watched[0].revents != 0 && !serve_request(polled)) {
-            return;
+        step = writable ? tell(session) : Step::kWait;
+        if (step == Step::kWait) {
+            step = wait(session, requests, polled, writable);
         }
     }
 }
