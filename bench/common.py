@@ -34,6 +34,19 @@ def row(name, value, unit, floor=None, ratio=None, limit=None):
     return made
 
 
+def memory_mb(pid, file="status", field="VmRSS:"):
+    for line in pathlib.Path(f"/proc/{pid}/{file}").read_text().splitlines():
+        if line.startswith(field):
+            return int(line.split()[1]) / 1024
+    raise RuntimeError(f"no {field} in {file}")
+
+
+def cpu_ns(pid):
+    """Processor time of all threads of a process."""
+    return sum(int((task / "schedstat").read_text().split()[0])
+               for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
+
+
 class Lines:
     """A program that answers a line with a line."""
 

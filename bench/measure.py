@@ -16,8 +16,9 @@ import subprocess
 import sys
 import time
 
-from common import HERE, PROGRAMS, Lines, in_namespace, percentile, row, say
+from common import HERE, PROGRAMS, Lines, cpu_ns, in_namespace, memory_mb, percentile, row, say
 from lab import Lab, wait_for
+from netconf import measure_netconf
 from storm import measure_storm
 
 TABLE_SIZE = 10  # ports in the loop state at a time
@@ -138,13 +139,6 @@ def start_time_ms(lab):
     return (ready - started) / 1e6
 
 
-def resident_mb(pid):
-    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
-        if line.startswith("VmRSS:"):
-            return int(line.split()[1]) / 1024
-    raise RuntimeError("no VmRSS")
-
-
 def start_rested(lab):
     """Starts the product, switches detection on and waits until all ports are configured."""
     lab.start_agent()
@@ -170,16 +164,10 @@ def measure_start(options):
             result.append(row(f"start to cli ready, {ports} ports", medians[ports], "ms", floor=floor,
                               limit=("max", 1) if floor else None))
             start_rested(lab)
-            result.append(row(f"resident memory, {ports} ports", resident_mb(lab.agent.pid), "MB",
+            result.append(row(f"resident memory, {ports} ports", memory_mb(lab.agent.pid), "MB",
                               limit=("max", 15) if ports == 512 else None))
     del os.environ["LDA_PLATFORM"]
     return result
-
-
-def cpu_ns(pid):
-    """Processor time of all threads of a process."""
-    return sum(int((task / "schedstat").read_text().split()[0])
-               for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
 
 
 def measure_idle(options):
@@ -254,7 +242,7 @@ def machine():
 
 GROUPS = {"shutdown": measure_shutdown, "engine": measure_engine, "redis": measure_redis,
           "start": measure_start, "idle": measure_idle, "delivery": measure_delivery,
-          "storm": measure_storm}
+          "storm": measure_storm, "netconf": measure_netconf}
 
 
 def main():

@@ -33,13 +33,16 @@ inline constexpr char kEntries[] = "mom/4/p_app.lda_loop_entry";
     std::exit(1);
 }
 
-// On database 4. Ends the program when there is no server.
-inline Connection connect(const char* socket) {
+inline constexpr int kRepliesPerRecord = 4;
+
+// Ends the program when there is no server.
+inline Connection connect(const char* socket, unsigned database = 4) {
     Connection connection(redisConnectUnix(socket));
     if (!connection || connection->err != 0) {
         fail("redis");
     }
-    const Reply selected(static_cast<redisReply*>(redisCommand(connection.get(), "SELECT 4")));
+    const Reply selected(
+        static_cast<redisReply*>(redisCommand(connection.get(), "SELECT %u", database)));
     if (!selected || selected->type == REDIS_REPLY_ERROR) {
         fail("redis: SELECT");
     }
@@ -86,8 +89,36 @@ inline Report unpack(std::string_view notice) {
     return report && report->index ? std::move(report) : nullptr;
 }
 
-// Queues the transaction that sets a report: four commands, and so four replies.
-inline void append_report(redisContext* connection, uint32_t ifx, uint32_t is_loop) {
+// Queues the transaction that stores a record and tells those who listen on `channel`. `notice` is
+// the record behind a byte 0. Gives kRepliesPerRecord replies.
+inline void append_record(redisContext* connection, const char* key, const char* channel,
+                          std::string_view notice) {
+    const std::string_view record = notice.substr(1);
+    redisAppendCommand(connection, "MULTI");
+    redisAppendCommand(connection, "SET %s %b", key, record.data(), record.size());
+    redisAppendCommand(connection, "PUBLISH %s %b", channel, notice.data(), notice.size());
+    redisAppendCommand(connection, "EXEC");
+}
+
+// Sends all that is queued.
+inline void send_queued(redisContext* connection) {
+    for (int done = 0; done == 0;) {
+        if (redisBufferWrite(connection, &done) != REDIS_OK) {
+            fail("redis");
+        }
+    }
+}
+
+// Takes the replies of the last record.
+inline void take_replies(redisContext* connection) {
+    for (int n = 0; n < kRepliesPerRecord; n++) {
+        next_reply(connection);
+    }
+}
+
+// Queues a report as a record of the connection's database.
+inline void append_report(redisContext* connection, uint32_t ifx, uint32_t is_loop,
+                          const char* channel = kReports) {
     PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
     PBridge__TarnLoopInfo record = P_BRIDGE__TARN_LOOP_INFO__INIT;
     index.ifx = ifx;
@@ -97,11 +128,8 @@ inline void append_report(redisContext* connection, uint32_t ifx, uint32_t is_lo
     record.src_ifx = ifx;
     uint8_t notice[64] = {0};
     const size_t size = p_bridge__tarn_loop_info__pack(&record, notice + 1);
-    redisAppendCommand(connection, "MULTI");
-    redisAppendCommand(connection, "SET p_bridge.tarn_loop_info/ifx=%u %b", ifx, notice + 1, size);
-    redisAppendCommand(connection, "PUBLISH %s %b", kReports, notice, size + 1);
-    redisAppendCommand(connection, "EXEC");
+    append_record(connection, ("p_bridge.tarn_loop_info/ifx=" + std::to_string(ifx)).c_str(),
+                  channel, {reinterpret_cast<const char*>(notice), size + 1});
 }
-inline constexpr int kRepliesPerReport = 4;
 
 }  // namespace bench

@@ -25,8 +25,8 @@ void send_reports(redisContext* connection, uint32_t count, uint32_t first, uint
             const bool last = sent + 1 == count;
             bench::append_report(connection, last ? loop_ifx : first + sent % ports, last ? 1 : 0);
         }
-        for (uint32_t n = 0; n < batch * bench::kRepliesPerReport; n++) {
-            bench::next_reply(connection);
+        for (uint32_t n = 0; n < batch; n++) {
+            bench::take_replies(connection);
         }
     }
 }

@@ -86,16 +86,10 @@ int main(int argc, char** argv) {
         drain(links);
         bench::append_report(connection.get(), ifx, 1);
         const auto start = Clock::now();
-        for (int done = 0; done == 0;) {
-            if (redisBufferWrite(connection.get(), &done) != REDIS_OK) {
-                bench::fail("redis");
-            }
-        }
+        bench::send_queued(connection.get());
         const bool down = wait_down(links, ifx);
         const std::chrono::nanoseconds took = Clock::now() - start;
-        for (int n = 0; n < bench::kRepliesPerReport; n++) {
-            bench::next_reply(connection.get());
-        }
+        bench::take_replies(connection.get());
         std::puts(down ? std::to_string(took.count()).c_str() : "late");
         std::fflush(stdout);
     }
