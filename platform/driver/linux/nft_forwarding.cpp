@@ -41,7 +41,6 @@ void NftForwarding::install(ForwardingId id, std::optional<uint32_t> phyid,
     added.rule = rule;
     if (phyid) {
         added.name = "port" + std::to_string(*phyid) + "." + std::to_string(id);
-        added.place = locate(*phyid);
     }
     if (const int error = check(added); error != 0) {
         refuse(id, error);
@@ -52,7 +51,7 @@ void NftForwarding::install(ForwardingId id, std::optional<uint32_t> phyid,
     gather();
 }
 
-int NftForwarding::check(const Rule& rule) {
+int NftForwarding::check(const Rule& rule) const {
     if (!rule.phyid) {
         // There is no hook that all frames of a bridge and no others pass. Where nothing happens to
         // the frames nothing is installed, but the table must be there.
@@ -61,15 +60,16 @@ int NftForwarding::check(const Rule& rule) {
     if (rule.rule.meter && rule.rule.meter->rate_pps == 0) {
         return EINVAL;
     }
-    return rule.place.device.empty() ? ENODEV : 0;
+    return locate(*rule.phyid).device.empty() ? ENODEV : 0;
 }
 
-// The device of a port. There is none, too, when its link has gone and we have not heard of it yet.
+// The device of a port, by the name that it has now: we may not have heard yet that it has another
+// one, or that its link has gone.
 NftForwarding::Place NftForwarding::locate(uint32_t phyid) const {
     const Port* const port = settings_.find_port(phyid);
-    const bool there = port != nullptr && NftTable::can_name(port->name) &&
-                       if_nametoindex(port->name.c_str()) == port->ifx;
-    return there ? Place{.device = port->name, .ifx = port->ifx} : Place{};
+    char name[IF_NAMESIZE];
+    const bool there = port != nullptr && if_indextoname(port->ifx, name) != nullptr;
+    return there && NftTable::can_name(name) ? Place{.device = name, .ifx = port->ifx} : Place{};
 }
 
 void NftForwarding::gather() {
@@ -120,7 +120,13 @@ std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Lot& lot) {
         }
         return answers;
     }
-    // Nothing of the lot has happened: one at a time, so that only what cannot be done is not.
+    // Nothing of the lot has happened.
+    if (!table_.is_there()) {
+        changed_.insert(lot.changed.begin(), lot.changed.end());
+        put_back();
+        return answers;
+    }
+    // One at a time, so that only what cannot be done is not.
     for (const Rule& rule : lot.dropped) {
         if (run({.dropped = {rule}, .changed = {}}) != 0) {
             broken_ = true;
@@ -143,19 +149,20 @@ int NftForwarding::run(const Lot& lot) {
     return table_.run(change);
 }
 
-// Notes what has become of a rule; true when it has not been answered yet.
+// Notes what has become of a rule; true when that is to be answered, or a rule was lost.
 bool NftForwarding::finish(ForwardingId id, int error) {
     Rule& rule = rules_.at(id);
-    const bool unanswered = !rule.installed;
     if (error == 0) {
         rule.chain = rule.place;
         rule.installed = true;
-    } else if (unanswered) {
-        rules_.erase(id);
-    } else {
-        broken_ = true;
+        return !std::exchange(rule.answered, true);
     }
-    return unanswered;
+    if (rule.installed) {
+        broken_ = true;  // it is still where it was
+        return false;
+    }
+    rules_.erase(id);
+    return true;
 }
 
 void NftForwarding::refuse(ForwardingId id, int error) {
@@ -175,16 +182,15 @@ void NftForwarding::drop(NftTable::Change& change, const Rule& rule) {
     }
 }
 
-// From what the kernel has of a rule to what it should have.
-void NftForwarding::bring(NftTable::Change& change, const Rule& rule) {
+// From what the kernel has of a rule to what it should have. A chain whose device has gone and is
+// back at the same place is made anew as well: on some kernels it went with the device.
+void NftForwarding::bring(NftTable::Change& change, Rule& rule) const {
     if (!rule.phyid) {
         return;
     }
+    rule.place = locate(*rule.phyid);
     if (!rule.installed && rule.rule.counted) {
         change.add_counter(rule.name);
-    }
-    if (rule.chain == rule.place) {
-        return;
     }
     if (!rule.chain.device.empty()) {
         change.drop_chain(rule.name);
@@ -199,15 +205,25 @@ int NftForwarding::open_table() {
     if (open_) {
         return 0;
     }
-    NftTable::Change change = table_.change();
-    change.begin_anew();
-    if (const int error = table_.run(change); error != 0) {
+    if (const int error = make_table(); error != 0) {
         return error;
     }
     open_ = true;
     timer_ = loop_.after(kTick, [this] { tick(); });
     follow_bridge();
     return 0;
+}
+
+// Without rules and addresses, in place of whatever there is.
+int NftForwarding::make_table() {
+    NftTable::Change change = table_.change();
+    change.begin_anew();
+    const int error = table_.run(change);
+    if (error == 0) {
+        broken_ = false;
+        table_.changed_outside();  // nothing is left of it
+    }
+    return error;
 }
 
 void NftForwarding::remove(ForwardingId id) {
@@ -243,25 +259,24 @@ void NftForwarding::close() {
     gathering_.reset();
     timer_.reset();
     mirror_.stop();
-    if (std::exchange(open_, false)) {
-        NftTable::Change change = table_.change();
-        change.drop_table();
-        table_.run(change);
+    if (!std::exchange(open_, false)) {
+        return;
     }
-    broken_ = false;
+    NftTable::Change change = table_.change();
+    change.drop_table();
+    if (const int error = table_.run(change); error != 0) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "FORWARDING", "LEFT",
+                      "The rules of storm-loop-detect cannot be removed: %s.",
+                      std::strerror(error));
+    }
 }
 
 void NftForwarding::port_changed(uint32_t phyid) {
     if (open_) {
         follow_bridge();
     }
-    for (auto& [id, rule] : rules_) {
-        if (rule.phyid != phyid) {
-            continue;
-        }
-        Place place = locate(phyid);
-        if (place != rule.place) {
-            rule.place = std::move(place);
+    for (const auto& [id, rule] : rules_) {
+        if (rule.phyid == phyid && locate(phyid) != rule.chain) {
             changed_.insert(id);
             gather();
         }
@@ -298,11 +313,10 @@ void NftForwarding::tick() {
     std::vector<NamedCounter> counters;
     counters.reserve(rules_.size());
     const int error = table_.read_counters(counters);
-    if (error == EINTR || error == ENOBUFS) {
-        return;  // busy; nothing is lost, the next reading counts from the same point
-    }
     const bool all_there = report(counters);
-    if (open_ && (broken_ || !all_there)) {
+    // Busy: what is missing in the list is counted next time, from the same point.
+    const bool incomplete = error == EINTR || error == ENOBUFS;
+    if (open_ && (table_.changed_outside() || broken_ || (!all_there && !incomplete))) {
         put_back();
     }
 }
@@ -346,54 +360,39 @@ NftForwarding::Rules::iterator NftForwarding::find_counter(const std::string& na
     return counts ? at : rules_.end();
 }
 
-// The whole table in one transaction, then the known addresses.
+// The table and the known addresses at once, then the rules as if they had just been asked for.
 void NftForwarding::put_back() {
     printk_syslog(SYSLOG_SEVERITY_WARNING, "FORWARDING", "RESTORED",
                   "The rules of storm-loop-detect were changed from outside and are put back.");
-    int error = run_anew();
+    int error = make_table();
     if (error == 0) {
         const std::vector<MacAddress> known(mirror_.known().begin(), mirror_.known().end());
         error = table_.change_known(known, {});
     }
-    broken_ = false;
-    if (error == 0) {
+    if (error != 0) {
+        lose_all(error);
         return;
     }
+    dropped_.clear();
+    for (auto& [id, rule] : rules_) {
+        rule.chain = {};
+        rule.installed = false;
+        rule.reported = {};
+        changed_.insert(id);
+    }
+    gather();
+}
+
+void NftForwarding::lose_all(int error) {
     log_refusal(error);
     std::vector<ForwardingId> lost;
     for (const auto& [id, rule] : rules_) {
         lost.push_back(id);
     }
+    close();
     for (const ForwardingId id : lost) {
-        lose(id, error);
+        sink_->failed(id, error);
     }
-}
-
-// Rules that are still to be installed follow as they would have.
-int NftForwarding::run_anew() {
-    NftTable::Change change = table_.change();
-    change.begin_anew();
-    dropped_.clear();
-    for (auto& [id, rule] : rules_) {
-        if (!rule.phyid || !rule.installed) {
-            continue;
-        }
-        rule.place = locate(*rule.phyid);
-        rule.reported = {};
-        if (rule.rule.counted) {
-            change.add_counter(rule.name);
-        }
-        if (!rule.place.device.empty()) {
-            change.add_chain(rule.name, rule.place.device, rule.rule);
-        }
-        rule.chain = rule.place;
-    }
-    return table_.run(change);
-}
-
-void NftForwarding::lose(ForwardingId id, int error) {
-    remove(id);
-    sink_->failed(id, error);
 }
 
 // Once for each reason, until something could be installed again.

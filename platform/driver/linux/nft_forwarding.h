@@ -9,9 +9,9 @@
 // takes five times as long as eight for all of them. A rule is answered when it is in the kernel.
 //
 // A rule belongs to a bridge port number. While no port has that number it waits without a
-// chain, and returns with the port; its counter stays. When somebody else has taken the table
-// away, it is put back at the next reading of the counters; only where that fails are the rules
-// reported as lost.
+// chain, and returns with the port; its counter stays. When somebody else has changed the table or
+// taken it away, it is put back as a whole at the next reading of the counters; only what cannot be
+// put back is reported as lost.
 #pragma once
 
 #include <functional>
@@ -79,10 +79,12 @@ class NftForwarding final : public ForwardingDriver {
     struct Rule {
         std::optional<uint32_t> phyid;
         ForwardingRule rule;
-        std::string name;        // of its chain and its counter; empty for one on the whole switch
-        Place place;             // where its port is
-        Place chain;             // where its chain is
-        bool installed = false;  // its counter is in the kernel, and it has been answered
+        std::string name;  // of its chain and its counter; empty for one on the whole switch
+        Place place;       // where the change under way puts its chain
+        Place chain;       // where its chain is
+        bool installed =
+            false;  // the kernel has it: its counter, and its chain while it has a port
+        bool answered = false;
         PacketCounts reported;
     };
     using Rules = std::map<ForwardingId, Rule>;
@@ -93,26 +95,26 @@ class NftForwarding final : public ForwardingDriver {
     };
     using Answer = std::pair<ForwardingId, int>;  // and its error, or 0
 
-    static int check(const Rule& rule);
+    int check(const Rule& rule) const;
     void gather();
     void commit();
     Lot next_lot();
     std::vector<Answer> carry_out(const Lot& lot);
     int run(const Lot& lot);
     static void drop(NftTable::Change& change, const Rule& rule);
-    static void bring(NftTable::Change& change, const Rule& rule);
+    void bring(NftTable::Change& change, Rule& rule) const;
     bool finish(ForwardingId id, int error);
     void refuse(ForwardingId id, int error);
     int open_table();
+    int make_table();
     void tick();
     bool report(const std::vector<NamedCounter>& counters);
     Rules::iterator find_counter(const std::string& name);
     void put_back();
-    int run_anew();
     Place locate(uint32_t phyid) const;
     void follow_bridge();
     void take_known(const std::vector<MacAddress>& added, const std::vector<MacAddress>& gone);
-    void lose(ForwardingId id, int error);
+    void lose_all(int error);
     void log_refusal(int error);
 
     EventLoop& loop_;

@@ -152,6 +152,14 @@ int NftObjects::try_out() {
     return read_answers(1);
 }
 
+bool NftObjects::has_table(const std::string& table) {
+    std::array<char, 1024> request;
+    nlmsghdr* const header = nftnl_nlmsg_build_hdr(request.data(), NFT_MSG_GETTABLE, NFPROTO_NETDEV,
+                                                   NLM_F_ACK, ++sequence_);
+    mnl_attr_put_strz(header, NFTA_TABLE_NAME, table.c_str());
+    return mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) >= 0 && read_answers(1) == 0;
+}
+
 int NftObjects::read_counters(const std::string& table, Counters& counters) {
     const std::unique_ptr<nftnl_obj, FreeObject> filter(nftnl_obj_alloc());
     if (!filter) {
@@ -162,6 +170,9 @@ int NftObjects::read_counters(const std::string& table, Counters& counters) {
     // A table that changes while it is listed is listed again.
     int error = EINTR;
     for (int reading = 0; reading < kReadingsAtMost && error == EINTR; ++reading) {
+        if (const int failure = open(); failure != 0) {
+            return failure;
+        }
         counters.clear();
         std::array<char, 1024> request;
         nlmsghdr* const header = nftnl_nlmsg_build_hdr(request.data(), NFT_MSG_GETOBJ,
@@ -181,7 +192,10 @@ int NftObjects::read_list(Counters& counters) {
     for (;;) {
         const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
         if (length < 0) {
-            return errno;
+            // With the socket goes what is left of the list, which the next one would trip over.
+            const int error = errno;
+            socket_.reset();
+            return error;
         }
         int left = static_cast<int>(length);
         const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
@@ -223,6 +237,9 @@ int NftObjects::read_answers(unsigned expected) {
     for (;;) {
         const ssize_t length = recv(fd, buffer_.data(), buffer_.size(), MSG_DONTWAIT);
         if (length < 0) {
+            if (errno != EAGAIN) {
+                socket_.reset();  // with the answers that are left
+            }
             break;
         }
         int left = static_cast<int>(length);

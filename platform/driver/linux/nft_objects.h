@@ -27,7 +27,11 @@ class NftObjects {
     // Whether the kernel has a packet filter and lets us at it.
     int try_out();
 
-    // All named counters of a netdev table. None for a table that is not there.
+    // Whether there is a netdev table of this name.
+    bool has_table(const std::string& table);
+
+    // All named counters of a netdev table. None for a table that is not there. With EINTR the list
+    // may lack some, because the table changes all the time.
     int read_counters(const std::string& table, std::vector<NamedCounter>& counters);
 
     // Adds and removes elements of a set in one transaction: all or nothing. Adding one that is

@@ -78,7 +78,7 @@ void NftTable::Free::operator()(nft_ctx* context) const {
     nft_ctx_free(context);
 }
 
-NftTable::NftTable(std::string name) : name_(std::move(name)) {}
+NftTable::NftTable(std::string name) : name_(std::move(name)), watch_(name_) {}
 
 NftTable::~NftTable() = default;
 
@@ -90,7 +90,7 @@ bool NftTable::can_name(const std::string& device) {
 // Our own socket tries first: the library ends the process where the packet filter is not to be
 // had.
 int NftTable::open() {
-    int error = objects_.open();
+    int error = open_objects();
     if (error == 0) {
         error = objects_.try_out();
     }
@@ -107,25 +107,52 @@ int NftTable::open() {
     return 0;
 }
 
+int NftTable::open_objects() {
+    const int error = objects_.open();
+    return error != 0 ? error : watch_.open();
+}
+
 int NftTable::run(const Change& change) {
     if (const int error = open(); error != 0) {
         return error;
     }
+    note_changes_outside();
     errno = 0;
     const int result = nft_run_cmd_from_buffer(context_.get(), change.text().c_str());
     const int error = result == 0 ? 0 : errno != 0 ? errno : EIO;
     nft_ctx_get_error_buffer(context_.get());  // empties it
+    watch_.changed();                          // that was us
     return error;
 }
 
 int NftTable::change_known(std::span<const uint64_t> added, std::span<const uint64_t> gone) {
-    const int error = objects_.open();
-    return error != 0 ? error : objects_.change_set(name_, kKnownSet, added, gone);
+    if (const int error = open_objects(); error != 0) {
+        return error;
+    }
+    note_changes_outside();
+    const int error = objects_.change_set(name_, kKnownSet, added, gone);
+    watch_.changed();  // that was us
+    return error;
 }
 
 int NftTable::read_counters(std::vector<NamedCounter>& counters) {
     const int error = objects_.open();
     return error != 0 ? error : objects_.read_counters(name_, counters);
+}
+
+bool NftTable::is_there() {
+    return objects_.open() == 0 && objects_.has_table(name_);
+}
+
+void NftTable::note_changes_outside() {
+    changed_outside_ = watch_.changed() || changed_outside_;
+}
+
+bool NftTable::changed_outside() {
+    if (watch_.open() == 0) {
+        note_changes_outside();
+    }
+    return std::exchange(changed_outside_, false);
 }
 
 }  // namespace qv

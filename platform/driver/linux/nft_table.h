@@ -1,8 +1,8 @@
 // The agent's own table of the kernel's packet filter, family netdev: one chain at the ingress of
 // each watched port, a counter for each, and the set of known addresses.
 //
-// Every change is one transaction: it happens as a whole or not at all. Other tables are
-// neither read nor changed.
+// Every change is one transaction: it happens as a whole or not at all. Other tables are never
+// changed.
 #pragma once
 
 #include <memory>
@@ -12,6 +12,7 @@
 
 #include "platform/driver/forwarding_driver.h"
 #include "platform/driver/linux/nft_objects.h"
+#include "platform/driver/linux/nft_watch.h"
 
 struct nft_ctx;
 
@@ -71,15 +72,26 @@ class NftTable {
 
     int read_counters(std::vector<NamedCounter>& counters);
 
+    // Whether the kernel has the table.
+    bool is_there();
+
+    // Whether somebody else has changed the table since the last call. What happens while a change
+    // of our own is carried out counts as part of it.
+    bool changed_outside();
+
  private:
     struct Free {
         void operator()(nft_ctx* context) const;
     };
 
     int open();
+    int open_objects();
+    void note_changes_outside();
 
     const std::string name_;
     NftObjects objects_;
+    NftWatch watch_;
+    bool changed_outside_ = false;
     std::unique_ptr<nft_ctx, Free> context_;  // once there was something to do
 };
 

@@ -29,36 +29,6 @@ TEST_F(NftLots, ManyRulesAreInstalledInTheirOrder) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftLots, OnlyTheRuleThatCannotBeInstalledFails) {
-    plane->install(3, 1, kPortRule);
-    plane->install(4, 1, kPortRule);
-    carry_out();
-    sink.take();
-    // A chain of that name is in the way.
-    nft("add chain netdev lda port2.6\n");
-    plane->remove(4);
-    plane->install(5, 2, kPortRule);
-    plane->install(6, 2, kPortRule);
-    plane->install(7, 2, kPortRule);
-    carry_out();
-    const Lines answers = sink.take();
-    ASSERT_EQ(answers.size(), 3u);
-    EXPECT_EQ(answers[0], "done 5");
-    EXPECT_EQ(answers[1].substr(0, 10), "failed 6: ");
-    EXPECT_EQ(answers[2], "done 7");
-    EXPECT_EQ(platform.log.lines().size(), 1u);
-    settle();
-    EXPECT_EQ(output_of("nft list counters"),
-              "table netdev lda {\n"
-              "\tcounter port1.3 {\n\t\tpackets 0 bytes 0\n\t}\n"
-              "\tcounter port2.5 {\n\t\tpackets 0 bytes 0\n\t}\n"
-              "\tcounter port2.7 {\n\t\tpackets 0 bytes 0\n\t}\n"
-              "}\n");
-    EXPECT_EQ(output_of("nft list chain netdev lda port1.4"), "");
-    EXPECT_NE(output_of("nft list chain netdev lda port2.7"), "");
-    EXPECT_EQ(platform.log.lines().size(), 1u) << "nothing was taken for damage";
-}
-
 TEST_F(NftLots, RuleThatGoesBeforeItWasInstalledNeverIs) {
     plane->install(3, std::nullopt, kSwitchRule);
     plane->install(4, 1, kPortRule);

@@ -1,0 +1,69 @@
+// Messages about changes of the packet filter, sound and damaged.
+#include "platform/driver/linux/nft_watch.h"
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <linux/netlink.h>
+
+namespace qv {
+namespace {
+
+using namespace std::string_literals;
+
+constexpr uint16_t kNewRule = 10 << 8 | 6;
+constexpr uint16_t kNewGeneration = 10 << 8 | 15;
+
+// Attributes: length and number in the machine's order, padded to four bytes.
+std::string attribute(uint16_t number, const std::string& payload) {
+    const nlattr header{static_cast<uint16_t>(sizeof(nlattr) + payload.size()), number};
+    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
+    bytes += payload;
+    bytes.resize((bytes.size() + 3) / 4 * 4);
+    return bytes;
+}
+
+const std::string kNetdev = "\5\0\0\0"s;
+const std::string kInet = "\1\0\0\0"s;
+const std::string kTable = attribute(1, "lda\0"s);
+const std::string kChain = attribute(2, "port1.3\0"s);
+
+// Decoded from a block of its own size, which the address sanitizer guards.
+bool tells(const std::string& payload, uint16_t type = kNewRule) {
+    nlmsghdr header{};
+    header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
+    header.nlmsg_type = type;
+    std::vector<char> message(header.nlmsg_len);
+    std::memcpy(message.data(), &header, sizeof header);
+    std::memcpy(message.data() + sizeof header, payload.data(), payload.size());
+    return tells_of_table(reinterpret_cast<const nlmsghdr*>(message.data()), "lda");
+}
+
+TEST(NftWatch, ChangeOfTheTableIsSeen) {
+    EXPECT_TRUE(tells(kNetdev + kTable + kChain));
+    EXPECT_TRUE(tells(kNetdev + kChain + kTable));
+}
+
+TEST(NftWatch, OtherTablesFamiliesAndMessagesAreNot) {
+    EXPECT_FALSE(tells(kNetdev + attribute(1, "ldas\0"s) + kChain));
+    EXPECT_FALSE(tells(kNetdev + attribute(1, "ld\0"s) + kChain));
+    EXPECT_FALSE(tells(kNetdev + kChain));
+    EXPECT_FALSE(tells(kInet + kTable + kChain));
+    EXPECT_FALSE(tells(kNetdev + kTable, kNewGeneration));
+    EXPECT_FALSE(tells(kNetdev + kTable, 1 << 8 | 6));
+}
+
+TEST(NftWatch, DamagedMessagesTellNothing) {
+    EXPECT_FALSE(tells(""));
+    EXPECT_FALSE(tells("\5"));
+    EXPECT_FALSE(tells(kNetdev));
+    EXPECT_FALSE(tells(kNetdev + attribute(1, "lda"s))) << "a text without an end";
+    std::string cut = kChain + kTable;
+    cut.resize(cut.size() - 4);
+    EXPECT_FALSE(tells(kNetdev + cut));
+}
+
+}  // namespace
+}  // namespace qv
