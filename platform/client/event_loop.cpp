@@ -3,6 +3,7 @@
 #include <event2/event.h>
 #include <pthread.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <unordered_set>
@@ -41,8 +43,7 @@ struct BaseFree {
 };
 using BasePtr = std::unique_ptr<event_base, BaseFree>;
 
-// libevent only waits: no locks (one thread), and a timer finer than a scheduler tick, because a
-// scaled clock multiplies its error.
+// libevent only waits for descriptors: no locks, for there is one thread.
 BasePtr make_base() {
     const std::unique_ptr<event_config, decltype(&event_config_free)> config(event_config_new(),
                                                                              event_config_free);
@@ -50,7 +51,6 @@ BasePtr make_base() {
         throw std::runtime_error("event loop: out of memory");
     }
     event_config_set_flag(config.get(), EVENT_BASE_FLAG_NOLOCK);
-    event_config_set_flag(config.get(), EVENT_BASE_FLAG_PRECISE_TIMER);
     BasePtr base(event_base_new_with_config(config.get()));
     if (!base) {
         throw std::runtime_error("event loop: cannot be set up");
@@ -74,6 +74,37 @@ class WakeDescriptor {
     void clear() const {
         eventfd_t count = 0;
         static_cast<void>(eventfd_read(fd_, &count));
+    }
+
+ private:
+    int fd_;
+};
+
+// Ends the wait for descriptors when the earliest timer is due. A timer of libevent would do too,
+// but it is coarse, and one that is fine enough for a scaled clock costs a system call in every
+// round.
+class AlarmDescriptor {
+ public:
+    AlarmDescriptor() : fd_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
+        if (fd_ < 0) {
+            throw std::runtime_error(std::string("event loop: timerfd: ") + strerror(errno));
+        }
+    }
+    AlarmDescriptor(const AlarmDescriptor&) = delete;
+    AlarmDescriptor& operator=(const AlarmDescriptor&) = delete;
+    ~AlarmDescriptor() { close(fd_); }
+
+    int fd() const { return fd_; }
+    // Also takes back what it has told. A delay of nothing is told at once.
+    void set(Duration delay) const {
+        const auto ns = std::chrono::nanoseconds(std::max(delay, Duration(1))).count();
+        const itimerspec due = {.it_interval = {0, 0},
+                                .it_value = {ns / 1'000'000'000, ns % 1'000'000'000}};
+        timerfd_settime(fd_, 0, &due, nullptr);
+    }
+    void clear() const {
+        const itimerspec never = {};
+        timerfd_settime(fd_, 0, &never, nullptr);
     }
 
  private:
@@ -138,6 +169,8 @@ struct EventLoop::Impl {
     bool anything_left() const;
     bool start(Work work, qv_thread* thread);
     void wake_seen() EXCLUDES(mutex);
+    void alarm_seen();
+    void set_alarm();
     static int run_current(qv_thread* thread);
 
     // Constant after creation.
@@ -145,11 +178,13 @@ struct EventLoop::Impl {
     Clock& clock;
     const pthread_t own_thread = pthread_self();
     WakeDescriptor wake;
+    AlarmDescriptor alarm;
 
     // Loop thread only. The watches are freed before the base they are registered with.
     BasePtr base = make_base();
     EventPtr wake_event;
-    EventPtr alarm;
+    EventPtr alarm_event;
+    std::optional<Time> alarm_time;  // when the alarm is to tell; none: it is off, or has told
     std::unordered_set<Watch*> watches;
     std::map<TimerKey, std::shared_ptr<Timer>> timers;
     uint64_t timers_armed = 0;
@@ -170,9 +205,11 @@ EventLoop::Impl::Impl(EventLoop& owner, Clock& used_clock) : loop(owner), clock(
         base.get(), wake.fd(), EV_READ | EV_PERSIST,
         [](evutil_socket_t, short, void* self) { static_cast<Impl*>(self)->wake_seen(); }, this));
     // The alarm only ends the wait; which timers are due is found out afterwards.
-    alarm.reset(evtimer_new(
-        base.get(), [](evutil_socket_t, short, void*) {}, this));
-    if (!wake_event || !alarm || event_add(wake_event.get(), nullptr) != 0) {
+    alarm_event.reset(event_new(
+        base.get(), alarm.fd(), EV_READ | EV_PERSIST,
+        [](evutil_socket_t, short, void* self) { static_cast<Impl*>(self)->alarm_seen(); }, this));
+    if (!wake_event || !alarm_event || event_add(wake_event.get(), nullptr) != 0 ||
+        event_add(alarm_event.get(), nullptr) != 0) {
         throw std::runtime_error("event loop: cannot be set up");
     }
 }
@@ -224,6 +261,11 @@ void EventLoop::Impl::wake_seen() {
     wake_raised = false;
 }
 
+void EventLoop::Impl::alarm_seen() {
+    alarm.clear();
+    alarm_time.reset();
+}
+
 void EventLoop::Impl::take_posted() {
     const MutexLock lock(mutex);
     for (size_t n = 0; n < kPostedPerRound && !posted.empty(); n++) {
@@ -261,22 +303,31 @@ void EventLoop::Impl::take_put_off() {
     put_off.clear();
 }
 
-// libevent counts every event that was added: the wake-up and the watches.
 bool EventLoop::Impl::anything_left() const {
-    return !timers.empty() || event_base_get_num_events(base.get(), EVENT_BASE_COUNT_ADDED) > 1;
+    return !timers.empty() || !watches.empty();
+}
+
+// For the earliest timer. Most rounds come between two timers and leave it as it is; one set too
+// early costs an empty round.
+void EventLoop::Impl::set_alarm() {
+    if (timers.empty()) {
+        return;
+    }
+    const Time earliest = timers.begin()->first.first;
+    if (alarm_time && *alarm_time <= earliest) {
+        return;
+    }
+    const Duration limit = clock.real_time_until(earliest);
+    if (limit != Duration::max()) {
+        alarm.set(limit);
+        alarm_time = earliest;
+    }
 }
 
 // Until a descriptor is ready, a task is posted or the earliest timer is due.
 void EventLoop::Impl::wait() {
-    const Duration limit =
-        timers.empty() ? Duration::max() : clock.real_time_until(timers.begin()->first.first);
-    if (limit != Duration::max()) {
-        const auto us = std::chrono::ceil<std::chrono::microseconds>(limit).count();
-        const timeval timeout = {us / 1000000, us % 1000000};
-        event_add(alarm.get(), &timeout);
-    }
+    set_alarm();
     event_base_loop(base.get(), EVLOOP_ONCE);
-    event_del(alarm.get());
 }
 
 // Fills `ready`. False when the loop is stopped or nothing is left that could ever fire.
