@@ -40,7 +40,7 @@ void SocketServer::accept_some() {
         const uint64_t id = next_id_++;
         const auto session = sessions_.emplace(
             id, std::make_unique<SocketSession>(loop_, fd, [this, id] { end_session(id); }));
-        session.first->second->look();
+        session.first->second->start();
     }
 }
 

@@ -18,9 +18,7 @@ constexpr int kWrite = 2;
 }  // namespace
 
 SocketSession::SocketSession(EventLoop& loop, int fd, std::function<void()> on_closed)
-    : loop_(loop), fd_(fd), on_closed_(std::move(on_closed)) {
-    update_watch();
-}
+    : loop_(loop), fd_(fd), on_closed_(std::move(on_closed)) {}
 
 SocketSession::~SocketSession() {
     if (fd_ >= 0) {

@@ -28,8 +28,8 @@ class SocketSession {
     SocketSession(const SocketSession&) = delete;
     SocketSession& operator=(const SocketSession&) = delete;
 
-    // Serves what has come already: whoever connects mostly has a request on the way.
-    void look() { on_ready({.read = true, .write = false}); }
+    // Starts with what has come already: whoever connects mostly has a request on the way.
+    void start() { on_ready({.read = true, .write = false}); }
 
     // Shows a system log message, when the session monitors. A client too far behind misses it.
     void show_message(std::string_view text);
@@ -54,7 +54,7 @@ class SocketSession {
     size_t sent_ = 0;  // bytes of output_ that have gone
     bool end_of_input_ = false;
     bool leave_ = false;  // close when output_ has gone
-    int watched_ = -1;    // what watch_ waits for: 1 read, 2 write, or-ed
+    int watched_ = 0;     // what watch_ waits for: 1 read, 2 write, or-ed
     EventLoop::Handle watch_;
     EventLoop::Handle next_turn_;
     EventLoop::Handle stall_timer_;
