@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <array>
@@ -421,6 +422,27 @@ TEST(LoopOnTheRealClock, TimerFiresNotBeforeItsTime) {
     qv_thread thread{};
     ASSERT_NE(loop.fetch(&thread), nullptr);
     EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
+}
+
+TEST(LoopOnTheRealClock, TimerArmedDuringTheWaitForALaterOneFiresFirst) {
+    qv::SteadyClock clock;
+    EventLoop loop(clock);
+    const auto start = std::chrono::steady_clock::now();
+    const auto late = loop.after(10s, [&] { loop.stop(); });
+    const int bell = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    const itimerspec soon = {.it_interval = {0, 0}, .it_value = {0, 1000000}};
+    ASSERT_EQ(timerfd_settime(bell, 0, &soon, nullptr), 0);
+    EventLoop::Handle early;
+    EventLoop::Handle watch = loop.watch(bell, true, false, [&](EventLoop::Ready) {
+        watch.reset();
+        early = loop.after(1ms, [&] { loop.stop(); });
+    });
+    qv_thread thread{};
+    while (loop.fetch(&thread) != nullptr) {
+        qv_thread_call(&thread);
+    }
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
+    close(bell);
 }
 
 TEST(LoopOnTheRealClock, WaitingCostsNoProcessorTime) {
