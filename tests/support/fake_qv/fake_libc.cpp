@@ -43,6 +43,8 @@ struct State {
     timespec deadline{};
     timespec started{};
     std::function<int()> signal_hook;
+    pthread_mutex_t* watched_mutex = nullptr;  // atomic: looked at by every lock of the process
+    std::function<void(bool)> lock_hook;       // set before the mutex is watched
 };
 
 State& state() {
@@ -147,6 +149,12 @@ void on_signal(std::function<int()> hook) {
     state().signal_hook = std::move(hook);
 }
 
+void on_lock(pthread_mutex_t* mutex, std::function<void(bool taken)> hook) {
+    __atomic_store_n(&state().watched_mutex, nullptr, __ATOMIC_RELEASE);
+    state().lock_hook = std::move(hook);
+    __atomic_store_n(&state().watched_mutex, mutex, __ATOMIC_RELEASE);
+}
+
 void let_wait_time_out() {
     auto lock = locked();
     await(lock, [] { return state().waiting; });
@@ -182,6 +190,8 @@ int __real_pthread_condattr_destroy(pthread_condattr_t* attributes);
 int __real_pthread_cond_init(pthread_cond_t* condition, const pthread_condattr_t* attributes);
 int __real_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t* attributes);
 int __real_pthread_mutex_destroy(pthread_mutex_t* mutex);
+int __real_pthread_mutex_lock(pthread_mutex_t* mutex);
+int __real_pthread_mutex_unlock(pthread_mutex_t* mutex);
 int __real_pthread_cond_signal(pthread_cond_t* condition);
 int __real_pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                   const timespec* deadline);
@@ -316,6 +326,20 @@ int __wrap_pthread_mutex_init(pthread_mutex_t* mutex, const pthread_mutexattr_t*
 int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
     fake::enter("pthread_mutex_destroy", "pthread_mutex_destroy");
     return __real_pthread_mutex_destroy(mutex);
+}
+
+// The state's own mutex comes here too, so nothing but the watched address is looked at.
+int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
+    const int result = __real_pthread_mutex_lock(mutex);
+    if (mutex == __atomic_load_n(&state().watched_mutex, __ATOMIC_ACQUIRE))
+        state().lock_hook(true);
+    return result;
+}
+
+int __wrap_pthread_mutex_unlock(pthread_mutex_t* mutex) {
+    if (mutex == __atomic_load_n(&state().watched_mutex, __ATOMIC_ACQUIRE))
+        state().lock_hook(false);
+    return __real_pthread_mutex_unlock(mutex);
 }
 
 int __wrap_pthread_cond_signal(pthread_cond_t* condition) {

@@ -9,6 +9,8 @@
 // events and runs connect callbacks. The state lives as long as the process (one test).
 #pragma once
 
+#include <pthread.h>
+
 #include <cstdint>
 #include <ctime>
 #include <functional>
@@ -218,6 +220,10 @@ int open_files();
 // Threads of the agent are recorded and held back until they are started here.
 int held_threads();
 void start_threads();
+
+// Runs `hook` after every lock (true) and before every unlock (false) of this mutex, on the thread
+// that holds it. A null mutex ends that. Set while no other thread uses the mutex.
+void on_lock(pthread_mutex_t* mutex, std::function<void(bool taken)> hook);
 
 // Timed waits of the agent never time out by themselves. Blocks until the waiting thread waits and
 // `nothing_to_do` (called with the waited mutex held) says that it will go on waiting.

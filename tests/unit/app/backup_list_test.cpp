@@ -148,6 +148,15 @@ TEST_F(BackupList, LoopLockIsReleasedOnEveryWay) {
     EXPECT_FALSE(is_held(&g_lda_loop_set->lock));
 }
 
+TEST_F(BackupList, AddLinksItsNodeUnderTheLoopLock) {
+    Lines seen;
+    fake::on_lock(&g_lda_loop_set->lock, [&](bool taken) {
+        seen.push_back((taken ? "locked " : "unlocking ") + std::to_string(listed().size()));
+    });
+    lda_back_node_add(5);
+    EXPECT_EQ(seen, (Lines{"locked 0", "unlocking 1"}));
+}
+
 TEST_F(BackupList, DeleteLogsUnderTheLoopLock) {
     lda_back_node_add(5);
     bool held = false;

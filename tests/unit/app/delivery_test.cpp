@@ -395,6 +395,21 @@ TEST_F(Delivery, WorkRunsWithoutTheLoopLock) {
     EXPECT_EQ(lines_executed().size(), 4u);
 }
 
+TEST_F(Delivery, LinksOfAMessageTakenOffTheQueueArePoisoned) {
+    post(message(2, 2, 7, 1));
+    const lda_list_t* node = g_lda_cli_msg_set->list.next;
+    uintptr_t next = 0;
+    uintptr_t prev = 0;
+    fake::on_call("cli_sub_create_session", [&] {
+        next = reinterpret_cast<uintptr_t>(node->next);
+        prev = reinterpret_cast<uintptr_t>(node->prev);
+    });
+    fake::start_threads();
+    drained();
+    EXPECT_EQ(next, 0x100100u);
+    EXPECT_EQ(prev, 0x200200u);
+}
+
 TEST_F(Delivery, CountWithoutAMessageIsNoWork) {
     pthread_mutex_lock(&g_lda_cli_msg_set->lock);
     g_lda_cli_msg_set->count = 1;

@@ -219,6 +219,17 @@ TEST_F(Bridge, MembersBeforeTheAggregatePortItselfAreReached) {
     EXPECT_EQ(lda_loop_result_get(6)->mode, 1u);
 }
 
+// A port in no aggregate carries index 0 for it, so a change of index 0 is one of all of them.
+TEST_F(Bridge, ChangeOfIndexZeroReachesThePortsInNoAggregate) {
+    for (uint32_t ifx : {5u, 6u, 7u})
+        add_record(ifx, 1);
+    lda_loop_result_get(6)->mode_arg = 40;
+    mode_event(0, 7);
+    EXPECT_EQ(lda_loop_result_get(5)->mode, 7u);
+    EXPECT_EQ(lda_loop_result_get(6)->mode, 1u);
+    EXPECT_EQ(lda_loop_result_get(7)->mode, 7u);
+}
+
 TEST_F(Bridge, VisitorTellsWhetherTheWalkEnds) {
     lda_intf_t* record = add_record(5, 1);
     record->mode_arg = 40;
@@ -463,6 +474,19 @@ TEST_F(Apply, ShutDownRequestDropsTheOtherTimerWithoutCancellingIt) {
     EXPECT_EQ(record->recover_ticks, 0u);
     EXPECT_EQ(fake::calls_of({"qv_thread_cancel"}), Lines{});
     EXPECT_EQ(fake::timers().size(), pending);
+}
+
+TEST_F(Apply, TicksStartAfreshOnlyAfterTheRequest) {
+    lda_intf_t* record = add_looped(5, 1);
+    g_lda_loop_set->policy = 2;
+    record->recover_ticks = 3;
+    std::vector<uint32_t> ticks;
+    fake::on_call("cli_client_c2p_reform", [&] { ticks.push_back(record->recover_ticks); });
+    lda_intf_t proposed = *record;
+    proposed.is_shutdown = 1;
+    lda_intf_ret_proc(record, &proposed);
+    EXPECT_EQ(ticks, (std::vector<uint32_t>{3, 3}));
+    EXPECT_EQ(record->recover_ticks, 0u);
 }
 
 TEST_F(Apply, WithoutAShutDownRequestTicksAndTimerStay) {

@@ -78,6 +78,24 @@ TEST_F(LsmGroup, LoopedMemberThatLeavesTheShuttableModesIsAnnounced) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
+TEST_F(LsmGroup, MemberKnowsItsAggregateBeforeItIsRejudged) {
+    fake::add_port(100, 2);
+    lda_intf_t* record = looped(7, 1, 2);
+    int32_t aggregate = 0;
+    fake::on_call("nc_lib_notification_send", [&] { aggregate = record->mode_arg; });
+    membership(0, 100, 7);
+    EXPECT_EQ(aggregate, 100);
+}
+
+TEST_F(LsmGroup, MemberIsRejudgedByItsStateBeforeItsLinesWereExecuted) {
+    fake::add_port(100, 7);
+    lda_intf_t* record = looped(7, 1, 2);
+    fake::on_call("cli_execute_cmd_buf_fd", [&] { record->is_shutdown = 1; });
+    membership(0, 100, 7);
+    EXPECT_EQ(record->is_shutdown, 0);
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
+}
+
 TEST_F(LsmGroup, LoopedMemberThatStaysInTheShuttableModesIsNotAnnounced) {
     fake::add_port(100, 7);
     lda_intf_t* record = looped(7, 1, 1);

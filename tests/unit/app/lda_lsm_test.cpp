@@ -278,6 +278,16 @@ TEST_F(LdaLsm, DeletedPortLosesItsRecord) {
     EXPECT_EQ(g_lda_loop_set->intf_num, 2);
 }
 
+TEST_F(LdaLsm, RecordIsUnlinkedUnderTheLoopLock) {
+    add(7);
+    Lines seen;
+    fake::on_lock(&g_lda_loop_set->lock, [&](bool taken) {
+        seen.push_back((taken ? "locked " : "unlocking ") + std::to_string(records().size()));
+    });
+    lda_del_intf(7);
+    EXPECT_EQ(seen, (Lines{"locked 1", "unlocking 0"}));
+}
+
 TEST_F(LdaLsm, DeletingAnUnknownPortChangesNothing) {
     add(5);
     log_everything();

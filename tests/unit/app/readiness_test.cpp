@@ -160,6 +160,16 @@ TEST_F(AgentTest, ReloadEndPushesTheConfigurationOfBothFeaturesBeforeItSubscribe
     EXPECT_EQ(at_subscription, (Lines{"type=5 mid=2 new_type=2"}));
 }
 
+TEST_F(AgentTest, ReloadEndIsReadyBeforeItRejudgesThePorts) {
+    add_looped(5);
+    g_lda_loop_set->policy = 2;
+    uint8_t ready = 0;
+    fake::on_call("cli_client_c2p_reform", [&] { ready = cli_ready; });
+    lda_cli_reload_end_handle();
+    EXPECT_EQ(queued(), (Lines{"type=2 mid=2 ifx=5 shutdown=1", "type=5 mid=2 new_type=2"}));
+    EXPECT_EQ(ready, 1);
+}
+
 // ---- Loop-table walk ----
 
 namespace {

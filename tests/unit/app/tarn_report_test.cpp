@@ -204,6 +204,17 @@ TEST_F(TarnReport, ReportsForPortsWithoutARecordAreDropped) {
               (Lines{notification("swp7", 1, 0, 1), entry_set("swp7", 0, 1), detected("swp7")}));
 }
 
+TEST_F(TarnReport, SourcePortZeroIsAnotherPortLikeAny) {
+    add(7);
+    lda_loop_detect_ptype_set(1);
+    log_everything();
+    EXPECT_EQ(report(7, 0, 0), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info(callback, "recv mom msg, cmd[1]"),
+                     info(callback, "recv tarn msg, ifx[7] vid[0] is_loop[0] src_ifx[0]"),
+                     info(callback, "lda_loop_result_set src loop")}));
+}
+
 TEST_F(TarnReport, TenThousandReportsInARow) {
     lda_intf_t* record = add(7);
     add(8);
