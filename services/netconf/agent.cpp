@@ -25,6 +25,7 @@ constexpr const char* kLoopEntryType = "p_app.lda_loop_entry";
 
 constexpr std::chrono::seconds kAnswerLimit{2};
 constexpr size_t kLongestName = 63;
+const std::string kOpenEnd = "; the agent may still do what was asked";
 
 const uint8_t* bytes_of(const std::string& packed) {
     return reinterpret_cast<const uint8_t*>(packed.data());
@@ -137,23 +138,28 @@ void request_policy(const std::string& socket, PolicyRequest request, uint32_t p
     }
     Listener answers(socket, kLocalDatabase, kAnswerType);
     const auto deadline = steady_clock::now() + kAnswerLimit;
-    if (database.set(kLocalDatabase, kPolicyType,
-                     packed_request(request, policy, publisher, oid)) == 0) {
-        throw RequestFailed("the loop-detection agent is not running; nothing was changed");
-    }
-    while (const auto notice = answers.wait(deadline)) {
-        const auto result = result_in(*notice, request, publisher, oid);
-        if (!result) {
-            continue;
+    std::optional<int32_t> result;
+    try {
+        if (database.set(kLocalDatabase, kPolicyType,
+                         packed_request(request, policy, publisher, oid)) == 0) {
+            throw RequestFailed("the loop-detection agent is not running; nothing was changed");
         }
-        if (*result != 0) {
-            throw RequestFailed("the loop-detection agent refused the request (result " +
-                                std::to_string(*result) + "); nothing was changed");
+        while (!result) {
+            const auto notice = answers.wait(deadline);
+            if (!notice) {
+                throw RequestFailed("the loop-detection agent did not answer within 2 s" +
+                                    kOpenEnd);
+            }
+            result = result_in(*notice, request, publisher, oid);
         }
-        return;
+    } catch (const DatabaseLost& lost) {
+        throw RequestFailed("the object database went away: " + std::string(lost.what()) +
+                            kOpenEnd);
     }
-    throw RequestFailed(
-        "the loop-detection agent did not answer within 2 s; it may still do what was asked");
+    if (*result != 0) {
+        throw RequestFailed("the loop-detection agent refused the request (result " +
+                            std::to_string(*result) + "); nothing was changed");
+    }
 }
 
 }  // namespace netconf

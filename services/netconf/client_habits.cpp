@@ -16,25 +16,64 @@ bool is_element(const lyd_node& node, const char* name, const char* name_space) 
            namespace_of(node) != nullptr && strcmp(namespace_of(node), name_space) == 0;
 }
 
-// The filter in the wrong namespace, or null.
-lyd_node_opaq* misplaced_filter(const lyd_node& rpc) {
-    const lyd_node* const operation = lyd_child(&rpc);
-    if (operation == nullptr || !is_element(*operation, "create-subscription", NC_NS_NOTIF)) {
-        return nullptr;
+void set_name(const ly_ctx* context, ly_opaq_name& name, const char* name_space,
+              const char* prefix) {
+    lydict_remove(context, name.module_ns);
+    lydict_insert(context, name_space, 0, &name.module_ns);
+    lydict_remove(context, name.prefix);
+    name.prefix = nullptr;
+    if (prefix != nullptr) {
+        lydict_insert(context, prefix, 0, &name.prefix);
     }
+}
+
+// True when a filter has been moved.
+bool move_filter(const ly_ctx* context, const lyd_node& subscription) {
     lyd_node* child = nullptr;
-    LY_LIST_FOR(lyd_child(operation), child) {
+    LY_LIST_FOR(lyd_child(&subscription), child) {
         if (is_element(*child, "filter", NC_NS_BASE)) {
-            return reinterpret_cast<lyd_node_opaq*>(child);
+            set_name(context, reinterpret_cast<lyd_node_opaq*>(child)->name, NC_NS_NOTIF, nullptr);
+            return true;
         }
     }
-    return nullptr;
+    return false;
+}
+
+// True when an attribute "operation" in the tree has got its namespace.
+bool qualify_operations(const ly_ctx* context, lyd_node& root) {
+    bool any = false;
+    lyd_node* node = nullptr;
+    LYD_TREE_DFS_BEGIN(&root, node) {
+        lyd_attr* attribute = nullptr;
+        LY_LIST_FOR(reinterpret_cast<lyd_node_opaq*>(node)->attr, attribute) {
+            if (attribute->name.module_ns == nullptr &&
+                strcmp(attribute->name.name, "operation") == 0) {
+                set_name(context, attribute->name, NC_NS_BASE, "nc");
+                any = true;
+            }
+        }
+        LYD_TREE_DFS_END(&root, node)
+    }
+    return any;
+}
+
+bool adapt(const ly_ctx* context, const lyd_node& rpc) {
+    lyd_node* const operation = lyd_child(&rpc);
+    if (operation == nullptr) {
+        return false;
+    }
+    if (is_element(*operation, "create-subscription", NC_NS_NOTIF)) {
+        return move_filter(context, *operation);
+    }
+    return is_element(*operation, "edit-config", NC_NS_BASE) &&
+           qualify_operations(context, *operation);
 }
 
 }  // namespace
 
 void adapt_message(std::string& text) {
-    if (text.find("create-subscription") == std::string::npos) {
+    if (text.find("create-subscription") == std::string::npos &&
+        text.find("operation") == std::string::npos) {
         return;
     }
     // Without any module every element is taken as it is.
@@ -44,15 +83,9 @@ void adapt_message(std::string& text) {
     lyd_node* root = nullptr;
     lyd_parse_data_mem(context, text.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &root);
     const Tree tree(root);
-    lyd_node_opaq* const filter = root == nullptr ? nullptr : misplaced_filter(*root);
-    if (filter == nullptr) {
+    if (root == nullptr || !adapt(context, *root)) {
         return;
     }
-    ly_opaq_name& name = filter->name;
-    lydict_remove(context, name.module_ns);
-    lydict_insert(context, NC_NS_NOTIF, 0, &name.module_ns);
-    lydict_remove(context, name.prefix);
-    name.prefix = nullptr;
     char* printed = nullptr;
     if (lyd_print_mem(&printed, root, LYD_XML, LYD_PRINT_SHRINK) == LY_SUCCESS) {
         const std::unique_ptr<char, decltype(&free)> printed_owner(printed, free);

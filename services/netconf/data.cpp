@@ -3,6 +3,7 @@
 #include <syslog.h>
 
 #include <memory>
+#include <stdexcept>
 #include <string>
 
 #include "services/netconf/agent.h"
@@ -23,8 +24,12 @@ void add_looped_ports(const Session& session, Tree& tree) {
         const std::string entry =
             "/qv-loop-detect-server:loop-detect/looped-port[name=" + (quote + port.name + quote) +
             "]";
-        add_node(session.context, tree, entry + "/policy", std::to_string(port.policy));
-        add_node(session.context, tree, entry + "/src-port", port.src_port ? "true" : "false");
+        try {
+            add_node(session.context, tree, entry + "/policy", std::to_string(port.policy));
+            add_node(session.context, tree, entry + "/src-port", port.src_port ? "true" : "false");
+        } catch (const std::runtime_error& error) {
+            log_line(LOG_WARNING, "a looped port is left out: %s", error.what());
+        }
     }
 }
 

@@ -13,8 +13,7 @@ namespace netconf {
 namespace {
 
 constexpr const char* kModule = "qv-loop-detect-server";
-constexpr const char* kContainerPath = "/qv-loop-detect-server:loop-detect";
-constexpr const char* kLeafPath = "/qv-loop-detect-server:loop-detect/loop-policy";
+constexpr const char* kContainerPath = "/qvld:loop-detect";
 
 RpcError unknown_element(const std::string& path, const char* name) {
     return RpcError(NC_ERR_UNKNOWN_ELEM, NC_ERR_TYPE_APP,
@@ -89,7 +88,7 @@ const lyd_node* leaf_in(const lyd_node& container) {
         if (ours && strcmp(name_of(*child), "looped-port") == 0) {
             throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_APP,
                            "looped-port is state, it cannot be set",
-                           std::string(kContainerPath) + "/looped-port");
+                           std::string(kContainerPath) + "/qvld:looped-port");
         }
         if (!ours || strcmp(name_of(*child), "loop-policy") != 0) {
             throw unknown_element(kContainerPath, name_of(*child));
@@ -125,6 +124,11 @@ const lyd_node* container_in(const ly_ctx* context, const lyd_node* config) {
                            kContainerPath)
                 .about("loop-detect");
         }
+        if (holds_text(*node)) {
+            throw RpcError(NC_ERR_BAD_ELEM, NC_ERR_TYPE_APP, "loop-detect holds text",
+                           kContainerPath)
+                .about("loop-detect");
+        }
         container = node;
     }
     return container;
@@ -151,6 +155,7 @@ std::optional<PolicyChange> removal(Operation operation, bool is_set) {
 std::optional<PolicyChange> change_of_leaf(const lyd_node& leaf, Operation operation, bool is_set) {
     switch (operation) {
         case Operation::kNone:
+            policy_in(leaf);  // only to refuse what the model does not have
             if (!is_set) {
                 throw conflict(NC_ERR_DATA_MISSING, "loop-policy is not set");
             }

@@ -11,7 +11,8 @@ namespace netconf {
 
 enum class Operation { kNone, kMerge, kReplace, kCreate, kDelete, kRemove };
 
-constexpr uint32_t kDefaultPolicy = 0;  // as in the module
+constexpr uint32_t kDefaultPolicy = 0;                                   // as in the module
+constexpr const char* kLeafPath = "/qvld:loop-detect/qvld:loop-policy";  // of an error
 
 struct PolicyChange {
     PolicyRequest request;

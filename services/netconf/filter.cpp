@@ -1,6 +1,8 @@
 #include "services/netconf/filter.h"
 
+#include <algorithm>
 #include <cstring>
+#include <memory>
 #include <string_view>
 #include <unordered_map>
 
@@ -101,16 +103,26 @@ Selection select_by_subtree(const lyd_node* data, const lyd_node* filters) {
     return selection;
 }
 
+struct FreeSet {
+    void operator()(ly_set* set) const { ly_set_free(set, nullptr); }
+};
+using NodeSet = std::unique_ptr<ly_set, FreeSet>;
+
+NodeSet evaluate(const lyd_node& tree, const std::string& xpath) {
+    ly_set* found = nullptr;
+    if (lyd_find_xpath(&tree, xpath.c_str(), &found) != LY_SUCCESS) {
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
+                       "the filter \"" + xpath + "\" selects no nodes");
+    }
+    return NodeSet(found);
+}
+
 Selection select_by_xpath(const lyd_node* data, const std::string& xpath) {
     Selection selection;
     if (data == nullptr) {
         return selection;
     }
-    ly_set* found = nullptr;
-    if (lyd_find_xpath(data, xpath.c_str(), &found) != LY_SUCCESS) {
-        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
-                       "the filter \"" + xpath + "\" selects no nodes");
-    }
+    const NodeSet found = evaluate(*data, xpath);
     for (uint32_t n = 0; n < found->count; n++) {
         const lyd_node* node = found->dnodes[n];
         selection[node] = Part::kWhole;
@@ -118,7 +130,6 @@ Selection select_by_xpath(const lyd_node* data, const std::string& xpath) {
             selection.try_emplace(node, Part::kOnTheWay);
         }
     }
-    ly_set_free(found, nullptr);
     return selection;
 }
 
@@ -175,6 +186,9 @@ Filter Filter::of(const lyd_node& rpc) {
                        "a filter of type xpath needs the attribute \"select\"")
             .about("filter", "select");
     }
+    // Whatever the data: an expression that yields no nodes is refused now, and not when it is
+    // used.
+    evaluate(rpc, select);
     filter.kind_ = Kind::kXpath;
     filter.xpath_ = select;
     return filter;

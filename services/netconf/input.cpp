@@ -12,6 +12,7 @@
 
 #include "services/netconf/client_habits.h"
 #include "services/netconf/framing.h"
+#include "services/netconf/log.h"
 
 namespace netconf {
 namespace {
@@ -37,16 +38,21 @@ Input::Input() : shared_(std::make_shared<Shared>()) {
     }
     messages_ = File(ends[0]);
     shared_->messages = File(ends[1]);
-    // Signals are for the main thread.
-    sigset_t all;
+    // Signals are for the main thread, but for those of a crash: blocked, they end the process
+    // without its last words.
+    sigset_t others;
     sigset_t before;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &before);
+    sigfillset(&others);
+    for (const int crash : {SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL}) {
+        sigdelset(&others, crash);
+    }
+    pthread_sigmask(SIG_SETMASK, &others, &before);
     std::thread([shared = shared_] { pass_on(shared); }).detach();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
 void Input::pass_on(const std::shared_ptr<Shared>& shared) {
+    use_signal_stack();
     const int messages = shared->messages.fd();
     Framing framing;
     std::array<char, 16384> piece;

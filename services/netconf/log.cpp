@@ -22,20 +22,23 @@ bool g_to_stderr = false;
 struct LastWords {
     int signal;
     int priority;
+    int status;  // of the process
     const char* text;
     std::array<char, kLineBytes> line;
     size_t length;
     size_t tag;  // bytes at the start that only the system log wants
 };
 
-std::array<LastWords, 7> g_last_words{{
-    {SIGTERM, LOG_NOTICE, "terminated from outside", {}, 0, 0},
-    {SIGALRM, LOG_WARNING, "ended: a message took too long, or the client does not read", {}, 0, 0},
-    {SIGSEGV, LOG_ERR, "ended: a message broke the parser (memory)", {}, 0, 0},
-    {SIGBUS, LOG_ERR, "ended: a message broke the parser (bus)", {}, 0, 0},
-    {SIGABRT, LOG_ERR, "ended: a message broke the parser (abort)", {}, 0, 0},
-    {SIGFPE, LOG_ERR, "ended: a message broke the parser (arithmetic)", {}, 0, 0},
-    {SIGILL, LOG_ERR, "ended: a message broke the parser (instruction)", {}, 0, 0},
+std::array<LastWords, 9> g_last_words{{
+    {SIGTERM, LOG_NOTICE, 0, "terminated from outside", {}, 0, 0},
+    {SIGHUP, LOG_NOTICE, 0, "terminated from outside", {}, 0, 0},
+    {SIGINT, LOG_NOTICE, 0, "terminated from outside", {}, 0, 0},
+    {SIGALRM, LOG_WARNING, 1, "ended: a message took too long, or nobody reads", {}, 0, 0},
+    {SIGSEGV, LOG_ERR, 1, "ended: a message broke the parser (memory)", {}, 0, 0},
+    {SIGBUS, LOG_ERR, 1, "ended: a message broke the parser (bus)", {}, 0, 0},
+    {SIGABRT, LOG_ERR, 1, "ended: a message broke the parser (abort)", {}, 0, 0},
+    {SIGFPE, LOG_ERR, 1, "ended: a message broke the parser (arithmetic)", {}, 0, 0},
+    {SIGILL, LOG_ERR, 1, "ended: a message broke the parser (instruction)", {}, 0, 0},
 }};
 int g_system_log = -1;
 
@@ -52,8 +55,8 @@ void on_signal(int number) {
                 write(STDERR_FILENO, words.line.data() + words.tag, words.length - words.tag);
             static_cast<void>(written);  // nobody is left to be told
         }
+        _exit(words.status);
     }
-    _exit(number == SIGTERM ? 0 : 1);
 }
 
 // A system log that is not there is no reason to refuse service.
@@ -106,14 +109,17 @@ void log_line(int priority, const char* format, ...) {
     }
 }
 
+void use_signal_stack() {
+    static thread_local std::array<char, 16384> stack;
+    const stack_t alternative{.ss_sp = stack.data(), .ss_flags = 0, .ss_size = stack.size()};
+    sigaltstack(&alternative, nullptr);
+}
+
 void arm_last_words() {
     if (g_system_log < 0) {
         g_system_log = connect_system_log();
     }
-    // A message nested too deeply breaks the stack, so the handler has one of its own.
-    static std::array<char, 16384> stack;
-    const stack_t alternative{.ss_sp = stack.data(), .ss_flags = 0, .ss_size = stack.size()};
-    sigaltstack(&alternative, nullptr);
+    use_signal_stack();
     struct sigaction action {};
     action.sa_handler = on_signal;
     action.sa_flags = static_cast<int>(SA_ONSTACK | SA_RESETHAND);

@@ -15,11 +15,15 @@ void log_as(const std::string& who);
 // One line; `priority` is a LOG_* of <syslog.h>.
 [[gnu::format(printf, 2, 3)]] void log_line(int priority, const char* format, ...);
 
-// What SIGTERM, an alarm() that rings and a crash do from now on: one line, then the process ends
-// at once. The kernel releases what it held. Call again when log_as() has changed.
+// What SIGTERM, SIGHUP, SIGINT, an alarm() that rings and a crash do from now on: one line, then
+// the process ends at once. The kernel releases what it held. Call again when log_as() has changed.
 //
 // The parser beneath is written in C and meets whatever a client sends; a message that breaks it
 // must end this session alone, and not silently.
 void arm_last_words();
+
+// For each further thread that may crash: a message nested too deeply breaks the stack, so the last
+// words are said on another one.
+void use_signal_stack();
 
 }  // namespace netconf

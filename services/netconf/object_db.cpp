@@ -3,6 +3,8 @@
 #include <hiredis/hiredis.h>
 #include <poll.h>
 
+#include <set>
+
 namespace netconf {
 namespace {
 
@@ -86,20 +88,24 @@ std::optional<std::string> Database::get(unsigned database, std::string_view key
 
 std::vector<std::string> Database::values(unsigned database, std::string_view type) {
     select(database);
-    std::vector<std::string> found;
+    std::set<std::string> keys;  // a scan may come across a key twice
     std::string cursor = "0";
     do {
         const Reply page =
             command({"SCAN", cursor, "MATCH", std::string(type) + "/*", "COUNT", kScanPage});
         cursor = text_of(element(*page, 0, REDIS_REPLY_STRING));
-        const redisReply& keys = element(*page, 1, REDIS_REPLY_ARRAY);
-        for (size_t n = 0; n < keys.elements; n++) {
-            const Reply value = command({"GET", text_of(element(keys, n, REDIS_REPLY_STRING))});
-            if (value->type == REDIS_REPLY_STRING) {  // not deleted in the meantime
-                found.emplace_back(text_of(*value));
-            }
+        const redisReply& names = element(*page, 1, REDIS_REPLY_ARRAY);
+        for (size_t n = 0; n < names.elements; n++) {
+            keys.emplace(text_of(element(names, n, REDIS_REPLY_STRING)));
         }
     } while (cursor != "0");
+    std::vector<std::string> found;
+    for (const std::string& key : keys) {
+        const Reply value = command({"GET", key});
+        if (value->type == REDIS_REPLY_STRING) {  // not deleted in the meantime
+            found.emplace_back(text_of(*value));
+        }
+    }
     return found;
 }
 

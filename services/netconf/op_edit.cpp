@@ -2,6 +2,7 @@
 // one request to the agent and cannot be half done, whatever the error-option says.
 #include <cstring>
 #include <optional>
+#include <stdexcept>
 #include <string>
 
 #include "services/netconf/data.h"
@@ -11,8 +12,6 @@
 
 namespace netconf {
 namespace {
-
-constexpr const char* kLeafPath = "/qv-loop-detect-server:loop-detect/loop-policy";
 
 std::string text_of(const lyd_node& rpc, const char* name, const char* fallback) {
     const lyd_node* const node = child_named(rpc, name);
@@ -44,10 +43,8 @@ void refuse_when_locked(const Session& session) {
 void perform(const Session& session, const PolicyChange& change) {
     try {
         request_policy(session.options.redis_socket, change.request, change.policy);
-    } catch (const RequestFailed& failed) {
+    } catch (const std::runtime_error& failed) {
         throw RpcError(NC_ERR_OP_FAILED, NC_ERR_TYPE_APP, failed.what(), kLeafPath);
-    } catch (const DatabaseLost& lost) {
-        throw RpcError(NC_ERR_OP_FAILED, NC_ERR_TYPE_APP, lost.what(), kLeafPath);
     }
 }
 
@@ -66,9 +63,13 @@ nc_server_reply* edit(const Session& session, const lyd_node* config, Operation 
     return nc_server_reply_ok();
 }
 
-// The content of <config> beneath `parent`.
+// The content of <config> beneath `parent`, null when there is none.
 const lyd_node* config_in(const lyd_node& parent) {
     const lyd_node* const config = child_named(parent, "config");
+    if (config != nullptr && holds_text(*config)) {
+        throw RpcError(NC_ERR_BAD_ELEM, NC_ERR_TYPE_PROT, "the configuration is text, not elements")
+            .about("config");
+    }
     return config == nullptr ? nullptr : content_of(*config);
 }
 

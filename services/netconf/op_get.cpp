@@ -23,12 +23,12 @@ bool wants_defaults(const lyd_node& rpc) {
     return name == "report-all";
 }
 
-// The output of `rpc` with its one anyxml node "data".
+// The output of `rpc` with a copy of `data` in its one anyxml node.
 nc_server_reply* reply_with(const lyd_node& rpc, const void* data, LYD_ANYDATA_VALUETYPE type) {
     lyd_node* output = nullptr;
     lyd_dup_single(&rpc, nullptr, LYD_DUP_NO_META, &output);
     if (output == nullptr ||
-        lyd_new_any(output, nullptr, "data", data, 1, type, 1, nullptr) != LY_SUCCESS) {
+        lyd_new_any(output, nullptr, "data", data, 0, type, 1, nullptr) != LY_SUCCESS) {
         lyd_free_tree(output);
         throw std::runtime_error("no memory for the answer");
     }
@@ -36,7 +36,7 @@ nc_server_reply* reply_with(const lyd_node& rpc, const void* data, LYD_ANYDATA_V
 }
 
 nc_server_reply* reply_with(const lyd_node& rpc, const Filter& filter, const Tree& tree) {
-    return reply_with(rpc, filter.apply(tree.get()).release(), LYD_ANYDATA_DATATREE);
+    return reply_with(rpc, filter.apply(tree.get()).get(), LYD_ANYDATA_DATATREE);
 }
 
 const char* text_of(const lyd_node& rpc, const char* name) {
@@ -79,22 +79,17 @@ nc_server_reply* get_config(const lyd_node& rpc, Session& session) {
 
 nc_server_reply* get_schema(const lyd_node& rpc, Session& session) {
     const char* const format = text_of(rpc, "format");
-    const std::string form = format == nullptr ? "ietf-netconf-monitoring:yang" : format;
-    if (form != "ietf-netconf-monitoring:yang" && form != "ietf-netconf-monitoring:yin") {
-        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_APP, "the formats are yang and yin");
+    if (format != nullptr && strcmp(format, "ietf-netconf-monitoring:yang") != 0) {
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_APP, "schemas are there as yang only");
     }
     const lys_module& module =
         module_named(session.context, text_of(rpc, "identifier"), text_of(rpc, "version"));
     char* text = nullptr;
-    const bool yang = form == "ietf-netconf-monitoring:yang";
-    if (lys_print_mem(&text, &module, yang ? LYS_OUT_YANG : LYS_OUT_YIN, 0) != LY_SUCCESS) {
+    if (lys_print_mem(&text, &module, LYS_OUT_YANG, 0) != LY_SUCCESS) {
         throw std::runtime_error("the schema cannot be printed");
     }
     const std::unique_ptr<char, decltype(&free)> owner(text, free);
-    lyd_node* output = nullptr;
-    lyd_dup_single(&rpc, nullptr, LYD_DUP_NO_META, &output);
-    lyd_new_any(output, nullptr, "data", text, 0, LYD_ANYDATA_STRING, 1, nullptr);
-    return nc_server_reply_data(output, NC_WD_EXPLICIT, NC_PARAMTYPE_FREE);
+    return reply_with(rpc, text, LYD_ANYDATA_STRING);
 }
 
 }  // namespace netconf

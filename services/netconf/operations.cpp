@@ -12,25 +12,62 @@ namespace {
 struct Entry {
     const char* path;
     nc_server_reply* (*perform)(const lyd_node& rpc, Session& session);
+    std::array<const char*, 2> needed{};  // parameters without which nothing can be done
 };
 
 // <close-session> is libnetconf2's own. Its own <get-schema> frees memory twice and must not be
 // the one that is called.
 constexpr std::array<Entry, 10> kOperations{{
     {"/ietf-netconf:get", get},
-    {"/ietf-netconf:get-config", get_config},
-    {"/ietf-netconf-monitoring:get-schema", get_schema},
-    {"/ietf-netconf:edit-config", edit_config},
-    {"/ietf-netconf:copy-config", copy_config},
-    {"/ietf-netconf:validate", validate},
-    {"/ietf-netconf:lock", lock},
-    {"/ietf-netconf:unlock", unlock},
-    {"/ietf-netconf:kill-session", kill_session},
+    {"/ietf-netconf:get-config", get_config, {"source"}},
+    {"/ietf-netconf-monitoring:get-schema", get_schema, {"identifier"}},
+    {"/ietf-netconf:edit-config", edit_config, {"target", "config"}},
+    {"/ietf-netconf:copy-config", copy_config, {"target", "source"}},
+    {"/ietf-netconf:validate", validate, {"source"}},
+    {"/ietf-netconf:lock", lock, {"target"}},
+    {"/ietf-netconf:unlock", unlock, {"target"}},
+    {"/ietf-netconf:kill-session", kill_session, {"session-id"}},
     {"/notifications:create-subscription", create_subscription},
 }};
 
+// Each parameter comes once, and a container, <source> or <target>, names one datastore.
+void check_parameter(const lyd_node& parameter) {
+    const char* const name = name_of(parameter);
+    const lyd_node* later = nullptr;
+    LY_LIST_FOR(parameter.next, later) {
+        if (strcmp(name_of(*later), name) == 0) {
+            throw RpcError(NC_ERR_BAD_ELEM, NC_ERR_TYPE_PROT,
+                           "\"" + std::string(name) + "\" is given twice")
+                .about(name);
+        }
+    }
+    const lyd_node* const store = lyd_child(&parameter);
+    if (parameter.schema->nodetype == LYS_CONTAINER &&
+        (store == nullptr || store->next != nullptr)) {
+        throw RpcError(NC_ERR_BAD_ELEM, NC_ERR_TYPE_PROT,
+                       "\"" + std::string(name) + "\" must name one datastore")
+            .about(name);
+    }
+}
+
+// libnetconf2 parses a request against the model, but does not validate it.
+void check_input(const Entry& entry, const lyd_node& rpc) {
+    const lyd_node* parameter = nullptr;
+    LY_LIST_FOR(lyd_child(&rpc), parameter) {
+        check_parameter(*parameter);
+    }
+    for (const char* const name : entry.needed) {
+        if (name != nullptr && child_named(rpc, name) == nullptr) {
+            throw RpcError(NC_ERR_MISSING_ELEM, NC_ERR_TYPE_PROT,
+                           "\"" + std::string(name) + "\" is missing")
+                .about(name);
+        }
+    }
+}
+
 nc_server_reply* perform(const Entry& entry, const lyd_node& rpc, Session& session) {
     try {
+        check_input(entry, rpc);
         return entry.perform(rpc, session);
     } catch (const RpcError& error) {
         return reply_of(session.context, error);

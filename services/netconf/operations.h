@@ -13,8 +13,9 @@ namespace netconf {
 // std::runtime_error.
 void start_server(ly_ctx* context);
 
-// One operation each. `rpc` is the request, valid against the model. The reply goes to libnetconf2.
-// They throw RpcError; everything else that they throw is answered as operation-failed.
+// One operation each. `rpc` is the request: what is in it fits the model, and what the operation
+// needs is there, once. The reply goes to libnetconf2. They throw RpcError; everything else that
+// they throw is answered as operation-failed.
 nc_server_reply* get(const lyd_node& rpc, Session& session);
 nc_server_reply* get_config(const lyd_node& rpc, Session& session);
 nc_server_reply* get_schema(const lyd_node& rpc, Session& session);

@@ -68,7 +68,7 @@ Options read_options(int count, char* const* words) {
     if (optind < count) {
         throw std::runtime_error(std::string("bad argument: ") + words[optind]);
     }
-    if (options.redis_socket.empty()) {
+    if (options.redis_socket.empty() && !options.help) {
         options.redis_socket = platform.empty() ? qv::PlatformConfig().redis_socket
                                                 : qv::load_platform_config(platform).redis_socket;
     }

@@ -37,6 +37,18 @@ lyd_node* error_node(const ly_ctx* context, const RpcError& error) {
     return nc_err(context, error.tag, error.type);
 }
 
+// nc_err_set_path() takes a text and cannot declare the prefix in it.
+void add_path(const ly_ctx* context, lyd_node* error, const std::string& path) {
+    const std::string text = "<error-path xmlns=\"" NC_NS_BASE
+                             "\" xmlns:qvld=\"urn:qv:yang:qv-loop-detect-server\">" +
+                             path + "</error-path>";
+    lyd_node* node = nullptr;
+    if (lyd_parse_data_mem(context, text.c_str(), LYD_XML, LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0,
+                           &node) == LY_SUCCESS) {
+        lyd_insert_child(error, node);
+    }
+}
+
 }  // namespace
 
 nc_server_reply* reply_of(const ly_ctx* context, const RpcError& error) {
@@ -44,10 +56,10 @@ nc_server_reply* reply_of(const ly_ctx* context, const RpcError& error) {
     if (node == nullptr) {
         return nullptr;  // answered as operation-failed by libnetconf2
     }
-    nc_err_set_msg(node, error.what(), "en");
     if (!error.path.empty()) {
-        nc_err_set_path(node, error.path.c_str());
+        add_path(context, node, error.path);
     }
+    nc_err_set_msg(node, error.what(), "en");
     return nc_server_reply_err(node);
 }
 

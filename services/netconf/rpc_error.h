@@ -40,7 +40,7 @@ struct RpcError : std::runtime_error {
 
     NC_ERR tag;
     NC_ERR_TYPE type;
-    std::string path;         // of the data that is meant; empty: none
+    std::string path;         // XPath of the data that is meant; its prefix is qvld; empty: none
     std::string element;      // <bad-element> of the tags that carry one
     std::string attribute;    // <bad-attribute> likewise
     std::string name_space;   // <bad-namespace> of unknown-namespace

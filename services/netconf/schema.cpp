@@ -78,4 +78,16 @@ const lyd_node* content_of(const lyd_node& any) {
     return node.value_type == LYD_ANYDATA_DATATREE ? node.value.tree : nullptr;
 }
 
+bool holds_text(const lyd_node& node) {
+    const char* text = nullptr;
+    if (node.schema == nullptr) {
+        text = lyd_get_value(&node);
+    } else if (const auto& any = reinterpret_cast<const lyd_node_any&>(node);
+               (node.schema->nodetype & LYD_NODE_ANY) != 0 &&
+               any.value_type != LYD_ANYDATA_DATATREE) {
+        text = any.value.str;
+    }
+    return text != nullptr && text[strspn(text, " \t\r\n")] != '\0';
+}
+
 }  // namespace netconf

@@ -34,7 +34,10 @@ const char* namespace_of(const lyd_node& node);
 // The child of `node` with this name, or null.
 const lyd_node* child_named(const lyd_node& node, const char* name);
 
-// The tree beneath an anyxml node such as <config> or <filter>; null when it is empty.
+// The tree beneath an anyxml node such as <config> or <filter>; null when it is empty or holds
+// text.
 const lyd_node* content_of(const lyd_node& any);
+// Whether there is text in an anyxml node, or in one that fits no model.
+bool holds_text(const lyd_node& node);
 
 }  // namespace netconf

@@ -31,7 +31,7 @@ struct FreePoll {
 };
 
 struct BlockGuard {
-    BlockGuard() { alarm(kBlockLimit_s); }
+    explicit BlockGuard(unsigned limit_s = kBlockLimit_s) { alarm(limit_s); }
     ~BlockGuard() { alarm(0); }
 };
 
@@ -79,9 +79,13 @@ const char* reason_of(NC_MSG_TYPE answer) {
     return "the client went before its hello was complete";
 }
 
-bool is_writable() {
+constexpr short kGone = POLLERR | POLLHUP;
+
+// What standard output is ready for: of POLLOUT and kGone.
+short output_state() {
     pollfd output{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
-    return poll(&output, 1, 0) == 1 && (output.revents & POLLOUT) != 0;
+    poll(&output, 1, 0);
+    return output.revents;
 }
 
 // False when the session is over.
@@ -113,20 +117,21 @@ Step tell(Session& session) {
 }
 
 // Sleeps until there is something to do and does it. Nothing is sent, and so nothing is asked for,
-// while the client does not read.
+// while the client does not read. That it has stopped reading for good is always seen.
 Step wait(const Session& session, const Input& requests, nc_pollsession* polled, bool writable) {
     Subscription* const subscription = session.subscription.get();
     const short input = writable ? POLLIN : 0;
+    const short output = writable ? 0 : POLLOUT;
     std::array<pollfd, 3> watched{{
         {.fd = requests.fd(), .events = input, .revents = 0},
-        {.fd = writable ? -1 : STDOUT_FILENO, .events = POLLOUT, .revents = 0},
+        {.fd = STDOUT_FILENO, .events = output, .revents = 0},
         {.fd = subscription == nullptr ? -1 : subscription->fd(), .events = POLLIN, .revents = 0},
     }};
     poll(watched.data(), watched.size(), subscription == nullptr ? -1 : subscription->retry_ms());
     if (subscription != nullptr && (watched[2].revents != 0 || subscription->fd() < 0)) {
         subscription->receive();
     }
-    const bool gone = (watched[1].revents & (POLLERR | POLLHUP)) != 0;
+    const bool gone = (watched[1].revents & kGone) != 0;
     return gone || (watched[0].revents != 0 && !serve_request(polled)) ? Step::kOver : Step::kAgain;
 }
 
@@ -134,7 +139,7 @@ Step wait(const Session& session, const Input& requests, nc_pollsession* polled,
 // every tenth of a millisecond.
 void serve(Session& session, const Input& requests, nc_pollsession* polled) {
     for (Step step = Step::kAgain; step != Step::kOver;) {
-        const bool writable = is_writable();
+        const bool writable = (output_state() & POLLOUT) != 0;
         step = writable ? tell(session) : Step::kWait;
         if (step == Step::kWait) {
             step = wait(session, requests, polled, writable);
@@ -147,6 +152,10 @@ int log_end(const nc_session* link, const Input& requests) {
     if (requests.fault() != nullptr) {
         log_line(LOG_WARNING, "ended: %s", requests.fault());
         return 1;
+    }
+    if ((output_state() & kGone) != 0) {
+        log_line(LOG_INFO, "ended: the client went away");
+        return 0;
     }
     switch (nc_session_get_term_reason(link)) {
         case NC_SESSION_TERM_CLOSED:
@@ -184,7 +193,7 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
     NC_MSG_TYPE answer;
     {
         nc_server_set_hello_timeout(kHelloLimit_s);
-        const BlockGuard guard;
+        const BlockGuard guard(kHelloLimit_s + kBlockLimit_s);
         answer = nc_accept_inout(requests.fd(), STDOUT_FILENO, user.c_str(), &accepted);
     }
     if (answer != NC_MSG_HELLO) {

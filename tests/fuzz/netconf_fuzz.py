@@ -85,6 +85,9 @@ def fixed_inputs():
     yield "nested tags within the limit", HELLO + framed(b"<a>" * 21_000)
     yield "nested filter within the limit", HELLO + framed(
         RPC % (b"<get><filter>" + b"<a>" * 9_000 + b"</a>" * 9_000 + b"</filter></get>"))
+    yield "nested subscription within the limit", HELLO + framed(
+        RPC % (b'<create-subscription xmlns="urn:ietf:params:xml:ns:netconf:notification:1.0"><filter>' + b"<a>" * 9_000
+               + b"</a>" * 9_000 + b"</filter></create-subscription>"))
     yield "wide configuration within the limit", HELLO + framed(
         RPC % (b"<edit-config><target><running/></target><config>" + b"<a/>" * 16_000 + b"</config></edit-config>"))
     yield "many attributes", HELLO + framed(b"<rpc " + b" ".join(b'a%d="x"' % n for n in range(5_000)) + b"/>")

@@ -124,6 +124,7 @@ TEST_F(EditPlan, OperationIsInheritedUnlessGiven) {
     EXPECT_EQ(plan(leaf("3", "merge", "create"), 1), "set 3");
     EXPECT_EQ(plan(leaf("3"), 1, Operation::kNone), "nothing");
     EXPECT_EQ(plan(leaf("3"), 0, Operation::kNone), error(NC_ERR_DATA_MISSING));
+    EXPECT_EQ(plan(leaf("9"), 1, Operation::kNone), error(NC_ERR_INVALID_VALUE));
     EXPECT_EQ(plan(leaf("3", "replace"), 1, Operation::kNone), "set 3");
 }
 
@@ -142,6 +143,9 @@ TEST_F(EditPlan, DataOfNoModelIsRefused) {
     EXPECT_EQ(plan("<a xmlns=\"urn:qv:yang:qv-loop-detect-server\"/>", 0),
               error(NC_ERR_UNKNOWN_ELEM));
     EXPECT_EQ(plan(empty() + empty(), 0), error(NC_ERR_BAD_ELEM));
+    EXPECT_EQ(plan("<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">text</loop-detect>", 3,
+                   Operation::kReplace),
+              error(NC_ERR_BAD_ELEM));
 }
 
 }  // namespace

@@ -58,7 +58,6 @@ class FilterOfGet : public testing::Test {
                "</loop-detect>";
     }
 
- private:
     const Context context_ = netconf::load_modules(YANG_DIR);
     Tree data_;
 };
@@ -137,6 +136,8 @@ TEST_F(FilterOfGet, XpathWithoutSelectIsRefused) {
 }
 
 TEST_F(FilterOfGet, XpathThatYieldsNoNodesIsRefused) {
+    EXPECT_THROW(passes("<filter type=\"xpath\" select=\"1 + 1\"/>"), netconf::RpcError);
+    data_.reset();  // also when there is nothing to select from
     EXPECT_THROW(passes("<filter type=\"xpath\" select=\"1 + 1\"/>"), netconf::RpcError);
 }
 

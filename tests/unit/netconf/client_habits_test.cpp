@@ -1,0 +1,59 @@
+// What is put right in a message before it is parsed, and what is left alone.
+#include "services/netconf/client_habits.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace {
+
+constexpr const char* kBase = "urn:ietf:params:xml:ns:netconf:base:1.0";
+constexpr const char* kEvents = "urn:ietf:params:xml:ns:netconf:notification:1.0";
+
+std::string adapted(std::string text) {
+    netconf::adapt_message(text);
+    return text;
+}
+
+std::string rpc(const std::string& content) {
+    return "<rpc xmlns=\"" + std::string(kBase) + "\" message-id=\"7\">" + content + "</rpc>";
+}
+
+std::string edit(const std::string& attribute, const std::string& text = "") {
+    return rpc("<edit-config><config><loop-detect xmlns=\"urn:a\"><loop-policy" + attribute +
+               (text.empty() ? "/>" : ">" + text + "</loop-policy>") +
+               "</loop-detect></config></edit-config>");
+}
+
+TEST(ClientHabits, FilterOfASubscriptionIsMovedIntoTheNamespaceOfNotifications) {
+    EXPECT_EQ(
+        adapted(rpc("<create-subscription xmlns=\"" + std::string(kEvents) +
+                    "\"><nc:filter xmlns:nc=\"" + kBase +
+                    "\" type=\"subtree\"><a xmlns=\"urn:a\"/>"
+                    "</nc:filter></create-subscription>")),
+        rpc("<create-subscription xmlns=\"" + std::string(kEvents) +
+            "\"><filter type=\"subtree\"><a xmlns=\"urn:a\"/></filter></create-subscription>"));
+}
+
+TEST(ClientHabits, OperationWithoutANamespaceGetsThatOfTheBaseProtocol) {
+    const std::string qualified =
+        " xmlns:nc=\"" + std::string(kBase) + "\" nc:operation=\"delete\"";
+    EXPECT_EQ(adapted(edit(" operation=\"delete\"")), edit(qualified));
+    EXPECT_EQ(adapted(edit(" operation=\"delete\"", "2")), edit(qualified, "2"));
+}
+
+TEST(ClientHabits, EverythingElseStaysAsItIs) {
+    for (const std::string& text :
+         {edit(" xmlns:n=\"" + std::string(kBase) + "\" n:operation=\"delete\""),
+          edit(" xmlns:n=\"urn:n\" n:operation=\"delete\""), edit("", "operation"),
+          rpc("<get operation=\"delete\"/>"),
+          rpc("<create-subscription xmlns=\"" + std::string(kEvents) +
+              "\"><filter  type='xpath'/>"
+              "</create-subscription>"),
+          std::string("operation <create-subscription"), std::string("<operation/>"),
+          std::string()}) {
+        EXPECT_EQ(adapted(text), text);
+    }
+}
+
+}  // namespace
