@@ -10,6 +10,10 @@ import pytest
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
 
+def pytest_configure(config):
+    config.addinivalue_line("markers", "patient: waits for real recovery times, which nothing can shorten")
+
+
 def _kernel_ports_reason():
     """Why kernel ports cannot be used here, or None."""
     if os.geteuid() != 0:

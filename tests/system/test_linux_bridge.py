@@ -26,6 +26,7 @@ def is_down(lab, port):
     return lambda: not lab.is_up(port)
 
 
+@pytest.mark.patient
 def test_reported_loop_shuts_the_kernel_interface_and_recovery_brings_it_up(lab):
     enable(lab)
     started = time.monotonic()
@@ -75,6 +76,7 @@ def test_record_set_while_the_server_connection_is_down_is_found_on_return(lab):
     wait_for(is_down(lab, "swp4"), 15, "swp4 is down")
 
 
+@pytest.mark.patient
 def test_agent_killed_with_a_port_shut_brings_it_back_after_restart(lab):
     enable(lab)
     lab.report_loop("swp2", is_loop=1)
