@@ -8,7 +8,7 @@ import time
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / "tests" / "support"))
 
-from lab import BUILD  # noqa: E402  (the path comes first)
+from lab import BUILD, wait_for  # noqa: E402  (the path comes first)
 
 PROGRAMS = BUILD / "bench"
 
@@ -77,3 +77,11 @@ class Lines:
 
 def in_namespace(lab, *command):
     return ["ip", "netns", "exec", lab.namespace, *command]
+
+
+def fresh_policy(lab, policy, rest_s=1):
+    """Forgets all loops, which brings the ports up again, and waits until the switch is at rest."""
+    lab.configure("no loop-detect enable")
+    wait_for(lambda: all(lab.is_up(name) for name in lab.port_names), 20, "the ports are up")
+    lab.configure(policy)
+    time.sleep(rest_s)

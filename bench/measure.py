@@ -16,8 +16,8 @@ import subprocess
 import sys
 import time
 
-from common import HERE, PROGRAMS, Lines, cpu_ns, in_namespace, memory_mb, percentile, row, say
-from lab import Lab, wait_for
+from common import HERE, PROGRAMS, Lines, cpu_ns, fresh_policy, in_namespace, memory_mb, percentile, row, say
+from lab import Lab
 from netconf import measure_netconf
 from storm import measure_storm
 
@@ -26,14 +26,6 @@ SIZES = (48, 512, 4096)  # ports of a small, a large and the largest simulated s
 
 
 # ---- Record set in Redis to kernel interface down ----
-
-def fresh_policy(lab, policy):
-    """Forgets all loops, which brings the ports up again, and waits until the switch is at rest."""
-    lab.configure("no loop-detect enable")
-    wait_for(lambda: all(lab.is_up(name) for name in lab.port_names), 20, "the ports are up")
-    lab.configure(policy)
-    time.sleep(1)
-
 
 def measure_shutdown(options):
     rounds = 1 if options.quick else 10

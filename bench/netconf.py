@@ -5,8 +5,9 @@ import os
 import pathlib
 import time
 
-from common import PROGRAMS, Lines, cpu_ns, in_namespace, memory_mb, percentile, row, say
-from lab import Lab, wait_for
+from common import (PROGRAMS, Lines, cpu_ns, fresh_policy, in_namespace, memory_mb, percentile, row,
+                    say)
+from lab import Lab
 from netconf_lab import EVENT, PROGRAM, RawSession
 
 PORTS = 10  # as many as the loop state has room for
@@ -28,21 +29,14 @@ def ask_in_turn(ours, bare):
     return took
 
 
-def forget_loops(lab):
-    lab.configure("no loop-detect enable")
-    lab.configure("loop-detect enable")
-    time.sleep(0.3)
-
-
-def loop_samples(lab, probe, bare, rounds):
+def loop_samples(lab, probe, bare, policy, rounds):
+    say(f'netconf: notifications, "{policy}"')
     indexes = {name: lab.ifindex(name) for name in lab.port_names}
     samples = []
-    for number in range(rounds):
-        say(f"netconf: notifications, round {number + 1} of {rounds}")
-        forget_loops(lab)
+    for _ in range(rounds):
+        fresh_policy(lab, policy, rest_s=0.3)
         samples += [ask_in_turn((probe, f"loop {ifx} {name}"), (bare, f"loop {ifx}"))
                     for name, ifx in indexes.items()]
-    lab.configure("no loop-detect enable")
     return samples
 
 
@@ -54,22 +48,26 @@ def edit_samples(probe, bare, count):
             for ours, floor in zip(policies[::2], policies[1::2])]
 
 
-def latency_rows(name, samples, limit=None):
+def latency_row(name, samples, part, limit=None):
     ours, bare = zip(*samples)
-    return [row(f"{name}, {text}", percentile(ours, part) / 1e3, "us",
-                floor=percentile(bare, part) / 1e3, limit=limit if text == "p50" else None)
-            for text, part in (("p50", 0.5), ("p99", 0.99))]
+    return row(f"{name}, p{100 * part:.0f}", percentile(ours, part) / 1e3, "us",
+               floor=percentile(bare, part) / 1e3, limit=limit)
 
 
-def measure_latency(lab, rounds):
+def measure_latency(lab, quick):
     with contextlib.ExitStack() as stack:
-        probe = stack.enter_context(Lines(*in_namespace(
-            lab, PROGRAMS / "netconf_probe", lab.redis_socket, *session_command(lab)), ready=True))
-        bare = stack.enter_context(Lines(*in_namespace(
-            lab, PROGRAMS / "bare_netconf", lab.redis_socket), ready=True))
-        return (latency_rows("record set to NETCONF notification",
-                             loop_samples(lab, probe, bare, rounds), limit=("max", 6)) +
-                latency_rows("edit-config to ok", edit_samples(probe, bare, rounds * PORTS)))
+        probe, bare = [stack.enter_context(
+            Lines(*in_namespace(lab, PROGRAMS / name, lab.redis_socket, *arguments), ready=True))
+            for name, arguments in (("netconf_probe", session_command(lab)), ("bare_netconf", []))]
+        warned = loop_samples(lab, probe, bare, "loop-detect enable", 1 if quick else 10)
+        shut = loop_samples(lab, probe, bare, "loop-detect enable shutdown access-mode",
+                            1 if quick else 5)
+        lab.configure("no loop-detect enable")
+        edits = edit_samples(probe, bare, 10 if quick else 100)
+    told, done = "record set to NETCONF notification", "edit-config to ok"
+    return [latency_row(told, warned, 0.5, ("max", 6)), latency_row(told, warned, 0.99),
+            latency_row(f"{told}, port shut", shut, 0.5),
+            latency_row(done, edits, 0.5), latency_row(done, edits, 0.99)]
 
 
 def wake_ups(pid):
@@ -111,5 +109,5 @@ def measure_netconf(options):
     with Lab(switch="linux", ports=PORTS) as lab:
         lab.start_redis()
         lab.start_agent()
-        return (measure_latency(lab, 1 if options.quick else 10) +
-                measure_sessions(lab, 5 if options.quick else 25))
+        return (measure_latency(lab, options.quick) +
+                measure_sessions(lab, 5 if options.quick else 20))

@@ -71,6 +71,15 @@ class Session {
     // The next message, a reply or a notification, in its frame.
     std::string read() { return read_until(kEndOfMessage); }
 
+    // Throws away what nobody waits for: notifications of what was done between the samples.
+    void forget_arrived() {
+        pollfd waiting{.fd = from_, .events = POLLIN, .revents = 0};
+        while (poll(&waiting, 1, 0) == 1) {
+            read();
+        }
+        arrived_.clear();
+    }
+
     // Reads messages until one has all of `texts` in it.
     void read_until_all(std::initializer_list<std::string_view> texts) {
         for (;;) {
@@ -167,6 +176,7 @@ int main(int argc, char** argv) {
     while (std::cin >> what) {
         unsigned number = 0;
         std::cin >> number;
+        session.forget_arrived();
         if (what == "loop") {
             std::string name;
             std::cin >> name;
