@@ -239,9 +239,12 @@ TEST_F(SocketSession, HalfClosedClientStillGetsItsReplies) {
     for (int i = 0; i < 40; ++i) {
         requests += "{\"exec\": \"count\"}\n";
     }
-    client->send(requests);
+    client->send(requests + "{\"exec\": \"show version\"}\n{\"exec\": \"half");
+    client->end_output();
     rig.platform.run_ready();
     EXPECT_EQ(g_count, 40);
+    EXPECT_TRUE(client->receive().ends_with(kVersionReply));
+    EXPECT_TRUE(client->closed_by_server());
 }
 
 TEST_F(SocketSession, MonitoringSessionIsShownMessagesAndOthersAreNot) {

@@ -45,6 +45,10 @@ std::string WireClient::receive() {
     }
 }
 
+void WireClient::end_output() {
+    ::shutdown(fd_, SHUT_WR);
+}
+
 bool WireClient::closed_by_server() {
     char byte = 0;
     return ::recv(fd_, &byte, 1, MSG_PEEK) == 0;

@@ -117,6 +117,17 @@ TEST_F(Loop, PostFromAnotherThreadWakesTheWaitingLoop) {
     other.join();
 }
 
+TEST_F(Loop, TaskPostedInTheLastMomentIsNotMissed) {
+    clock.on_idle = [&] {
+        std::thread([this] { loop.post(note("posted")); }).join();
+        return false;
+    };
+    qv_thread thread{};
+    ASSERT_NE(loop.fetch(&thread), nullptr);
+    qv_thread_call(&thread);
+    EXPECT_EQ(seen, Seen{"posted"});
+}
+
 TEST_F(Loop, TenThousandTasksFromFourThreadsAllRun) {
     const Pipe pipe;
     auto watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
@@ -277,6 +288,18 @@ TEST_F(Loop, FloodOfPostedWorkStarvesNeitherTimersNorDescriptors) {
     EXPECT_GT(at_watch, 0);
     EXPECT_LE(at_timer, 128);
     EXPECT_LE(at_watch, 128);
+}
+
+TEST_F(Loop, BacklogOfPostedWorkIsTakenInRounds) {
+    int tasks = 0;
+    int at_timer = 0;
+    for (int i = 0; i < 10000; i++) {
+        loop.post([&] { tasks++; });
+    }
+    const auto timer = loop.after(0s, [&] { at_timer = tasks; });
+    run_ready(loop, clock);
+    EXPECT_EQ(at_timer, 64);
+    EXPECT_EQ(tasks, 10000);
 }
 
 TEST_F(Loop, ZeroDelayTimerThatRearmsItselfLetsPostedWorkRun) {
