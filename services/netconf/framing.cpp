@@ -19,10 +19,25 @@ bool may_be(std::string_view text, std::string_view whole) {
     return text.substr(0, common) == whole.substr(0, common);
 }
 
-// The library goes down with a message that is empty or blank, and takes a zero byte for its end.
+// What is left of a document behind blanks, XML declaration, instructions and comments.
+std::string_view behind_prolog(std::string_view text) {
+    for (;;) {
+        text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
+        const std::string_view end = text.starts_with("<?")     ? "?>"
+                                     : text.starts_with("<!--") ? "-->"
+                                                                : "";
+        const size_t at = text.find(end);
+        if (end.empty() || at == std::string_view::npos) {
+            return text;
+        }
+        text.remove_prefix(at + end.size());
+    }
+}
+
+// The library goes down with a message that has nothing but a prolog, and takes a zero byte for its
+// end.
 bool holds_text(std::string_view text) {
-    return text.find_first_not_of(" \t\r\n") != std::string_view::npos &&
-           text.find('\0') == std::string_view::npos;
+    return !behind_prolog(text).empty() && text.find('\0') == std::string_view::npos;
 }
 
 }  // namespace

@@ -79,6 +79,9 @@ def fixed_inputs():
     yield "empty message", HELLO + b"\n##\n"
     yield "empty chunk", HELLO + b"\n#0\n\n##\n"
     yield "blank message", HELLO + framed(b" ")
+    for prolog in (b'<?xml version="1.0"?>', b"<!-- <a/> -->", b' <?xml version="1.0"?>\n<!---->', b"<?xml ", b"<!-- ", b"<!",
+                   b"<!DOCTYPE a>", b"<![CDATA[ ]]>", b"text"):
+        yield f"message of {prolog!r} alone", HELLO + framed(prolog)
     yield "ten megabytes of nested tags", HELLO + framed(b"<a>" * 3_500_000)
     yield "ten megabytes in small chunks", HELLO + framed(b"<a>")[:-4] * 1_300_000
     yield "ten megabytes of hello", b"<a>" * 3_500_000 + b"]]>]]>"

@@ -135,6 +135,10 @@ TEST(Framing, MessageWithoutTextIsAFault) {
     EXPECT_EQ(fault_of("\n#1\n \n##\n"), kNoText);
     EXPECT_EQ(fault_of("\n#4\n \t\r\n\n##\n"), kNoText);
     EXPECT_EQ(fault_of(std::string("\n#5\n<a>\0 \n##\n", 14)), kNoText);
+    EXPECT_EQ(fault_of("\n#21\n<?xml version=\"1.0\"?>\n##\n"), kNoText);
+    EXPECT_EQ(fault_of("\n#17\n<?a?> <!-- b -->\n\n##\n"), kNoText);
+    EXPECT_EQ(fault_of("\n#12\n<!-- <a/> --\n##\n"), "");
+    EXPECT_EQ(fault_of("\n#9\n<!---->a/\n##\n"), "");
     Framing framing;
     framing.feed(kEnd);
     EXPECT_FALSE(framing.next());
