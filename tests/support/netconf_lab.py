@@ -19,8 +19,10 @@ import socket
 import subprocess
 import time
 
+import pytest
 from lab import BUILD, run, wait_for
 from ncclient import manager
+from ncclient.operations import RPCError
 from ncclient.transport.errors import SessionCloseError
 
 BASE = "urn:ietf:params:xml:ns:netconf:base:1.0"
@@ -42,6 +44,17 @@ def policy_config(policy, operation=None):
     value = "" if policy is None else policy
     return (f'<config xmlns="{BASE}" xmlns:nc="{BASE}"><loop-detect xmlns="{MODEL}">'
             f'<loop-policy{attribute}>{value}</loop-policy></loop-detect></config>')
+
+
+def set_policy(session, policy, operation=None, **options):
+    return session.edit_config(target="running", config=policy_config(policy, operation), **options)
+
+
+def refusal(call, *arguments, **options):
+    """The RPCError that a call of ncclient ends with."""
+    with pytest.raises(RPCError) as caught:
+        call(*arguments, **options)
+    return caught.value
 
 
 def free_port():

@@ -1,5 +1,7 @@
 """NETCONF operations: ncclient over a private sshd, a running agent, redis between them."""
 
+import concurrent.futures
+import contextlib
 import os
 import pathlib
 import re
@@ -8,10 +10,10 @@ import subprocess
 import time
 
 import pytest
-from lab import APP_DB, CFG_DB, LOCAL_DB, Lab, p_app, p_mng, wait_for
+from lab import CFG_DB, LOCAL_DB, Lab, p_app, p_mng, wait_for
 from ncclient.operations import RPCError
 from ncclient.xml_ import to_ele
-from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, MONITORING, Front, policy_config
+from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, MONITORING, Front, policy_config, refusal, set_policy
 
 MODULES = {
     "ietf-inet-types", "ietf-netconf", "ietf-netconf-monitoring", "ietf-netconf-with-defaults",
@@ -28,6 +30,9 @@ RUNNING_CONFIG = {
 }
 DEFAULTS = "urn:ietf:params:xml:ns:yang:ietf-netconf-with-defaults"
 REQUESTS = f"mom/{LOCAL_DB}/p_app.lda_nc_policy"
+ANSWERS = f"mom/{LOCAL_DB}/p_mng.ui_operate"
+CONTAINER_PATH = "/qvld:loop-detect"
+LEAF_PATH = "/qvld:loop-detect/qvld:loop-policy"
 
 
 @pytest.fixture(scope="module")
@@ -37,6 +42,13 @@ def front():
         lab.start_agent()
         with Front(lab) as the_front:
             yield the_front
+
+
+@pytest.fixture(scope="module", autouse=True)
+def silent(front):
+    """A session without a hello. It lives for half a minute, so it starts first and is looked at last."""
+    with front.raw(hello=False) as session:
+        yield session
 
 
 @pytest.fixture(scope="module")
@@ -71,10 +83,6 @@ def requests(front):
     listener.close()
 
 
-def set_policy(session, policy, operation=None, **options):
-    return session.edit_config(target="running", config=policy_config(policy, operation), **options)
-
-
 def policy_of(session, **options):
     """The policy in <get-config>, None when it is not reported."""
     reply = session.get_config("running", **options)
@@ -86,12 +94,6 @@ def agent_policy(front):
     """The policy that the agent has published."""
     packed = front.lab.database(CFG_DB).get("p_app.lda_nc_policy/")
     return p_app.lda_nc_policy.FromString(packed).loop_policy_cli
-
-
-def refusal(call, *arguments, **options):
-    with pytest.raises(RPCError) as caught:
-        call(*arguments, **options)
-    return caught.value
 
 
 def error_of(error):
@@ -151,9 +153,8 @@ def test_schema_that_is_not_there_is_refused(session):
 
 
 @pytest.mark.parametrize("form, text", [
-    ("yin", '&lt;module name="qv-loop-detect-server"'),
     ("yang", "module qv-loop-detect-server {"),
-    ("xsd", "<error-tag>invalid-value</error-tag>"),
+    ("yin", "<error-tag>invalid-value</error-tag>"),
 ])
 def test_schema_comes_in_the_format_that_is_asked_for(front, form, text):
     with front.raw() as session:
@@ -210,7 +211,7 @@ def test_request_names_its_sender(session, requests):
 def test_value_outside_the_model_is_refused(front, session, requests, value):
     error = refusal(set_policy, session, value)
     assert error_of(error) == (
-        "application", "invalid-value", "/qv-loop-detect-server:loop-detect/loop-policy",
+        "application", "invalid-value", LEAF_PATH,
         f'loop-policy is a number from 0 to 4, not "{value}"')
     assert requests() == []
     assert agent_policy(front) == 1
@@ -287,18 +288,66 @@ def test_copy_and_validate_take_a_whole_configuration(front, session):
     ('<other xmlns="urn:example:other"/>', "unknown-namespace", None),
     (f'<other xmlns="{MODEL}"/>', "unknown-element", "/"),
     (f'<loop-detect xmlns="{MODEL}"><other/></loop-detect>', "unknown-element",
-     "/qv-loop-detect-server:loop-detect"),
+     CONTAINER_PATH),
     (f'<loop-detect xmlns="{MODEL}"><looped-port><name>swp1</name></looped-port></loop-detect>',
-     "invalid-value", "/qv-loop-detect-server:loop-detect/looped-port"),
+     "invalid-value", CONTAINER_PATH + "/qvld:looped-port"),
     (f'<loop-detect xmlns="{MODEL}"><loop-policy>2</loop-policy><loop-policy>3</loop-policy></loop-detect>',
-     "bad-element", "/qv-loop-detect-server:loop-detect/loop-policy"),
+     "bad-element", LEAF_PATH),
     (f'<loop-detect xmlns="{MODEL}"><loop-policy>2</loop-policy></loop-detect>'
-     f'<loop-detect xmlns="{MODEL}"/>', "bad-element", "/qv-loop-detect-server:loop-detect"),
+     f'<loop-detect xmlns="{MODEL}"/>', "bad-element", CONTAINER_PATH),
+    (f'<loop-detect xmlns="{MODEL}">text</loop-detect>', "bad-element", CONTAINER_PATH),
+    ("text", "bad-element", None),
 ])
-def test_configuration_that_is_not_the_models_is_refused(session, requests, content, tag, path):
-    error = refusal(session.edit_config, target="running", config=f'<config xmlns="{BASE}">{content}</config>')
+@pytest.mark.parametrize("operation", ["merge", "replace"])
+def test_configuration_that_is_not_the_models_is_refused(session, requests, operation, content, tag, path):
+    error = refusal(session.edit_config, target="running", default_operation=operation,
+                    config=f'<config xmlns="{BASE}">{content}</config>')
     assert (error.tag, error.path) == (tag, path)
     assert requests() == []
+
+
+def test_path_of_an_error_declares_its_prefix(front):
+    with front.raw() as session:
+        reply = session.rpc(f"<edit-config><target><running/></target>{policy_config(9)}</edit-config>")
+    assert (f'<error-path xmlns:qvld="{MODEL}">{LEAF_PATH}</error-path>') in reply
+
+
+RUNNING = "<running/>"
+INLINE = f"<config>{LOOP_DETECT}</config>"
+
+
+@pytest.mark.parametrize("request_text, tag, element", [
+    ("<get-config/>", "missing-element", "source"),
+    ("<get-config><source/></get-config>", "bad-element", "source"),
+    (f"<edit-config><target>{RUNNING}</target></edit-config>", "missing-element", "config"),
+    (f"<edit-config><target>{RUNNING}</target><default-operation>replace</default-operation></edit-config>",
+     "missing-element", "config"),
+    (f"<edit-config>{INLINE}</edit-config>", "missing-element", "target"),
+    (f"<edit-config><target/>{INLINE}</edit-config>", "bad-element", "target"),
+    (f"<edit-config><target>{RUNNING}</target>{INLINE}<config/></edit-config>", "bad-element", "config"),
+    (f"<copy-config><target>{RUNNING}</target></copy-config>", "missing-element", "source"),
+    (f"<copy-config><target>{RUNNING}</target><source>{RUNNING}{INLINE}</source></copy-config>", "bad-element",
+     "source"),
+    ("<validate/>", "missing-element", "source"),
+    ("<lock/>", "missing-element", "target"),
+    ("<unlock><target/></unlock>", "bad-element", "target"),
+    ("<kill-session/>", "missing-element", "session-id"),
+    (f'<get-schema xmlns="{MONITORING}"/>', "missing-element", "identifier"),
+])
+def test_request_that_lacks_something_is_refused(front, session, requests, request_text, tag, element):
+    with front.raw() as raw:
+        reply = raw.rpc(request_text)
+    assert f"<error-type>protocol</error-type><error-tag>{tag}</error-tag>" in reply
+    assert f"<error-info><bad-element>{element}</bad-element></error-info>" in reply
+    assert requests() == []
+
+
+@pytest.mark.parametrize("prefix", ["", "nc:"])
+def test_operation_needs_no_namespace(front, session, requests, prefix):
+    assert session.edit_config(target="running", config=(
+        f'<config xmlns="{BASE}" xmlns:nc="{BASE}"><loop-detect xmlns="{MODEL}">'
+        f'<loop-policy {prefix}operation="delete">4</loop-policy></loop-detect></config>')).ok
+    assert [(record.rst.index.type, record.loop_policy_cli) for record in requests()] == [(3, 0)]
 
 
 def test_datastores_and_operations_that_are_not_announced_are_refused(session):
@@ -369,82 +418,6 @@ def test_killed_session_ends_and_loses_its_lock(front, session):
     assert f"session {other.session_id} (" in front.log() and "terminated from outside" in front.log()
 
 
-# ---- filters ----
-
-def entries(front):
-    return len(front.lab.database(APP_DB).keys("p_app.lda_loop_entry/*"))
-
-
-@pytest.fixture
-def looped(front, session):
-    """Two ports in the loop state."""
-    for port in (1, 3):
-        front.lab.report_loop(port, is_loop=1)
-    wait_for(lambda: entries(front) == 2, 10, "two entries are published")
-    yield session
-    for port in (1, 3):
-        front.lab.report_loop(port, is_loop=0)
-    wait_for(lambda: entries(front) == 0, 20, "the entries are withdrawn")
-
-
-def found(reply):
-    """The names of what is in the model's container, with values, in order."""
-    container = reply.data_ele.find(f"{{{MODEL}}}loop-detect")
-    if container is None:
-        return None
-    return [(node.tag.split("}")[1], node.text) for node in container.iter()
-            if len(node) == 0 and node is not container]
-
-
-PORT_1 = [("name", "swp1"), ("policy", "0"), ("src-port", "true")]
-PORT_3 = [("name", "swp3"), ("policy", "0"), ("src-port", "true")]
-
-
-@pytest.mark.parametrize("content, expected", [
-    ("<loop-policy/>", [("loop-policy", "1")]),
-    ("<looped-port/>", PORT_1 + PORT_3),
-    ("<looped-port><name>swp3</name></looped-port>", PORT_3),
-    ("<looped-port><name>swp3</name><src-port/></looped-port>", [("name", "swp3"), ("src-port", "true")]),
-    ("<looped-port><src-port/></looped-port>",
-     [("name", "swp1"), ("src-port", "true"), ("name", "swp3"), ("src-port", "true")]),
-    ("<looped-port><name>swp2</name></looped-port>", None),
-    ("<loop-policy>2</loop-policy>", None),
-    ("<loop-policy>1</loop-policy><looped-port><name>swp1</name></looped-port>",
-     [("loop-policy", "1")] + PORT_1),
-    ("<nothing/>", None),
-    ("", [("loop-policy", "1")] + PORT_1 + PORT_3),
-])
-def test_subtree_filter_selects(looped, content, expected):
-    reply = looped.get(filter=("subtree", f'<loop-detect xmlns="{MODEL}">{content}</loop-detect>'))
-    assert found(reply) == expected
-    assert len(reply.data_ele) == (0 if expected is None else 1)
-
-
-@pytest.mark.parametrize("select, expected", [
-    ("/m:loop-detect", [("loop-policy", "1")] + PORT_1 + PORT_3),
-    ("/m:loop-detect/m:looped-port[m:name='swp3']", PORT_3),
-    ("//m:src-port[../m:name='swp1']", [("name", "swp1"), ("src-port", "true")]),
-    ("/m:loop-detect/m:loop-policy[. > 1]", None),
-    ("/m:loop-detect/m:loop-policy | //m:looped-port[1]", [("loop-policy", "1")] + PORT_1),
-])
-def test_xpath_filter_selects(looped, select, expected):
-    reply = looped.get(filter=("xpath", ({"m": MODEL}, select)))
-    assert found(reply) == expected
-
-
-def test_configuration_has_no_state(looped):
-    assert found(looped.get_config("running")) == [("loop-policy", "1")]
-    assert found(looped.get_config("running", filter=("subtree", LOOP_DETECT))) == [("loop-policy", "1")]
-
-
-def test_unusable_filters_are_refused(session):
-    refusal(session.get, filter=("xpath", "///["))
-    bare = f'<get xmlns="{BASE}"><filter type="xpath"/></get>'
-    assert refusal(session.dispatch, to_ele(bare)).tag == "missing-attribute"
-    empty = session.dispatch(to_ele(f'<get xmlns="{BASE}"><filter type="subtree"/></get>'))
-    assert "<data/>" in empty.xml
-
-
 def test_defaults_in_other_modes_are_refused(front):
     with front.raw() as session:
         for mode in ("explicit", "report-all-tagged"):
@@ -455,6 +428,9 @@ def test_defaults_in_other_modes_are_refused(front):
 
 
 # ---- trouble behind the front ----
+
+SILENCE = "the loop-detection agent did not answer within 2 s; the agent may still do what was asked"
+
 
 def seconds_of(call, *arguments):
     started = time.monotonic()
@@ -474,8 +450,7 @@ def test_stopped_agent_is_told_at_once_and_nothing_is_written(front, session):
         before = front.lab.database(LOCAL_DB).get("p_app.lda_nc_policy/")
         error, seconds = seconds_of(set_policy, session, 4)
         assert error_of(error) == (
-            "application", "operation-failed", "/qv-loop-detect-server:loop-detect/loop-policy",
-            "the loop-detection agent is not running; nothing was changed")
+            "application", "operation-failed", LEAF_PATH, "the loop-detection agent is not running; nothing was changed")
         assert seconds < 3
         assert front.lab.database(LOCAL_DB).get("p_app.lda_nc_policy/") == before
         assert policy_of(session) == 1
@@ -489,44 +464,97 @@ def test_agent_that_does_not_answer_is_waited_for_two_seconds(front, session):
     try:
         error, seconds = seconds_of(set_policy, session, 4)
         assert error.tag == "operation-failed"
-        assert error.message == ("the loop-detection agent did not answer within 2 s; "
-                                 "it may still do what was asked")
+        assert error.message == SILENCE
         assert 1.9 < seconds < 3
     finally:
         os.kill(front.lab.agent.pid, signal.SIGCONT)
     wait_for(lambda: agent_policy(front) == 4, 5, "the agent has caught up")
 
 
-@pytest.mark.parametrize("answer, message", [
-    ({"result": 1}, "the loop-detection agent refused the request (result 1); nothing was changed"),
-    ({"result": 0, "oid": 1}, "the loop-detection agent did not answer within 2 s; "
-                              "it may still do what was asked"),
-])
-def test_only_the_answer_to_the_request_counts(front, session, answer, message):
-    """In place of the agent, a program that answers as told."""
+@contextlib.contextmanager
+def in_place_of_the_agent(front, react):
+    """A program that takes the requests: `react(record)` is called with each `rst` that has come."""
     front.lab.kill_agent()
     listener = front.lab.database(LOCAL_DB).pubsub(ignore_subscribe_messages=True)
-
-    def reply(notice):
-        record = p_mng.ui_operate.FromString(
-            p_app.lda_nc_policy.FromString(notice["data"][1:]).rst.SerializeToString())
-        record.rst.result = answer["result"]
-        record.index.oid += answer.get("oid", 0)
-        front.lab.database(LOCAL_DB).publish(
-            f"mom/{LOCAL_DB}/p_mng.ui_operate", b"\2" + record.SerializeToString())
-
-    listener.subscribe(**{REQUESTS: reply})
-    thread = listener.run_in_thread(sleep_time=0.01)
+    listener.subscribe(**{REQUESTS: lambda notice: react(p_app.lda_nc_policy.FromString(notice["data"][1:]).rst)})
+    thread = listener.run_in_thread(sleep_time=0.01, exception_handler=lambda error, pubsub, worker: worker.stop())
     try:
         wait_for(lambda: front.lab.database(0).pubsub_numsub(REQUESTS)[0][1] == 1, 5, "only one listens")
-        error, seconds = seconds_of(set_policy, session, 4)
-        assert (error.tag, error.message) == ("operation-failed", message)
-        assert seconds < 3
+        yield
     finally:
         thread.stop()
         thread.join()
         listener.close()
-        restart_agent(front)
+
+
+def answer(front, request, operation=b"\2", **changes):
+    """Publishes the answer to `request`, with other fields as told."""
+    record = p_mng.ui_operate.FromString(request.SerializeToString())
+    record.rst.result = changes.get("result", 0)
+    record.index.oid += changes.get("oid", 0)
+    record.index.type += changes.get("type", 0)
+    record.index.publisher += changes.get("publisher", "")
+    front.lab.database(LOCAL_DB).publish(ANSWERS, operation + record.SerializeToString())
+
+
+def test_refusal_of_the_agent_is_told(front, session):
+    with in_place_of_the_agent(front, lambda request: answer(front, request, result=1)):
+        error = refusal(set_policy, session, 4)
+        assert error_of(error) == (
+            "application", "operation-failed", LEAF_PATH,
+            "the loop-detection agent refused the request (result 1); nothing was changed")
+    restart_agent(front)
+
+
+WRONG_ANSWERS = [{"oid": -1}, {"type": 1}, {"publisher": "0"}, {"operation": b"\1"}]
+
+
+def test_only_the_answer_to_the_request_counts(front, session):
+    """Answers to others come before it and after it; what came late is no answer to the next request."""
+    def react(request):
+        front.lab.database(LOCAL_DB).publish(ANSWERS, b"\2no record")
+        for wrong in WRONG_ANSWERS:
+            answer(front, request, **wrong, result=1)
+        answer(front, request, result=results.pop(0))
+        answer(front, request, result=1)
+        answer(front, request)
+
+    results = [0, 1, 0]
+    with in_place_of_the_agent(front, react):
+        assert set_policy(session, 4).ok
+        assert "(result 1)" in refusal(set_policy, session, 4).message
+        assert set_policy(session, 4).ok
+    restart_agent(front)
+
+
+def test_other_answers_do_not_make_the_wait_longer(front, session):
+    def react(request):
+        for wrong in WRONG_ANSWERS:
+            answer(front, request, **wrong)
+        time.sleep(0.9)
+        answer(front, request, oid=-1)
+
+    with in_place_of_the_agent(front, react):
+        error, seconds = seconds_of(set_policy, session, 4)
+        assert (error.tag, error.message) == ("operation-failed", SILENCE)
+        assert 1.9 < seconds < 3
+    restart_agent(front)
+
+
+def test_database_that_goes_away_during_an_edit_is_told_at_once(front, session):
+    with in_place_of_the_agent(front, lambda request: None), concurrent.futures.ThreadPoolExecutor() as pool:
+        before = front.lab.database(LOCAL_DB).get("p_app.lda_nc_policy/")
+        edit = pool.submit(seconds_of, set_policy, session, 4)
+        wait_for(lambda: front.lab.database(LOCAL_DB).get("p_app.lda_nc_policy/") != before, 2, "the request is there")
+        front.lab.kill_redis()
+        error, seconds = edit.result()
+        front.lab.start_redis()
+    assert error_of(error)[:3] == ("application", "operation-failed", LEAF_PATH)
+    assert error.message.startswith("the object database went away: ")
+    assert error.message.endswith("; the agent may still do what was asked")
+    assert seconds < 1.5
+    restart_agent(front)
+    assert set_policy(session, 2).ok
 
 
 def test_database_that_is_away_is_told_within_three_seconds(front, session):
@@ -570,6 +598,13 @@ def test_start_that_fails_says_why(front, tmp_path, arguments, status, text):
     assert text in done.stdout + done.stderr
 
 
+def test_help_comes_whatever_the_platform_file(front):
+    done = subprocess.run([str(front.command()[0]), "--help"], capture_output=True, text=True, check=False,
+                          env={**os.environ, "LDA_PLATFORM": "/nowhere.toml"})
+    assert (done.returncode, done.stderr) == (0, "")
+    assert done.stdout.startswith("usage: lda-netconf")
+
+
 def test_requests_before_a_hang_up_are_answered(front):
     """As with `lda-netconf < file`."""
     with front.raw() as session:
@@ -579,3 +614,9 @@ def test_requests_before_a_hang_up_are_answered(front):
         assert "<data" in session.read()
         assert "<ok/>" in session.read()
         assert session.process.wait(timeout=5) == 0
+
+
+def test_client_without_a_hello_is_not_waited_for(front, silent):
+    assert silent.process.wait(timeout=40) == 1
+    own_lines = [line for line in front.log().splitlines() if f"session {silent.session_id} (" in line]
+    assert own_lines[-1].endswith("): ended: the client sent no hello in time")

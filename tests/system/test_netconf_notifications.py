@@ -1,5 +1,6 @@
 """NETCONF notifications: loops raised and cleared through real records, told to real subscribers."""
 
+import contextlib
 import fcntl
 import os
 import re
@@ -17,14 +18,34 @@ SUBSCRIBE = f'<create-subscription xmlns="{EVENT}"/>'
 STATE = f'<loop-detect-state xmlns="{NOTIFICATION}">{{}}</loop-detect-state>'
 
 
-@pytest.fixture
-def front():
+@contextlib.contextmanager
+def new_front():
     # At this speed a loop that is over is cleared after a second.
     with Lab(store="redis", speed=60) as lab:
         lab.start_redis()
         lab.start_agent()
         with Front(lab) as the_front:
             yield the_front
+
+
+@pytest.fixture(scope="module")
+def shared_front():
+    with new_front() as the_front:
+        yield the_front
+
+
+@pytest.fixture
+def front(shared_front):
+    """For tests in which the agent tells nothing by itself. Nobody is subscribed yet."""
+    wait_for(lambda: listeners(shared_front) == 0, 5, "earlier sessions are gone")
+    return shared_front
+
+
+@pytest.fixture
+def own_front():
+    """For tests with loops, and those that stop something."""
+    with new_front() as the_front:
+        yield the_front
 
 
 def told(text):
@@ -55,17 +76,17 @@ def publish(front, name="swp1", kind=1, leaves=None, module="qv-loop-detect-serv
     front.lab.database(LOCAL_DB).publish(CHANNEL, b"\2" + record.SerializeToString())
 
 
-def test_two_subscribers_see_the_same_in_order(front):
-    with front.connect() as one, front.connect() as other:
+def test_two_subscribers_see_the_same_in_order(own_front):
+    with own_front.connect() as one, own_front.connect() as other:
         one.edit_config(target="running", config=policy_config(1))
         one.create_subscription()
         other.create_subscription()
-        front.lab.report_loop(1, is_loop=1)
+        own_front.lab.report_loop(1, is_loop=1)
         assert next_told(one) == next_told(other) == ("swp1", "1", "0", "0", "1")
-        front.lab.report_loop(3, is_loop=1)
+        own_front.lab.report_loop(3, is_loop=1)
         assert next_told(one) == next_told(other) == ("swp3", "1", "0", "0", "1")
-        front.lab.report_loop(1, is_loop=0)
-        front.lab.report_loop(3, is_loop=0)
+        own_front.lab.report_loop(1, is_loop=0)
+        own_front.lab.report_loop(3, is_loop=0)
         rest = [next_told(one, 30) for _ in range(2)]
         assert rest == [next_told(other) for _ in range(2)]
         assert sorted(rest) == [("swp1", "2", "0", "0", "1"), ("swp3", "2", "0", "0", "1")]
@@ -152,6 +173,18 @@ def test_replay_and_other_streams_are_refused(front, elements, tag, info):
         assert session.dispatch(subscription(stream="NETCONF")).ok
 
 
+@pytest.mark.parametrize("attributes, tag", [
+    ('type="xpath" select="1 + 1"', "invalid-value"),
+    ('type="xpath" select="///["', "operation-failed"),
+    ('type="xpath"', "missing-attribute"),
+])
+def test_filter_that_cannot_choose_is_refused_at_once(front, attributes, tag):
+    with front.raw() as session:
+        reply = session.rpc(f'<create-subscription xmlns="{EVENT}"><filter {attributes}/></create-subscription>')
+        assert f"<error-tag>{tag}</error-tag>" in reply
+        assert listeners(front) == 0
+
+
 def test_second_subscription_is_refused(front):
     with front.connect() as session:
         session.create_subscription()
@@ -169,7 +202,7 @@ def test_stream_is_listed(front):
 
 @pytest.mark.parametrize("record", [
     b"", b"\2", b"\2garbage", b"\0\0\0\0", b"\2" + b"\xff" * 1000,
-])
+], ids=["empty", "bare", "garbage", "another operation", "long"])
 def test_records_that_make_no_sense_are_dropped(front, record):
     with front.raw() as session:
         session.rpc(SUBSCRIBE)
@@ -181,37 +214,40 @@ def test_records_that_make_no_sense_are_dropped(front, record):
         publish(front, module="ietf-netconf")                  # another module
         publish(front, name="good")
         assert told(session.read())[0] == "good"
-    assert front.log().count("a notification of the switch makes no sense, dropped: ") >= 5
+        who = f"session {session.session_id} ("
+    dropped = [line for line in front.log().splitlines()
+               if who in line and "a notification of the switch makes no sense, dropped: " in line]
+    assert len(dropped) >= 5
 
 
-def test_restarted_database_is_subscribed_to_again(front):
-    with front.connect() as session:
+def test_restarted_database_is_subscribed_to_again(own_front):
+    with own_front.connect() as session:
         session.create_subscription()
         for name in ("one", "two"):
-            front.lab.kill_redis()
+            own_front.lab.kill_redis()
             time.sleep(0.5)
-            front.lab.start_redis()
-            wait_for(lambda: listeners(front) == 1, 10, "the session listens again")
-            publish(front, name)
+            own_front.lab.start_redis()
+            wait_for(lambda: listeners(own_front) == 1, 10, "the session listens again")
+            publish(own_front, name)
             assert next_told(session)[0] == name
         # The agent comes back to the database as well, and its own notifications arrive.
         session.edit_config(target="running", config=policy_config(1))
-        front.lab.report_loop(2, is_loop=1)
+        own_front.lab.report_loop(2, is_loop=1)
         assert next_told(session, 20)[:2] == ("swp2", "1")
-    log = front.log()
+    log = own_front.log()
     assert log.count("notifications pause, the object database is away: ") == 2
     assert log.count("notifications go on, the object database is back") == 2
 
 
-def test_subscription_without_a_database_is_refused(front):
-    with front.connect() as session:
-        front.lab.kill_redis()
+def test_subscription_without_a_database_is_refused(own_front):
+    with own_front.connect() as session:
+        own_front.lab.kill_redis()
         started = time.monotonic()
         with pytest.raises(RPCError) as caught:
             session.create_subscription()
         assert "cannot be reached" in caught.value.message
         assert time.monotonic() - started < 3
-        front.lab.start_redis()
+        own_front.lab.start_redis()
         assert session.create_subscription().ok
 
 
@@ -252,11 +288,11 @@ def test_client_that_reads_no_replies_ends_alone(front):
         assert lazy.process.wait(timeout=5) == 0
 
 
-def test_agent_killed_and_started_again_goes_on_telling(front):
-    with front.connect() as session:
+def test_agent_killed_and_started_again_goes_on_telling(own_front):
+    with own_front.connect() as session:
         session.create_subscription()
-        front.lab.kill_agent(signal.SIGKILL)
-        front.lab.start_agent()
+        own_front.lab.kill_agent(signal.SIGKILL)
+        own_front.lab.start_agent()
         session.edit_config(target="running", config=policy_config(1))
-        front.lab.report_loop(1, is_loop=1)
+        own_front.lab.report_loop(1, is_loop=1)
         assert next_told(session, 20) == ("swp1", "1", "0", "0", "1")

@@ -1,9 +1,13 @@
 """Many NETCONF sessions, sessions that do nothing, and sessions that do what they should not."""
 
 import concurrent.futures
+import ctypes
 import gc
+import getpass
 import os
 import pathlib
+import platform
+import signal
 import sys
 import time
 
@@ -17,6 +21,8 @@ import netconf_fuzz  # noqa: E402
 RANDOM_INPUTS = 150
 CYCLES = 1000
 CYCLES_THROUGH_SSHD = 25
+USER = getpass.getuser()
+TGKILL = {"x86_64": 234, "aarch64": 131}[platform.machine()]  # system call number
 
 
 @pytest.fixture(scope="module")
@@ -95,7 +101,8 @@ def test_thirty_sessions_at_once(front):
 def test_sessions_that_come_and_go_leave_nothing_behind(front):
     """Most of them start the program directly: the handshake of SSH would take minutes."""
     before = left_behind(front)
-    for number in range(CYCLES):
+
+    def cycle(number):
         with front.raw() as session:
             if number % 3 == 0:
                 session.rpc(f'<create-subscription xmlns="{EVENT}"/>')
@@ -106,6 +113,9 @@ def test_sessions_that_come_and_go_leave_nothing_behind(front):
             else:
                 session.process.stdin.close()
             assert session.process.wait(timeout=10) == 0
+
+    with concurrent.futures.ThreadPoolExecutor(4) as pool:
+        assert len(list(pool.map(cycle, range(CYCLES)))) == CYCLES
     for _ in range(CYCLES_THROUGH_SSHD):
         with front.connect() as session:
             session.get_config("running")
@@ -194,6 +204,35 @@ def test_broken_frame_ends_the_session_with_its_reason(front, sent, told):
         assert session.process.wait(timeout=5) == 1
         assert f"session {session.session_id} (" in front.log()
         assert front.log().splitlines()[-1].endswith(told)
+
+
+@pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGINT])
+def test_session_that_is_told_to_end_says_so(front, number):
+    with front.raw() as session:
+        session.rpc("<get/>")
+        session.process.send_signal(number)
+        assert session.process.wait(timeout=5) == 0
+        assert front.log().splitlines()[-1].endswith(f"session {session.session_id} ({USER}): terminated from outside")
+
+
+def test_crash_of_the_reading_thread_is_told(front):
+    """A signal to that thread alone, as a crash in it would raise."""
+    with front.raw() as session:
+        session.rpc("<get/>")
+        pid = session.process.pid
+        reader = next(int(task) for task in os.listdir(f"/proc/{pid}/task") if int(task) != pid)
+        assert ctypes.CDLL(None).syscall(TGKILL, pid, reader, signal.SIGSEGV) == 0
+        assert session.process.wait(timeout=5) == 1
+        assert front.log().splitlines()[-1].endswith("ended: a message broke the parser (memory)")
+
+
+def test_client_that_will_never_read_again_is_gone(front):
+    """Its session ends without a request or a notification."""
+    with front.raw() as session:
+        session.rpc(f'<create-subscription xmlns="{EVENT}"/>')
+        session.process.stdout.close()
+        assert session.process.wait(timeout=5) == 0
+        assert front.log().splitlines()[-1].endswith("ended: the client went away")
 
 
 def test_input_that_ends_within_a_message_is_told(front):
