@@ -1,5 +1,6 @@
-// What the packet filter answers when it lists its counters.
+// What the packet filter answers when it lists its counters, and what it announces.
 #include "platform/driver/linux/nft_counter.h"
+#include "platform/driver/linux/nft_watch.h"
 #include "tests/fuzz/agent.h"
 #include "tests/fuzz/netlink.h"
 
@@ -7,6 +8,7 @@ using namespace qv;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::for_each_message(data, size, [](nlmsghdr* header) {
+        tells_of_table(header, "lda");
         if (const auto counter = parse_counter(header)) {
             fuzz::require(counter->name.size() < 65536, "a name fits its message");
         }

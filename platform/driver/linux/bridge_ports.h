@@ -1,7 +1,7 @@
 // From link messages to ports: which links are members of one bridge, and what has changed.
 //
-// Knows every link that has a master, so that the members are there at once when the bridge of our
-// name shows up later than its members, and reports the differences to the port sink.
+// Knows every link, so that the members are there at once when the bridge of our name shows up
+// later than its members, and reports the differences to the port sink.
 #pragma once
 
 #include <cstdint>

@@ -86,5 +86,20 @@ TEST_F(FdbMirrorTest, NoAddressOfTheBridgeBeforeIsKnownWhileThereIsNoSocket) {
     EXPECT_TRUE(wait_for([&] { return mirror.known().contains(kHost); }));
 }
 
+TEST_F(FdbMirrorTest, PlaneWithoutASocketForItSaysSoOnceAndTriesOn) {
+    bridge(entries("add", kHost, 1));
+    g_no_netlink_socket = true;
+    plane->install(3, 1, kPortRule);
+    settle();
+    EXPECT_EQ(sink.take(), Lines{"done 3"});
+    EXPECT_EQ(
+        platform.log.lines(),
+        Lines{"FORWARDING-3-MIRROR: The bridge's addresses are not known: rtnetlink: connect: "
+              "Out of memory"});
+    g_no_netlink_socket = false;
+    EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
+    EXPECT_EQ(platform.log.lines().size(), 1u);
+}
+
 }  // namespace
 }  // namespace qv

@@ -290,6 +290,9 @@ TEST_F(NftForwardingTest, OverrunOfTheMirrorLosesNoAddress) {
     bridge(lines + "fdb del 02:00:00:00:10:07 dev swp2 master\n");
     ASSERT_TRUE(becomes_known("02:00:00:00:12:57"));
     EXPECT_GE(plane->resyncs(), 1u);
+    EXPECT_EQ(platform.log.lines().at(0),
+              "PORT-4-RESYNC: Reading all forwarding-database entries again: notifications were "
+              "lost");
     const std::string set = output_of("nft list set netdev lda fdb");
     EXPECT_EQ(set.find("02:00:00:00:10:07"), std::string::npos);
     size_t found = 0;
