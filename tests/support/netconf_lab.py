@@ -32,7 +32,6 @@ EVENT = "urn:ietf:params:xml:ns:netconf:notification:1.0"
 MONITORING = "urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"
 LOOP_DETECT = f'<loop-detect xmlns="{MODEL}"/>'
 PROGRAM = BUILD / "services" / "netconf" / "lda-netconf"
-PRIVILEGE_FOLDER = pathlib.Path("/run/sshd")  # sshd run by root wants it to be there
 
 logging.getLogger("ncclient").setLevel(logging.CRITICAL)
 logging.getLogger("paramiko").setLevel(logging.CRITICAL)
@@ -57,6 +56,12 @@ def refusal(call, *arguments, **options):
     return caught.value
 
 
+def make_privilege_folder():
+    """An sshd that root runs wants this folder."""
+    if os.geteuid() == 0:
+        pathlib.Path("/run/sshd").mkdir(mode=0o755, exist_ok=True)
+
+
 def free_port():
     with socket.socket() as probe:
         probe.bind(("127.0.0.1", 0))
@@ -79,8 +84,7 @@ class Front:
         for key in ("host", "client"):
             run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", str(self.folder / key))
         shutil.copy(self.folder / "client.pub", self.folder / "authorized")
-        if os.geteuid() == 0:
-            PRIVILEGE_FOLDER.mkdir(mode=0o755, exist_ok=True)
+        make_privilege_folder()
         command = " ".join(str(word) for word in self.command())
         (self.folder / "sshd_config").write_text(
             f"ListenAddress 127.0.0.1:{self.port}\nHostKey {self.folder}/host\n"
