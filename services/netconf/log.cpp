@@ -110,7 +110,7 @@ void log_line(int priority, const char* format, ...) {
 }
 
 void use_signal_stack() {
-    static thread_local std::array<char, 16384> stack;
+    alignas(16) static thread_local std::array<char, 16384> stack;
     const stack_t alternative{.ss_sp = stack.data(), .ss_flags = 0, .ss_size = stack.size()};
     sigaltstack(&alternative, nullptr);
 }
