@@ -114,6 +114,14 @@ TEST_F(Delivery, FromTheLoopsThreadTheLineRunsInline) {
     close(session);
 }
 
+TEST_F(Delivery, FromTheLoopsThreadALineWithoutAModeRunsInTheFirstOne) {
+    const int session = cli_sub_create_session();
+    std::string output;
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "show version", nullptr, keep_output, &output), 0);
+    EXPECT_EQ(output, "lda 0.1.0\n");
+    close(session);
+}
+
 TEST_F(Delivery, SessionCanBeMadeToFail) {
     qv::cli::fail_next_sessions(2);
     EXPECT_LT(cli_sub_create_session(), 0);

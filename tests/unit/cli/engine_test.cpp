@@ -8,6 +8,7 @@
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/running_config.h"
+#include "platform/cli/walk.h"
 #include "tests/unit/cli/cli_rig.h"
 
 namespace {
@@ -102,6 +103,23 @@ TEST_F(Engine, SameKeywordInTwoTreesIsNoAmbiguity) {
     EXPECT_EQ(rig.code, 1);
 }
 
+TEST_F(Engine, SameCommandInTwoTreesBelongsToTheFirst) {
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end_of_line(number_call<1>)), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end_of_line(number_call<2>)), "test");
+    in_config("alpha");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_EQ(g_calls, std::vector<std::string>{"1"});
+}
+
+extern const cli_node Tendless;
+const cli_node Tendless = {append_point_action, nullptr, &Tendless, &Tno_alt, nullptr};
+
+TEST_F(Engine, TreeThatLeadsBackIntoItselfEndsSomewhere) {
+    cli_add_command(CLI_CHAIN_CONFIG, &Tendless, "test");
+    EXPECT_EQ(in_config("frobnicate"), "% Unknown command: 'frobnicate'.\n");
+    EXPECT_EQ(in_config("tarn enable"), "");
+}
+
 TEST_F(Engine, UnknownWordIsNamed) {
     EXPECT_EQ(in_config("frobnicate now"), "% Unknown command: 'frobnicate'.\n");
     EXPECT_EQ(rig.code, -1);
@@ -120,6 +138,17 @@ TEST_F(Engine, NumbersFillTheirSlotsAndMissingOnesReadZero) {
     in_config("rate 7000");
     EXPECT_EQ(g_calls, (std::vector<std::string>{"config ifx=0 prefix=0 numbers=5000,64 word=",
                                                  "config ifx=0 prefix=0 numbers=7000,0 word="}));
+}
+
+TEST_F(Engine, ParsingEmptiesTheSlotsFirst) {
+    cli_pcdb pcdb{};
+    pcdb.number[1] = 77;
+    std::string("left over").copy(pcdb.word[0], CLI_WORD_BYTES - 1);
+    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
+    EXPECT_EQ(walk.parse(&Trate_root, "rate 5000").handler, record);
+    EXPECT_EQ(pcdb.number[0], 5000);
+    EXPECT_EQ(pcdb.number[1], 0);
+    EXPECT_STREQ(pcdb.word[0], "");
 }
 
 TEST_F(Engine, NumberBoundsAreIncludedAndBeyondThemRefused) {
@@ -247,6 +276,16 @@ TEST_F(Engine, HelpAndCompletionListWhatFitsAndCallNobody) {
     EXPECT_TRUE(g_calls.empty());
 }
 
+TEST_F(Engine, HelpForALineThatCouldNotBeExecutedIsEmpty) {
+    qv::cli::SessionState session;
+    session.mode = "config";
+    EXPECT_EQ(qv::cli::completions(session, "tarn" + std::string(1019, ' ') + "e"),
+              "enable\nerror-recover\n");
+    EXPECT_EQ(qv::cli::completions(session, "tarn" + std::string(1020, ' ') + "e"), "");
+    EXPECT_EQ(qv::cli::completions(session, "tarn\ne"), "");
+    EXPECT_EQ(qv::cli::help_text(session, "tarn\r"), "");
+}
+
 TEST_F(Engine, HelpAfterNoListsOnlyWhatCanBeTakenBack) {
     const cli_node* end = end_of_line(record);
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end), "test");
@@ -278,6 +317,33 @@ TEST_F(Engine, GenerationRunsOnlyPrintNodesOncePerSectionGlobalLinesFirst) {
               "interface swp4\n alpha 104\n  beta\n!\n");
     EXPECT_EQ(g_calls, (std::vector<std::string>{"config 0", "interface 101", "interface 102",
                                                  "interface 103", "interface 104"}));
+}
+
+unsigned long g_flags = 0;
+int keep_flags(cli_pcdb* pcdb) {
+    g_flags = pcdb->flags;
+    return 0;
+}
+
+TEST_F(Engine, HandlersKnowWhatTheConfigurationIsGeneratedFor) {
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", print_config(keep_flags, end_of_line(record))),
+           "test");
+    qv::cli::generate_config(qv::cli::ConfigPurpose::kShow);
+    EXPECT_EQ(g_flags, CLI_FLAG_SHOW_RUN);
+    qv::cli::generate_config(qv::cli::ConfigPurpose::kSave);
+    EXPECT_EQ(g_flags, CLI_FLAG_C2P);
+}
+
+TEST_F(Engine, ContextIsAboutAPortInInterfaceModesOnly) {
+    cli_pcdb pcdb{};
+    pcdb.ifx = 103;
+    cli_change_mode(&pcdb, "ifrange");
+    cli_change_mode(&pcdb, "interface");
+    EXPECT_STREQ(pcdb.mode, "interface");
+    EXPECT_EQ(pcdb.ifx, 103U);
+    cli_change_mode(&pcdb, "config");
+    EXPECT_STREQ(pcdb.mode, "config");
+    EXPECT_EQ(pcdb.ifx, 0U);
 }
 
 int own_sections(cli_pcdb* pcdb) {
@@ -323,6 +389,42 @@ TEST_F(Engine, RangeRunsTheHandlerOncePerPort) {
     EXPECT_EQ(g_calls, (std::vector<std::string>{"ifrange ifx=101 prefix=0 numbers=0,0 word=",
                                                  "ifrange ifx=102 prefix=0 numbers=0,0 word=",
                                                  "ifrange ifx=104 prefix=0 numbers=0,0 word="}));
+}
+
+TEST_F(Engine, PortNamedTwiceInARangeIsThereOnce) {
+    attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(number_call<0>)), "test");
+    rig.session.mode = "config";
+    EXPECT_EQ(rig.type("interface range swp2,swp1-3,swp3"), "");
+    rig.type("alpha");
+    EXPECT_EQ(rig.session.range, (std::vector<uint64_t>{102, 101, 103}));
+    EXPECT_EQ(g_calls.size(), 3U);
+}
+
+int fail_on_odd_ports(cli_pcdb* pcdb) {
+    g_calls.push_back(std::to_string(pcdb->ifx));
+    return pcdb->ifx % 2 == 0 ? 0 : static_cast<int>(pcdb->ifx);
+}
+
+TEST_F(Engine, RangeGoesOnAfterAFailureAndHasTheFirstOnesResult) {
+    attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(fail_on_odd_ports)), "test");
+    rig.session.mode = "config";
+    rig.type("interface range swp1-4");
+    rig.type("alpha");
+    EXPECT_EQ(rig.code, 101);
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"101", "102", "103", "104"}));
+}
+
+TEST_F(Engine, PortThatGoesLeavesTheRangeAndTheLastOneEndsIt) {
+    attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(record)), "test");
+    rig.session.mode = "config";
+    rig.type("interface range swp1-2");
+    rig.hardware.remove(101);
+    EXPECT_EQ(rig.type("alpha"), "");
+    EXPECT_EQ(g_calls, std::vector<std::string>{"ifrange ifx=102 prefix=0 numbers=0,0 word="});
+    rig.hardware.remove(102);
+    EXPECT_EQ(rig.type("alpha"), "% The interface does not exist.\n");
+    EXPECT_EQ(rig.code, -1);
+    EXPECT_EQ(qv::cli::prompt(rig.session), "lda(config)# ");
 }
 
 uint32_t g_types = 0;

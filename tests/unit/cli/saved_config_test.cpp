@@ -127,6 +127,16 @@ TEST_F(SavedConfig, LinesOfAPortThatIsNotThereWaitForItAndStaySaved) {
                     .ends_with("interface swp9\n tarn port loop-detect warning\n!\nend\n"));
 }
 
+TEST_F(SavedConfig, WaitingLinesAreTakenByAPortThatGetsTheName) {
+    write_text(rig.saved(), "interface swp9\n local nine\n!\nend\n");
+    rig.announce_ready();
+    qv::Port renamed = *rig.model.find(104U);
+    renamed.name = "swp9";
+    rig.model.port_changed(renamed);
+    rig.platform.run_ready();
+    EXPECT_EQ(g_events, (std::vector<std::string>{"start 0", "end", "interface 104 nine"}));
+}
+
 TEST_F(SavedConfig, AnnouncedChangeIsSavedAfterAMomentForItsCommands) {
     rig.announce_ready();
     rig.session.mode = "config";
@@ -171,6 +181,27 @@ TEST_F(SavedConfig, FloodOfAnnouncementsIsServedOnceAtOnceAndOnceLater) {
     EXPECT_EQ(g_generations, 2);
 }
 
+int ask_while_generating(cli_pcdb*) {
+    if (++g_generations == 1) {
+        cli_client_c2p_reform();
+    }
+    return 0;
+}
+
+TEST_F(SavedConfig, RequestMadeDuringARoundStartsAnother) {
+    qv::cli::attach(
+        CLI_CHAIN_CONFIG,
+        qv::cli::keyword("asking", "",
+                         qv::cli::print_config(ask_while_generating, qv::cli::end_of_line(record))),
+        "test");
+    rig.announce_ready();
+    cli_client_c2p_reform();
+    rig.platform.run_ready();
+    EXPECT_EQ(g_generations, 1);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(g_generations, 2);
+}
+
 qv::test::ManualClock* g_clock = nullptr;
 int generate_slowly(cli_pcdb*) {
     g_clock->advance(20ms);
@@ -205,6 +236,36 @@ TEST_F(SavedConfig, LineOfTheSwitchsOwnProgramsIsSaved) {
     ::close(session);
     rig.platform.run_for(5ms);
     EXPECT_TRUE(read_text(rig.saved()).starts_with("interface swp1\n shutdown\n!\n"));
+}
+
+TEST_F(SavedConfig, LineInTheFirstModeChangesNothingToBeSaved) {
+    rig.announce_ready();
+    const int session = cli_sub_create_session();
+    cli_mode mode{};
+    std::string("exec").copy(mode.name, sizeof mode.name - 1);
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "show version", &mode, nullptr, nullptr), 0);
+    ::close(session);
+    rig.platform.run_for(1s);
+    EXPECT_FALSE(std::filesystem::exists(rig.saved()));
+}
+
+ino_t file_number(const std::string& path) {
+    struct stat status {};
+    return ::stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
+}
+
+TEST_F(SavedConfig, AnnouncementWithoutAChangeWritesNothing) {
+    rig.announce_ready();
+    EXPECT_EQ(rig.type("write"), "");
+    const ino_t written = file_number(rig.saved());
+    cli_syn_config_notify();
+    rig.platform.run_for(1s);
+    EXPECT_EQ(file_number(rig.saved()), written);
+    rig.session.mode = "config";
+    rig.type("tarn enable");
+    cli_syn_config_notify();
+    rig.platform.run_for(1s);
+    EXPECT_NE(file_number(rig.saved()), written);
 }
 
 TEST_F(SavedConfig, NothingIsSavedBeforeTheReplay) {
@@ -374,6 +435,15 @@ TEST(ConfigFile, WriteKeepsTheFileToItsOwnerAndGroup) {
     EXPECT_EQ(status.st_mode & 0007, 0U);
     EXPECT_EQ(qv::cli::ConfigFile(folder.file("none/f")).stage("x"), "No such file or directory");
     EXPECT_EQ(file.commit(), "Bad file descriptor") << "nothing is staged";
+}
+
+TEST(ConfigFile, LinkInPlaceOfTheStagedFileIsNotFollowed) {
+    const qv::test::TestFolder folder;
+    write_text(folder.file("precious"), "precious");
+    std::filesystem::create_symlink(folder.file("precious"), folder.file("f.new"));
+    qv::cli::ConfigFile file(folder.file("f"));
+    EXPECT_EQ(file.stage("text\n"), "Too many levels of symbolic links");
+    EXPECT_EQ(read_text(folder.file("precious")), "precious");
 }
 
 TEST(ConfigFile, OnlyFilesAreRead) {

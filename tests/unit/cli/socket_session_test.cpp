@@ -155,6 +155,19 @@ TEST_F(SocketSession, RequestWithoutEndIsRefusedAndTheSessionClosed) {
     EXPECT_TRUE(client->closed_by_server());
 }
 
+TEST_F(SocketSession, WholeRequestThatIsTooLongIsRefusedAndTheSessionGoesOn) {
+    const auto client = connect();
+    for (int i = 0; i < 64; ++i) {
+        client->send(std::string(1024, ' '));
+        rig.platform.run_ready();
+    }
+    EXPECT_EQ(client->receive(), "") << "64 KB may still become a request";
+    const std::string version = "{\"exec\": \"show version\"}";
+    EXPECT_EQ(ask(*client, version),
+              "{\"output\":\"% Request too long.\\n\",\"prompt\":\"lda# \",\"result\":-1}\n");
+    EXPECT_EQ(ask(*client, version), kVersionReply);
+}
+
 TEST_F(SocketSession, TwoHundredSessionsAtOnceAreServed) {
     std::vector<std::unique_ptr<WireClient>> clients;
     for (int i = 0; i < 200; ++i) {
@@ -245,6 +258,50 @@ TEST_F(SocketSession, HalfClosedClientStillGetsItsReplies) {
     EXPECT_EQ(g_count, 40);
     EXPECT_TRUE(client->receive().ends_with(kVersionReply));
     EXPECT_TRUE(client->closed_by_server());
+}
+
+TEST_F(SocketSession, HalfClosedClientThatReadsLateGetsEveryReply) {
+    qv::cli::attach(qv::cli::kChainView,
+                    qv::cli::keyword("much", "", qv::cli::end_of_line(print_much)), "test");
+    const auto client = connect();
+    // The last reply is what the session still holds, less than makes it stop reading.
+    const std::string more = "{\"exec\": \"much\"}\n";
+    client->send(more + more + more + "{\"exec\": \"show version\"}\n");
+    client->end_output();
+    std::string all;
+    for (int i = 0; i < 1000 && !client->closed_by_server(); ++i) {
+        rig.platform.run_ready();
+        char some[1000];
+        all.append(some, client->receive_some(some, sizeof some));
+    }
+    EXPECT_GT(all.size(), 3U * 100 * 1000);
+    EXPECT_TRUE(all.ends_with(kVersionReply));
+}
+
+int g_count_at_mark = -1;
+
+TEST_F(SocketSession, ClientWithManyRequestsWaitingDoesNotHoldUpTheOthers) {
+    qv::cli::attach(qv::cli::kChainView,
+                    qv::cli::keyword("count", "", qv::cli::end_of_line(count_calls)), "test");
+    qv::cli::attach(qv::cli::kChainView,
+                    qv::cli::keyword("mark", "", qv::cli::end_of_line([](cli_pcdb*) {
+                                         g_count_at_mark = g_count;
+                                         return 0;
+                                     })),
+                    "test");
+    const auto busy = connect();
+    const auto other = connect();
+    rig.platform.run_ready();
+    std::string requests;
+    for (int i = 0; i < 200; ++i) {
+        requests += "{\"exec\": \"count\"}\n";
+    }
+    busy->send(requests);
+    other->send("{\"exec\": \"mark\"}\n");
+    rig.platform.run_ready();
+    EXPECT_LE(g_count_at_mark, 16);
+    EXPECT_GE(g_count_at_mark, 0);
+    EXPECT_EQ(g_count, 200);
 }
 
 TEST_F(SocketSession, MonitoringSessionIsShownMessagesAndOthersAreNot) {

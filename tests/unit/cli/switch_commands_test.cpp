@@ -4,6 +4,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/cli/command_trees.h"
 #include "platform/cli/tarn_commands.h"
 #include "qv/bridge.h"
 #include "qv/syslog.h"
@@ -105,6 +106,13 @@ TEST_F(SwitchCommands, ShutdownActsOnThePortAndStandsInTheConfiguration) {
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
 }
 
+TEST_F(SwitchCommands, DefaultPrefixBringsAPortUpAndIntoAccessMode) {
+    configure({"interface swp2", "shutdown", "switchport mode hybrid"});
+    EXPECT_EQ(configure({"interface swp2", "default shutdown", "default switchport mode"}), "");
+    EXPECT_TRUE(rig.model.find(102U)->admin_up);
+    EXPECT_EQ(rig.model.find(102U)->mode, SWPORT_MODE_ACCESS);
+}
+
 TEST_F(SwitchCommands, RefusedRequestPrintsTheReason) {
     rig.hardware.refusal = "Device or resource busy";
     EXPECT_EQ(configure({"interface swp2", "no shutdown"}), "% Device or resource busy\n");
@@ -155,6 +163,15 @@ TEST_F(SwitchCommands, DefaultInterfaceSetsItsLinesBackAndTellsThePortModel) {
               "interface swp3\n!\ninterface swp4\n!\n");
     EXPECT_EQ(configure({"no interface swp1"}), "% Invalid prefix: 'no' does not apply here.\n");
     EXPECT_EQ(configure({"default interface swp8"}), "% Unknown interface: 'swp8'.\n");
+}
+
+TEST_F(SwitchCommands, DefaultsOfAPortThatRefusesAreToldAllTheSame) {
+    static DefaultsObserver observer;
+    rig.model.add_observer(observer);
+    configure({"interface swp1", "switchport mode hybrid"});
+    rig.hardware.refusal = "Device or resource busy";
+    EXPECT_EQ(configure({"default interface swp1"}), "% Device or resource busy\n");
+    EXPECT_EQ(observer.names, std::vector<std::string>{"swp1"});
 }
 
 TEST_F(SwitchCommands, TarnLinesAreKeptPrintedAndTakenBack) {
@@ -230,6 +247,23 @@ TEST_F(SwitchCommands, ReplaceNamesBadLinesAndAppliesTheRest) {
     EXPECT_TRUE(qv::cli::tarn_enabled());
     EXPECT_EQ(from_exec({"configure replace /nowhere/at/all"}),
               "% /nowhere/at/all: No such file or directory.\n");
+}
+
+TEST_F(SwitchCommands, ReplaceGoesOnAfterALineThatCannotBeTakenBack) {
+    const cli_node* end = qv::cli::end_of_line([](cli_pcdb*) { return 0; });
+    const cli_node* print = qv::cli::print_config(
+        [](cli_pcdb* pcdb) {
+            c2p_printf(pcdb, 1, "stubborn");
+            return 0;
+        },
+        end);
+    qv::cli::attach(CLI_CHAIN_CONFIG, qv::cli::keyword("stubborn", "", print), "test");
+    configure({"interface swp1", "shutdown"});
+    write_text(rig.folder.file("new.conf"), "interface swp1\n!\n");
+    EXPECT_EQ(from_exec({"configure replace " + rig.folder.file("new.conf")}),
+              "% stubborn: cannot be taken back.\n");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_TRUE(rig.model.find(101U)->admin_up);
 }
 
 int g_level = 0;

@@ -45,6 +45,11 @@ std::string WireClient::receive() {
     }
 }
 
+size_t WireClient::receive_some(char* bytes, size_t size) {
+    const ssize_t received = ::recv(fd_, bytes, size, 0);
+    return received < 0 ? 0 : static_cast<size_t>(received);
+}
+
 void WireClient::end_output() {
     ::shutdown(fd_, SHUT_WR);
 }

@@ -16,6 +16,8 @@ class WireClient {
     size_t send(const std::string& bytes);
     // Everything that has come since the last call.
     std::string receive();
+    // At most `size` bytes of it; how many there were.
+    size_t receive_some(char* bytes, size_t size);
     // Says that no more will be sent; replies can still be received.
     void end_output();
     bool closed_by_server();
