@@ -153,10 +153,6 @@ int log_end(const nc_session* link, const Input& requests) {
         log_line(LOG_WARNING, "ended: %s", requests.fault());
         return 1;
     }
-    if ((output_state() & kGone) != 0) {
-        log_line(LOG_INFO, "ended: the client went away");
-        return 0;
-    }
     switch (nc_session_get_term_reason(link)) {
         case NC_SESSION_TERM_CLOSED:
             log_line(LOG_INFO, "closed");
@@ -171,6 +167,10 @@ int log_end(const nc_session* link, const Input& requests) {
         case NC_SESSION_TERM_BADHELLO:
         case NC_SESSION_TERM_OTHER:
             break;
+    }
+    if ((output_state() & kGone) != 0) {
+        log_line(LOG_INFO, "ended: the client went away");
+        return 0;
     }
     log_line(LOG_WARNING, "ended: the client's input makes no sense");
     return 1;

@@ -101,16 +101,19 @@ void Subscription::receive() {
         reconnect();
         return;
     }
+    if (records_.size() == kMaxPending) {
+        throw TooFarBehind("the client leaves " + std::to_string(kMaxPending) +
+                           " notifications unread");
+    }
     try {
-        while (auto notice = listener_->next()) {
-            if (notice->operation != kPublished) {
-                continue;  // nothing that a service does with this type
+        while (records_.size() < kMaxPending) {
+            auto notice = listener_->next();
+            if (!notice) {
+                break;
             }
-            if (records_.size() == kMaxPending) {
-                throw TooFarBehind("the client leaves " + std::to_string(kMaxPending) +
-                                   " notifications unread");
+            if (notice->operation == kPublished) {  // no service does anything else with this type
+                records_.push_back(std::move(notice->record));
             }
-            records_.push_back(std::move(notice->record));
         }
     } catch (const DatabaseLost& lost) {
         lose(lost.what());
@@ -138,7 +141,13 @@ void Subscription::reconnect() {
 }
 
 std::optional<Event> Subscription::next() {
-    while (!records_.empty()) {
+    for (;;) {
+        if (records_.empty() && listener_) {
+            receive();  // of a burst more may be at hand than was taken at once
+        }
+        if (records_.empty()) {
+            return std::nullopt;
+        }
         const std::string packed = std::move(records_.front());
         records_.pop_front();
         try {
@@ -151,7 +160,6 @@ std::optional<Event> Subscription::next() {
                      error.what());
         }
     }
-    return std::nullopt;
 }
 
 }  // namespace netconf

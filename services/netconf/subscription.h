@@ -35,16 +35,16 @@ class Subscription {
     int fd() const { return listener_ ? listener_->fd() : -1; }
     // Milliseconds until receive() is to be called again to reconnect; -1 for never.
     int retry_ms() const;
-    // Takes what has arrived, or reconnects when it is time. Throws TooFarBehind.
+    // Takes what has arrived, up to kMaxPending, or reconnects when it is time. Throws TooFarBehind
+    // when there are so many already.
     void receive();
     // The oldest event that passes the filter; nothing when there is none. Records that do not fit
     // the model are logged and dropped.
     std::optional<Event> next();
-    bool pending() const { return !records_.empty(); }
-
-    static constexpr size_t kMaxPending = 1000;
 
  private:
+    static constexpr size_t kMaxPending = 1000;
+
     void reconnect();
     void lose(const std::string& reason);
 

@@ -274,6 +274,17 @@ def test_subscriber_that_never_reads_delays_nobody(front):
     assert "ended: the client leaves 1000 notifications unread" in front.log()
 
 
+def test_burst_is_no_fault_of_the_client(front):
+    """More than may wait comes while the session is busy; the client reads all of it."""
+    with front.raw() as session:
+        session.rpc(SUBSCRIBE)
+        session.process.send_signal(signal.SIGSTOP)
+        for number in range(1500):
+            publish(front, f"port{number}")
+        session.process.send_signal(signal.SIGCONT)
+        assert [told(session.read())[0] for _ in range(1500)] == [f"port{number}" for number in range(1500)]
+
+
 def test_client_that_reads_no_replies_ends_alone(front):
     """Its requests are left lying; nothing of them is worked on, and it can be killed."""
     with front.raw() as lazy, front.connect() as session:
