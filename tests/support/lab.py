@@ -11,6 +11,7 @@ Programs are taken from build/dev, or from the folder named in LDA_BUILD. Root i
 switch only.
 """
 
+import itertools
 import json
 import os
 import pathlib
@@ -43,6 +44,7 @@ def _schemas():
 
 
 p_app, p_bridge, p_mng, p_nc = _schemas()
+_numbers = itertools.count(1)  # of laboratories
 
 
 def wait_for(condition, timeout, what, every=0.02):
@@ -70,7 +72,7 @@ class Lab:
         self.port_names = [f"swp{number}" for number in range(1, ports + 1)]
         self.speed = speed
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="lda-lab-"))
-        self.namespace = f"lda{os.getpid()}-{id(self) & 0xFFFF:x}" if switch == "linux" else None
+        self.namespace = f"lda{os.getpid()}-{next(_numbers)}" if switch == "linux" else None
         self.redis_socket = self.folder / "redis.sock"
         self.cli_socket = self.folder / "cli.sock"
         self.startup_config = self.folder / "startup.cfg"

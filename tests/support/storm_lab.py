@@ -4,11 +4,13 @@ The traffic is bounded: an outside ring is slowed down by the queue at its cable
 ports of the switch ends with the agent's meter or with `unplug`.
 """
 
+import concurrent.futures
 import contextlib
 import dataclasses
 import os
 import pathlib
 import re
+import statistics
 import subprocess
 import sys
 import time
@@ -76,11 +78,12 @@ RECORD = ("phyid", "rate", "burst", "packet_count", "byte_count", "flow_over_tim
 class Program:
     """A program that runs while the `with` block lasts, at most."""
 
-    def __init__(self, *command):
+    def __init__(self, *command, **options):
         self.command = command
+        self.options = options
 
     def __enter__(self):
-        self.process = subprocess.Popen(self.command)
+        self.process = subprocess.Popen(self.command, **self.options)
         return self
 
     def __exit__(self, *_):
@@ -113,7 +116,7 @@ class Growth:
     """By how much a reading grows in a second."""
 
     average: float
-    lowest: float  # in any of the seconds: what else the machine does adds to a load, and never for long
+    usual: float  # the median of all seconds: what else the machine does adds to a load in some of them
 
 
 def measure(seconds, **readings):
@@ -129,8 +132,15 @@ def measure(seconds, **readings):
 
     return types.SimpleNamespace(**{
         name: Growth(growth(name, samples[0], samples[-1]),
-                     min(growth(name, *pair) for pair in zip(samples, samples[1:])))
+                     statistics.median(growth(name, *pair) for pair in zip(samples, samples[1:])))
         for name in readings})
+
+
+def at_once(*tests):
+    """Runs tests that wait most of the time, each with a laboratory of its own; the failure of any is a failure."""
+    with concurrent.futures.ThreadPoolExecutor(len(tests)) as pool:
+        for done in [pool.submit(test) for test in tests]:
+            done.result()
 
 
 class StormLab(Lab):
@@ -245,6 +255,13 @@ class StormLab(Lab):
         """The addresses that the agent takes for known, as they are printed."""
         listing = self.inside("nft", "list", "set", "netdev", "lda", "fdb")
         return set(re.findall(r"(?:[0-9a-f]{2}:){5}[0-9a-f]{2}", listing))
+
+    @contextlib.contextmanager
+    def watch_addresses(self):
+        """Gives a function for the lines in which bridge(8) tells what the bridges have learned and forgotten."""
+        report = self.folder / "addresses"
+        with report.open("w") as output, Program("bridge", "-n", self.namespace, "monitor", "fdb", stdout=output):
+            yield lambda: report.read_text().splitlines()
 
     # ---- loops ----
 

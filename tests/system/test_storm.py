@@ -35,17 +35,18 @@ def test_storm_between_two_ports_is_judged_shut_and_over(lab):
         lab.watch(RATE, "swp1", "swp2")
         assert lab.is_up("swp1") and lab.is_up("swp2")
 
-        lab.plug("swp2")
         started = time.monotonic()
+        lab.plug("swp2")
         metered = measure(6, **readings)
         assert unwatched.flooded.average > 20 * RATE, "there was a storm"
         # Of both ports: four seconds of the meter at once, then its rate.
         assert RATE < metered.flooded.average < 2 * (8 * RATE / 6 + 2 * RATE) * 1.2
         assert metered.flooded.average <= unwatched.flooded.average / 3
-        assert metered.softirq.lowest <= unwatched.softirq.lowest / 3
+        assert metered.softirq.usual <= unwatched.softirq.usual / 3
 
         wait_for(lambda: not lab.is_up("swp1") or not lab.is_up("swp2"), 14, "a port is shut", every=0.1)
         took = time.monotonic() - started
+        print(f"judged after {took:.1f} s; load {unwatched.softirq.usual:.2f}, with the meter {metered.softirq.usual:.2f}")
         assert 8 <= took <= 16
         wait_for(lambda: not lab.is_up("swp1") and not lab.is_up("swp2"), 5, "both ports are shut", every=0.1)
         for port in ("swp1", "swp2"):
@@ -68,6 +69,8 @@ def test_port_removed_in_mid_storm_gets_its_rule_back(lab):
         assert measure(1, received=lambda: lab.received("swp2")).received.average <= 20, "the storm ended with the ring"
         lab.add_port("swp1")
         wait_for(lambda: lab.rules() == ["swp1", "swp2", "swp3", "swp4"], 5, "its rule is back")
+        lab.plug("swp1")
+        wait_for(lambda: lab.storm_records()["swp1"]["packet_count"] > 4 * RATE, 10, "its storm is counted", every=0.1)
     assert lab.agent.poll() is None
     assert lab.cli_status("show loop-detect") == 0
 

@@ -6,24 +6,18 @@ import time
 import pytest
 
 from lab import wait_for
-from storm_lab import DETECTED, StormLab, measure, no_idling, softirq_seconds
+from storm_lab import DETECTED, StormLab, at_once, measure, no_idling, softirq_seconds
 
-RATE = 200  # frames per second
+RATE = 100  # frames per second
 # Of the ring outside, frames per second: out of step with the kernel's tick, which would otherwise always see the
 # same moment of a turn when it accounts for the time.
-SPEED = 14_142
-
-
-@pytest.fixture
-def lab(kernel_ports):
-    with StormLab(ports=4) as the_lab:
-        yield the_lab
+SPEED = 5_147
 
 
 @pytest.fixture
 def wide_lab(kernel_ports):
     """So many ports that flooding to all of them costs more than the ring itself."""
-    with StormLab(ports=160) as the_lab:
+    with StormLab(ports=240) as the_lab:
         yield the_lab
 
 
@@ -40,13 +34,15 @@ def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
         lab.unplug("swp1")
         lab.watch(RATE, "swp1")
 
-        lab.plug("swp1")
         started = time.monotonic()
+        lab.plug("swp1")
         metered = measure(6, **readings)
         wait_for(lambda: not lab.is_up("swp1"), 14, "swp1 is shut", every=0.1)
         took = time.monotonic() - started
         over = measure(4, **readings)
 
+    print(f"judged after {took:.1f} s; load {unwatched.softirq.usual:.2f}, with the meter {metered.softirq.usual:.2f}, "
+          f"of the ring alone {over.softirq.usual:.2f}")
     assert 8 <= took <= 16
     assert DETECTED.format("swp1") in lab.log()
     assert unwatched.flooded.average > SPEED / 2 and metered.received.average > SPEED / 2, "there was a storm"
@@ -54,8 +50,8 @@ def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
     assert RATE < metered.flooded.average < (8 * RATE / 6 + 2 * RATE) * 1.2
     assert over.received.average == 0 and over.flooded.average == 0
     assert over.outside.average > SPEED / 2
-    # The ring itself goes on as before; the rest is what the switch has to do with its frames.
-    assert metered.softirq.lowest - over.softirq.lowest <= (unwatched.softirq.lowest - over.softirq.lowest) / 3
+    # Also with what the ring itself costs, which goes on as before.
+    assert metered.softirq.usual <= unwatched.softirq.usual / 3
     assert metered.agent.average < 0.1 and over.agent.average < 0.1
     assert [port for port in lab.port_names if not lab.is_up(port)] == ["swp1"]
 
@@ -79,13 +75,13 @@ def polled(lab, **expected):
     return wait_for(record_if_so, 15, f"the record shows {expected}", every=0.1)
 
 
-def test_rate_raised_in_mid_storm_begins_the_judgement_anew(lab):
+def rate_raised_begins_the_judgement_anew(lab):
     lab.watch(RATE, "swp1")
     lab.make_outside_ring(SPEED)
-    assert "limit rate over 400/second burst 1600 packets" in lab.chain("swp1")
+    assert "limit rate over 200/second burst 800 packets" in lab.chain("swp1")
     lab.plug("swp1")
     before = polled(lab, flow_over_times=2)
-    assert (before["rate"], before["burst"], before["is_loop"]) == (200, 1024, "normal")
+    assert (before["rate"], before["burst"], before["is_loop"]) == (RATE, 1024, "normal")
 
     # One poll before the verdict.
     changed = time.monotonic()
@@ -104,18 +100,18 @@ def test_rate_raised_in_mid_storm_begins_the_judgement_anew(lab):
     assert measure(1, received=lambda: lab.received("swp1")).received.average == 0
 
 
-def test_rate_lowered_in_mid_loop_ends_the_loop_until_it_is_judged_again(lab):
+def rate_lowered_ends_the_loop_until_it_is_judged_again(lab):
     lab.watch(RATE, "swp1", policy="")
     lab.make_outside_ring(SPEED)
     lab.plug("swp1")
     before = polled(lab, is_loop="loop")
-    assert (before["flow_over_times"], before["rate"]) == (3, 200)
+    assert (before["flow_over_times"], before["rate"]) == (3, RATE)
     assert lab.log().count(DETECTED.format("swp1")) == 1
 
     changed = time.monotonic()
-    record = set_rate(lab, 100)
-    assert (record["rate"], record["is_loop"], record["flow_over_times"]) == (100, "normal", 0)
-    assert "limit rate over 200/second burst 800 packets" in lab.chain("swp1")
+    record = set_rate(lab, 50)
+    assert (record["rate"], record["is_loop"], record["flow_over_times"]) == (50, "normal", 0)
+    assert "limit rate over 100/second burst 400 packets" in lab.chain("swp1")
     again = polled(lab, is_loop="loop")
     assert 8 <= time.monotonic() - changed <= 16
     assert (again["flow_over_times"], again["timer_notify"]) == (3, 3)
@@ -123,3 +119,9 @@ def test_rate_lowered_in_mid_loop_ends_the_loop_until_it_is_judged_again(lab):
     assert lab.log().count(DETECTED.format("swp1")) == 1
     assert list(lab.loop_entries()) == ["p_app.lda_loop_entry/name=swp1"]
     assert lab.is_up("swp1")
+
+
+def test_rate_changed_in_mid_storm(kernel_ports):
+    with StormLab(ports=4) as one, StormLab(ports=4) as another:
+        at_once(lambda: rate_raised_begins_the_judgement_anew(one),
+                lambda: rate_lowered_ends_the_loop_until_it_is_judged_again(another))
