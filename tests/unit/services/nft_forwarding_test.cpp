@@ -341,6 +341,18 @@ TEST_F(NftForwardingTest, FirstRuleReplacesLeftoversThatNobodyRemoved) {
     EXPECT_EQ(sink.take(), Lines{"done 3"});
 }
 
+TEST_F(NftForwardingTest, NothingIsLeftOfAPlaneThatEndsWithRulesAndRequests) {
+    plane->install(3, 1, kPortRule);
+    settle();
+    plane->install(4, 2, kPortRule);
+    bridge("fdb add 02:00:00:00:00:01 dev swp2 master static\n");
+    plane.reset();
+    EXPECT_EQ(output_of("nft list ruleset"), "");
+    EXPECT_FALSE(loop.next_timer().has_value());
+    settle();
+    EXPECT_EQ(sink.take(), Lines{"done 3"});
+}
+
 TEST_F(NftForwardingTest, WithoutThePrivilegeEveryRuleIsRefusedWithOneMessage) {
     ASSERT_EQ(seteuid(65534), 0);
     plane->remove_leftovers();
