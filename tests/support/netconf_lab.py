@@ -138,7 +138,7 @@ class RawSession:
                                         stdout=subprocess.PIPE, stderr=self.errors, bufsize=0)
         self.rest = b""
         self.message_id = 0
-        self.hello = self._until(b"]]>]]>", 10).decode()
+        self.hello = self.message_of_the_first_version()
         self.session_id = int(re.search("<session-id>([0-9]+)<", self.hello).group(1))
         if hello:
             self.send(b'<hello xmlns="%s"><capabilities><capability>urn:ietf:params:netconf:base:1.1'
@@ -175,6 +175,10 @@ class RawSession:
             text += chunks[:int(size)]
             chunks = chunks[int(size):]
         return text.decode()
+
+    def message_of_the_first_version(self):
+        """The next message in the framing of base:1.0, which the hello has in any case."""
+        return self._until(b"]]>]]>", 10).decode()
 
     def _until(self, end, timeout):
         deadline = time.monotonic() + timeout

@@ -13,7 +13,7 @@ import time
 
 import pytest
 from lab import APP_DB, Lab, wait_for
-from netconf_lab import EVENT, PROGRAM, Front, policy_config
+from netconf_lab import BASE, EVENT, PROGRAM, Front, policy_config
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "fuzz"))
 import netconf_fuzz  # noqa: E402
@@ -188,6 +188,27 @@ def test_hostile_input_ends_its_own_session_only(front):
             heard += witness.read(timeout=2)
         assert time.monotonic() - started < 2
     assert front.lab.cli_status("show loop-detect") == 0
+
+
+HELLO = (f'<hello xmlns="{BASE}"><capabilities><capability>urn:ietf:params:netconf:base:%s</capability></capabilities>'
+         "%s</hello>]]>]]>")
+
+
+def test_client_of_the_first_version_is_served_in_its_framing(front):
+    with front.raw(hello=False) as session:
+        session.send((HELLO % ("1.0", "")).encode())
+        for _ in range(2):
+            session.send(f'<rpc xmlns="{BASE}" message-id="1"><get-config><source><running/></source>'
+                         "</get-config></rpc>]]>]]>".encode())
+            assert session.message_of_the_first_version().startswith(f'<rpc-reply xmlns="{BASE}" message-id="1"><data>')
+
+
+@pytest.mark.parametrize("version, more", [("2.0", ""), ("1.1", "<session-id>7</session-id>")])
+def test_hello_that_must_not_be_taken_ends_the_session(front, version, more):
+    with front.raw(hello=False) as session:
+        session.send((HELLO % (version, more)).encode())
+        assert session.process.wait(timeout=5) == 1
+        assert front.log().splitlines()[-1].endswith("ended: the client's hello makes no sense")
 
 
 @pytest.mark.parametrize("sent, told", [
