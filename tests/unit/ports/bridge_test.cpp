@@ -86,6 +86,13 @@ TEST_F(Bridge, LaterSelectionReplacesTheEarlierOne) {
     EXPECT_EQ(heard(), Texts{});
 }
 
+TEST_F(Bridge, ChangeIsNotToldToWhomHasTurnedAwayMeanwhile) {
+    select(415);
+    set_mode(2, SWPORT_MODE_TRUNK);
+    select(414);
+    EXPECT_EQ(heard(), Texts{});
+}
+
 TEST_F(Bridge, SelectionNeedsEventsAndAHandler) {
     const bridge_event_set events{};
     EXPECT_NE(bridge_client_reg_event(nullptr, on_event), 0);

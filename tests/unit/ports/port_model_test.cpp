@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "qv/bridge.h"
 #include "qv/ddm.h"
 #include "tests/unit/ports/ports_rig.h"
@@ -13,9 +15,14 @@ using qv::Port;
 class Recorder final : public qv::PortObserver {
  public:
     std::vector<std::string> heard;
+    std::function<void(const Port&)> when_removed = [](const Port&) {
+    };
 
     void on_added(const Port& port) override { note("added", port); }
-    void on_removed(const Port& port) override { note("removed", port); }
+    void on_removed(const Port& port) override {
+        note("removed", port);
+        when_removed(port);
+    }
     void on_changed(const Port& before, const Port& after) override {
         heard.push_back("changed " + before.name + " to " + after.name);
     }
@@ -84,6 +91,24 @@ TEST_F(PortModel, ReportWithoutADifferenceIsNoChange) {
     EXPECT_EQ(heard(), (Texts{"added swp7"}));
 }
 
+TEST_F(PortModel, DifferenceInAnyFieldIsAChange) {
+    const std::vector<void (*)(Port&)> changes = {
+        [](Port& port) { port.phyid = 55; },         [](Port& port) { port.name = "uplink"; },
+        [](Port& port) { port.type = 9; },           [](Port& port) { port.flags = 2; },
+        [](Port& port) { port.switchport = false; }, [](Port& port) { port.mode = 7; },
+        [](Port& port) { port.aggregate = 30; },     [](Port& port) { port.vsl = true; },
+        [](Port& port) { port.admin_up = false; },   [](Port& port) { port.oper_up = false; },
+    };
+    rig.model.port_added(PortsRig::port(7));
+    for (const auto change : changes) {
+        heard();
+        rig.change(7, change);
+        EXPECT_EQ(heard().size(), 1u);
+        rig.change(7, change);
+        EXPECT_EQ(heard(), Texts{});
+    }
+}
+
 TEST_F(PortModel, ReportsAboutUnknownPortsAreDropped) {
     rig.model.port_changed(PortsRig::port(7));
     rig.model.port_removed(7);
@@ -95,9 +120,13 @@ TEST_F(PortModel, ReportsAboutUnknownPortsAreDropped) {
 
 TEST_F(PortModel, RemovedPortIsGoneWhenItsRemovalIsHeard) {
     rig.model.port_added(PortsRig::port(7));
+    bool known = true;
+    recorder.when_removed = [&](const Port& port) {
+        known = rig.model.find(port.ifx) || rig.model.find(port.name) || rig.model.find_phyid(107);
+    };
     rig.model.port_removed(7);
     EXPECT_EQ(heard(), (Texts{"added swp7", "removed swp7"}));
-    EXPECT_EQ(rig.model.find(7), nullptr);
+    EXPECT_FALSE(known);
 }
 
 TEST_F(PortModel, PortThatLeftTheBridgeHasNoMode) {

@@ -94,7 +94,7 @@ TEST_F(RdndTest, HolderOfTheLeaseKeepsOthersOut) {
     EXPECT_EQ(g_master_calls, 1);
     EXPECT_FALSE(loop.next_timer()) << "the master does not wake up for its lease";
     const int other = open(directory.file("lda.lease").c_str(), O_RDWR);
-    EXPECT_NE(flock(other, LOCK_EX | LOCK_NB), 0);
+    EXPECT_NE(flock(other, LOCK_SH | LOCK_NB), 0) << "not even beside the holder";
     EXPECT_EQ(errno, EWOULDBLOCK);
     close(other);
 }

@@ -24,6 +24,27 @@ TEST_P(Store, ConnectIsReportedThroughTheLoop) {
     EXPECT_EQ(g_heard, Lines{"up"});
 }
 
+TEST_P(Store, ConnectToASessionThatIsUpIsReportedToo) {
+    open(4);
+    g_heard.clear();
+    EXPECT_EQ(qv_mom_client_connect(client, 4, on_up, nullptr), 0);
+    EXPECT_EQ(g_heard, Lines{});
+    expect_heard("up");
+    EXPECT_EQ(g_heard, Lines{"up"});
+}
+
+TEST_P(Store, ReturnIsReportedToAClientThatDidNotAskForTheStart) {
+    qv_mom_client_connect(client, 4, nullptr, nullptr);
+    qv_mom_client_set_reconnect_cb(client, 4, on_back, nullptr);
+    qv_mom_client_set_disconnect_cb(client, 4, on_down, nullptr);
+    settle();
+    world->lose();
+    expect_heard("down");
+    world->bring_back();
+    expect_heard("back");
+    EXPECT_EQ(g_heard, (Lines{"down", "back"}));
+}
+
 TEST_P(Store, ServerThatIsAwayAtStartIsWaitedFor) {
     world->lose();
     qv_mom_client_connect(client, 4, on_up, nullptr);
