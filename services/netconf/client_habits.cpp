@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <vector>
 
 #include "services/netconf/schema.h"
 
@@ -39,26 +40,37 @@ bool move_filter(const ly_ctx* context, const lyd_node& subscription) {
     return false;
 }
 
-// True when an attribute "operation" in the tree has got its namespace.
-bool qualify_operations(const ly_ctx* context, lyd_node& root) {
-    bool any = false;
-    lyd_node* node = nullptr;
-    LYD_TREE_DFS_BEGIN(&root, node) {
-        lyd_attr* attribute = nullptr;
-        LY_LIST_FOR(reinterpret_cast<lyd_node_opaq*>(node)->attr, attribute) {
-            if (attribute->name.module_ns == nullptr &&
-                strcmp(attribute->name.name, "operation") == 0) {
-                set_name(context, attribute->name, NC_NS_BASE, "nc");
-                any = true;
-            }
+// True when an attribute "operation" of the element has got its namespace.
+bool qualify_operation(const ly_ctx* context, const lyd_node_opaq& element) {
+    lyd_attr* attribute = nullptr;
+    LY_LIST_FOR(element.attr, attribute) {
+        ly_opaq_name& name = attribute->name;
+        if (name.module_ns == nullptr && strcmp(name.name, "operation") == 0) {
+            set_name(context, name, NC_NS_BASE, "nc");
+            return true;
         }
-        LYD_TREE_DFS_END(&root, node)
+    }
+    return false;
+}
+
+// True when one in the tree has. Without recursion: a client chooses the depth.
+bool qualify_operations(const ly_ctx* context, const lyd_node& root) {
+    bool any = false;
+    std::vector<const lyd_node*> left{&root};
+    while (!left.empty()) {
+        const lyd_node& node = *left.back();
+        left.pop_back();
+        any = qualify_operation(context, reinterpret_cast<const lyd_node_opaq&>(node)) || any;
+        const lyd_node* child = nullptr;
+        LY_LIST_FOR(lyd_child(&node), child) {
+            left.push_back(child);
+        }
     }
     return any;
 }
 
 bool adapt(const ly_ctx* context, const lyd_node& rpc) {
-    lyd_node* const operation = lyd_child(&rpc);
+    const lyd_node* const operation = lyd_child(&rpc);
     if (operation == nullptr) {
         return false;
     }
