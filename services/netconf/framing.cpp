@@ -59,7 +59,8 @@ std::optional<Message> Framing::next() {
         return std::nullopt;
     }
     std::optional<Message> message = chunked_ ? next_chunked() : next_delimited();
-    const size_t length = message ? message->text.size() : input_.size();
+    // The frame does not count, so that it makes no difference how the bytes arrive.
+    const size_t length = message ? message->text.size() : chunked_ ? text_.size() : scanned_;
     if (fault_ == nullptr && length > kLongestMessage_bytes) {
         fault_ = "a message is longer than 64 KiB";
     } else if (message && !holds_text(message->text)) {

@@ -164,7 +164,7 @@ TEST(Framing, MessageBeyondTheLimitIsAFault) {
     }
     EXPECT_EQ(fault_of(chunks), kTooLong);
     Framing framing;
-    framing.feed(std::string(Framing::kLongestMessage_bytes + 1, 'x'));
+    framing.feed(std::string(Framing::kLongestMessage_bytes + kEnd.size(), 'x'));
     EXPECT_FALSE(framing.next());
     EXPECT_STREQ(framing.fault(), kTooLong);
 }
@@ -172,6 +172,22 @@ TEST(Framing, MessageBeyondTheLimitIsAFault) {
 TEST(Framing, MessageAtTheLimitPasses) {
     const std::string text(60'000, 'x');
     EXPECT_EQ(outcome_of({"\n#60000\n" + text + "\n##\n"}).texts, (std::vector<std::string>{text}));
+}
+
+TEST(Framing, FramesDoNotCountTowardsTheLimit) {
+    const std::string text(60'000, 'x');
+    std::vector<std::string> pieces;
+    for (const char byte : text) {
+        pieces.push_back("\n#1\n" + std::string(1, byte));
+    }
+    pieces.emplace_back("\n##\n");
+    EXPECT_EQ(outcome_of(pieces).texts, std::vector<std::string>{text});
+    const std::string longest(Framing::kLongestMessage_bytes, 'x');
+    Framing framing;
+    framing.feed(longest + std::string(kEnd).substr(0, 5));
+    EXPECT_FALSE(framing.next());
+    framing.feed(kEnd.substr(5));
+    EXPECT_EQ(texts_of(framing), std::vector<std::string>{longest});
 }
 
 TEST(Framing, NothingComesAfterAFault) {
