@@ -100,6 +100,16 @@ TEST_F(NftForwardingTest, FramesToKnownAddressesAreNotCounted) {
     EXPECT_EQ(packets(3), 1u);
 }
 
+TEST_F(NftForwardingTest, FramesToAGroupAreCountedWhateverTheDatabaseSays) {
+    bridge(
+        "fdb add 01:00:5e:00:00:05 dev swp2 master static\n"
+        "fdb add 02:00:00:00:00:01 dev swp2 master static\n");
+    plane->install(3, 1, kPortRule);
+    ASSERT_TRUE(becomes_known("02:00:00:00:00:01"));
+    send_frames("p-swp1", 0x01005E000005, 4);
+    ASSERT_TRUE(wait_for([&] { return packets(3) >= 4; }));
+}
+
 TEST_F(NftForwardingTest, OwnAddressesOfTheBridgeAreKnown) {
     ip("link set br0 address 02:00:00:00:0b:0b\nlink set swp2 address 02:00:00:00:0b:02\n");
     plane->install(3, 1, kPortRule);

@@ -165,6 +165,24 @@ TEST_F(NftTrouble, RuleAskedForWhenTheTableHasJustGoneIsInstalledAllTheSame) {
     expect_counting(3);
 }
 
+TEST_F(NftTrouble, RulesThatWereToGoWentWithTheTable) {
+    constexpr ForwardingId kMany = 2 * NftForwarding::kRulesAtOnce;
+    for (ForwardingId id = 1; id <= kMany + 1; ++id) {
+        plane->install(id, 1, kPortRule);
+    }
+    ASSERT_TRUE(wait_for([&] { return sink.lines.size() > kMany; }));
+    g_meanwhile = [] {
+        nft("flush ruleset\n");
+    };
+    for (ForwardingId id = 1; id <= kMany; ++id) {
+        plane->remove(id);
+    }
+    settle();
+    EXPECT_EQ(output_of("nft list counters"),
+              "table netdev lda {\n\tcounter port1.129 {\n\t\tpackets 0 bytes 0\n\t}\n}\n");
+    EXPECT_EQ(platform.log.lines(), kPutBack) << "once";
+}
+
 TEST_F(NftTrouble, CounterThatSomebodyResetGoesOn) {
     plane->install(3, 1, kPortRule);
     settle();
