@@ -92,7 +92,14 @@ int record_call(const char* name, const qv_mom_client* client, uint32_t db,
     return static_cast<int>(enter(name, name + where(client, db) + " " + render(record) + rest));
 }
 
+// Of the last qv_mom_set, which the agent calls on its main thread only.
+const ProtobufCMessageDescriptor* set_descriptor = nullptr;
+
 }  // namespace
+
+const ProtobufCMessageDescriptor* mom_set_descriptor() {
+    return set_descriptor;
+}
 
 qv_mom_client* mom_client() {
     static auto* instance = new qv_mom_client;
@@ -184,6 +191,7 @@ int qv_mom_client_set_disconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_s
 
 int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int flags,
                int reserved, const ProtobufCMessageDescriptor* descriptor) {
+    fake::set_descriptor = descriptor;
     bool wrong = descriptor != nullptr && descriptor != record->descriptor;
     return fake::record_call("qv_mom_set", client, db, record,
                              fake::unusual("flags", flags) + fake::unusual("reserved", reserved) +

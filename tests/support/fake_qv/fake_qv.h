@@ -112,6 +112,8 @@ int mom_disconnect(uint32_t db);
 // The callback of a subscription (or of the last scan), null when there is none.
 qv_mom_msg_cb mom_subscriber(uint32_t db, const std::string& type);
 qv_mom_msg_cb mom_scanner(uint32_t db, const std::string& type);
+// The descriptor that came with the last qv_mom_set, null when it was left out.
+const ProtobufCMessageDescriptor* mom_set_descriptor();
 // Delivers a message to the subscriber; the callback's result, or -1000 when there is none.
 int mom_message(uint32_t db, const std::string& type, int cmd, int oper,
                 const ProtobufCMessage* value);

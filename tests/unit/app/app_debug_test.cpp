@@ -354,6 +354,7 @@ TEST_F(LogStart, LevelFileWithoutNumbersGivesTheDefaults) {
 TEST_F(LogStart, LevelsAreTakenAsTheyStand) {
     EXPECT_EQ(levels_after("0 0"), (Levels{0, 0}));
     EXPECT_EQ(levels_after("-1 99"), (Levels{-1, 99}));
+    EXPECT_EQ(levels_after("99 -1"), (Levels{99, -1}));
     EXPECT_EQ(levels_after("3\n2 and more"), (Levels{3, 2}));
 }
 

@@ -356,6 +356,15 @@ TEST_F(CliConfig, InterfaceSectionsAreWrittenForVisiblePorts) {
     EXPECT_STREQ(pcdb.mode, "config");
 }
 
+TEST_F(CliConfig, ContextIsAboutThePortBeforeItsModeIsEntered) {
+    fake::add_port(3);
+    cli_pcdb pcdb = context(0, CLI_FLAG_SHOW_RUN);
+    std::vector<uint64_t> ports;
+    fake::on_call("cli_change_mode", [&] { ports.push_back(pcdb.ifx); });
+    EXPECT_EQ(libproxy_cli_interface_walk(&pcdb), 0);
+    EXPECT_EQ(ports, (std::vector<uint64_t>{3, 3}));
+}
+
 TEST_F(CliConfig, NoPortsNoInterfaceSections) {
     cli_pcdb pcdb = context(0, CLI_FLAG_SHOW_RUN);
     EXPECT_EQ(libproxy_cli_interface_walk(&pcdb), 0);

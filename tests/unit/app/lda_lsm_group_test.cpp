@@ -412,13 +412,14 @@ TEST_F(LsmGroup, RemovedVslWithoutMemoryIsReported) {
 }
 
 TEST_F(LsmGroup, LayerHandlerHoldsTheLoopLock) {
-    fake::add_port(7);
+    looped(7, 1, 0);
     cli_ready = 1;
     bool held = false;
-    fake::on_call("vl_clnt_get_portmode_by_index",
+    fake::on_call("nc_lib_notification_send",
                   [&] { held = !free_for_others(&g_lda_loop_set->lock); });
-    layer(1, 7, 0);
+    layer(0, 7, 0x400);
     EXPECT_TRUE(held);
+    EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include "lda_bridge.h"
 #include "lda_cli_exec.h"
+#include "p_app.pb-c.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -87,6 +88,11 @@ TEST_F(PolicyChange, ChangeWithoutPortsPublishesAndPosts) {
                           "+++The number of cli_msg is 1, send cond signal[2,0,4,0]."),
                      info("lda_cli_policy_set", "old_type=0, new_type=4, msg_type=5")}));
     EXPECT_EQ(take_posted(), Lines{"type=5 mid=2 new_type=4"});
+}
+
+TEST_F(PolicyChange, PolicyIsPublishedWithItsDescriptor) {
+    lda_cli_policy_set(3);
+    EXPECT_EQ(fake::mom_set_descriptor(), &p_app__lda_nc_policy__descriptor);
 }
 
 TEST_F(PolicyChange, PolicyIsPublishedBeforeItIsInForce) {

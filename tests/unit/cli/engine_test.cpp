@@ -209,6 +209,17 @@ TEST_F(Engine, WordTakesOneWordOrTheRestOfTheLine) {
               "% Word too long: '" + std::string(40, 'x') + "...'.\n");
 }
 
+TEST_F(Engine, WordThatTakesTheRestBeatsOneThatDoesNot) {
+    attach(CLI_CHAIN_CONFIG, keyword("both", "", any_word("WORD", "", end_of_line(number_call<1>))),
+           "test");
+    attach(CLI_CHAIN_CONFIG,
+           keyword("both", "", rest_of_line("TEXT", "", end_of_line(number_call<2>))), "test");
+    in_config("both abc");
+    EXPECT_EQ(rig.code, 2);
+    in_config("both abc def");
+    EXPECT_EQ(rig.code, 2);
+}
+
 TEST_F(Engine, LineEndAndBlanksAroundTheWordsDoNotMatter) {
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end_of_line(record)), "test");
     EXPECT_EQ(in_config("  alpha \t \r\n"), "");
@@ -294,6 +305,15 @@ TEST_F(Engine, HelpAfterNoListsOnlyWhatCanBeTakenBack) {
     session.mode = "config";
     EXPECT_EQ(qv::cli::completions(session, "no al"), "alpine\n");
     EXPECT_EQ(qv::cli::completions(session, "n"), "no\n");
+}
+
+TEST_F(Engine, HelpAfterDefaultListsOnlyWhatHasADefault) {
+    const cli_node* end = end_of_line(record);
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpine", "", with_default(end, end)), "test");
+    qv::cli::SessionState session;
+    session.mode = "config";
+    EXPECT_EQ(qv::cli::completions(session, "default al"), "alpine\n");
 }
 
 int print_twice(cli_pcdb* pcdb) {

@@ -355,6 +355,23 @@ TEST_F(SavedConfig, AnnouncedChangeIsStagedAtOnceAndCommittedAMomentLater) {
     EXPECT_EQ(next + "\n", " tarn enable\n" + old) << "laid out for the next change, not complete";
 }
 
+TEST_F(SavedConfig, WriteTakesTheChangeThatWasStagedAlong) {
+    rig.announce_ready();
+    EXPECT_EQ(rig.type("write"), "");
+    const std::string old = read_text(rig.saved());
+    rig.session.mode = "config";
+    rig.type("tarn enable");
+    cli_syn_config_notify();
+    rig.platform.run_ready();
+    rig.session.mode = "exec";
+    EXPECT_EQ(rig.type("write"), "");
+    EXPECT_EQ(read_text(rig.saved()), " tarn enable\n" + old);
+    // What is laid out for the next change must not be taken for the one that was staged.
+    rig.platform.run_for(1s);
+    EXPECT_EQ(read_text(rig.saved()), " tarn enable\n" + old);
+    EXPECT_EQ(log(), std::vector<std::string>{});
+}
+
 TEST_F(SavedConfig, ChangesAreStagedOverWhatWasLaidOutForThem) {
     rig.announce_ready();
     rig.session.mode = "config";

@@ -102,6 +102,14 @@ TEST_F(SocketSession, LineInAModeOfItsOwnLeavesTheSessionWhereItWas) {
               "{\"output\":\"% Unknown mode.\\n\",\"prompt\":\"lda# \",\"result\":-1}\n");
 }
 
+TEST_F(SocketSession, BytesThatAreNoTextAreReplacedInTheReply) {
+    rig.hardware.add("sw\xffp", 120);
+    const auto client = connect();
+    const std::string reply = ask(*client, R"({"exec": "show interfaces status"})");
+    EXPECT_NE(reply.find("\\nsw\xef\xbf\xbdp"), std::string::npos) << reply;
+    EXPECT_EQ(ask(*client, R"({"exec": "show version"})"), kVersionReply);
+}
+
 TEST_F(SocketSession, HelpAndCompletionAnswerInOutput) {
     const auto client = connect();
     EXPECT_EQ(ask(*client, R"({"complete": "show ver"})"),
@@ -122,7 +130,8 @@ TEST_F(SocketSession, WhatIsNoRequestIsAnsweredAndTheSessionGoesOn) {
     const auto client = connect();
     for (const char* request : {"not json", "[]", "{}", "{\"exec\": 5}", "\x01\xff", "",
                                 "{\"exec\": \"exit\", \"mode\": 7}",
-                                "{\"exec\": \"exit\", \"mode\": \"config\", \"ifx\": \"x\"}"}) {
+                                "{\"exec\": \"exit\", \"mode\": \"config\", \"ifx\": \"x\"}",
+                                "{\"exec\": \"exit\", \"mode\": \"config\", \"ifx\": 1.5}"}) {
         const std::string reply = ask(*client, request);
         EXPECT_NE(reply.find("\"result\":-1}\n"), std::string::npos) << request;
     }

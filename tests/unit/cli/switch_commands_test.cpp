@@ -249,6 +249,8 @@ TEST_F(SwitchCommands, ReplaceNamesBadLinesAndAppliesTheRest) {
               "% /nowhere/at/all: No such file or directory.\n");
 }
 
+bool g_loose = true;
+
 TEST_F(SwitchCommands, ReplaceGoesOnAfterALineThatCannotBeTakenBack) {
     const cli_node* end = qv::cli::end_of_line([](cli_pcdb*) { return 0; });
     const cli_node* print = qv::cli::print_config(
@@ -258,11 +260,26 @@ TEST_F(SwitchCommands, ReplaceGoesOnAfterALineThatCannotBeTakenBack) {
         },
         end);
     qv::cli::attach(CLI_CHAIN_CONFIG, qv::cli::keyword("stubborn", "", print), "test");
+    // And one behind it, in the same section, that can.
+    const cli_node* let_go = qv::cli::end_of_line([](cli_pcdb*) {
+        g_loose = false;
+        return 0;
+    });
+    const cli_node* print_loose = qv::cli::print_config(
+        [](cli_pcdb* pcdb) {
+            if (g_loose) {
+                c2p_printf(pcdb, 1, "loose");
+            }
+            return 0;
+        },
+        qv::cli::with_no(let_go, end));
+    qv::cli::attach(CLI_CHAIN_CONFIG, qv::cli::keyword("loose", "", print_loose), "test");
     configure({"interface swp1", "shutdown"});
     write_text(rig.folder.file("new.conf"), "interface swp1\n!\n");
     EXPECT_EQ(from_exec({"configure replace " + rig.folder.file("new.conf")}),
               "% stubborn: cannot be taken back.\n");
     EXPECT_EQ(rig.code, 1);
+    EXPECT_FALSE(g_loose);
     EXPECT_TRUE(rig.model.find(101U)->admin_up);
 }
 

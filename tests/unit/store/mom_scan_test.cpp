@@ -106,6 +106,13 @@ TEST_F(MomScan, LossEndsTheScan) {
     EXPECT_EQ(g_heard, Lines{});
 }
 
+TEST_F(MomScan, LossOfAnotherDatabaseDoesNotEndTheScan) {
+    store.listener->session_down(3);
+    store.listener->session_down(22);
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
+    EXPECT_EQ(g_heard, Lines{"1/0/4 ifx=7 vid=1 loop=1 src=7"});
+}
+
 TEST_F(MomScan, ReportsForNumbersNobodyKnowsAreIgnored) {
     store.listener->subscribed(99);
     store.listener->scan_done(99);
