@@ -1,4 +1,4 @@
-"""The session in docs/netconf.md, as it stands there."""
+"""What a reader may paste: the session in docs/netconf.md, and the sample for sshd."""
 
 import pathlib
 import re
@@ -51,3 +51,13 @@ def test_session_of_the_page_runs(blocks, tmp_path):
             assert "<notify-type>1</notify-type>" in said.read_text()
         finally:
             assert shell(take_down, noise) == 0
+
+
+def test_sample_for_sshd_is_accepted(tmp_path):
+    make_privilege_folder()
+    subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", str(tmp_path / "host")], check=True)
+    sample = (ROOT / "packaging" / "sshd-netconf.conf").read_text()
+    (tmp_path / "config").write_text(f"HostKey {tmp_path}/host\n{sample}")
+    checked = subprocess.run(["/usr/sbin/sshd", "-t", "-f", str(tmp_path / "config")], capture_output=True, text=True,
+                             check=False)
+    assert (checked.returncode, checked.stderr) == (0, "")

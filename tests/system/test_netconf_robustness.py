@@ -9,11 +9,12 @@ import pathlib
 import platform
 import signal
 import sys
+import tempfile
 import time
 
 import pytest
 from lab import APP_DB, Lab, wait_for
-from netconf_lab import BASE, EVENT, PROGRAM, Front, policy_config
+from netconf_lab import BASE, EVENT, PROGRAM, Front, RawSession, policy_config
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "fuzz"))
 import netconf_fuzz  # noqa: E402
@@ -225,6 +226,24 @@ def test_broken_frame_ends_the_session_with_its_reason(front, sent, told):
         assert session.process.wait(timeout=5) == 1
         assert f"session {session.session_id} (" in front.log()
         assert front.log().splitlines()[-1].endswith(told)
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs root to run a session as another user")
+def test_session_of_another_user_cannot_be_killed(front, tmp_path):
+    with tempfile.TemporaryDirectory() as folder:
+        os.chmod(folder, 0o770)
+        program = [PROGRAM, "--redis", "/nowhere", "--runtime", f"{folder}/run", "--stderr"]
+        as_nobody = ["setpriv", "--reuid=65534", "--regid=0", "--clear-groups"]
+        log = tmp_path / "log"
+        with RawSession(program, log) as roots, RawSession(as_nobody + program, log) as other:
+            kill = "<kill-session><session-id>{}</session-id></kill-session>"
+            reply = other.rpc(kill.format(roots.session_id))
+            assert "<error-tag>access-denied</error-tag>" in reply
+            assert "<ok/>" in other.rpc("<lock><target><running/></target></lock>")
+            assert f"<session-id>{other.session_id}</session-id>" in roots.rpc(
+                "<lock><target><running/></target></lock>")
+            assert "<ok/>" in roots.rpc(kill.format(other.session_id))
+            assert "<ok/>" in roots.rpc("<lock><target><running/></target></lock>")
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGINT])
