@@ -238,6 +238,26 @@ TEST_F(SavedConfig, LineOfTheSwitchsOwnProgramsIsSaved) {
     EXPECT_TRUE(read_text(rig.saved()).starts_with("interface swp1\n shutdown\n!\n"));
 }
 
+TEST_F(SavedConfig, LineRefusedInPartIsSavedForWhatItDid) {
+    rig.announce_ready();
+    rig.session.mode = "interface";
+    rig.session.ifx = 101;
+    rig.type("tarn port loop-detect warning");
+    rig.type("switchport mode hybrid");
+    rig.session = {};
+    EXPECT_EQ(rig.type("write"), "");
+    rig.hardware.refusal = "Device or resource busy";
+    const int session = cli_sub_create_session();
+    cli_mode mode{};
+    std::string("config").copy(mode.name, sizeof mode.name - 1);
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "default interface swp1", &mode, nullptr, nullptr),
+              1);
+    ::close(session);
+    rig.platform.run_for(1s);
+    EXPECT_TRUE(read_text(rig.saved())
+                    .starts_with("interface swp1\n switchport mode hybrid\n!\ninterface swp2\n"));
+}
+
 TEST_F(SavedConfig, LineInTheFirstModeChangesNothingToBeSaved) {
     rig.announce_ready();
     const int session = cli_sub_create_session();
