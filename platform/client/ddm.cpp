@@ -15,10 +15,10 @@ int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t* phyid) {
 }
 
 int libddm_get_ifx_by_phyid(uint32_t phyid, uint32_t* ifx) {
-    const qv::Port* port = qv::platform().ports().find_phyid(phyid);
-    if (!port) {
+    const uint32_t found = qv::platform().ports().ifx_of_phyid(phyid);
+    if (found == 0) {
         return ENOENT;
     }
-    *ifx = port->ifx;
+    *ifx = found;
     return 0;
 }

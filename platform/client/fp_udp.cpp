@@ -150,6 +150,7 @@ class FpService final : public qv::ForwardingSink {
             return EINVAL;
         }
         const ForwardingId id = new_object(Kind::kApply, *acl);
+        rules_[id] = acl->key;
         ForwardingId& standing = acl->applies[{point.type, point.port}];
         if (standing != 0) {
             drop_object(standing);
@@ -215,11 +216,11 @@ class FpService final : public qv::ForwardingSink {
     }
 
     void counted(ForwardingId id, uint64_t packets, uint64_t bytes) override {
-        const auto object = objects_.find(id);
-        if (!attached_ || object == objects_.end() || handlers_.counter == nullptr) {
+        const auto rule = rules_.find(id);
+        if (!attached_ || rule == rules_.end() || handlers_.counter == nullptr) {
             return;
         }
-        const fp_acl_key key = object->second.acl->key;
+        const fp_acl_key key = rule->second;
         const fp_counts counts = {packets, bytes};
         handlers_.counter(client_, &key, nullptr, &counts);
     }
@@ -249,6 +250,7 @@ class FpService final : public qv::ForwardingSink {
 
     void drop_object(ForwardingId id) {
         objects_.erase(id);
+        rules_.erase(id);
         driver().remove(id);
     }
 
@@ -304,6 +306,7 @@ class FpService final : public qv::ForwardingSink {
         if (kind == Kind::kApply && error != 0) {
             std::erase_if(acl.applies, [id](const auto& apply) { return apply.second == id; });
             objects_.erase(found);
+            rules_.erase(id);
         }
         if (!attached_) {
             return;
@@ -335,6 +338,9 @@ class FpService final : public qv::ForwardingSink {
     fp_udp_acl_handler handlers_{};
     std::map<AclName, Acl> acls_;
     std::unordered_map<ForwardingId, Object> objects_;
+    // The keys of applies once more: reports of thousands of counters would else go through all of
+    // the above, which is more than fits in a cache.
+    std::unordered_map<ForwardingId, fp_acl_key> rules_;
     ForwardingId last_id_ = 0;
 };
 

@@ -37,8 +37,12 @@ const Port* PortModel::find(std::string_view name) const {
 }
 
 const Port* PortModel::find_phyid(uint32_t phyid) const {
+    return find(ifx_of_phyid(phyid));
+}
+
+uint32_t PortModel::ifx_of_phyid(uint32_t phyid) const {
     const auto found = phyids_.find(phyid);
-    return found == phyids_.end() ? nullptr : find(found->second);
+    return found == phyids_.end() ? 0 : found->second;
 }
 
 const std::map<uint32_t, Port>& PortModel::ports() const {

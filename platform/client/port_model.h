@@ -35,6 +35,7 @@ class PortModel final : public PortSink {
     const Port* find(uint32_t ifx) const;           // null when unknown
     const Port* find(std::string_view name) const;  // by short name
     const Port* find_phyid(uint32_t phyid) const;   // by forwarding-plane id; 0 is nobody's
+    uint32_t ifx_of_phyid(uint32_t phyid) const;    // 0 when unknown
     const std::map<uint32_t, Port>& ports() const;  // ascending interface index
 
     // Requests of the command line. Empty when done, else the reason.
