@@ -21,7 +21,7 @@ def blocks():
             page = page.replace(original, ours)
         port = re.search(r"ListenAddress 127.0.0.1:([0-9]+)", page).group(1)
         page = page.replace("port=8300", f"port={port}")
-        page = page.replace("$PWD/build/dev", str(BUILD)).replace("build/dev", str(BUILD))
+        page = page.replace("$PWD/build/dev", "build/dev").replace("build/dev", str(BUILD))
         yield re.findall(r"```(?:sh|python)\n(.*?)```", page, re.DOTALL)
 
 
