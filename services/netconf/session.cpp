@@ -21,6 +21,7 @@ namespace {
 // the session ends (see arm_last_words).
 constexpr unsigned kBlockLimit_s = 30;
 constexpr uint16_t kHelloLimit_s = 30;
+constexpr int kPatience_ms = 5000;  // with a client that leaves its notifications lying
 
 // Frees the sessions in it as well.
 struct FreePoll {
@@ -116,18 +117,33 @@ Step tell(Session& session) {
     return send_event(session, std::move(*event)) ? Step::kAgain : Step::kOver;
 }
 
+// The client leaves its notifications lying.
+struct TooFarBehind : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
 // Sleeps until there is something to do and does it. Nothing is sent, and so nothing is asked for,
-// while the client does not read. That it has stopped reading for good is always seen.
+// while the client does not read. Throws TooFarBehind when that lasts and as many notifications
+// wait as may.
 Step wait(const Session& session, const Input& requests, nc_pollsession* polled, bool writable) {
     Subscription* const subscription = session.subscription.get();
+    const bool full = subscription != nullptr && subscription->full();
+    const bool stalled = full && !writable;
     const short input = writable ? POLLIN : 0;
     const short output = writable ? 0 : POLLOUT;
     std::array<pollfd, 3> watched{{
         {.fd = requests.fd(), .events = input, .revents = 0},
         {.fd = STDOUT_FILENO, .events = output, .revents = 0},
-        {.fd = subscription == nullptr ? -1 : subscription->fd(), .events = POLLIN, .revents = 0},
+        {.fd = subscription == nullptr || full ? -1 : subscription->fd(),
+         .events = POLLIN,
+         .revents = 0},
     }};
-    poll(watched.data(), watched.size(), subscription == nullptr ? -1 : subscription->retry_ms());
+    const int limit_ms = subscription == nullptr ? -1 : subscription->retry_ms();
+    const int ready = poll(watched.data(), watched.size(), stalled ? kPatience_ms : limit_ms);
+    if (ready == 0 && stalled) {
+        throw TooFarBehind("the client leaves " + std::to_string(Subscription::kMaxPending) +
+                           " notifications unread");
+    }
     if (subscription != nullptr && (watched[2].revents != 0 || subscription->fd() < 0)) {
         subscription->receive();
     }

@@ -101,12 +101,8 @@ void Subscription::receive() {
         reconnect();
         return;
     }
-    if (records_.size() == kMaxPending) {
-        throw TooFarBehind("the client leaves " + std::to_string(kMaxPending) +
-                           " notifications unread");
-    }
     try {
-        while (records_.size() < kMaxPending) {
+        while (!full()) {
             auto notice = listener_->next();
             if (!notice) {
                 break;

@@ -8,18 +8,12 @@
 #include <deque>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 #include "services/netconf/filter.h"
 #include "services/netconf/object_db.h"
 
 namespace netconf {
-
-// The client leaves its notifications lying.
-struct TooFarBehind : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
 
 struct Event {
     Tree tree;         // valid
@@ -28,6 +22,8 @@ struct Event {
 
 class Subscription {
  public:
+    static constexpr size_t kMaxPending = 1000;
+
     // Listens when it returns. Throws DatabaseLost.
     Subscription(const ly_ctx* context, std::string socket, Filter filter);
 
@@ -35,16 +31,15 @@ class Subscription {
     int fd() const { return listener_ ? listener_->fd() : -1; }
     // Milliseconds until receive() is to be called again to reconnect; -1 for never.
     int retry_ms() const;
-    // Takes what has arrived, up to kMaxPending, or reconnects when it is time. Throws TooFarBehind
-    // when there are so many already.
+    // Takes what has arrived, as long as it is not full, or reconnects when it is time.
     void receive();
+    // kMaxPending wait for the client: what comes now is left with the object database.
+    bool full() const { return records_.size() >= kMaxPending; }
     // The oldest event that passes the filter; nothing when there is none. Records that do not fit
     // the model are logged and dropped.
     std::optional<Event> next();
 
  private:
-    static constexpr size_t kMaxPending = 1000;
-
     void reconnect();
     void lose(const std::string& reason);
 

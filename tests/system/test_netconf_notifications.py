@@ -252,19 +252,17 @@ def test_subscription_without_a_database_is_refused(own_front):
 
 
 def test_subscriber_that_never_reads_delays_nobody(front):
-    """It is cut off when a thousand notifications wait for it; until then the others notice nothing."""
+    """It is cut off when a thousand notifications have waited for 5 s; until then the others notice nothing."""
     with front.raw() as lazy, front.raw() as eager:
         lazy.rpc(SUBSCRIBE)
         eager.rpc(SUBSCRIBE)
         eager.rpc("<get-config><source><running/></source></get-config>")
         slowest = 0
-        for number in range(3000):
+        for number in range(1500):
             started = time.monotonic()
             publish(front, f"port{number}")
             assert told(eager.read())[0] == f"port{number}"
             slowest = max(slowest, time.monotonic() - started)
-            if lazy.process.poll() is not None:
-                break
         assert slowest < 1
         assert lazy.process.wait(timeout=10) == 1
         started = time.monotonic()
@@ -275,13 +273,14 @@ def test_subscriber_that_never_reads_delays_nobody(front):
 
 
 def test_burst_is_no_fault_of_the_client(front):
-    """More than may wait comes while the session is busy; the client reads all of it."""
+    """More than may wait comes while the session is busy; the client reads all of it, if late."""
     with front.raw() as session:
         session.rpc(SUBSCRIBE)
         session.process.send_signal(signal.SIGSTOP)
         for number in range(1500):
             publish(front, f"port{number}")
         session.process.send_signal(signal.SIGCONT)
+        time.sleep(1)  # in which the session has filled the pipe and taken all that it may keep
         assert [told(session.read())[0] for _ in range(1500)] == [f"port{number}" for number in range(1500)]
 
 
