@@ -1,12 +1,11 @@
 // The packet filter's list of counters, message by message, sound and damaged.
 #include "platform/driver/linux/nft_counter.h"
 
-#include <cstring>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
-#include <linux/netlink.h>
+
+#include "tests/unit/services/netlink_message.h"
 
 namespace qv {
 namespace {
@@ -15,15 +14,6 @@ using namespace std::string_literals;
 
 constexpr uint16_t kNewObject = 10 << 8 | 18;
 
-// Attributes: length and number in the machine's order, padded to four bytes.
-std::string attribute(uint16_t number, const std::string& payload) {
-    const nlattr header{static_cast<uint16_t>(sizeof(nlattr) + payload.size()), number};
-    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
-    bytes += payload;
-    bytes.resize((bytes.size() + 3) / 4 * 4);
-    return bytes;
-}
-
 const std::string kTable = attribute(1, "lda\0"s);
 const std::string kName = attribute(2, "rule.7\0"s);
 const std::string kCounterType = attribute(3, "\0\0\0\1"s);
@@ -31,16 +21,9 @@ const std::string kData = attribute(
     4 | NLA_F_NESTED, attribute(1, "\0\0\0\0\0\0\3\xe8"s) + attribute(2, "\0\0\0\0\0\0\0\7"s));
 const std::string kFamily = "\5\0\0\0"s;
 
-// The decoded message as text, "none" when there is nothing in it. Decoded from a block of its own
-// size, which the address sanitizer guards.
+// The decoded message as text, "none" when there is nothing in it.
 std::string decoded(const std::string& payload, uint16_t type = kNewObject) {
-    nlmsghdr header{};
-    header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
-    header.nlmsg_type = type;
-    std::vector<char> message(header.nlmsg_len);
-    std::memcpy(message.data(), &header, sizeof header);
-    std::memcpy(message.data() + sizeof header, payload.data(), payload.size());
-    const auto counter = parse_counter(reinterpret_cast<const nlmsghdr*>(message.data()));
+    const auto counter = parse_counter(NetlinkMessage(type, payload).get());
     return counter ? counter->name + " " + std::to_string(counter->counts.packets) + " " +
                          std::to_string(counter->counts.bytes)
                    : "none";

@@ -1,12 +1,11 @@
 // Messages about changes of the packet filter, sound and damaged.
 #include "platform/driver/linux/nft_watch.h"
 
-#include <cstring>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
-#include <linux/netlink.h>
+
+#include "tests/unit/services/netlink_message.h"
 
 namespace qv {
 namespace {
@@ -16,29 +15,13 @@ using namespace std::string_literals;
 constexpr uint16_t kNewRule = 10 << 8 | 6;
 constexpr uint16_t kNewGeneration = 10 << 8 | 15;
 
-// Attributes: length and number in the machine's order, padded to four bytes.
-std::string attribute(uint16_t number, const std::string& payload) {
-    const nlattr header{static_cast<uint16_t>(sizeof(nlattr) + payload.size()), number};
-    std::string bytes(reinterpret_cast<const char*>(&header), sizeof header);
-    bytes += payload;
-    bytes.resize((bytes.size() + 3) / 4 * 4);
-    return bytes;
-}
-
 const std::string kNetdev = "\5\0\0\0"s;
 const std::string kInet = "\1\0\0\0"s;
 const std::string kTable = attribute(1, "lda\0"s);
 const std::string kChain = attribute(2, "port1.3\0"s);
 
-// Decoded from a block of its own size, which the address sanitizer guards.
 bool tells(const std::string& payload, uint16_t type = kNewRule) {
-    nlmsghdr header{};
-    header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
-    header.nlmsg_type = type;
-    std::vector<char> message(header.nlmsg_len);
-    std::memcpy(message.data(), &header, sizeof header);
-    std::memcpy(message.data() + sizeof header, payload.data(), payload.size());
-    return tells_of_table(reinterpret_cast<const nlmsghdr*>(message.data()), "lda");
+    return tells_of_table(NetlinkMessage(type, payload).get(), "lda");
 }
 
 TEST(NftWatch, ChangeOfTheTableIsSeen) {
