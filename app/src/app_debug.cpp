@@ -83,17 +83,9 @@ static void format_line(const char* function, int line, const char* format, va_l
         vsnprintf(g_dbg_print_buf + used, size - used, format, args);
 }
 
-static bool passes_log_file(const level_rule& rule) {
-    return app_shared_get(g_app_zlog_level) >= rule.zlog_min;
-}
-
-static bool passes_syslog(const level_rule& rule) {
-    return app_shared_get(g_dbg_slog_level) >= rule.slog_min;
-}
-
 static void write_log_file(const level_rule& rule, const char* file, const char* function,
                            int line) {
-    if (!passes_log_file(rule) || !g_app_zlog_category)
+    if (app_shared_get(g_app_zlog_level) < rule.zlog_min || !g_app_zlog_category)
         return;
     char text[sizeof g_dbg_print_buf];
     app_text_copy(text, sizeof text, g_dbg_print_buf);
@@ -101,7 +93,7 @@ static void write_log_file(const level_rule& rule, const char* file, const char*
 }
 
 static void write_syslog(const level_rule& rule) {
-    if (!passes_syslog(rule) || app_dbg_slog_num_reach_max())
+    if (app_shared_get(g_dbg_slog_level) < rule.slog_min || app_dbg_slog_num_reach_max())
         return;
     printk_syslog_ext(SYSLOG_SEVERITY_INFO, app_dbg_module, rule.name, "%s", g_dbg_print_buf);
     app_shared_set(g_dbg_slog_cnt, app_shared_get(g_dbg_slog_cnt) + 1);
@@ -110,10 +102,6 @@ static void write_syslog(const level_rule& rule) {
 int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, int line,
                 const char* format, ...) {
     const level_rule& rule = LEVEL_RULES[level];
-    // Most lines are INFO, which nobody reads by default: in a storm of reports, formatting them
-    // all the same would be the greater part of the work.
-    if (!passes_log_file(rule) && !passes_syslog(rule))
-        return 0;
     pthread_mutex_lock(&g_dbg_lock);
     va_list args;
     va_start(args, format);

@@ -56,8 +56,7 @@ int app_zlog_init(const char* name);
 // the system log off and says so there; else 0. The caller holds g_dbg_lock.
 int app_dbg_slog_num_reach_max(void);
 
-// Writes one line, "<function:line> " and the message; nothing is formatted when neither side takes
-// the level. Returns the result of releasing the lock.
+// Writes one line, "<function:line> " and the message. Returns the result of releasing the lock.
 int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, int line,
                 const char* format, ...) __attribute__((format(printf, 5, 6)));
 

@@ -128,6 +128,22 @@ TEST_F(Log, LineIsCutAtTheBuffer) {
     EXPECT_EQ(strlen(g_dbg_print_buf), 1024u);
 }
 
+TEST_F(Log, LineThatNobodyTakesIsFormattedUnderTheLockAllTheSame) {
+    g_app_zlog_level = 3;
+    g_dbg_slog_level = 1;
+    Lines under_lock;
+    fake::on_lock(&g_dbg_lock, [&](bool taken) {
+        if (!taken) {
+            under_lock.push_back(g_dbg_print_buf);
+        }
+    });
+    APP_INFO_AS("somewhere", "ifx=%d", 7);
+    const int line = __LINE__ - 1;
+    fake::on_lock(nullptr, nullptr);
+    EXPECT_EQ(under_lock, (Lines{"<somewhere:" + std::to_string(line) + "> ifx=7"}));
+    EXPECT_EQ(fake::calls(), Lines{});
+}
+
 TEST_F(Log, TextIsNotReadAsAFormat) {
     g_app_zlog_level = 4;
     g_dbg_slog_level = 3;
