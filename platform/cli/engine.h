@@ -20,6 +20,7 @@ struct SessionState {
     bool privileged = true;       // false after "disable": only the view commands are there
     bool monitor = false;         // shows system log messages
     bool leaving = false;         // the session ends after this line
+    bool program = false;         // belongs to a program of the switch, not to an operator
 };
 
 struct Result {
