@@ -101,11 +101,12 @@ Result ask_server(int session, const char* line, const cli_mode* mode) {
 }
 
 Result run_inline(const char* line, const cli_mode* mode) {
-    if (mode && mode->name[0] != '\0') {
-        return execute_in(mode->name, static_cast<uint64_t>(mode->ifx), line);
-    }
     SessionState session;
-    return execute(session, line);
+    if (mode && mode->name[0] != '\0') {
+        session.mode = mode->name;
+        session.ifx = static_cast<uint64_t>(mode->ifx);
+    }
+    return execute_alone(std::move(session), line);
 }
 
 }  // namespace

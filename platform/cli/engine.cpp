@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <memory>
+#include <utility>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/scripted_faults.h"
@@ -12,17 +14,24 @@
 namespace qv::cli {
 namespace {
 
+struct DeferredAnswer {
+    Completion answer;   // empty once it was called
+    std::string output;  // printed before the handler returned
+};
+
 // The command at hand. Commands nest when a handler executes a line of its own.
 struct Running {
     SessionState* session;
     std::string* output;
+    Completion* answer;                        // null when the answer cannot be deferred
+    std::shared_ptr<DeferredAnswer> deferred;  // owns `output` once the answer is deferred
 };
 Running* g_running = nullptr;
 
 class RunningScope {
  public:
-    RunningScope(SessionState& session, std::string& output)
-        : running_{&session, &output}, before_(g_running) {
+    RunningScope(SessionState& session, std::string& output, Completion* answer = nullptr)
+        : running_{&session, &output, answer, nullptr}, before_(g_running) {
         g_running = &running_;
     }
     ~RunningScope() { g_running = before_; }
@@ -121,6 +130,7 @@ int call_handler(cli_handler handler, cli_pcdb& pcdb, const SessionState& sessio
     if (session.mode != kModeRange) {
         return handler(&pcdb);
     }
+    g_running->answer = nullptr;  // one line, one answer, but several handler calls
     int result = 0;
     const std::vector<uint64_t> range = session.range;
     for (const uint64_t ifx : range) {
@@ -185,11 +195,10 @@ std::string port_name(uint64_t ifx) {
     return port ? port->name : std::to_string(ifx);
 }
 
-}  // namespace
-
-Result execute(SessionState& session, std::string_view line) {
+// Empties `answer` when the command defers its answer.
+Result execute_now(SessionState& session, std::string_view line, Completion* answer) {
     Result result;
-    const RunningScope scope(session, result.output);
+    const RunningScope scope(session, result.output, answer);
     if (line.size() > kMaxLineBytes) {
         cli_printf("%% Line too long (limit %zu bytes).\n", kMaxLineBytes);
         result.code = -1;
@@ -203,6 +212,36 @@ Result execute(SessionState& session, std::string_view line) {
         result.code = run_line(session, line);
     }
     return result;
+}
+
+}  // namespace
+
+Result execute(SessionState& session, std::string_view line) {
+    return execute_now(session, line, nullptr);
+}
+
+void execute(SessionState& session, std::string_view line, Completion answer) {
+    Result result = execute_now(session, line, &answer);
+    if (answer) {
+        answer(std::move(result));
+    }
+}
+
+Completion defer() {
+    if (!g_running || !g_running->answer) {
+        return {};
+    }
+    const auto deferred = std::make_shared<DeferredAnswer>();
+    deferred->answer = std::exchange(*std::exchange(g_running->answer, nullptr), nullptr);
+    deferred->output = std::move(*g_running->output);
+    g_running->output = &deferred->output;
+    g_running->deferred = deferred;
+    return [deferred](Result result) {
+        if (const Completion answer = std::exchange(deferred->answer, nullptr)) {
+            result.output.insert(0, deferred->output);
+            answer(std::move(result));
+        }
+    };
 }
 
 bool parses(SessionState& session, std::string_view line) {

@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,9 +29,24 @@ struct Result {
     std::string output;
 };
 
+// Takes the result of a line. Loop thread.
+using Completion = std::function<void(Result)>;
+
 // Executes one line. Its end may carry blanks and a line end; a line that is empty or begins with
-// "!" does nothing.
+// "!" does nothing. Commands cannot defer their answer.
 Result execute(SessionState& session, std::string_view line);
+
+// The same, for a caller that can wait: hands the result to `answer` exactly once, before this call
+// returns or, when the command defers its answer, later. `session` may be destroyed meanwhile.
+void execute(SessionState& session, std::string_view line, Completion answer);
+
+// For handlers: defers the answer of the command at hand. The handler's return value is ignored
+// then, and the function returned here must be called on the loop thread, with the result and what
+// is to be printed after the output so far; a second call does nothing. The handler must not keep
+// its parse context or its session for later. Empty when nobody can wait: the line runs inline, it
+// runs for each port of a range, or its answer is deferred already. The handler must finish its
+// work before it returns then.
+[[nodiscard]] Completion defer();
 
 // Whether the line would be taken as a command. Calls no handler.
 bool parses(SessionState& session, std::string_view line);

@@ -67,22 +67,24 @@ bool SocketSession::read_some() {
 }
 
 bool SocketSession::may_serve() const {
-    return fd_ >= 0 && !leave_ && output_.size() - sent_ < kOutputHighMark;
+    return fd_ >= 0 && !leave_ && !answering_ && output_.size() - sent_ < kOutputHighMark;
 }
 
 // Executes waiting requests as far as output and turn allow, then waits for what is needed next.
 void SocketSession::serve() {
+    serving_ = true;
     size_t end = input_.find('\n');
     for (int served = 0; served < kRequestsPerTurn && may_serve() && end != std::string::npos;
          ++served) {
         const std::string request = input_.substr(0, end);
         input_.erase(0, end + 1);
-        answer(request);
+        start_request(request);
         end = input_.find('\n');
     }
+    serving_ = false;
     if (may_serve() && end == std::string::npos) {
         if (input_.size() > kMaxRequestBytes) {
-            send(error_reply("Request too long.", state_));
+            send(reply(error_result("Request too long."), state_));
             leave_ = true;
         }
         leave_ = leave_ || end_of_input_;
@@ -95,13 +97,26 @@ void SocketSession::serve() {
     }
 }
 
-void SocketSession::answer(const std::string& request) {
+void SocketSession::start_request(const std::string& request) {
+    answering_ = true;
     if (request.size() > kMaxRequestBytes) {
-        send(error_reply("Request too long.", state_));
+        finish_request(error_result("Request too long."));
         return;
     }
-    send(answer_request(request, state_));
+    answer_request(request, state_, [this, alive = std::weak_ptr(alive_)](const Result& result) {
+        if (!alive.expired() && fd_ >= 0) {
+            finish_request(result);
+        }
+    });
+}
+
+void SocketSession::finish_request(const Result& result) {
+    answering_ = false;
+    send(reply(result, state_));
     leave_ = leave_ || state_.leaving;
+    if (!serving_) {
+        serve();
+    }
 }
 
 void SocketSession::send(const std::string& reply) {
@@ -150,8 +165,8 @@ void SocketSession::flush() {
 
 void SocketSession::update_watch() {
     const bool pending = sent_ < output_.size();
-    const bool full =
-        output_.size() - sent_ >= kOutputHighMark || input_.find('\n') != std::string::npos;
+    const bool full = output_.size() - sent_ >= kOutputHighMark ||
+                      input_.size() > kMaxRequestBytes || input_.find('\n') != std::string::npos;
     const bool read = !full && !leave_ && !end_of_input_;
     const int wanted = (read ? kRead : 0) | (pending ? kWrite : 0);
     if (wanted == watched_) {

@@ -2,10 +2,12 @@
 //
 // Requests are lines of JSON. They are executed in order, a few per turn of the loop, and only
 // while the client takes its replies: when it does not, the session stops reading, so neither
-// buffer grows beyond its limit. A client that has not taken a byte for kStalledAfter is dropped.
+// buffer grows beyond its limit. The same holds while a command has its answer deferred: the next
+// request waits for that answer. A client that has not taken a byte for kStalledAfter is dropped.
 #pragma once
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -39,7 +41,8 @@ class SocketSession {
     bool read_some();
     bool may_serve() const;
     void serve();
-    void answer(const std::string& request);
+    void start_request(const std::string& request);
+    void finish_request(const Result& result);
     void send(const std::string& reply);
     void flush();
     void update_watch();
@@ -53,8 +56,12 @@ class SocketSession {
     std::string output_;
     size_t sent_ = 0;  // bytes of output_ that have gone
     bool end_of_input_ = false;
-    bool leave_ = false;  // close when output_ has gone
-    int watched_ = 0;     // what watch_ waits for: 1 read, 2 write, or-ed
+    bool leave_ = false;      // close when output_ has gone
+    bool serving_ = false;    // serve() is on the stack
+    bool answering_ = false;  // a request was started and not finished
+    // A deferred answer may outlive the session; it holds a weak reference to this.
+    std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
+    int watched_ = 0;  // what watch_ waits for: 1 read, 2 write, or-ed
     EventLoop::Handle watch_;
     EventLoop::Handle next_turn_;
     EventLoop::Handle stall_timer_;

@@ -1,6 +1,7 @@
 #include "platform/cli/wire.h"
 
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
@@ -15,6 +16,58 @@ std::string render(const json& object) {
     return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }
 
+const std::string* text_of(const json& request, const char* key) {
+    const auto found = request.find(key);
+    return found == request.end() ? nullptr : found->get_ptr<const std::string*>();
+}
+
+void answer_exec(const json& request, const std::string& line, SessionState& session,
+                 Completion answer) {
+    if (!request.contains("mode")) {
+        execute(session, line, std::move(answer));
+        return;
+    }
+    const std::string* mode = text_of(request, "mode");
+    const auto ifx = request.find("ifx");
+    if (!mode || (ifx != request.end() && !ifx->is_number_integer())) {
+        answer(error_result("\"mode\" is a text and \"ifx\" a number."));
+        return;
+    }
+    SessionState alone;
+    alone.mode = *mode;
+    alone.ifx = ifx == request.end() ? 0 : ifx->get<uint64_t>();
+    execute_alone(std::move(alone), line, std::move(answer));
+}
+
+bool can_begin_in(std::string_view mode) {
+    return mode == kModeExec || mode == kModeConfig || mode == kModeInterface;
+}
+
+// Programs change the configuration by single lines, and nobody types "write" for them.
+void save_after(std::string_view mode, const Result& result) {
+    ConfigKeeper* const keeper = config_keeper();
+    if (keeper && mode != kModeExec && result.code >= 0) {
+        keeper->request_save();
+    }
+}
+
+}  // namespace
+
+void answer_request(std::string_view text, SessionState& session, Completion answer) {
+    const json request = json::parse(text, nullptr, false);
+    if (!request.is_object()) {
+        answer(error_result("The request is no JSON object."));
+    } else if (const std::string* line = text_of(request, "exec")) {
+        answer_exec(request, *line, session, std::move(answer));
+    } else if (const std::string* part = text_of(request, "complete")) {
+        answer({0, completions(session, *part)});
+    } else if (const std::string* asked = text_of(request, "help")) {
+        answer({0, help_text(session, *asked)});
+    } else {
+        answer(error_result("The request has no text \"exec\", \"complete\" or \"help\"."));
+    }
+}
+
 std::string reply(const Result& result, const SessionState& session) {
     json object{{"output", result.output}, {"result", result.code}, {"prompt", prompt(session)}};
     if (session.leaving) {
@@ -23,65 +76,33 @@ std::string reply(const Result& result, const SessionState& session) {
     return render(object);
 }
 
-const std::string* text_of(const json& request, const char* key) {
-    const auto found = request.find(key);
-    return found == request.end() ? nullptr : found->get_ptr<const std::string*>();
-}
-
-std::string answer_exec(const json& request, const std::string& line, SessionState& session) {
-    if (!request.contains("mode")) {
-        return reply(execute(session, line), session);
-    }
-    const std::string* mode = text_of(request, "mode");
-    const auto ifx = request.find("ifx");
-    if (!mode || (ifx != request.end() && !ifx->is_number_integer())) {
-        return error_reply("\"mode\" is a text and \"ifx\" a number.", session);
-    }
-    return reply(execute_in(*mode, ifx == request.end() ? 0 : ifx->get<uint64_t>(), line), session);
-}
-
-}  // namespace
-
-std::string answer_request(std::string_view text, SessionState& session) {
-    const json request = json::parse(text, nullptr, false);
-    if (!request.is_object()) {
-        return error_reply("The request is no JSON object.", session);
-    }
-    if (const std::string* line = text_of(request, "exec")) {
-        return answer_exec(request, *line, session);
-    }
-    if (const std::string* line = text_of(request, "complete")) {
-        return reply({0, completions(session, *line)}, session);
-    }
-    if (const std::string* line = text_of(request, "help")) {
-        return reply({0, help_text(session, *line)}, session);
-    }
-    return error_reply("The request has no text \"exec\", \"complete\" or \"help\".", session);
-}
-
-std::string error_reply(std::string_view reason, const SessionState& session) {
-    return reply({-1, "% " + std::string(reason) + "\n"}, session);
-}
-
 std::string monitor_event(std::string_view text) {
     return render({{"monitor", std::string(text)}});
 }
 
-Result execute_in(std::string_view mode, uint64_t ifx, std::string_view line) {
-    if (mode != kModeExec && mode != kModeConfig && mode != kModeInterface) {
-        return {-1, "% Unknown mode.\n"};
+Result error_result(std::string_view reason) {
+    return {-1, "% " + std::string(reason) + "\n"};
+}
+
+Result execute_alone(SessionState session, std::string_view line) {
+    if (!can_begin_in(session.mode)) {
+        return error_result("Unknown mode.");
     }
-    SessionState session;
-    session.mode = mode;
-    session.ifx = ifx;
+    const std::string mode = session.mode;
     Result result = execute(session, line);
-    // The switch's programs change the configuration this way, and nobody types "write" for them.
-    if (mode != kModeExec && result.code >= 0) {
-        if (ConfigKeeper* keeper = config_keeper()) {
-            keeper->request_save();
-        }
-    }
+    save_after(mode, result);
     return result;
+}
+
+void execute_alone(SessionState session, std::string_view line, Completion answer) {
+    if (!can_begin_in(session.mode)) {
+        answer(error_result("Unknown mode."));
+        return;
+    }
+    execute(session, line, [mode = session.mode, answer = std::move(answer)](Result result) {
+        save_after(mode, result);
+        answer(std::move(result));
+    });
 }
 
 }  // namespace qv::cli

@@ -14,12 +14,19 @@
 
 namespace qv::cli {
 
+// Serves one request and hands its result to `answer`, as execute() does: now, or later.
+void answer_request(std::string_view text, SessionState& session, Completion answer);
+
 // Replies and events end in a line end.
-std::string answer_request(std::string_view text, SessionState& session);
-std::string error_reply(std::string_view reason, const SessionState& session);
+std::string reply(const Result& result, const SessionState& session);
 std::string monitor_event(std::string_view text);
 
-// Executes a line in a mode of its own, as cli_execute_cmd_buf_fd asks for it.
-Result execute_in(std::string_view mode, uint64_t ifx, std::string_view line);
+// "% REASON" with the code of a line that could not be executed.
+Result error_result(std::string_view reason);
+
+// Executes a line in a session of its own, which begins in `session.mode` (exec, config or
+// interface). A line that may have changed the configuration has it saved soon.
+Result execute_alone(SessionState session, std::string_view line);
+void execute_alone(SessionState session, std::string_view line, Completion answer);
 
 }  // namespace qv::cli

@@ -18,7 +18,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const size_t end = input.find('\n');
         const std::string_view request = input.substr(0, end);
         input.remove_prefix(end == std::string_view::npos ? input.size() : end + 1);
-        const std::string reply = cli::answer_request(request, session);
+        std::string reply;
+        cli::answer_request(request, session, [&](const cli::Result& result) {
+            reply = cli::reply(result, session);
+        });
         fuzz::require(reply.ends_with('\n') && reply.find('\n') == reply.size() - 1,
                       "a reply is one line");
         const auto object = nlohmann::json::parse(reply, nullptr, false);
