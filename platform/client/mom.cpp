@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/client/mom_key.h"
+#include "platform/client/own_records.h"
 #include "platform/client/platform.h"
 #include "platform/driver/store_driver.h"
 #include "qv/syslog.h"
@@ -262,8 +263,12 @@ int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* recor
     if (!key) {
         return EINVAL;
     }
-    const std::vector<uint8_t> packed = qv::pack_record(*record);
-    return client->store->set(db, record->descriptor->name, *key, packed) ? 0 : ENOTCONN;
+    std::vector<uint8_t> packed = qv::pack_record(*record);
+    if (!client->store->set(db, record->descriptor->name, *key, packed)) {
+        return ENOTCONN;
+    }
+    qv::own_records().set(db, *key, std::move(packed));
+    return 0;
 }
 
 int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int /*flags*/,
@@ -276,6 +281,7 @@ int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* recor
         return EINVAL;
     }
     const std::vector<uint8_t> packed = qv::pack_key_of_record(*record);
+    qv::own_records().erase(db, *key);
     return client->store->erase(db, record->descriptor->name, *key, packed) ? 0 : ENOTCONN;
 }
 
@@ -288,6 +294,7 @@ int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* reco
     if (!pattern) {
         return EINVAL;
     }
+    qv::own_records().erase_matching(db, *pattern);
     return client->store->erase_matching(db, record->descriptor->name, *pattern) ? 0 : ENOTCONN;
 }
 

@@ -1,0 +1,52 @@
+#include "platform/client/own_records.h"
+
+#include <fnmatch.h>
+
+#include "platform/client/platform.h"
+
+namespace qv {
+
+bool OwnRecords::contains(uint32_t db, const std::string& key) const {
+    return records_.contains({db, key});
+}
+
+void OwnRecords::on_erased(ErasedCallback callback) {
+    erased_ = std::move(callback);
+}
+
+void OwnRecords::set(uint32_t db, const std::string& key, std::vector<uint8_t> packed) {
+    records_[{db, key}] = std::move(packed);
+}
+
+void OwnRecords::erase(uint32_t db, const std::string& key) {
+    const auto found = records_.find({db, key});
+    if (found != records_.end()) {
+        erase(found);
+    }
+}
+
+void OwnRecords::erase_matching(uint32_t db, const std::string& glob) {
+    auto record = records_.lower_bound({db, ""});
+    while (record != records_.end() && record->first.first == db) {
+        const bool matches = fnmatch(glob.c_str(), record->first.second.c_str(), 0) == 0;
+        record = matches ? erase(record) : std::next(record);
+    }
+}
+
+OwnRecords::Records::iterator OwnRecords::erase(Records::iterator record) {
+    if (erased_) {
+        platform().loop().post([this, id = record->first] {
+            if (erased_) {
+                erased_(id.first, id.second);
+            }
+        });
+    }
+    return records_.erase(record);
+}
+
+OwnRecords& own_records() {
+    static auto& records = *new OwnRecords;  // never destroyed, as the clients that fill it
+    return records;
+}
+
+}  // namespace qv

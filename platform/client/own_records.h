@@ -1,0 +1,49 @@
+// The records that this process has set in the object database and has not deleted since, whichever
+// of its clients did it. qv/mom.h keeps this list; after a loss of records in the server it is what
+// gets written again. Loop thread only.
+//
+// A delete takes its records out even when the database is away and the call fails: the process no
+// longer wants them. Changes made by other programs are not reflected here.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qv {
+
+class OwnRecords {
+ public:
+    using ErasedCallback = std::function<void(uint32_t db, const std::string& key)>;
+
+    // `key` is the key text of docs/object-database.md, "p_app.lda_loop_entry/name=swp3".
+    bool contains(uint32_t db, const std::string& key) const;
+
+    // `callback` runs through the loop, once for each record that this process has deleted, also
+    // by a delete of many. The record may have been set again by then: ask contains(). There is one
+    // observer; a later one replaces it, null removes it.
+    void on_erased(ErasedCallback callback);
+
+    // The rest is for the client behind qv/mom.h.
+
+    void set(uint32_t db, const std::string& key, std::vector<uint8_t> packed);
+    void erase(uint32_t db, const std::string& key);
+    void erase_matching(uint32_t db, const std::string& glob);
+
+ private:
+    using Id = std::pair<uint32_t, std::string>;  // database, key
+    using Records = std::map<Id, std::vector<uint8_t>>;
+
+    Records::iterator erase(Records::iterator record);
+
+    Records records_;
+    ErasedCallback erased_;
+};
+
+// The list of this process.
+OwnRecords& own_records();
+
+}  // namespace qv
