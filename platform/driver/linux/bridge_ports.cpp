@@ -77,6 +77,22 @@ void BridgePorts::set_mode(uint32_t ifx, uint32_t mode) {
     sink_.port_changed(Port(found->second));
 }
 
+void BridgePorts::set_admin(uint32_t ifx, bool up) {
+    const auto found = reported_.find(ifx);
+    if (found == reported_.end() || found->second.admin_up == up) {
+        return;
+    }
+    // A port that is shut passes nothing; one that is up says by a message when it does.
+    Port& port = found->second;
+    port.admin_up = up;
+    port.oper_up = port.oper_up && up;
+    if (const auto link = links_.find(ifx); link != links_.end()) {
+        link->second.state.admin_up = port.admin_up;
+        link->second.state.oper_up = port.oper_up;
+    }
+    sink_.port_changed(Port(port));
+}
+
 // The link when it is a member of our bridge, else null.
 const LinkMessage* BridgePorts::member(uint32_t ifx) const {
     const auto found = links_.find(ifx);

@@ -33,6 +33,10 @@ class BridgePorts {
     // Keeps and reports the VLAN mode of a reported port.
     void set_mode(uint32_t ifx, uint32_t mode);
 
+    // Takes over and reports the kernel's admin state of a reported port, also between begin_dump()
+    // and end_dump(): for a caller who knows it before the message that says so has arrived.
+    void set_admin(uint32_t ifx, bool up);
+
  private:
     struct Link {
         LinkMessage state;

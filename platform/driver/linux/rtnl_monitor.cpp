@@ -22,12 +22,27 @@ namespace {
 // Largest datagram: the kernel fills dumps into at most 32 KiB.
 constexpr size_t kDatagramBytes = 64 << 10;
 constexpr int kDatagramsPerTurn = 256;
+// Turns of catch_up(): more datagrams than a receive buffer of some megabytes holds, and an end
+// even when the kernel adds them as fast as they are read.
+constexpr int kCatchUpTurns = 64;
 // Least time between two full readings, so that a storm of changes does not become one of readings.
 constexpr std::chrono::milliseconds kResyncPause{100};
 constexpr std::chrono::seconds kReopenPause{1};
 
 struct FreeBytes {
     void operator()(unsigned char* bytes) const { std::free(bytes); }
+};
+
+// Raises a flag for the time of a scope, whichever way the scope is left.
+class FlagGuard {
+ public:
+    explicit FlagGuard(bool& flag) : flag_(flag) { flag_ = true; }
+    ~FlagGuard() { flag_ = false; }
+    FlagGuard(const FlagGuard&) = delete;
+    FlagGuard& operator=(const FlagGuard&) = delete;
+
+ private:
+    bool& flag_;
 };
 
 void check(int result, const char* what) {
@@ -93,7 +108,17 @@ void RtnlMonitor::request_dump() {
     }
 }
 
-void RtnlMonitor::drain() {
+void RtnlMonitor::catch_up() {
+    if (draining_) {
+        return;
+    }
+    for (int turn = 0; turn < kCatchUpTurns && drain(); ++turn) {
+    }
+}
+
+// Whether there may be more to read.
+bool RtnlMonitor::drain() {
+    const FlagGuard guard(draining_);
     // A storm of changes must not keep timers and commands waiting: what is left comes next turn.
     for (int datagram = 0; socket_ && datagram < kDatagramsPerTurn; ++datagram) {
         sockaddr_nl sender{};
@@ -101,12 +126,12 @@ void RtnlMonitor::drain() {
         int left = nl_recv(socket_.get(), &sender, &bytes, nullptr);
         const std::unique_ptr<unsigned char, FreeBytes> owner(bytes);
         if (left == 0 || left == -NLE_AGAIN) {
-            return;
+            return false;
         }
         if (left < 0) {
             // -NLE_NOMEM is ENOBUFS: the kernel had no room for a notification.
             resync(left == -NLE_NOMEM ? "notifications were lost" : nl_geterror(left));
-            return;
+            return false;
         }
         if (sender.nl_pid != 0) {
             continue;  // not from the kernel
@@ -116,6 +141,7 @@ void RtnlMonitor::drain() {
             handle(header);
         }
     }
+    return socket_ != nullptr;
 }
 
 void RtnlMonitor::handle(nlmsghdr* header) {

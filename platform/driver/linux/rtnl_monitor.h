@@ -55,6 +55,11 @@ class RtnlMonitor {
     // Once. The listener stays the caller's and must outlive the monitor.
     void start(Listener& listener);
 
+    // Hands the listener every message that the kernel has queued so far. Does nothing when the
+    // listener calls it: then the messages follow in their order after its return. While the socket
+    // waits to be opened again there is nothing to hand over.
+    void catch_up();
+
     // How often everything was read again.
     unsigned resyncs() const { return resyncs_; }
 
@@ -62,7 +67,7 @@ class RtnlMonitor {
     NlSocket open_socket() const;
     void read_all();
     void request_dump();
-    void drain();
+    bool drain();
     void handle(nlmsghdr* header);
     void handle_dump_done(nlmsghdr* header);
     void resync(const std::string& reason);
@@ -75,6 +80,7 @@ class RtnlMonitor {
     NlSocket socket_;              // null while waiting to be opened again
     EventLoop::Handle watch_;      // on the descriptor of socket_: goes before it
     EventLoop::Handle reopening_;  // pending while socket_ is null
+    bool draining_ = false;        // the listener is being called
     Time last_resync_{};
     unsigned resyncs_ = 0;
     bool dump_interrupted_ = false;  // something came or went in mid-dump, one may be missing in it

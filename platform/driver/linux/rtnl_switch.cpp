@@ -1,22 +1,27 @@
 #include "platform/driver/linux/rtnl_switch.h"
 
+#include <cerrno>
 #include <cstring>
+#include <map>
 #include <optional>
 #include <stdexcept>
 #include <utility>
 
+#include <linux/capability.h>
 #include <linux/rtnetlink.h>
 #include <net/if.h>
-#include <netlink/errno.h>
 #include <netlink/handlers.h>
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include "platform/driver/linux/bridge_ports.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "platform/driver/linux/rtnl_monitor.h"
 #include "qv/bridge.h"
+#include "qv/syslog.h"
 
 namespace qv {
 namespace {
@@ -30,29 +35,65 @@ int keep_errno(sockaddr_nl*, nlmsgerr* answer, void* kept) {
     return NL_STOP;
 }
 
-// Sets or clears IFF_UP. Empty when done, else the kernel's reason.
-std::string change_up_flag(nl_sock* socket, uint32_t ifx, bool up) {
-    const std::unique_ptr<nl_msg, NlMessageFree> request(
-        nlmsg_alloc_simple(RTM_SETLINK, NLM_F_ACK));
-    ifinfomsg change{};
-    change.ifi_index = static_cast<int>(ifx);
-    change.ifi_flags = up ? IFF_UP : 0;
-    change.ifi_change = IFF_UP;
-    if (!request || nlmsg_append(request.get(), &change, sizeof change, NLMSG_ALIGNTO) < 0) {
-        return std::strerror(ENOMEM);
-    }
-    // The library's own error numbers are coarser than the kernel's.
+// Sends a request and waits until the kernel has acknowledged it. 0 or its errno: the library's own
+// error numbers are coarser.
+int transact(nl_sock* socket, nl_msg* request) {
     int refused = 0;
     nl_socket_modify_err_cb(socket, NL_CB_CUSTOM, keep_errno, &refused);
-    int result = nl_send_auto(socket, request.get());
+    int result = nl_send_auto(socket, request);
     if (result >= 0) {
         result = nl_wait_for_ack(socket);
     }
     nl_socket_modify_err_cb(socket, NL_CB_DEFAULT, nullptr, nullptr);
     if (refused != 0) {
-        return std::strerror(refused);
+        return refused;
     }
-    return result < 0 ? nl_geterror(result) : "";
+    return result < 0 ? EIO : 0;
+}
+
+// A request about one link; null when out of memory.
+std::unique_ptr<nl_msg, NlMessageFree> link_request(int type, const ifinfomsg& link) {
+    std::unique_ptr<nl_msg, NlMessageFree> request(nlmsg_alloc_simple(type, NLM_F_ACK));
+    ifinfomsg copy = link;
+    if (request && nlmsg_append(request.get(), &copy, sizeof copy, NLMSG_ALIGNTO) < 0) {
+        request.reset();
+    }
+    return request;
+}
+
+// Sets or clears IFF_UP and no other flag. 0 or errno.
+int change_up_flag(nl_sock* socket, uint32_t ifx, bool up) {
+    ifinfomsg change{};
+    change.ifi_index = static_cast<int>(ifx);
+    change.ifi_flags = up ? IFF_UP : 0;
+    change.ifi_change = IFF_UP;
+    const auto request = link_request(RTM_SETLINK, change);
+    return request ? transact(socket, request.get()) : ENOMEM;
+}
+
+int keep_link(nl_msg* answer, void* kept) {
+    *static_cast<std::optional<LinkMessage>*>(kept) = parse_link(nlmsg_hdr(answer));
+    return NL_OK;
+}
+
+// The link as the kernel has it now; nothing when that cannot be found out.
+std::optional<LinkMessage> read_link(nl_sock* socket, uint32_t ifx) {
+    ifinfomsg wanted{};
+    wanted.ifi_index = static_cast<int>(ifx);
+    const auto request = link_request(RTM_GETLINK, wanted);
+    std::optional<LinkMessage> link;
+    nl_socket_modify_cb(socket, NL_CB_VALID, NL_CB_CUSTOM, keep_link, &link);
+    const int error = request ? transact(socket, request.get()) : ENOMEM;
+    nl_socket_modify_cb(socket, NL_CB_VALID, NL_CB_DEFAULT, nullptr, nullptr);
+    return error == 0 ? link : std::nullopt;
+}
+
+// Of the calling thread.
+bool has_net_admin() {
+    __user_cap_header_struct header{.version = _LINUX_CAPABILITY_VERSION_3, .pid = 0};
+    __user_cap_data_struct sets[_LINUX_CAPABILITY_U32S_3]{};
+    return syscall(SYS_capget, &header, sets) == 0 &&
+           (sets[CAP_TO_INDEX(CAP_NET_ADMIN)].effective & CAP_TO_MASK(CAP_NET_ADMIN)) != 0;
 }
 
 }  // namespace
@@ -97,11 +138,20 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         if (port == nullptr) {
             return "no such port";
         }
-        const std::string reason = change_up_flag(requests_.get(), ifx, up);
+        const std::string name = port->name;
+        const int error = change_up_flag(requests_.get(), ifx, up);
+        std::string reason = error != 0 ? std::strerror(error) : "";
         if (reason.empty()) {
+            reason = take_over(ifx, up);
+        }
+        if (reason.empty()) {
+            log_success(ifx, up, name);
             return "";
         }
-        return "cannot set " + port->name + (up ? " up: " : " down: ") + reason;
+        const bool powerless = error == EPERM && !has_net_admin();
+        log_refusal(ifx, up, name,
+                    powerless ? reason + "; the process lacks CAP_NET_ADMIN" : reason);
+        return "cannot set " + name + (up ? " up: " : " down: ") + reason;
     }
 
     std::string set_mode(uint32_t ifx, uint32_t mode) {
@@ -120,12 +170,45 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
  private:
     const Port* find(uint32_t ifx) const { return ports_ ? ports_->find(ifx) : nullptr; }
 
+    // Brings the ports up to date with an acknowledged change. When the notification cannot be read
+    // now (it was lost, or this is called from inside a report), the kernel is asked. Empty when
+    // the port has the state or is gone, else the reason why it has not.
+    std::string take_over(uint32_t ifx, bool up) {
+        monitor_.catch_up();
+        const Port* const port = find(ifx);
+        if (port == nullptr || port->admin_up == up) {
+            return "";
+        }
+        const std::optional<LinkMessage> link = read_link(requests_.get(), ifx);
+        const bool is_up = link ? link->admin_up : up;
+        ports_->set_admin(ifx, is_up);
+        return is_up == up ? "" : "another program has changed it back";
+    }
+
+    void log_refusal(uint32_t ifx, bool up, const std::string& name, const std::string& reason) {
+        std::string& logged = refused_[{ifx, up}];
+        if (logged != reason) {
+            logged = reason;
+            printk_syslog(SYSLOG_SEVERITY_ERROR, "PORT", "ADMIN", "%s cannot be %s: %s.",
+                          name.c_str(), up ? "brought up" : "shut", reason.c_str());
+        }
+    }
+
+    void log_success(uint32_t ifx, bool up, const std::string& name) {
+        if (refused_.erase({ifx, up}) != 0) {
+            printk_syslog(SYSLOG_SEVERITY_INFO, "PORT", "ADMIN", "%s can be %s again.",
+                          name.c_str(), up ? "brought up" : "shut");
+        }
+    }
+
     const std::string bridge_;
     RtnlMonitor monitor_;
     NlSocket requests_;  // blocking, so that an answer is at hand when a request returns
     std::optional<BridgePorts> ports_;  // from start() on
     PortSink* sink_ = nullptr;
     bool complete_ = false;
+    // Why the admin state of a port cannot be changed to "up" (true) or "down", as logged.
+    std::map<std::pair<uint32_t, bool>, std::string> refused_;
 };
 
 RtnlSwitch::RtnlSwitch(EventLoop& loop, std::string bridge, int receive_buffer)

@@ -4,7 +4,9 @@
 // so that dump and notifications arrive in the kernel's own order. When the kernel had to drop
 // notifications, the socket is opened anew and everything is read again; the differences against
 // what was reported are then reported, removals first, so nothing is lost. Requests go out on a
-// socket of their own and wait for the kernel's acknowledgement.
+// socket of their own and wait for the kernel's acknowledgement. The kernel queues the notification
+// of a change before it acknowledges the request for it, so reading the first socket until it is
+// empty brings the ports up to date with an acknowledged change.
 //
 // A port appears when its link joins the bridge and is removed when it leaves it (after
 // port_left_bridge) or is deleted. The bridge itself may come later than the agent, vanish and come
@@ -40,8 +42,9 @@ class RtnlSwitch final : public SwitchDriver {
     // dump whether or not the bridge exists.
     void start(PortSink& sink) override;
 
-    // Sets or clears IFF_UP and waits for the acknowledgement; the new state is reported once the
-    // kernel announces it.
+    // Sets or clears IFF_UP and waits for the acknowledgement. When it returns an empty text, the
+    // sink has been told everything up to and including the change. A refusal is also logged, once
+    // for each port, direction and reason, and so is the first success after it.
     std::string set_admin(uint32_t ifx, bool up) override;
 
     // Access, trunk or hybrid; reported from inside the call.

@@ -196,6 +196,39 @@ TEST_F(BridgePortsTest, ModeIsKeptOverChangesAndForgottenWithThePort) {
     EXPECT_EQ(sink.ports.at(101).mode, 1u);
 }
 
+TEST_F(BridgePortsTest, AdminStateGivenAheadOfItsMessageIsReportedOnce) {
+    dump({bridge(), member(101, "swp1")});
+    sink.take();
+    ports.set_admin(101, false);
+    ports.set_admin(101, false);
+    ports.set_admin(999, false);
+    EXPECT_EQ(sink.take(), Lines{"changed swp1"});
+    EXPECT_FALSE(sink.ports.at(101).admin_up);
+    EXPECT_FALSE(sink.ports.at(101).oper_up) << "a port that is shut passes nothing";
+    LinkMessage down = member(101, "swp1");
+    down.admin_up = down.oper_up = false;
+    ports.take(down);
+    EXPECT_EQ(sink.take(), Lines{}) << "its message says nothing new";
+    ports.set_admin(101, true);
+    EXPECT_TRUE(sink.ports.at(101).admin_up);
+    EXPECT_FALSE(sink.ports.at(101).oper_up) << "the kernel says when the link works";
+    EXPECT_EQ(sink.take(), Lines{"changed swp1"});
+}
+
+TEST_F(BridgePortsTest, AdminStateGivenDuringADumpIsReportedAtOnceAndOutlivesTheDump) {
+    dump({bridge(), member(101, "swp1"), member(102, "swp2")});
+    sink.take();
+    ports.begin_dump();
+    ports.take(bridge());
+    ports.take(member(101, "swp1"));
+    ports.set_admin(101, false);
+    EXPECT_EQ(sink.take(), Lines{"changed swp1"});
+    ports.take(member(102, "swp2"));
+    ports.end_dump();
+    EXPECT_EQ(sink.take(), Lines{});
+    EXPECT_FALSE(sink.ports.at(101).admin_up);
+}
+
 TEST_F(BridgePortsTest, BondIsAnAggregatePort) {
     LinkMessage bond = member(101, "bond0");
     bond.kind = "bond";

@@ -2,8 +2,10 @@
 // that do not fit the table.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -26,6 +28,9 @@ class RecordingSink final : public PortSink {
         EXPECT_TRUE(ports.contains(port.ifx)) << port.name << " changed without being there";
         ports[port.ifx] = port;
         reports.push_back("changed " + port.name);
+        if (const auto act = std::exchange(on_next_change, nullptr)) {
+            act();
+        }
     }
     void port_left_bridge(uint32_t ifx) override { reports.push_back("left " + name(ifx)); }
     void ports_complete() override { reports.push_back("complete"); }
@@ -44,6 +49,7 @@ class RecordingSink final : public PortSink {
 
     std::map<uint32_t, Port> ports;
     std::vector<std::string> reports;
+    std::function<void()> on_next_change;  // runs once, inside the report of a change
 
  private:
     std::string name(uint32_t ifx) const {

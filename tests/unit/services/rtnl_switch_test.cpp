@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <netlink/netlink.h>
 #include <sched.h>
 #include <unistd.h>
 
@@ -13,6 +14,21 @@
 #include "tests/support/test_platform.h"
 #include "tests/unit/services/recording_sink.h"
 #include "tests/unit/services/temporary_directory.h"
+
+// Runs once after the next acknowledgement, before the driver hears of it.
+static std::function<void()> g_after_acknowledgement;
+
+// The linker puts this in place of nl_wait_for_ack.
+extern "C" {
+int __real_nl_wait_for_ack(nl_sock* socket);
+int __wrap_nl_wait_for_ack(nl_sock* socket) {
+    const int result = __real_nl_wait_for_ack(socket);
+    if (const auto act = std::exchange(g_after_acknowledgement, nullptr)) {
+        act();
+    }
+    return result;
+}
+}
 
 namespace qv {
 namespace {
@@ -113,6 +129,128 @@ TEST_F(RtnlSwitchTest, AdminStateIsTheKernelsOwn) {
 
     EXPECT_EQ(driver.set_admin(ifx, true), "");
     EXPECT_TRUE(wait_for_up("swp1"));
+}
+
+TEST_F(RtnlSwitchTest, OtherFlagsOfTheLinkStayAsTheyAre) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") +
+       "link set swp1 arp off\n");
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+    EXPECT_EQ(driver.set_admin(ifx, false), "");
+    EXPECT_EQ(std::system("ip link show swp1 | grep -q NOARP"), 0);
+    EXPECT_EQ(driver.set_admin(ifx, true), "");
+    EXPECT_EQ(std::system("ip link show swp1 | grep -q NOARP"), 0);
+}
+
+TEST_F(RtnlSwitchTest, AcknowledgedAdminStateIsReportedBeforeTheCallReturns) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+
+    EXPECT_EQ(driver.set_admin(ifx, false), "");
+    EXPECT_FALSE(sink.find("swp1")->admin_up);
+    EXPECT_FALSE(sink.find("swp1")->oper_up);
+    EXPECT_EQ(driver.set_admin(ifx, true), "");
+    EXPECT_TRUE(sink.find("swp1")->admin_up);
+}
+
+// The state must not go back and forth through what had happened before the request.
+TEST_F(RtnlSwitchTest, OlderNotificationsAreTakenBeforeTheAcknowledgedState) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1") && wait_for_up("swp2"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+    // More than one turn of the loop reads.
+    std::string flaps;
+    for (int i = 0; i < 200; ++i) {
+        flaps += "link set swp1 down\nlink set swp1 up\n";
+    }
+    ip(flaps + "link set swp2 down\n");
+
+    EXPECT_EQ(driver.set_admin(ifx, false), "");
+    EXPECT_FALSE(sink.find("swp1")->admin_up);
+    EXPECT_FALSE(sink.find("swp2")->admin_up);
+    sink.take();
+    ip("link set swp2 up\n");
+    ASSERT_TRUE(wait_for_up("swp2"));
+    for (const std::string& report : sink.take()) {
+        EXPECT_EQ(report, "changed swp2");
+    }
+}
+
+TEST_F(RtnlSwitchTest, AdminStateChangedInsideAReportIsReportedBeforeThatCallReturns) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1") && wait_for_up("swp2"));
+    const uint32_t ifx = sink.find("swp2")->ifx;
+    std::string refusal = "not asked";
+    bool up_inside = true;
+    sink.on_next_change = [&] {
+        refusal = driver.set_admin(ifx, false);
+        up_inside = sink.find("swp2")->admin_up;
+    };
+    ip("link set swp1 down\n");
+    ASSERT_TRUE(wait_for([&] { return refusal != "not asked"; }));
+    EXPECT_EQ(refusal, "");
+    EXPECT_FALSE(up_inside);
+    ip("link set swp1 up\n");
+    ASSERT_TRUE(wait_for_up("swp1"));
+    EXPECT_FALSE(sink.find("swp2")->admin_up);
+}
+
+TEST_F(RtnlSwitchTest, StateThatAnotherProgramHasChangedBackIsNoSuccess) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+    g_after_acknowledgement = [] {
+        ip("link set swp1 up\n");
+    };
+    EXPECT_EQ(driver.set_admin(ifx, false),
+              "cannot set swp1 down: another program has changed it back");
+    EXPECT_TRUE(sink.find("swp1")->admin_up);
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"PORT-3-ADMIN: swp1 cannot be shut: another program has changed it back."});
+}
+
+TEST_F(RtnlSwitchTest, RefusedAdminStateIsLoggedOnceWithWhatIsMissingAndOnceWhenItWorksAgain) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp3"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp3"));
+    const uint32_t ifx = sink.find("swp3")->ifx;
+
+    ASSERT_EQ(seteuid(65534), 0);
+    driver.set_admin(ifx, false);
+    driver.set_admin(ifx, false);
+    driver.set_admin(ifx, true);
+    ASSERT_EQ(seteuid(0), 0);
+    Lines expected{
+        "PORT-3-ADMIN: swp3 cannot be shut: Operation not permitted; the process lacks "
+        "CAP_NET_ADMIN.",
+        "PORT-3-ADMIN: swp3 cannot be brought up: Operation not permitted; the process "
+        "lacks CAP_NET_ADMIN."};
+    EXPECT_EQ(platform.log.lines(), expected);
+    EXPECT_TRUE(sink.find("swp3")->admin_up);
+
+    EXPECT_EQ(driver.set_admin(ifx, false), "");
+    EXPECT_EQ(driver.set_admin(ifx, true), "");
+    EXPECT_EQ(driver.set_admin(ifx, false), "");
+    expected.push_back("PORT-6-ADMIN: swp3 can be shut again.");
+    expected.push_back("PORT-6-ADMIN: swp3 can be brought up again.");
+    EXPECT_EQ(platform.log.lines(), expected);
+
+    ip("link del swp3\n");
+    driver.set_admin(ifx, true);
+    expected.push_back("PORT-3-ADMIN: swp3 cannot be brought up: No such device.");
+    EXPECT_EQ(platform.log.lines(), expected);
 }
 
 TEST_F(RtnlSwitchTest, OperStateFollowsThePeer) {
@@ -232,6 +370,22 @@ TEST_F(RtnlSwitchOverrunTest, TwoHundredLinksFlappingBetweenTwoLooksLoseNothing)
     ASSERT_TRUE(wait_for([&] { return settled(); }));
     EXPECT_GE(driver.resyncs(), 1u);
     expect_the_kernels_state();
+}
+
+TEST_F(RtnlSwitchOverrunTest, AcknowledgedAdminStateIsReportedAlthoughItsNotificationIsLost) {
+    add_hundred_ports();
+    RtnlSwitch driver(loop, "br0", kTinyBuffer);
+    driver.start(sink);
+    ASSERT_TRUE(wait_for([&] { return sink.ports.size() == 100 && sink.find("e50")->oper_up; }));
+    ip(flapping(1));
+    const unsigned before = driver.resyncs();
+    EXPECT_EQ(driver.set_admin(sink.find("e50")->ifx, false), "");
+    EXPECT_EQ(driver.resyncs(), before) << "not read again yet";
+    EXPECT_FALSE(sink.find("e50")->admin_up);
+    EXPECT_FALSE(sink.find("e50")->oper_up);
+    ASSERT_TRUE(wait_for([&] { return settled(); }));
+    EXPECT_GT(driver.resyncs(), before);
+    EXPECT_FALSE(sink.find("e50")->admin_up);
 }
 
 TEST_F(RtnlSwitchOverrunTest, TwoHundredLinksFlappingWhileAllIsReadAgainLoseNothing) {
