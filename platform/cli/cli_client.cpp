@@ -28,7 +28,9 @@ using nlohmann::json;
 
 struct Client {
     Client(EventLoop& on, const PlatformConfig& config)
-        : loop(on), server(on, config.cli_socket), keeper(on, config.startup_config) {}
+        : loop(on),
+          server(on, config.cli_socket),
+          keeper(on, platform().background(), config.startup_config) {}
 
     EventLoop& loop;
     SocketServer server;
@@ -145,7 +147,7 @@ void cli_client_ready(void) {
 
 int cli_client_c2p_reform(void) {
     if (qv::cli::ConfigKeeper* keeper = qv::cli::config_keeper()) {
-        keeper->request_reform();
+        keeper->request_save();
     }
     return 0;
 }

@@ -1,6 +1,9 @@
 // Commands about the configuration as a whole.
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_file.h"
@@ -13,8 +16,17 @@ namespace qv::cli {
 namespace {
 
 int show_running(cli_pcdb*) {
-    cli_printf("%s", generate_config(ConfigPurpose::kShow).c_str());
+    cli_printf("%s%s", generate_config(ConfigPurpose::kShow).c_str(),
+               config_keeper()->absent_ports().c_str());
     return 0;
+}
+
+std::string local_time(std::time_t seconds) {
+    std::tm local{};
+    localtime_r(&seconds, &local);
+    char text[32] = "";
+    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
+    return text;
 }
 
 int show_startup(cli_pcdb*) {
@@ -23,15 +35,32 @@ int show_startup(cli_pcdb*) {
         return refuse("No file is set for the saved configuration.");
     }
     const std::optional<std::string> text = read_config_file(path);
-    if (!text) {
+    struct stat status {};
+    if (!text || ::stat(path.c_str(), &status) != 0) {
         return refuse(path + ": " + std::strerror(errno) + ".");
     }
-    cli_printf("%s", text->c_str());
+    cli_printf("! Last saved %s\n", local_time(status.st_mtime).c_str());
+    const std::string& trouble = config_keeper()->saver().trouble();
+    if (!trouble.empty()) {
+        cli_printf("! Changes since then cannot be saved: %s\n", trouble.c_str());
+    }
+    const UnsealedConfig saved = unseal_config(*text);
+    cli_printf("%s", saved.intact ? saved.text.c_str() : text->c_str());
     return 0;
 }
 
 int write_running(cli_pcdb*) {
-    const std::string reason = config_keeper()->save();
+    const std::string obstacle = config_keeper()->obstacle();
+    if (!obstacle.empty()) {
+        return refuse("Not saved: " + obstacle + ".");
+    }
+    if (Completion answer = defer()) {
+        config_keeper()->saver().save([answer](const std::string& reason) {
+            answer(reason.empty() ? Result{0, ""} : Result{1, "% Not saved: " + reason + ".\n"});
+        });
+        return 0;
+    }
+    const std::string reason = config_keeper()->saver().save_here();
     return reason.empty() ? 0 : refuse("Not saved: " + reason + ".");
 }
 

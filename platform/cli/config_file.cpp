@@ -5,14 +5,20 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <utility>
+
+#include <zlib.h>
 
 namespace qv::cli {
 namespace {
 
 constexpr off_t kMaxFileBytes = off_t{16} * 1024 * 1024;
 constexpr mode_t kFileMode = 0640;
+constexpr int kMaxLinks = 40;  // as the kernel's own limit
 
 std::string_view trimmed(std::string_view line) {
     const size_t first = line.find_first_not_of(" \t\r");
@@ -43,33 +49,66 @@ class Descriptor {
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     int get() const { return fd_; }
+    // The result of close(2): a file system may report a failed write as late as here.
+    int close() { return ::close(std::exchange(fd_, -1)); }
 
  private:
-    const int fd_;
+    int fd_;
 };
 
-// From the start of the file.
 bool write_all(int fd, std::string_view text) {
-    off_t offset = 0;
     while (!text.empty()) {
-        const ssize_t size = ::pwrite(fd, text.data(), text.size(), offset);
+        const ssize_t size = ::write(fd, text.data(), text.size());
         if (size < 0 && errno != EINTR) {
             return false;
         }
-        const ssize_t written = size < 0 ? 0 : size;
-        offset += written;
-        text.remove_prefix(static_cast<size_t>(written));
+        text.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
     }
     return true;
 }
 
-void sync_folder_of(const std::string& path) {
+// Gives the new file what its predecessor had. Without the privilege the owner stays our own, and
+// then the mode must not open the file to a group that it was never meant for.
+void inherit(int fd, const std::string& from) {
+    struct stat old {};
+    mode_t mode = kFileMode;
+    if (::stat(from.c_str(), &old) == 0) {
+        const bool owned = ::fchown(fd, old.st_uid, old.st_gid) == 0;
+        mode = old.st_mode & (owned ? 07777 : 0700);
+    }
+    ::fchmod(fd, mode);
+}
+
+// Where a symbolic link leads, whether or not something is there; the path itself for anything
+// else.
+std::string followed(const std::string& path) {
+    std::filesystem::path target = path;
+    std::error_code error;
+    for (int links = 0; links < kMaxLinks && std::filesystem::is_symlink(target, error); ++links) {
+        target = target.parent_path() / std::filesystem::read_symlink(target, error);
+    }
+    return error ? path : target.string();
+}
+
+constexpr std::string_view kJournalMark = "! journal ";
+constexpr std::string_view kChecksumMark = "! checksum ";
+
+// Takes the last line off `text`, with its line end.
+std::string_view take_last_line(std::string_view& text) {
+    const size_t end = text.empty() ? 0 : text.size() - 1;
+    const size_t before = text.substr(0, end).rfind('\n');
+    const size_t start = before == std::string_view::npos ? 0 : before + 1;
+    const std::string_view line = text.substr(start);
+    text = text.substr(0, start);
+    return line;
+}
+
+bool sync_folder_of(const std::string& path) {
     const size_t slash = path.rfind('/');
     const std::string folder = slash == std::string::npos ? "." : path.substr(0, slash + 1);
     const Descriptor fd(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (fd.get() >= 0) {
-        ::fsync(fd.get());
-    }
+    // Some file systems cannot sync a folder, and need not.
+    return fd.get() >= 0 && (::fsync(fd.get()) == 0 || errno == EINVAL);
 }
 
 }  // namespace
@@ -125,78 +164,58 @@ std::optional<std::string> read_config_file(const std::string& path) {
     return text;
 }
 
-ConfigFile::ConfigFile(std::string path) : path_(std::move(path)), staged_(path_ + ".new") {}
-
-ConfigFile::~ConfigFile() {
-    close_staged();
+std::string checksum(std::string_view text) {
+    const auto* const bytes = reinterpret_cast<const Bytef*>(text.data());
+    const uLong sum = ::crc32_z(::crc32_z(0, Z_NULL, 0), bytes, text.size());
+    char digits[9];
+    std::snprintf(digits, sizeof digits, "%08lx", static_cast<unsigned long>(sum));
+    return digits;
 }
 
-bool ConfigFile::open_staged() {
-    if (fd_ < 0) {
-        size_ = 0;
-        fd_ = ::open(staged_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW,
-                     kFileMode);
+std::string seal_config(std::string text, uint64_t journal) {
+    text.append(kJournalMark).append(std::to_string(journal)).append("\n");
+    const std::string sum = checksum(text);
+    return text.append(kChecksumMark).append(sum).append("\n");
+}
+
+UnsealedConfig unseal_config(std::string_view sealed) {
+    std::string_view text = sealed;
+    const std::string_view sum = take_last_line(text);
+    if (sum == std::string(kChecksumMark) + checksum(text) + "\n") {
+        std::string_view number = take_last_line(text);
+        UnsealedConfig config{.text = std::string(text), .journal = 0, .intact = false};
+        if (number.starts_with(kJournalMark) && text.ends_with(kConfigEnd)) {
+            number.remove_prefix(kJournalMark.size());
+            const char* const end = number.data() + number.size() - 1;
+            const auto [stop, error] = std::from_chars(number.data(), end, config.journal);
+            config.intact = stop == end && error == std::errc{};
+        }
+        if (config.intact) {
+            return config;
+        }
     }
-    return fd_ >= 0;
+    // The last line may be part of a longer one.
+    std::string_view whole_lines = sealed;
+    take_last_line(whole_lines);
+    return {.text = std::string(whole_lines), .journal = 0, .intact = false};
 }
 
-// The result of close(2).
-int ConfigFile::close_staged() {
-    const int fd = std::exchange(fd_, -1);
-    return fd < 0 ? 0 : ::close(fd);
-}
-
-// The reason in errno; the staged file is gone.
-std::string ConfigFile::given_up() {
-    std::string reason = std::strerror(errno);
-    close_staged();
-    ::unlink(staged_.c_str());
-    return reason;
-}
-
-std::string ConfigFile::stage(std::string_view text) {
-    if (!open_staged()) {
+std::string replace_file(const std::string& path, std::string_view text) {
+    const std::string target = followed(path);
+    const std::string fresh = target + ".new";
+    ::unlink(fresh.c_str());  // of a process that died while it saved
+    Descriptor fd(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+    if (fd.get() < 0) {
         return std::strerror(errno);
     }
-    if (!write_all(fd_, text) ||
-        (size_ > text.size() && ::ftruncate(fd_, static_cast<off_t>(text.size())) != 0)) {
-        return given_up();
+    inherit(fd.get(), target);
+    if (!write_all(fd.get(), text) || ::fsync(fd.get()) != 0 || fd.close() != 0 ||
+        ::rename(fresh.c_str(), target.c_str()) != 0) {
+        std::string reason = std::strerror(errno);
+        ::unlink(fresh.c_str());
+        return reason;
     }
-    size_ = text.size();
-    return {};
-}
-
-std::string ConfigFile::commit() {
-    if (::fsync(fd_) != 0 || close_staged() != 0 || ::rename(staged_.c_str(), path_.c_str()) != 0) {
-        return given_up();
-    }
-    sync_folder_of(path_);
-    return {};
-}
-
-void ConfigFile::prepare(std::string_view like) {
-    if (fd_ >= 0 || like.empty() || !open_staged()) {
-        return;
-    }
-    like.remove_suffix(1);
-    if (write_all(fd_, like)) {
-        size_ = like.size();
-    } else {
-        given_up();
-    }
-}
-
-void ConfigFile::recover() {
-    const std::optional<std::string> text = read_config_file(staged_);
-    if (!text) {
-        return;
-    }
-    fd_ = ::open(staged_.c_str(), O_WRONLY | O_CLOEXEC | O_NOFOLLOW);
-    if (text->ends_with(kConfigEnd)) {
-        commit();
-    } else {
-        given_up();
-    }
+    return sync_folder_of(target) ? "" : std::strerror(errno);
 }
 
 }  // namespace qv::cli

@@ -1,6 +1,11 @@
-// Configuration texts and the files they are in. Loop thread only.
+// Configuration texts and the files they are in. Any thread.
+//
+// A saved configuration ends with the line "end" and a seal of two comment lines: the number of the
+// last journal record it includes, and a checksum of everything before the checksum's own line. A
+// file that was cut off or damaged therefore never passes for another configuration.
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -28,40 +33,23 @@ std::optional<std::string> read_config_file(const std::string& path);
 // The last line of a configuration that was written to its end.
 inline constexpr std::string_view kConfigEnd = "end\n";
 
-// Replaces a file in two steps, as a whole or not at all. Each step answers with an empty text when
-// done, else with the reason; the old file is untouched then and nothing is left beside it.
-class ConfigFile {
- public:
-    explicit ConfigFile(std::string path);
-    ~ConfigFile();
-    ConfigFile(const ConfigFile&) = delete;
-    ConfigFile& operator=(const ConfigFile&) = delete;
+// CRC-32 (ISO 3309) as eight hexadecimal digits.
+std::string checksum(std::string_view text);
 
-    const std::string& path() const { return path_; }
+// `text`, which ends with kConfigEnd, and its seal. `journal` is the number of the last journal
+// record that the text includes.
+std::string seal_config(std::string text, uint64_t journal);
 
-    // Writes `text`, which ends with kConfigEnd, to a file beside the old one: from then on the end
-    // of this process cannot take it back, though a power failure can. Does not wait for the disk.
-    std::string stage(std::string_view text);
-    // Syncs what was staged and renames it. Waits for the disk.
-    std::string commit();
-
-    // Lays the file of the next stage() out ahead of it, with all but the last byte of `like`:
-    // staging a text of about that size then only writes over it, which takes a tenth of the time.
-    // Failing is no harm.
-    void prepare(std::string_view like);
-
-    // At the start: commits what an earlier process staged, unless it did not come to its end.
-    void recover();
-
- private:
-    bool open_staged();
-    std::string given_up();
-    int close_staged();
-
-    const std::string path_;
-    const std::string staged_;  // path
-    int fd_ = -1;               // of the staged file, -1 when there is none
-    size_t size_ = 0;           // of the staged file
+struct UnsealedConfig {
+    std::string text;      // without the seal; when not `intact`, also without its last line
+    uint64_t journal = 0;  // 0 when not `intact`
+    bool intact = false;   // the seal is there and fits the text
 };
+UnsealedConfig unseal_config(std::string_view sealed);
+
+// Replaces the file as a whole or not at all, and waits for the disk. An empty text when done, else
+// the reason. The new file has the mode and the owner of the old one; a symbolic link stays, and
+// the file it leads to is replaced.
+std::string replace_file(const std::string& path, std::string_view text);
 
 }  // namespace qv::cli

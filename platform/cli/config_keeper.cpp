@@ -3,13 +3,16 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
+#include <memory>
+#include <utility>
 #include <vector>
 
-#include "platform/cli/command_trees.h"
-#include "platform/cli/engine.h"
+#include "platform/cli/config_replay.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/platform.h"
+#include "qv/bridge.h"
 #include "qv/syslog.h"
 
 namespace qv::cli {
@@ -25,239 +28,275 @@ void report(const char* mnemonic, const std::string& text) {
     printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", mnemonic, "%s", text.c_str());
 }
 
-std::string first_line(const std::string& text) {
-    return text.substr(0, text.find_first_of("\r\n"));
+// What remains of a file whose lines were not all taken. Empty when done, else the reason.
+std::string keep_copy(const std::string& path) {
+    std::error_code error;
+    std::filesystem::copy_file(path, path + ".damaged",
+                               std::filesystem::copy_options::overwrite_existing, error);
+    return error ? error.message() : "";
 }
 
-// Executes a saved line. A global line may follow a section that nothing has ended.
-Result execute_saved(SessionState& session, const std::string& line) {
-    if (session.mode == kModeInterface && !parses(session, line)) {
-        SessionState global;
-        global.mode = kModeConfig;
-        if (parses(global, line)) {
-            session = global;
+// Records take the place of the sections that they are about.
+void merge(std::vector<ConfigSection>& sections, const std::vector<JournalRecord>& records,
+           uint64_t included) {
+    for (const JournalRecord& record : records) {
+        if (record.number <= included) {
+            continue;
         }
+        std::erase_if(sections, [&](const ConfigSection& section) {
+            return section.port == record.section.port;
+        });
+        const bool global = record.section.port.empty();
+        sections.insert(global ? sections.begin() : sections.end(), record.section);
     }
-    return execute(session, line);
 }
 
 }  // namespace
 
-ConfigKeeper::ConfigKeeper(EventLoop& loop, std::string path)
-    : loop_(loop), file_(std::move(path)) {
+ConfigKeeper::ConfigKeeper(EventLoop& loop, Background& background, std::string path)
+    : loop_(loop),
+      journal_(path + ".journal"),
+      saver_(loop, background, std::move(path), journal_, sections_) {
     platform().ports().add_observer(*this);
 }
 
-void ConfigKeeper::request_reform() {
-    request(false);
-}
-
 void ConfigKeeper::request_save() {
-    request(true);
+    if (!pending_.exchange(true)) {
+        loop_.post([this] {
+            pending_ = false;
+            saver_.request();
+        });
+    }
 }
 
 void ConfigKeeper::request_replay() {
     loop_.post([this] { announce(); });
 }
 
-void ConfigKeeper::request(bool save) {
-    if (save) {
-        save_wanted_ = true;
-    }
-    if (!pending_.exchange(true)) {
-        loop_.post([this] { work(); });
-    }
-}
-
-void ConfigKeeper::work() {
-    const Time now = loop_.clock().now();
-    if (now < next_work_) {
-        timer_ = loop_.after(next_work_ - now, [this] { work(); });
-        return;
-    }
-    next_work_ = now + kSpacing;
-    // From here on a request starts another round: what it is about may be missed by this one.
-    pending_ = false;
-    const bool save = save_wanted_.exchange(false);
-    text_ = generate_config(ConfigPurpose::kSave);
-    if (save) {
-        stage_announced();
-    }
-    rest_after(now);
-}
-
-void ConfigKeeper::rest_after(Time start) {
-    const Time end = loop_.clock().now();
-    next_work_ = std::max(next_work_, end + kRest * (end - start));
-}
-
-// The save that an announcement asks for: silent when nothing is to be done, retried on trouble.
-void ConfigKeeper::stage_announced() {
-    std::string fresh = text_to_save();
-    if (path().empty() || !replayed_ || file_unreadable_ || fresh == saved_text_) {
-        return;
-    }
-    const std::string trouble = file_.stage(fresh);
-    if (!trouble.empty()) {
-        told(trouble);
-        retry_later();
-        return;
-    }
-    saved_text_ = std::move(fresh);
-    if (!commit_timer_) {
-        commit_timer_ = loop_.after(kSettling, [this] { commit_announced(); });
-    }
-}
-
-void ConfigKeeper::commit_announced() {
-    const Time start = loop_.clock().now();
-    if (told(file_.commit()).empty()) {
-        file_.prepare(saved_text_);
-    } else {
-        retry_later();
-    }
-    rest_after(start);
-}
-
-void ConfigKeeper::retry_later() {
-    saved_text_.clear();
-    commit_timer_.reset();
-    retry_ = loop_.after(kRetryAfter, [this] { request_save(); });
-}
-
-// As generated last, and what waits for its ports.
-std::string ConfigKeeper::text_to_save() const {
-    std::string text = text_;
-    for (const auto& [port, section] : waiting_) {
-        text += "interface " + port + "\n";
-        for (const ConfigLine& line : section.lines) {
-            text += " " + line.text + "\n";
-        }
-        text += "!\n";
-    }
-    text += kConfigEnd;
-    return text;
-}
-
-// Reports the outcome of a step of saving, each trouble once, and hands it back.
-std::string ConfigKeeper::told(std::string trouble) {
-    if (trouble.empty()) {
-        file_unreadable_ = false;
-        retry_.reset();
-    } else if (trouble != save_trouble_) {
-        report("SAVE", "The configuration cannot be saved to " + path() + ": " + trouble + ".");
-    }
-    save_trouble_ = trouble;
-    return trouble;
-}
-
-std::string ConfigKeeper::save() {
+std::string ConfigKeeper::obstacle() const {
     if (path().empty()) {
         return "no file is set for the saved configuration";
     }
-    if (!replayed_) {
-        return "the saved configuration is not in force yet";
-    }
-    text_ = generate_config(ConfigPurpose::kSave);
-    saved_text_ = text_to_save();
-    commit_timer_.reset();
-    std::string trouble = file_.stage(saved_text_);
-    if (trouble.empty()) {
-        trouble = file_.commit();
-    }
-    if (trouble.empty()) {
-        file_.prepare(saved_text_);
-    } else {
-        saved_text_.clear();
-    }
-    return told(std::move(trouble));
+    return replayed_ ? "" : "the saved configuration is not in force yet";
 }
 
 void ConfigKeeper::announce() {
+    if (replaying_) {
+        request_replay();  // behind the rest of the replay
+        return;
+    }
     for (const StartHook hook : g_start_hooks) {
         hook(0);
     }
-    if (!replayed_) {
-        replay();
-        replayed_ = true;
+    if (replayed_) {
+        end_replay();
+        return;
     }
+    replaying_ = true;
+    const auto replay = std::make_shared<ConfigReplay>(path(), load(), sections_);
+    run(replay, [this, replay] {
+        if (replay->anything_refused()) {
+            keep_copy(path());
+        }
+        replaying_ = false;
+        replayed_ = true;
+        end_replay();
+    });
+}
+
+void ConfigKeeper::end_replay() {
     for (const EndHook hook : g_end_hooks) {
         hook();
     }
+    request_save();
 }
 
-void ConfigKeeper::replay() {
+// Programs are told of changes through the loop: each step runs when they have heard of the last.
+void ConfigKeeper::run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done) {
+    const auto rest = [this, replay, done = std::move(done)] {
+        const bool outer = std::exchange(applying_, true);
+        replay->run();
+        applying_ = outer;
+        done();
+        loop_.post([this, replay] { release(*replay); });
+    };
+    const bool outer = std::exchange(applying_, true);
+    const bool changed = replay->set_modes();
+    applying_ = outer;
+    if (changed) {
+        loop_.post(rest);
+    } else {
+        rest();
+    }
+}
+
+void ConfigKeeper::release(const ConfigReplay& replay) {
+    for (const uint32_t ifx : replay.unclaimed()) {
+        const std::string name = platform().ports().find(ifx)->name;
+        const std::string reason = set_admin(ifx, true, true);
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "RELEASED",
+                      "Interface %s was held shut and nobody claims it any more: %s.", name.c_str(),
+                      reason.empty() ? "it is brought back" : reason.c_str());
+    }
+}
+
+// The sections of the saved file and the journal. Opens the journal.
+std::vector<ConfigSection> ConfigKeeper::load() {
+    if (path().empty()) {
+        return {};
+    }
+    const std::optional<std::string> text = read_config_file(path());
+    const int reason = errno;
+    const bool readable = text.has_value() || reason == ENOENT;
+    saver_.allow_unasked(readable);
+    if (!readable) {
+        report("REPLAY", "The saved configuration " + path() +
+                             " cannot be read and is left alone: " + std::strerror(reason) + ".");
+    }
+    const UnsealedConfig saved = unseal_config(text.value_or(""));
+    if (text && !saved.intact) {
+        const std::string trouble = keep_copy(path());
+        report("REPLAY", "The saved configuration " + path() +
+                             " has no valid seal (cut off, damaged or written by hand): its last "
+                             "line is not applied. " +
+                             (trouble.empty() ? "A copy is kept as " + path() + ".damaged."
+                                              : "No copy can be kept: " + trouble + "."));
+    }
+    if (saved.intact) {
+        saver_.set_saved(saved.text);
+    }
+    std::vector<ConfigSection> sections = parse_config(saved.text);
+    merge(sections, read_journal(journal_.path()), saved.journal);
+    note_journal(journal_.open(saved.journal));
+    return sections;
+}
+
+std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
+    PortModel& ports = platform().ports();
+    const Port* const port = ports.find(ifx);
+    if (!port) {
+        return "no such port";
+    }
+    const bool held = sections_.held(ifx);
+    const ConfigSection section = sections_.change_admin(*port, up, by_program);
+    if (!applying_) {
+        write_ahead(section);
+    }
+    std::string reason = ports.set_admin(ifx, up);
+    if (!reason.empty()) {
+        sections_.set_held(ifx, held);
+    }
+    request_save();
+    return reason;
+}
+
+// The global lines come first: a program's line in a section may depend on them.
+void ConfigKeeper::write_ahead(const ConfigSection& section) {
     if (path().empty()) {
         return;
     }
-    file_.recover();
-    const std::optional<std::string> text = read_config_file(path());
-    if (!text) {
-        if (errno != ENOENT) {
-            file_unreadable_ = true;
-            report("REPLAY", "The saved configuration " + path() +
-                                 " cannot be read and is left alone: " + std::strerror(errno) +
-                                 ".");
-        }
-        return;
+    const ConfigSection global = generate_global();
+    std::string text = section_text(global);
+    std::string trouble;
+    if (text != noted_global_ || !journal_.holds(global.port)) {
+        trouble = journal_.append(global);
+        noted_global_ = std::move(text);
     }
-    saved_text_ = *text;
-    file_.prepare(saved_text_);
-    for (const ConfigSection& section : parse_config(*text)) {
-        apply(section);
-    }
+    note_journal(trouble.empty() ? journal_.append(section) : trouble);
 }
 
-void ConfigKeeper::apply(const ConfigSection& section) {
-    SessionState session;
-    session.mode = kModeConfig;
-    if (!section.port.empty()) {
-        const Port* port = platform().ports().find(section.port);
-        if (!port) {
-            report("REPLAY", path() + ": line " + std::to_string(section.number) + ": interface " +
-                                 section.port + " does not exist; its lines wait for it.");
-            waiting_[section.port] = section;
+void ConfigKeeper::note_journal(const std::string& trouble) {
+    if (!trouble.empty() && trouble != journal_trouble_) {
+        report("JOURNAL", "The journal " + journal_.path() + " cannot be written: " + trouble +
+                              ". Until it can, a crash may leave a port shut.");
+    }
+    journal_trouble_ = trouble;
+}
+
+bool ConfigKeeper::take_wish(uint64_t ifx, std::string_view line) {
+    ConfigSection section;
+    if (!sections_.wish(static_cast<uint32_t>(ifx), line, section)) {
+        return false;
+    }
+    write_ahead(section);
+    request_save();
+    return true;
+}
+
+bool ConfigKeeper::forget_port(const std::string& name) {
+    ConfigSection section;
+    const bool known = sections_.take(name, section);
+    if (known) {
+        request_save();
+    }
+    return known;
+}
+
+// From the loop: an observer must not change the port model that is telling it something. The first
+// step lets clients hear of the port where `known_first` says so.
+void ConfigKeeper::apply(ConfigSection section, bool known_first) {
+    loop_.post([this, section = std::move(section), known_first] {
+        if (known_first) {
+            apply(section, false);
             return;
         }
-        session.mode = kModeInterface;
-        session.ifx = port->ifx;
-    }
-    for (const ConfigLine& line : section.lines) {
-        const Result result = execute_saved(session, line.text);
-        if (result.code != 0 || !result.output.empty()) {
-            report("REPLAY", path() + ": line " + std::to_string(line.number) + ": \"" +
-                                 line.text.substr(0, 200) + "\": " + first_line(result.output));
+        if (!platform().ports().find(section.port)) {
+            sections_.keep(section);  // gone again
+            return;
         }
-    }
-}
-
-void ConfigKeeper::apply_waiting(const std::string& port) {
-    if (!waiting_.contains(port)) {
-        return;
-    }
-    // Later: an observer must not change the port model that is telling it something.
-    loop_.post([this, port] {
-        const auto found = waiting_.find(port);
-        if (found != waiting_.end() && platform().ports().find(port)) {
-            const ConfigSection section = std::move(found->second);
-            waiting_.erase(found);
-            apply(section);
-        }
+        const std::vector<ConfigSection> sections{section};
+        run(std::make_shared<ConfigReplay>(path(), sections, sections_), [] {});
     });
 }
 
 void ConfigKeeper::on_added(const Port& port) {
-    apply_waiting(port.name);
+    ConfigSection section;
+    if (sections_.take(port.name, section)) {
+        apply(std::move(section), false);
+    }
+    request_save();
+}
+
+void ConfigKeeper::on_removing(const Port& port) {
+    const auto before = modes_.find(port.ifx);
+    if (replayed_) {
+        sections_.leave(port, before == modes_.end() ? port.mode : before->second);
+    }
 }
 
 void ConfigKeeper::on_removed(const Port& port) {
+    modes_.erase(port.ifx);
     tarn_forget_port(port.ifx);
+    request_save();
+}
+
+void ConfigKeeper::on_left_bridge(const Port& port) {
+    modes_[port.ifx] = port.mode;
 }
 
 void ConfigKeeper::on_changed(const Port& before, const Port& after) {
-    if (before.name != after.name) {
-        apply_waiting(after.name);
+    if (after.mode != SWPORT_MODE_NONE) {
+        modes_.erase(after.ifx);
     }
+    if (after.admin_up && !before.admin_up) {
+        sections_.set_held(after.ifx, false);
+    }
+    if (before.admin_up != after.admin_up || before.mode != after.mode ||
+        before.name != after.name) {
+        request_save();
+    }
+}
+
+// Clients take the port for another one: what they knew of it is typed again, behind what a port of
+// that name had left.
+void ConfigKeeper::on_renamed(const Port& port) {
+    ConfigSection section;
+    const bool left = sections_.take(port.name, section);
+    const ConfigSection own = sections_.saved(port);
+    section.port = port.name;
+    section.lines.insert(left ? section.lines.end() : section.lines.begin(), own.lines.begin(),
+                         own.lines.end());
+    apply(std::move(section), true);
 }
 
 }  // namespace qv::cli

@@ -1,85 +1,90 @@
-// Keeps the running configuration: generates it on request, saves it, and replays the saved one.
+// Keeps the running configuration: replays the saved one, and has every change saved.
 //
-// Requests come from any thread and are only noted; the work is done on the loop. The first request
-// after a pause is served at once, further ones kSpacing apart, or more where that takes long, so
-// that a flood of announcements costs a bounded share of the loop. What is announced is staged at
-// once, so that this process may die; the disk is waited for, and the loop waits with it,
-// kSettling later, when the commands that go with the announcement have been executed. Nothing is
-// saved before the saved configuration was replayed: that would replace it by what is not yet in
-// force.
+// Three things stand between a change and a crash. What a line does to the admin state of a port is
+// written into the journal before it happens. Everything else is in a save that follows within a
+// second. And a section whose port has left is kept until the port is back.
+//
+// At the start the saved file is read, then the journal, whose records take the place of the
+// sections that they are about. VLAN modes are set first, and programs hear of them before their
+// own lines are replayed: a program that judges a port by its mode must not judge it twice.
 #pragma once
 
 #include <atomic>
 #include <map>
+#include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/cli/config_file.h"
+#include "platform/cli/config_saver.h"
+#include "platform/cli/journal.h"
+#include "platform/cli/port_sections.h"
 #include "platform/client/event_loop.h"
 #include "platform/client/port_model.h"
 #include "qv/cli.h"
 
 namespace qv::cli {
 
+class ConfigReplay;
+
 class ConfigKeeper final : public PortObserver {
  public:
-    static constexpr std::chrono::milliseconds kSpacing{50};
-    static constexpr int kRest = 10;  // times what was done took, where that is more
-    static constexpr std::chrono::milliseconds kSettling{5};
-    static constexpr std::chrono::seconds kRetryAfter{30};
-
     // `path` is the file of the saved configuration, empty for none. Must outlive the loop.
-    ConfigKeeper(EventLoop& loop, std::string path);
+    ConfigKeeper(EventLoop& loop, Background& background, std::string path);
 
-    // Any thread, any lock; never wait.
-    void request_reform();
+    // The configuration may have changed. Any thread, any lock; never waits.
     void request_save();
-    void request_replay();  // cli_client_ready
+    // cli_client_ready. Any thread.
+    void request_replay();
 
     // The following belong to the loop thread.
 
-    // Saves now. Empty when done, else the reason.
-    std::string save();
-    const std::string& path() const { return file_.path(); }
-    const std::string& text() const { return text_; }
+    // Why nothing can be saved at present; empty when it can.
+    std::string obstacle() const;
+    ConfigSaver& saver() { return saver_; }
+    const std::string& path() const { return saver_.path(); }
+
+    // Sets the admin state of a port, on behalf of a program or an operator, so that no crash
+    // leaves it without an owner. An empty text when done, else the reason.
+    std::string set_admin(uint32_t ifx, bool up, bool by_program);
+    // A line for a port that has left: true when it was taken as a wish.
+    bool take_wish(uint64_t ifx, std::string_view line);
+    // Forgets what is kept for a port that is not there. False when nothing is.
+    bool forget_port(const std::string& name);
+    // The sections of ports that are not there.
+    std::string absent_ports() const { return sections_.kept_text(); }
 
     void on_added(const Port& port) override;
+    void on_removing(const Port& port) override;
     void on_removed(const Port& port) override;
     void on_changed(const Port& before, const Port& after) override;
+    void on_renamed(const Port& port) override;
     void on_default(const Port&) override {}
-    void on_left_bridge(const Port&) override {}
+    void on_left_bridge(const Port& port) override;
     void on_complete() override {}
 
  private:
-    void request(bool save);
-    void work();
-    void rest_after(Time start);
-    void stage_announced();
-    void commit_announced();
-    void retry_later();
     void announce();
-    void replay();
-    void apply(const ConfigSection& section);
-    void apply_waiting(const std::string& port);
-    std::string text_to_save() const;
-    std::string told(std::string trouble);
+    void end_replay();
+    std::vector<ConfigSection> load();
+    void run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done);
+    void release(const ConfigReplay& replay);
+    void apply(ConfigSection section, bool known_first);
+    void write_ahead(const ConfigSection& section);
+    void note_journal(const std::string& trouble);
 
     EventLoop& loop_;
-    ConfigFile file_;  // loop thread only, but for its path
-    // Any thread.
-    std::atomic<bool> pending_ = false;  // work() is on its way
-    std::atomic<bool> save_wanted_ = false;
+    Journal journal_;
+    PortSections sections_;
+    ConfigSaver saver_;
+    std::atomic<bool> pending_ = false;  // a request is on its way to the loop
 
-    // Loop thread only.
-    std::string text_;          // as generated last
-    std::string saved_text_;    // what was staged or read last
-    std::string save_trouble_;  // why the last save failed, empty when it did not
+    bool replaying_ = false;
     bool replayed_ = false;
-    bool file_unreadable_ = false;  // not to be replaced unasked
-    Time next_work_{};
-    EventLoop::Handle timer_;
-    EventLoop::Handle commit_timer_;  // pending while something is staged
-    EventLoop::Handle retry_;
-    std::map<std::string, ConfigSection> waiting_;  // of ports that are not there yet
+    bool applying_ = false;  // saved lines run: what they do is saved already
+    std::string noted_global_;             // as the journal or the saved file has it
+    std::string journal_trouble_;          // logged
+    std::map<uint32_t, uint32_t> modes_;  // that ports had in the bridge which they have left
 };
 
 // The keeper of this process, null before cli_client_init. Any thread.

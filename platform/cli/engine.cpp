@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/cli/command_trees.h"
+#include "platform/cli/config_keeper.h"
 #include "platform/cli/scripted_faults.h"
 #include "platform/cli/walk.h"
 #include "platform/client/platform.h"
@@ -143,7 +144,12 @@ int call_handler(cli_handler handler, cli_pcdb& pcdb, const SessionState& sessio
 
 // Runs a line that is known to be clean; output goes to the command at hand.
 int run_line(SessionState& session, std::string_view line) {
+    ConfigKeeper* const keeper = config_keeper();
+    const uint64_t ifx = session.mode == kModeInterface ? session.ifx : 0;
     if (!ports_are_there(session)) {
+        if (keeper && keeper->take_wish(ifx, squeezed(line))) {
+            return 0;
+        }
         cli_printf("%% The interface does not exist.\n");
         return -1;
     }
@@ -161,7 +167,12 @@ int run_line(SessionState& session, std::string_view line) {
         cli_printf("%s\n", parsed.error.c_str());
         return -1;
     }
-    return call_handler(parsed.handler, pcdb, session);
+    const bool configures = session.mode != kModeExec;
+    const int result_of_handler = call_handler(parsed.handler, pcdb, session);
+    if (configures && keeper) {
+        keeper->request_save();
+    }
+    return result_of_handler;
 }
 
 std::vector<Hint> hints_for(SessionState& session, std::string_view line) {

@@ -1,5 +1,6 @@
 // Commands about ports: shutdown, VLAN mode, defaults, states.
 #include "platform/cli/command_trees.h"
+#include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/tarn_commands.h"
@@ -20,7 +21,8 @@ int answer(const std::string& reason) {
 
 int set_shutdown(cli_pcdb* pcdb) {
     const bool up = (pcdb->prefix & (CLI_PREFIX_NO | CLI_PREFIX_DEFAULT)) != 0;
-    return answer(platform().ports().set_admin(static_cast<uint32_t>(pcdb->ifx), up));
+    const bool by_program = current_session()->program;
+    return answer(config_keeper()->set_admin(static_cast<uint32_t>(pcdb->ifx), up, by_program));
 }
 
 int print_shutdown(cli_pcdb* pcdb) {
@@ -58,6 +60,9 @@ int print_mode(cli_pcdb* pcdb) {
 int restore_defaults(cli_pcdb* pcdb) {
     PortModel& ports = platform().ports();
     const Port* port = ports.find(std::string_view(pcdb->word[0]));
+    if (!port && config_keeper()->forget_port(pcdb->word[0])) {
+        return 0;
+    }
     if (!port) {
         return refuse("Unknown interface: '" + std::string(pcdb->word[0]) + "'.");
     }
@@ -69,7 +74,7 @@ int restore_defaults(cli_pcdb* pcdb) {
     }
     port = ports.find(ifx);
     if (reason.empty() && port && !port->admin_up) {
-        reason = ports.set_admin(ifx, true);
+        reason = config_keeper()->set_admin(ifx, true, false);
     }
     ports.restore_defaults(ifx);
     return answer(reason);

@@ -33,7 +33,41 @@ void generate_interfaces(cli_pcdb& pcdb) {
     }
 }
 
+// What a walk through the trees of a mode prints, one section.
+ConfigSection walk_mode(const char* mode, uint32_t ifx) {
+    std::string text;
+    std::string* const before = std::exchange(g_text, &text);
+    cli_pcdb pcdb{};
+    pcdb.flags = CLI_FLAG_C2P;
+    cli_change_mode(&pcdb, mode);
+    pcdb.ifx = ifx;
+    cli_walkthrought_node(cli_get_mode_root(mode), &pcdb);
+    g_text = before;
+    return parse_config(text).front();
+}
+
 }  // namespace
+
+ConfigSection generate_global() {
+    return walk_mode(kModeConfig, 0);
+}
+
+ConfigSection generate_section(const Port& port) {
+    ConfigSection section;
+    if (!(port.flags & LSM_IF_FLAG_HIDDEN)) {
+        section = walk_mode(kModeInterface, port.ifx);
+    }
+    section.port = port.name;
+    return section;
+}
+
+std::string section_text(const ConfigSection& section) {
+    std::string text = section.port.empty() ? "" : "interface " + section.port + "\n";
+    for (const ConfigLine& line : section.lines) {
+        text += (section.port.empty() ? "" : " ") + line.text + "\n";
+    }
+    return text + (section.port.empty() ? "" : "!\n");
+}
 
 std::string generate_config(ConfigPurpose purpose) {
     std::string text;

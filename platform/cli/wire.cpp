@@ -4,7 +4,6 @@
 #include <utility>
 
 #include "platform/cli/command_trees.h"
-#include "platform/cli/config_keeper.h"
 
 namespace qv::cli {
 namespace {
@@ -41,14 +40,6 @@ void answer_exec(const json& request, const std::string& line, SessionState& ses
 
 bool can_begin_in(std::string_view mode) {
     return mode == kModeExec || mode == kModeConfig || mode == kModeInterface;
-}
-
-// Programs change the configuration by single lines, and nobody types "write" for them.
-void save_after(std::string_view mode, const Result& result) {
-    ConfigKeeper* const keeper = config_keeper();
-    if (keeper && mode != kModeExec && result.code >= 0) {
-        keeper->request_save();
-    }
 }
 
 }  // namespace
@@ -88,10 +79,7 @@ Result execute_alone(SessionState session, std::string_view line) {
     if (!can_begin_in(session.mode)) {
         return error_result("Unknown mode.");
     }
-    const std::string mode = session.mode;
-    Result result = execute(session, line);
-    save_after(mode, result);
-    return result;
+    return execute(session, line);
 }
 
 void execute_alone(SessionState session, std::string_view line, Completion answer) {
@@ -99,10 +87,7 @@ void execute_alone(SessionState session, std::string_view line, Completion answe
         answer(error_result("Unknown mode."));
         return;
     }
-    execute(session, line, [mode = session.mode, answer = std::move(answer)](Result result) {
-        save_after(mode, result);
-        answer(std::move(result));
-    });
+    execute(session, line, std::move(answer));
 }
 
 }  // namespace qv::cli

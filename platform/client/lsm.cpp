@@ -82,6 +82,12 @@ class LsmClient final : public qv::PortObserver {
         tell(LSM_CLASS_PORT, LSM_EVENT_DELETE, port.type, {port.ifx});
     }
 
+    // For clients a name belongs to a port for its whole life.
+    void on_renamed(const Port& port) override {
+        tell(LSM_CLASS_PORT, LSM_EVENT_DELETE, port.type, {port.ifx});
+        tell(LSM_CLASS_PORT, LSM_EVENT_ADD, port.type, {port.ifx});
+    }
+
     void on_default(const Port& port) override {
         tell(LSM_CLASS_PORT, LSM_EVENT_DEFAULT, port.type, {port.ifx});
     }

@@ -4,9 +4,12 @@
 #include <cstdlib>
 #include <exception>
 
+#include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/cli/test_commands.h"
+#include "platform/client/mom_key.h"
+#include "platform/client/own_records.h"
 #include "platform/driver/embedded/embedded_forwarding.h"
 #include "platform/driver/embedded/embedded_switch.h"
 #include "platform/driver/embedded/loop_probe.h"
@@ -34,6 +37,15 @@ std::unique_ptr<SystemLog> make_log(PlatformConfig::Switch kind) {
 
 bool probed(uint32_t ifx) {
     return cli::tarn_enabled() && cli::tarn_port_enabled(ifx);
+}
+
+std::string loop_entry_key(const std::string& port) {
+    std::string name = port;
+    PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
+    index.name = name.data();
+    PApp__LdaLoopEntry entry = P_APP__LDA_LOOP_ENTRY__INIT;
+    entry.index = &index;
+    return record_key(entry.base).value_or("");
 }
 
 // Publishes what the probes of the embedded switch find, as the probe protocol does.
@@ -95,9 +107,11 @@ class DescribedPlatform final : public Platform {
     StoreDriver& store() override { return *store_; }
     PortModel& ports() override { return *ports_; }
     ForwardingDriver& forwarding() override { return *forwarding_; }
+    Background& background() override { return *background_; }
 
     void attach_loop(EventLoop& loop) override {
         loop_ = &loop;
+        background_ = std::make_unique<WorkerThread>(loop);
         MemoryStore* const memory = make_store();
         switch (config_.switch_kind) {
             case PlatformConfig::Switch::kEmbedded:
@@ -107,10 +121,20 @@ class DescribedPlatform final : public Platform {
                 make_linux_switch();
                 break;
         }
+        keep_names_in_use();
         ports_->start();
     }
 
  private:
+    // While a port is in the loop state its entry stands under its name: a port that is renamed
+    // meanwhile stays the old one for its clients until the entry has gone.
+    void keep_names_in_use() {
+        ports_->set_name_in_use([](const std::string& name) {
+            return own_records().contains(QV_MOM_APP_DB, loop_entry_key(name));
+        });
+        own_records().on_erased([this](uint32_t, const std::string&) { ports_->settle_renames(); });
+    }
+
     // Null when the store is not in memory.
     MemoryStore* make_store() {
         if (config_.store == PlatformConfig::Store::kRedis) {
@@ -164,6 +188,7 @@ class DescribedPlatform final : public Platform {
     const std::unique_ptr<SystemLog> log_;
     // From attach_loop() on.
     EventLoop* loop_ = nullptr;
+    std::unique_ptr<Background> background_;
     std::unique_ptr<StoreDriver> store_;
     std::unique_ptr<SwitchDriver> switch_;
     std::unique_ptr<PortModel> ports_;

@@ -7,6 +7,7 @@
 
 #include <memory>
 
+#include "platform/client/background.h"
 #include "platform/client/config.h"
 #include "platform/client/event_loop.h"
 #include "platform/client/port_model.h"
@@ -32,6 +33,7 @@ class Platform {
     virtual StoreDriver& store() = 0;
     virtual PortModel& ports() = 0;
     virtual ForwardingDriver& forwarding() = 0;
+    virtual Background& background() = 0;
 
     // Called by qv_thread_master_create with the process's loop.
     virtual void attach_loop(EventLoop& loop) = 0;

@@ -89,8 +89,12 @@ void PortModel::port_removed(uint32_t ifx) {
     if (found == ports_.end()) {
         return;
     }
+    for (PortObserver* observer : observers_) {
+        observer->on_removing(found->second);
+    }
     const Port gone = std::move(found->second);
     ports_.erase(found);
+    renames_.erase(ifx);
     forget(gone);
     for (PortObserver* observer : observers_) {
         observer->on_removed(gone);
@@ -110,6 +114,36 @@ void PortModel::port_changed(const Port& port) {
     for (PortObserver* observer : observers_) {
         observer->on_changed(before, found->second);
     }
+    if (before.name != port.name) {
+        note_rename(port.ifx, before.name, port.name);
+        settle_renames();
+    }
+}
+
+// A port that is renamed again before clients have heard of the first name keeps the one they know.
+void PortModel::note_rename(uint32_t ifx, const std::string& old_name, const std::string& name) {
+    const auto waiting = renames_.emplace(ifx, old_name).first;
+    if (waiting->second == name) {
+        renames_.erase(waiting);
+    }
+}
+
+void PortModel::set_name_in_use(std::function<bool(const std::string& name)> in_use) {
+    name_in_use_ = std::move(in_use);
+}
+
+void PortModel::settle_renames() {
+    for (auto next = renames_.begin(); next != renames_.end();) {
+        const auto rename = next++;
+        if (name_in_use_ && name_in_use_(rename->second)) {
+            continue;
+        }
+        const Port& port = ports_.at(rename->first);
+        renames_.erase(rename);
+        for (PortObserver* observer : observers_) {
+            observer->on_renamed(port);
+        }
+    }
 }
 
 void PortModel::port_left_bridge(uint32_t ifx) {
@@ -117,9 +151,10 @@ void PortModel::port_left_bridge(uint32_t ifx) {
     if (found == ports_.end()) {
         return;
     }
+    const Port before = found->second;
     found->second.mode = SWPORT_MODE_NONE;
     for (PortObserver* observer : observers_) {
-        observer->on_left_bridge(found->second);
+        observer->on_left_bridge(before);
     }
 }
 

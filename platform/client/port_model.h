@@ -2,6 +2,7 @@
 // the command line read it. Loop thread only.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -13,15 +14,20 @@
 
 namespace qv {
 
-// Hears every change after the model has taken it in, through the loop.
+// Hears every change from the loop. An observer must not change the model from inside a call.
 class PortObserver {
  public:
     virtual ~PortObserver() = default;
     virtual void on_added(const Port& port) = 0;
+    // The port is about to be removed: the model still knows it, and so does everybody else.
+    virtual void on_removing(const Port&) {}
     virtual void on_removed(const Port& port) = 0;  // the port as it was
     virtual void on_changed(const Port& before, const Port& after) = 0;
-    virtual void on_default(const Port& port) = 0;  // configuration set back to its defaults
-    virtual void on_left_bridge(const Port& port) = 0;
+    // The port has another name, and is told to clients as a removal and an addition. Follows
+    // on_changed(), at once or when the port's old name is free to go.
+    virtual void on_renamed(const Port&) {}
+    virtual void on_default(const Port& port) = 0;      // configuration set back to its defaults
+    virtual void on_left_bridge(const Port& port) = 0;  // the port as it was
     virtual void on_complete() = 0;
 };
 
@@ -47,6 +53,11 @@ class PortModel final : public PortSink {
     // Observers stay registered for the life of the model.
     void add_observer(PortObserver& observer);
 
+    // on_renamed() waits while `in_use` holds for the port's old name; settle_renames() looks
+    // again. Without one nothing waits.
+    void set_name_in_use(std::function<bool(const std::string& name)> in_use);
+    void settle_renames();
+
     void port_added(const Port& port) override;
     void port_removed(uint32_t ifx) override;
     void port_changed(const Port& port) override;
@@ -56,12 +67,15 @@ class PortModel final : public PortSink {
  private:
     void index(const Port& port);
     void forget(const Port& port);
+    void note_rename(uint32_t ifx, const std::string& old_name, const std::string& name);
 
     SwitchDriver& driver_;
     std::map<uint32_t, Port> ports_;
     std::map<std::string, uint32_t, std::less<>> names_;  // short name to interface index
     std::unordered_map<uint32_t, uint32_t> phyids_;       // forwarding-plane id to interface index
     std::vector<PortObserver*> observers_;
+    std::map<uint32_t, std::string> renames_;  // that wait, with the name known to clients
+    std::function<bool(const std::string& name)> name_in_use_;
     bool complete_ = false;
 };
 

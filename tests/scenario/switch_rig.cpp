@@ -17,6 +17,7 @@
 #include "platform/client/mom_key.h"
 #include "platform/client/notification_ring.h"
 #include "platform/driver/mutex.h"
+#include "tests/support/test_platform.h"
 
 extern "C" int lda_main();
 
@@ -169,7 +170,9 @@ class SwitchRig::ObservedPlatform final : public Platform {
     StoreDriver& store() override { return inner_->store(); }
     PortModel& ports() override { return inner_->ports(); }
     ForwardingDriver& forwarding() override { return inner_->forwarding(); }
+    Background& background() override { return *background_; }
     void attach_loop(EventLoop& loop) override {
+        background_ = std::make_unique<InlineBackground>(loop);
         inner_->attach_loop(loop);
         if (store_made_) {
             store_made_(dynamic_cast<MemoryStore&>(store()));
@@ -179,6 +182,7 @@ class SwitchRig::ObservedPlatform final : public Platform {
  private:
     std::unique_ptr<Platform> inner_;
     std::function<void(MemoryStore&)> store_made_;
+    std::unique_ptr<InlineBackground> background_;
 };
 
 SwitchRig::SwitchRig() : SwitchRig(Options{}) {}

@@ -65,6 +65,7 @@ void TestPlatform::attach_loop(EventLoop& loop) {
     }
     loop_ = &loop;
     memory_store_ = std::make_unique<MemoryStore>(loop);
+    background_ = std::make_unique<InlineBackground>(loop);
 }
 
 }  // namespace qv::test

@@ -23,6 +23,19 @@ class RecordingLog final : public SystemLog {
     std::vector<std::string> lines_ GUARDED_BY(mutex_);
 };
 
+// Does background work at once, on the loop's thread.
+class InlineBackground final : public Background {
+ public:
+    explicit InlineBackground(EventLoop& loop) : loop_(loop) {}
+    void run(std::function<void()> work, EventLoop::Task done) override {
+        work();
+        loop_.post(std::move(done));
+    }
+
+ private:
+    EventLoop& loop_;
+};
+
 class TestPlatform final : public Platform {
  public:
     TestPlatform();
@@ -52,11 +65,13 @@ class TestPlatform final : public Platform {
     StoreDriver& store() override;
     PortModel& ports() override;
     ForwardingDriver& forwarding() override;
+    Background& background() override { return *background_; }
     void attach_loop(EventLoop& loop) override;
 
  private:
     EventLoop* loop_ = nullptr;
     std::unique_ptr<MemoryStore> memory_store_;
+    std::unique_ptr<InlineBackground> background_;
 };
 
 }  // namespace qv::test

@@ -1,0 +1,118 @@
+#include "platform/cli/config_replay.h"
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/running_config.h"
+#include "platform/client/platform.h"
+#include "qv/syslog.h"
+
+namespace qv::cli {
+namespace {
+
+constexpr size_t kShownBytes = 200;
+
+std::string first_line(const std::string& text) {
+    return text.substr(0, text.find_first_of("\r\n"));
+}
+
+bool sets_mode(const ConfigLine& line) {
+    return line.text.starts_with("switchport mode ");
+}
+
+const Port* port_of(const ConfigSection& section) {
+    return section.port.empty() ? nullptr : platform().ports().find(section.port);
+}
+
+SessionState session_for(const Port* port) {
+    SessionState session;
+    session.mode = port ? kModeInterface : kModeConfig;
+    session.ifx = port ? port->ifx : 0;
+    return session;
+}
+
+}  // namespace
+
+bool ConfigReplay::set_modes() {
+    bool changed = false;
+    for (const ConfigSection& section : sections_) {
+        const Port* const port = port_of(section);
+        if (!port) {
+            continue;
+        }
+        const uint32_t ifx = port->ifx;
+        const uint32_t before = port->mode;
+        SessionState session = session_for(port);
+        for (const ConfigLine& line : section.lines) {
+            if (sets_mode(line)) {
+                run_line(session, line);
+            }
+        }
+        const Port* const after = platform().ports().find(ifx);
+        changed = changed || (after && after->mode != before);
+    }
+    return changed;
+}
+
+void ConfigReplay::run() {
+    for (const ConfigSection& section : sections_) {
+        run_section(section);
+    }
+    if (refused_ > kMaxReports) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "REPLAY", "%s: %zu lines were refused in all.",
+                      origin_.c_str(), refused_);
+    }
+}
+
+void ConfigReplay::run_section(const ConfigSection& section) {
+    const Port* const port = port_of(section);
+    if (!section.port.empty() && !port) {
+        report((section.number ? "line " + std::to_string(section.number) + ": " : "") +
+               "interface " + section.port + " does not exist; its lines wait for it.");
+        ports_.keep(section);
+        return;
+    }
+    SessionState session = session_for(port);
+    if (port && has_line(section, kHeldLine)) {
+        ports_.set_held(port->ifx, true);
+        held_.push_back(port->ifx);
+        session.program = true;
+    }
+    for (const ConfigLine& line : section.lines) {
+        // A global line may follow a section that nothing has ended.
+        if (session.mode == kModeInterface && !parses(session, line.text)) {
+            SessionState global = session_for(nullptr);
+            session = parses(global, line.text) ? global : session;
+        }
+        if (session.mode != kModeInterface || !sets_mode(line)) {
+            run_line(session, line);
+        }
+    }
+}
+
+void ConfigReplay::run_line(SessionState& session, const ConfigLine& line) {
+    const Result result = execute(session, line.text);
+    if (result.code != 0 || !result.output.empty()) {
+        ++refused_;
+        report((line.number ? "line " + std::to_string(line.number) + ": " : "") + "\"" +
+               line.text.substr(0, kShownBytes) + "\": " + first_line(result.output));
+    }
+}
+
+void ConfigReplay::report(const std::string& text) {
+    if (refused_ <= kMaxReports) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "REPLAY", "%s: %s", origin_.c_str(),
+                      text.c_str());
+    }
+}
+
+std::vector<uint32_t> ConfigReplay::unclaimed() const {
+    std::vector<uint32_t> found;
+    for (const uint32_t ifx : held_) {
+        const Port* const port = platform().ports().find(ifx);
+        if (port && ports_.held(ifx) && !has_line(generate_section(*port), kHeldLine)) {
+            found.push_back(ifx);
+        }
+    }
+    return found;
+}
+
+}  // namespace qv::cli

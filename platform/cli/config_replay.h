@@ -1,0 +1,46 @@
+// One replay of saved lines: which lines run when, and what is said of those that are refused.
+// Loop thread only.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "platform/cli/config_file.h"
+#include "platform/cli/engine.h"
+#include "platform/cli/port_sections.h"
+
+namespace qv::cli {
+
+class ConfigReplay {
+ public:
+    static constexpr size_t kMaxReports = 50;
+
+    // `origin` is where the lines come from, for messages.
+    ConfigReplay(std::string origin, std::vector<ConfigSection> sections, PortSections& ports)
+        : origin_(std::move(origin)), sections_(std::move(sections)), ports_(ports) {}
+
+    // Sets the VLAN modes. Whether any has changed: then the rest must wait until everybody has
+    // heard of it.
+    bool set_modes();
+    // All other lines. Sections of ports that are not there are kept for them.
+    void run();
+    // Ports that were held when they were saved and that nobody claims after all, to be brought
+    // back. To be asked once the programs have heard of everything that run() did.
+    std::vector<uint32_t> unclaimed() const;
+
+    bool anything_refused() const { return refused_ != 0; }
+
+ private:
+    void run_section(const ConfigSection& section);
+    void run_line(SessionState& session, const ConfigLine& line);
+    void report(const std::string& text);
+
+    const std::string origin_;
+    const std::vector<ConfigSection> sections_;
+    PortSections& ports_;
+    std::vector<uint32_t> held_;
+    size_t refused_ = 0;
+};
+
+}  // namespace qv::cli

@@ -1,0 +1,171 @@
+#include "platform/cli/config_saver.h"
+
+#include <algorithm>
+#include <limits>
+#include <memory>
+#include <utility>
+
+#include "platform/cli/config_file.h"
+#include "platform/cli/running_config.h"
+#include "platform/client/platform.h"
+#include "qv/syslog.h"
+
+namespace qv::cli {
+
+ConfigSaver::ConfigSaver(EventLoop& loop, Background& background, std::string path,
+                         Journal& journal, const PortSections& sections)
+    : loop_(loop),
+      background_(background),
+      path_(std::move(path)),
+      journal_(journal),
+      sections_(sections) {}
+
+void ConfigSaver::request() {
+    if (path_.empty() || !unasked_) {
+        return;
+    }
+    wanted_ = true;
+    schedule();
+}
+
+void ConfigSaver::schedule() {
+    if (timer_ || snapshot_ || writing_) {
+        return;
+    }
+    const Duration rest = rest_until_ - loop_.clock().now();
+    timer_ = loop_.after(std::max<Duration>(kGather, rest), [this] { slice(); });
+}
+
+void ConfigSaver::save(Done done) {
+    waiting_.push_back(std::move(done));
+    if (writing_) {
+        return;  // another snapshot follows the one being written
+    }
+    begin();
+    take_ports(std::numeric_limits<int>::max());
+    finish();
+}
+
+std::string ConfigSaver::save_here() {
+    if (writing_) {
+        return "another save is under way";
+    }
+    begin();
+    take_ports(std::numeric_limits<int>::max());
+    const uint64_t journal = snapshot_->journal;
+    const std::string text = end_snapshot();
+    std::string reason = replace_file(path_, seal_config(text, journal));
+    written(text, journal, reason);
+    return reason;
+}
+
+void ConfigSaver::begin() {
+    timer_.reset();
+    turn_.reset();
+    wanted_ = false;
+    snapshot_.emplace();
+    snapshot_->journal = journal_.last();
+    snapshot_->text = section_text(generate_global());
+}
+
+void ConfigSaver::slice() {
+    const Time start = loop_.clock().now();
+    if (!snapshot_) {
+        begin();
+    }
+    const bool all = take_ports(kPortsPerTurn);
+    snapshot_->spent += loop_.clock().now() - start;
+    if (all) {
+        rest_until_ = loop_.clock().now() + kRest * snapshot_->spent;
+        finish();
+    } else {
+        turn_ = loop_.put_off([this] { slice(); });
+    }
+}
+
+// Whether none is left.
+bool ConfigSaver::take_ports(int limit) {
+    const std::map<uint32_t, Port>& ports = platform().ports().ports();
+    auto next = ports.upper_bound(snapshot_->last_ifx);
+    for (; next != ports.end() && limit > 0; ++next, --limit) {
+        take_port(next->second);
+        snapshot_->last_ifx = next->first;
+    }
+    return next == ports.end();
+}
+
+void ConfigSaver::take_port(const Port& port) {
+    if (!(port.flags & LSM_IF_FLAG_HIDDEN)) {
+        snapshot_->text += section_text(sections_.saved(port));
+    }
+    snapshot_->taken.insert(port.ifx);
+}
+
+// The whole text; the snapshot is over.
+std::string ConfigSaver::end_snapshot() {
+    // Ports that have come between two slices, with an index that had had its turn.
+    for (const auto& [ifx, port] : platform().ports().ports()) {
+        if (!snapshot_->taken.contains(ifx)) {
+            take_port(port);
+        }
+    }
+    std::string text = std::move(snapshot_->text) + sections_.kept_text();
+    text += kConfigEnd;
+    snapshot_.reset();
+    return text;
+}
+
+void ConfigSaver::finish() {
+    const uint64_t journal = snapshot_->journal;
+    const std::string text = end_snapshot();
+    told_ = std::exchange(waiting_, {});
+    if (text == saved_text_ && told_.empty()) {
+        written(text, journal, "");
+        return;
+    }
+    writing_ = true;
+    auto reason = std::make_shared<std::string>();
+    background_.run(
+        [path = path_, sealed = seal_config(text, journal), reason] {
+            *reason = replace_file(path, sealed);
+        },
+        [this, text, journal, reason] {
+            writing_ = false;
+            written(text, journal, *reason);
+        });
+}
+
+void ConfigSaver::written(const std::string& text, uint64_t journal, const std::string& reason) {
+    note(reason);
+    if (reason.empty()) {
+        saved_text_ = text;
+        unasked_ = true;
+        journal_.forget(journal);
+        retry_.reset();
+    } else {
+        saved_text_.clear();
+        retry_ = loop_.after(kRetryAfter, [this] { request(); });
+    }
+    for (const Done& done : std::exchange(told_, {})) {
+        done(reason);
+    }
+    if (!waiting_.empty()) {
+        Done next = std::move(waiting_.back());
+        waiting_.pop_back();
+        save(std::move(next));
+    } else if (wanted_) {
+        schedule();
+    }
+}
+
+// Each trouble is reported once.
+void ConfigSaver::note(const std::string& reason) {
+    if (!reason.empty() && reason != trouble_) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "SAVE",
+                      "The configuration cannot be saved to %s: %s.", path_.c_str(),
+                      reason.c_str());
+    }
+    trouble_ = reason;
+}
+
+}  // namespace qv::cli

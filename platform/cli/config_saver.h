@@ -1,0 +1,92 @@
+// Saves the running configuration: every change within a second, without holding up the loop. Loop
+// thread only, but for the writing itself, which the background does.
+//
+// A snapshot is taken in slices, a few ports per turn of the loop. What changes meanwhile asks for
+// another one, and what must not be lost until then is in the journal, whose number a snapshot
+// notes at its start.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/cli/journal.h"
+#include "platform/cli/port_sections.h"
+#include "platform/client/background.h"
+#include "platform/client/event_loop.h"
+
+namespace qv::cli {
+
+class ConfigSaver {
+ public:
+    static constexpr std::chrono::milliseconds kGather{100};  // from a change to its snapshot
+    static constexpr int kRest = 10;  // pause after a snapshot, times what it took of the loop
+    static constexpr std::chrono::seconds kRetryAfter{30};
+    static constexpr int kPortsPerTurn = 64;
+
+    using Done = std::function<void(const std::string& reason)>;
+
+    // `path` is empty for none: then nothing is ever saved.
+    ConfigSaver(EventLoop& loop, Background& background, std::string path, Journal& journal,
+                const PortSections& sections);
+
+    // Something has changed: it is saved soon.
+    void request();
+    // Saves now; `done` gets an empty text, or the reason.
+    void save(Done done);
+    // The same for a caller that cannot wait: on this thread. An empty text, or the reason.
+    std::string save_here();
+
+    // Before the saved configuration is in force, and when it could not be read, nothing but an
+    // explicit save() may replace it.
+    void allow_unasked(bool allowed) { unasked_ = allowed; }
+    // The text of the saved file, so that the same is not written again.
+    void set_saved(std::string text) { saved_text_ = std::move(text); }
+
+    const std::string& path() const { return path_; }
+    // Why the last attempt failed, empty when it did not.
+    const std::string& trouble() const { return trouble_; }
+
+ private:
+    struct Snapshot {
+        std::string text;
+        uint64_t journal = 0;
+        uint32_t last_ifx = 0;     // of the ports taken so far
+        std::set<uint32_t> taken;  // interface indexes
+        Duration spent{};          // of the loop's time
+    };
+
+    void schedule();
+    void begin();
+    void slice();
+    bool take_ports(int limit);
+    void take_port(const Port& port);
+    std::string end_snapshot();
+    void finish();
+    void written(const std::string& text, uint64_t journal, const std::string& reason);
+    void note(const std::string& reason);
+
+    EventLoop& loop_;
+    Background& background_;
+    const std::string path_;
+    Journal& journal_;
+    const PortSections& sections_;
+
+    bool unasked_ = false;
+    bool wanted_ = false;   // for another snapshot than the one under way
+    bool writing_ = false;  // the background is at work
+    std::optional<Snapshot> snapshot_;
+    std::vector<Done> waiting_;  // for the next snapshot to be written
+    std::vector<Done> told_;     // when the present one is
+    std::string saved_text_;
+    std::string trouble_;
+    Time rest_until_{};
+    EventLoop::Handle timer_;
+    EventLoop::Handle turn_;
+    EventLoop::Handle retry_;
+};
+
+}  // namespace qv::cli

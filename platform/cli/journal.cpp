@@ -1,0 +1,174 @@
+#include "platform/cli/journal.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <utility>
+
+namespace qv::cli {
+namespace {
+
+constexpr off_t kRoom_bytes = 64 * 1024;  // laid out ahead, and enough for hundreds of records
+constexpr mode_t kFileMode = 0600;
+constexpr std::string_view kTitle = "record ";
+
+// "record NUMBER BYTES CHECKSUM\n", then the section in BYTES bytes. The checksum covers number and
+// section.
+std::string bytes_of(uint64_t number, const ConfigSection& section) {
+    std::string body = section.port.empty() ? "" : "interface " + section.port + "\n";
+    for (const ConfigLine& line : section.lines) {
+        body += " " + line.text + "\n";
+    }
+    const std::string count = std::to_string(number);
+    return std::string(kTitle) + count + " " + std::to_string(body.size()) + " " +
+           checksum(count + body) + "\n" + body;
+}
+
+std::string_view take_word(std::string_view& line) {
+    const size_t end = std::min(line.find(' '), line.size());
+    const std::string_view word = line.substr(0, end);
+    line.remove_prefix(std::min(end + 1, line.size()));
+    return word;
+}
+
+template <typename Number>
+bool read_number(std::string_view word, Number& number) {
+    const char* const end = word.data() + word.size();
+    const auto [stop, error] = std::from_chars(word.data(), end, number);
+    return !word.empty() && stop == end && error == std::errc{};
+}
+
+// Takes a record off the front; false when there is no whole one.
+bool take_record(std::string_view& bytes, JournalRecord& record) {
+    const size_t end = bytes.find('\n');
+    if (!bytes.starts_with(kTitle) || end == std::string_view::npos) {
+        return false;
+    }
+    std::string_view title = bytes.substr(kTitle.size(), end - kTitle.size());
+    const std::string_view rest = bytes.substr(end + 1);
+    const std::string_view count = take_word(title);
+    size_t size = 0;
+    if (!read_number(count, record.number) || !read_number(take_word(title), size) ||
+        size > rest.size()) {
+        return false;
+    }
+    const std::string_view body = rest.substr(0, size);
+    if (title != checksum(std::string(count).append(body))) {
+        return false;
+    }
+    const std::vector<ConfigSection> sections = parse_config(body);
+    record.section = sections.back();
+    record.section.number = 0;
+    for (ConfigLine& line : record.section.lines) {
+        line.number = 0;
+    }
+    bytes = rest.substr(size);
+    return true;
+}
+
+}  // namespace
+
+std::vector<JournalRecord> read_journal(const std::string& path) {
+    std::vector<JournalRecord> records;
+    const std::string text = read_config_file(path).value_or("");
+    std::string_view rest = text;
+    JournalRecord record;
+    while (take_record(rest, record) && (records.empty() || record.number > records.back().number)) {
+        records.push_back(record);
+    }
+    return records;
+}
+
+Journal::~Journal() {
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+}
+
+std::string Journal::open(uint64_t last) {
+    last_ = last;
+    kept_.clear();
+    for (const JournalRecord& record : read_journal(path_)) {
+        keep(record.number, record.section);
+        last_ = std::max(last_, record.number);
+    }
+    return rewrite();
+}
+
+// A section's newest record takes the place of those before it.
+void Journal::keep(uint64_t number, const ConfigSection& section) {
+    std::erase_if(kept_, [&](const Kept& record) { return record.port == section.port; });
+    kept_.push_back({number, section.port, bytes_of(number, section)});
+}
+
+std::string Journal::append(const ConfigSection& section) {
+    std::string trouble = fd_ < 0 || size_ > kRoom_bytes ? rewrite() : "";
+    if (trouble.empty()) {
+        trouble = write(bytes_of(last_ + 1, section));
+    }
+    if (trouble.empty()) {
+        keep(++last_, section);
+    }
+    return trouble;
+}
+
+std::string Journal::write(std::string_view bytes) {
+    const ssize_t written = ::pwrite(fd_, bytes.data(), bytes.size(), size_);
+    if (written != static_cast<ssize_t>(bytes.size())) {
+        return std::strerror(written < 0 ? errno : ENOSPC);
+    }
+    size_ += written;
+    return {};
+}
+
+bool Journal::holds(const std::string& port) const {
+    return std::any_of(kept_.begin(), kept_.end(),
+                       [&](const Kept& record) { return record.port == port; });
+}
+
+void Journal::forget(uint64_t number) {
+    std::erase_if(kept_, [number](const Kept& record) { return record.number <= number; });
+    if (kept_.empty() && fd_ >= 0 && size_ > 0) {
+        // An empty line is no record. The next record overwrites it.
+        size_ = 0;
+        static_cast<void>(write("\n"));
+        size_ = 0;
+    }
+}
+
+// A new file with the records that are kept. Old and new one hold them at any moment.
+std::string Journal::rewrite() {
+    const std::string fresh = path_ + ".new";
+    ::unlink(fresh.c_str());
+    const int fd = ::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kFileMode);
+    if (fd < 0) {
+        return std::strerror(errno);
+    }
+    ::posix_fallocate(fd, 0, kRoom_bytes);
+    const int old = std::exchange(fd_, fd);
+    const off_t old_size = std::exchange(size_, 0);
+    std::string trouble;
+    for (const Kept& record : kept_) {
+        trouble = trouble.empty() ? write(record.bytes) : trouble;
+    }
+    if (trouble.empty() && ::rename(fresh.c_str(), path_.c_str()) != 0) {
+        trouble = std::strerror(errno);
+    }
+    if (trouble.empty()) {
+        if (old >= 0) {
+            ::close(old);
+        }
+        return {};
+    }
+    ::close(std::exchange(fd_, old));
+    size_ = old_size;
+    ::unlink(fresh.c_str());
+    return trouble;
+}
+
+}  // namespace qv::cli

@@ -1,0 +1,128 @@
+#include "platform/cli/port_sections.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/cli/running_config.h"
+#include "qv/bridge.h"
+
+namespace qv::cli {
+namespace {
+
+constexpr std::string_view kShutdown = "shutdown";
+constexpr std::string_view kNoShutdown = "no shutdown";
+
+void remove_line(ConfigSection& section, std::string_view line) {
+    std::erase_if(section.lines, [line](const ConfigLine& other) { return other.text == line; });
+}
+
+// Behind the VLAN mode, before the lines of programs.
+void add_admin_line(ConfigSection& section, std::string_view line) {
+    const auto at = std::find_if(section.lines.begin(), section.lines.end(), [](const auto& other) {
+        return !other.text.starts_with("switchport ");
+    });
+    section.lines.insert(at, {0, std::string(line)});
+}
+
+ConfigSection with_admin_line(ConfigSection section, bool down, bool held) {
+    remove_line(section, kShutdown);
+    if (down) {
+        const bool unclaimed = held && !has_line(section, kHeldLine);
+        add_admin_line(section, unclaimed ? kNoShutdown : kShutdown);
+    }
+    return section;
+}
+
+}  // namespace
+
+bool has_line(const ConfigSection& section, std::string_view line) {
+    return std::any_of(section.lines.begin(), section.lines.end(),
+                       [line](const ConfigLine& other) { return other.text == line; });
+}
+
+ConfigSection PortSections::saved(const Port& port) const {
+    return with_admin_line(generate_section(port), !port.admin_up, held(port.ifx));
+}
+
+void PortSections::set_held(uint32_t ifx, bool held) {
+    if (held) {
+        held_.insert(ifx);
+    } else {
+        held_.erase(ifx);
+    }
+}
+
+ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_program) {
+    if (up || !by_program) {
+        held_.erase(port.ifx);
+    } else if (port.admin_up) {
+        held_.insert(port.ifx);  // a port that is down already keeps its owner
+    }
+    ConfigSection section = with_admin_line(generate_section(port), !up, held(port.ifx));
+    // The port may still be down when this is read.
+    if (up && !has_line(section, kHeldLine)) {
+        add_admin_line(section, kNoShutdown);
+    }
+    return section;
+}
+
+void PortSections::leave(const Port& port, uint32_t mode_before) {
+    ConfigSection section = saved(port);
+    if (port.mode == SWPORT_MODE_NONE && mode_before != SWPORT_MODE_NONE &&
+        mode_before != SWPORT_MODE_ACCESS) {
+        const std::string mode = swport_vlan_mode_name(mode_before);
+        section.lines.insert(section.lines.begin(), {0, "switchport mode " + mode});
+    }
+    held_.erase(port.ifx);
+    if (!section.lines.empty()) {
+        keep(std::move(section), port.ifx);
+    }
+}
+
+void PortSections::keep(ConfigSection section, uint32_t ifx) {
+    const std::string name = section.port;
+    kept_[name] = {std::move(section), ifx, ++ages_};
+    if (kept_.size() > kMaxKept) {
+        kept_.erase(std::min_element(kept_.begin(), kept_.end(), [](auto& a, auto& b) {
+            return a.second.age < b.second.age;
+        }));
+    }
+}
+
+bool PortSections::wish(uint32_t ifx, std::string_view line, ConfigSection& section) {
+    if (line != kNoShutdown || ifx == 0) {
+        return false;
+    }
+    const auto found = std::find_if(kept_.begin(), kept_.end(),
+                                    [ifx](const auto& item) { return item.second.ifx == ifx; });
+    if (found == kept_.end()) {
+        return false;
+    }
+    ConfigSection& kept = found->second.section;
+    remove_line(kept, kHeldLine);
+    remove_line(kept, kShutdown);
+    remove_line(kept, kNoShutdown);
+    add_admin_line(kept, kNoShutdown);
+    section = kept;
+    return true;
+}
+
+bool PortSections::take(const std::string& name, ConfigSection& section) {
+    const auto found = kept_.find(name);
+    if (found == kept_.end()) {
+        return false;
+    }
+    section = std::move(found->second.section);
+    kept_.erase(found);
+    return true;
+}
+
+std::string PortSections::kept_text() const {
+    std::string text;
+    for (const auto& [name, kept] : kept_) {
+        text += section_text(kept.section);
+    }
+    return text;
+}
+
+}  // namespace qv::cli

@@ -1,0 +1,73 @@
+// Who shut which port, and the sections of ports that have left: what the saved configuration knows
+// beyond the lines that the running one prints. Loop thread only.
+//
+// A shutdown belongs to the operator or to the program that typed it. A program that holds a port
+// shut says so with a line of its own in the port's section (kHeldLine). Between the moment in
+// which it takes that line back and its "no shutdown" the port is down and nobody claims it: saved
+// as "shutdown" it would stay dark after a crash, so it is saved as "no shutdown", which the next
+// start carries out. A section with the line is the program's, whatever else it says: it shuts the
+// port again and brings it back in its own time.
+//
+// Configuration belongs to the name of a port. What a port's section says when the port leaves is
+// kept, stays in every saved configuration, and is applied when a port of that name appears.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+#include <string_view>
+
+#include "platform/cli/config_file.h"
+#include "platform/driver/switch_driver.h"
+
+namespace qv::cli {
+
+inline constexpr std::string_view kHeldLine = "loop-detect apply shutdown-port";
+
+bool has_line(const ConfigSection& section, std::string_view line);
+
+class PortSections {
+ public:
+    // Names beyond this many are dropped, the longest absent first.
+    static constexpr size_t kMaxKept = 4096;
+
+    // ---- Ports that are there ----
+
+    // The section of a port as it is to be saved now.
+    ConfigSection saved(const Port& port) const;
+
+    // The same for when its admin state will have been changed. From here on the port's shutdown is
+    // its new owner's.
+    ConfigSection change_admin(const Port& port, bool up, bool by_program);
+
+    bool held(uint32_t ifx) const { return held_.contains(ifx); }
+    void set_held(uint32_t ifx, bool held);
+
+    // ---- Ports that are not ----
+
+    // The port is about to go. `mode_before` is the VLAN mode it had in the bridge.
+    void leave(const Port& port, uint32_t mode_before);
+    // Keeps a section for a port that is not there.
+    void keep(ConfigSection section, uint32_t ifx = 0);
+    // A wish for a port that has left: true when `line` was one, with the section it leads to.
+    bool wish(uint32_t ifx, std::string_view line, ConfigSection& section);
+    // Hands out the section kept under a name, and forgets it. False when there is none.
+    bool take(const std::string& name, ConfigSection& section);
+    bool kept(const std::string& name) const { return kept_.contains(name); }
+    // All of them, as text.
+    std::string kept_text() const;
+
+ private:
+    struct Kept {
+        ConfigSection section;
+        uint32_t ifx;  // of the port that left, 0 for a section that came from a file
+        uint64_t age;
+    };
+
+    std::set<uint32_t> held_;  // shut by a program
+    std::map<std::string, Kept> kept_;
+    uint64_t ages_ = 0;
+};
+
+}  // namespace qv::cli
