@@ -83,11 +83,12 @@ void inherit(int fd, const std::string& from) {
 // else.
 std::string followed(const std::string& path) {
     std::filesystem::path target = path;
-    std::error_code error;
-    for (int links = 0; links < kMaxLinks && std::filesystem::is_symlink(target, error); ++links) {
-        target = target.parent_path() / std::filesystem::read_symlink(target, error);
+    std::error_code ignored;
+    for (int links = 0; links < kMaxLinks && std::filesystem::is_symlink(target, ignored);
+         ++links) {
+        target = target.parent_path() / std::filesystem::read_symlink(target, ignored);
     }
-    return error ? path : target.string();
+    return target.string();
 }
 
 constexpr std::string_view kJournalMark = "! journal ";

@@ -8,6 +8,7 @@
 #include "platform/cli/config_file.h"
 #include "platform/cli/running_config.h"
 #include "platform/client/platform.h"
+#include "qv/lsm.h"
 #include "qv/syslog.h"
 
 namespace qv::cli {
@@ -125,14 +126,12 @@ void ConfigSaver::finish() {
     }
     writing_ = true;
     auto reason = std::make_shared<std::string>();
-    background_.run(
-        [path = path_, sealed = seal_config(text, journal), reason] {
-            *reason = replace_file(path, sealed);
-        },
-        [this, text, journal, reason] {
-            writing_ = false;
-            written(text, journal, *reason);
-        });
+    background_.run([path = path_, sealed = seal_config(text, journal),
+                     reason] { *reason = replace_file(path, sealed); },
+                    [this, text, journal, reason] {
+                        writing_ = false;
+                        written(text, journal, *reason);
+                    });
 }
 
 void ConfigSaver::written(const std::string& text, uint64_t journal, const std::string& reason) {

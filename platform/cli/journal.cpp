@@ -78,7 +78,8 @@ std::vector<JournalRecord> read_journal(const std::string& path) {
     const std::string text = read_config_file(path).value_or("");
     std::string_view rest = text;
     JournalRecord record;
-    while (take_record(rest, record) && (records.empty() || record.number > records.back().number)) {
+    while (take_record(rest, record) &&
+           (records.empty() || record.number > records.back().number)) {
         records.push_back(record);
     }
     return records;

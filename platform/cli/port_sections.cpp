@@ -83,9 +83,8 @@ void PortSections::keep(ConfigSection section, uint32_t ifx) {
     const std::string name = section.port;
     kept_[name] = {std::move(section), ifx, ++ages_};
     if (kept_.size() > kMaxKept) {
-        kept_.erase(std::min_element(kept_.begin(), kept_.end(), [](auto& a, auto& b) {
-            return a.second.age < b.second.age;
-        }));
+        kept_.erase(std::min_element(kept_.begin(), kept_.end(),
+                                     [](auto& a, auto& b) { return a.second.age < b.second.age; }));
     }
 }
 

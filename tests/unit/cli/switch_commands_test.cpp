@@ -217,8 +217,10 @@ TEST_F(SwitchCommands, StartupConfigurationIsShownAfterWrite) {
     EXPECT_EQ(from_exec({"show startup-config"}),
               "% " + rig.saved() + ": No such file or directory.\n");
     rig.announce_ready();
-    EXPECT_EQ(configure({"tarn enable", "end", "write", "show startup-config"}),
-              " tarn enable\n"
+    const std::string shown = configure({"tarn enable", "end", "write", "show startup-config"});
+    EXPECT_TRUE(shown.starts_with("! Last saved 20")) << shown;
+    EXPECT_EQ(shown.substr(shown.find('\n') + 1),
+              "tarn enable\n"
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\nend\n");
 }
 

@@ -1,0 +1,178 @@
+// The journal: what is read back after a crash at any byte.
+#include "platform/cli/journal.h"
+
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+
+#include <csignal>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "tests/unit/cli/cli_rig.h"
+
+namespace {
+
+using qv::cli::ConfigSection;
+using qv::cli::Journal;
+using qv::cli::read_journal;
+using qv::test::read_text;
+using qv::test::write_text;
+
+ConfigSection section(const std::string& port, std::vector<std::string> lines) {
+    ConfigSection made;
+    made.port = port;
+    for (std::string& line : lines) {
+        made.lines.push_back({0, std::move(line)});
+    }
+    return made;
+}
+
+// "NUMBER PORT: LINE, LINE" for each record.
+std::vector<std::string> told(const std::string& path) {
+    std::vector<std::string> texts;
+    for (const auto& [number, section] : read_journal(path)) {
+        std::string text = std::to_string(number) + " " + section.port + ":";
+        for (const auto& line : section.lines) {
+            text += " " + line.text + ",";
+        }
+        texts.push_back(text);
+    }
+    return texts;
+}
+
+using Told = std::vector<std::string>;
+
+struct JournalTest : testing::Test {
+    const qv::test::TestFolder folder;
+    const std::string path = folder.file("startup.journal");
+    Journal journal{path};
+};
+
+TEST_F(JournalTest, RecordsAreReadAsTheyWereWritten) {
+    EXPECT_EQ(journal.open(0), "");
+    EXPECT_EQ(journal.append(section("", {"loop-detect enable", "tarn enable"})), "");
+    EXPECT_EQ(journal.append(section("swp3", {"shutdown", "loop-detect apply shutdown-port"})), "");
+    EXPECT_EQ(journal.append(section("swp4", {})), "");
+    EXPECT_EQ(journal.last(), 3U);
+    EXPECT_EQ(told(path), (Told{"1 : loop-detect enable, tarn enable,",
+                                "2 swp3: shutdown, loop-detect apply shutdown-port,", "3 swp4:"}));
+    EXPECT_EQ(read_journal(path)[1].section.lines[0].number, 0);
+}
+
+TEST_F(JournalTest, MissingFileHasNoRecords) {
+    EXPECT_EQ(told(folder.file("none")), Told{});
+}
+
+TEST_F(JournalTest, RecordCutOffAnywhereEndsTheReading) {
+    journal.open(0);
+    journal.append(section("swp1", {"no shutdown"}));
+    const std::string first = "1 swp1: no shutdown,";
+    const size_t whole = read_text(path).find('\0');
+    journal.append(section("swp2", {"shutdown"}));
+    const std::string bytes = read_text(path);
+    const size_t end = bytes.find('\0');
+    ASSERT_GT(end, whole);
+    for (size_t length = whole; length < end; ++length) {
+        write_text(path, bytes.substr(0, length));
+        EXPECT_EQ(told(path), Told{first}) << length;
+    }
+    write_text(path, bytes.substr(0, end));
+    EXPECT_EQ(told(path), (Told{first, "2 swp2: shutdown,"}));
+}
+
+TEST_F(JournalTest, DamagedByteEndsTheReading) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    const std::string bytes = read_text(path);
+    for (size_t at = 0; at < bytes.find('\0'); ++at) {
+        std::string damaged = bytes;
+        damaged[at] = static_cast<char>(damaged[at] ^ 1);
+        write_text(path, damaged);
+        EXPECT_EQ(told(path), Told{}) << at;
+    }
+}
+
+TEST_F(JournalTest, ForgottenRecordsAreGoneAndNumbersGoOn) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    journal.append(section("swp2", {"shutdown"}));
+    journal.forget(2);
+    EXPECT_EQ(told(path), Told{});
+    journal.append(section("swp3", {"shutdown"}));
+    EXPECT_EQ(told(path), Told{"3 swp3: shutdown,"}) << "what lies behind it is old";
+}
+
+TEST_F(JournalTest, RecordsAfterTheForgottenOnesStay) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    journal.append(section("swp2", {"shutdown"}));
+    journal.forget(1);
+    EXPECT_EQ(told(path).back(), "2 swp2: shutdown,");
+    EXPECT_FALSE(journal.holds("swp1"));
+    EXPECT_TRUE(journal.holds("swp2"));
+}
+
+TEST_F(JournalTest, OpenedAgainItContinuesWithWhatItHolds) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    Journal next(path);
+    EXPECT_EQ(next.open(0), "");
+    EXPECT_EQ(next.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+}
+
+TEST_F(JournalTest, NumbersContinueAfterThoseOfTheSavedConfiguration) {
+    EXPECT_EQ(journal.open(41), "");
+    journal.append(section("swp1", {"shutdown"}));
+    EXPECT_EQ(told(path), Told{"42 swp1: shutdown,"});
+}
+
+TEST_F(JournalTest, FileStaysSmallHoweverOftenAPortIsShut) {
+    journal.open(0);
+    for (int i = 0; i < 20000; ++i) {
+        ASSERT_EQ(journal.append(section("swp1", {"shutdown"})), "");
+        ASSERT_EQ(journal.append(section("swp2", {"shutdown"})), "");
+    }
+    EXPECT_LT(std::filesystem::file_size(path), 80U << 10);
+    EXPECT_EQ(told(path).back(), "40000 swp2: shutdown,");
+    EXPECT_EQ(told(path).rbegin()[1], "39999 swp1: shutdown,");
+}
+
+TEST_F(JournalTest, RoomIsLaidOutSoThatAFullDiskKeepsNoRecordOut) {
+    journal.open(0);
+    std::signal(SIGXFSZ, SIG_IGN);
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    rlimit full = before;
+    full.rlim_cur = std::filesystem::file_size(path);
+    ASSERT_EQ(full.rlim_cur, 64U << 10);
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(journal.append(section("swp1", {"shutdown"})), "");
+    full.rlim_cur = 10;
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "File too large");
+    setrlimit(RLIMIT_FSIZE, &before);
+    EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
+    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp3: shutdown,"}))
+        << "a record that was refused takes no number";
+}
+
+TEST_F(JournalTest, FolderThatIsNotThereIsATroubleUntilItIs) {
+    Journal lost(folder.file("none/startup.journal"));
+    EXPECT_EQ(lost.open(0), "No such file or directory");
+    EXPECT_EQ(lost.append(section("swp1", {"shutdown"})), "No such file or directory");
+    std::filesystem::create_directory(folder.file("none"));
+    EXPECT_EQ(lost.append(section("swp1", {"shutdown"})), "");
+    EXPECT_EQ(told(lost.path()), Told{"1 swp1: shutdown,"});
+}
+
+TEST_F(JournalTest, FileIsItsOwnersAlone) {
+    journal.open(0);
+    struct stat status {};
+    ASSERT_EQ(::stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+}  // namespace
