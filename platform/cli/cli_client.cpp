@@ -1,21 +1,22 @@
-// qv/cli.h: attaching the process, announcements, and sessions of one's own.
+// qv/cli.h: attaching the process, announcements, and the sessions of programs.
 //
-// Two threads come here. What the second one needs, the loop and the path of the socket, is set
-// once by cli_client_init, before that thread exists, and never changes.
-#include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+// A program's line never leaves the process: another thread posts it to the loop and waits for its
+// result, the loop's own thread executes it at once. So no number of operators, no missing socket
+// file and no lack of descriptors keeps a loop from being cut.
+//
+// The second thread needs the loop and the session descriptors: cli_client_init sets them once,
+// before that thread exists, and they live until the process ends.
 #include <atomic>
-#include <cerrno>
 #include <cstdio>
-#include <nlohmann/json.hpp>
+#include <future>
+#include <memory>
+#include <utility>
 
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/scripted_faults.h"
+#include "platform/cli/session_descriptors.h"
 #include "platform/cli/socket_server.h"
 #include "platform/cli/switch_commands.h"
-#include "platform/cli/unix_socket.h"
 #include "platform/cli/wire.h"
 #include "platform/client/log_ring.h"
 #include "platform/client/platform.h"
@@ -24,8 +25,6 @@
 namespace qv::cli {
 namespace {
 
-using nlohmann::json;
-
 struct Client {
     Client(EventLoop& on, const PlatformConfig& config)
         : loop(on),
@@ -33,6 +32,7 @@ struct Client {
           keeper(on, platform().background(), config.startup_config) {}
 
     EventLoop& loop;
+    SessionDescriptors descriptors;
     SocketServer server;
     ConfigKeeper keeper;
 };
@@ -48,67 +48,32 @@ void show_on_monitors(std::string_view text) {
     }
 }
 
-bool send_all(int fd, std::string_view bytes) {
-    while (!bytes.empty()) {
-        const ssize_t size = ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
-        if (size < 0 && errno != EINTR) {
-            return false;
-        }
-        bytes.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
-    }
-    return true;
-}
-
-// Waits for one line. False when the connection has ended before.
-bool receive_line(int fd, std::string& line) {
-    char bytes[4096];
-    while (line.empty() || line.back() != '\n') {
-        pollfd waiting{.fd = fd, .events = POLLIN, .revents = 0};
-        if (::poll(&waiting, 1, -1) < 0 && errno != EINTR) {
-            return false;
-        }
-        const ssize_t size = ::recv(fd, bytes, sizeof bytes, MSG_DONTWAIT);
-        if (size == 0 || (size < 0 && errno != EINTR && errno != EAGAIN)) {
-            return false;
-        }
-        line.append(bytes, size < 0 ? 0 : static_cast<size_t>(size));
-    }
-    return true;
-}
-
-json make_request(const char* line, const cli_mode* mode) {
-    json request{{"exec", line}};
-    if (mode && mode->name[0] != '\0') {
-        request["mode"] = mode->name;
-        request["ifx"] = mode->ifx;
-    }
-    return request;
-}
-
-Result ask_server(int session, const char* line, const cli_mode* mode) {
-    std::string text =
-        make_request(line, mode).dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-    if (!send_all(session, text)) {
-        return {-1, {}};
-    }
-    text.clear();
-    if (!receive_line(session, text)) {
-        return {-1, {}};
-    }
-    const json reply = json::parse(text, nullptr, false);
-    if (!reply.is_object() || !reply.contains("result") || !reply.contains("output")) {
-        return {-1, {}};
-    }
-    return {reply["result"].get<int>(), reply["output"].get<std::string>()};
-}
-
-Result run_inline(const char* line, const cli_mode* mode) {
+SessionState session_for(const cli_mode* mode) {
     SessionState session;
+    session.program = true;
     if (mode && mode->name[0] != '\0') {
         session.mode = mode->name;
         session.ifx = static_cast<uint64_t>(mode->ifx);
     }
-    return execute_alone(std::move(session), line);
+    return session;
+}
+
+// Has the loop execute the line and waits for the result. A loop that ends before it has done so
+// drops the promise, which fails the line.
+Result execute_on(EventLoop& loop, SessionState session, std::string line) {
+    auto promise = std::make_shared<std::promise<Result>>();
+    std::future<Result> result = promise->get_future();
+    loop.post([session = std::move(session), line = std::move(line),
+               promise = std::move(promise)]() mutable {
+        execute_alone(std::move(session), line, [promise = std::move(promise)](Result done) {
+            promise->set_value(std::move(done));
+        });
+    });
+    try {
+        return result.get();
+    } catch (const std::future_error&) {
+        return {-1, {}};
+    }
 }
 
 }  // namespace
@@ -164,19 +129,19 @@ int cli_sub_create_session(void) {
     if (!client || qv::cli::take_session_failure()) {
         return -1;
     }
-    // The loop's own thread must not wait for room in its own queue.
-    return qv::cli::connect_to(client->server.path(), !client->loop.on_loop_thread());
+    return client->descriptors.open();
 }
 
 int cli_execute_cmd_buf_fd(int session, const char* line, const cli_mode* mode,
                            cli_output_cb output, void* user) {
     qv::cli::Client* client = g_client;
-    if (!client || session < 0 || !line) {
+    if (!client || !line || !client->descriptors.owns(session)) {
         return -1;
     }
+    qv::cli::SessionState state = qv::cli::session_for(mode);
     const qv::cli::Result result = client->loop.on_loop_thread()
-                                       ? qv::cli::run_inline(line, mode)
-                                       : qv::cli::ask_server(session, line, mode);
+                                       ? qv::cli::execute_alone(std::move(state), line)
+                                       : qv::cli::execute_on(client->loop, std::move(state), line);
     if (output && !result.output.empty()) {
         output(result.output.data(), result.output.size(), user);
     }

@@ -1,6 +1,5 @@
 #include "platform/cli/unix_socket.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -45,7 +44,7 @@ void remove_stale_socket(const std::string& path) {
     if (!S_ISSOCK(status.st_mode)) {
         fail(path, "there is something that is no socket");
     }
-    const int fd = connect_to(path, false);
+    const int fd = connect_to(path);
     if (fd >= 0) {
         ::close(fd);
     }
@@ -81,26 +80,19 @@ int listen_at(const std::string& path) {
     return fd;
 }
 
-int connect_to(const std::string& path, bool wait) {
+int connect_to(const std::string& path) {
     sockaddr_un address;
     if (!make_address(path, address)) {
         return -1;
     }
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | (wait ? 0 : SOCK_NONBLOCK), 0);
-    if (fd < 0) {
+    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    if (fd >= 0 && ::connect(fd, generic(address), sizeof address) != 0) {
+        const int reason = errno;
+        ::close(fd);
+        errno = reason;
         return -1;
     }
-    int result = ::connect(fd, generic(address), sizeof address);
-    while (result != 0 && errno == EINTR) {
-        result = ::connect(fd, generic(address), sizeof address);
-    }
-    if (result == 0 && (wait || ::fcntl(fd, F_SETFL, 0) == 0)) {
-        return fd;
-    }
-    const int reason = errno;
-    ::close(fd);
-    errno = reason;
-    return -1;
+    return fd;
 }
 
 }  // namespace qv::cli

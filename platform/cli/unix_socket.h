@@ -9,8 +9,8 @@ namespace qv::cli {
 // socket that nobody listens on is replaced. Throws std::runtime_error with path and reason.
 int listen_at(const std::string& path);
 
-// A descriptor connected to `path`, or -1 with errno set. With `wait` false it does not wait for
-// room in the queue of the listener; the descriptor blocks in either case.
-int connect_to(const std::string& path, bool wait);
+// A descriptor connected to `path` that does not block, or -1 with errno set. Never waits: a
+// listener whose queue is full is EAGAIN.
+int connect_to(const std::string& path);
 
 }  // namespace qv::cli

@@ -166,7 +166,7 @@ int cli_client_c2p_reform(void);
 // Never waits. Any thread, any lock. 0.
 int cli_syn_config_notify(void);
 
-// ---- Sessions of one's own ----
+// ---- Sessions of programs ----
 
 // The mode in which a line is executed.
 struct cli_mode {
@@ -176,8 +176,9 @@ struct cli_mode {
 
 using cli_output_cb = void (*)(const char* text, size_t length, void* user);
 
-// Opens a session and returns its descriptor, to be closed with close(2); negative on failure. Any
-// thread.
+// Opens a session inside the process and returns its descriptor, which the caller closes with
+// close(2); negative on failure. Some descriptors are kept ready, so that it works when the process
+// has none left. Any thread; never waits.
 int cli_sub_create_session(void);
 
 // Executes one line in `mode` as if it had been typed there and hands its output, if there is any,

@@ -1,12 +1,20 @@
-// Sessions of one's own: from a second thread through the socket, from the loop's thread inline.
+// Sessions of programs: lines from a second thread wait for the loop, lines from the loop's thread
+// run inline.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "platform/cli/command_trees.h"
+#include "platform/cli/engine.h"
 #include "platform/cli/scripted_faults.h"
 #include "qv/cli.h"
 #include "tests/unit/cli/cli_rig.h"
@@ -157,6 +165,160 @@ TEST_F(Delivery, ScriptedFailureIsSilentAndNegative) {
     close(session);
 }
 
+// Leaves the process without a single descriptor to open, as long as it lives.
+class NoDescriptors {
+ public:
+    NoDescriptors() {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit none = {.rlim_cur = 0, .rlim_max = before_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+    rlimit before_{};
+};
+
+int execute(int session, const char* line, int64_t ifx) {
+    const cli_mode mode = interface_mode(ifx);
+    return cli_execute_cmd_buf_fd(session, line, &mode, nullptr, nullptr);
+}
+
+TEST_F(Delivery, PortIsShutWithTheSocketFileGone) {
+    std::filesystem::remove(rig.platform.settings.cli_socket);
+    on_second_thread([&] {
+        const int session = cli_sub_create_session();
+        EXPECT_EQ(execute(session, "shutdown", 103), 0);
+        close(session);
+    });
+    EXPECT_FALSE(rig.model.find(103U)->admin_up);
+}
+
+TEST_F(Delivery, PortIsShutWhenTheProcessHasNoDescriptorLeft) {
+    on_second_thread([&] {
+        const NoDescriptors none;
+        ASSERT_LT(dup(STDIN_FILENO), 0);
+        const int session = cli_sub_create_session();
+        EXPECT_EQ(execute(session, "shutdown", 103), 0);
+        close(session);
+    });
+    EXPECT_FALSE(rig.model.find(103U)->admin_up);
+}
+
+TEST_F(Delivery, EightSessionsAreKeptReadyAndReplacedAsSoonAsPossible) {
+    for (int round = 0; round < 2; ++round) {
+        std::vector<int> sessions;
+        {
+            const NoDescriptors none;
+            for (int i = 0; i < 8; ++i) {
+                sessions.push_back(cli_sub_create_session());
+                EXPECT_EQ(execute(sessions.back(), "shutdown", 101), 0);
+            }
+            EXPECT_LT(cli_sub_create_session(), 0);
+        }
+        const int session = cli_sub_create_session();
+        EXPECT_GE(session, 0);
+        close(session);
+        for (const int used : sessions) {
+            close(used);
+        }
+    }
+}
+
+TEST_F(Delivery, DescriptorOfAProgramIsNotInherited) {
+    const int session = cli_sub_create_session();
+    EXPECT_EQ(fcntl(session, F_GETFD), FD_CLOEXEC);
+    close(session);
+}
+
+bool g_program = false;
+qv::cli::Completion g_later;
+
+TEST_F(Delivery, LinesAreThoseOfAProgramWhicheverThreadTheyComeFrom) {
+    using namespace qv::cli;
+    attach(kChainView, keyword("who", "", end_of_line([](cli_pcdb*) {
+                                   g_program = current_session()->program;
+                                   return 0;
+                               })),
+           "test");
+    const int session = cli_sub_create_session();
+    const auto run = [&] {
+        cli_execute_cmd_buf_fd(session, "who", nullptr, nullptr, nullptr);
+    };
+    run();
+    EXPECT_TRUE(g_program);
+    g_program = false;
+    on_second_thread(run);
+    EXPECT_TRUE(g_program);
+    close(session);
+
+    // An operator's line is not one, even when it asks for a mode of its own.
+    for (const char* request :
+         {"{\"exec\": \"who\"}\n", "{\"exec\": \"who\", \"mode\": \"exec\", \"ifx\": 0}\n"}) {
+        g_program = true;
+        qv::test::WireClient client(rig.platform.settings.cli_socket);
+        client.send(request);
+        qv::test::run_until(rig.platform.loop(), [] { return !g_program; });
+        EXPECT_FALSE(g_program) << request;
+    }
+}
+
+TEST_F(Delivery, AnswerThatComesLaterIsWaitedFor) {
+    using namespace qv::cli;
+    attach(kChainView, keyword("slow", "", end_of_line([](cli_pcdb*) {
+                                   g_later = defer();
+                                   return 0;
+                               })),
+           "test");
+    int result = 0;
+    std::string output;
+    const qv::EventLoop::Handle timer = rig.platform.loop().after(std::chrono::seconds(1), [] {
+        std::exchange(g_later, nullptr)({4, "late\n"});
+    });
+    rig.platform.manual_clock.on_idle = [this] {
+        if (g_later) {
+            rig.platform.manual_clock.advance(std::chrono::seconds(1));
+        }
+        return static_cast<bool>(g_later);
+    };
+    on_second_thread([&] {
+        const int session = cli_sub_create_session();
+        result = cli_execute_cmd_buf_fd(session, "slow", nullptr, keep_output, &output);
+        close(session);
+    });
+    EXPECT_EQ(result, 4);
+    EXPECT_EQ(output, "late\n");
+}
+
+TEST_F(Delivery, AnswerThatNeverComesFailsTheLine) {
+    using namespace qv::cli;
+    attach(kChainView, keyword("lose", "", end_of_line([](cli_pcdb*) { return defer() ? 0 : 1; })),
+           "test");
+    int result = 0;
+    on_second_thread([&] {
+        const int session = cli_sub_create_session();
+        result = cli_execute_cmd_buf_fd(session, "lose", nullptr, nullptr, nullptr);
+        close(session);
+    });
+    EXPECT_EQ(result, -1);
+}
+
+TEST_F(Delivery, UnknownModeFailsTheLine) {
+    int result = 0;
+    std::string output;
+    cli_mode mode{};
+    std::string("kitchen").copy(mode.name, sizeof mode.name - 1);
+    on_second_thread([&] {
+        const int session = cli_sub_create_session();
+        result = cli_execute_cmd_buf_fd(session, "shutdown", &mode, keep_output, &output);
+        close(session);
+    });
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(output, "% Unknown mode.\n");
+}
+
 TEST_F(Delivery, ClosedOrNegativeDescriptorFails) {
     int result = 0;
     on_second_thread([&] {
@@ -166,6 +328,13 @@ TEST_F(Delivery, ClosedOrNegativeDescriptorFails) {
     });
     EXPECT_EQ(result, -1);
     EXPECT_EQ(cli_execute_cmd_buf_fd(-1, "show version", nullptr, nullptr, nullptr), -1);
+}
+
+TEST_F(Delivery, DescriptorOfSomethingElseFails) {
+    const int file = memfd_create("not a session", 0);
+    ASSERT_GE(file, 0);
+    EXPECT_EQ(cli_execute_cmd_buf_fd(file, "show version", nullptr, nullptr, nullptr), -1);
+    close(file);
 }
 
 TEST(DeliveryWithoutClient, HasNoSession) {

@@ -1,6 +1,5 @@
 #include "tests/unit/cli/wire_client.h"
 
-#include <fcntl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -10,11 +9,10 @@
 
 namespace qv::test {
 
-WireClient::WireClient(const std::string& path) : fd_(cli::connect_to(path, false)) {
+WireClient::WireClient(const std::string& path) : fd_(cli::connect_to(path)) {
     if (fd_ < 0) {
         throw std::runtime_error("no connection to " + path);
     }
-    ::fcntl(fd_, F_SETFL, O_NONBLOCK);
 }
 
 WireClient::~WireClient() {
