@@ -1,127 +1,76 @@
 #include "platform/driver/linux/redis_connection.h"
 
-#include <hiredis/async.h>
 #include <hiredis/hiredis.h>
+#include <unistd.h>
 
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <new>
 #include <utility>
 #include <vector>
 
 namespace qv {
 namespace {
 
-// Records are small; a message beyond this is somebody's mistake and must not eat the memory.
-constexpr size_t kInputLimit_bytes = size_t{8} << 20;
+constexpr size_t kReadSize_bytes = size_t{64} << 10;
+
+bool is_message(const RedisReply& reply) {
+    return reply.is(RedisReply::Type::kArray) && !reply.elements.empty() &&
+           reply.elements[0].text == "message";
+}
 
 }  // namespace
 
-RedisConnection::RedisConnection(EventLoop& loop, const std::string& socket,
-                                 std::function<void(const std::string&)> on_lost)
-    : loop_(loop), on_lost_(std::move(on_lost)) {
-    redisAsyncContext* const context = redisAsyncConnectUnix(socket.c_str());
-    if (context != nullptr && context->err == 0) {
-        attach(context);
+void RedisConnection::ContextFree::operator()(redisContext* context) const {
+    redisFree(context);
+}
+
+RedisConnection::RedisConnection(EventLoop& loop, const std::string& socket, LostCallback on_lost,
+                                 MessageCallback on_message)
+    : loop_(loop),
+      on_lost_(std::move(on_lost)),
+      on_message_(std::move(on_message)),
+      context_(redisConnectUnixNonBlock(socket.c_str())) {
+    if (!context_ || context_->err != 0) {
+        fail_later(context_ ? context_->errstr : "out of memory");
         return;
     }
-    std::string reason = context == nullptr ? "out of memory" : context->errstr;
-    if (context != nullptr) {
-        redisAsyncFree(context);
-    }
-    failed_ = loop_.after(Duration::zero(), [this, reason] { report_loss(reason); });
-}
-
-RedisConnection::~RedisConnection() {
-    if (redisAsyncContext* const context = std::exchange(context_, nullptr)) {
-        context->data = nullptr;
-        context->ev = {};
-        detach();  // before the descriptor is closed
-        redisAsyncFree(context);
+    read_ = loop_.watch(context_->fd, true, false, [this](EventLoop::Ready) { on_readable(); });
+    if (!read_) {
+        fail_later("its socket cannot be watched");
     }
 }
 
-// hiredis asks for events through these hooks; asking twice for the same is usual.
-void RedisConnection::attach(redisAsyncContext* context) {
-    context_ = context;
-    context->data = this;
-    context->ev.data = this;
-    context->ev.addRead = [](void* self) {
-        static_cast<RedisConnection*>(self)->want_read();
-    };
-    context->ev.delRead = [](void* self) {
-        static_cast<RedisConnection*>(self)->read_.reset();
-    };
-    context->ev.addWrite = [](void* self) {
-        static_cast<RedisConnection*>(self)->want_write();
-    };
-    context->ev.delWrite = [](void* self) {
-        static_cast<RedisConnection*>(self)->write_.reset();
-    };
-    context->ev.cleanup = [](void* self) {
-        static_cast<RedisConnection*>(self)->detach();
-    };
-    redisAsyncSetConnectCallback(context, on_connect);
-    redisAsyncSetDisconnectCallback(context, on_disconnect);
-}
+RedisConnection::~RedisConnection() = default;
 
-void RedisConnection::detach() {
+void RedisConnection::stop() {
+    stopped_ = true;
+    on_lost_ = nullptr;
     read_.reset();
     write_.reset();
+    failed_.reset();
 }
 
-void RedisConnection::want_read() {
-    if (!read_) {
-        read_ =
-            loop_.watch(context_->c.fd, true, false, [this](EventLoop::Ready) { on_readable(); });
-    }
-}
-
-void RedisConnection::want_write() {
-    if (!write_) {
-        write_ = loop_.watch(context_->c.fd, false, true,
-                             [this](EventLoop::Ready) { redisAsyncHandleWrite(context_); });
-    }
-}
-
-// What arrives is consumed at once but for a message that is not complete yet.
-void RedisConnection::on_readable() {
-    const redisReader* const reader = context_->c.reader;
-    if (reader->len - reader->pos > kInputLimit_bytes) {
-        report_loss("a message is too long");
-        return;
-    }
-    redisAsyncHandleRead(context_);  // `this` may be gone afterwards
-}
-
-void RedisConnection::report_loss(const std::string& reason) {
-    if (const auto on_lost = std::exchange(on_lost_, nullptr)) {
+// The last thing that its caller does: `this` may be gone afterwards, hence the copy of the reason.
+void RedisConnection::fail(std::string reason) {
+    const LostCallback on_lost = std::move(on_lost_);
+    stop();
+    if (on_lost) {
         on_lost(reason);
     }
 }
 
-void RedisConnection::on_connect(const redisAsyncContext* context, int status) {
-    auto* const self = static_cast<RedisConnection*>(context->data);
-    if (status != REDIS_OK && self != nullptr) {
-        self->context_ = nullptr;  // hiredis frees it
-        self->detach();
-        self->report_loss(context->errstr);
-    }
+void RedisConnection::fail_later(const std::string& reason) {
+    failed_ = loop_.after(Duration::zero(), [this, reason] { fail(reason); });
 }
 
-void RedisConnection::on_disconnect(const redisAsyncContext* context, int /*status*/) {
-    auto* const self = static_cast<RedisConnection*>(context->data);
-    if (self != nullptr) {
-        self->context_ = nullptr;  // hiredis frees it
-        self->report_loss(context->err != 0 ? context->errstr : "closed");
-    }
+void RedisConnection::send(std::initializer_list<std::string_view> words, ReplyCallback callback) {
+    send(words.size(), words.begin(), std::move(callback));
 }
 
-void RedisConnection::send(std::initializer_list<std::string_view> words, ReplyCallback callback,
-                           void* context) {
-    send(words.size(), words.begin(), callback, context);
-}
-
-void RedisConnection::send(size_t count, const std::string_view* words, ReplyCallback callback,
-                           void* context) {
-    if (context_ == nullptr) {
+void RedisConnection::send(size_t count, const std::string_view* words, ReplyCallback callback) {
+    if (stopped_ || failed_) {
         return;
     }
     std::vector<const char*> texts(count);
@@ -130,8 +79,85 @@ void RedisConnection::send(size_t count, const std::string_view* words, ReplyCal
         texts[n] = words[n].data();
         lengths[n] = words[n].size();
     }
-    redisAsyncCommandArgv(context_, callback, context, static_cast<int>(count), texts.data(),
-                          lengths.data());
+    if (redisAppendCommandArgv(context_.get(), static_cast<int>(count), texts.data(),
+                               lengths.data()) != REDIS_OK) {
+        fail_later(context_->errstr);
+        return;
+    }
+    unanswered_.push_back(std::move(callback));
+    want_write();
+}
+
+void RedisConnection::want_write() {
+    if (write_) {
+        return;
+    }
+    write_ = loop_.watch(context_->fd, false, true, [this](EventLoop::Ready) { on_writable(); });
+    if (!write_) {
+        fail_later("its socket cannot be watched");
+    }
+}
+
+void RedisConnection::on_writable() {
+    int all_written = 0;
+    if (redisBufferWrite(context_.get(), &all_written) != REDIS_OK) {
+        fail(context_->errstr);
+    } else if (all_written != 0) {
+        write_.reset();
+    }
+}
+
+void RedisConnection::on_readable() {
+    try {
+        if (!read_some()) {
+            return;
+        }
+        while (!stopped_ && !failed_) {
+            const std::optional<RedisReply> reply = replies_.next();
+            if (!reply) {
+                break;
+            }
+            hand_out(*reply);
+        }
+    } catch (const std::bad_alloc&) {
+        fail("out of memory");
+        return;
+    }
+    if (!stopped_ && !replies_.error().empty()) {
+        fail(replies_.error());
+    }
+}
+
+// False when there is nothing to work on; then `this` may be gone.
+bool RedisConnection::read_some() {
+    std::array<char, kReadSize_bytes> bytes;
+    const ssize_t size = read(context_->fd, bytes.data(), bytes.size());
+    if (size > 0) {
+        replies_.feed({bytes.data(), static_cast<size_t>(size)});
+        return true;
+    }
+    if (size == 0) {
+        fail("the server closed the connection");
+    } else if (errno != EAGAIN && errno != EINTR) {
+        fail(strerror(errno));
+    }
+    return false;
+}
+
+void RedisConnection::hand_out(const RedisReply& reply) {
+    if (on_message_ && is_message(reply)) {
+        on_message_(reply);
+        return;
+    }
+    if (unanswered_.empty()) {
+        fail_later("the server answers what nobody asked");
+        return;
+    }
+    const ReplyCallback callback = std::move(unanswered_.front());
+    unanswered_.pop_front();
+    if (callback) {
+        callback(reply);
+    }
 }
 
 }  // namespace qv

@@ -1,54 +1,72 @@
-// One connection with a Redis server over a Unix socket: hiredis, driven by the event loop's
-// watches, so that its callbacks run as pieces of work like all others. Loop thread only.
+// One connection with a Redis server over a Unix socket, without waiting: hiredis connects, formats
+// and writes; replies are read and handed out here, so that a server which answers what nobody
+// asked ends the connection and nothing else. Loop thread only.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <initializer_list>
+#include <memory>
 #include <string>
 #include <string_view>
 
 #include "platform/client/event_loop.h"
+#include "platform/driver/linux/redis_reply.h"
 
-struct redisAsyncContext;
-struct redisReply;
+struct redisContext;
 
 namespace qv {
 
 class RedisConnection {
  public:
-    // `reply` is null when the connection went before the answer came; then nothing that `context`
-    // points to may be touched.
-    using ReplyCallback = void (*)(redisAsyncContext*, void* reply, void* context);
+    using LostCallback = std::function<void(const std::string& reason)>;
+    // Neither may destroy the connection.
+    using ReplyCallback = std::function<void(const RedisReply&)>;
+    using MessageCallback = std::function<void(const RedisReply&)>;
 
     // `on_lost` runs at most once, with the reason, never inside a call of this class, and may
-    // destroy the connection. A socket that cannot be reached is reported the same way.
-    RedisConnection(EventLoop& loop, const std::string& socket,
-                    std::function<void(const std::string&)> on_lost);
-    ~RedisConnection();  // not inside a ReplyCallback of this connection
+    // destroy the connection. A socket that cannot be reached is reported the same way. With
+    // `on_message` the connection takes subscriptions: it gets each array that begins with
+    // "message".
+    RedisConnection(EventLoop& loop, const std::string& socket, LostCallback on_lost,
+                    MessageCallback on_message = nullptr);
+    ~RedisConnection();
     RedisConnection(const RedisConnection&) = delete;
     RedisConnection& operator=(const RedisConnection&) = delete;
 
-    // Queues a command of these words. Without effect when the connection is lost already.
-    void send(std::initializer_list<std::string_view> words, ReplyCallback callback = nullptr,
-              void* context = nullptr);
-    void send(size_t count, const std::string_view* words, ReplyCallback callback, void* context);
+    // Queues a command of these words; `callback` gets its reply, unless the connection is lost
+    // before it arrives. No effect once the connection is lost.
+    void send(std::initializer_list<std::string_view> words, ReplyCallback callback = nullptr);
+    void send(size_t count, const std::string_view* words, ReplyCallback callback);
+
+    // No callback runs from now on.
+    void stop();
 
  private:
-    void attach(redisAsyncContext* context);
-    void detach();
-    void want_read();
+    struct ContextFree {
+        void operator()(redisContext* context) const;
+    };
+
     void want_write();
+    void on_writable();
     void on_readable();
-    void report_loss(const std::string& reason);
-    static void on_connect(const redisAsyncContext* context, int status);
-    static void on_disconnect(const redisAsyncContext* context, int status);
+    bool read_some();
+    void hand_out(const RedisReply& reply);
+    void fail(std::string reason);
+    void fail_later(const std::string& reason);
 
     EventLoop& loop_;
-    std::function<void(const std::string&)> on_lost_;
-    redisAsyncContext* context_ = nullptr;  // owned by hiredis; null once lost
+    LostCallback on_lost_;
+    const MessageCallback on_message_;
+    const std::unique_ptr<redisContext, ContextFree> context_;
+    RedisReplyReader replies_;
+    std::deque<ReplyCallback> unanswered_;  // in the order of the commands
+    bool stopped_ = false;
+
+    // Last, so that the watches end before the descriptor is closed.
     EventLoop::Handle read_;
     EventLoop::Handle write_;
-    EventLoop::Handle failed_;  // reports a connection that never came about
+    EventLoop::Handle failed_;
 };
 
 }  // namespace qv

@@ -1,8 +1,5 @@
 #include "platform/driver/linux/redis_store.h"
 
-#include <hiredis/async.h>
-#include <hiredis/hiredis.h>
-
 #include <algorithm>
 #include <chrono>
 #include <map>
@@ -16,6 +13,7 @@ namespace qv {
 namespace {
 
 using namespace std::chrono_literals;
+using Type = RedisReply::Type;
 
 constexpr Duration kFirstBackoff = 100ms;
 constexpr Duration kLongestBackoff = 5s;
@@ -45,25 +43,29 @@ std::string notice_of(StoreOper oper, Bytes record) {
     return notice;
 }
 
-std::string_view text_of(const redisReply& reply) {
-    return {reply.str, static_cast<size_t>(reply.len)};
-}
-
-Bytes bytes_of(const redisReply& reply) {
-    return {reinterpret_cast<const uint8_t*>(reply.str), static_cast<size_t>(reply.len)};
+Bytes bytes_of(const std::string& text) {
+    return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
 // A transaction answers with the answers of its commands.
-const redisReply* error_in(const redisReply& reply) {
-    if (reply.type == REDIS_REPLY_ERROR) {
+const RedisReply* error_in(const RedisReply& reply) {
+    if (reply.is(Type::kError)) {
         return &reply;
     }
-    for (size_t n = 0; reply.type == REDIS_REPLY_ARRAY && n < reply.elements; n++) {
-        if (reply.element[n]->type == REDIS_REPLY_ERROR) {
-            return reply.element[n];
+    for (const RedisReply& part : reply.elements) {
+        if (part.is(Type::kError)) {
+            return &part;
         }
     }
     return nullptr;
+}
+
+// For the log: why `reply` is not the reply that `command` should have.
+std::string complaint(const char* command, const RedisReply& reply) {
+    if (reply.is(Type::kError)) {
+        return reply.text;
+    }
+    return std::string("the server answers ") + command + " with " + name_of(reply.type);
 }
 
 class RedisClient final : public StoreClient {
@@ -83,28 +85,17 @@ class RedisClient final : public StoreClient {
  private:
     enum class Kind { kSet, kErase, kEraseMatching, kPublish };
 
-    // The callbacks of hiredis get a pointer to one of these as their context.
-    struct Database {
-        RedisClient* client;
-        uint32_t number;
-        bool up;
-    };
     struct Write {
-        RedisClient* client;
-        uint64_t number;
         uint32_t db;
         Kind kind;
         std::string key;  // or the pattern
         std::string channel;
         std::string notice;
     };
-    struct Topic {
-        RedisClient* client;
-        uint64_t number;
-    };
+    static size_t size_of(const Write& write) {
+        return sizeof write + write.key.size() + write.notice.size();
+    }
     struct Scan {
-        RedisClient* client;
-        uint64_t number;
         uint32_t db;
         std::string pattern;
         std::string cursor;
@@ -112,37 +103,34 @@ class RedisClient final : public StoreClient {
     };
 
     void connect();
+    void greet(const RedisReply& pong);
     void greeted();
-    void select(Database& database);
+    void select(uint32_t db);
+    void selected(uint32_t db, const RedisReply& reply);
     void use(uint32_t db);
     bool write(uint32_t db, Kind kind, std::string_view type, std::string_view key,
                std::string notice);
-    void send(Write& write);
+    void send(uint64_t number, const Write& write);
     void send_waiting();
-    void next_page(Scan& scan);
-    void page_found(Scan& scan, const redisReply& reply);
-    void values_found(Scan& scan, const redisReply& reply);
-    void page_done(Scan& scan);
-    void end_scan(Scan& scan, const redisReply& reply);
+    void written(uint64_t number, const RedisReply& reply);
+    void confirmed(const std::string& channel, uint64_t subscription, const RedisReply& reply);
+    void on_message(const RedisReply& message);
+    void next_page(uint64_t number);
+    void page_found(uint64_t number, const RedisReply& reply);
+    void values_found(uint64_t number, const RedisReply& reply);
+    void page_done(uint64_t number);
     void fail_later(const std::string& reason);
     void lose(const std::string& reason);
-
-    static void on_pong(redisAsyncContext*, void* reply, void* context);
-    static void on_selected(redisAsyncContext*, void* reply, void* context);
-    static void on_written(redisAsyncContext*, void* reply, void* context);
-    static void on_message(redisAsyncContext*, void* reply, void* context);
-    static void on_page(redisAsyncContext*, void* reply, void* context);
-    static void on_values(redisAsyncContext*, void* reply, void* context);
 
     EventLoop& loop_;
     const std::string socket_;
     StoreListener& listener_;
 
-    std::map<uint32_t, Database> databases_;  // opened so far
+    std::map<uint32_t, bool> databases_;      // opened so far; true: the session is up
     std::map<uint64_t, Write> unconfirmed_;   // in the order of the calls
-    std::map<uint64_t, Topic> topics_;        // of the present connection
-    std::map<uint64_t, Scan> scans_;          // of the present connection
-    std::vector<uint64_t> waiting_;           // of those, the ones that are not sent yet
+    std::map<std::string, uint64_t> topics_;  // subscriptions of this connection, by channel
+    std::map<uint64_t, Scan> scans_;          // of this connection
+    std::vector<uint64_t> waiting_;           // unconfirmed writes that are not sent yet
     uint64_t writes_ = 0;
     size_t unconfirmed_bytes_ = 0;
 
@@ -166,22 +154,18 @@ void RedisClient::connect() {
     };
     selected_ = 0;
     commands_ = std::make_unique<RedisConnection>(loop_, socket_, on_lost);
-    subscriptions_ = std::make_unique<RedisConnection>(loop_, socket_, on_lost);
-    commands_->send({"PING"}, on_pong, this);
-    subscriptions_->send({"PING"}, on_pong, this);
+    subscriptions_ = std::make_unique<RedisConnection>(
+        loop_, socket_, on_lost, [this](const RedisReply& message) { on_message(message); });
+    commands_->send({"PING"}, [this](const RedisReply& reply) { greet(reply); });
+    subscriptions_->send({"PING"}, [this](const RedisReply& reply) { greet(reply); });
 }
 
 // A server that is still loading its file accepts connections but refuses this.
-void RedisClient::on_pong(redisAsyncContext* /*connection*/, void* reply, void* context) {
-    if (reply == nullptr) {
-        return;
-    }
-    auto* const self = static_cast<RedisClient*>(context);
-    const auto& answer = *static_cast<const redisReply*>(reply);
-    if (answer.type == REDIS_REPLY_ERROR) {
-        self->fail_later(std::string(text_of(answer)));
-    } else if (++self->greetings_ == 2) {
-        self->greeted();
+void RedisClient::greet(const RedisReply& pong) {
+    if (!pong.is(Type::kStatus)) {
+        fail_later(complaint("PING", pong));
+    } else if (++greetings_ == 2) {
+        greeted();
     }
 }
 
@@ -191,44 +175,46 @@ void RedisClient::greeted() {
         printk_syslog(SYSLOG_SEVERITY_INFO, "MOM", "STORE_UP", "Object database at %s is back.",
                       socket_.c_str());
     }
-    for (auto& [number, database] : databases_) {
-        select(database);
+    for (const auto& [db, up] : databases_) {
+        select(db);
     }
 }
 
-void RedisClient::select(Database& database) {
-    selected_ = database.number;
-    commands_->send({"SELECT", std::to_string(database.number)}, on_selected, &database);
+void RedisClient::select(uint32_t db) {
+    selected_ = db;
+    commands_->send({"SELECT", std::to_string(db)},
+                    [this, db](const RedisReply& reply) { selected(db, reply); });
 }
 
-void RedisClient::on_selected(redisAsyncContext* /*connection*/, void* reply, void* context) {
-    if (reply == nullptr) {
+void RedisClient::selected(uint32_t db, const RedisReply& reply) {
+    if (reply.is(Type::kError)) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "NO_DATABASE", "Database %u: %s", db,
+                      reply.text.c_str());
         return;
     }
-    auto& database = *static_cast<Database*>(context);
-    RedisClient& self = *database.client;
-    const auto& answer = *static_cast<const redisReply*>(reply);
-    if (answer.type == REDIS_REPLY_ERROR) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "NO_DATABASE", "Database %u: %.*s",
-                      database.number, static_cast<int>(answer.len), answer.str);
+    if (!reply.is(Type::kStatus)) {
+        fail_later(complaint("SELECT", reply));
         return;
     }
-    database.up = true;
-    for (auto& [number, write] : self.unconfirmed_) {
-        if (write.db == database.number) {
-            self.send(write);
+    databases_[db] = true;
+    for (const auto& [number, write] : unconfirmed_) {
+        if (write.db == db) {
+            send(number, write);
         }
     }
-    self.listener_.session_up(database.number);
+    listener_.session_up(db);
 }
 
+// For the callbacks of the connections, which must not destroy them.
 void RedisClient::fail_later(const std::string& reason) {
     if (!failing_) {
+        commands_->stop();
+        subscriptions_->stop();
         failing_ = loop_.after(Duration::zero(), [this, reason] { lose(reason); });
     }
 }
 
-// Never inside a callback of hiredis that could look at what goes away here.
+// All sessions are down before the first one is reported: the listener's callbacks may write.
 void RedisClient::lose(const std::string& reason) {
     commands_.reset();
     subscriptions_.reset();
@@ -239,38 +225,48 @@ void RedisClient::lose(const std::string& reason) {
     greetings_ = 0;
     if (!std::exchange(away_logged_, true)) {
         printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "STORE_AWAY",
-                      "Object database at %s is away: %s", socket_.c_str(), reason.c_str());
+                      "Object database at %s is away (%s). Retrying; check that redis-server runs.",
+                      socket_.c_str(), reason.c_str());
     }
     retry_ = loop_.after(backoff_, [this] { connect(); });
     backoff_ = std::min(backoff_ * 2, kLongestBackoff);
-    for (auto& [number, database] : databases_) {
-        if (std::exchange(database.up, false)) {
-            listener_.session_down(number);
+    std::vector<uint32_t> lost;
+    for (auto& [db, up] : databases_) {
+        if (std::exchange(up, false)) {
+            lost.push_back(db);
         }
+    }
+    for (const uint32_t db : lost) {
+        listener_.session_down(db);
     }
 }
 
 void RedisClient::open(uint32_t db) {
-    const auto [database, first] = databases_.try_emplace(db, Database{this, db, false});
+    const bool first = databases_.emplace(db, false).second;
     if (!first) {
         return;
     }
     if (databases_.size() == 1) {
         connect();
     } else if (greetings_ == 2) {
-        select(database->second);
+        select(db);
     }
 }
 
 bool RedisClient::up(uint32_t db) const {
     const auto database = databases_.find(db);
-    return database != databases_.end() && database->second.up && !failing_;
+    return database != databases_.end() && database->second && !failing_;
 }
 
 void RedisClient::use(uint32_t db) {
-    if (std::exchange(selected_, db) != db) {
-        commands_->send({"SELECT", std::to_string(db)});
+    if (std::exchange(selected_, db) == db) {
+        return;
     }
+    commands_->send({"SELECT", std::to_string(db)}, [this](const RedisReply& reply) {
+        if (!reply.is(Type::kStatus)) {
+            fail_later(complaint("SELECT", reply));
+        }
+    });
 }
 
 bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::string_view key,
@@ -279,11 +275,11 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
         return false;
     }
     const uint64_t number = ++writes_;
-    Write& kept = unconfirmed_
-                      .emplace(number, Write{this, number, db, kind, std::string(key),
-                                             channel_of(db, type), std::move(notice)})
-                      .first->second;
-    unconfirmed_bytes_ += sizeof kept + kept.key.size() + kept.notice.size();
+    const Write& kept = unconfirmed_
+                            .emplace(number, Write{db, kind, std::string(key), channel_of(db, type),
+                                                   std::move(notice)})
+                            .first->second;
+    unconfirmed_bytes_ += size_of(kept);
     waiting_.push_back(number);
     if (!sending_) {
         sending_ = loop_.put_off([this] { send_waiting(); });
@@ -296,49 +292,52 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
 
 void RedisClient::send_waiting() {
     for (const uint64_t number : std::exchange(waiting_, {})) {
-        send(unconfirmed_.at(number));
+        send(number, unconfirmed_.at(number));
     }
 }
 
-void RedisClient::send(Write& write) {
+void RedisClient::send(uint64_t number, const Write& write) {
+    const auto done = [this, number](const RedisReply& reply) {
+        written(number, reply);
+    };
     use(write.db);
     switch (write.kind) {
         case Kind::kSet:
             commands_->send({"MULTI"});
             commands_->send({"SET", write.key, std::string_view(write.notice).substr(1)});
             commands_->send({"PUBLISH", write.channel, write.notice});
-            commands_->send({"EXEC"}, on_written, &write);
+            commands_->send({"EXEC"}, done);
             return;
         case Kind::kErase:
             commands_->send({"MULTI"});
             commands_->send({"DEL", write.key});
             commands_->send({"PUBLISH", write.channel, write.notice});
-            commands_->send({"EXEC"}, on_written, &write);
+            commands_->send({"EXEC"}, done);
             return;
         case Kind::kEraseMatching:
-            commands_->send({"EVAL", kEraseScript, "0", write.key, write.channel}, on_written,
-                            &write);
+            commands_->send({"EVAL", kEraseScript, "0", write.key, write.channel}, done);
             return;
         case Kind::kPublish:
-            commands_->send({"PUBLISH", write.channel, write.notice}, on_written, &write);
+            commands_->send({"PUBLISH", write.channel, write.notice}, done);
             return;
     }
 }
 
-void RedisClient::on_written(redisAsyncContext* /*connection*/, void* reply, void* context) {
-    if (reply == nullptr) {
-        return;  // not confirmed: kept for the next connection
+void RedisClient::written(uint64_t number, const RedisReply& reply) {
+    const Write& write = unconfirmed_.at(number);
+    const RedisReply* const error = error_in(reply);
+    const bool transaction = write.kind == Kind::kSet || write.kind == Kind::kErase;
+    if (error == nullptr && !reply.is(transaction ? Type::kArray : Type::kInteger)) {
+        fail_later(complaint("a write", reply));
+        return;
     }
-    auto& write = *static_cast<Write*>(context);
-    RedisClient& self = *write.client;
-    const redisReply* const error = error_in(*static_cast<const redisReply*>(reply));
-    if (error != nullptr && !self.write_refused_) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "WRITE_REFUSED", "Database %u, %s: %.*s",
-                      write.db, write.key.c_str(), static_cast<int>(error->len), error->str);
+    if (error != nullptr && !write_refused_) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "WRITE_REFUSED", "Database %u, %s: %s",
+                      write.db, write.key.c_str(), error->text.c_str());
     }
-    self.write_refused_ = error != nullptr;
-    self.unconfirmed_bytes_ -= sizeof write + write.key.size() + write.notice.size();
-    self.unconfirmed_.erase(write.number);
+    write_refused_ = error != nullptr;
+    unconfirmed_bytes_ -= size_of(write);
+    unconfirmed_.erase(number);
 }
 
 bool RedisClient::set(uint32_t db, std::string_view type, std::string_view key, Bytes record) {
@@ -361,107 +360,101 @@ bool RedisClient::subscribe(uint32_t db, std::string_view type, uint64_t subscri
     if (!up(db)) {
         return false;
     }
-    Topic& topic = topics_.try_emplace(subscription, Topic{this, subscription}).first->second;
-    subscriptions_->send({"SUBSCRIBE", channel_of(db, type)}, on_message, &topic);
+    const std::string channel = channel_of(db, type);
+    subscriptions_->send({"SUBSCRIBE", channel},
+                         [this, channel, subscription](const RedisReply& reply) {
+                             confirmed(channel, subscription, reply);
+                         });
     return true;
 }
 
-// The server sends "subscribe" or "message", the channel, and the count or the payload.
-void RedisClient::on_message(redisAsyncContext* /*connection*/, void* reply, void* context) {
-    const auto* const message = static_cast<const redisReply*>(reply);
-    if (message == nullptr || message->type != REDIS_REPLY_ARRAY || message->elements != 3) {
+// The confirmation is an array of "subscribe", the channel and a count.
+void RedisClient::confirmed(const std::string& channel, uint64_t subscription,
+                            const RedisReply& reply) {
+    if (reply.elements.size() != 3 || reply.elements[0].text != "subscribe" ||
+        reply.elements[1].text != channel) {
+        fail_later(complaint("SUBSCRIBE", reply));
         return;
     }
-    const auto& topic = *static_cast<const Topic*>(context);
-    if (message->element[2]->type == REDIS_REPLY_STRING) {
-        topic.client->listener_.notice(topic.number, bytes_of(*message->element[2]));
-    } else {
-        topic.client->listener_.subscribed(topic.number);
+    topics_[channel] = subscription;
+    listener_.subscribed(subscription);
+}
+
+// An array of "message", the channel and the payload.
+void RedisClient::on_message(const RedisReply& message) {
+    const auto topic =
+        message.elements.size() == 3 ? topics_.find(message.elements[1].text) : topics_.end();
+    if (topic == topics_.end() || !message.elements[2].is(Type::kString)) {
+        fail_later("the server sends a message that nobody subscribed to");
+        return;
     }
+    listener_.notice(topic->second, bytes_of(message.elements[2].text));
 }
 
 bool RedisClient::scan(uint32_t db, std::string_view type, uint64_t scan) {
     if (!up(db)) {
         return false;
     }
-    Scan& kept = scans_[scan];
-    kept = {this, scan, db, std::string(type) + "/*", "0", {}};
-    next_page(kept);
+    scans_[scan] = {db, std::string(type) + "/*", "0", {}};
+    next_page(scan);
     return true;
 }
 
 // What was written before the scan is in it.
-void RedisClient::next_page(Scan& scan) {
+void RedisClient::next_page(uint64_t number) {
     send_waiting();
+    const Scan& scan = scans_.at(number);
     use(scan.db);
-    commands_->send({"SCAN", scan.cursor, "MATCH", scan.pattern, "COUNT", kScanPage}, on_page,
-                    &scan);
+    commands_->send({"SCAN", scan.cursor, "MATCH", scan.pattern, "COUNT", kScanPage},
+                    [this, number](const RedisReply& reply) { page_found(number, reply); });
 }
 
-void RedisClient::on_page(redisAsyncContext* /*connection*/, void* reply, void* context) {
-    if (reply != nullptr) {
-        auto& scan = *static_cast<Scan*>(context);
-        scan.client->page_found(scan, *static_cast<const redisReply*>(reply));
-    }
-}
-
-void RedisClient::page_found(Scan& scan, const redisReply& reply) {
-    if (reply.type != REDIS_REPLY_ARRAY || reply.elements != 2) {
-        end_scan(scan, reply);
+// A refused page ends the connection: the client scans again when it is back.
+void RedisClient::page_found(uint64_t number, const RedisReply& reply) {
+    if (reply.elements.size() != 2 || !reply.elements[0].is(Type::kString) ||
+        !reply.elements[1].is(Type::kArray)) {
+        fail_later(complaint("SCAN", reply));
         return;
     }
-    scan.cursor = text_of(*reply.element[0]);
-    const redisReply& keys = *reply.element[1];
+    Scan& scan = scans_.at(number);
+    scan.cursor = reply.elements[0].text;
     scan.keys.clear();
-    std::vector<std::string_view> words{"MGET"};
-    for (size_t n = 0; n < keys.elements; n++) {
-        scan.keys.emplace_back(text_of(*keys.element[n]));
-        words.push_back(text_of(*keys.element[n]));
+    for (const RedisReply& key : reply.elements[1].elements) {
+        scan.keys.push_back(key.text);
     }
     if (scan.keys.empty()) {
-        page_done(scan);
+        page_done(number);
         return;
     }
+    std::vector<std::string_view> words{"MGET"};
+    words.insert(words.end(), scan.keys.begin(), scan.keys.end());
     use(scan.db);
-    commands_->send(words.size(), words.data(), on_values, &scan);
-}
-
-void RedisClient::on_values(redisAsyncContext* /*connection*/, void* reply, void* context) {
-    if (reply != nullptr) {
-        auto& scan = *static_cast<Scan*>(context);
-        scan.client->values_found(scan, *static_cast<const redisReply*>(reply));
-    }
+    commands_->send(words.size(), words.data(),
+                    [this, number](const RedisReply& values) { values_found(number, values); });
 }
 
 // A key that was deleted since its page was read, or that holds no string, has no value.
-void RedisClient::values_found(Scan& scan, const redisReply& reply) {
-    if (reply.type != REDIS_REPLY_ARRAY || reply.elements != scan.keys.size()) {
-        end_scan(scan, reply);
+void RedisClient::values_found(uint64_t number, const RedisReply& reply) {
+    const std::vector<std::string> keys = std::move(scans_.at(number).keys);
+    if (reply.elements.size() != keys.size()) {
+        fail_later(complaint("MGET", reply));
         return;
     }
-    for (size_t n = 0; n < reply.elements; n++) {
-        if (reply.element[n]->type == REDIS_REPLY_STRING) {
-            listener_.scanned(scan.number, scan.keys[n], bytes_of(*reply.element[n]));
+    for (size_t n = 0; n < keys.size(); n++) {
+        if (reply.elements[n].is(Type::kString)) {
+            listener_.scanned(number, keys[n], bytes_of(reply.elements[n].text));
         }
     }
-    page_done(scan);
+    page_done(number);
 }
 
-void RedisClient::page_done(Scan& scan) {
-    if (scan.cursor != "0") {
-        next_page(scan);
+void RedisClient::page_done(uint64_t number) {
+    if (scans_.at(number).cursor != "0") {
+        next_page(number);
         return;
     }
-    const uint64_t number = scan.number;
     scans_.erase(number);
     listener_.scan_done(number);
-}
-
-// The server refused a page. What was to come is lost, so the connection goes too: the client scans
-// again when it is back.
-void RedisClient::end_scan(Scan& scan, const redisReply& reply) {
-    scan.client->fail_later(reply.type == REDIS_REPLY_ERROR ? std::string(text_of(reply))
-                                                            : "the answer to a scan is no list");
 }
 
 }  // namespace

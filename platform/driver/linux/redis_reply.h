@@ -1,0 +1,59 @@
+// Replies of a Redis server, taken from the byte stream by hiredis' reader. The stream is not
+// trusted: whatever it holds, the outcome is a reply or an error, within bounded memory.
+#pragma once
+
+#include <cstddef>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+struct redisReadTask;
+struct redisReader;
+
+namespace qv {
+
+struct RedisReply {
+    enum class Type { kString, kArray, kInteger, kNil, kStatus, kError };
+
+    bool is(Type wanted) const { return type == wanted; }
+
+    Type type = Type::kNil;
+    std::string text;  // of a string, a status or an error
+    long long number = 0;
+    std::vector<RedisReply> elements;  // of an array
+};
+
+// "a reply of type array", for messages about a reply that was not expected.
+const char* name_of(RedisReply::Type type);
+
+class RedisReplyReader {
+ public:
+    RedisReplyReader();
+    ~RedisReplyReader();
+    RedisReplyReader(const RedisReplyReader&) = delete;
+    RedisReplyReader& operator=(const RedisReplyReader&) = delete;
+
+    void feed(std::string_view bytes);
+
+    // The next complete reply of the stream. Nothing when more bytes are needed, or after an error.
+    std::optional<RedisReply> next();
+
+    // Empty as long as the stream is sound; it does not recover from an error.
+    const std::string& error() const { return error_; }
+
+ private:
+    struct Functions;
+    friend struct Functions;
+
+    RedisReply* place(const redisReadTask& task, RedisReply::Type type);
+    void fail(const std::string& reason);
+
+    redisReader* const reader_;
+    size_t parts_ = 0;             // of the reply that is being read
+    size_t incomplete_bytes_ = 0;  // fed since the last complete reply
+    std::string error_;
+};
+
+}  // namespace qv

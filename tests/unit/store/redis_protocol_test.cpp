@@ -1,0 +1,345 @@
+// The client beside a server that answers whatever the test writes, on a manual clock: connecting,
+// back-off, and replies that no sound server gives. Those end the session, never the process.
+#include <cerrno>
+#include <csignal>
+
+#include "tests/support/scripted_server.h"
+#include "tests/unit/store/store_fixture.h"
+
+namespace store_test {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace std::string_literals;
+using qv::test::ScriptedServer;
+
+class RedisProtocol : public testing::Test {
+ protected:
+    RedisProtocol() {
+        std::signal(SIGPIPE, SIG_IGN);
+        g_heard.clear();
+        master = qv_thread_master_create();
+        store = std::make_unique<qv::RedisStore>(platform.loop(), server.path());
+        platform.store_in_use = store.get();
+        client = qv_mom_client_init("TEST", master, nullptr);
+        open(4);
+    }
+    ~RedisProtocol() override { qv_thread_master_finish(master); }
+
+    void open(uint32_t db) {
+        qv_mom_client_connect(client, db, on_up, nullptr);
+        qv_mom_client_set_reconnect_cb(client, db, on_back, nullptr);
+        qv_mom_client_set_disconnect_cb(client, db, on_down, nullptr);
+    }
+
+    // The command connection is made first.
+    ScriptedServer::Peer& commands() { return peers.at(0); }
+    ScriptedServer::Peer& subscriptions() { return peers.at(1); }
+
+    // Takes the two connections that the client makes.
+    void accept() {
+        platform.run_ready();
+        peers = server.accept();
+        ASSERT_EQ(peers.size(), 2U);
+    }
+
+    void answer(ScriptedServer::Peer& peer, const std::string& reply) {
+        platform.run_ready();
+        peer.received();
+        peer.send(reply);
+        platform.run_ready();
+    }
+
+    // Brings the session with database 4 up.
+    void greet() {
+        accept();
+        answer(commands(), "+PONG\r\n");
+        answer(subscriptions(), "+PONG\r\n");
+        answer(commands(), "+OK\r\n");
+        ASSERT_EQ(g_heard, Lines{"up"});
+        g_heard.clear();
+    }
+
+    void subscribe() {
+        ASSERT_EQ(
+            qv_mom_subscribe(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr),
+            0);
+    }
+    void scan() {
+        ASSERT_EQ(qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr),
+                  0);
+    }
+
+    // The session has ended, for this reason, and the client comes back.
+    void expect_lost(const std::string& reason) {
+        platform.run_ready();
+        EXPECT_EQ(g_heard, Lines{"down"});
+        EXPECT_EQ(platform.log.lines(),
+                  Lines{"MOM-4-STORE_AWAY: Object database at " + server.path() + " is away (" +
+                        reason + "). Retrying; check that redis-server runs."});
+        platform.run_for(10s);
+        EXPECT_GE(server.accept().size(), 2U);
+    }
+
+    qv::test::TestPlatform platform;
+    ScriptedServer server;
+    std::vector<ScriptedServer::Peer> peers;
+    qv_thread_master* master;
+    std::unique_ptr<qv::RedisStore> store;
+    qv_mom_client* client;
+};
+
+TEST_F(RedisProtocol, BackoffDoublesFromAHundredMillisecondsToFiveSeconds) {
+    for (const auto wait : {100ms, 200ms, 400ms, 800ms, 1600ms, 3200ms, 5000ms, 5000ms}) {
+        platform.run_ready();
+        EXPECT_EQ(server.accept().size(), 2U) << "before a wait of " << wait.count() << " ms";
+        platform.run_ready();
+        platform.run_for(wait - 1ms);
+        EXPECT_EQ(server.accept().size(), 0U) << "after " << wait.count() - 1 << " ms";
+        platform.run_for(1ms);
+    }
+    EXPECT_EQ(platform.log.lines().size(), 1U);
+}
+
+TEST_F(RedisProtocol, SessionIsUpOnceBothConnectionsAndTheDatabaseAnswer) {
+    accept();
+    EXPECT_EQ(commands().received(), "*1\r\n$4\r\nPING\r\n");
+    EXPECT_EQ(subscriptions().received(), "*1\r\n$4\r\nPING\r\n");
+    answer(commands(), "+PONG\r\n");
+    EXPECT_EQ(commands().received(), "");
+    answer(subscriptions(), "+PONG\r\n");
+    EXPECT_EQ(commands().received(), "*2\r\n$6\r\nSELECT\r\n$1\r\n4\r\n");
+    EXPECT_EQ(g_heard, Lines{});
+    answer(commands(), "+OK\r\n");
+    EXPECT_EQ(g_heard, Lines{"up"});
+}
+
+TEST_F(RedisProtocol, ServerThatIsStillLoadingIsNotUsed) {
+    accept();
+    answer(commands(), "-LOADING Redis is loading the dataset in memory\r\n");
+    answer(subscriptions(), "+PONG\r\n");
+    EXPECT_TRUE(commands().closed());
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"MOM-4-STORE_AWAY: Object database at " + server.path() +
+                    " is away (LOADING Redis is loading the dataset in memory). Retrying; check "
+                    "that redis-server runs."});
+    platform.run_for(100ms);
+    greet();
+}
+
+TEST_F(RedisProtocol, ReplyInSmallPiecesIsPutTogether) {
+    accept();
+    answer(subscriptions(), "+PONG\r\n");
+    for (const char c : "+PONG\r\n+OK\r\n"s) {
+        answer(commands(), std::string(1, c));
+    }
+    EXPECT_EQ(g_heard, Lines{"up"});
+}
+
+TEST_F(RedisProtocol, ReplyThatNobodyAskedForEndsTheSession) {
+    greet();
+    commands().send("+OK\r\n");
+    expect_lost("the server answers what nobody asked");
+}
+
+TEST_F(RedisProtocol, MessageOnTheCommandConnectionEndsTheSession) {
+    greet();
+    commands().send("*3\r\n$7\r\nmessage\r\n$1\r\nx\r\n$1\r\ny\r\n");
+    expect_lost("the server answers what nobody asked");
+}
+
+TEST_F(RedisProtocol, NothingForAGreetingEndsTheConnection) {
+    accept();
+    answer(commands(), "$-1\r\n");
+    EXPECT_TRUE(commands().closed());
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_EQ(platform.log.lines().at(0), "MOM-4-STORE_AWAY: Object database at " + server.path() +
+                                              " is away (the server answers PING with nothing). "
+                                              "Retrying; check that redis-server runs.");
+}
+
+TEST_F(RedisProtocol, MessageBeforeASubscriptionEndsTheSession) {
+    greet();
+    subscriptions().send(
+        "*3\r\n$7\r\nmessage\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n$1\r\n\2\r\n");
+    expect_lost("the server sends a message that nobody subscribed to");
+}
+
+TEST_F(RedisProtocol, MessageBeforeTheConfirmationEndsTheSession) {
+    greet();
+    subscribe();
+    answer(subscriptions(),
+           "*3\r\n$7\r\nmessage\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n$1\r\n\2\r\n");
+    expect_lost("the server sends a message that nobody subscribed to");
+}
+
+TEST_F(RedisProtocol, MessageOfAWrongShapeEndsTheSession) {
+    greet();
+    subscribe();
+    answer(subscriptions(),
+           "*3\r\n$9\r\nsubscribe\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n:1\r\n");
+    ASSERT_EQ(std::exchange(g_heard, {}), Lines{"29/0/4"});
+    subscriptions().send("*3\r\n$7\r\nmessage\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n$-1\r\n");
+    expect_lost("the server sends a message that nobody subscribed to");
+}
+
+TEST_F(RedisProtocol, MessageWithoutAChannelEndsTheSession) {
+    greet();
+    subscriptions().send("*1\r\n$7\r\nmessage\r\n");
+    expect_lost("the server sends a message that nobody subscribed to");
+}
+
+TEST_F(RedisProtocol, PatternMessageEndsTheSession) {
+    greet();
+    subscriptions().send("*4\r\n$8\r\npmessage\r\n$1\r\n*\r\n$1\r\nx\r\n$1\r\ny\r\n");
+    expect_lost("the server answers what nobody asked");
+}
+
+TEST_F(RedisProtocol, EmptyArrayOnTheSubscriptionConnectionEndsTheSession) {
+    greet();
+    subscriptions().send("*0\r\n");
+    expect_lost("the server answers what nobody asked");
+}
+
+TEST_F(RedisProtocol, SubscriptionAnsweredWithNothingEndsTheSession) {
+    greet();
+    subscribe();
+    answer(subscriptions(), "$-1\r\n");
+    expect_lost("the server answers SUBSCRIBE with nothing");
+}
+
+TEST_F(RedisProtocol, ConfirmationOfAnotherChannelEndsTheSession) {
+    greet();
+    subscribe();
+    answer(subscriptions(), "*3\r\n$9\r\nsubscribe\r\n$5\r\nmom/4\r\n:1\r\n");
+    expect_lost("the server answers SUBSCRIBE with an array");
+}
+
+TEST_F(RedisProtocol, ScanAnsweredWithNothingEndsTheSession) {
+    greet();
+    scan();
+    answer(commands(), "*-1\r\n");
+    expect_lost("the server answers SCAN with nothing");
+}
+
+TEST_F(RedisProtocol, DatabaseAnsweredWithANumberEndsTheConnection) {
+    accept();
+    answer(commands(), "+PONG\r\n");
+    answer(subscriptions(), "+PONG\r\n");
+    answer(commands(), ":4\r\n");
+    EXPECT_TRUE(commands().closed());
+    EXPECT_EQ(g_heard, Lines{});
+}
+
+TEST_F(RedisProtocol, WriteAnsweredWithNothingEndsTheSessionAndIsSentAgain) {
+    greet();
+    ASSERT_EQ(qv_mom_publish(client, 4, LoopInfo(7, 0, 0, 0).record(), 0, 0), 0);
+    answer(commands(), "$-1\r\n");
+    EXPECT_EQ(g_heard, Lines{"down"});
+    platform.run_for(100ms);
+    accept();
+    answer(commands(), "+PONG\r\n");
+    answer(subscriptions(), "+PONG\r\n");
+    answer(commands(), "+OK\r\n");
+    EXPECT_EQ(
+        commands().received(),
+        "*3\r\n$7\r\nPUBLISH\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n$5\r\n\2\x2a\2\x08\7\r\n");
+}
+
+TEST_F(RedisProtocol, BytesThatAreNoReplyEndTheSession) {
+    greet();
+    commands().send("HTTP/1.1 400 Bad Request\r\n\r\n");
+    expect_lost("Protocol error, got \"H\" as reply type byte");
+}
+
+TEST_F(RedisProtocol, ArraysWithinArraysEndTheSession) {
+    greet();
+    std::string nested;
+    for (int depth = 0; depth < 1000; depth++) {
+        nested += "*1\r\n";
+    }
+    commands().send(nested);
+    expect_lost("No support for nested multi bulk replies with depth > 7");
+}
+
+TEST_F(RedisProtocol, AnnouncedLengthTakesNoMemory) {
+    greet();
+    scan();
+    answer(commands(), "*2147483647\r\n$1\r\nx\r\n");
+    EXPECT_EQ(g_heard, Lines{});
+    commands().send("!");
+    expect_lost("Protocol error, got \"!\" as reply type byte");
+}
+
+TEST_F(RedisProtocol, ArrayWithoutAnEndEndsTheSession) {
+    greet();
+    scan();
+    answer(commands(), "*1000000\r\n");
+    std::string part;
+    for (int n = 0; n < 10000; n++) {
+        part += ":1\r\n";
+    }
+    for (int n = 0; n < 7 && g_heard.empty(); n++) {
+        commands().send(part);
+        platform.run_ready();
+    }
+    expect_lost("a message has too many parts");
+}
+
+TEST_F(RedisProtocol, MessageWithoutAnEndEndsTheSession) {
+    greet();
+    scan();
+    answer(commands(), "$100000000\r\n");
+    const std::string part(size_t{64} << 10, 'x');
+    for (int n = 0; n < 130 && g_heard.empty(); n++) {
+        commands().send(part);
+        platform.run_ready();
+    }
+    expect_lost("a message is longer than 8 MiB");
+}
+
+TEST_F(RedisProtocol, NothingIsHandedOutAfterTheReplyThatEndsTheSession) {
+    greet();
+    subscribe();
+    commands().send("+OK\r\n+OK\r\n");
+    answer(subscriptions(),
+           "*2\r\n$9\r\nsubscribe\r\n:1\r\n"
+           "*3\r\n$9\r\nsubscribe\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n:1\r\n");
+    platform.run_ready();
+    EXPECT_EQ(g_heard, Lines{"down"});
+}
+
+// The callback of the first database writes into the second one.
+TEST_F(RedisProtocol, EverySessionIsDownWhenTheFirstLossIsReported) {
+    open(22);
+    accept();
+    answer(commands(), "+PONG\r\n");
+    answer(subscriptions(), "+PONG\r\n");
+    answer(commands(), "+OK\r\n+OK\r\n");
+    ASSERT_EQ(std::exchange(g_heard, {}), (Lines{"up", "up"}));
+    for (const uint32_t db : {4, 22}) {
+        qv_mom_client_set_disconnect_cb(
+            client, db,
+            [](void* arg) {
+                auto* const inner = static_cast<qv_mom_client*>(arg);
+                const LoopInfo info(7, 1, 1, 8);
+                for (const uint32_t other : {4, 22}) {
+                    EXPECT_EQ(qv_mom_set(inner, other, info.record(), 0, 0), ENOTCONN);
+                    EXPECT_EQ(qv_mom_scan(inner, other, info.record(), 0, on_loop_info, nullptr),
+                              ENOTCONN);
+                    EXPECT_EQ(
+                        qv_mom_subscribe(inner, other, info.record(), 0, on_loop_info, nullptr),
+                        ENOTCONN);
+                }
+                return on_down(nullptr);
+            },
+            client);
+    }
+    peers.clear();
+    platform.run_ready();
+    EXPECT_EQ(g_heard, (Lines{"down", "down"}));
+}
+
+}  // namespace
+}  // namespace store_test
