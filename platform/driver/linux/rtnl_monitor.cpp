@@ -93,6 +93,10 @@ void RtnlMonitor::start(Listener& listener) {
 void RtnlMonitor::read_all() {
     const int fd = nl_socket_get_fd(socket_.get());
     watch_ = loop_.watch(fd, true, false, [this](EventLoop::Ready) { drain(); });
+    if (!watch_) {
+        reopen_later("the socket cannot be watched");
+        return;
+    }
     request_dump();
 }
 
@@ -194,12 +198,17 @@ void RtnlMonitor::reopen() {
     try {
         socket_ = open_socket();
     } catch (const std::runtime_error& error) {
-        log_trouble(error.what());
-        reopening_ = loop_.after(kReopenPause, [this] { reopen(); });
+        reopen_later(error.what());
         return;
     }
     ++resyncs_;
     read_all();
+}
+
+void RtnlMonitor::reopen_later(const std::string& reason) {
+    log_trouble(reason);
+    socket_.reset();
+    reopening_ = loop_.after(kReopenPause, [this] { reopen(); });
 }
 
 }  // namespace qv

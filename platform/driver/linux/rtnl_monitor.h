@@ -73,6 +73,7 @@ class RtnlMonitor {
     void resync(const std::string& reason);
     void log_trouble(const std::string& reason);
     void reopen();
+    void reopen_later(const std::string& reason);
 
     EventLoop& loop_;
     const Subject subject_;

@@ -32,6 +32,10 @@ Termination::Termination(EventLoop& loop, EventLoop::Task last_task)
         throw std::runtime_error(std::string("signalfd: ") + std::strerror(errno));
     }
     watch_ = loop.watch(fd_, true, false, [this](EventLoop::Ready) { on_signal(); });
+    if (!watch_) {
+        close(fd_);
+        throw std::runtime_error("signalfd: cannot be watched");
+    }
 }
 
 Termination::~Termination() {

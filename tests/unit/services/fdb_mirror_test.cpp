@@ -4,20 +4,8 @@
 #include <atomic>
 #include <thread>
 
-#include <netlink/errno.h>
-#include <netlink/netlink.h>
-
 #include "tests/unit/services/nft_rig.h"
-
-static bool g_no_netlink_socket = false;
-
-// The linker puts this in place of nl_connect.
-extern "C" {
-int __real_nl_connect(nl_sock* socket, int protocol);
-int __wrap_nl_connect(nl_sock* socket, int protocol) {
-    return g_no_netlink_socket ? -NLE_NOMEM : __real_nl_connect(socket, protocol);
-}
-}
+#include "tests/unit/services/rtnl_script.h"
 
 namespace qv {
 namespace {
@@ -76,9 +64,9 @@ TEST_F(FdbMirrorTest, NoAddressOfTheBridgeBeforeIsKnownWhileThereIsNoSocket) {
     ASSERT_TRUE(wait_for([&] { return mirror.known().contains(kHost); }));
 
     const uint32_t another = if_nametoindex("lo");
-    g_no_netlink_socket = true;
+    test::g_rtnl.no_socket = true;
     EXPECT_THROW(mirror.follow(another), std::runtime_error);
-    g_no_netlink_socket = false;
+    test::g_rtnl.no_socket = false;
     EXPECT_EQ(mirror.bridge(), 0u);
     EXPECT_TRUE(wait_for([&] { return mirror.known().empty(); }));
 
@@ -88,7 +76,7 @@ TEST_F(FdbMirrorTest, NoAddressOfTheBridgeBeforeIsKnownWhileThereIsNoSocket) {
 
 TEST_F(FdbMirrorTest, PlaneWithoutASocketForItSaysSoOnceAndTriesOn) {
     bridge(entries("add", kHost, 1));
-    g_no_netlink_socket = true;
+    test::g_rtnl.no_socket = true;
     plane->install(3, 1, kPortRule);
     settle();
     EXPECT_EQ(sink.take(), Lines{"done 3"});
@@ -96,7 +84,7 @@ TEST_F(FdbMirrorTest, PlaneWithoutASocketForItSaysSoOnceAndTriesOn) {
         platform.log.lines(),
         Lines{"FORWARDING-3-MIRROR: The bridge's addresses are not known: rtnetlink: connect: "
               "Out of memory"});
-    g_no_netlink_socket = false;
+    test::g_rtnl.no_socket = false;
     EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
     EXPECT_EQ(platform.log.lines().size(), 1u);
 }

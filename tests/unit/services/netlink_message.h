@@ -22,10 +22,11 @@ inline std::string attribute(uint16_t number, const std::string& payload) {
 // A message in a block of its own size, which the address sanitizer guards.
 class NetlinkMessage {
  public:
-    NetlinkMessage(uint16_t type, const std::string& payload) {
+    NetlinkMessage(uint16_t type, const std::string& payload, uint16_t flags = 0) {
         nlmsghdr header{};
         header.nlmsg_len = static_cast<uint32_t>(sizeof header + payload.size());
         header.nlmsg_type = type;
+        header.nlmsg_flags = flags;
         bytes_.resize(header.nlmsg_len);
         std::memcpy(bytes_.data(), &header, sizeof header);
         std::memcpy(bytes_.data() + sizeof header, payload.data(), payload.size());
