@@ -27,9 +27,10 @@ Store& store() {
     return instance;
 }
 
-void log_bad_file(const std::string& path, unsigned line, const char* reason) {
-    printk_syslog(SYSLOG_SEVERITY_ERROR, "CAP", "FILE", "Capability file %s:%u: %s", path.c_str(),
-                  line, reason);
+// `place` is the path, or the path and a line.
+void log_bad_file(const std::string& place, const char* reason) {
+    printk_syslog(SYSLOG_SEVERITY_ERROR, "CAP", "FILE", "Capability file %s: %s", place.c_str(),
+                  reason);
 }
 
 // 0, or EINVAL after one log line.
@@ -41,16 +42,17 @@ int load(const std::string& path) {
     }
     // The parser reads a directory as an empty file.
     if (std::filesystem::is_directory(path, unknown)) {
-        log_bad_file(path, 0, "is a directory");
+        log_bad_file(path, "is a directory");
         return EINVAL;
     }
     try {
         store().entries = toml::parse_file(path);
         return 0;
     } catch (const toml::parse_error& error) {
-        log_bad_file(path, error.source().begin.line, std::string(error.description()).c_str());
+        log_bad_file(path + ":" + std::to_string(error.source().begin.line),
+                     std::string(error.description()).c_str());
     } catch (const std::exception& error) {
-        log_bad_file(path, 0, error.what());
+        log_bad_file(path, error.what());
     }
     return EINVAL;
 }

@@ -1,6 +1,7 @@
 #include "platform/client/config.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <fstream>
 #include <functional>
@@ -22,7 +23,10 @@ constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr int64_t kMaxPorts = 4096;
 constexpr double kMaxSpeed = 10000.0;
 
-// Line 0 stands for the file as a whole.
+[[noreturn]] void refuse_file(const std::string& path, int error) {
+    throw std::runtime_error(path + ": cannot be read: " + std::generic_category().message(error));
+}
+
 [[noreturn]] void refuse(const std::string& path, unsigned line, const std::string& reason) {
     throw std::runtime_error(path + ":" + std::to_string(line) + ": " + reason);
 }
@@ -33,12 +37,12 @@ std::string read_file(const std::string& path) {
     std::string text;
     // A directory opens, but its first byte cannot be read.
     if (!file || (file.peek(), file.bad())) {
-        refuse(path, 0, "cannot be read: " + std::generic_category().message(errno ? errno : EIO));
+        refuse_file(path, errno != 0 ? errno : EIO);
     }
     file.clear();
     text.assign(std::istreambuf_iterator<char>(file), {});
     if (file.bad()) {
-        refuse(path, 0, "cannot be read: " + std::generic_category().message(EIO));
+        refuse_file(path, EIO);
     }
     return text;
 }

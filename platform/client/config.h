@@ -23,7 +23,8 @@ struct PlatformConfig {
     Role role = Role::kSolo;       // [role] mode
 };
 
-// Reads the file. Throws std::runtime_error with "FILE:LINE: reason".
+// Reads the file. Throws std::runtime_error with "FILE:LINE: reason", or with "FILE: reason" when
+// the file cannot be read at all.
 PlatformConfig load_platform_config(const std::string& path);
 
 }  // namespace qv

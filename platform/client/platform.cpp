@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <stdexcept>
 
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
@@ -203,7 +204,13 @@ Platform* g_platform = nullptr;
 Platform* describe() {
     const char* const path = std::getenv("LDA_PLATFORM");
     try {
-        auto config = path && *path ? load_platform_config(path) : PlatformConfig();
+        if (path && *path == '\0') {
+            throw std::runtime_error(
+                "LDA_PLATFORM is set but empty: set it to the path of a platform file, or unset it "
+                "to "
+                "run on the simulated switch");
+        }
+        auto config = path ? load_platform_config(path) : PlatformConfig();
         auto clock = std::make_unique<SteadyClock>(config.speed);
         auto log = make_log(config.switch_kind);
         return make_platform(std::move(config), std::move(clock), std::move(log)).release();

@@ -2,6 +2,7 @@
 #include "qv/zlog.h"
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <string>
 #include <string_view>
@@ -87,6 +88,12 @@ zlog_category_t* open_category(const std::string& directory, const std::string& 
     }
     printk_syslog(SYSLOG_SEVERITY_ERROR, "LOG", "OPEN", "Cannot open log file %s: %s", path.c_str(),
                   reason.c_str());
+    // The agent ends here without a word, and there may be nobody who reads the system log.
+    std::fprintf(
+        stderr,
+        "lda: cannot open the log file %s: %s. Create its folder, or change log_dir in the "
+        "platform file.\n",
+        path.c_str(), reason.c_str());
     return nullptr;
 }
 

@@ -586,7 +586,7 @@ def test_database_that_hangs_is_told_within_three_seconds(front, session):
     (["--help"], 0, "usage: lda-netconf"),
     (["--nonsense"], 2, "bad argument: --nonsense"),
     (["word"], 2, "bad argument: word"),
-    (["--platform", "/nowhere.toml"], 2, "/nowhere.toml:0: cannot be read"),
+    (["--platform", "/nowhere.toml"], 2, "/nowhere.toml: cannot be read"),
     (["--yang", "/nowhere"], 2, "YANG modules"),
     (["--runtime", "/proc/nowhere"], 2, "/proc/nowhere: "),
 ])

@@ -30,6 +30,9 @@ class BridgePorts {
     // A port as it was reported, or null. Valid until the next call of another function.
     const Port* find(uint32_t ifx) const;
 
+    // Interface index of the bridge as the messages so far have it; 0 when there is none.
+    uint32_t bridge() const { return bridge_ifx_; }
+
     // Keeps and reports the VLAN mode of a reported port.
     void set_mode(uint32_t ifx, uint32_t mode);
 

@@ -116,10 +116,15 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         monitor_.start(*this);
     }
 
-    void on_dump_begin() override { ports_->begin_dump(); }
+    void on_dump_begin() override {
+        dumping_ = true;
+        ports_->begin_dump();
+    }
 
     bool on_dump_end() override {
+        dumping_ = false;
         ports_->end_dump();
+        log_bridge();
         if (!complete_) {
             complete_ = true;
             sink_->ports_complete();
@@ -130,6 +135,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
     void on_message(nlmsghdr* header) override {
         if (const auto message = parse_link(header)) {
             ports_->take(*message);
+            log_bridge();
         }
     }
 
@@ -185,6 +191,23 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         return is_up == up ? "" : "another program has changed it back";
     }
 
+    // Says that the bridge is missing, and when it appears.
+    void log_bridge() {
+        const bool missing = ports_->bridge() == 0;
+        if (dumping_ || missing == bridge_missing_) {
+            return;
+        }
+        bridge_missing_ = missing;
+        if (missing) {
+            printk_syslog(SYSLOG_SEVERITY_WARNING, "PORT", "BRIDGE",
+                          "There is no bridge %s: waiting for it, without ports until then.",
+                          bridge_.c_str());
+        } else {
+            printk_syslog(SYSLOG_SEVERITY_INFO, "PORT", "BRIDGE",
+                          "Bridge %s has appeared: its members are the ports.", bridge_.c_str());
+        }
+    }
+
     void log_refusal(uint32_t ifx, bool up, const std::string& name, const std::string& reason) {
         std::string& logged = refused_[{ifx, up}];
         if (logged != reason) {
@@ -207,6 +230,8 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
     std::optional<BridgePorts> ports_;  // from start() on
     PortSink* sink_ = nullptr;
     bool complete_ = false;
+    bool dumping_ = false;
+    bool bridge_missing_ = false;  // and that has been logged
     // Why the admin state of a port cannot be changed to "up" (true) or "down", as logged.
     std::map<std::pair<uint32_t, bool>, std::string> refused_;
 };

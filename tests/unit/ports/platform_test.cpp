@@ -44,7 +44,7 @@ TEST_F(PlatformDeathTest, BadFileEndsTheStartWithFileLineAndReason) {
 TEST_F(PlatformDeathTest, MissingFileEndsTheStartWithTheReason) {
     setenv("LDA_PLATFORM", path_.c_str(), 1);
     EXPECT_EXIT(qv::platform(), testing::ExitedWithCode(1),
-                "^lda: " + path_ + ":0: cannot be read: No such file or directory\n$");
+                "^lda: " + path_ + ": cannot be read: No such file or directory\n$");
 }
 
 TEST_F(PlatformFile, WithoutAFileThereAreTwentyFourPorts) {
@@ -57,9 +57,13 @@ TEST_F(PlatformFile, WithoutAFileThereAreTwentyFourPorts) {
     qv_thread_master_finish(master);
 }
 
-TEST_F(PlatformFile, EmptyVariableIsAsGoodAsNone) {
+// Most likely a variable of a start script that was not set: no reason to simulate a switch.
+TEST_F(PlatformDeathTest, EmptyVariableIsRefused) {
     setenv("LDA_PLATFORM", "", 1);
-    EXPECT_EQ(qv::platform().config().embedded_ports, 24u);
+    EXPECT_EXIT(
+        qv::platform(), testing::ExitedWithCode(1),
+        "^lda: LDA_PLATFORM is set but empty: set it to the path of a platform file, or unset "
+        "it to run on the simulated switch\n$");
 }
 
 TEST_F(PlatformFile, DescribedSwitchHasItsPorts) {

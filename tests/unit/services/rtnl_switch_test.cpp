@@ -84,6 +84,7 @@ TEST_F(RtnlSwitchTest, ReportsThePortsThatAreThereThenCompletes) {
     ASSERT_TRUE(
         wait_for([&] { return !sink.reports.empty() && sink.reports.back() == "complete"; }));
     EXPECT_EQ(sink.take(), (Lines{"added swp1", "added swp2", "complete"}));
+    EXPECT_EQ(platform.log.lines(), Lines{}) << "a bridge that is there is no news";
     EXPECT_EQ(sink.find("swp1")->ifx, if_nametoindex("swp1"));
     EXPECT_EQ(sink.find("swp1")->phyid, 1u);
     EXPECT_EQ(sink.find("swp2")->phyid, 2u);
@@ -298,6 +299,11 @@ TEST_F(RtnlSwitchTest, BridgeMayComeLaterVanishAndComeBack) {
     driver.start(sink);
     ASSERT_TRUE(wait_for([&] { return !sink.reports.empty(); }));
     EXPECT_EQ(sink.take(), Lines{"complete"});
+    const std::string missing =
+        "PORT-4-BRIDGE: There is no bridge br0: waiting for it, without ports until then.";
+    const std::string appeared =
+        "PORT-6-BRIDGE: Bridge br0 has appeared: its members are the ports.";
+    EXPECT_EQ(platform.log.lines(), Lines{missing});
 
     ip("link add br0 type bridge\n" + port_line("swp1") + port_line("swp2"));
     ASSERT_TRUE(wait_for([&] { return sink.ports.size() == 2; }));
@@ -306,6 +312,7 @@ TEST_F(RtnlSwitchTest, BridgeMayComeLaterVanishAndComeBack) {
     ip("link add br0 type bridge\nlink set swp2 master br0\n");
     ASSERT_TRUE(wait_for_name("swp2"));
     EXPECT_EQ(sink.ports.size(), 1u);
+    EXPECT_EQ(platform.log.lines(), (Lines{missing, appeared, missing, appeared}));
 
     // Under another name it is another bridge.
     ip("link set br0 name br1\n");

@@ -62,7 +62,13 @@ TEST_F(ZlogTest, WithoutADirectoryLinesAreDropped) {
 
 TEST_F(ZlogTest, DirectoryThatIsNotThereIsAnErrorWithItsReason) {
     platform.settings.log_dir = directory.file("none");
+    testing::internal::CaptureStderr();
     EXPECT_EQ(qv_zlog_init("lda"), nullptr);
+    EXPECT_EQ(
+        testing::internal::GetCapturedStderr(),
+        "lda: cannot open the log file " + directory.file("none/lda.log") +
+            ": No such file or directory. Create its folder, or change log_dir in the platform "
+            "file.\n");
     EXPECT_EQ(platform.log.lines(),
               Lines{"LOG-3-OPEN: Cannot open log file " + directory.file("none/lda.log") +
                     ": No such file or directory"});
