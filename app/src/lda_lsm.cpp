@@ -6,8 +6,6 @@
 // lda_intf_release keeps the memory until they have fired.
 #include "lda_lsm.h"
 
-#include <cstdlib>
-
 #include <qv/bridge.h>
 #include <qv/ddm.h>
 #include <qv/lsm.h>
@@ -64,7 +62,7 @@ void lda_lsm_connect_handle(void) {
 
 // Makes the record of a new port and links it. Null when memory runs out.
 static lda_intf_t* create_intf(uint32_t ifx) {
-    auto* record = static_cast<lda_intf_t*>(calloc(1, sizeof(lda_intf_t)));
+    lda_intf_t* record = lda_index<lda_intf_t>::make(ifx);
     if (!record) {
         APP_ERROR_AS("lda_add_intf", "LDA malloc node error.\n");
         return nullptr;
@@ -75,7 +73,7 @@ static lda_intf_t* create_intf(uint32_t ifx) {
     APP_INFO_AS("lda_add_intf", "ifx=%d, type=%d\n", static_cast<int>(ifx),
                 static_cast<int>(record->mode));
     lsm_if_get_sname(ifx, record->name, sizeof record->name);
-    lda_intf_link(record);
+    g_lda_loop_set->index.add_tail(&g_lda_loop_set->list, record);
     g_lda_loop_set->intf_num++;
     APP_INFO_AS("lda_add_intf", "+++LDA add intf:ifx=%d, name=%s, intf_num=%d\n",
                 static_cast<int>(ifx), record->name, g_lda_loop_set->intf_num);
@@ -119,7 +117,7 @@ void lda_del_intf(uint32_t ifx) {
     lda_intf_t* record = lda_loop_result_get(ifx);
     if (!record)
         return;
-    lda_intf_unlink(record);
+    g_lda_loop_set->index.remove(record);
     lda_intf_release(record);
     g_lda_loop_set->intf_num--;
     APP_INFO("---LDA delete intf:ifx=%d, intf_num=%d\n", static_cast<int>(ifx),

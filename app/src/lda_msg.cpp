@@ -12,7 +12,6 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <unordered_map>
 
 #include <qv/bridge.h>
 #include <qv/syslog.h>
@@ -83,27 +82,8 @@ uint32_t lda_cli_recover_time_get(void) {
     return g_lda_recover_time.enabled ? g_lda_recover_time.time : 0;
 }
 
-// The records of the list by interface index: a walk for each report and each port of a start would
-// take most of the time on a switch with thousands of ports. Changed with the list, under the same
-// lock. Never destroyed, because the delivery thread may look a record up until the process ends.
-static std::unordered_map<uint32_t, lda_intf_t*>& linked_records() {
-    static auto& records = *new std::unordered_map<uint32_t, lda_intf_t*>;
-    return records;
-}
-
-void lda_intf_link(lda_intf_t* record) {
-    lda_list_add_tail(&g_lda_loop_set->list, &record->link);
-    linked_records().emplace(record->ifx, record);
-}
-
-void lda_intf_unlink(lda_intf_t* record) {
-    lda_list_unlink(&record->link);
-    linked_records().erase(record->ifx);
-}
-
 lda_intf_t* lda_loop_result_get(uint32_t ifx) {
-    const auto found = linked_records().find(ifx);
-    return found == linked_records().end() ? nullptr : found->second;
+    return g_lda_loop_set->index.find(ifx);
 }
 
 static void fill_snapshot(lda_loop_result_t* entry, const lda_intf_t* record) {

@@ -16,6 +16,7 @@
 #include <qv/mom.h>
 #include <qv/thread.h>
 #include "app_shared.h"
+#include "lda_index.h"
 #include "lda_list.h"
 
 struct storm_loop_msg;
@@ -37,15 +38,6 @@ inline constexpr uint32_t LDA_POLICY_SHUT_ACCESS_HYBRID = 4;
 // Kinds of a loop notification.
 inline constexpr uint32_t LDA_NOTIFY_LOOP = 1;
 inline constexpr uint32_t LDA_NOTIFY_CLEAR = 2;
-
-// The loop set: created once by lda_init and never freed.
-struct lda_loop_set_t {
-    lda_list_t list;       // of lda_intf_t; linked and unlinked under `lock`
-    pthread_mutex_t lock;  // recursive; also guards backup_node_list
-    uint16_t intf_num;     // records in the list; changed under `lock`
-    uint16_t loop_num;     // records whose total_result is set; main thread
-    uint32_t policy;       // LDA_POLICY_*; main thread
-};
 
 // One port. Zero-filled heap block, owned by the loop set.
 struct lda_intf_t {
@@ -72,6 +64,17 @@ static_assert(offsetof(lda_intf_t, ifx) == 28 && offsetof(lda_intf_t, name) == 3
 static_assert(offsetof(lda_intf_t, tarn_result) == offsetof(lda_intf_t, total_result) + 1);
 static_assert(offsetof(lda_intf_t, storm_result) == offsetof(lda_intf_t, total_result) + 2);
 static_assert(offsetof(lda_intf_t, is_shutdown) == 112 && offsetof(lda_intf_t, vsl_member) == 124);
+
+// The loop set: created once by lda_init and never freed.
+struct lda_loop_set_t {
+    lda_list_t list;       // of lda_intf_t; linked and unlinked under `lock`
+    pthread_mutex_t lock;  // recursive; also guards backup_node_list
+    uint16_t intf_num;     // records in the list; changed under `lock`
+    uint16_t loop_num;     // records whose total_result is set; main thread
+    uint32_t policy;       // LDA_POLICY_*; main thread
+    // The records of the list by ifx; changed with the list, under `lock`.
+    lda_index<lda_intf_t> index;
+};
 
 // Recovery time of ports that were shut down.
 struct lda_recover_time_t {
@@ -129,13 +132,8 @@ void lda_cli_recover_time_set(uint32_t time, uint8_t enabled);
 // Seconds, 0 while recovery is disabled.
 uint32_t lda_cli_recover_time_get(void);
 
-// Puts a record with an interface index of its own at the end of the list, or takes it out. The
-// caller holds the loop lock, counts and owns the record.
-void lda_intf_link(lda_intf_t* record);
-void lda_intf_unlink(lda_intf_t* record);
-
-// The record of a port, or null. Valid until the port is deleted. The delivery thread calls it
-// under the loop lock.
+// Returns the first record of the list with this interface index, or null. Valid until the port is
+// deleted. The delivery thread calls it under the loop lock.
 lda_intf_t* lda_loop_result_get(uint32_t ifx);
 
 // Fills `array`, which has room for LDA_LOOP_MAX entries, with the looped ports in list order;

@@ -18,9 +18,9 @@ lda_list_t g_libstorm_head = {&g_libstorm_head, &g_libstorm_head};
 lda_list_t g_libstorm_rate_head = {&g_libstorm_rate_head, &g_libstorm_rate_head};
 lda_list_t storm_port_head = {&storm_port_head, &storm_port_head};
 uint32_t storm_port_num;
-storm_index<storm_ifx_info> g_libstorm_index;
-storm_index<storm_rate_info> g_libstorm_rate_index;
-storm_index<storm_port_info> storm_port_index;
+lda_index<storm_ifx_info> g_libstorm_index;
+lda_index<storm_rate_info> g_libstorm_rate_index;
+lda_index<storm_port_info> storm_port_index;
 
 namespace {
 

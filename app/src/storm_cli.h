@@ -13,15 +13,15 @@
 #include <cstdint>
 
 #include <qv/cli.h>
+#include "lda_index.h"
 #include "lda_list.h"
-#include "storm_index.h"
 
 // Records of all three lists are zero-filled heap blocks that begin with their links, owned by
 // their list.
 
 // An interface on which "storm-loop-detect enable" is in force.
 struct storm_ifx_info {
-    lda_list_t links;
+    lda_list_t link;
     uint32_t ifx;
     uint32_t reserved;  // 0
 };
@@ -29,7 +29,7 @@ static_assert(sizeof(storm_ifx_info) == 24);
 
 // A "storm-loop-rate" setting of an interface.
 struct storm_rate_info {
-    lda_list_t links;
+    lda_list_t link;
     uint32_t rate;   // packets per second, 1 to 1000000
     uint32_t burst;  // packets, 32 to 10000; 0 when the command gave none
     uint32_t ifx;
@@ -39,7 +39,7 @@ static_assert(sizeof(storm_rate_info) == 32);
 
 // A forwarding-plane port whose counting rule is installed. Main thread only, no lock.
 struct storm_port_info {
-    lda_list_t links;
+    lda_list_t link;
     // The rule, as installed.
     int32_t rate;     // packets per second
     uint32_t burst;   // packets, never 0
@@ -80,9 +80,9 @@ extern lda_list_t storm_port_head;       // of storm_port_info
 extern uint32_t storm_port_num;          // records in storm_port_head
 
 // All records of the lists are made and dropped here: they are looked up many times in each poll.
-extern storm_index<storm_ifx_info> g_libstorm_index;        // by ifx
-extern storm_index<storm_rate_info> g_libstorm_rate_index;  // by ifx
-extern storm_index<storm_port_info> storm_port_index;       // by phyid
+extern lda_index<storm_ifx_info> g_libstorm_index;        // by ifx
+extern lda_index<storm_rate_info> g_libstorm_rate_index;  // by ifx
+extern lda_index<storm_port_info> storm_port_index;       // by phyid
 
 // Registers the two command trees at attachment point 59, then makes the mutex and, only when that
 // succeeds, the two empty configuration lists. A tree that is refused is reported on the command

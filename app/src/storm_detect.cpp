@@ -142,8 +142,9 @@ void storm_fp_expire_add(void* arg) {
 
 // ---- Judgement ----
 
-// The first record with this ACL, or null. Every port's ACL has the number of the port, so the
-// index has the answer; only an ACL without a record costs a walk.
+// Returns the first record of the list with this ACL, or null. The agent gives every port an ACL
+// with the port's own number, so the index has the answer. Only an ACL without a record, or a
+// record whose ACL was changed, costs a walk.
 static storm_port_info* find_by_acl(uint32_t acl_id) {
     storm_port_info* likely = storm_port_index.find(acl_id);
     if (likely != nullptr && likely->acl_id == acl_id) {

@@ -136,14 +136,26 @@ TEST_F(LoopState, LookupInAnEmptyListYieldsNone) {
 }
 
 TEST_F(LoopState, LookupYieldsTheFirstRecordWithTheIndex) {
+    // As lda_add_intf links a record, for an index that has one already.
+    auto add_twin = [] {
+        lda_intf_t* twin = lda_index<lda_intf_t>::make(7);
+        twin->ifx = 7;
+        g_lda_loop_set->index.add_tail(&g_lda_loop_set->list, twin);
+        return twin;
+    };
     add(6);
     lda_intf_t* first = add(7);
-    lda_intf_t twin{};
-    twin.ifx = 7;
-    lda_list_add_tail(&g_lda_loop_set->list, &twin.link);
+    lda_intf_t* second = add_twin();
+    lda_intf_t* third = add_twin();
     EXPECT_EQ(lda_loop_result_get(7), first);
     EXPECT_EQ(lda_loop_result_get(8), nullptr);
-    lda_list_unlink(&twin.link);
+    lda_del_intf(7);
+    EXPECT_EQ(lda_loop_result_get(7), second);
+    EXPECT_EQ(records().back(), third);
+    lda_del_intf(7);
+    EXPECT_EQ(lda_loop_result_get(7), third);
+    lda_del_intf(7);
+    EXPECT_EQ(lda_loop_result_get(7), nullptr);
 }
 
 TEST_F(LoopState, SnapshotOfADisabledOrQuietSwitchIsEmpty) {

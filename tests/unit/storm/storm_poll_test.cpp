@@ -75,11 +75,17 @@ TEST_F(StormPoll, ReportsAreMatchedOnTheAclId) {
 }
 
 TEST_F(StormPoll, FirstRecordOfAnAclTakesTheReport) {
-    storm_set(2, true);
-    record(101)->acl_id = 102;
-    count(102, 10);
-    EXPECT_EQ(record(102)->cur_packet_count, 10u);
-    EXPECT_EQ(record(101)->cur_packet_count, 0u);
+    storm_port_info* behind = record(101);
+    ASSERT_EQ(storm_add_by_fp(8000, 1024, 101), 0);
+    storm_port_info* front = record(101);
+    ASSERT_NE(front, behind);
+    count(101, 10);
+    EXPECT_EQ(front->cur_packet_count, 10u);
+    EXPECT_EQ(behind->cur_packet_count, 0u);
+    front->acl_id = 500;
+    count(101, 3);
+    EXPECT_EQ(front->cur_packet_count, 10u);
+    EXPECT_EQ(behind->cur_packet_count, 3u);
 }
 
 TEST_F(StormPoll, TotalsWrap) {

@@ -257,10 +257,10 @@ TEST_F(StormCommandRegistration, ListsAreEmptiedOnlyWithAMutex) {
     storm_rate_info rate{};
     rate.ifx = 9;
     rate.rate = 1;
-    lda_list_add_head(&g_libstorm_rate_head, &rate.links);
+    lda_list_add_head(&g_libstorm_rate_head, &rate.link);
     storm_ifx_info ifx{};
     ifx.ifx = 9;
-    lda_list_add_head(&g_libstorm_head, &ifx.links);
+    lda_list_add_head(&g_libstorm_head, &ifx.link);
     fake::fail_nth("pthread_mutex_init", 1, 12);
     std_cli_init();
     EXPECT_EQ(rates(), "9:1/0");
