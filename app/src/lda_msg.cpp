@@ -284,8 +284,9 @@ void lda_clear_loop_timer(lda_intf_t* record) {
 }
 
 void lda_loop_policy_timer(void) {
-    // Kept on purpose: the result is not looked at. A tick that cannot be armed was the last one.
-    qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S);
+    // Kept on purpose: nothing tries again, so the tick before this one was the last.
+    if (!qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S))
+        APP_ERROR("LDA add qv_thread timer failed.");
 }
 
 // Counts one tick of a port that is held shut down, and recovers it when its time is up.

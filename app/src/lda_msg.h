@@ -174,7 +174,7 @@ void lda_loop_exec_policy(lda_intf_t* record, uint32_t again);
 // Arms the clear timer of a port that is quiet, not held shut down and has none pending.
 void lda_clear_loop_timer(lda_intf_t* record);
 
-// Arms the next recovery tick; once at start-up, then from the tick itself.
+// Arms the next recovery tick; once at start-up, then from the tick itself. A failure is logged.
 void lda_loop_policy_timer(void);
 // Recovery tick: every 10 seconds counts and recovers the ports that are held shut down. Returns 0,
 // or -1, without another tick, when called without a timer.

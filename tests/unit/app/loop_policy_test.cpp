@@ -139,10 +139,16 @@ TEST_F(LoopPolicy, PolicyTimerArmsATickOfTenSeconds) {
     EXPECT_EQ(fake::timers().back().arg, nullptr);
 }
 
-TEST_F(LoopPolicy, FailedTickTimerIsNotReported) {
+TEST_F(LoopPolicy, TickThatCannotBeArmedIsReportedAndWasTheLast) {
     fake::fail("qv_thread_add_timer");
+    const Lines failed{"qv_thread_add_timer 10",
+                       error("lda_loop_policy_timer", "LDA add qv_thread timer failed.")};
     lda_loop_policy_timer();
-    EXPECT_EQ(fake::take_calls(), Lines{"qv_thread_add_timer 10"});
+    EXPECT_EQ(fake::take_calls(), failed);
+    tick(1);
+    EXPECT_EQ(fake::take_calls(), failed);
+    for (const fake::Timer& timer : fake::timers())
+        EXPECT_NE(timer.func, lda_intf_shutdown_timer_call);
 }
 
 TEST_F(LoopPolicy, TickWithoutATimerIsReportedAndNotArmedAgain) {
