@@ -7,11 +7,10 @@
 // system log themselves, outside the budget.
 #include "app_debug.h"
 
-#include <cerrno>
-#include <climits>
+#include <algorithm>
+#include <cctype>
 #include <cstdarg>
 #include <cstdio>
-#include <cstdlib>
 #include <iterator>
 
 #include <qv/syslog.h>
@@ -120,28 +119,34 @@ int app_zlog_init(const char* name) {
     return DEBUG_INIT_FAILED;
 }
 
-// Takes a decimal number from the text at `*text` and moves behind it. False when there is none
-// that fits.
-static bool parse_level(const char** text, int32_t* level) {
-    char* end = nullptr;
-    errno = 0;
-    const long number = strtol(*text, &end, 10);
-    if (end == *text || errno != 0 || number < INT32_MIN || number > INT32_MAX)
+// Reads the next decimal number of the file, after any white space. False when there is none that
+// fits.
+static bool read_level(FILE* file, int32_t* level) {
+    int next = getc(file);
+    while (isspace(next))
+        next = getc(file);
+    const bool negative = next == '-';
+    if (next == '-' || next == '+')
+        next = getc(file);
+    const bool found = isdigit(next);
+    int64_t number = 0;
+    for (; isdigit(next); next = getc(file))
+        number = std::min<int64_t>(number * 10 + (next - '0'), UINT32_MAX);
+    ungetc(next, file);
+    if (negative)
+        number = -number;
+    if (!found || number < INT32_MIN || number > INT32_MAX)
         return false;
     *level = static_cast<int32_t>(number);
-    *text = end;
     return true;
 }
 
 // The level file holds two numbers, for the log file and for the system log. Anything else leaves
 // both at their defaults, a number that fits no integer included.
 static void read_level_file(FILE* file) {
-    char content[256];
-    content[fread(content, 1, sizeof content - 1, file)] = '\0';
-    const char* text = content;
     int32_t zlog_level = 0;
     int32_t slog_level = 0;
-    const bool both = parse_level(&text, &zlog_level) && parse_level(&text, &slog_level);
+    const bool both = read_level(file, &zlog_level) && read_level(file, &slog_level);
     app_shared_set(g_app_zlog_level, both ? zlog_level : ZLOG_LEVEL_DEFAULT);
     app_shared_set(g_dbg_slog_level, both ? slog_level : SLOG_LEVEL_DEFAULT);
 }

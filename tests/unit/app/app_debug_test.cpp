@@ -374,7 +374,31 @@ TEST_F(LogStart, LevelsAreTakenAsTheyStand) {
     EXPECT_EQ(levels_after("3\n2 and more"), (Levels{3, 2}));
 }
 
-TEST_F(LogStart, HugeNumbersInTheLevelFileDoNoHarm) {
+TEST_F(LogStart, LevelsMayBeSeparatedByAnyWhiteSpace) {
+    EXPECT_EQ(levels_after("3\n2\n"), (Levels{3, 2}));
+    EXPECT_EQ(levels_after("\n\t 3 \r\n\v\f 2"), (Levels{3, 2}));
+    EXPECT_EQ(levels_after("+3-2"), (Levels{3, -2}));
+    const std::string gap(100000, '\n');
+    EXPECT_EQ(levels_after((gap + "3" + gap + "2").c_str()), (Levels{3, 2}));
+}
+
+TEST_F(LogStart, LevelMayHaveAnyNumberOfDigits) {
+    const std::string zeros(100000, '0');
+    EXPECT_EQ(levels_after((zeros + "3 -" + zeros + "2").c_str()), (Levels{3, -2}));
+}
+
+TEST_F(LogStart, SignWithoutANumberIsNoLevel) {
+    EXPECT_EQ(levels_after("- 3 2"), (Levels{2, 0}));
+    EXPECT_EQ(levels_after("3 +"), (Levels{2, 0}));
+    EXPECT_EQ(levels_after("3, 2"), (Levels{2, 0}));
+}
+
+TEST_F(LogStart, LevelThatFitsNoIntegerIsNoLevel) {
+    EXPECT_EQ(levels_after("2147483647 -2147483648"), (Levels{2147483647, -2147483647 - 1}));
+    EXPECT_EQ(levels_after("2147483648 1"), (Levels{2, 0}));
+    EXPECT_EQ(levels_after("1 -2147483649"), (Levels{2, 0}));
+    EXPECT_EQ(levels_after("4294967299 1"), (Levels{2, 0})) << "3 in its lower 32 bits";
+    EXPECT_EQ(levels_after("18446744073709551619 1"), (Levels{2, 0})) << "3 in its lower 64 bits";
     EXPECT_EQ(levels_after("99999999999999999999 -99999999999999999999"), (Levels{2, 0}));
     APP_FATAL("still alive\n");
     EXPECT_EQ(fake::zlog_lines().size(), 1u);
