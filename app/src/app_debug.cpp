@@ -17,7 +17,7 @@
 #include "app_shared.h"
 #include "app_string.h"
 
-pthread_mutex_t g_dbg_lock = PTHREAD_MUTEX_INITIALIZER;
+pthread_mutex_t g_dbg_lock;  // made by app_debug_init
 char g_dbg_print_buf[APP_DBG_PRINT_BYTES + 1];
 
 static constexpr int32_t ZLOG_LEVEL_DEFAULT = 2;

@@ -13,7 +13,7 @@
 #include "lda_cli.h"
 #include "storm_detect.h"
 
-pthread_mutex_t g_libstorm_mutex = PTHREAD_RECURSIVE_MUTEX_INITIALIZER_NP;
+pthread_mutex_t g_libstorm_mutex;  // made by std_cli_init
 lda_list_t g_libstorm_head = {&g_libstorm_head, &g_libstorm_head};
 lda_list_t g_libstorm_rate_head = {&g_libstorm_rate_head, &g_libstorm_rate_head};
 lda_list_t storm_port_head = {&storm_port_head, &storm_port_head};

@@ -1,4 +1,6 @@
 // Start-up: default rate, handler table, session with database 8, commands, poll timer.
+#include <cstring>
+
 #include "tests/unit/storm/storm_fixture.h"
 
 namespace {
@@ -31,6 +33,17 @@ TEST_F(StormStart, ComesUpInOrder) {
     ASSERT_EQ(fake::timers().size(), 1u);
     EXPECT_EQ(fake::timers()[0].func, &storm_deal_counter_timeout);
     EXPECT_EQ(fake::timers()[0].slot, &g_storm_thread);
+}
+
+// A mutex that was made before must not be made again.
+TEST_F(StormStart, MutexIsUntouchedBeforeItIsMade) {
+    const pthread_mutex_t untouched{};
+    bool fresh = false;
+    fake::on_call("pthread_mutex_init",
+                  [&] { fresh = memcmp(&g_libstorm_mutex, &untouched, sizeof untouched) == 0; });
+    start();
+    fake::on_call("pthread_mutex_init", nullptr);
+    EXPECT_TRUE(fresh);
 }
 
 TEST_F(StormStart, LogsItsSteps) {
