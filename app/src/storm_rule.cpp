@@ -2,8 +2,9 @@
 //
 // A watched port has an ACL with its forwarding-plane id, with one entry (destination not known)
 // and one apply (meter, counter). While any port is watched, ACL 0 with an entry for MPLS unicast
-// frames is applied to the whole switch. Every operation is asynchronous and its answer is not
-// looked at; what was done before a failure stays. Only a failed apply changes anything here.
+// frames is applied to the whole switch. The operations are asynchronous and their answers are not
+// looked at; of the results only a failed apply changes anything here. An entry or apply that
+// cannot be built ends the installation; what was done before stays.
 #include <cstring>
 
 #include <qv/ddm.h>
@@ -37,13 +38,20 @@ fp_apply_point apply_point_of(uint32_t port, uint32_t type) {
     return point;
 }
 
-// Entry and apply take their items alike: built, then copied in.
+// Entry and apply take their items alike: built by their own builder, then copied in. False when
+// the service refuses the item; the rule must not be installed without it.
 template <class Target>
-void add_item(Target* target, const char* name, uint32_t item_class, const void* value,
+bool add_item(Target* target, const char* name, uint32_t item_class, const void* value,
               size_t length) {
     fp_item item = {};
-    target->build_item(&item, name, item_class, value, static_cast<uint32_t>(length));
-    target->add_item(target, &item);
+    int rv = target->build_item(&item, name, item_class, value, static_cast<uint32_t>(length));
+    if (rv == 0) {
+        rv = target->add_item(target, &item);
+    }
+    if (rv != 0) {
+        APP_ERROR("item %s error[%d]", name, rv);
+    }
+    return rv == 0;
 }
 
 fp_entry* std_ace_alloc() {
@@ -93,7 +101,11 @@ int storm_add_mpls_fp() {
         return -1;
     }
     const uint16_t etype[2] = {kEtypeMpls, 0xFFFF};
-    add_item(entry, "etype", FP_ITEM_MATCH, etype, sizeof(etype));
+    if (!add_item(entry, "etype", FP_ITEM_MATCH, etype, sizeof(etype))) {
+        storm_udp_mgr->entry_free(entry);
+        std_acl_delete(kMplsAclId);
+        return -1;
+    }
     install_entry(kMplsAclId, entry);
 
     APP_INFO("aclid %d\n", kMplsAclId);
@@ -109,6 +121,29 @@ int storm_add_mpls_fp() {
     install_apply(kMplsPort, FP_APPLY_GLOBAL, apply);
     APP_INFO("done");
     return 0;
+}
+
+// The matches of a port rule: frames whose destination is not known.
+bool add_port_matches(fp_entry* entry) {
+    const uint8_t missed = 0;
+    uint8_t l3_uc[kL3UcBytes] = {};
+    const uint32_t one = 1;
+    memcpy(l3_uc, &one, sizeof(one));
+    return add_item(entry, "l2_da_hit", FP_ITEM_MATCH, &missed, sizeof(missed)) &&
+           add_item(entry, "l3_uc", FP_ITEM_MATCH, l3_uc, sizeof(l3_uc));
+}
+
+// The actions of a port rule: meter, count, forward what is within the rate.
+bool add_port_actions(fp_apply* apply, uint32_t rate, uint32_t burst) {
+    uint8_t meter[kMeterBytes] = {};
+    const uint64_t meter_rate = rate;
+    memcpy(meter, &meter_rate, sizeof(meter_rate));
+    memcpy(meter + kMeterBurstOffset, &burst, sizeof(burst));
+    const uint32_t counter = 0;
+    const uint8_t fwd[3] = {0x00, 0x06, 0xFF};
+    return add_item(apply, "meter", FP_ITEM_ACTION, meter, sizeof(meter)) &&
+           add_item(apply, "counter", FP_ITEM_ACTION, &counter, sizeof(counter)) &&
+           add_item(apply, "fwd", FP_ITEM_ACTION, fwd, sizeof(fwd));
 }
 
 // New rate or burst for a record: its rule is replaced under the same ACL id.
@@ -196,12 +231,10 @@ int storm_enable_by_fp(uint32_t rate, uint32_t burst, uint32_t phyid) {
         APP_ERROR("alloc ace error\n");
         return -1;
     }
-    const uint8_t missed = 0;
-    add_item(entry, "l2_da_hit", FP_ITEM_MATCH, &missed, sizeof(missed));
-    uint8_t l3_uc[kL3UcBytes] = {};
-    const uint32_t one = 1;
-    memcpy(l3_uc, &one, sizeof(one));
-    add_item(entry, "l3_uc", FP_ITEM_MATCH, l3_uc, sizeof(l3_uc));
+    if (!add_port_matches(entry)) {
+        storm_udp_mgr->entry_free(entry);
+        return -1;
+    }
     install_entry(phyid, entry);
 
     APP_INFO("phyid %d, aclid %d\n", phyid, phyid);
@@ -212,15 +245,10 @@ int storm_enable_by_fp(uint32_t rate, uint32_t burst, uint32_t phyid) {
         APP_ERROR("rv: %d", -1);
         return -1;
     }
-    uint8_t meter[kMeterBytes] = {};
-    const uint64_t meter_rate = rate;
-    memcpy(meter, &meter_rate, sizeof(meter_rate));
-    memcpy(meter + kMeterBurstOffset, &burst, sizeof(burst));
-    add_item(apply, "meter", FP_ITEM_ACTION, meter, sizeof(meter));
-    const uint32_t counter = 0;
-    add_item(apply, "counter", FP_ITEM_ACTION, &counter, sizeof(counter));
-    const uint8_t fwd[3] = {0x00, 0x06, 0xFF};
-    add_item(apply, "fwd", FP_ITEM_ACTION, fwd, sizeof(fwd));
+    if (!add_port_actions(apply, rate, burst)) {
+        storm_udp_mgr->apply_free(apply);
+        return -1;
+    }
     install_apply(phyid, FP_APPLY_PORT, apply);
     APP_INFO("done");
     return 0;

@@ -45,7 +45,8 @@ Outcome note(const std::string& name, const std::string& line) {
     std::function<void()> hook;
     {
         std::lock_guard lock(s.mutex);
-        s.lines.push_back(line);
+        if (!line.empty())
+            s.lines.push_back(line);
         Script& script = s.scripts[name];
         script.calls++;
         hook = script.hook;

@@ -97,15 +97,33 @@ int build_item(fp_item* item, const char* name, uint32_t item_class, const void*
     return 0;
 }
 
+int build_entry_item(fp_item* item, const char* name, uint32_t item_class, const void* value,
+                     uint32_t length) {
+    if (const long result = enter("fp_entry_build_item", ""))
+        return static_cast<int>(result);
+    return build_item(item, name, item_class, value, length);
+}
+
+int build_apply_item(fp_item* item, const char* name, uint32_t item_class, const void* value,
+                     uint32_t length) {
+    if (const long result = enter("fp_apply_build_item", ""))
+        return static_cast<int>(result);
+    return build_item(item, name, item_class, value, length);
+}
+
 // Items count only on an entry whose control field was set first.
 int add_entry_item(fp_entry* entry, const fp_item* item) {
     if (entry->control != 1)
         record("fp item without control field");
+    if (const long result = enter("fp_entry_add_item", ""))
+        return static_cast<int>(result);
     entry->item[entry->item_num++] = *item;
     return 0;
 }
 
 int add_apply_item(fp_apply* apply, const fp_item* item) {
+    if (const long result = enter("fp_apply_add_item", ""))
+        return static_cast<int>(result);
     apply->item[apply->item_num++] = *item;
     return 0;
 }
@@ -146,7 +164,7 @@ fp_entry* entry_alloc() {
         return nullptr;
     state().objects++;
     auto* entry = new fp_entry{};
-    entry->build_item = build_item;
+    entry->build_item = build_entry_item;
     entry->add_item = add_entry_item;
     return entry;
 }
@@ -183,7 +201,7 @@ fp_apply* apply_alloc(const fp_acl_key* key) {
     state().objects++;
     auto* apply = new fp_apply{};
     apply->key = *key;
-    apply->build_item = build_item;
+    apply->build_item = build_apply_item;
     apply->add_item = add_apply_item;
     return apply;
 }

@@ -5,7 +5,9 @@
 //     fp_apply_delete 101 at type=2 port=101
 // A number after an operation is the ACL id. Items of the wrong class, wrong application names and
 // wrong contexts are said so. Every operation can be made to fail by its name, an allocation and
-// fp_udp_get_mgr then give null. Nothing is answered by itself: a test calls the handlers.
+// fp_udp_get_mgr then give null. The building and adding of items makes no line of its own; it is
+// counted and fails under fp_entry_build_item, fp_entry_add_item, fp_apply_build_item and
+// fp_apply_add_item. Nothing is answered by itself: a test calls the handlers.
 #pragma once
 
 #include <cstdint>

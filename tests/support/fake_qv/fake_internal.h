@@ -7,6 +7,7 @@
 namespace fake {
 
 // Records `line`, runs the hooks of `name` and gives the scripted result of this call, or `normal`.
+// An empty line is not recorded; the call is only counted.
 long enter(const std::string& name, const std::string& line, long normal = 0);
 // The same for calls that create something: true when the call is to fail.
 bool enter_refused(const std::string& name, const std::string& line);

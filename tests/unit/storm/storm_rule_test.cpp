@@ -275,6 +275,81 @@ TEST_F(StormRule, FurtherPortFailureKeepsTheSharedRule) {
     EXPECT_EQ(storm_port_num, 1u);
 }
 
+// ---- Items ----
+
+TEST_F(StormRule, ItemsAreBuiltByTheBuilderOfTheirOwnObject) {
+    enable_port_1();
+    EXPECT_EQ(fake::count("fp_entry_build_item"), 1 + 2);
+    EXPECT_EQ(fake::count("fp_entry_add_item"), 1 + 2);
+    EXPECT_EQ(fake::count("fp_apply_build_item"), 3);
+    EXPECT_EQ(fake::count("fp_apply_add_item"), 3);
+}
+
+TEST_F(StormRule, RefusedMatchOfTheSharedRuleInstallsNothing) {
+    for (const char* refused : {"fp_entry_build_item", "fp_entry_add_item"}) {
+        SCOPED_TRACE(refused);
+        fake::fail_nth(refused, 1, 22);
+        storm_set_rate_burst(1, 8000, 1024, true);
+        const Lines log = fake::calls_of({"zlog"});
+        EXPECT_EQ(Lines(log.end() - 3, log.end()),
+                  (Lines{fake::error("add_item", "item etype error[22]"),
+                         fake::info("std_acl_delete", "aclid 0x0\n"),
+                         fake::error("storm_set_rate_burst", "add mpls entry failed")}));
+        EXPECT_EQ(take_calls(), (Lines{"fp_acl_create 0 flags=260", "fp_entry_alloc",
+                                       "fp_entry_free", "fp_acl_delete 0"}));
+        EXPECT_EQ(record(101), nullptr);
+    }
+}
+
+TEST_F(StormRule, RefusedMatchOfAPortInstallsNoEntry) {
+    enable_port_1();
+    struct Row {
+        const char* refused;
+        int nth;
+        const char* text;
+    };
+    for (const Row& row : {Row{"fp_entry_build_item", 1, "item l2_da_hit error[22]"},
+                           Row{"fp_entry_add_item", 1, "item l2_da_hit error[22]"},
+                           Row{"fp_entry_build_item", 2, "item l3_uc error[22]"},
+                           Row{"fp_entry_add_item", 2, "item l3_uc error[22]"}}) {
+        SCOPED_TRACE(testing::Message() << row.refused << " " << row.nth);
+        fake::fail_nth(row.refused, row.nth, 22);
+        EXPECT_EQ(storm_enable_by_fp(5000, 64, 102), -1);
+        EXPECT_EQ(fake::calls_of({"zlog"}).back(), fake::error("add_item", row.text));
+        EXPECT_EQ(take_calls(),
+                  (Lines{"fp_acl_create 102 flags=260", "fp_entry_alloc", "fp_entry_free"}));
+    }
+}
+
+TEST_F(StormRule, RefusedActionOfAPortAppliesNothing) {
+    enable_port_1();
+    const char* const names[] = {"meter", "counter", "fwd"};
+    for (int nth = 1; nth <= 3; ++nth) {
+        for (const char* refused : {"fp_apply_build_item", "fp_apply_add_item"}) {
+            SCOPED_TRACE(testing::Message() << refused << " " << nth);
+            fake::fail_nth(refused, nth, 28);
+            EXPECT_EQ(storm_enable_by_fp(5000, 64, 102), -1);
+            EXPECT_EQ(
+                fake::calls_of({"zlog"}).back(),
+                fake::error("add_item", std::string("item ") + names[nth - 1] + " error[28]"));
+            EXPECT_EQ(take_calls(),
+                      (Lines{"fp_acl_create 102 flags=260", "fp_entry_alloc",
+                             "fp_entry_add 102 control=1 l2_da_hit=00 l3_uc=0100000000000000",
+                             "fp_entry_free", "fp_apply_alloc 102", "fp_apply_free"}));
+        }
+    }
+    EXPECT_EQ(fake::fp_objects(), 0);
+}
+
+TEST_F(StormRule, FirstPortWithARefusedItemRemovesTheSharedRule) {
+    fake::fail("fp_apply_build_item", 22);
+    storm_set_rate_burst(1, 8000, 1024, true);
+    const Lines calls = take_calls();
+    ASSERT_GE(calls.size(), 3u);
+    EXPECT_EQ(Lines(calls.end() - 3, calls.end()), shared_rule_removed());
+    EXPECT_EQ(storm_port_num, 0u);
+}
+
 TEST_F(StormRule, RecordAllocationFailureLeavesTheRuleAndRemovesTheSharedRule) {
     fake::fail_calloc(1);
     storm_set_rate_burst(1, 8000, 1024, true);
