@@ -172,12 +172,23 @@ void std_counter_msg(qv_mom_client*, const fp_acl_key* acl_key, void*, const fp_
     }
 }
 
+// The record that the running poll judges next.
+static lda_list_t* poll_next;
+
+void storm_port_drop(storm_port_info* info) {
+    if (poll_next == &info->link) {
+        poll_next = poll_next->next;
+    }
+    storm_port_index.drop(info);
+    --storm_port_num;
+}
+
 int storm_deal_counter_timeout(qv_thread*) {
-    lda_list_t* next;
-    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = next) {
-        next = node->next;
+    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = poll_next) {
+        poll_next = node->next;
         storm_deal_counter(storm_record<storm_port_info>(node));
     }
+    poll_next = nullptr;
     const int rv = arm_poll_timer();
     if (rv != 0) {
         APP_ERROR("storm_init qv_thread_insert_timer error %d\n", rv);
@@ -224,8 +235,17 @@ bool is_over_rate(const PollTotals& totals, uint32_t rate) {
     return packets > threshold;
 }
 
-// The third poll in a row over the rate.
-void enter_loop(storm_port_info* info, const PollTotals& totals) {
+// Hands the verdict of a record on. False when the record has been dropped meanwhile: whoever is
+// notified may take any port out of detection.
+bool notify_verdict(storm_port_info* info) {
+    const uint32_t phyid = info->phyid;
+    storm_loop_msg msg;
+    storm_notify_lda(&msg, info);
+    return storm_port_index.find(phyid) == info;
+}
+
+// The third poll in a row over the rate. False when the record has been dropped.
+bool enter_loop(storm_port_info* info, const PollTotals& totals) {
     constexpr char kFunction[] = "storm_deal_counter";
     APP_INFO_AS(kFunction, "***the time poll = %d", info->timer_notify);
     APP_INFO_AS(kFunction, "[phyid = %x] old packet_count = %ld, new packet_count = %ld",
@@ -235,8 +255,7 @@ void enter_loop(storm_port_info* info, const PollTotals& totals) {
     APP_INFO_AS(kFunction, "!!!!!!! phyid = %x notity to lda loop ", info->phyid);
     info->is_loop = 1;
     ++std_opt_statics.notify_loop_times;
-    storm_loop_msg msg;
-    storm_notify_lda(&msg, info);
+    return notify_verdict(info);
 }
 
 // One poll of a record in loop: repeats the verdict once a cycle, and counts towards its end.
@@ -244,11 +263,12 @@ void enter_loop(storm_port_info* info, const PollTotals& totals) {
 // of three starts the count again.
 void poll_in_loop(storm_port_info* info) {
     constexpr char kFunction[] = "storm_deal_counter";
-    storm_loop_msg msg;
     if (info->timer_notify == kRepeatPolls) {
         APP_INFO_AS(kFunction, "!!!!!!! 90s notity to lda loop phyid = %x", info->phyid);
         ++std_opt_statics.fix_notify_times;
-        storm_notify_lda(&msg, info);
+        if (!notify_verdict(info)) {
+            return;
+        }
         // The engine may have changed the record meanwhile.
         if (info->timer_notify == kRepeatPolls) {
             info->timer_notify = 0;
@@ -266,7 +286,7 @@ void poll_in_loop(storm_port_info* info) {
         info->unloop_times = 0;
         info->is_loop = 0;
         ++std_opt_statics.notify_unloop_times;
-        storm_notify_lda(&msg, info);
+        notify_verdict(info);
     }
 }
 
@@ -284,8 +304,9 @@ void storm_deal_counter(storm_port_info* info) {
         ++info->timer_notify;
         ++std_opt_statics.flow_over_times;
         // Exactly three: a storm that lasts is reported once.
-        if (info->flow_over_times == kLoopPolls && info->is_loop == 0) {
-            enter_loop(info, totals);
+        if (info->flow_over_times == kLoopPolls && info->is_loop == 0 &&
+            !enter_loop(info, totals)) {
+            return;
         }
     } else {
         info->flow_over_times = 0;

@@ -79,7 +79,7 @@ void std_counter_msg(qv_mom_client* context, const fp_acl_key* acl_key, void* co
                      const fp_counts* counts);
 
 // Poll timer: judges every record and arms the timer again; polling ends for good when that fails.
-// Returns 0.
+// A verdict's callback may drop any record. Returns 0.
 int storm_deal_counter_timeout(qv_thread* thread);
 void storm_deal_counter(storm_port_info* info);
 
@@ -87,6 +87,9 @@ void storm_deal_counter(storm_port_info* info);
 // -1 when the port has no interface.
 int storm_notify_lda(storm_loop_msg* msg, storm_port_info* info);
 int storm_constuct_info(storm_loop_msg* msg, uint32_t phyid, uint8_t is_loop);
+
+// Takes a record out of the list, during a poll too, and frees it.
+void storm_port_drop(storm_port_info* info);
 
 // ---- Rules (storm_rule.cpp) ----
 

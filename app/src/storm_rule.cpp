@@ -146,7 +146,33 @@ bool add_port_actions(fp_apply* apply, uint32_t rate, uint32_t burst) {
            add_item(apply, "fwd", FP_ITEM_ACTION, fwd, sizeof(fwd));
 }
 
-// New rate or burst for a record: its rule is replaced under the same ACL id.
+// Notifies the end of a loop that a record holds. Returns the port's record, or null when the
+// notification had it dropped.
+storm_port_info* end_loop(storm_port_info* info) {
+    if (info->is_loop != 1) {
+        return info;
+    }
+    const uint32_t phyid = info->phyid;
+    info->is_loop = 0;
+    storm_loop_msg msg;
+    storm_notify_lda(&msg, info);
+    return storm_port_index.find(phyid);
+}
+
+void reset_judgement(storm_port_info* info) {
+    // Kept on purpose: the running totals stay, so the next poll measures everything counted since
+    // the rule was first installed.
+    info->packet_count = 0;
+    info->byte_count = 0;
+    info->flow_over_times = 0;
+    info->unloop_times = 0;
+    info->poll_times = 0;
+    info->timer_notify = 0;
+    info->is_loop = 0;
+}
+
+// New rate or burst for a record: its rule is replaced under the same ACL id. Notifications and
+// failed applies may drop the record on the way; the rule is not installed without one.
 void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
     constexpr char kFunction[] = "storm_set_rate_burst";
     if (static_cast<uint32_t>(info->rate) == rate && info->burst == burst) {
@@ -159,23 +185,18 @@ void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
         APP_ERROR_AS(kFunction, "rv: %d", rv);
         return;
     }
-    if (info->is_loop == 1) {
-        info->is_loop = 0;
-        storm_loop_msg msg;
-        storm_notify_lda(&msg, info);
+    info = end_loop(info);
+    if (info == nullptr) {
+        return;
     }
-    // Kept on purpose: the running totals stay, so the next poll measures everything counted since
-    // the rule was first installed.
-    info->packet_count = 0;
-    info->byte_count = 0;
-    info->flow_over_times = 0;
-    info->unloop_times = 0;
-    info->poll_times = 0;
-    info->timer_notify = 0;
-    info->is_loop = 0;
+    reset_judgement(info);
     rv = storm_enable_by_fp(rate, burst, phyid);
     if (rv != 0) {
         APP_ERROR_AS(kFunction, "rv: %d", rv);
+        return;
+    }
+    info = storm_port_index.find(phyid);
+    if (info == nullptr) {
         return;
     }
     info->rate = static_cast<int32_t>(rate);
@@ -283,13 +304,10 @@ int storm_del_storm_detect(uint32_t phyid) {
     if (info == nullptr) {
         return 0;
     }
-    if (info->is_loop == 1) {
-        info->is_loop = 0;
-        storm_loop_msg msg;
-        storm_notify_lda(&msg, info);
+    info = end_loop(info);
+    if (info != nullptr) {
+        storm_port_drop(info);
     }
-    storm_port_index.drop(info);
-    --storm_port_num;
     return 0;
 }
 

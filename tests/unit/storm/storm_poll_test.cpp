@@ -447,6 +447,66 @@ TEST_F(StormPoll, FailedNotificationKeepsTheState) {
     EXPECT_EQ(verdicts(), kLoop);
 }
 
+// ---- Records that go during a poll ----
+
+TEST_F(StormPoll, RecordDroppedByItsOwnVerdictIsNotJudgedFurther) {
+    notify_msg_proc = [](const storm_loop_msg*) {
+        return storm_del_storm_detect(101);
+    };
+    polls_with(3, kOverRate);
+    EXPECT_EQ(record(101), nullptr);
+    EXPECT_EQ(storm_port_num, 0u);
+    EXPECT_EQ(std_opt_statics.notify_loop_times, 1);
+    EXPECT_EQ(fake::timers().size(), 1u) << "the next poll is armed";
+}
+
+TEST_F(StormPoll, RecordDroppedByItsRepetitionIsNotJudgedFurther) {
+    polls_with(21, kOverRate);
+    verdicts();
+    notify_msg_proc = [](const storm_loop_msg*) {
+        notify_msg_proc = storm_verdict;
+        return storm_del_storm_detect(101);
+    };
+    poll_with(kOverRate);
+    EXPECT_EQ(record(101), nullptr);
+    EXPECT_EQ(std_opt_statics.fix_notify_times, 1u);
+    EXPECT_EQ(verdicts(), kRemoved);
+}
+
+TEST_F(StormPoll, VerdictMayDropTheRecordsThatWouldBeJudgedNext) {
+    fake::add_port(3);
+    storm_set(2, true);
+    storm_set(3, true);
+    for (int n = 0; n < 2; ++n) {
+        count(103, kOverRate);
+        poll();
+    }
+    EXPECT_EQ(std_opt_statics.get_cnt_times, 6);
+    notify_msg_proc = [](const storm_loop_msg*) {
+        storm_del_storm_detect(102);
+        return storm_del_storm_detect(101);
+    };
+    count(103, kOverRate);
+    poll();
+    EXPECT_EQ(std_opt_statics.get_cnt_times, 7);
+    EXPECT_EQ(storm_port_num, 1u);
+    EXPECT_EQ(record(103)->is_loop, 1);
+}
+
+TEST_F(StormPoll, RecordMadeByAVerdictWaitsForTheNextPoll) {
+    polls_with(2, kOverRate);
+    notify_msg_proc = [](const storm_loop_msg*) {
+        storm_set(2, true);
+        return 0;
+    };
+    poll_with(kOverRate);
+    EXPECT_EQ(std_opt_statics.get_cnt_times, 3);
+    EXPECT_EQ(record(101)->is_loop, 1);
+    notify_msg_proc = storm_verdict;
+    poll_with(kOverRate);
+    EXPECT_EQ(std_opt_statics.get_cnt_times, 5);
+}
+
 // ---- After a change of the rule ----
 
 TEST_F(StormPoll, FirstPollAfterARateChangeMeasuresEverything) {

@@ -157,6 +157,30 @@ TEST_F(StormRule, UpdateOfALoopedPortNotifiesBetweenTheOldRuleAndTheNew) {
     EXPECT_EQ(std_opt_statics.notify_unloop_times, 0);
 }
 
+TEST_F(StormRule, UpdateEndsWhenTheNotifiedEndTakesThePortOutOfDetection) {
+    enable_port_1();
+    record(101)->is_loop = 1;
+    notify_msg_proc = [](const storm_loop_msg*) {
+        return storm_del_storm_detect(101);
+    };
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(take_calls(), port_rule_removed("101") + port_rule_removed("101"));
+    EXPECT_EQ(record(101), nullptr);
+    EXPECT_EQ(storm_port_num, 0u);
+}
+
+TEST_F(StormRule, UpdateWhoseApplyFailsAtOnceTakesThePortOutOfDetection) {
+    enable_port_1();
+    fake::on_call("fp_apply_add", [] {
+        const fp_acl_key key = fake::fp_key(101);
+        fake::fp_handlers().apply_failed(fake::mom_client(), &key, 28);
+    });
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(record(101), nullptr);
+    EXPECT_EQ(storm_port_num, 0u);
+    EXPECT_EQ(enabled(), "");
+}
+
 TEST_F(StormRule, FailedUpdateLeavesARecordWithoutRule) {
     enable_port_1();
     fake::fail("fp_entry_alloc");
@@ -392,6 +416,17 @@ TEST_F(StormRule, DeletionOfALoopedPortNotifiesItsEnd) {
     EXPECT_EQ(storm_del_storm_detect(101), 0);
     EXPECT_EQ(take_calls(), port_rule_removed("101") + Lines{"verdict is_loop=0 ifx=1"});
     EXPECT_EQ(std_opt_statics.notify_unloop_times, 0);
+    EXPECT_EQ(storm_port_num, 0u);
+    EXPECT_EQ(record(101), nullptr);
+}
+
+TEST_F(StormRule, DeletionThatIsRepeatedByTheNotifiedEndDropsTheRecordOnce) {
+    enable_port_1();
+    record(101)->is_loop = 1;
+    notify_msg_proc = [](const storm_loop_msg*) {
+        return storm_del_storm_detect(101);
+    };
+    EXPECT_EQ(storm_del_storm_detect(101), 0);
     EXPECT_EQ(storm_port_num, 0u);
     EXPECT_EQ(record(101), nullptr);
 }
