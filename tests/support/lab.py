@@ -111,17 +111,23 @@ class Lab:
         run("ip", "netns", "add", self.namespace)
         self.ip("link", "add", "br0", "type", "bridge")
         self.ip("link", "set", "br0", "up")
-        for name in self.port_names:
-            self.add_port(name)
+        self.batch(*(line for name in self.port_names for line in self.port_lines(name)))
 
     def ip(self, *arguments):
         return run("ip", "-n", self.namespace, *arguments)
 
+    def port_lines(self, name):
+        """Lines of ip(8) that make a veth pair: `name` in the bridge, its peer `name`-far beside it."""
+        return (f"link add name {name} type veth peer name {name}-far", f"link set {name}-far up",
+                f"link set {name} master br0 up")
+
     def add_port(self, name):
-        """A veth pair: `name` in the bridge, its peer `name`-far beside it."""
-        self.ip("link", "add", "name", name, "type", "veth", "peer", "name", f"{name}-far")
-        self.ip("link", "set", f"{name}-far", "up")
-        self.ip("link", "set", name, "master", "br0", "up")
+        self.batch(*self.port_lines(name))
+
+    def batch(self, *lines):
+        """Executes lines of ip(8) in the namespace, with one process for all."""
+        subprocess.run(["ip", "-n", self.namespace, "-batch", "-"], input="\n".join(lines) + "\n", text=True,
+                       check=True)
 
     def link(self, name):
         return json.loads(self.ip("-j", "link", "show", "dev", name))[0]

@@ -1,0 +1,168 @@
+"""Kinds of crash rounds: what happens on the switch around the moment at which the agent dies.
+
+A kind prepares the switch, then returns a Plan: what happens when. The agent is killed shortly after one of these
+moments. All choices come from `draw`, a random.Random of the round's own.
+"""
+
+import dataclasses
+from functools import partial
+
+from crash_lab import POLICY
+
+WARNING = "loop-detect enable"
+
+
+@dataclasses.dataclass
+class Event:
+    """Something that happens `at` seconds after the start. `must` happen: also when the agent is dead by then."""
+    at: float
+    act: object
+    must: bool = False
+
+
+@dataclasses.dataclass
+class Plan:
+    """`again`: the agent is started and killed as many times more, after these seconds. `keeps_shut`: nothing in this
+    round brings a port back, so a port that was down when the agent died stays down."""
+    events: list
+    again: tuple = ()
+    keeps_shut: bool = True
+
+
+def some(draw, ports):
+    return draw.sample(ports, draw.randint(1, len(ports)))
+
+
+def one_after_another(draw, lab, ports, first=0.0):
+    at, events = first, []
+    for port in ports:
+        events.append(Event(at, partial(lab.report_loops, [port])))
+        at += draw.uniform(0, 0.04)
+    return events
+
+
+# ---- Loops ----
+
+def burst(lab, draw):
+    """One to ten ports at once."""
+    lab.reset()
+    return Plan([Event(0, partial(lab.report_loops, some(draw, lab.loop_ports)))])
+
+
+def one_by_one(lab, draw):
+    """Ports with up to 40 ms between them."""
+    lab.reset()
+    return Plan(one_after_another(draw, lab, some(draw, lab.loop_ports)))
+
+
+def start(lab, draw):
+    """A burst, and the next agents die within their first 100 ms."""
+    lab.reset()
+    again = tuple(draw.uniform(0, 0.1) for _ in range(draw.randint(2, 5)))
+    return Plan([Event(0, partial(lab.report_loops, some(draw, lab.loop_ports)))], again)
+
+
+# ---- Recovery ----
+
+def shut_some(lab, draw):
+    lab.reset()
+    ports = some(draw, lab.loop_ports)
+    lab.report_loops(ports)
+    lab.wait_down(ports)
+    return ports
+
+
+def typing(lab, *lines):
+    """Types without waiting for the answers."""
+    def act():
+        for line in lines:
+            lab.session.send(line)
+    return act
+
+
+def recover_by_warning(lab, draw):
+    """The policy is changed to one that shuts nothing."""
+    shut_some(lab, draw)
+    return Plan([Event(draw.uniform(0, 0.03), typing(lab, WARNING))], keeps_shut=False)
+
+
+def recover_by_disabling(lab, draw):
+    """Detection is switched off."""
+    shut_some(lab, draw)
+    return Plan([Event(draw.uniform(0, 0.03), typing(lab, "no loop-detect enable"))], keeps_shut=False)
+
+
+def recover_by_release(lab, draw):
+    """The operator takes the mark from all marked ports."""
+    ports = shut_some(lab, draw)
+    lines = ("interface range " + ",".join(ports), "no loop-detect apply shutdown-port")
+    return Plan([Event(draw.uniform(0, 0.03), typing(lab, *lines))], keeps_shut=False)
+
+
+def shut_while_recovering(lab, draw):
+    """Ports come back by a policy change while others loop under the next one."""
+    shut_some(lab, draw)
+    events = [Event(0, typing(lab, WARNING)), Event(draw.uniform(0, 0.05), typing(lab, POLICY))]
+    return Plan(events + one_after_another(draw, lab, some(draw, lab.loop_ports), 0.02), keeps_shut=False)
+
+
+# ---- Policy ----
+
+def typed_policy(lab, draw):
+    """The shutting policy is typed right before the loops, or after them; nothing of it is saved yet."""
+    lab.reset(draw.choice([WARNING, "no loop-detect enable"]), settled=False)
+    policy = Event(draw.uniform(0, 0.02), typing(lab, POLICY))
+    loops = Event(draw.uniform(0, 0.02), partial(lab.report_loops, some(draw, lab.loop_ports)))
+    return Plan([policy, loops])
+
+
+def requested_policy(lab, draw):
+    """The same with a request record."""
+    lab.reset(draw.choice([WARNING, "no loop-detect enable"]), settled=False)
+    policy = Event(draw.uniform(0, 0.02), partial(lab.request_policy, 2))
+    return Plan([policy, *one_after_another(draw, lab, some(draw, lab.loop_ports), draw.uniform(0, 0.02))])
+
+
+# ---- Bridge ----
+
+def loops_then(lab, draw, away, back):
+    """Loops, then the lines `away` and `back` of ip(8); back comes at the latest after the restart."""
+    lab.reset()
+    at = draw.uniform(0, 0.08)
+    events = [Event(0, partial(lab.report_loops, some(draw, lab.loop_ports))),
+              Event(at, partial(lab.batch, *away), must=True),
+              Event(at + draw.uniform(0.001, 0.1), partial(lab.batch, *back), must=True)]
+    again = tuple(draw.uniform(0, 0.1) for _ in range(draw.randint(0, 2)))
+    return Plan(events, again, keeps_shut=False)
+
+
+def ports_leave(lab, draw):
+    """Ports leave the bridge and come back."""
+    ports = some(draw, lab.port_names)
+    return loops_then(lab, draw, [f"link set {port} nomaster" for port in ports],
+                      [f"link set {port} master br0" for port in ports])
+
+
+def ports_replaced(lab, draw):
+    """Ports are deleted, and new ones come with their names: up, as new ports are."""
+    ports = some(draw, lab.port_names)
+    return loops_then(lab, draw, [f"link del {port}" for port in ports],
+                      [line for port in ports for line in lab.port_lines(port)])
+
+
+def bridge_made_again(lab, draw):
+    """The bridge is deleted and made again with its ports."""
+    return loops_then(lab, draw, ["link del br0"],
+                      ["link add br0 type bridge", "link set br0 up",
+                       *(f"link set {port} master br0" for port in lab.port_names)])
+
+
+def bridge_renamed(lab, draw):
+    """The bridge gets another name and its own back."""
+    return loops_then(lab, draw, ["link set br0 down", "link set br0 name away"],
+                      ["link set away name br0", "link set br0 up"])
+
+
+KINDS = {kind.__name__: kind for kind in (
+    burst, one_by_one, start, recover_by_warning, recover_by_disabling, recover_by_release, shut_while_recovering,
+    typed_policy, requested_policy, ports_leave, ports_replaced, bridge_made_again, bridge_renamed)}

@@ -1,0 +1,227 @@
+"""The laboratory of the crash rounds: one namespace, bridge and redis-server serve thousands of rounds.
+
+Everything that a round does often avoids a new process: the kernel is asked by ioctl(2) on a socket of the
+namespace, the agent on an operator's session that stays open, Redis on one connection.
+"""
+
+import ctypes
+import fcntl
+import json
+import os
+import re
+import signal
+import socket
+import struct
+import subprocess
+import time
+
+from lab import APP_DB, LOCAL_DB, Lab, p_app, p_bridge, wait_for
+
+SIOCGIFFLAGS, SIOCSIFFLAGS, SIOCGIFINDEX = 0x8913, 0x8914, 0x8933
+IFF_UP = 1
+CLONE_NEWNET = 0x40000000
+LOOP_PORTS = 10  # the table holds no more
+OPERATOR_PORTS = 2
+POLICY = "loop-detect enable shutdown access-mode"
+# Long enough that nothing recovers by itself; in the running configuration it shows that the saved one is in force.
+MARKER = "loop-detect shutdown-recover-time 100000"
+MARK = "loop-detect apply shutdown-port"
+PUSHED = "tarn port loop-detect warning"
+REPORT = "p_bridge.tarn_loop_info"
+
+
+class Session:
+    """An operator's session, without a shell in between."""
+
+    def __init__(self, path):
+        self.socket = socket.socket(socket.AF_UNIX)
+        self.socket.settimeout(10)
+        self.socket.connect(str(path))
+        self.replies = self.socket.makefile("r")
+
+    def close(self):
+        self.replies.close()
+        self.socket.close()
+
+    def send(self, line, **where):
+        """Types a line and does not wait for the answer."""
+        self.socket.sendall(json.dumps({"exec": line, **where}).encode() + b"\n")
+
+    def type(self, *lines, **where):
+        """Types lines and returns the output of the last; a refusal is an error."""
+        output = ""
+        for line in lines:
+            self.send(line, **where)
+            answer = self.replies.readline()
+            if not answer:
+                raise ConnectionError(f"the session ended at '{line}'")
+            reply = json.loads(answer)
+            assert reply["result"] == 0, f"'{line}': {reply}"
+            output = reply["output"]
+        return output
+
+
+class RunningConfig:
+    """A running configuration, cut into its lines: `globals` and, by port name, `ports`."""
+
+    def __init__(self, text):
+        self.globals, self.ports = set(), {}
+        for section in re.split(r"^!\n", text, flags=re.MULTILINE):
+            lines = section.splitlines()
+            for number, line in enumerate(lines):
+                if line.startswith("interface "):
+                    self.ports[line.split()[1]] = {one.strip() for one in lines[number + 1:]}
+                    break
+                self.globals.add(line.strip())
+
+    def is_marked(self, port):
+        return MARK in self.ports.get(port, ())
+
+
+class CrashLab(Lab):
+    """A Linux switch with ports that loop (`loop_ports`) and ports that only the operator shuts (`operator_ports`).
+
+    `wishes` says for each of the latter whether the operator wants it shut and since when.
+    """
+
+    def __init__(self, slow_sync=False):
+        super().__init__(switch="linux", ports=LOOP_PORTS + OPERATOR_PORTS)
+        self.loop_ports = self.port_names[:LOOP_PORTS]
+        self.operator_ports = self.port_names[LOOP_PORTS:]
+        self.wishes = {port: (False, 0.0) for port in self.operator_ports}
+        self.session = None
+        self.through = self._slow_sync() if slow_sync else ()
+
+    def __enter__(self):
+        super().__enter__()
+        self.kernel = self._socket_inside()
+        self.start_redis()
+        self.records = self.database(APP_DB)
+        self.requests = self.database(LOCAL_DB)
+        self.start()
+        self.wait_ready(first_time=True)
+        self.session.type(MARKER)
+        return self
+
+    def __exit__(self, *exception):
+        self._close_session()
+        self.kernel.close()
+        super().__exit__(*exception)
+
+    def _slow_sync(self):
+        library = self.folder / "slow_sync.so"
+        source = os.path.join(os.path.dirname(__file__), "..", "..", "support", "slow_sync.c")
+        subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-o", str(library), source, "-ldl"], check=True)
+        return ("env", f"LD_PRELOAD={library}")
+
+    def _socket_inside(self):
+        """A socket of the namespace; it stays one when this thread is back in its own."""
+        libc = ctypes.CDLL(None, use_errno=True)
+        with open("/proc/thread-self/ns/net") as home, open(f"/run/netns/{self.namespace}") as inside:
+            if libc.setns(inside.fileno(), CLONE_NEWNET) != 0:
+                raise OSError(ctypes.get_errno(), "setns")
+            try:
+                return socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+            finally:
+                libc.setns(home.fileno(), CLONE_NEWNET)
+
+    # ---- kernel ----
+
+    def _interface(self, request, name, value=0):
+        packed = struct.pack("16si20x", name.encode(), value)
+        return struct.unpack("16si20x", fcntl.ioctl(self.kernel, request, packed))[1]
+
+    def is_up(self, name):
+        return bool(self._interface(SIOCGIFFLAGS, name) & IFF_UP)
+
+    def set_up(self, name):
+        self._interface(SIOCSIFFLAGS, name, self._interface(SIOCGIFFLAGS, name) & 0x7FFF | IFF_UP)
+
+    def wait_down(self, ports):
+        wait_for(lambda: not any(self.is_up(port) for port in ports), 10, "the ports are down", every=0.002)
+
+    def ifindex(self, name):
+        return self._interface(SIOCGIFINDEX, name)
+
+    # ---- records ----
+
+    def report_loops(self, ports):
+        """Sets the records of all `ports` in one go."""
+        with self.records.pipeline(transaction=True) as pipe:
+            for port in ports:
+                index = self.ifindex(port)
+                record = p_bridge.tarn_loop_info(vid=1, is_loop=1, src_ifx=index)
+                record.index.ifx = index
+                packed = record.SerializeToString()
+                pipe.set(f"{REPORT}/ifx={index}", packed)
+                pipe.publish(f"mom/{APP_DB}/{REPORT}", b"\x00" + packed)
+            pipe.execute()
+
+    def forget_loops(self):
+        """Removes all records unseen: when the agent looks next, there is no loop any more."""
+        keys = self.records.keys(f"{REPORT}/*")
+        if keys:
+            self.records.delete(*keys)
+
+    def request_policy(self, policy):
+        record = p_app.lda_nc_policy(loop_policy_cli=policy)
+        record.rst.index.type = 2
+        self.requests.publish(f"mom/{LOCAL_DB}/p_app.lda_nc_policy", b"\x00" + record.SerializeToString())
+
+    # ---- agent ----
+
+    def start(self):
+        self.start_agent(wait=False, through=self.through)
+
+    def kill(self, how=signal.SIGKILL):
+        """Ends the agent; TimeoutExpired when a signal that it may handle does not end it."""
+        self._close_session()
+        self.agent.send_signal(how)
+        self.agent.wait(timeout=10)
+        self.agent = None
+
+    def _close_session(self):
+        if self.session:
+            self.session.close()
+            self.session = None
+
+    def running(self):
+        return RunningConfig(self.session.type("show running-config", mode="exec"))
+
+    def wait_ready(self, first_time=False):
+        """Waits until the agent takes commands and has replayed the saved configuration."""
+        def ready():
+            assert self.agent.poll() is None, f"the agent has ended with status {self.agent.returncode}"
+            try:
+                if not self.session:
+                    self.session = Session(self.cli_socket)
+                    self.session.type("configure terminal")
+                return first_time or MARKER in self.running().globals
+            except (ConnectionError, FileNotFoundError):
+                self._close_session()
+                return False
+        wait_for(ready, 10, "the saved configuration is in force", every=0.003)
+
+    def reset(self, policy=POLICY, settled=True):
+        """Ports up but for what the operator wants, no loops, `policy` in force and, if `settled`, pushed and saved."""
+        self.forget_loops()
+        self.session.type("no loop-detect enable")
+        deadline = time.monotonic() + 0.2
+        while time.monotonic() < deadline and not all(self.is_up(port) for port in self.loop_ports):
+            time.sleep(0.002)
+        for port in self.loop_ports:
+            if not self.is_up(port):
+                self.session.type(f"interface {port}", "no shutdown", "exit")
+        for port, (shut, _) in self.wishes.items():
+            if self.is_up(port) == shut:
+                self.wish(port, shut)
+        self.session.type(policy)
+        if settled:
+            wait_for(lambda: all(PUSHED in self.running().ports.get(port, ()) for port in self.port_names), 10,
+                     "detection is pushed to all ports", every=0.003)
+            self.session.type("write", mode="exec")
+
+    def wish(self, port, shut):
+        """The operator shuts a port, or takes that back."""
+        self.session.type(f"interface {port}", "shutdown" if shut else "no shutdown", "exit")
+        self.wishes[port] = (shut, time.monotonic())
