@@ -139,6 +139,11 @@ class Lab:
         """The administrative state of a kernel interface."""
         return "UP" in self.link(name)["flags"]
 
+    def down_ports(self):
+        """The ports that are administratively down."""
+        links = {link["ifname"]: link["flags"] for link in json.loads(self.ip("-j", "link", "show"))}
+        return [name for name in self.port_names if "UP" not in links.get(name, "UP")]
+
     # ---- redis ----
 
     def start_redis(self):
@@ -178,6 +183,20 @@ class Lab:
         record = p_bridge.tarn_loop_info(vid=vid, is_loop=is_loop, src_ifx=origin)
         record.index.ifx = index
         self.set_record(APP_DB, "p_bridge.tarn_loop_info", f"ifx={index}", record)
+
+    def report_loops(self, ports):
+        """Sets the records of all `ports`, given like that of report_loop, at once: each sees its own probes."""
+        records = []
+        for port in ports:
+            index = port if isinstance(port, int) else self.ifindex(port)
+            record = p_bridge.tarn_loop_info(vid=1, is_loop=1, src_ifx=index)
+            record.index.ifx = index
+            records.append((index, record.SerializeToString()))
+        with self.database(APP_DB).pipeline(transaction=True) as pipe:
+            for index, packed in records:
+                pipe.set(f"p_bridge.tarn_loop_info/ifx={index}", packed)
+                pipe.publish(f"mom/{APP_DB}/p_bridge.tarn_loop_info", b"\x00" + packed)
+            pipe.execute()
 
     def loop_entries(self):
         """The published loop entries, by key."""

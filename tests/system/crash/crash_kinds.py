@@ -23,7 +23,7 @@ class Event:
 @dataclasses.dataclass
 class Plan:
     """`again`: the agent is started and killed as many times more, after these seconds. `keeps_shut`: nothing in this
-    round brings a port back, so a port that was down when the agent died stays down."""
+    round can bring a port back, the loss of a fresh policy included; what was down at the kill stays down."""
     events: list
     again: tuple = ()
     keeps_shut: bool = True
@@ -113,14 +113,15 @@ def typed_policy(lab, draw):
     lab.reset(draw.choice([WARNING, "no loop-detect enable"]), settled=False)
     policy = Event(draw.uniform(0, 0.02), typing(lab, POLICY))
     loops = Event(draw.uniform(0, 0.02), partial(lab.report_loops, some(draw, lab.loop_ports)))
-    return Plan([policy, loops])
+    return Plan([policy, loops], keeps_shut=False)
 
 
 def requested_policy(lab, draw):
     """The same with a request record."""
     lab.reset(draw.choice([WARNING, "no loop-detect enable"]), settled=False)
     policy = Event(draw.uniform(0, 0.02), partial(lab.request_policy, 2))
-    return Plan([policy, *one_after_another(draw, lab, some(draw, lab.loop_ports), draw.uniform(0, 0.02))])
+    return Plan([policy, *one_after_another(draw, lab, some(draw, lab.loop_ports), draw.uniform(0, 0.02))],
+                keeps_shut=False)
 
 
 # ---- Bridge ----

@@ -8,6 +8,7 @@ import ctypes
 import fcntl
 import json
 import os
+import pathlib
 import re
 import signal
 import socket
@@ -15,11 +16,12 @@ import struct
 import subprocess
 import time
 
-from lab import APP_DB, LOCAL_DB, Lab, p_app, p_bridge, wait_for
+from lab import APP_DB, LOCAL_DB, Lab, p_app, wait_for
 
 SIOCGIFFLAGS, SIOCSIFFLAGS, SIOCGIFINDEX = 0x8913, 0x8914, 0x8933
 IFF_UP = 1
 CLONE_NEWNET = 0x40000000
+WISH_SAVED_AFTER_S = 1.0
 LOOP_PORTS = 10  # the table holds no more
 OPERATOR_PORTS = 2
 POLICY = "loop-detect enable shutdown access-mode"
@@ -27,7 +29,6 @@ POLICY = "loop-detect enable shutdown access-mode"
 MARKER = "loop-detect shutdown-recover-time 100000"
 MARK = "loop-detect apply shutdown-port"
 PUSHED = "tarn port loop-detect warning"
-REPORT = "p_bridge.tarn_loop_info"
 
 
 class Session:
@@ -47,15 +48,19 @@ class Session:
         """Types a line and does not wait for the answer."""
         self.socket.sendall(json.dumps({"exec": line, **where}).encode() + b"\n")
 
+    def ask(self, line, **where):
+        """Types a line and returns the whole answer."""
+        self.send(line, **where)
+        answer = self.replies.readline()
+        if not answer:
+            raise ConnectionError(f"the session ended at '{line}'")
+        return json.loads(answer)
+
     def type(self, *lines, **where):
         """Types lines and returns the output of the last; a refusal is an error."""
         output = ""
         for line in lines:
-            self.send(line, **where)
-            answer = self.replies.readline()
-            if not answer:
-                raise ConnectionError(f"the session ended at '{line}'")
-            reply = json.loads(answer)
+            reply = self.ask(line, **where)
             assert reply["result"] == 0, f"'{line}': {reply}"
             output = reply["output"]
         return output
@@ -81,14 +86,14 @@ class RunningConfig:
 class CrashLab(Lab):
     """A Linux switch with ports that loop (`loop_ports`) and ports that only the operator shuts (`operator_ports`).
 
-    `wishes` says for each of the latter whether the operator wants it shut and since when.
+    `wishes` says for each of the latter whether the operator wants it shut.
     """
 
     def __init__(self, slow_sync=False):
         super().__init__(switch="linux", ports=LOOP_PORTS + OPERATOR_PORTS)
         self.loop_ports = self.port_names[:LOOP_PORTS]
         self.operator_ports = self.port_names[LOOP_PORTS:]
-        self.wishes = {port: (False, 0.0) for port in self.operator_ports}
+        self.wishes = {port: False for port in self.operator_ports}
         self.session = None
         self.through = self._slow_sync() if slow_sync else ()
 
@@ -101,6 +106,7 @@ class CrashLab(Lab):
         self.start()
         self.wait_ready(first_time=True)
         self.session.type(MARKER)
+        self.session.type("write", mode="exec")
         return self
 
     def __exit__(self, *exception):
@@ -145,21 +151,9 @@ class CrashLab(Lab):
 
     # ---- records ----
 
-    def report_loops(self, ports):
-        """Sets the records of all `ports` in one go."""
-        with self.records.pipeline(transaction=True) as pipe:
-            for port in ports:
-                index = self.ifindex(port)
-                record = p_bridge.tarn_loop_info(vid=1, is_loop=1, src_ifx=index)
-                record.index.ifx = index
-                packed = record.SerializeToString()
-                pipe.set(f"{REPORT}/ifx={index}", packed)
-                pipe.publish(f"mom/{APP_DB}/{REPORT}", b"\x00" + packed)
-            pipe.execute()
-
     def forget_loops(self):
         """Removes all records unseen: when the agent looks next, there is no loop any more."""
-        keys = self.records.keys(f"{REPORT}/*")
+        keys = self.records.keys("p_bridge.tarn_loop_info/*")
         if keys:
             self.records.delete(*keys)
 
@@ -188,6 +182,13 @@ class CrashLab(Lab):
     def running(self):
         return RunningConfig(self.session.type("show running-config", mode="exec"))
 
+    def delivered(self):
+        """State and processor time of the delivery thread: the same twice, and "S", when it has nothing to do."""
+        for task in pathlib.Path(f"/proc/{self.agent.pid}/task").iterdir():
+            if (task / "comm").read_text() == "lda_cli_deliver\n":
+                return (task / "stat").read_text().split()[2], (task / "schedstat").read_text().split()[0]
+        return None, None
+
     def wait_ready(self, first_time=False):
         """Waits until the agent takes commands and has replayed the saved configuration."""
         def ready():
@@ -196,14 +197,16 @@ class CrashLab(Lab):
                 if not self.session:
                     self.session = Session(self.cli_socket)
                     self.session.type("configure terminal")
-                return first_time or MARKER in self.running().globals
+                if first_time:
+                    return self.session.ask("write", mode="exec")["result"] == 0
+                return MARKER in self.running().globals
             except (ConnectionError, FileNotFoundError):
                 self._close_session()
                 return False
         wait_for(ready, 10, "the saved configuration is in force", every=0.003)
 
     def reset(self, policy=POLICY, settled=True):
-        """Ports up but for what the operator wants, no loops, `policy` in force and, if `settled`, pushed and saved."""
+        """No loops, the ports as the operator wants them, `policy` in force and, if `settled`, pushed and saved."""
         self.forget_loops()
         self.session.type("no loop-detect enable")
         deadline = time.monotonic() + 0.2
@@ -212,7 +215,7 @@ class CrashLab(Lab):
         for port in self.loop_ports:
             if not self.is_up(port):
                 self.session.type(f"interface {port}", "no shutdown", "exit")
-        for port, (shut, _) in self.wishes.items():
+        for port, shut in self.wishes.items():
             if self.is_up(port) == shut:
                 self.wish(port, shut)
         self.session.type(policy)
@@ -222,6 +225,7 @@ class CrashLab(Lab):
             self.session.type("write", mode="exec")
 
     def wish(self, port, shut):
-        """The operator shuts a port, or takes that back."""
+        """The operator shuts a port, or takes that back; returns when that must be known to the next agent."""
         self.session.type(f"interface {port}", "shutdown" if shut else "no shutdown", "exit")
-        self.wishes[port] = (shut, time.monotonic())
+        self.wishes[port] = shut
+        time.sleep(WISH_SAVED_AFTER_S)
