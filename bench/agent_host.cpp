@@ -48,18 +48,7 @@ AgentHost::AgentHost(unsigned ports, std::initializer_list<std::string_view> lin
     for (bool ready = false; !ready; std::this_thread::sleep_for(10ms)) {
         on_main([&] { ready = cli_ready != 0; });
     }
-    on_main([&] {
-        qv::cli::SessionState session;
-        session.mode = qv::cli::kModeConfig;
-        for (const std::string_view line : lines) {
-            const qv::cli::Result result = qv::cli::execute(session, line);
-            if (result.code != 0) {
-                std::fprintf(stderr, "refused: %s\n", result.output.c_str());
-                std::_Exit(1);
-            }
-        }
-    });
-    wait_delivered();
+    configure(lines);
 }
 
 AgentHost::~AgentHost() {
@@ -75,6 +64,21 @@ void AgentHost::on_main(const std::function<void()>& job) {
         done.set_value();
     });
     done.get_future().wait();
+}
+
+void AgentHost::configure(std::initializer_list<std::string_view> lines) {
+    on_main([&] {
+        qv::cli::SessionState session;
+        session.mode = qv::cli::kModeConfig;
+        for (const std::string_view line : lines) {
+            const qv::cli::Result result = qv::cli::execute(session, line);
+            if (result.code != 0) {
+                std::fprintf(stderr, "refused: %s\n", result.output.c_str());
+                std::_Exit(1);
+            }
+        }
+    });
+    wait_delivered();
 }
 
 // The delivery thread works without the queue lock, so an empty queue is not enough: two messages

@@ -15,13 +15,15 @@ namespace bench {
 
 class AgentHost {
  public:
-    // Returns once the saved configuration has been replayed and `lines` have been executed in mode
-    // config.
+    // Returns once the saved configuration has been replayed and `lines` are configured.
     AgentHost(unsigned ports, std::initializer_list<std::string_view> lines);
     ~AgentHost();
     AgentHost(const AgentHost&) = delete;
     AgentHost& operator=(const AgentHost&) = delete;
 
+    // Executes lines in mode config and waits until the agent has delivered what follows from them.
+    // A refusal ends the program.
+    void configure(std::initializer_list<std::string_view> lines);
     // Runs `job` on the agent's main thread and waits for its end.
     void on_main(const std::function<void()>& job);
     // Waits until the delivery thread has nothing left to do.

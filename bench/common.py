@@ -8,9 +8,10 @@ import time
 HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / "tests" / "support"))
 
-from lab import BUILD, wait_for  # noqa: E402  (the path comes first)
+from lab import BUILD, Lab, wait_for  # noqa: E402  (the path comes first)
 
 PROGRAMS = BUILD / "bench"
+TABLE_SIZE = 10  # ports in the loop state at a time
 
 
 def say(text):
@@ -47,6 +48,14 @@ def cpu_ns(pid):
                for task in pathlib.Path(f"/proc/{pid}/task").iterdir())
 
 
+def rest(lab):
+    """Waits until the agent has used less than 5 ms in half a second."""
+    previous = float("-inf")
+    while cpu_ns(lab.agent.pid) - previous > 5e6:
+        previous = cpu_ns(lab.agent.pid)
+        time.sleep(0.5)
+
+
 class Lines:
     """A program that answers a line with a line."""
 
@@ -62,9 +71,12 @@ class Lines:
             raise RuntimeError(f"{self.process.args[0]} has ended")
         return line.strip()
 
-    def ask(self, text):
+    def tell(self, text):
         self.process.stdin.write(f"{text}\n")
         self.process.stdin.flush()
+
+    def ask(self, text):
+        self.tell(text)
         return self.read()
 
     def __enter__(self):
@@ -75,6 +87,20 @@ class Lines:
         self.process.wait()
 
 
+class Bridge(Lab):
+    """A Linux switch whose many ports have no traffic of their own."""
+
+    def __init__(self, ports):
+        super().__init__(switch="linux", ports=ports)
+
+    def _make_bridge(self):
+        subprocess.run(["ip", "netns", "add", self.namespace], check=True)
+        for scope in ("all", "default"):
+            self.inside("sh", "-c", f"echo 1 > /proc/sys/net/ipv6/conf/{scope}/disable_ipv6")
+        self.batch("link add br0 type bridge", "link set br0 up",
+                   *(line for name in self.port_names for line in self.port_lines(name)))
+
+
 def in_namespace(lab, *command):
     return ["ip", "netns", "exec", lab.namespace, *command]
 
@@ -82,6 +108,6 @@ def in_namespace(lab, *command):
 def fresh_policy(lab, policy, rest_s=1):
     """Forgets all loops, which brings the ports up again, and waits until the switch is at rest."""
     lab.configure("no loop-detect enable")
-    wait_for(lambda: all(lab.is_up(name) for name in lab.port_names), 20, "the ports are up")
+    wait_for(lambda: not lab.down_ports(), 20, "the ports are up")
     lab.configure(policy)
     time.sleep(rest_s)

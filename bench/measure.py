@@ -16,48 +16,13 @@ import subprocess
 import sys
 import time
 
-from common import HERE, PROGRAMS, Lines, cpu_ns, fresh_policy, in_namespace, memory_mb, percentile, row, say
+from common import HERE, PROGRAMS, TABLE_SIZE, Lines, cpu_ns, memory_mb, rest, row, say
 from lab import Lab
 from netconf import measure_netconf
+from reaction import measure_reaction
 from storm import measure_storm
 
-TABLE_SIZE = 10  # ports in the loop state at a time
 SIZES = (48, 512, 4096)  # ports of a small, a large and the largest simulated switch
-
-
-# ---- Record set in Redis to kernel interface down ----
-
-def measure_shutdown(options):
-    rounds = 1 if options.quick else 10
-    names, agent_ns, bare_ns = [f"swp{n}" for n in range(1, TABLE_SIZE + 1)], [], []
-    with contextlib.ExitStack() as stack:
-        ours = stack.enter_context(Lab(switch="linux", ports=TABLE_SIZE))
-        bare = stack.enter_context(Lab(switch="linux", ports=TABLE_SIZE))
-        for lab in (ours, bare):
-            lab.start_redis()
-        ours.start_agent()
-        stack.enter_context(Lines(*in_namespace(bare, PROGRAMS / "bare_shutdown", bare.redis_socket),
-                                  ready=True))
-        probes = [stack.enter_context(
-            Lines(*in_namespace(lab, PROGRAMS / "shutdown_probe", lab.redis_socket)))
-            for lab in (ours, bare)]
-        indexes = [[lab.ifindex(name) for name in names] for lab in (ours, bare)]
-        for number in range(rounds):
-            say(f"shutdown: round {number + 1} of {rounds}")
-            fresh_policy(ours, "loop-detect enable shutdown access-mode")
-            for name in names:
-                bare.ip("link", "set", name, "up")
-            for ours_ifx, bare_ifx in zip(*indexes):
-                agent_ns.append(int(probes[0].ask(ours_ifx)))
-                time.sleep(0.1)
-                bare_ns.append(int(probes[1].ask(bare_ifx)))
-                time.sleep(0.1)
-    result = []
-    for name, part, limit in (("p50", 0.5, ("max", 2)), ("p99", 0.99, None)):
-        result.append(row(f"record set to interface down, {name}",
-                          percentile(agent_ns, part) / 1e3, "us",
-                          floor=percentile(bare_ns, part) / 1e3, limit=limit))
-    return result
 
 
 # ---- Loop reports per second ----
@@ -136,10 +101,7 @@ def start_rested(lab):
     lab.start_agent()
     lab.configure("loop-detect enable shutdown access-mode")
     time.sleep(1)
-    previous = float("-inf")
-    while cpu_ns(lab.agent.pid) - previous > 5e6:
-        previous = cpu_ns(lab.agent.pid)
-        time.sleep(0.5)
+    rest(lab)
 
 
 def measure_start(options):
@@ -232,7 +194,7 @@ def machine():
             "kernel": platform.release()}
 
 
-GROUPS = {"shutdown": measure_shutdown, "engine": measure_engine, "redis": measure_redis,
+GROUPS = {"reaction": measure_reaction, "engine": measure_engine, "redis": measure_redis,
           "start": measure_start, "idle": measure_idle, "delivery": measure_delivery,
           "storm": measure_storm, "netconf": measure_netconf}
 

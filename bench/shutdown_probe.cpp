@@ -13,6 +13,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstring>
 
@@ -34,9 +35,10 @@ int watch_links() {
     return fd;
 }
 
+// Also after an overrun, which is reported once and leaves the messages before it.
 void drain(int fd) {
     char bytes[8192];
-    while (::recv(fd, bytes, sizeof bytes, MSG_DONTWAIT) > 0) {
+    while (::recv(fd, bytes, sizeof bytes, MSG_DONTWAIT) > 0 || errno == ENOBUFS) {
     }
 }
 

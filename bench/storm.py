@@ -10,8 +10,8 @@ import statistics
 import subprocess
 import time
 
-from common import PROGRAMS, Lines, in_namespace, row, say
-from lab import Lab, wait_for
+from common import PROGRAMS, Bridge, Lines, in_namespace, row, say
+from lab import wait_for
 
 RECORDS = (64, 512, 4096)
 PORTS = (48, 512)  # of a small and a large Linux bridge
@@ -56,21 +56,6 @@ def measure_counters(options):
 
 
 # ---- Enabling ports from the command line ----
-
-class Bridge(Lab):
-    """A Linux switch whose many ports are made in one go, and without traffic of their own."""
-
-    def _make_bridge(self):
-        subprocess.run(["ip", "netns", "add", self.namespace], check=True)
-        for scope in ("all", "default"):
-            self.inside("sh", "-c", f"echo 1 > /proc/sys/net/ipv6/conf/{scope}/disable_ipv6")
-        lines = ["link add br0 type bridge", "link set br0 up"]
-        for name in self.port_names:
-            lines += [f"link add name {name} type veth peer name {name}-far",
-                      f"link set {name}-far up", f"link set {name} master br0 up"]
-        subprocess.run(["ip", "-n", self.namespace, "-batch", "-"], check=True,
-                       input="\n".join(lines), text=True)
-
 
 class Session:
     """A session of the command line, as docs/cli.md describes it."""
@@ -130,7 +115,7 @@ def measure_enabling(options):
     for ports in PORTS:
         say(f"storm: enabling {ports} ports")
         with contextlib.ExitStack() as stack:
-            lab = stack.enter_context(Bridge(switch="linux", ports=ports))
+            lab = stack.enter_context(Bridge(ports=ports))
             lab.start_redis()
             lab.start_agent()
             watch = stack.enter_context(Lines(*in_namespace(lab, PROGRAMS / "rule_watch")))
@@ -157,7 +142,7 @@ def measure_frames(options):
     frames, rounds = (100000, 3) if options.quick else (100000, 30)
     took = {"with": [], "without": [], "sender": []}
     with contextlib.ExitStack() as stack:
-        lab = stack.enter_context(Bridge(switch="linux", ports=2))
+        lab = stack.enter_context(Bridge(ports=2))
         lab.start_redis()
         lab.start_agent()
         lab.inside("bridge", "fdb", "add", KNOWN, "dev", "swp2", "master", "static")
