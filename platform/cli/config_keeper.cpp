@@ -177,14 +177,14 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     if (!port) {
         return "no such port";
     }
-    const bool held = sections_.held(ifx);
+    const ShutBy owner = sections_.shut_by(ifx);
     const ConfigSection section = sections_.change_admin(*port, up, by_program);
     if (!applying_) {
         write_ahead(section);
     }
     std::string reason = ports.set_admin(ifx, up);
     if (!reason.empty()) {
-        sections_.set_held(ifx, held);
+        sections_.set_shut_by(ifx, owner);
     }
     request_save();
     return reason;
@@ -213,14 +213,12 @@ void ConfigKeeper::note_journal(const std::string& trouble) {
     journal_trouble_ = trouble;
 }
 
-bool ConfigKeeper::take_wish(uint64_t ifx, std::string_view line) {
+void ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
     ConfigSection section;
-    if (!sections_.wish(static_cast<uint32_t>(ifx), line, section)) {
-        return false;
+    if (sections_.wish(static_cast<uint32_t>(ifx), line, section)) {
+        write_ahead(section);
+        request_save();
     }
-    write_ahead(section);
-    request_save();
-    return true;
 }
 
 bool ConfigKeeper::forget_port(const std::string& name) {
@@ -279,7 +277,7 @@ void ConfigKeeper::on_changed(const Port& before, const Port& after) {
         modes_.erase(after.ifx);
     }
     if (after.admin_up && !before.admin_up) {
-        sections_.set_held(after.ifx, false);
+        sections_.set_shut_by(after.ifx, ShutBy::kNobody);
     }
     if (before.admin_up != after.admin_up || before.mode != after.mode ||
         before.name != after.name) {

@@ -47,8 +47,8 @@ class ConfigKeeper final : public PortObserver {
     // Sets the admin state of a port, on behalf of a program or an operator, so that no crash
     // leaves it without an owner. An empty text when done, else the reason.
     std::string set_admin(uint32_t ifx, bool up, bool by_program);
-    // A line for a port that has left: true when it was taken as a wish.
-    bool take_wish(uint64_t ifx, std::string_view line);
+    // A line for a port that is not there: "no shutdown" is carried out when the port is back.
+    void note_wish(uint64_t ifx, std::string_view line);
     // Forgets what is kept for a port that is not there. False when nothing is.
     bool forget_port(const std::string& name);
     // The sections of ports that are not there.

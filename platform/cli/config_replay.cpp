@@ -72,7 +72,7 @@ void ConfigReplay::run_section(const ConfigSection& section) {
     }
     SessionState session = session_for(port);
     if (port && has_line(section, kHeldLine)) {
-        ports_.set_held(port->ifx, true);
+        ports_.set_shut_by(port->ifx, ShutBy::kProgram);
         held_.push_back(port->ifx);
         session.program = true;
     }
@@ -108,7 +108,8 @@ std::vector<uint32_t> ConfigReplay::unclaimed() const {
     std::vector<uint32_t> found;
     for (const uint32_t ifx : held_) {
         const Port* const port = platform().ports().find(ifx);
-        if (port && ports_.held(ifx) && !has_line(generate_section(*port), kHeldLine)) {
+        if (port && !port->admin_up && ports_.shut_by(ifx) == ShutBy::kProgram &&
+            !has_line(generate_section(*port), kHeldLine)) {
             found.push_back(ifx);
         }
     }

@@ -147,8 +147,8 @@ int run_line(SessionState& session, std::string_view line) {
     ConfigKeeper* const keeper = config_keeper();
     const uint64_t ifx = session.mode == kModeInterface ? session.ifx : 0;
     if (!ports_are_there(session)) {
-        if (keeper && keeper->take_wish(ifx, squeezed(line))) {
-            return 0;
+        if (keeper) {
+            keeper->note_wish(ifx, squeezed(line));
         }
         cli_printf("%% The interface does not exist.\n");
         return -1;

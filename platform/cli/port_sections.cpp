@@ -24,10 +24,11 @@ void add_admin_line(ConfigSection& section, std::string_view line) {
     section.lines.insert(at, {0, std::string(line)});
 }
 
-ConfigSection with_admin_line(ConfigSection section, bool down, bool held) {
+// `owner` is that of a port that is down, else nobody.
+ConfigSection with_admin_line(ConfigSection section, ShutBy owner) {
     remove_line(section, kShutdown);
-    if (down) {
-        const bool unclaimed = held && !has_line(section, kHeldLine);
+    const bool unclaimed = owner == ShutBy::kProgram && !has_line(section, kHeldLine);
+    if (owner != ShutBy::kNobody) {
         add_admin_line(section, unclaimed ? kNoShutdown : kShutdown);
     }
     return section;
@@ -40,25 +41,33 @@ bool has_line(const ConfigSection& section, std::string_view line) {
                        [line](const ConfigLine& other) { return other.text == line; });
 }
 
-ConfigSection PortSections::saved(const Port& port) const {
-    return with_admin_line(generate_section(port), !port.admin_up, held(port.ifx));
+ShutBy PortSections::shut_by(uint32_t ifx) const {
+    const auto found = shut_by_.find(ifx);
+    return found == shut_by_.end() ? ShutBy::kNobody : found->second;
 }
 
-void PortSections::set_held(uint32_t ifx, bool held) {
-    if (held) {
-        held_.insert(ifx);
+void PortSections::set_shut_by(uint32_t ifx, ShutBy owner) {
+    if (owner == ShutBy::kNobody) {
+        shut_by_.erase(ifx);
     } else {
-        held_.erase(ifx);
+        shut_by_[ifx] = owner;
     }
+}
+
+ConfigSection PortSections::saved(const Port& port) const {
+    return with_admin_line(generate_section(port),
+                           port.admin_up ? ShutBy::kNobody : shut_by(port.ifx));
 }
 
 ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_program) {
-    if (up || !by_program) {
-        held_.erase(port.ifx);
-    } else if (port.admin_up) {
-        held_.insert(port.ifx);  // a port that is down already keeps its owner
+    if (up) {
+        set_shut_by(port.ifx, ShutBy::kNobody);
+    } else if (!by_program) {
+        set_shut_by(port.ifx, ShutBy::kOperator);
+    } else if (shut_by(port.ifx) == ShutBy::kNobody) {
+        set_shut_by(port.ifx, ShutBy::kProgram);
     }
-    ConfigSection section = with_admin_line(generate_section(port), !up, held(port.ifx));
+    ConfigSection section = with_admin_line(generate_section(port), shut_by(port.ifx));
     // The port may still be down when this is read.
     if (up && !has_line(section, kHeldLine)) {
         add_admin_line(section, kNoShutdown);
@@ -73,7 +82,7 @@ void PortSections::leave(const Port& port, uint32_t mode_before) {
         const std::string mode = swport_vlan_mode_name(mode_before);
         section.lines.insert(section.lines.begin(), {0, "switchport mode " + mode});
     }
-    held_.erase(port.ifx);
+    set_shut_by(port.ifx, ShutBy::kNobody);
     if (!section.lines.empty()) {
         keep(std::move(section), port.ifx);
     }

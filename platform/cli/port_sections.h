@@ -1,12 +1,13 @@
 // Who shut which port, and the sections of ports that have left: what the saved configuration knows
 // beyond the lines that the running one prints. Loop thread only.
 //
-// A shutdown belongs to the operator or to the program that typed it. A program that holds a port
-// shut says so with a line of its own in the port's section (kHeldLine). Between the moment in
-// which it takes that line back and its "no shutdown" the port is down and nobody claims it: saved
-// as "shutdown" it would stay dark after a crash, so it is saved as "no shutdown", which the next
-// start carries out. A section with the line is the program's, whatever else it says: it shuts the
-// port again and brings it back in its own time.
+// A shutdown belongs to the operator or to the program that typed it. One that came from outside,
+// as when a device is taken down on its way to removal, is nobody's and is not saved. A program
+// that holds a port shut says so with a line of its own in the port's section (kHeldLine). Between
+// the moment in which it takes that line back and its "no shutdown" the port is down and nobody
+// claims it: saved as "shutdown" it would stay dark after a crash, so it is saved as "no shutdown",
+// which the next start carries out. A section with the line is the program's, whatever else it
+// says: it shuts the port again and brings it back in its own time.
 //
 // Configuration belongs to the name of a port. What a port's section says when the port leaves is
 // kept, stays in every saved configuration, and is applied when a port of that name appears.
@@ -14,7 +15,6 @@
 
 #include <cstdint>
 #include <map>
-#include <set>
 #include <string>
 #include <string_view>
 
@@ -26,6 +26,9 @@ namespace qv::cli {
 inline constexpr std::string_view kHeldLine = "loop-detect apply shutdown-port";
 
 bool has_line(const ConfigSection& section, std::string_view line);
+
+// Whose a port's shutdown is.
+enum class ShutBy { kNobody, kOperator, kProgram };
 
 class PortSections {
  public:
@@ -41,8 +44,8 @@ class PortSections {
     // its new owner's.
     ConfigSection change_admin(const Port& port, bool up, bool by_program);
 
-    bool held(uint32_t ifx) const { return held_.contains(ifx); }
-    void set_held(uint32_t ifx, bool held);
+    ShutBy shut_by(uint32_t ifx) const;
+    void set_shut_by(uint32_t ifx, ShutBy owner);
 
     // ---- Ports that are not ----
 
@@ -65,7 +68,7 @@ class PortSections {
         uint64_t age;
     };
 
-    std::set<uint32_t> held_;  // shut by a program
+    std::map<uint32_t, ShutBy> shut_by_;  // nobody: left out
     std::map<std::string, Kept> kept_;
     uint64_t ages_ = 0;
 };

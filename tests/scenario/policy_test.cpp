@@ -1,9 +1,6 @@
 // Policies: from the operator's line to the ports, the database and the saved configuration.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "lda_msg.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
@@ -17,12 +14,6 @@ SwitchRig::Options with_ports(unsigned ports) {
     SwitchRig::Options options;
     options.ports = ports;
     return options;
-}
-
-std::string content(const std::filesystem::path& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
 }
 
 const std::string kHeading =
@@ -60,10 +51,10 @@ TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
     EXPECT_EQ(rig.stored_policy(), 4);
     rig.take_executed();
     rig.advance(10s);
-    EXPECT_EQ(content(rig.saved_file()),
-              " tarn enable\n"
-              " tarn error-recover interval 90\n"
-              " loop-detect enable shutdown access-hybrid-mode\n"
+    EXPECT_EQ(rig.saved_text(),
+              "tarn enable\n"
+              "tarn error-recover interval 90\n"
+              "loop-detect enable shutdown access-hybrid-mode\n"
               "interface swp1\n"
               " tarn port loop-detect warning\n"
               " storm-loop-detect enable\n"
@@ -82,7 +73,7 @@ TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
     EXPECT_EQ(rig.stored_policy(), 0);
     EXPECT_EQ(rig.running_config(), "interface swp1\n!\n");
     rig.advance(10s);
-    EXPECT_EQ(content(rig.saved_file()), "interface swp1\n!\nend\n");
+    EXPECT_EQ(rig.saved_text(), "interface swp1\n!\nend\n");
     EXPECT_EQ(rig.take_log(), Lines{});
 }
 

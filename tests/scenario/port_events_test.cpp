@@ -327,7 +327,9 @@ TEST(PortEvents, DeletedLoopedPortKeepsItsPlaceUntilDetectionIsDisabled) {
     EXPECT_EQ(rig.take_executed(),
               (Lines{"config: tarn enable\r\n", "config: tarn error-recover interval 90\r\n",
                      "interface 3: tarn port loop-detect warning\r\n",
-                     "interface 3: storm-loop-detect enable\r\n"}));
+                     "interface 3: storm-loop-detect enable\r\n",
+                     // Its section was kept, and with it that it is held.
+                     "interface 3: shutdown \r\n"}));
     rig.report(3, 1, 3);
     EXPECT_EQ(table_line(rig), "loop-detect intf_num: 4, loop_num=2");
     rig.type({"configure terminal", "no loop-detect enable", "end"});
@@ -335,7 +337,7 @@ TEST(PortEvents, DeletedLoopedPortKeepsItsPlaceUntilDetectionIsDisabled) {
     EXPECT_EQ(rig.entry("swp3"), "none");
 }
 
-TEST(PortEvents, PortDeletedAndAddedAtOnceIsANewPort) {
+TEST(PortEvents, PortDeletedAndAddedAtOnceIsANewPortThatIsStillHeld) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);
@@ -346,9 +348,15 @@ TEST(PortEvents, PortDeletedAndAddedAtOnceIsANewPort) {
         EXPECT_EQ(cli::execute(session, "test port add swp3").output, "");
     });
     EXPECT_EQ(table_line(rig), "loop-detect intf_num: 4, loop_num=1");
-    EXPECT_EQ(rig.section("swp3"), kFeatureLines);
-    rig.advance(600s);
+    EXPECT_EQ(rig.section("swp3"),
+              (Lines{"shutdown", "tarn port loop-detect warning", "loop-detect apply shutdown-port",
+                     "storm-loop-detect enable"}));
     EXPECT_EQ(rig.take_log(), Lines{});
+    rig.advance(600s);
+    EXPECT_EQ(rig.section("swp3"), kFeatureLines);
+    EXPECT_EQ(rig.take_log(),
+              Lines{"LOOP_DETECT-3-RECOVER: Interface swp3 recovered from loop error."});
+    EXPECT_EQ(table_line(rig), "loop-detect intf_num: 4, loop_num=1");
 }
 
 // ---- Ports that come ----

@@ -1,8 +1,7 @@
 // The saved configuration: what it holds while ports are shut, and what comes of it after a start.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
+#include <algorithm>
 
 #include "lda_main.h"
 #include "lda_msg.h"
@@ -16,12 +15,6 @@ using namespace std::chrono_literals;
 
 const Lines kFeatureLines{"tarn port loop-detect warning", "storm-loop-detect enable"};
 
-std::string content(const std::filesystem::path& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
-}
-
 SwitchRig::Options saved(std::string text, unsigned ports = 2) {
     SwitchRig::Options options;
     options.ports = ports;
@@ -34,10 +27,10 @@ TEST(SavedConfiguration, PortShutByTheAgentIsSavedAsSuch) {
     rig.set_policy("shutdown access-mode");
     rig.report(2, 1, 2);
     rig.advance(10s);
-    EXPECT_EQ(content(rig.saved_file()),
-              " tarn enable\n"
-              " tarn error-recover interval 90\n"
-              " loop-detect enable shutdown access-mode\n"
+    EXPECT_EQ(rig.saved_text(),
+              "tarn enable\n"
+              "tarn error-recover interval 90\n"
+              "loop-detect enable shutdown access-mode\n"
               "interface swp1\n"
               " tarn port loop-detect warning\n"
               " storm-loop-detect enable\n"
@@ -78,6 +71,63 @@ TEST(SavedConfiguration, HeldPortIsRecoveredAfterARestart) {
     EXPECT_EQ(rig.take_executed(),
               (Lines{"interface 2: errdisable recovery \r\n", "interface 2: no shutdown  \r\n"}));
     EXPECT_EQ(rig.section("swp2"), kFeatureLines);
+}
+
+// The mark must not be judged by the mode that the port had before its line was replayed.
+TEST(SavedConfiguration, HeldHybridPortIsNotOpenedByARestart) {
+    SwitchRig rig(
+        saved(" loop-detect enable shutdown hybrid-mode\n"
+              "interface swp2\n"
+              " switchport mode hybrid\n"
+              " shutdown\n"
+              " loop-detect apply shutdown-port\n"
+              "!\n"));
+    const Lines executed = rig.take_executed();
+    EXPECT_EQ(std::count(executed.begin(), executed.end(), "interface 2: shutdown \r\n"), 1);
+    EXPECT_EQ(std::count(executed.begin(), executed.end(), "interface 2: no shutdown  \r\n"), 0);
+    EXPECT_EQ(rig.section("swp2"),
+              (Lines{"switchport mode hybrid", "shutdown", "tarn port loop-detect warning",
+                     "loop-detect apply shutdown-port", "storm-loop-detect enable"}));
+}
+
+TEST(SavedConfiguration, HeldHybridPortThatIsTakenOutAndPutBackStaysHeld) {
+    SwitchRig rig(saved("interface swp2\n switchport mode hybrid\n!\n"));
+    rig.set_policy("shutdown hybrid-mode");
+    rig.type({"configure terminal", "interface swp2", "storm-loop-rate ratelimit 123456", "end"});
+    rig.report(2, 1, 2);
+    rig.advance(1s);
+    const Lines held{"switchport mode hybrid",        "shutdown",
+                     "tarn port loop-detect warning", "loop-detect apply shutdown-port",
+                     "storm-loop-detect enable",      "storm-loop-rate ratelimit 123456"};
+    EXPECT_EQ(rig.section("swp2"), held);
+    rig.type("test port delete swp2");
+    rig.advance(1s);
+    EXPECT_EQ(rig.section("swp2"), held) << "the section of a port that is not there";
+    rig.type("test port add swp2");
+    rig.advance(1s);
+    EXPECT_EQ(rig.section("swp2"), held);
+    rig.advance(310s);
+    EXPECT_EQ(rig.section("swp2"),
+              (Lines{"switchport mode hybrid", "tarn port loop-detect warning",
+                     "storm-loop-detect enable", "storm-loop-rate ratelimit 123456"}));
+}
+
+TEST(SavedConfiguration, RenamedPortTakesItsStateAlongWhenItsLoopHasEnded) {
+    SwitchRig rig(saved(""));
+    rig.set_policy("shutdown access-mode");
+    rig.report(2, 1, 2);
+    rig.advance(1s);
+    rig.type("test port rename swp2 uplink");
+    rig.advance(1s);
+    EXPECT_EQ(rig.entry("swp2"), "policy=1 src_port=1") << "looped, it stays the old port";
+    EXPECT_EQ(lda_loop_result_get(2)->name, std::string("swp2"));
+    rig.report(2, 0, 2);
+    rig.advance(400s);  // recovery, then the clear interval
+    EXPECT_EQ(rig.entry("swp2"), "none");
+    EXPECT_EQ(lda_loop_result_get(2)->name, std::string("uplink"));
+    rig.report(2, 1, 2);
+    rig.advance(1s);
+    EXPECT_EQ(rig.entry("uplink"), "policy=1 src_port=1");
 }
 
 TEST(SavedConfiguration, PortThatComesLaterIsMarkedWhenItAppears) {

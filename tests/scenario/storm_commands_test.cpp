@@ -1,9 +1,6 @@
 // The storm commands as an operator types them: bounds, prefixes, and what is saved and replayed.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "storm_detect.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
@@ -32,12 +29,6 @@ Lines installed(SwitchRig& rig) {
         }
     });
     return rules;
-}
-
-std::string content(const std::filesystem::path& file) {
-    std::ostringstream text;
-    text << std::ifstream(file).rdbuf();
-    return text.str();
 }
 
 TEST(StormCommands, RatesAndBurstsWithinTheirBoundsAreTaken) {
@@ -129,7 +120,7 @@ TEST(StormCommands, RateBeforeEnableIsShownAndSavedWithoutABurst) {
     EXPECT_EQ(rig.running_config(), kSaved);
     EXPECT_EQ(installed(rig), Lines{"5000/1024"});
     rig.type({"end", "write"});
-    EXPECT_EQ(content(rig.saved_file()), std::string(kSaved) + "end\n");
+    EXPECT_EQ(rig.saved_text(), std::string(kSaved) + "end\n");
 }
 
 TEST(StormCommands, RateAfterEnableIsShownAndSavedWithoutABurst) {
@@ -139,7 +130,7 @@ TEST(StormCommands, RateAfterEnableIsShownAndSavedWithoutABurst) {
     EXPECT_EQ(rig.running_config(), kSaved);
     EXPECT_EQ(installed(rig), Lines{"5000/1024"});
     rig.type({"end", "write"});
-    EXPECT_EQ(content(rig.saved_file()), std::string(kSaved) + "end\n");
+    EXPECT_EQ(rig.saved_text(), std::string(kSaved) + "end\n");
 }
 
 void expect_restored_from(const std::string& saved) {

@@ -221,7 +221,7 @@ struct StormRuleFailure : testing::Test {
     void watch() {
         rig.trace();
         rig.type({"configure terminal", "interface swp1", "storm-loop-rate ratelimit 5000",
-                  "storm-loop-detect enable", "end"});
+                  "storm-loop-detect enable", "end", "write"});
         rig.take_log();
     }
 };

@@ -14,6 +14,7 @@
 #include "lda_cli_delivery.h"
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
+#include "platform/cli/config_file.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/notification_ring.h"
 #include "platform/driver/mutex.h"
@@ -191,7 +192,9 @@ SwitchRig::SwitchRig(Options options) {
     std::string pattern = (std::filesystem::temp_directory_path() / "lda-rig-XXXXXX").string();
     folder_ = mkdtemp(pattern.data());
     if (!options.saved_configuration.empty()) {
-        std::ofstream(saved_file()) << options.saved_configuration;
+        std::string text = std::move(options.saved_configuration);
+        text += text.ends_with('\n') ? "end\n" : "\nend\n";
+        std::ofstream(saved_file()) << cli::seal_config(std::move(text), 0);
     }
     PlatformConfig config;
     config.embedded_ports = options.ports;
@@ -419,6 +422,13 @@ void SwitchRig::put(uint32_t db, const ProtobufCMessage& record) {
     ASSERT_TRUE(key.has_value());
     const std::vector<uint8_t> packed = pack_record(record);
     on_main([&] { store().put(db, *key, packed); });
+}
+
+std::string SwitchRig::saved_text() const {
+    std::ostringstream text;
+    text << std::ifstream(saved_file()).rdbuf();
+    const cli::UnsealedConfig config = cli::unseal_config(text.str());
+    return config.intact ? config.text : "not valid";
 }
 
 MemoryStore& SwitchRig::store() {

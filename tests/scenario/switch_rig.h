@@ -34,7 +34,7 @@ class SwitchRig {
 
     struct Options {
         unsigned ports = 8;
-        std::string saved_configuration;  // the file at the start; empty: there is none
+        std::string saved_configuration;  // without its end and seal; empty: there is no file
         std::function<void()> prepare;    // runs before the agent starts, on the test's thread
         // Runs when the store exists and no client is connected yet, on the agent's main thread.
         std::function<void(MemoryStore&)> store_made;
@@ -103,6 +103,8 @@ class SwitchRig {
     MemoryStore& store();
     const std::filesystem::path& folder() const { return folder_; }
     std::filesystem::path saved_file() const { return folder_ / "startup.cfg"; }
+    // What the saved file says, without its seal; "not valid" when it has none.
+    std::string saved_text() const;
 
  private:
     class Log;

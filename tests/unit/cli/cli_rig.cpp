@@ -9,6 +9,9 @@
 namespace qv::test {
 
 std::string PlainSwitch::set_admin(uint32_t ifx, bool up) {
+    if (before_change) {
+        before_change();
+    }
     if (refusal.empty()) {
         ports_.at(ifx).admin_up = up;
         sink_->port_changed(ports_.at(ifx));
@@ -36,6 +39,11 @@ void PlainSwitch::add(const std::string& name, uint32_t ifx, uint32_t type) {
 void PlainSwitch::remove(uint32_t ifx) {
     ports_.erase(ifx);
     sink_->port_removed(ifx);
+}
+
+void PlainSwitch::rename(uint32_t ifx, const std::string& name) {
+    ports_.at(ifx).name = name;
+    sink_->port_changed(ports_.at(ifx));
 }
 
 TestFolder::TestFolder() {

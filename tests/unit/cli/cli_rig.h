@@ -24,8 +24,10 @@ class PlainSwitch final : public SwitchDriver {
 
     void add(const std::string& name, uint32_t ifx, uint32_t type = 2);
     void remove(uint32_t ifx);
+    void rename(uint32_t ifx, const std::string& name);
 
     std::string refusal;
+    std::function<void()> before_change;  // called before an admin state changes
 
  private:
     PortSink* sink_ = nullptr;

@@ -291,16 +291,6 @@ TEST_F(SavedConfig, EveryLineThatSomebodyTypesIsSavedWithinASecond) {
               "interface swp4\n!\n");
 }
 
-TEST_F(SavedConfig, ChangeFromOutsideIsSavedWithinASecond) {
-    rig.announce_ready();
-    rig.platform.run_for(1s);
-    qv::Port port = *rig.model.find(101U);
-    port.admin_up = false;
-    rig.model.port_changed(port);
-    rig.platform.run_for(1s);
-    EXPECT_EQ(saved_text(), "interface swp1\n shutdown\n" + kPorts.substr(15));
-}
-
 int g_generations = 0;
 int count_generation(cli_pcdb*) {
     ++g_generations;

@@ -188,6 +188,15 @@ TEST_F(Lsm, AddDeleteAndDefaultReachTheClassOfPorts) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 3", "port 2 port 3", "port 1 port 3"}));
 }
 
+TEST_F(Lsm, RenamedPortIsToldAsRemovedAndAdded) {
+    start();
+    rig.change(1, [](Port& port) { port.name = "uplink"; });
+    EXPECT_EQ(heard(), (Texts{"port 1 port 1", "port 0 port 1"}));
+    char name[16];
+    EXPECT_EQ(lsm_if_get_sname(1, name, sizeof name), 0);
+    EXPECT_STREQ(name, "uplink");
+}
+
 TEST_F(Lsm, HandlerNeverRunsInsideTheChange) {
     start();
     add(3);
@@ -285,11 +294,7 @@ TEST_F(Lsm, StateChangesOfOtherKindsAreNotTold) {
     start();
     rig.change(2, [](Port& port) { port.admin_up = port.oper_up = false; });
     rig.change(2, [](Port& port) { port.mode = SWPORT_MODE_HYBRID; });
-    rig.change(2, [](Port& port) { port.name = "uplink"; });
     EXPECT_EQ(heard(), Texts{});
-    char name[16];
-    EXPECT_EQ(lsm_if_get_sname(2, name, sizeof name), 0);
-    EXPECT_STREQ(name, "uplink");
 }
 
 TEST_F(Lsm, ClassWithoutAHandlerIsDropped) {

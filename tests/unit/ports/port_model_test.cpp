@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 
 #include "qv/bridge.h"
@@ -17,6 +18,8 @@ class Recorder final : public qv::PortObserver {
     std::vector<std::string> heard;
     std::function<void(const Port&)> when_removed = [](const Port&) {
     };
+    std::function<void(const Port&)> when_removing = [](const Port&) {
+    };
 
     void on_added(const Port& port) override { note("added", port); }
     void on_removed(const Port& port) override {
@@ -26,6 +29,8 @@ class Recorder final : public qv::PortObserver {
     void on_changed(const Port& before, const Port& after) override {
         heard.push_back("changed " + before.name + " to " + after.name);
     }
+    void on_removing(const Port& port) override { when_removing(port); }
+    void on_renamed(const Port& port) override { note("renamed", port); }
     void on_default(const Port& port) override { note("default", port); }
     void on_left_bridge(const Port& port) override { note("left", port); }
     void on_complete() override { heard.push_back("complete"); }
@@ -69,7 +74,7 @@ TEST_F(PortModel, PortReportedAgainWithAnotherNameIsAChange) {
     Port renamed = PortsRig::port(7);
     renamed.name = "uplink";
     rig.model.port_added(renamed);
-    EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to uplink"}));
+    EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to uplink", "renamed uplink"}));
     EXPECT_EQ(rig.model.find("swp7"), nullptr);
     EXPECT_NE(rig.model.find("uplink"), nullptr);
 }
@@ -103,7 +108,10 @@ TEST_F(PortModel, DifferenceInAnyFieldIsAChange) {
     for (const auto change : changes) {
         heard();
         rig.change(7, change);
-        EXPECT_EQ(heard().size(), 1u);
+        const Texts texts = heard();
+        EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
+                                [](auto& text) { return text.starts_with("changed "); }),
+                  1);
         rig.change(7, change);
         EXPECT_EQ(heard(), Texts{});
     }
@@ -134,6 +142,73 @@ TEST_F(PortModel, PortThatLeftTheBridgeHasNoMode) {
     rig.model.port_left_bridge(7);
     EXPECT_EQ(rig.model.find(7)->mode, SWPORT_MODE_NONE);
     EXPECT_EQ(heard(), (Texts{"added swp7", "left swp7"}));
+}
+
+TEST_F(PortModel, PortThatGoesIsStillKnownWhenItsRemovalIsAnnounced) {
+    rig.model.port_added(PortsRig::port(7));
+    bool known = false;
+    recorder.when_removing = [&](const Port& port) {
+        known = rig.model.find(port.ifx) == &port && heard() == Texts{"added swp7"};
+    };
+    rig.model.port_removed(7);
+    EXPECT_TRUE(known);
+    EXPECT_EQ(heard(), Texts{"removed swp7"});
+}
+
+TEST_F(PortModel, PortThatLeavesTheBridgeIsToldWithTheModeItHad) {
+    rig.model.port_added(PortsRig::port(7));
+    rig.change(7, [](Port& port) { port.mode = SWPORT_MODE_HYBRID; });
+    class Modes final : public qv::PortObserver {
+     public:
+        uint32_t before = SWPORT_MODE_NONE;
+        void on_added(const Port&) override {}
+        void on_removed(const Port&) override {}
+        void on_changed(const Port&, const Port&) override {}
+        void on_default(const Port&) override {}
+        void on_left_bridge(const Port& port) override { before = port.mode; }
+        void on_complete() override {}
+    } modes;
+    rig.model.add_observer(modes);
+    rig.model.port_left_bridge(7);
+    EXPECT_EQ(modes.before, SWPORT_MODE_HYBRID);
+    EXPECT_EQ(rig.model.find(7)->mode, SWPORT_MODE_NONE);
+}
+
+TEST_F(PortModel, RenameWaitsWhileTheOldNameIsInUse) {
+    std::string in_use = "swp7";
+    rig.model.set_name_in_use([&](const std::string& name) { return name == in_use; });
+    rig.model.port_added(PortsRig::port(7));
+    rig.change(7, [](Port& port) { port.name = "first"; });
+    EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to first"}));
+    rig.change(7, [](Port& port) { port.name = "second"; });
+    rig.model.settle_renames();
+    EXPECT_EQ(heard(), Texts{"changed first to second"}) << "it is the first name that counts";
+    in_use.clear();
+    rig.model.settle_renames();
+    rig.model.settle_renames();
+    EXPECT_EQ(heard(), Texts{"renamed second"});
+}
+
+TEST_F(PortModel, PortThatGetsItsOldNameBackWasNeverRenamed) {
+    bool in_use = true;
+    rig.model.set_name_in_use([&](const std::string&) { return in_use; });
+    rig.model.port_added(PortsRig::port(7));
+    rig.change(7, [](Port& port) { port.name = "other"; });
+    rig.change(7, [](Port& port) { port.name = "swp7"; });
+    in_use = false;
+    rig.model.settle_renames();
+    EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to other", "changed other to swp7"}));
+}
+
+TEST_F(PortModel, RenameOfAPortThatGoesIsForgotten) {
+    bool in_use = true;
+    rig.model.set_name_in_use([&](const std::string&) { return in_use; });
+    rig.model.port_added(PortsRig::port(7));
+    rig.change(7, [](Port& port) { port.name = "other"; });
+    rig.model.port_removed(7);
+    in_use = false;
+    rig.model.settle_renames();
+    EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to other", "removed other"}));
 }
 
 TEST_F(PortModel, CompletionIsToldOnce) {

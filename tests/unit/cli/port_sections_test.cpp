@@ -1,0 +1,433 @@
+// Who shut which port: what the journal and the saved configuration say of it at every moment, and
+// what a start makes of that. A program stands in for the agent: it holds ports and says so in the
+// running configuration.
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <set>
+#include <string>
+#include <vector>
+
+#include "platform/cli/command_trees.h"
+#include "platform/cli/config_keeper.h"
+#include "platform/cli/journal.h"
+#include "platform/cli/port_sections.h"
+#include "qv/bridge.h"
+#include "qv/cli.h"
+#include "tests/unit/cli/cli_rig.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using qv::cli::JournalRecord;
+using qv::test::read_text;
+using qv::test::write_text;
+using Lines = std::vector<std::string>;
+
+std::set<uint64_t> g_held;
+bool g_refuses = false;  // the program does not want to hold anything
+
+int hold(cli_pcdb* pcdb) {
+    if (pcdb->prefix & CLI_PREFIX_NO) {
+        g_held.erase(pcdb->ifx);
+    } else if (!g_refuses) {
+        g_held.insert(pcdb->ifx);
+    }
+    return 0;
+}
+
+int print_held(cli_pcdb* pcdb) {
+    if (g_held.contains(pcdb->ifx)) {
+        c2p_printf(pcdb, 1, "loop-detect apply shutdown-port");
+    }
+    return 0;
+}
+
+class PortSectionsTest : public ::testing::Test {
+ protected:
+    PortSectionsTest() {
+        g_held.clear();
+        g_refuses = false;
+        const cli_node* end = qv::cli::end_of_line(hold);
+        const cli_node* tree = qv::cli::print_config(
+            print_held, qv::cli::with_no(end, qv::cli::with_default(end, end)));
+        qv::cli::attach(
+            CLI_CHAIN_INTERFACE,
+            qv::cli::keyword(
+                "loop-detect", "",
+                qv::cli::keyword("apply", "", qv::cli::keyword("shutdown-port", "", tree))),
+            "test");
+    }
+
+    void was_saved(const std::string& text, uint64_t journal = 0) {
+        write_text(rig.saved(), qv::cli::seal_config(text + "end\n", journal));
+    }
+    void start() {
+        rig.announce_ready();
+        rig.platform.run_for(1s);
+    }
+    // Executes a line as the program does.
+    int program(uint32_t ifx, const char* line) {
+        const int session = cli_sub_create_session();
+        cli_mode mode{};
+        std::string("interface").copy(mode.name, sizeof mode.name - 1);
+        mode.ifx = ifx;
+        const int result = cli_execute_cmd_buf_fd(session, line, &mode, nullptr, nullptr);
+        ::close(session);
+        return result;
+    }
+    void operator_types(uint32_t ifx, const std::string& line) {
+        rig.session.mode = "interface";
+        rig.session.ifx = ifx;
+        rig.type(line);
+        rig.session.mode = "exec";
+    }
+    // The section of a port in the saved file: "none" when there is no section.
+    std::string saved(const std::string& port) const {
+        const auto config = qv::cli::unseal_config(read_text(rig.saved()));
+        EXPECT_TRUE(config.intact);
+        return section_in(config.text, port);
+    }
+    static std::string section_in(const std::string& text, const std::string& port) {
+        const size_t start = text.find("interface " + port + "\n");
+        if (start == std::string::npos) {
+            return "none";
+        }
+        const size_t first = text.find('\n', start) + 1;
+        return text.substr(first, text.find("!\n", first) - first);
+    }
+    // "PORT: LINE, LINE" of the newest record.
+    std::string last_record() const {
+        const auto records = qv::cli::read_journal(rig.saved() + ".journal");
+        return records.empty() ? "none" : told(records.back());
+    }
+    static std::string told(const JournalRecord& record) {
+        std::string text = record.section.port + ":";
+        for (const auto& line : record.section.lines) {
+            text += " " + line.text + ",";
+        }
+        return text;
+    }
+    bool up(uint32_t ifx) const { return rig.model.find(ifx)->admin_up; }
+
+    qv::test::CliRig rig;
+};
+
+TEST_F(PortSectionsTest, JournalKnowsOfAShutdownBeforeThePortGoesDown) {
+    start();
+    g_held.insert(102);
+    std::string at_change = "not called";
+    rig.hardware.before_change = [&] {
+        at_change = last_record();
+    };
+    EXPECT_EQ(program(102, "shutdown"), 0);
+    EXPECT_EQ(at_change, "swp2: shutdown, loop-detect apply shutdown-port,");
+    EXPECT_FALSE(up(102));
+}
+
+TEST_F(PortSectionsTest, JournalKnowsOfARecoveryBeforeThePortGoesUp) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    g_held.clear();
+    std::string at_change = "not called";
+    rig.hardware.before_change = [&] {
+        at_change = last_record();
+    };
+    EXPECT_EQ(program(102, "no shutdown"), 0);
+    EXPECT_EQ(at_change, "swp2: no shutdown,");
+    EXPECT_TRUE(up(102));
+}
+
+TEST_F(PortSectionsTest, GlobalLinesStandInTheJournalBeforeTheSectionThatNeedsThem) {
+    start();
+    rig.session.mode = "config";
+    rig.type("tarn enable");
+    g_held.insert(102);
+    program(102, "shutdown");
+    const auto records = qv::cli::read_journal(rig.saved() + ".journal");
+    ASSERT_EQ(records.size(), 2U);
+    EXPECT_EQ(told(records[0]), ": tarn enable,");
+    EXPECT_EQ(told(records[1]), "swp2: shutdown, loop-detect apply shutdown-port,");
+    program(103, "shutdown");
+    EXPECT_EQ(qv::cli::read_journal(rig.saved() + ".journal").size(), 3U) << "once is enough";
+}
+
+TEST_F(PortSectionsTest, SaveEmptiesTheJournal) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(last_record(), "none");
+    EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+}
+
+TEST_F(PortSectionsTest, PortThatWaitsForItsRecoveryIsSavedAsOneToBeBroughtBack) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    g_held.clear();
+    cli_syn_config_notify();
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " no shutdown\n");
+    program(102, "no shutdown");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), "");
+}
+
+TEST_F(PortSectionsTest, OperatorsShutdownStaysTheOperators) {
+    start();
+    operator_types(102, "shutdown");
+    program(102, "shutdown");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " shutdown\n");
+}
+
+TEST_F(PortSectionsTest, OperatorTakesAShutdownOver) {
+    start();
+    program(102, "shutdown");
+    operator_types(102, "shutdown");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " shutdown\n");
+}
+
+TEST_F(PortSectionsTest, ShutdownThatTheSwitchRefusesHasNoOwner) {
+    start();
+    rig.hardware.refusal = "Operation not permitted";
+    program(102, "shutdown");
+    rig.hardware.refusal.clear();
+    EXPECT_TRUE(up(102));
+    qv::Port port = *rig.model.find(102U);
+    port.admin_up = false;
+    rig.model.port_changed(port);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), "") << "shut from outside afterwards";
+}
+
+TEST_F(PortSectionsTest, PortOpenedFromOutsideIsNoLongerTheProgramsShutdown) {
+    start();
+    program(102, "shutdown");
+    qv::Port port = *rig.model.find(102U);
+    port.admin_up = true;
+    rig.model.port_changed(port);
+    port.admin_up = false;
+    rig.model.port_changed(port);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), "");
+}
+
+// The kernel takes a device down before it removes it.
+TEST_F(PortSectionsTest, PortThatGoesDownOnItsWayOutWasNeverShut) {
+    start();
+    operator_types(102, "tarn port loop-detect warning");
+    qv::Port port = *rig.model.find(102U);
+    port.admin_up = false;
+    rig.model.port_changed(port);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " tarn port loop-detect warning\n");
+    rig.hardware.remove(102);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " tarn port loop-detect warning\n");
+}
+
+TEST_F(PortSectionsTest, ProgramOwnsAShutdownOfAPortThatWasTakenDownFromOutside) {
+    start();
+    qv::Port port = *rig.model.find(102U);
+    port.admin_up = false;
+    rig.model.port_changed(port);
+    program(102, "shutdown");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " no shutdown\n");
+}
+
+// ---- After a crash ----
+
+void journal(const std::string& path, uint64_t last,
+             std::vector<std::pair<std::string, Lines>> all) {
+    qv::cli::Journal journal(path);
+    ASSERT_EQ(journal.open(last), "");
+    for (auto& [port, lines] : all) {
+        qv::cli::ConfigSection section;
+        section.port = port;
+        for (auto& line : lines) {
+            section.lines.push_back({0, line});
+        }
+        ASSERT_EQ(journal.append(section), "");
+    }
+}
+
+TEST_F(PortSectionsTest, RecordsTakeThePlaceOfTheSavedSections) {
+    was_saved(
+        "tarn error-recover interval 90\ninterface swp1\n tarn port loop-detect warning\n!\n"
+        "interface swp2\n shutdown\n!\n",
+        5);
+    journal(rig.saved() + ".journal", 5,
+            {{"", {"tarn enable"}}, {"swp2", {"switchport mode trunk"}}, {"swp3", {"shutdown"}}});
+    start();
+    EXPECT_EQ(rig.type("show running-config"),
+              "tarn enable\ninterface swp1\n tarn port loop-detect warning\n!\n"
+              "interface swp2\n switchport mode trunk\n!\ninterface swp3\n shutdown\n!\n"
+              "interface swp4\n!\n");
+    EXPECT_EQ(rig.platform.log.lines(), Lines{});
+}
+
+TEST_F(PortSectionsTest, RecordsThatTheSavedFileIncludesAreOld) {
+    was_saved("interface swp2\n shutdown\n!\n", 6);
+    journal(rig.saved() + ".journal", 4, {{"swp2", {}}, {"swp3", {"shutdown"}}});  // 5 and 6
+    start();
+    EXPECT_FALSE(up(102));
+    EXPECT_TRUE(up(103));
+}
+
+TEST_F(PortSectionsTest, PortThatWasOnItsWayUpIsBroughtUp) {
+    rig.hardware.set_admin(102, false);
+    was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n", 1);
+    journal(rig.saved() + ".journal", 1, {{"swp2", {"no shutdown"}}});
+    start();
+    EXPECT_TRUE(up(102));
+    EXPECT_TRUE(g_held.empty());
+    EXPECT_EQ(saved("swp2"), "");
+}
+
+TEST_F(PortSectionsTest, HeldPortStaysTheProgramsThroughTwoCrashes) {
+    rig.hardware.set_admin(102, false);  // as the last process left it
+    was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n");
+    start();
+    EXPECT_TRUE(g_held.contains(102));
+    EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+    // The program lets go, and what is saved then must bring the port back after another crash.
+    g_held.clear();
+    cli_syn_config_notify();
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " no shutdown\n");
+}
+
+TEST_F(PortSectionsTest, HeldPortThatNobodyClaimsIsBroughtBack) {
+    rig.hardware.set_admin(102, false);
+    g_refuses = true;
+    was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n");
+    start();
+    EXPECT_TRUE(up(102));
+    EXPECT_EQ(
+        rig.platform.log.lines(),
+        Lines{"CLI-4-RELEASED: Interface swp2 was held shut and nobody claims it any more: it "
+              "is brought back."});
+}
+
+TEST_F(PortSectionsTest, OperatorsShutdownIsReplayed) {
+    was_saved("interface swp2\n shutdown\n!\n");
+    start();
+    EXPECT_FALSE(up(102));
+    EXPECT_EQ(saved("swp2"), " shutdown\n");
+}
+
+// ---- Ports that leave ----
+
+TEST_F(PortSectionsTest, PortThatLeavesKeepsItsSectionAndGetsItBack) {
+    start();
+    operator_types(102, "switchport mode hybrid");
+    operator_types(102, "tarn port loop-detect warning");
+    g_held.insert(102);
+    program(102, "shutdown");
+    rig.model.port_left_bridge(102);  // takes its VLAN mode away
+    g_held.clear();                   // the program re-judges it: it is in no VLAN
+    rig.hardware.remove(102);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"),
+              " switchport mode hybrid\n no shutdown\n tarn port loop-detect warning\n");
+
+    rig.hardware.add("swp2", 202);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(rig.model.find(202U)->mode, SWPORT_MODE_HYBRID);
+    EXPECT_EQ(saved("swp2"), " switchport mode hybrid\n tarn port loop-detect warning\n");
+}
+
+TEST_F(PortSectionsTest, HeldPortThatLeavesIsHeldWhenItIsBack) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    rig.hardware.remove(102);
+    g_held.clear();
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+    rig.hardware.add("swp2", 202);
+    rig.platform.run_for(1s);
+    EXPECT_TRUE(g_held.contains(202));
+    EXPECT_FALSE(up(202));
+    EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+}
+
+TEST_F(PortSectionsTest, WishForAPortThatHasLeftIsCarriedOutWhenItIsBack) {
+    start();
+    operator_types(102, "tarn port loop-detect warning");
+    g_held.insert(102);
+    program(102, "shutdown");
+    rig.hardware.remove(102);
+    g_held.clear();
+    EXPECT_EQ(program(102, "no shutdown  \r\n"), -1) << "not done yet";
+    EXPECT_EQ(last_record(), "swp2: no shutdown, tarn port loop-detect warning,");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " no shutdown\n tarn port loop-detect warning\n");
+    rig.hardware.add("swp2", 202);
+    rig.hardware.set_admin(202, false);  // as it left
+    rig.platform.run_for(1s);
+    EXPECT_TRUE(up(202));
+    EXPECT_EQ(saved("swp2"), " tarn port loop-detect warning\n");
+}
+
+TEST_F(PortSectionsTest, OtherLinesForAPortThatHasLeftAreRefused) {
+    start();
+    g_held.insert(102);
+    rig.hardware.remove(102);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(program(102, "shutdown"), -1);
+    EXPECT_EQ(program(999, "no shutdown"), -1);
+    EXPECT_EQ(saved("swp2"), " loop-detect apply shutdown-port\n");
+}
+
+TEST_F(PortSectionsTest, DefaultInterfaceForgetsAPortThatIsGone) {
+    start();
+    operator_types(102, "tarn port loop-detect warning");
+    rig.hardware.remove(102);
+    rig.session.mode = "config";
+    EXPECT_EQ(rig.type("default interface swp2"), "");
+    EXPECT_EQ(rig.type("default interface swp2"), "% Unknown interface: 'swp2'.\n");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), "none");
+}
+
+TEST_F(PortSectionsTest, AbsentPortsStandInTheRunningConfiguration) {
+    start();
+    operator_types(104, "tarn port loop-detect warning");
+    rig.hardware.remove(104);
+    EXPECT_EQ(rig.type("show running-config"),
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\n"
+              "interface swp4\n tarn port loop-detect warning\n!\n");
+}
+
+TEST_F(PortSectionsTest, OldestAbsentPortsAreDroppedBeyondTheLimit) {
+    qv::cli::PortSections sections;
+    for (size_t n = 0; n <= qv::cli::PortSections::kMaxKept; ++n) {
+        sections.keep(
+            {.port = "veth" + std::to_string(n), .number = 0, .lines = {{0, "shutdown"}}});
+    }
+    EXPECT_FALSE(sections.kept("veth0"));
+    EXPECT_TRUE(sections.kept("veth1"));
+    EXPECT_TRUE(sections.kept("veth" + std::to_string(qv::cli::PortSections::kMaxKept)));
+}
+
+// ---- Renames ----
+
+TEST_F(PortSectionsTest, RenamedPortTakesItsSectionAlong) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    rig.hardware.rename(102, "uplink");
+    g_held.clear();  // for the program it is another port
+    rig.platform.run_for(1s);
+    EXPECT_TRUE(g_held.contains(102));
+    EXPECT_EQ(saved("uplink"), " shutdown\n loop-detect apply shutdown-port\n");
+    EXPECT_EQ(saved("swp2"), "none");
+}
+
+}  // namespace
