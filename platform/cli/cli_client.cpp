@@ -25,10 +25,17 @@
 namespace qv::cli {
 namespace {
 
+// Operators live in real time, whatever the speed of a simulated switch's clock.
+SocketServer::Limits limits_of(const PlatformConfig& config) {
+    const std::chrono::duration<double> idle(config.cli_idle_timeout_s * config.speed);
+    return {.sessions = config.cli_max_sessions,
+            .idle = std::chrono::duration_cast<Duration>(idle)};
+}
+
 struct Client {
     Client(EventLoop& on, const PlatformConfig& config)
         : loop(on),
-          server(on, config.cli_socket),
+          server(on, config.cli_socket, limits_of(config)),
           keeper(on, platform().background(), config.startup_config) {}
 
     EventLoop& loop;

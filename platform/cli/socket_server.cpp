@@ -1,11 +1,16 @@
 #include "platform/cli/socket_server.h"
 
+#include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <stdexcept>
 
 #include "platform/cli/unix_socket.h"
+#include "platform/cli/wire.h"
+#include "qv/syslog.h"
 
 namespace qv::cli {
 namespace {
@@ -14,11 +19,28 @@ namespace {
 constexpr std::chrono::seconds kAcceptPause{1};
 constexpr int kAcceptsPerTurn = 32;
 
+// Descriptors get the lowest free number, so a number below the reserve leaves the reserve alone.
+bool in_reserve(int fd) {
+    rlimit limit{};
+    return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
+           static_cast<rlim_t>(fd) + SocketServer::kReservedDescriptors >= limit.rlim_cur;
+}
+
+void turn_away(int fd, const std::string& reason) {
+    SessionState nobody;
+    nobody.leaving = true;
+    const std::string text = reply(error_result(reason), nobody);
+    // A fresh connection has room for one line.
+    static_cast<void>(::send(fd, text.data(), text.size(), MSG_NOSIGNAL));
+    ::close(fd);
+}
+
 }  // namespace
 
-SocketServer::SocketServer(EventLoop& loop, std::string path)
-    : loop_(loop), path_(std::move(path)), fd_(listen_at(path_)) {
+SocketServer::SocketServer(EventLoop& loop, std::string path, Limits limits)
+    : loop_(loop), path_(std::move(path)), limits_(limits), fd_(listen_at(path_)) {
     watch_listener();
+    watch_file();
 }
 
 SocketServer::~SocketServer() {
@@ -37,9 +59,14 @@ void SocketServer::accept_some() {
             pause_when_exhausted(errno);
             return;
         }
+        if (const std::string refusal = refusal_for(fd); !refusal.empty()) {
+            turn_away(fd, refusal);
+            continue;
+        }
         const uint64_t id = next_id_++;
-        const auto session = sessions_.emplace(
-            id, std::make_unique<SocketSession>(loop_, fd, [this, id] { end_session(id); }));
+        const auto session =
+            sessions_.emplace(id, std::make_unique<SocketSession>(loop_, fd, limits_.idle,
+                                                                  [this, id] { end_session(id); }));
         session.first->second->start();
     }
 }
@@ -49,6 +76,46 @@ void SocketServer::pause_when_exhausted(int reason) {
     if (reason == EMFILE || reason == ENFILE || reason == ENOBUFS || reason == ENOMEM) {
         watch_.reset();
         retry_ = loop_.after(kAcceptPause, [this] { watch_listener(); });
+    }
+}
+
+// Why this client gets no session; empty when it gets one.
+std::string SocketServer::refusal_for(int fd) const {
+    if (sessions_.size() >= limits_.sessions) {
+        return "Too many sessions (limit " + std::to_string(limits_.sessions) + ").";
+    }
+    return in_reserve(fd) ? "No session: the switch is short of descriptors." : "";
+}
+
+void SocketServer::watch_file() {
+    file_check_ = loop_.after(kFileCheck, [this] {
+        struct stat status {};
+        if (::lstat(path_.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
+            put_back();
+        }
+        watch_file();
+    });
+}
+
+void SocketServer::put_back() {
+    // A socket that is not in the file system any more can have no new clients but those waiting.
+    accept_some();
+    try {
+        const int fresh = listen_at(path_);
+        watch_.reset();
+        retry_.reset();
+        ::close(fd_);
+        fd_ = fresh;
+        watch_listener();
+        file_trouble_reported_ = false;
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "SOCKET",
+                      "%s was removed; operators can connect again.", path_.c_str());
+    } catch (const std::runtime_error& problem) {
+        if (!file_trouble_reported_) {
+            file_trouble_reported_ = true;
+            printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "SOCKET", "Operators cannot connect: %s.",
+                          problem.what());
+        }
     }
 }
 

@@ -1,4 +1,8 @@
-// The command-line socket and the sessions on it. Loop thread only.
+// The command-line socket and the operators' sessions on it. Loop thread only.
+//
+// Sessions are limited in number, and they leave the last kReservedDescriptors of the process to
+// everything else. A client beyond a limit is told so in one line and closed. A socket file that
+// was removed is put back within kFileCheck.
 #pragma once
 
 #include <map>
@@ -14,9 +18,17 @@ namespace qv::cli {
 
 class SocketServer {
  public:
+    static constexpr int kReservedDescriptors = 16;
+    static constexpr std::chrono::seconds kFileCheck{5};
+
+    struct Limits {
+        size_t sessions = 64;
+        Duration idle = std::chrono::minutes(30);  // zero: sessions may be idle for ever
+    };
+
     // Listens on a Unix stream socket at `path`, mode 0660; missing folders are made, a socket that
     // nobody listens on is replaced. Throws std::runtime_error with path and reason.
-    SocketServer(EventLoop& loop, std::string path);
+    SocketServer(EventLoop& loop, std::string path, Limits limits);
     ~SocketServer();
     SocketServer(const SocketServer&) = delete;
     SocketServer& operator=(const SocketServer&) = delete;
@@ -31,17 +43,23 @@ class SocketServer {
     void watch_listener();
     void accept_some();
     void pause_when_exhausted(int reason);
+    std::string refusal_for(int fd) const;
+    void watch_file();
+    void put_back();
     void end_session(uint64_t id);
 
     EventLoop& loop_;
-    std::string path_;
+    const std::string path_;
+    const Limits limits_;
     int fd_ = -1;
+    bool file_trouble_reported_ = false;
     uint64_t next_id_ = 1;
     std::map<uint64_t, std::unique_ptr<SocketSession>> sessions_;
     // Sessions that ended in a call of their own; destroyed from the loop.
     std::vector<std::unique_ptr<SocketSession>> ended_;
     EventLoop::Handle watch_;
     EventLoop::Handle retry_;
+    EventLoop::Handle file_check_;
     EventLoop::Handle sweep_;
 };
 

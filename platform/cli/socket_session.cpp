@@ -17,8 +17,15 @@ constexpr int kWrite = 2;
 
 }  // namespace
 
-SocketSession::SocketSession(EventLoop& loop, int fd, std::function<void()> on_closed)
-    : loop_(loop), fd_(fd), on_closed_(std::move(on_closed)) {}
+SocketSession::SocketSession(EventLoop& loop, int fd, Duration idle,
+                             std::function<void()> on_closed)
+    : loop_(loop),
+      fd_(fd),
+      idle_(idle),
+      last_used_(loop.clock().now()),
+      on_closed_(std::move(on_closed)) {
+    watch_idleness();
+}
 
 SocketSession::~SocketSession() {
     if (fd_ >= 0) {
@@ -34,6 +41,7 @@ void SocketSession::close() {
     watch_.reset();
     next_turn_.reset();
     stall_timer_.reset();
+    idle_timer_.reset();
     ::close(fd_);
     fd_ = -1;
     on_closed_();
@@ -55,6 +63,7 @@ bool SocketSession::read_some() {
     char bytes[kReadBytes];
     const ssize_t size = ::recv(fd_, bytes, sizeof bytes, 0);
     if (size > 0) {
+        last_used_ = loop_.clock().now();
         input_.append(bytes, static_cast<size_t>(size));
         return true;
     }
@@ -121,6 +130,29 @@ void SocketSession::finish_request(const Result& result) {
 
 void SocketSession::send(const std::string& reply) {
     output_ += reply;
+}
+
+void SocketSession::watch_idleness() {
+    if (idle_ > Duration::zero()) {
+        const Duration left = last_used_ + idle_ - loop_.clock().now();
+        idle_timer_ = loop_.after(left, [this] { close_when_idle(); });
+    }
+}
+
+// One timer for the whole time: it looks again instead of being set with every byte.
+void SocketSession::close_when_idle() {
+    const Time now = loop_.clock().now();
+    if (state_.monitor || answering_ || sent_ < output_.size()) {
+        last_used_ = now;
+    }
+    if (now - last_used_ < idle_) {
+        watch_idleness();
+        return;
+    }
+    state_.leaving = true;
+    send(reply(error_result("Session closed: it was idle for too long."), state_));
+    leave_ = true;
+    flush();
 }
 
 void SocketSession::show_message(std::string_view text) {

@@ -4,6 +4,8 @@
 // while the client takes its replies: when it does not, the session stops reading, so neither
 // buffer grows beyond its limit. The same holds while a command has its answer deferred: the next
 // request waits for that answer. A client that has not taken a byte for kStalledAfter is dropped.
+// One that has sent nothing for the idle time is told so and closed, unless it monitors or waits
+// for output.
 #pragma once
 
 #include <functional>
@@ -22,10 +24,10 @@ inline constexpr std::chrono::seconds kStalledAfter{60};
 
 class SocketSession {
  public:
-    // Takes the descriptor, which must not block. `on_closed` is called once, when the session has
-    // come to its end; it may be called from within any other call and must not destroy the session
-    // right away.
-    SocketSession(EventLoop& loop, int fd, std::function<void()> on_closed);
+    // Takes the descriptor, which must not block. An `idle` of zero is no limit. `on_closed` is
+    // called once, when the session has come to its end; it may be called from within any other
+    // call and must not destroy the session right away.
+    SocketSession(EventLoop& loop, int fd, Duration idle, std::function<void()> on_closed);
     ~SocketSession();
     SocketSession(const SocketSession&) = delete;
     SocketSession& operator=(const SocketSession&) = delete;
@@ -46,10 +48,14 @@ class SocketSession {
     void send(const std::string& reply);
     void flush();
     void update_watch();
+    void watch_idleness();
+    void close_when_idle();
     void close();
 
     EventLoop& loop_;
     int fd_;  // -1 when closed
+    const Duration idle_;
+    Time last_used_;  // when the client last sent something or was last waiting
     std::function<void()> on_closed_;
     SessionState state_;
     std::string input_;
@@ -65,6 +71,7 @@ class SocketSession {
     EventLoop::Handle watch_;
     EventLoop::Handle next_turn_;
     EventLoop::Handle stall_timer_;
+    EventLoop::Handle idle_timer_;
 };
 
 }  // namespace qv::cli

@@ -21,6 +21,8 @@ namespace {
 constexpr size_t kMaxBridgeName = 15;  // the kernel's limit for an interface name
 constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr int64_t kMaxPorts = 4096;
+constexpr int64_t kMaxSessions = 1024;
+constexpr int64_t kMaxIdleTimeout_s = 7 * 24 * 3600;
 constexpr double kMaxSpeed = 10000.0;
 
 [[noreturn]] void refuse_file(const std::string& path, int error) {
@@ -174,7 +176,12 @@ std::string socket_fault(const std::string& socket) {
 void read_sections(const Section& top, PlatformConfig& config) {
     top.section("linux", {"bridge"}).text("bridge", config.bridge, bridge_fault);
     top.section("redis", {"socket"}).text("socket", config.redis_socket, socket_fault);
-    top.section("cli", {"socket"}).text("socket", config.cli_socket, socket_fault);
+
+    const Section cli = top.section("cli", {"socket", "max_sessions", "idle_timeout"});
+    cli.text("socket", config.cli_socket, socket_fault);
+    cli.whole_number("max_sessions", config.cli_max_sessions, 1, kMaxSessions);
+    cli.whole_number("idle_timeout", config.cli_idle_timeout_s, 0, kMaxIdleTimeout_s);
+
     top.section("embedded", {"ports"}).whole_number("ports", config.embedded_ports, 1, kMaxPorts);
 
     const Section files = top.section("files", {"startup_config", "log_dir", "capabilities"});

@@ -15,6 +15,8 @@ struct PlatformConfig {
     std::string bridge = "br0";                                 // [linux] bridge
     std::string redis_socket = "/run/redis/redis-server.sock";  // [redis] socket
     std::string cli_socket = "/run/lda/cli.sock";               // [cli] socket
+    unsigned cli_max_sessions = 64;                             // [cli] max_sessions
+    unsigned cli_idle_timeout_s = 1800;                         // [cli] idle_timeout; 0: never
     std::string startup_config;    // [files] startup_config; empty: nothing is saved
     std::string log_dir;           // [files] log_dir; empty: no log file
     std::string capabilities;      // [files] capabilities; empty: none

@@ -87,14 +87,40 @@ def test_number_out_of_range_changes_nothing(lab, line):
     assert "shutdown-recover-time" not in lab.cli("show running-config")
 
 
-def test_two_hundred_sessions_at_once(lab):
-    clients = [connect(lab) for _ in range(200)]
+def test_sessions_up_to_the_limit_and_one_more(lab):
+    clients = [connect(lab) for _ in range(64)]
     for client in clients:
         client.sendall(b'{"exec": "show loop-detect"}\n')
     for client in clients:
         assert b"loop-detect state" in client.recv(65536)
+    shell = subprocess.run([str(BUILD / "tools/ldash/ldash"), "-s", str(lab.cli_socket), "-c", "show version"],
+                           capture_output=True, text=True, check=False)
+    assert (shell.returncode, shell.stdout) == (2, "")
+    assert shell.stderr == "ldash: Too many sessions (limit 64).\n"
+    for client in clients:
         client.close()
-    assert lab.cli_status("show loop-detect") == 0
+    wait_for(lambda: lab.cli_status("show loop-detect") == 0, 5, "a session is free again")
+
+
+def test_loop_is_shut_although_idle_shells_hold_every_session(lab):
+    lab.configure("loop-detect enable shutdown access-mode")
+    lab.cli("test loop plug swp2 swp5")
+    clients = []
+    for _ in range(600):
+        clients.append(connect(lab))
+    for port in ("swp2", "swp5"):
+        line = f"Detected loop error on interface {port}."
+        wait_for(lambda: line in lab.log(), 10, line)
+    for client in clients:
+        client.close()
+    wait_for(lambda: lab.cli_status("show running-config") == 0, 5, "a session is free again")
+    assert lab.cli("show running-config").count(" shutdown\n") == 2
+
+
+def test_shell_reaches_the_agent_again_after_its_socket_was_removed(lab):
+    lab.cli_socket.unlink()
+    wait_for(lambda: lab.cli_status("show version") == 0, 10, "the socket is back")
+    assert "was removed; operators can connect again." in lab.log()
 
 
 def test_client_that_leaves_in_mid_request_disturbs_nobody(lab):

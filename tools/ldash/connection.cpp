@@ -39,6 +39,17 @@ int connect_to(const std::string& path) {
     return fd;
 }
 
+// Passes a reply on, unless the switch ends the session with it and not at the operator's wish.
+const json& checked(const json& reply) {
+    if (reply.value("end", false) && reply.value("result", -1) < 0) {
+        std::string reason = reply.value("output", "");
+        reason.erase(0, reason.starts_with("% ") ? 2 : 0);
+        reason.erase(reason.find_last_not_of("\r\n") + 1);
+        throw std::runtime_error(reason);
+    }
+    return reply;
+}
+
 }  // namespace
 
 Connection::Connection(const std::string& path) : fd_(connect_to(path)) {
@@ -76,9 +87,13 @@ void Connection::take_messages() {
     std::string line;
     while (take_line(line)) {
         const json message = json::parse(line, nullptr, false);
-        if (message.is_object() && message.contains("monitor") && on_message) {
+        if (!message.is_object()) {
+            continue;
+        }
+        if (message.contains("monitor") && on_message) {
             on_message(message["monitor"].get<std::string>());
         }
+        checked(message);
     }
 }
 
@@ -88,7 +103,7 @@ Reply Connection::ask(const char* kind, std::string_view line) {
     for (std::string_view rest = text; !rest.empty();) {
         const ssize_t size = ::send(fd_, rest.data(), rest.size(), MSG_NOSIGNAL);
         if (size < 0 && errno != EINTR) {
-            lost();
+            break;  // a switch that has closed the session may have said why
         }
         rest.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
     }
@@ -102,7 +117,7 @@ Reply Connection::ask(const char* kind, std::string_view line) {
             lost();
         }
         if (!reply.contains("monitor")) {
-            return {.output = reply.value("output", ""),
+            return {.output = checked(reply).value("output", ""),
                     .prompt = reply.value("prompt", ""),
                     .result = reply.value("result", -1),
                     .end = reply.value("end", false)};

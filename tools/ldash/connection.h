@@ -23,7 +23,8 @@ class Connection {
     Connection& operator=(const Connection&) = delete;
 
     // Sends a request of this kind ("exec", "complete", "help") and waits for its reply. Throws
-    // std::runtime_error when the connection is lost.
+    // std::runtime_error when the connection is lost, or with the switch's reason when the switch
+    // ends the session by itself.
     Reply ask(const char* kind, std::string_view line);
 
     int fd() const { return fd_; }

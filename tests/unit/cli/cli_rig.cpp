@@ -70,12 +70,13 @@ void write_text(const std::string& path, const std::string& text) {
     std::ofstream(path) << text;
 }
 
-CliRig::CliRig() {
+CliRig::CliRig(const PlatformConfig& settings) {
     model.start();
     for (uint32_t i = 1; i <= 4; ++i) {
         hardware.add("swp" + std::to_string(i), 100 + i);
     }
     platform.port_model = &model;
+    platform.settings = settings;
     platform.settings.cli_socket = folder.file("run/cli.sock");
     platform.settings.startup_config = saved();
     master = qv_thread_master_create();

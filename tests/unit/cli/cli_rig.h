@@ -54,7 +54,8 @@ void write_text(const std::string& path, const std::string& text);
 class CliRig {
  public:
     // swp1 (index 101) to swp4 (104); the saved configuration is `saved()`, which does not exist.
-    CliRig();
+    // Of the settings, socket and saved configuration are the rig's own.
+    explicit CliRig(const PlatformConfig& settings = {});
 
     std::string saved() const { return folder.file("startup.conf"); }
     // Executes a line in the rig's own session. What it printed; `code` keeps its result.

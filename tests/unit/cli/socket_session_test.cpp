@@ -177,9 +177,9 @@ TEST_F(SocketSession, WholeRequestThatIsTooLongIsRefusedAndTheSessionGoesOn) {
     EXPECT_EQ(ask(*client, version), kVersionReply);
 }
 
-TEST_F(SocketSession, TwoHundredSessionsAtOnceAreServed) {
+TEST_F(SocketSession, SixtyFourSessionsAtOnceAreServed) {
     std::vector<std::unique_ptr<WireClient>> clients;
-    for (int i = 0; i < 200; ++i) {
+    for (int i = 0; i < 64; ++i) {
         clients.push_back(connect());
     }
     for (const auto& client : clients) {
@@ -378,13 +378,13 @@ TEST_F(SocketSession, StaleSocketIsReplacedAndOneInUseIsNot) {
         ASSERT_EQ(::bind(left_behind, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
         ::close(left_behind);
     }
-    const qv::cli::SocketServer server(loop, path);
-    EXPECT_THROW(qv::cli::SocketServer(loop, path), std::runtime_error);
+    const qv::cli::SocketServer server(loop, path, {});
+    EXPECT_THROW(qv::cli::SocketServer(loop, path, {}), std::runtime_error);
     const std::string file = rig.folder.file("file");
     qv::test::write_text(file, "precious");
-    EXPECT_THROW(qv::cli::SocketServer(loop, file), std::runtime_error);
+    EXPECT_THROW(qv::cli::SocketServer(loop, file, {}), std::runtime_error);
     EXPECT_EQ(qv::test::read_text(file), "precious");
-    EXPECT_THROW(qv::cli::SocketServer(loop, "/" + std::string(200, 'x')), std::runtime_error);
+    EXPECT_THROW(qv::cli::SocketServer(loop, "/" + std::string(200, 'x'), {}), std::runtime_error);
 }
 
 }  // namespace

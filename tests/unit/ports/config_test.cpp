@@ -50,6 +50,8 @@ TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
     EXPECT_EQ(config.bridge, "br0");
     EXPECT_EQ(config.redis_socket, "/run/redis/redis-server.sock");
     EXPECT_EQ(config.cli_socket, "/run/lda/cli.sock");
+    EXPECT_EQ(config.cli_max_sessions, 64u);
+    EXPECT_EQ(config.cli_idle_timeout_s, 1800u);
     EXPECT_EQ(config.startup_config, "");
     EXPECT_EQ(config.log_dir, "");
     EXPECT_EQ(config.capabilities, "");
@@ -67,6 +69,8 @@ linux.bridge = "lab"
 socket = "/tmp/redis.sock"
 [cli]
 socket = "cli.sock"
+max_sessions = 1024
+idle_timeout = 0
 [embedded]
 ports = 4096
 [files]
@@ -82,6 +86,8 @@ mode = "lease"
     EXPECT_EQ(config.bridge, "lab");
     EXPECT_EQ(config.redis_socket, "/tmp/redis.sock");
     EXPECT_EQ(config.cli_socket, "cli.sock");
+    EXPECT_EQ(config.cli_max_sessions, 1024u);
+    EXPECT_EQ(config.cli_idle_timeout_s, 0u);
     EXPECT_EQ(config.embedded_ports, 4096u);
     EXPECT_EQ(config.startup_config, "/tmp/startup.cfg");
     EXPECT_EQ(config.log_dir, "/tmp/log");
@@ -144,6 +150,14 @@ TEST_F(ConfigFile, ImpossibleNameOrPathIsRefused) {
     EXPECT_EQ(fault_of("[linux]\nbridge = \"sixteen-letters-\"\n"), bridge);
     EXPECT_EQ(fault_of("[cli]\nsocket = \"\"\n"),
               "FILE:2: cli.socket must be a path of 1 to 107 bytes");
+    for (const char* number : {"0", "1025", "-1", "2.0", "\"2\""}) {
+        EXPECT_EQ(fault_of("[cli]\nmax_sessions = " + std::string(number) + "\n"),
+                  "FILE:2: cli.max_sessions must be a whole number from 1 to 1024");
+    }
+    for (const char* number : {"604801", "-1"}) {
+        EXPECT_EQ(fault_of("[cli]\nidle_timeout = " + std::string(number) + "\n"),
+                  "FILE:2: cli.idle_timeout must be a whole number from 0 to 604800");
+    }
     EXPECT_EQ(fault_of("[redis]\nsocket = \"" + std::string(108, 's') + "\"\n"),
               "FILE:2: redis.socket must be a path of 1 to 107 bytes");
     EXPECT_EQ(fault_of("[files]\nlog_dir = \"a\\u0000b\"\n"),
