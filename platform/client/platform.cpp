@@ -149,13 +149,16 @@ class DescribedPlatform final : public Platform {
     }
 
     void make_linux_switch() {
-        switch_ = std::make_unique<RtnlSwitch>(*loop_, config_.bridge);
+        auto bridge = std::make_unique<RtnlSwitch>(*loop_, config_.bridge);
+        const RtnlSwitch& ports = *bridge;
+        switch_ = std::move(bridge);
         ports_ = std::make_unique<PortModel>(*switch_);
         auto plane = std::make_unique<NftForwarding>(
-            *loop_,
-            NftForwarding::Settings{.bridge = config_.bridge, .find_port = [this](uint32_t phyid) {
-                                        return ports_->find_phyid(phyid);
-                                    }});
+            *loop_, NftForwarding::Settings{.find_bridge = [&ports] { return ports.bridge(); },
+                                            .find_port =
+                                                [this](uint32_t phyid) {
+                                                    return ports_->find_phyid(phyid);
+                                                }});
         port_follower_ = std::make_unique<PortFollower>(*plane);
         ports_->add_observer(*port_follower_);
         // The kernel keeps the table when the process ends.

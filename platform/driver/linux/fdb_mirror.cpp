@@ -19,22 +19,25 @@ FdbMirror::FdbMirror(EventLoop& loop, Changed changed, int receive_buffer)
 FdbMirror::~FdbMirror() = default;
 
 void FdbMirror::follow(uint32_t bridge) {
-    monitor_.reset();
-    bridge_ = 0;
+    std::unique_ptr<RtnlMonitor> monitor;
+    if (bridge != 0) {
+        monitor = std::make_unique<RtnlMonitor>(
+            loop_, RtnlMonitor::Subject{.name = "forwarding-database entries",
+                                        .group = RTNLGRP_NEIGH,
+                                        .list_request = RTM_GETNEIGH,
+                                        .family = AF_BRIDGE,
+                                        .request_bytes = sizeof(ndmsg),
+                                        .receive_buffer = receive_buffer_});
+    }
+    monitor_ = std::move(monitor);
+    bridge_ = bridge;
     again_ = false;
-    entries_.clear();
-    compare();
-    if (bridge == 0) {
+    if (!monitor_) {
+        entries_.clear();
+        compare();
         return;
     }
-    monitor_ = std::make_unique<RtnlMonitor>(
-        loop_, RtnlMonitor::Subject{.name = "forwarding-database entries",
-                                    .group = RTNLGRP_NEIGH,
-                                    .list_request = RTM_GETNEIGH,
-                                    .family = AF_BRIDGE,
-                                    .request_bytes = sizeof(ndmsg),
-                                    .receive_buffer = receive_buffer_});
-    bridge_ = bridge;
+    reading_ = true;  // what was known stays until the list is complete
     monitor_->start(*this);
 }
 

@@ -4,9 +4,9 @@
 // An address is known while there is any entry for it. Changes are gathered for a moment and
 // then handed on as differences, so that an entry that only moves between ports (which is what all
 // of them do in a storm) is no change at all. When the kernel had to drop messages, all entries are
-// read again and the differences handed on; nothing is lost. It is read again, too, when
-// entries went while it was being read: the kernel goes on at the same place of its list, and so
-// skips others that have moved up.
+// read again and the differences handed on; nothing is lost. They are also read again when
+// entries went while they were being read: the kernel continues by position in its list, and so
+// skips entries that have moved up.
 #pragma once
 
 #include <cstdint>
@@ -39,7 +39,7 @@ class FdbMirror final : private RtnlMonitor::Listener {
     ~FdbMirror() override;
 
     // Follows the bridge with this interface index from now on; 0 for none, then no address is
-    // known, and so when it throws std::runtime_error because no socket is to be had.
+    // known. Throws std::runtime_error when no socket can be opened, and then changes nothing.
     void follow(uint32_t bridge);
     uint32_t bridge() const { return bridge_; }
 

@@ -7,11 +7,17 @@
 #include <stdexcept>
 #include <utility>
 
-#include <net/if.h>
-
 #include "qv/syslog.h"
 
 namespace qv {
+namespace {
+
+// The process or the machine has no descriptor left.
+bool out_of_descriptors(int error) {
+    return error == EMFILE || error == ENFILE;
+}
+
+}  // namespace
 
 NftForwarding::NftForwarding(EventLoop& loop, Settings settings)
     : loop_(loop),
@@ -63,13 +69,10 @@ int NftForwarding::check(const Rule& rule) const {
     return locate(*rule.phyid).device.empty() ? ENODEV : 0;
 }
 
-// The device of a port, by the name that it has now: we may not have heard yet that it has another
-// one, or that its link has gone.
 NftForwarding::Place NftForwarding::locate(uint32_t phyid) const {
     const Port* const port = settings_.find_port(phyid);
-    char name[IF_NAMESIZE];
-    const bool there = port != nullptr && if_indextoname(port->ifx, name) != nullptr;
-    return there && NftTable::can_name(name) ? Place{.device = name, .ifx = port->ifx} : Place{};
+    const bool usable = port != nullptr && NftTable::can_name(port->name);
+    return usable ? Place{.device = port->name, .ifx = port->ifx} : Place{};
 }
 
 void NftForwarding::gather() {
@@ -80,16 +83,24 @@ void NftForwarding::gather() {
 
 // Answers go out when everything is as they say.
 void NftForwarding::commit() {
-    const std::vector<Answer> answers = carry_out(next_lot());
+    const int error = open_table();
+    if (out_of_descriptors(error)) {
+        log_refusal(error);
+    }
+    if (out_of_descriptors(error) || (error == 0 && !mirrored_)) {
+        gathering_ = loop_.after(kRetry, [this] { commit(); });
+        return;
+    }
+    const std::vector<Answer> answers = carry_out(next_lot(), error);
     if (!changed_.empty() || !dropped_.empty()) {
         gathering_ = loop_.after(Duration::zero(), [this] { commit(); });
     }
-    for (const auto& [id, error] : answers) {
-        if (error == 0) {
+    for (const auto& [id, failure] : answers) {
+        if (failure == 0) {
             logged_refusal_ = 0;
             sink_->done(id);
         } else {
-            refuse(id, error);
+            refuse(id, failure);
         }
     }
 }
@@ -102,26 +113,26 @@ NftForwarding::Lot NftForwarding::next_lot() {
     }
     while (!changed_.empty() && lot.dropped.size() + lot.changed.size() < kRulesAtOnce) {
         lot.changed.push_back(changed_.extract(changed_.begin()).value());
+        late_.erase(lot.changed.back());
     }
     return lot;
 }
 
-std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Lot& lot) {
+std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Lot& lot, int table_error) {
     std::vector<Answer> answers;
     const auto note = [&](ForwardingId id, int error) {
         if (finish(id, error)) {
             answers.emplace_back(id, error);
         }
     };
-    const int error = open_table();
-    if (error != 0 || run(lot) == 0) {
+    if (table_error != 0 || run(lot) == 0) {
         for (const ForwardingId id : lot.changed) {
-            note(id, error);
+            note(id, table_error);
         }
         return answers;
     }
     // Nothing of the lot has happened.
-    if (!table_.is_there()) {
+    if (table_.is_gone()) {
         changed_.insert(lot.changed.begin(), lot.changed.end());
         put_back();
         return answers;
@@ -155,7 +166,14 @@ bool NftForwarding::finish(ForwardingId id, int error) {
     if (error == 0) {
         rule.chain = rule.place;
         rule.installed = true;
+        rule.tries = 0;
         return !std::exchange(rule.answered, true);
+    }
+    // Some kernels refuse a device that they do not have. It may have gone, or have another name by
+    // now, and the port model is about to hear of it.
+    if (error == ENOENT && !rule.place.device.empty() && ++rule.tries < kDeviceTries) {
+        late_.insert(id);
+        return false;
     }
     if (rule.installed) {
         broken_ = true;  // it is still where it was
@@ -200,10 +218,10 @@ void NftForwarding::bring(NftTable::Change& change, Rule& rule) const {
     }
 }
 
-// With an empty table and the mirror at work.
+// An empty table at first, and the mirror at work.
 int NftForwarding::open_table() {
     if (open_) {
-        return 0;
+        return table_.open();
     }
     if (const int error = make_table(); error != 0) {
         return error;
@@ -234,6 +252,7 @@ void NftForwarding::remove(ForwardingId id) {
     Rule rule = std::move(found->second);
     rules_.erase(found);
     changed_.erase(id);
+    late_.erase(id);
     if (rules_.empty()) {
         close();
     } else if (rule.phyid && rule.installed) {
@@ -255,6 +274,7 @@ void NftForwarding::remove_leftovers() {
 void NftForwarding::close() {
     rules_.clear();
     changed_.clear();
+    late_.clear();
     dropped_.clear();
     gathering_.reset();
     timer_.reset();
@@ -284,15 +304,17 @@ void NftForwarding::port_changed(uint32_t phyid) {
 }
 
 void NftForwarding::follow_bridge() {
-    const uint32_t bridge = if_nametoindex(settings_.bridge.c_str());
+    const uint32_t bridge = settings_.find_bridge();
     if (bridge == mirror_.bridge()) {
+        mirrored_ = true;
         return;
     }
     try {
         mirror_.follow(bridge);
         mirrored_ = true;
     } catch (const std::runtime_error& error) {
-        // Until it works every frame counts as flooded.
+        // What was known stays. Rules that nobody has yet wait, or every frame would count as
+        // flooded and be metered.
         if (std::exchange(mirrored_, false)) {
             printk_syslog(SYSLOG_SEVERITY_ERROR, "FORWARDING", "MIRROR",
                           "The bridge's addresses are not known: %s", error.what());
@@ -314,10 +336,13 @@ void NftForwarding::tick() {
     counters.reserve(rules_.size());
     const int error = table_.read_counters(counters);
     const bool all_there = report(counters);
-    // Busy: what is missing in the list is counted next time, from the same point.
-    const bool incomplete = error == EINTR || error == ENOBUFS;
-    if (open_ && (table_.changed_outside() || broken_ || (!all_there && !incomplete))) {
+    // What is missing in a list that could not be read is counted next time, from the same point.
+    if (open_ && (table_.changed_outside() || broken_ || (error == 0 && !all_there))) {
         put_back();
+    }
+    if (!late_.empty()) {
+        changed_.merge(late_);
+        gather();
     }
 }
 
@@ -362,6 +387,11 @@ NftForwarding::Rules::iterator NftForwarding::find_counter(const std::string& na
 
 // The table and the known addresses at once, then the rules as if they had just been asked for.
 void NftForwarding::put_back() {
+    if (const int error = table_.open(); out_of_descriptors(error)) {
+        broken_ = true;
+        log_refusal(error);
+        return;
+    }
     printk_syslog(SYSLOG_SEVERITY_WARNING, "FORWARDING", "RESTORED",
                   "The rules of storm-loop-detect were changed from outside and are put back.");
     int error = make_table();

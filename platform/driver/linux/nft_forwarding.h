@@ -8,6 +8,11 @@
 // before a transaction libnftables reads all chains and counters, so that one for each of 512 ports
 // takes five times as long as eight for all of them. A rule is answered when it is in the kernel.
 //
+// The bridge and the names of its devices come from the port model, which may be behind the kernel
+// but never in doubt: a look-up at the moment of use fails when the process has no descriptor left,
+// and a rule must not suffer from that. What the model has not heard of yet is tried again. While a
+// socket cannot be opened nothing is changed: rules wait, and those in the kernel stay.
+//
 // A rule belongs to a bridge port number. While no port has that number it waits without a
 // chain, and returns with the port; its counter stays. When somebody else has changed the table or
 // taken it away, it is put back as a whole at the next reading of the counters; only what cannot be
@@ -37,14 +42,20 @@ class NftForwarding final : public ForwardingDriver {
     static constexpr std::chrono::seconds kTick{1};
     // How long changes are gathered.
     static constexpr std::chrono::milliseconds kGather{10};
+    // How long the next try waits while a socket cannot be opened.
+    static constexpr std::chrono::seconds kRetry{1};
+    // How often the chain of one rule is tried on a device that the kernel does not have.
+    static constexpr unsigned kDeviceTries = 5;
     // Rules changed in one transaction: some 7 ms, in which the loop does nothing else.
     static constexpr size_t kRulesAtOnce = 64;
 
     // The port of a forwarding-plane id, or null. Valid until the next change of the ports.
     using FindPort = std::function<const Port*(uint32_t phyid)>;
+    // The interface index of the bridge; 0 when there certainly is none.
+    using FindBridge = std::function<uint32_t()>;
 
     struct Settings {
-        std::string bridge;  // its name
+        FindBridge find_bridge;
         FindPort find_port;
         int receive_buffer = FdbMirror::kReceiveBuffer;
     };
@@ -85,6 +96,7 @@ class NftForwarding final : public ForwardingDriver {
         bool installed =
             false;  // the kernel has it: its counter, and its chain while it has a port
         bool answered = false;
+        unsigned tries = 0;  // of its place, in vain and in a row
         PacketCounts reported;
     };
     using Rules = std::map<ForwardingId, Rule>;
@@ -99,7 +111,7 @@ class NftForwarding final : public ForwardingDriver {
     void gather();
     void commit();
     Lot next_lot();
-    std::vector<Answer> carry_out(const Lot& lot);
+    std::vector<Answer> carry_out(const Lot& lot, int table_error);
     int run(const Lot& lot);
     static void drop(NftTable::Change& change, const Rule& rule);
     void bring(NftTable::Change& change, Rule& rule) const;
@@ -124,11 +136,12 @@ class NftForwarding final : public ForwardingDriver {
     FdbMirror mirror_;
     Rules rules_;
     std::set<ForwardingId> changed_;  // rules that the kernel does not have as they are
+    std::set<ForwardingId> late_;     // rules that wait for the port model to name their device
     std::vector<Rule> dropped_;       // rules that it has and should not
     EventLoop::Handle gathering_;
     bool open_ = false;     // the table is in the kernel
     bool broken_ = false;   // it is not as we left it
-    bool mirrored_ = true;  // as far as was said in the log
+    bool mirrored_ = true;  // the mirror follows the bridge; false from its first failure on
     int logged_refusal_ = 0;
     EventLoop::Handle timer_;
 };

@@ -152,12 +152,15 @@ int NftObjects::try_out() {
     return read_answers(1);
 }
 
-bool NftObjects::has_table(const std::string& table) {
+int NftObjects::find_table(const std::string& table) {
     std::array<char, 1024> request;
     nlmsghdr* const header = nftnl_nlmsg_build_hdr(request.data(), NFT_MSG_GETTABLE, NFPROTO_NETDEV,
                                                    NLM_F_ACK, ++sequence_);
     mnl_attr_put_strz(header, NFTA_TABLE_NAME, table.c_str());
-    return mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) >= 0 && read_answers(1) == 0;
+    if (mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
+        return errno;
+    }
+    return read_answers(1);
 }
 
 int NftObjects::read_counters(const std::string& table, Counters& counters) {

@@ -27,8 +27,8 @@ class NftObjects {
     // Whether the kernel has a packet filter and lets us at it.
     int try_out();
 
-    // Whether there is a netdev table of this name.
-    bool has_table(const std::string& table);
+    // 0 when there is a netdev table of this name, ENOENT when there is none.
+    int find_table(const std::string& table);
 
     // All named counters of a netdev table. None for a table that is not there. With EINTR the list
     // may lack some, because the table changes all the time.

@@ -6,6 +6,8 @@
 #include <utility>
 
 #include <nftables/libnftables.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
 namespace qv {
 namespace {
@@ -97,6 +99,12 @@ int NftTable::open() {
     if (error != 0 || context_) {
         return error;
     }
+    // The library also ends the process when there is no descriptor left for its own socket.
+    const int spare = eventfd(0, EFD_CLOEXEC);
+    if (spare < 0) {
+        return errno;
+    }
+    close(spare);
     context_.reset(nft_ctx_new(NFT_CTX_DEFAULT));
     if (!context_) {
         return ENOMEM;
@@ -140,8 +148,8 @@ int NftTable::read_counters(std::vector<NamedCounter>& counters) {
     return error != 0 ? error : objects_.read_counters(name_, counters);
 }
 
-bool NftTable::is_there() {
-    return objects_.open() == 0 && objects_.has_table(name_);
+bool NftTable::is_gone() {
+    return objects_.open() == 0 && objects_.find_table(name_) == ENOENT;
 }
 
 void NftTable::note_changes_outside() {

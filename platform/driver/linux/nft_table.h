@@ -64,6 +64,10 @@ class NftTable {
     // Whether the filter's language can express the device's name.
     static bool can_name(const std::string& device);
 
+    // Opens all sockets, which every change needs. The other functions do so by themselves; with
+    // EMFILE or ENFILE none of them has changed anything.
+    int open();
+
     Change change() const { return Change(name_); }
     int run(const Change& change);
 
@@ -72,8 +76,8 @@ class NftTable {
 
     int read_counters(std::vector<NamedCounter>& counters);
 
-    // Whether the kernel has the table.
-    bool is_there();
+    // Whether the kernel has no such table; false as well when it cannot be asked.
+    bool is_gone();
 
     // Whether somebody else has changed the table since the last call. What happens while a change
     // of our own is carried out counts as part of it.
@@ -84,7 +88,6 @@ class NftTable {
         void operator()(nft_ctx* context) const;
     };
 
-    int open();
     int open_objects();
     void note_changes_outside();
 

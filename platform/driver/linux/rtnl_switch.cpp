@@ -171,6 +171,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         return "";
     }
 
+    uint32_t bridge() const { return ports_ ? ports_->bridge() : 0; }
     unsigned resyncs() const { return monitor_.resyncs(); }
 
  private:
@@ -251,6 +252,10 @@ std::string RtnlSwitch::set_admin(uint32_t ifx, bool up) {
 
 std::string RtnlSwitch::set_mode(uint32_t ifx, uint32_t mode) {
     return impl_->set_mode(ifx, mode);
+}
+
+uint32_t RtnlSwitch::bridge() const {
+    return impl_->bridge();
 }
 
 unsigned RtnlSwitch::resyncs() const {

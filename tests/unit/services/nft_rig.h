@@ -129,6 +129,7 @@ struct NftForwardingTest : testing::Test {
                 "nft add table netdev probe 2>/dev/null && nft delete table netdev probe")) {
             GTEST_SKIP() << "no packet filter of the netdev family in this kernel";
         }
+        find_bridge();
         find_port(1, "swp1");
         find_port(2, "swp2");
         make_plane(FdbMirror::kReceiveBuffer);
@@ -136,7 +137,7 @@ struct NftForwardingTest : testing::Test {
 
     void make_plane(int receive_buffer) {
         plane = std::make_unique<NftForwarding>(
-            loop, NftForwarding::Settings{.bridge = "br0",
+            loop, NftForwarding::Settings{.find_bridge = [this] { return bridge_ifx; },
                                           .find_port =
                                               [this](uint32_t phyid) {
                                                   const auto found = ports.find(phyid);
@@ -147,6 +148,8 @@ struct NftForwardingTest : testing::Test {
         plane->start(sink);
     }
 
+    // What the port model is told.
+    void find_bridge() { bridge_ifx = if_nametoindex("br0"); }
     void find_port(uint32_t phyid, const std::string& name) {
         ports[phyid] = Port{.ifx = if_nametoindex(name.c_str()), .phyid = phyid, .name = name};
     }
@@ -183,6 +186,7 @@ struct NftForwardingTest : testing::Test {
     SteadyClock clock{10};
     EventLoop loop{clock};
     Sink sink;
+    uint32_t bridge_ifx = 0;
     std::map<uint32_t, Port> ports;
     std::unique_ptr<NftForwarding> plane;
 };

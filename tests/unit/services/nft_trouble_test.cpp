@@ -1,54 +1,6 @@
 // A forwarding plane of a Linux bridge that others interfere with, and a kernel that refuses.
-#include <libmnl/libmnl.h>
-#include <nftables/libnftables.h>
-
 #include "tests/unit/services/nft_rig.h"
-
-namespace {
-
-// Transactions with this text in them are refused, so many times.
-std::string g_refused;
-int g_refusals = 0;
-// Called once, right before the next transaction.
-std::function<void()> g_meanwhile;
-// Answers of the kernel that cannot be had.
-int g_lost_answers = 0;
-// Lists are marked as interrupted by changes.
-bool g_interrupted = false;
-
-}  // namespace
-
-// The linker puts these in place of the libraries' functions.
-extern "C" {
-int __real_nft_run_cmd_from_buffer(nft_ctx* context, const char* text);
-int __wrap_nft_run_cmd_from_buffer(nft_ctx* context, const char* text) {
-    if (g_meanwhile) {
-        std::exchange(g_meanwhile, nullptr)();
-    }
-    if (g_refusals > 0 && std::strstr(text, g_refused.c_str()) != nullptr) {
-        --g_refusals;
-        errno = ENOMEM;
-        return -1;
-    }
-    return __real_nft_run_cmd_from_buffer(context, text);
-}
-
-ssize_t __real_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size);
-ssize_t __wrap_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size) {
-    if (g_lost_answers > 0) {
-        --g_lost_answers;
-        errno = ENOBUFS;
-        return -1;
-    }
-    const ssize_t length = __real_mnl_socket_recvfrom(socket, buffer, size);
-    int left = static_cast<int>(length);
-    auto* header = static_cast<nlmsghdr*>(buffer);
-    for (; g_interrupted && mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
-        header->nlmsg_flags |= NLM_F_DUMP_INTR;
-    }
-    return length;
-}
-}
+#include "tests/unit/services/nft_script.h"
 
 namespace qv {
 namespace {
@@ -59,8 +11,8 @@ const Lines kPutBack = {
 
 struct NftTrouble : NftForwardingTest {
     void refuse(const std::string& text, int times) {
-        g_refused = text;
-        g_refusals = times;
+        test::g_nft.refused = text;
+        test::g_nft.refusals = times;
     }
 
     bool logged() {
@@ -152,7 +104,7 @@ TEST_F(NftTrouble, RuleAskedForWhenTheTableHasJustGoneIsInstalledAllTheSame) {
     plane->install(3, 1, kPortRule);
     settle();
     sink.take();
-    g_meanwhile = [] {
+    test::g_nft.meanwhile = [] {
         nft("flush ruleset\n");
     };
     plane->install(4, 2, kPortRule);
@@ -171,7 +123,7 @@ TEST_F(NftTrouble, RulesThatWereToGoWentWithTheTable) {
         plane->install(id, 1, kPortRule);
     }
     ASSERT_TRUE(wait_for([&] { return sink.lines.size() > kMany; }));
-    g_meanwhile = [] {
+    test::g_nft.meanwhile = [] {
         nft("flush ruleset\n");
     };
     for (ForwardingId id = 1; id <= kMany; ++id) {
@@ -252,6 +204,59 @@ TEST_F(NftTrouble, RuleThatCannotFollowItsPortIsPutBack) {
     EXPECT_EQ(sink.take(), Lines{"done 3"});
 }
 
+// Some kernels refuse a chain on a device that they do not have.
+TEST_F(NftTrouble, DeviceThatTheKernelDoesNotHaveIsTriedAgain) {
+    test::g_nft.error = ENOENT;
+    refuse("device \"swp1\"", 2 * static_cast<int>(NftForwarding::kDeviceTries) - 2);
+    plane->install(3, 1, kPortRule);
+    plane->install(4, 2, kPortRule);
+    carry_out();
+    EXPECT_EQ(sink.take(), Lines{"done 4"});
+    EXPECT_TRUE(wait_for([&] { return !sink.lines.empty(); }));
+    EXPECT_EQ(sink.take(), Lines{"done 3"});
+    expect_counting(3);
+    EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
+TEST_F(NftTrouble, DeviceThatNeverComesIsRefusedInTheEnd) {
+    test::g_nft.error = ENOENT;
+    refuse("device \"swp1\"", 1000);
+    plane->install(3, 1, kPortRule);
+    plane->install(4, 2, kPortRule);
+    ASSERT_TRUE(wait_for([&] { return sink.lines.size() == 2; }));
+    EXPECT_EQ(sink.take(), (Lines{"done 4", "failed 3: No such file or directory"}));
+    EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
+}
+
+TEST_F(NftTrouble, RuleIsInstalledOnceTheModelKnowsTheDevice) {
+    test::g_nft.error = ENOENT;
+    refuse("device \"swp1\"", 1000);
+    plane->install(3, 1, kPortRule);
+    plane->install(4, 2, kPortRule);
+    carry_out();
+    ip("link set swp1 down\nlink set swp1 name uplink\nlink set uplink up\n");
+    find_port(1, "uplink");
+    plane->port_changed(1);
+    carry_out();
+    EXPECT_EQ(sink.take(), (Lines{"done 4", "done 3"}));
+    const std::string before = output_of("nft -a list chain netdev lda port1.3 | grep chain");
+    settle();
+    EXPECT_EQ(output_of("nft -a list chain netdev lda port1.3 | grep chain"), before) << "once";
+}
+
+TEST_F(NftTrouble, RuleThatWaitsForItsDeviceCanBeRemoved) {
+    test::g_nft.error = ENOENT;
+    refuse("device \"swp1\"", 1000);
+    plane->install(3, 1, kPortRule);
+    plane->install(4, 2, kPortRule);
+    carry_out();
+    plane->remove(3);
+    settle();
+    EXPECT_EQ(sink.take(), Lines{"done 4"});
+    EXPECT_EQ(output_of("nft list counters"),
+              "table netdev lda {\n\tcounter port2.4 {\n\t\tpackets 0 bytes 0\n\t}\n}\n");
+}
+
 TEST_F(NftTrouble, TableThatCannotBeRemovedIsSaid) {
     plane->install(3, 1, kPortRule);
     carry_out();
@@ -270,8 +275,8 @@ TEST_F(NftTrouble, TableThatCannotBeRemovedIsSaid) {
 TEST_F(NftTrouble, ReadingThatBreaksOffIsMadeUpForByTheNext) {
     plane->install(3, 1, kPortRule);
     settle();
-    g_lost_answers = 1;
-    ASSERT_TRUE(wait_for([] { return g_lost_answers == 0; }));
+    test::g_nft.lost_answers = 1;
+    ASSERT_TRUE(wait_for([] { return test::g_nft.lost_answers == 0; }));
     settle();
     EXPECT_EQ(platform.log.lines(), Lines{});
     expect_counting(3);
@@ -281,9 +286,9 @@ TEST_F(NftTrouble, ReadingThatBreaksOffIsMadeUpForByTheNext) {
 TEST_F(NftTrouble, CountersAreReportedWhileTheTableNeverComesToRest) {
     plane->install(3, 1, kPortRule);
     settle();
-    g_interrupted = true;
+    test::g_nft.interrupted = true;
     expect_counting(3);
-    g_interrupted = false;
+    test::g_nft.interrupted = false;
     settle();
     EXPECT_EQ(packets(3), 3u);
     EXPECT_EQ(platform.log.lines(), Lines{});

@@ -321,6 +321,21 @@ TEST_F(RtnlSwitchTest, BridgeMayComeLaterVanishAndComeBack) {
     ASSERT_TRUE(wait_for_name("swp2"));
 }
 
+TEST_F(RtnlSwitchTest, TellsTheIndexOfTheBridge) {
+    ip("link add br0 type bridge\nlink add br1 type bridge\n");
+    RtnlSwitch driver(loop, "br0");
+    EXPECT_EQ(driver.bridge(), 0u);
+    driver.start(sink);
+    ASSERT_TRUE(wait_for([&] { return !sink.reports.empty(); }));
+    EXPECT_EQ(driver.bridge(), if_nametoindex("br0"));
+    ip("link set br0 name br2\n");
+    EXPECT_TRUE(wait_for([&] { return driver.bridge() == 0; }));
+    ip("link set br1 name br0\n");
+    EXPECT_TRUE(wait_for([&] { return driver.bridge() == if_nametoindex("br0"); }));
+    ip("link del br0\n");
+    EXPECT_TRUE(wait_for([&] { return driver.bridge() == 0; }));
+}
+
 // Every link of a hundred pairs down and up, `rounds` times, then changes of every kind.
 std::string flapping(int rounds) {
     std::string lines;
