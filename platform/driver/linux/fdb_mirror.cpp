@@ -46,6 +46,7 @@ void FdbMirror::stop() {
     gathering_.reset();
     bridge_ = 0;
     entries_.clear();
+    deleted_.clear();
     touched_.clear();
     known_.clear();
     reading_ = false;
@@ -54,7 +55,7 @@ void FdbMirror::stop() {
 
 void FdbMirror::on_dump_begin() {
     reading_ = true;
-    shrunk_ = false;
+    deleted_.clear();
     // Only from one reading to the next nothing that went has been missed.
     if (!std::exchange(again_, false)) {
         entries_.clear();
@@ -63,7 +64,7 @@ void FdbMirror::on_dump_begin() {
 }
 
 bool FdbMirror::on_dump_end() {
-    again_ = shrunk_ && ++readings_ < kReadings;
+    again_ = !deleted_.empty() && ++readings_ < kReadings;
     if (!again_) {
         compare();
     }
@@ -73,6 +74,7 @@ bool FdbMirror::on_dump_end() {
 // With everything that is there now.
 void FdbMirror::compare() {
     reading_ = false;
+    deleted_.clear();
     touched_ = known_;
     for (const uint64_t entry : entries_) {
         touched_.insert(entry >> kVlanBits);
@@ -86,11 +88,14 @@ void FdbMirror::on_message(nlmsghdr* header) {
         return;
     }
     const uint64_t key = entry->address << kVlanBits | entry->vlan;
-    if (header->nlmsg_type == RTM_NEWNEIGH) {
-        entries_.insert(key);
-    } else {
+    const bool listed = (header->nlmsg_flags & NLM_F_MULTI) != 0;
+    if (header->nlmsg_type == RTM_DELNEIGH) {
         entries_.erase(key);
-        shrunk_ = true;
+        if (reading_) {
+            deleted_.insert(key);
+        }
+    } else if (!listed || !deleted_.contains(key)) {
+        entries_.insert(key);
     }
     if (!reading_ && has_entry(entry->address) != known_.contains(entry->address)) {
         touched_.insert(entry->address);

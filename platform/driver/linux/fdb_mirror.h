@@ -67,10 +67,12 @@ class FdbMirror final : private RtnlMonitor::Listener {
     std::set<uint64_t> entries_;    // address and VLAN: address << 16 | VLAN
     std::set<MacAddress> touched_;  // may differ between entries_ and known_
     std::set<MacAddress> known_;
-    bool reading_ = false;   // between the two ends of a dump entries_ is not complete
-    bool shrunk_ = false;    // an entry went in mid-dump
-    bool again_ = false;     // the next dump adds to what this one has found
-    unsigned readings_ = 0;  // in a row in which entries went
+    bool reading_ = false;  // between the two ends of a dump entries_ is not complete
+    // Entries whose deletion was announced in mid-dump. The kernel announces it at once, but may
+    // send a part of the list that it had begun before: what the list says of them is out of date.
+    std::set<uint64_t> deleted_;
+    bool again_ = false;                    // the next dump adds to what this one has found
+    unsigned readings_ = 0;                 // in a row in which entries went
     std::unique_ptr<RtnlMonitor> monitor_;  // null while no bridge is followed
     EventLoop::Handle gathering_;
 };

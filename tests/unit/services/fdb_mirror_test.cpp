@@ -139,6 +139,9 @@ struct FdbListTest : testing::Test {
     void announce_new(MacAddress address, uint16_t vlan = 1) {
         send(RTM_NEWNEIGH, address, 0, vlan);
     }
+    void announce_deleted(MacAddress address, uint16_t vlan = 1) {
+        send(RTM_DELNEIGH, address, 0, vlan);
+    }
 
     // What the mirror has handed on a second later.
     std::set<MacAddress> known() {
@@ -152,6 +155,64 @@ struct FdbListTest : testing::Test {
     FdbMirror mirror{loop, [](const auto&, const auto&) {
                      }};
 };
+
+// The kernel announces a deletion at once, and sends the part of the list that it has begun later.
+TEST_F(FdbListTest, EntryDeletedInMidListStaysDeleted) {
+    list(kHost);
+    announce_deleted(kHost + 1);
+    list(kHost + 1);
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{}) << "the list is read again";
+    EXPECT_EQ(test::g_rtnl.requests, 2u);
+    list(kHost);
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost});
+    EXPECT_EQ(test::g_rtnl.requests, 2u);
+}
+
+TEST_F(FdbListTest, EntryDeletedAndAddedInMidListIsKnown) {
+    announce_deleted(kHost);
+    announce_new(kHost);
+    list(kHost);
+    test::send_rtnl_done();
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost});
+}
+
+TEST_F(FdbListTest, EntryDeletedInOneListMayBeInTheNext) {
+    announce_deleted(kHost);
+    test::send_rtnl_done();
+    known();
+    list(kHost);
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost});
+}
+
+TEST_F(FdbListTest, DeletionOfOneVlanLeavesTheOther) {
+    announce_deleted(kHost, 1);
+    list(kHost, 2);
+    test::send_rtnl_done();
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kHost}) << "both lists add up";
+    announce_deleted(kHost, 2);
+    EXPECT_EQ(known(), Set{});
+}
+
+TEST_F(FdbListTest, ListsAreReadTenTimesWhileEntriesGo) {
+    for (unsigned reading = 1; reading < FdbMirror::kReadings; ++reading) {
+        list(kHost + reading);
+        announce_deleted(kHost + 100);
+        test::send_rtnl_done();
+        EXPECT_EQ(known(), Set{}) << "in reading " << reading;
+    }
+    announce_deleted(kHost + 100);
+    test::send_rtnl_done();
+    EXPECT_EQ(known().size(), FdbMirror::kReadings - 1);
+    EXPECT_EQ(test::g_rtnl.requests, FdbMirror::kReadings);
+    announce_deleted(kHost + 1);
+    EXPECT_EQ(known().size(), FdbMirror::kReadings - 2) << "no list is read for a change";
+    EXPECT_EQ(test::g_rtnl.requests, FdbMirror::kReadings);
+}
 
 TEST_F(FdbListTest, HalfOfAListIsNotHandedOn) {
     list(kHost);
