@@ -1,0 +1,71 @@
+// Library calls of the front that the linker hands to these tests (--wrap in tests/CMakeLists.txt).
+// Each one does what it always does until a test asks for something else.
+#pragma once
+
+#include <libyang/libyang.h>
+#include <poll.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace netconf::test {
+
+// One line that went to syslog(3).
+struct LogLine {
+    int priority;
+    std::string text;
+    bool operator==(const LogLine&) const = default;
+};
+
+// Makes every call usual again, forgets what was recorded, and ignores SIGPIPE as the program does.
+// Each fixture that uses this header calls it first.
+void reset_interception();
+
+// What the front has logged so far, oldest first. Any thread.
+std::vector<LogLine> logged();
+std::vector<std::string> logged_texts();
+// The arguments of the last openlog(3).
+struct OpenLog {
+    std::string identity;
+    int options;
+    int facility;
+};
+OpenLog log_opening();
+// A Unix datagram socket that takes the place of /dev/log; empty: connecting fails.
+void put_system_log_at(const std::string& path);
+
+// Stops std::chrono::steady_clock; from now on it moves by advance_clock() and by sleeping.
+void freeze_clock();
+void advance_clock(std::chrono::milliseconds step);
+std::chrono::milliseconds clock_advance();  // since freeze_clock()
+// Seconds since 1970 that time(2) returns.
+void set_time_of_day(long seconds);
+
+// Called in place of poll(2) and of nanosleep(2) on the front's side; null for the usual ones.
+// A sleep under a frozen clock never waits.
+void on_poll(std::function<int(pollfd* watched, nfds_t count, int timeout_ms)> hook);
+void on_sleep(std::function<void()> hook);
+
+// The next so many calls of read(2) on standard input, or of send(2), fail with EINTR first.
+void interrupt_reads(int count);
+void interrupt_sends(int count);
+// send(2) takes at most so many bytes at once; 0 for no limit.
+void limit_sends(size_t bytes);
+// Called before syscall(2) with its number; a result other than 0 becomes its errno.
+void on_system_call(std::function<int(long number)> hook);
+
+// Time limits that the front has set on connections, in microseconds.
+struct ConnectionLimits {
+    long connect_us;
+    long command_us;
+};
+ConnectionLimits connection_limits();
+// Makes connections give up after this time instead.
+void shorten_connection_limits(std::chrono::milliseconds limit);
+
+// The <rpc-error> that was last made into a reply, as XML.
+std::string last_error_xml();
+
+}  // namespace netconf::test
