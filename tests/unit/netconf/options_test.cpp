@@ -80,7 +80,7 @@ TEST_F(OptionsOfTheFront, SocketComesFromTheOptionThenThePlatformFileThenTheEnvi
 TEST_F(OptionsOfTheFront, HelpNeedsNoPlatformFile) {
     EXPECT_TRUE(read({"--platform", "/nowhere.toml", "--help"}).help);
     EXPECT_EQ(fault({"--platform", "/nowhere.toml"}),
-              "/nowhere.toml:0: cannot be read: No such file or directory");
+              "/nowhere.toml: cannot be read: No such file or directory");
 }
 
 TEST_F(OptionsOfTheFront, BadArgumentIsNamed) {
