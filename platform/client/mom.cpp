@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <string>
 #include <unordered_set>
@@ -21,6 +22,8 @@
 #include "qv/syslog.h"
 
 namespace {
+
+constexpr size_t kKeysPerCheck = 64;
 
 struct RecordFree {
     void operator()(ProtobufCMessage* record) const {
@@ -55,6 +58,8 @@ struct qv_mom_client final : qv::StoreListener {
     void notice(uint64_t number, qv::Bytes notice) override;
     void scanned(uint64_t number, std::string_view key, qv::Bytes record) override;
     void scan_done(uint64_t number) override;
+    qv::StoreKeys keys_to_check() override;
+    void records_lost() override;
 
     struct Session {
         SessionCallback connected;
@@ -76,12 +81,14 @@ struct qv_mom_client final : qv::StoreListener {
         std::unordered_set<std::string> overtaken;
     };
 
+    void set_missing_in(uint32_t db);
     void note_overtaken(const Topic& topic, const ProtobufCMessage& record);
     void deliver(const Topic& topic, int oper, const ProtobufCMessage* record);
 
     std::map<uint32_t, Session> sessions;
     std::map<uint64_t, Topic> topics;  // stay after a loss: their numbers are used again
     std::map<uint64_t, Scan> scans;
+    qv::OwnRecords::Id checked;  // the last key that keys_to_check() gave
     uint64_t numbers_used = 0;
     std::unique_ptr<qv::StoreClient> store;
 };
@@ -101,11 +108,18 @@ RecordPtr unpack(const qv_mom_client::Topic& topic, qv::Bytes record) {
 
 }  // namespace
 
+// A session that is lost before the report's turn is reported when it is back.
 void qv_mom_client::connect(uint32_t db, SessionCallback callback) {
     Session& session = sessions[db];
     session.connected = callback;
     if (session.connect_reported && store->up(db)) {
-        qv::platform().loop().post([callback] { callback(); });
+        qv::platform().loop().post([this, db, callback] {
+            if (store->up(db)) {
+                callback();
+            } else {
+                sessions[db].connect_reported = false;
+            }
+        });
     }
     store->open(db);
 }
@@ -137,6 +151,8 @@ int qv_mom_client::scan(uint32_t db, const ProtobufCMessageDescriptor& type,
 }
 
 void qv_mom_client::session_up(uint32_t db) {
+    // Before the callback, so that its deletes come after.
+    set_missing_in(db);
     Session& session = sessions[db];
     const bool first = !std::exchange(session.connect_reported, true);
     const SessionCallback callback = first ? session.connected : session.reconnected;
@@ -204,10 +220,48 @@ void qv_mom_client::scan_done(uint64_t number) {
     scans.erase(number);
 }
 
+// The server may have come back without its records, or may have been emptied. A record that has
+// changed there belongs to whoever changed it.
+void qv_mom_client::set_missing_in(uint32_t db) {
+    qv::own_records().for_each(this, [&](const qv::OwnRecords::Id& id, const auto& packed) {
+        if (id.first == db) {
+            store->set_missing(db, qv::type_of_key(id.second), id.second, packed);
+        }
+    });
+}
+
+qv::StoreKeys qv_mom_client::keys_to_check() {
+    qv::StoreKeys keys = qv::own_records().keys_after(this, checked, kKeysPerCheck);
+    if (!keys.keys.empty()) {
+        checked = {keys.db, keys.keys.back()};
+    }
+    return keys;
+}
+
+void qv_mom_client::records_lost() {
+    for (const auto& [db, session] : sessions) {
+        set_missing_in(db);
+    }
+}
+
 void qv_mom_client::deliver(const Topic& topic, int oper, const ProtobufCMessage* record) {
     const qv_mom_msg message = {QV_MOM_CMD_RECORD, oper, topic.db, record};
     topic.callback(this, &message);
 }
+
+namespace {
+
+// For the C functions below, which no exception may leave.
+template <typename Call>
+int guarded(Call call) {
+    try {
+        return call();
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+}
+
+}  // namespace
 
 extern "C" {
 
@@ -222,8 +276,12 @@ qv_mom_client* qv_mom_client_init(const char* name, qv_thread_master* master,
     // Clients live as long as the process, whatever becomes of their handles. The list itself is
     // never destroyed, so that no client goes after the store it stands on.
     static auto& clients = *new std::vector<std::unique_ptr<qv_mom_client>>();
-    clients.push_back(std::make_unique<qv_mom_client>(qv::platform().store()));
-    return clients.back().get();
+    try {
+        clients.push_back(std::make_unique<qv_mom_client>(qv::platform().store()));
+        return clients.back().get();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 int qv_mom_client_connect(qv_mom_client* client, uint32_t db, qv_mom_session_cb connected,
@@ -231,8 +289,10 @@ int qv_mom_client_connect(qv_mom_client* client, uint32_t db, qv_mom_session_cb 
     if (client == nullptr) {
         return EINVAL;
     }
-    client->connect(db, {connected, arg});
-    return 0;
+    return guarded([&] {
+        client->connect(db, {connected, arg});
+        return 0;
+    });
 }
 
 int qv_mom_client_set_reconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_session_cb callback,
@@ -240,8 +300,10 @@ int qv_mom_client_set_reconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_se
     if (client == nullptr) {
         return EINVAL;
     }
-    client->sessions[db].reconnected = {callback, arg};
-    return 0;
+    return guarded([&] {
+        client->sessions[db].reconnected = {callback, arg};
+        return 0;
+    });
 }
 
 int qv_mom_client_set_disconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_session_cb callback,
@@ -249,8 +311,10 @@ int qv_mom_client_set_disconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_s
     if (client == nullptr) {
         return EINVAL;
     }
-    client->sessions[db].disconnected = {callback, arg};
-    return 0;
+    return guarded([&] {
+        client->sessions[db].disconnected = {callback, arg};
+        return 0;
+    });
 }
 
 int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int /*flags*/,
@@ -259,16 +323,18 @@ int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* recor
         (descriptor != nullptr && descriptor != record->descriptor)) {
         return EINVAL;
     }
-    const std::optional<std::string> key = qv::record_key(*record);
-    if (!key) {
-        return EINVAL;
-    }
-    std::vector<uint8_t> packed = qv::pack_record(*record);
-    if (!client->store->set(db, record->descriptor->name, *key, packed)) {
-        return ENOTCONN;
-    }
-    qv::own_records().set(db, *key, std::move(packed));
-    return 0;
+    return guarded([&] {
+        const std::optional<std::string> key = qv::record_key(*record);
+        if (!key) {
+            return EINVAL;
+        }
+        std::vector<uint8_t> packed = qv::pack_record(*record);
+        if (!client->store->set(db, record->descriptor->name, *key, packed)) {
+            return ENOTCONN;
+        }
+        qv::own_records().set(client, db, *key, std::move(packed));
+        return 0;
+    });
 }
 
 int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int /*flags*/,
@@ -276,13 +342,15 @@ int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* recor
     if (client == nullptr || record == nullptr) {
         return EINVAL;
     }
-    const std::optional<std::string> key = qv::record_key(*record);
-    if (!key) {
-        return EINVAL;
-    }
-    const std::vector<uint8_t> packed = qv::pack_key_of_record(*record);
-    qv::own_records().erase(db, *key);
-    return client->store->erase(db, record->descriptor->name, *key, packed) ? 0 : ENOTCONN;
+    return guarded([&] {
+        const std::optional<std::string> key = qv::record_key(*record);
+        if (!key) {
+            return EINVAL;
+        }
+        const std::vector<uint8_t> packed = qv::pack_key_of_record(*record);
+        qv::own_records().erase(db, *key);
+        return client->store->erase(db, record->descriptor->name, *key, packed) ? 0 : ENOTCONN;
+    });
 }
 
 int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int /*flags*/,
@@ -290,12 +358,14 @@ int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* reco
     if (client == nullptr || record == nullptr) {
         return EINVAL;
     }
-    const std::optional<std::string> pattern = qv::record_key_pattern(*record);
-    if (!pattern) {
-        return EINVAL;
-    }
-    qv::own_records().erase_matching(db, *pattern);
-    return client->store->erase_matching(db, record->descriptor->name, *pattern) ? 0 : ENOTCONN;
+    return guarded([&] {
+        const std::optional<std::string> pattern = qv::record_key_pattern(*record);
+        if (!pattern) {
+            return EINVAL;
+        }
+        qv::own_records().erase_matching(db, *pattern);
+        return client->store->erase_matching(db, record->descriptor->name, *pattern) ? 0 : ENOTCONN;
+    });
 }
 
 int qv_mom_subscribe(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int /*flags*/,
@@ -303,7 +373,7 @@ int qv_mom_subscribe(qv_mom_client* client, uint32_t db, const ProtobufCMessage*
     if (client == nullptr || key == nullptr || callback == nullptr) {
         return EINVAL;
     }
-    return client->subscribe(db, *key->descriptor, callback);
+    return guarded([&] { return client->subscribe(db, *key->descriptor, callback); });
 }
 
 int qv_mom_scan(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int /*flags*/,
@@ -311,7 +381,7 @@ int qv_mom_scan(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key,
     if (client == nullptr || key == nullptr || callback == nullptr) {
         return EINVAL;
     }
-    return client->scan(db, *key->descriptor, callback);
+    return guarded([&] { return client->scan(db, *key->descriptor, callback); });
 }
 
 int qv_mom_publish(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record,
@@ -319,8 +389,10 @@ int qv_mom_publish(qv_mom_client* client, uint32_t db, const ProtobufCMessage* r
     if (client == nullptr || record == nullptr) {
         return EINVAL;
     }
-    const std::vector<uint8_t> packed = qv::pack_record(*record);
-    return client->store->publish(db, record->descriptor->name, packed) ? 0 : ENOTCONN;
+    return guarded([&] {
+        const std::vector<uint8_t> packed = qv::pack_record(*record);
+        return client->store->publish(db, record->descriptor->name, packed) ? 0 : ENOTCONN;
+    });
 }
 
 }  // extern "C"

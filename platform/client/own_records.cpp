@@ -14,8 +14,40 @@ void OwnRecords::on_erased(ErasedCallback callback) {
     erased_ = std::move(callback);
 }
 
-void OwnRecords::set(uint32_t db, const std::string& key, std::vector<uint8_t> packed) {
-    records_[{db, key}] = std::move(packed);
+void OwnRecords::set(const qv_mom_client* owner, uint32_t db, const std::string& key,
+                     std::vector<uint8_t> packed) {
+    records_[{db, key}] = {owner, std::move(packed)};
+}
+
+void OwnRecords::for_each(const qv_mom_client* owner, const Visitor& visit) const {
+    for (const auto& [id, record] : records_) {
+        if (record.owner == owner) {
+            visit(id, record.packed);
+        }
+    }
+}
+
+StoreKeys OwnRecords::keys_after(const qv_mom_client* owner, const Id& after, size_t limit) const {
+    StoreKeys found;
+    const auto collect = [&](Records::const_iterator record, Records::const_iterator end) {
+        for (; record != end && found.keys.size() < limit; ++record) {
+            const auto& [db, key] = record->first;
+            if (record->second.owner != owner) {
+                continue;
+            }
+            if (!found.keys.empty() && db != found.db) {
+                return;
+            }
+            found.db = db;
+            found.keys.push_back(key);
+        }
+    };
+    const auto next = records_.upper_bound(after);
+    collect(next, records_.end());
+    if (found.keys.empty()) {
+        collect(records_.begin(), next);
+    }
+    return found;
 }
 
 void OwnRecords::erase(uint32_t db, const std::string& key) {

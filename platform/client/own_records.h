@@ -13,6 +13,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/driver/store_driver.h"
+
+struct qv_mom_client;
+
 namespace qv {
 
 class OwnRecords {
@@ -29,13 +33,27 @@ class OwnRecords {
 
     // The rest is for the client behind qv/mom.h.
 
-    void set(uint32_t db, const std::string& key, std::vector<uint8_t> packed);
+    using Id = std::pair<uint32_t, std::string>;  // database, key
+    using Visitor = std::function<void(const Id& id, const std::vector<uint8_t>& packed)>;
+
+    // The client that set a record last owns it and writes it again after a loss.
+    void set(const qv_mom_client* owner, uint32_t db, const std::string& key,
+             std::vector<uint8_t> packed);
     void erase(uint32_t db, const std::string& key);
     void erase_matching(uint32_t db, const std::string& glob);
 
+    // In the order of databases and keys; `visit` must not change the list.
+    void for_each(const qv_mom_client* owner, const Visitor& visit) const;
+    // Up to `limit` keys of one database that follow `after`; from the beginning again behind the
+    // last one.
+    StoreKeys keys_after(const qv_mom_client* owner, const Id& after, size_t limit) const;
+
  private:
-    using Id = std::pair<uint32_t, std::string>;  // database, key
-    using Records = std::map<Id, std::vector<uint8_t>>;
+    struct Record {
+        const qv_mom_client* owner;
+        std::vector<uint8_t> packed;
+    };
+    using Records = std::map<Id, Record>;
 
     Records::iterator erase(Records::iterator record);
 

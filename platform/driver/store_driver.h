@@ -10,6 +10,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace qv {
 
@@ -17,6 +18,12 @@ using Bytes = std::span<const uint8_t>;
 
 // The first byte of a change notice.
 enum class StoreOper : uint8_t { kSet = 0, kDelete = 1, kPublish = 2 };
+
+// Keys of one database.
+struct StoreKeys {
+    uint32_t db = 0;
+    std::vector<std::string> keys;
+};
 
 // Where a store client reports. Bytes and texts are valid during the call. They come from outside:
 // a notice may be empty, its operation unknown, its record damaged.
@@ -30,6 +37,13 @@ class StoreListener {
     virtual void notice(uint64_t subscription, Bytes notice) = 0;  // operation byte, packed record
     virtual void scanned(uint64_t scan, std::string_view key, Bytes record) = 0;
     virtual void scan_done(uint64_t scan) = 0;
+
+    // For a store that may lose its records without ending a session: some of the keys that should
+    // be there because this listener's program has set them, others with each call, 64 at most.
+    // Empty when there are none.
+    virtual StoreKeys keys_to_check() { return {}; }
+    // A key of those is missing. The listener sets again what should be there.
+    virtual void records_lost() {}
 };
 
 // One user of the store. Requests answer false when the database's session is not up; otherwise
@@ -44,6 +58,9 @@ class StoreClient {
 
     // Stores `record` and tells the subscribers of `type`, in one step.
     virtual bool set(uint32_t db, std::string_view type, std::string_view key, Bytes record) = 0;
+    // The same, unless the key exists; then it does nothing. Not repeated after a loss.
+    virtual bool set_missing(uint32_t db, std::string_view type, std::string_view key,
+                             Bytes record) = 0;
     // Deletes and tells the subscribers, also when there was no such key; `record` is the notice's.
     virtual bool erase(uint32_t db, std::string_view type, std::string_view key, Bytes record) = 0;
     // Deletes every key that matches the glob `pattern` and tells of each with its last record.

@@ -52,12 +52,13 @@ std::unique_ptr<redisReply, decltype(&freeReplyObject)> call(
     return {static_cast<redisReply*>(reply), freeReplyObject};
 }
 
-[[noreturn]] void become_server(const std::string& directory, const std::string& socket) {
+[[noreturn]] void become_server(const std::string& directory, const std::string& socket,
+                                const std::string& databases) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     const int quiet = open("/dev/null", O_WRONLY | O_CLOEXEC);
     dup2(quiet, STDOUT_FILENO);
     execlp("redis-server", "redis-server", "--port", "0", "--unixsocket", socket.c_str(), "--dir",
-           directory.c_str(), "--databases", "32", "--save", "", "--appendonly", "yes",
+           directory.c_str(), "--databases", databases.c_str(), "--save", "", "--appendonly", "yes",
            "--appendfsync", "always", "--daemonize", "no", nullptr);
     _exit(127);
 }
@@ -90,10 +91,11 @@ RedisServer::~RedisServer() {
     std::filesystem::remove_all(directory_, ignored);
 }
 
-void RedisServer::start() {
+void RedisServer::start(unsigned databases) {
+    const std::string count = std::to_string(databases);
     pid_ = fork();
     if (pid_ == 0) {
-        become_server(directory_, socket_);
+        become_server(directory_, socket_, count);
     }
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!answers(socket_)) {
@@ -110,6 +112,10 @@ void RedisServer::kill() {
         waitpid(pid_, nullptr, 0);
         pid_ = -1;
     }
+}
+
+void RedisServer::forget() const {
+    std::filesystem::remove_all(directory_ + "/appendonlydir");
 }
 
 void RedisServer::freeze() {

@@ -1,5 +1,5 @@
 // A real redis-server of a test's own: private Unix socket in a temporary directory, no TCP port,
-// 32 databases, every write on disk at once so that a killed server comes back with its records.
+// every write on disk at once so that a killed server comes back with its records.
 #pragma once
 
 #include <sys/types.h>
@@ -18,9 +18,10 @@ class RedisServer {
     RedisServer(const RedisServer&) = delete;
     RedisServer& operator=(const RedisServer&) = delete;
 
-    void start();  // returns when it answers
+    void start(unsigned databases = 32);  // returns when it answers
     void kill();
-    void freeze();  // answers nothing until kill()
+    void forget() const;  // once killed: what it has written to disk
+    void freeze();        // answers nothing until kill()
     const std::string& socket() const { return socket_; }
 
     // Runs a command in database `db` as another program would. The elements of the answer; a nil

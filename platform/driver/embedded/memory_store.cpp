@@ -27,6 +27,8 @@ class MemoryStore::Client final : public StoreClient {
     void open(uint32_t db) override;
     bool up(uint32_t db) const override;
     bool set(uint32_t db, std::string_view type, std::string_view key, Bytes record) override;
+    bool set_missing(uint32_t db, std::string_view type, std::string_view key,
+                     Bytes record) override;
     bool erase(uint32_t db, std::string_view type, std::string_view key, Bytes record) override;
     bool erase_matching(uint32_t db, std::string_view type, std::string_view pattern) override;
     bool publish(uint32_t db, std::string_view type, Bytes record) override;
@@ -129,6 +131,17 @@ bool MemoryStore::Client::set(uint32_t db, std::string_view /*type*/, std::strin
         return false;
     }
     store_.put(db, std::string(key), record);
+    return true;
+}
+
+bool MemoryStore::Client::set_missing(uint32_t db, std::string_view /*type*/, std::string_view key,
+                                      Bytes record) {
+    if (!up(db)) {
+        return false;
+    }
+    if (!store_.get(db, std::string(key))) {
+        store_.put(db, std::string(key), record);
+    }
     return true;
 }
 

@@ -11,12 +11,10 @@ namespace qv {
 namespace {
 
 // Records are small. A longer message is a mistake of somebody's and must not fill the memory.
-constexpr size_t kMessageLimit_bytes = size_t{8} << 20;
+constexpr size_t kMessageLimit_bytes = size_t{9} << 20;
 
 // Elements cost more memory than their bytes on the wire, so they have a limit of their own.
 constexpr size_t kPartLimit = 65536;
-
-}  // namespace
 
 const char* name_of(RedisReply::Type type) {
     switch (type) {
@@ -34,6 +32,27 @@ const char* name_of(RedisReply::Type type) {
             return "an error";
     }
     return "";
+}
+
+}  // namespace
+
+const RedisReply* error_in(const RedisReply& reply) {
+    if (reply.is(RedisReply::Type::kError)) {
+        return &reply;
+    }
+    for (const RedisReply& part : reply.elements) {
+        if (part.is(RedisReply::Type::kError)) {
+            return &part;
+        }
+    }
+    return nullptr;
+}
+
+std::string complaint(const char* request, const RedisReply& reply) {
+    if (reply.is(RedisReply::Type::kError)) {
+        return reply.text;
+    }
+    return std::string("the server answers ") + request + " with " + name_of(reply.type);
 }
 
 // C calls these: no exception leaves them. A null result ends the reading.
@@ -127,7 +146,7 @@ std::optional<RedisReply> RedisReplyReader::next() {
         return std::move(*owned);
     }
     if (incomplete_bytes_ > kMessageLimit_bytes) {
-        fail("a message is longer than 8 MiB");
+        fail("a message is longer than 9 MiB");
     }
     return std::nullopt;
 }

@@ -25,8 +25,11 @@ struct RedisReply {
     std::vector<RedisReply> elements;  // of an array
 };
 
-// "a reply of type array", for messages about a reply that was not expected.
-const char* name_of(RedisReply::Type type);
+// The error that `reply` is or, for the reply to a transaction, the first one in it. Null: none.
+const RedisReply* error_in(const RedisReply& reply);
+
+// For the log: why `reply` cannot be the reply to `request`.
+std::string complaint(const char* request, const RedisReply& reply);
 
 class RedisReplyReader {
  public:

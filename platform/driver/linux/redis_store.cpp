@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "platform/driver/linux/redis_connection.h"
+#include "platform/driver/linux/redis_scripts.h"
 #include "qv/syslog.h"
 
 namespace qv {
@@ -18,20 +19,17 @@ using Type = RedisReply::Type;
 constexpr Duration kFirstBackoff = 100ms;
 constexpr Duration kLongestBackoff = 5s;
 
-// Writes that wait for the server. Beyond this it is taken for gone.
+// Writes that wait for the server on one connection. Beyond this it is taken for gone.
 constexpr size_t kUnconfirmedLimit_bytes = size_t{8} << 20;
 
-constexpr std::string_view kScanPage = "256";
+// How often the server is asked whether it still has the records of this process.
+constexpr Duration kCheckPeriod = 5s;
 
-// One step for the server: a record written by anybody in the meantime is either older and told of
-// as deleted, or newer and untouched.
-constexpr std::string_view kEraseScript =
-    "for _, key in ipairs(redis.call('KEYS', ARGV[1])) do "
-    "local record = redis.pcall('GET', key) "
-    "redis.call('DEL', key) "
-    "if type(record) == 'string' then redis.call('PUBLISH', ARGV[2], '\\1' .. record) end "
-    "end "
-    "return 0";
+// A session that ends earlier has not shown that the server can be used, so the next attempt waits
+// as long as after a failed one.
+constexpr Duration kProvenAfter = 10s;
+
+constexpr std::string_view kRecordLimit_bytes = "8388608";  // the replies' limit leaves room for it
 
 std::string channel_of(uint32_t db, std::string_view type) {
     return "mom/" + std::to_string(db) + "/" + std::string(type);
@@ -47,25 +45,10 @@ Bytes bytes_of(const std::string& text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
 
-// A transaction answers with the answers of its commands.
-const RedisReply* error_in(const RedisReply& reply) {
-    if (reply.is(Type::kError)) {
-        return &reply;
-    }
-    for (const RedisReply& part : reply.elements) {
-        if (part.is(Type::kError)) {
-            return &part;
-        }
-    }
-    return nullptr;
-}
-
-// For the log: why `reply` is not the reply that `command` should have.
-std::string complaint(const char* command, const RedisReply& reply) {
-    if (reply.is(Type::kError)) {
-        return reply.text;
-    }
-    return std::string("the server answers ") + command + " with " + name_of(reply.type);
+std::string printable(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](char c) { return c < 0x20 || c > 0x7e; }, '?');
+    return text;
 }
 
 class RedisClient final : public StoreClient {
@@ -76,6 +59,8 @@ class RedisClient final : public StoreClient {
     void open(uint32_t db) override;
     bool up(uint32_t db) const override;
     bool set(uint32_t db, std::string_view type, std::string_view key, Bytes record) override;
+    bool set_missing(uint32_t db, std::string_view type, std::string_view key,
+                     Bytes record) override;
     bool erase(uint32_t db, std::string_view type, std::string_view key, Bytes record) override;
     bool erase_matching(uint32_t db, std::string_view type, std::string_view pattern) override;
     bool publish(uint32_t db, std::string_view type, Bytes record) override;
@@ -83,7 +68,13 @@ class RedisClient final : public StoreClient {
     bool scan(uint32_t db, std::string_view type, uint64_t scan) override;
 
  private:
-    enum class Kind { kSet, kErase, kEraseMatching, kPublish };
+    using Sizes = std::map<std::string, long long>;  // by key, in bytes
+
+    struct Database {
+        bool up = false;
+        bool refused = false;  // and logged
+    };
+    enum class Kind { kSet, kSetMissing, kErase, kEraseMatching, kPublish };
 
     struct Write {
         uint32_t db;
@@ -91,6 +82,7 @@ class RedisClient final : public StoreClient {
         std::string key;  // or the pattern
         std::string channel;
         std::string notice;
+        std::string error;  // the first of the transaction under way
     };
     static size_t size_of(const Write& write) {
         return sizeof write + write.key.size() + write.notice.size();
@@ -99,7 +91,7 @@ class RedisClient final : public StoreClient {
         uint32_t db;
         std::string pattern;
         std::string cursor;
-        std::vector<std::string> keys;  // of the page whose values are on their way
+        Sizes too_long;  // found so far
     };
 
     void connect();
@@ -107,18 +99,24 @@ class RedisClient final : public StoreClient {
     void greeted();
     void select(uint32_t db);
     void selected(uint32_t db, const RedisReply& reply);
+    void refuse(uint32_t db, const std::string& error);
     void use(uint32_t db);
     bool write(uint32_t db, Kind kind, std::string_view type, std::string_view key,
                std::string notice);
     void send(uint64_t number, const Write& write);
     void send_waiting();
+    void note_error(uint64_t number, const RedisReply& reply);
     void written(uint64_t number, const RedisReply& reply);
+    void forget(uint64_t number);
     void confirmed(const std::string& channel, uint64_t subscription, const RedisReply& reply);
     void on_message(const RedisReply& message);
-    void next_page(uint64_t number);
-    void page_found(uint64_t number, const RedisReply& reply);
-    void values_found(uint64_t number, const RedisReply& reply);
-    void page_done(uint64_t number);
+    void read_page(uint64_t number, const std::vector<std::string_view>& keys);
+    void page_read(uint64_t number, const RedisReply& reply);
+    void note_too_long(Scan& scan, const std::string& key, long long size);
+    void end_scan(uint64_t number);
+    void arm_check();
+    void check_records();
+    void checked(size_t count, const RedisReply& reply);
     void fail_later(const std::string& reason);
     void lose(const std::string& reason);
 
@@ -126,19 +124,24 @@ class RedisClient final : public StoreClient {
     const std::string socket_;
     StoreListener& listener_;
 
-    std::map<uint32_t, bool> databases_;      // opened so far; true: the session is up
+    std::map<uint32_t, Database> databases_;  // opened so far
     std::map<uint64_t, Write> unconfirmed_;   // in the order of the calls
     std::map<std::string, uint64_t> topics_;  // subscriptions of this connection, by channel
     std::map<uint64_t, Scan> scans_;          // of this connection
     std::vector<uint64_t> waiting_;           // unconfirmed writes that are not sent yet
     uint64_t writes_ = 0;
     size_t unconfirmed_bytes_ = 0;
+    size_t unconfirmed_limit_bytes_ = kUnconfirmedLimit_bytes;  // of this connection
 
     int greetings_ = 0;      // connections that have answered; 2: ready
     uint32_t selected_ = 0;  // what the command connection stands on once all is sent
     Duration backoff_ = kFirstBackoff;
     bool away_logged_ = false;
     bool write_refused_ = false;  // logged; until a write succeeds again
+    std::map<std::pair<uint32_t, std::string>, Sizes> too_long_;  // logged; by database, pattern
+    Time greeted_at_;             // when both connections had answered
+    bool check_refused_ = false;  // logged; by this connection
+    EventLoop::Handle check_;
     EventLoop::Handle retry_;
     EventLoop::Handle failing_;
     EventLoop::Handle sending_;
@@ -170,12 +173,15 @@ void RedisClient::greet(const RedisReply& pong) {
 }
 
 void RedisClient::greeted() {
-    backoff_ = kFirstBackoff;
+    greeted_at_ = loop_.clock().now();
+    // The writes that are sent again must not take the room of the next ones.
+    unconfirmed_limit_bytes_ =
+        std::min(unconfirmed_bytes_ + kUnconfirmedLimit_bytes, 4 * kUnconfirmedLimit_bytes);
     if (std::exchange(away_logged_, false)) {
         printk_syslog(SYSLOG_SEVERITY_INFO, "MOM", "STORE_UP", "Object database at %s is back.",
                       socket_.c_str());
     }
-    for (const auto& [db, up] : databases_) {
+    for (const auto& [db, database] : databases_) {
         select(db);
     }
 }
@@ -188,21 +194,37 @@ void RedisClient::select(uint32_t db) {
 
 void RedisClient::selected(uint32_t db, const RedisReply& reply) {
     if (reply.is(Type::kError)) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "NO_DATABASE", "Database %u: %s", db,
-                      reply.text.c_str());
+        refuse(db, reply.text);
         return;
     }
     if (!reply.is(Type::kStatus)) {
         fail_later(complaint("SELECT", reply));
         return;
     }
-    databases_[db] = true;
+    databases_[db] = {.up = true, .refused = false};
     for (const auto& [number, write] : unconfirmed_) {
         if (write.db == db) {
             send(number, write);
         }
     }
     listener_.session_up(db);
+}
+
+// Tried again with every new connection: the server may have been given more databases by then.
+void RedisClient::refuse(uint32_t db, const std::string& error) {
+    if (std::exchange(databases_[db].refused, true)) {
+        return;
+    }
+    if (error.find("DB index is out of range") != std::string::npos) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "NO_DATABASE",
+                      "The object database at %s has no database %u. Put \"databases 32\" into the "
+                      "configuration of redis-server and restart it.",
+                      socket_.c_str(), db);
+    } else {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "NO_DATABASE",
+                      "The object database at %s refuses database %u: %s", socket_.c_str(), db,
+                      error.c_str());
+    }
 }
 
 // For the callbacks of the connections, which must not destroy them.
@@ -222,6 +244,20 @@ void RedisClient::lose(const std::string& reason) {
     topics_.clear();
     scans_.clear();
     waiting_.clear();  // sent again with the others
+    check_.reset();
+    check_refused_ = false;
+    // The listener asks for these again when it learns that the session is back.
+    for (auto write = unconfirmed_.begin(); write != unconfirmed_.end();) {
+        const uint64_t number = write->first;
+        write->second.error.clear();
+        const bool obsolete = write++->second.kind == Kind::kSetMissing;
+        if (obsolete) {
+            forget(number);
+        }
+    }
+    if (greetings_ == 2 && loop_.clock().now() - greeted_at_ >= kProvenAfter) {
+        backoff_ = kFirstBackoff;
+    }
     greetings_ = 0;
     if (!std::exchange(away_logged_, true)) {
         printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "STORE_AWAY",
@@ -231,8 +267,8 @@ void RedisClient::lose(const std::string& reason) {
     retry_ = loop_.after(backoff_, [this] { connect(); });
     backoff_ = std::min(backoff_ * 2, kLongestBackoff);
     std::vector<uint32_t> lost;
-    for (auto& [db, up] : databases_) {
-        if (std::exchange(up, false)) {
+    for (auto& [db, database] : databases_) {
+        if (std::exchange(database.up, false)) {
             lost.push_back(db);
         }
     }
@@ -242,7 +278,7 @@ void RedisClient::lose(const std::string& reason) {
 }
 
 void RedisClient::open(uint32_t db) {
-    const bool first = databases_.emplace(db, false).second;
+    const bool first = databases_.try_emplace(db).second;
     if (!first) {
         return;
     }
@@ -255,7 +291,7 @@ void RedisClient::open(uint32_t db) {
 
 bool RedisClient::up(uint32_t db) const {
     const auto database = databases_.find(db);
-    return database != databases_.end() && database->second && !failing_;
+    return database != databases_.end() && database->second.up && !failing_;
 }
 
 void RedisClient::use(uint32_t db) {
@@ -275,16 +311,20 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
         return false;
     }
     const uint64_t number = ++writes_;
-    const Write& kept = unconfirmed_
-                            .emplace(number, Write{db, kind, std::string(key), channel_of(db, type),
-                                                   std::move(notice)})
-                            .first->second;
+    const Write& kept =
+        unconfirmed_
+            .emplace(number,
+                     Write{db, kind, std::string(key), channel_of(db, type), std::move(notice), {}})
+            .first->second;
     unconfirmed_bytes_ += size_of(kept);
     waiting_.push_back(number);
+    if (kind == Kind::kSet || kind == Kind::kSetMissing) {
+        arm_check();
+    }
     if (!sending_) {
         sending_ = loop_.put_off([this] { send_waiting(); });
     }
-    if (unconfirmed_bytes_ > kUnconfirmedLimit_bytes) {
+    if (unconfirmed_bytes_ > unconfirmed_limit_bytes_) {
         fail_later("it does not keep up with the writes");
     }
     return true;
@@ -300,18 +340,27 @@ void RedisClient::send(uint64_t number, const Write& write) {
     const auto done = [this, number](const RedisReply& reply) {
         written(number, reply);
     };
+    const auto queued = [this, number](const RedisReply& reply) {
+        note_error(number, reply);
+    };
+    const std::string_view notice = write.notice;  // empty for a delete of many
+    const std::string_view record = notice.substr(notice.empty() ? 0 : 1);
     use(write.db);
     switch (write.kind) {
         case Kind::kSet:
-            commands_->send({"MULTI"});
-            commands_->send({"SET", write.key, std::string_view(write.notice).substr(1)});
-            commands_->send({"PUBLISH", write.channel, write.notice});
+            commands_->send({"MULTI"}, queued);
+            commands_->send({"SET", write.key, record}, queued);
+            commands_->send({"PUBLISH", write.channel, write.notice}, queued);
             commands_->send({"EXEC"}, done);
             return;
+        case Kind::kSetMissing:
+            commands_->send({"EVAL", kSetMissingScript, "1", write.key, record, write.channel},
+                            done);
+            return;
         case Kind::kErase:
-            commands_->send({"MULTI"});
-            commands_->send({"DEL", write.key});
-            commands_->send({"PUBLISH", write.channel, write.notice});
+            commands_->send({"MULTI"}, queued);
+            commands_->send({"DEL", write.key}, queued);
+            commands_->send({"PUBLISH", write.channel, write.notice}, queued);
             commands_->send({"EXEC"}, done);
             return;
         case Kind::kEraseMatching:
@@ -323,25 +372,47 @@ void RedisClient::send(uint64_t number, const Write& write) {
     }
 }
 
+// EXEC only says that an earlier command of the transaction was refused, not why.
+void RedisClient::note_error(uint64_t number, const RedisReply& reply) {
+    Write& write = unconfirmed_.at(number);
+    if (reply.is(Type::kError) && write.error.empty()) {
+        write.error = reply.text;
+    }
+}
+
 void RedisClient::written(uint64_t number, const RedisReply& reply) {
-    const Write& write = unconfirmed_.at(number);
-    const RedisReply* const error = error_in(reply);
+    Write& write = unconfirmed_.at(number);
     const bool transaction = write.kind == Kind::kSet || write.kind == Kind::kErase;
-    if (error == nullptr && !reply.is(transaction ? Type::kArray : Type::kInteger)) {
+    const RedisReply* const error = error_in(reply);
+    if (error != nullptr) {
+        note_error(number, *error);
+    } else if (!reply.is(transaction ? Type::kArray : Type::kInteger)) {
         fail_later(complaint("a write", reply));
         return;
     }
-    if (error != nullptr && !write_refused_) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "WRITE_REFUSED", "Database %u, %s: %s",
-                      write.db, write.key.c_str(), error->text.c_str());
+    if (!write.error.empty() && !write_refused_) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "WRITE_REFUSED",
+                      "Database %u: %s was not written: %s. Further refusals are not logged until "
+                      "a write succeeds.",
+                      write.db, write.key.empty() ? write.channel.c_str() : write.key.c_str(),
+                      write.error.c_str());
     }
-    write_refused_ = error != nullptr;
-    unconfirmed_bytes_ -= size_of(write);
+    write_refused_ = !write.error.empty();
+    forget(number);
+}
+
+void RedisClient::forget(uint64_t number) {
+    unconfirmed_bytes_ -= size_of(unconfirmed_.at(number));
     unconfirmed_.erase(number);
 }
 
 bool RedisClient::set(uint32_t db, std::string_view type, std::string_view key, Bytes record) {
     return write(db, Kind::kSet, type, key, notice_of(StoreOper::kSet, record));
+}
+
+bool RedisClient::set_missing(uint32_t db, std::string_view type, std::string_view key,
+                              Bytes record) {
+    return write(db, Kind::kSetMissing, type, key, notice_of(StoreOper::kSet, record));
 }
 
 bool RedisClient::erase(uint32_t db, std::string_view type, std::string_view key, Bytes record) {
@@ -371,6 +442,12 @@ bool RedisClient::subscribe(uint32_t db, std::string_view type, uint64_t subscri
 // The confirmation is an array of "subscribe", the channel and a count.
 void RedisClient::confirmed(const std::string& channel, uint64_t subscription,
                             const RedisReply& reply) {
+    if (reply.is(Type::kError)) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "SUBSCRIBE_REFUSED",
+                      "The object database at %s refuses the subscription to %s: %s",
+                      socket_.c_str(), channel.c_str(), reply.text.c_str());
+        return;
+    }
     if (reply.elements.size() != 3 || reply.elements[0].text != "subscribe" ||
         reply.elements[1].text != channel) {
         fail_later(complaint("SUBSCRIBE", reply));
@@ -396,65 +473,114 @@ bool RedisClient::scan(uint32_t db, std::string_view type, uint64_t scan) {
         return false;
     }
     scans_[scan] = {db, std::string(type) + "/*", "0", {}};
-    next_page(scan);
+    read_page(scan, {});
     return true;
 }
 
-// What was written before the scan is in it.
-void RedisClient::next_page(uint64_t number) {
+// Reads the records under `keys`, or the next page when there are none. Whatever was written before
+// is sent first, so that the scan finds it.
+void RedisClient::read_page(uint64_t number, const std::vector<std::string_view>& keys) {
     send_waiting();
     const Scan& scan = scans_.at(number);
+    const std::string count = std::to_string(keys.size());
+    std::vector<std::string_view> words{"EVAL", kScanScript, count};
+    words.insert(words.end(), keys.begin(), keys.end());
+    words.insert(words.end(), {scan.cursor, scan.pattern, kRecordLimit_bytes});
     use(scan.db);
-    commands_->send({"SCAN", scan.cursor, "MATCH", scan.pattern, "COUNT", kScanPage},
-                    [this, number](const RedisReply& reply) { page_found(number, reply); });
+    commands_->send(words.size(), words.data(),
+                    [this, number](const RedisReply& reply) { page_read(number, reply); });
 }
 
-// A refused page ends the connection: the client scans again when it is back.
-void RedisClient::page_found(uint64_t number, const RedisReply& reply) {
-    if (reply.elements.size() != 2 || !reply.elements[0].is(Type::kString) ||
-        !reply.elements[1].is(Type::kArray)) {
-        fail_later(complaint("SCAN", reply));
+// A page that the server refuses ends the session: the client scans again when it is back.
+void RedisClient::page_read(uint64_t number, const RedisReply& reply) {
+    if (!is_scan_page(reply)) {
+        fail_later(complaint("a scan", reply));
         return;
     }
     Scan& scan = scans_.at(number);
     scan.cursor = reply.elements[0].text;
-    scan.keys.clear();
-    for (const RedisReply& key : reply.elements[1].elements) {
-        scan.keys.push_back(key.text);
+    const std::vector<RedisReply>& records = reply.elements[1].elements;
+    const std::vector<RedisReply>& left = reply.elements[2].elements;
+    const std::vector<RedisReply>& too_long = reply.elements[3].elements;
+    for (size_t n = 0; n < too_long.size(); n += 2) {
+        note_too_long(scan, too_long[n].text, too_long[n + 1].number);
     }
-    if (scan.keys.empty()) {
-        page_done(number);
+    for (size_t n = 0; n < records.size(); n += 2) {
+        listener_.scanned(number, records[n].text, bytes_of(records[n + 1].text));
+    }
+    if (left.empty() && scan.cursor == "0") {
+        end_scan(number);
         return;
     }
-    std::vector<std::string_view> words{"MGET"};
-    words.insert(words.end(), scan.keys.begin(), scan.keys.end());
-    use(scan.db);
-    commands_->send(words.size(), words.data(),
-                    [this, number](const RedisReply& values) { values_found(number, values); });
+    std::vector<std::string_view> keys;
+    for (const RedisReply& key : left) {
+        keys.push_back(key.text);
+    }
+    read_page(number, keys);
 }
 
-// A key that was deleted since its page was read, or that holds no string, has no value.
-void RedisClient::values_found(uint64_t number, const RedisReply& reply) {
-    const std::vector<std::string> keys = std::move(scans_.at(number).keys);
-    if (reply.elements.size() != keys.size()) {
-        fail_later(complaint("MGET", reply));
-        return;
+// Logged once for each key, and again when the size is another one.
+void RedisClient::note_too_long(Scan& scan, const std::string& key, long long size) {
+    scan.too_long[key] = size;
+    long long& logged = too_long_[{scan.db, scan.pattern}].try_emplace(key, -1).first->second;
+    if (std::exchange(logged, size) != size) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "RECORD_TOO_LONG",
+                      "Database %u: %s is ignored: its %lld bytes or its key are too long. Delete "
+                      "it.",
+                      scan.db, printable(key).c_str(), size);
     }
-    for (size_t n = 0; n < keys.size(); n++) {
-        if (reply.elements[n].is(Type::kString)) {
-            listener_.scanned(number, keys[n], bytes_of(reply.elements[n].text));
-        }
-    }
-    page_done(number);
 }
 
-void RedisClient::page_done(uint64_t number) {
-    if (scans_.at(number).cursor != "0") {
-        next_page(number);
-        return;
-    }
+void RedisClient::end_scan(uint64_t number) {
+    Scan& scan = scans_.at(number);
+    too_long_[{scan.db, scan.pattern}] = std::move(scan.too_long);
     scans_.erase(number);
     listener_.scan_done(number);
+}
+
+void RedisClient::arm_check() {
+    if (!check_ && !check_refused_) {
+        check_ = loop_.after(kCheckPeriod, [this] { check_records(); });
+    }
+}
+
+// A server that is emptied while it runs says nothing about it. A part of the keys will do: what
+// empties it takes them all. The next set arms the timer again when there is nothing to check.
+void RedisClient::check_records() {
+    const StoreKeys own = listener_.keys_to_check();
+    if (own.keys.empty()) {
+        return;
+    }
+    if (!up(own.db)) {
+        arm_check();
+        return;
+    }
+    send_waiting();
+    use(own.db);
+    std::vector<std::string_view> words{"EXISTS"};
+    words.insert(words.end(), own.keys.begin(), own.keys.end());
+    commands_->send(
+        words.size(), words.data(),
+        [this, count = own.keys.size()](const RedisReply& reply) { checked(count, reply); });
+}
+
+void RedisClient::checked(size_t count, const RedisReply& reply) {
+    if (reply.is(Type::kError)) {
+        check_refused_ = true;
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "CHECK_REFUSED",
+                      "The object database at %s refuses EXISTS (%s), so records that it loses "
+                      "while it runs are not written again.",
+                      socket_.c_str(), reply.text.c_str());
+        return;
+    }
+    if (!reply.is(Type::kInteger)) {
+        fail_later(complaint("EXISTS", reply));
+        return;
+    }
+    arm_check();
+    if (reply.number != static_cast<long long>(count)) {
+        listener_.records_lost();
+    }
 }
 
 }  // namespace

@@ -3,6 +3,11 @@
 // A record is a protobuf-c message. Its key is the sub-message field named `index`; a type without
 // one is a singleton. Messages are packed during the call: nothing of the caller's is kept. All
 // calls and all callbacks belong to the main thread; callbacks arrive through the thread master.
+// ENOMEM is a possible result of every call that returns an error number.
+//
+// When the database has lost records that this process has set and not deleted since (it came back
+// empty, or was emptied while it ran), they are set again: after a loss of the session before its
+// reconnect callback runs, otherwise within seconds.
 #pragma once
 
 #include <cstdint>

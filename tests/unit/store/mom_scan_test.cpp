@@ -2,6 +2,8 @@
 // test, report by report.
 #include "tests/unit/store/store_fixture.h"
 
+#include <set>
+
 #include "platform/client/mom_key.h"
 
 namespace store_test {
@@ -25,6 +27,8 @@ class ScriptedStore final : public qv::StoreDriver {
     qv::StoreListener* listener = nullptr;
     uint64_t subscription = 0;
     uint64_t scan = 0;
+    bool up = true;
+    std::set<uint32_t> opened;
 
  private:
     static qv::Bytes bytes_of(const std::string& text) {
@@ -33,9 +37,16 @@ class ScriptedStore final : public qv::StoreDriver {
 
     struct Client final : qv::StoreClient {
         explicit Client(ScriptedStore& owner) : store(owner) {}
-        void open(uint32_t db) override { store.listener->session_up(db); }
-        bool up(uint32_t) const override { return true; }
+        void open(uint32_t db) override {
+            if (store.opened.insert(db).second) {
+                store.listener->session_up(db);
+            }
+        }
+        bool up(uint32_t) const override { return store.up; }
         bool set(uint32_t, std::string_view, std::string_view, qv::Bytes) override { return true; }
+        bool set_missing(uint32_t, std::string_view, std::string_view, qv::Bytes) override {
+            return true;
+        }
         bool erase(uint32_t, std::string_view, std::string_view, qv::Bytes) override {
             return true;
         }
@@ -111,6 +122,40 @@ TEST_F(MomScan, LossOfAnotherDatabaseDoesNotEndTheScan) {
     store.listener->session_down(22);
     store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
     EXPECT_EQ(g_heard, Lines{"1/0/4 ifx=7 vid=1 loop=1 src=7"});
+}
+
+TEST_F(MomScan, FinishedScanIsForgotten) {
+    store.listener->scan_done(store.scan);
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
+    EXPECT_EQ(g_heard, Lines{});
+}
+
+TEST_F(MomScan, NoticeOfAnotherDatabaseDoesNotOvertake) {
+    qv_mom_subscribe(client, 3, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
+    store.notice("\0"s + LoopInfo(7, 3, 0, 7).packed());
+    store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
+    EXPECT_EQ(g_heard, (Lines{"1/0/3 ifx=7 vid=3 loop=0 src=7", "1/0/4 ifx=7 vid=1 loop=1 src=7"}));
+}
+
+TEST_F(MomScan, NoticeOvertakesTheScanOfItsOwnTypeOnly) {
+    qv_mom_subscribe(client, 4, LoopEntry("", 0, false).record(), 0, on_loop_entry, nullptr);
+    store.notice("\0"s + LoopEntry("swp1", 1, true).packed());
+    store.scanned("p_app.lda_loop_entry/name=swp1", LoopInfo(7, 1, 1, 7).packed());
+    EXPECT_EQ(g_heard, (Lines{"1/0/4 swp1 policy=1 src=1", "1/0/4 ifx=7 vid=1 loop=1 src=7"}));
+}
+
+TEST_F(MomScan, ConnectIsNotReportedWhileTheSessionIsDown) {
+    qv_mom_client_set_reconnect_cb(client, 4, on_back, nullptr);
+    qv_mom_client_connect(client, 4, on_up, nullptr);
+    store.up = false;
+    store.listener->session_down(4);
+    platform.run_ready();
+    EXPECT_EQ(g_heard, Lines{});
+    store.up = true;
+    store.listener->session_up(4);
+    EXPECT_EQ(std::exchange(g_heard, {}), Lines{"up"});
+    store.listener->session_up(4);
+    EXPECT_EQ(g_heard, Lines{"back"});
 }
 
 TEST_F(MomScan, ReportsForNumbersNobodyKnowsAreIgnored) {

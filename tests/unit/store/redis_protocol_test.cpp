@@ -70,6 +70,10 @@ class RedisProtocol : public testing::Test {
                   0);
     }
 
+    void set(uint32_t ifx) {
+        ASSERT_EQ(qv_mom_set(client, 4, LoopInfo(ifx, 1, 1, 8).record(), 0, 0), 0);
+    }
+
     // The session has ended, for this reason, and the client comes back.
     void expect_lost(const std::string& reason) {
         platform.run_ready();
@@ -99,6 +103,202 @@ TEST_F(RedisProtocol, BackoffDoublesFromAHundredMillisecondsToFiveSeconds) {
         platform.run_for(1ms);
     }
     EXPECT_EQ(platform.log.lines().size(), 1U);
+}
+
+// The session comes up each time, and is lost after `stay`.
+TEST_F(RedisProtocol, BackoffGrowsUntilASessionHasLasted) {
+    const auto lose_after = [&](qv::Duration stay, qv::Duration wait) {
+        accept();
+        answer(commands(), "+PONG\r\n");
+        answer(subscriptions(), "+PONG\r\n");
+        answer(commands(), "+OK\r\n");
+        platform.run_for(stay);
+        peers.clear();
+        platform.run_ready();
+        platform.run_for(wait - 1ms);
+        EXPECT_EQ(server.accept().size(), 0U) << "too early after a session of " << stay.count();
+        platform.run_for(1ms);
+    };
+    lose_after(0s, 100ms);
+    lose_after(0s, 200ms);
+    lose_after(9s, 400ms);
+    lose_after(10s, 100ms);
+    lose_after(0s, 200ms);
+    EXPECT_EQ(g_heard, (Lines{"up", "down", "back", "down", "back", "down", "back", "down", "back",
+                              "down"}));
+}
+
+TEST_F(RedisProtocol, OwnRecordsAreLookedForEveryFiveSeconds) {
+    greet();
+    commands().received();
+    platform.run_for(60s);
+    EXPECT_EQ(commands().received(), "") << "nothing was set";
+    set(7);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
+    for (int check = 0; check < 3; check++) {
+        platform.run_for(4999ms);
+        EXPECT_EQ(commands().received(), "");
+        platform.run_for(1ms);
+        EXPECT_EQ(commands().received(),
+                  "*2\r\n$6\r\nEXISTS\r\n$29\r\np_bridge.tarn_loop_info/ifx=7\r\n");
+        platform.run_for(60s);
+        EXPECT_EQ(commands().received(), "") << "one check at a time";
+        answer(commands(), ":1\r\n");
+    }
+    ASSERT_EQ(qv_mom_del(client, 4, LoopInfo(7, 0, 0, 0).record(), 0, 0), 0);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n:1\r\n:0\r\n");
+    platform.run_for(60s);
+    EXPECT_EQ(commands().received(), "") << "nothing is left";
+}
+
+TEST_F(RedisProtocol, OnlyTheOwnRecordsOfTheSessionAreSetWhenOneIsMissing) {
+    greet();
+    set(7);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
+    platform.run_for(5s);
+    answer(commands(), ":0\r\n");
+    const std::string sent = commands().received();
+    EXPECT_EQ(sent.find("*6\r\n$4\r\nEVAL\r\n"), 0U) << sent;
+    EXPECT_TRUE(sent.ends_with("$1\r\n1\r\n$29\r\np_bridge.tarn_loop_info/ifx=7\r\n$10\r\n" +
+                               LoopInfo(7, 1, 1, 8).packed() +
+                               "\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n"))
+        << sent;
+    answer(commands(), ":0\r\n");
+    platform.run_for(5s);
+    EXPECT_EQ(commands().received(),
+              "*2\r\n$6\r\nEXISTS\r\n$29\r\np_bridge.tarn_loop_info/ifx=7\r\n");
+}
+
+TEST_F(RedisProtocol, ChecksTakeTurnsAmongDatabases) {
+    open(22);
+    accept();
+    answer(commands(), "+PONG\r\n");
+    answer(subscriptions(), "+PONG\r\n");
+    answer(commands(), "+OK\r\n+OK\r\n");
+    ASSERT_EQ(qv_mom_set(client, 22, LoopInfo(1, 0, 0, 0).record(), 0, 0), 0);
+    ASSERT_EQ(qv_mom_set(client, 4, LoopInfo(2, 0, 0, 0).record(), 0, 0), 0);
+    answer(commands(),
+           "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n"
+           "+OK\r\n+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
+    const std::string first = "*2\r\n$6\r\nEXISTS\r\n$29\r\np_bridge.tarn_loop_info/ifx=";
+    platform.run_for(5s);
+    EXPECT_EQ(commands().received(), first + "2\r\n");
+    commands().send(":1\r\n");
+    platform.run_for(5s);
+    EXPECT_EQ(commands().received(), "*2\r\n$6\r\nSELECT\r\n$2\r\n22\r\n" + first + "1\r\n");
+    commands().send("+OK\r\n:1\r\n");
+    platform.run_for(5s);
+    EXPECT_EQ(commands().received(), "*2\r\n$6\r\nSELECT\r\n$1\r\n4\r\n" + first + "2\r\n");
+}
+
+TEST_F(RedisProtocol, CheckAsksForSixtyFourKeysAtMost) {
+    greet();
+    std::string replies;
+    for (uint32_t ifx = 100; ifx < 165; ifx++) {
+        set(ifx);
+        replies += "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n";
+    }
+    answer(commands(), replies);
+    platform.run_for(5s);
+    EXPECT_EQ(commands().received().substr(0, 5), "*65\r\n");
+    commands().send(":64\r\n");
+    platform.run_for(5s);
+    EXPECT_EQ(commands().received(),
+              "*2\r\n$6\r\nEXISTS\r\n$31\r\np_bridge.tarn_loop_info/ifx=164\r\n");
+}
+
+TEST_F(RedisProtocol, RefusedCheckIsLoggedAndNotRepeated) {
+    greet();
+    set(7);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
+    platform.run_for(5s);
+    answer(commands(), "-NOPERM no\r\n");
+    set(8);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
+    platform.run_for(60s);
+    EXPECT_EQ(commands().received(), "");
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"MOM-3-CHECK_REFUSED: The object database at " + server.path() +
+                    " refuses EXISTS (NOPERM no), so records that it loses while it runs are not "
+                    "written again."});
+}
+
+TEST_F(RedisProtocol, CheckAnsweredWithNothingEndsTheSession) {
+    greet();
+    set(7);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
+    platform.run_for(5s);
+    answer(commands(), "$-1\r\n");
+    expect_lost("the server answers EXISTS with nothing");
+}
+
+TEST_F(RedisProtocol, RefusedDatabaseIsLogged) {
+    accept();
+    answer(commands(), "+PONG\r\n");
+    answer(subscriptions(), "+PONG\r\n");
+    answer(commands(), "-NOPERM no\r\n");
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_EQ(platform.log.lines(), Lines{"MOM-3-NO_DATABASE: The object database at " +
+                                          server.path() + " refuses database 4: NOPERM no"});
+}
+
+TEST_F(RedisProtocol, RefusedReturnToADatabaseEndsTheSession) {
+    open(22);
+    accept();
+    answer(commands(), "+PONG\r\n");
+    answer(subscriptions(), "+PONG\r\n");
+    answer(commands(), "+OK\r\n+OK\r\n");
+    set(7);
+    answer(commands(), "-NOPERM no\r\n");
+    EXPECT_EQ(std::exchange(g_heard, {}), (Lines{"up", "up", "down", "down"}));
+}
+
+TEST_F(RedisProtocol, FirstErrorOfATransactionIsLogged) {
+    greet();
+    set(7);
+    answer(commands(), "+OK\r\n-OOM first\r\n-ERR second\r\n-EXECABORT Transaction discarded\r\n");
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"MOM-3-WRITE_REFUSED: Database 4: p_bridge.tarn_loop_info/ifx=7 was not "
+                    "written: OOM first. Further refusals are not logged until a write succeeds."});
+}
+
+TEST_F(RedisProtocol, ErrorInsideATransactionIsLogged) {
+    greet();
+    set(7);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n-MISCONF disk\r\n:0\r\n");
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"MOM-3-WRITE_REFUSED: Database 4: p_bridge.tarn_loop_info/ifx=7 was not "
+                    "written: MISCONF disk. Further refusals are not logged until a write "
+                    "succeeds."});
+}
+
+TEST_F(RedisProtocol, TransactionThatWasNotExecutedEndsTheSession) {
+    greet();
+    set(7);
+    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*-1\r\n");
+    expect_lost("the server answers a write with nothing");
+}
+
+TEST_F(RedisProtocol, PageOfAWrongShapeEndsTheSession) {
+    const std::string cursor = "$1\r\n0\r\n";
+    for (const std::string& page :
+         {"*4\r\n:0\r\n*0\r\n*0\r\n*0\r\n"s, "*3\r\n" + cursor + "*0\r\n*0\r\n",
+          "*4\r\n" + cursor + "*1\r\n$1\r\nk\r\n*0\r\n*0\r\n",
+          "*4\r\n" + cursor + "*2\r\n$1\r\nk\r\n:1\r\n*0\r\n*0\r\n",
+          "*4\r\n" + cursor + "*0\r\n$1\r\nk\r\n*0\r\n",
+          "*4\r\n" + cursor + "*0\r\n*1\r\n*0\r\n*0\r\n",
+          "*4\r\n" + cursor + "*0\r\n*0\r\n*2\r\n$1\r\nk\r\n$1\r\n1\r\n"}) {
+        accept();
+        answer(commands(), "+PONG\r\n");
+        answer(subscriptions(), "+PONG\r\n");
+        answer(commands(), "+OK\r\n");
+        g_heard.clear();
+        scan();
+        answer(commands(), page);
+        EXPECT_EQ(g_heard, Lines{"down"}) << page;
+        platform.run_for(5s);
+    }
 }
 
 TEST_F(RedisProtocol, SessionIsUpOnceBothConnectionsAndTheDatabaseAnswer) {
@@ -209,6 +409,16 @@ TEST_F(RedisProtocol, SubscriptionAnsweredWithNothingEndsTheSession) {
     expect_lost("the server answers SUBSCRIBE with nothing");
 }
 
+TEST_F(RedisProtocol, RefusedSubscriptionIsLogged) {
+    greet();
+    subscribe();
+    answer(subscriptions(), "-NOPERM no\r\n");
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"MOM-3-SUBSCRIBE_REFUSED: The object database at " + server.path() +
+                    " refuses the subscription to mom/4/p_bridge.tarn_loop_info: NOPERM no"});
+}
+
 TEST_F(RedisProtocol, ConfirmationOfAnotherChannelEndsTheSession) {
     greet();
     subscribe();
@@ -220,7 +430,7 @@ TEST_F(RedisProtocol, ScanAnsweredWithNothingEndsTheSession) {
     greet();
     scan();
     answer(commands(), "*-1\r\n");
-    expect_lost("the server answers SCAN with nothing");
+    expect_lost("the server answers a scan with nothing");
 }
 
 TEST_F(RedisProtocol, DatabaseAnsweredWithANumberEndsTheConnection) {
@@ -292,11 +502,11 @@ TEST_F(RedisProtocol, MessageWithoutAnEndEndsTheSession) {
     scan();
     answer(commands(), "$100000000\r\n");
     const std::string part(size_t{64} << 10, 'x');
-    for (int n = 0; n < 130 && g_heard.empty(); n++) {
+    for (int n = 0; n < 150 && g_heard.empty(); n++) {
         commands().send(part);
         platform.run_ready();
     }
-    expect_lost("a message is longer than 8 MiB");
+    expect_lost("a message is longer than 9 MiB");
 }
 
 TEST_F(RedisProtocol, NothingIsHandedOutAfterTheReplyThatEndsTheSession) {

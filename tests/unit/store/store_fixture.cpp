@@ -181,6 +181,11 @@ LoopEntry::LoopEntry(const char* name, uint32_t policy, bool src_port) {
     entry.src_port = src_port ? 1 : 0;
 }
 
+std::string LoopEntry::packed() const {
+    const auto bytes = qv::pack_record(entry.base);
+    return {bytes.begin(), bytes.end()};
+}
+
 Operate::Operate(const char* publisher, int type, int oid) {
     index.publisher = const_cast<char*>(publisher);
     index.type = type;

@@ -50,6 +50,7 @@ struct LoopEntry {
     PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
     PApp__LdaLoopEntry entry = P_APP__LDA_LOOP_ENTRY__INIT;
     const ProtobufCMessage* record() const { return &entry.base; }
+    std::string packed() const;
 };
 
 struct Operate {
@@ -90,7 +91,7 @@ class Store : public testing::TestWithParam<std::string_view> {
     Lines take_heard();  // and forgets it
 
     qv::test::TestPlatform platform;
-    qv::SteadyClock real_clock;
+    qv::SteadyClock real_clock{20};  // timers of seconds in fractions of one
     std::unique_ptr<World> world;
     qv_thread_master* master = nullptr;
     qv_mom_client* client = nullptr;
