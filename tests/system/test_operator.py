@@ -182,7 +182,8 @@ def test_bad_line_of_the_saved_configuration_is_named_and_the_rest_applied():
     with Lab(ports=4, speed=60) as lab:
         lab.startup_config.write_text("loop-detect enable shutdown access-mode\n"
                                       "loop-detect frobnicate\n"
-                                      "loop-detect shutdown-recover-time 120\n")
+                                      "loop-detect shutdown-recover-time 120\n"
+                                      "end\n")
         lab.start_agent()
         wait_for(lambda: "shutdown-recover-time 120" in lab.cli("show running-config"), 10,
                  "the last line is in force")
