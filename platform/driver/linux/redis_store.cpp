@@ -155,7 +155,6 @@ void RedisClient::connect() {
     const auto on_lost = [this](const std::string& reason) {
         lose(reason);
     };
-    selected_ = 0;
     commands_ = std::make_unique<RedisConnection>(loop_, socket_, on_lost);
     subscriptions_ = std::make_unique<RedisConnection>(
         loop_, socket_, on_lost, [this](const RedisReply& message) { on_message(message); });

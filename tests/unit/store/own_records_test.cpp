@@ -100,6 +100,29 @@ TEST_F(OwnRecords, DeleteWhileTheDatabaseIsAwayTakesTheRecordOut) {
               (Lines{"4 p_app.lda_loop_entry/name=swp3", "4 p_app.lda_loop_entry/name=swp4"}));
 }
 
+TEST_F(OwnRecords, EachClientAnswersForWhatItHasSetLast) {
+    qv_mom_client* const other = qv_mom_client_init("OTHER", master, nullptr);
+    qv::OwnRecords records;
+    records.set(client, 4, "a", {1});
+    records.set(client, 4, "b", {2});
+    records.set(other, 4, "b", {3});
+    records.set(other, 3, "c", {4});
+    const auto all_of = [&](const qv_mom_client* owner) {
+        Lines lines;
+        records.for_each(owner, [&](const qv::OwnRecords::Id& id, const auto& packed) {
+            lines.push_back(std::to_string(id.first) + id.second + std::to_string(packed.at(0)));
+        });
+        return lines;
+    };
+    EXPECT_EQ(all_of(client), Lines{"4a1"});
+    EXPECT_EQ(all_of(other), (Lines{"3c4", "4b3"}));
+    EXPECT_EQ(records.keys_after(client, {}, 64).keys, Lines{"a"});
+    EXPECT_EQ(records.keys_after(other, {}, 64).keys, Lines{"c"});
+    EXPECT_EQ(records.keys_after(other, {3, "c"}, 64).keys, Lines{"b"});
+    EXPECT_EQ(records.keys_after(other, {4, "b"}, 64).keys, Lines{"c"});
+    EXPECT_EQ(records.keys_after(nullptr, {}, 64).keys, Lines{});
+}
+
 TEST_F(OwnRecords, PublishedRecordIsNoneOfTheRecords) {
     ASSERT_EQ(qv_mom_publish(client, 4, LoopEntry("swp3", 1, true).record(), 0, 0), 0);
     EXPECT_FALSE(own.contains(4, "p_app.lda_loop_entry/name=swp3"));

@@ -1,97 +1,13 @@
 // The client beside a server that answers whatever the test writes, on a manual clock: connecting,
 // back-off, and replies that no sound server gives. Those end the session, never the process.
 #include <cerrno>
-#include <csignal>
 
-#include "tests/support/scripted_server.h"
-#include "tests/unit/store/store_fixture.h"
+#include "tests/unit/store/redis_protocol_fixture.h"
 
 namespace store_test {
 namespace {
 
-using namespace std::chrono_literals;
 using namespace std::string_literals;
-using qv::test::ScriptedServer;
-
-class RedisProtocol : public testing::Test {
- protected:
-    RedisProtocol() {
-        std::signal(SIGPIPE, SIG_IGN);
-        g_heard.clear();
-        master = qv_thread_master_create();
-        store = std::make_unique<qv::RedisStore>(platform.loop(), server.path());
-        platform.store_in_use = store.get();
-        client = qv_mom_client_init("TEST", master, nullptr);
-        open(4);
-    }
-    ~RedisProtocol() override { qv_thread_master_finish(master); }
-
-    void open(uint32_t db) {
-        qv_mom_client_connect(client, db, on_up, nullptr);
-        qv_mom_client_set_reconnect_cb(client, db, on_back, nullptr);
-        qv_mom_client_set_disconnect_cb(client, db, on_down, nullptr);
-    }
-
-    // The command connection is made first.
-    ScriptedServer::Peer& commands() { return peers.at(0); }
-    ScriptedServer::Peer& subscriptions() { return peers.at(1); }
-
-    // Takes the two connections that the client makes.
-    void accept() {
-        platform.run_ready();
-        peers = server.accept();
-        ASSERT_EQ(peers.size(), 2U);
-    }
-
-    void answer(ScriptedServer::Peer& peer, const std::string& reply) {
-        platform.run_ready();
-        peer.received();
-        peer.send(reply);
-        platform.run_ready();
-    }
-
-    // Brings the session with database 4 up.
-    void greet() {
-        accept();
-        answer(commands(), "+PONG\r\n");
-        answer(subscriptions(), "+PONG\r\n");
-        answer(commands(), "+OK\r\n");
-        ASSERT_EQ(g_heard, Lines{"up"});
-        g_heard.clear();
-    }
-
-    void subscribe() {
-        ASSERT_EQ(
-            qv_mom_subscribe(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr),
-            0);
-    }
-    void scan() {
-        ASSERT_EQ(qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr),
-                  0);
-    }
-
-    void set(uint32_t ifx) {
-        ASSERT_EQ(qv_mom_set(client, 4, LoopInfo(ifx, 1, 1, 8).record(), 0, 0), 0);
-    }
-
-    // The session has ended, for this reason, and the client comes back.
-    void expect_lost(const std::string& reason) {
-        platform.run_ready();
-        EXPECT_EQ(g_heard, Lines{"down"});
-        EXPECT_EQ(platform.log.lines(),
-                  Lines{"MOM-4-STORE_AWAY: Object database at " + server.path() + " is away (" +
-                        reason + "). Retrying; check that redis-server runs."});
-        platform.run_for(10s);
-        EXPECT_GE(server.accept().size(), 2U);
-    }
-
-    qv::test::TestPlatform platform;
-    ScriptedServer server;
-    std::vector<ScriptedServer::Peer> peers;
-    qv_thread_master* master;
-    std::unique_ptr<qv::RedisStore> store;
-    qv_mom_client* client;
-};
 
 TEST_F(RedisProtocol, BackoffDoublesFromAHundredMillisecondsToFiveSeconds) {
     for (const auto wait : {100ms, 200ms, 400ms, 800ms, 1600ms, 3200ms, 5000ms, 5000ms}) {
@@ -128,111 +44,6 @@ TEST_F(RedisProtocol, BackoffGrowsUntilASessionHasLasted) {
                               "down"}));
 }
 
-TEST_F(RedisProtocol, OwnRecordsAreLookedForEveryFiveSeconds) {
-    greet();
-    commands().received();
-    platform.run_for(60s);
-    EXPECT_EQ(commands().received(), "") << "nothing was set";
-    set(7);
-    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
-    for (int check = 0; check < 3; check++) {
-        platform.run_for(4999ms);
-        EXPECT_EQ(commands().received(), "");
-        platform.run_for(1ms);
-        EXPECT_EQ(commands().received(),
-                  "*2\r\n$6\r\nEXISTS\r\n$29\r\np_bridge.tarn_loop_info/ifx=7\r\n");
-        platform.run_for(60s);
-        EXPECT_EQ(commands().received(), "") << "one check at a time";
-        answer(commands(), ":1\r\n");
-    }
-    ASSERT_EQ(qv_mom_del(client, 4, LoopInfo(7, 0, 0, 0).record(), 0, 0), 0);
-    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n:1\r\n:0\r\n");
-    platform.run_for(60s);
-    EXPECT_EQ(commands().received(), "") << "nothing is left";
-}
-
-TEST_F(RedisProtocol, OnlyTheOwnRecordsOfTheSessionAreSetWhenOneIsMissing) {
-    greet();
-    set(7);
-    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
-    platform.run_for(5s);
-    answer(commands(), ":0\r\n");
-    const std::string sent = commands().received();
-    EXPECT_EQ(sent.find("*6\r\n$4\r\nEVAL\r\n"), 0U) << sent;
-    EXPECT_TRUE(sent.ends_with("$1\r\n1\r\n$29\r\np_bridge.tarn_loop_info/ifx=7\r\n$10\r\n" +
-                               LoopInfo(7, 1, 1, 8).packed() +
-                               "\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n"))
-        << sent;
-    answer(commands(), ":0\r\n");
-    platform.run_for(5s);
-    EXPECT_EQ(commands().received(),
-              "*2\r\n$6\r\nEXISTS\r\n$29\r\np_bridge.tarn_loop_info/ifx=7\r\n");
-}
-
-TEST_F(RedisProtocol, ChecksTakeTurnsAmongDatabases) {
-    open(22);
-    accept();
-    answer(commands(), "+PONG\r\n");
-    answer(subscriptions(), "+PONG\r\n");
-    answer(commands(), "+OK\r\n+OK\r\n");
-    ASSERT_EQ(qv_mom_set(client, 22, LoopInfo(1, 0, 0, 0).record(), 0, 0), 0);
-    ASSERT_EQ(qv_mom_set(client, 4, LoopInfo(2, 0, 0, 0).record(), 0, 0), 0);
-    answer(commands(),
-           "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n"
-           "+OK\r\n+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
-    const std::string first = "*2\r\n$6\r\nEXISTS\r\n$29\r\np_bridge.tarn_loop_info/ifx=";
-    platform.run_for(5s);
-    EXPECT_EQ(commands().received(), first + "2\r\n");
-    commands().send(":1\r\n");
-    platform.run_for(5s);
-    EXPECT_EQ(commands().received(), "*2\r\n$6\r\nSELECT\r\n$2\r\n22\r\n" + first + "1\r\n");
-    commands().send("+OK\r\n:1\r\n");
-    platform.run_for(5s);
-    EXPECT_EQ(commands().received(), "*2\r\n$6\r\nSELECT\r\n$1\r\n4\r\n" + first + "2\r\n");
-}
-
-TEST_F(RedisProtocol, CheckAsksForSixtyFourKeysAtMost) {
-    greet();
-    std::string replies;
-    for (uint32_t ifx = 100; ifx < 165; ifx++) {
-        set(ifx);
-        replies += "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n";
-    }
-    answer(commands(), replies);
-    platform.run_for(5s);
-    EXPECT_EQ(commands().received().substr(0, 5), "*65\r\n");
-    commands().send(":64\r\n");
-    platform.run_for(5s);
-    EXPECT_EQ(commands().received(),
-              "*2\r\n$6\r\nEXISTS\r\n$31\r\np_bridge.tarn_loop_info/ifx=164\r\n");
-}
-
-TEST_F(RedisProtocol, RefusedCheckIsLoggedAndNotRepeated) {
-    greet();
-    set(7);
-    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
-    platform.run_for(5s);
-    answer(commands(), "-NOPERM no\r\n");
-    set(8);
-    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
-    platform.run_for(60s);
-    EXPECT_EQ(commands().received(), "");
-    EXPECT_EQ(g_heard, Lines{});
-    EXPECT_EQ(platform.log.lines(),
-              Lines{"MOM-3-CHECK_REFUSED: The object database at " + server.path() +
-                    " refuses EXISTS (NOPERM no), so records that it loses while it runs are not "
-                    "written again."});
-}
-
-TEST_F(RedisProtocol, CheckAnsweredWithNothingEndsTheSession) {
-    greet();
-    set(7);
-    answer(commands(), "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n");
-    platform.run_for(5s);
-    answer(commands(), "$-1\r\n");
-    expect_lost("the server answers EXISTS with nothing");
-}
-
 TEST_F(RedisProtocol, RefusedDatabaseIsLogged) {
     accept();
     answer(commands(), "+PONG\r\n");
@@ -261,6 +72,25 @@ TEST_F(RedisProtocol, FirstErrorOfATransactionIsLogged) {
     EXPECT_EQ(platform.log.lines(),
               Lines{"MOM-3-WRITE_REFUSED: Database 4: p_bridge.tarn_loop_info/ifx=7 was not "
                     "written: OOM first. Further refusals are not logged until a write succeeds."});
+}
+
+TEST_F(RedisProtocol, RefusalOfTheTransactionItselfIsLogged) {
+    greet();
+    set(7);
+    answer(commands(), "-NOPERM multi\r\n+OK\r\n:0\r\n-ERR EXEC without MULTI\r\n");
+    EXPECT_NE(platform.log.lines().at(0).find("was not written: NOPERM multi."), std::string::npos);
+    set(7);
+    answer(commands(), kWritten);
+    ASSERT_EQ(qv_mom_del(client, 4, LoopInfo(7, 0, 0, 0).record(), 0, 0), 0);
+    answer(commands(), "-NOPERM del\r\n+OK\r\n:0\r\n-ERR EXEC without MULTI\r\n");
+    EXPECT_NE(platform.log.lines().at(1).find("was not written: NOPERM del."), std::string::npos);
+}
+
+TEST_F(RedisProtocol, RefusedPartOfADeleteIsLogged) {
+    greet();
+    ASSERT_EQ(qv_mom_del(client, 4, LoopInfo(7, 0, 0, 0).record(), 0, 0), 0);
+    answer(commands(), "+OK\r\n-NOPERM del\r\n-NOPERM publish\r\n-EXECABORT Discarded\r\n");
+    EXPECT_NE(platform.log.lines().at(0).find("was not written: NOPERM del."), std::string::npos);
 }
 
 TEST_F(RedisProtocol, ErrorInsideATransactionIsLogged) {
@@ -507,6 +337,34 @@ TEST_F(RedisProtocol, MessageWithoutAnEndEndsTheSession) {
         platform.run_ready();
     }
     expect_lost("a message is longer than 9 MiB");
+}
+
+TEST_F(RedisProtocol, RepliesBehindOneThatEndsTheSessionAreIgnored) {
+    greet();
+    scan();
+    scan();
+    answer(commands(),
+           "$-1\r\n"
+           "*4\r\n$1\r\n0\r\n*2\r\n$29\r\np_bridge.tarn_loop_info/ifx=7\r\n$10\r\n" +
+               LoopInfo(7, 1, 1, 8).packed() + "\r\n*0\r\n*0\r\n");
+    EXPECT_EQ(g_heard, Lines{"down"});
+}
+
+TEST_F(RedisProtocol, ManyMessagesAreNoLongMessage) {
+    greet();
+    subscribe();
+    answer(subscriptions(),
+           "*3\r\n$9\r\nsubscribe\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n:1\r\n");
+    std::string messages;
+    for (int n = 0; n < 1000; n++) {
+        messages += "*3\r\n$7\r\nmessage\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n$11\r\n\2" +
+                    LoopInfo(7, 1, 1, 8).packed() + "\r\n";
+    }
+    for (int round = 0; round < 30; round++) {
+        answer(subscriptions(), messages);
+    }
+    EXPECT_EQ(g_heard.size(), 30001U);
+    EXPECT_EQ(g_heard.back(), "1/2/4 ifx=7 vid=1 loop=1 src=8");
 }
 
 TEST_F(RedisProtocol, NothingIsHandedOutAfterTheReplyThatEndsTheSession) {

@@ -1,0 +1,68 @@
+// The C functions of qv/mom.h when operator new fails (the linker hands it to the function below).
+#include <cerrno>
+#include <new>
+
+#include "tests/unit/store/store_fixture.h"
+
+namespace {
+bool g_memory_is_short = false;
+}  // namespace
+
+extern "C" {
+void* __real__Znwm(std::size_t size);
+void* __wrap__Znwm(std::size_t size) {
+    if (g_memory_is_short) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
+}
+}
+
+namespace store_test {
+namespace {
+
+template <typename Call>
+auto without_memory(Call call) {
+    g_memory_is_short = true;
+    const auto result = call();
+    g_memory_is_short = false;
+    return result;
+}
+
+TEST(MemoryShortage, EachCallReturnsAnErrorNumber) {
+    qv::test::TestPlatform platform;
+    qv_thread_master* const master = qv_thread_master_create();
+    qv_mom_client* const client = qv_mom_client_init("TEST", master, nullptr);
+    qv_mom_client_connect(client, 4, nullptr, nullptr);
+    platform.run_ready();
+    const LoopInfo info(1234567, 1, 1, 8);
+    const ProtobufCMessage* const record = info.record();
+
+    EXPECT_EQ(without_memory([&] { return qv_mom_client_init("TEST", master, nullptr); }), nullptr);
+    EXPECT_EQ(without_memory([&] { return qv_mom_client_connect(client, 3, on_up, nullptr); }),
+              ENOMEM);
+    EXPECT_EQ(
+        without_memory([&] { return qv_mom_client_set_reconnect_cb(client, 5, on_up, nullptr); }),
+        ENOMEM);
+    EXPECT_EQ(
+        without_memory([&] { return qv_mom_client_set_disconnect_cb(client, 6, on_up, nullptr); }),
+        ENOMEM);
+    EXPECT_EQ(without_memory([&] { return qv_mom_set(client, 4, record, 0, 0); }), ENOMEM);
+    EXPECT_EQ(without_memory([&] { return qv_mom_del(client, 4, record, 0, 0); }), ENOMEM);
+    EXPECT_EQ(without_memory([&] { return qv_mom_pdel(client, 4, record, 0, 0, 0); }), ENOMEM);
+    EXPECT_EQ(without_memory([&] { return qv_mom_publish(client, 4, record, 0, 0); }), ENOMEM);
+    EXPECT_EQ(without_memory(
+                  [&] { return qv_mom_subscribe(client, 4, record, 0, on_loop_info, nullptr); }),
+              ENOMEM);
+    EXPECT_EQ(
+        without_memory([&] { return qv_mom_scan(client, 4, record, 0, on_loop_info, nullptr); }),
+        ENOMEM);
+
+    EXPECT_EQ(platform.memory_store().keys(4), Lines{});
+    EXPECT_EQ(qv_mom_set(client, 4, record, 0, 0), 0) << "with memory again";
+    EXPECT_EQ(platform.memory_store().keys(4), Lines{"p_bridge.tarn_loop_info/ifx=1234567"});
+    qv_thread_master_finish(master);
+}
+
+}  // namespace
+}  // namespace store_test
