@@ -42,6 +42,33 @@ TEST(ClientHabits, OperationWithoutANamespaceGetsThatOfTheBaseProtocol) {
     EXPECT_EQ(adapted(edit(" operation=\"delete\"", "2")), edit(qualified, "2"));
 }
 
+TEST(ClientHabits, EveryOperationOfAnEditIsQualified) {
+    const auto deep = [](const std::string& attribute) {
+        return rpc("<edit-config><config><a xmlns=\"urn:a\"" + attribute + "><b" + attribute +
+                   "/><c" + attribute + "/></a></config></edit-config>");
+    };
+    const std::string first = " xmlns:nc=\"" + std::string(kBase) + "\" nc:operation=\"create\"";
+    const std::string said = adapted(deep(" operation=\"create\""));
+    EXPECT_EQ(said.find(" operation="), std::string::npos) << said;
+    EXPECT_EQ(said.substr(0, said.find("<b")), deep(first).substr(0, deep(first).find("<b")));
+}
+
+TEST(ClientHabits, SecondAttributeIsSeenBehindOthers) {
+    EXPECT_EQ(adapted(edit(" a=\"1\" operation=\"delete\"")),
+              edit(" a=\"1\" xmlns:nc=\"" + std::string(kBase) + "\" nc:operation=\"delete\""));
+}
+
+TEST(ClientHabits, MessageWithoutAnOperationStaysAsItIs) {
+    const std::string empty = "<rpc  xmlns='urn:operation'/>";
+    EXPECT_EQ(adapted(empty), empty);
+    const std::string elsewhere =
+        rpc("<edit-config  xmlns=\"urn:other\"><a operation='delete'/></edit-config>");
+    EXPECT_EQ(adapted(elsewhere), elsewhere);
+    const std::string bare =
+        "<rpc  xmlns='urn:a'><edit-config xmlns=\"\"><a operation='delete'/></edit-config></rpc>";
+    EXPECT_EQ(adapted(bare), bare);
+}
+
 TEST(ClientHabits, EverythingElseStaysAsItIs) {
     for (const std::string& text :
          {edit(" xmlns:n=\"" + std::string(kBase) + "\" n:operation=\"delete\""),

@@ -47,6 +47,23 @@ class EditPlan : public testing::Test {
                "/>";
     }
 
+    // The error that the edit throws.
+    RpcError refusal(const std::string& config, uint32_t in_force,
+                     Operation fallback = Operation::kMerge) {
+        lyd_node* root = nullptr;
+        EXPECT_EQ(lyd_parse_data_mem(context_.get(), config.c_str(), LYD_XML,
+                                     LYD_PARSE_ONLY | LYD_PARSE_OPAQ, 0, &root),
+                  LY_SUCCESS);
+        const Tree tree(root);
+        try {
+            plan_edit(context_.get(), root, fallback, in_force);
+        } catch (const RpcError& error) {
+            return error;
+        }
+        ADD_FAILURE() << "not refused: " << config;
+        return {NC_ERR_UNKNOWN, NC_ERR_TYPE_APP, ""};
+    }
+
     static std::string error(NC_ERR tag) { return "error " + std::to_string(tag); }
 
  private:
@@ -136,6 +153,77 @@ TEST_F(EditPlan, ValuesOutsideTheModelAreRefused) {
 
 TEST_F(EditPlan, OperationThatIsNoneIsRefusedOnALeafThatDoesNotParse) {
     EXPECT_EQ(plan(leaf("text", "bogus"), 0), error(NC_ERR_BAD_ATTR));
+}
+
+TEST_F(EditPlan, RefusalSaysWhatAndWhere) {
+    const std::string leaf_path = "/qvld:loop-detect/qvld:loop-policy";
+    const std::string start = "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">";
+    const RpcError value = refusal(leaf(std::string(50, '7')), 0);
+    EXPECT_EQ(value.what(),
+              "loop-policy is a number from 0 to 4, not \"" + std::string(40, '7') + "\"");
+    EXPECT_EQ(value.path, leaf_path);
+    const RpcError attribute = refusal(leaf("text", "bogus"), 0);
+    EXPECT_STREQ(attribute.what(), "\"bogus\" is no operation");
+    EXPECT_EQ(attribute.element + " " + attribute.attribute, "loop-policy operation");
+    EXPECT_EQ(attribute.type, NC_ERR_TYPE_PROT);
+    const RpcError twice = refusal(
+        start + "<loop-policy>1</loop-policy><loop-policy>2</loop-policy></loop-detect>", 0);
+    EXPECT_STREQ(twice.what(), "loop-policy is given twice");
+    EXPECT_EQ(twice.element + " " + twice.path, "loop-policy " + leaf_path);
+    const RpcError state = refusal(start + "<looped-port/></loop-detect>", 0);
+    EXPECT_EQ(state.tag, NC_ERR_INVALID_VALUE);
+    EXPECT_STREQ(state.what(), "looped-port is state, it cannot be set");
+    EXPECT_EQ(state.path, "/qvld:loop-detect/qvld:looped-port");
+    const RpcError inner = refusal(start + "<other/></loop-detect>", 0);
+    EXPECT_EQ(inner.tag, NC_ERR_UNKNOWN_ELEM);
+    EXPECT_STREQ(inner.what(), "there is nothing named \"other\" here");
+    EXPECT_EQ(inner.element + " " + inner.path, "other /qvld:loop-detect");
+    EXPECT_EQ(refusal("<other xmlns=\"urn:qv:yang:qv-loop-detect-server\"/>", 0).path, "/");
+    const RpcError name_space = refusal("<other xmlns=\"urn:other\"/>", 0);
+    EXPECT_STREQ(name_space.what(), "nothing in this namespace can be configured here");
+    EXPECT_EQ(name_space.element + " " + name_space.name_space, "other urn:other");
+    EXPECT_STREQ(refusal(empty() + empty(), 0).what(), "loop-detect is given twice");
+    EXPECT_STREQ(refusal(start + "text</loop-detect>", 0).what(), "loop-detect holds text");
+    EXPECT_STREQ(refusal(leaf("1", "create"), 2).what(), "loop-policy is set already");
+    EXPECT_STREQ(refusal(leaf("1", "delete"), 0).what(), "loop-policy is not set");
+    EXPECT_STREQ(refusal(leaf("1"), 0, Operation::kNone).what(), "loop-policy is not set");
+    EXPECT_STREQ(refusal(empty("create"), 2).what(), "loop-detect exists already");
+    EXPECT_EQ(refusal(empty("create"), 2).path, "/qvld:loop-detect");
+}
+
+TEST_F(EditPlan, ElementsOfOtherNamespacesAreUnknownWhateverTheirName) {
+    const auto inside = [](const std::string& content) {
+        return "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">" + content +
+               "</loop-detect>";
+    };
+    for (const char* const name : {"loop-policy", "looped-port"}) {
+        for (const char* const name_space : {"urn:other", ""}) {
+            EXPECT_EQ(plan(inside("<" + std::string(name) + " xmlns=\"" + name_space + "\">1</" +
+                                  name + ">"),
+                           0),
+                      error(NC_ERR_UNKNOWN_ELEM))
+                << name << " " << name_space;
+        }
+    }
+    EXPECT_EQ(plan("<loop-detect xmlns=\"\"/>", 0), error(NC_ERR_UNKNOWN_NS));
+    EXPECT_EQ(refusal("<loop-detect xmlns=\"\"/>", 0).name_space, "");
+}
+
+TEST_F(EditPlan, OnlyTheOperationOfTheBaseProtocolCounts) {
+    EXPECT_EQ(plan("<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">"
+                   "<loop-policy xmlns:o=\"urn:other\" o:operation=\"delete\">text</loop-policy>"
+                   "</loop-detect>",
+                   3),
+              error(NC_ERR_INVALID_VALUE));
+    EXPECT_EQ(plan(leaf("text", "delete"), 3), "delete 0");
+}
+
+TEST_F(EditPlan, WhatTakesTheContainerAwayTakesTheLeaf) {
+    EXPECT_EQ(plan(leaf("2", "merge", "delete"), 1), "delete 0");
+    EXPECT_EQ(plan(leaf("2", "create", "remove"), 1), "remove 0");
+    EXPECT_EQ(plan(empty("merge"), 4), "nothing");
+    EXPECT_EQ(plan("", 4, Operation::kNone), "nothing");
+    EXPECT_EQ(plan("", 4, Operation::kCreate), "nothing");
 }
 
 TEST_F(EditPlan, DataOfNoModelIsRefused) {

@@ -131,12 +131,77 @@ TEST_F(FilterOfGet, XpathSelectsNodesAndWhatIsAbove) {
                                   "<looped-port><name>swp2</name></looped-port>"));
 }
 
+TEST_F(FilterOfGet, BlanksAroundAContentMatchDoNotCount) {
+    EXPECT_EQ(
+        passes(in_container("<looped-port><name> \t&#13;\n swp2 &#13;\n</name></looped-port>")),
+        container(kPort2));
+    EXPECT_EQ(passes(in_container("<looped-port><policy> &#13; </policy></looped-port>")),
+              container(kPort1 + kPort2));
+    EXPECT_EQ(passes(in_container("<looped-port><name>swp</name></looped-port>")), "");
+}
+
+TEST_F(FilterOfGet, ContentMatchLooksAtItsOwnElementAlone) {
+    EXPECT_EQ(passes(in_container("<other>2</other>")), "");
+    EXPECT_EQ(passes(in_container("<loop-policy xmlns=\"urn:other\">2</loop-policy>")), "");
+}
+
+TEST_F(FilterOfGet, SelectionBelowALeafOrOfAnotherNameTakesNothing) {
+    EXPECT_EQ(passes(in_container("<loop-policy><a/></loop-policy>")), "");
+    EXPECT_EQ(passes(in_container("<other/>")), "");
+    EXPECT_EQ(passes("<filter><loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">"
+                     "<loop-policy xmlns=\"urn:other\"/></loop-detect></filter>"),
+              "");
+}
+
+TEST_F(FilterOfGet, WholeNodeStaysWholeWhenAPartOfItIsSelectedToo) {
+    EXPECT_EQ(passes(in_container("<looped-port/><looped-port><policy/></looped-port>")),
+              container(kPort1 + kPort2));
+    EXPECT_EQ(passes("<filter type=\"xpath\" xmlns:m=\"urn:qv:yang:qv-loop-detect-server\" "
+                     "select=\"/m:loop-detect | //m:policy\"/>"),
+              container(kPolicy + kPort1 + kPort2));
+}
+
+TEST_F(FilterOfGet, SelectionOfAPartTakesNoMore) {
+    EXPECT_EQ(passes(in_container("<looped-port><name/></looped-port>")),
+              container("<looped-port><name>swp1</name></looped-port>"
+                        "<looped-port><name>swp2</name></looped-port>"));
+}
+
+TEST_F(FilterOfGet, NothingPassesWhenThereIsNothing) {
+    data_.reset();
+    EXPECT_EQ(passes(""), "");
+    EXPECT_EQ(passes(in_container("")), "");
+    EXPECT_EQ(passes("<filter type=\"xpath\" select=\"/*\"/>"), "");
+}
+
+TEST_F(FilterOfGet, SubtreeIsTheTypeThatNeedsNoName) {
+    const std::string content =
+        "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\"><loop-policy/></loop-detect>";
+    EXPECT_EQ(passes("<filter type=\"subtree\">" + content + "</filter>"), container(kPolicy));
+    EXPECT_EQ(passes("<filter>" + content + "</filter>"), container(kPolicy));
+}
+
 TEST_F(FilterOfGet, XpathWithoutSelectIsRefused) {
-    EXPECT_THROW(passes("<filter type=\"xpath\"/>"), netconf::RpcError);
+    try {
+        passes("<filter type=\"xpath\"/>");
+        FAIL() << "not refused";
+    } catch (const netconf::RpcError& error) {
+        EXPECT_EQ(error.tag, NC_ERR_MISSING_ATTR);
+        EXPECT_EQ(error.type, NC_ERR_TYPE_PROT);
+        EXPECT_EQ(error.element, "filter");
+        EXPECT_EQ(error.attribute, "select");
+        EXPECT_STREQ(error.what(), "a filter of type xpath needs the attribute \"select\"");
+    }
 }
 
 TEST_F(FilterOfGet, XpathThatYieldsNoNodesIsRefused) {
-    EXPECT_THROW(passes("<filter type=\"xpath\" select=\"1 + 1\"/>"), netconf::RpcError);
+    try {
+        passes("<filter type=\"xpath\" select=\"1 + 1\"/>");
+        FAIL() << "not refused";
+    } catch (const netconf::RpcError& error) {
+        EXPECT_EQ(error.tag, NC_ERR_INVALID_VALUE);
+        EXPECT_STREQ(error.what(), "the filter \"1 + 1\" selects no nodes");
+    }
     data_.reset();  // also when there is nothing to select from
     EXPECT_THROW(passes("<filter type=\"xpath\" select=\"1 + 1\"/>"), netconf::RpcError);
 }

@@ -115,6 +115,50 @@ TEST(Framing, EverySplitOfABadStreamGivesTheSameFault) {
     }
 }
 
+TEST(Framing, EverySplitOfTheDelimiterGivesTheSameMessages) {
+    // With beginnings of a delimiter that are none, and one that is empty of text in between.
+    const std::string stream =
+        kOldHello + kEnd + "<a>]]>]]</a>]]>]]>" + "<b>]]]>]]>" + "<c/>]]" + kEnd;
+    for (size_t first = kOldHello.size(); first <= stream.size(); first++) {
+        for (size_t second = first; second <= stream.size(); second++) {
+            Framing framing;
+            std::vector<std::string> texts;
+            for (const std::string& piece :
+                 {stream.substr(0, first), stream.substr(first, second - first),
+                  stream.substr(second)}) {
+                framing.feed(piece);
+                for (std::string& text : texts_of(framing)) {
+                    texts.push_back(std::move(text));
+                }
+            }
+            EXPECT_EQ(texts,
+                      (std::vector<std::string>{kOldHello, "<a>]]>]]</a>", "<b>]", "<c/>]]"}))
+                << first << " " << second;
+            EXPECT_FALSE(framing.inside_message());
+        }
+    }
+}
+
+TEST(Framing, DelimiterByteByByteEndsTheMessageAtItsLast) {
+    Framing framing;
+    framing.feed(kOldHello);
+    for (const char byte : kEnd) {
+        EXPECT_FALSE(framing.next());
+        EXPECT_TRUE(framing.inside_message());
+        framing.feed(std::string(1, byte));
+    }
+    EXPECT_EQ(texts_of(framing), std::vector<std::string>{kOldHello});
+    EXPECT_FALSE(framing.inside_message());
+}
+
+TEST(Framing, OnlyTheHelloAsksForChunks) {
+    Framing framing;
+    framing.feed(kOldHello + kEnd + "<rpc>urn:ietf:params:netconf:base:1.1</rpc>" + kEnd +
+                 "<rpc/>" + kEnd);
+    EXPECT_EQ(texts_of(framing).size(), 3U);
+    EXPECT_EQ(framing.fault(), nullptr);
+}
+
 TEST(Framing, BrokenFramesAreNamed) {
     EXPECT_EQ(fault_of("<rpc/>"), kNoChunk);
     EXPECT_EQ(fault_of("\n\n"), kNoChunk);
@@ -137,6 +181,8 @@ TEST(Framing, MessageWithoutTextIsAFault) {
     EXPECT_EQ(fault_of(std::string("\n#5\n<a>\0 \n##\n", 14)), kNoText);
     EXPECT_EQ(fault_of("\n#21\n<?xml version=\"1.0\"?>\n##\n"), kNoText);
     EXPECT_EQ(fault_of("\n#17\n<?a?> <!-- b -->\n\n##\n"), kNoText);
+    EXPECT_EQ(fault_of("\n#10\n<!-- > -->\n##\n"), kNoText);
+    EXPECT_EQ(fault_of("\n#7\n<?a> ?>\n##\n"), kNoText);
     EXPECT_EQ(fault_of("\n#12\n<!-- <a/> --\n##\n"), "");
     EXPECT_EQ(fault_of("\n#9\n<!---->a/\n##\n"), "");
     Framing framing;
@@ -158,6 +204,7 @@ TEST(Framing, TruncatedFrameIsNoFaultButInside) {
 TEST(Framing, MessageBeyondTheLimitIsAFault) {
     EXPECT_EQ(fault_of("\n#65537\n"), kTooLong);
     EXPECT_EQ(fault_of("\n#4294967295\n"), kTooLong);
+    EXPECT_EQ(fault_of("\n#10\n0123456789\n#65527\n" + std::string(65527, 'x')), kTooLong);
     std::string chunks;
     for (int n = 0; n < 8; n++) {
         chunks += "\n#10000\n" + std::string(10000, 'x');
@@ -170,8 +217,11 @@ TEST(Framing, MessageBeyondTheLimitIsAFault) {
 }
 
 TEST(Framing, MessageAtTheLimitPasses) {
-    const std::string text(60'000, 'x');
-    EXPECT_EQ(outcome_of({"\n#60000\n" + text + "\n##\n"}).texts, (std::vector<std::string>{text}));
+    const std::string text(65'536, 'x');
+    EXPECT_EQ(outcome_of({"\n#65536\n" + text + "\n##\n"}).texts, (std::vector<std::string>{text}));
+    const Outcome halves = outcome_of(
+        {"\n#32768\n" + text.substr(32'768), "\n#32768\n" + text.substr(32'768), "\n##\n"});
+    EXPECT_EQ(halves.texts, (std::vector<std::string>{text}));
 }
 
 TEST(Framing, FramesDoNotCountTowardsTheLimit) {
