@@ -25,7 +25,7 @@ std::optional<uint32_t> published_policy(Database& database);
 // DatabaseLost.
 std::vector<LoopedPort> looped_ports(Database& database);
 
-// What kind of request it is: the number travels in the record.
+// The kind of a request. The number travels in the record.
 enum class PolicyRequest : int32_t { kSet = 2, kDelete = 3, kRemove = 4 };
 
 // The agent did not do what was asked; the message says why, and whether it may still do it.

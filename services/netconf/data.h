@@ -14,8 +14,8 @@ uint32_t policy_in_force(Database& database);
 // DatabaseLost.
 void add_configuration(const Session& session, Tree& tree, bool defaults);
 
-// Adds the state: ports in the loop state, event streams, and what RFC 6022 wants told of the
-// server. Throws DatabaseLost.
+// Adds the state: ports in the loop state, event streams, and the server's own state as RFC 6022
+// has it. Throws DatabaseLost.
 void add_state(const Session& session, Tree& tree);
 
 }  // namespace netconf

@@ -1,4 +1,4 @@
-// What an <edit-config> means for the one leaf that can be set.
+// Turns an <edit-config> into the request that it makes of the agent.
 #pragma once
 
 #include <cstdint>
@@ -20,9 +20,9 @@ struct PolicyChange {
 };
 
 // Reads `config`, the content of <config> (null: empty), against the policy in force. `fallback` is
-// the operation where none is given. Nothing means that all is as wanted already. Throws RpcError
-// for data that fits no model and for an operation that the data in force forbids. A policy with
-// its default value counts as not set.
+// the operation where none is given. Returns nothing when no request is needed. Throws RpcError for
+// data that fits no model and for an operation that the data in force forbids. A policy with its
+// default value counts as not set.
 std::optional<PolicyChange> plan_edit(const ly_ctx* context, const lyd_node* config,
                                       Operation fallback, uint32_t in_force);
 

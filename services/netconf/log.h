@@ -15,15 +15,16 @@ void log_as(const std::string& who);
 // One line; `priority` is a LOG_* of <syslog.h>.
 [[gnu::format(printf, 2, 3)]] void log_line(int priority, const char* format, ...);
 
-// What SIGTERM, SIGHUP, SIGINT, an alarm() that rings and a crash do from now on: one line, then
-// the process ends at once. The kernel releases what it held. Call again when log_as() has changed.
+// From now on SIGTERM, SIGHUP, SIGINT, SIGALRM and the signals of a crash log one line and end the
+// process at once. The kernel releases what it held. Call it again after log_as(): the line is
+// composed here.
 //
-// The parser beneath is written in C and meets whatever a client sends; a message that breaks it
+// The parser beneath is written in C and meets whatever a client sends. A message that breaks it
 // must end this session alone, and not silently.
 void arm_last_words();
 
-// For each further thread that may crash: a message nested too deeply breaks the stack, so the last
-// words are said on another one.
+// Gives the calling thread a stack of its own for signal handlers. Each thread that parses messages
+// needs one: a message nested too deeply uses up the usual stack, and the handler could not run.
 void use_signal_stack();
 
 }  // namespace netconf

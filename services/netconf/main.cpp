@@ -1,9 +1,10 @@
 // lda-netconf: one NETCONF session on standard input and output.
 //
-// sshd starts one such process for each session and ends with it, so whatever a client does, it
-// does to its own process. It reads and changes the switch through the object database alone, and
-// shares a folder of lock files with the other sessions. Everything runs on one thread, which
-// sleeps in poll(2).
+// sshd starts one such process for each session, so a client that breaks its process breaks no
+// other session. The process reads and changes the switch through the object database alone, shares
+// a folder of lock files with the other sessions, and ends with its session. Two threads run: the
+// main thread serves the session and sleeps in poll(2), a second one reads standard input
+// (input.h).
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/resource.h>
@@ -21,8 +22,8 @@
 
 namespace {
 
-// A session needs some megabytes. A message that wants more than this breaks the session early and
-// not the switch late.
+// A session needs a few megabytes. A message that makes the parser want more than this ends its own
+// session before the switch runs out of memory.
 constexpr rlim_t kMemoryLimit_bytes = rlim_t{128} << 20;
 
 std::string user_name() {

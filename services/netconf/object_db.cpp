@@ -11,7 +11,7 @@ namespace {
 // A local server answers within microseconds; one that takes this long is as good as gone.
 constexpr timeval kAnswerLimit{.tv_sec = 0, .tv_usec = 900'000};
 
-// Records are small. What is not complete after this many bytes is nothing of ours.
+// Records are small. A message of more than this many bytes is not one of the switch's.
 constexpr size_t kInputLimit_bytes = size_t{1} << 20;
 
 constexpr std::string_view kScanPage = "256";

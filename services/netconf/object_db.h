@@ -1,6 +1,6 @@
 // The object database as a session sees it: a Redis server on a Unix socket, laid out as
-// docs/object-database.md says. Plain blocking calls with a time limit each: a session does one
-// thing at a time, and an idle one holds no connection but that of its subscription.
+// docs/object-database.md says. Commands block, each for a limited time, as a session does one
+// thing at a time. An idle session holds no connection but that of its subscription.
 #pragma once
 
 #include <chrono>

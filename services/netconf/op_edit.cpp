@@ -1,5 +1,5 @@
-// <edit-config>, <copy-config> and <validate>: the running configuration is one leaf, so an edit is
-// one request to the agent and cannot be half done, whatever the error-option says.
+// <edit-config>, <copy-config> and <validate>. The running configuration is one leaf, so an edit is
+// one request to the agent and cannot be half done; the error-option makes no difference.
 #include <cstring>
 #include <optional>
 #include <stdexcept>

@@ -1,4 +1,4 @@
-// What the command line of lda-netconf says.
+// The command line of lda-netconf.
 #pragma once
 
 #include <string>

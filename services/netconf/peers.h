@@ -1,5 +1,5 @@
-// What the sessions of a switch must agree upon although each is a process of its own: their
-// numbers, the lock of <lock>, and whose turn it is to edit.
+// State that the sessions of a switch share although each is a process of its own: their numbers,
+// the lock of <lock>, and whose turn it is to edit.
 //
 // All of it is record locks on files in one folder. The kernel drops such a lock when its holder
 // ends, however it ends, so nothing is left behind by a session that was killed or crashed. The

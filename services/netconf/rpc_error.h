@@ -1,4 +1,4 @@
-// What an operation throws to be answered with an <rpc-error>.
+// The exception that an operation throws to be answered with an <rpc-error>.
 #pragma once
 
 #include <libyang/libyang.h>

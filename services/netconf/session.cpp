@@ -21,7 +21,7 @@ namespace {
 // the session ends (see arm_last_words).
 constexpr unsigned kBlockLimit_s = 30;
 constexpr uint16_t kHelloLimit_s = 30;
-constexpr int kPatience_ms = 5000;  // with a client that leaves its notifications lying
+constexpr int kPatience_ms = 5000;  // for a client that does not read its notifications
 
 // Frees the sessions in it as well.
 struct FreePoll {
@@ -117,14 +117,14 @@ Step tell(Session& session) {
     return send_event(session, std::move(*event)) ? Step::kAgain : Step::kOver;
 }
 
-// The client leaves its notifications lying.
+// The client does not read its notifications.
 struct TooFarBehind : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Sleeps until there is something to do and does it. Nothing is sent, and so nothing is asked for,
-// while the client does not read. Throws TooFarBehind when that lasts and as many notifications
-// wait as may.
+// Sleeps until there is something to do and does it. While the client does not read, its requests
+// are not served either, as each one would need an answer. Throws TooFarBehind when the client has
+// not read for kPatience_ms and Subscription::kMaxPending notifications wait.
 Step wait(const Session& session, const Input& requests, nc_pollsession* polled, bool writable) {
     Subscription* const subscription = session.subscription.get();
     const bool full = subscription != nullptr && subscription->full();
@@ -151,7 +151,7 @@ Step wait(const Session& session, const Input& requests, nc_pollsession* polled,
     return gone || (watched[0].revents != 0 && !serve_request(polled)) ? Step::kOver : Step::kAgain;
 }
 
-// Serves until the session is over. Sleeps in poll(2) alone: the waiting of libnetconf2 looks again
+// Serves until the session is over. Sleeps in poll(2): the waiting of libnetconf2 would wake up
 // every tenth of a millisecond.
 void serve(Session& session, const Input& requests, nc_pollsession* polled) {
     for (Step step = Step::kAgain; step != Step::kOver;) {

@@ -24,8 +24,10 @@ struct Session {
     nc_session* link = nullptr;
 };
 
-// Says hello on the two descriptors and serves the client until the session ends. Returns the exit
-// status of the process: 0 when the client closed it. Logs the reason otherwise.
+// Says hello on standard input and output and serves the client until the session ends. Logs the
+// beginning and the reason of the end. Returns the exit status of the process: 0 when the client
+// closed the session or went away, 1 for trouble with it. Throws std::runtime_error when the
+// session cannot be started.
 int run_session(const Options& options, ly_ctx* context, const SessionNumber& number,
                 const std::string& user);
 

@@ -33,7 +33,7 @@ class Subscription {
     int retry_ms() const;
     // Takes what has arrived, as long as it is not full, or reconnects when it is time.
     void receive();
-    // kMaxPending wait for the client: what comes now is left with the object database.
+    // True while kMaxPending records wait for the client. Later ones stay in the connection.
     bool full() const { return records_.size() >= kMaxPending; }
     // The oldest event that passes the filter; nothing when there is none. Records that do not fit
     // the model are logged and dropped.
