@@ -2,6 +2,7 @@
 
 import concurrent.futures
 import contextlib
+import fcntl
 import os
 import pathlib
 import re
@@ -48,6 +49,25 @@ def front():
 def silent(front):
     """A session without a hello. It lives for half a minute, so it starts first and is looked at last."""
     with front.raw(hello=False) as session:
+        session.started = time.monotonic()
+        yield session
+
+
+@pytest.fixture(scope="module", autouse=True)
+def deaf(front):
+    """A session that reads none of its answers; one of them finds room for its beginning only."""
+    with front.raw() as session:
+        session.started = time.monotonic()
+        for _ in range(8):
+            session.request(f'<get-schema xmlns="{MONITORING}"><identifier>ietf-netconf</identifier></get-schema>')
+        yield session
+
+
+@pytest.fixture(scope="module", autouse=True)
+def idle(front):
+    """A session that has made one request and is then left alone for longer than any time limit."""
+    with front.raw() as session:
+        session.rpc("<get/>")
         yield session
 
 
@@ -148,8 +168,11 @@ def test_modules_of_the_tree_are_clean():
 
 
 def test_schema_that_is_not_there_is_refused(session):
-    assert refusal(session.get_schema, "no-such-module").tag == "invalid-value"
-    assert refusal(session.get_schema, "qv-loop-detect-server", version="1999-01-01").tag == "invalid-value"
+    unknown = refusal(session.get_schema, "no-such-module")
+    assert (unknown.tag, unknown.message) == ("invalid-value", 'there is no schema "no-such-module"')
+    other = refusal(session.get_schema, "qv-loop-detect-server", version="1999-01-01")
+    assert (other.tag, other.message) == (
+        "invalid-value", 'there is no schema "qv-loop-detect-server" of version 1999-01-01')
 
 
 @pytest.mark.parametrize("form, text", [
@@ -284,6 +307,13 @@ def test_copy_and_validate_take_a_whole_configuration(front, session):
     assert error.tag == "invalid-value"
 
 
+def test_running_configuration_is_not_copied_onto_itself(front):
+    with front.raw() as session:
+        reply = session.rpc(f"<copy-config><target>{RUNNING}</target><source>{RUNNING}</source></copy-config>")
+    assert "<error-tag>invalid-value</error-tag>" in reply
+    assert "the running configuration cannot be copied onto itself" in reply
+
+
 @pytest.mark.parametrize("content, tag, path", [
     ('<other xmlns="urn:example:other"/>', "unknown-namespace", None),
     (f'<other xmlns="{MODEL}"/>', "unknown-element", "/"),
@@ -407,6 +437,27 @@ def lock_is_free(session):
     return True
 
 
+def test_turn_of_another_session_is_waited_for_a_moment(front, session, requests):
+    """The turn is taken here, as by a session that hangs in the middle of an edit."""
+    with open(front.runtime / "edit.lock", "r+b") as turn:
+        fcntl.lockf(turn, fcntl.LOCK_EX)
+        for call in (lambda: set_policy(session, 4), lambda: session.lock("running"),
+                     lambda: session.unlock("running")):
+            error, seconds = seconds_of(call)
+            assert (error.tag, error.message) == ("in-use", "another session is editing")
+            assert 0.8 < seconds < 3
+    assert requests() == []
+    assert set_policy(session, 4).ok
+
+
+def test_session_that_does_not_end_is_told(front, session):
+    with front.raw() as other:
+        other.process.send_signal(signal.SIGSTOP)
+        error, seconds = seconds_of(session.kill_session, str(other.session_id))
+        assert (error.tag, error.message) == ("operation-failed", f"session {other.session_id} does not end")
+        assert 0.9 < seconds < 3
+
+
 def test_killed_session_ends_and_loses_its_lock(front, session):
     with front.raw() as other:
         other.rpc("<lock><target><running/></target></lock>")
@@ -416,6 +467,7 @@ def test_killed_session_ends_and_loses_its_lock(front, session):
         assert refusal(session.kill_session, str(other.session_id)).tag == "invalid-value"
     assert refusal(session.kill_session, session.session_id).tag == "invalid-value"
     assert f"session {other.session_id} (" in front.log() and "terminated from outside" in front.log()
+    assert f"): killed session {other.session_id}\n" in front.log()
 
 
 def test_defaults_in_other_modes_are_refused(front):
@@ -562,7 +614,7 @@ def test_database_that_is_away_is_told_within_three_seconds(front, session):
     try:
         for call in (lambda: set_policy(session, 4), lambda: session.get_config("running"), session.get):
             error, seconds = seconds_of(call)
-            assert error.tag == "operation-failed"
+            assert (error.type, error.tag) == ("application", "operation-failed")
             assert "the object database at " in error.message and "cannot be reached" in error.message
             assert seconds < 3
     finally:
@@ -598,6 +650,15 @@ def test_start_that_fails_says_why(front, tmp_path, arguments, status, text):
     assert text in done.stdout + done.stderr
 
 
+def test_start_that_fails_is_logged(front, tmp_path):
+    done = subprocess.run([str(front.command()[0]), "--yang", "/nowhere", "--runtime", str(tmp_path / "run"), "--stderr"],
+                          capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL)
+    said, logged = done.stderr.splitlines()
+    assert said == "lda-netconf: the folder of the YANG modules cannot be used: /nowhere"
+    assert re.fullmatch(r"lda-netconf\[[0-9]+\]: session [0-9]+ \(\w+\): "
+                        "the folder of the YANG modules cannot be used: /nowhere", logged)
+
+
 def test_help_comes_whatever_the_platform_file(front):
     done = subprocess.run([str(front.command()[0]), "--help"], capture_output=True, text=True, check=False,
                           env={**os.environ, "LDA_PLATFORM": "/nowhere.toml"})
@@ -617,6 +678,19 @@ def test_requests_before_a_hang_up_are_answered(front):
 
 
 def test_client_without_a_hello_is_not_waited_for(front, silent):
-    assert silent.process.wait(timeout=40) == 1
+    left = silent.started + 45 - time.monotonic()
+    assert silent.process.wait(timeout=max(1, left)) == 1
     own_lines = [line for line in front.log().splitlines() if f"session {silent.session_id} (" in line]
     assert own_lines[-1].endswith("): ended: the client sent no hello in time")
+
+
+def test_client_that_reads_no_answer_is_cut_off(front, deaf):
+    left = deaf.started + 45 - time.monotonic()
+    assert deaf.process.wait(timeout=max(1, left)) == 1
+    own_lines = [line for line in front.log().splitlines() if f"session {deaf.session_id} (" in line]
+    assert own_lines[-1].endswith("): ended: a message took too long, or nobody reads")
+
+
+def test_session_may_be_idle_for_longer_than_an_answer_may_take(front, idle):
+    """It is older than half a minute by now, as the tests before this one have waited for that."""
+    assert "<rpc-reply" in idle.rpc("<get-config><source><running/></source></get-config>")

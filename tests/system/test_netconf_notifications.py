@@ -4,6 +4,7 @@ import contextlib
 import fcntl
 import os
 import re
+import select
 import signal
 import time
 
@@ -162,6 +163,7 @@ def subscription(**elements):
     ({"startTime": "2020-01-01T00:00:00Z", "stopTime": "2019-01-01T00:00:00Z"}, "bad-element",
      "<bad-element>stopTime</bad-element>"),
     ({"startTime": "2920-01-01T00:00:00Z"}, "bad-element", "<bad-element>startTime</bad-element>"),
+    ({"startTime": "2020-01-01T00:00:00Z", "stopTime": "2020-01-01T00:00:00Z"}, "operation-failed", ""),
     ({"stream": "ELSEWHERE"}, "invalid-value", ""),
 ])
 def test_replay_and_other_streams_are_refused(front, elements, tag, info):
@@ -282,6 +284,32 @@ def test_burst_is_no_fault_of_the_client(front):
         session.process.send_signal(signal.SIGCONT)
         time.sleep(1)  # in which the session has filled the pipe and taken all that it may keep
         assert [told(session.read())[0] for _ in range(1500)] == [f"port{number}" for number in range(1500)]
+
+
+def test_request_waits_until_the_client_reads(front):
+    with front.raw() as session, front.raw() as other:
+        other.rpc(f"<edit-config><target><running/></target>{policy_config(1)}</edit-config>")
+        session.rpc(SUBSCRIBE)
+        for number in range(900):
+            publish(front, f"port{number}")
+        wait_for(lambda: output_is_full(session), 10, "the session has filled its pipe")
+        session.request(f"<edit-config><target><running/></target>{policy_config(3)}</edit-config>")
+        for _ in range(3):
+            reply = other.rpc("<get-config><source><running/></source></get-config>")
+            assert "<loop-policy>1</loop-policy>" in reply
+        while "<ok/>" not in session.read():
+            pass
+        reply = other.rpc("<get-config><source><running/></source></get-config>")
+        assert "<loop-policy>3</loop-policy>" in reply
+
+
+def output_is_full(session):
+    """Whether the session would have to wait if it wrote something."""
+    descriptor = os.open(f"/proc/{session.process.pid}/fd/1", os.O_WRONLY | os.O_NONBLOCK)
+    try:
+        return not select.select([], [descriptor], [], 0)[1]
+    finally:
+        os.close(descriptor)
 
 
 def test_client_that_reads_no_replies_ends_alone(front):

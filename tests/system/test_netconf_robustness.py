@@ -7,6 +7,7 @@ import getpass
 import os
 import pathlib
 import platform
+import re
 import signal
 import sys
 import tempfile
@@ -162,6 +163,42 @@ def test_idle_session_sleeps_and_is_small(front):
         assert status_of(pid, "VmRSS") <= 20 * 1024
 
 
+def test_session_whose_database_is_away_sleeps():
+    with Lab(store="redis") as lab:
+        lab.start_redis()
+        with Front(lab) as own_front, own_front.raw() as session:
+            session.rpc(f'<create-subscription xmlns="{EVENT}"/>')
+            lab.kill_redis()
+            pid = session.process.pid
+            wait_for(lambda: "notifications pause" in own_front.log(), 5, "the loss is noticed")
+            switches, cpu = switches_of(pid), cpu_seconds_of(pid)
+            time.sleep(2)
+            assert switches_of(pid) - switches <= 12
+            assert cpu_seconds_of(pid) - cpu <= 0.1
+
+
+def test_session_limits_itself(front):
+    with front.raw() as session:
+        session.rpc("<get-config><source><running/></source></get-config>")
+        pid = session.process.pid
+        limits = dict(re.findall(r"(Max .*?)  +([0-9]+ +[0-9]+) ", pathlib.Path(f"/proc/{pid}/limits").read_text()))
+        assert limits["Max data size"].split() == [str(128 * 1024 * 1024)] * 2
+        assert limits["Max core file size"].split() == ["0", "0"]
+        status = pathlib.Path(f"/proc/{pid}/status").read_text()
+        assert re.search(r"Umask:\s+(\d+)", status).group(1) == "0007"
+        ignored = int(re.search(r"SigIgn:\s+([0-9a-f]+)", status).group(1), 16)
+        assert ignored >> (signal.SIGPIPE - 1) & 1
+
+
+def test_name_from_a_client_is_logged_in_plain_letters(front):
+    with front.raw(hello=False) as session:
+        session.send(f'<hello xmlns="{BASE}"><c\u00f6ps\u3042><a/></c\u00f6ps\u3042></hello>]]>]]>'.encode())
+        assert session.process.wait(timeout=5) == 1
+        lines = [line for line in front.log().splitlines() if f"session {session.session_id} (" in line]
+    assert lines[-2].endswith("): Unexpected <c??ps???> element in client <hello>.")
+    assert lines[-1].endswith("): ended: the client's hello makes no sense")
+
+
 def test_session_in_the_middle_of_a_message_sleeps(front):
     with front.raw() as session:
         session.rpc("<get/>")
@@ -210,6 +247,13 @@ def test_hello_that_must_not_be_taken_ends_the_session(front, version, more):
         session.send((HELLO % (version, more)).encode())
         assert session.process.wait(timeout=5) == 1
         assert front.log().splitlines()[-1].endswith("ended: the client's hello makes no sense")
+
+
+def test_hello_without_an_end_ends_the_session(front):
+    with front.raw(hello=False) as session:
+        session.send(b"x" * (64 * 1024 + 6))
+        assert session.process.wait(timeout=5) == 1
+        assert front.log().splitlines()[-1].endswith("ended: a message is longer than 64 KiB")
 
 
 @pytest.mark.parametrize("sent, told", [
