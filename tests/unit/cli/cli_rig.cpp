@@ -1,5 +1,8 @@
 #include "tests/unit/cli/cli_rig.h"
 
+#include <sys/resource.h>
+
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -58,6 +61,27 @@ TestFolder::~TestFolder() {
     std::error_code ignored;
     std::filesystem::permissions(path_, std::filesystem::perms::owner_all, ignored);
     std::filesystem::remove_all(path_, ignored);
+}
+
+namespace {
+
+size_t set_size_limit(size_t bytes) {
+    rlimit limit{};
+    getrlimit(RLIMIT_FSIZE, &limit);
+    const size_t before = limit.rlim_cur;
+    limit.rlim_cur = bytes;
+    setrlimit(RLIMIT_FSIZE, &limit);
+    return before;
+}
+
+}  // namespace
+
+FullDisk::FullDisk(size_t bytes) : before_(set_size_limit(bytes)) {
+    std::signal(SIGXFSZ, SIG_IGN);
+}
+
+FullDisk::~FullDisk() {
+    set_size_limit(before_);
 }
 
 std::string read_text(const std::string& path) {

@@ -48,6 +48,19 @@ class TestFolder {
     std::string path_;
 };
 
+// As long as it lives, this process cannot write beyond the first `bytes` of a file, as on a full
+// disk.
+class FullDisk {
+ public:
+    explicit FullDisk(size_t bytes);
+    ~FullDisk();
+    FullDisk(const FullDisk&) = delete;
+    FullDisk& operator=(const FullDisk&) = delete;
+
+ private:
+    size_t before_;
+};
+
 std::string read_text(const std::string& path);
 void write_text(const std::string& path, const std::string& text);
 

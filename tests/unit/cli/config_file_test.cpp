@@ -2,11 +2,9 @@
 #include "platform/cli/config_file.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
 #include <string>
 
@@ -161,14 +159,10 @@ TEST(ConfigFile, LinkInPlaceOfTheFreshFileIsNotFollowed) {
 TEST(ConfigFile, FullDiskLeavesTheOldFileAndNothingBesideIt) {
     const qv::test::TestFolder folder;
     write_text(folder.file("f"), "old\n");
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    rlimit full = before;
-    full.rlim_cur = 10;
-    setrlimit(RLIMIT_FSIZE, &full);
-    EXPECT_EQ(replace_file(folder.file("f"), "longer than ten bytes\n"), "File too large");
-    setrlimit(RLIMIT_FSIZE, &before);
+    {
+        const qv::test::FullDisk full(10);
+        EXPECT_EQ(replace_file(folder.file("f"), "longer than ten bytes\n"), "File too large");
+    }
     EXPECT_EQ(read_text(folder.file("f")), "old\n");
     EXPECT_FALSE(std::filesystem::exists(folder.file("f.new")));
 }

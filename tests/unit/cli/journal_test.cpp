@@ -2,10 +2,8 @@
 #include "platform/cli/journal.h"
 
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
-#include <csignal>
 #include <filesystem>
 #include <string>
 #include <vector>
@@ -142,18 +140,15 @@ TEST_F(JournalTest, FileStaysSmallHoweverOftenAPortIsShut) {
 
 TEST_F(JournalTest, RoomIsLaidOutSoThatAFullDiskKeepsNoRecordOut) {
     journal.open(0);
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    rlimit full = before;
-    full.rlim_cur = std::filesystem::file_size(path);
-    ASSERT_EQ(full.rlim_cur, 64U << 10);
-    setrlimit(RLIMIT_FSIZE, &full);
-    EXPECT_EQ(journal.append(section("swp1", {"shutdown"})), "");
-    full.rlim_cur = 10;
-    setrlimit(RLIMIT_FSIZE, &full);
-    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "File too large");
-    setrlimit(RLIMIT_FSIZE, &before);
+    ASSERT_EQ(std::filesystem::file_size(path), 64U << 10);
+    {
+        const qv::test::FullDisk full(64 << 10);
+        EXPECT_EQ(journal.append(section("swp1", {"shutdown"})), "");
+    }
+    {
+        const qv::test::FullDisk full(10);
+        EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "File too large");
+    }
     EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
     EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp3: shutdown,"}))
         << "a record that was refused takes no number";

@@ -1,12 +1,11 @@
 // The saved configuration: replay between the hooks, saves of every change, trouble with files.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <filesystem>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -232,13 +231,7 @@ TEST_F(SavedConfig, FullDiskLeavesTheOldFileAndIsReportedOnceAndRetried) {
     rig.announce_ready();
     EXPECT_EQ(rig.type("write"), "");
     const std::string old = read_text(rig.saved());
-    std::signal(SIGXFSZ, SIG_IGN);
-    rlimit before{};
-    getrlimit(RLIMIT_FSIZE, &before);
-    rlimit full = before;
-    full.rlim_cur = 10;
-    setrlimit(RLIMIT_FSIZE, &full);
-
+    std::optional<qv::test::FullDisk> full(10);
     type_in_config("tarn enable");
     rig.platform.run_for(1s);
     cli_syn_config_notify();
@@ -248,7 +241,7 @@ TEST_F(SavedConfig, FullDiskLeavesTheOldFileAndIsReportedOnceAndRetried) {
     EXPECT_EQ(log(), Lines{"CLI-3-SAVE: The configuration cannot be saved to " + rig.saved() +
                            ": File too large."});
 
-    setrlimit(RLIMIT_FSIZE, &before);
+    full.reset();
     rig.platform.run_for(30s);
     EXPECT_EQ(saved_text(), "tarn enable\n" + kPorts);
 }
