@@ -60,6 +60,13 @@ std::string ConfigSaver::save_here() {
     return reason;
 }
 
+void ConfigSaver::save_last() {
+    if (unasked_) {
+        writing_ = false;
+        static_cast<void>(save_here());  // notes its own trouble
+    }
+}
+
 void ConfigSaver::begin() {
     timer_.reset();
     turn_.reset();

@@ -39,6 +39,8 @@ class ConfigSaver {
     void save(Done done);
     // The same for a caller that cannot wait: on this thread. An empty text, or the reason.
     std::string save_here();
+    // The same at the end of the process, when the background is at rest for ever.
+    void save_last();
 
     // Before the saved configuration is in force, and when it could not be read, nothing but an
     // explicit save() may replace it.

@@ -108,7 +108,7 @@ void Journal::keep(uint64_t number, const ConfigSection& section) {
 }
 
 std::string Journal::append(const ConfigSection& section) {
-    std::string trouble = fd_ < 0 || size_ > kRoom_bytes ? rewrite() : "";
+    std::string trouble = size_ > kRoom_bytes || !in_place() ? rewrite() : "";
     if (trouble.empty()) {
         trouble = write(bytes_of(last_ + 1, section));
     }
@@ -116,6 +116,12 @@ std::string Journal::append(const ConfigSection& section) {
         keep(++last_, section);
     }
     return trouble;
+}
+
+// Whether the open file is the one that the next start will read: somebody may have removed it.
+bool Journal::in_place() const {
+    struct stat status {};
+    return fd_ >= 0 && ::fstat(fd_, &status) == 0 && status.st_nlink > 0;
 }
 
 std::string Journal::write(std::string_view bytes) {

@@ -59,6 +59,7 @@ class Journal {
 
     void keep(uint64_t number, const ConfigSection& section);
 
+    bool in_place() const;
     std::string write(std::string_view bytes);
     std::string rewrite();
 

@@ -7,6 +7,7 @@
 
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
+#include "platform/cli/config_keeper.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/cli/test_commands.h"
 #include "platform/client/mom_key.h"
@@ -161,10 +162,19 @@ class DescribedPlatform final : public Platform {
                                                 }});
         port_follower_ = std::make_unique<PortFollower>(*plane);
         ports_->add_observer(*port_follower_);
-        // The kernel keeps the table when the process ends.
-        termination_ =
-            std::make_unique<Termination>(*loop_, [rules = plane.get()] { rules->close(); });
+        termination_ = std::make_unique<Termination>(*loop_, [this, rules = plane.get()] {
+            rules->close();  // the kernel keeps the table when the process ends
+            save_last();
+        });
         forwarding_ = std::move(plane);
+    }
+
+    // What was typed within the last second is not saved yet.
+    void save_last() {
+        background_.reset();  // a save that is under way comes to its end
+        if (cli::ConfigKeeper* const keeper = cli::config_keeper()) {
+            keeper->saver().save_last();
+        }
     }
 
     void make_embedded_switch(MemoryStore* memory) {

@@ -163,6 +163,14 @@ TEST_F(JournalTest, FolderThatIsNotThereIsATroubleUntilItIs) {
     EXPECT_EQ(told(lost.path()), Told{"1 swp1: shutdown,"});
 }
 
+TEST_F(JournalTest, FileThatSomebodyRemovesIsMadeAgainWithAllThatIsNotSaved) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    std::filesystem::remove(path);
+    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+}
+
 TEST_F(JournalTest, FileIsItsOwnersAlone) {
     journal.open(0);
     struct stat status {};
