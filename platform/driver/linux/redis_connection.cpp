@@ -52,8 +52,9 @@ void RedisConnection::stop() {
     failed_.reset();
 }
 
-// The last thing that its caller does: `this` may be gone afterwards, hence the copy of the reason.
-void RedisConnection::fail(std::string reason) {
+// The last thing that its caller does: `this` may be gone afterwards, so `reason` must not be a
+// part of it.
+void RedisConnection::fail(const std::string& reason) {
     const LostCallback on_lost = std::move(on_lost_);
     stop();
     if (on_lost) {
@@ -124,7 +125,7 @@ void RedisConnection::on_readable() {
         return;
     }
     if (!stopped_ && !replies_.error().empty()) {
-        fail(replies_.error());
+        fail(std::string(replies_.error()));
     }
 }
 

@@ -52,7 +52,7 @@ class RedisConnection {
     void on_readable();
     bool read_some();
     void hand_out(const RedisReply& reply);
-    void fail(std::string reason);
+    void fail(const std::string& reason);
     void fail_later(const std::string& reason);
 
     EventLoop& loop_;

@@ -512,6 +512,7 @@ void RedisClient::page_read(uint64_t number, const RedisReply& reply) {
         return;
     }
     std::vector<std::string_view> keys;
+    keys.reserve(left.size());
     for (const RedisReply& key : left) {
         keys.push_back(key.text);
     }
