@@ -7,7 +7,8 @@
 // Timers: a port's clear timer (argument: its record) and one recovery tick for all ports. A record
 // may be deleted while its clear timer is pending. The timer is not cancelled then, kept on
 // purpose: the record waits in a list of deleted records, the timer takes its port out of the loop
-// table and frees it.
+// table and frees it. If the port has been added again meanwhile and loops, the timer reports no
+// end: notification, entry and message know the port by its name, and under that name it loops.
 #include "lda_msg.h"
 
 #include <cstdlib>
@@ -121,15 +122,20 @@ void lda_intf_release(lda_intf_t* record) {
         free(record);
 }
 
-// Frees a record whose clear timer has fired, if it was deleted meanwhile.
-static void reclaim_deleted(lda_intf_t* record) {
-    for (lda_list_t* link = deleted_records.next; link != &deleted_records; link = link->next) {
-        if (record_of(link) != record)
-            continue;
-        lda_list_unlink(link);
-        free(record);
-        return;
-    }
+static bool is_deleted(const lda_intf_t* record) {
+    for (lda_list_t* link = deleted_records.next; link != &deleted_records; link = link->next)
+        if (record_of(link) == record)
+            return true;
+    return false;
+}
+
+// Whether a port with this name is in the loop table.
+static bool name_loops(const char* name) {
+    lda_list_t* head = &g_lda_loop_set->list;
+    for (lda_list_t* link = head->next; link != head; link = link->next)
+        if (record_of(link)->total_result && strcmp(record_of(link)->name, name) == 0)
+            return true;
+    return false;
 }
 
 // ---- Recording of results ----
@@ -208,11 +214,17 @@ int lda_intf_loop_clear(qv_thread* timer) {
     record->total_result = 0;
     APP_INFO("---lda delete loop interface , loop_num=%d, ifx=%s", g_lda_loop_set->loop_num,
              record->name);
-    // Kept on purpose: said also for a port that had left the table already.
-    lda_loop_result_send_ntf(LDA_NOTIFY_CLEAR, record);
-    printk_syslog_ext(SYSLOG_SEVERITY_ERROR, "LOOP_DETECT", "RECOVER",
-                      "Interface %s recovered from loop error.\r\n", record->name);
-    reclaim_deleted(record);
+    const bool deleted = is_deleted(record);
+    // Kept on purpose: the end is reported also for a port that had left the table already.
+    if (!deleted || !name_loops(record->name)) {
+        lda_loop_result_send_ntf(LDA_NOTIFY_CLEAR, record);
+        printk_syslog_ext(SYSLOG_SEVERITY_ERROR, "LOOP_DETECT", "RECOVER",
+                          "Interface %s recovered from loop error.\r\n", record->name);
+    }
+    if (deleted) {
+        lda_list_unlink(&record->link);
+        free(record);
+    }
     return 0;
 }
 

@@ -155,8 +155,9 @@ int lda_loop_result_set_for_storm(const storm_loop_msg* report);
 // Puts a port into the loop table, or reports that the table is full.
 void lda_loop_result_add(lda_intf_t* record);
 
-// Clear timer of a port (the timer's argument is its record): takes it out of the loop table.
-// Returns 0, or -1 without an argument.
+// Clear timer of a port (the timer's argument is its record): takes it out of the loop table and
+// reports the end of the loop. A record that was deleted meanwhile is freed; its end is not
+// reported when a port of its name loops. Returns 0, or -1 without an argument.
 int lda_intf_loop_clear(qv_thread* timer);
 
 // Notifies a loop (LDA_NOTIFY_LOOP) or its end (LDA_NOTIFY_CLEAR) and publishes or withdraws the

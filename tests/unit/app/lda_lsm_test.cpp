@@ -160,17 +160,57 @@ TEST_F(LdaLsm, AddingAPortTwiceYieldsTheSameRecord) {
 }
 
 TEST_F(LdaLsm, RecordIsLinkedUnderTheLoopLock) {
+    add(6);
     fake::add_port(7);
-    bool held = false;
-    fake::on_call("lsm_if_get_sname", [&] { held = !free_for_others(&g_lda_loop_set->lock); });
+    Lines seen;
+    fake::on_lock(&g_lda_loop_set->lock, [&](bool taken) {
+        seen.push_back((taken ? "locked " : "unlocking ") + std::to_string(records().size()) +
+                       " of " + std::to_string(g_lda_loop_set->intf_num) +
+                       (lda_loop_result_get(7) == nullptr ? "" : " found"));
+    });
+    bool named_under_lock = false;
+    fake::on_call("lsm_if_get_sname",
+                  [&] { named_under_lock = !free_for_others(&g_lda_loop_set->lock); });
     lda_add_intf(7);
-    EXPECT_TRUE(held);
-    EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
+    EXPECT_EQ(seen, (Lines{"locked 1 of 1", "unlocking 2 of 2 found"}));
+    EXPECT_TRUE(named_under_lock);
+}
+
+TEST_F(LdaLsm, NewPortIsPostedAfterTheLoopLockIsReleased) {
+    fake::add_port(7);
+    cli_ready = 1;
+    lda_loop_detect_ptype_set(2);
+    bool free = false;
+    fake::on_signal([&] {
+        free = free_for_others(&g_lda_loop_set->lock);
+        return 0;
+    });
+    lda_add_intf(7);
+    EXPECT_TRUE(free);
+    EXPECT_EQ(take_posted(), Lines{"type=1 mid=2 ifx=7 new_type=2 old_type=2"});
 }
 
 TEST_F(LdaLsm, LongNameIsCutTo63Characters) {
     fake::add_port({.ifx = 7, .name = std::string(80, 'n')});
     EXPECT_EQ(lda_add_intf(7)->name, std::string(63, 'n'));
+}
+
+TEST_F(LdaLsm, PortWhoseModeOrNameCannotBeReadIsAddedWithoutThem) {
+    fake::add_port(7, 7);
+    fake::fail("vl_clnt_get_portmode_by_index", 5);
+    lda_intf_t* record = lda_add_intf(7);
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->mode, 0u);
+    EXPECT_STREQ(record->name, "swp7");
+    fake::heal("vl_clnt_get_portmode_by_index");
+    fake::fail("lsm_if_get_sname", 5);
+    fake::add_port(8, 7);
+    record = lda_add_intf(8);
+    ASSERT_NE(record, nullptr);
+    EXPECT_EQ(record->mode, 7u);
+    EXPECT_STREQ(record->name, "");
+    EXPECT_EQ(lda_loop_result_get(8), record);
+    EXPECT_EQ(g_lda_loop_set->intf_num, 2);
 }
 
 TEST_F(LdaLsm, WithoutMemoryNoPortIsAdded) {
@@ -340,10 +380,45 @@ TEST_F(LdaLsm, TimerOfADeletedPortLeavesItsSuccessorAlone) {
     lda_intf_t* successor = lda_add_intf(7);
     lda_loop_result_set(0, 1, 7);
     EXPECT_EQ(g_lda_loop_set->loop_num, 2);
+    fake::clear_calls();
     EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
+    EXPECT_EQ(fake::take_calls(), Lines{}) << "the successor's entry is withdrawn";
     EXPECT_EQ(successor->total_result, 1);
+    EXPECT_EQ(successor->tarn_result, 1);
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
     EXPECT_EQ(records(), std::vector<lda_intf_t*>{successor});
+    // The successor's own timer reports its end.
+    lda_loop_result_set(0, 0, 7);
+    fake::clear_calls();
+    EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{notification("swp7", 2, 0, 1), entry_del("swp7"), recovered("swp7")}));
+    EXPECT_EQ(g_lda_loop_set->loop_num, 0);
+}
+
+TEST_F(LdaLsm, TimerOfADeletedPortLeavesALoopingPortOfItsNameAlone) {
+    looped(7, 1, 1);
+    lda_loop_result_set(0, 0, 7);
+    event(1, 7);
+    fake::add_port({.ifx = 8, .name = "swp7"});
+    lda_add_intf(8);
+    lda_loop_result_set(0, 1, 8);
+    fake::clear_calls();
+    EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
+    EXPECT_EQ(fake::take_calls(), Lines{});
+    EXPECT_EQ(g_lda_loop_set->loop_num, 1);
+}
+
+TEST_F(LdaLsm, TimerOfADeletedPortReportsItsEndWhileItsSuccessorIsQuiet) {
+    looped(7, 1, 1);
+    lda_loop_result_set(0, 0, 7);
+    event(1, 7);
+    lda_add_intf(7);
+    looped(8, 1, 1);
+    EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{notification("swp7", 2, 0, 1), entry_del("swp7"), recovered("swp7")}));
+    EXPECT_EQ(g_lda_loop_set->loop_num, 1);
 }
 
 TEST_F(LdaLsm, SeveralDeletedPortsWaitForTheirTimers) {
