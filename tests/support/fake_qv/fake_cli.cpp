@@ -46,7 +46,9 @@ Answer answer_to(const std::string& line) {
 }  // namespace
 
 bool is_session(int descriptor) {
-    return descriptor >= FIRST_SESSION && descriptor < FIRST_SESSION + 100000;
+    std::lock_guard lock(state().mutex);
+    return state().open_sessions.contains(descriptor) ||
+           (descriptor >= FIRST_SESSION && descriptor < FIRST_SESSION + 100000);
 }
 
 int close_session(int descriptor) {
@@ -196,9 +198,9 @@ int cli_sub_create_session(void) {
     }
     long result = fake::enter("cli_sub_create_session", "cli_sub_create_session", session);
     std::lock_guard lock(state().mutex);
-    if (result == session)
-        state().open_sessions.insert(session);
-    else
+    if (result >= 0)
+        state().open_sessions.insert(static_cast<int>(result));
+    if (result != session)
         state().next_session--;
     return static_cast<int>(result);
 }

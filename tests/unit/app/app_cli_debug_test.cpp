@@ -310,6 +310,14 @@ TEST_F(DebugCommands, NoFormOfTheBudgetStoresOneThousand) {
     EXPECT_EQ(g_dbg_slog_max, 1000u);
 }
 
+TEST_F(DebugCommands, BudgetCommandsKeepTheCount) {
+    g_dbg_slog_cnt = 7;
+    for (const char* value : {"50", "nolimit", "default", "3"})
+        EXPECT_TRUE(run(kLoggingTree, std::string("lda syslog log-max-number ") + value));
+    EXPECT_TRUE(run_no(kLoggingTree, "lda syslog log-max-number"));
+    EXPECT_EQ(g_dbg_slog_cnt, 7u);
+}
+
 // ---- Showing the level ----
 
 TEST_F(DebugCommands, ShowLogFilePrintsTheLevelsName) {
@@ -486,6 +494,21 @@ TEST_F(DebugCommands, ResultTableListsEveryPortInListOrder) {
                   "warning   hybrid 40\n"
                   "3      swp3                            normal        normal        normal       "
                   "warning   trunk 0\n");
+}
+
+TEST_F(DebugCommands, ResultTableHasEachStateInItsOwnColumn) {
+    add_record(1)->total_result = 1;
+    add_record(2)->tarn_result = 1;
+    add_record(3)->storm_result = 1;
+    EXPECT_TRUE(run(kShowTree, "lda detect-result"));
+    const std::string output = fake::take_cli_output();
+    EXPECT_EQ(output.substr(output.find("\r\n") + 2),
+              "1      swp1                            loop          normal        normal       "
+              "normal    access 0\n"
+              "2      swp2                            normal        loop          normal       "
+              "normal    access 0\n"
+              "3      swp3                            normal        normal        loop         "
+              "normal    access 0\n");
 }
 
 TEST_F(DebugCommands, ResultTableShowsNormalWhileDetectionIsDisabled) {

@@ -68,6 +68,18 @@ TEST_F(BackupList, NodeHoldsOnlyThePortAndItsMark) {
     EXPECT_EQ(node->vsl_member, 0u);
 }
 
+TEST_F(BackupList, ListedPortsAreNotCounted) {
+    lda_back_node_add(7);
+    lda_back_node_add(5);
+    EXPECT_EQ(g_lda_loop_set->intf_num, 0);
+    EXPECT_EQ(g_lda_loop_set->loop_num, 0);
+    EXPECT_EQ(lda_loop_result_get(7), nullptr);
+    add_record(3);
+    lda_back_node_del(7);
+    EXPECT_EQ(g_lda_loop_set->intf_num, 1);
+    EXPECT_EQ(g_lda_loop_set->loop_num, 0);
+}
+
 TEST_F(BackupList, AddingTwiceLeavesOneNodeAndSaysSo) {
     lda_back_node_add(7);
     fake::clear_calls();

@@ -99,6 +99,17 @@ TEST_F(CliConfig, PolicyCommandLogsItsWay) {
                      info("lda_cli_policy_set", "old_type=0, new_type=3, msg_type=5")}));
 }
 
+TEST_F(CliConfig, NoFormLogsTheDisabledType) {
+    log_everything();
+    for (const PolicyCommand& command : policy_commands) {
+        cli_pcdb pcdb = context(CLI_PREFIX_NO);
+        command.handler(&pcdb);
+        const Lines calls = fake::take_calls();
+        ASSERT_GE(calls.size(), 2u);
+        EXPECT_EQ(calls[1], info("lda_policy_set", "enter type=0, pcdb=0")) << command.name;
+    }
+}
+
 TEST_F(CliConfig, PolicyHandlersHoldTheLoopLock) {
     bool held = false;
     fake::on_call("qv_mom_set", [&] { held = !free_for_others(&g_lda_loop_set->lock); });
@@ -305,6 +316,18 @@ TEST_F(CliConfig, PortThatIsUpHasNoLine) {
     EXPECT_EQ(lda_back_node_lookup(9), 0);
 }
 
+TEST_F(CliConfig, PortThatIsOnlyPendingHasNoLine) {
+    pend(9);
+    log_everything();
+    cli_pcdb pcdb = on_port(9, 0, CLI_FLAG_C2P);
+    EXPECT_EQ(cfg_lda_cli_apply_shutdown_command(&pcdb), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{info("cfg_lda_cli_apply_shutdown_command", "commnad cli_apply_shutdown=9"),
+                     info("cfg_lda_cli_apply_shutdown_command_int", "enter"),
+                     info("cfg_lda_cli_apply_shutdown_command_int", "port is 9, shutdown =0")}));
+    EXPECT_EQ(lda_back_node_lookup(9), 1);
+}
+
 // ---- Where the interface command is offered ----
 
 TEST_F(CliConfig, SwitchPortsOfferTheInterfaceCommand) {
@@ -319,6 +342,12 @@ TEST_F(CliConfig, OtherPortsDoNotOfferTheInterfaceCommand) {
         EXPECT_FALSE(offered_on({.ifx = 1, .type = type, .intfcb_flags = 0xFFFFFFFD}));
     cli_pcdb unknown = on_port(77);
     EXPECT_EQ(testfunc_cfg_loop_detect_apply_shutdown_kw(&unknown), 0);
+}
+
+TEST_F(CliConfig, PortWithoutAControlBlockIsJudgedByItsType) {
+    fake::fail("lsm_get_intfcb");
+    for (uint32_t type = 0; type <= 12; type++)
+        EXPECT_EQ(offered_on({.ifx = 1, .type = type}), type >= 2 && type <= 10) << type;
 }
 
 TEST_F(CliConfig, RangeOffersTheInterfaceCommandByItsTypes) {

@@ -326,6 +326,46 @@ TEST_F(Delivery, EachTypeHasItsWork) {
     }
 }
 
+TEST_F(Delivery, SelectorOfAMessageReachesItsWork) {
+    add(7);
+    start_thread();
+    struct Row {
+        uint32_t type;
+        Lines storm;
+        Lines tarn;
+    };
+    const Row rows[] = {
+        {1, {"storm-loop-detect enable\r\n"}, {"tarn port loop-detect warning\r\n"}},
+        {4, {"no storm-loop-detect enable\r\n"}, {"no tarn port loop-detect\r\n"}},
+        {5, {"storm-loop-detect enable\r\n"}, {"tarn port loop-detect warning\r\n"}},
+        {6,
+         {"no storm-loop-detect enable\r\n", "no storm-loop-rate ratelimit\r\n"},
+         {"no tarn port loop-detect\r\n"}},
+    };
+    int session = 1001;
+    for (const Row& row : rows) {
+        for (uint32_t mid : {0u, 1u, 2u}) {
+            SCOPED_TRACE(testing::Message() << "type " << row.type << " selector " << mid);
+            post(message(row.type, mid, 7));
+            drained();
+            Lines on_port;
+            for (const std::string& line : lines_executed())
+                if (line.find(" interface 7") != std::string::npos)
+                    on_port.push_back(line);
+            fake::clear_calls();
+            Lines expected;
+            if (mid != 1)
+                for (const std::string& line : row.tarn)
+                    expected.push_back(executed(session, line, 7));
+            if (mid != 0)
+                for (const std::string& line : row.storm)
+                    expected.push_back(executed(session, line, 7));
+            EXPECT_EQ(on_port, expected);
+            session++;
+        }
+    }
+}
+
 TEST_F(Delivery, UnknownTypesAreOnlyLogged) {
     start_thread();
     log_everything();

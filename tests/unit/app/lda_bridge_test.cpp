@@ -263,6 +263,18 @@ TEST_F(Bridge, ShutDownFlagIsDecidedAfresh) {
     }
 }
 
+TEST_F(Bridge, PortHeldWithoutALoopIsBroughtBackByAModeChange) {
+    for (uint32_t mode : {1u, 7u, 2u}) {
+        SCOPED_TRACE(mode);
+        lda_intf_t* record = add_record(10 + mode, 1);
+        record->is_shutdown = 1;
+        g_lda_loop_set->policy = 4;
+        mode_event(10 + mode, mode);
+        EXPECT_EQ(record->is_shutdown, 0);
+        EXPECT_EQ(queued().back(), "type=2 mid=2 ifx=" + std::to_string(10 + mode));
+    }
+}
+
 TEST_F(Bridge, QuietPortIsNeverShutDownByAModeChange) {
     lda_intf_t* record = add_record(5, 2);
     for (uint32_t policy : {2u, 3u, 4u}) {

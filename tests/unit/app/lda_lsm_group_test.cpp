@@ -173,6 +173,16 @@ TEST_F(LsmGroup, LeavingTheBridgeRejudgesThePort) {
     EXPECT_EQ(record->is_shutdown, 0);
 }
 
+// The mode is stored before the port is judged, so the judgement sees no change of the mode.
+TEST_F(LsmGroup, LoopedPortThatIsNotHeldLeavesTheBridgeWithoutANotification) {
+    lda_intf_t* record = looped(7, 1, 1);
+    uint32_t word = 7;
+    lda_lsm_bridge_event_handle(1, &word);
+    EXPECT_EQ(fake::take_calls(), Lines{});
+    EXPECT_EQ(record->mode, 0u);
+    EXPECT_EQ(record->total_result, 1);
+}
+
 TEST_F(LsmGroup, AggregateWithoutARecordThatLeavesTheBridgeRejudgesItsMembers) {
     lda_intf_t* first = looped(7, 1, 2);
     lda_intf_t* second = add(8, 1);

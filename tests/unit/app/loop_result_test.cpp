@@ -120,6 +120,15 @@ TEST_F(LoopResult, RepeatedLoopShutsAgainWithoutNotification) {
     EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7 shutdown=1"});
 }
 
+TEST_F(LoopResult, RepeatedLoopDoesNotRestartTheRecoveryTime) {
+    lda_intf_t* record = looped(7, 1, 2);
+    record->is_shutdown = 1;
+    record->recover_ticks = 12;
+    lda_loop_result_set(0, 1, 7);
+    EXPECT_EQ(record->recover_ticks, 12u);
+    EXPECT_EQ(record->is_shutdown, 1);
+}
+
 TEST_F(LoopResult, RepeatedNoLoopDoesNothing) {
     add(7, 1);
     lda_loop_detect_ptype_set(2);
@@ -324,6 +333,25 @@ TEST_F(LoopResult, ClearTimerTakesThePortOutOfTheTable) {
     EXPECT_EQ(lda_loop_result_get(7), record);
 }
 
+// What happened to the port since the timer was armed does not matter any more.
+TEST_F(LoopResult, ClearTimerTestsNothingAgainWhenItFires) {
+    for (uint32_t ifx : {1u, 2u, 3u}) {
+        SCOPED_TRACE(ifx);
+        lda_intf_t* record = looped(ifx, 1, 1);
+        lda_loop_result_set(0, 0, ifx);
+        record->tarn_result = ifx == 1 ? 1 : 0;
+        record->storm_result = ifx == 2 ? 1 : 0;
+        record->is_shutdown = ifx == 3 ? 1 : 0;
+        fake::clear_calls();
+        EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
+        const std::string name = "swp" + std::to_string(ifx);
+        EXPECT_EQ(fake::take_calls(),
+                  (Lines{notification(name, 2, 0, 1), entry_del(name), recovered(name)}));
+        EXPECT_EQ(record->total_result, 0);
+        EXPECT_EQ(g_lda_loop_set->loop_num, 0);
+    }
+}
+
 TEST_F(LoopResult, ClearTimerOfAPortOutsideTheTableStillTellsTheEnd) {
     lda_intf_t* record = add(7, 1);
     looped(8, 1, 1);
@@ -444,6 +472,31 @@ TEST_F(LoopResult, GlobalClearWithADeletedLoopedPortKeepsTheCountAtZero) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
     EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
+}
+
+// ---- Messages to the operator ----
+
+// They are written without the budget of the debug lines: neither counted nor refused.
+TEST_F(LoopResult, MessagesAreNotPartOfTheDebugBudget) {
+    fill_the_table();
+    add(11, 1);
+    g_app_zlog_category = nullptr;
+    g_dbg_slog_level = 1;
+    g_dbg_slog_max = 5;
+    for (uint32_t count : {4u, 5u}) {
+        SCOPED_TRACE(count);
+        g_dbg_slog_cnt = count;
+        lda_loop_result_set(0, 0, 4);
+        fake::fire(lda_intf_loop_clear);
+        lda_loop_result_set(0, 1, 4);
+        lda_loop_result_set(0, 0, 11);
+        lda_loop_result_set(0, 1, 11);
+        EXPECT_EQ(fake::calls_of({"syslog"}),
+                  (Lines{recovered("swp4"), detected("swp4"), limit_line}));
+        EXPECT_EQ(g_dbg_slog_cnt, count);
+        EXPECT_EQ(g_dbg_slog_level, 1);
+        fake::clear_calls();
+    }
 }
 
 // ---- Many reports ----

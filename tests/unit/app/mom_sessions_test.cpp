@@ -291,6 +291,17 @@ TEST_F(Sessions, ApplicationReconnectAfterTheReplaySubscribesAgainAndKeepsTheEnt
                              }));
 }
 
+TEST_F(Sessions, ApplicationReconnectAfterTheReplayOnlySubscribesBeforeTheDatabaseWasReadyToo) {
+    mom_cfg_ready = mom_local_ready = lsm_port_ready = mom_storm_ready = 1;
+    cli_ready = 1;
+    EXPECT_EQ(fake::mom_reconnect(4), 0);
+    EXPECT_EQ(mom_app_ready, 0);
+    EXPECT_EQ(fake::calls(), (Lines{
+                                 info("lda_mom_app_db_reconnect", "lda_mom_app_db_reconnect\n"),
+                                 "qv_mom_subscribe db=4 p_bridge.tarn_loop_info index{}",
+                             }));
+}
+
 // ---- Loss ----
 
 TEST_F(Sessions, LossOfASessionIsOnlyLogged) {

@@ -245,6 +245,54 @@ TEST_F(Netconf, DeleteRequestLogsItsWay) {
                      "cli_syn_config_notify", answer(4, 0)}));
 }
 
+TEST_F(Netconf, EachTypeIsLoggedUnderTheNameOfItsHandler) {
+    const std::pair<int, const char*> names[] = {{2, "lda_server_nc_set_loop_policy_cli"},
+                                                 {3, "lda_server_nc_del_loop_policy_cli"},
+                                                 {4, "lda_server_nc_del_loop_policy_cli"},
+                                                 {5, "lda_server_nc_set_loop_policy_cli"},
+                                                 {6, "lda_server_nc_set_loop_policy_cli"}};
+    log_everything();
+    for (const auto& [operation, name] : names) {
+        fake::clear_calls();
+        EXPECT_EQ(request(0, operation), 0);
+        const Lines calls = fake::take_calls();
+        ASSERT_GE(calls.size(), 3u);
+        EXPECT_EQ(calls[2], info(name, "enter")) << operation;
+    }
+}
+
+TEST(NetconfRecords, OperateResultHasItsFields) {
+    struct Row {
+        unsigned id;
+        const char* name;
+        ProtobufCType type;
+    };
+    const Row rows[] = {{1, "result", PROTOBUF_C_TYPE_INT32},
+                        {2, "std_error", PROTOBUF_C_TYPE_INT32},
+                        {3, "priv_error", PROTOBUF_C_TYPE_INT32},
+                        {4, "oper_str", PROTOBUF_C_TYPE_STRING},
+                        {5, "flag", PROTOBUF_C_TYPE_UINT32}};
+    const ProtobufCMessageDescriptor& descriptor = p_mng__operate_result__descriptor;
+    EXPECT_STREQ(descriptor.name, "p_mng.operate_result");
+    ASSERT_EQ(descriptor.n_fields, std::size(rows));
+    for (size_t i = 0; i < std::size(rows); i++) {
+        EXPECT_EQ(descriptor.fields[i].id, rows[i].id);
+        EXPECT_STREQ(descriptor.fields[i].name, rows[i].name);
+        EXPECT_EQ(descriptor.fields[i].type, rows[i].type);
+        EXPECT_EQ(descriptor.fields[i].label, PROTOBUF_C_LABEL_NONE);
+    }
+}
+
+TEST(NetconfRecords, SourcesHaveTheirNamesAndNumbers) {
+    const char* const names[] = {"OTHERS", "CLI", "NETCONF", "SNMP", "CWMP", "WEB"};
+    const ProtobufCEnumDescriptor& descriptor = p_mng__operate_src_t__descriptor;
+    ASSERT_EQ(descriptor.n_values, std::size(names));
+    for (size_t i = 0; i < std::size(names); i++) {
+        EXPECT_STREQ(descriptor.values[i].name, names[i]);
+        EXPECT_EQ(descriptor.values[i].value, static_cast<int>(i));
+    }
+}
+
 TEST_F(Netconf, OtherOperationsAreRefused) {
     for (int operation : {1, 7, -3}) {
         SCOPED_TRACE(operation);

@@ -87,6 +87,19 @@ TEST_F(Show, DetailHasStatesPolicyAndStatus) {
             "shutdown          shutdown\n");
 }
 
+TEST_F(Show, StatusIsThatOfThePortAndNotThePolicyForIt) {
+    looped(9, 7, 2)->is_shutdown = 1;
+    looped(3, 1, 2);
+    EXPECT_EQ(
+        detail(),
+        "loop-detect state   : enable\nloop-detect policy  : shutdown access\n\n" + detail_header +
+            separator +
+            "swp9                            loop                          normal                  "
+            "warning           shutdown\n"
+            "swp3                            loop                          normal                  "
+            "shutdown          warning\n");
+}
+
 TEST_F(Show, StatusColumnsReadNormalUnderPolicyZero) {
     lda_loop_result_t entries[2] = {{"swp1", 1, 0, 1, 0}, {"swp2", 0, 1, 0, 1}};
     lda_print_loop_info(2, entries, 1);

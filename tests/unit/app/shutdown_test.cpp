@@ -1,5 +1,10 @@
 // Shutdown and recovery of ports: the request side and the executors.
+#include <atomic>
+#include <future>
+
+#include "lda_cli_delivery.h"
 #include "lda_cli_exec.h"
+#include "lda_cli_policy.h"
 #include "lda_lsm.h"
 #include "tests/unit/app/loop_fixture.h"
 
@@ -230,6 +235,16 @@ TEST_F(Shutdown, WithoutASessionNothingIsExecuted) {
     EXPECT_EQ(record->is_shutdown, 0);
 }
 
+TEST_F(Shutdown, SessionMayHaveDescriptorZero) {
+    fake::fail("cli_sub_create_session", 0);
+    EXPECT_EQ(cli_exec_shutdown(7, 1), 0);
+    EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 1), 0);
+    EXPECT_EQ(fake::take_calls(),
+              (Lines{"cli_sub_create_session", executed(0, "shutdown \r\n", 7), "close session 0",
+                     "cli_sub_create_session",
+                     executed(0, "loop-detect apply shutdown-port \r\n", 7), "close session 0"}));
+}
+
 TEST_F(Shutdown, ApplyLineIsExecutedWithAndWithoutNo) {
     log_everything();
     EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 1), 0);
@@ -268,6 +283,130 @@ TEST_F(Shutdown, RefusedRecoveryIsScheduledByTheTickAgain) {
     EXPECT_EQ(take_posted(), Lines{});
     ticks(1);
     EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
+}
+
+// ---- A refused recovery and what happens meanwhile ----
+
+// Port 7, held for a loop, is recovered by the tick, and the switch refuses. The delivery thread
+// can be held inside the refused line, so that the main thread acts before the refusal is known, or
+// not be held, so that it acts afterwards.
+class RefusedRecovery : public Shutdown {
+ protected:
+    RefusedRecovery() : record(looped(7, 1, 2)) {
+        record->is_shutdown = 1;
+        record->recover_ticks = 29;
+        fake::on_line("no shutdown  \r\n", "%", 0);
+    }
+
+    void recover(bool hold) {
+        fake::start_threads();
+        drained();
+        if (hold)
+            fake::on_call("cli_execute_cmd_buf_fd", [this] {
+                if (++executed_lines != 2)
+                    return;
+                reached.set_value();
+                released.get_future().wait();
+            });
+        fake::clear_calls();
+        EXPECT_EQ(fake::fire(lda_intf_shutdown_timer_call), 0);
+        if (!hold) {
+            drained();
+            EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+            return;
+        }
+        reached.get_future().wait();
+        EXPECT_EQ(lda_intf_is_shutdown(record), 0);
+    }
+    void let_it_be_refused() {
+        released.set_value();
+        drained();
+    }
+    static void drained() {
+        fake::wait_until_idle([] { return g_lda_cli_msg_set->count == 0; });
+    }
+    static Lines lines_executed() { return fake::calls_of({"cli_execute_cmd_buf_fd"}); }
+
+    lda_intf_t* record;
+    std::atomic<int> executed_lines = 0;
+    std::promise<void> reached;
+    std::promise<void> released;
+};
+
+TEST_F(RefusedRecovery, DisablingDetectionBeforeTheRefusalLeavesTheMarkToTheTicks) {
+    recover(true);
+    EXPECT_EQ(lda_cli_policy_set(0), 0);
+    let_it_be_refused();
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    EXPECT_EQ(record->total_result, 0);
+    fake::on_line("no shutdown  \r\n", "", 0);
+    fake::clear_calls();
+    for (int tick = 1; tick < 30; tick++)
+        fake::fire(lda_intf_shutdown_timer_call);
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    fake::fire(lda_intf_shutdown_timer_call);
+    drained();
+    EXPECT_EQ(lda_intf_is_shutdown(record), 0);
+    EXPECT_EQ(lines_executed(), (Lines{executed(1003, "errdisable recovery \r\n", 7),
+                                       executed(1003, "no shutdown  \r\n", 7)}));
+}
+
+TEST_F(RefusedRecovery, DisablingDetectionAfterTheRefusalRecoversThePortAgain) {
+    recover(false);
+    fake::on_line("no shutdown  \r\n", "", 0);
+    fake::clear_calls();
+    EXPECT_EQ(lda_cli_policy_set(0), 0);
+    drained();
+    EXPECT_EQ(lda_intf_is_shutdown(record), 0);
+    const Lines lines = lines_executed();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_EQ(lines[0], executed(1002, "errdisable recovery \r\n", 7));
+    EXPECT_EQ(lines[1], executed(1002, "no shutdown  \r\n", 7));
+}
+
+TEST_F(RefusedRecovery, LoopReportedBeforeTheRefusalIsShutDownAfterIt) {
+    recover(true);
+    lda_loop_result_set(0, 1, 7);
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    let_it_be_refused();
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    EXPECT_EQ(lines_executed(), (Lines{recovery, no_shut, executed(1002, "shutdown \r\n", 7)}));
+}
+
+TEST_F(RefusedRecovery, LoopReportedAfterTheRefusalIsShutDownToo) {
+    recover(false);
+    lda_loop_result_set(0, 1, 7);
+    drained();
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    EXPECT_EQ(lines_executed(), (Lines{recovery, no_shut, executed(1002, "shutdown \r\n", 7)}));
+}
+
+TEST_F(RefusedRecovery, PortThatLeavesTheTableBeforeTheRefusalIsMarkedOutsideIt) {
+    record->tarn_result = 0;
+    recover(true);
+    EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
+    EXPECT_EQ(record->total_result, 0);
+    let_it_be_refused();
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    EXPECT_EQ(record->total_result, 0);
+}
+
+TEST_F(RefusedRecovery, MarkedPortLeavesTheTableWithTheTimerOfItsRecovery) {
+    record->tarn_result = 0;
+    recover(false);
+    ASSERT_NE(record->clear_timer, nullptr);
+    EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    EXPECT_EQ(record->total_result, 0);
+}
+
+TEST_F(RefusedRecovery, PortThatIsDeletedBeforeTheRefusalIsOnlyLogged) {
+    recover(true);
+    lda_del_intf(7);
+    fake::clear_calls();
+    let_it_be_refused();
+    EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform", "cli_syn_config_notify"}), Lines{});
+    EXPECT_EQ(lda_loop_result_get(7), nullptr);
 }
 
 }  // namespace

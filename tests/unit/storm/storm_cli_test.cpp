@@ -52,6 +52,22 @@ TEST_F(StormCommand, EnablingInstallsTheDefaultsBehindTheSharedRule) {
     EXPECT_EQ(storm_port_num, 1u);
 }
 
+TEST_F(StormCommand, EnablingWithoutARateUsesTheDefaultInForce) {
+    g_pps_value = 9000;
+    enable(1);
+    EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "9000/1024"));
+}
+
+TEST_F(StormCommand, DisablingKeepsTheRate) {
+    rate(1, 5000, 64);
+    enable(1);
+    enable(1, CLI_PREFIX_NO);
+    EXPECT_EQ(enabled(), "");
+    EXPECT_EQ(rates(), "1:5000/64");
+    EXPECT_EQ(generated(cfg_port_set_storm_burst_limit, 1),
+              (Lines{"c2p_printf 1 \"storm-loop-rate ratelimit 5000 burst 64\""}));
+}
+
 TEST_F(StormCommand, EnablingTwiceDoesNothingTheSecondTime) {
     enable(1);
     take_calls();
@@ -351,6 +367,14 @@ TEST_F(StormVisibility, TypesTwoToTenOfferTheCommands) {
     }
 }
 
+TEST_F(StormVisibility, InterfaceWithoutAControlBlockIsJudgedByItsType) {
+    fake::fail("lsm_get_intfcb");
+    fake::add_port({.ifx = 5, .name = "port", .type = 3, .phyid = 0});
+    EXPECT_NE(offered(interface_mode(5)), 0);
+    fake::add_port({.ifx = 5, .name = "port", .type = 11, .phyid = 0});
+    EXPECT_EQ(offered(interface_mode(5)), 0);
+}
+
 TEST_F(StormVisibility, UnknownInterfaceIsNotOfferedTheCommands) {
     EXPECT_EQ(offered(interface_mode(77)), 0);
 }
@@ -376,6 +400,33 @@ TEST_F(StormTree, EnableTree) {
               "          else defaultprefix\n"
               "            eol 1 cfg_port_enable_storm\n"
               "          else eol 1 cfg_port_enable_storm\n");
+}
+
+// The nodes by their names, each with the node that follows when its word matches.
+TEST_F(StormTree, NamedNodesOfTheTrees) {
+    EXPECT_EQ(Tcfg_port_std_cmd.accept, &Tcfg_storm);
+    EXPECT_EQ(Tcfg_storm.accept, &Tcfg_port_std);
+    EXPECT_EQ(Tcfg_port_std.accept, &Tcfg_port_std_storm);
+    EXPECT_EQ(Tcfg_port_std_storm.accept, &Tcfg_port_enable_storm_c2p);
+    EXPECT_EQ(Tcfg_port_enable_storm_c2p.accept, &Tcfg_port_enable_no);
+    EXPECT_EQ(Tcfg_port_enable_no.accept, &Tcfg_port_enable_no_eol);
+    EXPECT_EQ(Tcfg_port_enable_no.alternative, &Tcfg_port_enable_def);
+    EXPECT_EQ(Tcfg_port_enable_def.accept, &Tcfg_port_enable_def_eol);
+    EXPECT_EQ(Tcfg_port_enable_def.alternative, &Tcfg_port_storm_enable_eol);
+
+    EXPECT_EQ(Tcfg_port_rate_cmd.accept, &Tcfg_rate);
+    EXPECT_EQ(Tcfg_rate.accept, &Tcfg_port_rate);
+    EXPECT_EQ(Tcfg_port_rate.accept, &Tcfg_port_rate_storm);
+    EXPECT_EQ(Tcfg_port_rate_storm.accept, &Tcfg_port_ratelimit_c2p);
+    EXPECT_EQ(Tcfg_port_ratelimit_c2p.accept, &Tcfg_port_ratelimit_no);
+    EXPECT_EQ(Tcfg_port_ratelimit_no.accept, &Tcfg_port_ratelimit_no_eol);
+    EXPECT_EQ(Tcfg_port_ratelimit_no.alternative, &Tcfg_port_ratelimit_def);
+    EXPECT_EQ(Tcfg_port_ratelimit_def.accept, &Tcfg_port_ratelimit_def_eol);
+    EXPECT_EQ(Tcfg_port_ratelimit_def.alternative, &Tcfg_port_storm_limit_value);
+    EXPECT_EQ(Tcfg_port_storm_limit_value.accept, &Tcfg_port_storm_limit_burst);
+    EXPECT_EQ(Tcfg_port_storm_limit_burst.accept, &Tcfg_port_storm_burst_value);
+    EXPECT_EQ(Tcfg_port_storm_limit_burst.alternative, &Tcfg_port_ratelimit_eol);
+    EXPECT_EQ(Tcfg_port_storm_burst_value.accept, &Tcfg_port_storm_limit_burst_eol);
 }
 
 TEST_F(StormTree, RateTree) {

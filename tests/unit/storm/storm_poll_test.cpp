@@ -323,6 +323,24 @@ TEST_F(StormPoll, EngineThatEndsTheLoopDuringTheRepetitionIsHeard) {
     EXPECT_EQ(verdicts(), kLoop);
 }
 
+// The repetition falls into a quiet poll, which would count towards the removal.
+TEST_F(StormPoll, LoopThatTheEngineEndsDuringTheRepetitionIsNotCountedFurther) {
+    polls_with(3, kOverRate);
+    polls_with(15, kOverRate);
+    polls_with(3, kAtRate);
+    storm_port_info* info = record(101);
+    ASSERT_EQ(info->timer_notify, 21);
+    ASSERT_EQ(info->unloop_times, 3u);
+    notify_msg_proc = [](const storm_loop_msg*) {
+        record(101)->is_loop = 0;
+        return 0;
+    };
+    poll_with(kAtRate);
+    EXPECT_EQ(std_opt_statics.fix_notify_times, 1u);
+    EXPECT_EQ(info->unloop_times, 3u);
+    EXPECT_EQ(info->timer_notify, 0);
+}
+
 TEST_F(StormPoll, EveryRecordIsJudgedFromTheFront) {
     storm_set(2, true);
     for (int n = 0; n < 3; ++n) {

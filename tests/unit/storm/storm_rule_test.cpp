@@ -193,6 +193,26 @@ TEST_F(StormRule, FailedUpdateLeavesARecordWithoutRule) {
     EXPECT_EQ(storm_port_num, 1u);
 }
 
+TEST_F(StormRule, FailedUpdateResetsTheJudgementButNotTheTotals) {
+    enable_port_1();
+    storm_port_info* info = record(101);
+    info->packet_count = info->byte_count = 4711;
+    info->flow_over_times = info->unloop_times = 3;
+    info->poll_times = info->timer_notify = 2;
+    info->cur_packet_count = info->cur_byte_count = 5000;
+    fake::fail("fp_entry_alloc");
+    storm_set_rate_burst(1, 5000, 64, true);
+    EXPECT_EQ(record(101), info);
+    EXPECT_EQ(info->packet_count, 0);
+    EXPECT_EQ(info->byte_count, 0);
+    EXPECT_EQ(info->flow_over_times, 0u);
+    EXPECT_EQ(info->unloop_times, 0u);
+    EXPECT_EQ(info->poll_times, 0);
+    EXPECT_EQ(info->timer_notify, 0);
+    EXPECT_EQ(info->cur_packet_count, 5000u);
+    EXPECT_EQ(info->cur_byte_count, 5000u);
+}
+
 TEST_F(StormRule, FailedUpdateIsLogged) {
     enable_port_1();
     fake::fail("fp_apply_alloc");

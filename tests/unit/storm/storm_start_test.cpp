@@ -112,11 +112,27 @@ TEST_F(StormStart, CapabilityLibraryFailureKeepsTheDefaultRate) {
               (Lines{kCapInit, fake::error("std_load_cap_value", "libqv_cap_init, failed rv 5")}));
 }
 
+// The value that a failed read may have written does not count.
 TEST_F(StormStart, CapabilityReadFailureKeepsTheDefaultRate) {
     fake::capability(kKey, 12000);
     fake::fail("libqv_cap_get_capacity_int32", 5);
+    fake::clear_calls();
     std_load_cap_value();
     EXPECT_EQ(g_pps_value, 8000u);
+    EXPECT_EQ(
+        take_log(),
+        (Lines{fake::info("std_load_cap_value", std::string("url ") + kKey + ", value 8000")}));
+}
+
+TEST_F(StormStart, HandlerTableIsFilledBeforeTheSessionIsOpened) {
+    bool filled = false;
+    fake::on_call("qv_mom_client_connect", [&] {
+        filled = g_storm_udp_handler.acl_success != nullptr &&
+                 g_storm_udp_handler.apply_failed != nullptr &&
+                 g_storm_udp_handler.counter == std_counter_msg;
+    });
+    start();
+    EXPECT_TRUE(filled);
 }
 
 TEST_F(StormStart, ConnectFailureIsLoggedAndStartUpGoesOn) {
