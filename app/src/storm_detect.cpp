@@ -188,7 +188,6 @@ int storm_deal_counter_timeout(qv_thread*) {
         poll_next = node->next;
         storm_deal_counter(storm_record<storm_port_info>(node));
     }
-    poll_next = nullptr;
     const int rv = arm_poll_timer();
     if (rv != 0) {
         APP_ERROR("storm_init qv_thread_insert_timer error %d\n", rv);

@@ -128,6 +128,13 @@ TEST_F(Log, LineIsCutAtTheBuffer) {
     EXPECT_EQ(strlen(g_dbg_print_buf), 1024u);
 }
 
+TEST_F(Log, FunctionThatFillsTheBufferLeavesNoRoomForTheText) {
+    g_app_zlog_level = 4;
+    const std::string function(3000, 'f');
+    APP_INFO_AS(function.c_str(), "%s", "text");
+    EXPECT_EQ(fake::zlog_lines().at(0).text, "<" + std::string(1023, 'f'));
+}
+
 TEST_F(Log, LineThatNobodyTakesIsFormattedUnderTheLockAllTheSame) {
     g_app_zlog_level = 3;
     g_dbg_slog_level = 1;

@@ -421,6 +421,18 @@ TEST_F(LdaLsm, TimerOfADeletedPortReportsItsEndWhileItsSuccessorIsQuiet) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
 }
 
+TEST_F(LdaLsm, TimerOfAPortKeepsItsRecordWhileADeletedOneWaits) {
+    looped(8, 1, 1);
+    lda_intf_t* record = looped(7, 1, 1);
+    lda_loop_result_set(0, 0, 7);
+    lda_loop_result_set(0, 0, 8);
+    event(1, 8);
+    EXPECT_EQ(fake::fire(record->clear_timer), 0);
+    EXPECT_EQ(lda_loop_result_get(7), record);
+    EXPECT_EQ(records(), std::vector<lda_intf_t*>{record});
+    EXPECT_EQ(record->total_result, 0);
+}
+
 TEST_F(LdaLsm, SeveralDeletedPortsWaitForTheirTimers) {
     for (uint32_t ifx = 1; ifx <= 5; ifx++) {
         looped(ifx, 1, 1);

@@ -36,6 +36,19 @@ TEST_F(LoopResult, ReportOfAnUnknownPortIsDroppedSilently) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
 }
 
+TEST_F(LoopResult, ReportOfAnUnknownSourceIsDroppedSilently) {
+    lda_intf_t* record = add(7);
+    lda_loop_detect_ptype_set(2);
+    log_everything();
+    for (uint32_t source : {2u, 3u, 0xFFFFFFFFu})
+        for (uint8_t result : {uint8_t{1}, uint8_t{0}})
+            lda_loop_result_set(source, result, 7);
+    EXPECT_EQ(fake::take_calls(), Lines{});
+    EXPECT_EQ(record->total_result, 0);
+    EXPECT_EQ(record->tarn_result, 0);
+    EXPECT_EQ(record->storm_result, 0);
+}
+
 TEST_F(LoopResult, FreshLoopUnderWarningIsCountedNotifiedAndLogged) {
     lda_intf_t* record = add(7, 1);
     lda_loop_detect_ptype_set(1);

@@ -235,6 +235,12 @@ TEST_F(Shutdown, WithoutASessionNothingIsExecuted) {
     EXPECT_EQ(record->is_shutdown, 0);
 }
 
+TEST_F(Shutdown, OtherFlagsExecuteNothing) {
+    EXPECT_EQ(cli_exec_shutdown(7, 2), 0);
+    EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 2), 0);
+    EXPECT_EQ(fake::calls_of({"cli_execute_cmd_buf_fd"}), Lines{});
+}
+
 TEST_F(Shutdown, SessionMayHaveDescriptorZero) {
     fake::fail("cli_sub_create_session", 0);
     EXPECT_EQ(cli_exec_shutdown(7, 1), 0);

@@ -135,6 +135,14 @@ TEST_F(TarnReport, LoopSeenOnThePortItselfMarksOnlyThatPort) {
     EXPECT_EQ(other->tarn_result, 0);
 }
 
+TEST_F(TarnReport, LoopSeenOnThePortItselfIsRecordedOnce) {
+    lda_intf_t* record = add(7, 1);
+    lda_loop_detect_ptype_set(2);
+    report(7, 1, 7);
+    EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7 shutdown=1"});
+    EXPECT_EQ(record->tarn_result, 1);
+}
+
 TEST_F(TarnReport, LoopSeenOnAnotherPortMarksBoth) {
     lda_intf_t* record = add(7);
     lda_intf_t* other = add(8);

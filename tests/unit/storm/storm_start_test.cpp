@@ -56,6 +56,19 @@ TEST_F(StormStart, LogsItsSteps) {
                      fake::warn("storm_init", "storm init done.")}));
 }
 
+TEST_F(StormStart, BeginsWithoutRecords) {
+    start();
+    fake::mom_connect(8);
+    storm_set(1, true);
+    storm_port_info* left = record(101);
+    ASSERT_NE(left, nullptr);
+    start();
+    EXPECT_EQ(storm_port_head.next, &storm_port_head);
+    EXPECT_EQ(storm_port_head.prev, &storm_port_head);
+    EXPECT_EQ(storm_port_index.find(101), nullptr);
+    free(left);
+}
+
 TEST_F(StormStart, FillsTheHandlerTableBySlot) {
     start();
     void (*slot[16])(void);
