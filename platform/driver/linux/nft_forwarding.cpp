@@ -239,7 +239,7 @@ int NftForwarding::make_table() {
     const int error = table_.run(change);
     if (error == 0) {
         broken_ = false;
-        table_.changed_outside();  // nothing is left of it
+        table_.forget_changes();  // nothing is left of them
     }
     return error;
 }
@@ -337,7 +337,7 @@ void NftForwarding::tick() {
     const int error = table_.read_counters(counters);
     const bool all_there = report(counters);
     // What is missing in a list that could not be read is counted next time, from the same point.
-    if (open_ && (table_.changed_outside() || broken_ || (error == 0 && !all_there))) {
+    if (open_ && (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !all_there))) {
         put_back();
     }
     if (!late_.empty()) {

@@ -10,7 +10,6 @@
 
 #include <libmnl/libmnl.h>
 #include <libnftnl/common.h>
-#include <libnftnl/object.h>
 #include <libnftnl/set.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
@@ -20,6 +19,10 @@ namespace qv {
 namespace {
 
 constexpr size_t kAddressBytes = 6;
+// In every message about an object of a table.
+constexpr uint16_t kTableName = NFTA_CHAIN_TABLE;
+static_assert(kTableName == NFTA_OBJ_TABLE && kTableName == NFTA_RULE_TABLE &&
+              kTableName == NFTA_SET_ELEM_LIST_TABLE);
 // An element takes 20 bytes of its message, whose list is at most 64 KiB long.
 constexpr size_t kElementsPerMessage = 1024;
 constexpr size_t kMessageBytes = 64 << 10;
@@ -27,9 +30,6 @@ constexpr size_t kMessageBytes = 64 << 10;
 constexpr size_t kReadBytes = 64 << 10;
 constexpr int kReadingsAtMost = 4;
 
-struct FreeObject {
-    void operator()(nftnl_obj* object) const { nftnl_obj_free(object); }
-};
 struct FreeSet {
     void operator()(nftnl_set* set) const { nftnl_set_free(set); }
 };
@@ -43,6 +43,80 @@ int answer_in(const nlmsghdr* header) {
         std::memcpy(&error, mnl_nlmsg_get_payload(header), sizeof error);
     }
     return -error;
+}
+
+// The attributes in `bytes`, up to the first that is malformed.
+template <class Visit>
+void for_each_attribute(const void* bytes, size_t size, Visit visit) {
+    const auto* const end = static_cast<const char*>(bytes) + size;
+    const auto* attribute = static_cast<const nlattr*>(bytes);
+    while (
+        mnl_attr_ok(attribute, static_cast<int>(end - reinterpret_cast<const char*>(attribute)))) {
+        visit(attribute);
+        attribute = mnl_attr_next(attribute);
+    }
+}
+
+template <class Visit>
+void for_each_attribute(const nlmsghdr* header, Visit visit) {
+    for_each_attribute(mnl_nlmsg_get_payload_offset(header, sizeof(nfgenmsg)),
+                       mnl_nlmsg_get_payload_len(header) - sizeof(nfgenmsg), visit);
+}
+
+template <class Visit>
+void for_each_nested(const nlattr* parent, Visit visit) {
+    for_each_attribute(mnl_attr_get_payload(parent), mnl_attr_get_payload_len(parent), visit);
+}
+
+bool is_in_table(const nlmsghdr* header, const std::string& table) {
+    bool found = false;
+    for_each_attribute(header, [&](const nlattr* attribute) {
+        found = found || (mnl_attr_get_type(attribute) == kTableName &&
+                          mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0 &&
+                          table == mnl_attr_get_str(attribute));
+    });
+    return found;
+}
+
+// Their bytes as they are, without the header, which holds the number of the latest change.
+void append_attributes(std::string& bytes, const nlmsghdr* header, bool (*wanted)(uint16_t)) {
+    for_each_attribute(header, [&](const nlattr* attribute) {
+        if (wanted(mnl_attr_get_type(attribute))) {
+            bytes.append(reinterpret_cast<const char*>(attribute), attribute->nla_len);
+        }
+    });
+}
+
+const nlattr* find_nested(const nlattr* parent, uint16_t number) {
+    const nlattr* found = nullptr;
+    for_each_nested(parent, [&](const nlattr* attribute) {
+        found = mnl_attr_get_type(attribute) == number ? attribute : found;
+    });
+    return found;
+}
+
+void append_address(std::vector<uint64_t>& addresses, const nlattr* element) {
+    const nlattr* const key = find_nested(element, NFTA_SET_ELEM_KEY);
+    const nlattr* const value = key != nullptr ? find_nested(key, NFTA_DATA_VALUE) : nullptr;
+    if (value == nullptr || mnl_attr_get_payload_len(value) < kAddressBytes) {
+        return;
+    }
+    const auto* const bytes = static_cast<const unsigned char*>(mnl_attr_get_payload(value));
+    uint64_t address = 0;
+    for (size_t n = 0; n < kAddressBytes; ++n) {
+        address = address << 8 | bytes[n];
+    }
+    addresses.push_back(address);
+}
+
+// Those in one message of a set's list of elements.
+void append_addresses(std::vector<uint64_t>& addresses, const nlmsghdr* header) {
+    for_each_attribute(header, [&](const nlattr* list) {
+        if (mnl_attr_get_type(list) == NFTA_SET_ELEM_LIST_ELEMENTS) {
+            for_each_nested(list,
+                            [&](const nlattr* element) { append_address(addresses, element); });
+        }
+    });
 }
 
 Set new_set(const std::string& table, const std::string& name,
@@ -163,34 +237,32 @@ int NftObjects::find_table(const std::string& table) {
     return read_answers(1);
 }
 
-int NftObjects::read_counters(const std::string& table, Counters& counters) {
-    const std::unique_ptr<nftnl_obj, FreeObject> filter(nftnl_obj_alloc());
-    if (!filter) {
-        return ENOMEM;
-    }
-    nftnl_obj_set_str(filter.get(), NFTNL_OBJ_TABLE, table.c_str());
-    nftnl_obj_set_u32(filter.get(), NFTNL_OBJ_TYPE, NFT_OBJECT_COUNTER);
-    // A table that changes while it is listed is listed again.
+// A table that changes while it is listed is listed again: `begin` comes before each reading.
+int NftObjects::list(uint16_t type, const std::string& table, const std::string& set,
+                     const Begin& begin, const Take& take) {
     int error = EINTR;
     for (int reading = 0; reading < kReadingsAtMost && error == EINTR; ++reading) {
         if (const int failure = open(); failure != 0) {
             return failure;
         }
-        counters.clear();
+        begin();
         std::array<char, 1024> request;
-        nlmsghdr* const header = nftnl_nlmsg_build_hdr(request.data(), NFT_MSG_GETOBJ,
-                                                       NFPROTO_NETDEV, NLM_F_DUMP, ++sequence_);
-        nftnl_obj_nlmsg_build_payload(header, filter.get());
+        nlmsghdr* const header =
+            nftnl_nlmsg_build_hdr(request.data(), type, NFPROTO_NETDEV, NLM_F_DUMP, ++sequence_);
+        mnl_attr_put_strz(header, kTableName, table.c_str());
+        if (!set.empty()) {
+            mnl_attr_put_strz(header, NFTA_SET_ELEM_LIST_SET, set.c_str());
+        }
         if (mnl_socket_sendto(socket_.get(), header, header->nlmsg_len) < 0) {
             return errno;
         }
-        error = read_list(counters);
+        error = read_list(take);
     }
     return error;
 }
 
 // EINTR when the list was complete but something changed meanwhile.
-int NftObjects::read_list(Counters& counters) {
+int NftObjects::read_list(const Take& take) {
     bool interrupted = false;
     for (;;) {
         const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
@@ -211,11 +283,52 @@ int NftObjects::read_list(Counters& counters) {
                 const int error = answer_in(header);
                 return error == 0 && interrupted ? EINTR : error;
             }
-            if (auto counter = parse_counter(header)) {
-                counters.push_back(std::move(*counter));
+            if (mnl_nlmsg_get_payload_len(header) >= sizeof(nfgenmsg)) {
+                take(header);
             }
         }
     }
+}
+
+int NftObjects::read_counters(const std::string& table, Counters& counters) {
+    return list(
+        NFT_MSG_GETOBJ, table, "", [&] { counters.clear(); },
+        [&](const nlmsghdr* header) {
+            if (auto counter = parse_counter(header)) {
+                counters.push_back(std::move(*counter));
+            }
+        });
+}
+
+// The kernel gives every chain and rule of a table a number of its own, and a rule that is replaced
+// another one: the numbers stand for what the rules say, whose counters change all the time.
+int NftObjects::read_layout(const std::string& table, std::string& layout) {
+    std::string chains;
+    // All chains of the family are listed.
+    const int error = list(
+        NFT_MSG_GETCHAIN, table, "", [&] { chains.clear(); },
+        [&](const nlmsghdr* header) {
+            if (is_in_table(header, table)) {
+                append_attributes(chains, header, [](uint16_t) { return true; });
+            }
+        });
+    if (error != 0) {
+        return error;
+    }
+    return list(
+        NFT_MSG_GETRULE, table, "", [&] { layout = chains; },
+        [&](const nlmsghdr* header) {
+            append_attributes(layout, header, [](uint16_t number) {
+                return number == NFTA_RULE_CHAIN || number == NFTA_RULE_HANDLE;
+            });
+        });
+}
+
+int NftObjects::read_set(const std::string& table, const std::string& set,
+                         std::vector<uint64_t>& addresses) {
+    return list(
+        NFT_MSG_GETSETELEM, table, set, [&] { addresses.clear(); },
+        [&](const nlmsghdr* header) { append_addresses(addresses, header); });
 }
 
 int NftObjects::change_set(const std::string& table, const std::string& set,

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <span>
 #include <string>
@@ -34,6 +35,15 @@ class NftObjects {
     // may lack some, because the table changes all the time.
     int read_counters(const std::string& table, std::vector<NamedCounter>& counters);
 
+    // The chains of a netdev table, with their hooks, and the handles of their rules, in a form
+    // that changes whenever one of them is added, removed, replaced or changed. Empty for a table
+    // that is not there. EINTR when it changes all the time.
+    int read_layout(const std::string& table, std::string& layout);
+
+    // All elements of a set of Ethernet addresses, in no order. EINTR as above.
+    int read_set(const std::string& table, const std::string& set,
+                 std::vector<uint64_t>& addresses);
+
     // Adds and removes elements of a set in one transaction: all or nothing. Adding one that is
     // there is no error, removing one that is not is ENOENT. Addresses as in fdb_entry.h.
     int change_set(const std::string& table, const std::string& set,
@@ -44,7 +54,12 @@ class NftObjects {
         void operator()(mnl_socket* socket) const;
     };
 
-    int read_list(std::vector<NamedCounter>& counters);
+    using Begin = std::function<void()>;
+    using Take = std::function<void(const nlmsghdr*)>;
+
+    int list(uint16_t type, const std::string& table, const std::string& set, const Begin& begin,
+             const Take& take);
+    int read_list(const Take& take);
     int read_answers(unsigned expected);
 
     std::unique_ptr<mnl_socket, Close> socket_;

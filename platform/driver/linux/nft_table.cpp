@@ -129,7 +129,8 @@ int NftTable::run(const Change& change) {
     const int result = nft_run_cmd_from_buffer(context_.get(), change.text().c_str());
     const int error = result == 0 ? 0 : errno != 0 ? errno : EIO;
     nft_ctx_get_error_buffer(context_.get());  // empties it
-    watch_.changed();                          // that was us
+    watch_.read();                             // that was us
+    layout_.reset();
     return error;
 }
 
@@ -139,7 +140,7 @@ int NftTable::change_known(std::span<const uint64_t> added, std::span<const uint
     }
     note_changes_outside();
     const int error = objects_.change_set(name_, kKnownSet, added, gone);
-    watch_.changed();  // that was us
+    watch_.read();  // that was us
     return error;
 }
 
@@ -153,14 +154,54 @@ bool NftTable::is_gone() {
 }
 
 void NftTable::note_changes_outside() {
-    changed_outside_ = watch_.changed() || changed_outside_;
+    const NftWatch::News news = watch_.read();
+    changed_outside_ = changed_outside_ || news == NftWatch::News::kChanged;
+    lost_ = lost_ || news == NftWatch::News::kLost;
 }
 
-bool NftTable::changed_outside() {
-    if (watch_.open() == 0) {
-        note_changes_outside();
+// Reads the layout for later, or compares when messages were lost. A table that cannot be read now
+// is read again at the next call. What was lost right after a change of our own, before the layout
+// could be read, is taken for a change.
+bool NftTable::differs(const std::set<uint64_t>& known) {
+    std::string layout;
+    if (objects_.read_layout(name_, layout) != 0) {
+        return false;
     }
-    return std::exchange(changed_outside_, false);
+    if (!lost_) {
+        layout_ = std::move(layout);
+        return false;
+    }
+    std::vector<uint64_t> elements;
+    const int error = objects_.read_set(name_, kKnownSet, elements);
+    if (error != 0 && error != ENOENT) {
+        return false;
+    }
+    lost_ = false;
+    std::sort(elements.begin(), elements.end());
+    return layout_ != layout ||
+           !std::equal(elements.begin(), elements.end(), known.begin(), known.end());
+}
+
+bool NftTable::changed_outside(const std::set<uint64_t>& known) {
+    if (open_objects() != 0) {
+        return false;  // noted by the kernel
+    }
+    note_changes_outside();
+    if (!changed_outside_ && (lost_ || !layout_)) {
+        changed_outside_ = differs(known);
+    }
+    const bool changed = changed_outside_;
+    if (changed) {
+        forget_changes();
+    }
+    return changed;
+}
+
+void NftTable::forget_changes() {
+    watch_.read();
+    changed_outside_ = false;
+    lost_ = false;
+    layout_.reset();
 }
 
 }  // namespace qv

@@ -6,6 +6,8 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <set>
 #include <span>
 #include <string>
 #include <vector>
@@ -80,8 +82,12 @@ class NftTable {
     bool is_gone();
 
     // Whether somebody else has changed the table since the last call. What happens while a change
-    // of our own is carried out counts as part of it.
-    bool changed_outside();
+    // of our own is carried out counts as part of it. When the kernel had no room for all messages,
+    // which others can bring about by changing tables of their own, the table is read and compared
+    // with what it was after our last change of a chain; `known` is what the set should hold.
+    bool changed_outside(const std::set<uint64_t>& known);
+    // As if it had been called.
+    void forget_changes();
 
  private:
     struct Free {
@@ -90,11 +96,15 @@ class NftTable {
 
     int open_objects();
     void note_changes_outside();
+    bool differs(const std::set<uint64_t>& known);
 
     const std::string name_;
     NftObjects objects_;
     NftWatch watch_;
     bool changed_outside_ = false;
+    bool lost_ = false;  // messages; the table has not been read since
+    // What was read after our last change of chains; nothing while that is still to be done.
+    std::optional<std::string> layout_;
     std::unique_ptr<nft_ctx, Free> context_;  // once there was something to do
 };
 

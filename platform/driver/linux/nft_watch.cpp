@@ -13,7 +13,7 @@ namespace {
 
 // The kernel packs its messages into less.
 constexpr size_t kReadBytes = 64 << 10;
-// For what others do within a second. More than that is taken for a change of our table.
+// For what others do within a second.
 constexpr int kReceiveBuffer = 1 << 20;
 
 // Of tables, chains, rules, sets, elements and counters alike.
@@ -67,16 +67,17 @@ int NftWatch::open() {
     return 0;
 }
 
-bool NftWatch::changed() {
+NftWatch::News NftWatch::read() {
     bool seen = false;
+    bool lost = false;
     for (;;) {
         const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
         if (length < 0 && errno == ENOBUFS) {
-            seen = true;
+            lost = true;
             continue;
         }
         if (length <= 0) {
-            return seen;
+            return seen ? News::kChanged : lost ? News::kLost : News::kNone;
         }
         int left = static_cast<int>(length);
         const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());

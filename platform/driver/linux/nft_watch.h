@@ -24,9 +24,13 @@ class NftWatch {
     // unless it is open. 0 or an errno value.
     int open();
 
-    // Whether anybody, this process too, has changed the table since the last call. True as well
-    // when the kernel had no room for all messages.
-    bool changed();
+    // What anybody, this process too, has done to the table since the last call.
+    enum class News {
+        kNone,
+        kChanged,
+        kLost,  // the kernel had no room for all messages; those it kept tell of no change
+    };
+    News read();
 
  private:
     struct Close {

@@ -28,6 +28,21 @@ int __wrap_nft_run_cmd_from_buffer(nft_ctx* context, const char* text) {
     return __real_nft_run_cmd_from_buffer(context, text);
 }
 
+mnl_socket* __real_mnl_socket_open2(int bus, int flags);
+mnl_socket* __wrap_mnl_socket_open2(int bus, int flags) {
+    if (g_nft.no_socket) {
+        errno = EMFILE;
+        return nullptr;
+    }
+    return __real_mnl_socket_open2(bus, flags);
+}
+
+ssize_t __real_mnl_socket_sendto(const mnl_socket* socket, const void* bytes, size_t size);
+ssize_t __wrap_mnl_socket_sendto(const mnl_socket* socket, const void* bytes, size_t size) {
+    const bool unheard = static_cast<const nlmsghdr*>(bytes)->nlmsg_type == g_nft.unheard;
+    return unheard ? static_cast<ssize_t>(size) : __real_mnl_socket_sendto(socket, bytes, size);
+}
+
 ssize_t __real_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size);
 ssize_t __wrap_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size) {
     if (g_nft.lost_answers > 0) {

@@ -15,6 +15,8 @@ struct NftScript {
     int error = ENOMEM;
     std::function<void()> meanwhile;  // called once, right before the next transaction
     int lost_answers = 0;             // answers that cannot be had
+    int unheard = -1;                 // what is sent with this type never arrives
+    bool no_socket = false;           // the next sockets cannot be opened
     bool interrupted = false;         // lists are marked as interrupted by changes
 };
 extern NftScript g_nft;

@@ -1,4 +1,8 @@
 // A forwarding plane of a Linux bridge that others interfere with, and a kernel that refuses.
+#include <linux/netfilter/nf_tables.h>
+#include <linux/netfilter/nfnetlink.h>
+#include <linux/netlink.h>
+
 #include "tests/unit/services/nft_rig.h"
 #include "tests/unit/services/nft_script.h"
 
@@ -40,8 +44,11 @@ TEST_F(NftTrouble, TableThatSomebodyTookAwayIsPutBack) {
     EXPECT_EQ(platform.log.lines(),
               (Lines{"FORWARDING-4-RESTORED: The rules of storm-loop-detect were changed from "
                      "outside and are put back."}));
-    EXPECT_TRUE(is_known("02:00:00:00:00:01"));
-    carry_out();
+    ASSERT_TRUE(wait_for([&] {
+        turn_for(std::chrono::milliseconds(5));
+        return !output_of("nft list chain netdev lda port1.3").empty();
+    }));
+    EXPECT_TRUE(is_known("02:00:00:00:00:01")) << "no rule before the known addresses";
     send_frames("p-swp1", kUnknown, 2);
     ASSERT_TRUE(wait_for([&] { return packets(3) >= 7; }));
     settle();
@@ -98,6 +105,157 @@ TEST_F(NftTrouble, ChangesOfOtherTablesAndOurOwnAreNoChangesFromOutside) {
     nft("delete table inet lda\ndelete table netdev theirs\n");
     settle();
     EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
+// ---- Others keep the kernel busy ----
+
+// In a table of its own; more than the kernel keeps messages for.
+std::string sixty_thousand_elements() {
+    std::string elements;
+    for (int n = 0; n < 60000; ++n) {
+        elements += (n == 0 ? "" : ",") + std::to_string(n);
+    }
+    return "add table inet theirs\nadd set inet theirs ports { type mark; }\n"
+           "add element inet theirs ports {" +
+           elements + "}\n";
+}
+
+struct NftOverrun : NftTrouble {
+    void SetUp() override {
+        NftTrouble::SetUp();
+        if (IsSkipped()) {
+            return;
+        }
+        bridge("fdb add 02:00:00:00:00:01 dev swp2 master static\n");
+        plane->install(3, 1, kPortRule);
+        ASSERT_TRUE(becomes_known("02:00:00:00:00:01"));
+        settle();
+        chain = this_chain();
+    }
+
+    static std::string this_chain() {
+        return output_of("nft -a list chain netdev lda port1.3 | grep handle");
+    }
+
+    std::string chain;
+};
+
+TEST_F(NftOverrun, ChangesOfAnotherTableTouchNothing) {
+    nft(sixty_thousand_elements());
+    settle();
+    nft("delete table inet theirs\n");
+    settle();
+    EXPECT_EQ(this_chain(), chain);
+    EXPECT_TRUE(is_known("02:00:00:00:00:01"));
+    EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
+TEST_F(NftOverrun, AddressesLearnedMeanwhileAreNoChangeFromOutside) {
+    bridge("fdb add 02:00:00:00:00:02 dev swp2 master static\n");
+    nft(sixty_thousand_elements());
+    settle();
+    EXPECT_TRUE(is_known("02:00:00:00:00:02"));
+    EXPECT_EQ(this_chain(), chain);
+    EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
+TEST_F(NftOverrun, RuleThatSomebodyReplacedIsPutBack) {
+    const std::string rules = output_of("nft -s list chain netdev lda port1.3");
+    nft(sixty_thousand_elements());
+    nft("flush chain netdev lda port1.3\nadd rule netdev lda port1.3 accept\n");
+    ASSERT_TRUE(logged());
+    settle();
+    EXPECT_EQ(output_of("nft -s list chain netdev lda port1.3"), rules);
+    EXPECT_EQ(platform.log.lines(), kPutBack);
+}
+
+TEST_F(NftOverrun, AddressThatSomebodyRemovedIsPutBack) {
+    nft(sixty_thousand_elements());
+    nft("delete element netdev lda fdb { 02:00:00:00:00:01 }\n");
+    EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
+    EXPECT_EQ(platform.log.lines(), kPutBack);
+}
+
+TEST_F(NftOverrun, TableThatSomebodyRemovedIsPutBack) {
+    nft(sixty_thousand_elements());
+    nft("delete table netdev lda\n");
+    ASSERT_TRUE(logged());
+    settle();
+    expect_counting(3);
+    EXPECT_EQ(platform.log.lines(), kPutBack);
+}
+
+TEST_F(NftOverrun, TableThatCannotBeReadIsLookedAtLater) {
+    test::g_nft.interrupted = true;
+    nft(sixty_thousand_elements());
+    nft("delete element netdev lda fdb { 02:00:00:00:00:01 }\n");
+    settle();
+    EXPECT_EQ(platform.log.lines(), Lines{});
+    test::g_nft.interrupted = false;
+    EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
+    EXPECT_EQ(platform.log.lines(), kPutBack);
+}
+
+// ---- Sets and counters ----
+
+TEST_F(NftTrouble, ManyAddressesAtOnceAllArrive) {
+    NftTable table("lda");
+    NftTable::Change change = table.change();
+    change.begin_anew();
+    ASSERT_EQ(table.run(change), 0);
+    std::vector<MacAddress> addresses;
+    for (MacAddress n = 0; n < 5000; ++n) {
+        addresses.push_back(kHost + n);
+    }
+    EXPECT_EQ(table.change_known(addresses, {}), 0);
+    const std::string set = output_of("nft list set netdev lda fdb");
+    EXPECT_EQ(std::count(set.begin(), set.end(), ':'), 5 * 5000);
+    EXPECT_NE(set.find("02:00:00:00:13:88"), std::string::npos) << "the last";
+    EXPECT_EQ(table.change_known({}, addresses), 0);
+    EXPECT_EQ(output_of("nft list set netdev lda fdb").find("elements"), std::string::npos);
+    EXPECT_EQ(table.change_known({}, addresses), ENOENT);
+}
+
+TEST_F(NftTrouble, ChangeThatIsNotAcknowledgedHasFailed) {
+    NftTable table("lda");
+    NftTable::Change change = table.change();
+    change.begin_anew();
+    ASSERT_EQ(table.run(change), 0);
+    test::g_nft.unheard = NFNL_MSG_BATCH_BEGIN;
+    EXPECT_EQ(table.change_known(std::vector<MacAddress>{kHost}, {}), EIO);
+    test::g_nft.unheard = NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_GETGEN;
+    EXPECT_EQ(table.open(), EIO);
+    test::g_nft.unheard = NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_GETTABLE;
+    EXPECT_FALSE(NftTable("none").is_gone());
+    test::g_nft.unheard = -1;
+    EXPECT_FALSE(is_known("02:00:00:00:00:01"));
+    EXPECT_EQ(table.open(), 0);
+    EXPECT_FALSE(table.is_gone());
+    EXPECT_TRUE(NftTable("none").is_gone());
+}
+
+TEST_F(NftTrouble, AddressThatCouldNotBeAddedIsPutBack) {
+    plane->install(3, 1, kPortRule);
+    settle();
+    test::g_nft.unheard = NFNL_MSG_BATCH_BEGIN;
+    bridge("fdb add 02:00:00:00:00:01 dev swp2 master static\n");
+    ASSERT_TRUE(logged());
+    test::g_nft.unheard = -1;
+    EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
+    expect_counting(3);
+}
+
+TEST_F(NftTrouble, RestoredCounterCountsFromZero) {
+    plane->install(3, 1, kPortRule);
+    settle();
+    send_frames("p-swp1", kUnknown, 5);
+    ASSERT_TRUE(wait_for([&] { return packets(3) == 5; }));
+    nft("flush ruleset\n");
+    ASSERT_TRUE(logged());
+    carry_out();
+    ASSERT_NE(output_of("nft list chain netdev lda port1.3"), "");
+    send_frames("p-swp1", kUnknown, 12);  // more than before
+    EXPECT_TRUE(wait_for([&] { return packets(3) == 17; }));
 }
 
 TEST_F(NftTrouble, RuleAskedForWhenTheTableHasJustGoneIsInstalledAllTheSame) {
