@@ -51,6 +51,14 @@ void FdbMirror::stop() {
     known_.clear();
     reading_ = false;
     again_ = false;
+    repeating_ = false;
+}
+
+void FdbMirror::repeat() {
+    touched_.merge(known_);
+    known_.clear();
+    repeating_ = true;
+    gather();
 }
 
 void FdbMirror::on_dump_begin() {
@@ -120,7 +128,8 @@ void FdbMirror::hand_on() {
     }
     std::vector<MacAddress> added;
     std::vector<MacAddress> gone;
-    for (const MacAddress address : std::exchange(touched_, {})) {
+    for (size_t n = 0; n < kAtOnce && !touched_.empty(); ++n) {
+        const MacAddress address = touched_.extract(touched_.begin()).value();
         if (!has_entry(address)) {
             if (known_.erase(address) != 0) {
                 gone.push_back(address);
@@ -128,6 +137,11 @@ void FdbMirror::hand_on() {
         } else if (known_.insert(address).second) {
             added.push_back(address);
         }
+    }
+    if (touched_.empty()) {
+        repeating_ = false;
+    } else {
+        gathering_ = loop_.after(Duration::zero(), [this] { hand_on(); });
     }
     if (!added.empty() || !gone.empty()) {
         changed_(added, gone);

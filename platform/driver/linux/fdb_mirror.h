@@ -27,6 +27,8 @@ class FdbMirror final : private RtnlMonitor::Listener {
     static constexpr int kReceiveBuffer = 8 << 20;
     // How long changes are gathered.
     static constexpr std::chrono::milliseconds kGather{10};
+    // Addresses handed on in one go; the loop has its turn before the next.
+    static constexpr size_t kAtOnce = 512;
     // How often everything is read in a row while entries go; what is found adds up.
     static constexpr unsigned kReadings = 10;
 
@@ -42,6 +44,11 @@ class FdbMirror final : private RtnlMonitor::Listener {
     // known. Throws std::runtime_error when no socket can be opened, and then changes nothing.
     void follow(uint32_t bridge);
     uint32_t bridge() const { return bridge_; }
+
+    // Hands on all known addresses again, as if none had been.
+    void repeat();
+    // Until all of them have been.
+    bool repeating() const { return repeating_; }
 
     // Forgets everything, without a report.
     void stop();
@@ -71,6 +78,7 @@ class FdbMirror final : private RtnlMonitor::Listener {
     // Entries whose deletion was announced in mid-dump. The kernel announces it at once, but may
     // send a part of the list that it had begun before: what the list says of them is out of date.
     std::set<uint64_t> deleted_;
+    bool repeating_ = false;
     bool again_ = false;                    // the next dump adds to what this one has found
     unsigned readings_ = 0;                 // in a row in which entries went
     std::unique_ptr<RtnlMonitor> monitor_;  // null while no bridge is followed

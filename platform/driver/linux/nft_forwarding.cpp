@@ -19,6 +19,16 @@ bool out_of_descriptors(int error) {
 
 }  // namespace
 
+size_t next_lot_size(size_t size, std::chrono::nanoseconds took) {
+    if (took > NftForwarding::kTransaction) {
+        return std::max(size / 2, NftForwarding::kFewestRules);
+    }
+    if (took < NftForwarding::kTransaction / 2) {
+        return std::min(size * 2, NftForwarding::kRulesAtOnce);
+    }
+    return size;
+}
+
 NftForwarding::NftForwarding(EventLoop& loop, Settings settings)
     : loop_(loop),
       settings_(std::move(settings)),
@@ -91,7 +101,14 @@ void NftForwarding::commit() {
         gathering_ = loop_.after(kRetry, [this] { commit(); });
         return;
     }
+    if (mirror_.repeating()) {
+        gathering_ = loop_.after(kGather, [this] { commit(); });
+        return;
+    }
+    // What the loop's clock says may be scaled.
+    const auto begin = std::chrono::steady_clock::now();
     const std::vector<Answer> answers = carry_out(next_lot(), error);
+    lot_size_ = next_lot_size(lot_size_, std::chrono::steady_clock::now() - begin);
     if (!changed_.empty() || !dropped_.empty()) {
         gathering_ = loop_.after(Duration::zero(), [this] { commit(); });
     }
@@ -107,11 +124,11 @@ void NftForwarding::commit() {
 
 NftForwarding::Lot NftForwarding::next_lot() {
     Lot lot;
-    while (!dropped_.empty() && lot.dropped.size() < kRulesAtOnce) {
+    while (!dropped_.empty() && lot.dropped.size() < lot_size_) {
         lot.dropped.push_back(std::move(dropped_.back()));
         dropped_.pop_back();
     }
-    while (!changed_.empty() && lot.dropped.size() + lot.changed.size() < kRulesAtOnce) {
+    while (!changed_.empty() && lot.dropped.size() + lot.changed.size() < lot_size_) {
         lot.changed.push_back(changed_.extract(changed_.begin()).value());
         late_.erase(lot.changed.back());
     }
@@ -337,7 +354,8 @@ void NftForwarding::tick() {
     const int error = table_.read_counters(counters);
     const bool all_there = report(counters);
     // What is missing in a list that could not be read is counted next time, from the same point.
-    if (open_ && (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !all_there))) {
+    if (open_ &&
+        (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !all_there))) {
         put_back();
     }
     if (!late_.empty()) {
@@ -385,7 +403,7 @@ NftForwarding::Rules::iterator NftForwarding::find_counter(const std::string& na
     return counts ? at : rules_.end();
 }
 
-// The table and the known addresses at once, then the rules as if they had just been asked for.
+// The table at once, then the known addresses, then the rules as if they had just been asked for.
 void NftForwarding::put_back() {
     if (const int error = table_.open(); out_of_descriptors(error)) {
         broken_ = true;
@@ -394,15 +412,11 @@ void NftForwarding::put_back() {
     }
     printk_syslog(SYSLOG_SEVERITY_WARNING, "FORWARDING", "RESTORED",
                   "The rules of storm-loop-detect were changed from outside and are put back.");
-    int error = make_table();
-    if (error == 0) {
-        const std::vector<MacAddress> known(mirror_.known().begin(), mirror_.known().end());
-        error = table_.change_known(known, {});
-    }
-    if (error != 0) {
+    if (const int error = make_table(); error != 0) {
         lose_all(error);
         return;
     }
+    mirror_.repeat();
     dropped_.clear();
     for (auto& [id, rule] : rules_) {
         rule.chain = {};

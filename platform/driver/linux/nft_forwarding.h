@@ -34,6 +34,10 @@
 
 namespace qv {
 
+// How many rules the next transaction changes, when the last one changed up to `size` of them and
+// took `took` of real time.
+size_t next_lot_size(size_t size, std::chrono::nanoseconds took);
+
 // Loop thread only.
 class NftForwarding final : public ForwardingDriver {
  public:
@@ -46,8 +50,12 @@ class NftForwarding final : public ForwardingDriver {
     static constexpr std::chrono::seconds kRetry{1};
     // How often the chain of one rule is tried on a device that the kernel does not have.
     static constexpr unsigned kDeviceTries = 5;
-    // Rules changed in one transaction: some 7 ms, in which the loop does nothing else.
+    // Rules changed in one transaction, at most. As many as fit into kTransaction, by the time that
+    // the last one took: the loop does nothing else meanwhile.
     static constexpr size_t kRulesAtOnce = 64;
+    // And at least: with many chains the library needs that long only to read them.
+    static constexpr size_t kFewestRules = 4;
+    static constexpr std::chrono::microseconds kTransaction{2000};
 
     // The port of a forwarding-plane id, or null. Valid until the next change of the ports.
     using FindPort = std::function<const Port*(uint32_t phyid)>;
@@ -137,7 +145,8 @@ class NftForwarding final : public ForwardingDriver {
     Rules rules_;
     std::set<ForwardingId> changed_;  // rules that the kernel does not have as they are
     std::set<ForwardingId> late_;     // rules that wait for the port model to name their device
-    std::vector<Rule> dropped_;       // rules that it has and should not
+    size_t lot_size_ = 8;
+    std::vector<Rule> dropped_;  // rules that it has and should not
     EventLoop::Handle gathering_;
     bool open_ = false;     // the table is in the kernel
     bool broken_ = false;   // it is not as we left it

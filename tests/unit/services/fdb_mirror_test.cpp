@@ -51,6 +51,7 @@ TEST_F(FdbMirrorTest, EntriesThatGoInMidListHideNoOther) {
         FdbMirror mirror(loop, [&](const auto&, const auto&) { handed_on = true; });
         mirror.follow(if_nametoindex("br0"));
         EXPECT_TRUE(wait_for([&] { return handed_on; }));
+        turn_for(std::chrono::seconds(1));  // the rest
         const auto& known = mirror.known();
         const auto found =
             std::distance(known.lower_bound(kStaying), known.lower_bound(kStaying + kMany));
