@@ -12,6 +12,7 @@
 #include "platform/cli/test_commands.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/own_records.h"
+#include "platform/client/port_follower.h"
 #include "platform/driver/embedded/embedded_forwarding.h"
 #include "platform/driver/embedded/embedded_switch.h"
 #include "platform/driver/embedded/loop_probe.h"
@@ -72,27 +73,6 @@ class LoopReports {
 
  private:
     qv_mom_client* client_;
-};
-
-// Lets the rules of a Linux bridge follow its ports.
-class PortFollower final : public PortObserver {
- public:
-    explicit PortFollower(NftForwarding& plane) : plane_(plane) {}
-
-    void on_added(const Port& port) override { plane_.port_changed(port.phyid); }
-    void on_removed(const Port& port) override { plane_.port_changed(port.phyid); }
-    void on_changed(const Port& before, const Port& after) override {
-        plane_.port_changed(before.phyid);
-        if (after.phyid != before.phyid) {
-            plane_.port_changed(after.phyid);
-        }
-    }
-    void on_default(const Port&) override {}
-    void on_left_bridge(const Port&) override {}
-    void on_complete() override {}
-
- private:
-    NftForwarding& plane_;
 };
 
 // The platform of a description. Lives as long as the process.
@@ -160,7 +140,8 @@ class DescribedPlatform final : public Platform {
                                                 [this](uint32_t phyid) {
                                                     return ports_->find_phyid(phyid);
                                                 }});
-        port_follower_ = std::make_unique<PortFollower>(*plane);
+        port_follower_ = std::make_unique<PortFollower>(
+            [rules = plane.get()](uint32_t phyid) { rules->port_changed(phyid); });
         ports_->add_observer(*port_follower_);
         termination_ = std::make_unique<Termination>(*loop_, [this, rules = plane.get()] {
             rules->close();  // the kernel keeps the table when the process ends

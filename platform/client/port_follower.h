@@ -1,0 +1,35 @@
+// Lets the rules of a forwarding plane follow the ports that they are for.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <utility>
+
+#include "platform/client/port_model.h"
+
+namespace qv {
+
+// Loop thread only. Calls back with the forwarding-plane id of each port that was added, has gone
+// or has changed, and with both ids of one that has another now.
+class PortFollower final : public PortObserver {
+ public:
+    explicit PortFollower(std::function<void(uint32_t phyid)> changed)
+        : changed_(std::move(changed)) {}
+
+    void on_added(const Port& port) override { changed_(port.phyid); }
+    void on_removed(const Port& port) override { changed_(port.phyid); }
+    void on_changed(const Port& before, const Port& after) override {
+        changed_(before.phyid);
+        if (after.phyid != before.phyid) {
+            changed_(after.phyid);
+        }
+    }
+    void on_default(const Port&) override {}
+    void on_left_bridge(const Port&) override {}
+    void on_complete() override {}
+
+ private:
+    const std::function<void(uint32_t phyid)> changed_;
+};
+
+}  // namespace qv
