@@ -347,6 +347,39 @@ TEST_F(FpUdp, RuleThatThePlaneLosesLaterIsAFailedApply) {
     EXPECT_EQ(take_events(), Lines{});
 }
 
+TEST_F(FpUdp, AclThatFailsLateTakesItsRuleOutOfThePlane) {
+    register_all();
+    plane.held = true;
+    create(5);
+    add_entry(5);
+    apply(5, port(5));
+    plane.sink->done(2);
+    plane.sink->done(3);
+    plane.take_requests();
+    plane.sink->failed(1, ENOSPC);
+    EXPECT_EQ(plane.take_requests(), Lines{"remove 3"});
+    EXPECT_EQ(take_events(), (Lines{"entry ok test_app 5", "apply ok test_app 5",
+                                    "acl failed test_app 5 28", "apply failed test_app 5 28"}));
+    plane.sink->counted(3, 1, 64);
+    EXPECT_EQ(take_events(), Lines{});
+}
+
+TEST_F(FpUdp, EntryThatFailsLateTakesItsRuleOutOfThePlane) {
+    register_all();
+    plane.held = true;
+    create(5);
+    add_entry(5);
+    add_entry(5);
+    apply(5, port(5));
+    plane.take_requests();
+    plane.sink->failed(3, ENOMEM);
+    EXPECT_EQ(plane.take_requests(), Lines{}) << "the first entry decides";
+    plane.sink->failed(2, ENOSPC);
+    EXPECT_EQ(plane.take_requests(), Lines{"remove 4"});
+    EXPECT_EQ(take_events(), (Lines{"entry failed test_app 5 12", "entry failed test_app 5 28",
+                                    "apply failed test_app 5 28"}));
+}
+
 TEST_F(FpUdp, LateAnswerToWhatWasRemovedIsDropped) {
     register_all();
     plane.held = true;
