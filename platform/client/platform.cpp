@@ -105,6 +105,10 @@ class DescribedPlatform final : public Platform {
         }
         keep_names_in_use();
         ports_->start();
+        // Last, since it may use the loop from now on. Tests bring a log of their own.
+        if (auto* const syslog = dynamic_cast<SyslogLog*>(log_.get())) {
+            syslog->attach(*loop_);
+        }
     }
 
  private:

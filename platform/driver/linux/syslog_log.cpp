@@ -1,24 +1,179 @@
 #include "platform/driver/linux/syslog_log.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <ctime>
+#include <utility>
 
+#include <sys/socket.h>
+#include <sys/un.h>
 #include <syslog.h>
 #include <unistd.h>
 
 namespace qv {
+namespace {
 
-SyslogLog::SyslogLog() {
-    openlog("lda", LOG_PID, LOG_DAEMON);
+// RFC 3164 section 4.1, as syslog(3) writes it: "<28>Jan  1 23:59:59 lda[4711]: text".
+std::string datagram_of(int severity, const std::string& text) {
+    // Severities of the two are the same numbers; anything else would spill into the facility bits.
+    const int priority = LOG_DAEMON | std::clamp(severity, LOG_EMERG, LOG_DEBUG);
+    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    std::tm local{};
+    localtime_r(&now, &local);
+    static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                              "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    char header[80];
+    std::snprintf(header, sizeof header, "<%d>%s %2d %02d:%02d:%02d lda[%d]: ", priority,
+                  kMonths[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+                  static_cast<int>(getpid()));
+    return header + text;
+}
+
+std::string loss_report(uint64_t lost) {
+    const std::string text = std::to_string(lost) +
+                             (lost == 1 ? " message was" : " messages were") +
+                             " lost while the system log could not take them.";
+    return datagram_of(
+        LOG_WARNING,
+        render({.severity = LOG_WARNING, .facility = "LOG", .mnemonic = "LOST", .text = text}));
+}
+
+}  // namespace
+
+SyslogLog::SyslogLog(std::string socket_path) : socket_path_(std::move(socket_path)) {}
+
+SyslogLog::~SyslogLog() {
+    const MutexLock lock(mutex_);
+    if (fd_ >= 0) {
+        close(fd_);
+    }
 }
 
 void SyslogLog::write(const SystemLogMessage& message) {
-    // Without a syslog daemon the library would make a socket for every message and throw it away.
-    if (access(_PATH_LOG, F_OK) != 0) {
-        return;
+    std::string datagram = datagram_of(message.severity, render(message));
+    EventLoop* loop = nullptr;
+    {
+        const MutexLock lock(mutex_);
+        if (flush() && send_now(datagram)) {
+            return;
+        }
+        if (queue_.size() < kQueuedMessages) {
+            queue_.push_back(std::move(datagram));
+        } else {
+            ++lost_;
+        }
+        if (retry_needed()) {
+            loop = loop_;
+        }
     }
-    // Severities of the two are the same numbers; anything else would spill into the facility bits.
-    const int priority = std::clamp(message.severity, LOG_EMERG, LOG_DEBUG);
-    syslog(priority, "%s", render(message).c_str());
+    if (loop != nullptr) {
+        loop->post([this] { arm(kShortestPause); });
+    }
+}
+
+void SyslogLog::attach(EventLoop& loop) {
+    bool needed = false;
+    {
+        const MutexLock lock(mutex_);
+        loop_ = &loop;
+        needed = !flush() && retry_needed();
+    }
+    if (needed) {
+        arm(kShortestPause);
+    }
+}
+
+// Whether the caller has to arm the retry.
+bool SyslogLog::retry_needed() {
+    return loop_ != nullptr && !std::exchange(retrying_, true);
+}
+
+void SyslogLog::arm(Duration pause) {
+    EventLoop* loop = nullptr;
+    {
+        const MutexLock lock(mutex_);
+        loop = loop_;
+    }
+    retry_timer_ = loop->after(pause, [this, pause] { retry(pause); });
+}
+
+void SyslogLog::retry(Duration pause) {
+    Duration next = std::clamp<Duration>(2 * pause, kShortestPause, kLongestPause);
+    {
+        const MutexLock lock(mutex_);
+        const size_t before = queue_.size();
+        retrying_ = !flush();
+        if (!retrying_) {
+            return;
+        }
+        if (queue_.size() < before) {
+            next = kReadingPause;
+        }
+    }
+    arm(next);
+}
+
+// False when there is no daemon to connect to.
+bool SyslogLog::connect_now() {
+    if (fd_ >= 0) {
+        close(fd_);
+    }
+    fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (fd_ >= 0 && socket_path_.size() < sizeof address.sun_path) {
+        socket_path_.copy(address.sun_path, socket_path_.size());
+        if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
+            return true;
+        }
+    }
+    if (fd_ >= 0) {
+        close(std::exchange(fd_, -1));
+    }
+    return false;
+}
+
+// False when the datagram has to wait. One that can never be sent counts as lost.
+bool SyslogLog::send_now(const std::string& datagram) {
+    // A daemon that was started again has another socket: the second attempt reaches it.
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        if (fd_ < 0 && !connect_now()) {
+            return false;
+        }
+        if (send(fd_, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) {
+            return true;
+        }
+        if (errno == EAGAIN || errno == ENOBUFS || errno == ENOMEM) {
+            return false;
+        }
+        if (errno == EMSGSIZE) {
+            ++lost_;
+            return true;
+        }
+        close(std::exchange(fd_, -1));
+    }
+    return false;
+}
+
+// Sends what waits. True when nothing does any more, the report of a loss included.
+bool SyslogLog::flush() {
+    while (!queue_.empty()) {
+        if (!send_now(queue_.front())) {
+            return false;
+        }
+        queue_.pop_front();
+    }
+    if (lost_ == 0) {
+        return true;
+    }
+    const uint64_t reported = lost_;
+    if (!send_now(loss_report(reported))) {
+        return false;
+    }
+    lost_ -= reported;
+    return true;
 }
 
 }  // namespace qv

@@ -1,15 +1,59 @@
-// System log through syslog(3), facility "daemon".
+// System log of the machine: its daemon's datagram socket, facility "daemon".
+//
+// The format on the socket is that of syslog(3), which is not used because it waits for a daemon
+// that does not read, and with it the thread that logs. Here a message that the daemon does not
+// take at once waits in a queue, and one that finds the queue full is lost and counted. The queue
+// is tried again with every message and, once there is a loop, after a pause: a short one while the
+// daemon reads, else one that grows from one second to a minute. When the queue has been emptied,
+// the daemon is told how many messages were lost.
 #pragma once
 
+#include <cstdint>
+#include <deque>
+#include <string>
+
+#include "platform/client/event_loop.h"
+#include "platform/driver/mutex.h"
 #include "platform/driver/system_log.h"
 
 namespace qv {
 
-// One per process, since syslog(3) has one identity; it lives as long as the process logs.
 class SyslogLog final : public SystemLog {
  public:
-    SyslogLog();
-    void write(const SystemLogMessage& message) override;
+    static constexpr size_t kQueuedMessages = 1000;
+    static constexpr std::chrono::milliseconds kReadingPause{10};
+    static constexpr std::chrono::seconds kShortestPause{1};
+    static constexpr std::chrono::seconds kLongestPause{60};
+
+    explicit SyslogLog(std::string socket_path = "/dev/log");
+    ~SyslogLog() override;
+    SyslogLog(const SyslogLog&) = delete;
+    SyslogLog& operator=(const SyslogLog&) = delete;
+
+    // Never waits.
+    void write(const SystemLogMessage& message) override EXCLUDES(mutex_);
+
+    // Loop thread, once. The loop must outlive the last message.
+    void attach(EventLoop& loop) EXCLUDES(mutex_);
+
+ private:
+    bool connect_now() REQUIRES(mutex_);
+    bool send_now(const std::string& datagram) REQUIRES(mutex_);
+    bool flush() REQUIRES(mutex_);
+    bool retry_needed() REQUIRES(mutex_);
+    void arm(Duration pause);
+    void retry(Duration pause) EXCLUDES(mutex_);
+
+    const std::string socket_path_;
+
+    EventLoop::Handle retry_timer_;  // loop thread only
+
+    Mutex mutex_;
+    int fd_ GUARDED_BY(mutex_) = -1;                    // connected to the daemon
+    std::deque<std::string> queue_ GUARDED_BY(mutex_);  // oldest first
+    uint64_t lost_ GUARDED_BY(mutex_) = 0;              // since that was last reported
+    EventLoop* loop_ GUARDED_BY(mutex_) = nullptr;
+    bool retrying_ GUARDED_BY(mutex_) = false;  // a retry is pending on the loop
 };
 
 }  // namespace qv
