@@ -1,22 +1,27 @@
 // qv/rdnd.h: who takes the master role, and what systemd is told about the process.
 //
-// In mode "solo" the process is the master at once. In mode "lease" the holder of an exclusive
-// flock on MODULE.lease beside the command-line socket is the master; the kernel drops the lock
-// with the process, so a second instance that tries every second takes over within one. The lock is
-// never given back: there is no way out of the master role but the end of the process. The other
-// role has no callback of its own here: a standby process is not told anything.
+// Two masters on the same bridge would undo each other's work, and two on the same command-line
+// socket would share their operators by chance. So the master holds a lock on each of the two, as
+// long as it lives: there is no way out of the master role but the end of the process.
+//
+// In mode "solo" the process is the master at once, and a process that finds a lock held ends with
+// the reason. In mode "lease" it waits: it tries every second, and so takes over within one. The
+// other role has no callback of its own here: a standby process is not told anything.
 #include "qv/rdnd.h"
 
 #include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
+#include <list>
 #include <string>
+#include <system_error>
 
-#include <fcntl.h>
-#include <sys/file.h>
 #include <sys/prctl.h>
 #include <systemd/sd-daemon.h>
-#include <unistd.h>
 
+#include "platform/client/name_lock.h"
 #include "platform/client/platform.h"
 #include "qv/syslog.h"
 
@@ -24,13 +29,19 @@ namespace {
 
 constexpr std::chrono::seconds kLeaseRetry{1};
 
+// What a master must have for itself.
+struct Exclusive {
+    std::string name;   // of the lock
+    std::string thing;  // for people
+    qv::NameLock lock;
+};
+
 struct Redundancy {
     bool registered = false;
     qv::EventLoop* loop = nullptr;
     rdnd_role_cb master_cb = nullptr;
-    std::string lease_path;
-    int lease_fd = -1;     // open while waiting for the lease and for ever after
-    int logged_error = 0;  // why the lease could not be tried, said once
+    std::list<Exclusive> exclusives;  // held by the master, released by all others
+    int logged_error = 0;             // why the locks could not be tried, logged once
     qv::EventLoop::Handle retry;
 };
 
@@ -40,47 +51,76 @@ Redundancy& redundancy() {
     return instance;
 }
 
-void log_lease_error(int error) {
-    Redundancy& role = redundancy();
-    if (role.logged_error != error) {
-        role.logged_error = error;
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "RDND", "LEASE", "Cannot take lease %s: %s",
-                      role.lease_path.c_str(), std::strerror(error));
-    }
+std::string absolute_path(const std::string& path) {
+    std::error_code unknown;
+    const std::filesystem::path whole = std::filesystem::absolute(path, unknown);
+    return unknown ? path : whole.lexically_normal().string();
 }
 
-// Whether this process now holds the lease.
-bool take_lease() {
-    Redundancy& role = redundancy();
-    if (role.lease_fd < 0) {
-        role.lease_fd = open(role.lease_path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-        if (role.lease_fd < 0) {
-            log_lease_error(errno);
-            return false;
-        }
-    }
-    if (flock(role.lease_fd, LOCK_EX | LOCK_NB) != 0) {
-        if (errno != EWOULDBLOCK) {
-            log_lease_error(errno);
-        }
-        return false;
-    }
-    return true;
+void add_exclusive(const std::string& module, const std::string& thing) {
+    Exclusive& added = redundancy().exclusives.emplace_back();
+    added.name = module + ": " + thing;
+    added.thing = thing;
 }
 
-void try_master() {
+void name_exclusives(const std::string& module) {
+    const qv::PlatformConfig& config = qv::platform().config();
+    if (config.switch_kind == qv::PlatformConfig::Switch::kLinux) {
+        add_exclusive(module, "bridge " + config.bridge);
+    }
+    add_exclusive(module, "command-line socket " + absolute_path(config.cli_socket));
+}
+
+struct Obstacle {
+    const Exclusive* taken;  // null: everything is ours
+    int error;
+};
+
+// All locks or none.
+Obstacle take_exclusives() {
     Redundancy& role = redundancy();
-    if (take_lease()) {
+    for (Exclusive& exclusive : role.exclusives) {
+        if (const int error = exclusive.lock.take(*role.loop, exclusive.name); error != 0) {
+            for (Exclusive& other : role.exclusives) {
+                other.lock.release();
+            }
+            return {&exclusive, error};
+        }
+    }
+    return {nullptr, 0};
+}
+
+std::string reason_of(const Obstacle& obstacle) {
+    if (obstacle.error != EADDRINUSE) {
+        return "cannot lock " + obstacle.taken->thing + ": " + std::strerror(obstacle.error);
+    }
+    const pid_t holder = qv::NameLock::holder(obstacle.taken->name);
+    return (holder != 0 ? "process " + std::to_string(holder) : "another process") +
+           " already runs on " + obstacle.taken->thing + ": stop it first";
+}
+
+void take_role_or_end(const char* module) {
+    if (const Obstacle obstacle = take_exclusives(); obstacle.taken != nullptr) {
+        std::fprintf(stderr, "%s: %s\n", module, reason_of(obstacle).c_str());
+        std::exit(EXIT_FAILURE);
+    }
+    redundancy().loop->post([] { redundancy().master_cb(); });
+}
+
+void await_role() {
+    Redundancy& role = redundancy();
+    const Obstacle obstacle = take_exclusives();
+    if (obstacle.taken == nullptr) {
         role.master_cb();
         return;
     }
-    role.retry = role.loop->after(kLeaseRetry, try_master);
-}
-
-std::string lease_path(const std::string& cli_socket, const char* module) {
-    const size_t slash = cli_socket.rfind('/');
-    const std::string directory = slash == std::string::npos ? "" : cli_socket.substr(0, slash + 1);
-    return directory + module + ".lease";
+    // That somebody else is the master is no fault.
+    if (obstacle.error != EADDRINUSE && role.logged_error != obstacle.error) {
+        role.logged_error = obstacle.error;
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "RDND", "LEASE",
+                      "Cannot become the master, trying again: %s", reason_of(obstacle).c_str());
+    }
+    role.retry = role.loop->after(kLeaseRetry, await_role);
 }
 
 struct Supervision {
@@ -118,14 +158,13 @@ int rdnd_lib_mom_reg(const rdnd_reg* reg) {
     role.loop = &qv::loop_of(reg->master);
     role.master_cb = reg->master_cb;
 
-    const qv::PlatformConfig& config = qv::platform().config();
-    switch (config.role) {
+    name_exclusives(reg->module);
+    switch (qv::platform().config().role) {
         case qv::PlatformConfig::Role::kSolo:
-            role.loop->post([] { redundancy().master_cb(); });
+            take_role_or_end(reg->module);
             break;
         case qv::PlatformConfig::Role::kLease:
-            role.lease_path = lease_path(config.cli_socket, reg->module);
-            role.loop->post(try_master);
+            role.loop->post(await_role);
             break;
     }
     return 0;

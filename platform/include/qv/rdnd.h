@@ -24,7 +24,8 @@ struct rdnd_reg {
 };
 
 // Registers the process. At most one role callback is made, once in the life of the process. 0 or
-// an error number.
+// an error number. Where this process is to be the master at once and another one is already, it
+// ends with the reason on standard error.
 int rdnd_lib_mom_reg(const rdnd_reg* reg);
 
 inline constexpr int APP_PUBLIC_NAME_BYTES = 16;

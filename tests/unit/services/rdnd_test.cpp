@@ -1,17 +1,21 @@
 #include "qv/rdnd.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
+#include <filesystem>
+#include <utility>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/file.h>
 #include <sys/prctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include "platform/client/name_lock.h"
 #include "tests/support/test_platform.h"
+#include "tests/unit/services/rtnl_script.h"
 #include "tests/unit/services/temporary_directory.h"
 
 namespace qv {
@@ -32,6 +36,28 @@ int take_switch() {
     return 0;
 }
 
+// Stands in for another process that holds a lock.
+class Holder {
+ public:
+    explicit Holder(const std::string& name) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+        const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+        holds_ = bind(fd_, reinterpret_cast<sockaddr*>(&address), size) == 0 && listen(fd_, 1) == 0;
+    }
+    ~Holder() { end(); }
+    Holder(const Holder&) = delete;
+    Holder& operator=(const Holder&) = delete;
+
+    bool holds() const { return holds_; }
+    void end() { close(std::exchange(fd_, -1)); }
+
+ private:
+    int fd_;
+    bool holds_ = false;
+};
+
 // A process registers once, so each of these runs in a process of its own.
 struct RdndTest : testing::Test {
     test::TestPlatform platform;
@@ -42,6 +68,18 @@ struct RdndTest : testing::Test {
 
     RdndTest() { platform.settings.cli_socket = directory.file("cli.sock"); }
     ~RdndTest() override { qv_thread_master_finish(master); }
+
+    void use_bridge() {
+        platform.settings.switch_kind = PlatformConfig::Switch::kLinux;
+        platform.settings.bridge = "br" + std::to_string(getpid());
+    }
+    std::string cli_lock() const {
+        return "lda: command-line socket " + platform.settings.cli_socket;
+    }
+    std::string bridge_lock() const { return "lda: bridge " + platform.settings.bridge; }
+
+    // Of this process alone: tests run side by side.
+    static std::string test_lock() { return "lda: test " + std::to_string(getpid()); }
 
     rdnd_reg reg() {
         return {.master = master,
@@ -68,17 +106,16 @@ TEST_F(RdndTest, SoloTakesTheMasterRoleOnceThroughTheLoop) {
     EXPECT_EQ(g_switch_calls, 0);
 }
 
-TEST_F(RdndTest, StandbyTakesOverWithinASecondOfTheLeaseComingFree) {
+TEST_F(RdndTest, StandbyTakesOverWithinASecondOfTheMastersEnd) {
     platform.settings.role = PlatformConfig::Role::kLease;
-    const int holder = open(directory.file("lda.lease").c_str(), O_RDWR | O_CREAT, 0600);
-    ASSERT_EQ(flock(holder, LOCK_EX), 0);
+    Holder other(cli_lock());
     const rdnd_reg record = reg();
     EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
     run_for(std::chrono::seconds(30));
     EXPECT_EQ(g_master_calls, 0);
     EXPECT_EQ(platform.log.lines(), Lines{}) << "standing by is no fault";
 
-    close(holder);  // as when the holder dies
+    other.end();
     run_for(std::chrono::seconds(1));
     EXPECT_EQ(g_master_calls, 1);
     run_for(std::chrono::seconds(30));
@@ -86,32 +123,121 @@ TEST_F(RdndTest, StandbyTakesOverWithinASecondOfTheLeaseComingFree) {
     EXPECT_EQ(g_switch_calls, 0);
 }
 
-TEST_F(RdndTest, HolderOfTheLeaseKeepsOthersOut) {
+TEST_F(RdndTest, StandbyHoldsNothingWhileItWaits) {
+    use_bridge();
     platform.settings.role = PlatformConfig::Role::kLease;
+    const Holder other(cli_lock());
+    const rdnd_reg record = reg();
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
+    run_for(std::chrono::seconds(3));
+    EXPECT_EQ(g_master_calls, 0);
+    EXPECT_TRUE(Holder(bridge_lock()).holds());
+}
+
+TEST_F(RdndTest, MasterKeepsOthersOutWhateverHappensToItsFiles) {
+    use_bridge();
+    const rdnd_reg record = reg();
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
+    std::filesystem::remove_all(directory.path());
+    run_for(std::chrono::seconds(5));
+    EXPECT_EQ(g_master_calls, 1);
+    EXPECT_FALSE(loop.next_timer()) << "the master does not wake up for its locks";
+    EXPECT_FALSE(Holder(cli_lock()).holds());
+    EXPECT_FALSE(Holder(bridge_lock()).holds());
+}
+
+using RdndDeathTest = RdndTest;
+
+TEST_F(RdndDeathTest, SecondAgentOnTheSameCommandLineSocketNamesTheFirstAndEnds) {
+    const Holder other(cli_lock());
+    const rdnd_reg record = reg();
+    EXPECT_EXIT(rdnd_lib_mom_reg(&record), testing::ExitedWithCode(1),
+                "^lda: process " + std::to_string(getpid()) +
+                    " already runs on command-line socket " + platform.settings.cli_socket +
+                    ": stop it first\n$");
+}
+
+TEST_F(RdndDeathTest, SecondAgentOnTheSameBridgeNamesTheFirstAndEnds) {
+    use_bridge();
+    const Holder other(bridge_lock());
+    const rdnd_reg record = reg();
+    EXPECT_EXIT(rdnd_lib_mom_reg(&record), testing::ExitedWithCode(1),
+                "^lda: process " + std::to_string(getpid()) + " already runs on bridge " +
+                    platform.settings.bridge + ": stop it first\n$");
+}
+
+TEST_F(RdndTest, SimulatedSwitchNeedsNoBridgeOfItsOwn) {
+    use_bridge();
+    platform.settings.switch_kind = PlatformConfig::Switch::kEmbedded;
+    const Holder other(bridge_lock());
     const rdnd_reg record = reg();
     EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
     run_for(Duration::zero());
     EXPECT_EQ(g_master_calls, 1);
-    EXPECT_FALSE(loop.next_timer()) << "the master does not wake up for its lease";
-    const int other = open(directory.file("lda.lease").c_str(), O_RDWR);
-    EXPECT_NE(flock(other, LOCK_SH | LOCK_NB), 0) << "not even beside the holder";
-    EXPECT_EQ(errno, EWOULDBLOCK);
-    close(other);
 }
 
-TEST_F(RdndTest, LeaseThatCannotBeOpenedIsSaidOnceAndTriedAgain) {
+// Allows the process no further descriptor.
+class NoDescriptors {
+ public:
+    NoDescriptors() {
+        getrlimit(RLIMIT_NOFILE, &before_);
+        const rlimit none{.rlim_cur = 0, .rlim_max = before_.rlim_max};
+        setrlimit(RLIMIT_NOFILE, &none);
+    }
+    ~NoDescriptors() { setrlimit(RLIMIT_NOFILE, &before_); }
+    NoDescriptors(const NoDescriptors&) = delete;
+    NoDescriptors& operator=(const NoDescriptors&) = delete;
+
+ private:
+    rlimit before_{};
+};
+
+TEST_F(RdndTest, LocksThatCannotBeTriedAreLoggedOnceAndTriedAgain) {
     platform.settings.role = PlatformConfig::Role::kLease;
-    platform.settings.cli_socket = directory.file("later/cli.sock");
     const rdnd_reg record = reg();
     EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
-    run_for(std::chrono::seconds(10));
+    {
+        const NoDescriptors none;
+        run_for(std::chrono::seconds(10));
+    }
     EXPECT_EQ(g_master_calls, 0);
     EXPECT_EQ(platform.log.lines(),
-              Lines{"RDND-3-LEASE: Cannot take lease " + directory.file("later/lda.lease") +
-                    ": No such file or directory"});
-    std::filesystem::create_directory(directory.file("later"));
+              Lines{"RDND-3-LEASE: Cannot become the master, trying again: cannot lock "
+                    "command-line socket " +
+                    platform.settings.cli_socket + ": Too many open files"});
     run_for(std::chrono::seconds(1));
     EXPECT_EQ(g_master_calls, 1);
+}
+
+TEST_F(RdndTest, HolderOfALockAnswersAnyNumberOfProcesses) {
+    NameLock lock;
+    ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    for (int i = 0; i < 5000; ++i) {
+        ASSERT_EQ(NameLock::holder(test_lock()), getpid()) << "process " << i;
+        run_for(Duration::zero());
+    }
+    lock.release();
+    EXPECT_EQ(NameLock::holder(test_lock()), 0);
+}
+
+TEST_F(RdndTest, LockHoldsAlsoWhereItsHolderCannotAnswer) {
+    test::g_rtnl.no_watch = true;
+    NameLock lock;
+    EXPECT_EQ(lock.take(loop, test_lock()), 0);
+    test::g_rtnl.no_watch = false;
+    NameLock other;
+    EXPECT_EQ(other.take(loop, test_lock()), EADDRINUSE);
+}
+
+TEST_F(RdndTest, LongNamesOfLocksAreToldApartByTheirEnds) {
+    const std::string name = test_lock() + std::string(200, 'x');
+    NameLock first;
+    NameLock second;
+    NameLock third;
+    EXPECT_EQ(first.take(loop, name + "1"), 0);
+    EXPECT_EQ(second.take(loop, name + "2"), 0);
+    EXPECT_EQ(third.take(loop, name + "1"), EADDRINUSE);
+    EXPECT_EQ(NameLock::holder(name + "1"), getpid());
 }
 
 TEST_F(RdndTest, IncompleteRegistrationIsRefusedAndMayBeRepeated) {
