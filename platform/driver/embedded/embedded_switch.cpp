@@ -38,7 +38,9 @@ void EmbeddedSwitch::start(PortSink& sink) {
             sink_->port_added(member.port);
         }
         sink_->ports_complete();
-        wiring_changed();
+        for (const auto& [ifx, member] : members_) {
+            wiring_changed(ifx, 0);
+        }
     });
 }
 
@@ -88,7 +90,6 @@ std::string EmbeddedSwitch::add(std::string_view name, uint32_t type) {
     members_[ifx].port = port;
     if (reported_) {
         sink_->port_added(port);
-        wiring_changed();
     }
     return "";
 }
@@ -98,10 +99,14 @@ std::string EmbeddedSwitch::delete_port(uint32_t ifx) {
     if (!member) {
         return kNoPort;
     }
+    const uint32_t far_end = member->cable;
     cut_cable(*member);
     member->storm = 0;
     member->port.aggregate = 0;
-    changed(*member);
+    if (reported_) {
+        sink_->port_changed(member->port);
+    }
+    wiring_changed(ifx, far_end);
     for (auto& [other, candidate] : members_) {
         if (candidate.port.aggregate == ifx) {
             candidate.port.aggregate = 0;
@@ -139,7 +144,7 @@ std::string EmbeddedSwitch::leave_bridge(uint32_t ifx) {
     member->port.mode = SWPORT_MODE_NONE;
     if (reported_) {
         sink_->port_left_bridge(ifx);
-        wiring_changed();
+        wiring_changed(ifx, member->cable);
     }
     return "";
 }
@@ -215,7 +220,7 @@ std::string EmbeddedSwitch::plug(uint32_t a, uint32_t b) {
     }
     one->cable = b;
     other->cable = a;
-    wiring_changed();
+    wiring_changed(a, b);
     return "";
 }
 
@@ -228,7 +233,7 @@ std::string EmbeddedSwitch::unplug(uint32_t a, uint32_t b) {
         return "no cable between these ports";
     }
     cut_cable(*one);
-    wiring_changed();
+    wiring_changed(a, b);
     return "";
 }
 
@@ -241,18 +246,8 @@ std::string EmbeddedSwitch::set_storm(uint32_t ifx, uint64_t pps) {
         return member->port.name + " is an aggregate port and receives nothing of its own";
     }
     member->storm = pps;
-    update_rates();
+    update_rate(ifx);
     return "";
-}
-
-std::vector<uint32_t> EmbeddedSwitch::plugged_ports() const {
-    std::vector<uint32_t> plugged;
-    for (const auto& [ifx, member] : members_) {
-        if (member.cable != 0) {
-            plugged.push_back(ifx);
-        }
-    }
-    return plugged;
 }
 
 bool EmbeddedSwitch::has_cable(uint32_t ifx) const {
@@ -269,7 +264,7 @@ std::optional<uint32_t> EmbeddedSwitch::loop_peer(uint32_t ifx) const {
     return peer->port.ifx;
 }
 
-void EmbeddedSwitch::set_wiring_listener(std::function<void()> listener) {
+void EmbeddedSwitch::set_wiring_listener(std::function<void(uint32_t)> listener) {
     wiring_listener_ = std::move(listener);
 }
 
@@ -324,28 +319,40 @@ void EmbeddedSwitch::cut_cable(Member& member) {
 void EmbeddedSwitch::changed(const Member& member) {
     if (reported_) {
         sink_->port_changed(member.port);
-        wiring_changed();
+        wiring_changed(member.port.ifx, member.cable);
     }
 }
 
-void EmbeddedSwitch::wiring_changed() {
-    update_rates();
+// A change of one port touches itself and the far end of its cable (0 for none), and no other: with
+// thousands of ports each change must stay cheap.
+void EmbeddedSwitch::wiring_changed(uint32_t ifx, uint32_t far_end) {
+    const uint32_t low = far_end != 0 ? std::min(ifx, far_end) : ifx;
+    const uint32_t high = std::max(ifx, far_end);
+    update_rate(low);
+    update_rate(high);
     if (wiring_listener_) {
-        wiring_listener_();
+        wiring_listener_(low);
+        if (high != low) {
+            wiring_listener_(high);
+        }
     }
 }
 
-void EmbeddedSwitch::update_rates() {
-    for (auto& [ifx, member] : members_) {
-        const std::optional<uint32_t> peer = loop_peer(ifx);
-        const uint64_t looping = peer && *peer != ifx ? kLoopRate : 0;
-        const uint64_t rate = forwards(member.port) ? member.storm + looping : 0;
-        if (rate != member.rate) {
-            member.rate = rate;
-            if (rate_listener_) {
-                rate_listener_(member.port.phyid, rate);
-            }
-        }
+// Reports the flooded packets per second of a port when they have changed.
+void EmbeddedSwitch::update_rate(uint32_t ifx) {
+    Member* member = find(ifx);
+    if (!member) {
+        return;
+    }
+    const std::optional<uint32_t> peer = loop_peer(ifx);
+    const uint64_t looping = peer && *peer != ifx ? kLoopRate : 0;
+    const uint64_t rate = forwards(member->port) ? member->storm + looping : 0;
+    if (rate == member->rate) {
+        return;
+    }
+    member->rate = rate;
+    if (rate_listener_) {
+        rate_listener_(member->port.phyid, rate);
     }
 }
 

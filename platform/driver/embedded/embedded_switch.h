@@ -12,7 +12,6 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <vector>
 
 #include "platform/client/event_loop.h"
 #include "platform/driver/switch_driver.h"
@@ -53,14 +52,14 @@ class EmbeddedSwitch final : public SwitchDriver {
     // Flooded packets per second that arrive from outside while the port is up; 0 ends the storm.
     std::string set_storm(uint32_t ifx, uint64_t pps);
 
-    // Ports with a cable, ascending.
-    std::vector<uint32_t> plugged_ports() const;
     bool has_cable(uint32_t ifx) const;
     // The other end of the port's cable while both ends are up and in the bridge.
     std::optional<uint32_t> loop_peer(uint32_t ifx) const;
 
-    // Called after every change of cables, port states or ports. One listener.
-    void set_wiring_listener(std::function<void()> listener);
+    // Called with each port whose own state or cable, or the state of whose far end, may have
+    // changed; a change that concerns both ends calls for both, the lower index first. One
+    // listener.
+    void set_wiring_listener(std::function<void(uint32_t ifx)> listener);
     // Called with the port's flooded packets per second whenever that changes. One listener.
     void set_rate_listener(std::function<void(uint32_t phyid, uint64_t pps)> listener);
 
@@ -80,15 +79,15 @@ class EmbeddedSwitch final : public SwitchDriver {
     std::string set_vsl(uint32_t ifx, bool vsl);
     void cut_cable(Member& member);
     void changed(const Member& member);
-    void wiring_changed();
-    void update_rates();
+    void wiring_changed(uint32_t ifx, uint32_t far_end);
+    void update_rate(uint32_t ifx);
 
     EventLoop& loop_;
     PortSink* sink_ = nullptr;
     bool reported_ = false;  // the ports of the start have been reported
     uint32_t highest_ = 0;   // highest interface index ever used
     std::map<uint32_t, Member> members_;
-    std::function<void()> wiring_listener_;
+    std::function<void(uint32_t)> wiring_listener_;
     std::function<void(uint32_t, uint64_t)> rate_listener_;
 };
 

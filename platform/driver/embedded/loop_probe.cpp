@@ -1,6 +1,5 @@
 #include "platform/driver/embedded/loop_probe.h"
 
-#include <iterator>
 #include <optional>
 #include <utility>
 
@@ -8,23 +7,24 @@ namespace qv {
 
 LoopProbe::LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Enabled enabled, Publish publish)
     : loop_(loop), ports_(ports), enabled_(std::move(enabled)), publish_(std::move(publish)) {
-    ports_.set_wiring_listener([this] { wiring_changed(); });
+    ports_.set_wiring_listener([this](uint32_t ifx) { wiring_changed(ifx); });
 }
 
-void LoopProbe::wiring_changed() {
-    for (const uint32_t ifx : ports_.plugged_ports()) {
-        const auto [entry, fresh] = cables_.try_emplace(ifx);
-        if (ports_.loop_peer(ifx) && !entry->second.timer) {
-            arm(ifx, entry->second, fresh ? Duration::zero() : kInterval);
-        }
+void LoopProbe::wiring_changed(uint32_t ifx) {
+    const bool plugged = ports_.has_cable(ifx);
+    const bool fresh = !cables_.contains(ifx);
+    if (fresh && !plugged) {
+        return;
     }
-    for (auto entry = cables_.begin(); entry != cables_.end();) {
-        auto& [ifx, cable] = *entry;
-        if (!ports_.loop_peer(ifx)) {
-            cable.timer.reset();
-            report_end(ifx, cable);
-        }
-        entry = cable.timer || ports_.has_cable(ifx) ? std::next(entry) : cables_.erase(entry);
+    Cable& cable = cables_[ifx];
+    if (!ports_.loop_peer(ifx)) {
+        cable.timer.reset();
+        report_end(ifx, cable);
+    } else if (!cable.timer) {
+        arm(ifx, cable, fresh ? Duration::zero() : kInterval);
+    }
+    if (!plugged && !cable.timer) {
+        cables_.erase(ifx);
     }
 }
 

@@ -44,7 +44,7 @@ class LoopProbe {
         EventLoop::Handle timer;
     };
 
-    void wiring_changed();
+    void wiring_changed(uint32_t ifx);
     void probe(uint32_t ifx);
     void arm(uint32_t ifx, Cable& cable, Duration delay);
     void report_end(uint32_t ifx, Cable& cable);

@@ -168,14 +168,14 @@ TEST_F(EmbeddedSwitch, VirtualSwitchLinkIsMadeAndTakenBack) {
 TEST_F(EmbeddedSwitch, CableTakesTwoFreePortsAndStormsOnBoth) {
     run();
     EXPECT_EQ(ports.plug(1, 3), "");
-    EXPECT_EQ(ports.plugged_ports(), (std::vector<uint32_t>{1, 3}));
+    EXPECT_TRUE(ports.has_cable(1) && ports.has_cable(3) && !ports.has_cable(2));
     EXPECT_EQ(ports.loop_peer(1), 3u);
     EXPECT_EQ(ports.loop_peer(3), 1u);
     EXPECT_EQ(take_rates(), (Texts{"1: 100000", "3: 100000"}));
     EXPECT_EQ(ports.plug(3, 2), "swp3 has a cable already");
     EXPECT_EQ(ports.unplug(1, 2), "no cable between these ports");
     EXPECT_EQ(ports.unplug(3, 1), "");
-    EXPECT_TRUE(ports.plugged_ports().empty());
+    EXPECT_FALSE(ports.has_cable(1) || ports.has_cable(3));
     EXPECT_EQ(take_rates(), (Texts{"1: 0", "3: 0"}));
 }
 
@@ -235,8 +235,45 @@ TEST_F(EmbeddedSwitch, DeletedPortLosesItsCableAndItsStorm) {
     ports.set_storm(1, 5);
     take_rates();
     EXPECT_EQ(ports.delete_port(1), "");
-    EXPECT_TRUE(ports.plugged_ports().empty());
+    EXPECT_FALSE(ports.has_cable(3));
     EXPECT_EQ(take_rates(), (Texts{"1: 0", "3: 0"}));
+}
+
+// Thousands of ports can be shut in a moment only if none of the others is looked at.
+TEST_F(EmbeddedSwitch, ChangeConcernsThePortAndTheFarEndOfItsCableOnly) {
+    run();
+    std::vector<uint32_t> concerned;
+    ports.set_wiring_listener([&](uint32_t ifx) { concerned.push_back(ifx); });
+    const auto take = [&] {
+        return std::exchange(concerned, {});
+    };
+    using Ports = std::vector<uint32_t>;
+
+    model.set_admin(2, false);
+    EXPECT_EQ(take(), Ports{2});
+    ports.plug(3, 1);
+    EXPECT_EQ(take(), (Ports{1, 3}));
+    model.set_admin(3, false);
+    EXPECT_EQ(take(), (Ports{1, 3}));
+    ports.leave_bridge(3);
+    EXPECT_EQ(take(), (Ports{1, 3}));
+    ports.unplug(1, 3);
+    EXPECT_EQ(take(), (Ports{1, 3}));
+    ports.plug(4, 4);
+    EXPECT_EQ(take(), Ports{4});
+    ports.plug(1, 3);
+    take();
+    ports.delete_port(3);
+    EXPECT_EQ(take(), (Ports{1, 3}));
+}
+
+TEST_F(EmbeddedSwitch, CablePluggedBeforeTheReportLoopsFromItOn) {
+    std::vector<uint32_t> concerned;
+    EXPECT_EQ(ports.plug(1, 3), "");
+    ports.set_wiring_listener([&](uint32_t ifx) { concerned.push_back(ifx); });
+    run();
+    EXPECT_EQ(concerned, (std::vector<uint32_t>{1, 2, 3, 4}));
+    EXPECT_EQ(take_rates(), (Texts{"1: 100000", "3: 100000"}));
 }
 
 TEST_F(EmbeddedSwitch, ControlsOfUnknownPortsAreRefused) {
