@@ -12,6 +12,7 @@
 #include <cstring>
 #include <deque>
 #include <map>
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -410,10 +411,16 @@ EventLoop::Handle EventLoop::watch(int fd, bool read, bool write, WatchCallback 
     const int interest = EV_PERSIST | (read ? EV_READ : 0) | (write ? EV_WRITE : 0);
     const auto on_ready = [](evutil_socket_t, short what, void* arg) {
         auto* const watch = static_cast<Impl::Watch*>(arg);
-        watch->loop->ready.push_back({.task = {},
-                                      .timer = {},
-                                      .watch = watch->shared_from_this(),
-                                      .ready = {(what & EV_READ) != 0, (what & EV_WRITE) != 0}});
+        try {
+            watch->loop->ready.push_back(
+                {.task = {},
+                 .timer = {},
+                 .watch = watch->shared_from_this(),
+                 .ready = {(what & EV_READ) != 0, (what & EV_WRITE) != 0}});
+        } catch (const std::bad_alloc&) {
+            // An exception must not pass through libevent. The descriptor stays ready, so it is
+            // reported again in the next round.
+        }
     };
     entry->watched.reset(
         event_new(impl_->base.get(), fd, static_cast<short>(interest), on_ready, entry.get()));

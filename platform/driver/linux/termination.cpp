@@ -34,6 +34,10 @@ Termination::Termination(EventLoop& loop, EventLoop::Task last_task)
     watch_ = loop.watch(fd_, true, false, [this](EventLoop::Ready) { on_signal(); });
     if (!watch_) {
         close(fd_);
+        throw std::runtime_error("the event loop cannot watch for signals");
+    }
+    if (!watch_) {
+        close(fd_);
         throw std::runtime_error("signalfd: cannot be watched");
     }
 }

@@ -7,12 +7,27 @@
 #include <unistd.h>
 
 #include <array>
+#include <functional>
+#include <new>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
 #include "tests/support/manual_clock.h"
+
+static thread_local bool g_out_of_memory = false;
+
+// The linker puts this in place of operator new(size_t).
+extern "C" {
+void* __real__Znwm(size_t size);
+void* __wrap__Znwm(size_t size) {
+    if (g_out_of_memory) {
+        throw std::bad_alloc();
+    }
+    return __real__Znwm(size);
+}
+}
 
 namespace {
 
@@ -264,6 +279,27 @@ TEST_F(Loop, WatchOfARegularFileIsRefused) {
     close(fd);
 }
 
+TEST_F(Loop, MemoryThatRunsOutWhileDescriptorsAreReportedDelaysThem) {
+    std::array<Pipe, 40> pipes;
+    std::vector<EventLoop::Handle> watches;
+    size_t heard = 0;
+    for (const Pipe& pipe : pipes) {
+        pipe.fill();
+        watches.push_back(loop.watch(pipe.out(), true, false, [&](EventLoop::Ready) {
+            pipe.drain();
+            ++heard;
+        }));
+    }
+    qv_thread thread{};
+    g_out_of_memory = true;
+    EXPECT_NO_THROW(loop.fetch(&thread));
+    g_out_of_memory = false;
+    qv_thread_call(&thread);
+    EXPECT_EQ(heard, 1u);
+    run_ready(loop, clock);
+    EXPECT_EQ(heard, pipes.size());
+}
+
 TEST_F(Loop, FloodOfPostedWorkStarvesNeitherTimersNorDescriptors) {
     const Pipe pipe;
     pipe.fill();
@@ -466,6 +502,69 @@ TEST(LoopOnTheRealClock, TimerArmedDuringTheWaitForALaterOneFiresFirst) {
     }
     EXPECT_LT(std::chrono::steady_clock::now() - start, 5s);
     close(bell);
+}
+
+// A descriptor that stops a loop whose timers do not end its waits, long after they should have.
+struct Rescue {
+    explicit Rescue(EventLoop& loop) {
+        const itimerspec late = {.it_interval = {0, 0}, .it_value = {20, 0}};
+        EXPECT_EQ(timerfd_settime(bell, 0, &late, nullptr), 0);
+        watch = loop.watch(bell, true, false, [this, &loop](EventLoop::Ready) {
+            needed = true;
+            loop.stop();
+        });
+    }
+    ~Rescue() {
+        watch.reset();
+        close(bell);
+    }
+    Rescue(const Rescue&) = delete;
+    Rescue& operator=(const Rescue&) = delete;
+
+    int bell = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
+    bool needed = false;
+    EventLoop::Handle watch;
+};
+
+void run_to_the_stop(EventLoop& loop) {
+    qv_thread thread{};
+    while (loop.fetch(&thread) != nullptr) {
+        qv_thread_call(&thread);
+    }
+}
+
+TEST(LoopOnTheRealClock, EveryTimerOfAChainEndsItsWait) {
+    qv::SteadyClock clock;
+    EventLoop loop(clock);
+    const Rescue rescue(loop);
+    int fired = 0;
+    EventLoop::Handle timer;
+    const std::function<void()> next = [&] {
+        if (++fired == 4) {
+            loop.stop();
+        } else {
+            timer = loop.after(2ms, next);
+        }
+    };
+    timer = loop.after(2ms, next);
+    run_to_the_stop(loop);
+    EXPECT_FALSE(rescue.needed);
+    EXPECT_EQ(fired, 4);
+}
+
+TEST(LoopOnTheRealClock, TimerAfterOneThatWasCancelledEndsItsWait) {
+    qv::SteadyClock clock;
+    EventLoop loop(clock);
+    const Rescue rescue(loop);
+    EventLoop::Handle cancelled = loop.after(30ms, [] { ADD_FAILURE() << "cancelled"; });
+    EventLoop::Handle late;
+    // The alarm is set for the first of these two when the second cancels its other one.
+    const auto early = loop.after(1ms, [&] {
+        cancelled.reset();
+        late = loop.after(60ms, [&] { loop.stop(); });
+    });
+    run_to_the_stop(loop);
+    EXPECT_FALSE(rescue.needed);
 }
 
 TEST(LoopOnTheRealClock, WaitingCostsNoProcessorTime) {

@@ -1,37 +1,58 @@
-// The last work of a process that is told to end.
 #include "platform/driver/linux/termination.h"
 
 #include <csignal>
 #include <cstdio>
 #include <stdexcept>
+#include <string>
 
 #include <gtest/gtest.h>
+#include <unistd.h>
 
-#include "tests/support/test_platform.h"
+#include "platform/driver/clock.h"
 #include "tests/unit/services/rtnl_script.h"
 
 namespace qv {
 namespace {
 
-// Never returns when the signal does what it should.
+// Sends the process a signal and runs its loop until it ends, at most through one thousand pieces
+// of work.
 void end_by(int signal) {
     SteadyClock clock;
     EventLoop loop(clock);
-    const Termination termination(loop, [] { std::fputs("cleaned up", stderr); });
-    raise(signal);
-    test::run_until(loop, [] { return false; });
+    const Termination termination(loop, [] { std::fputs("last task\n", stderr); });
+    kill(getpid(), signal);
+    qv_thread thread{};
+    for (int i = 0; i < 1000 && loop.fetch(&thread) != nullptr; ++i) {
+        std::fputs("loop\n", stderr);
+        qv_thread_call(&thread);
+    }
 }
 
-TEST(TerminationDeathTest, ProcessCleansUpAndEndsByTheSignal) {
-    EXPECT_EXIT(end_by(SIGTERM), testing::KilledBySignal(SIGTERM), "cleaned up");
-    EXPECT_EXIT(end_by(SIGINT), testing::KilledBySignal(SIGINT), "cleaned up");
+TEST(TerminationDeathTest, SignalEndsTheProcessAfterTheLastTaskOnTheLoop) {
+    EXPECT_EXIT(end_by(SIGTERM), testing::KilledBySignal(SIGTERM), "^loop\nlast task\n$");
+    EXPECT_EXIT(end_by(SIGINT), testing::KilledBySignal(SIGINT), "^loop\nlast task\n$");
 }
 
-TEST(Termination, SignalsThatCannotBeWatchedAreAnError) {
+TEST(TerminationDeathTest, OtherSignalsEndTheProcessAtOnce) {
+    EXPECT_EXIT(end_by(SIGHUP), testing::KilledBySignal(SIGHUP), "^$");
+}
+
+std::string refusal_of(EventLoop& loop) {
+    try {
+        const Termination termination(loop, [] {});
+        return "accepted";
+    } catch (const std::runtime_error& error) {
+        return error.what();
+    }
+}
+
+TEST(Termination, LoopThatCannotWatchForSignalsRefusesTheStart) {
     SteadyClock clock;
     EventLoop loop(clock);
     test::g_rtnl.no_watch = true;
-    EXPECT_THROW(Termination(loop, [] {}), std::runtime_error);
+    EXPECT_EQ(refusal_of(loop), "the event loop cannot watch for signals");
+    test::g_rtnl.no_watch = false;
+    EXPECT_EQ(refusal_of(loop), "accepted");
 }
 
 }  // namespace
