@@ -1,4 +1,4 @@
-// What this system reads in the kernel's link messages.
+// Decoder for rtnetlink link messages.
 #pragma once
 
 #include <cstdint>

@@ -180,6 +180,32 @@ TEST_F(Lsm, NothingIsToldBeforeTheRegistrationIsOver) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 1", "port 48"}));
 }
 
+TEST_F(Lsm, PortsThatCompleteBeforeTheRegistrationIsOverAreAnnouncedAfterIt) {
+    connect([] {
+        lsm_client_set_mode(2);
+        lsm_reg_msg_handler_ex(LSM_CLASS_PORT, on_port);
+    });
+    rig.model.ports_complete();
+    EXPECT_EQ(heard(), Texts{});
+    lsm_client_reg_event_over();
+    EXPECT_EQ(heard(), Texts{"port 48"});
+}
+
+TEST_F(Lsm, EventThatTwoSelectionsCoverIsToldOnce) {
+    rig.model.ports_complete();
+    connect([] {
+        const uint8_t switched[LSM_TYPE_BITMAP_BYTES] = {0xfc, 0x07};
+        const uint8_t ethernet[LSM_TYPE_BITMAP_BYTES] = {0x04};
+        lsm_client_reg_event_ex(LSM_CLASS_PORT, switched, 0x7);
+        lsm_client_reg_event_ex(LSM_CLASS_PORT, ethernet, 0x3);
+        lsm_reg_msg_handler_ex(LSM_CLASS_PORT, on_port);
+        lsm_client_reg_event_over();
+    });
+    add(1);
+    rig.model.port_removed(1);
+    EXPECT_EQ(heard(), (Texts{"port 0 port 1", "port 1 port 1"}));
+}
+
 TEST_F(Lsm, AddDeleteAndDefaultReachTheClassOfPorts) {
     start();
     add(3);

@@ -229,6 +229,54 @@ TEST_F(BridgePortsTest, AdminStateGivenDuringADumpIsReportedAtOnceAndOutlivesThe
     EXPECT_FALSE(sink.ports.at(101).admin_up);
 }
 
+TEST_F(BridgePortsTest, ModeIsKeptOverAnotherDump) {
+    dump({bridge(), member(101, "swp1")});
+    ports.set_mode(101, 7);
+    sink.take();
+    dump({bridge(), member(101, "swp1")});
+    EXPECT_EQ(sink.take(), Lines{});
+    EXPECT_EQ(sink.ports.at(101).mode, 7u);
+}
+
+TEST_F(BridgePortsTest, EveryFieldThatADumpHasChangedIsReported) {
+    dump({bridge(), member(101, "swp1"), member(102, "swp2"), member(103, "swp3"),
+          member(104, "swp4"), member(105, "swp5")});
+    sink.take();
+    LinkMessage number = member(101, "swp1");
+    number.bridge_port = 9;
+    LinkMessage kind = member(102, "swp2");
+    kind.kind = "team";
+    LinkMessage admin = member(103, "swp3");
+    admin.admin_up = false;
+    LinkMessage oper = member(104, "swp4");
+    oper.oper_up = false;
+    dump({bridge(), number, kind, admin, oper, member(105, "renamed")});
+    EXPECT_EQ(sink.take(), (Lines{"changed swp1", "changed swp2", "changed swp3", "changed swp4",
+                                  "changed renamed"}));
+    EXPECT_EQ(sink.ports.at(101).phyid, 9u);
+    EXPECT_EQ(sink.ports.at(102).type, 10u);
+}
+
+TEST_F(BridgePortsTest, BridgeMadeAnewBetweenTwoDumpsKeepsThePortsThatAreInIt) {
+    dump({bridge(), member(101, "swp1"), member(102, "swp2")});
+    sink.take();
+    dump({bridge(9), member(101, "swp1", 9), member(102, "swp2", 0)});
+    EXPECT_EQ(ports.bridge(), 9u);
+    EXPECT_EQ(sink.take(), (Lines{"left swp2", "removed swp2"}));
+    ports.take(gone(kBridge));  // late news of the old one
+    EXPECT_EQ(ports.bridge(), 9u);
+    EXPECT_EQ(sink.take(), Lines{});
+}
+
+TEST_F(BridgePortsTest, LinkForgottenByADumpDoesNotComeBackWithItsBridge) {
+    dump({bridge(), member(101, "swp1")});
+    dump({bridge()});
+    sink.take();
+    ports.take(gone(kBridge));
+    ports.take(bridge());
+    EXPECT_EQ(sink.take(), Lines{});
+}
+
 TEST_F(BridgePortsTest, BondIsAnAggregatePort) {
     LinkMessage bond = member(101, "bond0");
     bond.kind = "bond";

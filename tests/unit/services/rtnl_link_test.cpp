@@ -92,6 +92,28 @@ TEST(RtnlLink, MemberOfABridgeIsDecoded) {
     EXPECT_EQ(*link, expected);
 }
 
+TEST(RtnlLink, StatesAreReadAmongOtherFlags) {
+    constexpr unsigned kOthers = IFF_BROADCAST | IFF_PROMISC | IFF_NOARP | IFF_MULTICAST;
+    const auto states = [](unsigned flags) {
+        const auto link = parse(message(RTM_NEWLINK, member_attributes(), 7, flags));
+        return link ? std::string(link->admin_up ? "up" : "down") + (link->oper_up ? " on" : " off")
+                    : "refused";
+    };
+    EXPECT_EQ(states(kOthers), "down off");
+    EXPECT_EQ(states(kOthers | IFF_UP), "up off");
+    EXPECT_EQ(states(kOthers | IFF_UP | IFF_RUNNING), "up on");
+    EXPECT_EQ(states(IFF_RUNNING), "down on");
+}
+
+TEST(RtnlLink, LinkWithoutAMasterOrKindIsAPlainDevice) {
+    const auto link = parse(message(RTM_NEWLINK, attribute(IFLA_IFNAME, text("eth0"))));
+    ASSERT_TRUE(link);
+    EXPECT_EQ(link->name, "eth0");
+    EXPECT_EQ(link->kind, "");
+    EXPECT_EQ(link->master, 0u);
+    EXPECT_EQ(link->bridge_port, 0u);
+}
+
 TEST(RtnlLink, DeletionNeedsOnlyTheIndex) {
     const auto link = parse(message(RTM_DELLINK, {}));
     ASSERT_TRUE(link);

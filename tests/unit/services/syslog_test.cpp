@@ -41,6 +41,13 @@ TEST_F(SyslogTest, OverlongTextIsCut) {
     EXPECT_EQ(platform.log.lines().front(), "LDA-6-INFO: " + std::string(2047, 'x'));
 }
 
+// The C locale has no multibyte form of this character, so the conversion fails.
+TEST_F(SyslogTest, TextWithABrokenConversionIsLoggedAsItsFormat) {
+    printk_syslog(4, "LDA", "LOOP_DETECT", "Detected loop error on interface %ls.\r\n", L"\x4e00");
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"LDA-4-LOOP_DETECT: Detected loop error on interface %ls."});
+}
+
 TEST_F(SyslogTest, MonitorsSeeOnlyMessagesThatAskForIt) {
     Lines shown;
     set_monitor_sink([&](std::string_view line) { shown.emplace_back(line); });
