@@ -126,44 +126,73 @@ def requested_policy(lab, draw):
 
 # ---- Bridge ----
 
-def loops_then(lab, draw, away, back):
-    """Loops, then the lines `away` and `back` of ip(8); back comes at the latest after the restart."""
+def leaving(lab, draw):
+    """Lines of ip(8) with which some ports leave the bridge, and those with which they come back."""
+    ports = some(draw, lab.port_names)
+    return ([f"link set {port} nomaster" for port in ports], [f"link set {port} master br0" for port in ports])
+
+
+def replacing(lab, draw):
+    """Ports are deleted, and new ones come with their names: up, as new ports are."""
+    ports = some(draw, lab.port_names)
+    return [f"link del {port}" for port in ports], [line for port in ports for line in lab.port_lines(port)]
+
+
+def remaking(lab, _):
+    """The bridge is deleted and made again with its ports."""
+    return ["link del br0"], ["link add br0 type bridge", "link set br0 up",
+                              *(f"link set {port} master br0" for port in lab.port_names)]
+
+
+def renaming(*_):
+    """The bridge gets another name and its own back."""
+    return ["link set br0 down", "link set br0 name away"], ["link set away name br0", "link set br0 up"]
+
+
+def away_and_back(lab, draw, change, first=0.0):
+    """Events of one of the changes above; the second comes at the latest after the restart."""
+    away, back = change(lab, draw)
+    at = first + draw.uniform(0, 0.08)
+    return [Event(at, partial(lab.batch, *away), must=True),
+            Event(at + draw.uniform(0.001, 0.1), partial(lab.batch, *back), must=True)]
+
+
+def loops_then(lab, draw, change):
     lab.reset()
-    at = draw.uniform(0, 0.08)
-    events = [Event(0, partial(lab.report_loops, some(draw, lab.loop_ports))),
-              Event(at, partial(lab.batch, *away), must=True),
-              Event(at + draw.uniform(0.001, 0.1), partial(lab.batch, *back), must=True)]
+    loops = Event(0, partial(lab.report_loops, some(draw, lab.loop_ports)))
     again = tuple(draw.uniform(0, 0.1) for _ in range(draw.randint(0, 2)))
-    return Plan(events, again, keeps_shut=False)
+    return Plan([loops, *away_and_back(lab, draw, change)], again, keeps_shut=False)
 
 
 def ports_leave(lab, draw):
     """Ports leave the bridge and come back."""
-    ports = some(draw, lab.port_names)
-    return loops_then(lab, draw, [f"link set {port} nomaster" for port in ports],
-                      [f"link set {port} master br0" for port in ports])
+    return loops_then(lab, draw, leaving)
 
 
 def ports_replaced(lab, draw):
-    """Ports are deleted, and new ones come with their names: up, as new ports are."""
-    ports = some(draw, lab.port_names)
-    return loops_then(lab, draw, [f"link del {port}" for port in ports],
-                      [line for port in ports for line in lab.port_lines(port)])
+    """Ports are deleted and made again."""
+    return loops_then(lab, draw, replacing)
 
 
 def bridge_made_again(lab, draw):
-    """The bridge is deleted and made again with its ports."""
-    return loops_then(lab, draw, ["link del br0"],
-                      ["link add br0 type bridge", "link set br0 up",
-                       *(f"link set {port} master br0" for port in lab.port_names)])
+    """The bridge is deleted and made again."""
+    return loops_then(lab, draw, remaking)
 
 
 def bridge_renamed(lab, draw):
-    """The bridge gets another name and its own back."""
-    return loops_then(lab, draw, ["link set br0 down", "link set br0 name away"],
-                      ["link set away name br0", "link set br0 up"])
+    """The bridge has another name for a while."""
+    return loops_then(lab, draw, renaming)
+
+
+def recover_while_away(lab, draw):
+    """Detection stops shutting ports while some of those that it has shut are not in the bridge."""
+    shut_some(lab, draw)
+    events = away_and_back(lab, draw, draw.choice([leaving, replacing, remaking, renaming]))
+    policy = typing(lab, draw.choice([WARNING, "no loop-detect enable"]))
+    return Plan([*events, Event(draw.uniform(0, 0.18), policy)], keeps_shut=False)
 
 
 KINDS = {kind.__name__: kind for kind in (
     burst, one_by_one, start, recover_by_warning, recover_by_disabling, recover_by_release, shut_while_recovering,
-    typed_policy, requested_policy, ports_leave, ports_replaced, bridge_made_again, bridge_renamed)}
+    typed_policy, requested_policy, ports_leave, ports_replaced, bridge_made_again, bridge_renamed,
+    recover_while_away)}

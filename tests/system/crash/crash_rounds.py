@@ -129,10 +129,10 @@ def play(lab, draw, plan, how, reboots):
 def play_round(lab, seed, number, kinds, signals):
     draw = random.Random(f"{seed}/{number}")
     kind, how = kinds[number % len(kinds)], draw.choice(signals)
-    reboots = draw.random() < 0.2 and not kind.startswith(("ports", "bridge"))
     if draw.random() < 0.1:
         lab.wish(draw.choice(lab.operator_ports), draw.random() < 0.5)
     plan = KINDS[kind](lab, draw)
+    reboots = draw.random() < 0.2 and not any(event.must for event in plan.events)
     killed_at, down = play(lab, draw, plan, SIGNALS[how], reboots)
     lab.wait_ready()
     problems = settle(lab)
