@@ -1,5 +1,7 @@
 #include "platform/cli/socket_session.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -190,12 +192,31 @@ void SocketSession::flush() {
             return;
         }
     } else if (progress || !stall_timer_) {
-        stall_timer_ = loop_.after(kStalledAfter, [this] { close(); });
+        watch_stall();
     }
     update_watch();
 }
 
 void SocketSession::update_watch() {
+// Bytes that the kernel still holds for the client.
+int SocketSession::queued() const {
+    int bytes = 0;
+    return ::ioctl(fd_, SIOCOUTQ, &bytes) == 0 ? bytes : 0;
+}
+
+void SocketSession::watch_stall() {
+    queued_before_ = queued();
+    stall_timer_ = loop_.after(kStalledAfter, [this] {
+        // The descriptor becomes writable only when most of the kernel's buffer is free: a slow
+        // reader makes progress long before.
+        if (queued() < queued_before_) {
+            watch_stall();
+        } else {
+            close();
+        }
+    });
+}
+
     const bool pending = sent_ < output_.size();
     const bool full = output_.size() - sent_ >= kOutputHighMark ||
                       input_.size() > kMaxRequestBytes || input_.find('\n') != std::string::npos;

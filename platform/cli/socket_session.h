@@ -47,6 +47,8 @@ class SocketSession {
     void finish_request(const Result& result);
     void send(const std::string& reply);
     void flush();
+    int queued() const;
+    void watch_stall();
     void update_watch();
     void watch_idleness();
     void close_when_idle();
@@ -71,6 +73,7 @@ class SocketSession {
     EventLoop::Handle watch_;
     EventLoop::Handle next_turn_;
     EventLoop::Handle stall_timer_;
+    int queued_before_ = 0;  // queued() when stall_timer_ was set
     EventLoop::Handle idle_timer_;
 };
 

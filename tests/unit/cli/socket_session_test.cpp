@@ -18,7 +18,7 @@
 #include "tests/unit/cli/wire_client.h"
 
 namespace {
-bool g_out_of_descriptors = false;
+int g_accept_error = 0;  // of every accept while it is set
 int g_refused_accepts = 0;
 }  // namespace
 
@@ -26,11 +26,13 @@ int g_refused_accepts = 0;
 extern "C" {
 int __real_accept4(int fd, sockaddr* address, socklen_t* size, int flags);
 int __wrap_accept4(int fd, sockaddr* address, socklen_t* size, int flags) {
-    if (!g_out_of_descriptors) {
+    if (g_accept_error == 0) {
         return __real_accept4(fd, address, size, flags);
     }
     ++g_refused_accepts;
-    errno = EMFILE;
+    errno = g_accept_error;
+    // A client that has gone again is an error of one call.
+    g_accept_error = errno == ECONNABORTED ? 0 : g_accept_error;
     return -1;
 }
 }
@@ -344,17 +346,100 @@ TEST_F(SocketSession, MonitoringClientThatNeverReadsHoldsNoMoreThanItsBuffer) {
     EXPECT_EQ(ask(*client, R"({"exec": "show version"})").ends_with(kVersionReply), true);
 }
 
-TEST_F(SocketSession, RunningOutOfDescriptorsIsSurvived) {
-    const auto first = connect();
-    rig.platform.run_ready();
-    const auto waiting = connect();
-    g_out_of_descriptors = true;
-    rig.platform.run_ready();
-    EXPECT_EQ(g_refused_accepts, 1) << "a listener that stays readable must not spin";
-    EXPECT_EQ(ask(*first, R"({"exec": "show version"})"), kVersionReply);
-    g_out_of_descriptors = false;
-    rig.platform.run_for(std::chrono::seconds(1));
-    EXPECT_EQ(ask(*waiting, R"({"exec": "show version"})"), kVersionReply);
+TEST_F(SocketSession, RunningOutOfDescriptorsOrMemoryIsSurvived) {
+    for (const int error : {EMFILE, ENFILE, ENOBUFS, ENOMEM}) {
+        const auto first = connect();
+        rig.platform.run_ready();
+        const auto waiting = connect();
+        g_refused_accepts = 0;
+        g_accept_error = error;
+        rig.platform.run_ready();
+        EXPECT_EQ(g_refused_accepts, 1) << "a listener that stays readable must not spin";
+        EXPECT_EQ(ask(*first, R"({"exec": "show version"})"), kVersionReply);
+        g_accept_error = 0;
+        rig.platform.run_for(std::chrono::milliseconds(999));
+        waiting->send("{\"exec\": \"show version\"}\n");
+        rig.platform.run_ready();
+        EXPECT_EQ(waiting->receive(), "");
+        rig.platform.run_for(std::chrono::milliseconds(1));
+        EXPECT_EQ(waiting->receive(), kVersionReply);
+    }
+}
+
+TEST_F(SocketSession, ClientThatLeavesTheQueueKeepsNobodyWaiting) {
+    const auto client = connect();
+    g_accept_error = ECONNABORTED;
+    EXPECT_EQ(ask(*client, R"({"exec": "show version"})"), kVersionReply);
+    EXPECT_EQ(g_refused_accepts, 1);
+}
+
+TEST_F(SocketSession, RequestOf64KiBIsServedAndOneMoreByteIsTooMuch) {
+    const std::string exact = [] {
+        const std::string request = R"({"exec": "show version"})";
+        return request + std::string(65536 - request.size(), ' ');
+    }();
+    for (const bool more : {false, true}) {
+        const auto client = connect();
+        const std::string request = exact + (more ? " \n" : "\n");
+        std::string reply;
+        for (size_t sent = 0; sent < request.size();) {
+            sent += client->send(request.substr(sent, 8192));
+            rig.platform.run_ready();
+            reply += client->receive();
+        }
+        EXPECT_EQ(reply, more ? "{\"output\":\"% Request too long.\\n\",\"prompt\":\"lda# \","
+                                "\"result\":-1}\n"
+                              : kVersionReply);
+    }
+}
+
+class SlowClient : public SocketSession {
+ protected:
+    SlowClient() {
+        qv::cli::attach(qv::cli::kChainView,
+                        qv::cli::keyword("much", "", qv::cli::end_of_line(print_much)), "test");
+        // More than the kernel's buffer holds.
+        for (int i = 0; i < 8; ++i) {
+            client->send("{\"exec\": \"much\"}\n");
+        }
+        rig.platform.run_ready();
+    }
+
+    std::unique_ptr<WireClient> client = connect();
+};
+
+TEST_F(SlowClient, ThatReadsALittleEveryMinuteIsNeverDropped) {
+    char some[40960];
+    size_t got = 0;
+    while (got < 8U * 100 * 1000) {
+        rig.platform.run_for(std::chrono::seconds(59));
+        const size_t size = client->receive_some(some, sizeof some);
+        ASSERT_GT(size, 0U) << "dropped after " << got << " bytes";
+        got += size;
+        rig.platform.run_ready();
+    }
+}
+
+TEST_F(SlowClient, ThatHasCaughtUpIsNotDropped) {
+    rig.platform.run_for(std::chrono::seconds(30));
+    std::string all;
+    for (int i = 0; i < 100; ++i) {
+        all += client->receive();
+        rig.platform.run_ready();
+    }
+    EXPECT_GT(all.size(), 8U * 100 * 1000);
+    rig.platform.run_for(std::chrono::seconds(120));
+    EXPECT_EQ(ask(*client, R"({"exec": "show version"})"), kVersionReply);
+}
+
+TEST_F(SlowClient, ThatTakesNothingForAMinuteIsDroppedThen) {
+    rig.platform.run_for(std::chrono::seconds(59));
+    client->receive();
+    rig.platform.run_for(std::chrono::seconds(59));
+    EXPECT_FALSE(client->closed_by_server());
+    rig.platform.run_for(std::chrono::seconds(2));
+    client->receive();
+    EXPECT_TRUE(client->closed_by_server());
 }
 
 TEST_F(SocketSession, PortThatGoesTakesTheSessionOutOfItsMode) {
