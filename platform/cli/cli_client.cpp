@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "platform/cli/config_keeper.h"
-#include "platform/cli/scripted_faults.h"
+#include "platform/cli/fault_seam.h"
 #include "platform/cli/session_descriptors.h"
 #include "platform/cli/socket_server.h"
 #include "platform/cli/switch_commands.h"
@@ -133,7 +133,8 @@ int cli_syn_config_notify(void) {
 
 int cli_sub_create_session(void) {
     qv::cli::Client* client = g_client;
-    if (!client || qv::cli::take_session_failure()) {
+    const qv::cli::SessionFault fault = qv::cli::g_session_fault;
+    if (!client || (fault && fault())) {
         return -1;
     }
     return client->descriptors.open();

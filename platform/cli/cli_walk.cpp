@@ -65,7 +65,7 @@ bool cli_walk::prefix_fits() const {
 }
 
 void cli_walk::hint(std::string_view word, std::string_view help) {
-    const bool no_way = (pcdb->prefix & CLI_PREFIX_NO) && !place.no_allowed;
+    const bool no_way = (pcdb->prefix & CLI_PREFIX_NO) && !place.no_allowed && !place.no_in_tree;
     const bool default_way = (pcdb->prefix & CLI_PREFIX_DEFAULT) && !place.default_in_tree;
     const bool known = std::any_of(hints_.begin(), hints_.end(),
                                    [&](const Hint& other) { return other.word == word; });

@@ -52,10 +52,14 @@ std::map<int, std::vector<Tree>>& chains() {
     return instance;
 }
 
+// A tree with a node for the "no" prefix takes it for all its commands, for the node may stand
+// beside the path. Under "debug" it must stand on the path: the trees there hold unrelated
+// commands.
 void visit_chain(cli_walk* walk, int chain) {
     const Place before = walk->place;
     for (const Tree& tree : chains().at(chain)) {
-        walk->place.no_allowed = before.no_allowed || tree.has_no;
+        walk->place.no_allowed = before.no_allowed || (tree.has_no && chain != CLI_CHAIN_DEBUG);
+        walk->place.no_in_tree = tree.has_no;
         walk->place.default_in_tree = before.default_in_tree || tree.has_default;
         walk->visit(tree.root);
     }
@@ -94,9 +98,8 @@ void exec_root_action(cli_walk* walk, const cli_node*) {
         return;
     }
     visit_chain(walk, kChainExec);
-    // Everything under "debug" can be taken back, whether or not its tree looks at the prefix.
     const Place before = walk->place;
-    walk->place.no_allowed = true;
+    walk->place.no_in_tree = true;
     walk->visit(&debug_word);
     walk->place = before;
 }

@@ -68,7 +68,8 @@ int show_version(cli_pcdb*) {
 }  // namespace
 
 void register_debug_commands() {
-    attach(CLI_CHAIN_DEBUG, custom(switch_name_action, end_of_line(set_switch)), "debug switches");
+    const cli_node* name = custom(switch_name_action, end_of_line(set_switch));
+    attach(CLI_CHAIN_DEBUG, with_no(name, name), "debug switches");
     attach(CLI_CHAIN_SHOW,
            keyword("debugging", "Debug switches that are on", end_of_line(show_switches)),
            "show debugging");

@@ -3,12 +3,13 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <utility>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
-#include "platform/cli/scripted_faults.h"
+#include "platform/cli/fault_seam.h"
 #include "platform/cli/walk.h"
 #include "platform/client/platform.h"
 
@@ -90,6 +91,16 @@ std::string squeezed(std::string_view line) {
     return text;
 }
 
+// The bit of a port's type in cli_pcdb::ifrange_types. The types that take the commands of a
+// switched port share the bits of the mask that programs test; the others have one of their own.
+uint32_t type_bit(uint32_t type) {
+    constexpr uint32_t kSwitched[] = {0, 1, 2, 7, 8, 16, 18, 27, 28};
+    constexpr uint32_t kFirst = 2;
+    constexpr uint32_t kOther = 31;
+    const bool switched = type >= kFirst && type - kFirst < std::size(kSwitched);
+    return 1U << (switched ? kSwitched[type - kFirst] : kOther);
+}
+
 cli_pcdb make_context(const SessionState& session, uint32_t prefix, unsigned long flags) {
     cli_pcdb pcdb{};
     pcdb.flags = flags;
@@ -101,7 +112,7 @@ cli_pcdb make_context(const SessionState& session, uint32_t prefix, unsigned lon
     if (session.mode == kModeRange) {
         for (const uint64_t ifx : session.range) {
             const Port* port = platform().ports().find(static_cast<uint32_t>(ifx));
-            pcdb.ifrange_types |= port && port->type < 32 ? 1U << port->type : 0;
+            pcdb.ifrange_types |= port ? type_bit(port->type) : 0;
         }
     }
     return pcdb;
@@ -109,6 +120,11 @@ cli_pcdb make_context(const SessionState& session, uint32_t prefix, unsigned lon
 
 bool port_exists(uint64_t ifx) {
     return platform().ports().find(static_cast<uint32_t>(ifx)) != nullptr;
+}
+
+std::string port_name(uint64_t ifx) {
+    const Port* port = platform().ports().find(static_cast<uint32_t>(ifx));
+    return port ? port->name : std::to_string(ifx);
 }
 
 // Ports may go while a session is in their mode: it falls back to mode config then.
@@ -127,19 +143,40 @@ bool ports_are_there(SessionState& session) {
     return true;
 }
 
-int call_handler(cli_handler handler, cli_pcdb& pcdb, const SessionState& session) {
-    if (session.mode != kModeRange) {
-        return handler(&pcdb);
-    }
-    g_running->answer = nullptr;  // one line, one answer, but several handler calls
+// Whether a member of a range takes the line by itself.
+bool applies_to(uint64_t ifx, uint32_t prefix, std::string_view line) {
+    SessionState alone;
+    alone.mode = kModeInterface;
+    alone.ifx = ifx;
+    cli_pcdb pcdb = make_context(alone, prefix, CLI_FLAG_HELP);
+    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
+    return port_exists(ifx) && walk.parse(cli_get_mode_root(kModeInterface), line).handler;
+}
+
+// Calls the handler for each port of the range. Ports that may not have the command are named.
+int run_on_range(cli_handler handler, cli_pcdb& pcdb, const SessionState& session,
+                 std::string_view line) {
+    // One line has one answer, but several calls of the handler.
+    g_running->answer = nullptr;
+    const uint32_t prefix = pcdb.prefix;
+    const uint32_t typed = (prefix & CLI_PREFIX_DEFAULT) ? CLI_PREFIX_DEFAULT : prefix;
     int result = 0;
+    std::string skipped;
     const std::vector<uint64_t> range = session.range;
     for (const uint64_t ifx : range) {
+        if (!applies_to(ifx, typed, line)) {
+            skipped += (skipped.empty() ? "" : ", ") + port_name(ifx);
+            continue;
+        }
         pcdb.ifx = ifx;
         const int one = handler(&pcdb);
         result = result != 0 ? result : one;
     }
-    return result;
+    if (skipped.empty()) {
+        return result;
+    }
+    const int refused = refuse("Not a command for " + skipped + ".");
+    return result != 0 ? result : refused;
 }
 
 // Runs a line that is known to be clean; output goes to the command at hand.
@@ -153,9 +190,10 @@ int run_line(SessionState& session, std::string_view line) {
         cli_printf("%% The interface does not exist.\n");
         return -1;
     }
-    std::string text;
+    const bool configures = session.mode != kModeExec;
+    const LineFault fault = g_line_fault;
     int result = 0;
-    if (session.mode != kModeExec && take_refusal(squeezed(line), text, result)) {
+    if (std::string text; fault && configures && fault(squeezed(line), text, result)) {
         cli_printf("%s%s", text.c_str(), text.empty() || text.back() == '\n' ? "" : "\n");
         return result;
     }
@@ -167,12 +205,15 @@ int run_line(SessionState& session, std::string_view line) {
         cli_printf("%s\n", parsed.error.c_str());
         return -1;
     }
-    const bool configures = session.mode != kModeExec;
-    const int result_of_handler = call_handler(parsed.handler, pcdb, session);
+    if (prefix & CLI_PREFIX_DEFAULT) {
+        pcdb.prefix |= CLI_PREFIX_NO;  // the default is what "no" leads to
+    }
+    result = session.mode == kModeRange ? run_on_range(parsed.handler, pcdb, session, line)
+                                        : parsed.handler(&pcdb);
     if (configures && keeper) {
         keeper->request_save();
     }
-    return result_of_handler;
+    return result;
 }
 
 std::vector<Hint> hints_for(SessionState& session, std::string_view line) {
@@ -199,11 +240,6 @@ std::vector<Hint> hints_for(SessionState& session, std::string_view line) {
                                              [](const Hint& hint) { return hint.literal; });
     std::sort(hints.begin(), slots, [](const Hint& a, const Hint& b) { return a.word < b.word; });
     return hints;
-}
-
-std::string port_name(uint64_t ifx) {
-    const Port* port = platform().ports().find(static_cast<uint32_t>(ifx));
-    return port ? port->name : std::to_string(ifx);
 }
 
 // Empties `answer` when the command defers its answer.

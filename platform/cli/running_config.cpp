@@ -1,5 +1,6 @@
 #include "platform/cli/running_config.h"
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
@@ -93,7 +94,7 @@ void cli_interface_show_run_hook(int (*hook)(cli_pcdb* pcdb)) {
     qv::cli::g_interface_hook = hook;
 }
 
-void c2p_printf(cli_pcdb*, int indentation, const char* format, ...) {
+void c2p_printf(cli_pcdb* pcdb, int indentation, const char* format, ...) {
     if (!qv::cli::g_text) {
         return;
     }
@@ -102,7 +103,8 @@ void c2p_printf(cli_pcdb*, int indentation, const char* format, ...) {
     std::string line = qv::cli::formatted(format, arguments);
     va_end(arguments);
     line.erase(line.find_last_not_of("\r\n") + 1);
-    qv::cli::g_text->append(static_cast<size_t>(indentation > 0 ? indentation : 0), ' ');
+    const bool global = std::strcmp(pcdb->mode, qv::cli::kModeConfig) == 0;
+    qv::cli::g_text->append(static_cast<size_t>(global ? 0 : std::max(indentation, 0)), ' ');
     qv::cli::g_text->append(line);
     qv::cli::g_text->push_back('\n');
 }

@@ -3,6 +3,8 @@
 #include <list>
 #include <mutex>
 
+#include "platform/cli/fault_seam.h"
+
 namespace qv::cli {
 namespace {
 
@@ -28,11 +30,13 @@ Faults& faults() {
 void refuse_next_line(std::string line, std::string text, int result) {
     const std::lock_guard lock(faults().mutex);
     faults().refusals.push_back({std::move(line), std::move(text), result});
+    g_line_fault = take_refusal;
 }
 
 void fail_next_sessions(unsigned count) {
     const std::lock_guard lock(faults().mutex);
     faults().failed_sessions = count;
+    g_session_fault = take_session_failure;
 }
 
 bool take_refusal(const std::string& line, std::string& text, int& result) {

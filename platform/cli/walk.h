@@ -33,7 +33,8 @@ struct Place {
     const cli_node* node = nullptr;
     bool no_allowed = false;       // the tree has a node for the "no" prefix
     bool default_allowed = false;  // a node for the "default" prefix was passed
-    bool default_in_tree = false;  // for help: such a node may follow
+    bool no_in_tree = false;       // for help: a node for the "no" prefix may follow
+    bool default_in_tree = false;  // the same for "default"
     std::vector<Capture> captures;
 };
 

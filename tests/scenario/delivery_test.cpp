@@ -103,7 +103,7 @@ TEST(CommandDelivery, SessionThatCannotBeOpenedDropsTheFeatures) {
     EXPECT_EQ(rig.take_executed(), Lines{});
     EXPECT_EQ(rig.take_delivery_log(),
               Lines{"LDA-6-ERROR: <lda_loop_cmd_enable> LDA cli_sub_create_session fail, fd=-1"});
-    EXPECT_EQ(rig.running_config(), " loop-detect enable\ninterface swp1\n!\n");
+    EXPECT_EQ(rig.running_config(), "loop-detect enable\ninterface swp1\n!\n");
 }
 
 TEST(CommandDelivery, FailedFeatureLineDoesNotStopTheOthers) {

@@ -46,8 +46,8 @@ TEST(SavedConfiguration, PortShutByTheAgentIsSavedAsSuch) {
 
 TEST(SavedConfiguration, HeldPortIsRecoveredAfterARestart) {
     SwitchRig rig(
-        saved(" loop-detect enable shutdown access-mode\n"
-              " loop-detect shutdown-recover-time 90\n"
+        saved("loop-detect enable shutdown access-mode\n"
+              "loop-detect shutdown-recover-time 90\n"
               "interface swp2\n"
               " shutdown\n"
               " loop-detect apply shutdown-port\n"
@@ -76,7 +76,7 @@ TEST(SavedConfiguration, HeldPortIsRecoveredAfterARestart) {
 // The mark must not be judged by the mode that the port had before its line was replayed.
 TEST(SavedConfiguration, HeldHybridPortIsNotOpenedByARestart) {
     SwitchRig rig(
-        saved(" loop-detect enable shutdown hybrid-mode\n"
+        saved("loop-detect enable shutdown hybrid-mode\n"
               "interface swp2\n"
               " switchport mode hybrid\n"
               " shutdown\n"

@@ -82,22 +82,18 @@ TEST(StormCommands, NoAndDefaultTakeBothCommandsBack) {
     }
 }
 
-TEST(StormCommands, DefaultOfTheApplyCommandShutsThePortLikeTheCommandItself) {
+TEST(StormCommands, DefaultOfTheApplyCommandReleasesThePortLikeItsNoForm) {
     SwitchRig rig(one_port());
     rig.set_policy("shutdown access-mode");
-    rig.trace();
     enter_port(rig);
-    EXPECT_EQ(rig.type("default loop-detect apply shutdown-port"), "");
-    const Lines log = rig.take_log();
-    ASSERT_GE(log.size(), 2U);
-    EXPECT_EQ(Lines(log.begin(), log.begin() + 2),
-              traced({"<cfg_lda_cli_apply_shutdown_command> commnad cli_apply_shutdown=1",
-                      "<cfg_lda_cli_apply_shutdown_command_int> enter"}));
-    EXPECT_EQ(rig.take_executed(), Lines{"interface 1: shutdown \r\n"});
+    EXPECT_EQ(rig.type("loop-detect apply shutdown-port"), "");
     EXPECT_EQ(rig.section("swp1"),
               (Lines{"shutdown", "tarn port loop-detect warning", "loop-detect apply shutdown-port",
                      "storm-loop-detect enable"}));
-    EXPECT_EQ(rig.type("no loop-detect apply shutdown-port"), "");
+    rig.forget();
+    EXPECT_EQ(rig.type("default loop-detect apply shutdown-port"), "");
+    EXPECT_EQ(rig.take_executed(),
+              (Lines{"interface 1: errdisable recovery \r\n", "interface 1: no shutdown  \r\n"}));
     EXPECT_EQ(rig.section("swp1"),
               (Lines{"tarn port loop-detect warning", "storm-loop-detect enable"}));
 }

@@ -28,13 +28,14 @@ inline constexpr unsigned long CLI_FLAG_C2P = 0x10;       // generating, for the
 inline constexpr unsigned long CLI_FLAGS_GENERATING = CLI_FLAG_SHOW_RUN | CLI_FLAG_C2P;  // 18
 // cli_pcdb::prefix
 inline constexpr uint32_t CLI_PREFIX_NO = 0x1;
-inline constexpr uint32_t CLI_PREFIX_DEFAULT = 0x2;
+inline constexpr uint32_t CLI_PREFIX_DEFAULT = 0x2;  // a handler gets it with CLI_PREFIX_NO
 
 // What a handler is told: one command, or one pass of the generation. Valid during the call.
 struct cli_pcdb {
     unsigned long flags;     // CLI_FLAG_*
     uint32_t prefix;         // CLI_PREFIX_*
-    uint32_t ifrange_types;  // mode "ifrange": bit n set when the range has a port of type n
+    uint32_t ifrange_types;  // mode "ifrange": kinds of ports in the range; types 2 to 10 have a
+                             // bit of 0x18050187, no other type has
     uint64_t ifx;            // interface modes: the port; 0 elsewhere
     char mode[CLI_MODE_NAME_BYTES];             // "exec", "config", "interface", "ifrange"
     int64_t number[CLI_NUMBER_SLOTS];           // number slots, zeroed before each line
@@ -150,8 +151,8 @@ int sys_add_debug(const char* name, void (*control)(int operation));
 // Output of the command being executed; dropped when none is.
 void cli_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// One line of the configuration being generated, indented by `indentation` blanks and ended exactly
-// once, whether or not the text brings a line end.
+// One line of the configuration being generated, ended exactly once, whether or not the text brings
+// a line end. In a section it is indented by `indentation` blanks; global lines stand flush left.
 void c2p_printf(cli_pcdb* pcdb, int indentation, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 

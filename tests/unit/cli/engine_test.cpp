@@ -7,7 +7,9 @@
 #include <vector>
 
 #include "platform/cli/command_trees.h"
+#include "platform/cli/fault_seam.h"
 #include "platform/cli/running_config.h"
+#include "platform/cli/scripted_faults.h"
 #include "platform/cli/walk.h"
 #include "tests/unit/cli/cli_rig.h"
 
@@ -190,7 +192,7 @@ TEST_F(Engine, DefaultPrefixIsTakenOnlyOnAPathWithANodeForIt) {
            keyword("alpha", "", keyword("deep", "", end_of_line(record), with_default(end, end))),
            "test");
     EXPECT_EQ(in_config("default alpha"), "");
-    EXPECT_EQ(g_calls, std::vector<std::string>{"config ifx=0 prefix=2 numbers=0,0 word="});
+    EXPECT_EQ(g_calls, std::vector<std::string>{"config ifx=0 prefix=3 numbers=0,0 word="});
     EXPECT_EQ(in_config("default alpha deep"),
               "% Invalid prefix: 'default' does not apply here.\n");
     EXPECT_EQ(g_calls.size(), 1U);
@@ -330,7 +332,7 @@ TEST_F(Engine, GenerationRunsOnlyPrintNodesOncePerSectionGlobalLinesFirst) {
     attach(CLI_CHAIN_INTERFACE_STORM, keyword("alpha", "", print, print), "test");
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", print), "test");
     EXPECT_EQ(qv::cli::generate_config(qv::cli::ConfigPurpose::kShow),
-              " alpha 0\n  beta\n"
+              "alpha 0\nbeta\n"
               "interface swp1\n alpha 101\n  beta\n!\n"
               "interface swp2\n alpha 102\n  beta\n!\n"
               "interface swp3\n alpha 103\n  beta\n!\n"
@@ -453,13 +455,77 @@ int keep_types(cli_pcdb* pcdb) {
     return 0;
 }
 
+// The mask by which programs tell the ports that take their commands.
+constexpr uint32_t kSwitchedTypes = 0x18050187;
+
+TEST_F(Engine, RangeOfAnySwitchedTypeMeetsTheMaskOfProgramsAndNoOtherDoes) {
+    attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(keep_types)), "test");
+    for (uint32_t type = 0; type <= 40; ++type) {
+        rig.hardware.add("lag1", 200, type);
+        rig.session.mode = "config";
+        rig.type("interface range lag1");
+        rig.type("alpha");
+        EXPECT_EQ((g_types & kSwitchedTypes) != 0, type >= 2 && type <= 10) << "type " << type;
+        EXPECT_NE(g_types, 0U) << "type " << type;
+        rig.hardware.remove(200);
+    }
+}
+
 TEST_F(Engine, RangeTypesAreTheUnionOfThePortsTypes) {
     rig.hardware.add("lag1", 200, 10);
     attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(keep_types)), "test");
     rig.session.mode = "config";
     rig.type("interface range swp1, lag1");
     rig.type("alpha");
-    EXPECT_EQ(g_types, (1U << 2) | (1U << 10));
+    EXPECT_EQ(g_types, 0x10000001U);
+}
+
+int only_even_ports(cli_pcdb* pcdb) {
+    const bool range = std::string_view(pcdb->mode) == "ifrange";
+    return range ? (pcdb->ifrange_types & kSwitchedTypes) != 0 : pcdb->ifx % 2 == 0;
+}
+
+TEST_F(Engine, RangeNamesTheMembersThatMayNotHaveACommandAndServesTheOthers) {
+    const cli_node* alpha =
+        keyword("alpha", "", with_default(end_of_line(record), end_of_line(record)));
+    static const cli_test_arg kTest = {alpha, &Tno_alt, only_even_ports};
+    static const cli_node kGuard = {test_expression_action, &kTest, nullptr, nullptr, nullptr};
+    attach(CLI_CHAIN_INTERFACE, &kGuard, "test");
+    rig.session.mode = "config";
+    rig.type("interface range swp1-4");
+    EXPECT_EQ(rig.type("alpha"), "% Not a command for swp1, swp3.\n");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"ifrange ifx=102 prefix=0 numbers=0,0 word=",
+                                                 "ifrange ifx=104 prefix=0 numbers=0,0 word="}));
+    g_calls.clear();
+    rig.type("interface range swp2,swp4");
+    EXPECT_EQ(rig.type("default alpha"), "");
+    EXPECT_EQ(rig.code, 0);
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"ifrange ifx=102 prefix=3 numbers=0,0 word=",
+                                                 "ifrange ifx=104 prefix=3 numbers=0,0 word="}));
+}
+
+TEST_F(Engine, NoUnderDebugNeedsAFormOnThePathOfTheCommand) {
+    const cli_node* end = end_of_line(record);
+    attach(CLI_CHAIN_DEBUG,
+           keyword("alpha", "", keyword("one", "", with_no(end, end), keyword("two", "", end))),
+           "test");
+    EXPECT_EQ(rig.type("no debug alpha one"), "");
+    EXPECT_EQ(rig.type("no debug alpha two"), "% Invalid prefix: 'no' does not apply here.\n");
+    EXPECT_EQ(rig.type("debug alpha two"), "");
+    EXPECT_EQ(g_calls, (std::vector<std::string>{"exec ifx=0 prefix=1 numbers=0,0 word=",
+                                                 "exec ifx=0 prefix=0 numbers=0,0 word="}));
+    EXPECT_EQ(qv::cli::completions(rig.session, "no deb"), "debug\n");
+    EXPECT_EQ(qv::cli::completions(rig.session, "no debug al"), "alpha\n");
+}
+
+TEST_F(Engine, FaultsCostNothingUntilOneIsScripted) {
+    EXPECT_EQ(in_config("tarn enable"), "");
+    EXPECT_EQ(qv::cli::g_line_fault.load(), nullptr);
+    EXPECT_EQ(qv::cli::g_session_fault.load(), nullptr);
+    qv::cli::refuse_next_line("tarn", "not now");
+    EXPECT_EQ(in_config("tarn  enable"), "not now\n");
+    EXPECT_EQ(in_config("tarn enable"), "");
 }
 
 TEST_F(Engine, PrintingOutsideACommandOrGenerationIsDropped) {

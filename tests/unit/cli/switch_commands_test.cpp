@@ -185,7 +185,7 @@ TEST_F(SwitchCommands, TarnLinesAreKeptPrintedAndTakenBack) {
     EXPECT_TRUE(qv::cli::tarn_port_enabled(103));
     EXPECT_FALSE(qv::cli::tarn_port_enabled(101));
     EXPECT_EQ(from_exec({"show running-config"}),
-              " tarn enable\n tarn error-recover interval 90\n"
+              "tarn enable\ntarn error-recover interval 90\n"
               "interface swp1\n!\ninterface swp2\n!\n"
               "interface swp3\n tarn port loop-detect warning\n!\ninterface swp4\n!\n");
     EXPECT_EQ(configure({"no tarn enable\r\n", "no tarn error-recover interval\r\n",
@@ -228,7 +228,7 @@ TEST_F(SwitchCommands, ReplaceLeavesExactlyTheLinesOfTheFile) {
     configure({"tarn enable", "tarn error-recover interval 90", "interface swp1", "shutdown",
                "interface swp2", "switchport mode trunk", "tarn port loop-detect warning"});
     const std::string target =
-        " tarn error-recover interval 120\n"
+        "tarn error-recover interval 120\n"
         "interface swp1\n!\n"
         "interface swp2\n switchport mode hybrid\n!\n"
         "interface swp3\n shutdown\n!\n"
