@@ -51,9 +51,10 @@ void cli_walk::visit(const cli_node* node) {
     --depth_;
 }
 
-Place cli_walk::after(const cli_node* node) const {
+Place cli_walk::after(const cli_node* node, std::string_view word) const {
     Place next = place;
     next.node = node->accept;
+    next.text.append(next.text.empty() ? "" : " ").append(word);
     return next;
 }
 
@@ -89,7 +90,7 @@ void cli_walk::offer_keyword(std::string_view keyword, std::string_view help, co
     Offer offer{.fit = keyword == word_->text ? Fit::kKeyword : Fit::kKeywordPrefix,
                 .name = std::string(keyword),
                 .takes_rest = false,
-                .next = after(node)};
+                .next = after(node, keyword)};
     if (capture.slot != Capture::Slot::kNone) {
         offer.next.captures.push_back(std::move(capture));
     }
@@ -112,7 +113,10 @@ void cli_walk::offer_number(const cli_number_arg& number, const cli_node* node) 
         slot_error_ = std::move(wrong);
         return;
     }
-    Offer offer{.fit = Fit::kNumber, .name = number.help, .takes_rest = false, .next = after(node)};
+    Offer offer{.fit = Fit::kNumber,
+                .name = number.help,
+                .takes_rest = false,
+                .next = after(node, std::to_string(value))};
     offer.next.captures.push_back(
         {.slot = Capture::Slot::kNumber, .index = number.slot, .number = value, .word = {}});
     offers_.push_back(std::move(offer));
@@ -133,7 +137,8 @@ void cli_walk::offer_word(const cli_word_arg& word, const cli_node* node) {
         slot_error_ = "% Word too long: " + quoted(text) + ".";
         return;
     }
-    Offer offer{.fit = Fit::kWord, .name = word.name, .takes_rest = word.rest, .next = after(node)};
+    Offer offer{
+        .fit = Fit::kWord, .name = word.name, .takes_rest = word.rest, .next = after(node, text)};
     offer.next.captures.push_back(
         {.slot = Capture::Slot::kWord, .index = word.slot, .number = 0, .word = std::string(text)});
     offers_.push_back(std::move(offer));
@@ -244,19 +249,20 @@ Parsed cli_walk::parse(const cli_node* root, std::string_view line) {
         }
         look(places, &word);
         if (!choose(word, places, rest)) {
-            return {nullptr, error_};
+            return {nullptr, error_, {}};
         }
     }
     look(places, nullptr);
     if (handler_) {
         store(end_);
-        return {handler_, {}};
+        return {handler_, {}, end_.text};
     }
     if (prefix_refused_) {
         const char* prefix = (pcdb->prefix & CLI_PREFIX_NO) ? "no" : "default";
-        return {nullptr, "% Invalid prefix: '" + std::string(prefix) + "' does not apply here."};
+        return {
+            nullptr, "% Invalid prefix: '" + std::string(prefix) + "' does not apply here.", {}};
     }
-    return {nullptr, "% Incomplete command."};
+    return {nullptr, "% Incomplete command.", {}};
 }
 
 std::vector<Hint> cli_walk::hints(const cli_node* root, std::string_view line) {

@@ -104,18 +104,28 @@ void exec_root_action(cli_walk* walk, const cli_node*) {
     walk->place = before;
 }
 
-void config_root_action(cli_walk* walk, const cli_node*) {
-    visit_chain(walk, kChainSession);
+void config_commands_action(cli_walk* walk, const cli_node*) {
     visit_chain(walk, CLI_CHAIN_CONFIG);
 }
 
-void interface_root_action(cli_walk* walk, const cli_node*) {
-    visit_chain(walk, kChainSession);
+void interface_commands_action(cli_walk* walk, const cli_node*) {
     visit_chain(walk, CLI_CHAIN_INTERFACE);
     visit_chain(walk, CLI_CHAIN_INTERFACE_STORM);
 }
 
+void config_root_action(cli_walk* walk, const cli_node* node) {
+    visit_chain(walk, kChainSession);
+    config_commands_action(walk, node);
+}
+
+void interface_root_action(cli_walk* walk, const cli_node* node) {
+    visit_chain(walk, kChainSession);
+    interface_commands_action(walk, node);
+}
+
 const cli_node exec_root = {exec_root_action, nullptr, nullptr, nullptr, nullptr};
+const cli_node config_commands = {config_commands_action, nullptr, nullptr, nullptr, nullptr};
+const cli_node interface_commands = {interface_commands_action, nullptr, nullptr, nullptr, nullptr};
 const cli_node config_root = {config_root_action, nullptr, nullptr, nullptr, nullptr};
 const cli_node interface_root = {interface_root_action, nullptr, nullptr, nullptr, nullptr};
 
@@ -132,6 +142,13 @@ const cli_node* node(cli_action action, const void* argument, const cli_node* ac
 }
 
 }  // namespace
+
+const cli_node* config_commands_root(std::string_view mode) {
+    if (mode == kModeConfig) {
+        return &config_commands;
+    }
+    return mode == kModeInterface || mode == kModeRange ? &interface_commands : nullptr;
+}
 
 const cli_node* end_of_line(cli_handler handler) {
     return node(eol_action, keep(cli_eol_arg{1, handler}), nullptr);

@@ -1,6 +1,8 @@
 // Where command trees hang: modes, attachment points, and the tree under each. Loop thread only.
 #pragma once
 
+#include <string_view>
+
 #include "qv/cli.h"
 
 namespace qv::cli {
@@ -15,6 +17,10 @@ inline constexpr const char* kModeExec = "exec";
 inline constexpr const char* kModeConfig = "config";
 inline constexpr const char* kModeInterface = "interface";
 inline constexpr const char* kModeRange = "ifrange";
+
+// The trees of a mode without those that move the session: what a configuration consists of. Null
+// for mode exec and an unknown one.
+const cli_node* config_commands_root(std::string_view mode);
 
 // Builders for the switch's own trees: nodes that live for ever. Texts must do so too.
 const cli_node* end_of_line(cli_handler handler);

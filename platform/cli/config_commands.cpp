@@ -64,15 +64,6 @@ int write_running(cli_pcdb*) {
     return reason.empty() ? 0 : refuse("Not saved: " + reason + ".");
 }
 
-int replace(cli_pcdb* pcdb) {
-    const std::string path = pcdb->word[0];
-    const std::optional<std::string> text = read_config_file(path);
-    if (!text) {
-        return refuse(path + ": " + std::strerror(errno) + ".");
-    }
-    return replace_config(*text);
-}
-
 }  // namespace
 
 void register_config_commands() {
@@ -84,11 +75,6 @@ void register_config_commands() {
            "show startup-config");
     attach(kChainExec, keyword("write", "Save the configuration", end_of_line(write_running)),
            "write");
-    attach(kChainExec,
-           keyword("configure", "Change the configuration",
-                   keyword("replace", "By that of a file, without a restart",
-                           rest_of_line("FILE", "Path of the file", end_of_line(replace)))),
-           "configure replace");
 }
 
 }  // namespace qv::cli

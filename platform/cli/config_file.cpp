@@ -137,7 +137,11 @@ std::vector<ConfigSection> parse_config(std::string_view text) {
 
 std::optional<std::string> read_config_file(const std::string& path) {
     // Not to hang on something that is no file.
-    const Descriptor fd(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    return read_config_from(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+}
+
+std::optional<std::string> read_config_from(int open_fd) {
+    const Descriptor fd(open_fd);
     struct stat status {};
     if (fd.get() < 0 || ::fstat(fd.get(), &status) != 0) {
         return {};

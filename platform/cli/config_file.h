@@ -29,6 +29,8 @@ std::vector<ConfigSection> parse_config(std::string_view text);
 
 // The text of a file of reasonable size. An empty optional with errno set when it cannot be read.
 std::optional<std::string> read_config_file(const std::string& path);
+// The same from an open descriptor, which it closes; negative: errno stays.
+std::optional<std::string> read_config_from(int fd);
 
 // The last line of a configuration that was written to its end.
 inline constexpr std::string_view kConfigEnd = "end\n";

@@ -221,6 +221,11 @@ void ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
     }
 }
 
+void ConfigKeeper::keep_section(ConfigSection section) {
+    sections_.keep(std::move(section));
+    request_save();
+}
+
 bool ConfigKeeper::forget_port(const std::string& name) {
     ConfigSection section;
     const bool known = sections_.take(name, section);

@@ -49,6 +49,8 @@ class ConfigKeeper final : public PortObserver {
     std::string set_admin(uint32_t ifx, bool up, bool by_program);
     // A line for a port that is not there: "no shutdown" is carried out when the port is back.
     void note_wish(uint64_t ifx, std::string_view line);
+    // Keeps a section for a port that is not there, in place of the one it has.
+    void keep_section(ConfigSection section);
     // Forgets what is kept for a port that is not there. False when nothing is.
     bool forget_port(const std::string& name);
     // The sections of ports that are not there.
@@ -89,9 +91,5 @@ class ConfigKeeper final : public PortObserver {
 
 // The keeper of this process, null before cli_client_init. Any thread.
 ConfigKeeper* config_keeper();
-
-// "configure replace": changes the running configuration into `text`, line by line. Prints what was
-// refused. 0, or 1 when something was.
-int replace_config(std::string_view text);
 
 }  // namespace qv::cli

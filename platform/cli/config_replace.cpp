@@ -1,22 +1,38 @@
-// "configure replace": the difference between two configurations, executed line by line.
+// "configure replace" and "configure confirm".
+//
+// The file is read with the rights of the user who asks, and checked to its last line, before
+// anything happens. Then the difference is executed: what is missing is typed, and what is too many
+// is taken back. With "confirm MINUTES" the configuration before is kept as text and put in force
+// again, in the same way, unless somebody confirms in time. It is kept in memory only: an agent
+// that is restarted meanwhile stays with what it has saved.
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <optional>
 
+#include "platform/cli/caller.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/config_target.h"
 #include "platform/cli/engine.h"
-#include "platform/cli/running_config.h"
+#include "platform/cli/switch_commands.h"
 #include "platform/client/platform.h"
+#include "qv/syslog.h"
 
 namespace qv::cli {
 namespace {
 
-bool has_line(const std::vector<ConfigSection>& sections, const std::string& port,
-              const std::string& text) {
-    return std::any_of(sections.begin(), sections.end(), [&](const ConfigSection& section) {
-        return section.port == port &&
-               std::any_of(section.lines.begin(), section.lines.end(),
-                           [&](const ConfigLine& line) { return line.text == text; });
-    });
+constexpr int64_t kMaxConfirmMinutes = 1440;
+
+// A replacement that waits for "configure confirm".
+struct Unconfirmed {
+    ConfigSections before;
+    EventLoop::Handle timer;  // empty: nothing waits
+};
+
+Unconfirmed& unconfirmed() {
+    static Unconfirmed& instance = *new Unconfirmed;
+    return instance;
 }
 
 // The session in which the lines of a section run; false when its port does not exist.
@@ -60,33 +76,36 @@ bool execute_or_tell(SessionState& session, const std::string& line, const std::
     return false;
 }
 
-bool add_missing(const ConfigSection& section, const std::vector<ConfigSection>& current) {
+bool add_missing(const ConfigSection& section, const ConfigSections& current) {
     SessionState session;
     if (!enter(section.port, session)) {
-        cli_printf("%% line %d: interface %s does not exist.\n", section.number,
+        cli_printf("line %d: interface %s does not exist; its lines wait for it.\n", section.number,
                    section.port.c_str());
-        return false;
+        config_keeper()->keep_section(section);
+        return true;
     }
     bool done = true;
-    for (const ConfigLine& line : section.lines) {
-        if (!has_line(current, section.port, line.text)) {
-            const std::string where = "line " + std::to_string(line.number) + ": ";
-            done = execute_or_tell(session, line.text, where) && done;
-        }
+    for (const ConfigLine& line : lines_only_in({section}, current, section.port)) {
+        const std::string where = "line " + std::to_string(line.number) + ": ";
+        done = execute_or_tell(session, line.text, where) && done;
     }
     return done;
 }
 
-bool remove_superfluous(const ConfigSection& section, const std::vector<ConfigSection>& target) {
+bool remove_superfluous(const std::string& port, const ConfigSections& current,
+                        const ConfigSections& target) {
     SessionState session;
-    if (!enter(section.port, session)) {
+    const std::vector<ConfigLine> lines = lines_only_in(current, target, port);
+    if (!enter(port, session)) {
+        const bool wanted = std::any_of(target.begin(), target.end(),
+                                        [&](const auto& section) { return section.port == port; });
+        if (!wanted) {
+            config_keeper()->forget_port(port);
+        }
         return true;
     }
     bool done = true;
-    for (const ConfigLine& line : section.lines) {
-        if (has_line(target, section.port, line.text)) {
-            continue;
-        }
+    for (const ConfigLine& line : lines) {
         const std::string undo = undoing(session, line.text);
         if (undo.empty()) {
             cli_printf("%% %s: cannot be taken back.\n", line.text.c_str());
@@ -96,20 +115,110 @@ bool remove_superfluous(const ConfigSection& section, const std::vector<ConfigSe
     return done;
 }
 
-}  // namespace
-
-int replace_config(std::string_view text) {
-    const std::vector<ConfigSection> target = parse_config(text);
+// False when a line was refused; the reason was printed.
+bool put_in_force(const ConfigSections& target) {
     bool done = true;
-    const auto before = parse_config(generate_config(ConfigPurpose::kSave));
+    const ConfigSections before = current_config();
     for (const ConfigSection& section : target) {
         done = add_missing(section, before) && done;
     }
     // Generated again: a new line often takes an old one's place by itself.
-    for (const ConfigSection& section : parse_config(generate_config(ConfigPurpose::kSave))) {
-        done = remove_superfluous(section, target) && done;
+    const ConfigSections after = current_config();
+    for (const ConfigSection& section : after) {
+        done = remove_superfluous(section.port, after, target) && done;
     }
-    return done ? 0 : 1;
+    return done;
+}
+
+void go_back() {
+    const ConfigSections before = std::move(unconfirmed().before);
+    unconfirmed() = {};
+    const bool done = put_in_force(before);
+    printk_syslog_ext(
+        SYSLOG_SEVERITY_WARNING, "CLI", "REPLACE",
+        "The replaced configuration was not confirmed in time: the one before is back%s.",
+        done ? "" : ", but some of its lines were refused");
+}
+
+// The file's configuration, or nothing when it was refused.
+std::optional<ConfigSections> read_target(const std::string& path) {
+    const std::optional<Caller>& caller = current_session()->caller;
+    const std::optional<std::string> text =
+        read_config_from(open_as(caller ? &*caller : nullptr, path));
+    if (!text) {
+        const char* const reason = errno == ELOOP    ? "It is a symbolic link"
+                                   : errno == EINVAL ? "It is no regular file"
+                                                     : std::strerror(errno);
+        refuse(path + ": " + reason + ".");
+        return {};
+    }
+    std::string fault;
+    ConfigSections sections = check_config(*text, fault);
+    if (!fault.empty()) {
+        refuse(path + ": " + fault);
+        return {};
+    }
+    return sections;
+}
+
+int list(cli_pcdb* pcdb) {
+    const std::optional<ConfigSections> target = read_target(pcdb->word[0]);
+    if (!target) {
+        return 1;
+    }
+    cli_printf("%s", difference(current_config(), *target).c_str());
+    return 0;
+}
+
+// Without minutes the replacement is final.
+int replace_by(const std::string& path, int64_t minutes) {
+    if (unconfirmed().timer) {
+        return refuse("The configuration was replaced already and waits for 'configure confirm'.");
+    }
+    const std::optional<ConfigSections> target = read_target(path);
+    if (!target) {
+        return 1;
+    }
+    if (minutes > 0) {
+        // Operators live in real time, whatever the speed of a simulated switch's clock.
+        const std::chrono::duration<double, std::ratio<60>> wait(static_cast<double>(minutes) *
+                                                                 platform().config().speed);
+        unconfirmed().before = current_config();
+        unconfirmed().timer =
+            platform().loop().after(std::chrono::duration_cast<Duration>(wait), go_back);
+    }
+    return put_in_force(*target) ? 0 : 1;
+}
+
+int replace(cli_pcdb* pcdb) {
+    return replace_by(pcdb->word[0], 0);
+}
+
+int replace_for_now(cli_pcdb* pcdb) {
+    return replace_by(pcdb->word[0], pcdb->number[0]);
+}
+
+int confirm(cli_pcdb*) {
+    if (!unconfirmed().timer) {
+        return refuse("Nothing waits to be confirmed.");
+    }
+    unconfirmed() = {};
+    return 0;
+}
+
+}  // namespace
+
+void register_replace_commands() {
+    const cli_node* minutes = number("Minutes until the configuration before is back", 1,
+                                     kMaxConfirmMinutes, end_of_line(replace_for_now));
+    const cli_node* how = keyword(
+        "list", "Show the difference and change nothing", end_of_line(list),
+        keyword("confirm", "Go back unless it is confirmed", minutes, end_of_line(replace)));
+    const cli_node* ways =
+        keyword("replace", "By that of a file, without a restart",
+                any_word("FILE", "Path of the file", how),
+                keyword("confirm", "Keep the replaced configuration", end_of_line(confirm)));
+    attach(kChainExec, keyword("configure", "Change the configuration", ways), "configure replace");
 }
 
 }  // namespace qv::cli

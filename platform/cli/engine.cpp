@@ -299,6 +299,29 @@ bool parses(SessionState& session, std::string_view line) {
     return walk.parse(cli_get_mode_root(session.mode.c_str()), line).handler != nullptr;
 }
 
+ConfigCommand parse_config_command(const SessionState& session, std::string_view line) {
+    if (line.size() > kMaxLineBytes) {
+        return {{}, "% Line too long."};
+    }
+    if (has_control_byte(line)) {
+        return {{}, "% Line contains control characters."};
+    }
+    const uint32_t prefix = take_prefix(line);
+    cli_pcdb pcdb = make_context(session, prefix, CLI_FLAG_HELP);
+    if (session.mode == kModeRange && session.range.empty()) {
+        pcdb.ifrange_types = ~0U;
+    }
+    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
+    Parsed parsed = walk.parse(config_commands_root(session.mode), line);
+    if (!parsed.handler) {
+        return {{}, std::move(parsed.error)};
+    }
+    const char* const word = (prefix & CLI_PREFIX_NO)        ? "no "
+                             : (prefix & CLI_PREFIX_DEFAULT) ? "default "
+                                                             : "";
+    return {word + parsed.text, {}};
+}
+
 std::string help_text(SessionState& session, std::string_view line) {
     std::string text;
     for (const Hint& hint : hints_for(session, line)) {

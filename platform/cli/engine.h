@@ -5,9 +5,12 @@
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "platform/cli/caller.h"
 
 namespace qv::cli {
 
@@ -16,12 +19,13 @@ inline constexpr size_t kMaxLineBytes = 1024;
 // What a session remembers between two lines.
 struct SessionState {
     std::string mode = "exec";
-    uint64_t ifx = 0;             // mode interface
-    std::vector<uint64_t> range;  // mode ifrange, in the order given
-    bool privileged = true;       // false after "disable": only the view commands are there
-    bool monitor = false;         // shows system log messages
-    bool leaving = false;         // the session ends after this line
-    bool program = false;         // belongs to a program of the switch, not to an operator
+    uint64_t ifx = 0;              // mode interface
+    std::vector<uint64_t> range;   // mode ifrange, in the order given
+    bool privileged = true;        // false after "disable": only the view commands are there
+    bool monitor = false;          // shows system log messages
+    bool leaving = false;          // the session ends after this line
+    bool program = false;          // belongs to a program of the switch, not to an operator
+    std::optional<Caller> caller;  // of an operator's session; empty: the process itself
 };
 
 struct Result {
@@ -50,6 +54,15 @@ void execute(SessionState& session, std::string_view line, Completion answer);
 
 // Whether the line would be taken as a command. Calls no handler.
 bool parses(SessionState& session, std::string_view line);
+
+// A line of a configuration file, as it would be understood in the session's mode.
+struct ConfigCommand {
+    std::string text;   // with its keywords in full
+    std::string error;  // "% REASON"; empty when the line is a command that configures
+};
+// Calls no handler. Lines that move the session ("interface ...", "exit") are no such commands. In
+// mode ifrange without any port the line may be one for a port of any type.
+ConfigCommand parse_config_command(const SessionState& session, std::string_view line);
 
 // The words that can stand in place of the last one, one per line: for people with their help, and
 // bare for completion.

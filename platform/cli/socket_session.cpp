@@ -26,6 +26,7 @@ SocketSession::SocketSession(EventLoop& loop, int fd, Duration idle,
       idle_(idle),
       last_used_(loop.clock().now()),
       on_closed_(std::move(on_closed)) {
+    state_.caller = caller_at(fd);
     watch_idleness();
 }
 
@@ -197,7 +198,6 @@ void SocketSession::flush() {
     update_watch();
 }
 
-void SocketSession::update_watch() {
 // Bytes that the kernel still holds for the client.
 int SocketSession::queued() const {
     int bytes = 0;
@@ -217,6 +217,7 @@ void SocketSession::watch_stall() {
     });
 }
 
+void SocketSession::update_watch() {
     const bool pending = sent_ < output_.size();
     const bool full = output_.size() - sent_ >= kOutputHighMark ||
                       input_.size() > kMaxRequestBytes || input_.find('\n') != std::string::npos;

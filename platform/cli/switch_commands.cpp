@@ -9,6 +9,7 @@ namespace qv::cli {
 void register_switch_commands() {
     register_session_commands();
     register_config_commands();
+    register_replace_commands();
     register_port_commands();
     register_tarn_commands();
     register_debug_commands();

@@ -14,7 +14,8 @@ namespace qv::cli {
 void register_switch_commands();
 
 void register_session_commands();  // enable, configure terminal, interface, exit, end, terminal
-void register_config_commands();   // write, configure replace, show running-config
+void register_config_commands();   // write, show running-config, show startup-config
+void register_replace_commands();  // configure replace, configure confirm
 void register_port_commands();     // shutdown, switchport mode, default interface, show interfaces
 void register_debug_commands();    // debug NAME, show debugging, show logging, show version
 

@@ -36,6 +36,7 @@ struct Place {
     bool no_in_tree = false;       // for help: a node for the "no" prefix may follow
     bool default_in_tree = false;  // the same for "default"
     std::vector<Capture> captures;
+    std::string text;  // the words so far, keywords in full
 };
 
 struct Offer {
@@ -56,6 +57,7 @@ struct Hint {
 struct Parsed {
     cli_handler handler = nullptr;
     std::string error;
+    std::string text;  // the line with its keywords in full
 };
 
 }  // namespace qv::cli
@@ -103,7 +105,8 @@ struct cli_walk {
     // Keeps the best offers as the next places; false with `error` set when there is none.
     bool choose(const Word& word, std::vector<qv::cli::Place>& places, bool& rest);
     void store(const qv::cli::Place& from);
-    qv::cli::Place after(const cli_node* node) const;
+    // The place behind `node`, which takes `word`.
+    qv::cli::Place after(const cli_node* node, std::string_view word) const;
     bool prefix_fits() const;
 
     const Word* word_ = nullptr;  // null at the end of the line

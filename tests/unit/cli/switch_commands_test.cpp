@@ -12,8 +12,6 @@
 
 namespace {
 
-using qv::test::write_text;
-
 class DefaultsObserver final : public qv::PortObserver {
  public:
     void on_added(const qv::Port&) override {}
@@ -222,67 +220,6 @@ TEST_F(SwitchCommands, StartupConfigurationIsShownAfterWrite) {
     EXPECT_EQ(shown.substr(shown.find('\n') + 1),
               "tarn enable\n"
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\nend\n");
-}
-
-TEST_F(SwitchCommands, ReplaceLeavesExactlyTheLinesOfTheFile) {
-    configure({"tarn enable", "tarn error-recover interval 90", "interface swp1", "shutdown",
-               "interface swp2", "switchport mode trunk", "tarn port loop-detect warning"});
-    const std::string target =
-        "tarn error-recover interval 120\n"
-        "interface swp1\n!\n"
-        "interface swp2\n switchport mode hybrid\n!\n"
-        "interface swp3\n shutdown\n!\n"
-        "interface swp4\n!\n";
-    write_text(rig.folder.file("new.conf"), target);
-    EXPECT_EQ(from_exec({"configure replace " + rig.folder.file("new.conf")}), "");
-    EXPECT_EQ(rig.code, 0);
-    EXPECT_EQ(from_exec({"show running-config"}), target);
-}
-
-TEST_F(SwitchCommands, ReplaceNamesBadLinesAndAppliesTheRest) {
-    write_text(rig.folder.file("new.conf"),
-               "tarn enable\nfrobnicate\ninterface swp9\n shutdown\n!\n");
-    EXPECT_EQ(from_exec({"configure replace " + rig.folder.file("new.conf")}),
-              "% line 2: frobnicate: % Unknown command: 'frobnicate'.\n"
-              "% line 3: interface swp9 does not exist.\n");
-    EXPECT_EQ(rig.code, 1);
-    EXPECT_TRUE(qv::cli::tarn_enabled());
-    EXPECT_EQ(from_exec({"configure replace /nowhere/at/all"}),
-              "% /nowhere/at/all: No such file or directory.\n");
-}
-
-bool g_loose = true;
-
-TEST_F(SwitchCommands, ReplaceGoesOnAfterALineThatCannotBeTakenBack) {
-    const cli_node* end = qv::cli::end_of_line([](cli_pcdb*) { return 0; });
-    const cli_node* print = qv::cli::print_config(
-        [](cli_pcdb* pcdb) {
-            c2p_printf(pcdb, 1, "stubborn");
-            return 0;
-        },
-        end);
-    qv::cli::attach(CLI_CHAIN_CONFIG, qv::cli::keyword("stubborn", "", print), "test");
-    // And one behind it, in the same section, that can.
-    const cli_node* let_go = qv::cli::end_of_line([](cli_pcdb*) {
-        g_loose = false;
-        return 0;
-    });
-    const cli_node* print_loose = qv::cli::print_config(
-        [](cli_pcdb* pcdb) {
-            if (g_loose) {
-                c2p_printf(pcdb, 1, "loose");
-            }
-            return 0;
-        },
-        qv::cli::with_no(let_go, end));
-    qv::cli::attach(CLI_CHAIN_CONFIG, qv::cli::keyword("loose", "", print_loose), "test");
-    configure({"interface swp1", "shutdown"});
-    write_text(rig.folder.file("new.conf"), "interface swp1\n!\n");
-    EXPECT_EQ(from_exec({"configure replace " + rig.folder.file("new.conf")}),
-              "% stubborn: cannot be taken back.\n");
-    EXPECT_EQ(rig.code, 1);
-    EXPECT_FALSE(g_loose);
-    EXPECT_TRUE(rig.model.find(101U)->admin_up);
 }
 
 int g_level = 0;

@@ -1,0 +1,104 @@
+#include "platform/cli/caller.h"
+
+#include <fcntl.h>
+#include <sys/fsuid.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace qv::cli {
+namespace {
+
+constexpr size_t kMaxGroups = 65536;  // the kernel's limit
+
+// setgroups(2) of this thread alone; the C library's function is about all threads.
+bool set_groups(const std::vector<gid_t>& groups) {
+    return ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
+}
+
+std::vector<gid_t> own_groups() {
+    std::vector<gid_t> groups(kMaxGroups);
+    const int count = ::getgroups(static_cast<int>(groups.size()), groups.data());
+    groups.resize(count > 0 ? static_cast<size_t>(count) : 0);
+    return groups;
+}
+
+// This thread reads files with the rights of a caller as long as it lives. The kernel judges every
+// folder of a path, access control lists included.
+class RightsOf {
+ public:
+    explicit RightsOf(const Caller& caller) : groups_(own_groups()) {
+        taken_ = set_groups(caller.groups);
+        if (taken_) {
+            gid_ = static_cast<gid_t>(::setfsgid(caller.gid));
+            uid_ = static_cast<uid_t>(::setfsuid(caller.uid));
+        }
+        // Both calls return the identity before; an invalid one changes nothing and tells it again.
+        taken_ = taken_ && static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))) == caller.uid &&
+                 static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) == caller.gid;
+    }
+    ~RightsOf() {
+        ::setfsuid(uid_);
+        ::setfsgid(gid_);
+        set_groups(groups_);
+    }
+    RightsOf(const RightsOf&) = delete;
+    RightsOf& operator=(const RightsOf&) = delete;
+
+    bool taken() const { return taken_; }
+
+ private:
+    const std::vector<gid_t> groups_;
+    uid_t uid_ = ::geteuid();
+    gid_t gid_ = ::getegid();
+    bool taken_ = false;
+};
+
+int open_here(const std::string& path) {
+    // Not to hang on something that is no file.
+    return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
+}
+
+}  // namespace
+
+Caller caller_at(int fd) {
+    ucred peer{};
+    socklen_t size = sizeof peer;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
+        return {static_cast<uid_t>(-1), static_cast<gid_t>(-1), {}};
+    }
+    std::vector<gid_t> groups(64);
+    for (;;) {
+        size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
+        if (::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) == 0) {
+            groups.resize(size / sizeof(gid_t));
+            return {peer.uid, peer.gid, std::move(groups)};
+        }
+        if (errno != ERANGE || size / sizeof(gid_t) <= groups.size()) {
+            return {peer.uid, peer.gid, {}};
+        }
+        groups.resize(size / sizeof(gid_t));
+    }
+}
+
+int open_as(const Caller* caller, const std::string& path) {
+    // Whoever is root, or the user of the process, has the process's own rights.
+    if (!caller || caller->uid == 0 || (caller->uid == ::geteuid() && ::geteuid() != 0)) {
+        return open_here(path);
+    }
+    int fd = -1;
+    int reason = EPERM;
+    {
+        const RightsOf rights(*caller);
+        if (rights.taken()) {
+            fd = open_here(path);
+            reason = errno;
+        }
+    }
+    errno = reason;
+    return fd;
+}
+
+}  // namespace qv::cli

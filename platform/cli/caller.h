@@ -1,0 +1,26 @@
+// Who types a line, and the files that this user may read. Loop thread only.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace qv::cli {
+
+// The user at the other end of an operators' session, as the kernel knows it.
+struct Caller {
+    uid_t uid;
+    gid_t gid;
+    std::vector<gid_t> groups;
+};
+
+// Of a connected Unix stream socket. A caller that the kernel does not know has no rights.
+Caller caller_at(int fd);
+
+// Opens a file for reading with the rights of `caller`, or of the process when it is null. Symbolic
+// links are not followed at the end of the path. -1 with errno: EPERM also when the process cannot
+// take on the caller's rights.
+int open_as(const Caller* caller, const std::string& path);
+
+}  // namespace qv::cli
