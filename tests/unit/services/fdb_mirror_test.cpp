@@ -223,7 +223,7 @@ TEST_F(FdbListTest, HalfOfAListIsNotHandedOn) {
     EXPECT_EQ(known(), (Set{kHost, kHost + 1}));
 
     // A change that is still to be handed on when everything is read again.
-    announce_new(kHost + 2);
+    announce_deleted(kHost);
     test::send_rtnl(NLMSG_ERROR, "");
     EXPECT_EQ(known(), (Set{kHost, kHost + 1}));
     list(kHost);

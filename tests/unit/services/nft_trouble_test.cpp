@@ -145,6 +145,8 @@ TEST_F(NftOverrun, ChangesOfAnotherTableTouchNothing) {
     settle();
     nft("delete table inet theirs\n");
     settle();
+    plane->install(4, 2, kPortRule);
+    settle();
     EXPECT_EQ(this_chain(), chain);
     EXPECT_TRUE(is_known("02:00:00:00:00:01"));
     EXPECT_EQ(platform.log.lines(), Lines{});
@@ -243,6 +245,25 @@ TEST_F(NftTrouble, AddressThatCouldNotBeAddedIsPutBack) {
     test::g_nft.unheard = -1;
     EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
     expect_counting(3);
+}
+
+TEST_F(NftTrouble, RulesAreNotPutBackBeforeAllKnownAddresses) {
+    std::string lines;
+    for (unsigned n = 0; n < 3000; ++n) {
+        char line[80];
+        std::snprintf(line, sizeof line, "fdb add 02:00:00:00:%02x:%02x dev swp2 master static\n",
+                      n / 256 + 16, n % 256);
+        lines += line;
+    }
+    bridge(lines);
+    plane->install(3, 1, kPortRule);
+    ASSERT_TRUE(becomes_known("02:00:00:00:1b:b7"));
+    settle();
+    nft("flush ruleset\n");
+    ASSERT_TRUE(logged());
+    ASSERT_TRUE(wait_for([] { return !output_of("nft list chain netdev lda port1.3").empty(); }));
+    EXPECT_TRUE(is_known("02:00:00:00:10:00")) << "the first";
+    EXPECT_TRUE(is_known("02:00:00:00:1b:b7")) << "the last";
 }
 
 TEST_F(NftTrouble, RestoredCounterCountsFromZero) {
