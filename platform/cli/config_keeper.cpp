@@ -115,8 +115,13 @@ void ConfigKeeper::end_replay() {
 void ConfigKeeper::run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done) {
     const auto rest = [this, replay, done = std::move(done)] {
         const bool outer = std::exchange(applying_, true);
+        ConfigReplay* const outer_replay = std::exchange(running_, replay.get());
         replay->run();
+        running_ = outer_replay;
         applying_ = outer;
+        for (const ConfigSection& section : replay->cut_off()) {
+            apply(section, false);
+        }
         done();
         loop_.post([this, replay] { release(*replay); });
     };
@@ -262,6 +267,9 @@ void ConfigKeeper::on_added(const Port& port) {
 
 void ConfigKeeper::on_removing(const Port& port) {
     const auto before = modes_.find(port.ifx);
+    if (running_) {
+        running_->port_removed(port.name);
+    }
     if (replayed_) {
         sections_.leave(port, before == modes_.end() ? port.mode : before->second);
     }

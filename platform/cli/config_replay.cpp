@@ -76,7 +76,11 @@ void ConfigReplay::run_section(const ConfigSection& section) {
         held_.push_back(port->ifx);
         session.program = true;
     }
+    running_ = &section;
     for (const ConfigLine& line : section.lines) {
+        if (!running_) {
+            return;
+        }
         // A global line may follow a section that nothing has ended.
         if (session.mode == kModeInterface && !parses(session, line.text)) {
             SessionState global = session_for(nullptr);
@@ -85,6 +89,14 @@ void ConfigReplay::run_section(const ConfigSection& section) {
         if (session.mode != kModeInterface || !sets_mode(line)) {
             run_line(session, line);
         }
+    }
+    running_ = nullptr;
+}
+
+void ConfigReplay::port_removed(const std::string& name) {
+    if (running_ && running_->port == name) {
+        cut_off_.push_back(*running_);
+        running_ = nullptr;
     }
 }
 

@@ -25,6 +25,11 @@ class ConfigReplay {
     bool set_modes();
     // All other lines. Sections of ports that are not there are kept for them.
     void run();
+    // To be called when a port goes while run() is at work, as a line may bring to light: the rest
+    // of its section would miss it.
+    void port_removed(const std::string& name);
+    // The sections that this has cut off, to be run again as a whole.
+    const std::vector<ConfigSection>& cut_off() const { return cut_off_; }
     // Ports that were held when they were saved and that nobody claims after all, to be brought
     // back. To be asked once the programs have heard of everything that run() did.
     std::vector<uint32_t> unclaimed() const;
@@ -39,6 +44,8 @@ class ConfigReplay {
     const std::string origin_;
     const std::vector<ConfigSection> sections_;
     PortSections& ports_;
+    const ConfigSection* running_ = nullptr;
+    std::vector<ConfigSection> cut_off_;
     std::vector<uint32_t> held_;
     size_t refused_ = 0;
 };

@@ -321,6 +321,42 @@ TEST_F(PortSectionsTest, OperatorsShutdownIsReplayed) {
     EXPECT_EQ(saved("swp2"), " shutdown\n");
 }
 
+// A driver reads the news about other ports when it changes one.
+TEST_F(PortSectionsTest, PortThatGoesInTheMidstOfItsReplayGetsItsWholeSectionWhenItIsBack) {
+    rig.hardware.set_admin(102, false);
+    was_saved(
+        "interface swp2\n shutdown\n tarn port loop-detect warning\n"
+        " loop-detect apply shutdown-port\n!\n");
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        rig.model.port_removed(102);
+    };
+    start();
+    EXPECT_EQ(rig.model.find(102U), nullptr);
+    const std::string whole =
+        " shutdown\n tarn port loop-detect warning\n loop-detect apply shutdown-port\n";
+    EXPECT_EQ(saved("swp2"), whole);
+    rig.hardware.add("swp2", 202);
+    rig.platform.run_for(1s);
+    EXPECT_TRUE(g_held.contains(202));
+    EXPECT_EQ(saved("swp2"), whole);
+}
+
+TEST_F(PortSectionsTest, PortThatGoesAndIsBackInTheMidstOfItsReplayGetsItsWholeSection) {
+    rig.hardware.set_admin(102, false);
+    was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n");
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        const qv::Port port = *rig.model.find(102U);
+        rig.model.port_removed(102);
+        rig.model.port_added(port);
+    };
+    start();
+    EXPECT_TRUE(g_held.contains(102));
+    EXPECT_FALSE(up(102));
+    EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+}
+
 // ---- Ports that leave ----
 
 TEST_F(PortSectionsTest, PortThatLeavesKeepsItsSectionAndGetsItBack) {
