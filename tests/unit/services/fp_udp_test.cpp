@@ -348,36 +348,22 @@ TEST_F(FpUdp, RuleThatThePlaneLosesLaterIsAFailedApply) {
 }
 
 TEST_F(FpUdp, AclThatFailsLateTakesItsRuleOutOfThePlane) {
-    register_all();
-    plane.held = true;
-    create(5);
-    add_entry(5);
-    apply(5, port(5));
-    plane.sink->done(2);
-    plane.sink->done(3);
-    plane.take_requests();
+    install_port_5();
     plane.sink->failed(1, ENOSPC);
     EXPECT_EQ(plane.take_requests(), Lines{"remove 3"});
-    EXPECT_EQ(take_events(), (Lines{"entry ok test_app 5", "apply ok test_app 5",
-                                    "acl failed test_app 5 28", "apply failed test_app 5 28"}));
+    EXPECT_EQ(take_events(), (Lines{"acl failed test_app 5 28", "apply failed test_app 5 28"}));
     plane.sink->counted(3, 1, 64);
     EXPECT_EQ(take_events(), Lines{});
 }
 
 TEST_F(FpUdp, EntryThatFailsLateTakesItsRuleOutOfThePlane) {
-    register_all();
-    plane.held = true;
-    create(5);
+    install_port_5();
     add_entry(5);
-    add_entry(5);
-    apply(5, port(5));
     plane.take_requests();
-    plane.sink->failed(3, ENOMEM);
+    plane.sink->failed(4, ENOMEM);
     EXPECT_EQ(plane.take_requests(), Lines{}) << "the first entry decides";
     plane.sink->failed(2, ENOSPC);
-    EXPECT_EQ(plane.take_requests(), Lines{"remove 4"});
-    EXPECT_EQ(take_events(), (Lines{"entry failed test_app 5 12", "entry failed test_app 5 28",
-                                    "apply failed test_app 5 28"}));
+    EXPECT_EQ(plane.take_requests(), Lines{"remove 3"});
 }
 
 TEST_F(FpUdp, LateAnswerToWhatWasRemovedIsDropped) {
