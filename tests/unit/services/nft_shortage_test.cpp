@@ -117,11 +117,12 @@ TEST_F(NftShortage, SocketThatWasLostIsOpenedAgainLater) {
     test::g_nft.lost_answers = 1;  // the socket goes with them
     ASSERT_TRUE(wait_for([] { return test::g_nft.lost_answers == 0; }));
     plane->install(4, 2, kPortRule);
+    ASSERT_TRUE(wait_for([&] { return !platform.log.lines().empty(); }));
     settle();
     EXPECT_EQ(sink.take(), Lines{});
     EXPECT_EQ(platform.log.lines(), refused) << "once";
     test::g_nft.no_socket = false;
-    settle();
+    ASSERT_TRUE(wait_for([&] { return !sink.lines.empty(); }));
     EXPECT_EQ(sink.take(), Lines{"done 4"});
     EXPECT_TRUE(is_known("02:00:00:00:00:01"));
     expect_only_unknown_counted(3);
@@ -136,10 +137,11 @@ TEST_F(NftShortage, TableThatSomebodyTookAwayIsPutBackLater) {
     ASSERT_TRUE(wait_for([] { return test::g_nft.lost_answers == 0; }));
     nft("flush ruleset\n");
     plane->install(4, 2, kPortRule);
+    ASSERT_TRUE(wait_for([&] { return !platform.log.lines().empty(); }));
     settle();
     EXPECT_EQ(platform.log.lines(), refused);
     test::g_nft.no_socket = false;
-    settle();
+    ASSERT_TRUE(wait_for([&] { return !sink.lines.empty(); }));
     EXPECT_EQ(sink.take(), Lines{"done 4"});
     EXPECT_EQ(platform.log.lines(),
               (Lines{refused.at(0),
