@@ -3,6 +3,7 @@
 #include <cstring>
 #include <utility>
 
+#include <fcntl.h>
 #include <libmnl/libmnl.h>
 #include <nftables/libnftables.h>
 
@@ -45,7 +46,9 @@ ssize_t __wrap_mnl_socket_sendto(const mnl_socket* socket, const void* bytes, si
 
 ssize_t __real_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size);
 ssize_t __wrap_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size) {
-    if (g_nft.lost_answers > 0) {
+    // Announcements, which nobody waits for, are no answers.
+    const bool waits = (fcntl(mnl_socket_get_fd(socket), F_GETFL) & O_NONBLOCK) == 0;
+    if (waits && g_nft.lost_answers > 0) {
         --g_nft.lost_answers;
         errno = ENOBUFS;
         return -1;
