@@ -73,18 +73,12 @@ class Index : public ::testing::Test {
 
 }  // namespace
 
-// This executable's `new`, for tests that take the memory away.
-void* operator new(size_t size) {
-    void* memory = g_no_memory ? nullptr : malloc(size);
-    if (memory == nullptr)
+// operator new(size_t), for tests that take the memory away: the linker hands it over.
+extern "C" void* __real__Znwm(size_t size);
+extern "C" void* __wrap__Znwm(size_t size) {
+    if (g_no_memory)
         throw std::bad_alloc();
-    return memory;
-}
-void operator delete(void* memory) noexcept {
-    free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    free(memory);
+    return __real__Znwm(size);
 }
 
 TEST_F(Index, NewRecordIsZeroAndAtTheFront) {
