@@ -137,6 +137,7 @@ int cli_sub_create_session(void) {
     if (!client || (fault && fault())) {
         return -1;
     }
+    client->loop.expect_post();  // a session is opened for the line that comes next
     return client->descriptors.open();
 }
 

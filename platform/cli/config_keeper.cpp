@@ -203,7 +203,9 @@ void ConfigKeeper::write_ahead(const ConfigSection& section) {
     const ConfigSection global = generate_global();
     std::string text = section_text(global);
     std::string trouble;
-    if (text != noted_global_ || !journal_.holds(global.port)) {
+    const bool known =
+        journal_.holds(global.port) ? text == noted_global_ : saver_.saved_global(text);
+    if (!known) {
         trouble = journal_.append(global);
         noted_global_ = std::move(text);
     }

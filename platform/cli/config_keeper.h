@@ -85,7 +85,7 @@ class ConfigKeeper final : public PortObserver {
     bool replayed_ = false;
     bool applying_ = false;               // saved lines run: what they do is saved already
     ConfigReplay* running_ = nullptr;     // whose lines they are
-    std::string noted_global_;            // as the journal or the saved file has it
+    std::string noted_global_;            // of the newest record of them
     std::string journal_trouble_;         // logged
     std::map<uint32_t, uint32_t> modes_;  // that ports had in the bridge which they have left
 };

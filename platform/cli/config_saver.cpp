@@ -164,6 +164,13 @@ void ConfigSaver::written(const std::string& text, uint64_t journal, const std::
     }
 }
 
+// The sections of ports follow the global lines.
+bool ConfigSaver::saved_global(std::string_view lines) const {
+    const std::string_view rest =
+        std::string_view(saved_text_).substr(std::min(lines.size(), saved_text_.size()));
+    return saved_text_.starts_with(lines) && (rest.starts_with("interface ") || rest == kConfigEnd);
+}
+
 // Each trouble is reported once.
 void ConfigSaver::note(const std::string& reason) {
     if (!reason.empty() && reason != trouble_) {

@@ -47,6 +47,8 @@ class ConfigSaver {
     void allow_unasked(bool allowed) { unasked_ = allowed; }
     // The text of the saved file, so that the same is not written again.
     void set_saved(std::string text) { saved_text_ = std::move(text); }
+    // Whether the saved file has these global lines.
+    bool saved_global(std::string_view lines) const;
 
     const std::string& path() const { return path_; }
     // Why the last attempt failed, empty when it did not.

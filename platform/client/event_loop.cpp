@@ -2,6 +2,7 @@
 
 #include <event2/event.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -166,6 +167,7 @@ struct EventLoop::Impl {
     void take_due_timers();
     void take_put_off();
     void wait();
+    bool linger() EXCLUDES(mutex);
     bool anything_posted() EXCLUDES(mutex);
     bool anything_left() const;
     bool start(Work work, qv_thread* thread);
@@ -199,6 +201,7 @@ struct EventLoop::Impl {
     bool wake_raised GUARDED_BY(mutex) = false;
 
     std::atomic<bool> stopped{false};
+    std::atomic<Duration> expected_until{Duration::zero()};  // on the machine's monotonic clock
 };
 
 EventLoop::Impl::Impl(EventLoop& owner, Clock& used_clock) : loop(owner), clock(used_clock) {
@@ -327,8 +330,21 @@ void EventLoop::Impl::set_alarm() {
 
 // Until a descriptor is ready, a task is posted or the earliest timer is due.
 void EventLoop::Impl::wait() {
-    set_alarm();
-    event_base_loop(base.get(), EVLOOP_ONCE);
+    if (!linger()) {
+        set_alarm();
+        event_base_loop(base.get(), EVLOOP_ONCE);
+    }
+}
+
+// Looks out for a post that is expected; true when it has come. In real time: threads take that.
+bool EventLoop::Impl::linger() {
+    while (std::chrono::steady_clock::now().time_since_epoch() < expected_until.load()) {
+        if (anything_posted() || stopped.load()) {
+            return true;
+        }
+        sched_yield();  // on a single processor the other thread needs this one
+    }
+    return false;
 }
 
 // Fills `ready`. False when the loop is stopped or nothing is left that could ever fire.
@@ -403,6 +419,10 @@ void EventLoop::post(Task task) {
         impl_->wake_raised = true;
         impl_->wake.raise();
     }
+}
+
+void EventLoop::expect_post() {
+    impl_->expected_until.store(std::chrono::steady_clock::now().time_since_epoch() + kLinger);
 }
 
 EventLoop::Handle EventLoop::watch(int fd, bool read, bool write, WatchCallback callback) {

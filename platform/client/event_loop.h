@@ -57,6 +57,11 @@ class EventLoop {
     // posted is no reason for fetch() to go on waiting once it has run.
     void post(Task task);
 
+    // Another thread is about to post: the loop looks out for that for kLinger before it sleeps. To
+    // be woken would take it about as long. Any thread.
+    static constexpr std::chrono::microseconds kLinger{80};
+    void expect_post();
+
     // Level-triggered watch; the descriptor stays the caller's and must outlive the handle. The
     // handle is empty when the descriptor is of a kind that cannot be watched.
     [[nodiscard]] Handle watch(int fd, bool read, bool write, WatchCallback callback);
