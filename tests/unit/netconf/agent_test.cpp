@@ -133,8 +133,8 @@ class Agent : public testing::Test {
     }
 
     Folder folder_;
-    DatabasePeer peer_{folder_.path("redis.sock")};
     std::vector<Request> requests_;
+    DatabasePeer peer_{folder_.path("redis.sock")};  // last: its thread uses the others
 };
 
 TEST_F(Agent, PolicyIsThatOfTheConfigurationDatabase) {
