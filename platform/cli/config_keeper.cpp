@@ -100,6 +100,7 @@ void ConfigKeeper::announce() {
         }
         replaying_ = false;
         replayed_ = true;
+        saver_.allow_unasked(may_be_replaced_);
         end_replay();
     });
 }
@@ -153,7 +154,7 @@ std::vector<ConfigSection> ConfigKeeper::load() {
     const std::optional<std::string> text = read_config_file(path());
     const int reason = errno;
     const bool readable = text.has_value() || reason == ENOENT;
-    saver_.allow_unasked(readable);
+    may_be_replaced_ = readable;
     if (!readable) {
         report("REPLAY", "The saved configuration " + path() +
                              " cannot be read and is left alone: " + std::strerror(reason) + ".");

@@ -81,6 +81,7 @@ class ConfigKeeper final : public PortObserver {
     ConfigSaver saver_;
     std::atomic<bool> pending_ = false;  // a request is on its way to the loop
 
+    bool may_be_replaced_ = false;  // the saved file, unasked
     bool replaying_ = false;
     bool replayed_ = false;
     bool applying_ = false;               // saved lines run: what they do is saved already

@@ -227,6 +227,25 @@ TEST_F(SavedConfig, NothingIsSavedBeforeTheReplay) {
     EXPECT_EQ(read_text(rig.saved()), before);
 }
 
+// Between the VLAN modes and the rest of a replay the loop goes on.
+TEST_F(SavedConfig, EndInTheMidstOfTheReplayLeavesTheFileAlone) {
+    was_saved("global one\ninterface swp1\n switchport mode hybrid\n shutdown\n!\n");
+    const std::string before = read_text(rig.saved());
+    cli_client_ready();
+    rig.platform.loop().post([] {
+        // In front of the rest, behind the modes.
+        qv::platform().loop().post([] { qv::cli::config_keeper()->saver().save_last(); });
+        EXPECT_EQ(g_events, Lines{"start 0"});
+        qv::cli::config_keeper()->saver().save_last();
+    });
+    rig.platform.run_ready();
+    EXPECT_EQ(g_events, (Lines{"start 0", "config 0 one", "end"}));
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved_text(), "interface swp1\n switchport mode hybrid\n shutdown\n!\n" +
+                                kPorts.substr(std::string("interface swp1\n!\n").size()));
+    EXPECT_NE(before, read_text(rig.saved()));
+}
+
 TEST_F(SavedConfig, FullDiskLeavesTheOldFileAndIsReportedOnceAndRetried) {
     rig.announce_ready();
     EXPECT_EQ(rig.type("write"), "");
