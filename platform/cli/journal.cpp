@@ -13,7 +13,8 @@
 namespace qv::cli {
 namespace {
 
-constexpr off_t kRoom_bytes = 64 * 1024;  // laid out ahead, and enough for hundreds of records
+// Laid out ahead for new records: enough for hundreds of them.
+constexpr off_t kRoom_bytes = 64 * 1024;
 constexpr mode_t kFileMode = 0600;
 constexpr std::string_view kTitle = "record ";
 
@@ -108,7 +109,7 @@ void Journal::keep(uint64_t number, const ConfigSection& section) {
 }
 
 std::string Journal::append(const ConfigSection& section) {
-    std::string trouble = size_ > kRoom_bytes || !in_place() ? rewrite() : "";
+    std::string trouble = size_ > room_ || !in_place() ? rewrite() : "";
     if (trouble.empty()) {
         trouble = write(bytes_of(last_ + 1, section));
     }
@@ -148,7 +149,8 @@ void Journal::forget(uint64_t number) {
     }
 }
 
-// A new file with the records that are kept. Old and new one hold them at any moment.
+// A new file with the records that are kept. Old and new one hold them at any moment. Its room
+// grows with what it holds: records of thousands of ports must not be written again for each one.
 std::string Journal::rewrite() {
     const std::string fresh = path_ + ".new";
     ::unlink(fresh.c_str());
@@ -156,7 +158,11 @@ std::string Journal::rewrite() {
     if (fd < 0) {
         return std::strerror(errno);
     }
-    ::posix_fallocate(fd, 0, kRoom_bytes);
+    off_t room = kRoom_bytes;
+    for (const Kept& record : kept_) {
+        room += 2 * static_cast<off_t>(record.bytes.size());
+    }
+    ::posix_fallocate(fd, 0, room);
     const int old = std::exchange(fd_, fd);
     const off_t old_size = std::exchange(size_, 0);
     std::string trouble;
@@ -170,6 +176,7 @@ std::string Journal::rewrite() {
         if (old >= 0) {
             ::close(old);
         }
+        room_ = room;
         return {};
     }
     ::close(std::exchange(fd_, old));

@@ -66,6 +66,7 @@ class Journal {
     const std::string path_;
     int fd_ = -1;
     off_t size_ = 0;  // of what is in force; old bytes may follow
+    off_t room_ = 0;  // beyond this size the file is written anew
     uint64_t last_ = 0;
     std::vector<Kept> kept_;  // not in the saved configuration yet, the newest of each section
 };

@@ -138,6 +138,21 @@ TEST_F(JournalTest, FileStaysSmallHoweverOftenAPortIsShut) {
     EXPECT_EQ(told(path).rbegin()[1], "39999 swp1: shutdown,");
 }
 
+TEST_F(JournalTest, ManyPortsShutAtOnceDoNotWriteTheFileAnewForEachOfThem) {
+    journal.open(0);
+    int rewrites = 0;
+    ino_t file = 0;
+    for (int i = 0; i < 4096; ++i) {
+        ASSERT_EQ(journal.append(section("swp" + std::to_string(i), {"shutdown"})), "");
+        struct stat status {};
+        ASSERT_EQ(::stat(path.c_str(), &status), 0);
+        rewrites += file != 0 && status.st_ino != file ? 1 : 0;
+        file = status.st_ino;
+    }
+    EXPECT_LE(rewrites, 4);
+    EXPECT_EQ(read_journal(path).size(), 4096U);
+}
+
 TEST_F(JournalTest, RoomIsLaidOutSoThatAFullDiskKeepsNoRecordOut) {
     journal.open(0);
     ASSERT_EQ(std::filesystem::file_size(path), 64U << 10);
