@@ -138,7 +138,12 @@ void ConfigKeeper::run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::T
 
 void ConfigKeeper::release(const ConfigReplay& replay) {
     for (const uint32_t ifx : replay.unclaimed()) {
-        const std::string name = platform().ports().find(ifx)->name;
+        // Bringing one port back may make the driver report that another has gone.
+        const Port* const port = platform().ports().find(ifx);
+        if (!port) {
+            continue;
+        }
+        const std::string name = port->name;
         const std::string reason = set_admin(ifx, true, true);
         printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "RELEASED",
                       "Interface %s was held shut and nobody claims it any more: %s.", name.c_str(),
@@ -273,7 +278,7 @@ void ConfigKeeper::on_removing(const Port& port) {
     if (running_) {
         running_->port_removed(port.name);
     }
-    if (replayed_) {
+    if (replayed_ || running_) {
         sections_.leave(port, before == modes_.end() ? port.mode : before->second);
     }
 }

@@ -357,6 +357,36 @@ TEST_F(PortSectionsTest, PortThatGoesAndIsBackInTheMidstOfItsReplayGetsItsWholeS
     EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
 }
 
+TEST_F(PortSectionsTest, PortThatGoesWhileAnotherIsReplayedKeepsItsSection) {
+    was_saved("interface swp2\n tarn port loop-detect warning\n!\ninterface swp3\n shutdown\n!\n");
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        rig.model.port_removed(102);
+    };
+    start();
+    EXPECT_EQ(rig.model.find(102U), nullptr);
+    EXPECT_EQ(saved("swp2"), " tarn port loop-detect warning\n");
+}
+
+TEST_F(PortSectionsTest, PortThatGoesWhileAnotherIsReleasedIsReleasedWhenItIsBack) {
+    rig.hardware.set_admin(102, false);
+    rig.hardware.set_admin(103, false);
+    g_refuses = true;
+    const std::string held = " shutdown\n loop-detect apply shutdown-port\n!\n";
+    was_saved("interface swp2\n" + held + "interface swp3\n" + held);
+    int changes = 0;
+    rig.hardware.before_change = [&] {
+        // The first two are the lines of the sections, the third is the release of swp2.
+        if (++changes == 3) {
+            rig.model.port_removed(103);
+        }
+    };
+    start();
+    EXPECT_EQ(changes, 3);
+    EXPECT_TRUE(up(102));
+    EXPECT_EQ(saved("swp3"), " no shutdown\n");
+}
+
 // ---- Ports that leave ----
 
 TEST_F(PortSectionsTest, PortThatLeavesKeepsItsSectionAndGetsItBack) {
