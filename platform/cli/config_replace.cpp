@@ -76,41 +76,58 @@ bool execute_or_tell(SessionState& session, const std::string& line, const std::
     return false;
 }
 
-bool add_missing(const ConfigSection& section, const ConfigSections& current) {
-    SessionState session;
-    if (!enter(section.port, session)) {
-        cli_printf("line %d: interface %s does not exist; its lines wait for it.\n", section.number,
-                   section.port.c_str());
-        config_keeper()->keep_section(section);
+// Like enter(), but keeps the section when its port does not exist.
+bool enter_or_keep(const ConfigSection& section, SessionState& session) {
+    if (enter(section.port, session)) {
         return true;
     }
+    cli_printf("line %d: interface %s does not exist; its lines wait for it.\n", section.number,
+               section.port.c_str());
+    config_keeper()->keep_section(section);
+    return false;
+}
+
+// While it executes a line, the driver may report that the port has gone. The session is therefore
+// entered again for each line: what follows must not run as a global line.
+bool add_missing(const ConfigSection& section, const ConfigSections& current) {
+    SessionState session;
     bool done = true;
-    for (const ConfigLine& line : lines_only_in({section}, current, section.port)) {
-        const std::string where = "line " + std::to_string(line.number) + ": ";
-        done = execute_or_tell(session, line.text, where) && done;
+    const std::vector<ConfigLine> lines = lines_only_in({section}, current, section.port);
+    for (auto line = lines.begin(); enter_or_keep(section, session) && line != lines.end();
+         ++line) {
+        const std::string where = "line " + std::to_string(line->number) + ": ";
+        done = execute_or_tell(session, line->text, where) && done;
     }
     return done;
+}
+
+// Leaves for a port that does not exist what `target` says of it.
+void set_absent(const std::string& port, const ConfigSections& target) {
+    const auto wanted = std::find_if(target.begin(), target.end(),
+                                     [&](const auto& section) { return section.port == port; });
+    if (wanted == target.end()) {
+        config_keeper()->forget_port(port);
+    } else {
+        config_keeper()->keep_section(*wanted);
+    }
 }
 
 bool remove_superfluous(const std::string& port, const ConfigSections& current,
                         const ConfigSections& target) {
     SessionState session;
-    const std::vector<ConfigLine> lines = lines_only_in(current, target, port);
-    if (!enter(port, session)) {
-        const bool wanted = std::any_of(target.begin(), target.end(),
-                                        [&](const auto& section) { return section.port == port; });
-        if (!wanted) {
-            config_keeper()->forget_port(port);
-        }
-        return true;
-    }
     bool done = true;
-    for (const ConfigLine& line : lines) {
+    for (const ConfigLine& line : lines_only_in(current, target, port)) {
+        if (!enter(port, session)) {
+            break;
+        }
         const std::string undo = undoing(session, line.text);
         if (undo.empty()) {
             cli_printf("%% %s: cannot be taken back.\n", line.text.c_str());
         }
         done = !undo.empty() && execute_or_tell(session, undo, "") && done;
+    }
+    if (!enter(port, session)) {
+        set_absent(port, target);
     }
     return done;
 }

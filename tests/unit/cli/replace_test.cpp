@@ -152,6 +152,30 @@ TEST_F(Replace, SectionOfAnAbsentPortIsNamedKeptAndForgotten) {
               refusal("line 2: Unknown command: 'bogus'."));
 }
 
+// A driver reads the news about other ports, and about this one, when it changes one.
+TEST_F(Replace, PortThatGoesInTheMidstOfItsSectionIsKeptAsTheFileSays) {
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        rig.model.port_removed(101);
+    };
+    EXPECT_EQ(replace("interface swp1\n shutdown\n tarn port loop-detect warning\n!\nend\n"),
+              "line 1: interface swp1 does not exist; its lines wait for it.\n");
+    EXPECT_EQ(rig.code, 0);
+    EXPECT_TRUE(
+        running().ends_with("interface swp1\n shutdown\n tarn port loop-detect warning\n!\n"));
+}
+
+TEST_F(Replace, PortThatGoesWhileItsLinesAreTakenBackIsForgotten) {
+    rig.announce_ready();
+    configure({"interface swp1", "shutdown", "tarn port loop-detect warning"});
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        rig.model.port_removed(101);
+    };
+    EXPECT_EQ(replace("end\n"), "");
+    EXPECT_EQ(running(), "interface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+}
+
 bool g_loose = true;
 
 TEST_F(Replace, GoesOnAfterALineThatCannotBeTakenBack) {
