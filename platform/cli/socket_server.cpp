@@ -15,7 +15,7 @@
 namespace qv::cli {
 namespace {
 
-// How long no client is accepted after the process ran out of descriptors.
+// How long no client is accepted after the process ran out of descriptors or memory.
 constexpr std::chrono::seconds kAcceptPause{1};
 constexpr int kAcceptsPerTurn = 32;
 
@@ -50,6 +50,9 @@ SocketServer::~SocketServer() {
 
 void SocketServer::watch_listener() {
     watch_ = loop_.watch(fd_, true, false, [this](EventLoop::Ready) { accept_some(); });
+    if (!watch_) {
+        retry_ = loop_.after(kAcceptPause, [this] { watch_listener(); });
+    }
 }
 
 void SocketServer::accept_some() {

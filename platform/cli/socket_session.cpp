@@ -230,6 +230,9 @@ void SocketSession::update_watch() {
     watch_.reset();
     if (wanted != 0) {
         watch_ = loop_.watch(fd_, read, pending, [this](EventLoop::Ready r) { on_ready(r); });
+        if (!watch_) {
+            close();  // a session that hears nothing would keep its client waiting for ever
+        }
     }
 }
 

@@ -1,4 +1,5 @@
 // Limits of operators' sessions, and the socket file that somebody removes.
+#include <event2/event.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -14,6 +15,19 @@
 #include "platform/cli/engine.h"
 #include "tests/unit/cli/cli_rig.h"
 #include "tests/unit/cli/wire_client.h"
+
+namespace {
+bool g_no_watch = false;  // the event loop can watch no further descriptor
+}
+
+// NOLINTBEGIN(readability-identifier-naming): the linker's names
+extern "C" {
+int __real_event_add(event* what, const timeval* timeout);
+int __wrap_event_add(event* what, const timeval* timeout) {
+    return g_no_watch ? -1 : __real_event_add(what, timeout);
+}
+}
+// NOLINTEND(readability-identifier-naming)
 
 namespace {
 
@@ -161,6 +175,16 @@ TEST(SessionLimits, ClientThatLeavesEndsItsIdleTimer) {
     EXPECT_EQ(server.ask(*server.connect()), kVersionReply);
 }
 
+TEST(SessionLimits, ClientThatCannotBeWatchedIsServedOnceAndClosed) {
+    Server server;
+    const auto client = server.connect();
+    g_no_watch = true;
+    EXPECT_EQ(server.ask(*client), kVersionReply);
+    EXPECT_TRUE(client->closed_by_server());
+    g_no_watch = false;
+    EXPECT_EQ(server.ask(*server.connect()), kVersionReply);
+}
+
 class SocketFile : public ::testing::Test {
  protected:
     std::string path() const { return server.rig.platform.settings.cli_socket; }
@@ -208,6 +232,17 @@ TEST_F(SocketFile, ThatCannotBePutBackIsReportedOnceAndTriedAgain) {
         log().ends_with("can connect again.\nCLI-3-SOCKET: Operators cannot connect: cannot "
                         "listen at " +
                         path() + ": Not a directory.\n"));
+}
+
+TEST_F(SocketFile, ThatCannotBeWatchedIsTriedAgainASecondLater) {
+    std::filesystem::remove(path());
+    g_no_watch = true;
+    server.rig.platform.run_for(5s);
+    const auto client = server.connect();
+    EXPECT_EQ(server.ask(*client), "");
+    g_no_watch = false;
+    server.rig.platform.run_for(1s);
+    EXPECT_EQ(client->receive(), kVersionReply);
 }
 
 TEST_F(SocketFile, OfSomebodyElseIsLeftAlone) {
