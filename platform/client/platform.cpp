@@ -205,8 +205,7 @@ Platform* describe() {
         if (path && *path == '\0') {
             throw std::runtime_error(
                 "LDA_PLATFORM is set but empty: set it to the path of a platform file, or unset it "
-                "to "
-                "run on the simulated switch");
+                "to run on the simulated switch");
         }
         auto config = path ? load_platform_config(path) : PlatformConfig();
         auto clock = std::make_unique<SteadyClock>(config.speed);

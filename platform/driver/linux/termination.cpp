@@ -36,10 +36,6 @@ Termination::Termination(EventLoop& loop, EventLoop::Task last_task)
         close(fd_);
         throw std::runtime_error("the event loop cannot watch for signals");
     }
-    if (!watch_) {
-        close(fd_);
-        throw std::runtime_error("signalfd: cannot be watched");
-    }
 }
 
 Termination::~Termination() {
