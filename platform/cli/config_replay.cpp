@@ -56,15 +56,13 @@ void ConfigReplay::run() {
     for (const ConfigSection& section : sections_) {
         run_section(section);
     }
-    if (refused_ > kMaxReports) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "REPLAY", "%s: %zu lines were refused in all.",
-                      origin_.c_str(), refused_);
-    }
+    report_sum();
 }
 
 void ConfigReplay::run_section(const ConfigSection& section) {
     const Port* const port = port_of(section);
     if (!section.port.empty() && !port) {
+        ++absent_;
         report((section.number ? "line " + std::to_string(section.number) + ": " : "") +
                "interface " + section.port + " does not exist; its lines wait for it.");
         ports_.keep(section);
@@ -109,11 +107,22 @@ void ConfigReplay::run_line(SessionState& session, const ConfigLine& line) {
     }
 }
 
-void ConfigReplay::report(const std::string& text) {
-    if (refused_ <= kMaxReports) {
+// To be called after each count.
+void ConfigReplay::report(const std::string& text) const {
+    if (refused_ + absent_ <= kMaxReports) {
         printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "REPLAY", "%s: %s", origin_.c_str(),
                       text.c_str());
     }
+}
+
+void ConfigReplay::report_sum() const {
+    if (refused_ + absent_ <= kMaxReports) {
+        return;
+    }
+    const std::string absent =
+        absent_ == 0 ? "" : " and " + std::to_string(absent_) + " interfaces do not exist";
+    printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "REPLAY", "%s: %zu lines were refused%s in all.",
+                  origin_.c_str(), refused_, absent.c_str());
 }
 
 std::vector<uint32_t> ConfigReplay::unclaimed() const {

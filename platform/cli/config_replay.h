@@ -14,6 +14,7 @@ namespace qv::cli {
 
 class ConfigReplay {
  public:
+    // Messages about single lines and sections; a sum follows when there is more to say.
     static constexpr size_t kMaxReports = 50;
 
     // `origin` is where the lines come from, for messages.
@@ -39,7 +40,8 @@ class ConfigReplay {
  private:
     void run_section(const ConfigSection& section);
     void run_line(SessionState& session, const ConfigLine& line);
-    void report(const std::string& text);
+    void report(const std::string& text) const;
+    void report_sum() const;
 
     const std::string origin_;
     const std::vector<ConfigSection> sections_;
@@ -47,7 +49,8 @@ class ConfigReplay {
     const ConfigSection* running_ = nullptr;
     std::vector<ConfigSection> cut_off_;
     std::vector<uint32_t> held_;
-    size_t refused_ = 0;
+    size_t refused_ = 0;  // lines
+    size_t absent_ = 0;   // sections of ports that are not there
 };
 
 }  // namespace qv::cli

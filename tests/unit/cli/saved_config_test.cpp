@@ -482,6 +482,21 @@ TEST_F(SavedConfig, TwoHundredThousandBadLinesAreFiftyReportsAndASum) {
     EXPECT_EQ(lines[50], "CLI-3-REPLAY: " + rig.saved() + ": 200000 lines were refused in all.");
 }
 
+TEST_F(SavedConfig, ManySectionsOfAbsentPortsAreFiftyReportsAndASum) {
+    std::string text = "x\n";
+    for (int i = 0; i < 1000; ++i) {
+        text += "interface gone" + std::to_string(i) + "\n shutdown\n!\n";
+    }
+    was_saved(text);
+    rig.announce_ready();
+    const Lines lines = log();
+    ASSERT_EQ(lines.size(), 51U);
+    EXPECT_EQ(lines[49], "CLI-3-REPLAY: " + rig.saved() +
+                             ": line 146: interface gone48 does not exist; its lines wait for it.");
+    EXPECT_EQ(lines[50], "CLI-3-REPLAY: " + rig.saved() +
+                             ": 1 lines were refused and 1000 interfaces do not exist in all.");
+}
+
 TEST_F(SavedConfig, LeftoverOfADeadProcessIsNeverTakenForTheConfiguration) {
     was_saved("global one\n");
     write_text(rig.saved() + ".new", qv::cli::seal_config("global two\nend\n", 9));
