@@ -1,6 +1,7 @@
 #include "platform/cli/config_saver.h"
 
 #include <algorithm>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <utility>
@@ -61,10 +62,15 @@ std::string ConfigSaver::save_here() {
 }
 
 void ConfigSaver::save_last() {
-    if (unasked_) {
-        writing_ = false;
-        static_cast<void>(save_here());  // notes its own trouble
+    if (!unasked_) {
+        return;
     }
+    // The background must not be used any more, so this save answers everybody who waits.
+    writing_ = false;
+    told_.insert(told_.end(), std::make_move_iterator(waiting_.begin()),
+                 std::make_move_iterator(waiting_.end()));
+    waiting_.clear();
+    static_cast<void>(save_here());  // notes its own trouble
 }
 
 void ConfigSaver::begin() {

@@ -39,7 +39,7 @@ class ConfigSaver {
     void save(Done done);
     // The same for a caller that cannot wait: on this thread. An empty text, or the reason.
     std::string save_here();
-    // The same at the end of the process, when the background is at rest for ever.
+    // The same at the end of the process, when the background may have been destroyed.
     void save_last();
 
     // Before the saved configuration is in force, and when it could not be read, nothing but an

@@ -497,6 +497,33 @@ TEST_F(SavedConfig, ManySectionsOfAbsentPortsAreFiftyReportsAndASum) {
                              ": 1 lines were refused and 1000 interfaces do not exist in all.");
 }
 
+// Takes no work once its thread has ended, as at the end of the process.
+class EndingBackground final : public qv::Background {
+ public:
+    void run(std::function<void()> work, qv::EventLoop::Task) override {
+        EXPECT_FALSE(ended) << "nobody is there to do it";
+        work();  // and what is to follow waits for a loop that has no more turn
+    }
+    bool ended = false;
+};
+
+TEST_F(SavedConfig, LastSaveAnswersEverybodyAndNeedsNoBackground) {
+    rig.announce_ready();
+    const std::string path = rig.folder.file("last.conf");
+    qv::cli::Journal journal(path + ".journal");
+    const qv::cli::PortSections sections;
+    EndingBackground background;
+    qv::cli::ConfigSaver saver(rig.platform.loop(), background, path, journal, sections);
+    saver.allow_unasked(true);
+    Lines answers;
+    saver.save([&](const std::string& reason) { answers.push_back("first" + reason); });
+    saver.save([&](const std::string& reason) { answers.push_back("second" + reason); });
+    background.ended = true;
+    saver.save_last();
+    EXPECT_EQ(answers, (Lines{"first", "second"}));
+    EXPECT_TRUE(qv::cli::unseal_config(read_text(path)).intact);
+}
+
 TEST_F(SavedConfig, LeftoverOfADeadProcessIsNeverTakenForTheConfiguration) {
     was_saved("global one\n");
     write_text(rig.saved() + ".new", qv::cli::seal_config("global two\nend\n", 9));
