@@ -397,13 +397,32 @@ TEST_F(RefusedRecovery, PortThatLeavesTheTableBeforeTheRefusalIsMarkedOutsideIt)
     EXPECT_EQ(record->total_result, 0);
 }
 
-TEST_F(RefusedRecovery, MarkedPortLeavesTheTableWithTheTimerOfItsRecovery) {
+// The recovery arms the clear timer after its post. A refusal that comes later leaves the timer.
+TEST_F(RefusedRecovery, RefusalAfterTheClearTimerIsArmedLeavesTheTimer) {
     record->tarn_result = 0;
-    recover(false);
+    recover(true);
     ASSERT_NE(record->clear_timer, nullptr);
+    let_it_be_refused();
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
     EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
     EXPECT_EQ(record->total_result, 0);
+}
+
+// The port is held again before the recovery comes to arm the timer: it gets none.
+TEST_F(RefusedRecovery, RefusalBeforeTheClearTimerIsArmedKeepsThePortInTheTable) {
+    record->tarn_result = 0;
+    fake::start_threads();
+    drained();
+    fake::on_signal([] {
+        fake::let_wait_time_out();
+        drained();
+        return 0;
+    });
+    EXPECT_EQ(fake::fire(lda_intf_shutdown_timer_call), 0);
+    EXPECT_EQ(lda_intf_is_shutdown(record), 1);
+    EXPECT_EQ(record->clear_timer, nullptr);
+    EXPECT_EQ(record->total_result, 1);
 }
 
 TEST_F(RefusedRecovery, PortThatIsDeletedBeforeTheRefusalIsOnlyLogged) {

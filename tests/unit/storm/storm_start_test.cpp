@@ -59,7 +59,7 @@ TEST_F(StormStart, LogsItsSteps) {
 TEST_F(StormStart, BeginsWithoutRecords) {
     start();
     fake::mom_connect(8);
-    storm_set(1, true);
+    ASSERT_EQ(storm_add_by_fp(8000, 1024, 101), 0);
     storm_port_info* left = record(101);
     ASSERT_NE(left, nullptr);
     start();
