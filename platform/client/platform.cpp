@@ -154,7 +154,7 @@ class DescribedPlatform final : public Platform {
         forwarding_ = std::move(plane);
     }
 
-    // What was typed within the last second is not saved yet.
+    // Lines typed within the last second are not saved yet.
     void save_last() {
         background_.reset();  // a save that is under way comes to its end
         if (cli::ConfigKeeper* const keeper = cli::config_keeper()) {

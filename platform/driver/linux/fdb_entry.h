@@ -1,4 +1,4 @@
-// What this system reads in the kernel's messages about the entries of a bridge.
+// Decoder for rtnetlink messages about the forwarding entries of a bridge.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What this system reads in the packet filter's list of named counters.
+// Decoder for the packet filter's list of named counters.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What the server does for the client in one step, as Lua for EVAL.
+// Lua scripts for EVAL: steps that the server takes as one.
 #pragma once
 
 #include <string_view>
