@@ -28,14 +28,6 @@ void report(const char* mnemonic, const std::string& text) {
     printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", mnemonic, "%s", text.c_str());
 }
 
-// What remains of a file whose lines were not all taken. Empty when done, else the reason.
-std::string keep_copy(const std::string& path) {
-    std::error_code error;
-    std::filesystem::copy_file(path, path + ".damaged",
-                               std::filesystem::copy_options::overwrite_existing, error);
-    return error ? error.message() : "";
-}
-
 // Records take the place of the sections that they are about.
 void merge(std::vector<ConfigSection>& sections, const std::vector<JournalRecord>& records,
            uint64_t included) {
@@ -96,7 +88,7 @@ void ConfigKeeper::announce() {
     const auto replay = std::make_shared<ConfigReplay>(path(), load(), sections_);
     run(replay, [this, replay] {
         if (replay->anything_refused()) {
-            keep_copy(path());
+            keep_damaged();
         }
         replaying_ = false;
         replayed_ = true;
@@ -113,27 +105,25 @@ void ConfigKeeper::end_replay() {
 }
 
 // Programs are told of changes through the loop: each step runs when they have heard of the last.
+// Modes are looked at again until none changes, since a port may go and come back in between.
 void ConfigKeeper::run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done) {
-    const auto rest = [this, replay, done = std::move(done)] {
-        const bool outer = std::exchange(applying_, true);
-        ConfigReplay* const outer_replay = std::exchange(running_, replay.get());
-        replay->run();
-        running_ = outer_replay;
-        applying_ = outer;
-        for (const ConfigSection& section : replay->cut_off()) {
-            apply(section, false);
-        }
-        done();
-        loop_.post([this, replay] { release(*replay); });
-    };
-    const bool outer = std::exchange(applying_, true);
+    applying_ = true;
     const bool changed = replay->set_modes();
-    applying_ = outer;
+    applying_ = false;
     if (changed) {
-        loop_.post(rest);
-    } else {
-        rest();
+        loop_.post([this, replay, done = std::move(done)] { run(replay, done); });
+        return;
     }
+    applying_ = true;
+    running_ = replay.get();
+    replay->run();
+    running_ = nullptr;
+    applying_ = false;
+    for (const ConfigSection& section : replay->cut_off()) {
+        apply(section, false);
+    }
+    done();
+    loop_.post([this, replay] { release(*replay); });
 }
 
 void ConfigKeeper::release(const ConfigReplay& replay) {
@@ -166,12 +156,10 @@ std::vector<ConfigSection> ConfigKeeper::load() {
     }
     const UnsealedConfig saved = unseal_config(text.value_or(""));
     if (text && !saved.intact) {
-        const std::string trouble = keep_copy(path());
         report("REPLAY", "The saved configuration " + path() +
                              " has no valid seal (cut off, damaged or written by hand): its last "
-                             "line is not applied. " +
-                             (trouble.empty() ? "A copy is kept as " + path() + ".damaged."
-                                              : "No copy can be kept: " + trouble + "."));
+                             "line is not applied." +
+                             (keep_damaged() ? " A copy is kept as " + path() + ".damaged." : ""));
     }
     if (saved.intact) {
         saver_.set_saved(saved.text);
@@ -180,6 +168,25 @@ std::vector<ConfigSection> ConfigKeeper::load() {
     merge(sections, read_journal(journal_.path()), saved.journal);
     note_journal(journal_.open(saved.journal));
     return sections;
+}
+
+// Keeps a file whose lines were not all taken, before anything replaces it. False when that fails:
+// then the file itself is kept.
+bool ConfigKeeper::keep_damaged() {
+    const std::string copy = path() + ".damaged";
+    std::error_code error;
+    if (!std::filesystem::exists(path(), error)) {
+        return true;  // the lines were the journal's
+    }
+    std::filesystem::remove(copy, error);
+    std::filesystem::copy_file(path(), copy, error);
+    if (error) {
+        may_be_replaced_ = false;
+        report("REPLAY", "No copy of the saved configuration can be kept as " + copy + ": " +
+                             error.message() +
+                             ". The file is left alone until \"write\" is typed.");
+    }
+    return !error;
 }
 
 std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {

@@ -69,6 +69,7 @@ class ConfigKeeper final : public PortObserver {
     void announce();
     void end_replay();
     std::vector<ConfigSection> load();
+    bool keep_damaged();
     void run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done);
     void release(const ConfigReplay& replay);
     void apply(ConfigSection section, bool known_first);

@@ -90,7 +90,8 @@ void ConfigSaver::slice() {
     const bool all = take_ports(kPortsPerTurn);
     snapshot_->spent += loop_.clock().now() - start;
     if (all) {
-        rest_until_ = loop_.clock().now() + kRest * snapshot_->spent;
+        rest_until_ =
+            loop_.clock().now() + std::min<Duration>(kRest * snapshot_->spent, kLongestRest);
         finish();
     } else {
         turn_ = loop_.put_off([this] { slice(); });
@@ -170,8 +171,11 @@ void ConfigSaver::written(const std::string& text, uint64_t journal, const std::
     }
 }
 
-// The sections of ports follow the global lines.
+// The sections of ports follow the global lines. While a text is being written either may be found.
 bool ConfigSaver::saved_global(std::string_view lines) const {
+    if (writing_) {
+        return false;
+    }
     const std::string_view rest =
         std::string_view(saved_text_).substr(std::min(lines.size(), saved_text_.size()));
     return saved_text_.starts_with(lines) && (rest.starts_with("interface ") || rest == kConfigEnd);

@@ -23,7 +23,8 @@ namespace qv::cli {
 class ConfigSaver {
  public:
     static constexpr std::chrono::milliseconds kGather{100};  // from a change to its snapshot
-    static constexpr int kRest = 10;  // pause after a snapshot, times what it took of the loop
+    static constexpr int kRest = 10;  // pause after a snapshot, times what it took of the loop,
+    static constexpr std::chrono::milliseconds kLongestRest{500};  // and at most this
     static constexpr std::chrono::seconds kRetryAfter{30};
     static constexpr int kPortsPerTurn = 64;
 

@@ -151,6 +151,9 @@ TEST_F(PortSectionsTest, GlobalLinesStandInTheJournalBeforeTheSectionThatNeedsTh
     EXPECT_EQ(told(records[1]), "swp2: shutdown, loop-detect apply shutdown-port,");
     program(103, "shutdown");
     EXPECT_EQ(qv::cli::read_journal(rig.saved() + ".journal").size(), 3U) << "once is enough";
+    rig.platform.run_for(1s);
+    program(104, "shutdown");
+    EXPECT_EQ(qv::cli::read_journal(rig.saved() + ".journal").size(), 1U) << "they are saved";
 }
 
 TEST_F(PortSectionsTest, SaveEmptiesTheJournal) {
@@ -340,6 +343,18 @@ TEST_F(PortSectionsTest, PortThatGoesInTheMidstOfItsReplayGetsItsWholeSectionWhe
     rig.platform.run_for(1s);
     EXPECT_TRUE(g_held.contains(202));
     EXPECT_EQ(saved("swp2"), whole);
+}
+
+TEST_F(PortSectionsTest, PortThatIsBackBetweenTheModesAndTheRestHasItsModeAgain) {
+    was_saved("interface swp2\n switchport mode hybrid\n tarn port loop-detect warning\n!\n");
+    cli_client_ready();
+    rig.platform.loop().post([&] {  // behind the modes, in front of the rest
+        rig.hardware.remove(102);
+        rig.hardware.add("swp2", 202);
+    });
+    rig.platform.run_for(1s);
+    EXPECT_EQ(rig.model.find(202U)->mode, SWPORT_MODE_HYBRID);
+    EXPECT_EQ(saved("swp2"), " switchport mode hybrid\n tarn port loop-detect warning\n");
 }
 
 TEST_F(PortSectionsTest, PortThatGoesAndIsBackInTheMidstOfItsReplayGetsItsWholeSection) {

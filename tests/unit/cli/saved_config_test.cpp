@@ -459,6 +459,48 @@ TEST_F(SavedConfig, FileCutOffIsReportedAndItsLastLineNotTaken) {
     EXPECT_EQ(read_text(rig.saved() + ".damaged"), "global one\nglobal two\nglobal thr");
 }
 
+TEST_F(SavedConfig, DamagedFileThatCannotBeCopiedIsLeftAlone) {
+    write_text(rig.saved(), "global one\nglobal tw");
+    std::filesystem::create_directories(rig.saved() + ".damaged/full");
+    rig.announce_ready();
+    rig.platform.run_for(1s);
+    EXPECT_EQ(read_text(rig.saved()), "global one\nglobal tw");
+    EXPECT_EQ(
+        log(),
+        (Lines{"CLI-3-REPLAY: No copy of the saved configuration can be kept as " + rig.saved() +
+                   ".damaged: Invalid argument. The file is left alone until \"write\" is "
+                   "typed.",
+               "CLI-3-REPLAY: The saved configuration " + rig.saved() +
+                   " has no valid seal (cut off, damaged or written by hand): its last "
+                   "line is not applied."}));
+    EXPECT_EQ(rig.type("write"), "");
+    EXPECT_EQ(saved_text(), kPorts);
+}
+
+TEST_F(SavedConfig, RoundThatTakesVeryLongIsFollowedByHalfASecondsPause) {
+    rig.announce_ready();
+    rig.platform.run_for(1s);
+    g_clock = &rig.platform.manual_clock;
+    g_generations = 0;
+    qv::cli::attach(CLI_CHAIN_CONFIG,
+                    qv::cli::keyword("very-slow", "",
+                                     qv::cli::print_config(
+                                         [](cli_pcdb*) {
+                                             g_clock->advance(200ms);
+                                             return ++g_generations;
+                                         },
+                                         qv::cli::end_of_line(record))),
+                    "test");
+    cli_client_c2p_reform();
+    rig.platform.run_for(100ms);
+    EXPECT_EQ(g_generations, 1);
+    cli_client_c2p_reform();
+    rig.platform.run_for(499ms);
+    EXPECT_EQ(g_generations, 1);
+    rig.platform.run_for(1ms);
+    EXPECT_EQ(g_generations, 2);
+}
+
 TEST_F(SavedConfig, FileWhoseLinesWereRefusedIsKeptToo) {
     was_saved("frobnicate\n");
     const std::string before = read_text(rig.saved());
