@@ -1,6 +1,7 @@
 #include "platform/driver/linux/redis_connection.h"
 
 #include <hiredis/hiredis.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <array>
@@ -14,6 +15,15 @@ namespace qv {
 namespace {
 
 constexpr size_t kReadSize_bytes = size_t{64} << 10;
+
+// A server that leaves every request unanswered for so long has hung. It may keep its connections
+// open for ever, so nothing else would end the session.
+constexpr std::chrono::seconds kAnswerTimeout{10};
+
+bool is_readable(int fd) {
+    pollfd ready{.fd = fd, .events = POLLIN, .revents = 0};
+    return ::poll(&ready, 1, 0) > 0;
+}
 
 bool is_message(const RedisReply& reply) {
     return reply.is(RedisReply::Type::kArray) && !reply.elements.empty() &&
@@ -50,6 +60,7 @@ void RedisConnection::stop() {
     read_.reset();
     write_.reset();
     failed_.reset();
+    overdue_.reset();
 }
 
 // The last thing that its caller does: `this` may be gone afterwards, so `reason` must not be a
@@ -85,8 +96,36 @@ void RedisConnection::send(size_t count, const std::string_view* words, ReplyCal
         fail_later(context_->errstr);
         return;
     }
+    if (unanswered_.empty()) {
+        waiting_since_ = loop_.clock().now();
+    }
     unanswered_.push_back(std::move(callback));
+    if (!overdue_) {
+        expect_answer();
+    }
     want_write();
+}
+
+// One timer for many answers: it looks again instead of being set with every one.
+void RedisConnection::expect_answer() {
+    const Duration left = waiting_since_ + kAnswerTimeout - loop_.clock().now();
+    overdue_ = loop_.after(left, [this] { check_answers(); });
+}
+
+void RedisConnection::check_answers() {
+    if (unanswered_.empty()) {
+        return;
+    }
+    const Time now = loop_.clock().now();
+    // After a long pause of this process the answer may be there, but not read yet.
+    if (is_readable(context_->fd)) {
+        waiting_since_ = now;
+    }
+    if (now - waiting_since_ < kAnswerTimeout) {
+        expect_answer();
+    } else {
+        fail("the server does not answer");
+    }
 }
 
 void RedisConnection::want_write() {
@@ -154,6 +193,7 @@ void RedisConnection::hand_out(const RedisReply& reply) {
         fail_later("the server answers what nobody asked");
         return;
     }
+    waiting_since_ = loop_.clock().now();
     const ReplyCallback callback = std::move(unanswered_.front());
     unanswered_.pop_front();
     if (callback) {

@@ -25,7 +25,8 @@ class RedisConnection {
     using MessageCallback = std::function<void(const RedisReply&)>;
 
     // `on_lost` runs at most once, with the reason, never inside a call of this class, and may
-    // destroy the connection. A socket that cannot be reached is reported the same way. With
+    // destroy the connection. A socket that cannot be reached is reported the same way, and so is a
+    // server that answers none of the waiting requests for 10 s. With
     // `on_message` the connection takes subscriptions: it gets each array that begins with
     // "message".
     RedisConnection(EventLoop& loop, const std::string& socket, LostCallback on_lost,
@@ -52,6 +53,8 @@ class RedisConnection {
     void on_readable();
     bool read_some();
     void hand_out(const RedisReply& reply);
+    void expect_answer();
+    void check_answers();
     void fail(const std::string& reason);
     void fail_later(const std::string& reason);
 
@@ -61,12 +64,14 @@ class RedisConnection {
     const std::unique_ptr<redisContext, ContextFree> context_;
     RedisReplyReader replies_;
     std::deque<ReplyCallback> unanswered_;  // in the order of the commands
+    Time waiting_since_{};                  // the last answer, or the first of the waiting requests
     bool stopped_ = false;
 
     // Last, so that the watches end before the descriptor is closed.
     EventLoop::Handle read_;
     EventLoop::Handle write_;
     EventLoop::Handle failed_;
+    EventLoop::Handle overdue_;
 };
 
 }  // namespace qv

@@ -249,6 +249,58 @@ TEST_F(RedisProtocol, RefusedSubscriptionIsLogged) {
                     " refuses the subscription to mom/4/p_bridge.tarn_loop_info: NOPERM no"});
 }
 
+TEST_F(RedisProtocol, ServerThatNeverAnswersIsLeftAfterTenSeconds) {
+    accept();
+    commands().send("*1000000000\r\n$536870911\r\nthe rest never comes");
+    platform.run_for(9999ms);
+    EXPECT_FALSE(commands().closed());
+    platform.run_for(1ms);
+    EXPECT_TRUE(commands().closed());
+    EXPECT_TRUE(subscriptions().closed());
+    EXPECT_EQ(
+        platform.log.lines(),
+        Lines{"MOM-4-STORE_AWAY: Object database at " + server.path() +
+              " is away (the server does not answer). Retrying; check that redis-server runs."});
+    platform.run_for(100ms);
+    greet_again();
+    EXPECT_EQ(g_heard, Lines{"up"});
+}
+
+TEST_F(RedisProtocol, SilentServerIsLeftAlsoDuringASession) {
+    greet();
+    set(7);
+    answer(commands(), kWritten);
+    platform.run_for(4s);
+    EXPECT_EQ(g_heard, Lines{});
+    // The check of the records is not answered.
+    platform.run_for(10999ms);
+    EXPECT_EQ(g_heard, Lines{});
+    platform.run_for(1ms);
+    EXPECT_EQ(g_heard, Lines{"down"});
+}
+
+TEST_F(RedisProtocol, IdleServerIsKept) {
+    greet();
+    platform.run_for(3600s);
+    EXPECT_EQ(g_heard, Lines{});
+    set(7);
+    platform.run_for(9s);
+    answer(commands(), kWritten);
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_FALSE(commands().closed());
+}
+
+TEST_F(RedisProtocol, AnswerThatArrivedWhileTheProcessPausedCounts) {
+    accept();
+    platform.run_ready();
+    commands().send("+PONG\r\n");
+    subscriptions().send("+PONG\r\n");
+    platform.manual_clock.advance(60s);
+    platform.run_ready();
+    EXPECT_FALSE(commands().closed());
+    EXPECT_EQ(platform.log.lines(), Lines{});
+}
+
 TEST_F(RedisProtocol, ConfirmationOfAnotherChannelEndsTheSession) {
     greet();
     subscribe();
