@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -108,7 +109,9 @@ class RedisClient final : public StoreClient {
     void note_error(uint64_t number, const RedisReply& reply);
     void written(uint64_t number, const RedisReply& reply);
     void forget(uint64_t number);
+    void request_topic(const std::string& channel, uint64_t subscription);
     void confirmed(const std::string& channel, uint64_t subscription, const RedisReply& reply);
+    void topic_refused(const std::string& channel, uint64_t subscription, const std::string& error);
     void on_message(const RedisReply& message);
     void read_page(uint64_t number, const std::vector<std::string_view>& keys);
     void page_read(uint64_t number, const RedisReply& reply);
@@ -124,11 +127,13 @@ class RedisClient final : public StoreClient {
     const std::string socket_;
     StoreListener& listener_;
 
-    std::map<uint32_t, Database> databases_;  // opened so far
-    std::map<uint64_t, Write> unconfirmed_;   // in the order of the calls
-    std::map<std::string, uint64_t> topics_;  // subscriptions of this connection, by channel
-    std::map<uint64_t, Scan> scans_;          // of this connection
-    std::vector<uint64_t> waiting_;           // unconfirmed writes that are not sent yet
+    std::map<uint32_t, Database> databases_;   // opened so far
+    std::map<uint64_t, Write> unconfirmed_;    // in the order of the calls
+    std::map<std::string, uint64_t> topics_;   // subscriptions of this connection, by channel
+    std::map<std::string, uint64_t> refused_;  // subscriptions to be asked for again, by channel
+    std::set<std::string> refused_logged_;     // channels; until they are confirmed
+    std::map<uint64_t, Scan> scans_;           // of this connection
+    std::vector<uint64_t> waiting_;            // unconfirmed writes that are not sent yet
     uint64_t writes_ = 0;
     size_t unconfirmed_bytes_ = 0;
     size_t unconfirmed_limit_bytes_ = kUnconfirmedLimit_bytes;  // of this connection
@@ -142,6 +147,7 @@ class RedisClient final : public StoreClient {
     Time greeted_at_;             // when both connections had answered
     bool check_refused_ = false;  // logged; by this connection
     EventLoop::Handle check_;
+    EventLoop::Handle ask_again_;  // for the refused subscriptions
     EventLoop::Handle retry_;
     EventLoop::Handle failing_;
     EventLoop::Handle sending_;
@@ -241,6 +247,8 @@ void RedisClient::lose(const std::string& reason) {
     subscriptions_.reset();
     failing_.reset();
     topics_.clear();
+    refused_.clear();
+    ask_again_.reset();
     scans_.clear();
     waiting_.clear();  // sent again with the others
     check_.reset();
@@ -430,21 +438,23 @@ bool RedisClient::subscribe(uint32_t db, std::string_view type, uint64_t subscri
     if (!up(db)) {
         return false;
     }
-    const std::string channel = channel_of(db, type);
+    request_topic(channel_of(db, type), subscription);
+    return true;
+}
+
+void RedisClient::request_topic(const std::string& channel, uint64_t subscription) {
+    refused_.erase(channel);
     subscriptions_->send({"SUBSCRIBE", channel},
                          [this, channel, subscription](const RedisReply& reply) {
                              confirmed(channel, subscription, reply);
                          });
-    return true;
 }
 
 // The confirmation is an array of "subscribe", the channel and a count.
 void RedisClient::confirmed(const std::string& channel, uint64_t subscription,
                             const RedisReply& reply) {
     if (reply.is(Type::kError)) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "SUBSCRIBE_REFUSED",
-                      "The object database at %s refuses the subscription to %s: %s",
-                      socket_.c_str(), channel.c_str(), reply.text.c_str());
+        topic_refused(channel, subscription, reply.text);
         return;
     }
     if (reply.elements.size() != 3 || reply.elements[0].text != "subscribe" ||
@@ -452,8 +462,28 @@ void RedisClient::confirmed(const std::string& channel, uint64_t subscription,
         fail_later(complaint("SUBSCRIBE", reply));
         return;
     }
+    refused_logged_.erase(channel);
     topics_[channel] = subscription;
     listener_.subscribed(subscription);
+}
+
+// Without its subscriptions a client is deaf: they are asked for until somebody has given the
+// rights back.
+void RedisClient::topic_refused(const std::string& channel, uint64_t subscription,
+                                const std::string& error) {
+    if (refused_logged_.insert(channel).second) {
+        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "SUBSCRIBE_REFUSED",
+                      "The object database at %s refuses the subscription to %s: %s",
+                      socket_.c_str(), channel.c_str(), error.c_str());
+    }
+    refused_[channel] = subscription;
+    if (!ask_again_) {
+        ask_again_ = loop_.after(kCheckPeriod, [this] {
+            for (const auto& [refused, number] : std::exchange(refused_, {})) {
+                request_topic(refused, number);
+            }
+        });
+    }
 }
 
 // An array of "message", the channel and the payload.

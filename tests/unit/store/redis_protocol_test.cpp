@@ -249,6 +249,28 @@ TEST_F(RedisProtocol, RefusedSubscriptionIsLogged) {
                     " refuses the subscription to mom/4/p_bridge.tarn_loop_info: NOPERM no"});
 }
 
+TEST_F(RedisProtocol, RefusedSubscriptionIsAskedForAgainUntilItIsConfirmed) {
+    const std::string request = "*2\r\n$9\r\nSUBSCRIBE\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n";
+    greet();
+    subscribe();
+    platform.run_ready();
+    subscriptions().received();
+    for (int refusals = 0; refusals < 2; ++refusals) {
+        subscriptions().send("-NOPERM no\r\n");
+        platform.run_ready();
+        EXPECT_EQ(subscriptions().received(), "");
+        platform.run_for(5s);
+        EXPECT_EQ(subscriptions().received(), request);
+    }
+    EXPECT_EQ(g_heard, Lines{});
+    EXPECT_EQ(platform.log.lines().size(), 1U) << "the same refusal is logged once";
+    subscriptions().send("*3\r\n$9\r\nsubscribe\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n:1\r\n");
+    platform.run_ready();
+    EXPECT_EQ(g_heard, Lines{"29/0/4"});
+    platform.run_for(5s);
+    EXPECT_EQ(subscriptions().received(), "");
+}
+
 TEST_F(RedisProtocol, ServerThatNeverAnswersIsLeftAfterTenSeconds) {
     accept();
     commands().send("*1000000000\r\n$536870911\r\nthe rest never comes");
