@@ -20,6 +20,15 @@
 
 namespace qv::cli {
 
+// A configuration to be saved, as far as it has been taken.
+struct ConfigSnapshot {
+    std::string text;
+    uint64_t journal = 0;
+    uint32_t last_ifx = 0;     // of the ports taken so far
+    std::set<uint32_t> taken;  // interface indexes
+    Duration spent{};          // of the loop's time
+};
+
 class ConfigSaver {
  public:
     static constexpr std::chrono::milliseconds kGather{100};  // from a change to its snapshot
@@ -56,14 +65,6 @@ class ConfigSaver {
     const std::string& trouble() const { return trouble_; }
 
  private:
-    struct Snapshot {
-        std::string text;
-        uint64_t journal = 0;
-        uint32_t last_ifx = 0;     // of the ports taken so far
-        std::set<uint32_t> taken;  // interface indexes
-        Duration spent{};          // of the loop's time
-    };
-
     void schedule();
     void begin();
     void slice();
@@ -83,7 +84,7 @@ class ConfigSaver {
     bool unasked_ = false;
     bool wanted_ = false;   // for another snapshot than the one under way
     bool writing_ = false;  // the background is at work
-    std::optional<Snapshot> snapshot_;
+    std::optional<ConfigSnapshot> snapshot_;
     std::vector<Done> waiting_;  // for the next snapshot to be written
     std::vector<Done> told_;     // when the present one is
     std::string saved_text_;
