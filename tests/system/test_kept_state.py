@@ -112,6 +112,7 @@ def test_port_that_is_replaced_by_a_device_of_its_name_keeps_mode_and_rate(lab):
 def test_bridge_made_again_finds_its_ports_as_they_were(lab):
     lab.configure("interface swp1", "switchport mode trunk", "interface swp2", "shutdown")
     shut_by_a_loop(lab, "swp3")
+    lab.cli("write")
     lab.ip("link", "delete", "br0")
     wait_for(is_gone(lab, "swp3"), 5, "the ports are gone")
     lab.kill_agent()  # nothing of it is in the process

@@ -61,6 +61,12 @@ def left_behind(front):
     return (len(processes()), descriptors(front.lab.agent.pid), descriptors(front.sshd.pid), clients)
 
 
+def without_sessions(front):
+    """The same when the sessions of earlier tests have ended."""
+    wait_for(lambda: left_behind(front)[0] == 0, 10, "earlier sessions have ended")
+    return left_behind(front)
+
+
 def wait_until_clean(front, before):
     try:
         wait_for(lambda: left_behind(front) == before, 10, "nothing is left behind")
@@ -69,7 +75,7 @@ def wait_until_clean(front, before):
 
 
 def test_thirty_sessions_at_once(front):
-    before = left_behind(front)
+    before = without_sessions(front)
 
     def one_session(number):
         with front.connect() as session:
@@ -102,7 +108,7 @@ def test_thirty_sessions_at_once(front):
 
 def test_sessions_that_come_and_go_leave_nothing_behind(front):
     """Most of them start the program directly: the handshake of SSH would take minutes."""
-    before = left_behind(front)
+    before = without_sessions(front)
 
     def cycle(number):
         with front.raw() as session:
@@ -128,7 +134,7 @@ def test_sessions_that_come_and_go_leave_nothing_behind(front):
 
 
 def test_client_that_is_cut_off_leaves_nothing_behind(front):
-    before = left_behind(front)
+    before = without_sessions(front)
     with front.connect() as session:
         session.create_subscription()
         session.lock("running")
