@@ -309,8 +309,10 @@ TEST_F(NftTrouble, RulesThatWereToGoWentWithTheTable) {
         plane->remove(id);
     }
     settle();
-    EXPECT_EQ(output_of("nft list counters"),
-              "table netdev lda {\n\tcounter port1.129 {\n\t\tpackets 0 bytes 0\n\t}\n}\n");
+    EXPECT_TRUE(wait_for([&] {
+        return output_of("nft list counters") ==
+               "table netdev lda {\n\tcounter port1.129 {\n\t\tpackets 0 bytes 0\n\t}\n}\n";
+    }));
     EXPECT_EQ(platform.log.lines(), kPutBack) << "once";
 }
 
