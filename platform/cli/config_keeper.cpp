@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
+#include <map>
 #include <memory>
 #include <utility>
 #include <vector>
@@ -32,7 +33,7 @@ void report(const char* mnemonic, const std::string& text) {
 void merge(std::vector<ConfigSection>& sections, const std::vector<JournalRecord>& records,
            uint64_t included) {
     for (const JournalRecord& record : records) {
-        if (record.number <= included) {
+        if (record.saved || record.number <= included) {
             continue;
         }
         std::erase_if(sections, [&](const ConfigSection& section) {
@@ -40,6 +41,37 @@ void merge(std::vector<ConfigSection>& sections, const std::vector<JournalRecord
         });
         const bool global = record.section.port.empty();
         sections.insert(global ? sections.begin() : sections.end(), record.section);
+    }
+}
+
+bool explains_shutdown(const ConfigSection& section) {
+    return has_line(section, kHeldLine) || has_line(section, "shutdown") ||
+           has_line(section, "no shutdown");
+}
+
+// A saved configuration that was lost or is another one does not say why a port is down. When it
+// was a program, by the journal's newest record of the port, the port is the program's again: left
+// as it is it would stay dark for ever.
+void claim_held(std::vector<ConfigSection>& sections, const std::vector<JournalRecord>& records) {
+    std::map<std::string, const ConfigSection*> newest;
+    for (const JournalRecord& record : records) {
+        newest[record.section.port] = &record.section;
+    }
+    for (const auto& [name, section] : newest) {
+        const Port* const port = platform().ports().find(std::string_view(name));
+        const bool explained = std::any_of(
+            sections.begin(), sections.end(), [&port_name = name](const ConfigSection& known) {
+                return known.port == port_name && explains_shutdown(known);
+            });
+        if (!port || port->admin_up || explained || !has_line(*section, kHeldLine)) {
+            continue;
+        }
+        const ConfigLine held{0, std::string(kHeldLine)};
+        sections.push_back({name, 0, {{0, "shutdown"}, held}});
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "CLAIMED",
+                      "Interface %s was held shut, and the saved configuration does not say so: "
+                      "'%s' is put in force again.",
+                      name.c_str(), held.text.c_str());
     }
 }
 
@@ -165,7 +197,9 @@ std::vector<ConfigSection> ConfigKeeper::load() {
         saver_.set_saved(saved.text);
     }
     std::vector<ConfigSection> sections = parse_config(saved.text);
-    merge(sections, read_journal(journal_.path()), saved.journal);
+    const std::vector<JournalRecord> records = read_journal(journal_.path());
+    merge(sections, records, saved.journal);
+    claim_held(sections, records);
     note_journal(journal_.open(saved.journal));
     return sections;
 }

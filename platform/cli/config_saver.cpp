@@ -54,10 +54,9 @@ std::string ConfigSaver::save_here() {
     }
     begin();
     take_ports(std::numeric_limits<int>::max());
-    const uint64_t journal = snapshot_->journal;
-    const std::string text = end_snapshot();
-    std::string reason = replace_file(path_, seal_config(text, journal));
-    written(text, journal, reason);
+    const ConfigImage image = end_snapshot();
+    std::string reason = replace_file(path_, seal_config(image.text, image.journal));
+    written(image, reason);
     return reason;
 }
 
@@ -78,8 +77,8 @@ void ConfigSaver::begin() {
     turn_.reset();
     wanted_ = false;
     snapshot_.emplace();
-    snapshot_->journal = journal_.last();
-    snapshot_->text = section_text(generate_global());
+    snapshot_->image.journal = journal_.last();
+    snapshot_->image.text = section_text(generate_global());
 }
 
 void ConfigSaver::slice() {
@@ -111,49 +110,54 @@ bool ConfigSaver::take_ports(int limit) {
 
 void ConfigSaver::take_port(const Port& port) {
     if (!(port.flags & LSM_IF_FLAG_HIDDEN)) {
-        snapshot_->text += section_text(sections_.saved(port));
+        ConfigSection section = sections_.saved(port);
+        snapshot_->image.text += section_text(section);
+        if (has_line(section, kHeldLine)) {
+            snapshot_->image.held.push_back(std::move(section));
+        }
     }
     snapshot_->taken.insert(port.ifx);
 }
 
-// The whole text; the snapshot is over.
-std::string ConfigSaver::end_snapshot() {
+// The snapshot is over.
+ConfigImage ConfigSaver::end_snapshot() {
     // Ports that have come between two slices, with an index that had had its turn.
     for (const auto& [ifx, port] : platform().ports().ports()) {
         if (!snapshot_->taken.contains(ifx)) {
             take_port(port);
         }
     }
-    std::string text = std::move(snapshot_->text) + sections_.kept_text();
-    text += kConfigEnd;
+    ConfigImage image = std::move(snapshot_->image);
+    image.text += sections_.kept_text();
+    image.text += kConfigEnd;
     snapshot_.reset();
-    return text;
+    return image;
 }
 
 void ConfigSaver::finish() {
-    const uint64_t journal = snapshot_->journal;
-    const std::string text = end_snapshot();
+    ConfigImage image = end_snapshot();
     told_ = std::exchange(waiting_, {});
-    if (text == saved_text_ && told_.empty()) {
-        written(text, journal, "");
+    if (image.text == saved_text_ && told_.empty()) {
+        written(image, "");
         return;
     }
     writing_ = true;
     auto reason = std::make_shared<std::string>();
-    background_.run([path = path_, sealed = seal_config(text, journal),
+    std::string sealed = seal_config(image.text, image.journal);
+    background_.run([path = path_, sealed = std::move(sealed),
                      reason] { *reason = replace_file(path, sealed); },
-                    [this, text, journal, reason] {
+                    [this, image = std::move(image), reason] {
                         writing_ = false;
-                        written(text, journal, *reason);
+                        written(image, *reason);
                     });
 }
 
-void ConfigSaver::written(const std::string& text, uint64_t journal, const std::string& reason) {
+void ConfigSaver::written(const ConfigImage& image, const std::string& reason) {
     note(reason);
     if (reason.empty()) {
-        saved_text_ = text;
+        saved_text_ = image.text;
         unasked_ = true;
-        journal_.forget(journal);
+        journal_.forget(image.journal, image.held);
         retry_.reset();
     } else {
         saved_text_.clear();

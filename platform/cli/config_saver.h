@@ -20,10 +20,16 @@
 
 namespace qv::cli {
 
+// What a saved file says, or will say.
+struct ConfigImage {
+    std::string text;
+    uint64_t journal = 0;             // the last record that the text includes
+    std::vector<ConfigSection> held;  // sections of ports that a program holds shut
+};
+
 // A configuration to be saved, as far as it has been taken.
 struct ConfigSnapshot {
-    std::string text;
-    uint64_t journal = 0;
+    ConfigImage image;
     uint32_t last_ifx = 0;     // of the ports taken so far
     std::set<uint32_t> taken;  // interface indexes
     Duration spent{};          // of the loop's time
@@ -70,9 +76,9 @@ class ConfigSaver {
     void slice();
     bool take_ports(int limit);
     void take_port(const Port& port);
-    std::string end_snapshot();
+    ConfigImage end_snapshot();
     void finish();
-    void written(const std::string& text, uint64_t journal, const std::string& reason);
+    void written(const ConfigImage& image, const std::string& reason);
     void note(const std::string& reason);
 
     EventLoop& loop_;

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <iterator>
 #include <utility>
 
 namespace qv::cli {
@@ -17,17 +18,19 @@ namespace {
 constexpr off_t kRoom_bytes = 64 * 1024;
 constexpr mode_t kFileMode = 0600;
 constexpr std::string_view kTitle = "record ";
+constexpr std::string_view kSavedTitle = "saved ";
 
 // "record NUMBER BYTES CHECKSUM\n", then the section in BYTES bytes. The checksum covers number and
 // section.
-std::string bytes_of(uint64_t number, const ConfigSection& section) {
+std::string bytes_of(const JournalRecord& record) {
+    const ConfigSection& section = record.section;
     std::string body = section.port.empty() ? "" : "interface " + section.port + "\n";
     for (const ConfigLine& line : section.lines) {
         body += " " + line.text + "\n";
     }
-    const std::string count = std::to_string(number);
-    return std::string(kTitle) + count + " " + std::to_string(body.size()) + " " +
-           checksum(count + body) + "\n" + body;
+    const std::string count = std::to_string(record.number);
+    return std::string(record.saved ? kSavedTitle : kTitle) + count + " " +
+           std::to_string(body.size()) + " " + checksum(count + body) + "\n" + body;
 }
 
 std::string_view take_word(std::string_view& line) {
@@ -47,10 +50,12 @@ bool read_number(std::string_view word, Number& number) {
 // Takes a record off the front; false when there is no whole one.
 bool take_record(std::string_view& bytes, JournalRecord& record) {
     const size_t end = bytes.find('\n');
-    if (!bytes.starts_with(kTitle) || end == std::string_view::npos) {
+    record.saved = bytes.starts_with(kSavedTitle);
+    if ((!record.saved && !bytes.starts_with(kTitle)) || end == std::string_view::npos) {
         return false;
     }
-    std::string_view title = bytes.substr(kTitle.size(), end - kTitle.size());
+    std::string_view title = bytes.substr(0, end);
+    take_word(title);
     const std::string_view rest = bytes.substr(end + 1);
     const std::string_view count = take_word(title);
     size_t size = 0;
@@ -72,6 +77,11 @@ bool take_record(std::string_view& bytes, JournalRecord& record) {
     return true;
 }
 
+bool follows(const JournalRecord& record, const JournalRecord& before) {
+    return record.number > before.number ||
+           (record.number == before.number && record.saved && before.saved);
+}
+
 }  // namespace
 
 std::vector<JournalRecord> read_journal(const std::string& path) {
@@ -79,8 +89,7 @@ std::vector<JournalRecord> read_journal(const std::string& path) {
     const std::string text = read_config_file(path).value_or("");
     std::string_view rest = text;
     JournalRecord record;
-    while (take_record(rest, record) &&
-           (records.empty() || record.number > records.back().number)) {
+    while (take_record(rest, record) && (records.empty() || follows(record, records.back()))) {
         records.push_back(record);
     }
     return records;
@@ -96,33 +105,38 @@ std::string Journal::open(uint64_t last) {
     last_ = last;
     kept_.clear();
     for (const JournalRecord& record : read_journal(path_)) {
-        keep(record.number, record.section);
+        keep(record);
         last_ = std::max(last_, record.number);
     }
-    return rewrite();
+    return renew();
 }
 
 // A section's newest record takes the place of those before it.
-void Journal::keep(uint64_t number, const ConfigSection& section) {
-    std::erase_if(kept_, [&](const Kept& record) { return record.port == section.port; });
-    kept_.push_back({number, section.port, bytes_of(number, section)});
+void Journal::keep(const JournalRecord& record) {
+    std::erase_if(kept_, [&](const Kept& kept) { return kept.port == record.section.port; });
+    kept_.push_back({record.number, record.section.port, bytes_of(record), record.saved});
 }
 
 std::string Journal::append(const ConfigSection& section) {
-    std::string trouble = size_ > room_ || !in_place() ? rewrite() : "";
+    std::string trouble = size_ > room_ || !in_place() ? renew() : "";
+    const JournalRecord record{.number = last_ + 1, .section = section, .saved = false};
     if (trouble.empty()) {
-        trouble = write(bytes_of(last_ + 1, section));
+        trouble = write(bytes_of(record));
     }
     if (trouble.empty()) {
-        keep(++last_, section);
+        ++last_;
+        keep(record);
     }
     return trouble;
 }
 
-// Whether the open file is the one that the next start will read: somebody may have removed it.
+// Whether the open file is the one that the next start will read: somebody may have removed it, or
+// put another one in its place.
 bool Journal::in_place() const {
-    struct stat status {};
-    return fd_ >= 0 && ::fstat(fd_, &status) == 0 && status.st_nlink > 0;
+    struct stat open {};
+    struct stat named {};
+    return fd_ >= 0 && ::fstat(fd_, &open) == 0 && ::lstat(path_.c_str(), &named) == 0 &&
+           open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
 std::string Journal::write(std::string_view bytes) {
@@ -136,17 +150,47 @@ std::string Journal::write(std::string_view bytes) {
 
 bool Journal::holds(const std::string& port) const {
     return std::any_of(kept_.begin(), kept_.end(),
-                       [&](const Kept& record) { return record.port == port; });
+                       [&](const Kept& record) { return !record.saved && record.port == port; });
 }
 
-void Journal::forget(uint64_t number) {
-    std::erase_if(kept_, [number](const Kept& record) { return record.number <= number; });
-    if (kept_.empty() && fd_ >= 0 && size_ > 0) {
-        // An empty line is no record. The next record overwrites it.
-        size_ = 0;
-        static_cast<void>(write("\n"));
-        size_ = 0;
+void Journal::forget(uint64_t number, const std::vector<ConfigSection>& held) {
+    std::vector<Kept> kept;
+    for (const ConfigSection& section : held) {
+        kept.push_back({number, section.port, bytes_of({number, section, true}), true});
     }
+    std::copy_if(kept_.begin(), kept_.end(), std::back_inserter(kept),
+                 [number](const Kept& record) { return !record.saved && record.number > number; });
+    if (kept == kept_ && in_place()) {
+        return;
+    }
+    kept_ = std::move(kept);
+    if (!in_place() || !write_over().empty()) {
+        static_cast<void>(renew());  // the next record will say what is wrong
+    }
+}
+
+// Writes all that is kept anew. A disk that is full has no room for a new file, but the old one has
+// kept its own.
+std::string Journal::renew() {
+    std::string trouble = rewrite();
+    if (!trouble.empty() && in_place() && write_over().empty()) {
+        trouble.clear();
+    }
+    return trouble;
+}
+
+// In one call, so that a crash of the process finds the old records or the new ones.
+std::string Journal::write_over() {
+    std::string bytes;
+    for (const Kept& record : kept_) {
+        bytes += record.bytes;
+    }
+    // An empty line is no record: what is left of older ones behind it is not read. The next record
+    // overwrites it.
+    size_ = 0;
+    std::string trouble = write(bytes + "\n");
+    size_ = static_cast<off_t>(bytes.size());
+    return trouble;
 }
 
 // A new file with the records that are kept. Old and new one hold them at any moment. Its room
@@ -165,10 +209,7 @@ std::string Journal::rewrite() {
     ::posix_fallocate(fd, 0, room);
     const int old = std::exchange(fd_, fd);
     const off_t old_size = std::exchange(size_, 0);
-    std::string trouble;
-    for (const Kept& record : kept_) {
-        trouble = trouble.empty() ? write(record.bytes) : trouble;
-    }
+    std::string trouble = write_over();
     if (trouble.empty() && ::rename(fresh.c_str(), path_.c_str()) != 0) {
         trouble = std::strerror(errno);
     }

@@ -6,6 +6,10 @@
 // write alone. Each carries its number and a checksum; reading ends at the first that is damaged or
 // whose number does not grow, so a torn record or remains of older ones are never taken. The file
 // keeps its room: a full disk does not keep a record from being written.
+//
+// Sections of ports that a program holds shut stay in the journal when they are saved, as "saved"
+// records. A replay does not need them. They tell whose shutdown it is when the saved configuration
+// was lost, damaged or replaced.
 #pragma once
 
 #include <cstdint>
@@ -18,8 +22,9 @@
 namespace qv::cli {
 
 struct JournalRecord {
-    uint64_t number = 0;    // ascending, from 1
+    uint64_t number = 0;    // ascending, from 1; several saved records may share one
     ConfigSection section;  // line numbers are 0
+    bool saved = false;     // the saved configuration includes it
 };
 
 // The records of a journal file, oldest first; none when there is no such file. Any thread.
@@ -34,8 +39,8 @@ class Journal {
 
     const std::string& path() const { return path_; }
 
-    // Opens the file, made where it is missing, to continue after `last`; records up to that number
-    // stay until forget(). An empty text when done, else the reason.
+    // Opens the file, made where it is missing, to continue after `last`; all records stay until
+    // forget(). An empty text when done, else the reason.
     std::string open(uint64_t last);
 
     // Writes a record. An empty text when done, else the reason: then nothing was written.
@@ -47,28 +52,33 @@ class Journal {
     // Whether there is a record of the section that is not in the saved configuration.
     bool holds(const std::string& port) const;
 
-    // Records up to `number` are in the saved configuration by now.
-    void forget(uint64_t number);
+    // Records up to `number` are in the saved configuration by now. `held` are its sections of
+    // ports that a program holds shut.
+    void forget(uint64_t number, const std::vector<ConfigSection>& held = {});
 
  private:
     struct Kept {
         uint64_t number;
         std::string port;  // of the section
         std::string bytes;
+        bool saved;
+        bool operator==(const Kept&) const = default;
     };
 
-    void keep(uint64_t number, const ConfigSection& section);
+    void keep(const JournalRecord& record);
 
     bool in_place() const;
     std::string write(std::string_view bytes);
+    std::string renew();
     std::string rewrite();
+    std::string write_over();
 
     const std::string path_;
     int fd_ = -1;
     off_t size_ = 0;  // of what is in force; old bytes may follow
     off_t room_ = 0;  // beyond this size the file is written anew
     uint64_t last_ = 0;
-    std::vector<Kept> kept_;  // not in the saved configuration yet, the newest of each section
+    std::vector<Kept> kept_;  // the newest of each section, in the order of their numbers
 };
 
 }  // namespace qv::cli

@@ -27,11 +27,12 @@ ConfigSection section(const std::string& port, std::vector<std::string> lines) {
     return made;
 }
 
-// "NUMBER PORT: LINE, LINE" for each record.
+// "NUMBER PORT: LINE, LINE" for each record, with a "(saved)" in front where it is.
 std::vector<std::string> told(const std::string& path) {
     std::vector<std::string> texts;
-    for (const auto& [number, section] : read_journal(path)) {
-        std::string text = std::to_string(number) + " " + section.port + ":";
+    for (const auto& [number, section, saved] : read_journal(path)) {
+        std::string text =
+            (saved ? "(saved) " : "") + std::to_string(number) + " " + section.port + ":";
         for (const auto& line : section.lines) {
             text += " " + line.text + ",";
         }
@@ -110,6 +111,77 @@ TEST_F(JournalTest, RecordsAfterTheForgottenOnesStay) {
     EXPECT_EQ(told(path).back(), "2 swp2: shutdown,");
     EXPECT_FALSE(journal.holds("swp1"));
     EXPECT_TRUE(journal.holds("swp2"));
+}
+
+TEST_F(JournalTest, SectionsOfHeldPortsStayWhenTheyAreSaved) {
+    const ConfigSection held1 = section("swp1", {"shutdown", "loop-detect apply shutdown-port"});
+    const ConfigSection held2 = section("swp2", {"shutdown", "loop-detect apply shutdown-port"});
+    const std::string lines = " shutdown, loop-detect apply shutdown-port,";
+    journal.open(0);
+    journal.append(held1);
+    journal.append(section("swp3", {"shutdown"}));
+    journal.forget(2, {held1, held2});
+    EXPECT_EQ(told(path), (Told{"(saved) 2 swp1:" + lines, "(saved) 2 swp2:" + lines}));
+    EXPECT_FALSE(journal.holds("swp1")) << "it is in the saved configuration";
+    journal.append(section("swp1", {"no shutdown"}));
+    EXPECT_EQ(told(path),
+              (Told{"(saved) 2 swp1:" + lines, "(saved) 2 swp2:" + lines, "3 swp1: no shutdown,"}));
+    journal.forget(3, {held2});
+    EXPECT_EQ(told(path), Told{"(saved) 3 swp2:" + lines});
+    journal.forget(3);
+    EXPECT_EQ(told(path), Told{});
+}
+
+TEST_F(JournalTest, SavedRecordsStayUntilTheNextSaveAfterAStart) {
+    const ConfigSection held = section("swp1", {"shutdown", "loop-detect apply shutdown-port"});
+    journal.open(0);
+    journal.append(held);
+    journal.forget(1, {held});
+    Journal next(path);
+    EXPECT_EQ(next.open(1), "");
+    const Told as_before{"(saved) 1 swp1: shutdown, loop-detect apply shutdown-port,"};
+    EXPECT_EQ(told(path), as_before);
+    next.append(section("swp2", {"shutdown"}));
+    EXPECT_EQ(told(path), (Told{as_before[0], "2 swp2: shutdown,"}));
+    next.forget(2);
+    EXPECT_EQ(told(path), Told{});
+}
+
+TEST_F(JournalTest, FileThatIsMovedAwayIsMadeAgainByTheNextSave) {
+    const ConfigSection held = section("swp1", {"shutdown", "loop-detect apply shutdown-port"});
+    const Told record{"(saved) 1 swp1: shutdown, loop-detect apply shutdown-port,"};
+    journal.open(0);
+    journal.append(held);
+    journal.forget(1, {held});
+    std::filesystem::rename(path, path + ".moved");
+    journal.forget(1, {held});
+    EXPECT_EQ(told(path), record);
+    write_text(path + ".other", "something else");
+    std::filesystem::rename(path + ".other", path);
+    journal.append(section("swp2", {"shutdown"}));
+    EXPECT_EQ(told(path), (Told{record[0], "2 swp2: shutdown,"}));
+}
+
+TEST_F(JournalTest, ManyHeldPortsDoNotMakeEveryRecordARewrite) {
+    std::vector<ConfigSection> held;
+    for (int port = 1; port <= 2000; ++port) {
+        held.push_back(
+            section("swp" + std::to_string(port), {"shutdown", "loop-detect apply shutdown-port"}));
+    }
+    journal.open(0);
+    journal.forget(0, held);
+    ASSERT_GT(read_text(path).find('\0'), 128U << 10);
+    journal.append(section("swp1", {"no shutdown"}));  // makes room
+    struct stat before {};
+    struct stat after {};
+    ::stat(path.c_str(), &before);
+    for (int record = 0; record < 100; ++record) {
+        journal.append(section("swp2", {"no shutdown"}));
+        journal.forget(0, held);
+    }
+    ::stat(path.c_str(), &after);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(told(path).size(), 2002U);
 }
 
 TEST_F(JournalTest, OpenedAgainItContinuesWithWhatItHolds) {

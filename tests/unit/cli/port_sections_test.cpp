@@ -153,16 +153,33 @@ TEST_F(PortSectionsTest, GlobalLinesStandInTheJournalBeforeTheSectionThatNeedsTh
     EXPECT_EQ(qv::cli::read_journal(rig.saved() + ".journal").size(), 3U) << "once is enough";
     rig.platform.run_for(1s);
     program(104, "shutdown");
-    EXPECT_EQ(qv::cli::read_journal(rig.saved() + ".journal").size(), 1U) << "they are saved";
+    const auto next = qv::cli::read_journal(rig.saved() + ".journal");
+    ASSERT_EQ(next.size(), 2U) << "the global lines are saved";
+    EXPECT_EQ(told(next[0]), "swp2: shutdown, loop-detect apply shutdown-port,");
+    EXPECT_TRUE(next[0].saved);
+    EXPECT_EQ(told(next[1]), "swp4: no shutdown,");
 }
 
 TEST_F(PortSectionsTest, SaveEmptiesTheJournal) {
     start();
+    operator_types(102, "shutdown");
+    EXPECT_EQ(last_record(), "swp2: shutdown,");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(last_record(), "none");
+    EXPECT_EQ(saved("swp2"), " shutdown\n");
+}
+
+TEST_F(PortSectionsTest, JournalKnowsOfAHeldPortAsLongAsItIsHeld) {
+    start();
     g_held.insert(102);
     program(102, "shutdown");
     rig.platform.run_for(1s);
-    EXPECT_EQ(last_record(), "none");
+    EXPECT_EQ(last_record(), "swp2: shutdown, loop-detect apply shutdown-port,");
     EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+    g_held.clear();
+    program(102, "no shutdown");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(last_record(), "none");
 }
 
 TEST_F(PortSectionsTest, PortThatWaitsForItsRecoveryIsSavedAsOneToBeBroughtBack) {
@@ -280,6 +297,67 @@ TEST_F(PortSectionsTest, RecordsThatTheSavedFileIncludesAreOld) {
     start();
     EXPECT_FALSE(up(102));
     EXPECT_TRUE(up(103));
+}
+
+// As a process leaves it that held swp2 shut, had saved that and then died.
+void held_and_saved(const std::string& path) {
+    const qv::cli::ConfigSection held{
+        "swp2", 0, {{0, "shutdown"}, {0, "loop-detect apply shutdown-port"}}};
+    qv::cli::Journal journal(path);
+    ASSERT_EQ(journal.open(0), "");
+    ASSERT_EQ(journal.append(held), "");
+    journal.forget(1, {held});
+}
+
+const std::string kClaimed =
+    "CLI-4-CLAIMED: Interface swp2 was held shut, and the saved configuration does not say so: "
+    "'loop-detect apply shutdown-port' is put in force again.";
+
+TEST_F(PortSectionsTest, HeldPortIsClaimedWhenTheSavedFileIsLost) {
+    rig.hardware.set_admin(102, false);
+    held_and_saved(rig.saved() + ".journal");
+    start();
+    EXPECT_TRUE(g_held.contains(102));
+    EXPECT_FALSE(up(102));
+    EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+    EXPECT_EQ(rig.platform.log.lines(), Lines{kClaimed});
+}
+
+TEST_F(PortSectionsTest, HeldPortIsClaimedWhenTheSavedFileIsOfAnotherSwitch) {
+    rig.hardware.set_admin(102, false);
+    was_saved("interface swp2\n switchport mode trunk\n!\n", 1000);
+    held_and_saved(rig.saved() + ".journal");
+    start();
+    EXPECT_TRUE(g_held.contains(102));
+    EXPECT_EQ(saved("swp2"),
+              " switchport mode trunk\n shutdown\n loop-detect apply shutdown-port\n");
+}
+
+TEST_F(PortSectionsTest, SavedFileHasTheLastWordOnAHeldPort) {
+    rig.hardware.set_admin(102, false);
+    // Written by hand after the process had ended.
+    write_text(rig.saved(), "tarn enable\ninterface swp2\n no shutdown\n!\nend\n");
+    held_and_saved(rig.saved() + ".journal");
+    start();
+    EXPECT_TRUE(g_held.empty());
+    EXPECT_TRUE(up(102));
+}
+
+TEST_F(PortSectionsTest, OperatorsShutdownInTheSavedFileIsNotClaimed) {
+    rig.hardware.set_admin(102, false);
+    write_text(rig.saved(), "interface swp2\n shutdown\n!\nend\n");
+    held_and_saved(rig.saved() + ".journal");
+    start();
+    EXPECT_TRUE(g_held.empty());
+    EXPECT_EQ(saved("swp2"), " shutdown\n");
+}
+
+TEST_F(PortSectionsTest, HeldPortThatIsUpMeanwhileIsNotClaimed) {
+    held_and_saved(rig.saved() + ".journal");
+    start();
+    EXPECT_TRUE(up(102));
+    EXPECT_TRUE(g_held.empty());
+    EXPECT_EQ(rig.platform.log.lines(), Lines{});
 }
 
 TEST_F(PortSectionsTest, PortThatWasOnItsWayUpIsBroughtUp) {
