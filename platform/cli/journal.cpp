@@ -173,10 +173,29 @@ void Journal::forget(uint64_t number, const std::vector<ConfigSection>& held) {
 // kept its own.
 std::string Journal::renew() {
     std::string trouble = rewrite();
-    if (!trouble.empty() && in_place() && write_over().empty()) {
+    if (!trouble.empty() && (in_place() || open_old()) && write_over().empty()) {
         trouble.clear();
     }
     return trouble;
+}
+
+// Opens the file that is there, if it is one of ours.
+bool Journal::open_old() {
+    const int fd = ::open(path_.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    struct stat status {};
+    if (fd < 0 || ::fstat(fd, &status) != 0 || !S_ISREG(status.st_mode) ||
+        status.st_uid != ::geteuid()) {
+        if (fd >= 0) {
+            ::close(fd);
+        }
+        return false;
+    }
+    if (fd_ >= 0) {
+        ::close(fd_);
+    }
+    fd_ = fd;
+    room_ = status.st_size;
+    return true;
 }
 
 // In one call, so that a crash of the process finds the old records or the new ones.

@@ -71,6 +71,7 @@ class Journal {
     std::string write(std::string_view bytes);
     std::string renew();
     std::string rewrite();
+    bool open_old();
     std::string write_over();
 
     const std::string path_;

@@ -184,6 +184,17 @@ TEST_F(JournalTest, ManyHeldPortsDoNotMakeEveryRecordARewrite) {
     EXPECT_EQ(told(path).size(), 2002U);
 }
 
+TEST_F(JournalTest, StartOnAFullDiskContinuesInTheOldFile) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    // Nothing new can be made beside it.
+    std::filesystem::create_directory(path + ".new");
+    Journal next(path);
+    EXPECT_EQ(next.open(0), "");
+    EXPECT_EQ(next.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+}
+
 TEST_F(JournalTest, OpenedAgainItContinuesWithWhatItHolds) {
     journal.open(0);
     journal.append(section("swp1", {"shutdown"}));
