@@ -1,10 +1,12 @@
 #include "platform/cli/config_target.h"
 
 #include <algorithm>
+#include <set>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
+#include "platform/cli/port_sections.h"
 #include "platform/cli/running_config.h"
 #include "platform/client/platform.h"
 
@@ -12,6 +14,10 @@ namespace qv::cli {
 namespace {
 
 constexpr std::string_view kBlanks = " \t\r";
+
+// Three times what a switch of 4096 ports needs. Every line takes some of the loop's time, and the
+// loop has ports to watch.
+constexpr size_t kMaxCommands = 131072;
 
 std::string_view trimmed(std::string_view line) {
     const size_t first = line.find_first_not_of(kBlanks);
@@ -63,6 +69,26 @@ ConfigSections merged(const std::vector<ConfigSection>& cut) {
     return sections;
 }
 
+// Why a file has more in it than can be put in force; empty when it has not.
+std::string excess_in(const std::vector<ConfigSection>& cut) {
+    size_t commands = 0;
+    std::set<std::string_view> absent;
+    for (const ConfigSection& section : cut) {
+        commands += section.lines.size();
+        if (commands > kMaxCommands) {
+            return "It has more than " + std::to_string(kMaxCommands) + " commands.";
+        }
+        if (!section.port.empty() && !platform().ports().find(section.port)) {
+            absent.insert(section.port);
+        }
+        if (absent.size() > PortSections::kMaxKept) {
+            return at_line(section.number, "More than " + std::to_string(PortSections::kMaxKept) +
+                                               " interfaces that do not exist.");
+        }
+    }
+    return {};
+}
+
 // A session in which the lines of a section can be parsed.
 SessionState session_of(const ConfigSection& section) {
     SessionState session;
@@ -104,18 +130,17 @@ std::string difference_of(const ConfigSections& current, const ConfigSections& t
 
 ConfigSections check_config(std::string_view text, std::string& fault) {
     const std::string kept = without_comments(text, fault);
+    const std::vector<ConfigSection> cut = parse_config(kept);
+    fault = fault.empty() ? excess_in(cut) : fault;
     if (!fault.empty()) {
         return {};
     }
-    static const ConfigSection kGlobal;
-    const SessionState global = session_of(kGlobal);
+    const SessionState global = session_of({});
     ConfigSections checked(1);
-    for (const ConfigSection& section : parse_config(kept)) {
+    for (const ConfigSection& section : cut) {
         const SessionState session = session_of(section);
         bool ended = section.port.empty();
-        if (!ended) {
-            section_for(checked, section);
-        }
+        ConfigSection* into = &section_for(checked, section);
         for (const ConfigLine& line : section.lines) {
             ConfigCommand command = parse_config_command(ended ? global : session, line.text);
             // A global line may follow a section that nothing has ended.
@@ -123,13 +148,13 @@ ConfigSections check_config(std::string_view text, std::string& fault) {
                 const ConfigCommand other = parse_config_command(global, line.text);
                 ended = other.error.empty();
                 command = ended ? other : command;
+                into = ended ? &checked.front() : into;
             }
             if (!command.error.empty()) {
                 fault = at_line(line.number, std::string_view(command.error).substr(2));
                 return {};
             }
-            section_for(checked, ended ? kGlobal : section)
-                .lines.push_back({line.number, command.text});
+            into->lines.push_back({line.number, command.text});
         }
     }
     return checked;

@@ -254,6 +254,28 @@ TEST_F(Replace, RefusedFileIsNothingToGoBackFrom) {
     EXPECT_EQ(rig.type("configure confirm"), "% Nothing waits to be confirmed.\n");
 }
 
+TEST_F(Replace, RefusesMoreAbsentPortsThanCanBeKept) {
+    std::string text;
+    for (int port = 1; port <= 4096; ++port) {
+        text += "interface x" + std::to_string(port) + "\n shutdown\n!\n";
+    }
+    EXPECT_EQ(replace(text + "interface x1\n!\ninterface swp1\n!\nend\n", " list").substr(0, 12),
+              "interface x1");
+    const std::string before = running();
+    EXPECT_EQ(replace(text + "interface x4097\n!\nend\n"),
+              refusal("line 12289: More than 4096 interfaces that do not exist."));
+    EXPECT_EQ(running(), before);
+}
+
+TEST_F(Replace, RefusesMoreCommandsThanTheLoopHasTimeFor) {
+    std::string text;
+    for (int line = 0; line < 131072; ++line) {
+        text += "tarn enable\n";
+    }
+    EXPECT_EQ(replace(text + "end\n", " list").substr(0, 14), "+ tarn enable\n");
+    EXPECT_EQ(replace(text + "tarn enable\nend\n"), refusal("It has more than 131072 commands."));
+}
+
 TEST_F(Replace, ReadsRegularFilesOnly) {
     EXPECT_EQ(rig.type("configure replace /nowhere/at/all"),
               "% /nowhere/at/all: No such file or directory.\n");
