@@ -1,6 +1,9 @@
 #include "platform/cli/config_saver.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <cerrno>
 #include <iterator>
 #include <limits>
 #include <memory>
@@ -159,6 +162,7 @@ void ConfigSaver::written(const ConfigImage& image, const std::string& reason) {
         unasked_ = true;
         journal_.forget(image.journal, image.held);
         retry_.reset();
+        watch_file();
     } else {
         saved_text_.clear();
         retry_ = loop_.after(kRetryAfter, [this] { request(); });
@@ -173,6 +177,27 @@ void ConfigSaver::written(const ConfigImage& image, const std::string& reason) {
     } else if (wanted_) {
         schedule();
     }
+}
+
+void ConfigSaver::watch_file() {
+    file_check_ = loop_.after(kFileCheck, [this] {
+        watch_file();
+        check_file();
+    });
+}
+
+// Without a change nothing would write the file again, and a crash would lose everything.
+void ConfigSaver::check_file() {
+    struct stat status {};
+    const bool removed =
+        ::stat(path_.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR);
+    if (!removed || saved_text_.empty()) {
+        return;
+    }
+    saved_text_.clear();
+    printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "SAVE",
+                  "%s was removed; the configuration is saved again.", path_.c_str());
+    request();
 }
 
 // The sections of ports follow the global lines. While a text is being written either may be found.

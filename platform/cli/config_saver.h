@@ -41,6 +41,7 @@ class ConfigSaver {
     static constexpr int kRest = 10;  // pause after a snapshot, times what it took of the loop,
     static constexpr std::chrono::milliseconds kLongestRest{500};  // and at most this
     static constexpr std::chrono::seconds kRetryAfter{30};
+    static constexpr std::chrono::seconds kFileCheck{5};  // whether somebody has removed the file
     static constexpr int kPortsPerTurn = 64;
 
     using Done = std::function<void(const std::string& reason)>;
@@ -80,6 +81,8 @@ class ConfigSaver {
     void finish();
     void written(const ConfigImage& image, const std::string& reason);
     void note(const std::string& reason);
+    void watch_file();
+    void check_file();
 
     EventLoop& loop_;
     Background& background_;
@@ -99,6 +102,7 @@ class ConfigSaver {
     EventLoop::Handle timer_;
     EventLoop::Handle turn_;
     EventLoop::Handle retry_;
+    EventLoop::Handle file_check_;
 };
 
 }  // namespace qv::cli

@@ -246,6 +246,21 @@ TEST_F(SavedConfig, EndInTheMidstOfTheReplayLeavesTheFileAlone) {
     EXPECT_NE(before, read_text(rig.saved()));
 }
 
+TEST_F(SavedConfig, FileThatSomebodyRemovesIsSavedAgain) {
+    rig.announce_ready();
+    type_in_config("tarn enable");
+    rig.platform.run_for(60s);
+    const std::string whole = saved_text();
+    EXPECT_EQ(whole, "tarn enable\n" + kPorts);
+    std::filesystem::remove(rig.saved());
+    std::filesystem::remove(rig.saved() + ".journal");
+    rig.platform.run_for(6s);
+    EXPECT_EQ(saved_text(), whole);
+    EXPECT_TRUE(std::filesystem::exists(rig.saved() + ".journal"));
+    EXPECT_EQ(log(), Lines{"CLI-4-SAVE: " + rig.saved() +
+                           " was removed; the configuration is saved again."});
+}
+
 TEST_F(SavedConfig, FullDiskLeavesTheOldFileAndIsReportedOnceAndRetried) {
     rig.announce_ready();
     EXPECT_EQ(rig.type("write"), "");
