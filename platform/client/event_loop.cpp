@@ -358,7 +358,8 @@ bool EventLoop::Impl::find_work() {
         if (!ready.empty()) {
             return true;
         }
-        if (anything_posted() || clock.idle()) {
+        // The wake-up of a stop or a post may just have been taken: neither would end the wait.
+        if (stopped.load() || anything_posted() || clock.idle()) {
             continue;
         }
         if (!anything_left() && !anything_posted()) {

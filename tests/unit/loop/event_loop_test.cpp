@@ -103,6 +103,37 @@ TEST_F(Loop, StopFromAnotherThreadEndsTheWait) {
     other.join();
 }
 
+// A clock that tells when a round has begun and when it has found nothing to do.
+class StoppingClock final : public qv::Clock {
+ public:
+    qv::Time now() const override {
+        if (loop != nullptr) {
+            loop->stop();
+        }
+        return {};
+    }
+    qv::Duration real_time_until(qv::Time) const override { return qv::Duration::max(); }
+    bool idle() override {
+        idle_rounds++;
+        loop->stop();  // else the test would hang where it should fail
+        return false;
+    }
+
+    EventLoop* loop = nullptr;
+    int idle_rounds = 0;
+};
+
+// The round has taken the wake-up already when it comes to wait.
+TEST(LoopStop, StopInMidRoundEndsTheLoopBeforeItWaits) {
+    StoppingClock clock;
+    EventLoop loop(clock);
+    const auto timer = loop.after(1h, [] {});
+    clock.loop = &loop;
+    qv_thread thread{};
+    EXPECT_EQ(loop.fetch(&thread), nullptr);
+    EXPECT_EQ(clock.idle_rounds, 0);
+}
+
 TEST_F(Loop, PostedTasksRunInOrderAndOnlyWhenCalled) {
     loop.post(note("one"));
     loop.post(note("two"));

@@ -38,6 +38,7 @@ TEST_F(FdbMirrorTest, EntriesThatGoInMidListHideNoOther) {
     constexpr MacAddress kStaying = 0x020000000000;
     constexpr MacAddress kGoing = 0x020001000000;
     constexpr unsigned kMany = 6000;
+    constexpr int kRoomForSeconds_bytes = 256 << 20;  // else a slow test would lose notifications
     bridge(entries("add", kStaying, kMany));
     std::atomic<bool> over = false;
     std::thread elsewhere([&] {
@@ -47,7 +48,7 @@ TEST_F(FdbMirrorTest, EntriesThatGoInMidListHideNoOther) {
         }
     });
     for (int reading = 0; reading < 20; ++reading) {
-        FdbMirror mirror(loop, [](const auto&, const auto&) {});
+        FdbMirror mirror(loop, [](const auto&, const auto&) {}, kRoomForSeconds_bytes);
         mirror.follow(if_nametoindex("br0"));
         const auto found = [&] {
             const auto& known = mirror.known();
