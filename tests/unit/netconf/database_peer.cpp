@@ -274,8 +274,8 @@ long long DatabasePeer::Server::publish(const std::string& channel, const std::s
 DatabasePeer::DatabasePeer(const std::string& socket)
     : socket_(socket), server_(std::make_unique<Server>(socket)) {}
 
+// Its thread may still be on its way out of hang_up(): the pointer stays until it has ended.
 DatabasePeer::~DatabasePeer() {
-    server_.reset();
     unlink(socket_.c_str());
 }
 
