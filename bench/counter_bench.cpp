@@ -170,9 +170,11 @@ int measure(unsigned ports, unsigned rounds) {
         known[n].ifx = if_nametoindex(known[n].name.c_str());
     }
     Sink sink;
-    qv::NftForwarding plane(loop, {.bridge = "", .find_port = [&](uint32_t phyid) {
-                                       return &known.at(phyid);
-                                   }});
+    qv::NftForwarding plane(loop, {.find_bridge = [] { return 0; },
+                                   .find_port =
+                                       [&](uint32_t phyid) {
+                                           return &known.at(phyid);
+                                       }});
     plane.start(sink);
     for (unsigned n = 1; n <= ports; ++n) {
         plane.install(n, n, kRule);

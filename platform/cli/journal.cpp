@@ -17,6 +17,8 @@ namespace {
 // Laid out ahead for new records: enough for hundreds of them.
 constexpr off_t kRoom_bytes = 64 * 1024;
 constexpr mode_t kFileMode = 0600;
+// A crash of the process can break off a write only between two pages of the file.
+constexpr size_t kWrittenWhole_bytes = 4096;
 constexpr std::string_view kTitle = "record ";
 constexpr std::string_view kSavedTitle = "saved ";
 
@@ -164,9 +166,18 @@ void Journal::forget(uint64_t number, const std::vector<ConfigSection>& held) {
         return;
     }
     kept_ = std::move(kept);
-    if (!in_place() || !write_over().empty()) {
+    const bool in_one_piece = kept_bytes().size() < kWrittenWhole_bytes;
+    if (!in_place() || !in_one_piece || !write_over().empty()) {
         static_cast<void>(renew());  // the next record will say what is wrong
     }
+}
+
+std::string Journal::kept_bytes() const {
+    std::string bytes;
+    for (const Kept& record : kept_) {
+        bytes += record.bytes;
+    }
+    return bytes;
 }
 
 // Writes all that is kept anew. A disk that is full has no room for a new file, but the old one has
@@ -198,12 +209,8 @@ bool Journal::open_old() {
     return true;
 }
 
-// In one call, so that a crash of the process finds the old records or the new ones.
 std::string Journal::write_over() {
-    std::string bytes;
-    for (const Kept& record : kept_) {
-        bytes += record.bytes;
-    }
+    const std::string bytes = kept_bytes();
     // An empty line is no record: what is left of older ones behind it is not read. The next record
     // overwrites it.
     size_ = 0;
@@ -221,10 +228,7 @@ std::string Journal::rewrite() {
     if (fd < 0) {
         return std::strerror(errno);
     }
-    off_t room = kRoom_bytes;
-    for (const Kept& record : kept_) {
-        room += 2 * static_cast<off_t>(record.bytes.size());
-    }
+    const off_t room = kRoom_bytes + 2 * static_cast<off_t>(kept_bytes().size());
     ::posix_fallocate(fd, 0, room);
     const int old = std::exchange(fd_, fd);
     const off_t old_size = std::exchange(size_, 0);

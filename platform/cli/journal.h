@@ -73,6 +73,7 @@ class Journal {
     std::string rewrite();
     bool open_old();
     std::string write_over();
+    std::string kept_bytes() const;
 
     const std::string path_;
     int fd_ = -1;

@@ -47,6 +47,13 @@ struct JournalTest : testing::Test {
     const qv::test::TestFolder folder;
     const std::string path = folder.file("startup.journal");
     Journal journal{path};
+
+    // Another one when the file was made anew.
+    ino_t file_number() const {
+        struct stat status {};
+        ::stat(path.c_str(), &status);
+        return status.st_ino;
+    }
 };
 
 TEST_F(JournalTest, RecordsAreReadAsTheyWereWritten) {
@@ -171,17 +178,25 @@ TEST_F(JournalTest, ManyHeldPortsDoNotMakeEveryRecordARewrite) {
     journal.open(0);
     journal.forget(0, held);
     ASSERT_GT(read_text(path).find('\0'), 128U << 10);
-    journal.append(section("swp1", {"no shutdown"}));  // makes room
-    struct stat before {};
-    struct stat after {};
-    ::stat(path.c_str(), &before);
+    const ino_t before = file_number();
     for (int record = 0; record < 100; ++record) {
         journal.append(section("swp2", {"no shutdown"}));
-        journal.forget(0, held);
     }
-    ::stat(path.c_str(), &after);
-    EXPECT_EQ(before.st_ino, after.st_ino);
-    EXPECT_EQ(told(path).size(), 2002U);
+    EXPECT_EQ(file_number(), before);
+    EXPECT_EQ(told(path).size(), 2100U);
+}
+
+// A crash could break off a write of several pages, and with it the records that nothing else has.
+TEST_F(JournalTest, RecordsOfMoreThanAPageAreWrittenBesideTheOldOnes) {
+    const ConfigSection held = section("swp1", {"shutdown", "loop-detect apply shutdown-port"});
+    journal.open(0);
+    journal.append(held);
+    const ino_t before = file_number();
+    journal.forget(1, {held});
+    EXPECT_EQ(file_number(), before) << "a small one is written in one piece";
+    journal.forget(1, std::vector<ConfigSection>(60, held));
+    EXPECT_NE(file_number(), before);
+    EXPECT_EQ(told(path).size(), 60U);
 }
 
 TEST_F(JournalTest, StartOnAFullDiskContinuesInTheOldFile) {
