@@ -11,6 +11,7 @@ ROUNDS = {10: 10, 512: 5, 1000: 5}  # by ports; a bridge of the kernel takes 1,0
 SIMULATED_PORTS = (48, 4096)
 BURST_PORTS = 512
 POLICY = "loop-detect enable shutdown access-mode"
+SAVED_S = 0.7  # after a shutdown: the saved configuration is on the disk by then
 WINDOW_MS = 100  # from a burst on, for the wait of other work
 
 
@@ -33,7 +34,7 @@ def sample(ours, bare, probes, rounds):
         bare.batch(*(f"link set {name} up" for name in names))
         for ours_ifx, bare_ifx in zip(*indexes):
             agent_ns.append(int(probes[0].ask(ours_ifx)))
-            time.sleep(0.1)
+            time.sleep(SAVED_S)
             bare_ns.append(int(probes[1].ask(bare_ifx)))
             time.sleep(0.1)
     return agent_ns, bare_ns

@@ -49,10 +49,11 @@ std::atomic<Client*> g_client = nullptr;
 
 void show_on_monitors(std::string_view text) {
     Client* client = g_client;
-    if (client) {
-        client->loop.post(
-            [client, message = std::string(text)] { client->server.show_message(message); });
+    if (!client || (client->loop.on_loop_thread() && client->server.session_count() == 0)) {
+        return;
     }
+    client->loop.post(
+        [client, message = std::string(text)] { client->server.show_message(message); });
 }
 
 SessionState session_for(const cli_mode* mode) {
@@ -118,17 +119,15 @@ void cli_client_ready(void) {
 }
 
 int cli_client_c2p_reform(void) {
-    if (qv::cli::ConfigKeeper* keeper = qv::cli::config_keeper()) {
-        keeper->request_save();
+    if (qv::cli::Client* client = g_client) {
+        client->keeper.request_save();
+        client->loop.expect_post();  // programs announce a change before its line comes
     }
     return 0;
 }
 
 int cli_syn_config_notify(void) {
-    if (qv::cli::ConfigKeeper* keeper = qv::cli::config_keeper()) {
-        keeper->request_save();
-    }
-    return 0;
+    return cli_client_c2p_reform();
 }
 
 int cli_sub_create_session(void) {

@@ -85,11 +85,17 @@ ConfigKeeper::ConfigKeeper(EventLoop& loop, Background& background, std::string 
 }
 
 void ConfigKeeper::request_save() {
-    if (!pending_.exchange(true)) {
-        loop_.post([this] {
-            pending_ = false;
-            saver_.request();
-        });
+    if (pending_.exchange(true)) {
+        return;
+    }
+    const auto request = [this] {
+        pending_ = false;
+        saver_.request();
+    };
+    if (loop_.on_loop_thread()) {
+        requesting_ = loop_.put_off(request);  // a program's line may be on its way
+    } else {
+        loop_.post(request);
     }
 }
 

@@ -81,6 +81,7 @@ class ConfigKeeper final : public PortObserver {
     PortSections sections_;
     ConfigSaver saver_;
     std::atomic<bool> pending_ = false;  // a request is on its way to the loop
+    EventLoop::Handle requesting_;       // one of the loop's own thread
 
     bool may_be_replaced_ = false;  // the saved file, unasked
     bool replaying_ = false;

@@ -17,6 +17,7 @@ namespace {
 // Laid out ahead for new records: enough for hundreds of them.
 constexpr off_t kRoom_bytes = 64 * 1024;
 constexpr mode_t kFileMode = 0600;
+constexpr size_t kUsualRecord_bytes = 256;
 // A crash of the process can break off a write only between two pages of the file.
 constexpr size_t kWrittenWhole_bytes = 4096;
 constexpr std::string_view kTitle = "record ";
@@ -26,13 +27,21 @@ constexpr std::string_view kSavedTitle = "saved ";
 // section.
 std::string bytes_of(const JournalRecord& record) {
     const ConfigSection& section = record.section;
-    std::string body = section.port.empty() ? "" : "interface " + section.port + "\n";
+    std::string body;
+    body.reserve(kUsualRecord_bytes);
+    if (!section.port.empty()) {
+        body.append("interface ").append(section.port).append("\n");
+    }
     for (const ConfigLine& line : section.lines) {
-        body += " " + line.text + "\n";
+        body.append(" ").append(line.text).append("\n");
     }
     const std::string count = std::to_string(record.number);
-    return std::string(record.saved ? kSavedTitle : kTitle) + count + " " +
-           std::to_string(body.size()) + " " + checksum(count + body) + "\n" + body;
+    std::string bytes;
+    bytes.reserve(kUsualRecord_bytes);
+    bytes.append(record.saved ? kSavedTitle : kTitle).append(count).append(" ");
+    bytes.append(std::to_string(body.size())).append(" ");
+    bytes.append(checksum(count + body)).append("\n").append(body);
+    return bytes;
 }
 
 std::string_view take_word(std::string_view& line) {

@@ -63,11 +63,16 @@ ConfigSection generate_section(const Port& port) {
 }
 
 std::string section_text(const ConfigSection& section) {
-    std::string text = section.port.empty() ? "" : "interface " + section.port + "\n";
-    for (const ConfigLine& line : section.lines) {
-        text += (section.port.empty() ? "" : " ") + line.text + "\n";
+    const bool global = section.port.empty();
+    std::string text;
+    if (!global) {
+        text.append("interface ").append(section.port).append("\n");
     }
-    return text + (section.port.empty() ? "" : "!\n");
+    for (const ConfigLine& line : section.lines) {
+        text.append(global ? "" : " ").append(line.text).append("\n");
+    }
+    text.append(global ? "" : "!\n");
+    return text;
 }
 
 std::string generate_config(ConfigPurpose purpose) {

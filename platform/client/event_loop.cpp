@@ -171,7 +171,7 @@ struct EventLoop::Impl {
     bool anything_posted() EXCLUDES(mutex);
     bool anything_left() const;
     bool start(Work work, qv_thread* thread);
-    void wake_seen() EXCLUDES(mutex);
+    void wake_seen() const;
     void alarm_seen();
     void set_alarm();
     static int run_current(qv_thread* thread);
@@ -198,10 +198,10 @@ struct EventLoop::Impl {
 
     Mutex mutex;
     std::deque<Task> posted GUARDED_BY(mutex);
-    bool wake_raised GUARDED_BY(mutex) = false;
+    bool asleep GUARDED_BY(mutex) = false;  // a post has to wake the loop up
 
     std::atomic<bool> stopped{false};
-    std::atomic<Duration> expected_until{Duration::zero()};  // on the machine's monotonic clock
+    std::atomic<bool> post_expected{false};
 };
 
 EventLoop::Impl::Impl(EventLoop& owner, Clock& used_clock) : loop(owner), clock(used_clock) {
@@ -259,10 +259,8 @@ std::shared_ptr<EventLoop::Impl::Timer> EventLoop::Impl::arm(Duration delay) {
     return timer;
 }
 
-void EventLoop::Impl::wake_seen() {
+void EventLoop::Impl::wake_seen() const {
     wake.clear();
-    const MutexLock lock(mutex);
-    wake_raised = false;
 }
 
 void EventLoop::Impl::alarm_seen() {
@@ -330,21 +328,30 @@ void EventLoop::Impl::set_alarm() {
 
 // Until a descriptor is ready, a task is posted or the earliest timer is due.
 void EventLoop::Impl::wait() {
-    if (!linger()) {
-        set_alarm();
-        event_base_loop(base.get(), EVLOOP_ONCE);
+    set_alarm();
+    {
+        const MutexLock lock(mutex);
+        if (!posted.empty()) {
+            return;
+        }
+        asleep = true;
     }
+    event_base_loop(base.get(), EVLOOP_ONCE);
+    const MutexLock lock(mutex);
+    asleep = false;
 }
 
 // Looks out for a post that is expected; true when it has come. In real time: threads take that.
 bool EventLoop::Impl::linger() {
-    while (std::chrono::steady_clock::now().time_since_epoch() < expected_until.load()) {
-        if (anything_posted() || stopped.load()) {
-            return true;
-        }
-        sched_yield();  // on a single processor the other thread needs this one
+    if (!post_expected.load()) {
+        return anything_posted();
     }
-    return false;
+    const auto until = std::chrono::steady_clock::now() + kLinger;
+    while (!anything_posted() && !stopped.load() && std::chrono::steady_clock::now() < until) {
+        sched_yield();  // the other thread may be waiting for this processor
+    }
+    post_expected.store(false);
+    return anything_posted();
 }
 
 // Fills `ready`. False when the loop is stopped or nothing is left that could ever fire.
@@ -354,6 +361,9 @@ bool EventLoop::Impl::find_work() {
         take_due_timers();
         // With EVLOOP_NONBLOCK alone libevent would go on until no descriptor is ready any more.
         event_base_loop(base.get(), EVLOOP_NONBLOCK | EVLOOP_ONCE);
+        if (ready.empty() && linger()) {
+            continue;
+        }
         take_put_off();
         if (!ready.empty()) {
             return true;
@@ -415,15 +425,21 @@ EventLoop::~EventLoop() = default;
 void EventLoop::post(Task task) {
     const MutexLock lock(impl_->mutex);
     impl_->posted.push_back(std::move(task));
-    // The loop's own thread looks at the queue before it waits.
-    if (!impl_->wake_raised && !on_loop_thread()) {
-        impl_->wake_raised = true;
+    if (on_loop_thread()) {
+        return;  // the loop looks at the queue before it waits
+    }
+    impl_->post_expected.store(false);
+    if (std::exchange(impl_->asleep, false)) {
         impl_->wake.raise();
     }
 }
 
 void EventLoop::expect_post() {
-    impl_->expected_until.store(std::chrono::steady_clock::now().time_since_epoch() + kLinger);
+    impl_->post_expected.store(true);
+}
+
+bool EventLoop::expects_post() const {
+    return impl_->post_expected.load();
 }
 
 EventLoop::Handle EventLoop::watch(int fd, bool read, bool write, WatchCallback callback) {

@@ -57,10 +57,12 @@ class EventLoop {
     // posted is no reason for fetch() to go on waiting once it has run.
     void post(Task task);
 
-    // Another thread is about to post: the loop looks out for that for kLinger before it sleeps. To
-    // be woken would take it about as long. Any thread.
+    // Another thread is about to post. When the loop has nothing else to do it looks out for that
+    // post for kLinger before it turns to what was put off or sleeps: to be woken would take it
+    // about as long. Any thread.
     static constexpr std::chrono::microseconds kLinger{80};
     void expect_post();
+    bool expects_post() const;
 
     // Level-triggered watch; the descriptor stays the caller's and must outlive the handle. The
     // handle is empty when the descriptor is of a kind that cannot be watched.

@@ -47,6 +47,7 @@ bool acceptable(std::span<const nc_lib_leaf> leaves) {
 
 qv::SentNotification copy_of(std::span<const nc_lib_leaf> leaves) {
     qv::SentNotification notification{.time = std::chrono::system_clock::now(), .leaves = {}};
+    notification.leaves.reserve(leaves.size());
     for (const nc_lib_leaf& leaf : leaves) {
         notification.leaves.push_back({leaf.path, leaf.type, leaf.value});
     }
@@ -62,6 +63,7 @@ int publish(qv_mom_client* client, const qv::SentNotification& notification) {
     std::vector<PNc__NotificationLeaf> leaves(notification.leaves.size(),
                                               P_NC__NOTIFICATION_LEAF__INIT);
     std::vector<PNc__NotificationLeaf*> pointers;
+    pointers.reserve(leaves.size());
     for (size_t i = 0; i < leaves.size(); ++i) {
         leaves[i].path = const_cast<char*>(notification.leaves[i].path.c_str());
         leaves[i].type = notification.leaves[i].type;

@@ -33,11 +33,15 @@ constexpr Duration kProvenAfter = 10s;
 constexpr std::string_view kRecordLimit_bytes = "8388608";  // the replies' limit leaves room for it
 
 std::string channel_of(uint32_t db, std::string_view type) {
-    return "mom/" + std::to_string(db) + "/" + std::string(type);
+    std::string channel = "mom/";
+    channel.reserve(64);
+    return channel.append(std::to_string(db)).append("/").append(type);
 }
 
 std::string notice_of(StoreOper oper, Bytes record) {
-    std::string notice(1, static_cast<char>(oper));
+    std::string notice;
+    notice.reserve(1 + record.size());
+    notice.push_back(static_cast<char>(oper));
     notice.append(record.begin(), record.end());
     return notice;
 }

@@ -54,9 +54,11 @@ SyslogLog::~SyslogLog() {
 void SyslogLog::write(const SystemLogMessage& message) {
     std::string datagram = datagram_of(message.severity, render(message));
     EventLoop* loop = nullptr;
+    bool late = false;
     {
         const MutexLock lock(mutex_);
-        if (flush() && send_now(datagram)) {
+        late = loop_ != nullptr && loop_->on_loop_thread() && loop_->expects_post();
+        if (!late && flush() && send_now(datagram)) {
             return;
         }
         if (queue_.size() < kQueuedMessages) {
@@ -64,25 +66,34 @@ void SyslogLog::write(const SystemLogMessage& message) {
         } else {
             ++lost_;
         }
-        if (retry_needed()) {
+        if (late || retry_needed()) {
             loop = loop_;
         }
     }
-    if (loop != nullptr) {
+    if (late) {
+        late_flush_ = loop->put_off([this] { flush_or_retry(); });
+    } else if (loop != nullptr) {
         loop->post([this] { arm(kShortestPause); });
     }
 }
 
-void SyslogLog::attach(EventLoop& loop) {
+void SyslogLog::flush_or_retry() {
     bool needed = false;
     {
         const MutexLock lock(mutex_);
-        loop_ = &loop;
         needed = !flush() && retry_needed();
     }
     if (needed) {
         arm(kShortestPause);
     }
+}
+
+void SyslogLog::attach(EventLoop& loop) {
+    {
+        const MutexLock lock(mutex_);
+        loop_ = &loop;
+    }
+    flush_or_retry();
 }
 
 // Whether the caller has to arm the retry.

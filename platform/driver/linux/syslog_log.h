@@ -6,6 +6,9 @@
 // is tried again with every message and, once there is a loop, after a pause: a short one while the
 // daemon reads, else one that grows from one second to a minute. When the queue has been emptied,
 // the daemon is told how many messages were lost.
+//
+// While the loop expects another thread's post its own messages wait in the queue too: the line
+// that shuts a looped port goes before the message about it, which wakes up the daemon.
 #pragma once
 
 #include <cstdint>
@@ -41,12 +44,14 @@ class SyslogLog final : public SystemLog {
     bool send_now(const std::string& datagram) REQUIRES(mutex_);
     bool flush() REQUIRES(mutex_);
     bool retry_needed() REQUIRES(mutex_);
+    void flush_or_retry() EXCLUDES(mutex_);
     void arm(Duration pause);
     void retry(Duration pause) EXCLUDES(mutex_);
 
     const std::string socket_path_;
 
-    EventLoop::Handle retry_timer_;  // loop thread only
+    EventLoop::Handle retry_timer_;  // loop thread only, as the next
+    EventLoop::Handle late_flush_;
 
     Mutex mutex_;
     int fd_ GUARDED_BY(mutex_) = -1;                    // connected to the daemon

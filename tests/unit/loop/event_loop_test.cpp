@@ -406,6 +406,41 @@ TEST_F(Loop, WhatIsPutOffRunsAfterAllThatIsReady) {
     EXPECT_FALSE(first);
 }
 
+// Both orders would be allowed without the expectation: the other thread may be slow.
+TEST_F(Loop, PostThatIsExpectedGoesBeforeWhatIsPutOff) {
+    const auto late = loop.put_off(note("put off"));
+    std::atomic<bool> waiting = false;
+    clock.on_idle = [] {
+        return false;
+    };
+    loop.expect_post();
+    EXPECT_TRUE(loop.expects_post());
+    std::thread other([&] {
+        while (!waiting) {
+        }
+        loop.post(note("posted"));
+    });
+    waiting = true;
+    other.join();
+    EXPECT_FALSE(loop.expects_post()) << "it has come";
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, (Seen{"posted", "put off"}));
+}
+
+TEST_F(Loop, PostThatIsExpectedAndDoesNotComeHoldsNothingUp) {
+    const auto late = loop.put_off(note("put off"));
+    loop.expect_post();
+    run_ready(loop, clock);
+    EXPECT_EQ(seen, Seen{"put off"});
+    EXPECT_FALSE(loop.expects_post());
+}
+
+TEST_F(Loop, PostOfTheLoopItselfIsNotTheExpectedOne) {
+    loop.expect_post();
+    loop.post(note("own"));
+    EXPECT_TRUE(loop.expects_post());
+}
+
 TEST_F(Loop, WhatIsPutOffIsNotStarvedByAFlood) {
     int rounds = 0;
     bool ran = false;

@@ -48,7 +48,8 @@ TEST_F(FdbMirrorTest, EntriesThatGoInMidListHideNoOther) {
         }
     });
     for (int reading = 0; reading < 20; ++reading) {
-        FdbMirror mirror(loop, [](const auto&, const auto&) {}, kRoomForSeconds_bytes);
+        FdbMirror mirror(
+            loop, [](const auto&, const auto&) {}, kRoomForSeconds_bytes);
         mirror.follow(if_nametoindex("br0"));
         const auto found = [&] {
             const auto& known = mirror.known();

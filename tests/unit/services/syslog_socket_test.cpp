@@ -146,6 +146,31 @@ TEST_F(SyslogSocketTest, MessagesWaitInOrderAndThoseThatFindNoRoomAreCounted) {
     EXPECT_EQ(daemon.read_all(), Lines{"%LDA-6-INFO: after it"}) << "the loss is reported once";
 }
 
+TEST_F(SyslogSocketTest, MessagesWaitForThePostThatTheLoopExpects) {
+    log.attach(loop);
+    write("before");
+    loop.expect_post();
+    write("a port loops");
+    write("and another");
+    EXPECT_EQ(daemon.read_all(), Lines{"%LDA-6-INFO: before"});
+    std::thread([this] { loop.post([this] { write("its line has been executed"); }); }).join();
+    test::run_ready(loop, clock);
+    EXPECT_EQ(daemon.read_all(), (Lines{"%LDA-6-INFO: a port loops", "%LDA-6-INFO: and another",
+                                        "%LDA-6-INFO: its line has been executed"}));
+    EXPECT_FALSE(loop.next_timer());
+}
+
+TEST_F(SyslogSocketTest, MessagesThatWaitedForAPostAreTriedAgainWithoutADaemon) {
+    log.attach(loop);
+    daemon.stop();
+    loop.expect_post();
+    write("a port loops");
+    test::run_ready(loop, clock);
+    daemon.start();
+    pass(seconds(1));
+    EXPECT_EQ(daemon.read_all(), Lines{"%LDA-6-INFO: a port loops"});
+}
+
 TEST_F(SyslogSocketTest, NextMessageBringsTheWaitingOnes) {
     daemon.stop();
     write("one");

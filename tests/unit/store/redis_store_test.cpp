@@ -269,6 +269,7 @@ TEST_P(RedisOnly, RecordThatIsTooLongCostsOnlyItself) {
     const auto scan = [&] {
         ASSERT_EQ(qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr),
                   0);
+        EXPECT_TRUE(world->run_until([] { return !g_heard.empty(); }));
         settle();
         EXPECT_EQ(take_heard(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=1"});
     };
@@ -279,6 +280,7 @@ TEST_P(RedisOnly, RecordThatIsTooLongCostsOnlyItself) {
     scan();
     server().run(4, {"SETRANGE", "p_bridge.tarn_loop_info/ifx=7\n", "20000000", "x"});
     scan();
+    EXPECT_TRUE(world->run_until([&] { return platform.log.lines().size() >= 3; }));
     Lines log = platform.log.lines();
     ASSERT_EQ(log.size(), 3U);
     std::sort(log.begin(), log.end());
