@@ -1,6 +1,6 @@
 // Port-state client: the interface records follow the switch's ports.
 //
-// Main thread only. Records are created and destroyed here and nowhere else, under the loop lock
+// Main thread only. Records enter and leave the table here and nowhere else, under the loop lock
 // because the delivery thread looks them up. Deleting one is minimal, kept on purpose: loop_num is
 // not lowered for a looped port, its loop entry is not withdrawn and its timers are not cancelled;
 // lda_intf_release keeps the memory until they have fired.
