@@ -364,11 +364,14 @@ bool privileged() {
 std::string formatted(const char* format, std::va_list arguments) {
     std::va_list again;
     va_copy(again, arguments);
-    const int size = std::vsnprintf(nullptr, 0, format, arguments);
-    std::string text(size > 0 ? static_cast<size_t>(size) : 0, '\0');
-    if (size > 0) {
+    char usual[256];
+    const int size = std::vsnprintf(usual, sizeof usual, format, arguments);
+    const size_t length = size > 0 ? static_cast<size_t>(size) : 0;
+    std::string text(usual, std::min(length, sizeof usual - 1));
+    if (length > text.size()) {
+        text.resize(length);
         // The terminator goes where the string keeps its own.
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
+        std::vsnprintf(text.data(), length + 1, format, again);
     }
     va_end(again);
     return text;

@@ -17,7 +17,11 @@ namespace qv::cli {
 namespace {
 
 int (*g_interface_hook)(cli_pcdb* pcdb) = nullptr;
-std::string* g_text = nullptr;  // the configuration being generated, null when none is
+
+// Set while a configuration is generated: the text of all of it, or the lines of one section, which
+// go first.
+std::string* g_text = nullptr;
+std::vector<ConfigLine>* g_lines = nullptr;
 
 // The framework's own interface sections, for a process without an interface hook.
 void generate_interfaces(cli_pcdb& pcdb) {
@@ -34,17 +38,24 @@ void generate_interfaces(cli_pcdb& pcdb) {
     }
 }
 
-// What a walk through the trees of a mode prints, one section.
+// The section that a walk through the trees of a mode prints.
 ConfigSection walk_mode(const char* mode, uint32_t ifx) {
-    std::string text;
-    std::string* const before = std::exchange(g_text, &text);
+    ConfigSection section;
+    std::vector<ConfigLine>* const before = std::exchange(g_lines, &section.lines);
     cli_pcdb pcdb{};
     pcdb.flags = CLI_FLAG_C2P;
     cli_change_mode(&pcdb, mode);
     pcdb.ifx = ifx;
     cli_walkthrought_node(cli_get_mode_root(mode), &pcdb);
-    g_text = before;
-    return parse_config(text).front();
+    g_lines = before;
+    return section;
+}
+
+void add_line(std::vector<ConfigLine>& lines, const std::string& line) {
+    const size_t start = line.find_first_not_of(' ');
+    if (start != std::string::npos && line[start] != '!') {
+        lines.push_back({0, line.substr(start, line.find_last_not_of(' ') + 1 - start)});
+    }
 }
 
 }  // namespace
@@ -78,6 +89,7 @@ std::string section_text(const ConfigSection& section) {
 std::string generate_config(ConfigPurpose purpose) {
     std::string text;
     std::string* const before = std::exchange(g_text, &text);
+    std::vector<ConfigLine>* const lines_before = std::exchange(g_lines, nullptr);
     cli_pcdb pcdb{};
     pcdb.flags = purpose == ConfigPurpose::kShow ? CLI_FLAG_SHOW_RUN : CLI_FLAG_C2P;
     cli_change_mode(&pcdb, kModeConfig);
@@ -88,6 +100,7 @@ std::string generate_config(ConfigPurpose purpose) {
         generate_interfaces(pcdb);
     }
     g_text = before;
+    g_lines = lines_before;
     return text;
 }
 
@@ -100,7 +113,7 @@ void cli_interface_show_run_hook(int (*hook)(cli_pcdb* pcdb)) {
 }
 
 void c2p_printf(cli_pcdb* pcdb, int indentation, const char* format, ...) {
-    if (!qv::cli::g_text) {
+    if (!qv::cli::g_text && !qv::cli::g_lines) {
         return;
     }
     std::va_list arguments;
@@ -108,6 +121,10 @@ void c2p_printf(cli_pcdb* pcdb, int indentation, const char* format, ...) {
     std::string line = qv::cli::formatted(format, arguments);
     va_end(arguments);
     line.erase(line.find_last_not_of("\r\n") + 1);
+    if (qv::cli::g_lines) {
+        qv::cli::add_line(*qv::cli::g_lines, line);
+        return;
+    }
     const bool global = std::strcmp(pcdb->mode, qv::cli::kModeConfig) == 0;
     qv::cli::g_text->append(static_cast<size_t>(global ? 0 : std::max(indentation, 0)), ' ');
     qv::cli::g_text->append(line);
