@@ -210,6 +210,8 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
     }
 
     void log_refusal(uint32_t ifx, bool up, const std::string& name, const std::string& reason) {
+        std::erase_if(refused_,
+                      [&](const auto& item) { return find(item.first.first) == nullptr; });
         std::string& logged = refused_[{ifx, up}];
         if (logged != reason) {
             logged = reason;
