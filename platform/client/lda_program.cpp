@@ -1,5 +1,7 @@
-// What makes the agent the program `lda`: its few command-line options. The agent's own main takes
-// no arguments, so they are looked at before it runs; the C library hands them to constructors.
+// The command-line options of the program `lda`. The agent's own main takes no arguments, so they
+// are looked at before it runs; the C library hands them to constructors.
+#include <fcntl.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -30,7 +32,18 @@ constexpr const char* kHelp =
     "  [clock]    speed = 1.0        virtual seconds per second, simulated switch only\n"
     "  [role]     mode = \"solo\"      \"solo\" or \"lease\"\n";
 
-[[gnu::constructor]] void read_arguments(int argc, char** argv) {
+// Else the first socket or file that is opened would get the output that is meant for a terminal.
+void open_standard_descriptors() {
+    for (int fd = 0; fd <= 2; ++fd) {
+        if (::fcntl(fd, F_GETFD) < 0) {
+            // The lowest free number, which is this one.
+            static_cast<void>(::open("/dev/null", O_RDWR));
+        }
+    }
+}
+
+[[gnu::constructor]] void prepare(int argc, char** argv) {
+    open_standard_descriptors();
     if (argc <= 1) {
         return;
     }

@@ -1,6 +1,7 @@
 """The agent as a process on the simulated switch: shells, files, hostile clients."""
 
 import json
+import os
 import socket
 import subprocess
 
@@ -209,3 +210,33 @@ def test_help_and_wrong_arguments():
     assert helped.returncode == 0 and "LDA_PLATFORM" in helped.stdout
     refused = subprocess.run([program, "--frobnicate"], capture_output=True, text=True, check=False)
     assert refused.returncode == 2 and "--frobnicate" in refused.stderr
+
+
+def test_closed_standard_descriptors_are_not_given_to_sockets():
+    """The first socket would otherwise be standard output, and read what is printed there."""
+    with Lab() as lab:
+        closed = ["sh", "-c", 'exec "$0" <&- >&- 2>&-', str(BUILD / "platform" / "lda")]
+        agent = subprocess.Popen(closed, env={**os.environ, "LDA_PLATFORM": str(lab.platform_file)})
+        try:
+            wait_for(lambda: lab.cli_socket.exists(), 10, "the agent listens")
+            opened = [os.readlink(f"/proc/{agent.pid}/fd/{number}") for number in range(3)]
+        finally:
+            agent.kill()
+            agent.wait()
+        assert opened == ["/dev/null"] * 3
+
+
+def test_shell_says_that_it_waits_for_a_switch_that_does_not_answer(tmp_path):
+    path = str(tmp_path / "deaf.sock")
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as deaf:
+        deaf.bind(path)
+        deaf.listen()
+        shell = subprocess.Popen([str(BUILD / "tools" / "ldash" / "ldash"), "-s", path, "-c", "show clock"],
+                                 stderr=subprocess.PIPE, text=True)
+        try:
+            assert shell.stderr.readline() == ("ldash: the switch has not answered yet, still waiting "
+                                               "(Ctrl-C to leave)\n")
+            assert shell.poll() is None
+        finally:
+            shell.kill()
+            shell.communicate()

@@ -1,10 +1,12 @@
 #include "connection.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
@@ -13,6 +15,8 @@ namespace ldash {
 namespace {
 
 using nlohmann::json;
+
+constexpr int kPatience_ms = 3000;  // then the operator is told why nothing happens
 
 [[noreturn]] void lost() {
     throw std::runtime_error("the connection to the switch is lost");
@@ -56,6 +60,15 @@ Connection::Connection(const std::string& path) : fd_(connect_to(path)) {
     if (fd_ < 0) {
         throw std::runtime_error("cannot reach the switch at " + path + ": " +
                                  std::strerror(errno));
+    }
+}
+
+// A switch that has run out of descriptors accepts no session; the kernel has already.
+void Connection::wait_for_bytes() const {
+    pollfd waiting{.fd = fd_, .events = POLLIN, .revents = 0};
+    if (::poll(&waiting, 1, kPatience_ms) == 0) {
+        std::fputs("ldash: the switch has not answered yet, still waiting (Ctrl-C to leave)\n",
+                   stderr);
     }
 }
 
@@ -107,6 +120,7 @@ Reply Connection::ask(const char* kind, std::string_view line) {
         }
         rest.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
     }
+    wait_for_bytes();
     for (;;) {
         if (!take_line(text)) {
             receive(true);

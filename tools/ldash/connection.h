@@ -22,9 +22,9 @@ class Connection {
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
 
-    // Sends a request of this kind ("exec", "complete", "help") and waits for its reply. Throws
-    // std::runtime_error when the connection is lost, or with the switch's reason when the switch
-    // ends the session by itself.
+    // Sends a request of this kind ("exec", "complete", "help") and waits for its reply; after
+    // three seconds a line on standard error says so. Throws std::runtime_error when the connection
+    // is lost, or with the switch's reason when the switch ends the session by itself.
     Reply ask(const char* kind, std::string_view line);
 
     int fd() const { return fd_; }
@@ -35,6 +35,7 @@ class Connection {
     std::function<void(const std::string& text)> on_message;
 
  private:
+    void wait_for_bytes() const;
     bool take_line(std::string& line);
     void receive(bool wait);
 
