@@ -1,4 +1,4 @@
-// What one reading of all counters costs the Linux forwarding plane, beside a bare dump of them.
+// Measures one reading of all counters of the Linux forwarding plane, beside a bare dump of them.
 //
 //     counter_bench PORTS ROUNDS       as root; makes a network namespace of its own
 //

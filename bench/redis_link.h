@@ -1,4 +1,4 @@
-// What the small measuring programs need of Redis: a blocking connection, and the record of a loop
+// Redis for the small measuring programs: a blocking connection, and the record of a loop
 // report as docs/object-database.md describes it.
 #pragma once
 

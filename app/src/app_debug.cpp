@@ -34,7 +34,7 @@ char app_dbg_path[APP_DBG_TEXT_BYTES];
 const char* const g_logfile_level_str[6] = {"fatal", "error", "warn", "notice", "info", "debug"};
 const char* const g_slog_level_str[4] = {"none", "error", "info", "debug"};
 
-// What a level means on each side. FATAL passes every log-file threshold.
+// The meaning of a level on each side. FATAL passes every log-file threshold.
 struct level_rule {
     const char* name;
     int zlog_number;

@@ -8,7 +8,7 @@
 #include <qv/mom.h>
 #include "p_mng.pb-c.h"
 
-// What a loop notification tells.
+// The content of a loop notification.
 struct lda_notify_t {
     uint32_t notify_type;  // LDA_NOTIFY_*
     uint32_t vid;          // always 0

@@ -1,4 +1,4 @@
-// Where command trees hang: modes, attachment points, and the tree under each. Loop thread only.
+// Command trees: modes, attachment points, and the tree under each. Loop thread only.
 #pragma once
 
 #include <string_view>

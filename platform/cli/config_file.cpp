@@ -79,7 +79,7 @@ void inherit(int fd, const std::string& from) {
     ::fchmod(fd, mode);
 }
 
-// Where a symbolic link leads, whether or not something is there; the path itself for anything
+// The target of a symbolic link, whether or not something is there; the path itself for anything
 // else.
 std::string followed(const std::string& path) {
     std::filesystem::path target = path;

@@ -20,7 +20,7 @@
 
 namespace qv::cli {
 
-// What a saved file says, or will say.
+// The content of a saved file, written or still to be written.
 struct ConfigImage {
     std::string text;
     uint64_t journal = 0;             // the last record that the text includes

@@ -25,7 +25,7 @@ ConfigSections current_config();
 std::vector<ConfigLine> lines_only_in(const ConfigSections& these, const ConfigSections& others,
                                       const std::string& port);
 
-// What must be taken away ("- LINE") and added ("+ LINE"), under the sections' own headings.
+// The lines to take away ("- LINE") and to add ("+ LINE"), under the sections' own headings.
 std::string difference(const ConfigSections& current, const ConfigSections& target);
 
 }  // namespace qv::cli

@@ -16,7 +16,7 @@ namespace qv::cli {
 
 inline constexpr size_t kMaxLineBytes = 1024;
 
-// What a session remembers between two lines.
+// The state of a session between two lines.
 struct SessionState {
     std::string mode = "exec";
     uint64_t ifx = 0;              // mode interface

@@ -14,7 +14,7 @@ void refuse_next_line(std::string line, std::string text, int result = 1);
 // The next `count` calls of cli_sub_create_session fail with -1.
 void fail_next_sessions(unsigned count);
 
-// What the seam asks (fault_seam.h). True when a request fits; it is used up then.
+// The answer to the seam (fault_seam.h). True when a request fits; it is used up then.
 bool take_refusal(const std::string& line, std::string& text, int& result);
 bool take_session_failure();
 

@@ -19,7 +19,7 @@ namespace qv::cli {
 // How well a node fits the word; a smaller value beats a larger one.
 enum class Fit { kKeyword, kKeywordPrefix, kNumber, kWord };
 
-// What a word leaves in the parse context.
+// The values that a word leaves in the parse context.
 struct Capture {
     enum class Slot { kNone, kNumber, kWord };
     Slot slot = Slot::kNone;
@@ -88,7 +88,7 @@ struct cli_walk {
 
     // Parses `line`, without its prefix, from `root` and fills the slots of the context.
     qv::cli::Parsed parse(const cli_node* root, std::string_view line);
-    // What can stand in place of the last word of `line` (empty after a blank).
+    // The words that can stand in place of the last one of `line` (empty after a blank).
     std::vector<qv::cli::Hint> hints(const cli_node* root, std::string_view line);
 
     qv::cli::Place place;  // where the walk is

@@ -1,4 +1,4 @@
-// What the items of an ACL entry and of an apply ask for, as a rule of the forwarding plane.
+// Turns the items of an ACL entry and of an apply into a rule of the forwarding plane.
 #pragma once
 
 #include "platform/driver/forwarding_driver.h"

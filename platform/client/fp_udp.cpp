@@ -254,7 +254,7 @@ class FpService final : public qv::ForwardingSink {
         driver().remove(id);
     }
 
-    // What the ACL says about frames: its first entry decides.
+    // The treatment of frames by the ACL: its first entry decides.
     static int rule_matches(const Acl& acl, ForwardingRule& rule) {
         if (acl.error != 0) {
             return acl.error;

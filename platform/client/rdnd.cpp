@@ -29,7 +29,7 @@ namespace {
 
 constexpr std::chrono::seconds kLeaseRetry{1};
 
-// What a master must have for itself.
+// A name that only the master may hold.
 struct Exclusive {
     std::string name;   // of the lock
     std::string thing;  // for people

@@ -22,7 +22,7 @@ struct qv_zlog_category {
 
 namespace {
 
-// What one name may grow to on disk: the current file and this many old ones, NAME.0.log the
+// The most that one name takes on disk: the current file and this many old ones, NAME.0.log the
 // oldest.
 constexpr char kRotation[] = "1MB * 4";
 

@@ -1,4 +1,4 @@
-// What a forwarding plane can do for the ACL service: rules that pick frames, count them and meter
+// The forwarding plane as the ACL service uses it: rules that pick frames, count them and meter
 // them.
 #pragma once
 
@@ -7,7 +7,7 @@
 
 namespace qv {
 
-// Which frames a rule is about, and what happens to them.
+// The frames that a rule is about, and their treatment.
 struct ForwardingRule {
     struct Meter {
         uint64_t rate_pps;   // frames per second that pass
@@ -23,7 +23,7 @@ struct ForwardingRule {
 // One object of the plane: an ACL, an entry or a rule. Never used again after its removal.
 using ForwardingId = uint64_t;
 
-// Where a driver reports. Loop thread only; may be called from inside a request.
+// The receiver of a driver's reports. Loop thread only; may be called from inside a request.
 class ForwardingSink {
  public:
     virtual ~ForwardingSink() = default;

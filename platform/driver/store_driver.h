@@ -1,4 +1,4 @@
-// What the object-database client needs of a store: sessions with numbered databases, writes with
+// The store under the object-database client: sessions with numbered databases, writes with
 // change notices, subscriptions and scans. Records are packed bytes here, and keys are the texts of
 // docs/object-database.md ("<type>/<field>=<value>,...").
 //
@@ -25,7 +25,7 @@ struct StoreKeys {
     std::vector<std::string> keys;
 };
 
-// Where a store client reports. Bytes and texts are valid during the call. They come from outside:
+// The receiver of a store's reports. Bytes and texts, valid during the call, come from outside:
 // a notice may be empty, its operation unknown, its record damaged.
 class StoreListener {
  public:

@@ -1,4 +1,4 @@
-// What a switch brings: ports, their states, and the means to change them.
+// The switch under the port model: ports, their states, and the means to change them.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +20,7 @@ struct Port {
     bool oper_up = true;
 };
 
-// Where a driver reports. Loop thread only.
+// The receiver of a driver's reports. Loop thread only.
 class PortSink {
  public:
     virtual ~PortSink() = default;

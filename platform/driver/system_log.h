@@ -1,4 +1,4 @@
-// Where system log messages go.
+// The destinations of system log messages.
 #pragma once
 
 #include <chrono>

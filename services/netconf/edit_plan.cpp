@@ -138,7 +138,7 @@ RpcError conflict(NC_ERR tag, const char* message) {
     return {tag, NC_ERR_TYPE_APP, message, kLeafPath};
 }
 
-// What an operation that takes the leaf away comes to.
+// The change of policy by an operation that takes the leaf away.
 std::optional<PolicyChange> removal(Operation operation, bool is_set) {
     if (operation == Operation::kDelete && !is_set) {
         throw conflict(NC_ERR_DATA_MISSING, "loop-policy is not set");

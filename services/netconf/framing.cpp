@@ -19,7 +19,7 @@ bool may_be(std::string_view text, std::string_view whole) {
     return text.substr(0, common) == whole.substr(0, common);
 }
 
-// What is left of a document behind blanks, XML declaration, instructions and comments.
+// The rest of a document behind blanks, XML declaration, instructions and comments.
 std::string_view behind_prolog(std::string_view text) {
     for (;;) {
         text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));

@@ -23,7 +23,7 @@ class Framing {
     // the number of elements.
     static constexpr size_t kLongestMessage_bytes = size_t{64} << 10;
 
-    // What has arrived, in pieces of any size.
+    // Takes bytes as they arrive, in pieces of any size.
     void feed(std::string_view bytes);
     // The next whole message; nothing when none is whole, or when the frame is broken. The first is
     // a <hello> and ends with "]]>]]>"; when it announces base:1.1 those that follow come in

@@ -70,7 +70,7 @@ class Listener {
     Listener(const std::string& socket, unsigned database, std::string_view type);
 
     int fd() const;  // readable: call next()
-    // What has arrived, one notice a call; nothing when that was all. Never waits.
+    // The next notice that has arrived; nothing when that was all. Never waits.
     std::optional<Notice> next();
     // Waits for a notice until `deadline`; nothing when there was none.
     std::optional<Notice> wait(std::chrono::steady_clock::time_point deadline);

@@ -89,7 +89,7 @@ nc_server_reply* copy_config(const lyd_node& rpc, Session& session) {
     return edit(session, config_in(source), Operation::kReplace, false);
 }
 
-// What is in force was validated when it was set.
+// The policy in force was validated when it was set.
 nc_server_reply* validate(const lyd_node& rpc, Session& session) {
     plan_edit(session.context, config_in(*child_named(rpc, "source")), Operation::kMerge,
               kDefaultPolicy);

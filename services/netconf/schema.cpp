@@ -7,7 +7,7 @@
 namespace netconf {
 namespace {
 
-// What of the base protocol is there. The same list is announced in <hello>.
+// The features of the base protocol that are there. <hello> announces the same list.
 std::array<const char*, 5> g_base_features{"writable-running", "rollback-on-error", "validate",
                                            "xpath", nullptr};
 

@@ -82,7 +82,7 @@ const char* reason_of(NC_MSG_TYPE answer) {
 
 constexpr short kGone = POLLERR | POLLHUP;
 
-// What standard output is ready for: of POLLOUT and kGone.
+// The readiness of standard output: bits of POLLOUT and kGone.
 short output_state() {
     pollfd output{.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
     poll(&output, 1, 0);

@@ -14,7 +14,7 @@
 
 namespace netconf {
 
-// What the operations work on.
+// The session as the operations see it.
 struct Session {
     const Options& options;
     const ly_ctx* context;

@@ -33,7 +33,7 @@ void drop_queued() {
     g_lda_cli_msg_set->count = 0;
 }
 
-// What main() and its role callback do, in their order.
+// The steps of main() and its role callback, in their order.
 void start() {
     g_lda_master = qv_thread_master_create();
     g_lda_global = qv_mom_client_init("LDA", g_lda_master, nullptr);

@@ -1,4 +1,4 @@
-// What other programs write into the object database: notices, sound or not, and stored records
+// Records of other programs in the object database: notices, sound or not, and stored records
 // that a scan finds. They go through the client to the agent's own handlers.
 //
 // The first byte of the input selects what the rest of it is.

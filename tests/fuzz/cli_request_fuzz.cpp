@@ -1,4 +1,4 @@
-// What a client of the command-line socket sends: lines of JSON, one session. Every command of the
+// Bytes of a client of the command-line socket: lines of JSON, one session. Every command of the
 // switch and of the agent can be reached and is executed.
 #include <string>
 

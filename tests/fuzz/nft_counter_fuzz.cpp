@@ -1,4 +1,4 @@
-// What the packet filter answers when it lists its counters, and what it announces.
+// Answers of the packet filter when it lists its counters, and its announcements.
 #include "platform/driver/linux/nft_counter.h"
 #include "platform/driver/linux/nft_watch.h"
 #include "tests/fuzz/agent.h"

@@ -103,7 +103,7 @@ class SwitchRig {
     MemoryStore& store();
     const std::filesystem::path& folder() const { return folder_; }
     std::filesystem::path saved_file() const { return folder_ / "startup.cfg"; }
-    // What the saved file says, without its seal; "not valid" when it has none.
+    // The saved file without its seal; "not valid" when it has none.
     std::string saved_text() const;
 
  private:

@@ -26,7 +26,7 @@ class EmbeddedForwarding final : public ForwardingDriver {
     // Kinds of requests, for scripted failures.
     enum class Request { kAcl, kEntry, kApply };
 
-    // What became of a port's flooded frames since its rule was installed.
+    // The fate of a port's flooded frames since its rule was installed.
     struct Traffic {
         uint64_t counted = 0;
         uint64_t passed = 0;

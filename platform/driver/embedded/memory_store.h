@@ -30,7 +30,7 @@ class MemoryStore final : public StoreDriver {
     void restore(uint32_t db);
     bool up(uint32_t db) const;
 
-    // What another program does; it reaches the store also while the sessions are lost.
+    // Writes of another program; they reach the store also while the sessions are lost.
     void put(uint32_t db, const std::string& key, Bytes record);
     void erase(uint32_t db, const std::string& key, Bytes record);
     void publish(uint32_t db, std::string_view type, Bytes record);
@@ -38,7 +38,7 @@ class MemoryStore final : public StoreDriver {
     // A change notice as it is, sound or not.
     void notify(uint32_t db, std::string_view type, Bytes notice);
 
-    // What is stored: the packed record, and the keys that match a glob, ascending.
+    // The stored record, packed, and the stored keys that match a glob, ascending.
     std::optional<std::string> get(uint32_t db, const std::string& key) const;
     std::vector<std::string> keys(uint32_t db, const std::string& pattern = "*") const;
 

@@ -53,7 +53,7 @@ class FdbMirror final : private RtnlMonitor::Listener {
     // Forgets everything, without a report.
     void stop();
 
-    // What has been handed on, ascending.
+    // The addresses that have been handed on, ascending.
     const std::set<MacAddress>& known() const { return known_; }
     // How often everything was read again because messages were lost.
     unsigned resyncs() const { return monitor_ ? monitor_->resyncs() : 0; }

@@ -105,7 +105,7 @@ void NftForwarding::commit() {
         gathering_ = loop_.after(kGather, [this] { commit(); });
         return;
     }
-    // What the loop's clock says may be scaled.
+    // The loop's clock may be scaled.
     const auto begin = std::chrono::steady_clock::now();
     const std::vector<Answer> answers = carry_out(next_lot(), error);
     lot_size_ = next_lot_size(lot_size_, std::chrono::steady_clock::now() - begin);
@@ -330,8 +330,8 @@ void NftForwarding::follow_bridge() {
         mirror_.follow(bridge);
         mirrored_ = true;
     } catch (const std::runtime_error& error) {
-        // What was known stays. Rules that nobody has yet wait, or every frame would count as
-        // flooded and be metered.
+        // The known addresses stay. Rules that are not installed yet wait: without addresses every
+        // frame would count as flooded and be metered.
         if (std::exchange(mirrored_, false)) {
             printk_syslog(SYSLOG_SEVERITY_ERROR, "FORWARDING", "MIRROR",
                           "The bridge's addresses are not known: %s", error.what());
@@ -353,7 +353,7 @@ void NftForwarding::tick() {
     counters.reserve(rules_.size());
     const int error = table_.read_counters(counters);
     const bool all_there = report(counters);
-    // What is missing in a list that could not be read is counted next time, from the same point.
+    // Counters that are missing in a list that broke off are read next time, from the same point.
     if (open_ &&
         (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !all_there))) {
         put_back();

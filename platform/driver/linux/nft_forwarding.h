@@ -108,7 +108,7 @@ class NftForwarding final : public ForwardingDriver {
         PacketCounts reported;
     };
     using Rules = std::map<ForwardingId, Rule>;
-    // What one transaction changes.
+    // The changes of one transaction.
     struct Lot {
         std::vector<Rule> dropped;
         std::vector<ForwardingId> changed;

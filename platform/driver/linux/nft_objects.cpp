@@ -36,7 +36,7 @@ struct FreeSet {
 using Set = std::unique_ptr<nftnl_set, FreeSet>;
 using Counters = std::vector<NamedCounter>;
 
-// What NLMSG_ERROR or NLMSG_DONE says, as an errno value.
+// The errno value in an NLMSG_ERROR or NLMSG_DONE message.
 int answer_in(const nlmsghdr* header) {
     int error = 0;
     if (mnl_nlmsg_get_payload_len(header) >= sizeof error) {

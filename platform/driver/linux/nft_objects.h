@@ -1,4 +1,4 @@
-// What is read and changed often in a table of the kernel's packet filter: counters and the
+// The parts of a packet-filter table that are read and changed often: counters and the
 // elements of a set of Ethernet addresses, by their netlink messages.
 #pragma once
 
@@ -15,7 +15,7 @@ struct mnl_socket;
 
 namespace qv {
 
-// What a counter has counted between two readings. One that stands lower than before has wrapped
+// The count between two readings of a counter. One that stands lower than before has wrapped
 // when that makes the smaller difference, else somebody has set it back to zero.
 uint64_t counted_since(uint64_t before, uint64_t now);
 

@@ -20,7 +20,7 @@ struct nft_ctx;
 
 namespace qv {
 
-// What the kernel's meter is given for a rule's rate. Never out of the kernel's range.
+// The settings of the kernel's meter for a rule's rate. Never out of the kernel's range.
 struct KernelMeter {
     // The rate that is judged must stay visible in the counter of every port that a storm goes
     // through, also where it is metered at the other end: so the meter lets twice as much pass, and
@@ -36,7 +36,7 @@ KernelMeter kernel_meter(uint64_t rate_pps);
 // Loop thread only. Functions give 0 or an errno value.
 class NftTable {
  public:
-    // What has been asked for and not yet been carried out. Chains and counters of a rule have the
+    // Requests that have not been carried out yet. Chains and counters of a rule have the
     // rule's name, which is made of letters, digits and dots.
     class Change {
      public:
@@ -103,7 +103,7 @@ class NftTable {
     NftWatch watch_;
     bool changed_outside_ = false;
     bool lost_ = false;  // messages; the table has not been read since
-    // What was read after our last change of chains; nothing while that is still to be done.
+    // The chains as read after our last change of them; nothing while they are still to be read.
     std::optional<std::string> layout_;
     std::unique_ptr<nft_ctx, Free> context_;  // once there was something to do
 };

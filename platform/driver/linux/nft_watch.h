@@ -1,4 +1,4 @@
-// What others do to one netdev table of the kernel's packet filter.
+// Watches other programs' changes of one netdev table of the kernel's packet filter.
 #pragma once
 
 #include <memory>
@@ -24,7 +24,7 @@ class NftWatch {
     // unless it is open. 0 or an errno value.
     int open();
 
-    // What anybody, this process too, has done to the table since the last call.
+    // The changes by anybody, this process too, since the last call.
     enum class News {
         kNone,
         kChanged,

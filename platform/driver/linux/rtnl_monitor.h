@@ -24,7 +24,7 @@ NlSocket open_rtnl_socket();
 // Loop thread only.
 class RtnlMonitor {
  public:
-    // What is followed.
+    // The kind of kernel object that a monitor follows.
     struct Subject {
         const char* name;      // for the log, plural
         int group;             // RTNLGRP_* of the changes

@@ -51,7 +51,7 @@ class RtnlSwitch final : public SwitchDriver {
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
 
     // Interface index of the bridge; 0 before the first dump and while there is no such bridge.
-    // When the kernel cannot be heard it is what was heard last.
+    // The last one heard of, while the kernel cannot be heard.
     uint32_t bridge() const;
 
     // How often everything was read again because notifications were lost.

@@ -30,7 +30,7 @@ inline constexpr unsigned long CLI_FLAGS_GENERATING = CLI_FLAG_SHOW_RUN | CLI_FL
 inline constexpr uint32_t CLI_PREFIX_NO = 0x1;
 inline constexpr uint32_t CLI_PREFIX_DEFAULT = 0x2;  // a handler gets it with CLI_PREFIX_NO
 
-// What a handler is told: one command, or one pass of the generation. Valid during the call.
+// A handler's context: one command, or one pass of the generation. Valid during the call.
 struct cli_pcdb {
     unsigned long flags;     // CLI_FLAG_*
     uint32_t prefix;         // CLI_PREFIX_*

@@ -10,7 +10,7 @@ extern "C" {
 
 using rdnd_role_cb = int (*)(void);
 
-// What a process tells the redundancy service. Copied during the call.
+// A process as the redundancy service knows it. Copied during the call.
 struct rdnd_reg {
     qv_thread_master* master;
     const char* module;

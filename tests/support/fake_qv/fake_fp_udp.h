@@ -22,7 +22,7 @@ const fp_udp_acl_handler& fp_handlers();
 // How often a table was registered.
 int fp_registrations();
 
-// What the last call of its kind was given, byte for byte.
+// The arguments of the last call of each kind, byte for byte.
 const fp_acl_key& fp_created_key();
 const fp_acl_key& fp_deleted_key();
 const fp_acl_key& fp_entry_key();

@@ -1,4 +1,4 @@
-// What the files of the fake platform share.
+// Shared by the files of the fake platform.
 #pragma once
 
 #include <string>

@@ -65,7 +65,7 @@ class DebugCommands : public AgentTest {
         return root;
     }
 
-    // What follows the words of `line`, which begins after the attachment point.
+    // The words that may follow `line`, which begins after the attachment point.
     static Nodes after(const char* description, const std::string& line, cli_pcdb* pcdb) {
         std::istringstream words(line);
         std::string word;

@@ -13,7 +13,7 @@ namespace {
 
 class LoopEntry : public AgentTest {
  protected:
-    // What is published for port "swp5" of a mode under a policy.
+    // The entry that is published for port "swp5" of a mode under a policy.
     static Lines published(uint32_t policy, uint32_t mode) {
         lda_intf_t* record = add_record(5, mode);
         record->mode = mode;

@@ -346,7 +346,7 @@ TEST_F(LoopResult, ClearTimerTakesThePortOutOfTheTable) {
     EXPECT_EQ(lda_loop_result_get(7), record);
 }
 
-// What happened to the port since the timer was armed does not matter any more.
+// The expiry does not ask again what happened to the port since the timer was armed.
 TEST_F(LoopResult, ClearTimerTestsNothingAgainWhenItFires) {
     for (uint32_t ifx : {1u, 2u, 3u}) {
         SCOPED_TRACE(ifx);

@@ -340,7 +340,7 @@ TEST_F(SocketSession, MonitoringClientThatNeverReadsHoldsNoMoreThanItsBuffer) {
         printk_syslog_ext(6, "LDA", "FLOOD", "%0100d", i);
     }
     rig.platform.run_ready();
-    // What had come before the buffers were full, whole messages only.
+    // The messages that had come before the buffers were full, whole ones only.
     const std::string shown = client->receive();
     EXPECT_LT(shown.size(), 2000000U);
     EXPECT_EQ(ask(*client, R"({"exec": "show version"})").ends_with(kVersionReply), true);

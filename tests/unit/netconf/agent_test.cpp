@@ -48,7 +48,7 @@ std::string packed_entry(std::string name, uint32_t policy, bool src_port) {
     return packed;
 }
 
-// What an answer of the agent says; `indexed` and `judged` leave its parts out.
+// An answer of the agent; `indexed` and `judged` leave its parts out.
 struct Answer {
     std::string publisher;
     int type = 0;

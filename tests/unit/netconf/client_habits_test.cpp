@@ -1,4 +1,4 @@
-// What is put right in a message before it is parsed, and what is left alone.
+// Repairs of a message before it is parsed, and messages that are left alone.
 #include "services/netconf/client_habits.h"
 
 #include <gtest/gtest.h>

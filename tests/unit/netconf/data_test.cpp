@@ -1,4 +1,4 @@
-// What <get> and <get-config> report, as XML.
+// The reports of <get> and <get-config>, as XML.
 #include "services/netconf/data.h"
 
 #include <gtest/gtest.h>

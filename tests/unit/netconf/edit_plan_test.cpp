@@ -1,4 +1,4 @@
-// What an edit of the configuration asks of the agent.
+// The requests that an edit of the configuration sends to the agent.
 #include "services/netconf/edit_plan.h"
 
 #include <gtest/gtest.h>

@@ -27,7 +27,7 @@ class FilterOfGet : public testing::Test {
                  "/nc-notifications:netconf/streams/stream[name='NETCONF']/replaySupport", "false");
     }
 
-    // What passes `filter`, an element with its content, as XML.
+    // The data that pass `filter`, an element with its content, as XML.
     std::string passes(const std::string& filter) {
         const std::string text =
             "<get xmlns=\"urn:ietf:params:xml:ns:netconf:base:1.0\">" + filter + "</get>";

@@ -23,7 +23,7 @@ std::vector<std::string> texts_of(Framing& framing) {
     return texts;
 }
 
-// What comes of `bytes` after a hello that asks for chunks.
+// The messages in `bytes` after a hello that asks for chunks.
 struct Outcome {
     std::vector<std::string> texts;
     std::string fault;

@@ -23,7 +23,7 @@ struct LogLine {
 // Each fixture that uses this header calls it first.
 void reset_interception();
 
-// What the front has logged so far, oldest first. Any thread.
+// The front's log so far, oldest first. Any thread.
 std::vector<LogLine> logged();
 std::vector<std::string> logged_texts();
 // The arguments of the last openlog(3).

@@ -23,7 +23,7 @@ using namespace netconf::test;
 
 namespace {
 
-// What a process that ran `body` left behind.
+// The end of a process that ran `body`.
 struct Ending {
     int status;  // -1: killed by a signal
     std::string standard_error;

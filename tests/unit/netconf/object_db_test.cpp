@@ -1,4 +1,4 @@
-// What the front says to the object database, and what it makes of every kind of answer.
+// The front's requests to the object database, and its treatment of every kind of answer.
 #include "services/netconf/object_db.h"
 
 #include <gtest/gtest.h>

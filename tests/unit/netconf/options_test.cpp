@@ -73,7 +73,7 @@ TEST_F(OptionsOfTheFront, SocketComesFromTheOptionThenThePlatformFileThenTheEnvi
     EXPECT_EQ(read({}).redis_socket, "/environment");
     EXPECT_EQ(read({"--platform", named}).redis_socket, "/named");
     EXPECT_EQ(read({"--platform", named, "--redis", "/own"}).redis_socket, "/own");
-    // What is not needed is not read.
+    // Bytes that are not needed are not read.
     EXPECT_EQ(read({"--platform", "/nowhere.toml", "--redis", "/own"}).redis_socket, "/own");
 }
 

@@ -1,4 +1,4 @@
-// What sessions agree upon by locks on files. A lock belongs to its descriptor, so that two
+// Agreements of sessions by locks on files. A lock belongs to its descriptor, so that two
 // sessions of one process differ as those of two processes do.
 #include "services/netconf/peers.h"
 

@@ -1,4 +1,4 @@
-// Which changes of the ports a forwarding plane hears of.
+// The changes of the ports that a forwarding plane hears of.
 #include "platform/client/port_follower.h"
 
 #include <vector>
@@ -16,7 +16,7 @@ using Ids = std::vector<uint32_t>;
 struct PortFollowerTest : testing::Test {
     PortFollowerTest() { model.add_observer(follower); }
 
-    // What the plane was told by the change before.
+    // The plane's calls since the change before.
     Ids told() {
         test::run_ready(loop, platform.manual_clock);
         return std::exchange(ids, {});

@@ -24,7 +24,7 @@ class TestCommandsTest : public ::testing::Test {
         qv::cli::register_test_commands(ports, plane, &platform.memory_store());
     }
 
-    // What the line prints, "done" when it prints nothing and has the result 0.
+    // The output of the line, "done" when it prints nothing and has the result 0.
     std::string type(const std::string& line) {
         const qv::cli::Result result = qv::cli::execute(session, line);
         if (result.code == 0) {

@@ -1,4 +1,4 @@
-// What the mirror of a bridge's forwarding database makes of a kernel that is hard to read.
+// The mirror of a bridge's forwarding database, with a kernel that is hard to read.
 #include "platform/driver/linux/fdb_mirror.h"
 
 #include <atomic>
@@ -144,7 +144,7 @@ struct FdbListTest : testing::Test {
         send(RTM_DELNEIGH, address, 0, vlan);
     }
 
-    // What the mirror has handed on a second later.
+    // The addresses that the mirror has handed on a second later.
     std::set<MacAddress> known() {
         test::run_for(loop, platform.manual_clock, std::chrono::seconds(1));
         return mirror.known();

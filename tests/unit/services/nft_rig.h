@@ -50,7 +50,7 @@ class Sink final : public ForwardingSink {
     std::map<ForwardingId, PacketCounts> counts;
 };
 
-// What a command prints; its own complaints are not shown.
+// The output of a command; its own complaints are not shown.
 inline std::string output_of(const std::string& command) {
     FILE* const pipe = popen((command + " 2>/dev/null").c_str(), "r");
     std::string text;
@@ -148,7 +148,7 @@ struct NftForwardingTest : testing::Test {
         plane->start(sink);
     }
 
-    // What the port model is told.
+    // The calls that the port model gets.
     void find_bridge() { bridge_ifx = if_nametoindex("br0"); }
     void find_port(uint32_t phyid, const std::string& name) {
         ports[phyid] = Port{.ifx = if_nametoindex(name.c_str()), .phyid = phyid, .name = name};

@@ -54,7 +54,7 @@ struct RtnlMonitorTest : testing::Test {
                                                    .receive_buffer = 1 << 20});
     }
 
-    // What the listener heard by now.
+    // The calls that the listener has had by now.
     Lines heard() {
         test::run_ready(loop, platform.manual_clock);
         return listener.take();

@@ -363,7 +363,7 @@ struct RtnlSwitchOverrunTest : RtnlSwitchTest {
         ip(add);
     }
 
-    // What flapping() leaves behind.
+    // The state that flapping() leaves behind.
     bool settled() const {
         const Port* const e0 = sink.find("e0");
         const Port* const e1 = sink.find("e1");

@@ -260,7 +260,7 @@ TEST_P(Store, LossForgetsTheSubscription) {
     EXPECT_EQ(take_heard(), (Lines{"29/0/4", "down", "back"}));
 }
 
-// What the agent does: subscribe again on reconnect, scan on the confirmation.
+// The agent's way: subscribe again on reconnect, scan on the confirmation.
 int subscribe_again(void* arg) {
     const LoopInfo key(0, 0, 0, 0);
     qv_mom_subscribe(

@@ -47,7 +47,7 @@ class RawListener final : public qv::StoreListener {
     std::unique_ptr<qv::StoreClient> store_;
 };
 
-// What the clock gives is cut off: everything from the field time_ms (8, a varint) on.
+// Cuts off the part that depends on the clock: everything from the field time_ms (8, a varint) on.
 std::string without_time(const std::string& notice) {
     const size_t bytes_of_this_century = 7;
     EXPECT_GT(notice.size(), bytes_of_this_century);

@@ -1,4 +1,4 @@
-// What the client does about losses: of a session, of writes, and of the records in the server.
+// The client and losses: of a session, of writes, and of the records in the server.
 #include "tests/unit/store/redis_protocol_fixture.h"
 
 namespace store_test {

@@ -15,7 +15,7 @@ namespace store_test {
 using namespace std::chrono_literals;
 using qv::test::ScriptedServer;
 
-// What a sound server answers to a set or to a delete of one record.
+// A sound server's answer to a set or to a delete of one record.
 inline const std::string kWritten = "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n";
 
 class RedisProtocol : public testing::Test {

@@ -1,4 +1,4 @@
-// What only a server in another process can do to its clients.
+// Faults that only a server in another process can cause.
 #include <algorithm>
 #include <cerrno>
 

@@ -21,7 +21,7 @@ namespace store_test {
 
 using Lines = std::vector<std::string>;
 
-// What the callbacks below heard, in order: "up", "back", "down", and messages as
+// The calls of the callbacks below, in order: "up", "back", "down", and messages as
 // "29/0/4", "1/0/4 ifx=7 vid=1 loop=1 src=8" (command/operation/database).
 extern Lines g_heard;
 

@@ -1,4 +1,4 @@
-// What goes to the forwarding-plane service, byte for byte.
+// The requests to the forwarding-plane service, byte for byte.
 #include <cstring>
 #include <vector>
 

@@ -21,7 +21,7 @@ int execute(cli_handler handler, uint32_t ifx, uint32_t prefix, int64_t rate = 0
     return handler(&pcdb);
 }
 
-// What a handler adds to the configuration of an interface.
+// The lines that a handler adds to the configuration of an interface.
 Lines generated(cli_handler handler, uint32_t ifx, unsigned long flags = CLI_FLAG_C2P) {
     cli_pcdb pcdb = interface_mode(ifx);
     pcdb.flags = flags;

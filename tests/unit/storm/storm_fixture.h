@@ -104,7 +104,7 @@ class RunningStormTest : public StormTest {
     }
 };
 
-// What the plane is asked for when a port rule goes, or comes.
+// The requests to the plane when a port rule goes, or comes.
 inline Lines port_rule_removed(const std::string& phyid) {
     return {"fp_apply_delete " + phyid + " at type=2 port=" + phyid,
             "fp_entry_delete " + phyid + " entry 0", "fp_acl_delete " + phyid};
