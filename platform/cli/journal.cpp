@@ -166,6 +166,7 @@ bool Journal::holds(const std::string& port) const {
 
 void Journal::forget(uint64_t number, const std::vector<ConfigSection>& held) {
     std::vector<Kept> kept;
+    kept.reserve(held.size() + kept_.size());
     for (const ConfigSection& section : held) {
         kept.push_back({number, section.port, bytes_of({number, section, true}), true});
     }
