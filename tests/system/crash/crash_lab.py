@@ -168,11 +168,22 @@ class CrashLab(Lab):
         self.start_agent(wait=False, through=self.through)
 
     def kill(self, how=signal.SIGKILL):
-        """Ends the agent; TimeoutExpired when a signal that it may handle does not end it."""
+        """Ends the agent; AssertionError when the signal does not."""
         self._close_session()
         self.agent.send_signal(how)
-        self.agent.wait(timeout=10)
+        try:
+            self.agent.wait(timeout=10)
+        except subprocess.TimeoutExpired as late:
+            raise AssertionError(f"{signal.Signals(how).name} has not ended the agent: {self._threads()}") from late
         self.agent = None
+
+    def _threads(self):
+        """What each thread of the agent is doing: name, state, and where it waits in the kernel."""
+        found = []
+        for task in pathlib.Path(f"/proc/{self.agent.pid}/task").iterdir():
+            state = (task / "status").read_text().splitlines()[2].split()[1]
+            found.append(f"{(task / 'comm').read_text().strip()} {state} {(task / 'wchan').read_text()}")
+        return ", ".join(found)
 
     def _close_session(self):
         if self.session:

@@ -29,7 +29,7 @@ from crash_lab import CrashLab  # noqa: E402
 
 WINDOW_S = 0.3  # from an event to the latest kill
 STABLE_S = 0.03  # a good state must stay so long, a bad one so long:
-HOPELESS_S = 0.5
+HOPELESS_S = 5.0
 SIGNALS = {"kill": signal.SIGKILL, "term": signal.SIGTERM, "int": signal.SIGINT}
 
 
@@ -169,6 +169,8 @@ def main():
     parser.add_argument("--signal", action="append", choices=list(SIGNALS), default=[])
     parser.add_argument("--slow-sync", action="store_true", help="every fsync takes 50 ms longer")
     options = parser.parse_args()
+    # In the background of a script it is ignored, and so the agent would ignore it.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     started, totals = time.monotonic(), collections.defaultdict(lambda: [0, 0, 0])
     for played in play_rounds(options.seed, options.rounds, options.kind, options.signal, options.slow_sync,
                               options.first):
