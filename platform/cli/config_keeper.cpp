@@ -298,17 +298,25 @@ bool ConfigKeeper::forget_port(const std::string& name) {
 // From the loop: an observer must not change the port model that is telling it something. The first
 // step lets clients hear of the port where `known_first` says so.
 void ConfigKeeper::apply(ConfigSection section, bool known_first) {
+    sections_.set_pending(section);
     loop_.post([this, section = std::move(section), known_first] {
         if (known_first) {
             apply(section, false);
             return;
         }
         if (!platform().ports().find(section.port)) {
+            sections_.set_in_force(section.port);
             sections_.keep(section);  // gone again
             return;
         }
         const std::vector<ConfigSection> sections{section};
-        run(std::make_shared<ConfigReplay>(path(), sections, sections_), [] {});
+        const auto replay = std::make_shared<ConfigReplay>(path(), sections, sections_);
+        run(replay, [this, replay, name = section.port] {
+            if (replay->cut_off().empty()) {
+                sections_.set_in_force(name);
+                request_save();
+            }
+        });
     });
 }
 

@@ -55,8 +55,20 @@ void PortSections::set_shut_by(uint32_t ifx, ShutBy owner) {
 }
 
 ConfigSection PortSections::saved(const Port& port) const {
+    const auto pending = pending_.find(port.name);
+    if (pending != pending_.end()) {
+        return pending->second;
+    }
     return with_admin_line(generate_section(port),
                            port.admin_up ? ShutBy::kNobody : shut_by(port.ifx));
+}
+
+void PortSections::set_pending(const ConfigSection& section) {
+    pending_[section.port] = section;
+}
+
+void PortSections::set_in_force(const std::string& name) {
+    pending_.erase(name);
 }
 
 ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_program) {
@@ -67,7 +79,9 @@ ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_prog
     } else if (shut_by(port.ifx) == ShutBy::kNobody) {
         set_shut_by(port.ifx, ShutBy::kProgram);
     }
-    ConfigSection section = with_admin_line(generate_section(port), shut_by(port.ifx));
+    const auto pending = pending_.find(port.name);
+    ConfigSection section = with_admin_line(
+        pending == pending_.end() ? generate_section(port) : pending->second, shut_by(port.ifx));
     // The port may still be down when this is read.
     if (up && !has_line(section, kHeldLine)) {
         add_admin_line(section, kNoShutdown);
@@ -77,7 +91,8 @@ ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_prog
 
 void PortSections::leave(const Port& port, uint32_t mode_before) {
     ConfigSection section = saved(port);
-    if (port.mode == SWPORT_MODE_NONE && mode_before != SWPORT_MODE_NONE &&
+    const bool pending = pending_.erase(port.name) != 0;
+    if (!pending && port.mode == SWPORT_MODE_NONE && mode_before != SWPORT_MODE_NONE &&
         mode_before != SWPORT_MODE_ACCESS) {
         const std::string mode = swport_vlan_mode_name(mode_before);
         section.lines.insert(section.lines.begin(), {0, "switchport mode " + mode});

@@ -40,6 +40,11 @@ class PortSections {
     // The section of a port as it is to be saved now.
     ConfigSection saved(const Port& port) const;
 
+    // The port has come with a section that is not in force yet: until set_in_force() it is what is
+    // saved, for the port itself does not show it.
+    void set_pending(const ConfigSection& section);
+    void set_in_force(const std::string& name);
+
     // The same for when its admin state will have been changed. From here on the port's shutdown is
     // its new owner's.
     ConfigSection change_admin(const Port& port, bool up, bool by_program);
@@ -69,6 +74,7 @@ class PortSections {
     };
 
     std::map<uint32_t, ShutBy> shut_by_;  // nobody: left out
+    std::map<std::string, ConfigSection> pending_;
     std::map<std::string, Kept> kept_;
     uint64_t ages_ = 0;
 };

@@ -73,8 +73,9 @@ def settle(lab):
         delivered = lab.delivered()
         found = problems_of(lab)
         now = time.monotonic()
-        if (found, delivered) != previous or (delivered[0] != "S" and not found):
-            previous, since = (found, delivered), now
+        seen = found or delivered  # the delivery thread looks for work once a second
+        if seen != previous or (delivered[0] != "S" and not found):
+            previous, since = seen, now
         if now - since > (HOPELESS_S if found else STABLE_S):
             return found
         time.sleep(0.005)

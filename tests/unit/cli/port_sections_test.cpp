@@ -516,6 +516,55 @@ TEST_F(PortSectionsTest, HeldPortThatLeavesIsHeldWhenItIsBack) {
     EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
 }
 
+// A signal may end the process in the same round of the loop.
+TEST_F(PortSectionsTest, SectionOfAPortThatIsBackIsSavedBeforeItIsInForce) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    qv::Port port = *rig.model.find(102U);
+    rig.hardware.remove(102);
+    g_held.clear();
+    rig.platform.run_for(1s);
+
+    port.ifx = 202;
+    rig.model.port_added(port);
+    qv::cli::config_keeper()->saver().save_last();
+    const std::string whole = " shutdown\n loop-detect apply shutdown-port\n";
+    EXPECT_EQ(saved("swp2"), whole);
+    EXPECT_FALSE(g_held.contains(202)) << "not in force yet";
+}
+
+TEST_F(PortSectionsTest, SectionOfAPortThatIsBackForAMomentStays) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    qv::Port port = *rig.model.find(102U);
+    rig.hardware.remove(102);
+    g_held.clear();
+    port.ifx = 202;
+    rig.model.port_added(port);
+    rig.model.port_removed(202);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
+    port.ifx = 203;
+    rig.hardware.add("swp2", 203);
+    rig.platform.run_for(1s);
+    EXPECT_TRUE(g_held.contains(203));
+}
+
+// Its clients have forgotten what they knew of it, and are told again by its lines.
+TEST_F(PortSectionsTest, SectionOfARenamedPortIsSavedBeforeItIsInForce) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    qv::Port port = *rig.model.find(102U);
+    port.name = "uplink";
+    rig.model.port_changed(port);
+    g_held.clear();
+    qv::cli::config_keeper()->saver().save_last();
+    EXPECT_EQ(saved("uplink"), " shutdown\n loop-detect apply shutdown-port\n");
+}
+
 TEST_F(PortSectionsTest, WishForAPortThatHasLeftIsCarriedOutWhenItIsBack) {
     start();
     operator_types(102, "tarn port loop-detect warning");
