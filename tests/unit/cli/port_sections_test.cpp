@@ -14,104 +14,18 @@
 #include "platform/cli/port_sections.h"
 #include "qv/bridge.h"
 #include "qv/cli.h"
-#include "tests/unit/cli/cli_rig.h"
+#include "tests/unit/cli/held_ports.h"
 
 namespace {
 
 using namespace std::chrono_literals;
-using qv::cli::JournalRecord;
-using qv::test::read_text;
 using qv::test::write_text;
 using Lines = std::vector<std::string>;
 
-std::set<uint64_t> g_held;
-bool g_refuses = false;  // the program does not want to hold anything
+using qv::test::g_held;
+using qv::test::g_refuses;
 
-int hold(cli_pcdb* pcdb) {
-    if (pcdb->prefix & CLI_PREFIX_NO) {
-        g_held.erase(pcdb->ifx);
-    } else if (!g_refuses) {
-        g_held.insert(pcdb->ifx);
-    }
-    return 0;
-}
-
-int print_held(cli_pcdb* pcdb) {
-    if (g_held.contains(pcdb->ifx)) {
-        c2p_printf(pcdb, 1, "loop-detect apply shutdown-port");
-    }
-    return 0;
-}
-
-class PortSectionsTest : public ::testing::Test {
- protected:
-    PortSectionsTest() {
-        g_held.clear();
-        g_refuses = false;
-        const cli_node* end = qv::cli::end_of_line(hold);
-        const cli_node* tree = qv::cli::print_config(
-            print_held, qv::cli::with_no(end, qv::cli::with_default(end, end)));
-        qv::cli::attach(
-            CLI_CHAIN_INTERFACE,
-            qv::cli::keyword(
-                "loop-detect", "",
-                qv::cli::keyword("apply", "", qv::cli::keyword("shutdown-port", "", tree))),
-            "test");
-    }
-
-    void was_saved(const std::string& text, uint64_t journal = 0) {
-        write_text(rig.saved(), qv::cli::seal_config(text + "end\n", journal));
-    }
-    void start() {
-        rig.announce_ready();
-        rig.platform.run_for(1s);
-    }
-    // Executes a line as the program does.
-    int program(uint32_t ifx, const char* line) {
-        const int session = cli_sub_create_session();
-        cli_mode mode{};
-        std::string("interface").copy(mode.name, sizeof mode.name - 1);
-        mode.ifx = ifx;
-        const int result = cli_execute_cmd_buf_fd(session, line, &mode, nullptr, nullptr);
-        ::close(session);
-        return result;
-    }
-    void operator_types(uint32_t ifx, const std::string& line) {
-        rig.session.mode = "interface";
-        rig.session.ifx = ifx;
-        rig.type(line);
-        rig.session.mode = "exec";
-    }
-    // The section of a port in the saved file: "none" when there is no section.
-    std::string saved(const std::string& port) const {
-        const auto config = qv::cli::unseal_config(read_text(rig.saved()));
-        EXPECT_TRUE(config.intact);
-        return section_in(config.text, port);
-    }
-    static std::string section_in(const std::string& text, const std::string& port) {
-        const size_t start = text.find("interface " + port + "\n");
-        if (start == std::string::npos) {
-            return "none";
-        }
-        const size_t first = text.find('\n', start) + 1;
-        return text.substr(first, text.find("!\n", first) - first);
-    }
-    // "PORT: LINE, LINE" of the newest record.
-    std::string last_record() const {
-        const auto records = qv::cli::read_journal(rig.saved() + ".journal");
-        return records.empty() ? "none" : told(records.back());
-    }
-    static std::string told(const JournalRecord& record) {
-        std::string text = record.section.port + ":";
-        for (const auto& line : record.section.lines) {
-            text += " " + line.text + ",";
-        }
-        return text;
-    }
-    bool up(uint32_t ifx) const { return rig.model.find(ifx)->admin_up; }
-
-    qv::test::CliRig rig;
-};
+class PortSectionsTest : public qv::test::HeldPorts {};
 
 TEST_F(PortSectionsTest, JournalKnowsOfAShutdownBeforeThePortGoesDown) {
     start();
@@ -262,27 +176,13 @@ TEST_F(PortSectionsTest, ProgramOwnsAShutdownOfAPortThatWasTakenDownFromOutside)
 
 // ---- After a crash ----
 
-void journal(const std::string& path, uint64_t last,
-             std::vector<std::pair<std::string, Lines>> all) {
-    qv::cli::Journal journal(path);
-    ASSERT_EQ(journal.open(last), "");
-    for (auto& [port, lines] : all) {
-        qv::cli::ConfigSection section;
-        section.port = port;
-        for (auto& line : lines) {
-            section.lines.push_back({0, line});
-        }
-        ASSERT_EQ(journal.append(section), "");
-    }
-}
-
 TEST_F(PortSectionsTest, RecordsTakeThePlaceOfTheSavedSections) {
     was_saved(
         "tarn error-recover interval 90\ninterface swp1\n tarn port loop-detect warning\n!\n"
         "interface swp2\n shutdown\n!\n",
         5);
-    journal(rig.saved() + ".journal", 5,
-            {{"", {"tarn enable"}}, {"swp2", {"switchport mode trunk"}}, {"swp3", {"shutdown"}}});
+    was_journalled(
+        5, {{"", {"tarn enable"}}, {"swp2", {"switchport mode trunk"}}, {"swp3", {"shutdown"}}});
     start();
     EXPECT_EQ(rig.type("show running-config"),
               "tarn enable\ninterface swp1\n tarn port loop-detect warning\n!\n"
@@ -293,7 +193,7 @@ TEST_F(PortSectionsTest, RecordsTakeThePlaceOfTheSavedSections) {
 
 TEST_F(PortSectionsTest, RecordsThatTheSavedFileIncludesAreOld) {
     was_saved("interface swp2\n shutdown\n!\n", 6);
-    journal(rig.saved() + ".journal", 4, {{"swp2", {}}, {"swp3", {"shutdown"}}});  // 5 and 6
+    was_journalled(4, {{"swp2", {}}, {"swp3", {"shutdown"}}});  // 5 and 6
     start();
     EXPECT_FALSE(up(102));
     EXPECT_TRUE(up(103));
@@ -363,7 +263,7 @@ TEST_F(PortSectionsTest, HeldPortThatIsUpMeanwhileIsNotClaimed) {
 TEST_F(PortSectionsTest, PortThatWasOnItsWayUpIsBroughtUp) {
     rig.hardware.set_admin(102, false);
     was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n", 1);
-    journal(rig.saved() + ".journal", 1, {{"swp2", {"no shutdown"}}});
+    was_journalled(1, {{"swp2", {"no shutdown"}}});
     start();
     EXPECT_TRUE(up(102));
     EXPECT_TRUE(g_held.empty());
