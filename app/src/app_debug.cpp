@@ -9,9 +9,13 @@
 
 #include <algorithm>
 #include <cctype>
+#include <charconv>
 #include <cstdarg>
 #include <cstdio>
+#include <cstring>
 #include <iterator>
+#include <limits>
+#include <string_view>
 
 #include <qv/syslog.h>
 #include "app_shared.h"
@@ -73,13 +77,25 @@ int app_dbg_slog_num_reach_max(void) {
     return 1;
 }
 
-// Formats "<function:line> " and the message into the shared buffer.
+// Puts `text` behind the first `used` bytes of the shared buffer, as far as it fits, and returns
+// how many are used then.
+static size_t add_to_line(size_t used, std::string_view text) {
+    text = text.substr(0, APP_DBG_PRINT_BYTES - used);
+    memcpy(g_dbg_print_buf + used, text.data(), text.size());
+    return used + text.size();
+}
+
+// Formats "<function:line> " and the message into the shared buffer. The beginning of every line is
+// put together by hand: with snprintf it took as long as all the rest of a call.
 static void format_line(const char* function, int line, const char* format, va_list args) {
-    const size_t size = sizeof g_dbg_print_buf;
-    const int written = snprintf(g_dbg_print_buf, size, "<%s:%d> ", function, line);
-    const size_t used = written < 0 ? 0 : static_cast<size_t>(written);
-    if (used < size)
-        vsnprintf(g_dbg_print_buf + used, size - used, format, args);
+    char number[std::numeric_limits<int>::digits10 + 2];
+    const char* const end = std::to_chars(std::begin(number), std::end(number), line).ptr;
+    size_t used = add_to_line(0, "<");
+    used = add_to_line(used, function);
+    used = add_to_line(used, ":");
+    used = add_to_line(used, {number, end});
+    used = add_to_line(used, "> ");
+    vsnprintf(g_dbg_print_buf + used, sizeof g_dbg_print_buf - used, format, args);
 }
 
 static void write_log_file(const level_rule& rule, const char* file, const char* function,
