@@ -17,8 +17,8 @@
 #include "lda_main.h"
 #include "p_app.pb-c.h"
 
-static constexpr char NOTIFY_ENTRY_PATH[] =
-    "/qv-loop-detect-server-notification:loop-detect-state/loop-notify/notify-entry[name='%s']/";
+static constexpr char NOTIFY_LEAF_PATH[] =
+    "/qv-loop-detect-server-notification:loop-detect-state/loop-notify/notify-entry[name='%s']/%s";
 static constexpr size_t NOTIFY_PATH_BYTES = 512;
 static constexpr size_t NOTIFY_LEAVES = 4;
 
@@ -27,8 +27,7 @@ static constexpr size_t NOTIFY_LEAVES = 4;
 // The full path of a leaf in a string of its own, to be freed; null when memory runs out.
 static char* leaf_path(const char* interface, const char* leaf) {
     char path[NOTIFY_PATH_BYTES];
-    const int base = snprintf(path, sizeof path, NOTIFY_ENTRY_PATH, interface);
-    snprintf(path + base, sizeof path - static_cast<size_t>(base), "%s", leaf);
+    snprintf(path, sizeof path, NOTIFY_LEAF_PATH, interface, leaf);
     return strdup(path);
 }
 
