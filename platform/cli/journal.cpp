@@ -116,27 +116,29 @@ std::string Journal::open(uint64_t last) {
     last_ = last;
     kept_.clear();
     for (const JournalRecord& record : read_journal(path_)) {
-        keep(record);
+        keep(record, bytes_of(record));
         last_ = std::max(last_, record.number);
     }
     return renew();
 }
 
 // A section's newest record takes the place of those before it.
-void Journal::keep(const JournalRecord& record) {
+void Journal::keep(const JournalRecord& record, std::string bytes) {
     std::erase_if(kept_, [&](const Kept& kept) { return kept.port == record.section.port; });
-    kept_.push_back({record.number, record.section.port, bytes_of(record), record.saved});
+    kept_.push_back({record.number, record.section.port, std::move(bytes), record.saved});
 }
 
 std::string Journal::append(const ConfigSection& section) {
     std::string trouble = size_ > room_ || !in_place() ? renew() : "";
-    const JournalRecord record{.number = last_ + 1, .section = section, .saved = false};
-    if (trouble.empty()) {
-        trouble = write(bytes_of(record));
+    if (!trouble.empty()) {
+        return trouble;
     }
+    const JournalRecord record{.number = last_ + 1, .section = section, .saved = false};
+    std::string bytes = bytes_of(record);
+    trouble = write(bytes);
     if (trouble.empty()) {
         ++last_;
-        keep(record);
+        keep(record, std::move(bytes));
     }
     return trouble;
 }

@@ -65,7 +65,7 @@ class Journal {
         bool operator==(const Kept&) const = default;
     };
 
-    void keep(const JournalRecord& record);
+    void keep(const JournalRecord& record, std::string bytes);
 
     bool in_place() const;
     std::string write(std::string_view bytes);
