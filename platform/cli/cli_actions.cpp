@@ -10,21 +10,7 @@ const Argument& argument_of(const cli_node* node) {
     return *static_cast<const Argument*>(node->argument);
 }
 
-// Generation passes through every node that would take a word.
-bool pass_in_generation(cli_walk* walk, const cli_node* node) {
-    if (!walk->generating()) {
-        return false;
-    }
-    walk->visit(node->accept);
-    walk->visit(node->alternative);
-    return true;
-}
-
-// A prefix node: in generation both ways are walked.
 void prefix_action(cli_walk* walk, const cli_node* node, uint32_t prefix) {
-    if (pass_in_generation(walk, node)) {
-        return;
-    }
     const bool has_prefix = (walk->pcdb->prefix & prefix) != 0;
     walk->visit(has_prefix ? node->accept : node->alternative);
 }
@@ -36,34 +22,23 @@ extern "C" {
 const cli_node Tno_alt = {end_of_list, nullptr, nullptr, nullptr, nullptr};
 
 void common_keyword_action(cli_walk* walk, const cli_node* node) {
-    if (pass_in_generation(walk, node)) {
-        return;
-    }
     const auto& keyword = argument_of<cli_keyword_arg>(node);
     walk->offer_keyword(keyword.keyword, keyword.help, node);
     walk->visit(node->alternative);
 }
 
 void common_number_action(cli_walk* walk, const cli_node* node) {
-    if (pass_in_generation(walk, node)) {
-        return;
-    }
     walk->offer_number(argument_of<cli_number_arg>(node), node);
     walk->visit(node->alternative);
 }
 
 void common_word_action(cli_walk* walk, const cli_node* node) {
-    if (pass_in_generation(walk, node)) {
-        return;
-    }
     walk->offer_word(argument_of<cli_word_arg>(node), node);
     walk->visit(node->alternative);
 }
 
 void eol_action(cli_walk* walk, const cli_node* node) {
-    if (!walk->generating()) {
-        walk->offer_end(argument_of<cli_eol_arg>(node).handler);
-    }
+    walk->offer_end(argument_of<cli_eol_arg>(node).handler);
     walk->visit(node->alternative);
 }
 
@@ -82,8 +57,11 @@ void defaultprefix_action(cli_walk* walk, const cli_node* node) {
 }
 
 void c2p_action(cli_walk* walk, const cli_node* node) {
-    if (walk->generating() && walk->first_time(node)) {
-        argument_of<cli_c2p_arg>(node).handler(walk->pcdb);
+    if (walk->generating()) {
+        if (walk->first_time(node)) {
+            argument_of<cli_c2p_arg>(node).handler(walk->pcdb);
+        }
+        return;  // the walk itself knows where to go on
     }
     walk->visit(node->accept);
     walk->visit(node->alternative);

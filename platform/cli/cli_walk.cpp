@@ -1,6 +1,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cstring>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "platform/cli/walk.h"
 
@@ -40,6 +42,43 @@ std::string read_number(std::string_view word, const cli_number_arg& bound, int6
     return {};
 }
 
+bool only_takes_words(cli_action action) {
+    return action == common_keyword_action || action == common_number_action ||
+           action == common_word_action || action == eol_action || action == noprefix_action ||
+           action == defaultprefix_action || action == append_point_action;
+}
+
+void find_stops(const cli_node* node, std::unordered_set<const cli_node*>& seen,
+                std::vector<const cli_node*>& stops) {
+    if (!node || !node->action || node == &Tno_alt || !seen.insert(node).second) {
+        return;
+    }
+    const bool prints = node->action == c2p_action;
+    if (!only_takes_words(node->action)) {
+        stops.push_back(node);
+        if (!prints) {
+            return;  // its action goes on from there
+        }
+    }
+    if (node->action != eol_action) {
+        find_stops(node->accept, seen, stops);
+    }
+    find_stops(node->alternative, seen, stops);
+}
+
+// The nodes behind `node` that do something while a configuration is generated, in the order of
+// the walk. They are few among many that only take words. Nodes live for ever and never change, so
+// each tree is searched once.
+const std::vector<const cli_node*>& stops_from(const cli_node* node) {
+    static auto& known = *new std::unordered_map<const cli_node*, std::vector<const cli_node*>>;
+    const auto [entry, unknown] = known.try_emplace(node);
+    if (unknown) {
+        std::unordered_set<const cli_node*> seen;
+        find_stops(node, seen, entry->second);
+    }
+    return entry->second;
+}
+
 }  // namespace
 
 void cli_walk::visit(const cli_node* node) {
@@ -47,7 +86,13 @@ void cli_walk::visit(const cli_node* node) {
         return;
     }
     ++depth_;
-    node->action(this, node);
+    if (generating()) {
+        for (const cli_node* stop : stops_from(node)) {
+            stop->action(this, stop);
+        }
+    } else {
+        node->action(this, node);
+    }
     --depth_;
 }
 
