@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <string>
 
@@ -216,6 +217,71 @@ TEST(ConfigFile, FileBeyondTheLimitIsNotRead) {
     errno = 0;
     EXPECT_FALSE(qv::cli::read_config_file(path));
     EXPECT_EQ(errno, EFBIG);
+}
+
+TEST(ConfigFile, EveryWordThatEndsASectionDoes) {
+    for (const char* end : {"!", "! a word", "exit", "end"}) {
+        const auto sections =
+            qv::cli::parse_config(std::string("interface swp1\n a\n") + end + "\nb\n");
+        ASSERT_EQ(sections.size(), 3U) << end;
+        EXPECT_EQ(sections[1].lines.size(), 1U) << end;
+        ASSERT_EQ(sections[2].lines.size(), 1U) << end;
+        EXPECT_EQ(sections[2].lines[0].text, "b") << end;
+    }
+}
+
+TEST(ConfigFile, LineOfBlanksIsNone) {
+    const auto sections = qv::cli::parse_config("\r\n \t\r\n\r a\n");
+    ASSERT_EQ(sections.size(), 1U);
+    ASSERT_EQ(sections[0].lines.size(), 1U);
+    EXPECT_EQ(sections[0].lines[0].text, "a");
+    EXPECT_EQ(sections[0].lines[0].number, 3);
+}
+
+TEST(ConfigFile, SealNeedsItsOwnMarkAndNothingBehindTheNumber) {
+    for (const char* number : {"! Journal 7\n", "! journal 7x\n", "! journal \n"}) {
+        const std::string text = std::string("end\n") + number;
+        const auto config = unseal_config(text + "! checksum " + qv::cli::checksum(text) + "\n");
+        EXPECT_FALSE(config.intact) << number;
+        EXPECT_EQ(config.journal, 0U) << number;
+        EXPECT_EQ(config.text, text) << number;
+    }
+}
+
+TEST(ConfigFile, ChainOfLinksIsFollowedToItsEnd) {
+    const qv::test::TestFolder folder;
+    std::filesystem::create_directory(folder.file("disk"));
+    write_text(folder.file("disk/real"), "old\n");
+    std::filesystem::create_symlink("real", folder.file("disk/middle"));
+    std::filesystem::create_symlink("disk/middle", folder.file("link"));
+    EXPECT_EQ(replace_file(folder.file("link"), "new\n"), "");
+    EXPECT_TRUE(std::filesystem::is_symlink(folder.file("disk/middle")));
+    EXPECT_EQ(read_text(folder.file("disk/real")), "new\n");
+}
+
+TEST(ConfigFile, NameWithoutAFolderIsOneInTheWorkingFolder) {
+    const qv::test::TestFolder folder;
+    const auto before = std::filesystem::current_path();
+    std::filesystem::current_path(folder.path());
+    g_folder_syncs = 0;
+    EXPECT_EQ(replace_file("f", "text\n"), "");
+    std::filesystem::current_path(before);
+    EXPECT_EQ(read_text(folder.file("f")), "text\n");
+    EXPECT_EQ(g_folder_syncs, 1);
+}
+
+// An alarm ends the waiting, should there be any.
+TEST(ConfigFile, ReadingAPipeWaitsForNobody) {
+    const qv::test::TestFolder folder;
+    ASSERT_EQ(::mkfifo(folder.file("pipe").c_str(), 0600), 0);
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+    };
+    ASSERT_EQ(::sigaction(SIGALRM, &action, nullptr), 0);
+    ::alarm(5);
+    EXPECT_FALSE(qv::cli::read_config_file(folder.file("pipe")));
+    EXPECT_EQ(errno, EINVAL);
+    ::alarm(0);
 }
 
 }  // namespace

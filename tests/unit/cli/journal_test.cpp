@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <string>
@@ -289,6 +290,136 @@ TEST_F(JournalTest, FileIsItsOwnersAlone) {
     struct stat status {};
     ASSERT_EQ(::stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600U);
+}
+
+// ---- Files that are not as this program writes them ----
+
+std::string record(const std::string& number, const std::string& size, const std::string& body) {
+    return "record " + number + " " + size + " " + qv::cli::checksum(number + body) + "\n" + body;
+}
+
+TEST_F(JournalTest, NumbersThatAreNoneEndTheReading) {
+    const std::string body = "interface swp1\n shutdown\n";
+    const std::string size = std::to_string(body.size());
+    write_text(path, record("1", size, body));
+    ASSERT_EQ(told(path), Told{"1 swp1: shutdown,"});
+    EXPECT_EQ(read_journal(path)[0].section.number, 0);
+    for (const std::string& bytes :
+         {record("1x", size, body), record("", size, body), record("1", size + "x", body),
+          record("1", "999", body), record("1", "", body), record("-1", size, body)}) {
+        write_text(path, bytes);
+        EXPECT_EQ(told(path), Told{}) << bytes;
+    }
+}
+
+TEST_F(JournalTest, NumberThatDoesNotGrowEndsTheReading) {
+    const std::string first = record("2", "9", "shutdown\n");
+    const std::string again = record("2", "12", "no shutdown\n");
+    const std::string older = record("1", "12", "no shutdown\n");
+    for (const std::string& second : {again, older}) {
+        write_text(path, first + second);
+        EXPECT_EQ(told(path), Told{"2 : shutdown,"});
+    }
+}
+
+TEST_F(JournalTest, OpenedAnewItHoldsWhatTheFileHasNow) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    std::filesystem::remove(path);
+    EXPECT_EQ(journal.open(7), "");
+    EXPECT_FALSE(journal.holds("swp1"));
+    EXPECT_EQ(told(path), Told{});
+    EXPECT_EQ(journal.last(), 7U);
+}
+
+TEST_F(JournalTest, LinkToTheFileIsReplacedByAFile) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    std::filesystem::rename(path, path + ".moved");
+    std::filesystem::create_symlink(path + ".moved", path);
+    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
+    EXPECT_FALSE(std::filesystem::is_symlink(path));
+    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+    EXPECT_EQ(told(path + ".moved"), Told{"1 swp1: shutdown,"});
+}
+
+TEST_F(JournalTest, RecordThatFitsInPartIsNotWritten) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    const size_t end = read_text(path).find('\0');
+    {
+        const qv::test::FullDisk full(end + 5);
+        EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "No space left on device");
+        EXPECT_EQ(journal.last(), 1U);
+        EXPECT_FALSE(journal.holds("swp2"));
+    }
+    EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
+    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp3: shutdown,"}));
+}
+
+TEST_F(JournalTest, EarlierSaveThatEndsLaterDropsHeldPortsOfTheOtherOne) {
+    const ConfigSection held = section("swp1", {"shutdown", "loop-detect apply shutdown-port"});
+    journal.open(0);
+    journal.append(held);
+    journal.append(section("swp2", {"shutdown"}));
+    journal.forget(2, {held});
+    journal.forget(1);
+    EXPECT_EQ(told(path), Told{});
+}
+
+TEST_F(JournalTest, SaveThatChangesNothingLeavesTheFileAlone) {
+    std::vector<ConfigSection> held;
+    for (int port = 1; port <= 60; ++port) {
+        held.push_back(
+            section("swp" + std::to_string(port), {"shutdown", "loop-detect apply shutdown-port"}));
+    }
+    journal.open(0);
+    journal.forget(0, held);
+    const ino_t before = file_number();
+    journal.forget(0, held);
+    EXPECT_EQ(file_number(), before);
+}
+
+TEST_F(JournalTest, LeftoverOfADeadProcessIsReplaced) {
+    write_text(path + ".new", "left");
+    EXPECT_EQ(journal.open(0), "");
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
+// With a folder in its way nothing new can be made, so only a file of its own may be written over.
+TEST_F(JournalTest, FileOfSomebodyElseIsNotWrittenOver) {
+    std::filesystem::create_directory(path + ".new");
+    const std::string precious = folder.file("precious");
+    write_text(precious, "precious");
+    std::filesystem::create_symlink(precious, path);
+    EXPECT_EQ(journal.open(0), "File exists");
+    EXPECT_EQ(read_text(precious), "precious");
+    if (::geteuid() == 0) {
+        std::filesystem::remove(path);
+        write_text(path, "theirs");
+        ASSERT_EQ(::chown(path.c_str(), 12, 34), 0);
+        EXPECT_EQ(journal.open(0), "File exists");
+        EXPECT_EQ(read_text(path), "theirs");
+    }
+}
+
+TEST_F(JournalTest, FolderInItsPlaceLeavesNothingBeside) {
+    std::filesystem::create_directory(path);
+    EXPECT_EQ(journal.open(0), "Is a directory");
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
+TEST_F(JournalTest, GoesOnInItsFileOnceThatIsBack) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    journal.append(section("swp1", {"no shutdown"}));
+    std::filesystem::rename(path, path + ".moved");
+    std::filesystem::create_directory(path);
+    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "Is a directory");
+    std::filesystem::remove(path);
+    std::filesystem::rename(path + ".moved", path);
+    EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
+    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp1: no shutdown,", "3 swp3: shutdown,"}));
 }
 
 }  // namespace
