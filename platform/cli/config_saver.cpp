@@ -26,7 +26,7 @@ ConfigSaver::ConfigSaver(EventLoop& loop, Background& background, std::string pa
       sections_(sections) {}
 
 void ConfigSaver::request() {
-    if (path_.empty() || !unasked_) {
+    if (path_.empty()) {
         return;
     }
     wanted_ = true;
@@ -34,7 +34,7 @@ void ConfigSaver::request() {
 }
 
 void ConfigSaver::schedule() {
-    if (timer_ || snapshot_ || writing_) {
+    if (!unasked_ || timer_ || snapshot_ || writing_) {
         return;
     }
     const Duration rest = rest_until_ - loop_.clock().now();
