@@ -168,6 +168,14 @@ TEST_F(LeavingPort, HasItsWishSavedLongAfterItLeft) {
     EXPECT_EQ(saved("swp2"), " no shutdown\n");
 }
 
+TEST_F(LeavingPort, HasAWishThatIsTypedWithMoreBlanks) {
+    start();
+    operator_types(102, "shutdown");
+    rig.hardware.remove(102);
+    EXPECT_EQ(program(102, "no  \t shutdown"), -1);
+    EXPECT_EQ(last_record(), "swp2: no shutdown,");
+}
+
 // ---- Changes that no line makes ----
 
 class Unasked : public qv::test::HeldPorts {

@@ -53,6 +53,14 @@ TEST_F(PortSectionsTest, JournalKnowsOfARecoveryBeforeThePortGoesUp) {
     EXPECT_TRUE(up(102));
 }
 
+TEST_F(PortSectionsTest, PortThatAnOperatorOpensUnderAProgramThatHoldsItIsStillThePrograms) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    operator_types(102, "no shutdown");
+    EXPECT_EQ(last_record(), "swp2: loop-detect apply shutdown-port,");
+}
+
 TEST_F(PortSectionsTest, GlobalLinesStandInTheJournalBeforeTheSectionThatNeedsThem) {
     start();
     rig.session.mode = "config";

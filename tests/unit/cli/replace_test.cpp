@@ -248,6 +248,104 @@ TEST_F(Replace, StaysWhenItIsConfirmed) {
     EXPECT_EQ(replace("end\n", " confirm 1441"), "% Number out of range: '1441' (1-1440).\n");
 }
 
+TEST_F(Replace, GoesBackAfterAMinuteOfRealTimeOnAFastClock) {
+    rig.platform.settings.speed = 10.0;
+    configure({"interface swp1", "shutdown"});
+    EXPECT_EQ(replace("end\n", " confirm 1"), "");
+    rig.platform.run_for(599s);
+    EXPECT_TRUE(rig.model.find(101U)->admin_up);
+    rig.platform.run_for(1s);
+    EXPECT_FALSE(rig.model.find(101U)->admin_up);
+}
+
+TEST_F(Replace, GoingBackTellsThatSomeOfItsLinesWereRefused) {
+    configure({"interface swp1", "shutdown"});
+    EXPECT_EQ(replace("end\n", " confirm 1"), "");
+    rig.hardware.refusal = "the port is burnt";
+    rig.platform.run_for(1min);
+    EXPECT_EQ(log(),
+              "CLI-4-REPLACE: The replaced configuration was not confirmed in time: the one before "
+              "is back, but some of its lines were refused.");
+}
+
+TEST_F(Replace, GoesOnAfterARefusedLineAndSaysSoInTheEnd) {
+    using namespace qv::cli;
+    const cli_node* silent = end_of_line([](cli_pcdb*) { return 7; });
+    const cli_node* loud = end_of_line([](cli_pcdb*) {
+        cli_printf("not today\n");
+        return 0;
+    });
+    attach(CLI_CHAIN_CONFIG, keyword("silent", "", silent), "test");
+    attach(CLI_CHAIN_INTERFACE, keyword("loud", "", loud), "test");
+    EXPECT_EQ(replace("silent\ntarn enable\ninterface swp1\n!\nend\n"),
+              "% line 1: silent: refused\n");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_TRUE(qv::cli::tarn_enabled());
+    EXPECT_EQ(replace("interface swp1\n loud\n shutdown\n!\ninterface swp2\n shutdown\n!\nend\n"),
+              "% line 2: loud: not today\n");
+    EXPECT_EQ(rig.code, 1);
+    EXPECT_FALSE(rig.model.find(101U)->admin_up);
+    EXPECT_FALSE(rig.model.find(102U)->admin_up);
+}
+
+bool g_quiet = true;
+
+TEST_F(Replace, LineWithNoInFrontIsTakenBackByTheLineWithoutIt) {
+    using namespace qv::cli;
+    const cli_node* off = end_of_line([](cli_pcdb*) {
+        g_quiet = true;
+        return 0;
+    });
+    const cli_node* on = end_of_line([](cli_pcdb*) {
+        g_quiet = false;
+        return 0;
+    });
+    const auto print = [](cli_pcdb* pcdb) {
+        if (g_quiet) {
+            c2p_printf(pcdb, 1, "no chatter");
+        }
+        return 0;
+    };
+    attach(CLI_CHAIN_CONFIG, keyword("chatter", "", print_config(print, with_no(off, on))), "test");
+    EXPECT_EQ(replace("end\n"), "");
+    EXPECT_FALSE(g_quiet);
+    EXPECT_EQ(replace("no chatter\nend\n"), "");
+    EXPECT_TRUE(g_quiet);
+}
+
+TEST_F(Replace, ValueThatTheOldOneBeginsWithIsAnotherOne) {
+    configure({"tarn error-recover interval 900"});
+    EXPECT_EQ(replace("tarn error-recover interval 90\nend\n"), "");
+    EXPECT_TRUE(running().starts_with("tarn error-recover interval 90\ninterface swp1\n"));
+}
+
+TEST_F(Replace, CommentBehindATabEndsNoSection) {
+    EXPECT_EQ(replace("interface swp1\n\t! a word\n\tshutdown\n!\n\tend\n"), "");
+    EXPECT_FALSE(rig.model.find(101U)->admin_up);
+}
+
+TEST_F(Replace, GlobalLinesMayFollowASectionThatNothingEnds) {
+    EXPECT_EQ(replace("interface swp1\n shutdown\ntarn enable\ntarn error-recover interval 90\n"
+                      "end\n"),
+              "");
+    EXPECT_EQ(running(),
+              "tarn enable\ntarn error-recover interval 90\ninterface swp1\n shutdown\n!\n"
+              "interface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+    EXPECT_EQ(replace("interface swp1\ntarn enable\nshutdown\nend\n"),
+              refusal("line 3: Unknown command: 'shutdown'."));
+}
+
+TEST_F(Replace, PortThatGoesWhileItsLinesAreTakenBackKeepsWhatTheFileSays) {
+    configure({"interface swp1", "shutdown", "tarn port loop-detect warning"});
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        rig.model.port_removed(101);
+    };
+    replace("interface swp1\n tarn port loop-detect warning\n!\nend\n");
+    EXPECT_TRUE(running().ends_with("interface swp1\n tarn port loop-detect warning\n!\n"))
+        << running();
+}
+
 TEST_F(Replace, RefusedFileIsNothingToGoBackFrom) {
     EXPECT_EQ(replace("", " confirm 5"),
               refusal("The line 'end' is missing: the file is not whole."));
