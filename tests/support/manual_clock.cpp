@@ -1,5 +1,6 @@
 #include "tests/support/manual_clock.h"
 
+#include <stdexcept>
 #include <utility>
 
 namespace qv::test {
@@ -9,6 +10,9 @@ namespace {
 constexpr Time kStart{std::chrono::hours(1000)};
 
 struct Idle {};
+
+// More than any test has to do at once.
+constexpr int kEndless = 1'000'000;
 
 }  // namespace
 
@@ -37,13 +41,21 @@ void ManualClock::advance_to(Time t) {
 void run_ready(EventLoop& loop, ManualClock& clock) {
     auto before = std::exchange(clock.on_idle, []() -> bool { throw Idle(); });
     qv_thread thread;
+    bool endless = true;
     try {
-        while (loop.fetch(&thread) != nullptr) {
-            qv_thread_call(&thread);
+        for (int piece = 0; piece < kEndless && endless; ++piece) {
+            endless = loop.fetch(&thread) != nullptr;
+            if (endless) {
+                qv_thread_call(&thread);
+            }
         }
     } catch (const Idle&) {
+        endless = false;
     }
     clock.on_idle = std::move(before);
+    if (endless) {
+        throw std::runtime_error("test: the loop always has something ready");
+    }
 }
 
 void run_for(EventLoop& loop, ManualClock& clock, Duration step) {

@@ -29,7 +29,8 @@ class ManualClock final : public Clock {
     std::atomic<Duration> since_start_{Duration::zero()};
 };
 
-// Runs the loop until nothing is ready at the present time.
+// Runs the loop until nothing is ready at the present time. Throws std::runtime_error when that
+// never happens.
 void run_ready(EventLoop& loop, ManualClock& clock);
 
 // Moves the clock by `step` and runs everything that becomes due, each timer at its own time.
