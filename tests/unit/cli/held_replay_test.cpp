@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/tarn_commands.h"
 #include "qv/bridge.h"
@@ -114,6 +115,44 @@ TEST_F(HeldReplay, GlobalLinesOfAFileWithoutASealAreJournalledAgain) {
     ASSERT_EQ(records.size(), 2U);
     EXPECT_EQ(told(records[0]), ": tarn enable,");
     EXPECT_EQ(told(records[1]), "swp2: no shutdown,");
+}
+
+int print_two_lines(cli_pcdb*) {
+    cli_printf("first\r\nsecond\n");
+    return 0;
+}
+int refuse_silently(cli_pcdb*) {
+    return 1;
+}
+
+TEST_F(HeldReplay, LineThatPrintsOrFailsIsReportedWithItsFirstLine) {
+    using namespace qv::cli;
+    attach(CLI_CHAIN_CONFIG, keyword("prints", "", end_of_line(print_two_lines)), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("fails", "", end_of_line(refuse_silently)), "test");
+    was_saved("prints\nfails\n");
+    start();
+    const std::string at = "CLI-3-REPLAY: " + rig.saved() + ": line ";
+    EXPECT_EQ(log(), (Lines{at + "1: \"prints\": first", at + "2: \"fails\": "}));
+}
+
+TEST_F(HeldReplay, LongLineIsShownInPart) {
+    was_saved("x" + std::string(300, 'y') + "\n");
+    start();
+    EXPECT_EQ(log(),
+              Lines{"CLI-3-REPLAY: " + rig.saved() + ": line 1: \"x" + std::string(199, 'y') +
+                    "\": % Unknown command: 'x" + std::string(39, 'y') + "...'."});
+}
+
+TEST_F(HeldReplay, FiftyReportsNeedNoSum) {
+    std::string text;
+    for (int line = 0; line < 49; ++line) {
+        text += "x\n";
+    }
+    was_saved(text + "interface swp9\n shutdown\n!\n");
+    start();
+    ASSERT_EQ(log().size(), 50U);
+    EXPECT_EQ(log()[49], "CLI-3-REPLAY: " + rig.saved() +
+                             ": line 50: interface swp9 does not exist; its lines wait for it.");
 }
 
 // ---- Files ----

@@ -1,6 +1,7 @@
 // The journal: what is read back after a crash at any byte.
 #include "platform/cli/journal.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -403,6 +404,16 @@ TEST_F(JournalTest, FileOfSomebodyElseIsNotWrittenOver) {
     }
 }
 
+TEST_F(JournalTest, FileThatCannotBeWrittenToItsEndIsNotPutInPlace) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    std::filesystem::remove(path);
+    const qv::test::FullDisk full(10);
+    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "No space left on device");
+    EXPECT_FALSE(std::filesystem::exists(path));
+    EXPECT_FALSE(std::filesystem::exists(path + ".new"));
+}
+
 TEST_F(JournalTest, FolderInItsPlaceLeavesNothingBeside) {
     std::filesystem::create_directory(path);
     EXPECT_EQ(journal.open(0), "Is a directory");
@@ -420,6 +431,28 @@ TEST_F(JournalTest, GoesOnInItsFileOnceThatIsBack) {
     std::filesystem::rename(path + ".moved", path);
     EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
     EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp1: no shutdown,", "3 swp3: shutdown,"}));
+}
+
+TEST_F(JournalTest, PipeInItsPlaceIsNotWrittenTo) {
+    std::filesystem::create_directory(path + ".new");
+    ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+    const int reader = ::open(path.c_str(), O_RDONLY | O_NONBLOCK);
+    ASSERT_GE(reader, 0);
+    EXPECT_EQ(journal.open(0), "File exists");
+    EXPECT_EQ(journal.append(section("swp1", {"shutdown"})), "File exists");
+    ::close(reader);
+}
+
+TEST_F(JournalTest, OldFileThatIsContinuedHasItsRoomStill) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    const ino_t before = file_number();
+    std::filesystem::create_directory(path + ".new");
+    Journal next(path);
+    EXPECT_EQ(next.open(0), "");
+    std::filesystem::remove(path + ".new");
+    EXPECT_EQ(next.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(file_number(), before);
 }
 
 }  // namespace

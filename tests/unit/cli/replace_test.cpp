@@ -5,12 +5,14 @@
 
 #include <filesystem>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "platform/cli/caller.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/cli/walk.h"
 #include "tests/unit/cli/cli_rig.h"
 #include "tests/unit/cli/wire_client.h"
 
@@ -467,6 +469,30 @@ TEST_F(Replace, CallerOfASessionIsTheUserOfItsClient) {
     }
     rig.type("who");
     EXPECT_FALSE(g_caller);
+}
+
+int g_walks = 0;
+
+TEST_F(Replace, WordsAreTakenOffALineUntilNoneIsLeft) {
+    using namespace qv::cli;
+    attach(CLI_CHAIN_CONFIG,
+           custom(
+               [](cli_walk* walk, const cli_node* node) {
+                   if (++g_walks > 1000) {
+                       throw std::runtime_error("no end of walks");
+                   }
+                   walk->visit(node->alternative);
+               },
+               nullptr),
+           "test");
+    const cli_node* print = print_config(
+        [](cli_pcdb* pcdb) {
+            c2p_printf(pcdb, 1, "one two");
+            return 0;
+        },
+        end_of_line([](cli_pcdb*) { return 0; }));
+    attach(CLI_CHAIN_CONFIG, keyword("one", "", keyword("two", "", print)), "test");
+    EXPECT_EQ(replace("end\n"), "% one two: cannot be taken back.\n");
 }
 
 }  // namespace

@@ -590,4 +590,41 @@ TEST_F(SavedConfig, LeftoverOfADeadProcessIsNeverTakenForTheConfiguration) {
     EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
 }
 
+TEST_F(SavedConfig, RequestOnTheLoopsThreadWaitsForWhatIsMoreUrgent) {
+    rig.announce_ready();
+    rig.platform.run_for(1s);
+    qv::cli::attach(
+        CLI_CHAIN_CONFIG,
+        qv::cli::keyword("counted", "",
+                         qv::cli::print_config(count_generation, qv::cli::end_of_line(record))),
+        "test");
+    g_generations = 0;
+    rig.platform.loop().post([&] {
+        cli_client_c2p_reform();
+        rig.platform.loop().post([&] { rig.platform.manual_clock.advance(50ms); });
+    });
+    rig.platform.run_ready();
+    rig.platform.run_for(99ms);
+    EXPECT_EQ(g_generations, 0);
+    rig.platform.run_for(1ms);
+    EXPECT_EQ(g_generations, 1);
+}
+
+TEST_F(SavedConfig, LineOfTheFirstModeGeneratesNothing) {
+    rig.announce_ready();
+    rig.platform.run_for(1s);
+    qv::cli::attach(
+        CLI_CHAIN_CONFIG,
+        qv::cli::keyword("counted", "",
+                         qv::cli::print_config(count_generation, qv::cli::end_of_line(record))),
+        "test");
+    g_generations = 0;
+    EXPECT_EQ(rig.type("show version"), "lda 0.1.0\n");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(g_generations, 0);
+    type_in_config("global one");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(g_generations, 1);
+}
+
 }  // namespace
