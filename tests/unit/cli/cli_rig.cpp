@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <stdexcept>
 
@@ -82,6 +83,11 @@ FullDisk::FullDisk(size_t bytes) : before_(set_size_limit(bytes)) {
 
 FullDisk::~FullDisk() {
     set_size_limit(before_);
+}
+
+size_t open_descriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
 }
 
 std::string read_text(const std::string& path) {

@@ -61,6 +61,9 @@ class FullDisk {
     size_t before_;
 };
 
+// How many descriptors this process has open.
+size_t open_descriptors();
+
 std::string read_text(const std::string& path);
 void write_text(const std::string& path, const std::string& text);
 

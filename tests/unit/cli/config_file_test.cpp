@@ -2,12 +2,16 @@
 #include "platform/cli/config_file.h"
 
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <csignal>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "tests/unit/cli/cli_rig.h"
 
@@ -19,12 +23,16 @@ using qv::cli::unseal_config;
 using qv::test::read_text;
 using qv::test::write_text;
 
-// The calls that the linker hands over: which descriptor was synced, and whether the next sync of a
-// folder fails.
+// The calls that the linker hands over: what they were about, and whether they fail.
 int g_file_syncs = 0;
 int g_folder_syncs = 0;
 int g_folder_error = 0;
 int g_file_error = 0;
+int g_read_error = 0;  // of the next call, as the next two
+int g_write_error = 0;
+int g_chown_error = 0;
+mode_t g_mode_at_chown = 0;
+std::function<void()> g_before_read;  // called once
 
 TEST(ConfigFile, SectionsKeepNumbersAndLoseIndentation) {
     const auto sections =
@@ -284,10 +292,76 @@ TEST(ConfigFile, ReadingAPipeWaitsForNobody) {
     ::alarm(0);
 }
 
+// A signal comes with each write that is refused. A writer that does not give up gets its room.
+int g_refused_writes = 0;
+
+TEST(ConfigFile, RefusedWriteIsNotTriedAgain) {
+    const qv::test::TestFolder folder;
+    const qv::test::FullDisk full(10);
+    struct sigaction action {};
+    action.sa_handler = [](int) {
+        if (++g_refused_writes == 100) {
+            rlimit limit{};
+            getrlimit(RLIMIT_FSIZE, &limit);
+            limit.rlim_cur = limit.rlim_max;
+            setrlimit(RLIMIT_FSIZE, &limit);
+        }
+    };
+    ASSERT_EQ(::sigaction(SIGXFSZ, &action, nullptr), 0);
+    EXPECT_EQ(replace_file(folder.file("f"), "longer than ten bytes\n"), "File too large");
+    EXPECT_EQ(g_refused_writes, 1);
+}
+
+TEST(ConfigFile, InterruptedCallsAreMadeAgain) {
+    const qv::test::TestFolder folder;
+    g_write_error = EINTR;
+    EXPECT_EQ(replace_file(folder.file("f"), "text\n"), "");
+    EXPECT_EQ(g_write_error, 0);
+    g_read_error = EINTR;
+    EXPECT_EQ(qv::cli::read_config_file(folder.file("f")), "text\n");
+    EXPECT_EQ(g_read_error, 0);
+}
+
+TEST(ConfigFile, FileThatCannotBeReadIsNone) {
+    const qv::test::TestFolder folder;
+    write_text(folder.file("f"), "text\n");
+    g_read_error = EIO;
+    EXPECT_FALSE(qv::cli::read_config_file(folder.file("f")));
+    EXPECT_EQ(errno, EIO);
+}
+
+TEST(ConfigFile, FileThatGetsShorterIsReadAsFarAsItGoes) {
+    const qv::test::TestFolder folder;
+    write_text(folder.file("f"), "text\n");
+    g_before_read = [&] {
+        std::filesystem::resize_file(folder.file("f"), 2);
+    };
+    EXPECT_EQ(qv::cli::read_config_file(folder.file("f")), "te");
+}
+
+// Without the privilege to give the file to its owner.
+TEST(ConfigFile, FileOfSomebodyElseIsOpenedToNoGroup) {
+    const qv::test::TestFolder folder;
+    write_text(folder.file("f"), "old\n");
+    ASSERT_EQ(::chmod(folder.file("f").c_str(), 0660), 0);
+    const mode_t before = ::umask(0);
+    g_chown_error = EPERM;
+    EXPECT_EQ(replace_file(folder.file("f"), "new\n"), "");
+    ::umask(before);
+    EXPECT_EQ(g_mode_at_chown, 0600U) << "nobody may open it before its owner is known";
+    EXPECT_EQ(mode_of(folder.file("f")), 0600U);
+}
+
 }  // namespace
 
-extern "C" int __real_fsync(int fd);
-extern "C" int __wrap_fsync(int fd) {
+// NOLINTBEGIN(readability-identifier-naming): the linker's names
+extern "C" {
+int __real_fsync(int fd);
+ssize_t __real_read(int fd, void* bytes, size_t size);
+ssize_t __real_write(int fd, const void* bytes, size_t size);
+int __real_fchown(int fd, uid_t owner, gid_t group);
+
+int __wrap_fsync(int fd) {
     struct stat status {};
     ::fstat(fd, &status);
     const bool folder = S_ISDIR(status.st_mode);
@@ -295,3 +369,35 @@ extern "C" int __wrap_fsync(int fd) {
     errno = folder ? g_folder_error : g_file_error;
     return errno != 0 ? -1 : __real_fsync(fd);
 }
+
+ssize_t __wrap_read(int fd, void* bytes, size_t size) {
+    if (const auto before = std::exchange(g_before_read, nullptr)) {
+        before();
+    }
+    if (g_read_error != 0) {
+        errno = std::exchange(g_read_error, 0);
+        return -1;
+    }
+    return __real_read(fd, bytes, size);
+}
+
+ssize_t __wrap_write(int fd, const void* bytes, size_t size) {
+    if (g_write_error != 0) {
+        errno = std::exchange(g_write_error, 0);
+        return -1;
+    }
+    return __real_write(fd, bytes, size);
+}
+
+int __wrap_fchown(int fd, uid_t owner, gid_t group) {
+    if (g_chown_error != 0) {
+        struct stat status {};
+        ::fstat(fd, &status);
+        g_mode_at_chown = status.st_mode & 07777;
+        errno = std::exchange(g_chown_error, 0);
+        return -1;
+    }
+    return __real_fchown(fd, owner, group);
+}
+}
+// NOLINTEND(readability-identifier-naming)

@@ -337,6 +337,75 @@ TEST_F(Delivery, DescriptorOfSomethingElseFails) {
     close(file);
 }
 
+int g_outputs = 0;
+
+TEST_F(Delivery, SilentLineHandsNothingOut) {
+    const int session = cli_sub_create_session();
+    const auto count = [](const char*, size_t, void*) {
+        ++g_outputs;
+    };
+    const cli_mode mode = interface_mode(102);
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "shutdown", &mode, count, nullptr), 0);
+    EXPECT_EQ(g_outputs, 0);
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "show version", nullptr, count, nullptr), 0);
+    EXPECT_EQ(g_outputs, 1);
+    close(session);
+}
+
+TEST_F(Delivery, ModeWithoutANameIsTheFirstOne) {
+    const int session = cli_sub_create_session();
+    const cli_mode mode{};
+    std::string output;
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "show version", &mode, keep_output, &output), 0);
+    EXPECT_EQ(output, "lda 0.1.0\n");
+    close(session);
+}
+
+TEST_F(Delivery, NoLineFails) {
+    const int session = cli_sub_create_session();
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, nullptr, nullptr, nullptr, nullptr), -1);
+    close(session);
+}
+
+TEST_F(Delivery, LoopLooksOutForTheLineThatIsAnnounced) {
+    qv::EventLoop& loop = rig.platform.loop();
+    EXPECT_FALSE(loop.expects_post());
+    cli_client_c2p_reform();
+    EXPECT_TRUE(loop.expects_post());
+    rig.platform.run_ready();
+    EXPECT_FALSE(loop.expects_post());
+    const int session = cli_sub_create_session();
+    EXPECT_TRUE(loop.expects_post());
+    close(session);
+}
+
+TEST_F(Delivery, ScriptedRefusalSparesLinesOfTheFirstMode) {
+    qv::cli::refuse_next_line("", "not now", 3);
+    EXPECT_EQ(rig.type("show version"), "lda 0.1.0\n");
+    rig.session.mode = "config";
+    EXPECT_EQ(rig.type("tarn enable"), "not now\n");
+    EXPECT_EQ(rig.code, 3);
+}
+
+TEST_F(Delivery, CommandLineStartsOnce) {
+    rig.platform.settings.cli_socket = rig.folder.file("another");
+    EXPECT_EQ(cli_client_init("again", rig.master), -1);
+    EXPECT_FALSE(std::filesystem::exists(rig.folder.file("another")));
+}
+
+TEST(DeliveryWithoutClient, SocketThatCannotBeMadeFailsTheStart) {
+    const qv::test::TestFolder folder;
+    qv::test::write_text(folder.file("file"), "no folder");
+    qv::test::TestPlatform platform;
+    platform.settings.cli_socket = folder.file("file/cli.sock");
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(cli_client_init("test", qv_thread_master_create()), -1);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "test: command line: cannot listen at " +
+                                                          platform.settings.cli_socket +
+                                                          ": Not a directory\n");
+    EXPECT_LT(cli_sub_create_session(), 0);
+}
+
 TEST(DeliveryWithoutClient, HasNoSession) {
     EXPECT_LT(cli_sub_create_session(), 0);
     EXPECT_EQ(cli_client_c2p_reform(), 0);

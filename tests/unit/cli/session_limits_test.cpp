@@ -13,6 +13,7 @@
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
+#include "platform/cli/socket_server.h"
 #include "tests/unit/cli/cli_rig.h"
 #include "tests/unit/cli/wire_client.h"
 
@@ -168,6 +169,39 @@ TEST(SessionLimits, SessionThatWaitsForAnAnswerIsNotIdle) {
     EXPECT_EQ(client->receive(), kIdleReply);
 }
 
+TEST(SessionLimits, SessionThatWaitsForASlowClientIsNotIdle) {
+    using namespace qv::cli;
+    Server server(settings(64, 100));
+    attach(kChainView, keyword("much", "", end_of_line([](cli_pcdb*) {
+                                   cli_printf("%0100000d\n", 0);
+                                   return 0;
+                               })),
+           "test");
+    const auto client = server.connect();
+    for (int i = 0; i < 8; ++i) {
+        client->send("{\"exec\": \"much\"}\n");
+    }
+    server.rig.platform.run_ready();
+    std::string all;
+    char some[40960];
+    while (all.size() < 500000) {
+        server.rig.platform.run_for(59s);
+        const size_t size = client->receive_some(some, sizeof some);
+        ASSERT_GT(size, 0U) << "after " << all.size() << " bytes";
+        all.append(some, size);
+        server.rig.platform.run_ready();
+    }
+    EXPECT_EQ(server.ask(*client).find("idle"), std::string::npos);
+}
+
+TEST(SessionLimits, RequestsBehindTheOneThatEndsASessionAreNotExecuted) {
+    Server server;
+    const auto client = server.connect();
+    EXPECT_EQ(server.ask(*client, std::string("{\"exec\": \"exit\"}\n") + kVersion),
+              "{\"end\":true,\"output\":\"\",\"prompt\":\"lda# \",\"result\":0}\n");
+    EXPECT_TRUE(client->closed_by_server());
+}
+
 TEST(SessionLimits, ClientThatLeavesEndsItsIdleTimer) {
     Server server(settings(64, 100));
     server.connect();
@@ -183,6 +217,16 @@ TEST(SessionLimits, ClientThatCannotBeWatchedIsServedOnceAndClosed) {
     EXPECT_TRUE(client->closed_by_server());
     g_no_watch = false;
     EXPECT_EQ(server.ask(*server.connect()), kVersionReply);
+}
+
+TEST(SessionLimits, SessionThatIsWatchedGoesOnWhenNothingMoreCanBe) {
+    Server server;
+    const auto client = server.connect();
+    EXPECT_EQ(server.ask(*client), kVersionReply);
+    g_no_watch = true;
+    EXPECT_EQ(server.ask(*client), kVersionReply);
+    EXPECT_EQ(server.ask(*client), kVersionReply);
+    g_no_watch = false;
 }
 
 class SocketFile : public ::testing::Test {
@@ -213,6 +257,21 @@ TEST_F(SocketFile, IsPutBackWithItsFolder) {
     std::filesystem::remove(path());
     server.rig.platform.run_for(5s);
     EXPECT_EQ(server.ask(*server.connect()), kVersionReply);
+}
+
+TEST_F(SocketFile, ThatIsPutBackAgainAndAgainTakesOneDescriptor) {
+    server.rig.platform.run_ready();
+    const size_t before = qv::test::open_descriptors();
+    for (int times = 0; times < 3; ++times) {
+        std::filesystem::remove(path());
+        server.rig.platform.run_for(5s);
+    }
+    EXPECT_EQ(qv::test::open_descriptors(), before);
+    {
+        const qv::cli::SocketServer another(server.rig.platform.loop(),
+                                            server.rig.folder.file("another"), {});
+    }
+    EXPECT_EQ(qv::test::open_descriptors(), before);
 }
 
 TEST_F(SocketFile, ThatCannotBePutBackIsReportedOnceAndTriedAgain) {
@@ -250,6 +309,13 @@ TEST_F(SocketFile, OfSomebodyElseIsLeftAlone) {
     qv::test::write_text(path(), "precious");
     server.rig.platform.run_for(60s);
     EXPECT_EQ(qv::test::read_text(path()), "precious");
+    EXPECT_EQ(log(), "");
+}
+
+TEST_F(SocketFile, InAFolderThatCannotBeEnteredIsNotMissed) {
+    std::filesystem::remove_all(server.rig.folder.file("run"));
+    std::filesystem::create_symlink("run", server.rig.folder.file("run"));
+    server.rig.platform.run_for(60s);
     EXPECT_EQ(log(), "");
 }
 
