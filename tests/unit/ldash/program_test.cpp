@@ -1,0 +1,313 @@
+// The program ldash with lines on its command line or its standard input, and on a terminal.
+#include <stdlib.h>
+
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/ldash/scripted_switch.h"
+
+namespace ldash::test {
+namespace {
+
+using Lines = std::vector<std::string>;
+
+constexpr const char* kUsage =
+    "usage: ldash [-s SOCKET] [-c LINE]...\n"
+    "\n"
+    "  -s SOCKET  command-line socket of the switch; else LDA_CLI_SOCKET,\n"
+    "             else /run/lda/cli.sock\n"
+    "  -c LINE    executes the line and ends; several are executed in one session\n"
+    "\n"
+    "Without -c: a shell on a terminal, with history, TAB and ?; otherwise the\n"
+    "lines of standard input. Both end at the first line that is refused.\n"
+    "Exit status: 0 done, 1 refused, 2 not reachable or wrong usage.\n";
+
+struct ProgramTest : testing::Test {
+    ProgramTest() { unsetenv("LDA_CLI_SOCKET"); }
+    ~ProgramTest() override { unsetenv("LDA_CLI_SOCKET"); }
+    ScriptedSwitch peer;
+};
+
+TEST_F(ProgramTest, LinesOfTheCommandLineAreExecutedInOneSession) {
+    Program program({"-s", peer.path(), "-c", "enable", "-c", "show clock"});
+    peer.accept();
+    EXPECT_EQ(peer.request(), R"({"exec":"enable"})");
+    peer.say(R"({"output":"","result":0})");
+    EXPECT_EQ(peer.request(), R"({"exec":"show clock"})");
+    peer.say(R"({"output":"12:00\n","result":0})");
+    const Ended ended = program.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.out, "12:00\n");
+    EXPECT_EQ(ended.err, "");
+    EXPECT_EQ(peer.requests(), Lines{});
+}
+
+TEST_F(ProgramTest, RefusedLineEndsTheProgramWithItsOutput) {
+    for (const char* const result : {"-1", "1"}) {
+        ScriptedSwitch refusing;
+        Program program({"-s", refusing.path(), "-c", "shwo", "-c", "show clock"});
+        refusing.accept();
+        refusing.say(std::string(R"({"output":"% Unknown command\n","result":)") + result + "}");
+        const Ended ended = program.wait();
+        EXPECT_EQ(ended.status, 1);
+        EXPECT_EQ(ended.out, "% Unknown command\n");
+        EXPECT_EQ(ended.err, "");
+        EXPECT_EQ(refusing.requests(), Lines{R"({"exec":"shwo"})"});
+    }
+}
+
+TEST_F(ProgramTest, LineThatEndsTheSessionIsTheLastAndDone) {
+    Program program({"-s", peer.path(), "-c", "exit", "-c", "show clock"});
+    peer.accept();
+    peer.say(R"({"output":"","result":0,"end":true})");
+    EXPECT_EQ(program.wait().status, 0);
+    EXPECT_EQ(peer.requests(), Lines{R"({"exec":"exit"})"});
+}
+
+TEST_F(ProgramTest, ScriptIsReadFromStandardInputUpToTheRefusedLine) {
+    Program program({"-s", peer.path()}, "enable\n\nshwo\nshow clock\n");
+    peer.accept();
+    EXPECT_EQ(peer.request(), R"({"exec":"enable"})");
+    peer.say(R"({"output":"","result":0})");
+    EXPECT_EQ(peer.request(), R"({"exec":""})");
+    peer.say(R"({"output":"","result":0})");
+    EXPECT_EQ(peer.request(), R"({"exec":"shwo"})");
+    peer.say(R"({"output":"% Unknown command\n","result":-1})");
+    const Ended ended = program.wait();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.out, "% Unknown command\n");
+    EXPECT_EQ(ended.err, "ldash: line 3 was refused\n");
+    EXPECT_EQ(peer.requests(), Lines{});
+}
+
+TEST_F(ProgramTest, ScriptThatIsDoneSaysNothingOfItsOwn) {
+    Program program({"-s", peer.path()}, "show clock\n");
+    peer.accept();
+    peer.say(R"({"output":"12:00\n","result":0})");
+    const Ended ended = program.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.out, "12:00\n");
+    EXPECT_EQ(ended.err, "");
+}
+
+TEST_F(ProgramTest, LinesOfTheCommandLineLeaveStandardInputAlone) {
+    Program program({"-s", peer.path(), "-c", "show clock"}, "shutdown\n");
+    peer.accept();
+    peer.say(R"({"output":"12:00\n","result":0})");
+    EXPECT_EQ(program.wait().status, 0);
+    EXPECT_EQ(peer.requests(), Lines{R"({"exec":"show clock"})"});
+}
+
+TEST_F(ProgramTest, SocketIsTakenFromTheEnvironmentUnlessItIsGiven) {
+    setenv("LDA_CLI_SOCKET", peer.path().c_str(), 1);
+    Program program({"-c", "show clock"});
+    peer.accept();
+    peer.say(R"({"result":0})");
+    EXPECT_EQ(program.wait().status, 0);
+
+    ScriptedSwitch given;
+    Program other({"-s", given.path(), "-c", "show clock"});
+    given.accept();
+    given.say(R"({"result":0})");
+    EXPECT_EQ(other.wait().status, 0);
+}
+
+TEST_F(ProgramTest, SwitchThatIsNotReachedOrLostEndsItWithStatusTwo) {
+    Program nobody({"-s", "/nowhere/cli.sock", "-c", "show clock"});
+    const Ended unreached = nobody.wait();
+    EXPECT_EQ(unreached.status, 2);
+    EXPECT_EQ(unreached.out, "");
+    EXPECT_EQ(unreached.err,
+              "ldash: cannot reach the switch at /nowhere/cli.sock: No such file or directory\n");
+
+    Program program({"-s", peer.path(), "-c", "show clock"});
+    peer.accept();
+    peer.hang_up();
+    const Ended lost = program.wait();
+    EXPECT_EQ(lost.status, 2);
+    EXPECT_EQ(lost.err, "ldash: the connection to the switch is lost\n");
+}
+
+TEST_F(ProgramTest, HelpIsAnAnswerAndWrongUsageAFault) {
+    const Ended help = Program({"--help"}).wait();
+    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(help.out, kUsage);
+    EXPECT_EQ(help.err, "");
+
+    const Ended unknown = Program({"-x"}).wait();
+    EXPECT_EQ(unknown.status, 2);
+    EXPECT_EQ(unknown.out, "");
+    EXPECT_EQ(unknown.err, "ldash: invalid option -- 'x'\n" + std::string(kUsage));
+
+    const Ended stray = Program({"show", "clock"}).wait();
+    EXPECT_EQ(stray.status, 2);
+    EXPECT_EQ(stray.out, "");
+    EXPECT_EQ(stray.err, kUsage);
+}
+
+// A shell on a terminal that has shown its first prompt.
+struct ShellTest : testing::Test {
+    ShellTest() {
+        peer.accept();
+        peer.say(R"({"output":"","prompt":"sw# ","result":0})");
+        EXPECT_EQ(peer.request(), R"({"exec":""})");
+        terminal.until("sw# ");
+    }
+
+    // Types a line and its answer, up to the next prompt.
+    std::string line(const std::string& keys, const std::string& reply,
+                     const std::string& prompt = "sw# ") {
+        terminal.type(keys + "\n");
+        requested.push_back(peer.request());
+        peer.say(reply);
+        return terminal.until(prompt);
+    }
+    // Leaves the shell; what was executed, in order.
+    Lines leave() {
+        terminal.type("exit\n");
+        requested.push_back(peer.request());
+        peer.say(R"({"output":"","prompt":"sw# ","result":0,"end":true})");
+        EXPECT_EQ(terminal.wait(), 0);
+        return requested;
+    }
+
+    ScriptedSwitch peer;
+    Terminal terminal{peer.path()};
+    Lines requested;
+};
+
+constexpr const char* kDone = R"({"output":"","prompt":"sw# ","result":0})";
+
+TEST_F(ShellTest, LinesAreExecutedAndTheirOutputAndPromptShown) {
+    EXPECT_NE(line("show clock", R"({"output":"12:00\n","prompt":"sw# ","result":0})")
+                  .find("\n12:00\r\n"),
+              std::string::npos);
+    line("configure terminal", R"({"output":"","prompt":"sw(config)# ","result":0})",
+         "sw(config)# ");
+    const std::string refused = line(
+        "shwo", R"({"output":"% Unknown\n","prompt":"sw(config)# ","result":-1})", "sw(config)# ");
+    EXPECT_NE(refused.find("\n% Unknown\r\n"), std::string::npos);
+    EXPECT_EQ(leave(), (Lines{R"({"exec":"show clock"})", R"({"exec":"configure terminal"})",
+                              R"({"exec":"shwo"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, QuestionMarkShowsTheHelpForWhatStandsBeforeTheCursor) {
+    terminal.type("show\x02\x02?");
+    EXPECT_EQ(peer.request(), R"({"help":"sh"})");
+    peer.say(R"({"output":"  show  Show something\n","result":0})");
+    EXPECT_NE(terminal.until("sw# show").find("?\r\n  show  Show something\r\n"),
+              std::string::npos);
+    terminal.type("?");
+    EXPECT_EQ(peer.request(), R"({"help":"sh"})");
+    peer.say(R"({"output":"","result":0})");
+    EXPECT_NE(terminal.until("sw# show").find("?\r\n  (nothing fits)\r\n"), std::string::npos);
+    terminal.type("\x15");
+    EXPECT_EQ(leave(), Lines{R"({"exec":"exit"})"});
+}
+
+TEST_F(ShellTest, TabCompletesTheWordThatIsAlone) {
+    terminal.type("show run\t");
+    EXPECT_EQ(peer.request(), R"({"complete":"show run"})");
+    peer.say(R"({"output":"running-config\n","result":0})");
+    terminal.until("ning-config ");
+    line("| begin", kDone);
+    EXPECT_EQ(leave(), (Lines{R"({"exec":"show running-config | begin"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, TabAddsWhatSeveralWordsHaveInCommonThenListsThem) {
+    terminal.type("in\t");
+    EXPECT_EQ(peer.request(), R"({"complete":"in"})");
+    peer.say(R"({"output":"interface\ninternal","result":0})");
+    terminal.until("inter");
+    terminal.type("\t");
+    EXPECT_EQ(peer.request(), R"({"complete":"inter"})");
+    peer.say(R"({"output":"interface\ninternal\n","result":0})");
+    EXPECT_NE(terminal.until("sw# inter").find("\r\n  interface\r\n  internal\r\n"),
+              std::string::npos);
+    terminal.type("z\t");
+    EXPECT_EQ(peer.request(), R"({"complete":"interz"})");
+    peer.say(R"({"output":"","result":0})");
+    terminal.type("\x7f");
+    line("face", kDone);
+    EXPECT_EQ(leave(), (Lines{R"({"exec":"interface"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, HistoryKeepsEachLineOnce) {
+    line("show clock", kDone);
+    line("show version", kDone);
+    line("", kDone);
+    line("show version", kDone);
+    line("\x10", kDone);
+    line("\x10\x10", kDone);
+    EXPECT_EQ(leave(),
+              (Lines{R"({"exec":"show clock"})", R"({"exec":"show version"})", R"({"exec":""})",
+                     R"({"exec":"show version"})", R"({"exec":"show version"})",
+                     R"({"exec":"show clock"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, InterruptForgetsTheLine) {
+    terminal.type("shutdown");
+    terminal.until("shutdown");
+    terminal.type("\x03");
+    terminal.until("sw# ");
+    line("show clock", kDone);
+    EXPECT_EQ(leave(), (Lines{R"({"exec":"show clock"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, MessageIsShownAndTheLineUnderIt) {
+    terminal.type("show cl");
+    terminal.until("show cl");
+    peer.say(R"({"monitor":"%LDA-4-LOOP_DETECT: loop"})");
+    terminal.until("\r%LDA-4-LOOP_DETECT: loop\r\n");
+    terminal.until("sw# show cl");
+    line("ock", kDone);
+    EXPECT_EQ(leave(), (Lines{R"({"exec":"show clock"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, EndOfInputLeavesTheShell) {
+    terminal.type("\x04");
+    std::string rest;
+    EXPECT_EQ(terminal.wait(&rest), 0);
+    EXPECT_TRUE(rest.ends_with("\r\n")) << rest;
+    EXPECT_EQ(peer.requests(), Lines{});
+}
+
+TEST_F(ShellTest, LossOfTheSwitchEndsTheWaitForAKey) {
+    peer.hang_up();
+    std::string rest;
+    EXPECT_EQ(terminal.wait(&rest), 2);
+    EXPECT_TRUE(rest.ends_with("\r\nldash: the connection to the switch is lost\r\n")) << rest;
+}
+
+TEST_F(ShellTest, SwitchThatEndsTheSessionSaysWhy) {
+    peer.say(R"({"output":"% Idle for too long.\n","result":-1,"end":true})");
+    std::string rest;
+    EXPECT_EQ(terminal.wait(&rest), 2);
+    EXPECT_TRUE(rest.ends_with("\r\nldash: Idle for too long.\r\n")) << rest;
+}
+
+TEST_F(ShellTest, LossOfTheSwitchDuringHelpEndsTheShell) {
+    terminal.type("sh?");
+    EXPECT_EQ(peer.request(), R"({"help":"sh"})");
+    peer.say(R"({"output":"% Idle for too long.\n","result":-1,"end":true})");
+    std::string rest;
+    EXPECT_EQ(terminal.wait(&rest), 2);
+    EXPECT_TRUE(rest.ends_with("\r\nldash: Idle for too long.\r\n")) << rest;
+}
+
+TEST(ShellUnderNohup, TerminalThatIsGoneEndsTheShell) {
+    ScriptedSwitch peer;
+    Terminal terminal(peer.path(), true);
+    peer.accept();
+    peer.say(R"({"output":"","prompt":"sw# ","result":0})");
+    EXPECT_EQ(peer.request(), R"({"exec":""})");
+    terminal.until("sw# ");
+    terminal.close();
+    EXPECT_EQ(peer.request(), "no request");
+    EXPECT_EQ(terminal.wait(), 0);
+}
+
+}  // namespace
+}  // namespace ldash::test
