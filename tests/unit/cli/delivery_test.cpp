@@ -310,11 +310,16 @@ TEST_F(Delivery, UnknownModeFailsTheLine) {
     std::string output;
     cli_mode mode{};
     std::string("kitchen").copy(mode.name, sizeof mode.name - 1);
-    on_second_thread([&] {
+    const auto run = [&] {
         const int session = cli_sub_create_session();
         result = cli_execute_cmd_buf_fd(session, "shutdown", &mode, keep_output, &output);
         close(session);
-    });
+    };
+    on_second_thread(run);
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(output, "% Unknown mode.\n");
+    output.clear();
+    run();
     EXPECT_EQ(result, -1);
     EXPECT_EQ(output, "% Unknown mode.\n");
 }

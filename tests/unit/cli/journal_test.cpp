@@ -286,6 +286,15 @@ TEST_F(JournalTest, FileThatSomebodyRemovesIsMadeAgainWithAllThatIsNotSaved) {
     EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
 }
 
+TEST_F(JournalTest, FileThatIsMadeAgainHasTheNewestRecordOfASectionAlone) {
+    journal.open(0);
+    journal.append(section("swp1", {"shutdown"}));
+    journal.append(section("swp1", {"no shutdown"}));
+    std::filesystem::remove(path);
+    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(told(path), (Told{"2 swp1: no shutdown,", "3 swp2: shutdown,"}));
+}
+
 TEST_F(JournalTest, FileIsItsOwnersAlone) {
     journal.open(0);
     struct stat status {};

@@ -183,4 +183,17 @@ TEST_F(LineEdges, HelpOffersNoWhereItIsTheBeginningOfTheLine) {
     EXPECT_FALSE(offers_no("tarn "));
 }
 
+TEST_F(LineEdges, LineOfAFileKeepsItsPrefix) {
+    attach(CLI_CHAIN_CONFIG,
+           keyword("alpha", "",
+                   with_no(end_of_line(record),
+                           with_default(end_of_line(record), end_of_line(record)))),
+           "test");
+    qv::cli::SessionState session;
+    session.mode = "config";
+    EXPECT_EQ(qv::cli::parse_config_command(session, " alp").text, "alpha");
+    EXPECT_EQ(qv::cli::parse_config_command(session, "no  alp").text, "no alpha");
+    EXPECT_EQ(qv::cli::parse_config_command(session, "default alp").text, "default alpha");
+}
+
 }  // namespace

@@ -266,6 +266,7 @@ TEST_F(LineEffects, CompletionHasNoSlotsAndHelpShowsThemForAWordNotBegun) {
     EXPECT_EQ(help_text(rig.session, "tarn error-recover interval 90 "), "  <cr>\n");
     EXPECT_EQ(help_text(rig.session, "no tarn error-recover interval "), "  <cr>\n");
     EXPECT_EQ(help_text(rig.session, "no tarn enable "), "  <cr>\n");
+    EXPECT_EQ(help_text(rig.session, "tarn enable x"), "");
     rig.session.mode = "exec";
     EXPECT_EQ(help_text(rig.session, "configure replace "),
               "  FILE                    Path of the file\n");
@@ -320,6 +321,15 @@ TEST_F(LineEffects, ErrorOfASlotIsNotThatOfTheNextWord) {
     attach(CLI_CHAIN_CONFIG, keyword("either", "", keyword("word", "", keyword("more", "", end))),
            "test");
     EXPECT_EQ(in("config", "either word less"), "% Unknown command: 'less'.\n");
+}
+
+TEST_F(LineEffects, HelpInTheModeOfAPortThatIsGoneLeavesThatMode) {
+    rig.session.mode = "interface";
+    rig.session.ifx = 101;
+    EXPECT_EQ(qv::cli::completions(rig.session, "shut"), "shutdown\n");
+    rig.hardware.remove(101);
+    EXPECT_EQ(qv::cli::completions(rig.session, "shut"), "");
+    EXPECT_EQ(rig.session.mode, "config");
 }
 
 }  // namespace

@@ -373,7 +373,9 @@ TEST_F(Replace, RefusesMoreCommandsThanTheLoopHasTimeFor) {
         text += "tarn enable\n";
     }
     EXPECT_EQ(replace(text + "end\n", " list").substr(0, 14), "+ tarn enable\n");
-    EXPECT_EQ(replace(text + "tarn enable\nend\n"), refusal("It has more than 131072 commands."));
+    const std::string excess = refusal("It has more than 131072 commands.");
+    EXPECT_EQ(replace(text + "tarn enable\nend\n"), excess);
+    EXPECT_EQ(replace(text + "interface swp1\n shutdown\n!\nend\n"), excess);
 }
 
 TEST_F(Replace, ReadsRegularFilesOnly) {
@@ -493,6 +495,23 @@ TEST_F(Replace, WordsAreTakenOffALineUntilNoneIsLeft) {
         end_of_line([](cli_pcdb*) { return 0; }));
     attach(CLI_CHAIN_CONFIG, keyword("one", "", keyword("two", "", print)), "test");
     EXPECT_EQ(replace("end\n"), "% one two: cannot be taken back.\n");
+}
+
+TEST_F(Replace, LineForAnotherTypeOfPortIsOneOfAnAbsentPortOnly) {
+    using namespace qv::cli;
+    static const cli_test_arg kTest = {
+        .accept = end_of_line([](cli_pcdb*) { return 0; }),
+        .alternative = nullptr,
+        .test = [](cli_pcdb* pcdb) {
+            return pcdb->ifx == 500 || (pcdb->ifx == 0 && pcdb->ifrange_types != 0) ? 1 : 0;
+        }};
+    static const cli_node kTyped = {test_expression_action, &kTest, nullptr, nullptr, nullptr};
+    attach(CLI_CHAIN_INTERFACE, keyword("typed", "", &kTyped), "test");
+    rig.hardware.add("fibre", 500);
+    EXPECT_EQ(replace("interface fibre\n typed\n!\nend\n"), "");
+    EXPECT_EQ(replace("interface swp9\n typed\n!\nend\n"),
+              "line 1: interface swp9 does not exist; its lines wait for it.\n");
+    EXPECT_EQ(replace("interface swp1\n typed\n!\nend\n"), refusal("line 2: Incomplete command."));
 }
 
 }  // namespace

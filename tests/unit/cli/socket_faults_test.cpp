@@ -162,6 +162,22 @@ TEST_F(SocketFaults, MessageThatFindsNoRoomAtAllStartsTheMinute) {
     EXPECT_TRUE(dropped()) << "messages that have to wait are no progress";
 }
 
+TEST_F(SocketFaults, ClientThatEmptiesItsBufferEveryMinuteIsNotDropped) {
+    using namespace qv::cli;
+    attach(kChainView, keyword("flood", "", end_of_line([](cli_pcdb*) {
+                                   cli_printf("%02000000d\n", 0);
+                                   return 0;
+                               })),
+           "test");
+    client.send("{\"exec\": \"flood\"}\n");
+    for (int minute = 0; minute < 3; ++minute) {
+        rig.platform.run_for(59s);
+        EXPECT_GT(client.receive().size(), 0U);
+        ASSERT_FALSE(client.closed_by_server()) << "minute " << minute;
+        rig.platform.run_ready();
+    }
+}
+
 TEST_F(SocketFaults, SessionThatWaitsForAnAnswerReadsOneTurnAhead) {
     ask("{\"exec\": \"slow\"}\n");
     EXPECT_EQ(reads_of_one_more_byte(), 1);
