@@ -12,7 +12,7 @@ constexpr Time kStart{std::chrono::hours(1000)};
 struct Idle {};
 
 // More than any test has to do at once.
-constexpr int kEndless = 30'000;
+constexpr int kEndless = 100'000;
 
 }  // namespace
 

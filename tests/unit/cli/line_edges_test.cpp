@@ -196,4 +196,45 @@ TEST_F(LineEdges, LineOfAFileKeepsItsPrefix) {
     EXPECT_EQ(qv::cli::parse_config_command(session, "default alp").text, "default alpha");
 }
 
+TEST_F(LineEdges, SameNumberFromTwoTreesIsNoAmbiguity) {
+    const cli_node* end = end_of_line(record);
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", number("Seconds", 1, 9, keyword("x", "", end))),
+           "test");
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", number("Metres", 1, 9, keyword("y", "", end))),
+           "test");
+    EXPECT_EQ(in_config("alpha 5 y"), "");
+    EXPECT_EQ(g_last, "prefix 0 number 5 word ''");
+}
+
+TEST_F(LineEdges, SlotsAndTheEndOfALineHaveAlternatives) {
+    const cli_node* end = end_of_line(record);
+    static cli_node by_number = *number("", 1, 9, end);
+    static cli_node by_word = *any_word("WORD", "", end);
+    static cli_node by_end = *end;
+    by_number.alternative = keyword("word", "", end);
+    by_word.alternative = number("", 1, 9, end);
+    by_end.alternative = keyword("more", "", end);
+    attach(CLI_CHAIN_CONFIG, keyword("alpha", "", &by_number), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("beta", "", &by_word), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("gamma", "", &by_end), "test");
+    EXPECT_EQ(in_config("alpha 5"), "");
+    EXPECT_EQ(in_config("alpha word"), "");
+    EXPECT_EQ(in_config("beta 7"), "");
+    EXPECT_EQ(g_last, "prefix 0 number 7 word ''");
+    EXPECT_EQ(in_config("gamma"), "");
+    EXPECT_EQ(in_config("gamma more"), "");
+}
+
+TEST_F(LineEdges, TestThatIsNegativeHolds) {
+    static const cli_test_arg kTest = {.accept = keyword("alpha", "", end_of_line(record)),
+                                       .alternative = keyword("beta", "", end_of_line(record)),
+                                       .test = [](cli_pcdb*) {
+                                           return -1;
+                                       }};
+    static const cli_node kGuard = {test_expression_action, &kTest, nullptr, nullptr, nullptr};
+    attach(CLI_CHAIN_CONFIG, &kGuard, "test");
+    EXPECT_EQ(in_config("alpha"), "");
+    EXPECT_EQ(in_config("beta"), "% Unknown command: 'beta'.\n");
+}
+
 }  // namespace

@@ -267,6 +267,7 @@ TEST_F(LineEffects, CompletionHasNoSlotsAndHelpShowsThemForAWordNotBegun) {
     EXPECT_EQ(help_text(rig.session, "no tarn error-recover interval "), "  <cr>\n");
     EXPECT_EQ(help_text(rig.session, "no tarn enable "), "  <cr>\n");
     EXPECT_EQ(help_text(rig.session, "tarn enable x"), "");
+    EXPECT_EQ(help_text(rig.session, "interface range swp1 "), "");
     rig.session.mode = "exec";
     EXPECT_EQ(help_text(rig.session, "configure replace "),
               "  FILE                    Path of the file\n");
