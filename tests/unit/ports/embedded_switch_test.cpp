@@ -50,6 +50,7 @@ TEST_F(EmbeddedSwitch, PortsAreReportedThroughTheLoop) {
 
 TEST_F(EmbeddedSwitch, PortAddedBeforeTheReportIsPartOfIt) {
     EXPECT_EQ(ports.add_port("swp5"), "");
+    EXPECT_EQ(model.ports().size(), 0u);
     run();
     EXPECT_EQ(model.ports().size(), 5u);
 }
@@ -94,6 +95,7 @@ TEST_F(EmbeddedSwitch, BadNameIsRefused) {
     EXPECT_EQ(ports.add_port(""), reason);
     EXPECT_EQ(ports.add_port("a b"), reason);
     EXPECT_EQ(ports.add_port("swp\x07"), reason);
+    EXPECT_EQ(ports.add_port("swp\x7f"), reason);
     EXPECT_EQ(ports.add_port(std::string(64, 'p')), reason);
     EXPECT_EQ(ports.add_port(std::string(63, 'p')), "");
 }
@@ -104,6 +106,57 @@ TEST_F(EmbeddedSwitch, NumberBeyondTheIndexesIsJustAName) {
     EXPECT_EQ(model.find("swp99999999999999999999")->ifx, 5u);
     EXPECT_EQ(ports.add_port("swp65535"), "");
     EXPECT_EQ(ports.add_port("beyond"), "no interface index left");
+}
+
+TEST_F(EmbeddedSwitch, NameThatIsNoNumberOfAnIndexGetsTheNextFreeOne) {
+    run();
+    EXPECT_EQ(ports.add_port("swp9x"), "");
+    EXPECT_EQ(model.find("swp9x")->ifx, 5u);
+    EXPECT_EQ(ports.add_port("swp0"), "");
+    EXPECT_EQ(model.find("swp0")->ifx, 6u);
+    EXPECT_EQ(ports.add_port("swp65536"), "");
+    EXPECT_EQ(model.find("swp65536")->ifx, 7u);
+}
+
+// Hears what becomes of the aggregates of the ports.
+class Memberships final : public qv::PortObserver {
+ public:
+    void on_added(const Port&) override {}
+    void on_removed(const Port& port) override { note("gone: ", port); }
+    void on_changed(const Port&, const Port& after) override { note("", after); }
+    void on_default(const Port&) override {}
+    void on_left_bridge(const Port&) override {}
+    void on_complete() override {}
+
+    Texts heard;
+
+ private:
+    void note(const std::string& what, const Port& port) {
+        heard.push_back(what + port.name + " of " + std::to_string(port.aggregate));
+    }
+};
+
+TEST_F(EmbeddedSwitch, DeletedMemberLeavesItsAggregateFirst) {
+    run();
+    ports.add_aggregate("po1");
+    ports.join_aggregate(5, 2);
+    Memberships memberships;
+    model.add_observer(memberships);
+    ports.delete_port(2);
+    EXPECT_EQ(memberships.heard, (Texts{"swp2 of 0", "gone: swp2 of 0"}));
+}
+
+TEST_F(EmbeddedSwitch, MembersOfOtherAggregatesStay) {
+    run();
+    ports.add_aggregate("po1");
+    ports.add_aggregate("po2");
+    ports.join_aggregate(5, 1);
+    ports.join_aggregate(6, 2);
+    EXPECT_EQ(ports.leave_aggregate(5, 2), "swp2 is no member of that aggregate port");
+    EXPECT_EQ(model.find(2)->aggregate, 6u);
+    ports.delete_port(5);
+    EXPECT_EQ(model.find(1)->aggregate, 0u);
+    EXPECT_EQ(model.find(2)->aggregate, 6u);
 }
 
 TEST_F(EmbeddedSwitch, DeletedPortComesBackUnderItsIndex) {
@@ -430,6 +483,28 @@ TEST_F(LoopProbe, EndThatCannotBeMadeKnownIsReportedLater) {
     pass(seconds(7));
     EXPECT_EQ(take_reports(), Texts{"10 s: 1 is free of 1"});
     EXPECT_EQ(loop.next_timer(), std::nullopt);
+}
+
+TEST_F(LoopProbe, ChangeOfAPortDoesNotPutItsProbeOff) {
+    ports.plug(1, 3);
+    pass(seconds(4));
+    take_reports();
+    model.set_mode(1, SWPORT_MODE_TRUNK);
+    pass(seconds(1));
+    EXPECT_EQ(take_reports(), (Texts{"5 s: 1 loops with 3", "5 s: 3 loops with 1"}));
+}
+
+TEST_F(LoopProbe, CablePluggedInAfterALateReportIsProbedAtOnce) {
+    ports.plug(1, 1);
+    run();
+    away = true;
+    ports.unplug(1, 1);
+    pass(seconds(2));
+    away = false;
+    pass(seconds(5));
+    take_reports();
+    ports.plug(1, 1);
+    EXPECT_EQ(take_reports(), Texts{"7 s: 1 loops with 1"});
 }
 
 TEST_F(LoopProbe, CableMovedToAnotherPortIsANewLoop) {

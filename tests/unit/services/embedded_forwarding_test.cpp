@@ -2,6 +2,7 @@
 #include "platform/driver/embedded/embedded_forwarding.h"
 
 #include <cerrno>
+#include <functional>
 #include <set>
 
 #include <gtest/gtest.h>
@@ -25,10 +26,14 @@ class RecordingSink final : public ForwardingSink {
     void counted(ForwardingId id, uint64_t packets, uint64_t bytes) override {
         lines.push_back("counted " + std::to_string(id) + " " + std::to_string(packets) + " " +
                         std::to_string(bytes));
+        if (on_count) {
+            on_count();
+        }
     }
     Lines take() { return std::exchange(lines, {}); }
 
     Lines lines;
+    std::function<void()> on_count;  // runs inside each report of a counter
 };
 
 constexpr ForwardingRule kPortRule = {.unknown_destination = true,
@@ -67,6 +72,7 @@ TEST_F(EmbeddedPlane, AnswersATickLater) {
 
 TEST_F(EmbeddedPlane, RuleOfTheWholeSwitch) {
     plane.install(3, std::nullopt, {.ethertype = 0x8847, .meter = {}});
+    EXPECT_FALSE(plane.has_switch_rule()) << "not installed yet";
     EXPECT_EQ(after(seconds(1)), (Lines{"done 3"}));
     EXPECT_TRUE(plane.has_switch_rule());
     EXPECT_TRUE(plane.port_rules().empty());
@@ -75,8 +81,50 @@ TEST_F(EmbeddedPlane, RuleOfTheWholeSwitch) {
 }
 
 TEST_F(EmbeddedPlane, UnknownPortIsRefused) {
+    plane.fail_next(EmbeddedForwarding::Request::kApply, EIO);
     plane.install(3, 9, kPortRule);
     EXPECT_EQ(after(seconds(1)), (Lines{"failed 3 19"}));
+    plane.install(4, 1, kPortRule);
+    EXPECT_EQ(after(seconds(1)), (Lines{"failed 4 5"})) << "the failure was for a good request";
+}
+
+TEST_F(EmbeddedPlane, RequestsWithinOneTickAreAnsweredAtItsEnd) {
+    plane.reserve(1, ForwardingDriver::Table::kAcl);
+    after(milliseconds(600));
+    plane.reserve(2, ForwardingDriver::Table::kEntry);
+    EXPECT_EQ(after(milliseconds(400)), (Lines{"done 1", "done 2"}));
+}
+
+TEST_F(EmbeddedPlane, CountersAreReportedBeforeTheAnswers) {
+    plane.install(3, 1, kPortRule);
+    after(seconds(1));
+    plane.set_rate(1, 100);
+    plane.reserve(1, ForwardingDriver::Table::kAcl);
+    EXPECT_EQ(after(seconds(1)), (Lines{"counted 3 100 6400", "done 1"}));
+}
+
+TEST_F(EmbeddedPlane, RuleRemovedInsideAReportIsNotReported) {
+    plane.install(3, 1, kPortRule);
+    plane.install(4, 2, kPortRule);
+    after(seconds(1));
+    plane.set_rate(1, 100);
+    plane.set_rate(2, 100);
+    sink.on_count = [this] {
+        plane.remove(4);
+    };
+    EXPECT_EQ(after(seconds(1)), (Lines{"counted 3 100 6400"}));
+}
+
+TEST_F(EmbeddedPlane, LaterRuleTakesThePlaceOfAnEarlierOne) {
+    plane.install(3, 1, kPortRule);
+    after(seconds(1));
+    ForwardingRule faster = kPortRule;
+    faster.meter->rate_pps = 2000;
+    plane.install(4, 1, faster);
+    EXPECT_EQ(after(seconds(1)), (Lines{"done 4"}));
+    EXPECT_EQ(plane.port_rules().at(1).meter->rate_pps, 2000u);
+    plane.lose_rule(1, EIO);
+    EXPECT_EQ(sink.take(), (Lines{"failed 4 5"}));
 }
 
 TEST_F(EmbeddedPlane, CountsOnceASecond) {
@@ -145,6 +193,22 @@ TEST_F(EmbeddedPlane, MeterLetsBurstAndRatePass) {
     EXPECT_EQ(plane.traffic(1).dropped, 17500u);
 }
 
+TEST_F(EmbeddedPlane, MeterStartsWithItsWholeBurst) {
+    plane.set_rate(1, 10000);
+    plane.install(3, 1, kPortRule);
+    after(seconds(2));
+    EXPECT_EQ(plane.traffic(1).counted, 10000u);
+    EXPECT_EQ(plane.traffic(1).passed, 1500u);
+}
+
+TEST_F(EmbeddedPlane, TrafficIsThatOfThisMoment) {
+    plane.install(3, 1, kPortRule);
+    after(seconds(1));
+    plane.set_rate(1, 100);
+    after(milliseconds(500));
+    EXPECT_EQ(plane.traffic(1).counted, 50u);
+}
+
 TEST_F(EmbeddedPlane, MeterDropsNothingUnderItsRate) {
     plane.install(3, 1, kPortRule);
     after(seconds(1));
@@ -184,6 +248,22 @@ TEST_F(EmbeddedPlane, EachKindOfRequestCanFail) {
     EXPECT_EQ(plane.port_rules().size(), 1u);
 }
 
+TEST_F(EmbeddedPlane, FailuresOfOneKindAreTakenInOrder) {
+    plane.fail_next(EmbeddedForwarding::Request::kAcl, ENOSPC);
+    plane.fail_next(EmbeddedForwarding::Request::kAcl, ENOMEM);
+    for (const ForwardingId id : {1u, 2u, 3u}) {
+        plane.reserve(id, ForwardingDriver::Table::kAcl);
+    }
+    EXPECT_EQ(after(seconds(1)), (Lines{"failed 1 28", "failed 2 12", "done 3"}));
+}
+
+TEST_F(EmbeddedPlane, LateAnswersAreGivenWithoutAnyRule) {
+    plane.delay_answers(3);
+    plane.reserve(1, ForwardingDriver::Table::kAcl);
+    EXPECT_EQ(after(seconds(3)), Lines{});
+    EXPECT_EQ(after(seconds(1)), (Lines{"done 1"}));
+}
+
 TEST_F(EmbeddedPlane, AnswersCanComeLate) {
     plane.delay_answers(3);
     plane.fail_next(EmbeddedForwarding::Request::kApply, EIO);
@@ -202,6 +282,13 @@ TEST_F(EmbeddedPlane, RuleCanBeLost) {
     plane.lose_rule(1, EIO);
     EXPECT_EQ(sink.take(), (Lines{"failed 3 5"}));
     EXPECT_TRUE(plane.port_rules().empty());
+}
+
+TEST_F(EmbeddedPlane, RunsDryAfterARuleThatFailed) {
+    plane.fail_next(EmbeddedForwarding::Request::kApply, EIO);
+    plane.install(3, 1, kPortRule);
+    EXPECT_EQ(after(seconds(1)), (Lines{"failed 3 5"}));
+    EXPECT_FALSE(loop.next_timer().has_value());
 }
 
 TEST_F(EmbeddedPlane, RunsDryWithoutRules) {
