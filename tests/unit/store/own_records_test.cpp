@@ -62,6 +62,14 @@ TEST_F(OwnRecords, DeleteIsReportedThroughTheLoopOnce) {
     EXPECT_EQ(erased, Lines{"4 p_app.lda_loop_entry/name=swp3"});
 }
 
+TEST_F(OwnRecords, DeleteIsNotReportedToAListenerThatHasGoneMeanwhile) {
+    set("swp3");
+    del("swp3");
+    own.on_erased(nullptr);
+    EXPECT_NO_THROW(platform.run_ready());
+    EXPECT_EQ(erased, Lines{});
+}
+
 TEST_F(OwnRecords, BulkDeleteReportsEachRecordOfTheTypeAndDatabase) {
     qv_mom_client_connect(client, 3, nullptr, nullptr);
     qv_mom_client_connect(client, 8, nullptr, nullptr);
