@@ -2,7 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <string>
+#include <vector>
 
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
@@ -60,6 +62,96 @@ TEST(MomKey, SeveralFieldsAreWrittenInNumberOrder) {
     PMng__UiOperate record = P_MNG__UI_OPERATE__INIT;
     record.index = &index;
     EXPECT_EQ(qv::record_key(record.base), "p_mng.ui_operate/publisher=netconf%2C1,type=-2,oid=9");
+}
+
+// An index of kinds of fields that no record of this switch has.
+struct OddIndex {
+    ProtobufCMessage base;
+    int64_t below;
+    uint64_t above;
+    protobuf_c_boolean flag;
+    char* text;
+    size_t list_size;
+    uint32_t* list;
+};
+struct OddRecord {
+    ProtobufCMessage base;
+    void* index;
+};
+
+ProtobufCFieldDescriptor field(const char* name, ProtobufCType type, size_t offset,
+                               ProtobufCLabel label = PROTOBUF_C_LABEL_NONE, uint32_t flags = 0) {
+    ProtobufCFieldDescriptor made{};
+    made.name = name;
+    made.label = label;
+    made.type = type;
+    made.offset = static_cast<unsigned>(offset);
+    made.flags = flags;
+    return made;
+}
+
+// The key of a record with `fields` in its index, whose own field is made by `index_field`.
+std::optional<std::string> odd_key(const std::vector<ProtobufCFieldDescriptor>& fields,
+                                   const ProtobufCFieldDescriptor& index_field,
+                                   const OddIndex& values) {
+    ProtobufCMessageDescriptor index_type{};
+    index_type.n_fields = static_cast<unsigned>(fields.size());
+    index_type.fields = fields.data();
+    const unsigned by_name[] = {0};
+    ProtobufCMessageDescriptor type{};
+    type.name = "odd.record";
+    type.n_fields = 1;
+    type.fields = &index_field;
+    type.fields_sorted_by_name = by_name;
+    OddIndex index = values;
+    index.base.descriptor = &index_type;
+    OddRecord record{};
+    record.base.descriptor = &type;
+    record.index = &index;
+    return qv::record_key(record.base);
+}
+
+const ProtobufCFieldDescriptor kIndexField =
+    field("index", PROTOBUF_C_TYPE_MESSAGE, offsetof(OddRecord, index));
+
+TEST(MomKey, EveryKindOfPlainFieldIsWritten) {
+    const std::vector<ProtobufCFieldDescriptor> fields = {
+        field("below", PROTOBUF_C_TYPE_INT64, offsetof(OddIndex, below)),
+        field("above", PROTOBUF_C_TYPE_UINT64, offsetof(OddIndex, above)),
+        field("flag", PROTOBUF_C_TYPE_BOOL, offsetof(OddIndex, flag)),
+        field("text", PROTOBUF_C_TYPE_STRING, offsetof(OddIndex, text))};
+    OddIndex values{};
+    values.below = -5'000'000'000;
+    values.above = 18'446'744'073'709'551'615U;
+    values.flag = 1;
+    EXPECT_EQ(odd_key(fields, kIndexField, values),
+              "odd.record/below=-5000000000,above=18446744073709551615,flag=1,text=");
+    values.flag = 0;
+    EXPECT_EQ(odd_key({fields[2]}, kIndexField, values), "odd.record/flag=0");
+}
+
+TEST(MomKey, IndexThatIsNoListOfPlainFieldsMakesNoKey) {
+    const OddIndex values{};
+    const ProtobufCFieldDescriptor plain =
+        field("above", PROTOBUF_C_TYPE_UINT64, offsetof(OddIndex, above));
+    EXPECT_EQ(odd_key({plain}, kIndexField, values), "odd.record/above=0");
+    EXPECT_EQ(odd_key({plain, field("list", PROTOBUF_C_TYPE_UINT32, offsetof(OddIndex, list),
+                                    PROTOBUF_C_LABEL_REPEATED)},
+                      kIndexField, values),
+              std::nullopt);
+    EXPECT_EQ(odd_key({field("above", PROTOBUF_C_TYPE_UINT64, offsetof(OddIndex, above),
+                             PROTOBUF_C_LABEL_NONE, PROTOBUF_C_FIELD_FLAG_ONEOF)},
+                      kIndexField, values),
+              std::nullopt);
+    EXPECT_EQ(odd_key({field("part", PROTOBUF_C_TYPE_DOUBLE, offsetof(OddIndex, above))},
+                      kIndexField, values),
+              std::nullopt);
+    ProtobufCFieldDescriptor several = kIndexField;
+    several.label = PROTOBUF_C_LABEL_REPEATED;
+    EXPECT_EQ(odd_key({plain}, several, values), std::nullopt);
+    ProtobufCFieldDescriptor number = kIndexField;
+    number.type = PROTOBUF_C_TYPE_UINT64;
+    EXPECT_EQ(odd_key({plain}, number, values), std::nullopt);
 }
 
 TEST(MomKey, TypeWithoutIndexIsASingleton) {
