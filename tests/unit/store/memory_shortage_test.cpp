@@ -64,5 +64,24 @@ TEST(MemoryShortage, EachCallReturnsAnErrorNumber) {
     qv_thread_master_finish(master);
 }
 
+int do_nothing(qv_thread*) {
+    return 0;
+}
+
+TEST(MemoryShortage, TimerThatFindsNoMemoryIsNotArmed) {
+    qv::test::TestPlatform platform;
+    qv_thread_master* const master = qv_thread_master_create();
+    EXPECT_EQ(without_memory([&] { return qv_thread_add_timer(master, do_nothing, nullptr, 1); }),
+              nullptr);
+    qv_thread* slot = nullptr;
+    EXPECT_EQ(without_memory([&] {
+                  return qv_thread_insert_timer(master, &slot, do_nothing, nullptr, 1, "timer");
+              }),
+              ENOMEM);
+    EXPECT_EQ(slot, nullptr);
+    EXPECT_EQ(qv::loop_of(master).next_timer(), std::nullopt);
+    qv_thread_master_finish(master);
+}
+
 }  // namespace
 }  // namespace store_test
