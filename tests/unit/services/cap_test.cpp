@@ -66,6 +66,23 @@ TEST_F(CapTest, DirectoryInPlaceOfTheFileIsAnError) {
     EXPECT_EQ(platform.log.lines().size(), 1u);
 }
 
+TEST_F(CapTest, FileThatCannotBeLookedAtIsAnError) {
+    platform.settings.capabilities = directory.file(std::string(300, 'x'));  // too long a name
+    EXPECT_EQ(libqv_cap_init("LDA", kKey), EINVAL);
+    ASSERT_EQ(platform.log.lines().size(), 1u);
+    const std::string expected = "CAP-3-FILE: Capability file " + platform.settings.capabilities;
+    EXPECT_EQ(platform.log.lines().front().substr(0, expected.size()), expected);
+}
+
+TEST_F(CapTest, FileIsReadOnceForAllClients) {
+    use_file("number = 1\n");
+    EXPECT_EQ(libqv_cap_init("OTHER", "number"), 0);
+    EXPECT_EQ(get("number"), std::pair(ENOENT, 4711)) << "for each client by itself";
+    use_file("number = 2\n");
+    EXPECT_EQ(libqv_cap_init("LDA", "number"), 0);
+    EXPECT_EQ(get("number"), std::pair(0, 1));
+}
+
 TEST_F(CapTest, EntryThatIsNo32BitNumberLeavesTheValueAlone) {
     use_file(
         "text = \"12\"\nreal = 1.5\nlarge = 2147483648\nsmall = -2147483649\n"
@@ -84,9 +101,13 @@ TEST_F(CapTest, UnknownClientAndNullsAreRefused) {
     EXPECT_EQ(libqv_cap_init(nullptr, kKey), EINVAL);
     EXPECT_EQ(libqv_cap_init("LDA", nullptr), EINVAL);
     EXPECT_EQ(libqv_cap_init("", kKey), EINVAL);
+    EXPECT_EQ(libqv_cap_init("LDA", ""), EINVAL);
     EXPECT_EQ(libqv_cap_init("LDA", kKey), 0);
     EXPECT_EQ(get(nullptr), std::pair(EINVAL, 4711));
     EXPECT_EQ(libqv_cap_get_capacity_int32("LDA", kKey, nullptr, -1), EINVAL);
+    int32_t value = 4711;
+    EXPECT_EQ(libqv_cap_get_capacity_int32(nullptr, kKey, &value, -1), EINVAL);
+    EXPECT_EQ(value, 4711);
 }
 
 }  // namespace

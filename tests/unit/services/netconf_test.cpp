@@ -69,6 +69,7 @@ TEST_F(Notification, BadArgumentsAreRefusedWhole) {
     EXPECT_EQ(send({good, {"relative", NC_LIB_TYPE_UINT32, 1}}), EINVAL);
     EXPECT_EQ(send({good, {"/m:leaf", 9, 1}}), EINVAL);
     EXPECT_EQ(send({good, {"/m:leaf2", NC_LIB_TYPE_UINT32, 1}}), EINVAL) << "another notification";
+    EXPECT_EQ(send({{"m:leaf", NC_LIB_TYPE_UINT32, 1}}), EINVAL);
     EXPECT_EQ(send({{"/", NC_LIB_TYPE_UINT32, 1}}), EINVAL);
     EXPECT_EQ(send({{"//leaf", NC_LIB_TYPE_UINT32, 1}}), EINVAL);
     EXPECT_TRUE(recent_notifications().empty());

@@ -166,6 +166,33 @@ TEST_F(RdndDeathTest, SecondAgentOnTheSameBridgeNamesTheFirstAndEnds) {
                     platform.settings.bridge + ": stop it first\n$");
 }
 
+TEST_F(RdndDeathTest, HolderThatCannotBeFoundOutIsAnotherProcess) {
+    // Bound, but nobody listens on it.
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    const std::string name = cli_lock();
+    ASSERT_LT(name.size(), sizeof address.sun_path);
+    name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
+    ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), size), 0);
+    const rdnd_reg record = reg();
+    EXPECT_EXIT(rdnd_lib_mom_reg(&record), testing::ExitedWithCode(1),
+                "^lda: another process already runs on command-line socket " +
+                    platform.settings.cli_socket + ": stop it first\n$");
+    close(fd);
+}
+
+TEST_F(RdndTest, SocketWrittenInAnotherWayIsTheSame) {
+    platform.settings.role = PlatformConfig::Role::kLease;
+    const Holder other(cli_lock());
+    platform.settings.cli_socket = directory.file("./gone/../cli.sock");
+    const rdnd_reg record = reg();
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
+    run_for(std::chrono::seconds(3));
+    EXPECT_EQ(g_master_calls, 0);
+}
+
 TEST_F(RdndTest, SimulatedSwitchNeedsNoBridgeOfItsOwn) {
     use_bridge();
     platform.settings.switch_kind = PlatformConfig::Switch::kEmbedded;
@@ -209,13 +236,21 @@ TEST_F(RdndTest, LocksThatCannotBeTriedAreLoggedOnceAndTriedAgain) {
     EXPECT_EQ(g_master_calls, 1);
 }
 
+// Descriptors of this process.
+size_t descriptors() {
+    const std::filesystem::directory_iterator all("/proc/self/fd");
+    return static_cast<size_t>(std::distance(begin(all), end(all)));
+}
+
 TEST_F(RdndTest, HolderOfALockAnswersAnyNumberOfProcesses) {
     NameLock lock;
     ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    const size_t before = descriptors();
     for (int i = 0; i < 5000; ++i) {
         ASSERT_EQ(NameLock::holder(test_lock()), getpid()) << "process " << i;
         run_for(Duration::zero());
     }
+    EXPECT_EQ(descriptors(), before);
     lock.release();
     EXPECT_EQ(NameLock::holder(test_lock()), 0);
 }
@@ -227,6 +262,44 @@ TEST_F(RdndTest, LockHoldsAlsoWhereItsHolderCannotAnswer) {
     test::g_rtnl.no_watch = false;
     NameLock other;
     EXPECT_EQ(other.take(loop, test_lock()), EADDRINUSE);
+}
+
+TEST_F(RdndTest, LockThatIsTakenAnewLetsGoOfItsOldName) {
+    const size_t before = descriptors();
+    NameLock lock;
+    ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    ASSERT_EQ(lock.take(loop, test_lock() + " anew"), 0);
+    EXPECT_EQ(descriptors(), before + 1);
+    NameLock other;
+    EXPECT_EQ(other.take(loop, test_lock()), 0);
+}
+
+TEST_F(RdndTest, RefusedLockKeepsNoDescriptor) {
+    NameLock lock;
+    ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    const size_t before = descriptors();
+    NameLock other;
+    EXPECT_EQ(other.take(loop, test_lock()), EADDRINUSE);
+    EXPECT_EQ(descriptors(), before);
+}
+
+TEST_F(RdndTest, ReleasedLockLeavesLaterDescriptorsAlone) {
+    NameLock lock;
+    ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    lock.release();
+    const size_t before = descriptors();
+    const Holder later(test_lock());  // under the number that the lock had
+    EXPECT_TRUE(later.holds());
+    lock.release();
+    EXPECT_EQ(descriptors(), before + 1);
+}
+
+TEST_F(RdndTest, LongestNameStandsAsItIs) {
+    const std::string name = test_lock() + std::string(107 - test_lock().size(), 'x');
+    const Holder other(name);
+    ASSERT_TRUE(other.holds());
+    NameLock lock;
+    EXPECT_EQ(lock.take(loop, name), EADDRINUSE);
 }
 
 TEST_F(RdndTest, LongNamesOfLocksAreToldApartByTheirEnds) {
@@ -252,10 +325,16 @@ TEST_F(RdndTest, IncompleteRegistrationIsRefusedAndMayBeRepeated) {
     record.master_cb = nullptr;
     EXPECT_EQ(rdnd_lib_mom_reg(&record), EINVAL);
     record = reg();
-    record.dbs = nullptr;
+    record.module = nullptr;
     EXPECT_EQ(rdnd_lib_mom_reg(&record), EINVAL);
     record = reg();
-    EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
+    record.module = "";
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), EINVAL);
+    record = reg();
+    record.dbs = nullptr;
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), EINVAL);
+    record.db_num = 0;
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), 0) << "a service without databases";
 }
 
 TEST(AppPublic, InstanceNameBecomesTheProcessName) {
@@ -302,9 +381,16 @@ struct SupervisionTest : RdndTest {
 
 TEST_F(SupervisionTest, WithoutAWatchdogOnlyReadinessIsReported) {
     app_public_init_dead_detection(master);
+    ASSERT_EQ(received(), Lines{"READY=1"});
     run_for(std::chrono::seconds(60));
-    EXPECT_EQ(received(), Lines{"READY=1"});
+    EXPECT_EQ(received(), Lines{});
     EXPECT_FALSE(loop.next_timer()) << "an idle process must not wake up for this";
+}
+
+TEST_F(SupervisionTest, WithoutALoopOnlyReadinessIsReported) {
+    setenv("WATCHDOG_USEC", "10000000", 1);
+    app_public_init_dead_detection(nullptr);
+    EXPECT_EQ(received(), Lines{"READY=1"});
 }
 
 TEST_F(SupervisionTest, WatchdogHearsOfTheLoopAtHalfItsInterval) {

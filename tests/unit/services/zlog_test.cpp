@@ -3,6 +3,7 @@
 #include <thread>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "tests/support/test_platform.h"
 #include "tests/unit/services/temporary_directory.h"
@@ -79,15 +80,71 @@ TEST_F(ZlogTest, DirectoryThatIsNotThereIsAnErrorWithItsReason) {
 
 TEST_F(ZlogTest, NamesThatTheLibraryWouldMisreadAreRefused) {
     EXPECT_EQ(qv_zlog_init(nullptr), nullptr);
-    for (const char* const name : {"a b", "a\"b", "%d", "a\nb", ""}) {
-        platform.settings.log_dir = directory.path();
+    platform.settings.log_dir = directory.path();
+    for (const char* const name : {"a b", "a\"b", "%d", "a$b", "a\nb", "a\x7f", "", "../lda"}) {
         EXPECT_EQ(qv_zlog_init(name), nullptr) << name;
-        platform.settings.log_dir = directory.file(name) + "\x7f";
+        EXPECT_EQ(platform.log.lines().back(), "LOG-3-OPEN: Cannot open log file " +
+                                                   directory.file(name) +
+                                                   ".log: the name has a character that is not "
+                                                   "allowed");
+    }
+    EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+}
+
+TEST_F(ZlogTest, FoldersThatTheLibraryWouldMisreadAreRefused) {
+    for (const char* const name : {"a b", "a\"b", "%d", "a$b", "a\nb", "a\x7f"}) {
+        platform.settings.log_dir = directory.file(name);
+        std::filesystem::create_directory(platform.settings.log_dir);
         EXPECT_EQ(qv_zlog_init("lda"), nullptr) << name;
+        EXPECT_TRUE(std::filesystem::is_empty(platform.settings.log_dir)) << name;
     }
     platform.settings.log_dir = directory.path();
-    EXPECT_EQ(qv_zlog_init("../lda"), nullptr);
-    EXPECT_TRUE(std::filesystem::is_empty(directory.path()));
+    std::filesystem::create_directory(directory.file("sub"));
+    EXPECT_EQ(qv_zlog_init("sub/lda"), nullptr) << "the folder is named in one place only";
+    EXPECT_TRUE(std::filesystem::is_empty(directory.file("sub")));
+}
+
+TEST_F(ZlogTest, FileOfAnEarlierRunIsContinued) {
+    directory.write("lda.log", "2026-01-31 23:59:59.123 INFO before\n");
+    platform.settings.log_dir = directory.path();
+    qv_zlog_category* const category = qv_zlog_init("lda");
+    qvdf_zlog(category, "f", "g", 1, QV_ZLOG_INFO, "after");
+    EXPECT_EQ(lines(), (Lines{"INFO before", "INFO after"}));
+}
+
+TEST_F(ZlogTest, FileIsForItsOwnerOnly) {
+    using std::filesystem::perms;
+    umask(0);
+    platform.settings.log_dir = directory.path();
+    ASSERT_NE(qv_zlog_init("lda"), nullptr);
+    EXPECT_EQ(std::filesystem::status(directory.file("lda.log")).permissions(),
+              perms::owner_read | perms::owner_write);
+}
+
+TEST_F(ZlogTest, LibraryThatRefusesThePathIsAnErrorWithItsReason) {
+    platform.settings.log_dir = directory.path();
+    for (int i = 0; i < 5; ++i) {
+        platform.settings.log_dir += "/" + std::string(250, 'x');  // 1250 bytes are too long for it
+    }
+    std::filesystem::create_directories(platform.settings.log_dir);
+    EXPECT_EQ(qv_zlog_init("lda"), nullptr);
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"LOG-3-OPEN: Cannot open log file " + platform.settings.log_dir +
+                    "/lda.log: the log library refused its configuration"});
+}
+
+TEST_F(ZlogTest, StartLeavesNoDescriptorOpenThatItDoesNotNeed) {
+    platform.settings.log_dir = directory.path();
+    ASSERT_NE(qv_zlog_init("lda"), nullptr);
+    Lines open;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone;
+        const std::string target = std::filesystem::read_symlink(entry, gone).string();
+        if (target.starts_with(directory.path()) || target.starts_with("/memfd:")) {
+            open.push_back(target);
+        }
+    }
+    EXPECT_EQ(open, Lines{});
 }
 
 TEST_F(ZlogTest, FilesRotateAndOnlyAFewAreKept) {
@@ -105,6 +162,7 @@ TEST_F(ZlogTest, FilesRotateAndOnlyAFewAreKept) {
             bytes += entry.file_size();
         }
     }
+    EXPECT_TRUE(std::filesystem::exists(directory.file(".lda.lock")));
     EXPECT_EQ(files, 5u);
     EXPECT_LE(bytes, 5u << 20);
 }
