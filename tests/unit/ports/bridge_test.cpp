@@ -54,6 +54,36 @@ TEST_F(Bridge, ConnectCallbackRunsThroughTheLoop) {
     EXPECT_EQ(g_connected, 1);
 }
 
+TEST_F(Bridge, AgentWithoutAConnectCallbackIsConnectedAllTheSame) {
+    bridge_agent_set_connect_callback(nullptr);
+    EXPECT_EQ(bridge_agent_init("LDA", rig.master()), 0);
+    rig.run();
+}
+
+TEST_F(Bridge, ChangeBeforeTheSelectionIsNotTold) {
+    set_mode(1, SWPORT_MODE_TRUNK);
+    select(BRIDGE_EVENT_MODE_CHANGE);
+    EXPECT_EQ(heard(), Texts{});
+}
+
+TEST_F(Bridge, PortIsToldOfWithTheAggregateItIsInAfterTheChange) {
+    select(BRIDGE_EVENT_MODE_CHANGE);
+    rig.change(1, [](Port& port) {
+        port.mode = SWPORT_MODE_TRUNK;
+        port.aggregate = 30;
+    });
+    EXPECT_EQ(heard(), Texts{});
+    rig.change(1, [](Port& port) {
+        port.mode = SWPORT_MODE_HYBRID;
+        port.aggregate = 0;
+    });
+    EXPECT_EQ(heard().size(), 1u);
+}
+
+TEST_F(Bridge, AgentWithoutANameIsRefused) {
+    EXPECT_EQ(bridge_agent_init(nullptr, rig.master()), -1);
+}
+
 TEST_F(Bridge, AgentWithoutAMasterIsRefused) {
     EXPECT_EQ(bridge_agent_init("LDA", nullptr), -1);
 }

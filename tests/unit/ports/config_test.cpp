@@ -111,6 +111,10 @@ TEST_F(ConfigFile, UnknownKeyIsRefusedWithItsLine) {
 TEST_F(ConfigFile, UnknownChoiceIsRefusedWithTheKnownOnes) {
     EXPECT_EQ(fault_of("switch = \"tokamak\"\n"),
               "FILE:1: switch must be \"embedded\" or \"linux\", not \"tokamak\"");
+    EXPECT_EQ(fault_of("switch = \"emb\"\n"),
+              "FILE:1: switch must be \"embedded\" or \"linux\", not \"emb\"");
+    EXPECT_EQ(fault_of("switch = \"\"\n"),
+              "FILE:1: switch must be \"embedded\" or \"linux\", not \"\"");
     EXPECT_EQ(fault_of("\nstore = \"disk\"\n"),
               "FILE:2: store must be \"memory\" or \"redis\", not \"disk\"");
     EXPECT_EQ(fault_of("[role]\nmode = \"Solo\"\n"),
@@ -124,6 +128,8 @@ TEST_F(ConfigFile, WrongTypeIsRefused) {
     EXPECT_EQ(fault_of("clock = 60\n"), "FILE:1: clock must be a table, written [clock]");
     EXPECT_EQ(fault_of("[[cli]]\nsocket = \"a\"\n"), "FILE:1: cli must be a table, written [cli]");
     EXPECT_EQ(fault_of("[clock]\nspeed = \"fast\"\n"),
+              "FILE:2: clock.speed must be a number above 0 and up to 10000");
+    EXPECT_EQ(fault_of("[clock]\nspeed = true\n"),
               "FILE:2: clock.speed must be a number above 0 and up to 10000");
     EXPECT_EQ(fault_of("[embedded]\nports = 24.0\n"),
               "FILE:2: embedded.ports must be a whole number from 1 to 4096");
@@ -142,11 +148,36 @@ TEST_F(ConfigFile, ValueOutOfRangeIsRefused) {
     EXPECT_EQ(fault_of("[clock]\nspeed = nan\n"), speed);
 }
 
+TEST_F(ConfigFile, ValuesAtTheirLimitsAreTaken) {
+    const std::string path(107, 's');
+    const PlatformConfig least =
+        read("[linux]\nbridge = \"fifteen-letters\"\n[redis]\nsocket = \"" + path +
+             "\"\n[cli]\nmax_sessions = 1\nidle_timeout = 0\n[embedded]\nports = 1\n"
+             "[clock]\nspeed = 0.001\n");
+    EXPECT_EQ(least.bridge, "fifteen-letters");
+    EXPECT_EQ(least.redis_socket, path);
+    EXPECT_EQ(least.cli_max_sessions, 1u);
+    EXPECT_EQ(least.cli_idle_timeout_s, 0u);
+    EXPECT_EQ(least.embedded_ports, 1u);
+    EXPECT_EQ(least.speed, 0.001);
+    const PlatformConfig most = read(
+        "[cli]\nmax_sessions = 1024\nidle_timeout = 604800\n[embedded]\nports = 4096\n"
+        "[clock]\nspeed = 10000\n");
+    EXPECT_EQ(most.cli_max_sessions, 1024u);
+    EXPECT_EQ(most.cli_idle_timeout_s, 604800u);
+    EXPECT_EQ(most.embedded_ports, 4096u);
+    EXPECT_EQ(most.speed, 10000.0);
+}
+
 TEST_F(ConfigFile, ImpossibleNameOrPathIsRefused) {
     const char* const bridge =
         "FILE:2: linux.bridge must be an interface name of 1 to 15 characters";
     EXPECT_EQ(fault_of("[linux]\nbridge = \"\"\n"), bridge);
     EXPECT_EQ(fault_of("[linux]\nbridge = \"a/b\"\n"), bridge);
+    for (const char* name :
+         {".", "..", "a:b", "a b", "a\\tb", "a\\rb", "a\\nb", "a\\u000bb", "a\\fb"}) {
+        EXPECT_EQ(fault_of("[linux]\nbridge = \"" + std::string(name) + "\"\n"), bridge) << name;
+    }
     EXPECT_EQ(fault_of("[linux]\nbridge = \"sixteen-letters-\"\n"), bridge);
     EXPECT_EQ(fault_of("[cli]\nsocket = \"\"\n"),
               "FILE:2: cli.socket must be a path of 1 to 107 bytes");

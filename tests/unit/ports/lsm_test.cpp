@@ -117,8 +117,19 @@ TEST_F(Lsm, ConnectCallbackRunsThroughTheLoop) {
     EXPECT_EQ(g_connected, 1);
 }
 
-TEST_F(Lsm, AgentWithoutAMasterIsRefused) {
+TEST_F(Lsm, AgentWithoutAMasterOrANameIsRefused) {
     EXPECT_EQ(lsm_agent_init("LDA", nullptr), -1);
+    EXPECT_EQ(lsm_agent_init(nullptr, rig.master()), -1);
+}
+
+TEST_F(Lsm, AgentWithoutAConnectCallbackIsConnectedAllTheSame) {
+    lsm_agent_set_connect_callback(nullptr);
+    EXPECT_EQ(lsm_agent_init("LDA", rig.master()), 0);
+    rig.run();
+}
+
+TEST_F(Lsm, SelectionWithoutTypesIsRefused) {
+    EXPECT_EQ(lsm_client_reg_event_ex(LSM_CLASS_PORT, nullptr, 0x7), -1);
 }
 
 TEST_F(Lsm, ExistingPortsAreAnnouncedThenEveryHandlerHearsThatTheyAreReady) {
@@ -161,6 +172,20 @@ TEST_F(Lsm, WithoutModeTwoOnlyLaterPortsAreTold) {
         lsm_reg_msg_handler_ex(LSM_CLASS_PORT, on_port);
         lsm_client_reg_event_over();
     });
+    EXPECT_EQ(heard(), Texts{});
+    add(2);
+    EXPECT_EQ(heard(), (Texts{"port 0 port 2"}));
+}
+
+TEST_F(Lsm, WithoutModeTwoThePortsOfTheStartAreNotTold) {
+    connect([] {
+        const uint8_t types[LSM_TYPE_BITMAP_BYTES] = {0xfc, 0x07};
+        lsm_client_reg_event_ex(LSM_CLASS_PORT, types, 0x7);
+        lsm_reg_msg_handler_ex(LSM_CLASS_PORT, on_port);
+        lsm_client_reg_event_over();
+    });
+    add(1);
+    rig.model.ports_complete();
     EXPECT_EQ(heard(), Texts{});
     add(2);
     EXPECT_EQ(heard(), (Texts{"port 0 port 2"}));
@@ -390,7 +415,7 @@ TEST_F(Lsm, PortsMayGoDuringTheWalk) {
         static_cast<std::vector<uint32_t>*>(arg)->push_back(ifx);
         qv::platform().ports().port_removed(ifx);
         qv::platform().ports().port_removed(ifx + 1);
-        return 0;
+        return ifx > 4 ? -1 : 0;
     };
     EXPECT_EQ(lsm_walk_through_ex(remove_two, &seen), 0);
     EXPECT_EQ(seen, (std::vector<uint32_t>{1, 3}));

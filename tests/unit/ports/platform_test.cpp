@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,6 +12,8 @@
 #include "p_bridge.pb-c.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/driver/forwarding_driver.h"
+#include "platform/driver/linux/redis_store.h"
 #include "qv/mom.h"
 #include "tests/support/manual_clock.h"
 
@@ -72,6 +75,42 @@ TEST_F(PlatformFile, DescribedSwitchHasItsPorts) {
     ASSERT_NE(master, nullptr);
     ASSERT_TRUE(qv::test::run_until(qv::loop_of(master), ports_complete));
     EXPECT_EQ(qv::platform().ports().ports().size(), 3u);
+    qv_thread_master_finish(master);
+}
+
+TEST_F(PlatformFile, StoreIsTheDescribedOne) {
+    describe("store = \"redis\"\n[redis]\nsocket = \"/nowhere/redis.sock\"\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    EXPECT_NE(dynamic_cast<qv::RedisStore*>(&qv::platform().store()), nullptr);
+    qv_thread_master_finish(master);
+}
+
+class LastAnswer final : public qv::ForwardingSink {
+ public:
+    void done(qv::ForwardingId id) override { text = "done " + std::to_string(id); }
+    void failed(qv::ForwardingId id, int error) override {
+        text = "failed " + std::to_string(id) + " " + std::to_string(error);
+    }
+    void counted(qv::ForwardingId, uint64_t, uint64_t) override {}
+
+    std::string text;
+};
+
+TEST_F(PlatformFile, RuleIsForAPortOfTheSwitchOnly) {
+    describe("[embedded]\nports = 3\n[clock]\nspeed = 10000.0\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    qv::EventLoop& loop = qv::loop_of(master);
+    ASSERT_TRUE(qv::test::run_until(loop, ports_complete));
+    LastAnswer answer;
+    qv::platform().forwarding().start(answer);
+    qv::platform().forwarding().install(1, 4, {});
+    ASSERT_TRUE(qv::test::run_until(loop, [&] { return !answer.text.empty(); }));
+    EXPECT_EQ(std::exchange(answer.text, ""), "failed 1 19");
+    qv::platform().forwarding().install(2, 3, {});
+    ASSERT_TRUE(qv::test::run_until(loop, [&] { return !answer.text.empty(); }));
+    EXPECT_EQ(answer.text, "done 2");
     qv_thread_master_finish(master);
 }
 
