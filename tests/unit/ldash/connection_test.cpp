@@ -4,10 +4,11 @@
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/types.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
+#include <ctime>
 #include <optional>
 #include <stdexcept>
 
@@ -18,11 +19,16 @@
 // The linker hands these calls of the whole program to the test.
 namespace {
 
+// A call that would wait for ever, or is repeated for ever, throws instead.
+constexpr timespec kLimit = {.tv_sec = 20, .tv_nsec = 0};
+constexpr int kMostCalls = 1000;
+
 struct Calls {
     bool silence = false;     // the next poll() waits in vain
     int patience_ms = 0;      // of that poll()
     int interrupted = 0;      // so many calls of send() or recv() end with a signal
     size_t most_sent = 1000;  // bytes in one send()
+    int made = 0;             // of send() and recv()
 };
 Calls g_calls;
 
@@ -49,10 +55,18 @@ int __wrap_poll(pollfd* fds, nfds_t count, int timeout) {
 }
 
 ssize_t __wrap_send(int fd, const void* bytes, size_t size, int flags) {
+    if (++g_calls.made > kMostCalls) {
+        throw std::logic_error("send() is repeated for ever");
+    }
     return interrupt() ? -1 : __real_send(fd, bytes, std::min(size, g_calls.most_sent), flags);
 }
 
 ssize_t __wrap_recv(int fd, void* bytes, size_t size, int flags) {
+    pollfd waiting{.fd = fd, .events = POLLIN, .revents = 0};
+    if (++g_calls.made > kMostCalls ||
+        ((flags & MSG_DONTWAIT) == 0 && ppoll(&waiting, 1, &kLimit, nullptr) == 0)) {
+        throw std::logic_error("recv() waits or is repeated for ever");
+    }
     return interrupt() ? -1 : __real_recv(fd, bytes, size, flags);
 }
 }
