@@ -61,6 +61,7 @@ TEST_F(Bridge, AgentWithoutAConnectCallbackIsConnectedAllTheSame) {
 }
 
 TEST_F(Bridge, ChangeBeforeTheSelectionIsNotTold) {
+    EXPECT_EQ(bridge_agent_init("LDA", rig.master()), 0);
     set_mode(1, SWPORT_MODE_TRUNK);
     select(BRIDGE_EVENT_MODE_CHANGE);
     EXPECT_EQ(heard(), Texts{});

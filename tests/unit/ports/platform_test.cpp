@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "p_bridge.pb-c.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/driver/embedded/memory_store.h"
 #include "platform/driver/forwarding_driver.h"
 #include "platform/driver/linux/redis_store.h"
 #include "qv/mom.h"
@@ -166,6 +168,45 @@ TEST_F(PlatformFile, LoopOnAProbedPortBecomesARecordOfTheProbeProtocol) {
     ASSERT_TRUE(qv::test::run_until(loop, [] { return g_records.size() == 2; }));
     EXPECT_EQ(g_records, (std::vector<std::string>{"port 3 vid 1 loop 1 source 1",
                                                    "port 3 vid 1 loop 0 source 1"}));
+    qv_thread_master_finish(master);
+}
+
+// Of the record that the store holds of port 3; none without one.
+std::optional<uint32_t> stored_loop(const qv::MemoryStore& store) {
+    const auto packed = store.get(QV_MOM_APP_DB, "p_bridge.tarn_loop_info/ifx=3");
+    if (!packed) {
+        return std::nullopt;
+    }
+    const std::vector<uint8_t> bytes(packed->begin(), packed->end());
+    PBridge__TarnLoopInfo* const record =
+        p_bridge__tarn_loop_info__unpack(nullptr, bytes.size(), bytes.data());
+    const uint32_t is_loop = record->is_loop;
+    p_bridge__tarn_loop_info__free_unpacked(record, nullptr);
+    return is_loop;
+}
+
+TEST_F(PlatformFile, EndOfALoopIsRecordedOnceTheDatabaseIsBack) {
+    describe("[embedded]\nports = 4\n[clock]\nspeed = 10000.0\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    qv::EventLoop& loop = qv::loop_of(master);
+    auto& store = dynamic_cast<qv::MemoryStore&>(qv::platform().store());
+    ASSERT_TRUE(qv::test::run_until(loop, ports_complete));
+    qv::cli::register_tarn_commands();
+    qv::cli::SessionState config;
+    config.mode = "config";
+    qv::cli::SessionState port;
+    port.mode = "interface";
+    port.ifx = 3;
+    qv::cli::SessionState exec;
+    EXPECT_EQ(qv::cli::execute(config, "tarn enable").code, 0);
+    EXPECT_EQ(qv::cli::execute(port, "tarn port loop-detect warning").code, 0);
+    EXPECT_EQ(qv::cli::execute(exec, "test loop plug swp1 swp3").code, 0);
+    ASSERT_TRUE(qv::test::run_until(loop, [&] { return stored_loop(store) == 1u; }));
+    store.drop(QV_MOM_APP_DB);
+    EXPECT_EQ(qv::cli::execute(exec, "test loop unplug swp1 swp3").code, 0);
+    store.restore(QV_MOM_APP_DB);
+    EXPECT_TRUE(qv::test::run_until(loop, [&] { return stored_loop(store) == 0u; }));
     qv_thread_master_finish(master);
 }
 
