@@ -186,9 +186,11 @@ Filter Filter::of(const lyd_node& rpc) {
                        "a filter of type xpath needs the attribute \"select\"")
             .about("filter", "select");
     }
-    // Whatever the data: an expression that yields no nodes is refused now, and not when it is
-    // used.
-    evaluate(rpc, select);
+    // An expression that yields no nodes is refused here, whatever the data will be. It is not
+    // tried on the request: libyang crashes when it compares an empty <filter> with a string.
+    Tree sample;
+    add_node(LYD_CTX(&rpc), sample, "/qv-loop-detect-server:loop-detect");
+    evaluate(*sample, select);
     filter.kind_ = Kind::kXpath;
     filter.xpath_ = select;
     return filter;

@@ -131,6 +131,11 @@ TEST_F(FilterOfGet, XpathSelectsNodesAndWhatIsAbove) {
                                   "<looped-port><name>swp2</name></looped-port>"));
 }
 
+TEST_F(FilterOfGet, XpathComparesEveryElement) {
+    EXPECT_EQ(passes("<filter type=\"xpath\" select=\"//*[. = 'swp2']\"/>"),
+              container("<looped-port><name>swp2</name></looped-port>"));
+}
+
 TEST_F(FilterOfGet, BlanksAroundAContentMatchDoNotCount) {
     EXPECT_EQ(
         passes(in_container("<looped-port><name> \t&#13;\n swp2 &#13;\n</name></looped-port>")),
