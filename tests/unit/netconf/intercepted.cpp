@@ -16,6 +16,7 @@
 #include <cstring>
 #include <ctime>
 #include <mutex>
+#include <ostream>
 #include <utility>
 
 namespace netconf::test {
@@ -33,6 +34,9 @@ struct State {
     ConnectionLimits limits{};
     timeval shortened{};
     std::string error_xml;
+    std::vector<unsigned> alarms;
+    int hello_limit_s = 0;
+    std::function<std::optional<NC_MSG_TYPE>(const std::string&)> accept_hook;
 };
 
 std::mutex g_mutex;  // guards the lines; the rest is the test's own thread's
@@ -44,6 +48,7 @@ std::atomic<long> g_time_s{-1};
 std::atomic<int> g_interrupted_reads{0};
 std::atomic<int> g_interrupted_sends{0};
 std::atomic<size_t> g_send_limit{0};
+std::atomic<bool> g_reader_has_stack{false};
 
 bool take_one(std::atomic<int>& left) {
     int value = left.load();
@@ -62,6 +67,10 @@ bool shortened() {
 
 }  // namespace
 
+void PrintTo(const LogLine& line, std::ostream* out) {
+    *out << line.priority << " " << line.text;
+}
+
 void reset_interception() {
     signal(SIGPIPE, SIG_IGN);  // as main() does
     const std::lock_guard lock(g_mutex);
@@ -72,6 +81,7 @@ void reset_interception() {
     g_interrupted_reads = 0;
     g_interrupted_sends = 0;
     g_send_limit = 0;
+    g_reader_has_stack = false;
 }
 
 std::vector<LogLine> logged() {
@@ -101,8 +111,8 @@ void freeze_clock() {
     g_frozen = true;
 }
 
-void advance_clock(std::chrono::milliseconds step) {
-    g_advance_ns += nanoseconds(step).count();
+void advance_clock(nanoseconds step) {
+    g_advance_ns += step.count();
 }
 
 std::chrono::milliseconds clock_advance() {
@@ -119,6 +129,10 @@ void on_poll(std::function<int(pollfd*, nfds_t, int)> hook) {
 
 void on_sleep(std::function<void()> hook) {
     g_state.sleep_hook = std::move(hook);
+}
+
+bool reader_has_signal_stack() {
+    return g_reader_has_stack;
 }
 
 void interrupt_reads(int count) {
@@ -145,6 +159,18 @@ void shorten_connection_limits(std::chrono::milliseconds limit) {
     g_state.shortened = {.tv_sec = limit.count() / 1000, .tv_usec = limit.count() % 1000 * 1000};
 }
 
+std::vector<unsigned> alarms() {
+    return g_state.alarms;
+}
+
+int hello_limit_s() {
+    return g_state.hello_limit_s;
+}
+
+void on_accept(std::function<std::optional<NC_MSG_TYPE>(const std::string&)> hook) {
+    g_state.accept_hook = std::move(hook);
+}
+
 std::string last_error_xml() {
     return g_state.error_xml;
 }
@@ -156,6 +182,7 @@ using namespace netconf::test;
 extern "C" {
 
 struct nc_server_reply;
+struct nc_session;
 
 int __real_poll(pollfd* watched, nfds_t count, int timeout_ms);
 int __real_nanosleep(const timespec* wanted, timespec* left);
@@ -167,6 +194,7 @@ long __real_syscall(long number, ...);
 redisContext* __real_redisConnectUnixWithTimeout(const char* path, timeval limit);
 int __real_redisSetTimeout(redisContext* context, timeval limit);
 nc_server_reply* __real_nc_server_reply_err(lyd_node* error);
+NC_MSG_TYPE __real_nc_accept_inout(int input, int output, const char* user, nc_session** session);
 // std::chrono::steady_clock::now()
 std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
 
@@ -204,6 +232,11 @@ int __wrap_nanosleep(const timespec* wanted, timespec* left) {
 }
 
 ssize_t __wrap_read(int fd, void* bytes, size_t size) {
+    if (fd == STDIN_FILENO) {
+        stack_t stack{};
+        g_reader_has_stack =
+            sigaltstack(nullptr, &stack) == 0 && (stack.ss_flags & SS_DISABLE) == 0;
+    }
     if (fd == STDIN_FILENO && take_one(g_interrupted_reads)) {
         errno = EINTR;
         return -1;
@@ -273,6 +306,20 @@ nc_server_reply* __wrap_nc_server_reply_err(lyd_node* error) {
     g_state.error_xml = printed == nullptr ? "" : printed;
     free(printed);
     return __real_nc_server_reply_err(error);
+}
+
+unsigned __wrap_alarm(unsigned seconds) {
+    g_state.alarms.push_back(seconds);
+    return 0;
+}
+
+void __wrap_nc_server_set_hello_timeout(uint16_t seconds) {
+    g_state.hello_limit_s = seconds;
+}
+
+NC_MSG_TYPE __wrap_nc_accept_inout(int input, int output, const char* user, nc_session** session) {
+    const auto result = g_state.accept_hook ? g_state.accept_hook(user) : std::nullopt;
+    return result ? *result : __real_nc_accept_inout(input, output, user, session);
 }
 
 }  // extern "C"

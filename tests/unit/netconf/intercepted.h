@@ -3,10 +3,14 @@
 #pragma once
 
 #include <libyang/libyang.h>
+
+#include <libnetconf2/netconf.h>
 #include <poll.h>
 
 #include <chrono>
 #include <functional>
+#include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,6 +22,7 @@ struct LogLine {
     std::string text;
     bool operator==(const LogLine&) const = default;
 };
+void PrintTo(const LogLine& line, std::ostream* out);
 
 // Makes every call usual again, forgets what was recorded, and ignores SIGPIPE as the program does.
 // Each fixture that uses this header calls it first.
@@ -38,7 +43,7 @@ void put_system_log_at(const std::string& path);
 
 // Stops std::chrono::steady_clock; from now on it moves by advance_clock() and by sleeping.
 void freeze_clock();
-void advance_clock(std::chrono::milliseconds step);
+void advance_clock(std::chrono::nanoseconds step);
 std::chrono::milliseconds clock_advance();  // since freeze_clock()
 // Seconds since 1970 that time(2) returns.
 void set_time_of_day(long seconds);
@@ -48,6 +53,8 @@ void set_time_of_day(long seconds);
 void on_poll(std::function<int(pollfd* watched, nfds_t count, int timeout_ms)> hook);
 void on_sleep(std::function<void()> hook);
 
+// Whether the thread that read standard input last has a stack of its own for signal handlers.
+bool reader_has_signal_stack();
 // The next so many calls of read(2) on standard input, or of send(2), fail with EINTR first.
 void interrupt_reads(int count);
 void interrupt_sends(int count);
@@ -64,6 +71,14 @@ struct ConnectionLimits {
 ConnectionLimits connection_limits();
 // Makes connections give up after this time instead.
 void shorten_connection_limits(std::chrono::milliseconds limit);
+
+// The limits given to alarm(2), in seconds and oldest first; no alarm is set.
+std::vector<unsigned> alarms();
+// The time that a client has for its hello, in seconds.
+int hello_limit_s();
+// Called before a session is accepted, with the name of its user; a result becomes that of
+// nc_accept_inout().
+void on_accept(std::function<std::optional<NC_MSG_TYPE>(const std::string& user)> hook);
 
 // The <rpc-error> that was last made into a reply, as XML.
 std::string last_error_xml();
