@@ -6,6 +6,7 @@
 #include <syslog.h>
 
 #include <cstdlib>
+#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
@@ -183,6 +184,39 @@ TEST_F(Data, LockIsReportedWhileItIsHeld) {
               "<datastores><datastore><name>running</name><locks><global-lock><locked-by-session>"
               "200</locked-by-session><locked-time>2026-01-02T03:04:05+00:00</locked-time>"
               "</global-lock></locks></datastore></datastores>");
+}
+
+TEST_F(Data, OwnLockIsReportedToo) {
+    session_->lock.take();
+    EXPECT_EQ(part(state(), "locked-by-session"),
+              "<locked-by-session>" + std::to_string(number_->id()) + "</locked-by-session>");
+}
+
+TEST_F(Data, LockWithoutItsTimeIsLeftOut) {
+    RunningLock other(options_.runtime_dir, 200);
+    other.take();
+    std::ofstream(options_.runtime_dir + "/running.lock") << "200\n";
+    EXPECT_EQ(part(state(), "datastores"),
+              "<datastores><datastore><name>running</name></datastore></datastores>");
+}
+
+TEST_F(Data, EachSessionIsReportedWithItsOwnUser) {
+    const SessionNumber guest(options_.runtime_dir, "guest");
+    const auto entry = [](uint32_t id, const std::string& user) {
+        return "<session><session-id>" + std::to_string(id) +
+               "</session-id><transport xmlns:ncm=\"" + kMonitoring +
+               "\">ncm:netconf-ssh</transport><username>" + user +
+               "</username><login-time>2026-01-02T03:04:05+00:00</login-time></session>";
+    };
+    const std::string sessions = part(state(), "sessions");
+    EXPECT_NE(sessions.find(entry(number_->id(), "admin")), std::string::npos) << sessions;
+    EXPECT_NE(sessions.find(entry(guest.id(), "guest")), std::string::npos) << sessions;
+}
+
+TEST_F(Data, SchemaThatIsOnlyImportedHasItsRevisionToo) {
+    EXPECT_NE(part(state(), "schemas")
+                  .find("<identifier>ietf-yang-types</identifier><version>2013-07-15</version>"),
+              std::string::npos);
 }
 
 TEST_F(Data, SessionsAreReportedWithTheirUsers) {

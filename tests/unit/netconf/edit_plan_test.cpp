@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 #include "services/netconf/rpc_error.h"
 
@@ -215,7 +216,48 @@ TEST_F(EditPlan, OnlyTheOperationOfTheBaseProtocolCounts) {
                    "</loop-detect>",
                    3),
               error(NC_ERR_INVALID_VALUE));
+    EXPECT_EQ(plan("<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">"
+                   "<loop-policy xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" "
+                   "nc:other=\"delete\">text</loop-policy></loop-detect>",
+                   3),
+              error(NC_ERR_INVALID_VALUE));
     EXPECT_EQ(plan(leaf("text", "delete"), 3), "delete 0");
+}
+
+TEST_F(EditPlan, OperationIsNamedInFull) {
+    EXPECT_EQ(plan(leaf("text", "del"), 3), error(NC_ERR_BAD_ATTR));
+    EXPECT_EQ(plan(leaf("text", "deleted"), 3), error(NC_ERR_BAD_ATTR));
+}
+
+TEST_F(EditPlan, RefusalsAreOfTheApplication) {
+    const std::string start = "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">";
+    const std::vector<RpcError> refusals{
+        refusal(leaf("9"), 0),
+        refusal(start + "<loop-policy>1</loop-policy><loop-policy>2</loop-policy></loop-detect>",
+                0),
+        refusal(start + "<looped-port/></loop-detect>", 0),
+        refusal(start + "<other/></loop-detect>", 0),
+        refusal("<other xmlns=\"urn:other\"/>", 0),
+        refusal(empty() + empty(), 0),
+        refusal(start + "text</loop-detect>", 0),
+        refusal(leaf("1", "create"), 2),
+        refusal(leaf("1", "delete"), 0),
+        refusal(empty("create"), 2),
+    };
+    for (const RpcError& error : refusals) {
+        EXPECT_EQ(error.type, NC_ERR_TYPE_APP) << error.what();
+    }
+}
+
+TEST_F(EditPlan, ElementThatIsGivenTwiceOrHoldsTextIsNamed) {
+    const std::string start = "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">";
+    for (const std::string& config : {empty() + empty(), start + "text</loop-detect>"}) {
+        const RpcError error = refusal(config, 0);
+        EXPECT_EQ(error.tag, NC_ERR_BAD_ELEM);
+        EXPECT_EQ(error.element + " " + error.path, "loop-detect /qvld:loop-detect");
+    }
+    EXPECT_EQ(refusal(start + "<loop-policy>1</loop-policy><loop-policy/></loop-detect>", 0).tag,
+              NC_ERR_BAD_ELEM);
 }
 
 TEST_F(EditPlan, WhatTakesTheContainerAwayTakesTheLeaf) {

@@ -166,6 +166,21 @@ TEST_F(FilterOfGet, WholeNodeStaysWholeWhenAPartOfItIsSelectedToo) {
               container(kPolicy + kPort1 + kPort2));
 }
 
+TEST_F(FilterOfGet, WholeContainerStaysWholeInWhateverOrder) {
+    const std::string start = "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\"";
+    const std::string whole = start + "/>";
+    const std::string part = start + "><loop-policy/></loop-detect>";
+    EXPECT_EQ(passes("<filter>" + whole + part + "</filter>"),
+              container(kPolicy + kPort1 + kPort2));
+    EXPECT_EQ(passes("<filter>" + part + whole + "</filter>"),
+              container(kPolicy + kPort1 + kPort2));
+}
+
+TEST_F(FilterOfGet, ContentMatchOfAContainerOrAListTakesNothing) {
+    EXPECT_EQ(passes(in_container("x")), "");
+    EXPECT_EQ(passes(in_container("<looped-port>x</looped-port>")), "");
+}
+
 TEST_F(FilterOfGet, SelectionOfAPartTakesNoMore) {
     EXPECT_EQ(passes(in_container("<looped-port><name/></looped-port>")),
               container("<looped-port><name>swp1</name></looped-port>"

@@ -172,6 +172,7 @@ TEST(Framing, BrokenFramesAreNamed) {
     EXPECT_EQ(fault_of("\n#99999999999999999999999\n"), kNoNumber);
     EXPECT_EQ(fault_of("\n##\n"), "a message has no chunk");
     EXPECT_EQ(fault_of("\n#2\nabc\n##\n"), kNoChunk);
+    EXPECT_EQ(fault_of("xx4\nabcd\n##\n"), kNoChunk);
 }
 
 TEST(Framing, MessageWithoutTextIsAFault) {
@@ -238,6 +239,24 @@ TEST(Framing, FramesDoNotCountTowardsTheLimit) {
     EXPECT_FALSE(framing.next());
     framing.feed(kEnd.substr(5));
     EXPECT_EQ(texts_of(framing), std::vector<std::string>{longest});
+}
+
+TEST(Framing, MessageBeyondTheLimitIsAFaultAlsoWhenItIsWhole) {
+    Framing framing;
+    framing.feed(std::string(65'537, 'x') + kEnd);
+    EXPECT_FALSE(framing.next());
+    EXPECT_STREQ(framing.fault(), kTooLong);
+}
+
+TEST(Framing, FirstFaultIsTheOneThatIsNamed) {
+    EXPECT_EQ(fault_of("\n#40000\n" + std::string(40'000, 'x') + "\n#40000\n" +
+                       std::string(40'000, 'x') + "x"),
+              kNoChunk);
+    Framing framing;
+    framing.feed(std::string(65'537, 'x') + kEnd + kEnd);
+    EXPECT_FALSE(framing.next());
+    EXPECT_FALSE(framing.next());
+    EXPECT_STREQ(framing.fault(), kTooLong);
 }
 
 TEST(Framing, NothingComesAfterAFault) {

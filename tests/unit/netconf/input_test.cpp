@@ -69,12 +69,20 @@ class InputOfASession : public testing::Test {
         }
     }
 
+    // Whether one of `events` happens on `fd`; ten seconds are more than it takes.
+    static bool arrives(int fd, short events) {
+        pollfd watched{.fd = fd, .events = events, .revents = 0};
+        const timespec limit{.tv_sec = 10, .tv_nsec = 0};
+        return ppoll(&watched, 1, &limit, nullptr) == 1;
+    }
+
     // So many bytes of what is handed on.
     std::string take(size_t length) const {
         std::string text(length, '\0');
         size_t done = 0;
-        for (ssize_t got; done < length &&
-                          (got = ::read(input_->fd(), text.data() + done, length - done)) > 0;) {
+        for (ssize_t got = 0;
+             done < length && arrives(input_->fd(), POLLIN) &&
+             (got = ::read(input_->fd(), text.data() + done, length - done)) > 0;) {
             done += static_cast<size_t>(got);
         }
         text.resize(done);
@@ -135,6 +143,33 @@ TEST_F(InputOfASession, InterruptedCallsAreRepeated) {
     send(kHello + framed("<rpc>as long as some sevens</rpc>"));
     hang_up();
     EXPECT_EQ(rest(), kHello + framed("<rpc>as long as some sevens</rpc>"));
+}
+
+TEST_F(InputOfASession, EndLeavesTheOtherDirectionOpen) {
+    start();
+    send(kHello);
+    hang_up();
+    ASSERT_TRUE(arrives(input_->fd(), POLLRDHUP));
+    pollfd end{.fd = input_->fd(), .events = POLLIN, .revents = 0};
+    EXPECT_EQ(ppoll(&end, 1, std::array<timespec, 1>{}.data(), nullptr), 1);
+    EXPECT_EQ(end.revents, POLLIN);  // no POLLHUP, which would hide the hello
+    EXPECT_EQ(rest(), kHello);
+}
+
+TEST_F(InputOfASession, ReadingEndsWhenNobodyTakesTheMessages) {
+    start();
+    const netconf::File end(dup(input_->fd()));
+    input_.reset();
+    shutdown(end.fd(), SHUT_RD);
+    send(kHello);
+    EXPECT_TRUE(arrives(end.fd(), 0));  // hung up: the thread has let go of its own end
+}
+
+TEST_F(InputOfASession, ReaderHasAStackForItsLastWords) {
+    start();
+    send(kHello);
+    EXPECT_EQ(take(kHello.size()), kHello);
+    EXPECT_TRUE(reader_has_signal_stack());
 }
 
 TEST_F(InputOfASession, SignalsAreTheMainThreadsButForThoseOfACrash) {

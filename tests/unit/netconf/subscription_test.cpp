@@ -265,6 +265,16 @@ TEST_F(Notifications, DatabaseThatStaysAwayIsLookedForLessAndLessOften) {
                              "connection"}}));
 }
 
+TEST_F(Notifications, RetryIsNeverWokenForTooEarly) {
+    Subscription subscription = subscribe();
+    peer_.reset();
+    subscription.receive();
+    advance_clock(98'500us);
+    EXPECT_EQ(subscription.retry_ms(), 2);
+    advance_clock(1ms);
+    EXPECT_EQ(subscription.retry_ms(), 1);
+}
+
 TEST_F(Notifications, RetryThatIsOverdueIsDueNow) {
     Subscription subscription = subscribe();
     peer_.reset();
