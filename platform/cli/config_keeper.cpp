@@ -273,12 +273,14 @@ void ConfigKeeper::note_journal(const std::string& trouble) {
     journal_trouble_ = trouble;
 }
 
-void ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
+bool ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
     ConfigSection section;
-    if (sections_.wish(static_cast<uint32_t>(ifx), line, section)) {
+    const bool noted = sections_.wish(static_cast<uint32_t>(ifx), line, section);
+    if (noted) {
         write_ahead(section);
         request_save();
     }
+    return noted;
 }
 
 void ConfigKeeper::keep_section(ConfigSection section) {

@@ -184,8 +184,13 @@ int run_line(SessionState& session, std::string_view line) {
     ConfigKeeper* const keeper = config_keeper();
     const uint64_t ifx = session.mode == kModeInterface ? session.ifx : 0;
     if (!ports_are_there(session)) {
-        if (keeper) {
-            keeper->note_wish(ifx, squeezed(line));
+        // Not refused: a program would go on taking the port for one that it holds shut, and might
+        // hear of the refusal only when the port is back, and up.
+        if (keeper && keeper->note_wish(ifx, squeezed(line))) {
+            if (!session.program) {
+                cli_printf("The interface is not there; it will be brought up when it is back.\n");
+            }
+            return 0;
         }
         cli_printf("%% The interface does not exist.\n");
         return -1;

@@ -163,7 +163,7 @@ TEST_F(LeavingPort, HasItsWishSavedLongAfterItLeft) {
     g_held.clear();
     rig.platform.run_for(10s);
     EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
-    EXPECT_EQ(program(102, "no shutdown"), -1);
+    EXPECT_EQ(program(102, "no shutdown"), 0);
     rig.platform.run_for(1s);
     EXPECT_EQ(saved("swp2"), " no shutdown\n");
 }
@@ -172,8 +172,22 @@ TEST_F(LeavingPort, HasAWishThatIsTypedWithMoreBlanks) {
     start();
     operator_types(102, "shutdown");
     rig.hardware.remove(102);
-    EXPECT_EQ(program(102, "no  \t shutdown"), -1);
+    EXPECT_EQ(program(102, "no  \t shutdown"), 0);
     EXPECT_EQ(last_record(), "swp2: no shutdown,");
+}
+
+TEST_F(LeavingPort, ComesUpLaterForAnOperatorWhoStandsInItsMode) {
+    start();
+    operator_types(102, "shutdown");
+    rig.session.mode = "interface";
+    rig.session.ifx = 102;
+    rig.hardware.remove(102);
+    EXPECT_EQ(rig.type("no shutdown"),
+              "The interface is not there; it will be brought up when it is back.\n");
+    rig.hardware.add("swp2", 102);
+    rig.hardware.set_admin(102, false);
+    rig.platform.run_for(1s);
+    EXPECT_TRUE(up(102));
 }
 
 // ---- Changes that no line makes ----
