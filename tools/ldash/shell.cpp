@@ -25,7 +25,8 @@ volatile std::sig_atomic_t g_interrupted = 0;
 struct Shell {
     Connection& connection;
     std::string prompt = "lda# ";
-    std::string trouble;  // set by a callback that lost the connection
+    std::string trouble;     // set by a callback that lost the connection
+    sigset_t while_waiting;  // the signals that are blocked while it waits for a key
 };
 
 Shell& shell_of(EditLine* editor) {
@@ -109,7 +110,7 @@ int next_key(EditLine* editor, wchar_t* key) {
     pollfd waiting[] = {{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
                         {.fd = shell.connection.fd(), .events = POLLIN, .revents = 0}};
     while (shell.trouble.empty()) {
-        const int ready = ::poll(waiting, 2, -1);
+        const int ready = ::ppoll(waiting, 2, nullptr, &shell.while_waiting);
         if (g_interrupted != 0) {
             g_interrupted = 0;
             *key = kKillLine;
@@ -134,12 +135,19 @@ int next_key(EditLine* editor, wchar_t* key) {
     return 0;
 }
 
-void catch_interrupts() {
+// An interrupt comes in while the shell waits for a key and at no other time: between a look at
+// g_interrupted and the wait it would be noticed with the next key only.
+void catch_interrupts(Shell& shell) {
     struct sigaction action {};
     action.sa_handler = [](int) {
         g_interrupted = 1;
     };
     sigaction(SIGINT, &action, nullptr);
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, SIGINT);
+    sigprocmask(SIG_BLOCK, &interrupt, &shell.while_waiting);
+    sigdelset(&shell.while_waiting, SIGINT);
 }
 
 struct EditorEnd {
@@ -172,9 +180,9 @@ void run_shell(Connection& connection) {
     if (!lines || !editor) {
         throw std::runtime_error("the terminal cannot be used");
     }
-    Shell shell{.connection = connection, .trouble = {}};
+    Shell shell{.connection = connection, .trouble = {}, .while_waiting = {}};
     prepare(editor.get(), lines.get(), shell);
-    catch_interrupts();
+    catch_interrupts(shell);
     connection.on_message = [](const std::string& text) {
         std::printf("\r%s\n", text.c_str());
         std::fflush(stdout);
