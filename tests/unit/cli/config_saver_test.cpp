@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <deque>
 #include <filesystem>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -64,7 +65,10 @@ class ConfigSaverTest : public ::testing::Test {
             return 0;
         };
         const auto count = [](cli_pcdb*) {
-            return ++g_globals;
+            if (++g_globals > 1000) {
+                throw std::runtime_error("saves without end");
+            }
+            return 0;
         };
         const auto visit = [](cli_pcdb* pcdb) {
             if (g_port) {
