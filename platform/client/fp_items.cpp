@@ -1,5 +1,6 @@
 #include "platform/client/fp_items.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -116,7 +117,7 @@ int build_item(fp_item* item, const char* name, uint32_t item_class, const void*
     std::memcpy(item->name, name, name_length);
     item->item_class = item_class;
     item->length = length;
-    std::memcpy(item->value, value, length);
+    std::copy_n(static_cast<const uint8_t*>(value), length, item->value);
     return 0;
 }
 

@@ -403,12 +403,14 @@ TEST(DeliveryWithoutClient, SocketThatCannotBeMadeFailsTheStart) {
     qv::test::write_text(folder.file("file"), "no folder");
     qv::test::TestPlatform platform;
     platform.settings.cli_socket = folder.file("file/cli.sock");
+    qv_thread_master* const master = qv_thread_master_create();
     testing::internal::CaptureStderr();
-    EXPECT_EQ(cli_client_init("test", qv_thread_master_create()), -1);
+    EXPECT_EQ(cli_client_init("test", master), -1);
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "test: command line: cannot listen at " +
                                                           platform.settings.cli_socket +
                                                           ": Not a directory\n");
     EXPECT_LT(cli_sub_create_session(), 0);
+    qv_thread_master_finish(master);
 }
 
 TEST(DeliveryWithoutClient, HasNoSession) {
