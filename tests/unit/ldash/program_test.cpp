@@ -267,6 +267,7 @@ TEST_F(ShellTest, MessageIsShownAndTheLineUnderIt) {
 }
 
 TEST_F(ShellTest, EndOfInputLeavesTheShell) {
+    terminal.until_keys_are_taken();
     terminal.type("\x04");
     std::string rest;
     EXPECT_EQ(terminal.wait(&rest), 0);

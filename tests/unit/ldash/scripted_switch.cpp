@@ -2,14 +2,17 @@
 
 #include <poll.h>
 #include <pty.h>
+#include <sched.h>
 #include <stdlib.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
 #include <sys/wait.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -224,6 +227,16 @@ std::string Terminal::until(const std::string& text) {
     std::string part = shown_.substr(0, place + text.size());
     shown_.erase(0, place + text.size());
     return part;
+}
+
+void Terminal::until_keys_are_taken() const {
+    termios settings{};
+    const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(kLimit.tv_sec);
+    do {
+        ::sched_yield();
+        ASSERT_EQ(::tcgetattr(screen_, &settings), 0);
+        ASSERT_LT(std::chrono::steady_clock::now(), limit) << "waited in vain for the editor";
+    } while ((settings.c_lflag & ICANON) != 0);
 }
 
 void Terminal::close() {

@@ -73,6 +73,8 @@ class Terminal {
     void type(const std::string& keys) const;
     // Everything that was shown since the last call, up to and including `text`.
     std::string until(const std::string& text);
+    // Until the program takes each key as it comes: before, the end of input is the kernel's.
+    void until_keys_are_taken() const;
     void close();
     // The exit status after the rest of what is shown, which is put into `rest`.
     int wait(std::string* rest = nullptr);
