@@ -220,6 +220,29 @@ TEST_F(Generated, ConfigurationWithinASectionOrAnotherEndsInItsOwnPlace) {
     EXPECT_EQ(inner, ports);
 }
 
+template <int number>
+int print_number(cli_pcdb* pcdb) {
+    c2p_printf(pcdb, 1, "line %d", number);
+    return 0;
+}
+
+TEST_F(Generated, NodesBehindSlotsAndPrefixesPrintToo) {
+    using namespace qv::cli;
+    const cli_node* end = end_of_line([](cli_pcdb*) { return 0; });
+    attach(CLI_CHAIN_CONFIG,
+           keyword("one", "", qv::cli::number("", 1, 9, print_config(print_number<1>, end))),
+           "test");
+    attach(CLI_CHAIN_CONFIG,
+           keyword("two", "", any_word("WORD", "", print_config(print_number<2>, end))), "test");
+    attach(CLI_CHAIN_CONFIG,
+           keyword("three", "",
+                   with_default(print_config(print_number<3>, end),
+                                with_no(print_config(print_number<4>, end), end))),
+           "test");
+    EXPECT_TRUE(in("exec", "show running-config")
+                    .starts_with("line 1\nline 2\nline 3\nline 4\ninterface swp1\n"));
+}
+
 TEST_F(Generated, IndentationBelowZeroIsNone) {
     g_print = [](cli_pcdb* pcdb) {
         if (std::string(pcdb->mode) == "interface" && pcdb->ifx == 101) {
