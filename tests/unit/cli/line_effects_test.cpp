@@ -243,6 +243,30 @@ TEST_F(Generated, NodesBehindSlotsAndPrefixesPrintToo) {
                     .starts_with("line 1\nline 2\nline 3\nline 4\ninterface swp1\n"));
 }
 
+TEST_F(Generated, NodePrintsOnceHoweverManyWaysLeadToIt) {
+    using namespace qv::cli;
+    const cli_node* end = end_of_line([](cli_pcdb*) { return 0; });
+    const cli_node* shared = print_config(print_number<1>, end);
+    static cli_node circle = *keyword("circle", "", shared);
+    circle.alternative = keyword("on", "", &circle);
+    attach(CLI_CHAIN_CONFIG, keyword("one", "", shared), "test");
+    attach(CLI_CHAIN_CONFIG, keyword("two", "", &circle), "test");
+    EXPECT_TRUE(in("exec", "show running-config").starts_with("line 1\ninterface swp1\n"));
+}
+
+TEST_F(Generated, NodesBehindOneThatPrintsDoSoAndBehindAClosedWayNoneDoes) {
+    using namespace qv::cli;
+    const cli_node* end = end_of_line([](cli_pcdb*) { return 0; });
+    attach(CLI_CHAIN_CONFIG,
+           keyword("one", "",
+                   print_config(print_number<1>,
+                                keyword("two", "", print_config(print_number<2>, end)))),
+           "test");
+    attach(CLI_CHAIN_CONFIG,
+           custom([](cli_walk*, const cli_node*) {}, print_config(print_number<3>, end)), "test");
+    EXPECT_TRUE(in("exec", "show running-config").starts_with("line 1\nline 2\ninterface swp1\n"));
+}
+
 TEST_F(Generated, IndentationBelowZeroIsNone) {
     g_print = [](cli_pcdb* pcdb) {
         if (std::string(pcdb->mode) == "interface" && pcdb->ifx == 101) {
