@@ -19,8 +19,9 @@ def lab():
 
 def connect(lab):
     client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    client.settimeout(20)
     client.connect(str(lab.cli_socket))
+    # Not before: with a timeout, connecting is refused while the agent's queue is full instead of waiting.
+    client.settimeout(20)
     return client
 
 

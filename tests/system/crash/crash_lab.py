@@ -36,8 +36,8 @@ class Session:
 
     def __init__(self, path):
         self.socket = socket.socket(socket.AF_UNIX)
-        self.socket.settimeout(10)
         self.socket.connect(str(path))
+        self.socket.settimeout(10)
         self.replies = self.socket.makefile("r")
 
     def close(self):
