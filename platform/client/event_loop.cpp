@@ -132,6 +132,9 @@ struct EventLoop::Handle::Entry {
 struct EventLoop::Impl {
     using Entry = Handle::Entry;
 
+    // Of another thread: no post, one that is still to come, one that waits in the queue.
+    enum class Expected { kNothing, kPost, kPosted };
+
     // Also what was put off: due as soon as it is taken. The qv_thread is the handle of the C
     // surface; its `func` is null for the others.
     struct Timer final : Entry, qv_thread {
@@ -201,7 +204,7 @@ struct EventLoop::Impl {
     bool asleep GUARDED_BY(mutex) = false;  // a post has to wake the loop up
 
     std::atomic<bool> stopped{false};
-    std::atomic<bool> post_expected{false};
+    std::atomic<Expected> expected{Expected::kNothing};
 };
 
 EventLoop::Impl::Impl(EventLoop& owner, Clock& used_clock) : loop(owner), clock(used_clock) {
@@ -270,6 +273,9 @@ void EventLoop::Impl::alarm_seen() {
 
 void EventLoop::Impl::take_posted() {
     const MutexLock lock(mutex);
+    if (expected == Expected::kPosted) {
+        expected = Expected::kNothing;
+    }
     for (size_t n = 0; n < kPostedPerRound && !posted.empty(); n++) {
         ready.push_back({.task = std::move(posted.front()), .timer = {}, .watch = {}});
         posted.pop_front();
@@ -343,14 +349,15 @@ void EventLoop::Impl::wait() {
 
 // Looks out for a post that is expected; true when it has come. In real time: threads take that.
 bool EventLoop::Impl::linger() {
-    if (!post_expected.load()) {
+    if (expected != Expected::kPost) {
         return anything_posted();
     }
     const auto until = std::chrono::steady_clock::now() + kLinger;
     while (!anything_posted() && !stopped.load() && std::chrono::steady_clock::now() < until) {
         sched_yield();  // the other thread may be waiting for this processor
     }
-    post_expected.store(false);
+    Expected in_vain = Expected::kPost;
+    expected.compare_exchange_strong(in_vain, Expected::kNothing);
     return anything_posted();
 }
 
@@ -428,18 +435,19 @@ void EventLoop::post(Task task) {
     if (on_loop_thread()) {
         return;  // the loop looks at the queue before it waits
     }
-    impl_->post_expected.store(false);
+    auto awaited = Impl::Expected::kPost;
+    impl_->expected.compare_exchange_strong(awaited, Impl::Expected::kPosted);
     if (std::exchange(impl_->asleep, false)) {
         impl_->wake.raise();
     }
 }
 
 void EventLoop::expect_post() {
-    impl_->post_expected.store(true);
+    impl_->expected = Impl::Expected::kPost;
 }
 
 bool EventLoop::expects_post() const {
-    return impl_->post_expected.load();
+    return impl_->expected != Impl::Expected::kNothing;
 }
 
 EventLoop::Handle EventLoop::watch(int fd, bool read, bool write, WatchCallback callback) {

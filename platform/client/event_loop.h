@@ -62,6 +62,7 @@ class EventLoop {
     // about as long. Any thread.
     static constexpr std::chrono::microseconds kLinger{80};
     void expect_post();
+    // Until that post's turn has come. Any thread.
     bool expects_post() const;
 
     // Level-triggered watch; the descriptor stays the caller's and must outlive the handle. The

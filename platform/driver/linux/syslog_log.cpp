@@ -13,34 +13,29 @@
 #include <unistd.h>
 
 namespace qv {
-namespace {
 
 // RFC 3164 section 4.1, as syslog(3) writes it: "<28>Jan  1 23:59:59 lda[4711]: text".
-std::string datagram_of(int severity, const std::string& text) {
+std::string SyslogLog::datagram_of(const Message& message) {
     // Severities of the two are the same numbers; anything else would spill into the facility bits.
-    const int priority = LOG_DAEMON | std::clamp(severity, LOG_EMERG, LOG_DEBUG);
-    const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+    const int priority = LOG_DAEMON | std::clamp(message.severity, LOG_EMERG, LOG_DEBUG);
     std::tm local{};
-    localtime_r(&now, &local);
+    localtime_r(&message.time, &local);
     static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
                                               "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
     char header[80];
     std::snprintf(header, sizeof header, "<%d>%s %2d %02d:%02d:%02d lda[%d]: ", priority,
                   kMonths[local.tm_mon], local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
                   static_cast<int>(getpid()));
-    return header + text;
+    return header + message.text;
 }
 
-std::string loss_report(uint64_t lost) {
+SyslogLog::Message SyslogLog::loss_report(uint64_t lost) {
     const std::string text = std::to_string(lost) +
                              (lost == 1 ? " message was" : " messages were") +
                              " lost while the system log could not take them.";
-    return datagram_of(
-        LOG_WARNING,
-        render({.severity = LOG_WARNING, .facility = "LOG", .mnemonic = "LOST", .text = text}));
+    return {LOG_WARNING, std::time(nullptr),
+            render({.severity = LOG_WARNING, .facility = "LOG", .mnemonic = "LOST", .text = text})};
 }
-
-}  // namespace
 
 SyslogLog::SyslogLog(std::string socket_path) : socket_path_(std::move(socket_path)) {}
 
@@ -52,17 +47,17 @@ SyslogLog::~SyslogLog() {
 }
 
 void SyslogLog::write(const SystemLogMessage& message) {
-    std::string datagram = datagram_of(message.severity, render(message));
+    Message kept{message.severity, std::time(nullptr), render(message)};
     EventLoop* loop = nullptr;
     bool late = false;
     {
         const MutexLock lock(mutex_);
         late = loop_ != nullptr && loop_->on_loop_thread() && loop_->expects_post();
-        if (!late && flush() && send_now(datagram)) {
+        if (!late && flush() && send_now(kept)) {
             return;
         }
         if (queue_.size() < kQueuedMessages) {
-            queue_.push_back(std::move(datagram));
+            queue_.push_back(std::move(kept));
         } else {
             ++lost_;
         }
@@ -147,7 +142,8 @@ bool SyslogLog::connect_now() {
 }
 
 // False when the datagram has to wait. One that can never be sent counts as lost.
-bool SyslogLog::send_now(const std::string& datagram) {
+bool SyslogLog::send_now(const Message& message) {
+    const std::string datagram = datagram_of(message);
     // A daemon that was started again has another socket: the second attempt reaches it.
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (fd_ < 0 && !connect_now()) {

@@ -7,11 +7,12 @@
 // daemon reads, else one that grows from one second to a minute. When the queue has been emptied,
 // the daemon is told how many messages were lost.
 //
-// While the loop expects another thread's post its own messages wait in the queue too: the line
-// that shuts a looped port goes before the message about it, which wakes up the daemon.
+// Messages of the loop's thread wait in the queue too while the loop expects another thread's post:
+// the line that shuts a looped port goes before the message about it, which wakes up the daemon.
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <deque>
 #include <string>
 
@@ -40,8 +41,16 @@ class SyslogLog final : public SystemLog {
     void attach(EventLoop& loop) EXCLUDES(mutex_);
 
  private:
+    struct Message {
+        int severity;
+        std::time_t time;
+        std::string text;
+    };
+
+    static std::string datagram_of(const Message& message);
+    static Message loss_report(uint64_t lost);
     bool connect_now() REQUIRES(mutex_);
-    bool send_now(const std::string& datagram) REQUIRES(mutex_);
+    bool send_now(const Message& message) REQUIRES(mutex_);
     bool flush() REQUIRES(mutex_);
     bool retry_needed() REQUIRES(mutex_);
     void flush_or_retry() EXCLUDES(mutex_);
@@ -54,9 +63,9 @@ class SyslogLog final : public SystemLog {
     EventLoop::Handle late_flush_;
 
     Mutex mutex_;
-    int fd_ GUARDED_BY(mutex_) = -1;                    // connected to the daemon
-    std::deque<std::string> queue_ GUARDED_BY(mutex_);  // oldest first
-    uint64_t lost_ GUARDED_BY(mutex_) = 0;              // since that was last reported
+    int fd_ GUARDED_BY(mutex_) = -1;                // connected to the daemon
+    std::deque<Message> queue_ GUARDED_BY(mutex_);  // oldest first
+    uint64_t lost_ GUARDED_BY(mutex_) = 0;          // since that was last reported
     EventLoop* loop_ GUARDED_BY(mutex_) = nullptr;
     bool retrying_ GUARDED_BY(mutex_) = false;  // a retry is pending on the loop
 };

@@ -154,9 +154,12 @@ TEST_F(SyslogSocketTest, MessagesWaitForThePostThatTheLoopExpects) {
     write("and another");
     EXPECT_EQ(daemon.read_all(), Lines{"%LDA-6-INFO: before"});
     std::thread([this] { loop.post([this] { write("its line has been executed"); }); }).join();
+    write("and a third");
+    EXPECT_EQ(daemon.read_all(), Lines{}) << "the post has come, its turn has not";
     test::run_ready(loop, clock);
-    EXPECT_EQ(daemon.read_all(), (Lines{"%LDA-6-INFO: a port loops", "%LDA-6-INFO: and another",
-                                        "%LDA-6-INFO: its line has been executed"}));
+    EXPECT_EQ(daemon.read_all(),
+              (Lines{"%LDA-6-INFO: a port loops", "%LDA-6-INFO: and another",
+                     "%LDA-6-INFO: and a third", "%LDA-6-INFO: its line has been executed"}));
     EXPECT_FALSE(loop.next_timer());
 }
 
