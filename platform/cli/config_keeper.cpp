@@ -237,10 +237,11 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     }
     const ShutBy owner = sections_.shut_by(ifx);
     const ConfigSection section = sections_.change_admin(*port, up, by_program);
-    if (!applying_) {
-        write_ahead(section);
-    }
+    const std::string trouble = applying_ ? "" : write_ahead(section);
     std::string reason = ports.set_admin(ifx, up);
+    if (!applying_) {
+        check_journal(trouble);
+    }
     if (!reason.empty()) {
         sections_.set_shut_by(ifx, owner);
     }
@@ -248,21 +249,31 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     return reason;
 }
 
-// The global lines come first: a program's line in a section may depend on them.
-void ConfigKeeper::write_ahead(const ConfigSection& section) {
+// The global lines come first: a program's line in a section may depend on them. An empty text when
+// done, else the reason.
+std::string ConfigKeeper::write_ahead(const ConfigSection& section) {
     if (path().empty()) {
-        return;
+        return {};
     }
     const ConfigSection global = generate_global();
     std::string text = section_text(global);
-    std::string trouble;
     const bool known =
         journal_.holds(global.port) ? text == noted_global_ : saver_.saved_global(text);
     if (!known) {
-        trouble = journal_.append(global);
+        std::string trouble = journal_.append(global);
         noted_global_ = std::move(text);
+        if (!trouble.empty()) {
+            return trouble;
+        }
     }
-    note_journal(trouble.empty() ? journal_.append(section) : trouble);
+    return journal_.append(section);
+}
+
+// After a record was written, with what write_ahead() returned.
+void ConfigKeeper::check_journal(const std::string& trouble) {
+    if (!path().empty()) {
+        note_journal(trouble.empty() ? journal_.stay_in_place() : trouble);
+    }
 }
 
 void ConfigKeeper::note_journal(const std::string& trouble) {
@@ -277,7 +288,7 @@ bool ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
     ConfigSection section;
     const bool noted = sections_.wish(static_cast<uint32_t>(ifx), line, section);
     if (noted) {
-        write_ahead(section);
+        check_journal(write_ahead(section));
         request_save();
     }
     return noted;

@@ -74,7 +74,8 @@ class ConfigKeeper final : public PortObserver {
     void run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done);
     void release(const ConfigReplay& replay);
     void apply(ConfigSection section, bool known_first);
-    void write_ahead(const ConfigSection& section);
+    std::string write_ahead(const ConfigSection& section);
+    void check_journal(const std::string& trouble);
     void note_journal(const std::string& trouble);
 
     EventLoop& loop_;

@@ -129,7 +129,7 @@ void Journal::keep(const JournalRecord& record, std::string bytes) {
 }
 
 std::string Journal::append(const ConfigSection& section) {
-    std::string trouble = size_ > room_ || !in_place() ? renew() : "";
+    std::string trouble = size_ > room_ || fd_ < 0 ? renew() : "";
     if (!trouble.empty()) {
         return trouble;
     }
@@ -143,13 +143,15 @@ std::string Journal::append(const ConfigSection& section) {
     return trouble;
 }
 
-// Whether the open file is the one that the next start will read: somebody may have removed it, or
-// put another one in its place.
 bool Journal::in_place() const {
     struct stat open {};
     struct stat named {};
     return fd_ >= 0 && ::fstat(fd_, &open) == 0 && ::lstat(path_.c_str(), &named) == 0 &&
            open.st_dev == named.st_dev && open.st_ino == named.st_ino;
+}
+
+std::string Journal::stay_in_place() {
+    return in_place() ? "" : renew();
 }
 
 std::string Journal::write(std::string_view bytes) {

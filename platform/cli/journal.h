@@ -43,8 +43,14 @@ class Journal {
     // forget(). An empty text when done, else the reason.
     std::string open(uint64_t last);
 
-    // Writes a record. An empty text when done, else the reason: then nothing was written.
+    // Writes a record to the open file. An empty text when done, else the reason: then nothing was
+    // written.
     std::string append(const ConfigSection& section);
+
+    // Writes all records anew when the open file is not the one that the next start will read:
+    // somebody may have removed it, or put another one in its place. To be called after append();
+    // the look-up is no part of it since a port waits for that. An empty text when all is well.
+    std::string stay_in_place();
 
     // The number of the record written last, 0 for none.
     uint64_t last() const { return last_; }

@@ -168,6 +168,7 @@ TEST_F(JournalTest, FileThatIsMovedAwayIsMadeAgainByTheNextSave) {
     write_text(path + ".other", "something else");
     std::filesystem::rename(path + ".other", path);
     journal.append(section("swp2", {"shutdown"}));
+    EXPECT_EQ(journal.stay_in_place(), "");
     EXPECT_EQ(told(path), (Told{record[0], "2 swp2: shutdown,"}));
 }
 
@@ -283,6 +284,7 @@ TEST_F(JournalTest, FileThatSomebodyRemovesIsMadeAgainWithAllThatIsNotSaved) {
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::remove(path);
     EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(journal.stay_in_place(), "");
     EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
 }
 
@@ -292,6 +294,7 @@ TEST_F(JournalTest, FileThatIsMadeAgainHasTheNewestRecordOfASectionAlone) {
     journal.append(section("swp1", {"no shutdown"}));
     std::filesystem::remove(path);
     EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(journal.stay_in_place(), "");
     EXPECT_EQ(told(path), (Told{"2 swp1: no shutdown,", "3 swp2: shutdown,"}));
 }
 
@@ -347,8 +350,9 @@ TEST_F(JournalTest, LinkToTheFileIsReplacedByAFile) {
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::rename(path, path + ".moved");
     std::filesystem::create_symlink(path + ".moved", path);
-    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
+    EXPECT_EQ(journal.stay_in_place(), "");
     EXPECT_FALSE(std::filesystem::is_symlink(path));
+    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
     EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
     EXPECT_EQ(told(path + ".moved"), Told{"1 swp1: shutdown,"});
 }
@@ -418,7 +422,7 @@ TEST_F(JournalTest, FileThatCannotBeWrittenToItsEndIsNotPutInPlace) {
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::remove(path);
     const qv::test::FullDisk full(10);
-    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "No space left on device");
+    EXPECT_EQ(journal.stay_in_place(), "No space left on device");
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
 }
@@ -435,10 +439,11 @@ TEST_F(JournalTest, GoesOnInItsFileOnceThatIsBack) {
     journal.append(section("swp1", {"no shutdown"}));
     std::filesystem::rename(path, path + ".moved");
     std::filesystem::create_directory(path);
-    EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "Is a directory");
+    EXPECT_EQ(journal.stay_in_place(), "Is a directory");
     std::filesystem::remove(path);
     std::filesystem::rename(path + ".moved", path);
     EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
+    EXPECT_EQ(journal.stay_in_place(), "");
     EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp1: no shutdown,", "3 swp3: shutdown,"}));
 }
 

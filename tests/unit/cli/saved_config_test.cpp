@@ -12,6 +12,7 @@
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_file.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/journal.h"
 #include "platform/cli/tarn_commands.h"
 #include "qv/cli.h"
 #include "tests/unit/cli/cli_rig.h"
@@ -259,6 +260,19 @@ TEST_F(SavedConfig, FileThatSomebodyRemovesIsSavedAgain) {
     EXPECT_TRUE(std::filesystem::exists(rig.saved() + ".journal"));
     EXPECT_EQ(log(), Lines{"CLI-4-SAVE: " + rig.saved() +
                            " was removed; the configuration is saved again."});
+}
+
+TEST_F(SavedConfig, JournalThatSomebodyRemovesIsBackWithTheNextShutdown) {
+    rig.announce_ready();
+    rig.platform.run_for(60s);
+    std::filesystem::remove(rig.saved() + ".journal");
+    rig.session.mode = "interface";
+    rig.session.ifx = 101;
+    EXPECT_EQ(rig.type("shutdown"), "");
+    const auto records = qv::cli::read_journal(rig.saved() + ".journal");
+    ASSERT_EQ(records.size(), 1U);
+    EXPECT_EQ(records[0].section.port, "swp1");
+    EXPECT_EQ(records[0].section.lines[0].text, "shutdown");
 }
 
 TEST_F(SavedConfig, FullDiskLeavesTheOldFileAndIsReportedOnceAndRetried) {
