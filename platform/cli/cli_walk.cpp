@@ -10,6 +10,7 @@ using qv::cli::Capture;
 using qv::cli::Fit;
 using qv::cli::Hint;
 using qv::cli::Offer;
+using qv::cli::Opening;
 using qv::cli::Parsed;
 using qv::cli::Place;
 
@@ -80,6 +81,12 @@ const std::vector<const cli_node*>& stops_from(const cli_node* node) {
 }
 
 }  // namespace
+
+bool cli_walk::may_begin(const Opening& opening) const {
+    const bool any = !word_ || hinting_ || generating() || opening.any_word;
+    return any || std::any_of(opening.keywords.begin(), opening.keywords.end(),
+                              [this](auto keyword) { return keyword.starts_with(word_->text); });
+}
 
 void cli_walk::visit(const cli_node* node) {
     if (!node || !node->action || depth_ >= kMaxDepth) {

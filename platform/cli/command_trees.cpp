@@ -17,6 +17,7 @@ struct Tree {
     const cli_node* root;
     bool has_no;
     bool has_default;
+    Opening opening;
 };
 
 // Whether a node with `action` can be reached from `node`.
@@ -42,6 +43,35 @@ bool contains(const cli_node* node, cli_action action) {
     return contains(node, action, seen);
 }
 
+void find_opening(const cli_node* node, std::vector<const cli_node*>& seen, Opening& opening) {
+    if (!node || node == &Tno_alt || std::find(seen.begin(), seen.end(), node) != seen.end()) {
+        return;
+    }
+    seen.push_back(node);
+    const cli_action action = node->action;
+    if (action == common_keyword_action) {
+        opening.keywords.emplace_back(static_cast<const cli_keyword_arg*>(node->argument)->keyword);
+    } else if (action == test_expression_action) {
+        const auto& test = *static_cast<const cli_test_arg*>(node->argument);
+        find_opening(test.accept, seen, opening);
+        find_opening(test.alternative, seen, opening);
+        return;
+    } else if (action == append_point_action || action == c2p_action || action == noprefix_action ||
+               action == defaultprefix_action) {
+        find_opening(node->accept, seen, opening);
+    } else {
+        opening.any_word = true;
+    }
+    find_opening(node->alternative, seen, opening);
+}
+
+Opening opening_of(const cli_node* tree) {
+    std::vector<const cli_node*> seen;
+    Opening opening;
+    find_opening(tree, seen, opening);
+    return opening;
+}
+
 // Every attachment point with its trees in the order in which they were added.
 std::map<int, std::vector<Tree>>& chains() {
     static auto& instance = *new std::map<int, std::vector<Tree>>{
@@ -58,6 +88,9 @@ std::map<int, std::vector<Tree>>& chains() {
 void visit_chain(cli_walk* walk, int chain) {
     const Place before = walk->place;
     for (const Tree& tree : chains().at(chain)) {
+        if (!walk->may_begin(tree.opening)) {
+            continue;
+        }
         walk->place.no_allowed = before.no_allowed || (tree.has_no && chain != CLI_CHAIN_DEBUG);
         walk->place.no_in_tree = tree.has_no;
         walk->place.default_in_tree = before.default_in_tree || tree.has_default;
@@ -202,7 +235,8 @@ int cli_add_command(int chain, const cli_node* root, const char*) {
     }
     found->second.push_back({.root = root,
                              .has_no = qv::cli::contains(root, noprefix_action),
-                             .has_default = qv::cli::contains(root, defaultprefix_action)});
+                             .has_default = qv::cli::contains(root, defaultprefix_action),
+                             .opening = qv::cli::opening_of(root)});
     return 0;
 }
 

@@ -3,8 +3,8 @@
 // A line is parsed word by word. At each word all nodes that can be reached are visited, and every
 // node that takes the word makes an offer; the best kind of offer wins (an exact keyword, then a
 // keyword's prefix, then a number, then any word), and its nodes are where the next word starts.
-// Two different keywords with the same prefix are an ambiguity. Generation goes
-// only to the nodes that have something to say then.
+// Two different keywords with the same prefix are an ambiguity. Generation
+// visits only the nodes that have something to say then.
 #pragma once
 
 #include <cstdint>
@@ -46,6 +46,12 @@ struct Offer {
     Place next;
 };
 
+// What the lines of a tree begin with, whatever its test nodes say.
+struct Opening {
+    bool any_word = false;  // a slot, or what only its own action knows
+    std::vector<std::string_view> keywords;
+};
+
 // One possibility for help and completion.
 struct Hint {
     std::string word;  // keyword, or how a slot is shown
@@ -72,6 +78,8 @@ struct cli_walk {
 
     // Runs the action of `node`; null and the end of a list do nothing.
     void visit(const cli_node* node);
+    // False when no line of a tree begins with the word at hand: then it need not be visited.
+    bool may_begin(const qv::cli::Opening& opening) const;
     bool generating() const { return purpose == Purpose::kGenerate; }
     bool hinting() const { return hinting_; }
 

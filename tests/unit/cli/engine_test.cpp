@@ -266,6 +266,37 @@ TEST_F(Engine, TestNodeOffersItsCommandOnlyWhereItHolds) {
     EXPECT_EQ(g_calls, std::vector<std::string>{"interface ifx=103 prefix=0 numbers=0,0 word="});
 }
 
+int g_asked = 0;
+
+int count_and_hold(cli_pcdb*) {
+    ++g_asked;
+    return 1;
+}
+
+TEST_F(Engine, TestNodeIsAskedOnlyForWordsThatItsCommandsBeginWith) {
+    static const cli_node* const number_first = number("Size", 1, 9, end_of_line(record));
+    static const cli_node* const first = keyword("alpha", "", end_of_line(record));
+    static const cli_test_arg arg = {first, &Tno_alt, count_and_hold};
+    static const cli_node test = {test_expression_action, &arg, &Tno_alt, &Tno_alt, nullptr};
+    static const cli_test_arg open_arg = {&Tno_alt, number_first, count_and_hold};
+    static const cli_node open_test = {test_expression_action, &open_arg, &Tno_alt, &Tno_alt,
+                                       nullptr};
+    g_asked = 0;
+    attach(CLI_CHAIN_INTERFACE, &test, "test");
+    rig.session.mode = "interface";
+    rig.session.ifx = 103;
+    EXPECT_EQ(rig.type("switchport mode access"), "");
+    EXPECT_EQ(g_asked, 0);
+    EXPECT_EQ(rig.type("no alp"), "% Invalid prefix: 'no' does not apply here.\n");
+    EXPECT_EQ(rig.type("alp"), "");
+    EXPECT_EQ(g_asked, 2);
+    EXPECT_EQ(qv::cli::completions(rig.session, "alp"), "alpha\n");
+    EXPECT_EQ(g_asked, 3);
+    attach(CLI_CHAIN_INTERFACE, &open_test, "test");  // any number may stand there
+    EXPECT_EQ(rig.type("switchport mode trunk"), "");
+    EXPECT_EQ(g_asked, 4);
+}
+
 TEST_F(Engine, HelpAndCompletionListWhatFitsAndCallNobody) {
     const cli_node* end = end_of_line(record);
     attach(CLI_CHAIN_CONFIG,
