@@ -209,8 +209,17 @@ void Terminal::type(const std::string& keys) const {
     EXPECT_EQ(::write(screen_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
 }
 
-// A terminal whose program has ended reads as an error.
+// A terminal whose program has ended reads as an error. One that never stops writing has failed.
 bool Terminal::read_more() {
+    constexpr size_t kMostShown = 1'000'000;
+    if (shown_.size() > kMostShown) {
+        ADD_FAILURE() << "the program never stops writing";
+        close();
+        shown_.clear();
+    }
+    if (screen_ < 0) {
+        return false;
+    }
     const std::string more = read_some(screen_, "the terminal");
     shown_ += more;
     return !more.empty();
