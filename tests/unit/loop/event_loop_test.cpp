@@ -8,6 +8,7 @@
 
 #include <array>
 #include <functional>
+#include <memory>
 #include <new>
 #include <string>
 #include <thread>
@@ -520,6 +521,19 @@ TEST(LoopLifetime, HandlesMayOutliveTheLoop) {
     EXPECT_FALSE(timer);
     EXPECT_FALSE(watch);
     timer.reset();
+}
+
+TEST(LoopLifetime, TimerThatIsDueMayOutliveTheLoop) {
+    ManualClock clock;
+    auto loop = std::make_unique<EventLoop>(clock);
+    const EventLoop::Handle first = loop->after(1s, [] {});
+    EventLoop::Handle second = loop->after(1s, [] { FAIL(); });
+    clock.advance(1s);
+    qv_thread thread;
+    ASSERT_NE(loop->fetch(&thread), nullptr);  // both wait in this round's work
+    loop.reset();
+    EXPECT_FALSE(second);
+    second.reset();
 }
 
 TEST(LoopLifetime, WhatIsPutOffMayOutliveTheLoop) {
