@@ -9,6 +9,9 @@ namespace {
 
 class RedisOnly : public Store {
  protected:
+    // How often the driver asks the server for the records of this process.
+    static constexpr std::chrono::seconds kCheckPeriod{5};
+
     qv::test::RedisServer& server() { return *world->server(); }
 
     Lines numbered_keys(int count) {
@@ -227,6 +230,7 @@ TEST_P(RedisOnly, SubscribersHearOfARecordThatIsSetAgain) {
     settle();
     g_heard.clear();
     server().run(4, {"FLUSHALL"});
+    clock.skip(kCheckPeriod);
     expect_heard("1/0/4 ifx=7 vid=1 loop=1 src=8");
     settle();
     EXPECT_EQ(take_heard(), Lines{"1/0/4 ifx=7 vid=1 loop=1 src=8"});
@@ -241,6 +245,7 @@ TEST_P(RedisOnly, EmptiedServerGetsTheRecordsOfEveryDatabaseAgain) {
     ASSERT_EQ(qv_mom_set(client, 22, LoopInfo(7, 1, 1, 8).record(), 0, 0), 0);
     settle();
     server().run(4, {"FLUSHALL"});
+    clock.skip(kCheckPeriod);
     EXPECT_TRUE(world->run_until([&] { return world->keys(22).size() == 1; }));
     EXPECT_TRUE(world->run_until([&] { return world->keys(4).size() == 2; }));
     EXPECT_EQ(take_heard(), Lines{});
@@ -252,6 +257,7 @@ TEST_P(RedisOnly, RefusedSetIsMadeUpForOnceTheServerHasRoom) {
     ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), 0);
     EXPECT_TRUE(world->run_until([&] { return platform.log.lines().size() == 1; }));
     server().run(4, {"CONFIG", "SET", "maxmemory", "0"});
+    clock.skip(kCheckPeriod);
     EXPECT_TRUE(world->run_until([&] { return world->keys(4).size() == 1; }));
 }
 

@@ -200,7 +200,7 @@ void Store::SetUp() {
         GTEST_SKIP() << "redis-server is not installed";
     }
     if (redis) {
-        platform.clock_in_use = &real_clock;
+        platform.clock_in_use = &clock;
     }
     master = qv_thread_master_create();
     ASSERT_NE(master, nullptr);
