@@ -45,13 +45,15 @@ def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
           f"of the ring alone {over.softirq.usual:.2f}")
     assert 8 <= took <= 16
     assert DETECTED.format("swp1") in lab.log()
-    assert unwatched.flooded.average > SPEED / 2 and metered.received.average > SPEED / 2, "there was a storm"
+    # How fast the ring turns depends on what else the machine does; what follows holds at any speed above this.
+    storm = 10 * RATE
+    assert unwatched.flooded.average > storm and metered.received.average > storm, "there was a storm"
     # Four seconds of the meter at once, then its rate.
     assert RATE < metered.flooded.average < (8 * RATE / 6 + 2 * RATE) * 1.2
     assert over.received.average == 0 and over.flooded.average == 0
-    assert over.outside.average > SPEED / 2
-    # Also with what the ring itself costs, which goes on as before.
-    assert metered.softirq.usual <= unwatched.softirq.usual / 3
+    assert over.outside.average > storm
+    # Of each frame, also with what the ring itself costs, which goes on as before.
+    assert metered.softirq.usual / metered.received.usual <= unwatched.softirq.usual / unwatched.received.usual / 3
     assert metered.agent.average < 0.1 and over.agent.average < 0.1
     assert [port for port in lab.port_names if not lab.is_up(port)] == ["swp1"]
 
