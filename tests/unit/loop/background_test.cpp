@@ -20,7 +20,10 @@ using Lines = std::vector<std::string>;
 
 struct Worker : testing::Test {
     Worker() { alarm(30); }
-    ~Worker() override { alarm(0); }
+    ~Worker() override {
+        worker.reset();
+        alarm(0);
+    }
 
     qv::test::ManualClock clock;
     qv::EventLoop loop{clock};
