@@ -64,6 +64,9 @@ void run_for(EventLoop& loop, ManualClock& clock, Duration step) {
     while (loop.next_timer() && *loop.next_timer() <= end) {
         clock.advance_to(*loop.next_timer());
         run_ready(loop, clock);
+        if (loop.next_timer() && *loop.next_timer() <= clock.now()) {
+            throw std::runtime_error("test: a timer that is due does not fire");
+        }
     }
     clock.advance_to(end);
 }
