@@ -120,7 +120,7 @@ def test_sessions_that_come_and_go_leave_nothing_behind(front):
                 assert "<ok/>" in session.rpc("<close-session/>")
             else:
                 session.process.stdin.close()
-            assert session.process.wait(timeout=10) == 0
+            assert session.process.wait(timeout=20) == 0
 
     with concurrent.futures.ThreadPoolExecutor(4) as pool:
         assert len(list(pool.map(cycle, range(CYCLES)))) == CYCLES
@@ -199,7 +199,7 @@ def test_session_limits_itself(front):
 def test_name_from_a_client_is_logged_in_plain_letters(front):
     with front.raw(hello=False) as session:
         session.send(f'<hello xmlns="{BASE}"><c\u00f6ps\u3042><a/></c\u00f6ps\u3042></hello>]]>]]>'.encode())
-        assert session.process.wait(timeout=5) == 1
+        assert session.process.wait(timeout=20) == 1
         lines = [line for line in front.log().splitlines() if f"session {session.session_id} (" in line]
     assert lines[-2].endswith("): Unexpected <c??ps???> element in client <hello>.")
     assert lines[-1].endswith("): ended: the client's hello makes no sense")
@@ -251,14 +251,14 @@ def test_client_of_the_first_version_is_served_in_its_framing(front):
 def test_hello_that_must_not_be_taken_ends_the_session(front, version, more):
     with front.raw(hello=False) as session:
         session.send((HELLO % (version, more)).encode())
-        assert session.process.wait(timeout=5) == 1
+        assert session.process.wait(timeout=20) == 1
         assert front.log().splitlines()[-1].endswith("ended: the client's hello makes no sense")
 
 
 def test_hello_without_an_end_ends_the_session(front):
     with front.raw(hello=False) as session:
         session.send(b"x" * (64 * 1024 + 6))
-        assert session.process.wait(timeout=5) == 1
+        assert session.process.wait(timeout=20) == 1
         assert front.log().splitlines()[-1].endswith("ended: a message is longer than 64 KiB")
 
 
@@ -273,7 +273,7 @@ def test_broken_frame_ends_the_session_with_its_reason(front, sent, told):
     with front.raw() as session:
         session.rpc("<get/>")
         session.send(sent)
-        assert session.process.wait(timeout=5) == 1
+        assert session.process.wait(timeout=20) == 1
         assert f"session {session.session_id} (" in front.log()
         assert front.log().splitlines()[-1].endswith(told)
 
@@ -301,7 +301,7 @@ def test_session_that_is_told_to_end_says_so(front, number):
     with front.raw() as session:
         session.rpc("<get/>")
         session.process.send_signal(number)
-        assert session.process.wait(timeout=5) == 0
+        assert session.process.wait(timeout=20) == 0
         assert front.log().splitlines()[-1].endswith(f"session {session.session_id} ({USER}): terminated from outside")
 
 
@@ -312,7 +312,7 @@ def test_crash_of_the_reading_thread_is_told(front):
         pid = session.process.pid
         reader = next(int(task) for task in os.listdir(f"/proc/{pid}/task") if int(task) != pid)
         assert ctypes.CDLL(None).syscall(TGKILL, pid, reader, signal.SIGSEGV) == 0
-        assert session.process.wait(timeout=5) == 1
+        assert session.process.wait(timeout=20) == 1
         assert front.log().splitlines()[-1].endswith("ended: a message broke the parser (memory)")
 
 
@@ -321,7 +321,7 @@ def test_client_that_will_never_read_again_is_gone(front):
     with front.raw() as session:
         session.rpc(f'<create-subscription xmlns="{EVENT}"/>')
         session.process.stdout.close()
-        assert session.process.wait(timeout=5) == 0
+        assert session.process.wait(timeout=20) == 0
         assert front.log().splitlines()[-1].endswith("ended: the client went away")
 
 
@@ -329,7 +329,7 @@ def test_input_that_ends_within_a_message_is_told(front):
     with front.raw() as session:
         session.send(b"\n#10\n<rpc")
         session.process.stdin.close()
-        assert session.process.wait(timeout=5) == 1
+        assert session.process.wait(timeout=20) == 1
     assert front.log().splitlines()[-1].endswith("ended: the input ends within a message")
 
 
