@@ -60,7 +60,8 @@ namespace {
 // A descriptor that becomes readable once, after some real time.
 struct Bell {
     explicit Bell(std::chrono::nanoseconds delay) {
-        const itimerspec due = {.it_interval = {0, 0}, .it_value = {0, delay.count()}};
+        const itimerspec due = {.it_interval = {0, 0},
+                                .it_value = {delay / 1s, (delay % 1s).count()}};
         EXPECT_EQ(timerfd_settime(fd, 0, &due, nullptr), 0);
     }
     ~Bell() { close(fd); }
@@ -205,9 +206,11 @@ TEST(LoopWait, AlarmThatHasGoneOffWakesNobodyAgain) {
 TEST(LoopWait, PostsThatWakeTheLoopLeaveItAsleepAfterwards) {
     CountingClock clock;
     EventLoop loop(clock);
-    const Pipe pipe;
-    EventLoop::Handle watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
-    const Rescue rescue(loop);
+    const Bell bell(60s);
+    EventLoop::Handle watch = loop.watch(bell.fd, true, false, [&](EventLoop::Ready) {
+        ADD_FAILURE() << "a post woke nobody";
+        loop.stop();
+    });
     constexpr int kPosts = 300;
     std::atomic<int> ran = 0;
     std::thread other([&] {
@@ -251,6 +254,18 @@ TEST_F(Loop, TimerThatBecomesDueAsTheLoopIsAboutToWaitEndsTheWait) {
         qv_thread_call(&thread);
     }
     EXPECT_EQ(seen, (Seen{"descriptor", "fired"}));
+}
+
+TEST_F(Loop, StopInTheLastMomentEndsTheWait) {
+    const Pipe pipe;
+    const auto watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
+    clock.on_idle = [this] {
+        loop.stop();
+        return false;
+    };
+    const Rescue rescue(loop);
+    qv_thread thread{};
+    EXPECT_EQ(loop.fetch(&thread), nullptr);
 }
 
 TEST_F(Loop, DescriptorThatEndsTheWaitIsReportedOnce) {
