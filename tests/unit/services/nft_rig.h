@@ -154,9 +154,7 @@ struct NftForwardingTest : testing::Test {
         ports[phyid] = Port{.ifx = if_nametoindex(name.c_str()), .phyid = phyid, .name = name};
     }
 
-    bool wait_for(const std::function<bool()>& done) {
-        return test::run_until(loop, done, std::chrono::seconds(300));
-    }
+    bool wait_for(const std::function<bool()>& done) { return test::run_until(loop, done); }
 
     void turn_for(Duration time) {
         bool over = false;
