@@ -45,6 +45,8 @@ class Data : public testing::Test {
                                    .subscription = nullptr});
     }
 
+    void TearDown() override { nc_server_destroy(); }
+
     void publish_policy(uint32_t policy) {
         PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
         record.loop_policy_cli = policy;
