@@ -1,0 +1,469 @@
+// A session from its hello to its end: sockets take the place of standard input and output, and
+// whenever the session sleeps the client's side takes its next step.
+#include "services/netconf/session.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <array>
+#include <chrono>
+#include <cstdio>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "tests/unit/netconf/database_peer.h"
+#include "tests/unit/netconf/intercepted.h"
+#include "tests/unit/netconf/served_session.h"
+
+using namespace netconf::test;
+using namespace std::chrono_literals;
+using netconf::Context;
+using netconf::File;
+using netconf::Options;
+using netconf::SessionNumber;
+
+namespace {
+
+using Lines = std::vector<LogLine>;
+
+const std::string kGet = "<get-config><source><running/></source></get-config>";
+const std::string kClose = "<close-session/>";
+const std::string kSubscribe =
+    "<create-subscription xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\"/>";
+const LogLine kBegins{LOG_INFO, "begins"};
+const LogLine kClosed{LOG_INFO, "closed"};
+const LogLine kWentAway{LOG_INFO, "ended: the client went away"};
+
+// What a sleeping session waits for.
+struct Sleep {
+    short input;
+    short output;
+    bool notices;
+    int limit_ms;
+    bool operator==(const Sleep&) const = default;
+};
+constexpr Sleep kIdle{POLLIN, 0, false, -1};
+constexpr Sleep kListening{POLLIN, 0, true, -1};
+constexpr Sleep kBlocked{0, POLLOUT, true, -1};
+
+class SessionOfAClient : public testing::Test {
+ protected:
+    // Returns whether something arrives for the session; if not, its sleep ends with its limit.
+    using Action = std::function<bool()>;
+
+    void SetUp() override {
+        reset_interception();
+        connect(STDIN_FILENO, 0);
+        connect(STDOUT_FILENO, 1);
+        peer_ = std::make_unique<DatabasePeer>(folder_.path("redis.sock"));
+        options_.redis_socket = peer_->socket();
+        options_.runtime_dir = folder_.path("run");
+        number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
+        on_poll([this](pollfd* watched, nfds_t count, int timeout_ms) {
+            return count == 1 ? poll_for(watched, count, 0s) : sleep(watched, timeout_ms);
+        });
+    }
+
+    void TearDown() override { nc_server_destroy(); }
+
+    void send(const std::string& bytes) {
+        ASSERT_EQ(::write(input_.fd(), bytes.data(), bytes.size()),
+                  static_cast<ssize_t>(bytes.size()));
+    }
+    void then(Action action) { actions_.push_back(std::move(action)); }
+    void then_send(const std::string& bytes) {
+        then([this, bytes] {
+            send(bytes);
+            return true;
+        });
+    }
+    void then_publish(const std::vector<std::string>& ports) {
+        then([this, ports] {
+            publish(ports);
+            return true;
+        });
+    }
+    void then_hang_up() {
+        then([this] {
+            input_ = File();
+            return true;
+        });
+    }
+    void then_read() {
+        then([this] {
+            read_output();
+            return true;
+        });
+    }
+    // A few at a time: the test would wait for the session while the session waits for the test.
+    void then_leave_a_thousand_unread() {
+        for (int n = 0; n < 10; n++) {
+            then([this] {
+                stuff_output();
+                publish(std::vector<std::string>(100, "swp1"));
+                return true;
+            });
+        }
+    }
+    void publish(const std::vector<std::string>& ports) {
+        for (const std::string& port : ports) {
+            peer_->publish("mom/3/p_nc.notification", '\2' + loop_on(port));
+        }
+    }
+
+    // Runs the session to its end. Its exit status; -1 when it threw, see thrown_.
+    int run() {
+        fflush(stdout);
+        const File usual_input(dup(STDIN_FILENO));
+        const File usual_output(dup(STDOUT_FILENO));
+        dup2(servers_[0].fd(), STDIN_FILENO);
+        dup2(servers_[1].fd(), STDOUT_FILENO);
+        int status = -1;
+        try {
+            status = run_session(options_, context_.get(), *number_, "admin");
+        } catch (const std::runtime_error& error) {
+            thrown_ = error.what();
+        }
+        dup2(usual_output.fd(), STDOUT_FILENO);
+        dup2(usual_input.fd(), STDIN_FILENO);
+        servers_ = {};
+        input_ = File();
+        read_output();
+        return status;
+    }
+
+    // Takes what the session has written so far.
+    void read_output() {
+        std::array<char, 65536> bytes;
+        ssize_t length = 0;
+        while (output_.open() &&
+               (length = recv(output_.fd(), bytes.data(), bytes.size(), MSG_DONTWAIT)) > 0) {
+            written_.append(bytes.data(), static_cast<size_t>(length));
+        }
+    }
+
+    // The names of the ports in the notifications that were written.
+    std::vector<std::string> ports_told() const {
+        std::vector<std::string> ports;
+        for (size_t at = 0; (at = written_.find("<name>", at)) != std::string::npos; at += 6) {
+            ports.push_back(written_.substr(at + 6, written_.find('<', at + 6) - at - 6));
+        }
+        return ports;
+    }
+    size_t replies() const {
+        size_t count = 0;
+        for (size_t at = 0; (at = written_.find("<rpc-reply", at)) != std::string::npos; at++) {
+            count++;
+        }
+        return count;
+    }
+
+    // Fills the connection to the client until it takes no more.
+    void stuff_output() {
+        const std::string junk(1024, ' ');
+        while (::send(servers_[1].fd(), junk.data(), junk.size(), MSG_DONTWAIT) > 0) {
+        }
+    }
+
+    Folder folder_;
+    std::unique_ptr<DatabasePeer> peer_;
+    const Context context_ = netconf::load_modules(YANG_DIR);
+    Options options_;
+    std::unique_ptr<SessionNumber> number_;
+    File input_;  // the client's ends
+    File output_;
+    std::vector<Sleep> sleeps_;
+    std::string written_;
+    std::string thrown_;
+
+ private:
+    void connect(int fd, size_t index) {
+        std::array<int, 2> ends{};
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
+        (fd == STDIN_FILENO ? input_ : output_) = File(ends[0]);
+        servers_[index] = File(ends[1]);
+    }
+
+    static int poll_for(pollfd* watched, nfds_t count, std::chrono::seconds limit) {
+        const timespec time{.tv_sec = limit.count(), .tv_nsec = 0};
+        return ppoll(watched, count, &time, nullptr);
+    }
+
+    int sleep(pollfd* watched, int limit_ms) {
+        const int ready = poll_for(watched, 3, 0s);
+        if (ready != 0) {
+            return ready;
+        }
+        sleeps_.push_back({.input = watched[0].events,
+                           .output = watched[1].events,
+                           .notices = watched[2].fd >= 0,
+                           .limit_ms = limit_ms});
+        if (actions_.empty()) {
+            if (poll_for(watched, 3, 10s) > 0) {  // sent, but on its way still
+                return 1;
+            }
+            throw std::runtime_error("the session sleeps for ever");
+        }
+        const Action action = std::move(actions_.front());
+        actions_.pop_front();
+        return action() ? poll_for(watched, 3, 10s) : 0;
+    }
+
+    std::array<File, 2> servers_;  // the session's ends
+    std::deque<Action> actions_;
+};
+
+TEST_F(SessionOfAClient, SaysHelloWithItsNumberAndServesUntilItIsClosed) {
+    send(hello());
+    then_send(request(kGet, "one"));
+    then_send(request(kClose, "two"));
+    EXPECT_EQ(run(), 0);
+    EXPECT_NE(written_.find("<session-id>" + std::to_string(number_->id()) + "</session-id>"),
+              std::string::npos)
+        << written_;
+    EXPECT_EQ(replies(), 2U);
+    const size_t first = written_.find("message-id=\"one\"");
+    ASSERT_NE(first, std::string::npos);
+    EXPECT_NE(written_.find("message-id=\"two\"", first), std::string::npos);
+    EXPECT_EQ(logged(), (Lines{kBegins, kClosed}));
+    EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kIdle}));
+}
+
+TEST_F(SessionOfAClient, EndsWhenTheClientGoesAway) {
+    send(hello());
+    then_send(request(kGet));
+    then_hang_up();
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(replies(), 1U);
+    const Lines lines = logged();
+    ASSERT_EQ(lines.size(), 3U);
+    EXPECT_EQ(lines[0], kBegins);
+    EXPECT_EQ(lines[1].priority, LOG_INFO);  // the library's own words
+    EXPECT_TRUE(lines[1].text.ends_with(" unexpectedly closed.")) << lines[1].text;
+    EXPECT_EQ(lines[2], kWentAway);
+}
+
+TEST_F(SessionOfAClient, EndsWhenNobodyReadsItsAnswers) {
+    send(hello());
+    then_send(request(kGet));
+    then([this] {
+        output_ = File();
+        return true;
+    });
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(logged(), (Lines{kBegins, kWentAway}));
+}
+
+TEST_F(SessionOfAClient, RequestsBeforeTheHangUpAreServed) {
+    send(hello() + request(kGet) + request(kGet));
+    input_ = File();
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(replies(), 2U);
+}
+
+TEST_F(SessionOfAClient, RequestThatIsRefusedDoesNotEndIt) {
+    send(hello());
+    then_send(request("<lock><target/></lock>"));
+    then_send(request(kGet));
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(replies(), 3U);
+    EXPECT_NE(written_.find("<error-tag>bad-element</error-tag>"), std::string::npos);
+}
+
+TEST_F(SessionOfAClient, EndWithinAMessageIsTheClientsFault) {
+    send(hello());
+    then_send(request(kGet));
+    then([this] {
+        send("<rpc");
+        input_ = File();
+        return true;
+    });
+    EXPECT_EQ(run(), 1);
+    ASSERT_FALSE(logged().empty());
+    EXPECT_EQ(logged().back(), (LogLine{LOG_WARNING, "ended: the input ends within a message"}));
+}
+
+TEST_F(SessionOfAClient, BrokenFrameEndsIt) {
+    send(hello("urn:ietf:params:netconf:base:1.1"));
+    then_send("\n#x\n");
+    EXPECT_EQ(run(), 1);
+    ASSERT_FALSE(logged().empty());
+    EXPECT_EQ(
+        logged().back(),
+        (LogLine{LOG_WARNING, "ended: the framing is broken: no chunk begins where one should"}));
+}
+
+TEST_F(SessionOfAClient, MessageThatIsNoXmlIsAnsweredWithAnError) {
+    send(hello("urn:ietf:params:netconf:base:1.1"));
+    then_send("\n#10\nno request\n##\n");
+    const std::string close = request(kClose);
+    const std::string text = close.substr(0, close.size() - 6);
+    then_send("\n#" + std::to_string(text.size()) + "\n" + text + "\n##\n");
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(replies(), 2U);
+    EXPECT_NE(written_.find("<error-tag>malformed-message</error-tag>"), std::string::npos);
+    EXPECT_EQ(logged(), (Lines{kBegins, kClosed}));
+}
+
+TEST_F(SessionOfAClient, ReasonWhyItNeverBeganIsLogged) {
+    send(hello("urn:ietf:params:netconf:base:2.0"));
+    EXPECT_EQ(run(), 1);
+    ASSERT_FALSE(logged().empty());
+    EXPECT_EQ(logged().back(), (LogLine{LOG_WARNING, "ended: the client's hello makes no sense"}));
+}
+
+TEST_F(SessionOfAClient, ClientWithoutAHelloHasGone) {
+    input_ = File();
+    EXPECT_EQ(run(), 1);
+    ASSERT_FALSE(logged().empty());
+    EXPECT_EQ(logged().back(),
+              (LogLine{LOG_WARNING, "ended: the client went before its hello was complete"}));
+}
+
+TEST_F(SessionOfAClient, HelloThatBreaksOffIsNamed) {
+    send("<hello");
+    input_ = File();
+    EXPECT_EQ(run(), 1);
+    ASSERT_FALSE(logged().empty());
+    EXPECT_EQ(logged().back(), (LogLine{LOG_WARNING, "ended: the input ends within a message"}));
+}
+
+TEST_F(SessionOfAClient, ClientHasHalfAMinuteForItsHello) {
+    std::vector<std::string> users;
+    on_accept([&](const std::string& user) -> std::optional<NC_MSG_TYPE> {
+        if (user == "nobody") {
+            return std::nullopt;
+        }
+        users.push_back(user);
+        return NC_MSG_WOULDBLOCK;
+    });
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(users, std::vector<std::string>{"admin"});
+    EXPECT_EQ(hello_limit_s(), 30);
+    EXPECT_EQ(alarms(), (std::vector<unsigned>{60, 0}));
+    EXPECT_EQ(logged(), (Lines{{LOG_WARNING, "ended: the client sent no hello in time"}}));
+}
+
+TEST_F(SessionOfAClient, EachAnswerHasHalfAMinute) {
+    send(hello());
+    then_send(request(kGet));
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(alarms(), (std::vector<unsigned>{60, 0, 30, 0, 30, 0}));
+}
+
+TEST_F(SessionOfAClient, NumberIsThatOfTheOtherSessionsFile) {
+    send(hello());
+    on_accept([](const std::string& user) -> std::optional<NC_MSG_TYPE> {
+        if (user == "admin") {  // somebody has come in between
+            const File nobody(open("/dev/null", O_RDWR | O_CLOEXEC));
+            nc_session* refused = nullptr;
+            nc_accept_inout(nobody.fd(), nobody.fd(), "nobody", &refused);
+            nc_session_free(refused, nullptr);
+        }
+        return std::nullopt;
+    });
+    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(thrown_, "libnetconf2 counts sessions in another way");
+}
+
+TEST_F(SessionOfAClient, NotificationsAreSentBetweenRequests) {
+    send(hello());
+    then_send(request(kSubscribe));
+    then_publish({"swp1", "swp2", "swp3"});
+    then_send(request(kGet));
+    then_publish({"swp4"});
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(ports_told(), (std::vector<std::string>{"swp1", "swp2", "swp3", "swp4"}));
+    EXPECT_NE(written_.find("<eventTime>2026-01-02T03:04:05.678Z</eventTime>"), std::string::npos);
+    EXPECT_EQ(replies(), 3U);
+    EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kListening, kListening, kListening, kListening}));
+    // The hello, three requests and four notifications.
+    EXPECT_EQ(alarms(),
+              (std::vector<unsigned>{60, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0}));
+}
+
+TEST_F(SessionOfAClient, ClientThatDoesNotReadIsWaitedForWithItsRequests) {
+    send(hello());
+    then_send(request(kSubscribe));
+    then([this] {
+        stuff_output();
+        publish({"swp1", "swp2"});
+        return true;
+    });
+    then_read();
+    then_send(request(kGet));
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(ports_told(), (std::vector<std::string>{"swp1", "swp2"}));
+    EXPECT_EQ(replies(), 3U);
+    EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kListening, kBlocked, kListening, kListening}));
+}
+
+TEST_F(SessionOfAClient, ClientThatLeavesAThousandUnreadHasFiveSeconds) {
+    send(hello());
+    then_send(request(kSubscribe));
+    then_leave_a_thousand_unread();
+    then([] { return false; });
+    EXPECT_EQ(run(), 1);
+    ASSERT_EQ(sleeps_.size(), 12U);
+    EXPECT_EQ(sleeps_[10], kBlocked);
+    EXPECT_EQ(sleeps_[11], (Sleep{0, POLLOUT, false, 5000}));
+    EXPECT_EQ(
+        logged(),
+        (Lines{kBegins, {LOG_WARNING, "ended: the client leaves 1000 notifications unread"}}));
+}
+
+TEST_F(SessionOfAClient, ClientThatReadsInTimeMissesNothing) {
+    send(hello());
+    then_send(request(kSubscribe));
+    then_leave_a_thousand_unread();
+    then([this] {
+        publish({"last"});
+        read_output();
+        return true;
+    });
+    for (int n = 0; n < 100; n++) {
+        then([this] {
+            read_output();
+            return ports_told().size() < 1001;
+        });
+    }
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    ASSERT_EQ(ports_told().size(), 1001U);
+    EXPECT_EQ(ports_told().back(), "last");
+}
+
+TEST_F(SessionOfAClient, DatabaseThatComesBackIsListenedToAgain) {
+    freeze_clock();
+    send(hello());
+    then_send(request(kSubscribe));
+    then([this] {
+        peer_->hang_up();
+        return true;
+    });
+    then([] {
+        advance_clock(100ms);
+        return false;
+    });
+    then_publish({"swp1"});
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(ports_told(), std::vector<std::string>{"swp1"});
+    EXPECT_EQ(sleeps_, (std::vector<Sleep>{
+                           kIdle, kListening, {POLLIN, 0, false, 100}, kListening, kListening}));
+}
+
+}  // namespace
