@@ -36,6 +36,7 @@ struct State {
     std::string error_xml;
     std::vector<unsigned> alarms;
     int hello_limit_s = 0;
+    bool notifications_fail = false;
     std::function<std::optional<NC_MSG_TYPE>(const std::string&)> accept_hook;
 };
 
@@ -171,6 +172,10 @@ void on_accept(std::function<std::optional<NC_MSG_TYPE>(const std::string&)> hoo
     g_state.accept_hook = std::move(hook);
 }
 
+void fail_notifications() {
+    g_state.notifications_fail = true;
+}
+
 std::string last_error_xml() {
     return g_state.error_xml;
 }
@@ -183,6 +188,7 @@ extern "C" {
 
 struct nc_server_reply;
 struct nc_session;
+struct nc_server_notif;
 
 int __real_poll(pollfd* watched, nfds_t count, int timeout_ms);
 int __real_nanosleep(const timespec* wanted, timespec* left);
@@ -195,6 +201,7 @@ redisContext* __real_redisConnectUnixWithTimeout(const char* path, timeval limit
 int __real_redisSetTimeout(redisContext* context, timeval limit);
 nc_server_reply* __real_nc_server_reply_err(lyd_node* error);
 NC_MSG_TYPE __real_nc_accept_inout(int input, int output, const char* user, nc_session** session);
+NC_MSG_TYPE __real_nc_server_notif_send(nc_session* session, nc_server_notif* notice, int limit_ms);
 // std::chrono::steady_clock::now()
 std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
 
@@ -320,6 +327,12 @@ void __wrap_nc_server_set_hello_timeout(uint16_t seconds) {
 NC_MSG_TYPE __wrap_nc_accept_inout(int input, int output, const char* user, nc_session** session) {
     const auto result = g_state.accept_hook ? g_state.accept_hook(user) : std::nullopt;
     return result ? *result : __real_nc_accept_inout(input, output, user, session);
+}
+
+NC_MSG_TYPE __wrap_nc_server_notif_send(nc_session* session, nc_server_notif* notice,
+                                        int limit_ms) {
+    return g_state.notifications_fail ? NC_MSG_ERROR
+                                      : __real_nc_server_notif_send(session, notice, limit_ms);
 }
 
 }  // extern "C"

@@ -80,6 +80,9 @@ int hello_limit_s();
 // nc_accept_inout().
 void on_accept(std::function<std::optional<NC_MSG_TYPE>(const std::string& user)> hook);
 
+// Sending a notification fails from now on.
+void fail_notifications();
+
 // The <rpc-error> that was last made into a reply, as XML.
 std::string last_error_xml();
 

@@ -69,7 +69,7 @@ class SessionOfAClient : public testing::Test {
         options_.runtime_dir = folder_.path("run");
         number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
         on_poll([this](pollfd* watched, nfds_t count, int timeout_ms) {
-            return count == 1 ? poll_for(watched, count, 0s) : sleep(watched, timeout_ms);
+            return count == 1 ? look_at_output(watched) : sleep(watched, timeout_ms);
         });
     }
 
@@ -184,6 +184,7 @@ class SessionOfAClient : public testing::Test {
     std::vector<Sleep> sleeps_;
     std::string written_;
     std::string thrown_;
+    bool output_breaks_ = false;
 
  private:
     void connect(int fd, size_t index) {
@@ -191,6 +192,15 @@ class SessionOfAClient : public testing::Test {
         ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
         (fd == STDIN_FILENO ? input_ : output_) = File(ends[0]);
         servers_[index] = File(ends[1]);
+    }
+
+    // The client may go away behind the session's back, right after this look.
+    int look_at_output(pollfd* watched) {
+        const int ready = poll_for(watched, 1, 0s);
+        if (output_breaks_) {
+            output_ = File();
+        }
+        return ready;
     }
 
     static int poll_for(pollfd* watched, nfds_t count, std::chrono::seconds limit) {
@@ -392,6 +402,33 @@ TEST_F(SessionOfAClient, NotificationsAreSentBetweenRequests) {
     // The hello, three requests and four notifications.
     EXPECT_EQ(alarms(),
               (std::vector<unsigned>{60, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0}));
+}
+
+TEST_F(SessionOfAClient, ClientMayGoAwayAmongItsNotifications) {
+    send(hello());
+    then_send(request(kSubscribe));
+    then([this] {
+        publish({"swp1", "swp2", "swp3"});
+        output_breaks_ = true;
+        return true;
+    });
+    EXPECT_EQ(run(), 0);
+    ASSERT_FALSE(logged().empty());
+    EXPECT_EQ(logged().back(), kWentAway);
+}
+
+TEST_F(SessionOfAClient, NotificationThatCannotBeSentEndsIt) {
+    send(hello());
+    then_send(request(kSubscribe));
+    then([this] {
+        fail_notifications();
+        publish({"swp1", "swp2"});
+        return true;
+    });
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(alarms(), (std::vector<unsigned>{60, 0, 30, 0, 30, 0}));  // the second is not tried
+    EXPECT_EQ(logged(),
+              (Lines{kBegins, {LOG_WARNING, "ended: the client's input makes no sense"}}));
 }
 
 TEST_F(SessionOfAClient, ClientThatDoesNotReadIsWaitedForWithItsRequests) {
