@@ -98,18 +98,23 @@ class Kills : public ServedSession {
     void SetUp() override {
         ServedSession::SetUp();
         child_ = fork();
+        ASSERT_GE(child_, 0);
         if (child_ == 0) {
             pause();
             _exit(0);
         }
+        // The number between the two sessions belongs to nobody.
         between_ = std::make_unique<SessionNumber>(runtime_dir(), "between");
+        std::ofstream(runtime_dir() + "/session-" + std::to_string(between_->id())) << "nobody\n";
         other_ = std::make_unique<SessionNumber>(runtime_dir(), "other");
         std::ofstream(runtime_dir() + "/session-" + other())
             << child_ << " 2026-01-02T03:04:05Z other\n";
     }
     void TearDown() override {
-        ::kill(child_, SIGKILL);
-        waitpid(child_, nullptr, 0);
+        if (child_ > 0) {
+            ::kill(child_, SIGKILL);
+            waitpid(child_, nullptr, 0);
+        }
         ServedSession::TearDown();
     }
 

@@ -116,8 +116,10 @@ void ServedSession::accept() {
 }
 
 void ServedSession::TearDown() {
-    nc_ps_clear(polled_, 1, nullptr);
-    nc_ps_free(polled_);
+    if (polled_ != nullptr) {
+        nc_ps_clear(polled_, 1, nullptr);
+        nc_ps_free(polled_);
+    }
     nc_server_destroy();  // while the modules are still there
     close(client_);
     close(server_);
