@@ -1,6 +1,8 @@
 #include "tests/unit/netconf/intercepted.h"
 
 #include <hiredis/hiredis.h>
+#include <pwd.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -34,9 +36,15 @@ struct State {
     ConnectionLimits limits{};
     timeval shortened{};
     std::string error_xml;
+    std::function<void()> time_hook;
     std::vector<unsigned> alarms;
+    std::function<void()> alarm_hook;
     int hello_limit_s = 0;
     bool notifications_fail = false;
+    bool server_fails = false;
+    bool users_forgotten = false;
+    bool limits_noted = false;
+    std::vector<ResourceLimit> resource_limits;
     std::function<std::optional<NC_MSG_TYPE>(const std::string&)> accept_hook;
 };
 
@@ -124,6 +132,10 @@ void set_time_of_day(long seconds) {
     g_time_s = seconds;
 }
 
+void on_time(std::function<void()> hook) {
+    g_state.time_hook = std::move(hook);
+}
+
 void on_poll(std::function<int(pollfd*, nfds_t, int)> hook) {
     g_state.poll_hook = std::move(hook);
 }
@@ -164,6 +176,10 @@ std::vector<unsigned> alarms() {
     return g_state.alarms;
 }
 
+void on_alarm(std::function<void()> hook) {
+    g_state.alarm_hook = std::move(hook);
+}
+
 int hello_limit_s() {
     return g_state.hello_limit_s;
 }
@@ -174,6 +190,22 @@ void on_accept(std::function<std::optional<NC_MSG_TYPE>(const std::string&)> hoo
 
 void fail_notifications() {
     g_state.notifications_fail = true;
+}
+
+void fail_server_start() {
+    g_state.server_fails = true;
+}
+
+void note_resource_limits() {
+    g_state.limits_noted = true;
+}
+
+std::vector<ResourceLimit> resource_limits() {
+    return g_state.resource_limits;
+}
+
+void forget_users() {
+    g_state.users_forgotten = true;
 }
 
 std::string last_error_xml() {
@@ -202,6 +234,9 @@ int __real_redisSetTimeout(redisContext* context, timeval limit);
 nc_server_reply* __real_nc_server_reply_err(lyd_node* error);
 NC_MSG_TYPE __real_nc_accept_inout(int input, int output, const char* user, nc_session** session);
 NC_MSG_TYPE __real_nc_server_notif_send(nc_session* session, nc_server_notif* notice, int limit_ms);
+int __real_nc_server_init(ly_ctx* context);
+int __real_setrlimit64(__rlimit_resource_t resource, const rlimit* limit);
+passwd* __real_getpwuid(uid_t user);
 // std::chrono::steady_clock::now()
 std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
 
@@ -213,6 +248,9 @@ std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowE
 }
 
 time_t __wrap_time(time_t* now) {
+    if (g_state.time_hook) {
+        g_state.time_hook();
+    }
     if (g_time_s < 0) {
         return __real_time(now);
     }
@@ -317,6 +355,9 @@ nc_server_reply* __wrap_nc_server_reply_err(lyd_node* error) {
 
 unsigned __wrap_alarm(unsigned seconds) {
     g_state.alarms.push_back(seconds);
+    if (g_state.alarm_hook && seconds != 0) {
+        g_state.alarm_hook();
+    }
     return 0;
 }
 
@@ -333,6 +374,23 @@ NC_MSG_TYPE __wrap_nc_server_notif_send(nc_session* session, nc_server_notif* no
                                         int limit_ms) {
     return g_state.notifications_fail ? NC_MSG_ERROR
                                       : __real_nc_server_notif_send(session, notice, limit_ms);
+}
+
+int __wrap_nc_server_init(ly_ctx* context) {
+    return g_state.server_fails ? -1 : __real_nc_server_init(context);
+}
+
+int __wrap_setrlimit64(__rlimit_resource_t resource, const rlimit* limit) {
+    if (!g_state.limits_noted) {
+        return __real_setrlimit64(resource, limit);
+    }
+    g_state.resource_limits.push_back(
+        {static_cast<int>(resource), limit->rlim_cur, limit->rlim_max});
+    return 0;
+}
+
+passwd* __wrap_getpwuid(uid_t user) {
+    return g_state.users_forgotten ? nullptr : __real_getpwuid(user);
 }
 
 }  // extern "C"

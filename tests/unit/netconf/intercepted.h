@@ -47,6 +47,8 @@ void advance_clock(std::chrono::nanoseconds step);
 std::chrono::milliseconds clock_advance();  // since freeze_clock()
 // Seconds since 1970 that time(2) returns.
 void set_time_of_day(long seconds);
+// Called before time(2) is answered.
+void on_time(std::function<void()> hook);
 
 // Called in place of poll(2) and of nanosleep(2) on the front's side; null for the usual ones.
 // A sleep under a frozen clock never waits.
@@ -74,6 +76,8 @@ void shorten_connection_limits(std::chrono::milliseconds limit);
 
 // The limits given to alarm(2), in seconds and oldest first; no alarm is set.
 std::vector<unsigned> alarms();
+// Called when the front sets an alarm, which it does before it may block.
+void on_alarm(std::function<void()> hook);
 // The time that a client has for its hello, in seconds.
 int hello_limit_s();
 // Called before a session is accepted, with the name of its user; a result becomes that of
@@ -82,6 +86,21 @@ void on_accept(std::function<std::optional<NC_MSG_TYPE>(const std::string& user)
 
 // Sending a notification fails from now on.
 void fail_notifications();
+
+// libnetconf2 does not start from now on.
+void fail_server_start();
+
+// From now on the limits that are asked for with setrlimit(2) are noted, not set.
+void note_resource_limits();
+struct ResourceLimit {
+    int resource;
+    unsigned long soft;
+    unsigned long hard;
+    bool operator==(const ResourceLimit&) const = default;
+};
+std::vector<ResourceLimit> resource_limits();
+// getpwuid(3) knows no user from now on.
+void forget_users();
 
 // The <rpc-error> that was last made into a reply, as XML.
 std::string last_error_xml();
