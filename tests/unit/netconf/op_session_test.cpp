@@ -85,6 +85,13 @@ TEST_F(Locks, AreRefusedWhileAnotherSessionEdits) {
     EXPECT_FALSE(session().lock.mine());
 }
 
+TEST_F(Locks, AreTakenInTheSessionsTurn) {
+    std::vector<bool> free;
+    on_time([&] { free.push_back(EditTurn(runtime_dir()).ours()); });  // the lock notes the time
+    EXPECT_EQ(reply_to(kLock), "<ok/>");
+    EXPECT_EQ(free, std::vector<bool>{false});
+}
+
 TEST_F(Locks, LeaveTheTurnToOthers) {
     EXPECT_EQ(reply_to(kLock), "<ok/>");
     EXPECT_TRUE(EditTurn(runtime_dir()).ours());

@@ -69,7 +69,18 @@ class SessionOfAClient : public testing::Test {
         options_.runtime_dir = folder_.path("run");
         number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
         on_poll([this](pollfd* watched, nfds_t count, int timeout_ms) {
+            if (++looks_ > kMostLooks) {
+                throw std::runtime_error("the session spins");
+            }
             return count == 1 ? look_at_output(watched) : sleep(watched, timeout_ms);
+        });
+        // A session that writes while nobody reads would block.
+        on_alarm([this] {
+            pollfd output{.fd = servers_[1].fd(), .events = POLLOUT, .revents = 0};
+            if (output_.open() && poll_for(&output, 1, 0s) == 0) {
+                ADD_FAILURE() << "the session writes to a client that does not read";
+                read_output();
+            }
         });
     }
 
@@ -228,7 +239,10 @@ class SessionOfAClient : public testing::Test {
         return action() ? poll_for(watched, 3, 10s) : 0;
     }
 
+    static constexpr int kMostLooks = 20'000;  // far more than any test needs
+
     std::array<File, 2> servers_;  // the session's ends
+    int looks_ = 0;                // calls of poll(2) by the session
     std::deque<Action> actions_;
 };
 
@@ -246,6 +260,18 @@ TEST_F(SessionOfAClient, SaysHelloWithItsNumberAndServesUntilItIsClosed) {
     EXPECT_NE(written_.find("message-id=\"two\"", first), std::string::npos);
     EXPECT_EQ(logged(), (Lines{kBegins, kClosed}));
     EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kIdle}));
+}
+
+TEST_F(SessionOfAClient, LockIsHeldUnderItsNumber) {
+    send(hello());
+    then_send(request("<lock><target><running/></target></lock>"));
+    then_send(request("<lock><target><running/></target></lock>"));
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_NE(written_.find("<session-id>" + std::to_string(number_->id()) +
+                            "</session-id></error-info>"),
+              std::string::npos)
+        << written_;
 }
 
 TEST_F(SessionOfAClient, EndsWhenTheClientGoesAway) {
@@ -357,6 +383,7 @@ TEST_F(SessionOfAClient, ClientHasHalfAMinuteForItsHello) {
         users.push_back(user);
         return NC_MSG_WOULDBLOCK;
     });
+    input_ = File();
     EXPECT_EQ(run(), 1);
     EXPECT_EQ(users, std::vector<std::string>{"admin"});
     EXPECT_EQ(hello_limit_s(), 30);
@@ -383,8 +410,15 @@ TEST_F(SessionOfAClient, NumberIsThatOfTheOtherSessionsFile) {
         }
         return std::nullopt;
     });
+    input_ = File();
     EXPECT_EQ(run(), -1);
     EXPECT_EQ(thrown_, "libnetconf2 counts sessions in another way");
+}
+
+TEST_F(SessionOfAClient, NeverBeginsWithoutTheLibrary) {
+    fail_server_start();
+    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(thrown_, "libnetconf2 does not start");
 }
 
 TEST_F(SessionOfAClient, NotificationsAreSentBetweenRequests) {
