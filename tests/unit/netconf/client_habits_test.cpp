@@ -53,6 +53,15 @@ TEST(ClientHabits, EveryOperationOfAnEditIsQualified) {
     EXPECT_EQ(said.substr(0, said.find("<b")), deep(first).substr(0, deep(first).find("<b")));
 }
 
+TEST(ClientHabits, OperationAboveElementsWithoutOneIsQualified) {
+    const auto above = [](const std::string& attribute) {
+        return rpc("<edit-config><config><a xmlns=\"urn:a\"" + attribute +
+                   "><b/><c/></a></config></edit-config>");
+    };
+    EXPECT_EQ(adapted(above(" operation=\"create\"")),
+              above(" xmlns:nc=\"" + std::string(kBase) + "\" nc:operation=\"create\""));
+}
+
 TEST(ClientHabits, SecondAttributeIsSeenBehindOthers) {
     EXPECT_EQ(adapted(edit(" a=\"1\" operation=\"delete\"")),
               edit(" a=\"1\" xmlns:nc=\"" + std::string(kBase) + "\" nc:operation=\"delete\""));

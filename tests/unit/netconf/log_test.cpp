@@ -84,9 +84,9 @@ class Log : public testing::Test {
 TEST_F(Log, LineNamesItsSessionOnceThatIsKnown) {
     netconf::log_line(LOG_ERR, "no %s", "name");
     netconf::log_as("session 7 (admin)");
-    netconf::log_line(LOG_INFO, "%d of %s", 2, "them");
+    netconf::log_line(LOG_WARNING, "%d of %s", 2, "them");
     EXPECT_EQ(logged(), (std::vector<LogLine>{{LOG_ERR, "no name"},
-                                              {LOG_INFO, "session 7 (admin): 2 of them"}}));
+                                              {LOG_WARNING, "session 7 (admin): 2 of them"}}));
 }
 
 TEST_F(Log, NobodyWritesLinesOfTheirOwn) {

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -166,7 +167,7 @@ TEST_F(ObjectDb, SilentServerIsGivenUpAfterNineTenthsOfASecond) {
     peer_.answer("GET", "");
     Database database(peer_.socket());
     EXPECT_EQ(connection_limits().connect_us, 900'000);
-    EXPECT_EQ(connection_limits().command_us, 900'000);
+    ASSERT_EQ(connection_limits().command_us, 900'000);  // else the next line waits for ever
     EXPECT_EQ(lost([&] { database.get(22, "a.b/"); }),
               "the object database does not answer: Resource temporarily unavailable");
 }
@@ -259,7 +260,11 @@ TEST_F(ObjectDb, WaitingEndsWithANoticeOrAtTheDeadline) {
     freeze_clock();
     Listener listener(peer_.socket(), 3, "a.b");
     std::vector<int> waits;
+    int looks = 0;
     on_poll([&](pollfd* watched, nfds_t count, int timeout_ms) {
+        if (++looks > 1000) {
+            throw std::runtime_error("the wait does not end");
+        }
         if (timeout_ms > 0) {
             waits.push_back(timeout_ms);
             advance_clock(milliseconds(1500));

@@ -89,6 +89,7 @@ TEST_F(OptionsOfTheFront, BadArgumentIsNamed) {
     EXPECT_EQ(fault({"--help", "one", "two"}), "bad argument: one");
     EXPECT_EQ(fault({"--redis"}), "bad argument: --redis");
     EXPECT_EQ(fault({"--help=yes"}), "bad argument: --help=yes");
+    EXPECT_EQ(fault({"--stderr=yes"}), "bad argument: --stderr=yes");
 }
 
 TEST_F(OptionsOfTheFront, UsageNamesEveryOption) {

@@ -14,8 +14,10 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <sstream>
@@ -185,6 +187,8 @@ TEST_F(Peers, LiveSessionsAreListedByNumber) {
     const SessionNumber other(run_, "guest");
     std::ofstream(session_file(other.id() % 255 + 1)) << "1 " << kNow << " ghost\n";  // no lock
     auto found = live_sessions(run_);
+    const std::filesystem::directory_iterator files(run_);
+    EXPECT_EQ(std::distance(begin(files), end(files)), 3);  // none is made by looking
     ASSERT_EQ(found.size(), 2U);
     EXPECT_LT(found[0].id, found[1].id);
     const auto& first = found[0].id == one->id() ? found[0] : found[1];
