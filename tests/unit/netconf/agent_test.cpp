@@ -37,13 +37,13 @@ std::string packed_policy(uint32_t policy) {
     return packed;
 }
 
-std::string packed_entry(std::string name, uint32_t policy, int32_t src_port) {
+std::string packed_entry(std::string name, uint32_t policy, bool src_port) {
     PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
     index.name = name.data();
     PApp__LdaLoopEntry record = P_APP__LDA_LOOP_ENTRY__INIT;
     record.index = &index;
     record.policy = policy;
-    record.src_port = src_port;
+    record.src_port = src_port ? 1 : 0;
     std::string packed(p_app__lda_loop_entry__get_packed_size(&record), '\0');
     p_app__lda_loop_entry__pack(&record, reinterpret_cast<uint8_t*>(packed.data()));
     return packed;
@@ -161,9 +161,9 @@ TEST_F(Agent, PolicyThatDoesNotUnpackIsAFault) {
 }
 
 TEST_F(Agent, LoopedPortsAreSortedByName) {
-    peer_.store(4, "p_app.lda_loop_entry/name=1", packed_entry("swp3", 1, 0));
-    peer_.store(4, "p_app.lda_loop_entry/name=2", packed_entry("swp1", 0, 2));
-    peer_.store(4, "p_app.lda_loop_entry/name=3", packed_entry("swp2", 1, 1));
+    peer_.store(4, "p_app.lda_loop_entry/name=1", packed_entry("swp3", 1, false));
+    peer_.store(4, "p_app.lda_loop_entry/name=2", packed_entry("swp1", 0, true));
+    peer_.store(4, "p_app.lda_loop_entry/name=3", packed_entry("swp2", 1, true));
     Database database(peer_.socket());
     const auto ports = looped_ports(database);
     ASSERT_EQ(ports.size(), 3U);
@@ -185,12 +185,12 @@ TEST_F(Agent, NamesThatNoPortCanHaveAreLeftOut) {
     };
     const std::vector<std::string> good{" a~", std::string(63, 'x')};
     for (const std::string& name : good) {
-        store(packed_entry(name, 0, 1));
+        store(packed_entry(name, 0, true));
     }
     const std::vector<std::string> bad{"",      std::string(64, 'x'), "a\x1f",
                                        "a\x7f", "\xc3\xbc",           "a\nb"};
     for (const std::string& name : bad) {
-        store(packed_entry(name, 0, 1));
+        store(packed_entry(name, 0, true));
     }
     store("garbage");
     store("");  // without an index
