@@ -309,17 +309,23 @@ bool ConfigKeeper::forget_port(const std::string& name) {
 }
 
 // From the loop: an observer must not change the port model that is telling it something. The first
-// step lets clients hear of the port where `known_first` says so.
+// step lets clients hear of the port where `known_first` says so. When the port leaves before the
+// section is in force, the section is kept with the port's index by leave().
 void ConfigKeeper::apply(ConfigSection section, bool known_first) {
+    if (!platform().ports().find(section.port)) {
+        sections_.keep(std::move(section));  // the port has left in the middle of its replay
+        return;
+    }
     sections_.set_pending(section);
     loop_.post([this, section = std::move(section), known_first] {
-        if (known_first) {
-            apply(section, false);
+        if (!platform().ports().find(section.port)) {
+            if (sections_.set_in_force(section.port)) {
+                sections_.keep(section);  // the port has another name now
+            }
             return;
         }
-        if (!platform().ports().find(section.port)) {
-            sections_.set_in_force(section.port);
-            sections_.keep(section);  // gone again
+        if (known_first) {
+            apply(section, false);
             return;
         }
         const std::vector<ConfigSection> sections{section};

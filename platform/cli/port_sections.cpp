@@ -67,8 +67,8 @@ void PortSections::set_pending(const ConfigSection& section) {
     pending_[section.port] = section;
 }
 
-void PortSections::set_in_force(const std::string& name) {
-    pending_.erase(name);
+bool PortSections::set_in_force(const std::string& name) {
+    return pending_.erase(name) != 0;
 }
 
 ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_program) {
@@ -104,8 +104,14 @@ void PortSections::leave(const Port& port, uint32_t mode_before) {
 }
 
 void PortSections::keep(ConfigSection section, uint32_t ifx) {
-    const std::string name = section.port;
-    kept_[name] = {std::move(section), ifx, ++ages_};
+    if (ifx != 0) {
+        // A port that has left under two names takes a wish under the last one.
+        for (auto& [name, other] : kept_) {
+            other.ifx = other.ifx == ifx ? 0 : other.ifx;
+        }
+    }
+    Kept& kept = kept_[section.port];
+    kept = {std::move(section), ifx != 0 ? ifx : kept.ifx, ++ages_};
     if (kept_.size() > kMaxKept) {
         kept_.erase(std::min_element(kept_.begin(), kept_.end(),
                                      [](auto& a, auto& b) { return a.second.age < b.second.age; }));

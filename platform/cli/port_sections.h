@@ -43,7 +43,8 @@ class PortSections {
     // The port has come with a section that is not in force yet: until set_in_force() it is what is
     // saved, for the port itself does not show it.
     void set_pending(const ConfigSection& section);
-    void set_in_force(const std::string& name);
+    // False when no section was pending under this name.
+    bool set_in_force(const std::string& name);
 
     // The same for when its admin state will have been changed. From here on the port's shutdown is
     // its new owner's.
@@ -56,7 +57,8 @@ class PortSections {
 
     // The port is about to go. `mode_before` is the VLAN mode it had in the bridge.
     void leave(const Port& port, uint32_t mode_before);
-    // Keeps a section for a port that is not there.
+    // Keeps a section for a port that is not there, in place of the one it has. `ifx` is the index
+    // of a port that leaves; without it the index that is known for the name stays.
     void keep(ConfigSection section, uint32_t ifx = 0);
     // A wish for a port that has left: true when `line` was one, with the section it leads to.
     bool wish(uint32_t ifx, std::string_view line, ConfigSection& section);
@@ -69,8 +71,8 @@ class PortSections {
  private:
     struct Kept {
         ConfigSection section;
-        uint32_t ifx;  // of the port that left, 0 for a section that came from a file
-        uint64_t age;
+        uint32_t ifx = 0;  // of the last port of this name that left; 0: unknown, or reused since
+        uint64_t age = 0;
     };
 
     std::map<uint32_t, ShutBy> shut_by_;  // nobody: left out

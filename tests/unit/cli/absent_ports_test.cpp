@@ -55,6 +55,16 @@ TEST(AbsentPorts, OtherLinesAndPortsOfAFileHaveNoWishes) {
     EXPECT_EQ(sections.kept_text(), "interface swp2\n shutdown\n!\ninterface swp3\n shutdown\n!\n");
 }
 
+TEST(AbsentPorts, PortThatLeftUnderTwoNamesTakesItsWishUnderTheLastOne) {
+    PortSections sections;
+    sections.keep(section("swp2", {"shutdown"}), 102);
+    sections.keep(section("uplink", {"shutdown"}), 102);
+    ConfigSection led_to;
+    EXPECT_TRUE(sections.wish(102, "no shutdown", led_to));
+    EXPECT_EQ(sections.kept_text(),
+              "interface swp2\n shutdown\n!\ninterface uplink\n no shutdown\n!\n");
+}
+
 TEST(AbsentPorts, LongestAbsentPortIsDroppedWhateverItsName) {
     PortSections sections;
     constexpr size_t kLimit = 4096;

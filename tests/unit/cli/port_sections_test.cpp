@@ -491,6 +491,49 @@ TEST_F(PortSectionsTest, WishForAPortThatHasLeftIsCarriedOutWhenItIsBack) {
     EXPECT_EQ(saved("swp2"), " tarn port loop-detect warning\n");
 }
 
+TEST_F(PortSectionsTest, WishIsTakenForAPortThatWasBackForAMoment) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    qv::Port port = *rig.model.find(102U);
+    rig.hardware.remove(102);
+    port.ifx = 202;
+    rig.model.port_added(port);
+    rig.model.port_removed(202);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(program(202, "no shutdown"), 0);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " no shutdown\n");
+}
+
+TEST_F(PortSectionsTest, WishForARenamedPortOutlivesTheLinesThatWereOnTheirWay) {
+    start();
+    g_held.insert(102);
+    program(102, "shutdown");
+    qv::Port port = *rig.model.find(102U);
+    port.name = "uplink";
+    rig.model.port_changed(port);  // its lines are to be typed again
+    rig.model.port_removed(102);
+    EXPECT_EQ(program(102, "no shutdown"), 0);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("uplink"), " no shutdown\n");
+}
+
+TEST_F(PortSectionsTest, WishIsTakenForAPortThatLeftInTheMidstOfItsReplay) {
+    rig.hardware.set_admin(102, false);
+    was_saved(
+        "interface swp2\n shutdown\n tarn port loop-detect warning\n"
+        " loop-detect apply shutdown-port\n!\n");
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        rig.model.port_removed(102);
+    };
+    start();
+    EXPECT_EQ(program(102, "no shutdown"), 0);
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("swp2"), " no shutdown\n tarn port loop-detect warning\n");
+}
+
 TEST_F(PortSectionsTest, OtherLinesForAPortThatHasLeftAreRefused) {
     start();
     g_held.insert(102);
