@@ -16,6 +16,14 @@ std::string render(const SystemLogMessage& message) {
     return line;
 }
 
+std::string loss_report(uint64_t lost) {
+    constexpr int kWarning = 4;
+    const std::string text = std::to_string(lost) +
+                             (lost == 1 ? " message was" : " messages were") +
+                             " lost while the system log could not take them.";
+    return render({.severity = kWarning, .facility = "LOG", .mnemonic = "LOST", .text = text});
+}
+
 std::string wall_time_text(std::chrono::system_clock::time_point time) {
     using std::chrono::floor;
     const auto whole_seconds = floor<std::chrono::seconds>(time);

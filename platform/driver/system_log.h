@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,9 @@ struct SystemLogMessage {
 
 // "%FACILITY-SEVERITY-MNEMONIC: text" without the line ends at the end of the text. Any thread.
 std::string render(const SystemLogMessage& message);
+
+// "%LOG-4-LOST: 2 messages were lost while the system log could not take them." Any thread.
+std::string loss_report(uint64_t lost);
 
 // Local time for people, "2026-01-31 23:59:59.123". Any thread.
 std::string wall_time_text(std::chrono::system_clock::time_point time);

@@ -1,14 +1,86 @@
 #include "platform/driver/embedded/stderr_log.h"
 
-#include <cstdio>
+#include <cerrno>
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace qv {
+namespace {
+
+// Whoever shares standard error with this process would be surprised to find it non-blocking: a
+// pipe or a terminal is opened once more instead. A file is not, for it would get a second
+// position; it takes everything, and a socket can be told with each write not to wait.
+int open_standard_error() {
+    struct stat status {};
+    if (fstat(STDERR_FILENO, &status) == 0 &&
+        (S_ISFIFO(status.st_mode) || S_ISCHR(status.st_mode))) {
+        const int fd =
+            open("/proc/self/fd/2", O_WRONLY | O_APPEND | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+        if (fd >= 0) {
+            return fd;
+        }
+    }
+    return STDERR_FILENO;
+}
+
+// A pipe that has room takes a whole line.
+bool has_room(int fd) {
+    pollfd ready{.fd = fd, .events = POLLOUT, .revents = 0};
+    return poll(&ready, 1, 0) > 0;
+}
+
+}  // namespace
+
+StderrLog::StderrLog() : fd_(open_standard_error()) {}
+
+StderrLog::~StderrLog() {
+    if (fd_ != STDERR_FILENO) {
+        close(fd_);
+    }
+}
 
 void StderrLog::write(const SystemLogMessage& message) {
-    const std::string line =
-        wall_time_text(std::chrono::system_clock::now()) + " " + render(message) + "\n";
-    // One call per line: standard error is unbuffered, so lines of two threads do not mix.
-    std::fwrite(line.data(), 1, line.size(), stderr);
+    const std::string time = wall_time_text(std::chrono::system_clock::now()) + " ";
+    const MutexLock lock(mutex_);
+    if (lost_ != 0 && write_line(time + loss_report(lost_) + "\n")) {
+        lost_ = 0;
+    }
+    if (lost_ != 0 || !write_line(time + render(message) + "\n")) {
+        ++lost_;
+    }
+}
+
+// False when nothing of the line was written.
+bool StderrLog::write_line(const std::string& line) {
+    if (!flush()) {
+        return false;
+    }
+    const size_t written = write_some(line);
+    if (written != 0) {
+        rest_ = line.substr(written);
+    }
+    return written != 0;
+}
+
+// Whether the line before has been written as a whole.
+bool StderrLog::flush() {
+    if (!rest_.empty()) {
+        rest_.erase(0, write_some(rest_));
+    }
+    return rest_.empty();
+}
+
+// How many bytes were taken.
+size_t StderrLog::write_some(const std::string& text) const {
+    ssize_t size = send(fd_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
+    if (size < 0 && errno == ENOTSOCK && (fd_ != STDERR_FILENO || has_room(fd_))) {
+        size = ::write(fd_, text.data(), text.size());
+    }
+    return size > 0 ? static_cast<size_t>(size) : 0;
 }
 
 }  // namespace qv

@@ -30,11 +30,7 @@ std::string SyslogLog::datagram_of(const Message& message) {
 }
 
 SyslogLog::Message SyslogLog::loss_report(uint64_t lost) {
-    const std::string text = std::to_string(lost) +
-                             (lost == 1 ? " message was" : " messages were") +
-                             " lost while the system log could not take them.";
-    return {LOG_WARNING, std::time(nullptr),
-            render({.severity = LOG_WARNING, .facility = "LOG", .mnemonic = "LOST", .text = text})};
+    return {LOG_WARNING, std::time(nullptr), qv::loss_report(lost)};
 }
 
 SyslogLog::SyslogLog(std::string socket_path) : socket_path_(std::move(socket_path)) {}
