@@ -3,8 +3,13 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <functional>
+#include <optional>
+#include <utility>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -34,56 +39,111 @@ Address address_of(std::string name) {
     return address;
 }
 
+int open_socket() {
+    return socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+}
+
+void close_if_open(int& fd) {
+    if (fd >= 0) {
+        close(std::exchange(fd, -1));
+    }
+}
+
+// The process that listens at the address of a name, unless it is a stranger's.
+std::optional<pid_t> listener_at(const Address& address) {
+    int fd = open_socket();
+    if (fd < 0) {
+        return std::nullopt;
+    }
+    ucred owner{};
+    socklen_t size = sizeof owner;
+    const bool known = connect(fd, address.generic(), address.size) == 0 &&
+                       getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &owner, &size) == 0;
+    close_if_open(fd);
+    if (!known || (owner.uid != 0 && owner.uid != geteuid())) {
+        return std::nullopt;
+    }
+    return owner.pid;
+}
+
 }  // namespace
 
 NameLock::~NameLock() {
     release();
 }
 
-int NameLock::take(EventLoop& loop, const std::string& name) {
+int NameLock::take(EventLoop& loop, const std::string& name, const std::string& file) {
     release();
-    fd_ = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
-    if (fd_ < 0) {
+    int error = take_file(file);
+    if (error == 0) {
+        error = take_address(loop, name);
+    }
+    if (error != 0) {
+        release();
+    }
+    return error;
+}
+
+// Whoever can open the file can lock it, so nobody else may open it.
+int NameLock::take_file(const std::string& file) {
+    constexpr mode_t kOwnerOnly = 0600;
+    file_ = open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
+    if (file_ < 0) {
+        return errno;
+    }
+    if (flock(file_, LOCK_EX | LOCK_NB) != 0) {
+        return errno == EWOULDBLOCK ? EADDRINUSE : errno;
+    }
+    // Without its number the holder is only "another process" to the next one.
+    if (ftruncate(file_, 0) == 0) {
+        dprintf(file_, "%d\n", static_cast<int>(getpid()));
+    }
+    return 0;
+}
+
+int NameLock::take_address(EventLoop& loop, const std::string& name) {
+    socket_ = open_socket();
+    if (socket_ < 0) {
         return errno;
     }
     const Address address = address_of(name);
-    if (bind(fd_, address.generic(), address.size) != 0 || listen(fd_, SOMAXCONN) != 0) {
+    if (bind(socket_, address.generic(), address.size) != 0 || listen(socket_, SOMAXCONN) != 0) {
         const int error = errno;
-        release();
-        return error;
+        close_if_open(socket_);
+        return error == EADDRINUSE && !listener_at(address) ? 0 : error;
     }
     // Without the watch the name is held all the same; only its holder may stay unknown one day.
-    watch_ = loop.watch(fd_, true, false, [this](EventLoop::Ready) { answer(); });
+    watch_ = loop.watch(socket_, true, false, [this](EventLoop::Ready) { answer(); });
     return 0;
 }
 
 void NameLock::release() {
     watch_.reset();
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-    fd_ = -1;
+    close_if_open(socket_);
+    close_if_open(file_);
 }
 
 // The kernel has told them already: all that is left is to make room for the next ones.
 void NameLock::answer() const {
-    for (int peer; (peer = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
+    for (int peer; (peer = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         close(peer);
     }
 }
 
-pid_t NameLock::holder(const std::string& name) {
-    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+pid_t NameLock::holder(const std::string& name, const std::string& file) {
+    if (const std::optional<pid_t> listener = listener_at(address_of(name))) {
+        return *listener;
+    }
+    int fd = open(file.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0) {
         return 0;
     }
-    const Address address = address_of(name);
-    ucred owner{};
-    socklen_t size = sizeof owner;
-    const bool known = connect(fd, address.generic(), address.size) == 0 &&
-                       getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &owner, &size) == 0;
-    close(fd);
-    return known ? owner.pid : 0;
+    char text[16] = {};
+    const bool written = read(fd, text, sizeof text - 1) > 0;
+    // The number of a process that has ended stays in the file.
+    const bool held = flock(fd, LOCK_SH | LOCK_NB) != 0;
+    close_if_open(fd);
+    return written && held ? static_cast<pid_t>(std::strtol(text, nullptr, 10)) : 0;
 }
 
 }  // namespace qv

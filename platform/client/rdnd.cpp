@@ -2,7 +2,9 @@
 //
 // Two masters on the same bridge would undo each other's work, and two on the same command-line
 // socket would share their operators by chance. So the master holds a lock on each of the two, as
-// long as it lives: there is no way out of the master role but the end of the process.
+// long as it lives: there is no way out of the master role but the end of the process. The file of
+// a lock is beside the command-line socket, and for a bridge in a folder that is the same for all
+// agents of the machine, under the number of the network namespace.
 //
 // In mode "solo" the process is the master at once, and a process that finds a lock held ends with
 // the reason. In mode "lease" it waits: it tries every second, and so takes over within one. The
@@ -19,6 +21,7 @@
 #include <system_error>
 
 #include <sys/prctl.h>
+#include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
 #include "platform/client/name_lock.h"
@@ -32,6 +35,7 @@ constexpr std::chrono::seconds kLeaseRetry{1};
 // A name that only the master may hold.
 struct Exclusive {
     std::string name;   // of the lock
+    std::string file;   // of the lock
     std::string thing;  // for people
     qv::NameLock lock;
 };
@@ -57,18 +61,30 @@ std::string absolute_path(const std::string& path) {
     return unknown ? path : whole.lexically_normal().string();
 }
 
-void add_exclusive(const std::string& module, const std::string& thing) {
+void add_exclusive(const std::string& module, const std::string& thing, const std::string& file) {
+    std::error_code ignored;  // opening the file says why there is no folder
+    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
     Exclusive& added = redundancy().exclusives.emplace_back();
     added.name = module + ": " + thing;
+    added.file = file;
     added.thing = thing;
+}
+
+// Bridges of different network namespaces may have the same name.
+std::string bridge_lock_file(const std::string& module, const qv::PlatformConfig& config) {
+    struct stat own_namespace {};
+    stat("/proc/self/ns/net", &own_namespace);
+    return qv::g_lock_folder + "/" + module + "-" + std::to_string(own_namespace.st_ino) + "-" +
+           config.bridge + ".lock";
 }
 
 void name_exclusives(const std::string& module) {
     const qv::PlatformConfig& config = qv::platform().config();
     if (config.switch_kind == qv::PlatformConfig::Switch::kLinux) {
-        add_exclusive(module, "bridge " + config.bridge);
+        add_exclusive(module, "bridge " + config.bridge, bridge_lock_file(module, config));
     }
-    add_exclusive(module, "command-line socket " + absolute_path(config.cli_socket));
+    const std::string socket = absolute_path(config.cli_socket);
+    add_exclusive(module, "command-line socket " + socket, socket + ".lock");
 }
 
 struct Obstacle {
@@ -80,11 +96,20 @@ struct Obstacle {
 Obstacle take_exclusives() {
     Redundancy& role = redundancy();
     for (Exclusive& exclusive : role.exclusives) {
-        if (const int error = exclusive.lock.take(*role.loop, exclusive.name); error != 0) {
+        if (const int error = exclusive.lock.take(*role.loop, exclusive.name, exclusive.file);
+            error != 0) {
             for (Exclusive& other : role.exclusives) {
                 other.lock.release();
             }
             return {&exclusive, error};
+        }
+    }
+    for (const Exclusive& exclusive : role.exclusives) {
+        if (exclusive.lock.address_is_taken()) {
+            printk_syslog(SYSLOG_SEVERITY_WARNING, "RDND", "LOCK",
+                          "A process of another user has taken the address of the lock on %s: only "
+                          "the file %s keeps a second agent out.",
+                          exclusive.thing.c_str(), exclusive.file.c_str());
         }
     }
     return {nullptr, 0};
@@ -92,9 +117,10 @@ Obstacle take_exclusives() {
 
 std::string reason_of(const Obstacle& obstacle) {
     if (obstacle.error != EADDRINUSE) {
-        return "cannot lock " + obstacle.taken->thing + ": " + std::strerror(obstacle.error);
+        return "cannot lock " + obstacle.taken->thing + " with the file " + obstacle.taken->file +
+               ": " + std::strerror(obstacle.error);
     }
-    const pid_t holder = qv::NameLock::holder(obstacle.taken->name);
+    const pid_t holder = qv::NameLock::holder(obstacle.taken->name, obstacle.taken->file);
     return (holder != 0 ? "process " + std::to_string(holder) : "another process") +
            " already runs on " + obstacle.taken->thing + ": stop it first";
 }

@@ -1,16 +1,22 @@
 #include "qv/rdnd.h"
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <filesystem>
+#include <functional>
 #include <utility>
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include "platform/client/name_lock.h"
@@ -36,7 +42,60 @@ int take_switch() {
     return 0;
 }
 
-// Stands in for another process that holds a lock.
+// Another process that holds the file of a lock.
+class FileHolder {
+ public:
+    FileHolder(const std::string& file, const std::string& text)
+        : fd_(open(file.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600)) {
+        EXPECT_EQ(flock(fd_, LOCK_EX | LOCK_NB), 0);
+        EXPECT_EQ(write(fd_, text.data(), text.size()), static_cast<ssize_t>(text.size()));
+    }
+    ~FileHolder() { close(fd_); }
+    FileHolder(const FileHolder&) = delete;
+    FileHolder& operator=(const FileHolder&) = delete;
+
+ private:
+    int fd_;
+};
+
+// A process that runs `setup` and then waits for its end.
+class Process {
+ public:
+    explicit Process(const std::function<bool()>& setup) {
+        int ready[2];
+        EXPECT_EQ(pipe2(ready, O_CLOEXEC), 0);
+        pid_ = fork();
+        if (pid_ == 0) {
+            const char done = setup() ? 'y' : 'n';
+            static_cast<void>(!write(ready[1], &done, 1));
+            for (;;) {
+                pause();
+            }
+        }
+        close(ready[1]);
+        char answer = 0;
+        set_up_ = read(ready[0], &answer, 1) == 1 && answer == 'y';
+        close(ready[0]);
+    }
+    ~Process() { end(); }
+    Process(const Process&) = delete;
+    Process& operator=(const Process&) = delete;
+
+    bool set_up() const { return set_up_; }
+    pid_t pid() const { return pid_; }
+    void end() {
+        if (pid_ > 0) {
+            kill(pid_, SIGKILL);
+            waitpid(std::exchange(pid_, -1), nullptr, 0);
+        }
+    }
+
+ private:
+    pid_t pid_ = -1;
+    bool set_up_ = false;
+};
+
+// Stands in for another process that holds the address of a lock.
 class Holder {
  public:
     explicit Holder(const std::string& name) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -44,7 +103,8 @@ class Holder {
         address.sun_family = AF_UNIX;
         name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
         const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
-        holds_ = bind(fd_, reinterpret_cast<sockaddr*>(&address), size) == 0 && listen(fd_, 1) == 0;
+        holds_ = bind(fd_, reinterpret_cast<sockaddr*>(&address), size) == 0 &&
+                 listen(fd_, SOMAXCONN) == 0;
     }
     ~Holder() { end(); }
     Holder(const Holder&) = delete;
@@ -66,7 +126,10 @@ struct RdndTest : testing::Test {
     EventLoop& loop = loop_of(master);
     const uint32_t dbs[3] = {4, 22, 3};
 
-    RdndTest() { platform.settings.cli_socket = directory.file("cli.sock"); }
+    RdndTest() {
+        platform.settings.cli_socket = directory.file("cli.sock");
+        g_lock_folder = directory.file("run");
+    }
     ~RdndTest() override { qv_thread_master_finish(master); }
 
     void use_bridge() {
@@ -77,9 +140,17 @@ struct RdndTest : testing::Test {
         return "lda: command-line socket " + platform.settings.cli_socket;
     }
     std::string bridge_lock() const { return "lda: bridge " + platform.settings.bridge; }
+    std::string cli_lock_file() const { return platform.settings.cli_socket + ".lock"; }
+    std::string bridge_lock_file() const {
+        struct stat own_namespace {};
+        EXPECT_EQ(stat("/proc/self/ns/net", &own_namespace), 0);
+        return directory.file("run/lda-" + std::to_string(own_namespace.st_ino) + "-" +
+                              platform.settings.bridge + ".lock");
+    }
 
     // Of this process alone: tests run side by side.
     static std::string test_lock() { return "lda: test " + std::to_string(getpid()); }
+    std::string test_file() const { return directory.file("lock"); }
 
     rdnd_reg reg() {
         return {.master = master,
@@ -166,8 +237,34 @@ TEST_F(RdndDeathTest, SecondAgentOnTheSameBridgeNamesTheFirstAndEnds) {
                     platform.settings.bridge + ": stop it first\n$");
 }
 
+TEST_F(RdndDeathTest, SecondAgentThatFindsOnlyTheFileNamesTheFirstAndEnds) {
+    use_bridge();
+    std::filesystem::create_directory(directory.file("run"));
+    const FileHolder other(bridge_lock_file(), "4711\n");
+    const rdnd_reg record = reg();
+    EXPECT_EXIT(rdnd_lib_mom_reg(&record), testing::ExitedWithCode(1),
+                "^lda: process 4711 already runs on bridge " + platform.settings.bridge +
+                    ": stop it first\n$");
+}
+
 TEST_F(RdndDeathTest, HolderThatCannotBeFoundOutIsAnotherProcess) {
-    // Bound, but nobody listens on it.
+    const FileHolder other(cli_lock_file(), "");
+    const rdnd_reg record = reg();
+    EXPECT_EXIT(rdnd_lib_mom_reg(&record), testing::ExitedWithCode(1),
+                "^lda: another process already runs on command-line socket " +
+                    platform.settings.cli_socket + ": stop it first\n$");
+}
+
+TEST_F(RdndDeathTest, FileThatCannotBeOpenedEndsTheStart) {
+    std::filesystem::create_directory(cli_lock_file());
+    const rdnd_reg record = reg();
+    EXPECT_EXIT(rdnd_lib_mom_reg(&record), testing::ExitedWithCode(1),
+                "^lda: cannot lock command-line socket " + platform.settings.cli_socket +
+                    " with the file " + cli_lock_file() + ": Is a directory\n$");
+}
+
+// An address that is bound, where nobody listens: no agent does that.
+TEST_F(RdndTest, AddressThatNobodyAnswersForDoesNotCount) {
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -177,10 +274,36 @@ TEST_F(RdndDeathTest, HolderThatCannotBeFoundOutIsAnotherProcess) {
     const auto size = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name.size());
     ASSERT_EQ(bind(fd, reinterpret_cast<sockaddr*>(&address), size), 0);
     const rdnd_reg record = reg();
-    EXPECT_EXIT(rdnd_lib_mom_reg(&record), testing::ExitedWithCode(1),
-                "^lda: another process already runs on command-line socket " +
-                    platform.settings.cli_socket + ": stop it first\n$");
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
+    run_for(Duration::zero());
+    EXPECT_EQ(g_master_calls, 1);
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"RDND-4-LOCK: A process of another user has taken the address of the lock on "
+                    "command-line socket " +
+                    platform.settings.cli_socket + ": only the file " + cli_lock_file() +
+                    " keeps a second agent out."});
+    EXPECT_EQ(NameLock::holder(cli_lock(), cli_lock_file()), getpid());
     close(fd);
+}
+
+TEST_F(RdndTest, OtherUsersCannotKeepTheAgentFromItsRole) {
+    constexpr uid_t kNobody = 65534;
+    const Process stranger([this] {
+        return setresuid(kNobody, kNobody, kNobody) == 0 &&
+               (new Holder(cli_lock()))->holds() &&  // held until the process ends
+               open(cli_lock_file().c_str(), O_RDONLY | O_CREAT | O_CLOEXEC, 0600) < 0;
+    });
+    if (!stranger.set_up()) {
+        GTEST_SKIP() << "only root can become another user";
+    }
+    const rdnd_reg record = reg();
+    EXPECT_EQ(rdnd_lib_mom_reg(&record), 0);
+    run_for(Duration::zero());
+    EXPECT_EQ(g_master_calls, 1);
+    ASSERT_EQ(platform.log.lines().size(), 1U);
+    struct stat file {};
+    ASSERT_EQ(stat(cli_lock_file().c_str(), &file), 0);
+    EXPECT_EQ(file.st_mode & 0777, 0600U) << "who can open it can lock it";
 }
 
 TEST_F(RdndTest, SocketWrittenInAnotherWayIsTheSame) {
@@ -231,7 +354,8 @@ TEST_F(RdndTest, LocksThatCannotBeTriedAreLoggedOnceAndTriedAgain) {
     EXPECT_EQ(platform.log.lines(),
               Lines{"RDND-3-LEASE: Cannot become the master, trying again: cannot lock "
                     "command-line socket " +
-                    platform.settings.cli_socket + ": Too many open files"});
+                    platform.settings.cli_socket + " with the file " + cli_lock_file() +
+                    ": Too many open files"});
     run_for(std::chrono::seconds(1));
     EXPECT_EQ(g_master_calls, 1);
 }
@@ -244,54 +368,82 @@ size_t descriptors() {
 
 TEST_F(RdndTest, HolderOfALockAnswersAnyNumberOfProcesses) {
     NameLock lock;
-    ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    ASSERT_EQ(lock.take(loop, test_lock(), test_file()), 0);
     const size_t before = descriptors();
     for (int i = 0; i < 5000; ++i) {
-        ASSERT_EQ(NameLock::holder(test_lock()), getpid()) << "process " << i;
+        ASSERT_EQ(NameLock::holder(test_lock(), test_file()), getpid()) << "process " << i;
         run_for(Duration::zero());
     }
     EXPECT_EQ(descriptors(), before);
     lock.release();
-    EXPECT_EQ(NameLock::holder(test_lock()), 0);
+    EXPECT_EQ(NameLock::holder(test_lock(), test_file()), 0);
 }
 
 TEST_F(RdndTest, LockHoldsAlsoWhereItsHolderCannotAnswer) {
     test::g_rtnl.no_watch = true;
     NameLock lock;
-    EXPECT_EQ(lock.take(loop, test_lock()), 0);
+    EXPECT_EQ(lock.take(loop, test_lock(), test_file()), 0);
     test::g_rtnl.no_watch = false;
     NameLock other;
-    EXPECT_EQ(other.take(loop, test_lock()), EADDRINUSE);
+    EXPECT_EQ(other.take(loop, test_lock(), test_file()), EADDRINUSE);
+}
+
+TEST_F(RdndTest, EachHalfOfALockHoldsItAlone) {
+    NameLock lock;
+    ASSERT_EQ(lock.take(loop, test_lock(), test_file()), 0);
+    EXPECT_FALSE(lock.address_is_taken());
+    NameLock other;
+    EXPECT_EQ(other.take(loop, test_lock(), directory.file("other")), EADDRINUSE);
+    EXPECT_EQ(other.take(loop, test_lock() + " other", test_file()), EADDRINUSE);
+    std::filesystem::remove(test_file());
+    EXPECT_EQ(other.take(loop, test_lock(), test_file()), EADDRINUSE);
+    EXPECT_EQ(NameLock::holder(test_lock(), test_file()), getpid());
+}
+
+TEST_F(RdndTest, LockOfAKilledProcessIsFree) {
+    Process other([this] {
+        auto* const held = new NameLock;  // until the process ends
+        return held->take(loop, test_lock(), test_file()) == 0;
+    });
+    ASSERT_TRUE(other.set_up());
+    NameLock lock;
+    EXPECT_EQ(lock.take(loop, test_lock(), test_file()), EADDRINUSE);
+    EXPECT_EQ(NameLock::holder(test_lock(), test_file()), other.pid());
+    other.end();
+    EXPECT_EQ(NameLock::holder(test_lock(), test_file()), 0) << "its number is in the file";
+    EXPECT_EQ(lock.take(loop, test_lock(), test_file()), 0);
 }
 
 TEST_F(RdndTest, LockThatIsTakenAnewLetsGoOfItsOldName) {
     const size_t before = descriptors();
     NameLock lock;
-    ASSERT_EQ(lock.take(loop, test_lock()), 0);
-    ASSERT_EQ(lock.take(loop, test_lock() + " anew"), 0);
-    EXPECT_EQ(descriptors(), before + 1);
+    ASSERT_EQ(lock.take(loop, test_lock(), test_file()), 0);
+    ASSERT_EQ(lock.take(loop, test_lock() + " anew", directory.file("anew")), 0);
+    EXPECT_EQ(descriptors(), before + 2);
     NameLock other;
-    EXPECT_EQ(other.take(loop, test_lock()), 0);
+    EXPECT_EQ(other.take(loop, test_lock(), test_file()), 0);
 }
 
 TEST_F(RdndTest, RefusedLockKeepsNoDescriptor) {
     NameLock lock;
-    ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    ASSERT_EQ(lock.take(loop, test_lock(), test_file()), 0);
     const size_t before = descriptors();
     NameLock other;
-    EXPECT_EQ(other.take(loop, test_lock()), EADDRINUSE);
+    EXPECT_EQ(other.take(loop, test_lock(), test_file()), EADDRINUSE);
+    EXPECT_EQ(other.take(loop, test_lock(), directory.file("other")), EADDRINUSE);
     EXPECT_EQ(descriptors(), before);
 }
 
 TEST_F(RdndTest, ReleasedLockLeavesLaterDescriptorsAlone) {
     NameLock lock;
-    ASSERT_EQ(lock.take(loop, test_lock()), 0);
+    ASSERT_EQ(lock.take(loop, test_lock(), test_file()), 0);
     lock.release();
     const size_t before = descriptors();
-    const Holder later(test_lock());  // under the number that the lock had
-    EXPECT_TRUE(later.holds());
+    const FileHolder file(test_file(), "");  // the two have the numbers that the lock had
+    const Holder address(test_lock());
+    EXPECT_TRUE(address.holds());
     lock.release();
-    EXPECT_EQ(descriptors(), before + 1);
+    EXPECT_EQ(descriptors(), before + 2);
 }
 
 TEST_F(RdndTest, LongestNameStandsAsItIs) {
@@ -299,7 +451,7 @@ TEST_F(RdndTest, LongestNameStandsAsItIs) {
     const Holder other(name);
     ASSERT_TRUE(other.holds());
     NameLock lock;
-    EXPECT_EQ(lock.take(loop, name), EADDRINUSE);
+    EXPECT_EQ(lock.take(loop, name, test_file()), EADDRINUSE);
 }
 
 TEST_F(RdndTest, LongNamesOfLocksAreToldApartByTheirEnds) {
@@ -307,10 +459,10 @@ TEST_F(RdndTest, LongNamesOfLocksAreToldApartByTheirEnds) {
     NameLock first;
     NameLock second;
     NameLock third;
-    EXPECT_EQ(first.take(loop, name + "1"), 0);
-    EXPECT_EQ(second.take(loop, name + "2"), 0);
-    EXPECT_EQ(third.take(loop, name + "1"), EADDRINUSE);
-    EXPECT_EQ(NameLock::holder(name + "1"), getpid());
+    EXPECT_EQ(first.take(loop, name + "1", directory.file("1")), 0);
+    EXPECT_EQ(second.take(loop, name + "2", directory.file("2")), 0);
+    EXPECT_EQ(third.take(loop, name + "1", directory.file("3")), EADDRINUSE);
+    EXPECT_EQ(NameLock::holder(name + "1", directory.file("1")), getpid());
 }
 
 TEST_F(RdndTest, IncompleteRegistrationIsRefusedAndMayBeRepeated) {
