@@ -18,6 +18,7 @@
 #include "platform/cli/socket_server.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/wire.h"
+#include "platform/client/guarded.h"
 #include "platform/client/log_ring.h"
 #include "platform/client/platform.h"
 #include "qv/cli.h"
@@ -103,27 +104,34 @@ int cli_client_init(const char* name, qv_thread_master* master) {
     }
     try {
         g_client = new qv::cli::Client(qv::loop_of(master), qv::platform().config());
+        qv::cli::register_switch_commands();
+        qv::set_monitor_sink(qv::cli::show_on_monitors);
+        return 0;
     } catch (const std::exception& problem) {
         std::fprintf(stderr, "%s: command line: %s\n", name ? name : "", problem.what());
         return -1;
     }
-    qv::cli::register_switch_commands();
-    qv::set_monitor_sink(qv::cli::show_on_monitors);
-    return 0;
 }
 
+// Without its configuration the switch must not run: the process ends when there is no memory.
 void cli_client_ready(void) {
     if (qv::cli::ConfigKeeper* keeper = qv::cli::config_keeper()) {
-        keeper->request_replay();
+        [=]() noexcept {
+            keeper->request_replay();
+        }();
     }
 }
 
 int cli_client_c2p_reform(void) {
-    if (qv::cli::Client* client = g_client) {
+    qv::cli::Client* client = g_client;
+    if (!client) {
+        return 0;
+    }
+    return qv::guarded(-1, [client] {
         client->keeper.request_save();
         client->loop.expect_post();  // programs announce a change before its line comes
-    }
-    return 0;
+        return 0;
+    });
 }
 
 int cli_syn_config_notify(void) {
@@ -146,14 +154,17 @@ int cli_execute_cmd_buf_fd(int session, const char* line, const cli_mode* mode,
     if (!client || !line || !client->descriptors.owns(session)) {
         return -1;
     }
-    qv::cli::SessionState state = qv::cli::session_for(mode);
-    const qv::cli::Result result = client->loop.on_loop_thread()
-                                       ? qv::cli::execute_alone(std::move(state), line)
-                                       : qv::cli::execute_on(client->loop, std::move(state), line);
-    if (output && !result.output.empty()) {
-        output(result.output.data(), result.output.size(), user);
-    }
-    return result.code;
+    return qv::guarded(-1, [&] {
+        qv::cli::SessionState state = qv::cli::session_for(mode);
+        const qv::cli::Result result =
+            client->loop.on_loop_thread()
+                ? qv::cli::execute_alone(std::move(state), line)
+                : qv::cli::execute_on(client->loop, std::move(state), line);
+        if (output && !result.output.empty()) {
+            output(result.output.data(), result.output.size(), user);
+        }
+        return result.code;
+    });
 }
 
 }  // extern "C"

@@ -9,6 +9,7 @@
 
 #include "platform/cli/engine.h"
 #include "platform/cli/walk.h"
+#include "platform/client/guarded.h"
 
 namespace qv::cli {
 namespace {
@@ -233,11 +234,13 @@ int cli_add_command(int chain, const cli_node* root, const char*) {
     if (found == qv::cli::chains().end() || !root) {
         return -1;
     }
-    found->second.push_back({.root = root,
-                             .has_no = qv::cli::contains(root, noprefix_action),
-                             .has_default = qv::cli::contains(root, defaultprefix_action),
-                             .opening = qv::cli::opening_of(root)});
-    return 0;
+    return qv::guarded(-1, [&] {
+        found->second.push_back({.root = root,
+                                 .has_no = qv::cli::contains(root, noprefix_action),
+                                 .has_default = qv::cli::contains(root, defaultprefix_action),
+                                 .opening = qv::cli::opening_of(root)});
+        return 0;
+    });
 }
 
 const cli_node* cli_get_mode_root(const char* mode) {

@@ -92,10 +92,15 @@ void ConfigKeeper::request_save() {
         pending_ = false;
         saver_.request();
     };
-    if (loop_.on_loop_thread()) {
-        requesting_ = loop_.put_off(request);  // a program's line may be on its way
-    } else {
-        loop_.post(request);
+    try {
+        if (loop_.on_loop_thread()) {
+            requesting_ = loop_.put_off(request);  // a program's line may be on its way
+        } else {
+            loop_.post(request);
+        }
+    } catch (...) {
+        pending_ = false;  // the next change asks again
+        throw;
     }
 }
 
@@ -396,12 +401,18 @@ void ConfigKeeper::on_renamed(const Port& port) {
 
 extern "C" {
 
+// A program cannot run without its hooks, and cannot be told that there is no memory for them: the
+// process ends then.
 void cli_add_param_reload_start_hook(uint32_t (*hook)(uint32_t word)) {
-    qv::cli::g_start_hooks.push_back(hook);
+    [=]() noexcept {
+        qv::cli::g_start_hooks.push_back(hook);
+    }();
 }
 
 void cli_add_param_reload_end_hook(void (*hook)(void)) {
-    qv::cli::g_end_hooks.push_back(hook);
+    [=]() noexcept {
+        qv::cli::g_end_hooks.push_back(hook);
+    }();
 }
 
 }  // extern "C"

@@ -8,6 +8,7 @@
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/walk.h"
+#include "platform/client/guarded.h"
 #include "platform/client/log_ring.h"
 
 namespace qv::cli {
@@ -85,5 +86,6 @@ extern "C" int sys_add_debug(const char* name, void (*control)(int operation)) {
     if (!name || !control || *name == '\0' || std::strlen(name) >= CLI_WORD_BYTES) {
         return -1;
     }
-    return qv::cli::switches().emplace(name, control).second ? 0 : -1;
+    return qv::guarded(-1,
+                       [&] { return qv::cli::switches().emplace(name, control).second ? 0 : -1; });
 }

@@ -11,6 +11,7 @@
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/walk.h"
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 
 namespace qv::cli {
@@ -395,6 +396,6 @@ extern "C" void cli_printf(const char* format, ...) {
     }
     std::va_list arguments;
     va_start(arguments, format);
-    *qv::cli::g_running->output += qv::cli::formatted(format, arguments);
+    qv::guarded([&] { *qv::cli::g_running->output += qv::cli::formatted(format, arguments); });
     va_end(arguments);
 }

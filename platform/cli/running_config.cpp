@@ -4,11 +4,15 @@
 #include <cstdarg>
 #include <cstdio>
 #include <cstring>
+#include <new>
+#include <string>
 #include <utility>
+#include <vector>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/walk.h"
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 #include "qv/cli.h"
 #include "qv/lsm.h"
@@ -22,6 +26,57 @@ int (*g_interface_hook)(cli_pcdb* pcdb) = nullptr;
 // go first.
 std::string* g_text = nullptr;
 std::vector<ConfigLine>* g_lines = nullptr;
+
+// A line is missing in what is being generated, for want of memory. Handlers in between know
+// nothing of exceptions, so this waits for the end of the walk.
+bool g_incomplete = false;
+
+// Says where generated lines go, as long as it lives.
+class Destination {
+ public:
+    Destination(std::string* text, std::vector<ConfigLine>* lines)
+        : text_(std::exchange(g_text, text)),
+          lines_(std::exchange(g_lines, lines)),
+          incomplete_(std::exchange(g_incomplete, false)) {}
+    ~Destination() {
+        g_text = text_;
+        g_lines = lines_;
+        g_incomplete = incomplete_;
+    }
+    Destination(const Destination&) = delete;
+    Destination& operator=(const Destination&) = delete;
+
+    // Nobody may take a part of the configuration for all of it.
+    static void check() {
+        if (g_incomplete) {
+            throw std::bad_alloc();
+        }
+    }
+
+ private:
+    std::string* const text_;
+    std::vector<ConfigLine>* const lines_;
+    const bool incomplete_;
+};
+
+void add_line(std::vector<ConfigLine>& lines, const std::string& line) {
+    const size_t start = line.find_first_not_of(' ');
+    if (start != std::string::npos && line[start] != '!') {
+        lines.push_back({0, line.substr(start, line.find_last_not_of(' ') + 1 - start)});
+    }
+}
+
+void print_line(const cli_pcdb& pcdb, int indentation, std::string line) {
+    line.erase(line.find_last_not_of("\r\n") + 1);
+    if (g_lines) {
+        add_line(*g_lines, line);
+        return;
+    }
+    const bool global = std::strcmp(pcdb.mode, kModeConfig) == 0;
+    g_text->append(static_cast<size_t>(global ? 0 : std::max(indentation, 0)), ' ');
+    g_text->append(line);
+    g_text->push_back('\n');
+}
 
 // The framework's own interface sections, for a process without an interface hook.
 void generate_interfaces(cli_pcdb& pcdb) {
@@ -41,21 +96,14 @@ void generate_interfaces(cli_pcdb& pcdb) {
 // The section that a walk through the trees of a mode prints.
 ConfigSection walk_mode(const char* mode, uint32_t ifx) {
     ConfigSection section;
-    std::vector<ConfigLine>* const before = std::exchange(g_lines, &section.lines);
+    const Destination destination(g_text, &section.lines);
     cli_pcdb pcdb{};
     pcdb.flags = CLI_FLAG_C2P;
     cli_change_mode(&pcdb, mode);
     pcdb.ifx = ifx;
     cli_walkthrought_node(cli_get_mode_root(mode), &pcdb);
-    g_lines = before;
+    Destination::check();
     return section;
-}
-
-void add_line(std::vector<ConfigLine>& lines, const std::string& line) {
-    const size_t start = line.find_first_not_of(' ');
-    if (start != std::string::npos && line[start] != '!') {
-        lines.push_back({0, line.substr(start, line.find_last_not_of(' ') + 1 - start)});
-    }
 }
 
 }  // namespace
@@ -88,8 +136,7 @@ std::string section_text(const ConfigSection& section) {
 
 std::string generate_config(ConfigPurpose purpose) {
     std::string text;
-    std::string* const before = std::exchange(g_text, &text);
-    std::vector<ConfigLine>* const lines_before = std::exchange(g_lines, nullptr);
+    const Destination destination(&text, nullptr);
     cli_pcdb pcdb{};
     pcdb.flags = purpose == ConfigPurpose::kShow ? CLI_FLAG_SHOW_RUN : CLI_FLAG_C2P;
     cli_change_mode(&pcdb, kModeConfig);
@@ -99,8 +146,7 @@ std::string generate_config(ConfigPurpose purpose) {
     } else {
         generate_interfaces(pcdb);
     }
-    g_text = before;
-    g_lines = lines_before;
+    Destination::check();
     return text;
 }
 
@@ -118,17 +164,11 @@ void c2p_printf(cli_pcdb* pcdb, int indentation, const char* format, ...) {
     }
     std::va_list arguments;
     va_start(arguments, format);
-    std::string line = qv::cli::formatted(format, arguments);
+    qv::cli::g_incomplete |= !qv::guarded(false, [&] {
+        qv::cli::print_line(*pcdb, indentation, qv::cli::formatted(format, arguments));
+        return true;
+    });
     va_end(arguments);
-    line.erase(line.find_last_not_of("\r\n") + 1);
-    if (qv::cli::g_lines) {
-        qv::cli::add_line(*qv::cli::g_lines, line);
-        return;
-    }
-    const bool global = std::strcmp(pcdb->mode, qv::cli::kModeConfig) == 0;
-    qv::cli::g_text->append(static_cast<size_t>(global ? 0 : std::max(indentation, 0)), ' ');
-    qv::cli::g_text->append(line);
-    qv::cli::g_text->push_back('\n');
 }
 
 void cli_change_mode(cli_pcdb* pcdb, const char* mode) {
@@ -144,9 +184,13 @@ int cli_walkthrought_node(const cli_node* root, cli_pcdb* pcdb) {
     if (!root || !(pcdb->flags & CLI_FLAGS_GENERATING)) {
         return -1;
     }
-    cli_walk walk(cli_walk::Purpose::kGenerate, pcdb);
-    walk.visit(root);
-    return 0;
+    const int result = qv::guarded(-1, [&] {
+        cli_walk walk(cli_walk::Purpose::kGenerate, pcdb);
+        walk.visit(root);
+        return 0;
+    });
+    qv::cli::g_incomplete |= result != 0;
+    return result;
 }
 
 }  // extern "C"

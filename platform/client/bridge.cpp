@@ -4,6 +4,7 @@
 
 #include <cerrno>
 
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 
 namespace {
@@ -14,7 +15,6 @@ class BridgeClient final : public qv::PortObserver {
  public:
     BridgeClient() { qv::platform().ports().add_observer(*this); }
 
-    void (*connected)(void) = nullptr;
     bridge_event_set selection{};
     bridge_event_handler handler = nullptr;
 
@@ -49,32 +49,38 @@ BridgeClient& client() {
     return instance;
 }
 
+void (*g_connected)(void) = nullptr;
+
 }  // namespace
 
 int bridge_agent_init(const char* name, qv_thread_master* master) {
     if (!name || !master) {
         return -1;
     }
-    BridgeClient& bridge = client();
-    qv::loop_of(master).post([&bridge] {
-        if (bridge.connected) {
-            bridge.connected();
-        }
+    return qv::guarded(-1, [master] {
+        client();  // follows the ports from here on
+        qv::loop_of(master).post([] {
+            if (g_connected) {
+                g_connected();
+            }
+        });
+        return 0;
     });
-    return 0;
 }
 
 void bridge_agent_set_connect_callback(void (*callback)(void)) {
-    client().connected = callback;
+    g_connected = callback;
 }
 
 int bridge_client_reg_event(const bridge_event_set* events, bridge_event_handler handler) {
     if (!events || !handler) {
         return EINVAL;
     }
-    client().selection = *events;
-    client().handler = handler;
-    return 0;
+    return qv::guarded(ENOMEM, [&] {
+        client().selection = *events;
+        client().handler = handler;
+        return 0;
+    });
 }
 
 int swport_get_port_mode(uint32_t ifx, uint32_t* mode) {

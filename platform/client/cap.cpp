@@ -6,12 +6,14 @@
 #include <cerrno>
 #include <filesystem>
 #include <limits>
+#include <new>
 #include <optional>
 #include <set>
 #include <string>
 
 #include <toml++/toml.h>
 
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 #include "qv/syslog.h"
 
@@ -51,38 +53,21 @@ int load(const std::string& path) {
     } catch (const toml::parse_error& error) {
         log_bad_file(path + ":" + std::to_string(error.source().begin.line),
                      std::string(error.description()).c_str());
+    } catch (const std::bad_alloc&) {
+        throw;  // no fault of the file's
     } catch (const std::exception& error) {
         log_bad_file(path, error.what());
     }
     return EINVAL;
 }
 
-}  // namespace
-
-int libqv_cap_init(const char* client, const char* key) {
-    if (client == nullptr || key == nullptr || *client == '\0' || *key == '\0') {
-        return EINVAL;
-    }
-    if (!store().entries) {
-        if (const int error = load(qv::platform().config().capabilities); error != 0) {
-            return error;
-        }
-    }
-    store().clients.insert(client);
-    return 0;
-}
-
-int libqv_cap_get_capacity_int32(const char* client, const char* key, int32_t* value,
-                                 int32_t fallback) {
-    if (client == nullptr || key == nullptr || value == nullptr) {
-        return EINVAL;
-    }
+int read_number(const char* client, const char* key, int32_t& value, int32_t fallback) {
     if (!store().clients.contains(client)) {
         return ENOENT;
     }
     const toml::node* entry = store().entries->get(key);
     if (entry == nullptr) {
-        *value = fallback;
+        value = fallback;
         return 0;
     }
     const toml::value<int64_t>* number = entry->as_integer();
@@ -93,6 +78,31 @@ int libqv_cap_get_capacity_int32(const char* client, const char* key, int32_t* v
     if (number->get() < Limits::min() || number->get() > Limits::max()) {
         return ERANGE;
     }
-    *value = static_cast<int32_t>(number->get());
+    value = static_cast<int32_t>(number->get());
     return 0;
+}
+
+}  // namespace
+
+int libqv_cap_init(const char* client, const char* key) {
+    if (client == nullptr || key == nullptr || *client == '\0' || *key == '\0') {
+        return EINVAL;
+    }
+    return qv::guarded(ENOMEM, [client] {
+        if (!store().entries) {
+            if (const int error = load(qv::platform().config().capabilities); error != 0) {
+                return error;
+            }
+        }
+        store().clients.insert(client);
+        return 0;
+    });
+}
+
+int libqv_cap_get_capacity_int32(const char* client, const char* key, int32_t* value,
+                                 int32_t fallback) {
+    if (client == nullptr || key == nullptr || value == nullptr) {
+        return EINVAL;
+    }
+    return qv::guarded(ENOMEM, [&] { return read_number(client, key, *value, fallback); });
 }

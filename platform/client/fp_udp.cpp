@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "platform/client/fp_items.h"
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 #include "platform/driver/forwarding_driver.h"
 
@@ -78,13 +79,12 @@ class FpService final : public qv::ForwardingSink {
         if (!knows_app(app)) {
             return EINVAL;
         }
-        const auto [found, fresh] = acls_.try_emplace({app, key.acl_id});
-        Acl& acl = found->second;
-        if (!fresh && acl.error == 0) {
+        Acl& acl = acls_[{app, key.acl_id}];
+        if (acl.id != 0 && acl.error == 0) {
             done(acl.id);
             return 0;
         }
-        if (fresh) {
+        if (acl.id == 0) {  // fresh, or memory ran out here the last time
             acl.key = key;
             acl.id = new_object(Kind::kAcl, acl);
         }
@@ -119,6 +119,7 @@ class FpService final : public qv::ForwardingSink {
         if (error == 0 && entry.control != 1) {
             error = EINVAL;
         }
+        acl->entries.reserve(acl->entries.size() + 1);
         const ForwardingId id = new_object(Kind::kEntry, *acl);
         acl->entries.push_back({id, error, matches});
         if (error != 0) {
@@ -362,39 +363,39 @@ int add_item(Target* target, const fp_item* item) {
 }
 
 int acl_create(qv_mom_client*, const fp_acl_key* key) {
-    return service().create_acl(*key);
+    return qv::guarded(ENOMEM, [&] { return service().create_acl(*key); });
 }
 
 int acl_delete(qv_mom_client*, const fp_acl_key* key) {
-    return service().delete_acl(*key);
+    return qv::guarded(ENOMEM, [&] { return service().delete_acl(*key); });
 }
 
 int entry_add(qv_mom_client*, const fp_acl_key* key, const fp_entry* entry) {
-    return service().add_entry(*key, *entry);
+    return qv::guarded(ENOMEM, [&] { return service().add_entry(*key, *entry); });
 }
 
 int entry_delete(qv_mom_client*, const fp_acl_key* key, uint32_t index) {
-    return service().delete_entry(*key, index);
+    return qv::guarded(ENOMEM, [&] { return service().delete_entry(*key, index); });
 }
 
 int apply_add(qv_mom_client*, const fp_apply_point* point, uint32_t, const fp_apply* apply) {
-    return service().add_apply(*point, *apply);
+    return qv::guarded(ENOMEM, [&] { return service().add_apply(*point, *apply); });
 }
 
 int apply_delete(qv_mom_client*, const fp_acl_key* key, const fp_apply_point* point) {
-    return service().delete_apply(*key, *point);
+    return qv::guarded(ENOMEM, [&] { return service().delete_apply(*key, *point); });
 }
 
 int acl_expire_add(void*, const char* app) {
-    return service().expire(app, false);
+    return qv::guarded(ENOMEM, [&] { return service().expire(app, false); });
 }
 
 int entry_expire_add(void*, const char* app) {
-    return service().expire(app, false);
+    return qv::guarded(ENOMEM, [&] { return service().expire(app, false); });
 }
 
 int apply_expire_add(void*, const char* app) {
-    return service().expire(app, true);
+    return qv::guarded(ENOMEM, [&] { return service().expire(app, true); });
 }
 
 fp_entry* entry_alloc() {
@@ -452,15 +453,17 @@ constexpr fp_udp_mgr kOperations = {
 extern "C" {
 
 int fp_udp_register_app_type(const char* app) {
-    return service().register_app(app);
+    return qv::guarded(ENOMEM, [app] { return service().register_app(app); });
 }
 
 int fp_udp_cgst_register(qv_mom_client* client, uint32_t, const char* name) {
     if (client == nullptr || name == nullptr) {
         return EINVAL;
     }
-    service().attach();
-    return 0;
+    return qv::guarded(ENOMEM, [] {
+        service().attach();
+        return 0;
+    });
 }
 
 int fp_udp_register_acl_handler(qv_mom_client* client, uint32_t,
@@ -468,8 +471,10 @@ int fp_udp_register_acl_handler(qv_mom_client* client, uint32_t,
     if (client == nullptr || handlers == nullptr) {
         return EINVAL;
     }
-    service().set_handlers(client, *handlers);
-    return 0;
+    return qv::guarded(ENOMEM, [&] {
+        service().set_handlers(client, *handlers);
+        return 0;
+    });
 }
 
 const fp_udp_mgr* fp_udp_get_mgr(void) {

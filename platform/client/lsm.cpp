@@ -8,6 +8,7 @@
 #include <set>
 #include <vector>
 
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 
 namespace {
@@ -34,7 +35,6 @@ class LsmClient final : public qv::PortObserver {
  public:
     LsmClient() { qv::platform().ports().add_observer(*this); }
 
-    void (*connected)(void) = nullptr;
     int mode = 0;
 
     void select(int event_class, const uint8_t* types, uint32_t events) {
@@ -174,6 +174,8 @@ LsmClient& client() {
     return instance;
 }
 
+void (*g_connected)(void) = nullptr;
+
 const Port* find(uint32_t ifx) {
     return qv::platform().ports().find(ifx);
 }
@@ -184,40 +186,50 @@ int lsm_agent_init(const char* name, qv_thread_master* master) {
     if (!name || !master) {
         return -1;
     }
-    LsmClient& lsm = client();
-    qv::loop_of(master).post([&lsm] {
-        if (lsm.connected) {
-            lsm.connected();
-        }
+    return qv::guarded(-1, [master] {
+        client();  // follows the ports from here on
+        qv::loop_of(master).post([] {
+            if (g_connected) {
+                g_connected();
+            }
+        });
+        return 0;
     });
-    return 0;
 }
 
 void lsm_agent_set_connect_callback(void (*callback)(void)) {
-    client().connected = callback;
+    g_connected = callback;
 }
 
 int lsm_client_set_mode(int mode) {
-    client().mode = mode;
-    return 0;
+    return qv::guarded(-1, [mode] {
+        client().mode = mode;
+        return 0;
+    });
 }
 
 int lsm_client_reg_event_ex(int event_class, const uint8_t* type_bitmap, uint32_t event_mask) {
     if (!type_bitmap) {
         return -1;
     }
-    client().select(event_class, type_bitmap, event_mask);
-    return 0;
+    return qv::guarded(-1, [&] {
+        client().select(event_class, type_bitmap, event_mask);
+        return 0;
+    });
 }
 
 int lsm_reg_msg_handler_ex(int event_class, lsm_event_handler handler) {
-    client().set_handler(event_class, handler);
-    return 0;
+    return qv::guarded(-1, [&] {
+        client().set_handler(event_class, handler);
+        return 0;
+    });
 }
 
 int lsm_client_reg_event_over(void) {
-    client().registered();
-    return 0;
+    return qv::guarded(-1, [] {
+        client().registered();
+        return 0;
+    });
 }
 
 int lsm_if_get_sname(uint32_t ifx, char* name, size_t size) {
@@ -229,8 +241,10 @@ int lsm_if_get_sname(uint32_t ifx, char* name, size_t size) {
 }
 
 const lsm_intfcb* lsm_get_intfcb(uint32_t ifx) {
-    const Port* port = find(ifx);
-    return port ? client().control_block(*port) : nullptr;
+    return qv::guarded<const lsm_intfcb*>(nullptr, [ifx] {
+        const Port* port = find(ifx);
+        return port ? client().control_block(*port) : nullptr;
+    });
 }
 
 uint32_t lsm_if_get_type(uint32_t ifx) {

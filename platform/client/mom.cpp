@@ -8,13 +8,13 @@
 #include <cerrno>
 #include <map>
 #include <memory>
-#include <new>
 #include <optional>
 #include <string>
 #include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "platform/client/guarded.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/own_records.h"
 #include "platform/client/platform.h"
@@ -249,20 +249,6 @@ void qv_mom_client::deliver(const Topic& topic, int oper, const ProtobufCMessage
     topic.callback(this, &message);
 }
 
-namespace {
-
-// For the C functions below, which no exception may leave.
-template <typename Call>
-int guarded(Call call) {
-    try {
-        return call();
-    } catch (const std::bad_alloc&) {
-        return ENOMEM;
-    }
-}
-
-}  // namespace
-
 extern "C" {
 
 qv_mom_client* qv_mom_client_init(const char* name, qv_thread_master* master,
@@ -275,13 +261,11 @@ qv_mom_client* qv_mom_client_init(const char* name, qv_thread_master* master,
     }
     // Clients live as long as the process, whatever becomes of their handles. The list itself is
     // never destroyed, so that no client goes after the store it stands on.
-    static auto& clients = *new std::vector<std::unique_ptr<qv_mom_client>>();
-    try {
+    return qv::guarded<qv_mom_client*>(nullptr, [] {
+        static auto& clients = *new std::vector<std::unique_ptr<qv_mom_client>>();
         clients.push_back(std::make_unique<qv_mom_client>(qv::platform().store()));
         return clients.back().get();
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    });
 }
 
 int qv_mom_client_connect(qv_mom_client* client, uint32_t db, qv_mom_session_cb connected,
@@ -289,7 +273,7 @@ int qv_mom_client_connect(qv_mom_client* client, uint32_t db, qv_mom_session_cb 
     if (client == nullptr) {
         return EINVAL;
     }
-    return guarded([&] {
+    return qv::guarded(ENOMEM, [&] {
         client->connect(db, {connected, arg});
         return 0;
     });
@@ -300,7 +284,7 @@ int qv_mom_client_set_reconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_se
     if (client == nullptr) {
         return EINVAL;
     }
-    return guarded([&] {
+    return qv::guarded(ENOMEM, [&] {
         client->sessions[db].reconnected = {callback, arg};
         return 0;
     });
@@ -311,7 +295,7 @@ int qv_mom_client_set_disconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_s
     if (client == nullptr) {
         return EINVAL;
     }
-    return guarded([&] {
+    return qv::guarded(ENOMEM, [&] {
         client->sessions[db].disconnected = {callback, arg};
         return 0;
     });
@@ -323,7 +307,7 @@ int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* recor
         (descriptor != nullptr && descriptor != record->descriptor)) {
         return EINVAL;
     }
-    return guarded([&] {
+    return qv::guarded(ENOMEM, [&] {
         const std::optional<std::string> key = qv::record_key(*record);
         if (!key) {
             return EINVAL;
@@ -342,7 +326,7 @@ int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* recor
     if (client == nullptr || record == nullptr) {
         return EINVAL;
     }
-    return guarded([&] {
+    return qv::guarded(ENOMEM, [&] {
         const std::optional<std::string> key = qv::record_key(*record);
         if (!key) {
             return EINVAL;
@@ -358,7 +342,7 @@ int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* reco
     if (client == nullptr || record == nullptr) {
         return EINVAL;
     }
-    return guarded([&] {
+    return qv::guarded(ENOMEM, [&] {
         const std::optional<std::string> pattern = qv::record_key_pattern(*record);
         if (!pattern) {
             return EINVAL;
@@ -373,7 +357,7 @@ int qv_mom_subscribe(qv_mom_client* client, uint32_t db, const ProtobufCMessage*
     if (client == nullptr || key == nullptr || callback == nullptr) {
         return EINVAL;
     }
-    return guarded([&] { return client->subscribe(db, *key->descriptor, callback); });
+    return qv::guarded(ENOMEM, [&] { return client->subscribe(db, *key->descriptor, callback); });
 }
 
 int qv_mom_scan(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int /*flags*/,
@@ -381,7 +365,7 @@ int qv_mom_scan(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key,
     if (client == nullptr || key == nullptr || callback == nullptr) {
         return EINVAL;
     }
-    return guarded([&] { return client->scan(db, *key->descriptor, callback); });
+    return qv::guarded(ENOMEM, [&] { return client->scan(db, *key->descriptor, callback); });
 }
 
 int qv_mom_publish(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record,
@@ -389,7 +373,7 @@ int qv_mom_publish(qv_mom_client* client, uint32_t db, const ProtobufCMessage* r
     if (client == nullptr || record == nullptr) {
         return EINVAL;
     }
-    return guarded([&] {
+    return qv::guarded(ENOMEM, [&] {
         const std::vector<uint8_t> packed = qv::pack_record(*record);
         return client->store->publish(db, record->descriptor->name, packed) ? 0 : ENOTCONN;
     });

@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "p_nc.pb-c.h"
+#include "platform/client/guarded.h"
 #include "platform/client/notification_ring.h"
 
 namespace {
@@ -83,6 +84,18 @@ int publish(qv_mom_client* client, const qv::SentNotification& notification) {
     return qv_mom_publish(client, QV_MOM_LOCAL_DB, &record.base, 0, 0);
 }
 
+// In the ring first: what has been published must not fail any more.
+int send(qv_mom_client* client, std::span<const nc_lib_leaf> leaves) {
+    ring().push_back(copy_of(leaves));
+    const int refused = qv::guarded(ENOMEM, [client] { return publish(client, ring().back()); });
+    if (refused != 0) {
+        ring().pop_back();
+    } else if (ring().size() > qv::kRecentNotifications) {
+        ring().pop_front();
+    }
+    return refused;
+}
+
 }  // namespace
 
 std::vector<qv::SentNotification> qv::recent_notifications() {
@@ -101,14 +114,5 @@ int nc_lib_notification_send(qv_mom_client* client, const nc_lib_leaf* leaves, i
     if (!acceptable(given)) {
         return EINVAL;
     }
-    qv::SentNotification notification = copy_of(given);
-    const int refused = publish(client, notification);
-    if (refused != 0) {
-        return refused;
-    }
-    ring().push_back(std::move(notification));
-    if (ring().size() > qv::kRecentNotifications) {
-        ring().pop_front();
-    }
-    return 0;
+    return qv::guarded(ENOMEM, [&] { return send(client, given); });
 }

@@ -24,6 +24,7 @@
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
+#include "platform/client/guarded.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/platform.h"
 #include "qv/syslog.h"
@@ -149,6 +150,28 @@ void await_role() {
     role.retry = role.loop->after(kLeaseRetry, await_role);
 }
 
+// Registered at the end: what runs out of memory before can be repeated.
+int register_role(const rdnd_reg& reg) {
+    Redundancy& role = redundancy();
+    if (role.registered) {
+        return EALREADY;
+    }
+    role.loop = &qv::loop_of(reg.master);
+    role.master_cb = reg.master_cb;
+    role.exclusives.clear();
+    name_exclusives(reg.module);
+    switch (qv::platform().config().role) {
+        case qv::PlatformConfig::Role::kSolo:
+            take_role_or_end(reg.module);
+            break;
+        case qv::PlatformConfig::Role::kLease:
+            role.loop->post(await_role);
+            break;
+    }
+    role.registered = true;
+    return 0;
+}
+
 struct Supervision {
     qv::EventLoop* loop = nullptr;
     qv::Duration interval{};
@@ -176,24 +199,7 @@ int rdnd_lib_mom_reg(const rdnd_reg* reg) {
     if (*reg->module == '\0' || std::strchr(reg->module, '/') != nullptr) {
         return EINVAL;
     }
-    Redundancy& role = redundancy();
-    if (role.registered) {
-        return EALREADY;
-    }
-    role.registered = true;
-    role.loop = &qv::loop_of(reg->master);
-    role.master_cb = reg->master_cb;
-
-    name_exclusives(reg->module);
-    switch (qv::platform().config().role) {
-        case qv::PlatformConfig::Role::kSolo:
-            take_role_or_end(reg->module);
-            break;
-        case qv::PlatformConfig::Role::kLease:
-            role.loop->post(await_role);
-            break;
-    }
-    return 0;
+    return qv::guarded(ENOMEM, [reg] { return register_role(*reg); });
 }
 
 int app_public_instance_init(const app_public_instance* instance) {
@@ -211,9 +217,12 @@ void app_public_init_dead_detection(qv_thread_master* master) {
     if (master == nullptr || sd_watchdog_enabled(0, &watchdog_us) <= 0) {
         return;
     }
-    Supervision& watched = supervision();
-    watched.loop = &qv::loop_of(master);
-    // On the loop's clock: at a higher speed than real time the report only comes more often.
-    watched.interval = std::chrono::microseconds(watchdog_us / 2);
-    report_alive();
+    // A process that has no memory to report is started anew by its supervisor.
+    qv::guarded([&] {
+        Supervision& watched = supervision();
+        watched.loop = &qv::loop_of(master);
+        // On the loop's clock: at a higher speed than real time the report only comes more often.
+        watched.interval = std::chrono::microseconds(watchdog_us / 2);
+        report_alive();
+    });
 }

@@ -10,6 +10,7 @@
 #include <deque>
 #include <memory>
 
+#include "platform/client/guarded.h"
 #include "platform/client/log_ring.h"
 #include "platform/client/platform.h"
 #include "platform/driver/mutex.h"
@@ -102,7 +103,7 @@ void printk_syslog(int severity, const char* facility, const char* mnemonic, con
                    ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    qv::log_message(severity, facility, mnemonic, format, arguments);
+    qv::guarded([&] { qv::log_message(severity, facility, mnemonic, format, arguments); });
     va_end(arguments);
 }
 
@@ -110,7 +111,8 @@ void printk_syslog_ext(int severity, const char* facility, const char* mnemonic,
                        ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    const std::string line = qv::log_message(severity, facility, mnemonic, format, arguments);
+    qv::guarded([&] {
+        qv::show_on_monitors(qv::log_message(severity, facility, mnemonic, format, arguments));
+    });
     va_end(arguments);
-    qv::show_on_monitors(line);
 }

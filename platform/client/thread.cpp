@@ -1,4 +1,7 @@
 // qv/thread.h over EventLoop.
+//
+// Work that ends in an exception, as when memory runs out, is half done and cannot be reported: the
+// process ends at the place, and its next start puts everything right.
 #include "qv/thread.h"
 
 #include <algorithm>
@@ -7,9 +10,9 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
-#include <new>
 
 #include "platform/client/event_loop.h"
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 
 namespace {
@@ -37,11 +40,15 @@ qv_thread_master* qv_thread_master_create(void) {
 }
 
 qv_thread* qv_thread_fetch(qv_thread_master* master, qv_thread* thread) {
-    return qv::loop_of(master).fetch(thread);
+    return [=]() noexcept {
+        return qv::loop_of(master).fetch(thread);
+    }();
 }
 
 void qv_thread_call(qv_thread* thread) {
-    thread->func(thread);
+    [=]() noexcept {
+        thread->func(thread);
+    }();
 }
 
 void qv_thread_master_finish(qv_thread_master* master) {
@@ -55,11 +62,9 @@ qv_thread* qv_thread_add_timer(qv_thread_master* master, int (*func)(qv_thread*)
     if (master == nullptr || func == nullptr) {
         return nullptr;
     }
-    try {
+    return qv::guarded<qv_thread*>(nullptr, [&] {
         return qv::loop_of(master).add_timer(func, arg, delay_of(seconds), nullptr);
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
+    });
 }
 
 int qv_thread_insert_timer(qv_thread_master* master, qv_thread** slot, int (*func)(qv_thread*),
@@ -68,12 +73,10 @@ int qv_thread_insert_timer(qv_thread_master* master, qv_thread** slot, int (*fun
         return EINVAL;
     }
     qv_thread_cancel(*slot);
-    try {
+    return qv::guarded(ENOMEM, [&] {
         qv::loop_of(master).add_timer(func, arg, delay_of(seconds), slot);
         return 0;
-    } catch (const std::bad_alloc&) {
-        return ENOMEM;
-    }
+    });
 }
 
 void qv_thread_cancel(qv_thread* timer) {

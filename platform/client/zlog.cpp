@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <string>
 #include <string_view>
 
@@ -12,10 +13,13 @@
 #include <unistd.h>
 #include <zlog.h>
 
+#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 #include "qv/syslog.h"
 
 struct qv_zlog_category {
+    qv_zlog_category(const std::string& of, zlog_category_t* in) : name(of), file(in) {}
+
     std::string name;
     zlog_category_t* file;  // null: lines are dropped
 };
@@ -97,6 +101,19 @@ zlog_category_t* open_category(const std::string& directory, const std::string& 
     return nullptr;
 }
 
+// Null after a log line.
+qv_zlog_category* make_category(const std::string& name) {
+    auto category = std::make_unique<qv_zlog_category>(name, nullptr);
+    const std::string& directory = qv::platform().config().log_dir;
+    if (!directory.empty()) {
+        category->file = open_category(directory, name);
+        if (category->file == nullptr) {
+            return nullptr;
+        }
+    }
+    return category.release();
+}
+
 }  // namespace
 
 qv_zlog_category* qv_zlog_init(const char* name) {
@@ -104,19 +121,12 @@ qv_zlog_category* qv_zlog_init(const char* name) {
     if (name == nullptr) {
         return nullptr;
     }
-    if (category != nullptr) {
-        return category->name == name ? category : nullptr;
-    }
-    const std::string& directory = qv::platform().config().log_dir;
-    zlog_category_t* file = nullptr;
-    if (!directory.empty()) {
-        file = open_category(directory, name);
-        if (file == nullptr) {
-            return nullptr;
+    return qv::guarded<qv_zlog_category*>(nullptr, [name] {
+        if (category == nullptr) {
+            category = make_category(name);
         }
-    }
-    category = new qv_zlog_category{name, file};
-    return category;
+        return category != nullptr && category->name == name ? category : nullptr;
+    });
 }
 
 void qvdf_zlog(qv_zlog_category* category, const char* file, const char* function, long line,

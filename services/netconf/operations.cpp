@@ -76,10 +76,14 @@ nc_server_reply* perform(const Entry& entry, const lyd_node& rpc, Session& sessi
     }
 }
 
-// Called by libnetconf2, hence no exception leaves.
+// Called by libnetconf2, hence no exception leaves, not even one about an answer to another one.
 template <size_t Index>
 nc_server_reply* on_rpc(lyd_node* rpc, nc_session* link) {
-    return perform(kOperations[Index], *rpc, *static_cast<Session*>(nc_session_get_data(link)));
+    try {
+        return perform(kOperations[Index], *rpc, *static_cast<Session*>(nc_session_get_data(link)));
+    } catch (const std::exception&) {
+        return nullptr;  // answered as operation-failed by libnetconf2
+    }
 }
 
 template <size_t... Index>

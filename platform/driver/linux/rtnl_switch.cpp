@@ -17,6 +17,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include "platform/client/guarded.h"
 #include "platform/driver/linux/bridge_ports.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "platform/driver/linux/rtnl_monitor.h"
@@ -71,8 +72,10 @@ int change_up_flag(nl_sock* socket, uint32_t ifx, bool up) {
     return request ? transact(socket, request.get()) : ENOMEM;
 }
 
+// Called by the library, which no exception may cross. The answer is read to its end in any case.
 int keep_link(nl_msg* answer, void* kept) {
-    *static_cast<std::optional<LinkMessage>*>(kept) = parse_link(nlmsg_hdr(answer));
+    guarded(
+        [=] { *static_cast<std::optional<LinkMessage>*>(kept) = parse_link(nlmsg_hdr(answer)); });
     return NL_OK;
 }
 

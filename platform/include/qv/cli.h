@@ -161,10 +161,11 @@ void cli_change_mode(cli_pcdb* pcdb, const char* mode);
 const cli_node* cli_get_mode_root(const char* mode);  // null for an unknown mode
 int cli_walkthrought_node(const cli_node* root, cli_pcdb* pcdb);
 
-// Asks for the running configuration to be generated again. Never waits. Any thread, any lock. 0.
+// Asks for the running configuration to be generated again. Never waits. Any thread, any lock. 0,
+// or -1 when there is no memory: then the next change asks for it.
 int cli_client_c2p_reform(void);
 // Tells the configuration system that the running configuration has changed: it is saved soon.
-// Never waits. Any thread, any lock. 0.
+// Never waits. Any thread, any lock. 0 or -1, as above.
 int cli_syn_config_notify(void);
 
 // ---- Sessions of programs ----

@@ -26,7 +26,8 @@ qv_thread_master* qv_thread_master_create(void);
 // nothing is left that could ever fire. The timer behind the work is gone when this returns.
 qv_thread* qv_thread_fetch(qv_thread_master* master, qv_thread* thread);
 
-// Runs the work that qv_thread_fetch has filled in.
+// Runs the work that qv_thread_fetch has filled in. The process ends when the work throws, as it
+// may when memory runs out; so it does when qv_thread_fetch itself has none.
 void qv_thread_call(qv_thread* thread);
 
 // Releases the master with everything still pending in it. Null is allowed.

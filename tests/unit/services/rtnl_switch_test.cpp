@@ -3,6 +3,9 @@
 
 #include <cstdio>
 #include <cstring>
+#include <functional>
+#include <new>
+#include <optional>
 
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -11,6 +14,7 @@
 #include <unistd.h>
 
 #include "platform/driver/clock.h"
+#include "platform/driver/linux/rtnl_link.h"
 #include "tests/support/test_platform.h"
 #include "tests/unit/services/recording_sink.h"
 #include "tests/unit/services/temporary_directory.h"
@@ -28,6 +32,19 @@ int __wrap_nl_wait_for_ack(nl_sock* socket) {
     }
     return result;
 }
+}
+
+// The same for qv::parse_link.
+static bool g_links_find_no_memory = false;
+std::optional<qv::LinkMessage> real_parse_link(nlmsghdr* header) asm(
+    "__real__ZN2qv10parse_linkEP8nlmsghdr");
+std::optional<qv::LinkMessage> wrapped_parse_link(nlmsghdr* header) asm(
+    "__wrap__ZN2qv10parse_linkEP8nlmsghdr");
+std::optional<qv::LinkMessage> wrapped_parse_link(nlmsghdr* header) {
+    if (g_links_find_no_memory) {
+        throw std::bad_alloc();
+    }
+    return real_parse_link(header);
 }
 
 namespace qv {
@@ -203,6 +220,28 @@ TEST_F(RtnlSwitchTest, AdminStateChangedInsideAReportIsReportedBeforeThatCallRet
     ip("link set swp1 up\n");
     ASSERT_TRUE(wait_for_up("swp1"));
     EXPECT_FALSE(sink.find("swp2")->admin_up);
+}
+
+// What the kernel has acknowledged counts when its answer cannot be kept.
+TEST_F(RtnlSwitchTest, AdminStateThatFindsNoMemoryForTheKernelsAnswerIsTheAcknowledgedOne) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1") && wait_for_up("swp2"));
+    const uint32_t ifx = sink.find("swp2")->ifx;
+    std::string refusal = "not asked";
+    std::string next_refusal = "not asked";
+    sink.on_next_change = [&] {
+        g_links_find_no_memory = true;
+        EXPECT_NO_THROW(refusal = driver.set_admin(ifx, false));
+        g_links_find_no_memory = false;
+        next_refusal = driver.set_admin(ifx, true);
+    };
+    ip("link set swp1 down\n");
+    ASSERT_TRUE(wait_for([&] { return next_refusal != "not asked"; }));
+    EXPECT_EQ(refusal, "");
+    EXPECT_EQ(next_refusal, "") << "the socket is in step with the kernel";
+    EXPECT_TRUE(wait_for_up("swp2"));
 }
 
 TEST_F(RtnlSwitchTest, StateThatAnotherProgramHasChangedBackIsNoSuccess) {

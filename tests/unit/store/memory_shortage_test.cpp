@@ -1,33 +1,15 @@
-// The C functions of qv/mom.h when operator new fails (the linker hands it to the function below).
+// The C functions of qv/mom.h and the timers of qv/thread.h when operator new fails.
 #include <cerrno>
+#include <cstdlib>
 #include <new>
 
+#include "tests/support/memory_shortage.h"
 #include "tests/unit/store/store_fixture.h"
-
-namespace {
-bool g_memory_is_short = false;
-}  // namespace
-
-extern "C" {
-void* __real__Znwm(std::size_t size);
-void* __wrap__Znwm(std::size_t size) {
-    if (g_memory_is_short) {
-        throw std::bad_alloc();
-    }
-    return __real__Znwm(size);
-}
-}
 
 namespace store_test {
 namespace {
 
-template <typename Call>
-auto without_memory(Call call) {
-    g_memory_is_short = true;
-    const auto result = call();
-    g_memory_is_short = false;
-    return result;
-}
+using qv::test::without_memory;
 
 TEST(MemoryShortage, EachCallReturnsAnErrorNumber) {
     qv::test::TestPlatform platform;
@@ -66,6 +48,24 @@ TEST(MemoryShortage, EachCallReturnsAnErrorNumber) {
 
 int do_nothing(qv_thread*) {
     return 0;
+}
+
+int throw_bad_alloc(qv_thread*) {
+    throw std::bad_alloc();
+}
+
+// Half of the work is done then, and nobody can be told.
+TEST(MemoryShortageDeathTest, WorkThatEndsInAnExceptionEndsTheProcess) {
+    qv_thread work{nullptr, throw_bad_alloc, nullptr};
+    EXPECT_DEATH(
+        {
+            try {
+                qv_thread_call(&work);
+            } catch (const std::bad_alloc&) {
+                std::_Exit(0);
+            }
+        },
+        "");
 }
 
 TEST(MemoryShortage, TimerThatFindsNoMemoryIsNotArmed) {
