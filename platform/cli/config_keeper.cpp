@@ -243,12 +243,16 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     const ShutBy owner = sections_.shut_by(ifx);
     const ConfigSection section = sections_.change_admin(*port, up, by_program);
     const std::string trouble = applying_ ? "" : write_ahead(section);
+    const ShutBy wanted = sections_.shut_by(ifx);
     std::string reason = ports.set_admin(ifx, up);
     if (!applying_) {
         check_journal(trouble);
     }
     if (!reason.empty()) {
         sections_.set_shut_by(ifx, owner);
+    } else if (ports.find(ifx)) {
+        // Older news that the port was up may have come in between: it no longer counts.
+        sections_.set_shut_by(ifx, wanted);
     }
     request_save();
     return reason;

@@ -262,6 +262,21 @@ TEST_F(SavedConfig, FileThatSomebodyRemovesIsSavedAgain) {
                            " was removed; the configuration is saved again."});
 }
 
+// As for a port that is made anew: its driver hears late that it was up in between.
+TEST_F(SavedConfig, ShutdownIsSavedAlthoughNewsThatThePortWasUpComesLate) {
+    rig.announce_ready();
+    rig.hardware.set_admin(101, false);
+    rig.hardware.before_change = [this] {
+        rig.hardware.before_change = nullptr;
+        rig.hardware.set_admin(101, true);
+    };
+    rig.session.mode = "interface";
+    rig.session.ifx = 101;
+    EXPECT_EQ(rig.type("shutdown"), "");
+    rig.platform.run_for(60s);
+    EXPECT_EQ(saved_text(), "interface swp1\n shutdown\n" + kPorts.substr(15));
+}
+
 TEST_F(SavedConfig, JournalThatSomebodyRemovesIsBackWithTheNextShutdown) {
     rig.announce_ready();
     rig.platform.run_for(60s);
