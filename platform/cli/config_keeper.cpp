@@ -248,11 +248,9 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     if (!applying_) {
         check_journal(trouble);
     }
-    if (!reason.empty()) {
-        sections_.set_shut_by(ifx, owner);
-    } else if (ports.find(ifx)) {
+    if (ports.find(ifx)) {
         // Older news that the port was up may have come in between: it no longer counts.
-        sections_.set_shut_by(ifx, wanted);
+        sections_.set_shut_by(ifx, reason.empty() ? wanted : owner);
     }
     request_save();
     return reason;
@@ -325,12 +323,14 @@ void ConfigKeeper::apply(ConfigSection section, bool known_first) {
         sections_.keep(std::move(section));  // the port has left in the middle of its replay
         return;
     }
-    sections_.set_pending(section);
-    loop_.post([this, section = std::move(section), known_first] {
+    const uint64_t number = sections_.set_pending(section);
+    loop_.post([this, section = std::move(section), number, known_first] {
+        if (!sections_.is_pending(section.port, number)) {
+            return;
+        }
         if (!platform().ports().find(section.port)) {
-            if (sections_.set_in_force(section.port)) {
-                sections_.keep(section);  // the port has another name now
-            }
+            sections_.set_in_force(section.port, number);
+            sections_.keep(section);  // the port has another name now
             return;
         }
         if (known_first) {
@@ -339,9 +339,9 @@ void ConfigKeeper::apply(ConfigSection section, bool known_first) {
         }
         const std::vector<ConfigSection> sections{section};
         const auto replay = std::make_shared<ConfigReplay>(path(), sections, sections_);
-        run(replay, [this, replay, name = section.port] {
+        run(replay, [this, replay, name = section.port, number] {
             if (replay->cut_off().empty()) {
-                sections_.set_in_force(name);
+                sections_.set_in_force(name, number);
                 request_save();
             }
         });

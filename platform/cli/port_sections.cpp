@@ -57,18 +57,26 @@ void PortSections::set_shut_by(uint32_t ifx, ShutBy owner) {
 ConfigSection PortSections::saved(const Port& port) const {
     const auto pending = pending_.find(port.name);
     if (pending != pending_.end()) {
-        return pending->second;
+        return pending->second.section;
     }
     return with_admin_line(generate_section(port),
                            port.admin_up ? ShutBy::kNobody : shut_by(port.ifx));
 }
 
-void PortSections::set_pending(const ConfigSection& section) {
-    pending_[section.port] = section;
+uint64_t PortSections::set_pending(const ConfigSection& section) {
+    pending_[section.port] = {section, ++pending_numbers_};
+    return pending_numbers_;
 }
 
-bool PortSections::set_in_force(const std::string& name) {
-    return pending_.erase(name) != 0;
+bool PortSections::is_pending(const std::string& name, uint64_t number) const {
+    const auto found = pending_.find(name);
+    return found != pending_.end() && found->second.number == number;
+}
+
+void PortSections::set_in_force(const std::string& name, uint64_t number) {
+    if (is_pending(name, number)) {
+        pending_.erase(name);
+    }
 }
 
 ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_program) {
@@ -81,7 +89,8 @@ ConfigSection PortSections::change_admin(const Port& port, bool up, bool by_prog
     }
     const auto pending = pending_.find(port.name);
     ConfigSection section = with_admin_line(
-        pending == pending_.end() ? generate_section(port) : pending->second, shut_by(port.ifx));
+        pending == pending_.end() ? generate_section(port) : pending->second.section,
+        shut_by(port.ifx));
     // The port may still be down when this is read.
     if (up && !has_line(section, kHeldLine)) {
         add_admin_line(section, kNoShutdown);

@@ -41,10 +41,11 @@ class PortSections {
     ConfigSection saved(const Port& port) const;
 
     // The port has come with a section that is not in force yet: until set_in_force() it is what is
-    // saved, for the port itself does not show it.
-    void set_pending(const ConfigSection& section);
-    // False when no section was pending under this name.
-    bool set_in_force(const std::string& name);
+    // saved, for the port itself does not show it. Returns its number.
+    uint64_t set_pending(const ConfigSection& section);
+    // Whether it is still that one: the port may have left, and may have come with another.
+    bool is_pending(const std::string& name, uint64_t number) const;
+    void set_in_force(const std::string& name, uint64_t number);
 
     // The same for when its admin state will have been changed. From here on the port's shutdown is
     // its new owner's.
@@ -69,6 +70,11 @@ class PortSections {
     std::string kept_text() const;
 
  private:
+    struct Pending {
+        ConfigSection section;
+        uint64_t number = 0;
+    };
+
     struct Kept {
         ConfigSection section;
         uint32_t ifx = 0;  // of the last port of this name that left; 0: unknown, or reused since
@@ -76,7 +82,8 @@ class PortSections {
     };
 
     std::map<uint32_t, ShutBy> shut_by_;  // nobody: left out
-    std::map<std::string, ConfigSection> pending_;
+    std::map<std::string, Pending> pending_;
+    uint64_t pending_numbers_ = 0;
     std::map<std::string, Kept> kept_;
     uint64_t ages_ = 0;
 };

@@ -150,7 +150,9 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         const std::string name = port->name;
         const int error = change_up_flag(requests_.get(), ifx, up);
         std::string reason = error != 0 ? std::strerror(error) : "";
-        if (reason.empty()) {
+        if (error == ENODEV) {
+            monitor_.catch_up();  // so that nobody takes the port for one that is there
+        } else if (error == 0) {
             reason = take_over(ifx, up);
         }
         if (reason.empty()) {

@@ -61,6 +61,37 @@ TEST_F(PortSectionsTest, PortThatAnOperatorOpensUnderAProgramThatHoldsItIsStillT
     EXPECT_EQ(last_record(), "swp2: loop-detect apply shutdown-port,");
 }
 
+TEST_F(PortSectionsTest, SectionIsPendingUntilItIsInForceItself) {
+    start();
+    const qv::Port& port = *rig.model.find(101);
+    qv::cli::PortSections sections;
+    const uint64_t first =
+        sections.set_pending({"swp1", 0, {{0, "tarn port loop-detect warning"}}});
+    const uint64_t second = sections.set_pending({"swp1", 0, {{0, "shutdown"}}});
+    EXPECT_FALSE(sections.is_pending("swp1", first));
+    sections.set_in_force("swp1", first);
+    EXPECT_TRUE(sections.is_pending("swp1", second));
+    EXPECT_EQ(sections.saved(port).lines.at(0).text, "shutdown");
+    sections.set_in_force("swp1", second);
+    EXPECT_FALSE(sections.is_pending("swp1", second));
+    EXPECT_EQ(sections.saved(port).lines.size(), 0U);
+}
+
+// The driver learns of its removal from the refused request.
+TEST_F(PortSectionsTest, PortThatGoesWhileItIsShutAgainKeepsItsShutdown) {
+    was_saved("interface swp1\n shutdown\n!\n");
+    rig.hardware.before_change = [&] {
+        rig.hardware.before_change = nullptr;
+        rig.hardware.remove(101);
+        rig.hardware.refusal = "No such device";
+    };
+    start();
+    rig.hardware.refusal.clear();
+    rig.hardware.add("swp1", 201);
+    rig.platform.run_for(2s);
+    EXPECT_FALSE(up(201));
+}
+
 TEST_F(PortSectionsTest, GlobalLinesStandInTheJournalBeforeTheSectionThatNeedsThem) {
     start();
     rig.session.mode = "config";

@@ -176,6 +176,17 @@ TEST_F(RtnlSwitchTest, AcknowledgedAdminStateIsReportedBeforeTheCallReturns) {
     EXPECT_TRUE(sink.find("swp1")->admin_up);
 }
 
+TEST_F(RtnlSwitchTest, PortThatIsGoneIsReportedBeforeARequestForItFails) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+    ip("link del swp1\n");
+    EXPECT_EQ(driver.set_admin(ifx, false), "cannot set swp1 down: No such device");
+    EXPECT_EQ(sink.reports.back(), "removed swp1");
+}
+
 // The state must not go back and forth through what had happened before the request.
 TEST_F(RtnlSwitchTest, OlderNotificationsAreTakenBeforeTheAcknowledgedState) {
     ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
