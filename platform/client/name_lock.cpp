@@ -49,7 +49,7 @@ void close_if_open(int& fd) {
     }
 }
 
-// The process that listens at the address of a name, unless it is a stranger's.
+// The process that listens at the address of a name; none when it is a stranger's.
 std::optional<pid_t> listener_at(const Address& address) {
     int fd = open_socket();
     if (fd < 0) {

@@ -35,7 +35,8 @@ class NameLock {
     int take(EventLoop& loop, const std::string& name, const std::string& file);
     void release();
 
-    // Whether a stranger has the address of a name that was taken: then only the file holds it.
+    // Whether a stranger, or nobody who answers, has the address of a name that was taken: then
+    // only the file holds it.
     bool address_is_taken() const { return file_ >= 0 && socket_ < 0; }
 
     // The process that holds the name; 0 when nobody does or it cannot be found out.

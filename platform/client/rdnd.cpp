@@ -107,10 +107,11 @@ Obstacle take_exclusives() {
     }
     for (const Exclusive& exclusive : role.exclusives) {
         if (exclusive.lock.address_is_taken()) {
-            printk_syslog(SYSLOG_SEVERITY_WARNING, "RDND", "LOCK",
-                          "A process of another user has taken the address of the lock on %s: only "
-                          "the file %s keeps a second agent out.",
-                          exclusive.thing.c_str(), exclusive.file.c_str());
+            printk_syslog(
+                SYSLOG_SEVERITY_WARNING, "RDND", "LOCK",
+                "The address of the lock on %s is held by another user, or by a process that "
+                "does not answer: only the file %s keeps a second agent out.",
+                exclusive.thing.c_str(), exclusive.file.c_str());
         }
     }
     return {nullptr, 0};

@@ -278,10 +278,11 @@ TEST_F(RdndTest, AddressThatNobodyAnswersForDoesNotCount) {
     run_for(Duration::zero());
     EXPECT_EQ(g_master_calls, 1);
     EXPECT_EQ(platform.log.lines(),
-              Lines{"RDND-4-LOCK: A process of another user has taken the address of the lock on "
-                    "command-line socket " +
-                    platform.settings.cli_socket + ": only the file " + cli_lock_file() +
-                    " keeps a second agent out."});
+              Lines{"RDND-4-LOCK: The address of the lock on command-line socket " +
+                    platform.settings.cli_socket +
+                    " is held by another user, or by a process that does not answer: only the "
+                    "file " +
+                    cli_lock_file() + " keeps a second agent out."});
     EXPECT_EQ(NameLock::holder(cli_lock(), cli_lock_file()), getpid());
     close(fd);
 }
