@@ -1,7 +1,6 @@
 // The program as a whole. Each run is a child of the test: its limits, its signal handlers and
 // libnetconf2 belong to a process.
 #include <fcntl.h>
-#include <getopt.h>
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <sys/resource.h>
@@ -23,6 +22,7 @@
 #include <vector>
 
 #include "services/netconf/options.h"
+#include "tests/unit/netconf/command_line.h"
 #include "tests/unit/netconf/database_peer.h"
 #include "tests/unit/netconf/intercepted.h"
 #include "tests/unit/netconf/served_session.h"
@@ -111,15 +111,8 @@ class Program : public testing::Test {
         dup2(open(folder_.path(file).c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600), fd);
     }
 
-    static int call_main(std::vector<std::string> words) {
-        words.insert(words.begin(), "lda-netconf");
-        std::vector<char*> raw;
-        for (std::string& word : words) {
-            raw.push_back(word.data());
-        }
-        raw.push_back(nullptr);
-        optind = 0;  // getopt starts anew
-        return netconf_main(static_cast<int>(words.size()), raw.data());
+    static int call_main(const std::vector<std::string>& words) {
+        return netconf::test::with_command_line(words, netconf_main);
     }
 };
 

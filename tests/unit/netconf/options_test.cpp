@@ -1,7 +1,6 @@
 // The command line of lda-netconf.
 #include "services/netconf/options.h"
 
-#include <getopt.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -10,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/unit/netconf/command_line.h"
 #include "tests/unit/netconf/database_peer.h"
 
 using netconf::Options;
@@ -20,15 +20,8 @@ class OptionsOfTheFront : public testing::Test {
  protected:
     void SetUp() override { unsetenv("LDA_PLATFORM"); }
 
-    static Options read(std::vector<std::string> words) {
-        words.insert(words.begin(), "lda-netconf");
-        std::vector<char*> raw;
-        for (std::string& word : words) {
-            raw.push_back(word.data());
-        }
-        raw.push_back(nullptr);
-        optind = 0;  // getopt starts anew
-        return netconf::read_options(static_cast<int>(words.size()), raw.data());
+    static Options read(const std::vector<std::string>& words) {
+        return netconf::test::with_command_line(words, netconf::read_options);
     }
 
     static std::string fault(const std::vector<std::string>& words) {
