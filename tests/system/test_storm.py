@@ -26,7 +26,7 @@ def join(lab, *ports):
 
 
 def test_storm_between_two_ports_is_judged_shut_and_over(lab):
-    # What the bridge floods goes out of swp4, too, where nobody listens.
+    # The bridge floods out of swp4, too, where nobody listens.
     readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4")}
     join(lab, "swp1", "swp2")
     with lab.broadcasts("swp3-far"), no_idling():

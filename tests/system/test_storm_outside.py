@@ -23,7 +23,7 @@ def wide_lab(kernel_ports):
 
 def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
     lab = wide_lab
-    # What the bridge floods goes out of swp4, too, where nobody listens.
+    # The bridge floods out of swp4, too, where nobody listens.
     readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4"),
                 "received": lambda: lab.received("swp1"), "outside": lambda: lab.received("return"),
                 "agent": lab.agent_seconds}

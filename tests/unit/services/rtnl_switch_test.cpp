@@ -233,7 +233,7 @@ TEST_F(RtnlSwitchTest, AdminStateChangedInsideAReportIsReportedBeforeThatCallRet
     EXPECT_FALSE(sink.find("swp2")->admin_up);
 }
 
-// What the kernel has acknowledged counts when its answer cannot be kept.
+// The kernel has acknowledged the state, though its answer cannot be kept.
 TEST_F(RtnlSwitchTest, AdminStateThatFindsNoMemoryForTheKernelsAnswerIsTheAcknowledgedOne) {
     ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
     RtnlSwitch driver(loop, "br0");
