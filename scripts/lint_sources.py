@@ -22,7 +22,7 @@ STANDARD_C = set("""assert.h complex.h ctype.h errno.h fenv.h float.h inttypes.h
     string.h strings.h time.h wchar.h wctype.h""".split())
 AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "sys/types.h", "unistd.h"}
 COMPOSITION_ROOT = "platform/client/platform.cpp"
-NETCONF_PLATFORM = {"platform/client/config.h"}  # all that the NETCONF front takes from there
+NETCONF_PLATFORM = {"platform/base/config.h"}  # all that the NETCONF front takes from there
 DRIVER_SETS = ("platform/driver/embedded/", "platform/driver/linux/")
 
 

@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/event_loop.h"
 #include "platform/cli/config_file.h"
 #include "platform/cli/config_saver.h"
 #include "platform/cli/journal.h"
 #include "platform/cli/port_sections.h"
-#include "platform/client/event_loop.h"
 #include "platform/client/port_model.h"
 #include "qv/cli.h"
 

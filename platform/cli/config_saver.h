@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/background.h"
+#include "platform/base/event_loop.h"
 #include "platform/cli/journal.h"
 #include "platform/cli/port_sections.h"
-#include "platform/client/background.h"
-#include "platform/client/event_loop.h"
 
 namespace qv::cli {
 

@@ -1,7 +1,7 @@
 #include "platform/cli/notification_commands.h"
 
+#include "platform/base/system_log.h"
 #include "platform/client/notification_ring.h"
-#include "platform/driver/system_log.h"
 #include "qv/cli.h"
 #include "qv/netconf.h"
 

@@ -8,7 +8,7 @@
 
 #include <vector>
 
-#include "platform/driver/mutex.h"
+#include "platform/base/mutex.h"
 
 namespace qv::cli {
 

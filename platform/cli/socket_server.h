@@ -11,8 +11,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/base/event_loop.h"
 #include "platform/cli/socket_session.h"
-#include "platform/client/event_loop.h"
 
 namespace qv::cli {
 

@@ -13,8 +13,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/base/event_loop.h"
 #include "platform/cli/engine.h"
-#include "platform/client/event_loop.h"
 
 namespace qv::cli {
 

@@ -13,7 +13,7 @@
 
 #include <sys/types.h>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 
 namespace qv {
 

@@ -7,13 +7,13 @@
 
 #include <memory>
 
-#include "platform/client/background.h"
-#include "platform/client/config.h"
-#include "platform/client/event_loop.h"
+#include "platform/base/background.h"
+#include "platform/base/clock.h"
+#include "platform/base/config.h"
+#include "platform/base/event_loop.h"
+#include "platform/base/system_log.h"
 #include "platform/client/port_model.h"
-#include "platform/driver/clock.h"
 #include "platform/driver/switch_driver.h"
-#include "platform/driver/system_log.h"
 
 namespace qv {
 

@@ -9,7 +9,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/switch_driver.h"
 
 namespace qv {

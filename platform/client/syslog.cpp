@@ -10,10 +10,10 @@
 #include <deque>
 #include <memory>
 
+#include "platform/base/mutex.h"
 #include "platform/client/guarded.h"
 #include "platform/client/log_ring.h"
 #include "platform/client/platform.h"
-#include "platform/driver/mutex.h"
 
 namespace qv {
 namespace {

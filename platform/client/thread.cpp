@@ -11,7 +11,7 @@
 #include <exception>
 #include <memory>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <stdexcept>
 
-#include "platform/client/config.h"
+#include "platform/base/config.h"
 
 namespace netconf {
 

@@ -2,7 +2,7 @@
 #include <stdexcept>
 #include <string>
 
-#include "platform/client/config.h"
+#include "platform/base/config.h"
 #include "tests/fuzz/agent.h"
 #include "tests/fuzz/memory_file.h"
 

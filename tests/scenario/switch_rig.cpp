@@ -14,10 +14,10 @@
 #include "lda_cli_delivery.h"
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
+#include "platform/base/mutex.h"
 #include "platform/cli/config_file.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/notification_ring.h"
-#include "platform/driver/mutex.h"
 #include "tests/support/test_platform.h"
 
 extern "C" int lda_main();

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <functional>
 
-#include "platform/client/event_loop.h"
-#include "platform/driver/clock.h"
+#include "platform/base/clock.h"
+#include "platform/base/event_loop.h"
 
 namespace qv::test {
 

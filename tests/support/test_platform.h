@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/mutex.h"
 #include "platform/client/platform.h"
 #include "platform/driver/embedded/memory_store.h"
-#include "platform/driver/mutex.h"
 #include "tests/support/manual_clock.h"
 
 namespace qv::test {

@@ -12,7 +12,7 @@
 #include <map>
 #include <vector>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/forwarding_driver.h"
 
 namespace qv {

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/switch_driver.h"
 
 namespace qv {

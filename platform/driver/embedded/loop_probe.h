@@ -10,7 +10,7 @@
 #include <functional>
 #include <map>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/embedded/embedded_switch.h"
 
 namespace qv {

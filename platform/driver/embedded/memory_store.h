@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/store_driver.h"
 
 namespace qv {

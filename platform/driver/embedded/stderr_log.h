@@ -8,8 +8,8 @@
 #include <cstdint>
 #include <string>
 
-#include "platform/driver/mutex.h"
-#include "platform/driver/system_log.h"
+#include "platform/base/mutex.h"
+#include "platform/base/system_log.h"
 
 namespace qv {
 

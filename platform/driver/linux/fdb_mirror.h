@@ -15,7 +15,7 @@
 #include <set>
 #include <vector>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/linux/fdb_entry.h"
 #include "platform/driver/linux/rtnl_monitor.h"
 

@@ -26,7 +26,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/forwarding_driver.h"
 #include "platform/driver/linux/fdb_mirror.h"
 #include "platform/driver/linux/nft_table.h"

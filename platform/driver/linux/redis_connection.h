@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/linux/redis_reply.h"
 
 struct redisContext;

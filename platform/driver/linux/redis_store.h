@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/store_driver.h"
 
 namespace qv {

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 
 struct nl_sock;
 struct nlmsghdr;

@@ -21,7 +21,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "platform/driver/switch_driver.h"
 
 namespace qv {

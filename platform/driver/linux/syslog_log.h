@@ -16,9 +16,9 @@
 #include <deque>
 #include <string>
 
-#include "platform/client/event_loop.h"
-#include "platform/driver/mutex.h"
-#include "platform/driver/system_log.h"
+#include "platform/base/event_loop.h"
+#include "platform/base/mutex.h"
+#include "platform/base/system_log.h"
 
 namespace qv {
 

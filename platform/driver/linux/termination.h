@@ -1,7 +1,7 @@
 // Something to do before the process ends on a signal.
 #pragma once
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 
 namespace qv {
 

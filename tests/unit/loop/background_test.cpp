@@ -1,6 +1,6 @@
 // The worker thread of the platform. A worker that never ends is killed by the alarm, which is a
 // failure like any other.
-#include "platform/client/background.h"
+#include "platform/base/background.h"
 
 #include <gtest/gtest.h>
 #include <pthread.h>

@@ -13,7 +13,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 #include "tests/support/manual_clock.h"
 
 namespace loop_test {

@@ -13,7 +13,7 @@
 #include <sched.h>
 #include <unistd.h>
 
-#include "platform/driver/clock.h"
+#include "platform/base/clock.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "tests/support/test_platform.h"
 #include "tests/unit/services/recording_sink.h"

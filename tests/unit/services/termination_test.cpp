@@ -8,7 +8,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "platform/driver/clock.h"
+#include "platform/base/clock.h"
 #include "tests/unit/services/rtnl_script.h"
 
 namespace qv {

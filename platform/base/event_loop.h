@@ -13,7 +13,7 @@
 #include <memory>
 #include <optional>
 
-#include "platform/driver/clock.h"
+#include "platform/base/clock.h"
 #include "qv/thread.h"
 
 namespace qv {

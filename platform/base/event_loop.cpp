@@ -1,4 +1,4 @@
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 
 #include <event2/event.h>
 #include <pthread.h>
@@ -21,7 +21,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/driver/mutex.h"
+#include "platform/base/mutex.h"
 
 namespace qv {
 namespace {

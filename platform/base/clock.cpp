@@ -1,4 +1,4 @@
-#include "platform/driver/clock.h"
+#include "platform/base/clock.h"
 
 #include <cmath>
 

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <thread>
 
-#include "platform/client/event_loop.h"
+#include "platform/base/event_loop.h"
 
 namespace qv {
 

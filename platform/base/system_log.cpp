@@ -1,4 +1,4 @@
-#include "platform/driver/system_log.h"
+#include "platform/base/system_log.h"
 
 #include <cstdio>
 #include <ctime>

@@ -1,4 +1,4 @@
-#include "platform/client/background.h"
+#include "platform/base/background.h"
 
 #include <csignal>
 #include <utility>

@@ -1,4 +1,4 @@
-#include "platform/client/config.h"
+#include "platform/base/config.h"
 
 #include <algorithm>
 #include <cerrno>
