@@ -199,8 +199,8 @@ int measure(unsigned ports, unsigned rounds) {
         Dump dump;
         const auto read_ours = [&] {
             platform.manual_clock.advance(qv::NftForwarding::kTick);
-            qv_thread work;
-            qv_thread_call(loop.fetch(&work));
+            loop.fetch();
+            loop.run();
         };
         const auto read_bare = [&] {
             dump = bare_dump(socket, round);

@@ -13,6 +13,7 @@
 
 #include "bench/agent_host.h"
 #include "p_bridge.pb-c.h"
+#include "platform/client/thread_master.h"
 #include "qv/mom.h"
 
 namespace {
@@ -34,7 +35,7 @@ class Reporter {
             for (const auto& [ifx, port] : agent_.ports().ports()) {
                 ports_.push_back(ifx);
             }
-            client_ = qv_mom_client_init("bench", agent_.loop().master(), nullptr);
+            client_ = qv_mom_client_init("bench", qv::master_of(agent_.loop()), nullptr);
             qv_mom_client_connect(
                 client_, QV_MOM_APP_DB, [](void*) { return 0; }, nullptr);
         });

@@ -14,6 +14,7 @@
 #include "bench/agent_host.h"
 #include "p_bridge.pb-c.h"
 #include "platform/client/port_model.h"
+#include "platform/client/thread_master.h"
 #include "qv/mom.h"
 
 namespace {
@@ -75,7 +76,7 @@ int main(int argc, char** argv) {
         for (const auto& [ifx, port] : agent.ports().ports()) {
             ports.push_back(ifx);
         }
-        client = qv_mom_client_init("bench", agent.loop().master(), nullptr);
+        client = qv_mom_client_init("bench", qv::master_of(agent.loop()), nullptr);
         qv_mom_client_connect(
             client, QV_MOM_APP_DB, [](void*) { return 0; }, nullptr);
         qv::platform().ports().add_observer(watch);

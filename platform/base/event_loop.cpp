@@ -135,13 +135,10 @@ struct EventLoop::Impl {
     // Of another thread: no post, one that is still to come, one that waits in the queue.
     enum class Expected { kNothing, kPost, kPosted };
 
-    // Also what was put off: due as soon as it is taken. The qv_thread is the handle of the C
-    // surface; its `func` is null for the others.
-    struct Timer final : Entry, qv_thread {
-        Timer() : qv_thread{} {}
+    // Also what was put off: due as soon as it is taken.
+    struct Timer final : Entry {
         void detach() override;
 
-        qv_thread** slot = nullptr;
         Task task;
         TimerKey key;
     };
@@ -161,10 +158,9 @@ struct EventLoop::Impl {
         Ready ready{};
     };
 
-    Impl(EventLoop& owner, Clock& used_clock);
+    explicit Impl(Clock& used_clock);
     ~Impl();
 
-    std::shared_ptr<Timer> arm(Duration delay);
     bool find_work() EXCLUDES(mutex);
     void take_posted() EXCLUDES(mutex);
     void take_due_timers();
@@ -173,14 +169,12 @@ struct EventLoop::Impl {
     bool linger() EXCLUDES(mutex);
     bool anything_posted() EXCLUDES(mutex);
     bool anything_left() const;
-    bool start(Work work, qv_thread* thread);
+    bool start(Work work);
     void wake_seen() const;
     void alarm_seen();
     void set_alarm();
-    static int run_current(qv_thread* thread);
 
     // Constant after creation.
-    EventLoop& loop;
     Clock& clock;
     const pthread_t own_thread = pthread_self();
     WakeDescriptor wake;
@@ -197,7 +191,7 @@ struct EventLoop::Impl {
     std::deque<Work> ready;  // this round's work
     std::vector<std::shared_ptr<Timer>> put_off;
     int rounds_put_off = 0;  // since put_off was last taken, while it waits
-    Work current;            // handed out by fetch(), run by qv_thread_call
+    Work current;            // taken by fetch() for run(), not a timer
 
     Mutex mutex;
     std::deque<Task> posted GUARDED_BY(mutex);
@@ -207,7 +201,7 @@ struct EventLoop::Impl {
     std::atomic<Expected> expected{Expected::kNothing};
 };
 
-EventLoop::Impl::Impl(EventLoop& owner, Clock& used_clock) : loop(owner), clock(used_clock) {
+EventLoop::Impl::Impl(Clock& used_clock) : clock(used_clock) {
     wake_event.reset(event_new(
         base.get(), wake.fd(), EV_READ | EV_PERSIST,
         [](evutil_socket_t, short, void* self) { static_cast<Impl*>(self)->wake_seen(); }, this));
@@ -239,12 +233,18 @@ EventLoop::Impl::~Impl() {
         watch->watched.reset();
         watch->loop = nullptr;
     }
+    // A task may own the handle of its own timer.
+    for (auto& [key, timer] : timers) {
+        timer->task = nullptr;
+    }
+    for (Work& work : ready) {
+        if (work.timer) {
+            work.timer->task = nullptr;
+        }
+    }
 }
 
 void EventLoop::Impl::Timer::detach() {
-    if (slot != nullptr) {
-        *slot = nullptr;
-    }
     Impl* const from = std::exchange(loop, nullptr);
     from->timers.erase(key);  // not there when the timer already waits in this round's work
 }
@@ -252,14 +252,6 @@ void EventLoop::Impl::Timer::detach() {
 void EventLoop::Impl::Watch::detach() {
     watched.reset();
     std::exchange(loop, nullptr)->watches.erase(this);
-}
-
-std::shared_ptr<EventLoop::Impl::Timer> EventLoop::Impl::arm(Duration delay) {
-    auto timer = std::make_shared<Timer>();
-    timer->key = {clock.now() + std::clamp(delay, Duration::zero(), kLongestDelay), timers_armed++};
-    timers.emplace(timer->key, timer);
-    timer->loop = this;
-    return timer;
 }
 
 void EventLoop::Impl::wake_seen() const {
@@ -390,21 +382,14 @@ bool EventLoop::Impl::find_work() {
     return false;
 }
 
-// Makes `thread` run `work`. False when its owner has let go of it in the meantime.
-bool EventLoop::Impl::start(Work work, qv_thread* thread) {
-    *thread = {loop.master(), run_current, this};
-    if (Timer* const timer = work.timer.get()) {
-        if (timer->loop == nullptr) {
+// Makes `work` the current one. False when its owner has let go of it in the meantime.
+bool EventLoop::Impl::start(Work work) {
+    if (work.timer) {
+        if (std::exchange(work.timer->loop, nullptr) == nullptr) {
             return false;
         }
-        timer->loop = nullptr;  // fired: the handle is inert from here on
-        if (timer->slot != nullptr) {
-            *timer->slot = nullptr;
-        }
-        if (timer->func != nullptr) {
-            *thread = *timer;
-            return true;
-        }
+        work.task = std::move(work.timer->task);
+        work.timer.reset();
     } else if (work.watch && work.watch->loop == nullptr) {
         return false;
     }
@@ -412,21 +397,7 @@ bool EventLoop::Impl::start(Work work, qv_thread* thread) {
     return true;
 }
 
-// The work is moved out: the callback may come back into the loop and must not lose its own
-// function while it runs.
-int EventLoop::Impl::run_current(qv_thread* thread) {
-    const Work work = std::move(static_cast<Impl*>(thread->arg)->current);
-    if (work.timer) {
-        work.timer->task();
-    } else if (!work.watch) {
-        work.task();
-    } else if (work.watch->loop != nullptr) {
-        work.watch->callback(work.ready);
-    }
-    return 0;
-}
-
-EventLoop::EventLoop(Clock& clock) : impl_(std::make_unique<Impl>(*this, clock)) {}
+EventLoop::EventLoop(Clock& clock) : impl_(std::make_unique<Impl>(clock)) {}
 EventLoop::~EventLoop() = default;
 
 void EventLoop::post(Task task) {
@@ -478,8 +449,12 @@ EventLoop::Handle EventLoop::watch(int fd, bool read, bool write, WatchCallback 
 }
 
 EventLoop::Handle EventLoop::after(Duration delay, Task task) {
-    auto timer = impl_->arm(delay);
+    const Time due = impl_->clock.now() + std::clamp(delay, Duration::zero(), kLongestDelay);
+    auto timer = std::make_shared<Impl::Timer>();
+    timer->key = {due, impl_->timers_armed++};
     timer->task = std::move(task);
+    impl_->timers.emplace(timer->key, timer);
+    timer->loop = impl_.get();
     return Handle(std::move(timer));
 }
 
@@ -512,42 +487,33 @@ std::optional<Time> EventLoop::next_timer() const {
     return impl_->timers.begin()->first.first;
 }
 
-qv_thread* EventLoop::fetch(qv_thread* thread) {
+bool EventLoop::fetch() {
     while (!impl_->stopped.load()) {
         if (impl_->ready.empty() && !impl_->find_work()) {
-            return nullptr;
+            return false;
         }
         Impl::Work work = std::move(impl_->ready.front());
         impl_->ready.pop_front();
-        if (impl_->start(std::move(work), thread)) {
-            return thread;
+        if (impl_->start(std::move(work))) {
+            return true;
         }
     }
-    return nullptr;
+    return false;
 }
 
-qv_thread* EventLoop::add_timer(int (*func)(qv_thread*), void* arg, Duration delay,
-                                qv_thread** slot) {
-    const auto timer = impl_->arm(delay);
-    static_cast<qv_thread&>(*timer) = {master(), func, arg};
-    timer->slot = slot;
-    if (slot != nullptr) {
-        *slot = timer.get();
+// The work is moved out: the callback may come back into the loop and must not lose its own
+// function while it runs.
+void EventLoop::run() {
+    const Impl::Work work = std::move(impl_->current);
+    if (!work.watch) {
+        work.task();
+    } else if (work.watch->loop != nullptr) {
+        work.watch->callback(work.ready);
     }
-    return timer.get();
 }
 
-void EventLoop::cancel(qv_thread* timer) {
-    static_cast<Impl::Timer*>(timer)->detach();
-}
-
-// A master is a loop under its C name; nobody ever sees a complete qv_thread_master.
-qv_thread_master* EventLoop::master() {
-    return reinterpret_cast<qv_thread_master*>(this);
-}
-
-EventLoop& loop_of(qv_thread_master* master) {
-    return *reinterpret_cast<EventLoop*>(master);
+const EventLoop::Task& EventLoop::fetched() const {
+    return impl_->current.task;
 }
 
 EventLoop::Handle::Handle(std::shared_ptr<Entry> entry) : entry_(std::move(entry)) {}

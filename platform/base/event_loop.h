@@ -1,5 +1,5 @@
-// The event loop behind a thread master: timers on a Clock, descriptors through libevent, and work
-// posted from any thread. Everything runs one piece at a time inside qv_thread_call.
+// The event loop of a process: timers on a Clock, descriptors through libevent, and work posted
+// from any thread. Everything runs one piece at a time inside run().
 //
 // Anything may be removed from inside any callback, its own included: watches and timers are owned
 // by the handles below, and a destroyed handle's callback never runs again.
@@ -14,7 +14,6 @@
 #include <optional>
 
 #include "platform/base/clock.h"
-#include "qv/thread.h"
 
 namespace qv {
 
@@ -69,33 +68,32 @@ class EventLoop {
     // handle is empty when the descriptor is of a kind that cannot be watched.
     [[nodiscard]] Handle watch(int fd, bool read, bool write, WatchCallback callback);
 
-    // One-shot timer. The handle is empty-able at any time; after firing it is inert.
+    // One-shot timer. It has fired once fetch() has taken it: a handle that is reset later no
+    // longer keeps `task` from running.
     [[nodiscard]] Handle after(Duration delay, Task task);
 
     // `task` runs once, when nothing more urgent is left to do, in the order given; kept waiting
     // for a few rounds at most. For the part of the work that nobody waits for.
     [[nodiscard]] Handle put_off(Task task);
 
-    // Makes fetch() return null from now on. Any thread, and signal handlers.
+    // Makes fetch() return false from now on. Any thread, and signal handlers.
     void stop();
 
     bool on_loop_thread() const;  // any thread
     Clock& clock() const;
     std::optional<Time> next_timer() const;  // when the earliest pending timer is due
 
-    // The C surface (qv/thread.h) on top of this loop. fetch() returns null when no task, timer or
+    // Takes the next piece of work, after waiting for it if need be. False when no task, timer or
     // watch is left, or after stop().
-    qv_thread* fetch(qv_thread* thread);
-    qv_thread* add_timer(int (*func)(qv_thread*), void* arg, Duration delay, qv_thread** slot);
-    static void cancel(qv_thread* timer);
-    qv_thread_master* master();
+    bool fetch();
+    // Does the work that fetch() has taken.
+    void run();
+    // The task that run() would call; empty for the callback of a watch. Valid until either call.
+    const Task& fetched() const;
 
  private:
     struct Impl;
     std::unique_ptr<Impl> impl_;
 };
-
-// The loop of a master.
-EventLoop& loop_of(qv_thread_master* master);
 
 }  // namespace qv

@@ -21,6 +21,7 @@
 #include "platform/client/guarded.h"
 #include "platform/client/log_ring.h"
 #include "platform/client/platform.h"
+#include "platform/client/thread_master.h"
 #include "qv/cli.h"
 
 namespace qv::cli {

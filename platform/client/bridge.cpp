@@ -6,6 +6,7 @@
 
 #include "platform/client/guarded.h"
 #include "platform/client/platform.h"
+#include "platform/client/thread_master.h"
 
 namespace {
 

@@ -10,6 +10,7 @@
 
 #include "platform/client/guarded.h"
 #include "platform/client/platform.h"
+#include "platform/client/thread_master.h"
 
 namespace {
 

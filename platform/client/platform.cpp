@@ -13,6 +13,7 @@
 #include "platform/client/mom_key.h"
 #include "platform/client/own_records.h"
 #include "platform/client/port_follower.h"
+#include "platform/client/thread_master.h"
 #include "platform/driver/embedded/embedded_forwarding.h"
 #include "platform/driver/embedded/embedded_switch.h"
 #include "platform/driver/embedded/loop_probe.h"
@@ -55,7 +56,7 @@ std::string loop_entry_key(const std::string& port) {
 class LoopReports {
  public:
     explicit LoopReports(EventLoop& loop)
-        : client_(qv_mom_client_init("tarn", loop.master(), nullptr)) {
+        : client_(qv_mom_client_init("tarn", master_of(loop), nullptr)) {
         qv_mom_client_connect(
             client_, QV_MOM_APP_DB, [](void*) { return 0; }, nullptr);
     }

@@ -27,6 +27,7 @@
 #include "platform/client/guarded.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/platform.h"
+#include "platform/client/thread_master.h"
 #include "qv/syslog.h"
 
 namespace {

@@ -10,10 +10,12 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <utility>
 
 #include "platform/base/event_loop.h"
 #include "platform/client/guarded.h"
 #include "platform/client/platform.h"
+#include "platform/client/thread_master.h"
 
 namespace {
 
@@ -24,7 +26,66 @@ qv::Duration delay_of(long seconds) {
     return std::chrono::seconds(std::clamp(seconds, 0L, kLongestTimer_s));
 }
 
+// A pending timer is its own handle. The loop owns it, by the task that waits for its time.
+struct Timer final : qv_thread {
+    Timer(const qv_thread& record, qv_thread** used_slot) : qv_thread(record), slot(used_slot) {}
+
+    // Fires or cancels the timer. Returns its place in the loop, and with it the timer may go.
+    qv::EventLoop::Handle end() {
+        if (slot != nullptr) {
+            *slot = nullptr;
+        }
+        return std::move(pending);
+    }
+
+    qv_thread** slot;
+    qv::EventLoop::Handle pending;
+};
+
+// The task of a timer in the loop.
+struct Expiry {
+    std::shared_ptr<Timer> timer;
+
+    // The record of the timer, which ends now. Once.
+    qv_thread take() const {
+        timer->end();
+        return *timer;
+    }
+    // For whoever runs the loop without this interface.
+    void operator()() const {
+        qv_thread record = take();
+        qv_thread_call(&record);
+    }
+};
+
+qv_thread* arm(const qv_thread& record, long seconds, qv_thread** slot) {
+    const auto timer = std::make_shared<Timer>(record, slot);
+    timer->pending = qv::loop_of(record.master).after(delay_of(seconds), Expiry{timer});
+    if (slot != nullptr) {
+        *slot = timer.get();
+    }
+    return timer.get();
+}
+
+int run_fetched(qv_thread* thread) {
+    qv::loop_of(thread->master).run();
+    return 0;
+}
+
 }  // namespace
+
+namespace qv {
+
+// Nobody ever sees a complete qv_thread_master.
+qv_thread_master* master_of(EventLoop& loop) {
+    return reinterpret_cast<qv_thread_master*>(&loop);
+}
+
+EventLoop& loop_of(qv_thread_master* master) {
+    return *reinterpret_cast<EventLoop*>(master);
+}
+
+}  // namespace qv
 
 extern "C" {
 
@@ -32,7 +93,7 @@ qv_thread_master* qv_thread_master_create(void) {
     try {
         auto loop = std::make_unique<qv::EventLoop>(qv::platform().clock());
         qv::platform().attach_loop(*loop);
-        return loop.release()->master();
+        return qv::master_of(*loop.release());
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "lda: %s\n", failure.what());
         return nullptr;
@@ -40,8 +101,14 @@ qv_thread_master* qv_thread_master_create(void) {
 }
 
 qv_thread* qv_thread_fetch(qv_thread_master* master, qv_thread* thread) {
-    return [=]() noexcept {
-        return qv::loop_of(master).fetch(thread);
+    return [=]() noexcept -> qv_thread* {
+        qv::EventLoop& loop = qv::loop_of(master);
+        if (!loop.fetch()) {
+            return nullptr;
+        }
+        const auto* const expiry = loop.fetched().target<Expiry>();
+        *thread = expiry != nullptr ? expiry->take() : qv_thread{master, run_fetched, nullptr};
+        return thread;
     }();
 }
 
@@ -63,7 +130,7 @@ qv_thread* qv_thread_add_timer(qv_thread_master* master, int (*func)(qv_thread*)
         return nullptr;
     }
     return qv::guarded<qv_thread*>(nullptr, [&] {
-        return qv::loop_of(master).add_timer(func, arg, delay_of(seconds), nullptr);
+        return arm({master, func, arg}, seconds, nullptr);
     });
 }
 
@@ -74,14 +141,14 @@ int qv_thread_insert_timer(qv_thread_master* master, qv_thread** slot, int (*fun
     }
     qv_thread_cancel(*slot);
     return qv::guarded(ENOMEM, [&] {
-        qv::loop_of(master).add_timer(func, arg, delay_of(seconds), slot);
+        arm({master, func, arg}, seconds, slot);
         return 0;
     });
 }
 
 void qv_thread_cancel(qv_thread* timer) {
     if (timer != nullptr) {
-        qv::EventLoop::cancel(timer);
+        static_cast<Timer*>(timer)->end();
     }
 }
 

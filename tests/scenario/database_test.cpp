@@ -8,6 +8,7 @@
 #include "p_app.pb-c.h"
 #include "p_mng.pb-c.h"
 #include "platform/client/platform.h"
+#include "platform/client/thread_master.h"
 #include "storm_detect.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
@@ -303,7 +304,7 @@ class Requester {
  public:
     explicit Requester(SwitchRig& rig) : rig_(rig) {
         rig.on_main([this] {
-            client_ = qv_mom_client_init("netconf", platform().loop().master(), nullptr);
+            client_ = qv_mom_client_init("netconf", master_of(platform().loop()), nullptr);
             qv_mom_client_connect(client_, QV_MOM_LOCAL_DB, listen, this);
             qv_mom_client_set_reconnect_cb(client_, QV_MOM_LOCAL_DB, listen, this);
         });

@@ -41,13 +41,12 @@ void ManualClock::advance_to(Time t) {
 
 void run_ready(EventLoop& loop, ManualClock& clock) {
     auto before = std::exchange(clock.on_idle, []() -> bool { throw Idle(); });
-    qv_thread thread;
     bool endless = true;
     try {
         for (int piece = 0; piece < kEndless && endless; ++piece) {
-            endless = loop.fetch(&thread) != nullptr;
+            endless = loop.fetch();
             if (endless) {
-                qv_thread_call(&thread);
+                loop.run();
             }
         }
     } catch (const Idle&) {
@@ -75,15 +74,14 @@ void run_for(EventLoop& loop, ManualClock& clock, Duration step) {
 bool run_until(EventLoop& loop, const std::function<bool()>& done, Duration limit) {
     const auto end = std::chrono::steady_clock::now() + limit;
     EventLoop::Handle guard;  // ends the wait; more than once when the loop's clock runs fast
-    qv_thread thread;
     while (!done() && std::chrono::steady_clock::now() < end) {
         if (!guard) {
             guard = loop.after(limit, [] {});
         }
-        if (loop.fetch(&thread) == nullptr) {
+        if (!loop.fetch()) {
             break;
         }
-        qv_thread_call(&thread);
+        loop.run();
     }
     return done();
 }

@@ -81,9 +81,8 @@ class Rescue {
 };
 
 inline void run_to_the_end(EventLoop& loop) {
-    qv_thread thread{};
-    while (loop.fetch(&thread) != nullptr) {
-        qv_thread_call(&thread);
+    while (loop.fetch()) {
+        loop.run();
     }
 }
 

@@ -94,9 +94,8 @@ int idle_rounds_of_a_quiet_time(EventLoop& loop, CountingClock& clock) {
         watch.reset();
     });
     clock.idle_rounds = 0;
-    qv_thread thread{};
-    while (!rung && loop.fetch(&thread) != nullptr) {
-        qv_thread_call(&thread);
+    while (!rung && loop.fetch()) {
+        loop.run();
     }
     EXPECT_TRUE(rung);
     return clock.idle_rounds;
@@ -108,8 +107,7 @@ TEST(LoopOnTheRealClock, TimerFiresNotBeforeItsTime) {
     const auto start = std::chrono::steady_clock::now();
     const Rescue rescue(loop);
     const auto timer = loop.after(20ms, [] {});
-    qv_thread thread{};
-    ASSERT_NE(loop.fetch(&thread), nullptr);
+    ASSERT_TRUE(loop.fetch());
     EXPECT_GE(std::chrono::steady_clock::now() - start, 20ms);
 }
 
@@ -172,8 +170,7 @@ TEST(LoopOnTheRealClock, WaitingCostsNoProcessorTime) {
     rusage before{};
     rusage after{};
     getrusage(RUSAGE_THREAD, &before);
-    qv_thread thread{};
-    ASSERT_NE(loop.fetch(&thread), nullptr);
+    ASSERT_TRUE(loop.fetch());
     getrusage(RUSAGE_THREAD, &after);
     EXPECT_LE(after.ru_nvcsw - before.ru_nvcsw, 3) << "wakes up while there is nothing to do";
 }
@@ -249,9 +246,8 @@ TEST_F(Loop, TimerThatBecomesDueAsTheLoopIsAboutToWaitEndsTheWait) {
         return false;
     };
     const Rescue rescue(loop);
-    qv_thread thread{};
-    for (int n = 0; n < 2 && loop.fetch(&thread) != nullptr; n++) {
-        qv_thread_call(&thread);
+    for (int n = 0; n < 2 && loop.fetch(); n++) {
+        loop.run();
     }
     EXPECT_EQ(seen, (Seen{"descriptor", "fired"}));
 }
@@ -264,8 +260,7 @@ TEST_F(Loop, StopInTheLastMomentEndsTheWait) {
         return false;
     };
     const Rescue rescue(loop);
-    qv_thread thread{};
-    EXPECT_EQ(loop.fetch(&thread), nullptr);
+    EXPECT_FALSE(loop.fetch());
 }
 
 TEST_F(Loop, DescriptorThatEndsTheWaitIsReportedOnce) {
@@ -279,9 +274,8 @@ TEST_F(Loop, DescriptorThatEndsTheWaitIsReportedOnce) {
         pipe.fill();
         return false;
     };
-    qv_thread thread{};
-    ASSERT_NE(loop.fetch(&thread), nullptr);
-    qv_thread_call(&thread);
+    ASSERT_TRUE(loop.fetch());
+    loop.run();
     run_ready(loop, clock);
     EXPECT_EQ(seen, Seen{"descriptor"});
 }
@@ -303,8 +297,7 @@ TEST_F(Loop, DescriptorThatStaysReadyDoesNotHoldUpARound) {
         }
         pipe.drain();  // would end such a round
     });
-    qv_thread thread{};
-    EXPECT_NE(loop.fetch(&thread), nullptr);
+    EXPECT_TRUE(loop.fetch());
     fetched = true;
     other.join();
     EXPECT_TRUE(in_time);

@@ -89,10 +89,9 @@ TEST_F(Loop, WatchRemovedWhileItsWorkWaitsIsNotFetched) {
     };
     watches[0] = loop.watch(one.out(), true, false, remove_both);
     watches[1] = loop.watch(two.out(), true, false, remove_both);
-    qv_thread thread{};
-    ASSERT_NE(loop.fetch(&thread), nullptr);
-    qv_thread_call(&thread);
-    EXPECT_EQ(loop.fetch(&thread), nullptr);
+    ASSERT_TRUE(loop.fetch());
+    loop.run();
+    EXPECT_FALSE(loop.fetch());
 }
 
 TEST_F(Loop, WatchRemovedAfterItsWorkWasFetchedDoesNotRun) {
@@ -100,10 +99,9 @@ TEST_F(Loop, WatchRemovedAfterItsWorkWasFetchedDoesNotRun) {
     pipe.fill();
     auto watch =
         loop.watch(pipe.out(), true, false, [&](EventLoop::Ready) { seen.emplace_back("ran"); });
-    qv_thread thread{};
-    ASSERT_NE(loop.fetch(&thread), nullptr);
+    ASSERT_TRUE(loop.fetch());
     watch.reset();
-    qv_thread_call(&thread);
+    loop.run();
     EXPECT_EQ(seen, Seen{});
 }
 
@@ -159,11 +157,10 @@ TEST_F(Loop, MemoryThatRunsOutWhileDescriptorsAreReportedDelaysThem) {
             ++heard;
         }));
     }
-    qv_thread thread{};
     g_out_of_memory = true;
-    EXPECT_NO_THROW(loop.fetch(&thread));
+    EXPECT_NO_THROW(loop.fetch());
     g_out_of_memory = false;
-    qv_thread_call(&thread);
+    loop.run();
     EXPECT_EQ(heard, 1u);
     run_ready(loop, clock);
     EXPECT_EQ(heard, pipes.size());

@@ -7,6 +7,7 @@
 #include <climits>
 #include <vector>
 
+#include "platform/client/thread_master.h"
 #include "tests/support/test_platform.h"
 
 namespace {
@@ -49,6 +50,18 @@ TEST_F(Thread, TimerFiresOnceWithItsArgument) {
     EXPECT_EQ(g_fired, Fired{word(7)});
     platform.run_for(100s);
     EXPECT_EQ(g_fired, Fired{word(7)});
+    qv_thread_master_finish(master);
+}
+
+TEST_F(Thread, FetchFillsTheRecordOfPostedWork) {
+    int runs = 0;
+    platform.loop().post([&] { ++runs; });
+    qv_thread thread{};
+    ASSERT_EQ(qv_thread_fetch(master, &thread), &thread);
+    EXPECT_EQ(thread.master, master);
+    EXPECT_EQ(runs, 0);
+    qv_thread_call(&thread);
+    EXPECT_EQ(runs, 1);
     qv_thread_master_finish(master);
 }
 
@@ -104,6 +117,18 @@ TEST_F(Thread, SlotIsSetWhilePendingAndNullBeforeTheCallback) {
     EXPECT_NE(g_slot, nullptr);
     platform.run_for(4s);
     EXPECT_TRUE(g_slot_was_null);
+    EXPECT_EQ(g_fired, Fired{word(4)});
+    qv_thread_master_finish(master);
+}
+
+TEST_F(Thread, FetchEmptiesTheSlot) {
+    g_slot = nullptr;
+    ASSERT_EQ(qv_thread_insert_timer(master, &g_slot, remember, word(4), 0, "loop_check"), 0);
+    qv_thread thread{};
+    ASSERT_EQ(qv_thread_fetch(master, &thread), &thread);
+    EXPECT_EQ(g_slot, nullptr);
+    EXPECT_EQ(g_fired, Fired{});
+    qv_thread_call(&thread);
     EXPECT_EQ(g_fired, Fired{word(4)});
     qv_thread_master_finish(master);
 }

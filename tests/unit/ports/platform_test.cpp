@@ -13,6 +13,7 @@
 #include "p_bridge.pb-c.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/client/thread_master.h"
 #include "platform/driver/embedded/memory_store.h"
 #include "platform/driver/forwarding_driver.h"
 #include "platform/driver/linux/redis_store.h"

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/client/port_model.h"
+#include "platform/client/thread_master.h"
 #include "tests/support/test_platform.h"
 
 // Reports nothing by itself: the test calls the sink.
@@ -31,7 +32,7 @@ struct PortsRig {
     }
 
     void run() { platform.run_ready(); }
-    qv_thread_master* master() { return loop.master(); }
+    qv_thread_master* master() { return qv::master_of(loop); }
 
     static qv::Port port(uint32_t ifx) {
         qv::Port made;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "platform/client/notification_ring.h"
+#include "platform/client/thread_master.h"
 #include "platform/driver/forwarding_driver.h"
 #include "qv/cap.h"
 #include "qv/fp_udp.h"

@@ -20,6 +20,7 @@
 #include <unistd.h>
 
 #include "platform/client/name_lock.h"
+#include "platform/client/thread_master.h"
 #include "tests/support/test_platform.h"
 #include "tests/unit/services/rtnl_script.h"
 #include "tests/unit/services/temporary_directory.h"

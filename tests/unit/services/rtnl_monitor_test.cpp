@@ -236,9 +236,8 @@ TEST_F(RtnlMonitorTest, OtherWorkHasItsTurnAmongManyMessages) {
     }
     size_t before_it = 0;
     const auto timer = loop.after(Duration::zero(), [&] { before_it = listener.heard.size(); });
-    qv_thread thread;
-    while (timer && loop.fetch(&thread) != nullptr) {
-        qv_thread_call(&thread);
+    while (timer && loop.fetch()) {
+        loop.run();
     }
     EXPECT_LE(before_it, 256u);
     EXPECT_EQ(heard().size(), 600u);

@@ -21,10 +21,9 @@ void end_by(int signal) {
     EventLoop loop(clock);
     const Termination termination(loop, [] { std::fputs("last task\n", stderr); });
     kill(getpid(), signal);
-    qv_thread thread{};
-    for (int i = 0; i < 1000 && loop.fetch(&thread) != nullptr; ++i) {
+    for (int i = 0; i < 1000 && loop.fetch(); ++i) {
         std::fputs("loop\n", stderr);
-        qv_thread_call(&thread);
+        loop.run();
     }
 }
 

@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <new>
 
+#include "platform/client/thread_master.h"
 #include "tests/support/memory_shortage.h"
 #include "tests/unit/store/store_fixture.h"
 

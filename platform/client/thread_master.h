@@ -1,0 +1,13 @@
+// A thread master (qv/thread.h) is an event loop under its C name.
+#pragma once
+
+#include "platform/base/event_loop.h"
+#include "qv/thread.h"
+
+namespace qv {
+
+// Both take nothing but the other's address, and last as long as the loop. Any thread.
+qv_thread_master* master_of(EventLoop& loop);
+EventLoop& loop_of(qv_thread_master* master);
+
+}  // namespace qv
