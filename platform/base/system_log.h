@@ -8,8 +8,13 @@
 
 namespace qv {
 
+// Severities of RFC 5424, section 6.2.1. Messages may have the others too, 0 to 7.
+inline constexpr int kLogError = 3;
+inline constexpr int kLogWarning = 4;
+inline constexpr int kLogInfo = 6;
+
 struct SystemLogMessage {
-    int severity;  // 0 to 7, as in RFC 5424
+    int severity;
     std::string_view facility;
     std::string_view mnemonic;
     std::string_view text;

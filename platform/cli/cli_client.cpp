@@ -12,14 +12,14 @@
 #include <memory>
 #include <utility>
 
+#include "platform/base/guarded.h"
+#include "platform/base/message_log.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/session_descriptors.h"
 #include "platform/cli/socket_server.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/wire.h"
-#include "platform/client/guarded.h"
-#include "platform/client/log_ring.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"
 #include "qv/cli.h"

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "platform/base/guarded.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/walk.h"
-#include "platform/client/guarded.h"
 
 namespace qv::cli {
 namespace {

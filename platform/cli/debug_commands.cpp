@@ -4,12 +4,12 @@
 #include <map>
 #include <string>
 
+#include "platform/base/guarded.h"
+#include "platform/base/message_log.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/walk.h"
-#include "platform/client/guarded.h"
-#include "platform/client/log_ring.h"
 
 namespace qv::cli {
 namespace {

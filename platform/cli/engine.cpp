@@ -7,11 +7,11 @@
 #include <memory>
 #include <utility>
 
+#include "platform/base/guarded.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/walk.h"
-#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 
 namespace qv::cli {

@@ -9,10 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/guarded.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/walk.h"
-#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 #include "qv/cli.h"
 #include "qv/lsm.h"

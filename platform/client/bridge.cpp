@@ -4,7 +4,7 @@
 
 #include <cerrno>
 
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"
 

@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/guarded.h"
 #include "platform/client/fp_items.h"
-#include "platform/client/guarded.h"
 #include "platform/client/platform.h"
 #include "platform/driver/forwarding_driver.h"
 

@@ -8,7 +8,7 @@
 #include <set>
 #include <vector>
 
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"
 

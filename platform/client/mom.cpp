@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/own_records.h"
 #include "platform/client/platform.h"

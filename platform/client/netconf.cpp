@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "p_nc.pb-c.h"
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
 #include "platform/client/notification_ring.h"
 
 namespace {

@@ -7,6 +7,7 @@
 
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
+#include "platform/base/message_log.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/cli/test_commands.h"
@@ -227,13 +228,14 @@ std::unique_ptr<Platform> make_platform(PlatformConfig config, std::unique_ptr<C
 
 Platform& platform() {
     if (!g_platform) {
-        g_platform = describe();
+        install_platform(*describe());
     }
     return *g_platform;
 }
 
 void install_platform(Platform& platform) {
     g_platform = &platform;
+    use_system_log(platform.system_log());
 }
 
 }  // namespace qv

@@ -24,7 +24,7 @@
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"

@@ -1,109 +1,30 @@
-// qv/syslog.h, the ring of recent messages and the monitoring terminals.
-//
-// A message takes three ways in this order: the platform's system log, the ring, and for
-// printk_syslog_ext the monitor sink. The one lock here guards the ring and the sink's pointer; it
-// is never held while any of the three ways runs code of somebody else.
+// qv/syslog.h over the messages of this process.
 #include "qv/syslog.h"
 
 #include <cstdarg>
-#include <cstdio>
-#include <deque>
-#include <memory>
+#include <string>
 
-#include "platform/base/mutex.h"
-#include "platform/client/guarded.h"
-#include "platform/client/log_ring.h"
+#include "platform/base/guarded.h"
+#include "platform/base/message_log.h"
 #include "platform/client/platform.h"
 
-namespace qv {
 namespace {
 
-using Sink = std::function<void(std::string_view)>;
-
-// Longest text, with room for everything that a 1024-byte debug line is wrapped in.
-constexpr size_t kTextBytes = 2048;
-
-struct LogState {
-    Mutex mutex;
-    std::deque<LoggedMessage> ring GUARDED_BY(mutex);    // oldest first
-    std::shared_ptr<const Sink> sink GUARDED_BY(mutex);  // null for none
-};
-
-// Never destroyed: threads may still log while the process exits.
-LogState& state() {
-    static LogState& instance = *new LogState;
-    return instance;
-}
-
-void remember(const std::string& line) {
-    LogState& log = state();
-    const MutexLock lock(log.mutex);
-    log.ring.push_back({std::chrono::system_clock::now(), line});
-    if (log.ring.size() > kRecentLogMessages) {
-        log.ring.pop_front();
-    }
-}
-
-void show_on_monitors(const std::string& line) {
-    std::shared_ptr<const Sink> sink;
-    {
-        LogState& log = state();
-        const MutexLock lock(log.mutex);
-        sink = log.sink;
-    }
-    if (sink) {
-        (*sink)(line);
-    }
-}
-
-// Logs the formatted message and returns it as it is shown.
-__attribute__((format(printf, 4, 0))) std::string log_message(int severity, const char* facility,
-                                                              const char* mnemonic,
-                                                              const char* format,
-                                                              std::va_list arguments) {
-    char text[kTextBytes];
-    // A text with a broken conversion is logged as its format: better than losing the event.
-    if (std::vsnprintf(text, sizeof text, format, arguments) < 0) {
-        std::snprintf(text, sizeof text, "%s", format);
-    }
-    std::string_view shown = text;
-    while (!shown.empty() && (shown.back() == '\n' || shown.back() == '\r')) {
-        shown.remove_suffix(1);
-    }
-    const SystemLogMessage message{
-        .severity = severity, .facility = facility, .mnemonic = mnemonic, .text = shown};
-    platform().system_log().write(message);
-    std::string line = render(message);
-    remember(line);
-    return line;
+// The first message may be what brings the platform, and so its system log, to life.
+__attribute__((format(printf, 4, 0))) std::string log(int severity, const char* facility,
+                                                      const char* mnemonic, const char* format,
+                                                      std::va_list arguments) {
+    static_cast<void>(qv::platform());
+    return qv::vlog_message(severity, facility, mnemonic, format, arguments);
 }
 
 }  // namespace
-
-std::vector<LoggedMessage> recent_log() {
-    LogState& log = state();
-    const MutexLock lock(log.mutex);
-    return {log.ring.begin(), log.ring.end()};
-}
-
-void set_monitor_sink(std::function<void(std::string_view text)> sink) {
-    std::shared_ptr<const Sink> fresh;
-    if (sink) {
-        fresh = std::make_shared<const Sink>(std::move(sink));
-    }
-    // The old sink goes with `fresh`, after the lock: its captures may log.
-    LogState& log = state();
-    const MutexLock lock(log.mutex);
-    log.sink.swap(fresh);
-}
-
-}  // namespace qv
 
 void printk_syslog(int severity, const char* facility, const char* mnemonic, const char* format,
                    ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    qv::guarded([&] { qv::log_message(severity, facility, mnemonic, format, arguments); });
+    qv::guarded([&] { log(severity, facility, mnemonic, format, arguments); });
     va_end(arguments);
 }
 
@@ -111,8 +32,7 @@ void printk_syslog_ext(int severity, const char* facility, const char* mnemonic,
                        ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    qv::guarded([&] {
-        qv::show_on_monitors(qv::log_message(severity, facility, mnemonic, format, arguments));
-    });
+    qv::guarded(
+        [&] { qv::show_on_monitors(log(severity, facility, mnemonic, format, arguments)); });
     va_end(arguments);
 }

@@ -13,7 +13,7 @@
 #include <utility>
 
 #include "platform/base/event_loop.h"
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"
 

@@ -13,7 +13,7 @@
 #include <unistd.h>
 #include <zlog.h>
 
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
 #include "platform/client/platform.h"
 #include "qv/syslog.h"
 

@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <utility>
 
-#include "qv/syslog.h"
+#include "platform/base/message_log.h"
 
 namespace qv {
 namespace {
@@ -302,9 +302,8 @@ void NftForwarding::close() {
     NftTable::Change change = table_.change();
     change.drop_table();
     if (const int error = table_.run(change); error != 0) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "FORWARDING", "LEFT",
-                      "The rules of storm-loop-detect cannot be removed: %s.",
-                      std::strerror(error));
+        log_message(kLogError, "FORWARDING", "LEFT",
+                    "The rules of storm-loop-detect cannot be removed: %s.", std::strerror(error));
     }
 }
 
@@ -333,8 +332,8 @@ void NftForwarding::follow_bridge() {
         // The known addresses stay. Rules that are not installed yet wait: without addresses every
         // frame would count as flooded and be metered.
         if (std::exchange(mirrored_, false)) {
-            printk_syslog(SYSLOG_SEVERITY_ERROR, "FORWARDING", "MIRROR",
-                          "The bridge's addresses are not known: %s", error.what());
+            log_message(kLogError, "FORWARDING", "MIRROR",
+                        "The bridge's addresses are not known: %s", error.what());
         }
     }
 }
@@ -410,8 +409,8 @@ void NftForwarding::put_back() {
         log_refusal(error);
         return;
     }
-    printk_syslog(SYSLOG_SEVERITY_WARNING, "FORWARDING", "RESTORED",
-                  "The rules of storm-loop-detect were changed from outside and are put back.");
+    log_message(kLogWarning, "FORWARDING", "RESTORED",
+                "The rules of storm-loop-detect were changed from outside and are put back.");
     if (const int error = make_table(); error != 0) {
         lose_all(error);
         return;
@@ -444,10 +443,9 @@ void NftForwarding::log_refusal(int error) {
     if (std::exchange(logged_refusal_, error) == error) {
         return;
     }
-    printk_syslog(
-        SYSLOG_SEVERITY_ERROR, "FORWARDING", "REFUSED",
-        "A rule of storm-loop-detect cannot be installed: %s. Storms are not found there.",
-        std::strerror(error));
+    log_message(kLogError, "FORWARDING", "REFUSED",
+                "A rule of storm-loop-detect cannot be installed: %s. Storms are not found there.",
+                std::strerror(error));
 }
 
 }  // namespace qv

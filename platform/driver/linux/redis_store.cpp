@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/message_log.h"
 #include "platform/driver/linux/redis_connection.h"
 #include "platform/driver/linux/redis_scripts.h"
-#include "qv/syslog.h"
 
 namespace qv {
 namespace {
@@ -187,8 +187,7 @@ void RedisClient::greeted() {
     unconfirmed_limit_bytes_ =
         std::min(unconfirmed_bytes_ + kUnconfirmedLimit_bytes, 4 * kUnconfirmedLimit_bytes);
     if (std::exchange(away_logged_, false)) {
-        printk_syslog(SYSLOG_SEVERITY_INFO, "MOM", "STORE_UP", "Object database at %s is back.",
-                      socket_.c_str());
+        log_message(kLogInfo, "MOM", "STORE_UP", "Object database at %s is back.", socket_.c_str());
     }
     for (const auto& [db, database] : databases_) {
         select(db);
@@ -225,14 +224,14 @@ void RedisClient::refuse(uint32_t db, const std::string& error) {
         return;
     }
     if (error.find("DB index is out of range") != std::string::npos) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "NO_DATABASE",
-                      "The object database at %s has no database %u. Put \"databases 32\" into the "
-                      "configuration of redis-server and restart it.",
-                      socket_.c_str(), db);
+        log_message(kLogError, "MOM", "NO_DATABASE",
+                    "The object database at %s has no database %u. Put \"databases 32\" into the "
+                    "configuration of redis-server and restart it.",
+                    socket_.c_str(), db);
     } else {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "NO_DATABASE",
-                      "The object database at %s refuses database %u: %s", socket_.c_str(), db,
-                      error.c_str());
+        log_message(kLogError, "MOM", "NO_DATABASE",
+                    "The object database at %s refuses database %u: %s", socket_.c_str(), db,
+                    error.c_str());
     }
 }
 
@@ -271,9 +270,9 @@ void RedisClient::lose(const std::string& reason) {
     }
     greetings_ = 0;
     if (!std::exchange(away_logged_, true)) {
-        printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "STORE_AWAY",
-                      "Object database at %s is away (%s). Retrying; check that redis-server runs.",
-                      socket_.c_str(), reason.c_str());
+        log_message(kLogWarning, "MOM", "STORE_AWAY",
+                    "Object database at %s is away (%s). Retrying; check that redis-server runs.",
+                    socket_.c_str(), reason.c_str());
     }
     retry_ = loop_.after(backoff_, [this] { connect(); });
     backoff_ = std::min(backoff_ * 2, kLongestBackoff);
@@ -402,11 +401,11 @@ void RedisClient::written(uint64_t number, const RedisReply& reply) {
         return;
     }
     if (!write.error.empty() && !write_refused_) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "WRITE_REFUSED",
-                      "Database %u: %s was not written: %s. Further refusals are not logged until "
-                      "a write succeeds.",
-                      write.db, write.key.empty() ? write.channel.c_str() : write.key.c_str(),
-                      write.error.c_str());
+        log_message(kLogError, "MOM", "WRITE_REFUSED",
+                    "Database %u: %s was not written: %s. Further refusals are not logged until "
+                    "a write succeeds.",
+                    write.db, write.key.empty() ? write.channel.c_str() : write.key.c_str(),
+                    write.error.c_str());
     }
     write_refused_ = !write.error.empty();
     forget(number);
@@ -476,9 +475,9 @@ void RedisClient::confirmed(const std::string& channel, uint64_t subscription,
 void RedisClient::topic_refused(const std::string& channel, uint64_t subscription,
                                 const std::string& error) {
     if (refused_logged_.insert(channel).second) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "SUBSCRIBE_REFUSED",
-                      "The object database at %s refuses the subscription to %s: %s",
-                      socket_.c_str(), channel.c_str(), error.c_str());
+        log_message(kLogError, "MOM", "SUBSCRIBE_REFUSED",
+                    "The object database at %s refuses the subscription to %s: %s", socket_.c_str(),
+                    channel.c_str(), error.c_str());
     }
     refused_[channel] = subscription;
     if (!ask_again_) {
@@ -558,10 +557,10 @@ void RedisClient::note_too_long(Scan& scan, const std::string& key, long long si
     scan.too_long[key] = size;
     long long& logged = too_long_[{scan.db, scan.pattern}].try_emplace(key, -1).first->second;
     if (std::exchange(logged, size) != size) {
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "RECORD_TOO_LONG",
-                      "Database %u: %s is ignored: its %lld bytes or its key are too long. Delete "
-                      "it.",
-                      scan.db, printable(key).c_str(), size);
+        log_message(kLogError, "MOM", "RECORD_TOO_LONG",
+                    "Database %u: %s is ignored: its %lld bytes or its key are too long. Delete "
+                    "it.",
+                    scan.db, printable(key).c_str(), size);
     }
 }
 
@@ -601,10 +600,10 @@ void RedisClient::check_records() {
 void RedisClient::checked(size_t count, const RedisReply& reply) {
     if (reply.is(Type::kError)) {
         check_refused_ = true;
-        printk_syslog(SYSLOG_SEVERITY_ERROR, "MOM", "CHECK_REFUSED",
-                      "The object database at %s refuses EXISTS (%s), so records that it loses "
-                      "while it runs are not written again.",
-                      socket_.c_str(), reply.text.c_str());
+        log_message(kLogError, "MOM", "CHECK_REFUSED",
+                    "The object database at %s refuses EXISTS (%s), so records that it loses "
+                    "while it runs are not written again.",
+                    socket_.c_str(), reply.text.c_str());
         return;
     }
     if (!reply.is(Type::kInteger)) {

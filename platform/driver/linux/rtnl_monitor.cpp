@@ -14,7 +14,7 @@
 #include <netlink/socket.h>
 #include <sys/socket.h>
 
-#include "qv/syslog.h"
+#include "platform/base/message_log.h"
 
 namespace qv {
 namespace {
@@ -178,8 +178,8 @@ void RtnlMonitor::handle_dump_done(nlmsghdr* header) {
 void RtnlMonitor::log_trouble(const std::string& reason) {
     if (logged_trouble_ != reason) {
         logged_trouble_ = reason;
-        printk_syslog(SYSLOG_SEVERITY_WARNING, "PORT", "RESYNC", "Reading all %s again: %s",
-                      subject_.name, reason.c_str());
+        log_message(kLogWarning, "PORT", "RESYNC", "Reading all %s again: %s", subject_.name,
+                    reason.c_str());
     }
 }
 

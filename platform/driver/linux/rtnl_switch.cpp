@@ -17,12 +17,12 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "platform/client/guarded.h"
+#include "platform/base/guarded.h"
+#include "platform/base/message_log.h"
 #include "platform/driver/linux/bridge_ports.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "platform/driver/linux/rtnl_monitor.h"
 #include "qv/bridge.h"
-#include "qv/syslog.h"
 
 namespace qv {
 namespace {
@@ -205,12 +205,12 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         }
         bridge_missing_ = missing;
         if (missing) {
-            printk_syslog(SYSLOG_SEVERITY_WARNING, "PORT", "BRIDGE",
-                          "There is no bridge %s: waiting for it, without ports until then.",
-                          bridge_.c_str());
+            log_message(kLogWarning, "PORT", "BRIDGE",
+                        "There is no bridge %s: waiting for it, without ports until then.",
+                        bridge_.c_str());
         } else {
-            printk_syslog(SYSLOG_SEVERITY_INFO, "PORT", "BRIDGE",
-                          "Bridge %s has appeared: its members are the ports.", bridge_.c_str());
+            log_message(kLogInfo, "PORT", "BRIDGE",
+                        "Bridge %s has appeared: its members are the ports.", bridge_.c_str());
         }
     }
 
@@ -220,15 +220,15 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         std::string& logged = refused_[{ifx, up}];
         if (logged != reason) {
             logged = reason;
-            printk_syslog(SYSLOG_SEVERITY_ERROR, "PORT", "ADMIN", "%s cannot be %s: %s.",
-                          name.c_str(), up ? "brought up" : "shut", reason.c_str());
+            log_message(kLogError, "PORT", "ADMIN", "%s cannot be %s: %s.", name.c_str(),
+                        up ? "brought up" : "shut", reason.c_str());
         }
     }
 
     void log_success(uint32_t ifx, bool up, const std::string& name) {
         if (refused_.erase({ifx, up}) != 0) {
-            printk_syslog(SYSLOG_SEVERITY_INFO, "PORT", "ADMIN", "%s can be %s again.",
-                          name.c_str(), up ? "brought up" : "shut");
+            log_message(kLogInfo, "PORT", "ADMIN", "%s can be %s again.", name.c_str(),
+                        up ? "brought up" : "shut");
         }
     }
 

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/client/log_ring.h"
+#include "platform/base/message_log.h"
 #include "platform/driver/embedded/stderr_log.h"
 #include "platform/driver/linux/syslog_log.h"
 #include "tests/support/test_platform.h"
@@ -99,6 +99,13 @@ TEST_F(SyslogTest, ThreadsMayLogWhileTheSinkChanges) {
         thread.join();
     }
     EXPECT_EQ(platform.log.lines().size(), 800u);
+}
+
+// A driver's message, before anybody has named a system log.
+TEST(MessageLog, MessageWithoutASystemLogIsKeptAmongTheRecentOnes) {
+    log_message(kLogError, "PORT", "ADMIN", "%s cannot be shut.\n", "swp1");
+    ASSERT_EQ(recent_log().size(), 1u);
+    EXPECT_EQ(recent_log().front().text, "%PORT-3-ADMIN: swp1 cannot be shut.");
 }
 
 constexpr SystemLogMessage kMessage{
