@@ -11,6 +11,7 @@
 #include "lda_main.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
+#include "platform/root/platform.h"
 
 extern "C" int lda_main();
 

@@ -21,7 +21,7 @@ STANDARD_C = set("""assert.h complex.h ctype.h errno.h fenv.h float.h inttypes.h
     math.h setjmp.h signal.h stdalign.h stdarg.h stdbool.h stddef.h stdint.h stdio.h stdlib.h
     string.h strings.h time.h wchar.h wctype.h""".split())
 AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "sys/types.h", "unistd.h"}
-COMPOSITION_ROOT = "platform/client/platform.cpp"
+COMPOSITION_ROOT = "platform/root/platform.cpp"
 NETCONF_PLATFORM = {"platform/base/config.h"}  # all that the NETCONF front takes from there
 DRIVER_SETS = ("platform/driver/embedded/", "platform/driver/linux/")
 

@@ -1,8 +1,9 @@
-// The composition root's face: the one place that knows which drivers this process runs on.
+// The platform of a process, as the client libraries and the command line see it: they ask here for
+// what they stand on. It is an interface of theirs, so that they need not know who put it together
+// (platform/root for the agent, a test for itself).
 //
-// The client libraries ask here for what they stand on. The platform comes to life on the first
-// call of any client library: the file named in LDA_PLATFORM is read then, and a bad one ends the
-// process with file, line and reason on standard error. Loop thread only, once the loop exists.
+// The platform comes to life on the first call of any client library. Loop thread only, once the
+// loop exists.
 #pragma once
 
 #include <memory>
@@ -39,15 +40,16 @@ class Platform {
     virtual void attach_loop(EventLoop& loop) = 0;
 };
 
-// The platform of this process.
+// The platform of this process: the installed one, or else the one that the maker makes. With
+// neither the process aborts.
 Platform& platform();
 
-// A platform as `config` describes it, on the given clock and system log.
-std::unique_ptr<Platform> make_platform(PlatformConfig config, std::unique_ptr<Clock> clock,
-                                        std::unique_ptr<SystemLog> log);
-
-// Puts `platform` in place of the one that LDA_PLATFORM describes; before any other call. The owner
-// keeps it alive for the life of the process. For tests and tools.
+// Installs `platform`; before any other call. The owner keeps it alive for the life of the process.
 void install_platform(Platform& platform);
+
+// `maker` is called by the first platform() of a process that has not installed one. It does not
+// return without a platform: it ends the process.
+using PlatformMaker = std::unique_ptr<Platform> (*)();
+void set_platform_maker(PlatformMaker maker);
 
 }  // namespace qv

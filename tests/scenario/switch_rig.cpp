@@ -18,6 +18,7 @@
 #include "platform/cli/config_file.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/notification_ring.h"
+#include "platform/root/platform.h"
 #include "tests/support/test_platform.h"
 
 extern "C" int lda_main();

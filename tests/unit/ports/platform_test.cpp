@@ -1,5 +1,6 @@
-#include "platform/client/platform.h"
+#include "platform/root/platform.h"
 
+#include <csignal>
 #include <cstdlib>
 #include <fstream>
 #include <optional>
@@ -24,7 +25,9 @@ namespace {
 
 class PlatformFile : public ::testing::Test {
  protected:
-    PlatformFile() : path_(testing::TempDir() + "lda-platform-" + std::to_string(getpid())) {}
+    PlatformFile() : path_(testing::TempDir() + "lda-platform-" + std::to_string(getpid())) {
+        qv::set_platform_maker(qv::describe_platform);
+    }
     ~PlatformFile() override { unlink(path_.c_str()); }
 
     void describe(const std::string& text) {
@@ -51,6 +54,11 @@ TEST_F(PlatformDeathTest, MissingFileEndsTheStartWithTheReason) {
     setenv("LDA_PLATFORM", path_.c_str(), 1);
     EXPECT_EXIT(qv::platform(), testing::ExitedWithCode(1),
                 "^lda: " + path_ + ": cannot be read: No such file or directory\n$");
+}
+
+TEST(NoPlatformDeathTest, ProcessAbortsWithTheReason) {
+    EXPECT_EXIT(qv::platform(), testing::KilledBySignal(SIGABRT),
+                "^lda: no platform is installed\n$");
 }
 
 TEST_F(PlatformFile, WithoutAFileThereAreTwentyFourPorts) {

@@ -1,10 +1,13 @@
-// The command-line options of the program `lda`. The agent's own main takes no arguments, so they
-// are looked at before it runs; the C library hands them to constructors.
+// The program `lda` before the agent's own main, which takes no arguments and knows no platform:
+// the command-line options, which the C library hands to constructors, and where the platform comes
+// from.
 #include <fcntl.h>
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+
+#include "platform/root/platform.h"
 
 namespace {
 
@@ -44,6 +47,7 @@ void open_standard_descriptors() {
 
 [[gnu::constructor]] void prepare(int argc, char** argv) {
     open_standard_descriptors();
+    qv::set_platform_maker(qv::describe_platform);
     if (argc <= 1) {
         return;
     }

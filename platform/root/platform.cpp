@@ -1,0 +1,226 @@
+#include "platform/root/platform.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <stdexcept>
+
+#include "p_app.pb-c.h"
+#include "p_bridge.pb-c.h"
+#include "platform/cli/config_keeper.h"
+#include "platform/cli/tarn_commands.h"
+#include "platform/cli/test_commands.h"
+#include "platform/client/mom_key.h"
+#include "platform/client/own_records.h"
+#include "platform/client/port_follower.h"
+#include "platform/client/thread_master.h"
+#include "platform/driver/embedded/embedded_forwarding.h"
+#include "platform/driver/embedded/embedded_switch.h"
+#include "platform/driver/embedded/loop_probe.h"
+#include "platform/driver/embedded/memory_store.h"
+#include "platform/driver/embedded/stderr_log.h"
+#include "platform/driver/linux/nft_forwarding.h"
+#include "platform/driver/linux/redis_store.h"
+#include "platform/driver/linux/rtnl_switch.h"
+#include "platform/driver/linux/syslog_log.h"
+#include "platform/driver/linux/termination.h"
+#include "qv/mom.h"
+
+namespace qv {
+namespace {
+
+std::unique_ptr<SystemLog> make_log(PlatformConfig::Switch kind) {
+    switch (kind) {
+        case PlatformConfig::Switch::kEmbedded:
+            return std::make_unique<StderrLog>();
+        case PlatformConfig::Switch::kLinux:
+            return std::make_unique<SyslogLog>();
+    }
+    std::abort();
+}
+
+bool probed(uint32_t ifx) {
+    return cli::tarn_enabled() && cli::tarn_port_enabled(ifx);
+}
+
+std::string loop_entry_key(const std::string& port) {
+    std::string name = port;
+    PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
+    index.name = name.data();
+    PApp__LdaLoopEntry entry = P_APP__LDA_LOOP_ENTRY__INIT;
+    entry.index = &index;
+    return record_key(entry.base).value_or("");
+}
+
+// Publishes what the probes of the embedded switch find, as the probe protocol does.
+class LoopReports {
+ public:
+    explicit LoopReports(EventLoop& loop)
+        : client_(qv_mom_client_init("tarn", master_of(loop), nullptr)) {
+        qv_mom_client_connect(
+            client_, QV_MOM_APP_DB, [](void*) { return 0; }, nullptr);
+    }
+
+    bool store(const LoopReport& report) const {
+        PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
+        index.ifx = report.ifx;
+        PBridge__TarnLoopInfo record = P_BRIDGE__TARN_LOOP_INFO__INIT;
+        record.index = &index;
+        record.vid = 1;
+        record.is_loop = report.is_loop ? 1 : 0;
+        record.src_ifx = report.src_ifx;
+        return qv_mom_set(client_, QV_MOM_APP_DB, &record.base, 0, 0) == 0;
+    }
+
+ private:
+    qv_mom_client* client_;
+};
+
+// The platform of a description. Lives as long as the process.
+class DescribedPlatform final : public Platform {
+ public:
+    DescribedPlatform(PlatformConfig config, std::unique_ptr<Clock> clock,
+                      std::unique_ptr<SystemLog> log)
+        : config_(std::move(config)), clock_(std::move(clock)), log_(std::move(log)) {}
+
+    const PlatformConfig& config() const override { return config_; }
+    Clock& clock() override { return *clock_; }
+    SystemLog& system_log() override { return *log_; }
+    EventLoop& loop() override { return *loop_; }
+    StoreDriver& store() override { return *store_; }
+    PortModel& ports() override { return *ports_; }
+    ForwardingDriver& forwarding() override { return *forwarding_; }
+    Background& background() override { return *background_; }
+
+    void attach_loop(EventLoop& loop) override {
+        loop_ = &loop;
+        background_ = std::make_unique<WorkerThread>(loop);
+        MemoryStore* const memory = make_store();
+        switch (config_.switch_kind) {
+            case PlatformConfig::Switch::kEmbedded:
+                make_embedded_switch(memory);
+                break;
+            case PlatformConfig::Switch::kLinux:
+                make_linux_switch();
+                break;
+        }
+        keep_names_in_use();
+        ports_->start();
+        // Last, since it may use the loop from now on. Tests bring a log of their own.
+        if (auto* const syslog = dynamic_cast<SyslogLog*>(log_.get())) {
+            syslog->attach(*loop_);
+        }
+    }
+
+ private:
+    // While a port is in the loop state its entry stands under its name: a port that is renamed
+    // meanwhile stays the old one for its clients until the entry has gone.
+    void keep_names_in_use() {
+        ports_->set_name_in_use([](const std::string& name) {
+            return own_records().contains(QV_MOM_APP_DB, loop_entry_key(name));
+        });
+        own_records().on_erased([this](uint32_t, const std::string&) { ports_->settle_renames(); });
+    }
+
+    // Null when the store is not in memory.
+    MemoryStore* make_store() {
+        if (config_.store == PlatformConfig::Store::kRedis) {
+            store_ = std::make_unique<RedisStore>(*loop_, config_.redis_socket);
+            return nullptr;
+        }
+        auto memory = std::make_unique<MemoryStore>(*loop_);
+        MemoryStore* const made = memory.get();
+        store_ = std::move(memory);
+        return made;
+    }
+
+    void make_linux_switch() {
+        auto bridge = std::make_unique<RtnlSwitch>(*loop_, config_.bridge);
+        const RtnlSwitch& ports = *bridge;
+        switch_ = std::move(bridge);
+        ports_ = std::make_unique<PortModel>(*switch_);
+        auto plane = std::make_unique<NftForwarding>(
+            *loop_, NftForwarding::Settings{.find_bridge = [&ports] { return ports.bridge(); },
+                                            .find_port =
+                                                [this](uint32_t phyid) {
+                                                    return ports_->find_phyid(phyid);
+                                                }});
+        port_follower_ = std::make_unique<PortFollower>(
+            [rules = plane.get()](uint32_t phyid) { rules->port_changed(phyid); });
+        ports_->add_observer(*port_follower_);
+        termination_ = std::make_unique<Termination>(*loop_, [this, rules = plane.get()] {
+            rules->close();  // the kernel keeps the table when the process ends
+            save_last();
+        });
+        forwarding_ = std::move(plane);
+    }
+
+    // Lines typed within the last second are not saved yet.
+    void save_last() {
+        background_.reset();  // a save that is under way comes to its end
+        if (cli::ConfigKeeper* const keeper = cli::config_keeper()) {
+            keeper->saver().save_last();
+        }
+    }
+
+    void make_embedded_switch(MemoryStore* memory) {
+        auto embedded = std::make_unique<EmbeddedSwitch>(*loop_, config_.embedded_ports);
+        EmbeddedSwitch& ports = *embedded;
+        switch_ = std::move(embedded);
+        ports_ = std::make_unique<PortModel>(ports);
+
+        auto forwarding = std::make_unique<EmbeddedForwarding>(
+            *loop_, [this](uint32_t phyid) { return ports_->find_phyid(phyid) != nullptr; });
+        EmbeddedForwarding& plane = *forwarding;
+        ports.set_rate_listener(
+            [&plane](uint32_t phyid, uint64_t pps) { plane.set_rate(phyid, pps); });
+        forwarding_ = std::move(forwarding);
+
+        probe_ = std::make_unique<LoopProbe>(
+            *loop_, ports, probed, [reports = LoopReports(*loop_)](const LoopReport& report) {
+                return reports.store(report);
+            });
+        cli::register_test_commands(ports, plane, memory);
+    }
+
+    const PlatformConfig config_;
+    const std::unique_ptr<Clock> clock_;
+    const std::unique_ptr<SystemLog> log_;
+    // From attach_loop() on.
+    EventLoop* loop_ = nullptr;
+    std::unique_ptr<Background> background_;
+    std::unique_ptr<StoreDriver> store_;
+    std::unique_ptr<SwitchDriver> switch_;
+    std::unique_ptr<PortModel> ports_;
+    std::unique_ptr<ForwardingDriver> forwarding_;
+    std::unique_ptr<LoopProbe> probe_;             // embedded switch only
+    std::unique_ptr<PortFollower> port_follower_;  // Linux only, as the next
+    std::unique_ptr<Termination> termination_;
+};
+
+}  // namespace
+
+std::unique_ptr<Platform> make_platform(PlatformConfig config, std::unique_ptr<Clock> clock,
+                                        std::unique_ptr<SystemLog> log) {
+    return std::make_unique<DescribedPlatform>(std::move(config), std::move(clock), std::move(log));
+}
+
+std::unique_ptr<Platform> describe_platform() {
+    const char* const path = std::getenv("LDA_PLATFORM");
+    try {
+        if (path && *path == '\0') {
+            throw std::runtime_error(
+                "LDA_PLATFORM is set but empty: set it to the path of a platform file, or unset it "
+                "to run on the simulated switch");
+        }
+        auto config = path ? load_platform_config(path) : PlatformConfig();
+        auto clock = std::make_unique<SteadyClock>(config.speed);
+        auto log = make_log(config.switch_kind);
+        return make_platform(std::move(config), std::move(clock), std::move(log));
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "lda: %s\n", error.what());
+        std::exit(EXIT_FAILURE);
+    }
+}
+
+}  // namespace qv
