@@ -19,7 +19,7 @@
 #include <string_view>
 
 #include "platform/cli/config_file.h"
-#include "platform/driver/switch_driver.h"
+#include "platform/client/port_model.h"
 
 namespace qv::cli {
 

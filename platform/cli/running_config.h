@@ -4,7 +4,7 @@
 #include <string>
 
 #include "platform/cli/config_file.h"
-#include "platform/driver/switch_driver.h"
+#include "platform/client/port_model.h"
 
 namespace qv::cli {
 

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "lda_msg.h"
-#include "platform/cli/scripted_faults.h"
+#include "platform/driver/embedded/scripted_faults.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
 

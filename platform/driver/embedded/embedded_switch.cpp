@@ -250,6 +250,15 @@ std::string EmbeddedSwitch::set_storm(uint32_t ifx, uint64_t pps) {
     return "";
 }
 
+const Port* EmbeddedSwitch::find_port(std::string_view name) const {
+    for (const auto& [ifx, member] : members_) {
+        if (member.port.name == name) {
+            return &member.port;
+        }
+    }
+    return nullptr;
+}
+
 bool EmbeddedSwitch::has_cable(uint32_t ifx) const {
     const Member* member = find(ifx);
     return member && member->cable != 0;
@@ -288,12 +297,8 @@ std::string EmbeddedSwitch::name_fault(std::string_view name) const {
     if (name.empty() || name.size() > kMaxName || !plain) {
         return "a port name has 1 to 63 printable characters without blanks";
     }
-    for (const auto& [ifx, member] : members_) {
-        if (member.port.name == name) {
-            return "port " + member.port.name + " exists already";
-        }
-    }
-    return "";
+    const Port* taken = find_port(name);
+    return taken ? "port " + taken->name + " exists already" : "";
 }
 
 uint32_t EmbeddedSwitch::index_for(std::string_view name) const {

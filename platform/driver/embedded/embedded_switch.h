@@ -52,6 +52,8 @@ class EmbeddedSwitch final : public SwitchDriver {
     // Flooded packets per second that arrive from outside while the port is up; 0 ends the storm.
     std::string set_storm(uint32_t ifx, uint64_t pps);
 
+    // By short name; null when unknown. Valid until the port is changed or deleted.
+    const Port* find_port(std::string_view name) const;
     bool has_cable(uint32_t ifx) const;
     // The other end of the port's cable while both ends are up and in the bridge.
     std::optional<uint32_t> loop_peer(uint32_t ifx) const;

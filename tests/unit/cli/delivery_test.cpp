@@ -15,7 +15,7 @@
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
-#include "platform/cli/scripted_faults.h"
+#include "platform/driver/embedded/scripted_faults.h"
 #include "qv/cli.h"
 #include "tests/unit/cli/cli_rig.h"
 #include "tests/unit/cli/wire_client.h"

@@ -9,8 +9,8 @@
 #include "platform/cli/command_trees.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/running_config.h"
-#include "platform/cli/scripted_faults.h"
 #include "platform/cli/walk.h"
+#include "platform/driver/embedded/scripted_faults.h"
 #include "tests/unit/cli/cli_rig.h"
 
 namespace {

@@ -1,12 +1,12 @@
-#include "platform/cli/test_commands.h"
+#include "platform/driver/embedded/test_commands.h"
 
 #include <gtest/gtest.h>
 
 #include "platform/cli/engine.h"
-#include "platform/cli/scripted_faults.h"
 #include "platform/client/port_model.h"
 #include "platform/driver/embedded/embedded_forwarding.h"
 #include "platform/driver/embedded/embedded_switch.h"
+#include "platform/driver/embedded/scripted_faults.h"
 #include "qv/bridge.h"
 #include "qv/lsm.h"
 #include "tests/support/test_platform.h"

@@ -1,4 +1,4 @@
-#include "platform/cli/scripted_faults.h"
+#include "platform/driver/embedded/scripted_faults.h"
 
 #include <list>
 #include <mutex>

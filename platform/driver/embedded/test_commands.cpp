@@ -1,4 +1,4 @@
-#include "platform/cli/test_commands.h"
+#include "platform/driver/embedded/test_commands.h"
 
 #include <cerrno>
 #include <deque>
@@ -7,11 +7,10 @@
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
-#include "platform/cli/scripted_faults.h"
-#include "platform/client/platform.h"
 #include "platform/driver/embedded/embedded_forwarding.h"
 #include "platform/driver/embedded/embedded_switch.h"
 #include "platform/driver/embedded/memory_store.h"
+#include "platform/driver/embedded/scripted_faults.h"
 #include "qv/cli.h"
 
 namespace qv::cli {
@@ -31,22 +30,23 @@ int answer(const std::string& fault) {
     return fault.empty() ? 0 : refuse(fault);
 }
 
-// Does `act` with the index of the port named in word 0.
+// Does `act` with the port named in word 0.
 template <typename Act>
 int with_port(const cli_pcdb* pcdb, Act act) {
-    const Port* port = platform().ports().find(std::string_view(pcdb->word[0]));
+    const Port* port = g_ports->find_port(pcdb->word[0]);
     if (!port) {
         return refuse("no port is named " + std::string(pcdb->word[0]));
     }
-    return answer(act(port->ifx));
+    return answer(act(*port));
 }
 
-// The same for the two ports named in words 0 and 1.
+// The same with the indexes of the two ports named in words 0 and 1.
 template <typename Act>
 int with_two_ports(const cli_pcdb* pcdb, Act act) {
-    return with_port(pcdb, [&](uint32_t first) -> std::string {
-        const Port* second = platform().ports().find(std::string_view(pcdb->word[1]));
-        return second ? act(first, second->ifx) : "no port is named " + std::string(pcdb->word[1]);
+    return with_port(pcdb, [&](const Port& first) -> std::string {
+        const Port* second = g_ports->find_port(pcdb->word[1]);
+        return second ? act(first.ifx, second->ifx)
+                      : "no port is named " + std::string(pcdb->word[1]);
     });
 }
 
@@ -55,15 +55,16 @@ int port_add(cli_pcdb* pcdb) {
 }
 
 int port_delete(cli_pcdb* pcdb) {
-    return with_port(pcdb, [](uint32_t ifx) { return g_ports->delete_port(ifx); });
+    return with_port(pcdb, [](const Port& port) { return g_ports->delete_port(port.ifx); });
 }
 
 int port_rename(cli_pcdb* pcdb) {
-    return with_port(pcdb, [&](uint32_t ifx) { return g_ports->rename_port(ifx, pcdb->word[1]); });
+    return with_port(
+        pcdb, [&](const Port& port) { return g_ports->rename_port(port.ifx, pcdb->word[1]); });
 }
 
 int port_leave(cli_pcdb* pcdb) {
-    return with_port(pcdb, [](uint32_t ifx) { return g_ports->leave_bridge(ifx); });
+    return with_port(pcdb, [](const Port& port) { return g_ports->leave_bridge(port.ifx); });
 }
 
 int loop_plug(cli_pcdb* pcdb) {
@@ -76,7 +77,7 @@ int loop_unplug(cli_pcdb* pcdb) {
 
 int storm(cli_pcdb* pcdb) {
     const auto pps = static_cast<uint64_t>(pcdb->number[0]);
-    return with_port(pcdb, [pps](uint32_t ifx) { return g_ports->set_storm(ifx, pps); });
+    return with_port(pcdb, [pps](const Port& port) { return g_ports->set_storm(port.ifx, pps); });
 }
 
 int aggregate_create(cli_pcdb* pcdb) {
@@ -94,11 +95,11 @@ int aggregate_leave(cli_pcdb* pcdb) {
 }
 
 int vsl_create(cli_pcdb* pcdb) {
-    return with_port(pcdb, [](uint32_t ifx) { return g_ports->create_vsl(ifx); });
+    return with_port(pcdb, [](const Port& port) { return g_ports->create_vsl(port.ifx); });
 }
 
 int vsl_remove(cli_pcdb* pcdb) {
-    return with_port(pcdb, [](uint32_t ifx) { return g_ports->remove_vsl(ifx); });
+    return with_port(pcdb, [](const Port& port) { return g_ports->remove_vsl(port.ifx); });
 }
 
 template <EmbeddedForwarding::Request Kind>
@@ -113,8 +114,7 @@ int forwarding_delay(cli_pcdb* pcdb) {
 }
 
 int forwarding_lose(cli_pcdb* pcdb) {
-    return with_port(pcdb, [](uint32_t ifx) -> std::string {
-        const Port& port = *platform().ports().find(ifx);
+    return with_port(pcdb, [](const Port& port) -> std::string {
         if (!g_plane->port_rules().contains(port.phyid)) {
             return "no rule is installed on " + port.name;
         }
