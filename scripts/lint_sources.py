@@ -21,9 +21,46 @@ STANDARD_C = set("""assert.h complex.h ctype.h errno.h fenv.h float.h inttypes.h
     math.h setjmp.h signal.h stdalign.h stdarg.h stdbool.h stddef.h stdint.h stdio.h stdlib.h
     string.h strings.h time.h wchar.h wctype.h""".split())
 AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "sys/types.h", "unistd.h"}
-COMPOSITION_ROOT = "platform/root/platform.cpp"
-NETCONF_PLATFORM = {"platform/base/config.h"}  # all that the NETCONF front takes from there
-DRIVER_SETS = ("platform/driver/embedded/", "platform/driver/linux/")
+
+BASE, QV, CLIENT = "platform/base", "platform/include/qv", "platform/client"
+DRIVER, EMBEDDED, LINUX = "platform/driver", "platform/driver/embedded", "platform/driver/linux"
+CLI, ROOT, RECORDS = "platform/cli", "platform/root", "generated records"
+# Drivers take the numbers of the client API from it; its calls belong to the layers above.
+QV_CONSTANTS = {QV + "/bridge.h", QV + "/lsm.h"}
+# What the files of a folder may include besides those of the folder itself: folders, single files
+# and the generated records. A folder that is not here may include nothing.
+ALLOWED = {
+    "app/src": {QV, RECORDS},  # and no system header but AGENT_SYSTEM
+    BASE: set(),
+    QV: set(),
+    DRIVER: {BASE},
+    EMBEDDED: {BASE, DRIVER, CLI, QV + "/cli.h"} | QV_CONSTANTS,
+    LINUX: {BASE, DRIVER} | QV_CONSTANTS,
+    CLIENT: {BASE, QV, DRIVER, RECORDS},
+    CLI: {BASE, QV, CLIENT},
+    ROOT: {BASE, QV, DRIVER, EMBEDDED, LINUX, CLIENT, CLI, RECORDS},
+    "services/netconf": {BASE, RECORDS},
+    "services/tarnd": {BASE, QV, CLIENT, LINUX, RECORDS},
+    "services/fleet": {BASE, QV, CLIENT, LINUX, RECORDS},
+    "tools": {BASE, RECORDS},
+}
+
+
+def folder_of(path):
+    """The folder a file of the tree belongs to, as ALLOWED names it, or None."""
+    folder = posixpath.dirname(path)
+    while folder and folder not in ALLOWED:
+        folder = posixpath.dirname(folder)
+    return folder or None
+
+
+def allowed(path, target):
+    """Whether the file `path` may include `target`, a file of the tree or RECORDS."""
+    folder = folder_of(path)
+    if folder == "tools" and target.startswith("tools/"):  # each tool is a folder of its own
+        return posixpath.dirname(path) == posixpath.dirname(target)
+    return (folder is not None and folder == folder_of(target)
+            or bool({target, folder_of(target)} & ALLOWED.get(folder, set())))
 
 
 def tracked_files():
@@ -56,37 +93,28 @@ class Tree:
                 return candidate
         return None
 
-    def check_agent_include(self, path, number, name, target):
-        standard = name in AGENT_SYSTEM or re.fullmatch(r"[a-z_]+", name)
-        allowed = (standard or name.startswith(("qv/", "safeclib/")) or name.endswith(".pb-c.h")
-                   or (target or "").startswith("app/src/"))
-        if not allowed:
+    def check_system_include(self, path, number, name):
+        standard = name in STANDARD_C or re.fullmatch(r"[a-z_]+", name)
+        if path.startswith("app/src/") and not (
+                standard or name in AGENT_SYSTEM or name.startswith("safeclib/")):
             self.report(path, number, f"the agent must not include {name}")
-
-    def check_platform_include(self, path, number, target):
-        if target.startswith("app/src/"):
-            self.report(path, number, f"only the agent includes its own header {target}")
-        if path.startswith("platform/include/") and not target.startswith("platform/include/"):
-            self.report(path, number, f"a client header must not include {target}")
+        elif path.startswith(QV + "/") and not (standard or name.startswith("protobuf-c/")):
+            self.report(path, number, f"a client header must not include {name}")
 
     def check_includes(self, path, lines):
-        driver_sets = {s for s in DRIVER_SETS if path.startswith(s)}
         for number, line in enumerate(lines, 1):
             match = INCLUDE.match(line)
             if not match:
                 continue
             name = match.group(2)
             target = self.resolve(path, name, match.group(1) == '"')
-            if path.startswith("app/src/"):
-                self.check_agent_include(path, number, name, target)
-            elif path.startswith("services/netconf/") and (target or "").startswith("platform/"):
-                if target not in NETCONF_PLATFORM:
-                    self.report(path, number, f"the NETCONF front must not include {target}")
-            elif target:
-                self.check_platform_include(path, number, target)
-                driver_sets |= {s for s in DRIVER_SETS if target.startswith(s)}
-        if len(driver_sets) > 1 and path != COMPOSITION_ROOT:
-            self.report(path, 1, f"only {COMPOSITION_ROOT} may know both driver sets")
+            if name.endswith(".pb-c.h"):
+                target = RECORDS
+            if target is None:
+                self.check_system_include(path, number, name)
+            elif not allowed(path, target):
+                self.report(path, number, f"{folder_of(path) or 'this folder'} must not include "
+                                          + (target if target != RECORDS else f"record {name}"))
 
     def check_safeclib(self, sources):
         users = [p for p, lines in sources.items() if p.startswith("app/src/")
