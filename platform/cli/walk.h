@@ -3,8 +3,8 @@
 // A line is parsed word by word. At each word all nodes that can be reached are visited, and every
 // node that takes the word makes an offer; the best kind of offer wins (an exact keyword, then a
 // keyword's prefix, then a number, then any word), and its nodes are where the next word starts.
-// Two different keywords with the same prefix are an ambiguity. Generation
-// visits only the nodes that have something to say then.
+// Two different keywords with the same prefix are an ambiguity. Generation visits only the nodes
+// that print something or decide which nodes follow.
 #pragma once
 
 #include <cstdint>
