@@ -150,18 +150,13 @@ void ConfigKeeper::end_replay() {
 // Programs are told of changes through the loop: each step runs when they have heard of the last.
 // Modes are looked at again until none changes, since a port may go and come back in between.
 void ConfigKeeper::run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done) {
-    applying_ = true;
-    const bool changed = replay->set_modes();
-    applying_ = false;
-    if (changed) {
+    if (replay->set_modes()) {
         loop_.post([this, replay, done = std::move(done)] { run(replay, done); });
         return;
     }
-    applying_ = true;
     running_ = replay.get();
     replay->run();
     running_ = nullptr;
-    applying_ = false;
     for (const ConfigSection& section : replay->cut_off()) {
         apply(section, false);
     }
@@ -242,10 +237,10 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     }
     const ShutBy owner = sections_.shut_by(ifx);
     const ConfigSection section = sections_.change_admin(*port, up, by_program);
-    const std::string trouble = applying_ ? "" : write_ahead(section);
+    const std::string trouble = running_ ? "" : write_ahead(section);
     const ShutBy wanted = sections_.shut_by(ifx);
     std::string reason = ports.set_admin(ifx, up);
-    if (!applying_) {
+    if (!running_) {
         check_journal(trouble);
     }
     if (ports.find(ifx)) {

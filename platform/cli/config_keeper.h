@@ -88,8 +88,7 @@ class ConfigKeeper final : public PortObserver {
     bool may_be_replaced_ = false;  // the saved file, unasked
     bool replaying_ = false;
     bool replayed_ = false;
-    bool applying_ = false;               // saved lines run: what they do is saved already
-    ConfigReplay* running_ = nullptr;     // whose lines they are
+    ConfigReplay* running_ = nullptr;     // its lines run now: their effect is saved already
     std::string noted_global_;            // of the newest record of them
     std::string journal_trouble_;         // logged
     std::map<uint32_t, uint32_t> modes_;  // that ports had in the bridge which they have left
