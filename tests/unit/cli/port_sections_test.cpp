@@ -620,4 +620,16 @@ TEST_F(PortSectionsTest, RenamedPortTakesItsSectionAlong) {
     EXPECT_EQ(saved("swp2"), "none");
 }
 
+// A port in the loop state keeps its old name for programs. A start that follows finds the new one.
+TEST_F(PortSectionsTest, PortIsSavedUnderItsNewNameWhileProgramsKnowTheOldOne) {
+    start();
+    operator_types(102, "tarn port loop-detect warning");
+    rig.platform.run_for(1s);
+    rig.model.set_name_in_use([](const std::string&) { return true; });
+    rig.hardware.rename(102, "uplink");
+    rig.platform.run_for(1s);
+    EXPECT_EQ(saved("uplink"), " tarn port loop-detect warning\n");
+    EXPECT_EQ(saved("swp2"), "none");
+}
+
 }  // namespace
