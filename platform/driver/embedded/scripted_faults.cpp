@@ -1,8 +1,8 @@
 #include "platform/driver/embedded/scripted_faults.h"
 
 #include <list>
-#include <mutex>
 
+#include "platform/base/mutex.h"
 #include "platform/cli/fault_seam.h"
 
 namespace qv::cli {
@@ -15,9 +15,9 @@ struct Refusal {
 };
 
 struct Faults {
-    std::mutex mutex;
-    std::list<Refusal> refusals;   // guarded by mutex, oldest first
-    unsigned failed_sessions = 0;  // guarded by mutex
+    Mutex mutex;
+    std::list<Refusal> refusals GUARDED_BY(mutex);  // oldest first
+    unsigned failed_sessions GUARDED_BY(mutex) = 0;
 };
 
 Faults& faults() {
@@ -28,20 +28,23 @@ Faults& faults() {
 }  // namespace
 
 void refuse_next_line(std::string line, std::string text, int result) {
-    const std::lock_guard lock(faults().mutex);
-    faults().refusals.push_back({std::move(line), std::move(text), result});
+    Faults& scripted = faults();
+    const MutexLock lock(scripted.mutex);
+    scripted.refusals.push_back({std::move(line), std::move(text), result});
     g_line_fault = take_refusal;
 }
 
 void fail_next_sessions(unsigned count) {
-    const std::lock_guard lock(faults().mutex);
-    faults().failed_sessions = count;
+    Faults& scripted = faults();
+    const MutexLock lock(scripted.mutex);
+    scripted.failed_sessions = count;
     g_session_fault = take_session_failure;
 }
 
 bool take_refusal(const std::string& line, std::string& text, int& result) {
-    const std::lock_guard lock(faults().mutex);
-    auto& refusals = faults().refusals;
+    Faults& scripted = faults();
+    const MutexLock lock(scripted.mutex);
+    auto& refusals = scripted.refusals;
     for (auto request = refusals.begin(); request != refusals.end(); ++request) {
         if (line.starts_with(request->line)) {
             text = std::move(request->text);
@@ -54,11 +57,12 @@ bool take_refusal(const std::string& line, std::string& text, int& result) {
 }
 
 bool take_session_failure() {
-    const std::lock_guard lock(faults().mutex);
-    if (faults().failed_sessions == 0) {
+    Faults& scripted = faults();
+    const MutexLock lock(scripted.mutex);
+    if (scripted.failed_sessions == 0) {
         return false;
     }
-    --faults().failed_sessions;
+    --scripted.failed_sessions;
     return true;
 }
 
