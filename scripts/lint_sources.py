@@ -15,12 +15,11 @@ INCLUDE = re.compile(r'^\s*#\s*include\s*([<"])([^>"]+)[>"]')
 # The bracketed first letters keep this file from finding itself.
 WORDS = re.compile(r"\b([T]ODO|[F]IXME|[X]XX|[H]ACK)\b|[n]ot implemented", re.IGNORECASE)
 
-INCLUDE_ROOTS = ("", "platform/include", "platform", "platform/client", "platform/driver",
-                 "platform/cli", "app/src", "services")
+INCLUDE_ROOTS = ("", "platform/include", "app/src")
 STANDARD_C = set("""assert.h complex.h ctype.h errno.h fenv.h float.h inttypes.h limits.h locale.h
     math.h setjmp.h signal.h stdalign.h stdarg.h stdbool.h stddef.h stdint.h stdio.h stdlib.h
     string.h strings.h time.h wchar.h wctype.h""".split())
-AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "sys/types.h", "unistd.h"}
+AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "unistd.h"}
 
 BASE, QV, CLIENT = "platform/base", "platform/include/qv", "platform/client"
 DRIVER, EMBEDDED, LINUX = "platform/driver", "platform/driver/embedded", "platform/driver/linux"
