@@ -8,6 +8,7 @@
 #include <future>
 
 #include "lda_cli_delivery.h"
+#include "lda_cli_post.h"
 #include "lda_main.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"

@@ -16,7 +16,7 @@
 
 #include "bench/agent_host.h"
 #include "lda_cli_delivery.h"
-#include "lda_cli_exec.h"
+#include "lda_cli_post.h"
 #include "qv/cli.h"
 #include "qv/thread.h"
 

@@ -1,5 +1,4 @@
-// Bridge-agent client: VLAN-mode changes of ports, and the one routine through which every change
-// of a record's loop state, shut-down flag or VLAN mode is applied. Main thread.
+// Bridge-agent client: re-judges the ports whose VLAN mode changes. Main thread.
 #pragma once
 
 #include <cstdint>
@@ -19,14 +18,3 @@ void lda_bridge_handle(uint32_t event, const void* payload);
 lda_intf_t* lda_intf_mod_change(const bridge_mode_change* payload);
 // Visitor of that walk; `payload` is the interface index followed by the new mode.
 uint32_t lda_brid_intf_mod_chg_cbk(lda_intf_t* record, const uint32_t* payload);
-
-// Applies what `proposed`, a full copy of `current` with new values, changes in loop state,
-// shut-down flag and mode: stores it, asks for the shutdown or recovery, notifies. Clears the
-// proposed shut-down flag while detection is disabled. Returns 1. The caller holds the loop lock
-// where needed.
-int lda_intf_ret_proc(lda_intf_t* current, lda_intf_t* proposed);
-
-// Announces the end of a port's loop. Part of the loop-removal tool set; nothing calls it.
-void lda_intf_loop_del(lda_intf_t* record);
-// Non-zero when detection is enabled or `flag` is 0. Nothing calls it.
-int lda_intf_shutdownable(uint32_t flag);

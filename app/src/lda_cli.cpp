@@ -10,10 +10,11 @@
 #include <qv/lsm.h>
 #include <qv/syslog.h>
 #include "app_debug.h"
-#include "lda_cli_exec.h"
 #include "lda_cli_policy.h"
+#include "lda_cli_post.h"
 #include "lda_debug.h"
 #include "lda_main.h"
+#include "lda_state.h"
 
 // Interface types of a range on which the interface commands are offered.
 static constexpr uint32_t IFRANGE_TYPE_MASK = 0x18050187;

@@ -1,10 +1,10 @@
-// Command delivery: a queue of small messages and the one thread that works them off.
+// Command delivery: a queue of small messages and the one thread that executes them.
 //
-// Everything the agent changes in the switch's configuration is done by executing command lines,
-// which may block and may re-enter the agent's own handlers. So it is never done where loops are
-// handled: the main thread posts a message, and the thread "lda_cli_delivery" executes, one message
-// at a time in posting order, without any lock of this queue. What crosses is a value, never a
-// pointer to a record.
+// The agent changes the switch's configuration by executing command lines, which may block and may
+// re-enter the agent's own handlers. So lines are never executed where loops are handled: the main
+// thread posts a message (lda_cli_post.h), and the thread "lda_cli_delivery" executes the messages
+// one at a time in posting order (lda_cli_exec.h), without holding the queue lock. A message is a
+// value, never a pointer to a record.
 #pragma once
 
 #include <pthread.h>
@@ -12,7 +12,6 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <qv/cli.h>
 #include "lda_list.h"
 
 // Module selector of a message: which detection feature its command lines are about.
@@ -54,34 +53,8 @@ struct lda_cli_msg_set_t {
 
 extern lda_cli_msg_set_t* g_lda_cli_msg_set;
 
-// Output of one command line that is kept, with its terminator.
-inline constexpr size_t LDA_CLI_OUTPUT_BYTES = 513;
-// Result of a command line that printed something: the switch refused it.
-inline constexpr int32_t LDA_CLI_REFUSED = 2;
-
-// Post a copy of `message` (its links are ignored). Returns the result of signalling the thread;
-// on failure the message is lost and the result is that of releasing the log lock. Any thread.
-int lda_cli_cmd_send(const lda_cli_msg_t* message);
-// Posts a message of type 0 with these three fields, with the same result.
-int lda_loop_cmd_send(uint8_t enable, uint32_t mid, uint32_t ifx);
-
 // Body of the delivery thread; ends only when the thread cannot be set up. Then nothing drains the
 // queue any more.
 void* lda_cli_msg_thread_init(void* arg);
-// Takes and works off messages for ever.
+// Takes and executes messages; never returns.
 void lda_cli_msg_thread_proc(void);
-
-// ---- On the delivery thread ----
-
-// Mode in which a line is executed: 0 global configuration, 1 the port's interface mode.
-inline constexpr uint32_t LDA_CLI_MODE_CONFIG = 0;
-inline constexpr uint32_t LDA_CLI_MODE_INTERFACE = 1;
-void lda_cli_mode_set(uint32_t ifx, uint32_t mode, cli_mode* descriptor);
-
-// Executes one command line on an open session. Negative: not executed. LDA_CLI_REFUSED: it printed
-// something. Else the framework's own result.
-int32_t lda_loop_cmd_execute(int session, const char* line, const cli_mode* mode);
-
-// Takes the output of a line into the LDA_CLI_OUTPUT_BYTES at `user`, cut to fit; the buffer was
-// zero-filled before.
-void cmd_exec_out_cback(const char* text, size_t length, void* user);

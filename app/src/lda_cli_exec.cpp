@@ -1,23 +1,23 @@
-// Executors of the delivery thread and the calls that post to them.
+// Executors of the delivery thread.
 //
-// Posting runs on the main thread and only reads the loop state. Executors run on the delivery
-// thread (a port that joins an aggregate is configured directly on the main thread, where lines run
-// inline); each opens its own session and closes it. They take the loop lock only to list the ports
-// and to mark a port whose recovery was refused, never with another lock held. A line is executed
-// once; only the refusal of "no shutdown" has a consequence.
+// Each executor opens a session of its own and closes it. A port that joins an aggregate is
+// configured directly on the main thread, where lines run inline. The loop lock is taken only to
+// list the ports and to mark a port whose recovery was refused, never with another lock held. A
+// line is executed once; only the refusal of "no shutdown" has a consequence.
 #include "lda_cli_exec.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
+#include <cstring>
 #include <initializer_list>
 
-#include <qv/cli.h>
 #include "app_debug.h"
-#include "lda_bridge.h"
+#include "app_string.h"
 #include "lda_cli_delivery.h"
-#include "lda_cli_policy.h"
 #include "lda_main.h"
+#include "lda_state.h"
 
 // The blanks before the line ends belong to the lines.
 static constexpr char LINE_SHUT[] = "shutdown \r\n";
@@ -35,6 +35,34 @@ static constexpr char LINE_NO_TARN_RECOVER[] = "no tarn error-recover interval\r
 static constexpr char LINE_NO_TARN_PORT[] = "no tarn port loop-detect\r\n";
 static constexpr char LINE_NO_STORM_PORT[] = "no storm-loop-detect enable\r\n";
 static constexpr char LINE_NO_STORM_RATE[] = "no storm-loop-rate ratelimit\r\n";
+
+// ---- Sessions and lines ----
+
+void lda_cli_mode_set(uint32_t ifx, uint32_t mode, cli_mode* descriptor) {
+    *descriptor = {};
+    if (mode == LDA_CLI_MODE_CONFIG) {
+        app_text_copy(descriptor->name, sizeof descriptor->name, "config");
+    } else if (mode == LDA_CLI_MODE_INTERFACE) {
+        app_text_copy(descriptor->name, sizeof descriptor->name, "interface");
+        descriptor->ifx = static_cast<int32_t>(ifx);
+    }
+}
+
+void cmd_exec_out_cback(const char* text, size_t length, void* user) {
+    memcpy(user, text, std::min(length, LDA_CLI_OUTPUT_BYTES - 1));
+}
+
+int32_t lda_loop_cmd_execute(int session, const char* line, const cli_mode* mode) {
+    char output[LDA_CLI_OUTPUT_BYTES] = {};
+    int32_t rv = cli_execute_cmd_buf_fd(session, line, mode, cmd_exec_out_cback, output);
+    if (rv < 0)
+        APP_ERROR("cli_execute_cmd_buf fail:cmd=%s, ret=%d", line, rv);
+    if (output[0] != '\0')
+        rv = LDA_CLI_REFUSED;
+    APP_INFO("ifx %lu cmd %s out ret=%d %s", static_cast<unsigned long>(mode->ifx), line, rv,
+             output);
+    return rv;
+}
 
 // Opens a session for an executor; negative, and logged under its name, on failure.
 static int open_session(const char* executor) {
@@ -57,51 +85,7 @@ static int32_t execute_on_port(int session, uint32_t ifx, const char* line) {
     return lda_loop_cmd_execute(session, line, &mode);
 }
 
-// ---- Shutdown and recovery: posting ----
-
-void lda_send_shutcmd(uint32_t ifx, uint8_t shutdown, lda_intf_t* record) {
-    APP_INFO("enter ifx=%d, shutdown=%d", static_cast<int>(ifx), shutdown);
-    lda_cli_msg_t message = {};
-    message.mid = LDA_MID_BOTH;
-    message.ifx = ifx;
-    message.type = LDA_CLI_MSG_SHUTDOWN;
-    message.shutdown = shutdown;
-    // The port's line in the running configuration changes before the command itself runs.
-    cli_client_c2p_reform();
-    cli_syn_config_notify();
-    lda_cli_cmd_send(&message);
-    if (record && shutdown == 0)
-        lda_clear_loop_timer(record);
-}
-
-int lda_cli_intf_shutdown_by_lda_cmd(uint32_t ifx, uint8_t shutdown) {
-    lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record) {
-        if (shutdown == 1)
-            lda_back_node_add(ifx);
-        else
-            lda_back_node_del(ifx);
-        return -1;
-    }
-    lda_intf_t proposed = lda_intf_copy(record);
-    proposed.is_shutdown = shutdown;
-    lda_intf_ret_proc(record, &proposed);
-    return 0;
-}
-
-// ---- Shutdown and recovery: delivery thread ----
-
-// The switch did not bring the port up: it is shut down by the agent as before.
-static void revert_recovery(uint32_t ifx) {
-    const lda_loop_guard guard;
-    lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record)
-        return;
-    lda_intf_set_shutdown(record, 1);
-    APP_INFO_AS("cli_exec_shutdown", "revert no shtudown, force notify");
-    cli_client_c2p_reform();
-    cli_syn_config_notify();
-}
+// ---- Shutdown and recovery ----
 
 int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown) {
     APP_INFO("enter ifx=%d, is_shutdown=%d", static_cast<int>(ifx), is_shutdown);
@@ -114,7 +98,7 @@ int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown) {
         execute_on_port(session, ifx, LINE_RECOVERY_CLEAR);
         if (execute_on_port(session, ifx, LINE_NO_SHUT) == LDA_CLI_REFUSED) {
             APP_INFO("EXECUTE THE NOT SHUT FAILED, IFX=%d", static_cast<int>(ifx));
-            revert_recovery(ifx);
+            lda_intf_recovery_refused(ifx);
         }
     }
     close(session);
@@ -134,70 +118,7 @@ int cli_exec_loop_apply_shutdown(uint32_t ifx, uint8_t is_shutdown) {
     return 0;
 }
 
-// ---- Detection features: posting ----
-
-void lda_loop_config_delivery(uint32_t mid) {
-    APP_INFO("enter");
-    const uint32_t policy = lda_loop_detect_ptype_get();
-    if (policy == LDA_POLICY_DISABLED)
-        return;
-    lda_cli_msg_t message = {};
-    message.mid = mid;
-    message.type = LDA_CLI_MSG_ENABLE;
-    message.new_type = policy;
-    message.old_type = LDA_POLICY_DISABLED;
-    message.is_config_delivery = 1;
-    lda_policy_chg_notify_ntf(&message);
-    lda_cli_cmd_send(&message);
-}
-
-void lda_send_intfcfg(uint32_t ifx) {
-    const uint32_t policy = lda_loop_detect_ptype_get();
-    APP_INFO("enter ifx=%u, cli_ready=%d, type=%d", ifx, cli_ready, static_cast<int>(policy));
-    if (cli_ready != 1)
-        return;
-    lda_cli_msg_t message = {};
-    message.mid = LDA_MID_BOTH;
-    if (policy != LDA_POLICY_DISABLED) {
-        message.type = LDA_CLI_MSG_INTF_ENABLE;
-        message.ifx = ifx;
-    } else {
-        message.type = LDA_CLI_MSG_DISABLE;  // about all ports
-    }
-    message.new_type = policy;
-    message.old_type = policy;
-    lda_cli_cmd_send(&message);
-}
-
-void lda_intf_default_config_delivery(uint32_t mid, uint32_t ifx) {
-    APP_INFO("enter");
-    lda_cli_msg_t message = {};
-    message.mid = mid;
-    message.ifx = ifx;
-    message.type = LDA_CLI_MSG_INTF_DEFAULT;
-    lda_cli_cmd_send(&message);
-}
-
-void lda_loop_detect_enable(void) {
-    if (cli_ready)
-        lda_loop_cmd_send(1, LDA_MID_BOTH, 0);
-}
-
-void lda_loop_detect_disable(void) {
-    if (cli_ready)
-        lda_loop_cmd_send(0, LDA_MID_BOTH, 0);
-}
-
-void lda_async_enable_loop(uint32_t flag) {
-    if (flag == 0)
-        lda_loop_detect_disable();
-    else
-        lda_loop_detect_enable();
-    cli_client_c2p_reform();
-    cli_syn_config_notify();
-}
-
-// ---- Detection features: delivery thread ----
+// ---- Detection features ----
 
 uint32_t* lda_all_intf_ifx_get(uint16_t* count) {
     const lda_loop_guard guard;

@@ -6,8 +6,9 @@
 #include "lda_cli_policy.h"
 
 #include "app_debug.h"
-#include "lda_bridge.h"
+#include "lda_cli_post.h"
 #include "lda_main.h"
+#include "lda_state.h"
 #include "p_app.pb-c.h"
 
 // Published even when the value does not change; the answer is not looked at.
@@ -94,26 +95,4 @@ uint32_t lda_cfg_policy_chg_cbk(lda_intf_t* record, const uint32_t* change) {
     }
     APP_INFO("ifx=%d, is_shutdown=%d", static_cast<int>(record->ifx), proposed.is_shutdown);
     return 0;
-}
-
-void lda_intf_policy_chg_proc(const lda_cli_msg_t* message) {
-    lda_loop_result_walk(lda_intf_policy_chg_cbk, as_words(message));
-}
-
-uint32_t lda_intf_policy_chg_cbk(lda_intf_t* record, const uint32_t* message) {
-    const lda_cli_msg_t* change = as_message(message);
-    if (record->ifx != change->ifx)
-        return 0;
-    const int ifx = static_cast<int>(record->ifx);
-    const uint8_t old_flag = lda_intf_is_shutdown(record);
-    APP_INFO("ifx=%d,old_shutdown=%d, new_shutdown=%d", ifx, old_flag, change->shutdown);
-    if (record->total_result && old_flag != change->shutdown) {
-        lda_intf_t announced = lda_intf_copy(record);
-        announced.is_shutdown = change->shutdown;
-        lda_loop_result_send_ntf(LDA_NOTIFY_LOOP, &announced);
-    }
-    lda_intf_set_shutdown(record, change->shutdown);
-    APP_INFO("ifx=%d,old_shutdown=%d, new_shutdown=%d", ifx, lda_intf_is_shutdown(record),
-             change->shutdown);
-    return 1;
 }

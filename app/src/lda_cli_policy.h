@@ -22,9 +22,3 @@ const char* detect_loop_policy_type(uint32_t policy);
 void lda_policy_chg_notify_ntf(const lda_cli_msg_t* change);
 // Visitor of that walk; `change` is the message. Returns 0.
 uint32_t lda_cfg_policy_chg_cbk(lda_intf_t* record, const uint32_t* change);
-
-// Gives the one port of `message` its shut-down flag and notifies the change if it is looped.
-// Nothing calls it.
-void lda_intf_policy_chg_proc(const lda_cli_msg_t* message);
-// Visitor of that walk: 1 for the message's port, else 0.
-uint32_t lda_intf_policy_chg_cbk(lda_intf_t* record, const uint32_t* message);

@@ -11,9 +11,10 @@
 #include <qv/lsm.h>
 #include "app_debug.h"
 #include "lda_bridge.h"
-#include "lda_cli_delivery.h"
 #include "lda_cli_exec.h"
+#include "lda_cli_post.h"
 #include "lda_main.h"
+#include "lda_state.h"
 #include "storm_cli.h"
 #include "storm_detect.h"
 
@@ -250,8 +251,7 @@ static void lda_vsl_convert_proc(uint32_t ifx, uint32_t state) {
         return;
     }
     lda_intf_t proposed = lda_intf_copy(record);
-    record->tarn_result = 0;
-    record->storm_result = 0;
+    lda_intf_forget_results(record);
     proposed.total_result = 0;
     proposed.is_shutdown = 0;
     proposed.mode = SWPORT_MODE_NONE;

@@ -22,8 +22,10 @@
 #include "lda_bridge.h"
 #include "lda_cli.h"
 #include "lda_cli_delivery.h"
-#include "lda_cli_exec.h"
+#include "lda_cli_post.h"
 #include "lda_lsm.h"
+#include "lda_state.h"
+#include "lda_tarn.h"
 #include "storm_detect.h"
 
 const char* module_name = "lda";

@@ -108,14 +108,6 @@ int lda_mom_app_db_connect(void* arg);
 int lda_mom_app_db_reconnect(void* arg);
 int lda_mom_app_db_disconnect(void* arg);
 
-// ---- Loop entries: p_app.lda_loop_entry in the application database ----
-
-// Publish and withdraw the entry of a looped port; withdraw all of them. 0, or -1 when the
-// database refuses.
-int lda_mom_set_loop_entry(lda_intf_t* record);
-int lda_mom_del_loop_entry(lda_intf_t* record);
-int lda_mom_del_all_loop_entry(void);
-
 // ---- Pending-interface list ----
 
 // Adds a port unless it is there already. Silent when memory runs out.

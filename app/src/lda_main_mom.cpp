@@ -1,19 +1,10 @@
-// The agent's three sessions with the object database, the loop entries it publishes there, and the
-// pending-interface list.
-//
-// Everything runs on the main thread. The session callbacks raise the readiness flags; a lost
-// session lowers none of them. backup_node_list is owned here: its nodes are appended and removed
-// under the loop lock, and looked up without it.
-#include <cstdlib>
-
+// The agent's three sessions with the object database. The callbacks raise the readiness flags; a
+// lost session lowers none of them. Main thread.
 #include "app_debug.h"
 #include "lda_main.h"
 #include "lda_netconf.h"
-#include "p_app.pb-c.h"
-
-lda_list_t backup_node_list;
-
-// ---- Sessions ----
+#include "lda_notify.h"
+#include "lda_tarn.h"
 
 // The registration of one session, with the words it uses. Kept on purpose: the local session
 // announces itself under the application database's name, and some setters report their failure
@@ -151,90 +142,4 @@ int lda_mom_app_db_reconnect(void*) {
 int lda_mom_app_db_disconnect(void*) {
     APP_INFO("lda_mom_app_db_disconnect\n");
     return 0;
-}
-
-// ---- Loop entries ----
-
-int lda_mom_set_loop_entry(lda_intf_t* record) {
-    PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
-    PApp__LdaLoopEntry entry = P_APP__LDA_LOOP_ENTRY__INIT;
-    index.name = record->name;
-    entry.index = &index;
-    entry.policy = lda_intf_policy_get(record);
-    entry.src_port = lda_mode_is_shuttable(record->mode);
-    APP_INFO("set loop entry: name=%s, policy=%d,is_src=%d\n", record->name,
-             static_cast<int>(entry.policy), entry.src_port);
-    if (qv_mom_set(g_lda_global, QV_MOM_APP_DB, &entry.base, 0, 0) != 0) {
-        APP_ERROR("qv_mom_set lda entry failed");
-        return -1;
-    }
-    return 0;
-}
-
-int lda_mom_del_loop_entry(lda_intf_t* record) {
-    PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
-    PApp__LdaLoopEntry entry = P_APP__LDA_LOOP_ENTRY__INIT;
-    index.name = record->name;
-    entry.index = &index;
-    APP_INFO("delete loop entry: name=%s\n", record->name);
-    if (qv_mom_del(g_lda_global, QV_MOM_APP_DB, &entry.base, 0, 0) != 0) {
-        APP_ERROR("qv_mom_del lda entry failed");
-        return -1;
-    }
-    return 0;
-}
-
-int lda_mom_del_all_loop_entry(void) {
-    PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
-    PApp__LdaLoopEntry entry = P_APP__LDA_LOOP_ENTRY__INIT;
-    entry.index = &index;  // its name is empty: every record of the type
-    APP_INFO("delete all loop entry\n");
-    const int rv = qv_mom_pdel(g_lda_global, QV_MOM_APP_DB, &entry.base, 0, 0, 0);
-    if (rv != 0) {
-        APP_ERROR("qv_mom_pdel lda entry failed, rv=%d", rv);
-        return -1;
-    }
-    return 0;
-}
-
-// ---- Pending-interface list ----
-
-static lda_intf_t* find_pending(uint32_t ifx) {
-    lda_list_t* head = &backup_node_list;
-    for (lda_list_t* link = head->next; link != head; link = link->next) {
-        auto* node = reinterpret_cast<lda_intf_t*>(link);
-        if (node->ifx == ifx)
-            return node;
-    }
-    return nullptr;
-}
-
-void lda_back_node_add(uint32_t ifx) {
-    if (find_pending(ifx)) {
-        APP_INFO("---backup_node_list have been added :ifx=%d\n", static_cast<int>(ifx));
-        return;
-    }
-    auto* node = static_cast<lda_intf_t*>(calloc(1, sizeof(lda_intf_t)));
-    if (!node)
-        return;
-    node->ifx = ifx;
-    lda_intf_set_shutdown(node, 1);
-    lda_loop_lock();
-    lda_list_add_tail(&backup_node_list, &node->link);
-    lda_loop_unlock();
-    APP_INFO("--- add backup_node_list :ifx=%d\n", static_cast<int>(ifx));
-}
-
-int lda_back_node_lookup(uint32_t ifx) {
-    return find_pending(ifx) ? 1 : 0;
-}
-
-void lda_back_node_del(uint32_t ifx) {
-    const lda_loop_guard guard;
-    lda_intf_t* node = find_pending(ifx);
-    if (!node)
-        return;
-    lda_list_unlink(&node->link);
-    free(node);
-    APP_INFO("---LDA delete backup_node_list :ifx=%d\n", static_cast<int>(ifx));
 }

@@ -1,11 +1,11 @@
-// Loop state of the ports: the loop set with its interface records, the recording of loop results,
-// policy execution with its timers, and the subscription to the peer protocol's loop reports.
+// Records and settings of the loop state: the loop set with one record for each port, the global
+// policy, the recovery time and the clear interval.
 //
-// One interface record exists for every port that the port-state service has announced, and it
-// carries the loop state of both detection sources; a port "is in the loop table" while its
-// total_result is set. All state belongs to the main thread. The loop lock is taken where records
-// are linked and unlinked, and by the delivery thread, which looks records up and may set
-// is_shutdown; the main thread reads the list without it.
+// The port-state service announces a port, and the port gets its record (lda_lsm.h). A port "is in
+// the loop table" while its total_result is set. The state in a record changes in lda_state.cpp and
+// nowhere else; the other fields name their writers. All state belongs to the main thread. The loop
+// lock is taken to link and unlink records, and by the delivery thread, which looks records up and
+// may set is_shutdown; the main thread reads the list without it.
 #pragma once
 
 #include <pthread.h>
@@ -13,13 +13,10 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <qv/mom.h>
 #include <qv/thread.h>
 #include "app_shared.h"
 #include "lda_index.h"
 #include "lda_list.h"
-
-struct storm_loop_msg;
 
 inline constexpr size_t LDA_NAME_BYTES = 64;
 inline constexpr uint16_t LDA_LOOP_MAX = 10;  // ports in the loop table at a time
@@ -35,28 +32,29 @@ inline constexpr uint32_t LDA_POLICY_SHUT_ACCESS = 2;
 inline constexpr uint32_t LDA_POLICY_SHUT_HYBRID = 3;
 inline constexpr uint32_t LDA_POLICY_SHUT_ACCESS_HYBRID = 4;
 
-// Kinds of a loop notification.
-inline constexpr uint32_t LDA_NOTIFY_LOOP = 1;
-inline constexpr uint32_t LDA_NOTIFY_CLEAR = 2;
-
-// One port. Zero-filled heap block, owned by the loop set.
+// One port. Zero-filled heap block, owned by the loop set. lda_state.cpp writes the fields of the
+// state; a comment names the other writers.
 struct lda_intf_t {
-    lda_list_t link;
-    qv_thread* clear_timer;     // pending clear timer, or null
-    uint32_t recover_ticks;     // 10-second ticks spent shut down by the agent
-    uint32_t ifx;               // interface index, the key; constant
-    char name[64];              // short interface name; constant
-    uint8_t total_result;       // 1 while the port is in the loop table
-    uint8_t tarn_result;        // result of source 0, the byte as reported
-    uint8_t storm_result;       // result of source 1
-    uint32_t spare_word;        // cleared with the results
-    qv_thread* shutdown_timer;  // cleared with the results; nothing arms it
-    // 1 while the agent holds the port shut down. Shared with the delivery thread: only through
-    // lda_intf_is_shutdown, lda_intf_set_shutdown and lda_intf_copy.
+    lda_list_t link;            // writers: lda_add_intf, lda_del_intf
+    qv_thread* clear_timer;     // state: the pending clear timer, or null
+    uint32_t recover_ticks;     // state: 10-second ticks spent shut down by the agent
+    uint32_t ifx;               // interface index, the key; writer: lda_add_intf, once
+    char name[LDA_NAME_BYTES];  // short interface name; writer: lda_add_intf, once
+    uint8_t total_result;       // state: 1 while the port is in the loop table
+    uint8_t tarn_result;        // state: result of source 0, the byte as reported
+    uint8_t storm_result;       // state: result of source 1
+    uint32_t spare_word;        // state: cleared with the results
+    qv_thread* shutdown_timer;  // state: cleared with the results; nothing arms it
+    // State: 1 while the agent holds the port shut down. Two threads write it, both in
+    // lda_state.cpp: the main thread, and the delivery thread when the switch has refused a
+    // recovery. Access only through lda_intf_is_shutdown, lda_intf_set_shutdown and lda_intf_copy.
     uint8_t is_shutdown;
-    uint32_t mode;        // VLAN mode: 1 access, 7 hybrid, others are never shut down
-    int32_t mode_arg;     // interface index of the aggregate port it is a member of, 0 for none
-    uint32_t vsl_member;  // 1 once the port has become a virtual-switch-link port
+    // VLAN mode: 1 access, 7 hybrid, others are never shut down. Writers: lda_state.cpp when the
+    // mode changes the state; lda_lsm.cpp for a new port and for one that leaves an aggregate port
+    // or the bridge.
+    uint32_t mode;
+    int32_t mode_arg;     // ifx of the aggregate port it is a member of, or 0; writer: lda_lsm.cpp
+    uint32_t vsl_member;  // 1 once it is a virtual-switch-link port; writer: lda_lsm.cpp
 };
 static_assert(sizeof(lda_intf_t) == 128);
 static_assert(offsetof(lda_intf_t, link) == 0 && offsetof(lda_intf_t, clear_timer) == 16);
@@ -139,52 +137,3 @@ lda_intf_t* lda_loop_result_get(uint32_t ifx);
 // Fills `array`, which has room for LDA_LOOP_MAX entries, with the looped ports in list order;
 // returns how many. 0 while detection is disabled.
 int lda_all_loop_result_get(lda_loop_result_t* array);
-
-// Takes over a record that is in no list any more: frees it, or keeps it until its pending clear
-// timer has fired.
-void lda_intf_release(lda_intf_t* record);
-
-// ---- Recording of results ----
-
-// Records what a source reports of a port (0 no loop, else loop). Reports for unknown ports are
-// dropped.
-void lda_loop_result_set(uint32_t source, uint8_t result, uint32_t ifx);
-// The same for the storm detector. Returns 0.
-int lda_loop_result_set_for_storm(const storm_loop_msg* report);
-
-// Puts a port into the loop table, or reports that the table is full.
-void lda_loop_result_add(lda_intf_t* record);
-
-// Clear timer of a port (the timer's argument is its record): takes it out of the loop table and
-// reports the end of the loop. A record that was deleted meanwhile is freed; its end is not
-// reported when a port of its name loops. Returns 0, or -1 without an argument.
-int lda_intf_loop_clear(qv_thread* timer);
-
-// Notifies a loop (LDA_NOTIFY_LOOP) or its end (LDA_NOTIFY_CLEAR) and publishes or withdraws the
-// port's loop entry. Other kinds do nothing.
-void lda_loop_result_send_ntf(uint32_t kind, lda_intf_t* record);
-
-// Resets the loop state of every port, loop_num and the policy, without any message.
-void lda_all_loop_result_clear(void);
-
-// ---- Policy execution and timers ----
-
-// Applies the policy to a looped port; `again` is 1 when the source already held a loop.
-void lda_loop_exec_policy(lda_intf_t* record, uint32_t again);
-
-// Arms the clear timer of a port that is quiet, not held shut down and has none pending.
-void lda_clear_loop_timer(lda_intf_t* record);
-
-// Arms the next recovery tick; once at start-up, then from the tick itself. A failure is logged.
-void lda_loop_policy_timer(void);
-// Recovery tick: every 10 seconds counts and recovers the ports that are held shut down. Returns 0,
-// or -1, without another tick, when called without a timer.
-int lda_intf_shutdown_timer_call(qv_thread* timer);
-
-// ---- Peer loop reports ----
-
-// Subscribes to p_bridge.tarn_loop_info in the application database. Returns 0 whatever the
-// database answers.
-int lda_tarn_mom_reg_subscribe(void);
-// Takes one message of that subscription. Returns 0, or -1 for a bad call or an empty message.
-int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* message);

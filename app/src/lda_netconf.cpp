@@ -1,64 +1,12 @@
-// NETCONF side of the agent.
-//
-// Main thread only, no lock and no state. A policy request arrives as a record of the local
-// database and is answered by another record there; a loop notification goes out through the
-// NETCONF library. Nothing is retried.
+// Policy requests of NETCONF clients. A request arrives as a record of the local database and is
+// answered by another record there. Main thread only, no lock and no state. Nothing is retried.
 #include "lda_netconf.h"
 
-#include <cstdio>
-#include <cstdlib>
-#include <cstring>
-#include <iterator>
-
 #include <qv/cli.h>
-#include <qv/netconf.h>
 #include "app_debug.h"
 #include "lda_cli_policy.h"
 #include "lda_main.h"
 #include "p_app.pb-c.h"
-
-static constexpr char NOTIFY_LEAF_PATH[] =
-    "/qv-loop-detect-server-notification:loop-detect-state/loop-notify/notify-entry[name='%s']/%s";
-static constexpr size_t NOTIFY_PATH_BYTES = 512;
-static constexpr size_t NOTIFY_LEAVES = 4;
-
-// ---- Loop-state notifications ----
-
-// The full path of a leaf in a string of its own, to be freed; null when memory runs out.
-static char* leaf_path(const char* interface, const char* leaf) {
-    char path[NOTIFY_PATH_BYTES];
-    snprintf(path, sizeof path, NOTIFY_LEAF_PATH, interface, leaf);
-    return strdup(path);
-}
-
-// Sends the leaves unless one of them has no path. 0 when they went out.
-static int send_leaves(const nc_lib_leaf* leaves) {
-    for (size_t i = 0; i < NOTIFY_LEAVES; i++)
-        if (!leaves[i].path)
-            return -1;
-    return nc_lib_notification_send(g_lda_global, leaves, NOTIFY_LEAVES, 0);
-}
-
-int lda_send_info_ntf(const lda_notify_t* record) {
-    // Kept on purpose: "src-port" carries a flag, no port number.
-    const nc_lib_leaf leaves[NOTIFY_LEAVES] = {
-        {leaf_path(record->name, "notify-type"), NC_LIB_TYPE_UINT32, record->notify_type},
-        {leaf_path(record->name, "vid"), NC_LIB_TYPE_UINT32, record->vid},
-        {leaf_path(record->name, "policy"), NC_LIB_TYPE_UINT32, record->policy},
-        {leaf_path(record->name, "src-port"), NC_LIB_TYPE_INT32, record->src_port},
-    };
-    if (send_leaves(leaves) != 0)
-        APP_ERROR("send loop-detect state ERR");
-    else
-        APP_INFO("send loop-detect state, name[%s] notify_type[%d] vid[%d] policy[%d] src-port[%d]",
-                 record->name, static_cast<int>(record->notify_type), static_cast<int>(record->vid),
-                 static_cast<int>(record->policy), static_cast<int>(record->src_port));
-    for (const nc_lib_leaf& leaf : leaves)
-        free(const_cast<char*>(leaf.path));
-    return 0;
-}
-
-// ---- Policy requests ----
 
 int lda_nc_mom_reg_subscribe(void) {
     const PApp__LdaNcPolicy key = P_APP__LDA_NC_POLICY__INIT;

@@ -9,6 +9,7 @@
 #include "lda_cli_delivery.h"
 #include "lda_lsm.h"
 #include "lda_main.h"
+#include "lda_state.h"
 #include "platform/root/platform.h"
 #include "storm_detect.h"
 #include "tests/support/manual_clock.h"

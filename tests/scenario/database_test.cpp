@@ -5,6 +5,7 @@
 #include "lda_main.h"
 #include "lda_msg.h"
 #include "lda_netconf.h"
+#include "lda_state.h"
 #include "p_app.pb-c.h"
 #include "p_mng.pb-c.h"
 #include "platform/client/platform.h"

@@ -9,6 +9,7 @@
 
 #include "app_debug.h"
 #include "lda_debug.h"
+#include "lda_state.h"
 #include "tests/support/fake_qv/fake_qv.h"
 #include "tests/unit/app/agent_fixture.h"
 

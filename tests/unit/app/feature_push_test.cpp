@@ -2,6 +2,7 @@
 #include <cstdlib>
 
 #include "lda_cli_exec.h"
+#include "lda_cli_post.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;

@@ -5,7 +5,7 @@
 
 #include <string>
 
-#include "lda_cli_exec.h"
+#include "lda_state.h"
 #include "tests/support/fake_qv/fake_qv.h"
 #include "tests/unit/app/agent_fixture.h"
 

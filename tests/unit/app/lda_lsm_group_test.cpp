@@ -2,6 +2,7 @@
 #include <array>
 
 #include "lda_lsm.h"
+#include "lda_state.h"
 #include "storm_cli.h"
 #include "tests/unit/app/loop_fixture.h"
 

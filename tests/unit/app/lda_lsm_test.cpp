@@ -2,6 +2,7 @@
 #include "lda_lsm.h"
 
 #include "lda_main.h"
+#include "lda_state.h"
 #include "tests/unit/app/loop_fixture.h"
 
 #ifdef __SANITIZE_ADDRESS__

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "lda_main.h"
+#include "lda_notify.h"
 #include "tests/support/fake_qv/fake_qv.h"
 #include "tests/unit/app/agent_fixture.h"
 

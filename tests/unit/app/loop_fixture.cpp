@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <thread>
 
+#include "lda_state.h"
 #include "tests/support/fake_qv/fake_internal.h"
 
 namespace loop_test {

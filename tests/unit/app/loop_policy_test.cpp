@@ -1,6 +1,7 @@
 // Policy execution, clear timers and the recovery tick.
 #include "lda_msg.h"
 
+#include "lda_state.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;

@@ -1,6 +1,8 @@
 // Recording of loop results: sources, the loop table and its limit, notifications, global clear.
 #include "lda_msg.h"
 
+#include "lda_notify.h"
+#include "lda_state.h"
 #include "storm_detect.h"
 #include "tests/unit/app/loop_fixture.h"
 

@@ -3,6 +3,8 @@
 #include <cstring>
 
 #include "lda_netconf.h"
+#include "lda_notify.h"
+#include "lda_state.h"
 #include "p_app.pb-c.h"
 #include "tests/unit/app/loop_fixture.h"
 

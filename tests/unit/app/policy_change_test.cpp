@@ -1,8 +1,7 @@
 // Changes of the loop policy: publication, re-judgement, the message to the delivery thread.
 #include "lda_cli_policy.h"
 
-#include "lda_bridge.h"
-#include "lda_cli_exec.h"
+#include "lda_state.h"
 #include "p_app.pb-c.h"
 #include "tests/unit/app/loop_fixture.h"
 

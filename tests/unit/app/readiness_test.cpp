@@ -5,6 +5,7 @@
 
 #include "lda_lsm.h"
 #include "lda_main.h"
+#include "lda_tarn.h"
 #include "tests/support/fake_qv/fake_qv.h"
 #include "tests/unit/app/agent_fixture.h"
 

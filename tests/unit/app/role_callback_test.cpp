@@ -7,6 +7,7 @@
 #include "app_debug.h"
 #include "lda_cli_delivery.h"
 #include "lda_main.h"
+#include "lda_state.h"
 #include "storm_detect.h"
 #include "tests/support/fake_qv/fake_qv.h"
 #include "tests/unit/app/call_lists.h"

@@ -5,7 +5,9 @@
 #include "lda_cli_delivery.h"
 #include "lda_cli_exec.h"
 #include "lda_cli_policy.h"
+#include "lda_cli_post.h"
 #include "lda_lsm.h"
+#include "lda_state.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;

@@ -2,6 +2,7 @@
 #include <cstdio>
 
 #include "lda_msg.h"
+#include "lda_tarn.h"
 #include "p_bridge.pb-c.h"
 #include "tests/unit/app/loop_fixture.h"
 
