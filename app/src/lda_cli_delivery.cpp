@@ -85,7 +85,7 @@ void lda_cli_msg_thread_proc(void) {
         lda_list_unlink(first);
         *first = {poison(POISON_NEXT), poison(POISON_PREV)};
         g_lda_cli_msg_set->count--;
-        auto* message = reinterpret_cast<lda_cli_msg_t*>(first);
+        auto* message = lda_list_record<lda_cli_msg_t>(first);
         APP_INFO("---The number of cli msg is %d, receive a signal[%d,%d,%d,%d,%d,%d]",
                  g_lda_cli_msg_set->count, static_cast<int>(message->mid),
                  static_cast<int>(message->ifx), static_cast<int>(message->old_type),

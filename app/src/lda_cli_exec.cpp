@@ -133,9 +133,11 @@ uint32_t* lda_all_intf_ifx_get(uint16_t* count) {
         APP_ERROR("Malloc p_ifx error.");
         return nullptr;
     }
-    const lda_list_t* head = &g_lda_loop_set->list;
-    for (const lda_list_t* link = head->next; link != head && *count < intf_num; link = link->next)
-        array[(*count)++] = reinterpret_cast<const lda_intf_t*>(link)->ifx;
+    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
+        if (*count == intf_num)
+            break;
+        array[(*count)++] = record.ifx;
+    }
     return array;
 }
 

@@ -66,9 +66,8 @@ int exec_show_lda_result(cli_pcdb* pcdb) {
     cli_printf(
         "ifx      interface  name\t     total-state   tarn-state   storm-state     status     "
         "mode\r\n");
-    const lda_list_t* head = &g_lda_loop_set->list;
-    for (const lda_list_t* link = head->next; link != head; link = link->next)
-        print_result_line(reinterpret_cast<const lda_intf_t*>(link));
+    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
+        print_result_line(&record);
     return 0;
 }
 

@@ -31,3 +31,36 @@ inline void lda_list_unlink(lda_list_t* node) {
     node->prev->next = node->next;
     node->next->prev = node->prev;
 }
+
+// The record that begins with these links.
+template <class Record>
+Record* lda_list_record(lda_list_t* link) {
+    return reinterpret_cast<Record*>(link);
+}
+
+// The records of a list, front to back: for (lda_intf_t& record : lda_records<lda_intf_t>(&head)).
+// The body may unlink any record but its own.
+template <class Record>
+class lda_records {
+ public:
+    class iterator {
+     public:
+        explicit iterator(lda_list_t* link) : link_(link) {}
+        Record& operator*() const { return *lda_list_record<Record>(link_); }
+        iterator& operator++() {
+            link_ = link_->next;
+            return *this;
+        }
+        bool operator!=(const iterator& other) const { return link_ != other.link_; }
+
+     private:
+        lda_list_t* link_;
+    };
+
+    explicit lda_records(lda_list_t* head) : head_(head) {}
+    iterator begin() const { return iterator(head_->next); }
+    iterator end() const { return iterator(head_); }
+
+ private:
+    lda_list_t* head_;
+};

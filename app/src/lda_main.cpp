@@ -219,7 +219,7 @@ lda_intf_t* lda_loop_result_walk(lda_loop_visitor visitor, const uint32_t* argum
     lda_list_t* next = nullptr;
     for (lda_list_t* link = head->next; link != head; link = next) {
         next = link->next;  // the visitor may free its record
-        auto* record = reinterpret_cast<lda_intf_t*>(link);
+        auto* record = lda_list_record<lda_intf_t>(link);
         if (visitor && visitor(record, argument))
             return record;
     }

@@ -8,12 +8,9 @@
 lda_list_t backup_node_list;
 
 static lda_intf_t* find_pending(uint32_t ifx) {
-    lda_list_t* head = &backup_node_list;
-    for (lda_list_t* link = head->next; link != head; link = link->next) {
-        auto* node = reinterpret_cast<lda_intf_t*>(link);
-        if (node->ifx == ifx)
-            return node;
-    }
+    for (lda_intf_t& node : lda_records<lda_intf_t>(&backup_node_list))
+        if (node.ifx == ifx)
+            return &node;
     return nullptr;
 }
 

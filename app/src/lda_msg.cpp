@@ -11,10 +11,6 @@ lda_loop_set_t* g_lda_loop_set;
 lda_recover_time_t g_lda_recover_time;
 int32_t g_lda_clear_interval = 60;
 
-static lda_intf_t* record_of(lda_list_t* link) {
-    return reinterpret_cast<lda_intf_t*>(link);
-}
-
 lda_intf_t lda_intf_copy(const lda_intf_t* record) {
     constexpr size_t shared = offsetof(lda_intf_t, is_shutdown);
     const auto* from = reinterpret_cast<const char*>(record);
@@ -79,12 +75,12 @@ int lda_all_loop_result_get(lda_loop_result_t* array) {
         return 0;
     }
     int num = 0;
-    lda_list_t* head = &g_lda_loop_set->list;
-    for (lda_list_t* link = head->next; link != head && num < LDA_LOOP_MAX; link = link->next) {
-        const lda_intf_t* record = record_of(link);
-        if (!record->total_result)
+    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
+        if (num == LDA_LOOP_MAX)
+            break;
+        if (!record.total_result)
             continue;
-        fill_snapshot(&array[num], record);
+        fill_snapshot(&array[num], &record);
         num++;
         APP_INFO("num=%d, is_shutdown=%d", num, array[num - 1].is_shutdown);
     }

@@ -36,10 +36,6 @@
 
 static constexpr long RECOVERY_TICK_S = 10;
 
-static lda_intf_t* record_of(lda_list_t* link) {
-    return reinterpret_cast<lda_intf_t*>(link);
-}
-
 // ---- Deleted records ----
 
 // Deleted records whose clear timer is still pending, linked through their own links.
@@ -53,17 +49,16 @@ void lda_intf_release(lda_intf_t* record) {
 }
 
 static bool is_deleted(const lda_intf_t* record) {
-    for (lda_list_t* link = deleted_records.next; link != &deleted_records; link = link->next)
-        if (record_of(link) == record)
+    for (const lda_intf_t& deleted : lda_records<lda_intf_t>(&deleted_records))
+        if (&deleted == record)
             return true;
     return false;
 }
 
 // Whether a port with this name is in the loop table.
 static bool name_loops(const char* name) {
-    lda_list_t* head = &g_lda_loop_set->list;
-    for (lda_list_t* link = head->next; link != head; link = link->next)
-        if (record_of(link)->total_result && strcmp(record_of(link)->name, name) == 0)
+    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
+        if (record.total_result && strcmp(record.name, name) == 0)
             return true;
     return false;
 }
@@ -268,10 +263,9 @@ int lda_intf_shutdown_timer_call(qv_thread* timer) {
     }
     const uint32_t recover_time = lda_cli_recover_time_get();
     APP_DEBUG("enter time=%d", static_cast<int>(recover_time));
-    lda_list_t* head = &g_lda_loop_set->list;
-    for (lda_list_t* link = head->next; link != head; link = link->next)
-        if (lda_intf_is_shutdown(record_of(link)) == 1)
-            tick_record(record_of(link), recover_time);
+    for (lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
+        if (lda_intf_is_shutdown(&record) == 1)
+            tick_record(&record, recover_time);
     lda_loop_policy_timer();
     return 0;
 }
@@ -307,12 +301,11 @@ static void clear_record(lda_intf_t* record) {
 }
 
 void lda_all_loop_result_clear(void) {
-    lda_list_t* head = &g_lda_loop_set->list;
-    for (lda_list_t* link = head->next; link != head; link = link->next)
-        clear_record(record_of(link));
+    for (lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
+        clear_record(&record);
     // The count goes to 0 for deleted records too: their timers must not subtract from it again.
-    for (lda_list_t* link = deleted_records.next; link != &deleted_records; link = link->next)
-        record_of(link)->total_result = 0;
+    for (lda_intf_t& record : lda_records<lda_intf_t>(&deleted_records))
+        record.total_result = 0;
     g_lda_loop_set->loop_num = 0;
     g_lda_loop_set->policy = LDA_POLICY_DISABLED;
 }

@@ -64,12 +64,6 @@ static_assert(offsetof(storm_port_info, flow_over_times) == 48);
 static_assert(offsetof(storm_port_info, is_loop) == 64);
 static_assert(offsetof(storm_port_info, cur_packet_count) == 72);
 
-// The lists' elements are standard-layout records that begin with their links.
-template <class Record>
-Record* storm_record(lda_list_t* links) {
-    return reinterpret_cast<Record*>(links);
-}
-
 // Defaults of an interface without a rate setting: the rate is g_pps_value (storm_detect.h).
 inline constexpr uint32_t STORM_DEFAULT_BURST = 1024;
 

@@ -150,10 +150,9 @@ static storm_port_info* find_by_acl(uint32_t acl_id) {
     if (likely != nullptr && likely->acl_id == acl_id) {
         return likely;
     }
-    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
-        auto* info = storm_record<storm_port_info>(node);
-        if (info->acl_id == acl_id) {
-            return info;
+    for (storm_port_info& info : lda_records<storm_port_info>(&storm_port_head)) {
+        if (info.acl_id == acl_id) {
+            return &info;
         }
     }
     return nullptr;
@@ -186,7 +185,7 @@ void storm_port_drop(storm_port_info* info) {
 int storm_deal_counter_timeout(qv_thread*) {
     for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = poll_next) {
         poll_next = node->next;
-        storm_deal_counter(storm_record<storm_port_info>(node));
+        storm_deal_counter(lda_list_record<storm_port_info>(node));
     }
     const int rv = arm_poll_timer();
     if (rv != 0) {

@@ -23,36 +23,34 @@ int app_cli_storm_detect(cli_pcdb* pcdb) {
     cli_printf(
         "ifx   intf_name     phyid     rate      burst     packet_count   byte_count   "
         "flow_over_times   unloop_times   poll_times   timer_notify   is_loop\r\n");
-    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
-        const auto* info = storm_record<storm_port_info>(node);
+    for (const storm_port_info& info : lda_records<storm_port_info>(&storm_port_head)) {
         uint32_t ifx = 0;
         char name[STORM_NAME_BYTES] = "";
-        if (storm_get_ifx_by_phyid(info->phyid, &ifx, name) != 0) {
+        if (storm_get_ifx_by_phyid(info.phyid, &ifx, name) != 0) {
             continue;
         }
         cli_printf("%-6d%-14s%-10x%-10d%-10d%-15ld%-13ld%-18d%-15d%-13d%-15d%-10s\n", ifx, name,
-                   info->phyid, info->rate, info->burst, info->packet_count, info->byte_count,
-                   info->flow_over_times, info->unloop_times, info->poll_times, info->timer_notify,
-                   detect_state_to_dsp(info->is_loop));
+                   info.phyid, info.rate, info.burst, info.packet_count, info.byte_count,
+                   info.flow_over_times, info.unloop_times, info.poll_times, info.timer_notify,
+                   detect_state_to_dsp(info.is_loop));
     }
     return 0;
 }
 
 void storm_dump_all_port_info(void) {
-    for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
-        const auto* info = storm_record<storm_port_info>(node);
+    for (const storm_port_info& info : lda_records<storm_port_info>(&storm_port_head)) {
         uint32_t ifx = 0;
         char name[STORM_NAME_BYTES] = "";
-        if (storm_get_ifx_by_phyid(info->phyid, &ifx, name) != 0) {
+        if (storm_get_ifx_by_phyid(info.phyid, &ifx, name) != 0) {
             continue;
         }
         printf(
             "\n (ifx: %d)phyid = %x , rate = %d, burst = %d, packet_count = %ld, byte_count = %ld,"
             "flow_over_times= %d, unloop_times = %d, poll_times = %d , timer_notify = %d, "
             "is_loop = %d \n",
-            ifx, info->phyid, info->rate, info->burst, info->packet_count, info->byte_count,
-            info->flow_over_times, info->unloop_times, info->poll_times, info->timer_notify,
-            info->is_loop);
+            ifx, info.phyid, info.rate, info.burst, info.packet_count, info.byte_count,
+            info.flow_over_times, info.unloop_times, info.poll_times, info.timer_notify,
+            info.is_loop);
     }
 }
 

@@ -24,7 +24,7 @@ Lines installed(SwitchRig& rig) {
     Lines rules;
     rig.on_main([&] {
         for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
-            const auto* info = storm_record<storm_port_info>(node);
+            const auto* info = lda_list_record<storm_port_info>(node);
             rules.push_back(std::to_string(info->rate) + "/" + std::to_string(info->burst));
         }
     });

@@ -83,8 +83,8 @@ TEST_F(StormCommand, NewEntriesComeToTheFrontOfTheirLists) {
     rate(2, 6000);
     EXPECT_EQ(enabled(), "2 1");
     EXPECT_EQ(rates(), "2:6000/0 1:5000/0");
-    EXPECT_EQ(storm_record<storm_port_info>(storm_port_head.next)->phyid, 102u);
-    EXPECT_EQ(storm_record<storm_port_info>(storm_port_head.prev)->phyid, 101u);
+    EXPECT_EQ(lda_list_record<storm_port_info>(storm_port_head.next)->phyid, 102u);
+    EXPECT_EQ(lda_list_record<storm_port_info>(storm_port_head.prev)->phyid, 101u);
 }
 
 TEST_F(StormCommand, NoAndDefaultPrefixDisable) {

@@ -55,7 +55,7 @@ class StormTest : public ::testing::Test {
 
     static storm_port_info* record(uint32_t phyid) {
         for (lda_list_t* node = storm_port_head.next; node != &storm_port_head; node = node->next) {
-            auto* info = storm_record<storm_port_info>(node);
+            auto* info = lda_list_record<storm_port_info>(node);
             if (info->phyid == phyid) {
                 return info;
             }
@@ -67,8 +67,8 @@ class StormTest : public ::testing::Test {
     static std::string enabled() {
         std::string text;
         for (lda_list_t* node = g_libstorm_head.next; node != &g_libstorm_head; node = node->next) {
-            text +=
-                (text.empty() ? "" : " ") + std::to_string(storm_record<storm_ifx_info>(node)->ifx);
+            text += (text.empty() ? "" : " ") +
+                    std::to_string(lda_list_record<storm_ifx_info>(node)->ifx);
         }
         return text;
     }
@@ -78,7 +78,7 @@ class StormTest : public ::testing::Test {
         std::string text;
         for (lda_list_t* node = g_libstorm_rate_head.next; node != &g_libstorm_rate_head;
              node = node->next) {
-            const auto* info = storm_record<storm_rate_info>(node);
+            const auto* info = lda_list_record<storm_rate_info>(node);
             text += (text.empty() ? "" : " ") + std::to_string(info->ifx) + ":" +
                     std::to_string(info->rate) + "/" + std::to_string(info->burst);
         }
