@@ -73,7 +73,7 @@ int app_dbg_slog_num_reach_max(void) {
     app_shared_set(g_dbg_slog_cnt, 0U);
     app_shared_set(g_dbg_slog_level, 0);
     printk_syslog(SYSLOG_SEVERITY_INFO, "APP", "DEBUG",
-                  "app number of debugs reach the maximum %d\n", static_cast<int>(max));
+                  "app number of debugs reach the maximum %d\n", max);
     return 1;
 }
 

@@ -28,12 +28,11 @@ void lda_bridge_con_handle(void) {
 
 void lda_bridge_handle(uint32_t event, const void* payload) {
     const lda_loop_guard guard;
-    APP_INFO("event=%d\n", static_cast<int>(event));
+    APP_INFO("event=%d\n", event);
     if (event != BRIDGE_EVENT_MODE_CHANGE)
         return;
     const auto* change = static_cast<const bridge_mode_change*>(payload);
-    APP_INFO("modify ifx=%d, mode=%d\n", static_cast<int>(change->ifx),
-             static_cast<int>(change->mode));
+    APP_INFO("modify ifx=%d, mode=%d\n", change->ifx, change->mode);
     lda_intf_mod_change(change);
 }
 
@@ -44,18 +43,18 @@ lda_intf_t* lda_intf_mod_change(const bridge_mode_change* payload) {
 
 uint32_t lda_brid_intf_mod_chg_cbk(lda_intf_t* record, const uint32_t* payload) {
     const auto* change = reinterpret_cast<const bridge_mode_change*>(payload);
-    // The port itself ends the walk; of an aggregate port every member is treated.
-    const uint32_t stop = change->ifx == record->ifx ? 1 : 0;
-    if (!stop) {
+    // The port itself ends the walk; an aggregate port is about each of its members.
+    const bool itself = change->ifx == record->ifx;
+    if (!itself) {
         if (change->ifx != static_cast<uint32_t>(record->mode_arg))
             return 0;
-        APP_INFO("ifx is ap_ifx, proc sub ifx=%d", static_cast<int>(record->ifx));
+        APP_INFO("ifx is ap_ifx, proc sub ifx=%d", record->ifx);
     }
     lda_intf_t proposed = lda_intf_copy(record);
     proposed.mode = change->mode;
-    APP_INFO("ifx=%d, mode=%d\n", static_cast<int>(proposed.ifx), static_cast<int>(change->mode));
+    APP_INFO("ifx=%d, mode=%d\n", proposed.ifx, change->mode);
     const bool shuts = lda_policy_shuts_mode(lda_loop_detect_ptype_get(), change->mode);
     proposed.is_shutdown = record->total_result && shuts ? 1 : 0;
     lda_intf_ret_proc(record, &proposed);
-    return stop;
+    return itself ? 1 : 0;
 }

@@ -54,7 +54,7 @@ void lda_cmd_init(void) {
 // The line of the current policy, whichever handler was asked for it.
 static void write_policy_line(cli_pcdb* pcdb) {
     const uint32_t policy = lda_loop_detect_ptype_get();
-    APP_INFO_AS("lda_policy_set", "su=%d", static_cast<int>(policy));
+    APP_INFO_AS("lda_policy_set", "su=%d", policy);
     switch (policy) {
         case LDA_POLICY_WARNING:
             c2p_printf(pcdb, 1, "loop-detect enable");
@@ -76,7 +76,7 @@ static void write_policy_line(cli_pcdb* pcdb) {
 
 void lda_policy_set(cli_pcdb* pcdb, uint32_t policy) {
     const uint32_t value = has_no(pcdb) ? LDA_POLICY_DISABLED : policy;
-    APP_INFO("enter type=%d, pcdb=%lu", static_cast<int>(value), pcdb->flags);
+    APP_INFO("enter type=%d, pcdb=%lu", value, pcdb->flags);
     if (generating(pcdb))
         write_policy_line(pcdb);
     else
@@ -113,7 +113,7 @@ int cfg_lda_cli_shutdown_access_hybrid_command(cli_pcdb* pcdb) {
 
 int cfg_lda_loop_detect_enable_command(cli_pcdb* pcdb) {
     const uint32_t policy = lda_loop_detect_ptype_get();
-    APP_INFO("enter type=%d, pcdb=%lu", static_cast<int>(policy), pcdb->flags);
+    APP_INFO("enter type=%d, pcdb=%lu", policy, pcdb->flags);
     if (!generating(pcdb)) {
         lda_loop_detect_disable();
         return 0;
@@ -130,13 +130,12 @@ int cfg_lda_cli_recover_command(cli_pcdb* pcdb) {
     if (generating(pcdb)) {
         const lda_recover_time_t& recover = g_lda_recover_time;
         if (recover.time != LDA_RECOVER_TIME_DEFAULT_S && recover.enabled == 1)
-            c2p_printf(pcdb, 1, "loop-detect shutdown-recover-time %d\n",
-                       static_cast<int>(recover.time));
+            c2p_printf(pcdb, 1, "loop-detect shutdown-recover-time %d\n", recover.time);
         return 0;
     }
     const auto number = static_cast<uint32_t>(pcdb->number[0]);
     lda_cli_recover_time_set(has_no(pcdb) ? LDA_RECOVER_TIME_DEFAULT_S : number, 1);
-    APP_INFO("loop-detect shutdown-recover-time %d", static_cast<int>(number));
+    APP_INFO("loop-detect shutdown-recover-time %d", number);
     return 0;
 }
 
@@ -145,8 +144,8 @@ int cfg_lda_cli_recover_command(cli_pcdb* pcdb) {
 static void write_apply_line(cli_pcdb* pcdb, uint32_t ifx) {
     const lda_intf_t* record = lda_loop_result_get(ifx);
     const uint8_t is_shutdown = record ? lda_intf_is_shutdown(record) : 0;
-    APP_INFO_AS("cfg_lda_cli_apply_shutdown_command_int", "port is %d, shutdown =%d",
-                static_cast<int>(ifx), is_shutdown);
+    APP_INFO_AS("cfg_lda_cli_apply_shutdown_command_int", "port is %d, shutdown =%d", ifx,
+                is_shutdown);
     if (is_shutdown == 1)
         c2p_printf(pcdb, 1, "loop-detect apply shutdown-port");
 }
@@ -168,7 +167,7 @@ static void cfg_lda_cli_apply_shutdown_command_int(cli_pcdb* pcdb) {
     }
     const bool release = has_no(pcdb);
     lda_cli_intf_shutdown_by_lda_cmd(ifx, release ? 0 : 1);
-    APP_INFO("port %d is %s", static_cast<int>(ifx), release ? "no_shutdown" : "shutdown");
+    APP_INFO("port %d is %s", ifx, release ? "no_shutdown" : "shutdown");
 }
 
 int cfg_lda_cli_apply_shutdown_command(cli_pcdb* pcdb) {

@@ -87,10 +87,8 @@ void lda_cli_msg_thread_proc(void) {
         g_lda_cli_msg_set->count--;
         auto* message = lda_list_record<lda_cli_msg_t>(first);
         APP_INFO("---The number of cli msg is %d, receive a signal[%d,%d,%d,%d,%d,%d]",
-                 g_lda_cli_msg_set->count, static_cast<int>(message->mid),
-                 static_cast<int>(message->ifx), static_cast<int>(message->old_type),
-                 static_cast<int>(message->new_type), message->shutdown,
-                 static_cast<int>(message->type));
+                 g_lda_cli_msg_set->count, message->mid, message->ifx, message->old_type,
+                 message->new_type, message->shutdown, message->type);
         pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
         dispatch_message(message);
         free(message);

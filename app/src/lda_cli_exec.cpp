@@ -88,7 +88,7 @@ static int32_t execute_on_port(int session, uint32_t ifx, const char* line) {
 // ---- Shutdown and recovery ----
 
 int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown) {
-    APP_INFO("enter ifx=%d, is_shutdown=%d", static_cast<int>(ifx), is_shutdown);
+    APP_INFO("enter ifx=%d, is_shutdown=%d", ifx, is_shutdown);
     const int session = open_session(__func__);
     if (session < 0)
         return -1;
@@ -97,7 +97,7 @@ int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown) {
     } else if (is_shutdown == 0) {
         execute_on_port(session, ifx, LINE_RECOVERY_CLEAR);
         if (execute_on_port(session, ifx, LINE_NO_SHUT) == LDA_CLI_REFUSED) {
-            APP_INFO("EXECUTE THE NOT SHUT FAILED, IFX=%d", static_cast<int>(ifx));
+            APP_INFO("EXECUTE THE NOT SHUT FAILED, IFX=%d", ifx);
             lda_intf_recovery_refused(ifx);
         }
     }
@@ -106,7 +106,7 @@ int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown) {
 }
 
 int cli_exec_loop_apply_shutdown(uint32_t ifx, uint8_t is_shutdown) {
-    APP_INFO("enter ifx=%d, is_shutdown=%d", static_cast<int>(ifx), is_shutdown);
+    APP_INFO("enter ifx=%d, is_shutdown=%d", ifx, is_shutdown);
     const int session = open_session(__func__);
     if (session < 0)
         return -1;
@@ -155,7 +155,7 @@ static void execute_on_all_ports(int session, uint32_t mid, const char* tarn, co
 }
 
 int lda_loop_cmd_enable(uint32_t mid) {
-    APP_INFO("LDA:***lda_loop_cmd_enable mid[%d] start .", static_cast<int>(mid));
+    APP_INFO("LDA:***lda_loop_cmd_enable mid[%d] start .", mid);
     const int session = open_session(__func__);
     if (session < 0)
         return -1;
@@ -163,12 +163,12 @@ int lda_loop_cmd_enable(uint32_t mid) {
         execute_in_config(session, {LINE_TARN, LINE_TARN_RECOVER});
     execute_on_all_ports(session, mid, LINE_TARN_PORT, LINE_STORM_PORT);
     close(session);
-    APP_INFO("LDA:***lda_loop_cmd_enable mid[%d] end.", static_cast<int>(mid));
+    APP_INFO("LDA:***lda_loop_cmd_enable mid[%d] end.", mid);
     return 0;
 }
 
 int lda_loop_cmd_disable(uint32_t mid) {
-    APP_INFO("LDA:***lda_loop_cmd_disable mid[%d] start.", static_cast<int>(mid));
+    APP_INFO("LDA:***lda_loop_cmd_disable mid[%d] start.", mid);
     const int session = open_session(__func__);
     if (session < 0)
         return -1;
@@ -176,7 +176,7 @@ int lda_loop_cmd_disable(uint32_t mid) {
         execute_in_config(session, {LINE_NO_TARN, LINE_NO_TARN_RECOVER});
     execute_on_all_ports(session, mid, LINE_NO_TARN_PORT, LINE_NO_STORM_PORT);
     close(session);
-    APP_INFO("LDA:***lda_loop_cmd_disable mid[%d] end.", static_cast<int>(mid));
+    APP_INFO("LDA:***lda_loop_cmd_disable mid[%d] end.", mid);
     return 0;
 }
 
@@ -190,7 +190,7 @@ int lda_intf_loop_cmd_enable(uint32_t mid, uint32_t ifx) {
         execute_on_port(session, ifx, LINE_TARN_PORT);
     if (mid != LDA_MID_TARN) {
         execute_on_port(session, ifx, LINE_STORM_PORT);
-        APP_INFO("storm-loop-detect enable ifx=%d", static_cast<int>(ifx));
+        APP_INFO("storm-loop-detect enable ifx=%d", ifx);
     }
     close(session);
     return 0;
@@ -200,16 +200,15 @@ int lda_intf_default_cmd(uint32_t mid, uint32_t ifx) {
     const int session = open_session(__func__);
     if (session < 0)
         return -1;
-    const int port = static_cast<int>(ifx);
     if (mid != LDA_MID_STORM) {
         execute_on_port(session, ifx, LINE_NO_TARN_PORT);
-        APP_INFO("no tarn port loop-detect ifx=%d", port);
+        APP_INFO("no tarn port loop-detect ifx=%d", ifx);
     }
     if (mid != LDA_MID_TARN) {
         execute_on_port(session, ifx, LINE_NO_STORM_PORT);
-        APP_INFO("no storm-loop-detect enable ifx=%d", port);
+        APP_INFO("no storm-loop-detect enable ifx=%d", ifx);
         execute_on_port(session, ifx, LINE_NO_STORM_RATE);
-        APP_INFO("no storm-loop-rate ratelimit ifx=%d", port);
+        APP_INFO("no storm-loop-rate ratelimit ifx=%d", ifx);
     }
     close(session);
     return 0;

@@ -20,7 +20,7 @@ static void publish_policy(uint32_t policy) {
 
 int lda_cli_policy_set(uint32_t policy) {
     if (policy > LDA_POLICY_LIMIT) {
-        APP_ERROR("para wrong type(%d)", static_cast<int>(policy));
+        APP_ERROR("para wrong type(%d)", policy);
         return -2;
     }
     const uint32_t old = lda_cli_detect_policy_get();
@@ -37,8 +37,7 @@ int lda_cli_policy_set(uint32_t policy) {
     if (policy == LDA_POLICY_DISABLED)
         lda_all_loop_result_clear();
     lda_cli_cmd_send(&change);
-    APP_INFO("old_type=%d, new_type=%d, msg_type=%d", static_cast<int>(old),
-             static_cast<int>(policy), static_cast<int>(change.type));
+    APP_INFO("old_type=%d, new_type=%d, msg_type=%d", old, policy, change.type);
     return 0;
 }
 
@@ -83,7 +82,7 @@ uint32_t lda_cfg_policy_chg_cbk(lda_intf_t* record, const uint32_t* change) {
         const bool looped = record->total_result != 0;
         const bool shuts = looped && lda_policy_shuts_mode(message->new_type, record->mode);
         if (message->is_config_delivery) {
-            APP_INFO("is_config_delivery ifx=%d, is_shutdown=%d", static_cast<int>(record->ifx),
+            APP_INFO("is_config_delivery ifx=%d, is_shutdown=%d", record->ifx,
                      proposed.is_shutdown);
             // A port that the saved configuration names as shut down stays so.
             if (looped)
@@ -93,6 +92,6 @@ uint32_t lda_cfg_policy_chg_cbk(lda_intf_t* record, const uint32_t* change) {
         }
         lda_intf_ret_proc(record, &proposed);
     }
-    APP_INFO("ifx=%d, is_shutdown=%d", static_cast<int>(record->ifx), proposed.is_shutdown);
+    APP_INFO("ifx=%d, is_shutdown=%d", record->ifx, proposed.is_shutdown);
     return 0;
 }

@@ -38,8 +38,7 @@ int lda_cli_cmd_send(const lda_cli_msg_t* message) {
     node->shutdown = message->shutdown;
     append_message(node);
     APP_INFO("+++The number of cli_msg is %d, send cond signal[%d,%d,%d,%d].",
-             g_lda_cli_msg_set->count, static_cast<int>(message->mid),
-             static_cast<int>(message->ifx), static_cast<int>(message->new_type),
+             g_lda_cli_msg_set->count, message->mid, message->ifx, message->new_type,
              message->shutdown);
     pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
     return pthread_cond_signal(&g_lda_cli_msg_set->cond);
@@ -56,7 +55,7 @@ int lda_loop_cmd_send(uint8_t enable, uint32_t mid, uint32_t ifx) {
     node->ifx = ifx;
     append_message(node);
     APP_INFO("+++The number of cli_msg is %d, send cond signal[%d,%d,%d].",
-             g_lda_cli_msg_set->count, enable, static_cast<int>(mid), static_cast<int>(ifx));
+             g_lda_cli_msg_set->count, enable, mid, ifx);
     const int rv = pthread_cond_signal(&g_lda_cli_msg_set->cond);
     pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
     return rv;
@@ -65,7 +64,7 @@ int lda_loop_cmd_send(uint8_t enable, uint32_t mid, uint32_t ifx) {
 // ---- Shutdown and recovery ----
 
 void lda_send_shutcmd(uint32_t ifx, uint8_t shutdown, lda_intf_t* record) {
-    APP_INFO("enter ifx=%d, shutdown=%d", static_cast<int>(ifx), shutdown);
+    APP_INFO("enter ifx=%d, shutdown=%d", ifx, shutdown);
     lda_cli_msg_t message = {};
     message.mid = LDA_MID_BOTH;
     message.ifx = ifx;
@@ -98,7 +97,7 @@ void lda_loop_config_delivery(uint32_t mid) {
 
 void lda_send_intfcfg(uint32_t ifx) {
     const uint32_t policy = lda_loop_detect_ptype_get();
-    APP_INFO("enter ifx=%u, cli_ready=%d, type=%d", ifx, cli_ready, static_cast<int>(policy));
+    APP_INFO("enter ifx=%u, cli_ready=%d, type=%d", ifx, cli_ready, policy);
     if (cli_ready != 1)
         return;
     lda_cli_msg_t message = {};

@@ -45,7 +45,7 @@ int exec_lda_clear_interval_debug(cli_pcdb* pcdb) {
 }
 
 static void print_result_line(const lda_intf_t* record) {
-    cli_printf("%-7d%-32s%-14s%-14s%-13s%-10s%s %d\n", static_cast<int>(record->ifx), record->name,
+    cli_printf("%-7d%-32s%-14s%-14s%-13s%-10s%s %d\n", record->ifx, record->name,
                detect_state_to_dsp(record->total_result), detect_state_to_dsp(record->tarn_result),
                detect_state_to_dsp(record->storm_result),
                detect_intf_status(lda_intf_is_shutdown(record)),
@@ -57,10 +57,9 @@ int exec_show_lda_result(cli_pcdb* pcdb) {
         return 0;
     const uint32_t policy = lda_loop_detect_ptype_get();
     cli_printf("loop-detect state: %s\n", policy != LDA_POLICY_DISABLED ? "enable" : "disable");
-    cli_printf("loop-detect policy: %d\n", static_cast<int>(policy));
+    cli_printf("loop-detect policy: %d\n", policy);
     cli_printf("loop-detect clear interval: %d(s)\n\n", g_lda_clear_interval);
-    cli_printf("loop-detect shutdown-recover-time: %d(s)\n\n",
-               static_cast<int>(lda_cli_recover_time_get()));
+    cli_printf("loop-detect shutdown-recover-time: %d(s)\n\n", lda_cli_recover_time_get());
     cli_printf("loop-detect intf_num: %d, loop_num=%d\n\n", g_lda_loop_set->intf_num,
                g_lda_loop_set->loop_num);
     cli_printf(
@@ -76,10 +75,8 @@ static void print_debug_status() {
     if (level < 1)
         return;
     cli_printf("lda debugging status:\n");
-    cli_printf("    current syslog count is %d.\n",
-               static_cast<int>(app_shared_get(g_dbg_slog_cnt)));
-    cli_printf("    the maximum of syslog is %d.\n",
-               static_cast<int>(app_shared_get(g_dbg_slog_max)));
+    cli_printf("    current syslog count is %d.\n", app_shared_get(g_dbg_slog_cnt));
+    cli_printf("    the maximum of syslog is %d.\n", app_shared_get(g_dbg_slog_max));
     cli_printf("    debug slog level: %s\n", app_slog_level_name(level));
 }
 

@@ -25,6 +25,16 @@ static constexpr size_t WORD_AP_IFX = 1;
 static constexpr size_t WORD_AP_MEMBER = 34;
 static constexpr size_t WORD_LAYER_FLAGS = 56;
 
+// Events of each class that the agent selects, one bit each.
+static constexpr uint32_t PORT_EVENTS =
+    1U << LSM_EVENT_ADD | 1U << LSM_EVENT_DELETE | 1U << LSM_EVENT_DEFAULT;
+static constexpr uint32_t BRIDGE_EVENTS = 0x7;  // the first three; only LSM_EVENT_BRIDGE_LEAVE acts
+static constexpr uint32_t AGGREGATE_EVENTS = 1U << LSM_EVENT_AGGREGATE_MEMBER;
+static constexpr uint32_t LAYER_EVENTS = 1U << LSM_EVENT_VSL_CREATE | 1U << LSM_EVENT_VSL_REMOVE;
+
+// Mode of the client in which the agent announces the ports that exist.
+static constexpr int ANNOUNCE_EXISTING_PORTS = 2;
+
 static constexpr uint32_t AP_JOINED = 0;
 static constexpr uint32_t AP_LEFT = 1;
 
@@ -43,18 +53,18 @@ static void select_type(uint8_t* bitmap, uint32_t type) {
 }
 
 void lda_lsm_connect_handle(void) {
-    lsm_client_set_mode(2);
+    lsm_client_set_mode(ANNOUNCE_EXISTING_PORTS);
     uint8_t types[LSM_TYPE_BITMAP_BYTES] = {};
     for (uint32_t type = LSM_TYPE_ETHERNET; type <= LSM_TYPE_AGGREGATE; type++)
         select_type(types, type);
-    lsm_client_reg_event_ex(LSM_CLASS_PORT, types, 0x7);
+    lsm_client_reg_event_ex(LSM_CLASS_PORT, types, PORT_EVENTS);
     lsm_reg_msg_handler_ex(LSM_CLASS_PORT, lda_lsm_event_handle);
     select_type(types, 5);  // set already; kept on purpose
-    lsm_client_reg_event_ex(LSM_CLASS_BRIDGE, types, 0x7);
+    lsm_client_reg_event_ex(LSM_CLASS_BRIDGE, types, BRIDGE_EVENTS);
     lsm_reg_msg_handler_ex(LSM_CLASS_BRIDGE, lda_lsm_bridge_event_handle);
-    lsm_client_reg_event_ex(LSM_CLASS_AGGREGATE, types, 0x800);
+    lsm_client_reg_event_ex(LSM_CLASS_AGGREGATE, types, AGGREGATE_EVENTS);
     lsm_reg_msg_handler_ex(LSM_CLASS_AGGREGATE, lda_lsm_event_handle);
-    lsm_client_reg_event_ex(LSM_CLASS_LAYER, types, 0x3);
+    lsm_client_reg_event_ex(LSM_CLASS_LAYER, types, LAYER_EVENTS);
     lsm_reg_msg_handler_ex(LSM_CLASS_LAYER, lda_lsm_layer_inline_handle);
     lsm_client_reg_event_over();
 }
@@ -71,13 +81,12 @@ static lda_intf_t* create_intf(uint32_t ifx) {
     const lda_loop_guard guard;
     record->ifx = ifx;
     vl_clnt_get_portmode_by_index(ifx, &record->mode);
-    APP_INFO_AS("lda_add_intf", "ifx=%d, type=%d\n", static_cast<int>(ifx),
-                static_cast<int>(record->mode));
+    APP_INFO_AS("lda_add_intf", "ifx=%d, type=%d\n", ifx, record->mode);
     lsm_if_get_sname(ifx, record->name, sizeof record->name);
     g_lda_loop_set->index.add_tail(&g_lda_loop_set->list, record);
     g_lda_loop_set->intf_num++;
-    APP_INFO_AS("lda_add_intf", "+++LDA add intf:ifx=%d, name=%s, intf_num=%d\n",
-                static_cast<int>(ifx), record->name, g_lda_loop_set->intf_num);
+    APP_INFO_AS("lda_add_intf", "+++LDA add intf:ifx=%d, name=%s, intf_num=%d\n", ifx, record->name,
+                g_lda_loop_set->intf_num);
     return record;
 }
 
@@ -93,9 +102,8 @@ static void deliver_new_intf(uint32_t ifx) {
     message.new_type = policy;
     message.old_type = policy;
     lda_cli_cmd_send(&message);
-    APP_INFO_AS("lda_add_intf", "cli cmd send done: ifx %d, mid %d, msg_type %d.",
-                static_cast<int>(ifx), static_cast<int>(message.mid),
-                static_cast<int>(message.type));
+    APP_INFO_AS("lda_add_intf", "cli cmd send done: ifx %d, mid %d, msg_type %d.", ifx, message.mid,
+                message.type);
 }
 
 lda_intf_t* lda_add_intf(uint32_t ifx) {
@@ -106,7 +114,7 @@ lda_intf_t* lda_add_intf(uint32_t ifx) {
         return nullptr;
     deliver_new_intf(ifx);
     if (lda_back_node_lookup(ifx)) {
-        APP_INFO("---LDA find backup_node_list :ifx=%d\n", static_cast<int>(ifx));
+        APP_INFO("---LDA find backup_node_list :ifx=%d\n", ifx);
         lda_cli_intf_shutdown_by_lda_cmd(ifx, 1);
         lda_back_node_del(ifx);
     }
@@ -121,8 +129,7 @@ void lda_del_intf(uint32_t ifx) {
     g_lda_loop_set->index.remove(record);
     lda_intf_release(record);
     g_lda_loop_set->intf_num--;
-    APP_INFO("---LDA delete intf:ifx=%d, intf_num=%d\n", static_cast<int>(ifx),
-             g_lda_loop_set->intf_num);
+    APP_INFO("---LDA delete intf:ifx=%d, intf_num=%d\n", ifx, g_lda_loop_set->intf_num);
 }
 
 uint32_t lda_get_intf_policy_with_intf(uint32_t ifx) {
@@ -145,11 +152,11 @@ static void lda_lsm_ap_mem_chg_proc(const uint32_t* words) {
     const uint32_t ifx = words[WORD_AP_MEMBER];
     uint32_t mode = 0;
     swport_get_port_mode(ap_ifx, &mode);
-    APP_INFO("type=%d apifx=%d ifx=%d %d %s\n", static_cast<int>(change), static_cast<int>(ap_ifx),
-             static_cast<int>(ifx), static_cast<int>(mode), swport_vlan_mode_name(mode));
+    APP_INFO("type=%d apifx=%d ifx=%d %d %s\n", change, ap_ifx, ifx, mode,
+             swport_vlan_mode_name(mode));
     lda_intf_t* record = lda_loop_result_get(ifx);
     if (!record) {
-        APP_ERROR("get loop failed, ifx=%d\n", static_cast<int>(ifx));
+        APP_ERROR("get loop failed, ifx=%d\n", ifx);
         return;
     }
     lda_intf_t proposed = lda_intf_copy(record);
@@ -175,7 +182,6 @@ static void default_intf(uint32_t ifx) {
 }
 
 void lda_lsm_event_handle(uint32_t event, void* message) {
-    const int number = static_cast<int>(event);
     if (event == LSM_EVENT_PORT_READY) {
         APP_INFO("lsm port ready");
         lsm_port_ready = 1;
@@ -183,19 +189,19 @@ void lda_lsm_event_handle(uint32_t event, void* message) {
         return;
     }
     if (!message) {
-        APP_ERROR("LDA:receive lsm event=%d, msgp=NULL\n", number);
+        APP_ERROR("LDA:receive lsm event=%d, msgp=NULL\n", event);
         return;
     }
     const auto* words = static_cast<const uint32_t*>(message);
     const uint32_t ifx = words[WORD_IFX];
     if (event == LSM_EVENT_DELETE) {
-        APP_INFO("LDA receive lsm delete event %d, intf ifx=%d\n", number, static_cast<int>(ifx));
+        APP_INFO("LDA receive lsm delete event %d, intf ifx=%d\n", event, ifx);
         lda_del_intf(ifx);
     } else if (event == LSM_EVENT_ADD) {
-        APP_INFO("LDA receive lsm event %d, intf ifx=%d\n", number, static_cast<int>(ifx));
+        APP_INFO("LDA receive lsm event %d, intf ifx=%d\n", event, ifx);
         lda_add_intf(ifx);
     } else if (event == LSM_EVENT_DEFAULT) {
-        APP_INFO("LDA receive lsm default event %d, intf ifx=%d\n", number, static_cast<int>(ifx));
+        APP_INFO("LDA receive lsm default event %d, intf ifx=%d\n", event, ifx);
         default_intf(ifx);
     } else if (event == LSM_EVENT_AGGREGATE_MEMBER) {
         lda_lsm_ap_mem_chg_proc(words);
@@ -209,23 +215,21 @@ static void lda_lsm_chg_intf_mode(uint32_t ifx, uint32_t mode) {
     if (!record)
         return;
     record->mode = mode;
-    APP_INFO("ifx=%d, mode=%d\n", static_cast<int>(ifx), static_cast<int>(mode));
+    APP_INFO("ifx=%d, mode=%d\n", ifx, mode);
 }
 
 void lda_lsm_bridge_event_handle(uint32_t event, void* message) {
-    const int number = static_cast<int>(event);
-    APP_INFO("event = %d\n", number);
+    APP_INFO("event = %d\n", event);
     if (event == LSM_EVENT_PORT_READY)
         return;
     if (!message) {
-        APP_ERROR("LDA:receive lsm event=%d, msgp=NULL\n", number);
+        APP_ERROR("LDA:receive lsm event=%d, msgp=NULL\n", event);
         return;
     }
     if (event != LSM_EVENT_BRIDGE_LEAVE)
         return;
     const uint32_t ifx = static_cast<const uint32_t*>(message)[WORD_IFX];
-    APP_INFO("LDA receive lsm bridge delete event %d, intf ifx=%d\n", number,
-             static_cast<int>(ifx));
+    APP_INFO("LDA receive lsm bridge delete event %d, intf ifx=%d\n", event, ifx);
     lda_lsm_chg_intf_mode(ifx, SWPORT_MODE_NONE);
     const bridge_mode_change change = {.ifx = ifx, .mode = SWPORT_MODE_NONE};
     lda_intf_mod_change(&change);
@@ -234,12 +238,11 @@ void lda_lsm_bridge_event_handle(uint32_t event, void* message) {
 // ---- Virtual-switch links ----
 
 static void lda_vsl_convert_proc(uint32_t ifx, uint32_t state) {
-    APP_WARN("VSL convert proc: ifx is %d , vsl stats is %d", static_cast<int>(ifx),
-             static_cast<int>(state));
+    APP_WARN("VSL convert proc: ifx is %d , vsl stats is %d", ifx, state);
     if (state == VSL_REMOVED) {
         lda_intf_t* record = lda_add_intf(ifx);
         if (!record) {
-            APP_ERROR("lda add intf ifx %d failed.", static_cast<int>(ifx));
+            APP_ERROR("lda add intf ifx %d failed.", ifx);
             return;
         }
         record->vsl_member = 0;
@@ -247,7 +250,7 @@ static void lda_vsl_convert_proc(uint32_t ifx, uint32_t state) {
     }
     lda_intf_t* record = lda_loop_result_get(ifx);
     if (!record) {
-        APP_INFO("get loop failed, READD ifx=%d\n", static_cast<int>(ifx));
+        APP_INFO("get loop failed, READD ifx=%d\n", ifx);
         return;
     }
     lda_intf_t proposed = lda_intf_copy(record);
@@ -264,8 +267,7 @@ static void remove_vsl_port(uint32_t ifx) {
     lda_del_intf(ifx);
     uint32_t phyid = 0;
     if (libddm_get_phyid_by_ifx(ifx, &phyid) != 0) {
-        APP_ERROR_AS("lda_lsm_layer_inline_handle", "ifx (%d) convert is failed",
-                     static_cast<int>(ifx));
+        APP_ERROR_AS("lda_lsm_layer_inline_handle", "ifx (%d) convert is failed", ifx);
         return;
     }
     if (storm_del_storm_detect(phyid) != 0) {
@@ -273,8 +275,7 @@ static void remove_vsl_port(uint32_t ifx) {
         return;
     }
     storm_del_list(ifx);
-    APP_INFO_AS("lda_lsm_layer_inline_handle", "vsl port %d, del storm detect done.",
-                static_cast<int>(ifx));
+    APP_INFO_AS("lda_lsm_layer_inline_handle", "vsl port %d, del storm detect done.", ifx);
 }
 
 static void vsl_created(uint32_t ifx) {

@@ -16,7 +16,7 @@ static lda_intf_t* find_pending(uint32_t ifx) {
 
 void lda_back_node_add(uint32_t ifx) {
     if (find_pending(ifx)) {
-        APP_INFO("---backup_node_list have been added :ifx=%d\n", static_cast<int>(ifx));
+        APP_INFO("---backup_node_list have been added :ifx=%d\n", ifx);
         return;
     }
     auto* node = static_cast<lda_intf_t*>(calloc(1, sizeof(lda_intf_t)));
@@ -27,7 +27,7 @@ void lda_back_node_add(uint32_t ifx) {
     lda_loop_lock();
     lda_list_add_tail(&backup_node_list, &node->link);
     lda_loop_unlock();
-    APP_INFO("--- add backup_node_list :ifx=%d\n", static_cast<int>(ifx));
+    APP_INFO("--- add backup_node_list :ifx=%d\n", ifx);
 }
 
 int lda_back_node_lookup(uint32_t ifx) {
@@ -41,5 +41,5 @@ void lda_back_node_del(uint32_t ifx) {
         return;
     lda_list_unlink(&node->link);
     free(node);
-    APP_INFO("---LDA delete backup_node_list :ifx=%d\n", static_cast<int>(ifx));
+    APP_INFO("---LDA delete backup_node_list :ifx=%d\n", ifx);
 }

@@ -70,8 +70,7 @@ static void fill_snapshot(lda_loop_result_t* entry, const lda_intf_t* record) {
 int lda_all_loop_result_get(lda_loop_result_t* array) {
     const uint32_t policy = lda_loop_detect_ptype_get();
     if (policy == LDA_POLICY_DISABLED || g_lda_loop_set->loop_num == 0) {
-        APP_INFO("return 0:policy type=%d, loop_num=%d", static_cast<int>(policy),
-                 g_lda_loop_set->loop_num);
+        APP_INFO("return 0:policy type=%d, loop_num=%d", policy, g_lda_loop_set->loop_num);
         return 0;
     }
     int num = 0;

@@ -83,7 +83,7 @@ int lda_nc_msg_policy(qv_mom_client* client, const qv_mom_msg* message) {
         APP_ERROR("value is null err!");
         return -1;
     }
-    APP_INFO("loop_policy_cli[%d]", static_cast<int>(request->loop_policy_cli));
+    APP_INFO("loop_policy_cli[%d]", request->loop_policy_cli);
     // A request that leaves out who asks, or the operation's index, is one of type 0 from nobody.
     const PMng__UiOperate nobody = P_MNG__UI_OPERATE__INIT;
     const PMng__UiOperate* requester = request->rst ? request->rst : &nobody;

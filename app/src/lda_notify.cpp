@@ -45,8 +45,7 @@ int lda_send_info_ntf(const lda_notify_t* record) {
         APP_ERROR("send loop-detect state ERR");
     else
         APP_INFO("send loop-detect state, name[%s] notify_type[%d] vid[%d] policy[%d] src-port[%d]",
-                 record->name, static_cast<int>(record->notify_type), static_cast<int>(record->vid),
-                 static_cast<int>(record->policy), static_cast<int>(record->src_port));
+                 record->name, record->notify_type, record->vid, record->policy, record->src_port);
     for (const nc_lib_leaf& leaf : leaves)
         free(const_cast<char*>(leaf.path));
     return 0;
@@ -61,8 +60,8 @@ int lda_mom_set_loop_entry(lda_intf_t* record) {
     entry.index = &index;
     entry.policy = lda_intf_policy_get(record);
     entry.src_port = lda_mode_is_shuttable(record->mode);
-    APP_INFO("set loop entry: name=%s, policy=%d,is_src=%d\n", record->name,
-             static_cast<int>(entry.policy), entry.src_port);
+    APP_INFO("set loop entry: name=%s, policy=%d,is_src=%d\n", record->name, entry.policy,
+             entry.src_port);
     if (qv_mom_set(g_lda_global, QV_MOM_APP_DB, &entry.base, 0, 0) != 0) {
         APP_ERROR("qv_mom_set lda entry failed");
         return -1;

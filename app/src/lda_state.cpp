@@ -34,7 +34,7 @@
 #include "lda_notify.h"
 #include "storm_detect.h"
 
-static constexpr long RECOVERY_TICK_S = 10;
+static constexpr uint32_t RECOVERY_TICK_S = 10;
 
 // ---- Deleted records ----
 
@@ -83,12 +83,12 @@ void lda_loop_result_set(uint32_t source, uint8_t result, uint32_t ifx) {
         if (result == 0)
             return;
         APP_INFO("IN LOOP STATE, LOOP AGAIN, SEND THE SHUTDOWN FORCE, DON'T Notify!!");
-        lda_loop_exec_policy(record, 1);
+        lda_loop_exec_policy(record, true);
         return;
     }
     *stored = result;
     if (result != 0) {
-        lda_loop_exec_policy(record, 0);
+        lda_loop_exec_policy(record, false);
         lda_loop_result_add(record);
     } else if (record->total_result) {
         lda_clear_loop_timer(record);
@@ -102,13 +102,12 @@ int lda_loop_result_set_for_storm(const storm_loop_msg* report) {
 
 // ---- The policy ----
 
-void lda_loop_exec_policy(lda_intf_t* record, uint32_t again) {
+void lda_loop_exec_policy(lda_intf_t* record, bool again) {
     const uint32_t policy = lda_loop_detect_ptype_get();
-    APP_INFO("ifx=%d, type=%d, mode=%d", static_cast<int>(record->ifx), static_cast<int>(policy),
-             static_cast<int>(record->mode));
+    APP_INFO("ifx=%d, type=%d, mode=%d", record->ifx, policy, record->mode);
     if (!lda_policy_shuts_mode(policy, record->mode))
         return;
-    if (again == 1) {
+    if (again) {
         lda_intf_set_shutdown(record, 1);
         lda_send_shutcmd(record->ifx, 1, record);
     } else {
@@ -154,8 +153,7 @@ int lda_intf_ret_proc(lda_intf_t* current, lda_intf_t* proposed) {
     current->total_result = proposed->total_result;
     lda_intf_set_shutdown(current, shut);
     current->mode = proposed->mode;
-    APP_INFO("ifx=%d act_shut=%d/%d,act_notify=%d,\n", static_cast<int>(current->ifx), act_shut,
-             shut, act_notify);
+    APP_INFO("ifx=%d act_shut=%d/%d,act_notify=%d,\n", current->ifx, act_shut, shut, act_notify);
     if (act_shut) {
         cli_client_c2p_reform();
         cli_syn_config_notify();
@@ -190,7 +188,7 @@ void lda_loop_result_add(lda_intf_t* record) {
     }
     record->total_result = 1;
     g_lda_loop_set->loop_num++;
-    APP_INFO("+++lda add loop interface ifx=%d , loop_num=%d", static_cast<int>(record->ifx),
+    APP_INFO("+++lda add loop interface ifx=%d , loop_num=%d", record->ifx,
              g_lda_loop_set->loop_num);
     lda_loop_result_send_ntf(LDA_NOTIFY_LOOP, record);
     printk_syslog_ext(SYSLOG_SEVERITY_ERROR, "LOOP_DETECT", "ERROR",
@@ -245,15 +243,14 @@ void lda_loop_policy_timer(void) {
 
 // Counts one tick of a port that is held shut down, and recovers it when its time is up.
 static void tick_record(lda_intf_t* record, uint32_t recover_time) {
-    if (record->recover_ticks * 10 + 10 < recover_time) {
+    if ((record->recover_ticks + 1) * RECOVERY_TICK_S < recover_time) {
         record->recover_ticks++;
         return;
     }
     record->recover_ticks = 0;
     lda_intf_set_shutdown(record, 0);
     lda_send_shutcmd(record->ifx, 0, record);
-    APP_INFO_AS("lda_intf_shutdown_timer_call", "ifx=%d no shutdown force",
-                static_cast<int>(record->ifx));
+    APP_INFO_AS("lda_intf_shutdown_timer_call", "ifx=%d no shutdown force", record->ifx);
 }
 
 int lda_intf_shutdown_timer_call(qv_thread* timer) {
@@ -262,7 +259,7 @@ int lda_intf_shutdown_timer_call(qv_thread* timer) {
         return -1;
     }
     const uint32_t recover_time = lda_cli_recover_time_get();
-    APP_DEBUG("enter time=%d", static_cast<int>(recover_time));
+    APP_DEBUG("enter time=%d", recover_time);
     for (lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
         if (lda_intf_is_shutdown(&record) == 1)
             tick_record(&record, recover_time);
@@ -318,16 +315,15 @@ uint32_t lda_intf_policy_chg_cbk(lda_intf_t* record, const uint32_t* message) {
     const auto* change = reinterpret_cast<const lda_cli_msg_t*>(message);
     if (record->ifx != change->ifx)
         return 0;
-    const int ifx = static_cast<int>(record->ifx);
     const uint8_t old_flag = lda_intf_is_shutdown(record);
-    APP_INFO("ifx=%d,old_shutdown=%d, new_shutdown=%d", ifx, old_flag, change->shutdown);
+    APP_INFO("ifx=%d,old_shutdown=%d, new_shutdown=%d", record->ifx, old_flag, change->shutdown);
     if (record->total_result && old_flag != change->shutdown) {
         lda_intf_t announced = lda_intf_copy(record);
         announced.is_shutdown = change->shutdown;
         lda_loop_result_send_ntf(LDA_NOTIFY_LOOP, &announced);
     }
     lda_intf_set_shutdown(record, change->shutdown);
-    APP_INFO("ifx=%d,old_shutdown=%d, new_shutdown=%d", ifx, lda_intf_is_shutdown(record),
+    APP_INFO("ifx=%d,old_shutdown=%d, new_shutdown=%d", record->ifx, lda_intf_is_shutdown(record),
              change->shutdown);
     return 1;
 }

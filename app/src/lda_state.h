@@ -23,8 +23,8 @@ int lda_loop_result_set_for_storm(const storm_loop_msg* report);
 
 // ---- The policy ----
 
-// Applies the policy to a looped port; `again` is 1 when the source already held a loop.
-void lda_loop_exec_policy(lda_intf_t* record, uint32_t again);
+// Applies the policy to a looped port; `again` when the source already held a loop.
+void lda_loop_exec_policy(lda_intf_t* record, bool again);
 
 // Marks a port as shut down by the agent (1) or not (0) and requests what follows from the change.
 // Returns 0, or -1 for a port without a record, which is put on or taken off the pending-interface

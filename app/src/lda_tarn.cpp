@@ -48,9 +48,8 @@ int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* mes
         APP_ERROR("value is null err!");
         return -1;
     }
-    APP_INFO("recv tarn msg, ifx[%d] vid[%d] is_loop[%d] src_ifx[%d]",
-             static_cast<int>(report->index->ifx), static_cast<int>(report->vid),
-             static_cast<int>(report->is_loop), static_cast<int>(report->src_ifx));
+    APP_INFO("recv tarn msg, ifx[%d] vid[%d] is_loop[%d] src_ifx[%d]", report->index->ifx,
+             report->vid, report->is_loop, report->src_ifx);
     if (lda_loop_detect_ptype_get() == LDA_POLICY_DISABLED) {
         APP_INFO("current lda is disable, thus does not process the relevant business logic.");
         return 0;

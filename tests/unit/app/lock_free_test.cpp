@@ -115,8 +115,8 @@ TEST_F(LockFree, LoopResults) {
 TEST_F(LockFree, PolicyAndTimers) {
     lda_intf_t* record = looped(7, 1, 2);
     EXPECT_EQ(loop_locks([&] {
-                  lda_loop_exec_policy(record, 0);
-                  lda_loop_exec_policy(record, 1);
+                  lda_loop_exec_policy(record, false);
+                  lda_loop_exec_policy(record, true);
                   lda_cli_recover_time_set(10, 1);
                   fake::fire(lda_intf_shutdown_timer_call);
                   EXPECT_EQ(record->is_shutdown, 0);

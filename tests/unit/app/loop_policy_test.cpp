@@ -35,7 +35,7 @@ TEST_F(LoopPolicy, OnlyNamedModesAreShutDownForAFreshLoop) {
         record->mode = c.mode;
         record->is_shutdown = 0;
         lda_loop_detect_ptype_set(c.policy);
-        lda_loop_exec_policy(record, 0);
+        lda_loop_exec_policy(record, false);
         EXPECT_EQ(take_posted(), c.shuts ? Lines{"type=2 mid=2 ifx=7 shutdown=1"} : Lines{});
         EXPECT_EQ(record->is_shutdown, c.shuts ? 1 : 0);
     }
@@ -49,7 +49,7 @@ TEST_F(LoopPolicy, OnlyNamedModesAreShutDownForARepeatedLoop) {
         record->is_shutdown = 0;
         lda_loop_detect_ptype_set(c.policy);
         fake::clear_calls();
-        lda_loop_exec_policy(record, 1);
+        lda_loop_exec_policy(record, true);
         EXPECT_EQ(take_posted(), c.shuts ? Lines{"type=2 mid=2 ifx=7 shutdown=1"} : Lines{});
         EXPECT_EQ(record->is_shutdown, c.shuts ? 1 : 0);
         EXPECT_EQ(fake::take_calls(),
