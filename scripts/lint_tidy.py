@@ -55,8 +55,12 @@ class Checker:
         os.makedirs(self.cache, exist_ok=True)
         version = subprocess.run([TOOL, "--version"], capture_output=True, text=True,
                                  check=True).stdout
-        with open(os.path.join(root, ".clang-tidy"), encoding="utf-8") as rules:
-            self.common = version + rules.read() + " ".join(EXTRA_ARGS)
+        self.common = version + " ".join(EXTRA_ARGS)
+        for folder in ("", "app/src"):
+            path = os.path.join(root, folder, ".clang-tidy")
+            if os.path.exists(path):
+                with open(path, encoding="utf-8") as rules:
+                    self.common += rules.read()
 
     def remembered_clean(self, stamp, entry):
         try:

@@ -15,37 +15,34 @@ static constexpr int32_t LOGFILE_LEVEL_DEFAULT = 2;
 static constexpr int32_t SLOG_LEVEL_DEFAULT = 0;
 static constexpr uint32_t SLOG_MAX_DEFAULT = 1000;
 
-static bool for_help(const cli_pcdb* pcdb) {
-    return (pcdb->flags & CLI_FLAG_HELP) != 0;
-}
-static bool has_no(const cli_pcdb* pcdb) {
-    return (pcdb->prefix & CLI_PREFIX_NO) != 0;
-}
-
 int app_cli_logfile_level(cli_pcdb* pcdb) {
-    if (for_help(pcdb))
+    if (app_cli_is_help(pcdb)) {
         return 0;
+    }
     const int32_t level =
-        has_no(pcdb) ? LOGFILE_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
+        app_cli_has_no(pcdb) ? LOGFILE_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
     app_shared_set(g_app_zlog_level, level);
     APP_INFO("set logfile level to %d", level);
     return 0;
 }
 
 int app_cli_slog_level(cli_pcdb* pcdb) {
-    if (for_help(pcdb))
+    if (app_cli_is_help(pcdb)) {
         return 0;
-    const int32_t level = has_no(pcdb) ? SLOG_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
+    }
+    const int32_t level =
+        app_cli_has_no(pcdb) ? SLOG_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
     app_shared_set(g_dbg_slog_level, level);
     APP_INFO("set syslog level to %d", level);
     return 0;
 }
 
 int app_cli_slog_max_log_num(cli_pcdb* pcdb) {
-    if (for_help(pcdb))
+    if (app_cli_is_help(pcdb)) {
         return 0;
-    app_shared_set(g_dbg_slog_max,
-                   has_no(pcdb) ? SLOG_MAX_DEFAULT : static_cast<uint32_t>(pcdb->number[0]));
+    }
+    app_shared_set(g_dbg_slog_max, app_cli_has_no(pcdb) ? SLOG_MAX_DEFAULT
+                                                        : static_cast<uint32_t>(pcdb->number[0]));
     return 0;
 }
 
@@ -57,8 +54,9 @@ static int slog_max_default(cli_pcdb* pcdb) {
 }
 
 int app_cli_show_logfile(cli_pcdb* pcdb) {
-    if (for_help(pcdb) || has_no(pcdb))
+    if (app_cli_is_help(pcdb) || app_cli_has_no(pcdb)) {
         return 0;
+    }
     cli_printf("debug logfile level: %s\n",
                app_logfile_level_name(app_shared_get(g_app_zlog_level)));
     return 0;

@@ -1,4 +1,5 @@
-// Argument blocks of parse nodes, as every tree of the agent fills them.
+// Argument blocks of parse nodes as every tree of the agent fills them, and the tests that its
+// handlers make of their context.
 #pragma once
 
 #include <cstdint>
@@ -25,4 +26,21 @@ constexpr cli_keyword_arg app_keyword(const char* keyword, const char* help,
 constexpr cli_number_arg app_number(const char* help, int64_t low, int64_t high,
                                     uint32_t slot = 0) {
     return {.help = help, .low = low, .high = high, .zero = 0, .flags = 258, .slot = slot};
+}
+
+// The line is only being completed or explained: a handler does nothing.
+inline bool app_cli_is_help(const cli_pcdb* pcdb) {
+    return (pcdb->flags & CLI_FLAG_HELP) != 0;
+}
+// The running configuration is being generated: a handler writes its line.
+inline bool app_cli_is_generating(const cli_pcdb* pcdb) {
+    return (pcdb->flags & CLI_FLAGS_GENERATING) != 0;
+}
+// The line has the prefix "no".
+inline bool app_cli_has_no(const cli_pcdb* pcdb) {
+    return (pcdb->prefix & CLI_PREFIX_NO) != 0;
+}
+// The line has the prefix "no" or "default".
+inline bool app_cli_has_prefix(const cli_pcdb* pcdb) {
+    return (pcdb->prefix & (CLI_PREFIX_NO | CLI_PREFIX_DEFAULT)) != 0;
 }

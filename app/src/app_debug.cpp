@@ -68,8 +68,9 @@ const char* app_slog_level_name(int32_t level) {
 
 int app_dbg_slog_num_reach_max(void) {
     const uint32_t max = app_shared_get(g_dbg_slog_max);
-    if (max == 0 || max > app_shared_get(g_dbg_slog_cnt))
+    if (max == 0 || max > app_shared_get(g_dbg_slog_cnt)) {
         return 0;
+    }
     app_shared_set(g_dbg_slog_cnt, 0U);
     app_shared_set(g_dbg_slog_level, 0);
     printk_syslog(SYSLOG_SEVERITY_INFO, "APP", "DEBUG",
@@ -100,16 +101,18 @@ static void format_line(const char* function, int line, const char* format, va_l
 
 static void write_log_file(const level_rule& rule, const char* file, const char* function,
                            int line) {
-    if (app_shared_get(g_app_zlog_level) < rule.zlog_min || !g_app_zlog_category)
+    if (app_shared_get(g_app_zlog_level) < rule.zlog_min || g_app_zlog_category == nullptr) {
         return;
+    }
     char text[sizeof g_dbg_print_buf];
     app_text_copy(text, sizeof text, g_dbg_print_buf);
     qvdf_zlog(g_app_zlog_category, file, function, line, rule.zlog_number, text);
 }
 
 static void write_syslog(const level_rule& rule) {
-    if (app_shared_get(g_dbg_slog_level) < rule.slog_min || app_dbg_slog_num_reach_max())
+    if (app_shared_get(g_dbg_slog_level) < rule.slog_min || app_dbg_slog_num_reach_max()) {
         return;
+    }
     printk_syslog_ext(SYSLOG_SEVERITY_INFO, app_dbg_module, rule.name, "%s", g_dbg_print_buf);
     app_shared_set(g_dbg_slog_cnt, app_shared_get(g_dbg_slog_cnt) + 1);
 }
@@ -129,8 +132,9 @@ int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, i
 
 int app_zlog_init(const char* name) {
     g_app_zlog_category = qv_zlog_init(name);
-    if (g_app_zlog_category)
+    if (g_app_zlog_category != nullptr) {
         return 0;
+    }
     APP_FATAL("snp_ds_ser zlog init fail.");
     return DEBUG_INIT_FAILED;
 }
@@ -139,20 +143,25 @@ int app_zlog_init(const char* name) {
 // fits.
 static bool read_level(FILE* file, int32_t* level) {
     int next = getc(file);
-    while (isspace(next))
+    while (isspace(next)) {
         next = getc(file);
+    }
     const bool negative = next == '-';
-    if (next == '-' || next == '+')
+    if (next == '-' || next == '+') {
         next = getc(file);
-    const bool found = isdigit(next);
+    }
+    const bool found = isdigit(next) != 0;
     int64_t number = 0;
-    for (; isdigit(next); next = getc(file))
+    for (; isdigit(next); next = getc(file)) {
         number = std::min<int64_t>(number * 10 + (next - '0'), UINT32_MAX);
+    }
     ungetc(next, file);
-    if (negative)
+    if (negative) {
         number = -number;
-    if (!found || number < INT32_MIN || number > INT32_MAX)
+    }
+    if (!found || number < INT32_MIN || number > INT32_MAX) {
         return false;
+    }
     *level = static_cast<int32_t>(number);
     return true;
 }
@@ -168,16 +177,19 @@ static void read_level_file(FILE* file) {
 }
 
 int app_debug_init(const char* name, const char* upper_name) {
-    if (pthread_mutex_init(&g_dbg_lock, nullptr) != 0)
+    if (pthread_mutex_init(&g_dbg_lock, nullptr) != 0) {
         return DEBUG_INIT_FAILED;
+    }
     app_text_copy(app_dbg_module, sizeof app_dbg_module, upper_name);
     const int rv = app_zlog_init(name);
-    if (rv != 0)
+    if (rv != 0) {
         return rv;
+    }
     snprintf(app_dbg_path, sizeof app_dbg_path, "/data/%s/%s.dbg", name, name);
     FILE* file = fopen(app_dbg_path, "r");
-    if (!file)
+    if (file == nullptr) {
         return 0;
+    }
     read_level_file(file);
     fclose(file);
     return 0;

@@ -60,8 +60,8 @@ int app_dbg_slog_num_reach_max(void);
 int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, int line,
                 const char* format, ...) __attribute__((format(printf, 5, 6)));
 
-#define APP_LOG_AS(level, function, ...) \
-    app_dbg_log(level, __FILE__, function, __LINE__, __VA_ARGS__)
+#define APP_LOG_AS(level, operation, ...) \
+    app_dbg_log(level, __FILE__, operation, __LINE__, __VA_ARGS__)
 
 #define APP_FATAL(...) APP_LOG_AS(APP_DBG_FATAL, __func__, __VA_ARGS__)
 #define APP_ERROR(...) APP_LOG_AS(APP_DBG_ERROR, __func__, __VA_ARGS__)
@@ -69,7 +69,7 @@ int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, i
 #define APP_INFO(...) APP_LOG_AS(APP_DBG_INFO, __func__, __VA_ARGS__)
 #define APP_DEBUG(...) APP_LOG_AS(APP_DBG_DEBUG, __func__, __VA_ARGS__)
 
-// The same under another function's name.
-#define APP_ERROR_AS(function, ...) APP_LOG_AS(APP_DBG_ERROR, function, __VA_ARGS__)
-#define APP_WARN_AS(function, ...) APP_LOG_AS(APP_DBG_WARN, function, __VA_ARGS__)
-#define APP_INFO_AS(function, ...) APP_LOG_AS(APP_DBG_INFO, function, __VA_ARGS__)
+// The same under the name of the operation: a log line names the operation that it belongs to, and
+// an operation may be made of several functions.
+#define APP_ERROR_AS(operation, ...) APP_LOG_AS(APP_DBG_ERROR, operation, __VA_ARGS__)
+#define APP_INFO_AS(operation, ...) APP_LOG_AS(APP_DBG_INFO, operation, __VA_ARGS__)

@@ -29,8 +29,9 @@ void lda_bridge_con_handle(void) {
 void lda_bridge_handle(uint32_t event, const void* payload) {
     const lda_loop_guard guard;
     APP_INFO("event=%d\n", event);
-    if (event != BRIDGE_EVENT_MODE_CHANGE)
+    if (event != BRIDGE_EVENT_MODE_CHANGE) {
         return;
+    }
     const auto* change = static_cast<const bridge_mode_change*>(payload);
     APP_INFO("modify ifx=%d, mode=%d\n", change->ifx, change->mode);
     lda_intf_mod_change(change);
@@ -46,8 +47,9 @@ uint32_t lda_brid_intf_mod_chg_cbk(lda_intf_t* record, const uint32_t* payload) 
     // The port itself ends the walk; an aggregate port is about each of its members.
     const bool itself = change->ifx == record->ifx;
     if (!itself) {
-        if (change->ifx != static_cast<uint32_t>(record->mode_arg))
+        if (change->ifx != static_cast<uint32_t>(record->mode_arg)) {
             return 0;
+        }
         APP_INFO("ifx is ap_ifx, proc sub ifx=%d", record->ifx);
     }
     lda_intf_t proposed = lda_intf_copy(record);

@@ -9,6 +9,7 @@
 
 #include <qv/lsm.h>
 #include <qv/syslog.h>
+#include "app_cli_nodes.h"
 #include "app_debug.h"
 #include "lda_cli_policy.h"
 #include "lda_cli_post.h"
@@ -22,18 +23,12 @@ static constexpr uint32_t IFRANGE_TYPE_MASK = 0x18050187;
 // Result of a handler that has nothing to write.
 static constexpr int NOTHING_TO_WRITE = 18;
 
-static bool generating(const cli_pcdb* pcdb) {
-    return (pcdb->flags & CLI_FLAGS_GENERATING) != 0;
-}
-static bool has_no(const cli_pcdb* pcdb) {
-    return (pcdb->prefix & CLI_PREFIX_NO) != 0;
-}
-
 // ---- Registration ----
 
 int lda_cli_init(void) {
-    if (cli_client_init("LDA", g_lda_master) != 0)
+    if (cli_client_init("LDA", g_lda_master) != 0) {
         return -1;
+    }
     cli_add_param_reload_start_hook(lda_cli_reload_start_handle);
     cli_add_param_reload_end_hook(lda_cli_reload_end_handle);
     cli_interface_show_run_hook(libproxy_cli_interface_walk);
@@ -75,12 +70,13 @@ static void write_policy_line(cli_pcdb* pcdb) {
 }
 
 void lda_policy_set(cli_pcdb* pcdb, uint32_t policy) {
-    const uint32_t value = has_no(pcdb) ? LDA_POLICY_DISABLED : policy;
+    const uint32_t value = app_cli_has_no(pcdb) ? LDA_POLICY_DISABLED : policy;
     APP_INFO("enter type=%d, pcdb=%lu", value, pcdb->flags);
-    if (generating(pcdb))
+    if (app_cli_is_generating(pcdb)) {
         write_policy_line(pcdb);
-    else
+    } else {
         lda_cli_policy_set(value);
+    }
 }
 
 int cfg_lda_cli_warning_command(cli_pcdb* pcdb) {
@@ -114,12 +110,13 @@ int cfg_lda_cli_shutdown_access_hybrid_command(cli_pcdb* pcdb) {
 int cfg_lda_loop_detect_enable_command(cli_pcdb* pcdb) {
     const uint32_t policy = lda_loop_detect_ptype_get();
     APP_INFO("enter type=%d, pcdb=%lu", policy, pcdb->flags);
-    if (!generating(pcdb)) {
+    if (!app_cli_is_generating(pcdb)) {
         lda_loop_detect_disable();
         return 0;
     }
-    if (policy == LDA_POLICY_DISABLED)
+    if (policy == LDA_POLICY_DISABLED) {
         return NOTHING_TO_WRITE;
+    }
     c2p_printf(pcdb, 1, "loop-detect enable");
     return 0;
 }
@@ -127,14 +124,15 @@ int cfg_lda_loop_detect_enable_command(cli_pcdb* pcdb) {
 // ---- Recovery time ----
 
 int cfg_lda_cli_recover_command(cli_pcdb* pcdb) {
-    if (generating(pcdb)) {
+    if (app_cli_is_generating(pcdb)) {
         const lda_recover_time_t& recover = g_lda_recover_time;
-        if (recover.time != LDA_RECOVER_TIME_DEFAULT_S && recover.enabled == 1)
+        if (recover.time != LDA_RECOVER_TIME_DEFAULT_S && recover.enabled == 1) {
             c2p_printf(pcdb, 1, "loop-detect shutdown-recover-time %d\n", recover.time);
+        }
         return 0;
     }
     const auto number = static_cast<uint32_t>(pcdb->number[0]);
-    lda_cli_recover_time_set(has_no(pcdb) ? LDA_RECOVER_TIME_DEFAULT_S : number, 1);
+    lda_cli_recover_time_set(app_cli_has_no(pcdb) ? LDA_RECOVER_TIME_DEFAULT_S : number, 1);
     APP_INFO("loop-detect shutdown-recover-time %d", number);
     return 0;
 }
@@ -143,18 +141,19 @@ int cfg_lda_cli_recover_command(cli_pcdb* pcdb) {
 
 static void write_apply_line(cli_pcdb* pcdb, uint32_t ifx) {
     const lda_intf_t* record = lda_loop_result_get(ifx);
-    const uint8_t is_shutdown = record ? lda_intf_is_shutdown(record) : 0;
+    const uint8_t is_shutdown = record != nullptr ? lda_intf_is_shutdown(record) : 0;
     APP_INFO_AS("cfg_lda_cli_apply_shutdown_command_int", "port is %d, shutdown =%d", ifx,
                 is_shutdown);
-    if (is_shutdown == 1)
+    if (is_shutdown == 1) {
         c2p_printf(pcdb, 1, "loop-detect apply shutdown-port");
+    }
 }
 
 static void cfg_lda_cli_apply_shutdown_command_int(cli_pcdb* pcdb) {
     const lda_loop_guard guard;
     APP_INFO("enter");
     const auto ifx = static_cast<uint32_t>(pcdb->ifx);
-    if (generating(pcdb)) {
+    if (app_cli_is_generating(pcdb)) {
         write_apply_line(pcdb, ifx);
         return;
     }
@@ -165,7 +164,7 @@ static void cfg_lda_cli_apply_shutdown_command_int(cli_pcdb* pcdb) {
             "disabled.\n\r\n");
         return;
     }
-    const bool release = has_no(pcdb);
+    const bool release = app_cli_has_no(pcdb);
     lda_cli_intf_shutdown_by_lda_cmd(ifx, release ? 0 : 1);
     APP_INFO("port %d is %s", ifx, release ? "no_shutdown" : "shutdown");
 }
@@ -181,14 +180,16 @@ int testfunc_cfg_loop_detect_apply_shutdown_kw(cli_pcdb* pcdb) {
 }
 
 int lda_cfg_intf_mode_select(cli_pcdb* pcdb) {
-    if (strcmp(pcdb->mode, "ifrange") == 0)
-        return (pcdb->ifrange_types & IFRANGE_TYPE_MASK) != 0;
+    if (strcmp(pcdb->mode, "ifrange") == 0) {
+        return (pcdb->ifrange_types & IFRANGE_TYPE_MASK) != 0 ? 1 : 0;
+    }
     const auto ifx = static_cast<uint32_t>(pcdb->ifx);
     const lsm_intfcb* control = lsm_get_intfcb(ifx);
-    if (control && control->flags & LSM_INTFCB_FLAG_SWITCHPORT)
+    if (control != nullptr && control->flags & LSM_INTFCB_FLAG_SWITCHPORT) {
         return 1;
+    }
     const uint32_t type = lsm_if_get_type(ifx);
-    return type >= LSM_TYPE_ETHERNET && type <= LSM_TYPE_AGGREGATE;
+    return type >= LSM_TYPE_ETHERNET && type <= LSM_TYPE_AGGREGATE ? 1 : 0;
 }
 
 // ---- Interface sections of the running configuration ----
@@ -198,8 +199,9 @@ int libproxy_cli_interface_walk(cli_pcdb* pcdb) {
 }
 
 int libproxy_lsm_walk_handler(uint32_t ifx, void* arg) {
-    if (lsm_if_get_flags(ifx) & LSM_IF_FLAG_HIDDEN)
+    if (lsm_if_get_flags(ifx) & LSM_IF_FLAG_HIDDEN) {
         return 0;
+    }
     auto* pcdb = static_cast<cli_pcdb*>(arg);
     char name[LDA_NAME_BYTES] = {};
     lsm_if_get_sname(ifx, name, sizeof name);

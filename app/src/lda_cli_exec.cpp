@@ -55,10 +55,12 @@ void cmd_exec_out_cback(const char* text, size_t length, void* user) {
 int32_t lda_loop_cmd_execute(int session, const char* line, const cli_mode* mode) {
     char output[LDA_CLI_OUTPUT_BYTES] = {};
     int32_t rv = cli_execute_cmd_buf_fd(session, line, mode, cmd_exec_out_cback, output);
-    if (rv < 0)
+    if (rv < 0) {
         APP_ERROR("cli_execute_cmd_buf fail:cmd=%s, ret=%d", line, rv);
-    if (output[0] != '\0')
+    }
+    if (output[0] != '\0') {
         rv = LDA_CLI_REFUSED;
+    }
     APP_INFO("ifx %lu cmd %s out ret=%d %s", static_cast<unsigned long>(mode->ifx), line, rv,
              output);
     return rv;
@@ -67,16 +69,18 @@ int32_t lda_loop_cmd_execute(int session, const char* line, const cli_mode* mode
 // Opens a session for an executor; negative, and logged under its name, on failure.
 static int open_session(const char* executor) {
     const int session = cli_sub_create_session();
-    if (session < 0)
+    if (session < 0) {
         APP_ERROR_AS(executor, "LDA cli_sub_create_session fail, fd=%d", session);
+    }
     return session;
 }
 
 static void execute_in_config(int session, std::initializer_list<const char*> lines) {
     cli_mode mode;
     lda_cli_mode_set(0, LDA_CLI_MODE_CONFIG, &mode);
-    for (const char* line : lines)
+    for (const char* line : lines) {
         lda_loop_cmd_execute(session, line, &mode);
+    }
 }
 
 static int32_t execute_on_port(int session, uint32_t ifx, const char* line) {
@@ -90,8 +94,9 @@ static int32_t execute_on_port(int session, uint32_t ifx, const char* line) {
 int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown) {
     APP_INFO("enter ifx=%d, is_shutdown=%d", ifx, is_shutdown);
     const int session = open_session(__func__);
-    if (session < 0)
+    if (session < 0) {
         return -1;
+    }
     if (is_shutdown == 1) {
         execute_on_port(session, ifx, LINE_SHUT);
     } else if (is_shutdown == 0) {
@@ -108,12 +113,14 @@ int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown) {
 int cli_exec_loop_apply_shutdown(uint32_t ifx, uint8_t is_shutdown) {
     APP_INFO("enter ifx=%d, is_shutdown=%d", ifx, is_shutdown);
     const int session = open_session(__func__);
-    if (session < 0)
+    if (session < 0) {
         return -1;
-    if (is_shutdown == 1)
+    }
+    if (is_shutdown == 1) {
         execute_on_port(session, ifx, LINE_APPLY);
-    else if (is_shutdown == 0)
+    } else if (is_shutdown == 0) {
         execute_on_port(session, ifx, LINE_NO_APPLY);
+    }
     close(session);
     return 0;
 }
@@ -129,13 +136,14 @@ uint32_t* lda_all_intf_ifx_get(uint16_t* count) {
         return nullptr;
     }
     auto* array = static_cast<uint32_t*>(calloc(intf_num, sizeof(uint32_t)));
-    if (!array) {
+    if (array == nullptr) {
         APP_ERROR("Malloc p_ifx error.");
         return nullptr;
     }
     for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
-        if (*count == intf_num)
+        if (*count == intf_num) {
             break;
+        }
         array[(*count)++] = record.ifx;
     }
     return array;
@@ -146,10 +154,12 @@ static void execute_on_all_ports(int session, uint32_t mid, const char* tarn, co
     uint16_t count = 0;
     uint32_t* ports = lda_all_intf_ifx_get(&count);
     for (uint16_t i = 0; i < count; i++) {
-        if (mid != LDA_MID_STORM)
+        if (mid != LDA_MID_STORM) {
             execute_on_port(session, ports[i], tarn);
-        if (mid != LDA_MID_TARN)
+        }
+        if (mid != LDA_MID_TARN) {
             execute_on_port(session, ports[i], storm);
+        }
     }
     free(ports);
 }
@@ -157,10 +167,12 @@ static void execute_on_all_ports(int session, uint32_t mid, const char* tarn, co
 int lda_loop_cmd_enable(uint32_t mid) {
     APP_INFO("LDA:***lda_loop_cmd_enable mid[%d] start .", mid);
     const int session = open_session(__func__);
-    if (session < 0)
+    if (session < 0) {
         return -1;
-    if (mid == LDA_MID_TARN || mid == LDA_MID_BOTH)
+    }
+    if (mid == LDA_MID_TARN || mid == LDA_MID_BOTH) {
         execute_in_config(session, {LINE_TARN, LINE_TARN_RECOVER});
+    }
     execute_on_all_ports(session, mid, LINE_TARN_PORT, LINE_STORM_PORT);
     close(session);
     APP_INFO("LDA:***lda_loop_cmd_enable mid[%d] end.", mid);
@@ -170,10 +182,12 @@ int lda_loop_cmd_enable(uint32_t mid) {
 int lda_loop_cmd_disable(uint32_t mid) {
     APP_INFO("LDA:***lda_loop_cmd_disable mid[%d] start.", mid);
     const int session = open_session(__func__);
-    if (session < 0)
+    if (session < 0) {
         return -1;
-    if (mid == LDA_MID_TARN || mid == LDA_MID_BOTH)
+    }
+    if (mid == LDA_MID_TARN || mid == LDA_MID_BOTH) {
         execute_in_config(session, {LINE_NO_TARN, LINE_NO_TARN_RECOVER});
+    }
     execute_on_all_ports(session, mid, LINE_NO_TARN_PORT, LINE_NO_STORM_PORT);
     close(session);
     APP_INFO("LDA:***lda_loop_cmd_disable mid[%d] end.", mid);
@@ -182,12 +196,15 @@ int lda_loop_cmd_disable(uint32_t mid) {
 
 int lda_intf_loop_cmd_enable(uint32_t mid, uint32_t ifx) {
     const int session = open_session(__func__);
-    if (session < 0)
+    if (session < 0) {
         return -1;
-    if (mid == LDA_MID_TARN || mid == LDA_MID_BOTH)
+    }
+    if (mid == LDA_MID_TARN || mid == LDA_MID_BOTH) {
         execute_in_config(session, {LINE_TARN, LINE_TARN_RECOVER});
-    if (mid != LDA_MID_STORM)
+    }
+    if (mid != LDA_MID_STORM) {
         execute_on_port(session, ifx, LINE_TARN_PORT);
+    }
     if (mid != LDA_MID_TARN) {
         execute_on_port(session, ifx, LINE_STORM_PORT);
         APP_INFO("storm-loop-detect enable ifx=%d", ifx);
@@ -198,8 +215,9 @@ int lda_intf_loop_cmd_enable(uint32_t mid, uint32_t ifx) {
 
 int lda_intf_default_cmd(uint32_t mid, uint32_t ifx) {
     const int session = open_session(__func__);
-    if (session < 0)
+    if (session < 0) {
         return -1;
+    }
     if (mid != LDA_MID_STORM) {
         execute_on_port(session, ifx, LINE_NO_TARN_PORT);
         APP_INFO("no tarn port loop-detect ifx=%d", ifx);

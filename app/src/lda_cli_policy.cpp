@@ -25,8 +25,9 @@ int lda_cli_policy_set(uint32_t policy) {
     }
     const uint32_t old = lda_cli_detect_policy_get();
     publish_policy(policy);
-    if (policy == old)
+    if (policy == old) {
         return 0;
+    }
     lda_cli_msg_t change = {};
     change.mid = LDA_MID_BOTH;
     change.new_type = policy;
@@ -34,8 +35,9 @@ int lda_cli_policy_set(uint32_t policy) {
     change.type = policy != LDA_POLICY_DISABLED ? LDA_CLI_MSG_ENABLE : LDA_CLI_MSG_DISABLE;
     lda_loop_detect_ptype_set(policy);
     lda_policy_chg_notify_ntf(&change);
-    if (policy == LDA_POLICY_DISABLED)
+    if (policy == LDA_POLICY_DISABLED) {
         lda_all_loop_result_clear();
+    }
     lda_cli_cmd_send(&change);
     APP_INFO("old_type=%d, new_type=%d, msg_type=%d", old, policy, change.type);
     return 0;
@@ -85,8 +87,9 @@ uint32_t lda_cfg_policy_chg_cbk(lda_intf_t* record, const uint32_t* change) {
             APP_INFO("is_config_delivery ifx=%d, is_shutdown=%d", record->ifx,
                      proposed.is_shutdown);
             // A port that the saved configuration names as shut down stays so.
-            if (looped)
+            if (looped) {
                 proposed.is_shutdown = shuts ? 1 : 0;
+            }
         } else {
             proposed.is_shutdown = shuts ? 1 : 0;
         }

@@ -23,11 +23,13 @@ static void append_message(lda_cli_msg_t* node) {
 }
 
 int lda_cli_cmd_send(const lda_cli_msg_t* message) {
-    if (!message)
+    if (message == nullptr) {
         return APP_ERROR("para wrong.");
+    }
     auto* node = static_cast<lda_cli_msg_t*>(calloc(1, sizeof(lda_cli_msg_t)));
-    if (!node)
+    if (node == nullptr) {
         return APP_ERROR("LDA malloc lda_cli_msg_t node error.");
+    }
     pthread_mutex_lock(&g_lda_cli_msg_set->lock);
     node->enable = message->enable;
     node->mid = message->mid;
@@ -46,8 +48,9 @@ int lda_cli_cmd_send(const lda_cli_msg_t* message) {
 
 int lda_loop_cmd_send(uint8_t enable, uint32_t mid, uint32_t ifx) {
     auto* node = static_cast<lda_cli_msg_t*>(calloc(1, sizeof(lda_cli_msg_t)));
-    if (!node)
+    if (node == nullptr) {
         return APP_ERROR("LDA malloc lda_cli_msg_t node error.");
+    }
     pthread_mutex_lock(&g_lda_cli_msg_set->lock);
     // Kept on purpose: the type stays 0, so the thread only logs the message.
     node->enable = enable;
@@ -74,8 +77,9 @@ void lda_send_shutcmd(uint32_t ifx, uint8_t shutdown, lda_intf_t* record) {
     cli_client_c2p_reform();
     cli_syn_config_notify();
     lda_cli_cmd_send(&message);
-    if (record && shutdown == 0)
+    if (record != nullptr && shutdown == 0) {
         lda_clear_loop_timer(record);
+    }
 }
 
 // ---- Detection features ----
@@ -83,8 +87,9 @@ void lda_send_shutcmd(uint32_t ifx, uint8_t shutdown, lda_intf_t* record) {
 void lda_loop_config_delivery(uint32_t mid) {
     APP_INFO("enter");
     const uint32_t policy = lda_loop_detect_ptype_get();
-    if (policy == LDA_POLICY_DISABLED)
+    if (policy == LDA_POLICY_DISABLED) {
         return;
+    }
     lda_cli_msg_t message = {};
     message.mid = mid;
     message.type = LDA_CLI_MSG_ENABLE;
@@ -98,8 +103,9 @@ void lda_loop_config_delivery(uint32_t mid) {
 void lda_send_intfcfg(uint32_t ifx) {
     const uint32_t policy = lda_loop_detect_ptype_get();
     APP_INFO("enter ifx=%u, cli_ready=%d, type=%d", ifx, cli_ready, policy);
-    if (cli_ready != 1)
+    if (cli_ready != 1) {
         return;
+    }
     lda_cli_msg_t message = {};
     message.mid = LDA_MID_BOTH;
     if (policy != LDA_POLICY_DISABLED) {
@@ -123,20 +129,23 @@ void lda_intf_default_config_delivery(uint32_t mid, uint32_t ifx) {
 }
 
 void lda_loop_detect_enable(void) {
-    if (cli_ready)
+    if (cli_ready) {
         lda_loop_cmd_send(1, LDA_MID_BOTH, 0);
+    }
 }
 
 void lda_loop_detect_disable(void) {
-    if (cli_ready)
+    if (cli_ready) {
         lda_loop_cmd_send(0, LDA_MID_BOTH, 0);
+    }
 }
 
 void lda_async_enable_loop(uint32_t flag) {
-    if (flag == 0)
+    if (flag == 0) {
         lda_loop_detect_disable();
-    else
+    } else {
         lda_loop_detect_enable();
+    }
     cli_client_c2p_reform();
     cli_syn_config_notify();
 }

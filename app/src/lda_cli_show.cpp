@@ -40,15 +40,17 @@ void lda_print_loop_info(int count, const lda_loop_result_t* entries, uint8_t de
     const uint32_t policy = lda_loop_detect_ptype_get();
     cli_printf("loop-detect state   : %s\n", policy != LDA_POLICY_DISABLED ? "enable" : "disable");
     cli_printf("loop-detect policy  : %s\n\n", detect_loop_policy_type(policy));
-    if (detail)
+    if (detail) {
         cli_printf(
             "loop interface             tarn-detect state            storm-detect state            "
             "policy            status\n");
-    else
+    } else {
         cli_printf("loop interface             policy\n");
+    }
     cli_printf(
         "----------------------------------------------------------------------"
         "----------------------------------------------- \n");
-    for (int i = 0; i < count; i++)
+    for (int i = 0; i < count; i++) {
         print_entry(&entries[i], detail);
+    }
 }

@@ -22,8 +22,9 @@ const char* detect_intf_policy_name(uint32_t policy) {
 }
 
 const char* detect_intf_status(uint8_t is_shutdown) {
-    if (lda_loop_detect_ptype_get() == LDA_POLICY_DISABLED)
+    if (lda_loop_detect_ptype_get() == LDA_POLICY_DISABLED) {
         return "normal";
+    }
     return is_shutdown ? "shutdown" : "warning";
 }
 
@@ -32,14 +33,16 @@ const char* detect_state_to_dsp(uint8_t state) {
 }
 
 const char* client_to_str(uint32_t source) {
-    if (source == LDA_SOURCE_TARN)
+    if (source == LDA_SOURCE_TARN) {
         return "tarn";
+    }
     return source == LDA_SOURCE_STORM ? "storm" : "Error";
 }
 
 int exec_lda_clear_interval_debug(cli_pcdb* pcdb) {
-    if (pcdb->flags & CLI_FLAG_HELP)
+    if (app_cli_is_help(pcdb)) {
         return 0;
+    }
     g_lda_clear_interval = static_cast<int32_t>(pcdb->number[0]) * SECONDS_PER_MINUTE;
     return 0;
 }
@@ -53,8 +56,9 @@ static void print_result_line(const lda_intf_t* record) {
 }
 
 int exec_show_lda_result(cli_pcdb* pcdb) {
-    if (pcdb->flags & CLI_FLAG_HELP)
+    if (app_cli_is_help(pcdb)) {
         return 0;
+    }
     const uint32_t policy = lda_loop_detect_ptype_get();
     cli_printf("loop-detect state: %s\n", policy != LDA_POLICY_DISABLED ? "enable" : "disable");
     cli_printf("loop-detect policy: %d\n", policy);
@@ -65,15 +69,17 @@ int exec_show_lda_result(cli_pcdb* pcdb) {
     cli_printf(
         "ifx      interface  name\t     total-state   tarn-state   storm-state     status     "
         "mode\r\n");
-    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
+    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
         print_result_line(&record);
+    }
     return 0;
 }
 
 static void print_debug_status() {
     const int32_t level = app_shared_get(g_dbg_slog_level);
-    if (level < 1)
+    if (level < 1) {
         return;
+    }
     cli_printf("lda debugging status:\n");
     cli_printf("    current syslog count is %d.\n", app_shared_get(g_dbg_slog_cnt));
     cli_printf("    the maximum of syslog is %d.\n", app_shared_get(g_dbg_slog_max));
@@ -81,12 +87,13 @@ static void print_debug_status() {
 }
 
 void lda_debug_ctrl(int operation) {
-    if (operation == DEBUG_ON)
+    if (operation == DEBUG_ON) {
         app_shared_set(g_dbg_slog_level, SLOG_LEVEL_DEBUG);
-    else if (operation == DEBUG_OFF)
+    } else if (operation == DEBUG_OFF) {
         app_shared_set(g_dbg_slog_level, 0);
-    else if (operation == DEBUG_STATUS)
+    } else if (operation == DEBUG_STATUS) {
         print_debug_status();
+    }
 }
 
 void lda_debug_cmd_init(void) {

@@ -55,8 +55,9 @@ static void select_type(uint8_t* bitmap, uint32_t type) {
 void lda_lsm_connect_handle(void) {
     lsm_client_set_mode(ANNOUNCE_EXISTING_PORTS);
     uint8_t types[LSM_TYPE_BITMAP_BYTES] = {};
-    for (uint32_t type = LSM_TYPE_ETHERNET; type <= LSM_TYPE_AGGREGATE; type++)
+    for (uint32_t type = LSM_TYPE_ETHERNET; type <= LSM_TYPE_AGGREGATE; type++) {
         select_type(types, type);
+    }
     lsm_client_reg_event_ex(LSM_CLASS_PORT, types, PORT_EVENTS);
     lsm_reg_msg_handler_ex(LSM_CLASS_PORT, lda_lsm_event_handle);
     select_type(types, 5);  // set already; kept on purpose
@@ -74,7 +75,7 @@ void lda_lsm_connect_handle(void) {
 // Makes the record of a new port and links it. Null when memory runs out.
 static lda_intf_t* create_intf(uint32_t ifx) {
     lda_intf_t* record = lda_index<lda_intf_t>::make(ifx);
-    if (!record) {
+    if (record == nullptr) {
         APP_ERROR_AS("lda_add_intf", "LDA malloc node error.\n");
         return nullptr;
     }
@@ -93,8 +94,9 @@ static lda_intf_t* create_intf(uint32_t ifx) {
 // Has the delivery thread configure the detection features on a new port.
 static void deliver_new_intf(uint32_t ifx) {
     const uint32_t policy = lda_loop_detect_ptype_get();
-    if (!cli_ready || policy == LDA_POLICY_DISABLED)
+    if (!cli_ready || policy == LDA_POLICY_DISABLED) {
         return;
+    }
     lda_cli_msg_t message = {};
     message.mid = LDA_MID_BOTH;
     message.ifx = ifx;
@@ -107,11 +109,13 @@ static void deliver_new_intf(uint32_t ifx) {
 }
 
 lda_intf_t* lda_add_intf(uint32_t ifx) {
-    if (lda_intf_t* existing = lda_loop_result_get(ifx))
+    if (lda_intf_t* existing = lda_loop_result_get(ifx)) {
         return existing;
+    }
     lda_intf_t* record = create_intf(ifx);
-    if (!record)
+    if (record == nullptr) {
         return nullptr;
+    }
     deliver_new_intf(ifx);
     if (lda_back_node_lookup(ifx)) {
         APP_INFO("---LDA find backup_node_list :ifx=%d\n", ifx);
@@ -124,8 +128,9 @@ lda_intf_t* lda_add_intf(uint32_t ifx) {
 void lda_del_intf(uint32_t ifx) {
     const lda_loop_guard guard;
     lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record)
+    if (record == nullptr) {
         return;
+    }
     g_lda_loop_set->index.remove(record);
     lda_intf_release(record);
     g_lda_loop_set->intf_num--;
@@ -134,13 +139,14 @@ void lda_del_intf(uint32_t ifx) {
 
 uint32_t lda_get_intf_policy_with_intf(uint32_t ifx) {
     const lda_intf_t* record = lda_loop_result_get(ifx);
-    return record ? lda_intf_is_shutdown(record) : LDA_NO_INTF;
+    return record != nullptr ? lda_intf_is_shutdown(record) : LDA_NO_INTF;
 }
 
 uint32_t lda_get_src_with_intf(uint32_t ifx) {
     const lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record)
+    if (record == nullptr) {
         return LDA_NO_INTF;
+    }
     return lda_mode_is_shuttable(record->mode) ? 1 : 0;
 }
 
@@ -155,7 +161,7 @@ static void lda_lsm_ap_mem_chg_proc(const uint32_t* words) {
     APP_INFO("type=%d apifx=%d ifx=%d %d %s\n", change, ap_ifx, ifx, mode,
              swport_vlan_mode_name(mode));
     lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record) {
+    if (record == nullptr) {
         APP_ERROR("get loop failed, ifx=%d\n", ifx);
         return;
     }
@@ -163,8 +169,9 @@ static void lda_lsm_ap_mem_chg_proc(const uint32_t* words) {
     if (change == AP_JOINED) {
         // Executed here, on the main thread: its lines run inline and wait for nothing. Kept on
         // purpose: the copy is older than what they change.
-        if (lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED)
+        if (lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED) {
             lda_intf_loop_cmd_enable(LDA_MID_TARN, ifx);
+        }
         record->mode_arg = static_cast<int32_t>(ap_ifx);
         proposed.mode = mode;
         lda_intf_ret_proc(record, &proposed);
@@ -188,7 +195,7 @@ void lda_lsm_event_handle(uint32_t event, void* message) {
         lda_try_notify_cli_ready();
         return;
     }
-    if (!message) {
+    if (message == nullptr) {
         APP_ERROR("LDA:receive lsm event=%d, msgp=NULL\n", event);
         return;
     }
@@ -212,22 +219,25 @@ void lda_lsm_event_handle(uint32_t event, void* message) {
 
 static void lda_lsm_chg_intf_mode(uint32_t ifx, uint32_t mode) {
     lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record)
+    if (record == nullptr) {
         return;
+    }
     record->mode = mode;
     APP_INFO("ifx=%d, mode=%d\n", ifx, mode);
 }
 
 void lda_lsm_bridge_event_handle(uint32_t event, void* message) {
     APP_INFO("event = %d\n", event);
-    if (event == LSM_EVENT_PORT_READY)
+    if (event == LSM_EVENT_PORT_READY) {
         return;
-    if (!message) {
+    }
+    if (message == nullptr) {
         APP_ERROR("LDA:receive lsm event=%d, msgp=NULL\n", event);
         return;
     }
-    if (event != LSM_EVENT_BRIDGE_LEAVE)
+    if (event != LSM_EVENT_BRIDGE_LEAVE) {
         return;
+    }
     const uint32_t ifx = static_cast<const uint32_t*>(message)[WORD_IFX];
     APP_INFO("LDA receive lsm bridge delete event %d, intf ifx=%d\n", event, ifx);
     lda_lsm_chg_intf_mode(ifx, SWPORT_MODE_NONE);
@@ -241,7 +251,7 @@ static void lda_vsl_convert_proc(uint32_t ifx, uint32_t state) {
     APP_WARN("VSL convert proc: ifx is %d , vsl stats is %d", ifx, state);
     if (state == VSL_REMOVED) {
         lda_intf_t* record = lda_add_intf(ifx);
-        if (!record) {
+        if (record == nullptr) {
             APP_ERROR("lda add intf ifx %d failed.", ifx);
             return;
         }
@@ -249,7 +259,7 @@ static void lda_vsl_convert_proc(uint32_t ifx, uint32_t state) {
         return;
     }
     lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record) {
+    if (record == nullptr) {
         APP_INFO("get loop failed, READD ifx=%d\n", ifx);
         return;
     }
@@ -280,15 +290,17 @@ static void remove_vsl_port(uint32_t ifx) {
 
 static void vsl_created(uint32_t ifx) {
     lda_vsl_convert_proc(ifx, VSL_CREATED);
-    if (lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED)
+    if (lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED) {
         remove_vsl_port(ifx);
-    else
+    } else {
         APP_INFO_AS("lda_lsm_layer_inline_handle", "loop-detect is not activated.");
+    }
 }
 
 void lda_lsm_layer_inline_handle(uint32_t event, void* message) {
-    if (!message)
+    if (message == nullptr) {
         return;
+    }
     APP_WARN("GET vsl information: %s",
              event == LSM_EVENT_VSL_CREATE ? "create vsl" : "remove vsl");
     if (!cli_ready) {
@@ -297,8 +309,9 @@ void lda_lsm_layer_inline_handle(uint32_t event, void* message) {
     }
     const auto* words = static_cast<const uint32_t*>(message);
     const lda_loop_guard guard;
-    if (event == LSM_EVENT_VSL_CREATE && words[WORD_LAYER_FLAGS] & LSM_LAYER_FLAG_VSL)
+    if (event == LSM_EVENT_VSL_CREATE && words[WORD_LAYER_FLAGS] & LSM_LAYER_FLAG_VSL) {
         vsl_created(words[WORD_IFX]);
-    else if (event == LSM_EVENT_VSL_REMOVE)
+    } else if (event == LSM_EVENT_VSL_REMOVE) {
         lda_vsl_convert_proc(words[WORD_IFX], VSL_REMOVED);
+    }
 }

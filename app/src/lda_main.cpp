@@ -66,35 +66,39 @@ static int finish() {
 
 int main() {
     const int rv = app_debug_init(module_name, "LDA");
-    if (rv != 0)
+    if (rv != 0) {
         return rv;
+    }
     app_public_instance instance = {};
     app_text_copy(instance.name, sizeof instance.name, module_name);
-    if (app_public_instance_init(&instance) != 0)
+    if (app_public_instance_init(&instance) != 0) {
         exit(1);
+    }
     signal(SIGPIPE, SIG_IGN);
 
     APP_INFO("LDA:qv_thread_master_create start.\n");
     g_lda_master = qv_thread_master_create();
-    if (!g_lda_master) {
+    if (g_lda_master == nullptr) {
         APP_ERROR("LDA: Failed to create thread master.\n");
         return finish();
     }
     APP_INFO("LDA:qv_thread_master_create end.\n");
     APP_INFO("qv_mom_client_init\n");
     g_lda_global = qv_mom_client_init("LDA", g_lda_master, g_lda_global);
-    if (!g_lda_global) {
+    if (g_lda_global == nullptr) {
         APP_ERROR("qv_mom_client_init fail!\n");
         return finish();
     }
     APP_INFO("qv_mom_client_init end\n");
 
-    if (!(g_flag & LDA_FLAG_NO_ROLE))
+    if (!(g_flag & LDA_FLAG_NO_ROLE)) {
         register_role();
+    }
     app_public_init_dead_detection(g_lda_master);
     APP_INFO("LDA:qv_thread_fetch start.\n");
-    while (qv_thread_fetch(g_lda_master, &g_thread))
+    while (qv_thread_fetch(g_lda_master, &g_thread) != nullptr) {
         qv_thread_call(&g_thread);
+    }
     return finish();
 }
 
@@ -102,8 +106,9 @@ int main() {
 
 static lda_loop_set_t* create_loop_set() {
     auto* set = static_cast<lda_loop_set_t*>(calloc(1, sizeof(lda_loop_set_t)));
-    if (!set)
+    if (set == nullptr) {
         return nullptr;
+    }
     pthread_mutexattr_t attribute;
     pthread_mutexattr_init(&attribute);
     pthread_mutexattr_settype(&attribute, PTHREAD_MUTEX_RECURSIVE);
@@ -116,11 +121,12 @@ static lda_loop_set_t* create_loop_set() {
 int lda_init(void) {
     g_lda_recover_time = {.time = LDA_RECOVER_TIME_DEFAULT_S, .enabled = 1, .spare = {0, 0, 0}};
     g_lda_loop_set = create_loop_set();
-    if (!g_lda_loop_set)
+    if (g_lda_loop_set == nullptr) {
         return -1;
+    }
     lda_list_init(&backup_node_list);
     g_lda_cli_msg_set = static_cast<lda_cli_msg_set_t*>(calloc(1, sizeof(lda_cli_msg_set_t)));
-    if (!g_lda_cli_msg_set) {
+    if (g_lda_cli_msg_set == nullptr) {
         // Kept on purpose: g_lda_loop_set stays dangling, the process ends next.
         pthread_mutex_destroy(&g_lda_loop_set->lock);
         free(g_lda_loop_set);
@@ -139,38 +145,46 @@ int lda_init(void) {
 }
 
 static void register_databases() {
-    if (lda_mom_cfg_db_reg_callback() != 0)
+    if (lda_mom_cfg_db_reg_callback() != 0) {
         start_up_failed("lda_mom_cfg_db_reg_callback fail!\n");
-    if (lda_mom_local_db_reg_callback() != 0)
+    }
+    if (lda_mom_local_db_reg_callback() != 0) {
         start_up_failed("lda_mom_local_db_reg_callback fail!\n");
-    if (lda_mom_app_db_reg_callback() != 0)
+    }
+    if (lda_mom_app_db_reg_callback() != 0) {
         start_up_failed("lda_mom_app_db_reg_callback fail!\n");
+    }
 }
 
 int hot_standby_callback(void) {
     APP_INFO("It Works! This function will run on master or on switch.\n");
     APP_INFO("LDA:lda_init start.\n");
-    if (lda_init() != 0)
+    if (lda_init() != 0) {
         start_up_failed("LDA: Failed to initialize list.\n");
+    }
     APP_INFO("LDA:lda_init end.\n");
 
     APP_INFO("LDA:lda_cli_init start.\n");
-    if (lda_cli_init() != 0)
+    if (lda_cli_init() != 0) {
         exit(-1);
+    }
     APP_INFO("LDA: register CLI success.\n");
     APP_INFO("LDA:lda_cli_init end.\n");
     pthread_t delivery;
-    if (pthread_create(&delivery, nullptr, lda_cli_msg_thread_init, nullptr) != 0)
+    if (pthread_create(&delivery, nullptr, lda_cli_msg_thread_init, nullptr) != 0) {
         exit(-1);
+    }
     lda_loop_policy_timer();
 
     APP_INFO("LDA:lda_lsm_init start.\n");
-    if (lda_lsm_init() != 0)
+    if (lda_lsm_init() != 0) {
         start_up_failed("LDA: Failed to register LSM.\n");
+    }
     APP_INFO("LDA: register LSM success.\n");
     APP_INFO("LDA:lda_lsm_init end.\n");
-    if (lda_bridge_init() != 0)
+    if (lda_bridge_init() != 0) {
         start_up_failed("LDA: Failed to register lda bridge client.\n");
+    }
     APP_INFO("LDA:lda_bridge_init end.\n");
 
     register_databases();
@@ -181,8 +195,10 @@ int hot_standby_callback(void) {
 // ---- Readiness ----
 
 void lda_try_notify_cli_ready(void) {
-    if (!mom_cfg_ready || !mom_local_ready || !mom_app_ready || !lsm_port_ready || !mom_storm_ready)
+    if (!mom_cfg_ready || !mom_local_ready || !mom_app_ready || !lsm_port_ready ||
+        !mom_storm_ready) {
         return;
+    }
     APP_INFO("cli ready");
     cli_client_ready();
 }
@@ -220,8 +236,9 @@ lda_intf_t* lda_loop_result_walk(lda_loop_visitor visitor, const uint32_t* argum
     for (lda_list_t* link = head->next; link != head; link = next) {
         next = link->next;  // the visitor may free its record
         auto* record = lda_list_record<lda_intf_t>(link);
-        if (visitor && visitor(record, argument))
+        if (visitor != nullptr && visitor(record, argument)) {
             return record;
+        }
     }
     return nullptr;
 }
@@ -240,8 +257,9 @@ int lda_pthread_cond_init(pthread_cond_t* cond) {
         return -1;
     }
     const int rv = pthread_cond_init(cond, &attribute);
-    if (rv != 0)
+    if (rv != 0) {
         APP_ERROR("pthread_cond_init error\n");
+    }
     pthread_condattr_destroy(&attribute);
     return rv == 0 ? 0 : -1;
 }
@@ -249,7 +267,7 @@ int lda_pthread_cond_init(pthread_cond_t* cond) {
 char* lda_make_path(const char* name) {
     static char path[64];
     const char* directory = getenv("TMPDIR");
-    app_text_copy(path, sizeof path, directory ? directory : "/tmp");
+    app_text_copy(path, sizeof path, directory != nullptr ? directory : "/tmp");
     app_text_append(path, sizeof path, name);
     return path;
 }

@@ -134,8 +134,9 @@ int lda_mom_app_db_reconnect(void*) {
         return 0;
     }
     // Connected before, and the replay is still to come: nothing was subscribed yet.
-    if (mom_app_ready)
+    if (mom_app_ready) {
         return 0;
+    }
     return app_session_up();
 }
 

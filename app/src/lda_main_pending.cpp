@@ -8,20 +8,23 @@
 lda_list_t backup_node_list;
 
 static lda_intf_t* find_pending(uint32_t ifx) {
-    for (lda_intf_t& node : lda_records<lda_intf_t>(&backup_node_list))
-        if (node.ifx == ifx)
+    for (lda_intf_t& node : lda_records<lda_intf_t>(&backup_node_list)) {
+        if (node.ifx == ifx) {
             return &node;
+        }
+    }
     return nullptr;
 }
 
 void lda_back_node_add(uint32_t ifx) {
-    if (find_pending(ifx)) {
+    if (find_pending(ifx) != nullptr) {
         APP_INFO("---backup_node_list have been added :ifx=%d\n", ifx);
         return;
     }
     auto* node = static_cast<lda_intf_t*>(calloc(1, sizeof(lda_intf_t)));
-    if (!node)
+    if (node == nullptr) {
         return;
+    }
     node->ifx = ifx;
     lda_intf_set_shutdown(node, 1);
     lda_loop_lock();
@@ -31,14 +34,15 @@ void lda_back_node_add(uint32_t ifx) {
 }
 
 int lda_back_node_lookup(uint32_t ifx) {
-    return find_pending(ifx) ? 1 : 0;
+    return find_pending(ifx) != nullptr ? 1 : 0;
 }
 
 void lda_back_node_del(uint32_t ifx) {
     const lda_loop_guard guard;
     lda_intf_t* node = find_pending(ifx);
-    if (!node)
+    if (node == nullptr) {
         return;
+    }
     lda_list_unlink(&node->link);
     free(node);
     APP_INFO("---LDA delete backup_node_list :ifx=%d\n", ifx);

@@ -12,13 +12,13 @@ lda_recover_time_t g_lda_recover_time;
 int32_t g_lda_clear_interval = 60;
 
 lda_intf_t lda_intf_copy(const lda_intf_t* record) {
-    constexpr size_t shared = offsetof(lda_intf_t, is_shutdown);
+    constexpr size_t AT = offsetof(lda_intf_t, is_shutdown);
     const auto* from = reinterpret_cast<const char*>(record);
     lda_intf_t copy;
     auto* to = reinterpret_cast<char*>(&copy);
-    memcpy(to, from, shared);
+    memcpy(to, from, AT);
     copy.is_shutdown = lda_intf_is_shutdown(record);
-    memcpy(to + shared + 1, from + shared + 1, sizeof copy - shared - 1);
+    memcpy(to + AT + 1, from + AT + 1, sizeof copy - AT - 1);
     return copy;
 }
 
@@ -31,10 +31,12 @@ uint32_t lda_loop_detect_ptype_get(void) {
 }
 
 bool lda_policy_shuts_mode(uint32_t policy, uint32_t mode) {
-    if (mode == SWPORT_MODE_ACCESS)
+    if (mode == SWPORT_MODE_ACCESS) {
         return policy == LDA_POLICY_SHUT_ACCESS || policy == LDA_POLICY_SHUT_ACCESS_HYBRID;
-    if (mode == SWPORT_MODE_HYBRID)
+    }
+    if (mode == SWPORT_MODE_HYBRID) {
         return policy == LDA_POLICY_SHUT_HYBRID || policy == LDA_POLICY_SHUT_ACCESS_HYBRID;
+    }
     return false;
 }
 
@@ -75,10 +77,12 @@ int lda_all_loop_result_get(lda_loop_result_t* array) {
     }
     int num = 0;
     for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
-        if (num == LDA_LOOP_MAX)
+        if (num == LDA_LOOP_MAX) {
             break;
-        if (!record.total_result)
+        }
+        if (!record.total_result) {
             continue;
+        }
         fill_snapshot(&array[num], &record);
         num++;
         APP_INFO("num=%d, is_shutdown=%d", num, array[num - 1].is_shutdown);

@@ -16,7 +16,7 @@ int lda_nc_mom_reg_subscribe(void) {
 
 void send_mom_publish_result(const PMng__UiOperate* request, int32_t result) {
     PMng__UiIndex index = P_MNG__UI_INDEX__INIT;
-    if (request->index) {
+    if (request->index != nullptr) {
         index.publisher = request->index->publisher;
         index.type = request->index->type;
         index.oid = request->index->oid;
@@ -27,8 +27,9 @@ void send_mom_publish_result(const PMng__UiOperate* request, int32_t result) {
     answer.index = &index;
     answer.rst = &outcome;
     answer.src = request->src;
-    if (qv_mom_publish(g_lda_global, QV_MOM_LOCAL_DB, &answer.base, 0, 0) != 0)
+    if (qv_mom_publish(g_lda_global, QV_MOM_LOCAL_DB, &answer.base, 0, 0) != 0) {
         APP_ERROR("mom publish err");
+    }
 }
 
 static void apply_policy(uint32_t policy) {
@@ -68,7 +69,7 @@ static int32_t execute_request(int32_t type, uint32_t policy) {
 }
 
 int lda_nc_msg_policy(qv_mom_client* client, const qv_mom_msg* message) {
-    if (!client || !message) {
+    if (client == nullptr || message == nullptr) {
         APP_ERROR("global[%p] mom_msg[%p]", static_cast<const void*>(client),
                   static_cast<const void*>(message));
         return -1;
@@ -79,15 +80,15 @@ int lda_nc_msg_policy(qv_mom_client* client, const qv_mom_msg* message) {
         return 0;
     }
     const auto* request = reinterpret_cast<const PApp__LdaNcPolicy*>(message->value);
-    if (!request) {
+    if (request == nullptr) {
         APP_ERROR("value is null err!");
         return -1;
     }
     APP_INFO("loop_policy_cli[%d]", request->loop_policy_cli);
     // A request that leaves out who asks, or the operation's index, is one of type 0 from nobody.
     const PMng__UiOperate nobody = P_MNG__UI_OPERATE__INIT;
-    const PMng__UiOperate* requester = request->rst ? request->rst : &nobody;
-    const int32_t type = requester->index ? requester->index->type : 0;
+    const PMng__UiOperate* requester = request->rst != nullptr ? request->rst : &nobody;
+    const int32_t type = requester->index != nullptr ? requester->index->type : 0;
     send_mom_publish_result(requester, execute_request(type, request->loop_policy_cli));
     return 0;
 }

@@ -27,9 +27,11 @@ static char* leaf_path(const char* interface, const char* leaf) {
 
 // Sends the leaves unless one of them has no path. 0 when they went out.
 static int send_leaves(const nc_lib_leaf* leaves) {
-    for (size_t i = 0; i < NOTIFY_LEAVES; i++)
-        if (!leaves[i].path)
+    for (size_t i = 0; i < NOTIFY_LEAVES; i++) {
+        if (leaves[i].path == nullptr) {
             return -1;
+        }
+    }
     return nc_lib_notification_send(g_lda_global, leaves, NOTIFY_LEAVES, 0);
 }
 
@@ -41,13 +43,15 @@ int lda_send_info_ntf(const lda_notify_t* record) {
         {leaf_path(record->name, "policy"), NC_LIB_TYPE_UINT32, record->policy},
         {leaf_path(record->name, "src-port"), NC_LIB_TYPE_INT32, record->src_port},
     };
-    if (send_leaves(leaves) != 0)
+    if (send_leaves(leaves) != 0) {
         APP_ERROR("send loop-detect state ERR");
-    else
+    } else {
         APP_INFO("send loop-detect state, name[%s] notify_type[%d] vid[%d] policy[%d] src-port[%d]",
                  record->name, record->notify_type, record->vid, record->policy, record->src_port);
-    for (const nc_lib_leaf& leaf : leaves)
+    }
+    for (const nc_lib_leaf& leaf : leaves) {
         free(const_cast<char*>(leaf.path));
+    }
     return 0;
 }
 
@@ -59,7 +63,7 @@ int lda_mom_set_loop_entry(lda_intf_t* record) {
     index.name = record->name;
     entry.index = &index;
     entry.policy = lda_intf_policy_get(record);
-    entry.src_port = lda_mode_is_shuttable(record->mode);
+    entry.src_port = lda_mode_is_shuttable(record->mode) ? 1 : 0;
     APP_INFO("set loop entry: name=%s, policy=%d,is_src=%d\n", record->name, entry.policy,
              entry.src_port);
     if (qv_mom_set(g_lda_global, QV_MOM_APP_DB, &entry.base, 0, 0) != 0) {

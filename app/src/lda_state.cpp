@@ -42,24 +42,29 @@ static constexpr uint32_t RECOVERY_TICK_S = 10;
 static lda_list_t deleted_records = {&deleted_records, &deleted_records};
 
 void lda_intf_release(lda_intf_t* record) {
-    if (record->clear_timer)
+    if (record->clear_timer != nullptr) {
         lda_list_add_tail(&deleted_records, &record->link);
-    else
+    } else {
         free(record);
+    }
 }
 
 static bool is_deleted(const lda_intf_t* record) {
-    for (const lda_intf_t& deleted : lda_records<lda_intf_t>(&deleted_records))
-        if (&deleted == record)
+    for (const lda_intf_t& deleted : lda_records<lda_intf_t>(&deleted_records)) {
+        if (&deleted == record) {
             return true;
+        }
+    }
     return false;
 }
 
 // Whether a port with this name is in the loop table.
 static bool name_loops(const char* name) {
-    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
-        if (record.total_result && strcmp(record.name, name) == 0)
+    for (const lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
+        if (record.total_result && strcmp(record.name, name) == 0) {
             return true;
+        }
+    }
     return false;
 }
 
@@ -67,21 +72,25 @@ static bool name_loops(const char* name) {
 
 // The result byte of a source, or null for a number that is none.
 static uint8_t* source_result(lda_intf_t* record, uint32_t source) {
-    if (source == LDA_SOURCE_TARN)
+    if (source == LDA_SOURCE_TARN) {
         return &record->tarn_result;
+    }
     return source == LDA_SOURCE_STORM ? &record->storm_result : nullptr;
 }
 
 void lda_loop_result_set(uint32_t source, uint8_t result, uint32_t ifx) {
     lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record)
+    if (record == nullptr) {
         return;
+    }
     uint8_t* stored = source_result(record, source);
-    if (!stored)
+    if (stored == nullptr) {
         return;
+    }
     if (*stored == result) {
-        if (result == 0)
+        if (result == 0) {
             return;
+        }
         APP_INFO("IN LOOP STATE, LOOP AGAIN, SEND THE SHUTDOWN FORCE, DON'T Notify!!");
         lda_loop_exec_policy(record, true);
         return;
@@ -105,8 +114,9 @@ int lda_loop_result_set_for_storm(const storm_loop_msg* report) {
 void lda_loop_exec_policy(lda_intf_t* record, bool again) {
     const uint32_t policy = lda_loop_detect_ptype_get();
     APP_INFO("ifx=%d, type=%d, mode=%d", record->ifx, policy, record->mode);
-    if (!lda_policy_shuts_mode(policy, record->mode))
+    if (!lda_policy_shuts_mode(policy, record->mode)) {
         return;
+    }
     if (again) {
         lda_intf_set_shutdown(record, 1);
         lda_send_shutcmd(record->ifx, 1, record);
@@ -118,11 +128,12 @@ void lda_loop_exec_policy(lda_intf_t* record, bool again) {
 
 int lda_cli_intf_shutdown_by_lda_cmd(uint32_t ifx, uint8_t shutdown) {
     lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record) {
-        if (shutdown == 1)
+    if (record == nullptr) {
+        if (shutdown == 1) {
             lda_back_node_add(ifx);
-        else
+        } else {
             lda_back_node_del(ifx);
+        }
         return -1;
     }
     lda_intf_t proposed = lda_intf_copy(record);
@@ -135,9 +146,10 @@ int lda_cli_intf_shutdown_by_lda_cmd(uint32_t ifx, uint8_t shutdown) {
 
 // Whether the new loop state or mode is to be notified when the shut-down flag stays as it is.
 static bool notifies_without_shut_change(const lda_intf_t* current, const lda_intf_t* proposed) {
-    if (current->total_result != proposed->total_result)
+    if (current->total_result != proposed->total_result) {
         return true;
-    return proposed->total_result &&
+    }
+    return proposed->total_result != 0 &&
            lda_mode_is_shuttable(current->mode) != lda_mode_is_shuttable(proposed->mode);
 }
 
@@ -162,25 +174,28 @@ int lda_intf_ret_proc(lda_intf_t* current, lda_intf_t* proposed) {
         // Kept on purpose: the handle is dropped, its timer is not cancelled.
         current->shutdown_timer = nullptr;
     }
-    if (act_notify)
+    if (act_notify) {
         lda_loop_result_send_ntf(proposed->total_result ? LDA_NOTIFY_LOOP : LDA_NOTIFY_CLEAR,
                                  current);
+    }
     return 1;
 }
 
 // ---- The loop table ----
 
 static void cancel_timer(qv_thread** timer) {
-    if (!*timer)
+    if (*timer == nullptr) {
         return;
+    }
     qv_thread_cancel(*timer);
     *timer = nullptr;
 }
 
 void lda_loop_result_add(lda_intf_t* record) {
     cancel_timer(&record->clear_timer);  // a fresh loop revokes a pending clear
-    if (record->total_result)
+    if (record->total_result) {
         return;
+    }
     if (g_lda_loop_set->loop_num >= LDA_LOOP_MAX) {
         printk_syslog_ext(SYSLOG_SEVERITY_WARNING, "LDA", "LOOP_LIMIT",
                           "The number of loop_detect_result is out of limit.");
@@ -197,16 +212,18 @@ void lda_loop_result_add(lda_intf_t* record) {
 
 void lda_clear_loop_timer(lda_intf_t* record) {
     if (record->tarn_result || record->storm_result || lda_intf_is_shutdown(record) ||
-        record->clear_timer)
+        record->clear_timer != nullptr) {
         return;
+    }
     record->clear_timer =
         qv_thread_add_timer(g_lda_master, lda_intf_loop_clear, record, g_lda_clear_interval);
-    if (!record->clear_timer)
+    if (record->clear_timer == nullptr) {
         APP_ERROR("LDA add qv_thread timer failed.");
+    }
 }
 
 int lda_intf_loop_clear(qv_thread* timer) {
-    if (!timer || !timer->arg) {
+    if (timer == nullptr || timer->arg == nullptr) {
         APP_ERROR("Parameter error.");
         return -1;
     }
@@ -237,8 +254,10 @@ int lda_intf_loop_clear(qv_thread* timer) {
 
 void lda_loop_policy_timer(void) {
     // Kept on purpose: nothing tries again, so the tick before this one was the last.
-    if (!qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S))
+    if (qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S) ==
+        nullptr) {
         APP_ERROR("LDA add qv_thread timer failed.");
+    }
 }
 
 // Counts one tick of a port that is held shut down, and recovers it when its time is up.
@@ -254,15 +273,17 @@ static void tick_record(lda_intf_t* record, uint32_t recover_time) {
 }
 
 int lda_intf_shutdown_timer_call(qv_thread* timer) {
-    if (!timer) {
+    if (timer == nullptr) {
         APP_ERROR("Parameter error.");
         return -1;
     }
     const uint32_t recover_time = lda_cli_recover_time_get();
     APP_DEBUG("enter time=%d", recover_time);
-    for (lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
-        if (lda_intf_is_shutdown(&record) == 1)
+    for (lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
+        if (lda_intf_is_shutdown(&record) == 1) {
             tick_record(&record, recover_time);
+        }
+    }
     lda_loop_policy_timer();
     return 0;
 }
@@ -270,8 +291,9 @@ int lda_intf_shutdown_timer_call(qv_thread* timer) {
 void lda_intf_recovery_refused(uint32_t ifx) {
     const lda_loop_guard guard;
     lda_intf_t* record = lda_loop_result_get(ifx);
-    if (!record)
+    if (record == nullptr) {
         return;
+    }
     lda_intf_set_shutdown(record, 1);
     APP_INFO_AS("cli_exec_shutdown", "revert no shtudown, force notify");
     cli_client_c2p_reform();
@@ -298,11 +320,13 @@ static void clear_record(lda_intf_t* record) {
 }
 
 void lda_all_loop_result_clear(void) {
-    for (lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list))
+    for (lda_intf_t& record : lda_records<lda_intf_t>(&g_lda_loop_set->list)) {
         clear_record(&record);
+    }
     // The count goes to 0 for deleted records too: their timers must not subtract from it again.
-    for (lda_intf_t& record : lda_records<lda_intf_t>(&deleted_records))
+    for (lda_intf_t& record : lda_records<lda_intf_t>(&deleted_records)) {
         record.total_result = 0;
+    }
     g_lda_loop_set->loop_num = 0;
     g_lda_loop_set->policy = LDA_POLICY_DISABLED;
 }
@@ -313,8 +337,9 @@ void lda_intf_policy_chg_proc(const lda_cli_msg_t* message) {
 
 uint32_t lda_intf_policy_chg_cbk(lda_intf_t* record, const uint32_t* message) {
     const auto* change = reinterpret_cast<const lda_cli_msg_t*>(message);
-    if (record->ifx != change->ifx)
+    if (record->ifx != change->ifx) {
         return 0;
+    }
     const uint8_t old_flag = lda_intf_is_shutdown(record);
     APP_INFO("ifx=%d,old_shutdown=%d, new_shutdown=%d", record->ifx, old_flag, change->shutdown);
     if (record->total_result && old_flag != change->shutdown) {
@@ -336,5 +361,5 @@ void lda_intf_loop_del(lda_intf_t* record) {
 }
 
 int lda_intf_shutdownable(uint32_t flag) {
-    return lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED || flag == 0;
+    return lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED || flag == 0 ? 1 : 0;
 }

@@ -30,7 +30,7 @@ static void scan_existing_reports() {
 }
 
 int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* message) {
-    if (!client || !message) {
+    if (client == nullptr || message == nullptr) {
         APP_ERROR("global[%p] mom_msg[%p]", static_cast<const void*>(client),
                   static_cast<const void*>(message));
         return -1;
@@ -41,10 +41,11 @@ int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* mes
         scan_existing_reports();
         return 0;
     }
-    if (message->oper == QV_MOM_OPER_DELETE)
+    if (message->oper == QV_MOM_OPER_DELETE) {
         return 0;
+    }
     const auto* report = reinterpret_cast<const PBridge__TarnLoopInfo*>(message->value);
-    if (!report || !report->index) {
+    if (report == nullptr || report->index == nullptr) {
         APP_ERROR("value is null err!");
         return -1;
     }
@@ -56,8 +57,9 @@ int lda_tarn_mom_subscribe_callback(qv_mom_client* client, const qv_mom_msg* mes
     }
     const uint8_t result = report->is_loop != 0 ? 1 : 0;
     lda_loop_result_set(LDA_SOURCE_TARN, result, report->index->ifx);
-    if (report->src_ifx == report->index->ifx)
+    if (report->src_ifx == report->index->ifx) {
         return 0;
+    }
     lda_loop_result_set(LDA_SOURCE_TARN, result, report->src_ifx);
     APP_INFO("lda_loop_result_set src loop");
     return 0;

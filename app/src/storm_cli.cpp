@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "app_cli_nodes.h"
 #include "app_debug.h"
 #include "lda_cli.h"
 #include "storm_detect.h"
@@ -22,30 +23,28 @@ lda_index<storm_ifx_info> g_libstorm_index;
 lda_index<storm_rate_info> g_libstorm_rate_index;
 lda_index<storm_port_info> storm_port_index;
 
-namespace {
-
 // The port manager's configuration event that takes an interface out. It shares its number with the
 // LSM's default event and is another thing.
-constexpr uint32_t kConfigEventRemove = 2;
+static constexpr uint32_t CONFIG_EVENT_REMOVE = 2;
 
-constexpr uint32_t kRateSlot = 0;
-constexpr uint32_t kBurstSlot = 1;
+static constexpr uint32_t RATE_SLOT = 0;
+static constexpr uint32_t BURST_SLOT = 1;
 
-class StormLock {
+class storm_guard {
  public:
-    StormLock() { pthread_mutex_lock(&g_libstorm_mutex); }
-    ~StormLock() { pthread_mutex_unlock(&g_libstorm_mutex); }
-    StormLock(const StormLock&) = delete;
-    StormLock& operator=(const StormLock&) = delete;
+    storm_guard() { pthread_mutex_lock(&g_libstorm_mutex); }
+    ~storm_guard() { pthread_mutex_unlock(&g_libstorm_mutex); }
+    storm_guard(const storm_guard&) = delete;
+    storm_guard& operator=(const storm_guard&) = delete;
 };
 
-bool is_default_rate(uint32_t rate, uint32_t burst) {
+static bool is_default_rate(uint32_t rate, uint32_t burst) {
     return burst == STORM_DEFAULT_BURST && rate == g_pps_value;
 }
 
 // A change of a setting that exists.
-void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32_t burst,
-                      bool set) {
+static void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32_t burst,
+                             bool set) {
     const uint32_t ifx = info->ifx;
     if (!set) {
         g_libstorm_rate_index.drop(info);
@@ -69,7 +68,7 @@ void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32
 }
 
 // A new setting, also one that equals the defaults. False without memory.
-bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst) {
+static bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst) {
     storm_rate_info* info = g_libstorm_rate_index.add(&g_libstorm_rate_head, ifx);
     if (info == nullptr) {
         return false;
@@ -80,22 +79,12 @@ bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst) {
     return true;
 }
 
-bool is_generating(const cli_pcdb* pcdb) {
-    return (pcdb->flags & CLI_FLAGS_GENERATING) != 0;
-}
-
-bool has_prefix(const cli_pcdb* pcdb) {
-    return (pcdb->prefix & (CLI_PREFIX_NO | CLI_PREFIX_DEFAULT)) != 0;
-}
-
-}  // namespace
-
 storm_rate_info* storm_find_rate(uint32_t ifx) {
     return g_libstorm_rate_index.find(ifx);
 }
 
 void storm_set(uint32_t ifx, bool enable) {
-    const StormLock lock;
+    const storm_guard lock;
     storm_rate_info* rate_info = storm_find_rate(ifx);
     storm_ifx_info* ifx_info = g_libstorm_index.find(ifx);
     if (ifx_info != nullptr) {
@@ -126,7 +115,7 @@ void storm_set(uint32_t ifx, bool enable) {
 }
 
 void storm_set_burst_limit(uint32_t ifx, uint32_t rate, uint32_t burst, bool set) {
-    const StormLock lock;
+    const storm_guard lock;
     storm_rate_info* rate_info = storm_find_rate(ifx);
     const bool enabled = g_libstorm_index.find(ifx) != nullptr;
     if (rate_info != nullptr) {
@@ -151,7 +140,7 @@ void storm_set_burst_limit(uint32_t ifx, uint32_t rate, uint32_t burst, bool set
 void storm_del_list(uint32_t ifx) {
     APP_INFO("enter ifx %d", ifx);
     {
-        const StormLock lock;
+        const storm_guard lock;
         if (storm_ifx_info* info = g_libstorm_index.find(ifx); info != nullptr) {
             g_libstorm_index.drop(info);
             APP_INFO("release storm_ifx_info");
@@ -169,13 +158,13 @@ void libp_policy_std_lsm_msg_handler(uint32_t event, void* msg) {
         printf("std:receive lsm event=%d, msgp=NULL\n", event);
         return;
     }
-    if (event != kConfigEventRemove) {
+    if (event != CONFIG_EVENT_REMOVE) {
         return;
     }
     uint32_t ifx;
     memcpy(&ifx, msg, sizeof(ifx));
     storm_set_burst_limit(ifx, 0, 0, false);
-    const StormLock lock;
+    const storm_guard lock;
     if (storm_ifx_info* info = g_libstorm_index.find(ifx); info != nullptr) {
         g_libstorm_index.drop(info);
         storm_set_rate_burst(ifx, 0, 0, false);
@@ -184,25 +173,26 @@ void libp_policy_std_lsm_msg_handler(uint32_t event, void* msg) {
 
 int cfg_port_enable_storm(cli_pcdb* pcdb) {
     const auto ifx = static_cast<uint32_t>(pcdb->ifx);
-    if (is_generating(pcdb)) {
-        const StormLock lock;
+    if (app_cli_is_generating(pcdb)) {
+        const storm_guard lock;
         if (g_libstorm_index.find(ifx) != nullptr) {
             c2p_printf(pcdb, 1, "storm-loop-detect enable");
         }
         return 0;
     }
-    storm_set(ifx, !has_prefix(pcdb));
+    storm_set(ifx, !app_cli_has_prefix(pcdb));
     return 0;
 }
 
 int cfg_port_set_storm_burst_limit(cli_pcdb* pcdb) {
     const auto ifx = static_cast<uint32_t>(pcdb->ifx);
-    if (!is_generating(pcdb)) {
-        storm_set_burst_limit(ifx, static_cast<uint32_t>(pcdb->number[kRateSlot]),
-                              static_cast<uint32_t>(pcdb->number[kBurstSlot]), !has_prefix(pcdb));
+    if (!app_cli_is_generating(pcdb)) {
+        storm_set_burst_limit(ifx, static_cast<uint32_t>(pcdb->number[RATE_SLOT]),
+                              static_cast<uint32_t>(pcdb->number[BURST_SLOT]),
+                              !app_cli_has_prefix(pcdb));
         return 0;
     }
-    const StormLock lock;
+    const storm_guard lock;
     const storm_rate_info* info = storm_find_rate(ifx);
     if (info == nullptr) {
         return 0;

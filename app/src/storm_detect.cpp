@@ -23,22 +23,20 @@ fp_udp_acl_handler g_storm_udp_handler;
 const fp_udp_mgr* storm_udp_mgr;
 storm_opt_statics std_opt_statics;
 
-namespace {
+static constexpr char CLIENT_NAME[] = "LDA";
+static constexpr char CAPABILITY_KEY[] = "p_cmps_sln/lda/storm_dct_ratelimit/default_value";
 
-constexpr char kClientName[] = "LDA";
-constexpr char kCapabilityKey[] = "p_cmps_sln/lda/storm_dct_ratelimit/default_value";
+static constexpr uint32_t LOOP_POLLS = 3;     // in a row over the rate
+static constexpr uint32_t UNLOOP_POLLS = 10;  // counted while in loop
+static constexpr int32_t REPEAT_POLLS = 22;   // about 90 seconds
 
-constexpr uint32_t kLoopPolls = 3;     // in a row over the rate
-constexpr uint32_t kUnloopPolls = 10;  // counted while in loop
-constexpr int32_t kRepeatPolls = 22;   // about 90 seconds
-
-int arm_poll_timer() {
+static int arm_poll_timer() {
     return qv_thread_insert_timer(g_storm_master, &g_storm_thread, storm_deal_counter_timeout,
                                   nullptr, STORM_POLL_PERIOD_S, "loop_check");
 }
 
 // Opens the session with database 8; the first failure ends the registration.
-void storm_mom_udp_db_reg_callback() {
+static void storm_mom_udp_db_reg_callback() {
     APP_INFO("QV_MOM_APP_DB reg start\n");
     int rv = qv_mom_client_connect(g_storm_global, QV_MOM_FP_DB, storm_mom_udp_db_connect, nullptr);
     if (rv != 0) {
@@ -60,8 +58,6 @@ void storm_mom_udp_db_reg_callback() {
     }
     APP_INFO("QV_MOM_APP_DB reg end\n");
 }
-
-}  // namespace
 
 // ---- Start-up ----
 
@@ -92,23 +88,23 @@ int storm_init(qv_thread_master* master, qv_mom_client* client, storm_notify_msg
 }
 
 void std_load_cap_value(void) {
-    int rv = libqv_cap_init(kClientName, kCapabilityKey);
+    int rv = libqv_cap_init(CLIENT_NAME, CAPABILITY_KEY);
     if (rv != 0) {
         APP_ERROR("libqv_cap_init, failed rv %d", rv);
         return;
     }
     int32_t value = -1;
-    rv = libqv_cap_get_capacity_int32(kClientName, kCapabilityKey, &value, -1);
+    rv = libqv_cap_get_capacity_int32(CLIENT_NAME, CAPABILITY_KEY, &value, -1);
     if (rv == 0 && value >= 0) {
         g_pps_value = static_cast<uint32_t>(value);
     }
-    APP_INFO("url %s, value %d", kCapabilityKey, g_pps_value);
+    APP_INFO("url %s, value %d", CAPABILITY_KEY, g_pps_value);
 }
 
 int storm_mom_udp_db_connect(void* arg) {
     APP_INFO("storm_mom_local_db_connect\n");
     fp_udp_register_app_type(STORM_APP_NAME);
-    fp_udp_cgst_register(g_storm_global, QV_MOM_FP_DB, kClientName);
+    fp_udp_cgst_register(g_storm_global, QV_MOM_FP_DB, CLIENT_NAME);
     fp_udp_register_acl_handler(g_storm_global, QV_MOM_FP_DB, &g_storm_udp_handler);
     storm_udp_mgr = fp_udp_get_mgr();
     storm_fp_expire_add(arg);
@@ -194,21 +190,19 @@ int storm_deal_counter_timeout(qv_thread*) {
     return 0;
 }
 
-namespace {
-
 // Totals of one poll.
-struct PollTotals {
+struct poll_totals {
     int64_t old_packets;
     int64_t new_packets;
     int64_t old_bytes;
     int64_t new_bytes;
 };
 
-PollTotals take_totals(storm_port_info* info) {
-    const PollTotals totals = {.old_packets = info->packet_count,
-                               .new_packets = static_cast<int64_t>(info->cur_packet_count),
-                               .old_bytes = info->byte_count,
-                               .new_bytes = static_cast<int64_t>(info->cur_byte_count)};
+static poll_totals take_totals(storm_port_info* info) {
+    const poll_totals totals = {.old_packets = info->packet_count,
+                                .new_packets = static_cast<int64_t>(info->cur_packet_count),
+                                .old_bytes = info->byte_count,
+                                .new_bytes = static_cast<int64_t>(info->cur_byte_count)};
     info->packet_count = totals.new_packets;
     info->byte_count = totals.new_bytes;
     ++std_opt_statics.get_cnt_times;
@@ -216,7 +210,7 @@ PollTotals take_totals(storm_port_info* info) {
 }
 
 // The configured rate decides, not the one that the rule was installed with.
-uint32_t judged_rate(uint32_t phyid) {
+static uint32_t judged_rate(uint32_t phyid) {
     uint32_t ifx = 0;
     if (libddm_get_ifx_by_phyid(phyid, &ifx) != 0) {
         return g_pps_value;
@@ -226,7 +220,7 @@ uint32_t judged_rate(uint32_t phyid) {
 }
 
 // Kept on purpose: the threshold is a 32-bit product and wraps for rates of 2^30 and more.
-bool is_over_rate(const PollTotals& totals, uint32_t rate) {
+static bool is_over_rate(const poll_totals& totals, uint32_t rate) {
     const uint64_t packets =
         static_cast<uint64_t>(totals.new_packets) - static_cast<uint64_t>(totals.old_packets);
     const uint32_t threshold = rate * static_cast<uint32_t>(STORM_POLL_PERIOD_S);
@@ -235,7 +229,7 @@ bool is_over_rate(const PollTotals& totals, uint32_t rate) {
 
 // Hands the verdict of a record on. False when the record has been dropped meanwhile: whoever is
 // notified may take any port out of detection.
-bool notify_verdict(storm_port_info* info) {
+static bool notify_verdict(storm_port_info* info) {
     const uint32_t phyid = info->phyid;
     storm_loop_msg msg;
     storm_notify_lda(&msg, info);
@@ -243,14 +237,14 @@ bool notify_verdict(storm_port_info* info) {
 }
 
 // The third poll in a row over the rate. False when the record has been dropped.
-bool enter_loop(storm_port_info* info, const PollTotals& totals) {
-    constexpr char kFunction[] = "storm_deal_counter";
-    APP_INFO_AS(kFunction, "***the time poll = %d", info->timer_notify);
-    APP_INFO_AS(kFunction, "[phyid = %x] old packet_count = %ld, new packet_count = %ld",
+static bool enter_loop(storm_port_info* info, const poll_totals& totals) {
+    constexpr char OPERATION[] = "storm_deal_counter";
+    APP_INFO_AS(OPERATION, "***the time poll = %d", info->timer_notify);
+    APP_INFO_AS(OPERATION, "[phyid = %x] old packet_count = %ld, new packet_count = %ld",
                 info->phyid, totals.old_packets, totals.new_packets);
-    APP_INFO_AS(kFunction, "[phyid = %x] old byte_count = %ld, new byte_count = %ld", info->phyid,
+    APP_INFO_AS(OPERATION, "[phyid = %x] old byte_count = %ld, new byte_count = %ld", info->phyid,
                 totals.old_bytes, totals.new_bytes);
-    APP_INFO_AS(kFunction, "!!!!!!! phyid = %x notity to lda loop ", info->phyid);
+    APP_INFO_AS(OPERATION, "!!!!!!! phyid = %x notity to lda loop ", info->phyid);
     info->is_loop = 1;
     ++std_opt_statics.notify_loop_times;
     return notify_verdict(info);
@@ -259,28 +253,28 @@ bool enter_loop(storm_port_info* info, const PollTotals& totals) {
 // One poll of a record in loop: repeats the verdict once a cycle, and counts towards its end.
 // Kept on purpose: one or two polls over the rate count towards the end like quiet ones; only a run
 // of three starts the count again.
-void poll_in_loop(storm_port_info* info) {
-    constexpr char kFunction[] = "storm_deal_counter";
-    if (info->timer_notify == kRepeatPolls) {
-        APP_INFO_AS(kFunction, "!!!!!!! 90s notity to lda loop phyid = %x", info->phyid);
+static void poll_in_loop(storm_port_info* info) {
+    constexpr char OPERATION[] = "storm_deal_counter";
+    if (info->timer_notify == REPEAT_POLLS) {
+        APP_INFO_AS(OPERATION, "!!!!!!! 90s notity to lda loop phyid = %x", info->phyid);
         ++std_opt_statics.fix_notify_times;
         if (!notify_verdict(info)) {
             return;
         }
         // The engine may have changed the record meanwhile.
-        if (info->timer_notify == kRepeatPolls) {
+        if (info->timer_notify == REPEAT_POLLS) {
             info->timer_notify = 0;
         }
     }
     if (info->is_loop == 0) {
         return;
     }
-    if (info->flow_over_times >= kLoopPolls) {
+    if (info->flow_over_times >= LOOP_POLLS) {
         info->unloop_times = 0;
         return;
     }
-    if (++info->unloop_times == kUnloopPolls) {
-        APP_INFO_AS(kFunction, "!!!!! phyid = %x notity to lda loop remove", info->phyid);
+    if (++info->unloop_times == UNLOOP_POLLS) {
+        APP_INFO_AS(OPERATION, "!!!!! phyid = %x notity to lda loop remove", info->phyid);
         info->unloop_times = 0;
         info->is_loop = 0;
         ++std_opt_statics.notify_unloop_times;
@@ -288,10 +282,8 @@ void poll_in_loop(storm_port_info* info) {
     }
 }
 
-}  // namespace
-
 void storm_deal_counter(storm_port_info* info) {
-    const PollTotals totals = take_totals(info);
+    const poll_totals totals = take_totals(info);
     APP_DEBUG("***the time poll = %d", info->timer_notify);
     APP_DEBUG("[phyid = %x] old packet_count = %ld, new packet_count = %ld", info->phyid,
               totals.old_packets, totals.new_packets);
@@ -302,7 +294,7 @@ void storm_deal_counter(storm_port_info* info) {
         ++info->timer_notify;
         ++std_opt_statics.flow_over_times;
         // Exactly three: a storm that lasts is reported once.
-        if (info->flow_over_times == kLoopPolls && info->is_loop == 0 &&
+        if (info->flow_over_times == LOOP_POLLS && info->is_loop == 0 &&
             !enter_loop(info, totals)) {
             return;
         }
@@ -313,7 +305,7 @@ void storm_deal_counter(storm_port_info* info) {
     }
     if (info->is_loop == 1) {
         poll_in_loop(info);
-    } else if (info->timer_notify == kRepeatPolls) {
+    } else if (info->timer_notify == REPEAT_POLLS) {
         info->timer_notify = 0;
     }
 }

@@ -17,7 +17,7 @@ const cli_node Texec_app_dbg_storm_detect_eol = {eol_action, &Sexec_app_dbg_stor
                                                  nullptr, &Tno_alt, nullptr};
 
 int app_cli_storm_detect(cli_pcdb* pcdb) {
-    if ((pcdb->flags & CLI_FLAG_HELP) != 0) {
+    if (app_cli_is_help(pcdb)) {
         return 0;
     }
     cli_printf(
@@ -55,15 +55,15 @@ void storm_dump_all_port_info(void) {
 }
 
 void storm_dump_all_cnt(void) {
-    constexpr char kStars[] = "\n*******************************************";
-    puts(kStars);
+    constexpr char STARS[] = "\n*******************************************";
+    puts(STARS);
     printf("flow_over_times = %u \n", std_opt_statics.flow_over_times);
     printf("get_cnt_times = %ld \n", std_opt_statics.get_cnt_times);
     printf("get_fail_times = %ld \n", std_opt_statics.get_fail_times);
     printf("notify_loop_times = %ld \n", std_opt_statics.notify_loop_times);
     printf("notify_unloop_times = %ld\n", std_opt_statics.notify_unloop_times);
     printf("fix_notify_times = %u \n", std_opt_statics.fix_notify_times);
-    puts(kStars);
+    puts(STARS);
 }
 
 int storm_get_ifx_by_phyid(uint32_t phyid, uint32_t* ifx, char* name) {

@@ -11,18 +11,16 @@
 #include "app_debug.h"
 #include "storm_detect.h"
 
-namespace {
+static constexpr uint32_t MPLS_ACL_ID = 0;
+static constexpr uint32_t MPLS_PORT = 0;
+static constexpr uint16_t ETYPE_MPLS = 0x8847;
+static constexpr uint32_t ENTRY_INDEX = 0;  // every ACL here has one entry
 
-constexpr uint32_t kMplsAclId = 0;
-constexpr uint32_t kMplsPort = 0;
-constexpr uint16_t kEtypeMpls = 0x8847;
-constexpr uint32_t kEntryIndex = 0;  // every ACL here has one entry
+static constexpr size_t METER_BYTES = 48;
+static constexpr size_t METER_BURST_OFFSET = 24;
+static constexpr size_t L3_UC_BYTES = 8;
 
-constexpr size_t kMeterBytes = 48;
-constexpr size_t kMeterBurstOffset = 24;
-constexpr size_t kL3UcBytes = 8;
-
-fp_acl_key acl_key_of(uint32_t acl_id, uint32_t flags) {
+static fp_acl_key acl_key_of(uint32_t acl_id, uint32_t flags) {
     fp_acl_key key = {};
     memcpy(key.app, STORM_APP_NAME, sizeof(STORM_APP_NAME));
     key.acl_id = acl_id;
@@ -30,7 +28,7 @@ fp_acl_key acl_key_of(uint32_t acl_id, uint32_t flags) {
     return key;
 }
 
-fp_apply_point apply_point_of(uint32_t port, uint32_t type) {
+static fp_apply_point apply_point_of(uint32_t port, uint32_t type) {
     fp_apply_point point = {};
     memcpy(point.app, STORM_APP_NAME, sizeof(STORM_APP_NAME));
     point.port = port;
@@ -41,8 +39,8 @@ fp_apply_point apply_point_of(uint32_t port, uint32_t type) {
 // Entry and apply take their items alike: built by their own builder, then copied in. False when
 // the service refuses the item; the rule must not be installed without it.
 template <class Target>
-bool add_item(Target* target, const char* name, uint32_t item_class, const void* value,
-              size_t length) {
+static bool add_item(Target* target, const char* name, uint32_t item_class, const void* value,
+                     size_t length) {
     fp_item item = {};
     int rv = target->build_item(&item, name, item_class, value, static_cast<uint32_t>(length));
     if (rv == 0) {
@@ -54,7 +52,7 @@ bool add_item(Target* target, const char* name, uint32_t item_class, const void*
     return rv == 0;
 }
 
-fp_entry* std_ace_alloc() {
+static fp_entry* std_ace_alloc() {
     if (storm_udp_mgr == nullptr) {
         APP_ERROR("storm_udp_mgr is NULL !");
         return nullptr;
@@ -66,7 +64,7 @@ fp_entry* std_ace_alloc() {
     return entry;
 }
 
-fp_apply* std_apply_alloc(const fp_acl_key* key) {
+static fp_apply* std_apply_alloc(const fp_acl_key* key) {
     if (storm_udp_mgr == nullptr) {
         APP_ERROR("storm_udp_mgr is NULL !");
         return nullptr;
@@ -75,58 +73,58 @@ fp_apply* std_apply_alloc(const fp_acl_key* key) {
 }
 
 // Gives the entry to its ACL and frees it.
-void install_entry(uint32_t acl_id, fp_entry* entry) {
+static void install_entry(uint32_t acl_id, fp_entry* entry) {
     const fp_acl_key key = acl_key_of(acl_id, 0);
     storm_udp_mgr->entry_add(g_storm_global, &key, entry);
     storm_udp_mgr->entry_free(entry);
 }
 
 // Applies at the point and frees the apply.
-void install_apply(uint32_t port, uint32_t type, fp_apply* apply) {
+static void install_apply(uint32_t port, uint32_t type, fp_apply* apply) {
     const fp_apply_point point = apply_point_of(port, type);
     storm_udp_mgr->apply_add(g_storm_global, &point, FP_APPLY_PRIORITY, apply);
     storm_udp_mgr->apply_free(apply);
 }
 
 // The shared rule for MPLS unicast frames. 0, or -1 with everything of it taken back.
-int storm_add_mpls_fp() {
+static int storm_add_mpls_fp() {
     APP_INFO("add mpls entry");
-    std_acl_create(kMplsAclId);
-    APP_INFO("set_mpls_ace, acl_id:%d.\n", kMplsAclId);
+    std_acl_create(MPLS_ACL_ID);
+    APP_INFO("set_mpls_ace, acl_id:%d.\n", MPLS_ACL_ID);
     fp_entry* entry = std_ace_alloc();
     if (entry == nullptr) {
         APP_ERROR("alloc ace fail.");
-        std_acl_delete(kMplsAclId);
+        std_acl_delete(MPLS_ACL_ID);
         APP_ERROR("alloc ace error\n");
         return -1;
     }
-    const uint16_t etype[2] = {kEtypeMpls, 0xFFFF};
+    const uint16_t etype[2] = {ETYPE_MPLS, 0xFFFF};
     if (!add_item(entry, "etype", FP_ITEM_MATCH, etype, sizeof(etype))) {
         storm_udp_mgr->entry_free(entry);
-        std_acl_delete(kMplsAclId);
+        std_acl_delete(MPLS_ACL_ID);
         return -1;
     }
-    install_entry(kMplsAclId, entry);
+    install_entry(MPLS_ACL_ID, entry);
 
-    APP_INFO("aclid %d\n", kMplsAclId);
-    const fp_acl_key key = acl_key_of(kMplsAclId, 0);
+    APP_INFO("aclid %d\n", MPLS_ACL_ID);
+    const fp_acl_key key = acl_key_of(MPLS_ACL_ID, 0);
     fp_apply* apply = std_apply_alloc(&key);
     if (apply == nullptr) {
         APP_ERROR("Error: failed to alloc_apply.");
-        std_ace_entry_delete(kMplsAclId);
-        std_acl_delete(kMplsAclId);
+        std_ace_entry_delete(MPLS_ACL_ID);
+        std_acl_delete(MPLS_ACL_ID);
         APP_ERROR("rv: %d", -1);
         return -1;
     }
-    install_apply(kMplsPort, FP_APPLY_GLOBAL, apply);
+    install_apply(MPLS_PORT, FP_APPLY_GLOBAL, apply);
     APP_INFO("done");
     return 0;
 }
 
 // The matches of a port rule: frames whose destination is not known.
-bool add_port_matches(fp_entry* entry) {
+static bool add_port_matches(fp_entry* entry) {
     const uint8_t missed = 0;
-    uint8_t l3_uc[kL3UcBytes] = {};
+    uint8_t l3_uc[L3_UC_BYTES] = {};
     const uint32_t one = 1;
     memcpy(l3_uc, &one, sizeof(one));
     return add_item(entry, "l2_da_hit", FP_ITEM_MATCH, &missed, sizeof(missed)) &&
@@ -134,11 +132,11 @@ bool add_port_matches(fp_entry* entry) {
 }
 
 // The actions of a port rule: meter, count, forward what is within the rate.
-bool add_port_actions(fp_apply* apply, uint32_t rate, uint32_t burst) {
-    uint8_t meter[kMeterBytes] = {};
+static bool add_port_actions(fp_apply* apply, uint32_t rate, uint32_t burst) {
+    uint8_t meter[METER_BYTES] = {};
     const uint64_t meter_rate = rate;
     memcpy(meter, &meter_rate, sizeof(meter_rate));
-    memcpy(meter + kMeterBurstOffset, &burst, sizeof(burst));
+    memcpy(meter + METER_BURST_OFFSET, &burst, sizeof(burst));
     const uint32_t counter = 0;
     const uint8_t fwd[3] = {0x00, 0x06, 0xFF};
     return add_item(apply, "meter", FP_ITEM_ACTION, meter, sizeof(meter)) &&
@@ -148,7 +146,7 @@ bool add_port_actions(fp_apply* apply, uint32_t rate, uint32_t burst) {
 
 // Notifies the end of a loop that a record holds. Returns the port's record, or null when the
 // notification had it dropped.
-storm_port_info* end_loop(storm_port_info* info) {
+static storm_port_info* end_loop(storm_port_info* info) {
     if (info->is_loop != 1) {
         return info;
     }
@@ -159,7 +157,7 @@ storm_port_info* end_loop(storm_port_info* info) {
     return storm_port_index.find(phyid);
 }
 
-void reset_judgement(storm_port_info* info) {
+static void reset_judgement(storm_port_info* info) {
     // Kept on purpose: the running totals stay, so the next poll measures everything counted since
     // the rule was first installed.
     info->packet_count = 0;
@@ -173,16 +171,16 @@ void reset_judgement(storm_port_info* info) {
 
 // New rate or burst for a record: its rule is replaced under the same ACL id. Notifications and
 // failed applies may drop the record on the way; the rule is not installed without one.
-void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
-    constexpr char kFunction[] = "storm_set_rate_burst";
+static void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
+    constexpr char OPERATION[] = "storm_set_rate_burst";
     if (static_cast<uint32_t>(info->rate) == rate && info->burst == burst) {
-        APP_INFO_AS(kFunction, "the same rate = %d and burst = %d", rate, burst);
+        APP_INFO_AS(OPERATION, "the same rate = %d and burst = %d", rate, burst);
         return;
     }
     const uint32_t phyid = info->phyid;
     int rv = storm_del_storm_fp(phyid);
     if (rv != 0) {
-        APP_ERROR_AS(kFunction, "rv: %d", rv);
+        APP_ERROR_AS(OPERATION, "rv: %d", rv);
         return;
     }
     info = end_loop(info);
@@ -192,7 +190,7 @@ void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
     reset_judgement(info);
     rv = storm_enable_by_fp(rate, burst, phyid);
     if (rv != 0) {
-        APP_ERROR_AS(kFunction, "rv: %d", rv);
+        APP_ERROR_AS(OPERATION, "rv: %d", rv);
         return;
     }
     info = storm_port_index.find(phyid);
@@ -204,8 +202,6 @@ void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
     info->acl_id = phyid;
     info->phyid = phyid;
 }
-
-}  // namespace
 
 void storm_set_rate_burst(uint32_t ifx, uint32_t rate, uint32_t burst, bool is_add) {
     uint32_t phyid = 0;
@@ -321,9 +317,9 @@ int storm_del_storm_fp(uint32_t phyid) {
 
 int storm_del_mpls_fp(void) {
     APP_INFO("del mpls entry");
-    std_acl_unapply(kMplsPort, kMplsAclId, FP_APPLY_GLOBAL);
-    std_ace_entry_delete(kMplsAclId);
-    std_acl_delete(kMplsAclId);
+    std_acl_unapply(MPLS_PORT, MPLS_ACL_ID, FP_APPLY_GLOBAL);
+    std_ace_entry_delete(MPLS_ACL_ID);
+    std_acl_delete(MPLS_ACL_ID);
     return 0;
 }
 
@@ -355,7 +351,7 @@ void std_ace_entry_delete(uint32_t acl_id) {
         APP_ERROR("storm_udp_mgr is NULL !");
         return;
     }
-    storm_udp_mgr->entry_delete(g_storm_global, &key, kEntryIndex);
+    storm_udp_mgr->entry_delete(g_storm_global, &key, ENTRY_INDEX);
 }
 
 int std_acl_unapply(uint32_t phyid, uint32_t acl_id, uint32_t type) {
