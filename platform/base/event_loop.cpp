@@ -1,3 +1,24 @@
+// fetch() hands out work from `ready`, the work of the current round. When that is empty,
+// find_work() starts a round: posted tasks, timers that are due, descriptors that are ready, each
+// taken once. Work that this work adds waits for the next round, so nothing can starve the rest.
+//
+// A round that finds nothing ends in one of four ways:
+//   a post is expected: linger() polls the queue for up to kLinger, then the round starts over;
+//   deferred tasks wait: they become the round's work;
+//   the clock is moved by hand: Clock::idle() lets the test move it, and the round starts over;
+//   otherwise: wait() sleeps in libevent until a descriptor is ready. The alarm descriptor ends
+//   that sleep for the earliest timer, the wake descriptor for post() and stop().
+//
+// No wake-up may be lost. post() raises the wake descriptor only when `asleep` is set. wait() sets
+// it under the same lock under which it finds the queue empty, so a post is either seen there or
+// wakes the loop. A round may read the wake-up of a stop or of a post by accident, as one of its
+// ready descriptors; therefore find_work() looks at both again before it sleeps.
+//
+// Removal: a loop and a handle share an Entry, and `Entry::loop` says whether it is live. reset()
+// clears it. Work of that entry may be in `ready` at that moment; start() then skips it. A timer is
+// finished when fetch() takes it, a watch stays until its handle goes, which may happen inside its
+// own callback: `current` keeps the entry alive for the call. The destructor of the loop clears
+// every entry first, because a task may own handles, its own included.
 #include "platform/base/event_loop.h"
 
 #include <event2/event.h>
@@ -28,9 +49,6 @@ namespace {
 
 // Posted tasks taken in one round, before timers and descriptors get their turn.
 constexpr size_t kPostedPerRound = 64;
-
-// Rounds with something to do before what was put off has its turn all the same.
-constexpr int kPatience_rounds = 8;
 
 // Longer delays are cut to this: about a hundred years, far from where time points overflow.
 constexpr Duration kLongestDelay = std::chrono::hours(24 * 365 * 100);
@@ -82,9 +100,8 @@ class WakeDescriptor {
     int fd_;
 };
 
-// Ends the wait for descriptors when the earliest timer is due. A timer of libevent would do too,
-// but it is coarse, and one that is fine enough for a scaled clock costs a system call in every
-// round.
+// Ends the wait for descriptors when the earliest timer is due. libevent's own timers are too
+// coarse for a scaled clock, and its precise ones cost a system call in every round.
 class AlarmDescriptor {
  public:
     AlarmDescriptor() : fd_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
@@ -97,7 +114,7 @@ class AlarmDescriptor {
     ~AlarmDescriptor() { close(fd_); }
 
     int fd() const { return fd_; }
-    // Also takes back what it has told. A delay of nothing is told at once.
+    // Replaces an earlier setting, fired or not. A delay of zero fires at once.
     void set(Duration delay) const {
         const auto ns = std::chrono::nanoseconds(std::max(delay, Duration(1))).count();
         const itimerspec due = {.it_interval = {0, 0},
@@ -132,10 +149,10 @@ struct EventLoop::Handle::Entry {
 struct EventLoop::Impl {
     using Entry = Handle::Entry;
 
-    // Of another thread: no post, one that is still to come, one that waits in the queue.
+    // See expect_post(): nothing is expected, the post is still to come, it is in the queue.
     enum class Expected { kNothing, kPost, kPosted };
 
-    // Also what was put off: due as soon as it is taken.
+    // Also a deferred task: then `key` is in no map.
     struct Timer final : Entry {
         void detach() override;
 
@@ -150,7 +167,7 @@ struct EventLoop::Impl {
         WatchCallback callback;
     };
 
-    // One piece of work that waits for its turn: exactly one of the three.
+    // One piece of work: a posted task, a timer or a watch, exactly one of the three.
     struct Work {
         Task task;
         std::shared_ptr<Timer> timer;
@@ -164,7 +181,7 @@ struct EventLoop::Impl {
     bool find_work() EXCLUDES(mutex);
     void take_posted() EXCLUDES(mutex);
     void take_due_timers();
-    void take_put_off();
+    void take_deferred();
     void wait();
     bool linger() EXCLUDES(mutex);
     bool anything_posted() EXCLUDES(mutex);
@@ -184,14 +201,14 @@ struct EventLoop::Impl {
     BasePtr base = make_base();
     EventPtr wake_event;
     EventPtr alarm_event;
-    std::optional<Time> alarm_time;  // when the alarm is to tell; none: it is off, or has told
+    std::optional<Time> alarm_time;  // what the alarm is set to; none when it is off or has fired
     std::unordered_set<Watch*> watches;
     std::map<TimerKey, std::shared_ptr<Timer>> timers;
     uint64_t timers_armed = 0;
     std::deque<Work> ready;  // this round's work
-    std::vector<std::shared_ptr<Timer>> put_off;
-    int rounds_put_off = 0;  // since put_off was last taken, while it waits
-    Work current;            // taken by fetch() for run(), not a timer
+    std::vector<std::shared_ptr<Timer>> deferred;
+    int rounds_deferred = 0;  // busy rounds in a row that left `deferred` waiting
+    Work current;             // taken by fetch() for run(), not a timer
 
     Mutex mutex;
     std::deque<Task> posted GUARDED_BY(mutex);
@@ -205,7 +222,7 @@ EventLoop::Impl::Impl(Clock& used_clock) : clock(used_clock) {
     wake_event.reset(event_new(
         base.get(), wake.fd(), EV_READ | EV_PERSIST,
         [](evutil_socket_t, short, void* self) { static_cast<Impl*>(self)->wake_seen(); }, this));
-    // The alarm only ends the wait; which timers are due is found out afterwards.
+    // The alarm only ends the wait; take_due_timers() then looks at the clock.
     alarm_event.reset(event_new(
         base.get(), alarm.fd(), EV_READ | EV_PERSIST,
         [](evutil_socket_t, short, void* self) { static_cast<Impl*>(self)->alarm_seen(); }, this));
@@ -215,8 +232,8 @@ EventLoop::Impl::Impl(Clock& used_clock) : clock(used_clock) {
     }
 }
 
-// Entries outlive the loop in their handles, and closures may own handles: everything is detached
-// before anything is destroyed.
+// Handles keep their entries beyond the loop's life, and tasks may own handles. So all entries are
+// detached before any task is destroyed.
 EventLoop::Impl::~Impl() {
     for (auto& [key, timer] : timers) {
         timer->loop = nullptr;
@@ -226,14 +243,14 @@ EventLoop::Impl::~Impl() {
             work.timer->loop = nullptr;
         }
     }
-    for (const std::shared_ptr<Timer>& late : put_off) {
+    for (const std::shared_ptr<Timer>& late : deferred) {
         late->loop = nullptr;
     }
     for (Watch* watch : watches) {
         watch->watched.reset();
         watch->loop = nullptr;
     }
-    // A task may own the handle of its own timer.
+    // A task that owns the handle of its own timer would keep both alive for ever.
     for (auto& [key, timer] : timers) {
         timer->task = nullptr;
     }
@@ -292,23 +309,23 @@ void EventLoop::Impl::take_due_timers() {
     }
 }
 
-void EventLoop::Impl::take_put_off() {
-    if (put_off.empty() || (!ready.empty() && ++rounds_put_off < kPatience_rounds)) {
+void EventLoop::Impl::take_deferred() {
+    if (deferred.empty() || (!ready.empty() && ++rounds_deferred < kMaxDeferredRounds)) {
         return;
     }
-    rounds_put_off = 0;
-    for (std::shared_ptr<Timer>& late : put_off) {
+    rounds_deferred = 0;
+    for (std::shared_ptr<Timer>& late : deferred) {
         ready.push_back({.task = {}, .timer = std::move(late), .watch = {}});
     }
-    put_off.clear();
+    deferred.clear();
 }
 
 bool EventLoop::Impl::anything_left() const {
     return !timers.empty() || !watches.empty();
 }
 
-// For the earliest timer. Most rounds come between two timers and leave it as it is; one set too
-// early costs an empty round.
+// Sets the alarm for the earliest timer. Most rounds find it set already. An alarm for a timer that
+// was removed stays set and costs one empty round.
 void EventLoop::Impl::set_alarm() {
     if (timers.empty()) {
         return;
@@ -324,7 +341,7 @@ void EventLoop::Impl::set_alarm() {
     }
 }
 
-// Until a descriptor is ready, a task is posted or the earliest timer is due.
+// Sleeps until a descriptor is ready, a task is posted or the earliest timer is due.
 void EventLoop::Impl::wait() {
     set_alarm();
     {
@@ -339,7 +356,8 @@ void EventLoop::Impl::wait() {
     asleep = false;
 }
 
-// Looks out for a post that is expected; true when it has come. In real time: threads take that.
+// Polls the queue for a post that is expected. True when a task is posted. The time limit is real
+// time, whatever clock the loop has: the other thread runs in real time.
 bool EventLoop::Impl::linger() {
     if (expected != Expected::kPost) {
         return anything_posted();
@@ -358,16 +376,17 @@ bool EventLoop::Impl::find_work() {
     while (!stopped.load()) {
         take_posted();
         take_due_timers();
-        // With EVLOOP_NONBLOCK alone libevent would go on until no descriptor is ready any more.
+        // With EVLOOP_NONBLOCK alone libevent would repeat until no descriptor is ready any more.
         event_base_loop(base.get(), EVLOOP_NONBLOCK | EVLOOP_ONCE);
         if (ready.empty() && linger()) {
             continue;
         }
-        take_put_off();
+        take_deferred();
         if (!ready.empty()) {
             return true;
         }
-        // The wake-up of a stop or a post may just have been taken: neither would end the wait.
+        // The call above may have read the wake-up of a stop or a post, which then would not end
+        // the wait.
         if (stopped.load() || anything_posted() || clock.idle()) {
             continue;
         }
@@ -382,7 +401,7 @@ bool EventLoop::Impl::find_work() {
     return false;
 }
 
-// Makes `work` the current one. False when its owner has let go of it in the meantime.
+// Makes `work` the current one. False when its handle was reset in the meantime.
 bool EventLoop::Impl::start(Work work) {
     if (work.timer) {
         if (std::exchange(work.timer->loop, nullptr) == nullptr) {
@@ -404,7 +423,7 @@ void EventLoop::post(Task task) {
     const MutexLock lock(impl_->mutex);
     impl_->posted.push_back(std::move(task));
     if (on_loop_thread()) {
-        return;  // the loop looks at the queue before it waits
+        return;  // the loop looks at the queue before it sleeps
     }
     auto awaited = Impl::Expected::kPost;
     impl_->expected.compare_exchange_strong(awaited, Impl::Expected::kPosted);
@@ -458,12 +477,12 @@ EventLoop::Handle EventLoop::after(Duration delay, Task task) {
     return Handle(std::move(timer));
 }
 
-EventLoop::Handle EventLoop::put_off(Task task) {
+EventLoop::Handle EventLoop::defer(Task task) {
     auto late = std::make_shared<Impl::Timer>();
     late->key = {Time::min(), impl_->timers_armed++};
     late->task = std::move(task);
     late->loop = impl_.get();
-    impl_->put_off.push_back(late);
+    impl_->deferred.push_back(late);
     return Handle(std::move(late));
 }
 
@@ -501,8 +520,8 @@ bool EventLoop::fetch() {
     return false;
 }
 
-// The work is moved out: the callback may come back into the loop and must not lose its own
-// function while it runs.
+// The work is moved out of `current` first: the callback may call fetch() and run() itself, which
+// must not destroy the function that is running.
 void EventLoop::run() {
     const Impl::Work work = std::move(impl_->current);
     if (!work.watch) {

@@ -5,8 +5,8 @@
 // by the handles below, and a destroyed handle's callback never runs again.
 //
 // Each round takes a limited number of posted tasks, then the timers that are due, then the ready
-// descriptors, so that none of them keeps the others waiting. What was put off runs in a round that
-// finds nothing else, or after a few that did.
+// descriptors, so that none of them keeps the others waiting. Deferred tasks run in a round that
+// finds nothing else, or after a few busy ones.
 #pragma once
 
 #include <functional>
@@ -27,15 +27,16 @@ class EventLoop {
     };
     using WatchCallback = std::function<void(Ready)>;
 
-    // Movable owner of a descriptor watch or of a timer. True while the watch stands or the timer
-    // is pending; false when empty, after reset(), after the timer fired and once the loop is gone.
+    // Movable owner of a watch, a timer or a deferred task; destroying it removes what it owns.
+    // True while the watch stands or the task is pending; false when empty, after reset(), after
+    // the task was fetched, and once the loop is gone. Loop thread only.
     class Handle {
      public:
         Handle() = default;
         Handle(Handle&&) noexcept;
         Handle& operator=(Handle&&) noexcept;
         ~Handle();
-        void reset();
+        void reset();  // does nothing when there is nothing left to remove
         explicit operator bool() const;
 
      private:
@@ -52,29 +53,31 @@ class EventLoop {
     EventLoop(const EventLoop&) = delete;
     EventLoop& operator=(const EventLoop&) = delete;
 
-    // Any thread: `task` runs on the loop's thread, after what is already queued. A task that was
-    // posted is no reason for fetch() to go on waiting once it has run.
+    // Runs `task` on the loop's thread, after the tasks that are already queued. A posted task does
+    // not keep fetch() waiting once it has run. Any thread.
     void post(Task task);
 
-    // Another thread is about to post. When the loop has nothing else to do it looks out for that
-    // post for kLinger before it turns to what was put off or sleeps: to be woken would take it
-    // about as long. Any thread.
+    // Announces that another thread is about to post. An idle loop then polls its queue for
+    // kLinger before it runs deferred tasks or sleeps: waking up would take about as long. Any
+    // thread.
     static constexpr std::chrono::microseconds kLinger{80};
     void expect_post();
-    // Until that post's turn has come. Any thread.
+    // True after expect_post() until that post is taken from the queue or an idle loop has polled
+    // for it in vain. Any thread.
     bool expects_post() const;
 
     // Level-triggered watch; the descriptor stays the caller's and must outlive the handle. The
-    // handle is empty when the descriptor is of a kind that cannot be watched.
+    // handle is empty when the descriptor cannot be watched (a regular file, for example).
     [[nodiscard]] Handle watch(int fd, bool read, bool write, WatchCallback callback);
 
-    // One-shot timer. It has fired once fetch() has taken it: a handle that is reset later no
-    // longer keeps `task` from running.
+    // One-shot timer. It counts as fired once fetch() has taken it: resetting the handle after that
+    // does not stop `task`.
     [[nodiscard]] Handle after(Duration delay, Task task);
 
-    // `task` runs once, when nothing more urgent is left to do, in the order given; kept waiting
-    // for a few rounds at most. For the part of the work that nobody waits for.
-    [[nodiscard]] Handle put_off(Task task);
+    // Runs `task` once, when the loop has nothing more urgent to do, or after kMaxDeferredRounds
+    // busy rounds. Deferred tasks keep their order. For work that nobody waits for.
+    static constexpr int kMaxDeferredRounds = 8;
+    [[nodiscard]] Handle defer(Task task);
 
     // Makes fetch() return false from now on. Any thread, and signal handlers.
     void stop();
@@ -83,12 +86,13 @@ class EventLoop {
     Clock& clock() const;
     std::optional<Time> next_timer() const;  // when the earliest pending timer is due
 
-    // Takes the next piece of work, after waiting for it if need be. False when no task, timer or
-    // watch is left, or after stop().
+    // Waits for the next piece of work and takes it. False when no task, timer or watch is left, or
+    // after stop().
     bool fetch();
-    // Does the work that fetch() has taken.
+    // Runs the work that fetch() has taken.
     void run();
-    // The task that run() would call; empty for the callback of a watch. Valid until either call.
+    // The task that run() would call; empty when it would call back a watch. Valid until the next
+    // fetch() or run().
     const Task& fetched() const;
 
  private:

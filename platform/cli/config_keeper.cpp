@@ -94,7 +94,7 @@ void ConfigKeeper::request_save() {
     };
     try {
         if (loop_.on_loop_thread()) {
-            requesting_ = loop_.put_off(request);  // a program's line may be on its way
+            requesting_ = loop_.defer(request);  // a program's line may be on its way
         } else {
             loop_.post(request);
         }

@@ -96,7 +96,7 @@ void ConfigSaver::slice() {
             loop_.clock().now() + std::min<Duration>(kRest * snapshot_->spent, kLongestRest);
         finish();
     } else {
-        turn_ = loop_.put_off([this] { slice(); });
+        turn_ = loop_.defer([this] { slice(); });
     }
 }
 

@@ -332,7 +332,7 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
         arm_check();
     }
     if (!sending_) {
-        sending_ = loop_.put_off([this] { send_waiting(); });
+        sending_ = loop_.defer([this] { send_waiting(); });
     }
     if (unconfirmed_bytes_ > unconfirmed_limit_bytes_) {
         fail_later("it does not keep up with the writes");

@@ -62,7 +62,7 @@ void SyslogLog::write(const SystemLogMessage& message) {
         }
     }
     if (late) {
-        late_flush_ = loop->put_off([this] { flush_or_retry(); });
+        late_flush_ = loop->defer([this] { flush_or_retry(); });
     } else if (loop != nullptr) {
         loop->post([this] { arm(kShortestPause); });
     }

@@ -204,7 +204,7 @@ TEST_F(Loop, WhatHasLostItsHandleNeverRuns) {
     pipe.fill();
     {
         const auto timer = loop.after(0s, note("timer"));
-        const auto late = loop.put_off(note("put off"));
+        const auto late = loop.defer(note("put off"));
         const auto watch = loop.watch(pipe.out(), true, false,
                                       [this](EventLoop::Ready) { seen.push_back("watch"); });
     }
@@ -317,8 +317,8 @@ TEST_F(Loop, ZeroDelayTimerThatRearmsItselfLetsPostedWorkRun) {
 TEST_F(Loop, WhatIsPutOffRunsAfterAllThatIsReady) {
     const Pipe pipe;
     pipe.fill();
-    const auto first = loop.put_off(note("put off first"));
-    const auto second = loop.put_off(note("put off second"));
+    const auto first = loop.defer(note("put off first"));
+    const auto second = loop.defer(note("put off second"));
     const auto timer = loop.after(0s, note("timer"));
     const auto watch = loop.watch(pipe.out(), true, false, [&](EventLoop::Ready) {
         pipe.drain();
@@ -336,7 +336,7 @@ TEST_F(Loop, WhatIsPutOffRunsAfterAllThatIsReady) {
 
 // Both orders would be allowed without the expectation: the other thread may be slow.
 TEST_F(Loop, PostThatIsExpectedGoesBeforeWhatIsPutOff) {
-    const auto late = loop.put_off(note("put off"));
+    const auto late = loop.defer(note("put off"));
     std::atomic<bool> waiting = false;
     clock.on_idle = [] {
         return false;
@@ -357,7 +357,7 @@ TEST_F(Loop, PostThatIsExpectedGoesBeforeWhatIsPutOff) {
 }
 
 TEST_F(Loop, PostThatIsExpectedAndDoesNotComeHoldsNothingUp) {
-    const auto late = loop.put_off(note("put off"));
+    const auto late = loop.defer(note("put off"));
     loop.expect_post();
     run_ready(loop, clock);
     EXPECT_EQ(seen, Seen{"put off"});
@@ -373,7 +373,7 @@ TEST_F(Loop, PostOfTheLoopItselfIsNotTheExpectedOne) {
 TEST_F(Loop, WhatIsPutOffIsNotStarvedByAFlood) {
     int rounds = 0;
     bool ran = false;
-    const auto late = loop.put_off([&] { ran = true; });
+    const auto late = loop.defer([&] { ran = true; });
     EventLoop::Task again = [&] {
         if (!ran && ++rounds < 100) {
             loop.post(again);
@@ -389,13 +389,13 @@ TEST_F(Loop, FloodHoldsUpEachTaskThatIsPutOffForAsLong) {
     std::vector<int> ran_in;
     int rounds = 0;
     EventLoop::Handle late;
-    EventLoop::Task put_off = [&] {
+    EventLoop::Task deferred = [&] {
         ran_in.push_back(std::exchange(rounds, 0));
         if (ran_in.size() < 3) {
-            late = loop.put_off(put_off);
+            late = loop.defer(deferred);
         }
     };
-    late = loop.put_off(put_off);
+    late = loop.defer(deferred);
     EventLoop::Task again = [&] {
         if (ran_in.size() < 3 && ++rounds < 100) {
             loop.post(again);
@@ -407,15 +407,15 @@ TEST_F(Loop, FloodHoldsUpEachTaskThatIsPutOffForAsLong) {
 }
 
 TEST_F(Loop, WhatIsPutOffCanBeCalledOff) {
-    auto late = loop.put_off(note("put off"));
+    auto late = loop.defer(note("put off"));
     EXPECT_TRUE(late);
     late.reset();
     run_ready(loop, clock);
     EXPECT_EQ(seen, Seen{});
 
     EventLoop::Handle both[2];
-    both[0] = loop.put_off([&] { both[1].reset(); });
-    both[1] = loop.put_off(note("called off by the one before"));
+    both[0] = loop.defer([&] { both[1].reset(); });
+    both[1] = loop.defer(note("called off by the one before"));
     run_ready(loop, clock);
     EXPECT_EQ(seen, Seen{});
 }
@@ -488,7 +488,7 @@ TEST(LoopLifetime, WhatIsPutOffMayOutliveTheLoop) {
     EventLoop::Handle late;
     {
         EventLoop loop(clock);
-        late = loop.put_off([] { FAIL(); });
+        late = loop.defer([] { FAIL(); });
     }
     EXPECT_FALSE(late);
 }

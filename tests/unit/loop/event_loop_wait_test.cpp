@@ -308,7 +308,7 @@ TEST_F(Loop, ExpectedPostThatComesWhileTheLoopLooksOutForItRunsFirst) {
     bool yielded = false;
     for (int attempt = 0; attempt < 1000 && !yielded; attempt++) {
         seen.clear();
-        const auto late = loop.put_off(note("put off"));
+        const auto late = loop.defer(note("put off"));
         loop.expect_post();
         g_on_yield = [&] {
             yielded = true;
