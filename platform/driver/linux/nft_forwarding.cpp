@@ -19,12 +19,12 @@ bool out_of_descriptors(int error) {
 
 }  // namespace
 
-size_t next_lot_size(size_t size, std::chrono::nanoseconds took) {
-    if (took > NftForwarding::kTransaction) {
-        return std::max(size / 2, NftForwarding::kFewestRules);
+size_t next_batch_size(size_t size, std::chrono::nanoseconds took) {
+    if (took > NftForwarding::kTransactionTime) {
+        return std::max(size / 2, NftForwarding::kMinBatch);
     }
-    if (took < NftForwarding::kTransaction / 2) {
-        return std::min(size * 2, NftForwarding::kRulesAtOnce);
+    if (took < NftForwarding::kTransactionTime / 2) {
+        return std::min(size * 2, NftForwarding::kMaxBatch);
     }
     return size;
 }
@@ -107,8 +107,8 @@ void NftForwarding::commit() {
     }
     // The loop's clock may be scaled.
     const auto begin = std::chrono::steady_clock::now();
-    const std::vector<Answer> answers = carry_out(next_lot(), error);
-    lot_size_ = next_lot_size(lot_size_, std::chrono::steady_clock::now() - begin);
+    const std::vector<Answer> answers = carry_out(next_batch(), error);
+    batch_size_ = next_batch_size(batch_size_, std::chrono::steady_clock::now() - begin);
     if (!changed_.empty() || !dropped_.empty()) {
         gathering_ = loop_.after(Duration::zero(), [this] { commit(); });
     }
@@ -122,56 +122,56 @@ void NftForwarding::commit() {
     }
 }
 
-NftForwarding::Lot NftForwarding::next_lot() {
-    Lot lot;
-    while (!dropped_.empty() && lot.dropped.size() < lot_size_) {
-        lot.dropped.push_back(std::move(dropped_.back()));
+NftForwarding::Batch NftForwarding::next_batch() {
+    Batch batch;
+    while (!dropped_.empty() && batch.dropped.size() < batch_size_) {
+        batch.dropped.push_back(std::move(dropped_.back()));
         dropped_.pop_back();
     }
-    while (!changed_.empty() && lot.dropped.size() + lot.changed.size() < lot_size_) {
-        lot.changed.push_back(changed_.extract(changed_.begin()).value());
-        late_.erase(lot.changed.back());
+    while (!changed_.empty() && batch.dropped.size() + batch.changed.size() < batch_size_) {
+        batch.changed.push_back(changed_.extract(changed_.begin()).value());
+        late_.erase(batch.changed.back());
     }
-    return lot;
+    return batch;
 }
 
-std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Lot& lot, int table_error) {
+std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Batch& batch, int table_error) {
     std::vector<Answer> answers;
     const auto note = [&](ForwardingId id, int error) {
         if (finish(id, error)) {
             answers.emplace_back(id, error);
         }
     };
-    if (table_error != 0 || run(lot) == 0) {
-        for (const ForwardingId id : lot.changed) {
+    if (table_error != 0 || run(batch) == 0) {
+        for (const ForwardingId id : batch.changed) {
             note(id, table_error);
         }
         return answers;
     }
-    // Nothing of the lot has happened.
+    // Nothing of the batch has happened.
     if (table_.is_gone()) {
-        changed_.insert(lot.changed.begin(), lot.changed.end());
+        changed_.insert(batch.changed.begin(), batch.changed.end());
         put_back();
         return answers;
     }
     // One at a time, so that only what cannot be done is not.
-    for (const Rule& rule : lot.dropped) {
+    for (const Rule& rule : batch.dropped) {
         if (run({.dropped = {rule}, .changed = {}}) != 0) {
             broken_ = true;
         }
     }
-    for (const ForwardingId id : lot.changed) {
+    for (const ForwardingId id : batch.changed) {
         note(id, run({.dropped = {}, .changed = {id}}));
     }
     return answers;
 }
 
-int NftForwarding::run(const Lot& lot) {
+int NftForwarding::run(const Batch& batch) {
     NftTable::Change change = table_.change();
-    for (const Rule& rule : lot.dropped) {
+    for (const Rule& rule : batch.dropped) {
         drop(change, rule);
     }
-    for (const ForwardingId id : lot.changed) {
+    for (const ForwardingId id : batch.changed) {
         bring(change, rules_.at(id));
     }
     return table_.run(change);

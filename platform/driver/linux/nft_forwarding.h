@@ -4,7 +4,7 @@
 // bridge floods, are counted and then metered. The set of known addresses mirrors the bridge's
 // forwarding database. The table, the mirror and the timer are there only while there are rules.
 //
-// Changes are gathered for a moment and carried out some at a time, each lot in one transaction:
+// Changes are gathered for a moment and carried out some at a time, each batch in one transaction:
 // before a transaction libnftables reads all chains and counters, so that one for each of 512 ports
 // takes five times as long as eight for all of them. A rule is answered when it is in the kernel.
 //
@@ -34,9 +34,9 @@
 
 namespace qv {
 
-// How many rules the next transaction changes, when the last one changed up to `size` of them and
-// took `took` of real time.
-size_t next_lot_size(size_t size, std::chrono::nanoseconds took);
+// The size of the next batch of rule changes, after one of up to `size` changes took `took` of real
+// time.
+size_t next_batch_size(size_t size, std::chrono::nanoseconds took);
 
 // Loop thread only.
 class NftForwarding final : public ForwardingDriver {
@@ -50,12 +50,12 @@ class NftForwarding final : public ForwardingDriver {
     static constexpr std::chrono::seconds kRetry{1};
     // How often the chain of one rule is tried on a device that the kernel does not have.
     static constexpr unsigned kDeviceTries = 5;
-    // Rules changed in one transaction, at most. As many as fit into kTransaction, by the time that
-    // the last one took: the loop does nothing else meanwhile.
-    static constexpr size_t kRulesAtOnce = 64;
-    // And at least: with many chains the library needs that long only to read them.
-    static constexpr size_t kFewestRules = 4;
-    static constexpr std::chrono::microseconds kTransaction{2000};
+    // Bounds of a batch. Its size follows the time that the last one took, to stay near
+    // kTransactionTime: the loop does nothing else meanwhile. With many chains in the table the
+    // library needs that long only to read them, hence the lower bound.
+    static constexpr size_t kMaxBatch = 64;
+    static constexpr size_t kMinBatch = 4;
+    static constexpr std::chrono::microseconds kTransactionTime{2000};
 
     // The port of a forwarding-plane id, or null. Valid until the next change of the ports.
     using FindPort = std::function<const Port*(uint32_t phyid)>;
@@ -108,8 +108,8 @@ class NftForwarding final : public ForwardingDriver {
         PacketCounts reported;
     };
     using Rules = std::map<ForwardingId, Rule>;
-    // The changes of one transaction.
-    struct Lot {
+    // The changes that one transaction makes.
+    struct Batch {
         std::vector<Rule> dropped;
         std::vector<ForwardingId> changed;
     };
@@ -118,9 +118,9 @@ class NftForwarding final : public ForwardingDriver {
     int check(const Rule& rule) const;
     void gather();
     void commit();
-    Lot next_lot();
-    std::vector<Answer> carry_out(const Lot& lot, int table_error);
-    int run(const Lot& lot);
+    Batch next_batch();
+    std::vector<Answer> carry_out(const Batch& batch, int table_error);
+    int run(const Batch& batch);
     static void drop(NftTable::Change& change, const Rule& rule);
     void bring(NftTable::Change& change, Rule& rule) const;
     bool finish(ForwardingId id, int error);
@@ -145,8 +145,8 @@ class NftForwarding final : public ForwardingDriver {
     Rules rules_;
     std::set<ForwardingId> changed_;  // rules that the kernel does not have as they are
     std::set<ForwardingId> late_;     // rules that wait for the port model to name their device
-    size_t lot_size_ = 8;
-    std::vector<Rule> dropped_;  // rules that it has and should not
+    std::vector<Rule> dropped_;       // rules that it has and should not have
+    size_t batch_size_ = 8;
     EventLoop::Handle gathering_;
     bool open_ = false;     // the table is in the kernel
     bool broken_ = false;   // it is not as we left it

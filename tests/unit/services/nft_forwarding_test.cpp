@@ -32,14 +32,14 @@ TEST(NftTable, NamesThatTheFilterCannotExpressAreNotUsed) {
     EXPECT_FALSE(NftTable::can_name("s\\p"));
 }
 
-TEST(NextLotSize, KeepsTheTimeOfATransactionInBounds) {
+TEST(NextBatchSize, KeepsTheTimeOfATransactionInBounds) {
     using std::chrono::microseconds;
-    EXPECT_EQ(next_lot_size(8, microseconds(2001)), 4u);
-    EXPECT_EQ(next_lot_size(8, microseconds(2000)), 8u);
-    EXPECT_EQ(next_lot_size(8, microseconds(1000)), 8u);
-    EXPECT_EQ(next_lot_size(8, microseconds(999)), 16u);
-    EXPECT_EQ(next_lot_size(64, microseconds(1)), 64u);
-    EXPECT_EQ(next_lot_size(4, microseconds(50000)), 4u);
+    EXPECT_EQ(next_batch_size(8, microseconds(2001)), 4u);
+    EXPECT_EQ(next_batch_size(8, microseconds(2000)), 8u);
+    EXPECT_EQ(next_batch_size(8, microseconds(1000)), 8u);
+    EXPECT_EQ(next_batch_size(8, microseconds(999)), 16u);
+    EXPECT_EQ(next_batch_size(64, microseconds(1)), 64u);
+    EXPECT_EQ(next_batch_size(4, microseconds(50000)), 4u);
 }
 
 TEST(CountedSince, FollowsAWrapAndACounterThatWasSetBack) {

@@ -300,7 +300,7 @@ TEST_F(NftTrouble, RuleAskedForWhenTheTableHasJustGoneIsInstalledAllTheSame) {
 }
 
 TEST_F(NftTrouble, RulesThatWereToGoWentWithTheTable) {
-    constexpr ForwardingId kMany = 2 * NftForwarding::kRulesAtOnce;
+    constexpr ForwardingId kMany = 2 * NftForwarding::kMaxBatch;
     for (ForwardingId id = 1; id <= kMany + 1; ++id) {
         plane->install(id, 1, kPortRule);
     }

@@ -1,14 +1,14 @@
-// Changes of one moment in the forwarding plane of a Linux bridge.
+// Many changes at once in the forwarding plane of a Linux bridge.
 #include "tests/unit/services/nft_rig.h"
 
 namespace qv {
 namespace {
 
-using NftLots = NftForwardingTest;
+using NftBatches = NftForwardingTest;
 
-TEST_F(NftLots, ManyRulesAreInstalledInTheirOrder) {
+TEST_F(NftBatches, ManyRulesAreInstalledInTheirOrder) {
     Lines expected;
-    for (ForwardingId id = 1; id <= 2 * NftForwarding::kRulesAtOnce + 1; ++id) {
+    for (ForwardingId id = 1; id <= 2 * NftForwarding::kMaxBatch + 1; ++id) {
         plane->install(id, id % 2 + 1, kPortRule);
         expected.push_back("done " + std::to_string(id));
     }
@@ -18,8 +18,8 @@ TEST_F(NftLots, ManyRulesAreInstalledInTheirOrder) {
     EXPECT_EQ(static_cast<size_t>(std::count(counters.begin(), counters.end(), '.')),
               expected.size());
 
-    // And leave in as many lots.
-    for (ForwardingId id = 1; id <= 2 * NftForwarding::kRulesAtOnce; ++id) {
+    // They leave in as many batches.
+    for (ForwardingId id = 1; id <= 2 * NftForwarding::kMaxBatch; ++id) {
         plane->remove(id);
     }
     carry_out();
@@ -29,7 +29,7 @@ TEST_F(NftLots, ManyRulesAreInstalledInTheirOrder) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftLots, RuleThatGoesBeforeItWasInstalledNeverIs) {
+TEST_F(NftBatches, RuleThatGoesBeforeItWasInstalledNeverIs) {
     plane->install(3, std::nullopt, kSwitchRule);
     plane->install(4, 1, kPortRule);
     plane->remove(4);
@@ -45,7 +45,7 @@ TEST_F(NftLots, RuleThatGoesBeforeItWasInstalledNeverIs) {
     EXPECT_FALSE(loop.next_timer().has_value());
 }
 
-TEST_F(NftLots, RuleInPlaceOfAnotherTakesOver) {
+TEST_F(NftBatches, RuleInPlaceOfAnotherTakesOver) {
     plane->install(3, 1, kPortRule);
     settle();
     plane->remove(3);
@@ -57,7 +57,7 @@ TEST_F(NftLots, RuleInPlaceOfAnotherTakesOver) {
     EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
 }
 
-TEST_F(NftLots, PortThatGoesBeforeItsRuleIsInstalledIsWaitedFor) {
+TEST_F(NftBatches, PortThatGoesBeforeItsRuleIsInstalledIsWaitedFor) {
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
     ip("link del swp1\n");
