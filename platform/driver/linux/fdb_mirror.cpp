@@ -1,3 +1,22 @@
+// The mirror holds two sets: `entries_`, what the kernel has, and `known_`, what was reported.
+// `pending_` lists the addresses in which they may differ. A timer reports those differences, some
+// at a time, and moves them to `known_`.
+//
+// Entries come from one socket that is subscribed to changes before it asks for the list (a dump),
+// so nothing happens unseen between the two. Three things can still make the list wrong:
+//
+//   The kernel drops messages when the socket's buffer is full. RtnlMonitor notices and reads
+//   everything again: on_dump_begin() clears `entries_`, on_dump_end() compares both sets as a
+//   whole. Nothing is reported meanwhile, so `known_` never follows half a list.
+//
+//   Entries are deleted during the dump. The kernel finds its place in the list again by counting,
+//   so a deletion makes it skip entries that have moved up. The list is then read again, until a
+//   reading passes without a deletion or kMaxReadings are done. What they find adds up.
+//
+//   A deletion is announced at once, but a part of the list that the kernel had composed before may
+//   arrive later and still name the entry. `deleted_` remembers such entries until the dump ends.
+//
+// Multicast addresses are left out: the bridge floods them, whatever its list says.
 #include "platform/driver/linux/fdb_mirror.h"
 
 #include <utility>
@@ -31,63 +50,64 @@ void FdbMirror::follow(uint32_t bridge) {
     }
     monitor_ = std::move(monitor);
     bridge_ = bridge;
-    again_ = false;
+    read_again_ = false;
     if (!monitor_) {
         entries_.clear();
-        compare();
+        compare_all();
         return;
     }
-    reading_ = true;  // what was known stays until the list is complete
+    reading_ = true;  // known_ stays as it is until the list is complete
     monitor_->start(*this);
 }
 
 void FdbMirror::stop() {
     monitor_.reset();
-    gathering_.reset();
+    report_timer_.reset();
     bridge_ = 0;
     entries_.clear();
     deleted_.clear();
-    touched_.clear();
+    pending_.clear();
     known_.clear();
     reading_ = false;
-    again_ = false;
+    read_again_ = false;
     repeating_ = false;
 }
 
 void FdbMirror::repeat() {
-    touched_.merge(known_);
+    pending_.merge(known_);
     known_.clear();
     repeating_ = true;
-    gather();
+    schedule_report();
 }
 
 void FdbMirror::on_dump_begin() {
     reading_ = true;
     deleted_.clear();
-    // Only from one reading to the next nothing that went has been missed.
-    if (!std::exchange(again_, false)) {
+    // Readings in a row add up, since the socket has seen every deletion between them. After a loss
+    // it has not.
+    if (!std::exchange(read_again_, false)) {
         entries_.clear();
         readings_ = 0;
     }
 }
 
 bool FdbMirror::on_dump_end() {
-    again_ = !deleted_.empty() && ++readings_ < kReadings;
-    if (!again_) {
-        compare();
+    read_again_ = !deleted_.empty() && ++readings_ < kMaxReadings;
+    if (!read_again_) {
+        compare_all();
     }
-    return !again_;
+    return !read_again_;
 }
 
-// With everything that is there now.
-void FdbMirror::compare() {
+// Makes every address of either set pending.
+void FdbMirror::compare_all() {
     reading_ = false;
     deleted_.clear();
-    touched_ = known_;
+    pending_ = known_;
     for (const uint64_t entry : entries_) {
-        touched_.insert(entry >> kVlanBits);
+        pending_.insert(entry >> kVlanBits);
     }
-    gather();
+    schedule_report();
 }
 
 void FdbMirror::on_message(nlmsghdr* header) {
@@ -106,8 +126,8 @@ void FdbMirror::on_message(nlmsghdr* header) {
         entries_.insert(key);
     }
     if (!reading_ && has_entry(entry->address) != known_.contains(entry->address)) {
-        touched_.insert(entry->address);
-        gather();
+        pending_.insert(entry->address);
+        schedule_report();
     }
 }
 
@@ -116,20 +136,20 @@ bool FdbMirror::has_entry(MacAddress address) const {
     return entry != entries_.end() && *entry >> kVlanBits == address;
 }
 
-void FdbMirror::gather() {
-    if (!gathering_) {
-        gathering_ = loop_.after(kGather, [this] { hand_on(); });
+void FdbMirror::schedule_report() {
+    if (!report_timer_) {
+        report_timer_ = loop_.after(kGather, [this] { report(); });
     }
 }
 
-void FdbMirror::hand_on() {
+void FdbMirror::report() {
     if (reading_) {
-        return;  // its end gathers again
+        return;  // on_dump_end() schedules the next report
     }
     std::vector<MacAddress> added;
     std::vector<MacAddress> gone;
-    for (size_t n = 0; n < kAtOnce && !touched_.empty(); ++n) {
-        const MacAddress address = touched_.extract(touched_.begin()).value();
+    for (size_t n = 0; n < kMaxPerReport && !pending_.empty(); ++n) {
+        const MacAddress address = pending_.extract(pending_.begin()).value();
         if (!has_entry(address)) {
             if (known_.erase(address) != 0) {
                 gone.push_back(address);
@@ -138,10 +158,10 @@ void FdbMirror::hand_on() {
             added.push_back(address);
         }
     }
-    if (touched_.empty()) {
+    if (pending_.empty()) {
         repeating_ = false;
     } else {
-        gathering_ = loop_.after(Duration::zero(), [this] { hand_on(); });
+        report_timer_ = loop_.after(Duration::zero(), [this] { report(); });
     }
     if (!added.empty() || !gone.empty()) {
         changed_(added, gone);

@@ -1,12 +1,9 @@
 // The addresses that a bridge knows, followed through rtnetlink.
 //
 // A bridge keeps one entry for each address and VLAN: learned ones, those set by hand and its own.
-// An address is known while there is any entry for it. Changes are gathered for a moment and
-// then handed on as differences, so that an entry that only moves between ports (which is what all
-// of them do in a storm) is no change at all. When the kernel had to drop messages, all entries are
-// read again and the differences handed on; nothing is lost. They are also read again when
-// entries went while they were being read: the kernel continues by position in its list, and so
-// skips entries that have moved up.
+// An address is known while there is any entry for it. The mirror reports the difference to what it
+// has reported before, so an entry that only moves between ports is no change; in a storm all of
+// them move all the time. The source describes how it stays complete.
 #pragma once
 
 #include <cstdint>
@@ -25,14 +22,14 @@ namespace qv {
 class FdbMirror final : private RtnlMonitor::Listener {
  public:
     static constexpr int kReceiveBuffer = 8 << 20;
-    // How long changes are gathered.
+    // How long changes are collected before they are reported.
     static constexpr std::chrono::milliseconds kGather{10};
-    // Addresses handed on in one go; the loop has its turn before the next.
-    static constexpr size_t kAtOnce = 512;
-    // How often everything is read in a row while entries go; what is found adds up.
-    static constexpr unsigned kReadings = 10;
+    // Addresses in one report; the loop has its turn before the next.
+    static constexpr size_t kMaxPerReport = 512;
+    // Readings in a row while entries are deleted in the middle of each.
+    static constexpr unsigned kMaxReadings = 10;
 
-    // From the loop. No address is in both lists.
+    // Called from the loop, never inside a call of this class. No address is in both lists.
     using Changed = std::function<void(const std::vector<MacAddress>& added,
                                        const std::vector<MacAddress>& gone)>;
 
@@ -40,20 +37,21 @@ class FdbMirror final : private RtnlMonitor::Listener {
     FdbMirror(EventLoop& loop, Changed changed, int receive_buffer = kReceiveBuffer);
     ~FdbMirror() override;
 
-    // Follows the bridge with this interface index from now on; 0 for none, then no address is
-    // known. Throws std::runtime_error when no socket can be opened, and then changes nothing.
+    // Follows the bridge with this interface index from now on; with 0 none, and all addresses are
+    // reported as gone. Throws std::runtime_error when no socket can be opened, and then changes
+    // nothing.
     void follow(uint32_t bridge);
     uint32_t bridge() const { return bridge_; }
 
-    // Hands on all known addresses again, as if none had been.
+    // Reports all known addresses as added once more: the receiver has lost them.
     void repeat();
-    // Until all of them have been.
+    // True until repeat() has reported all of them.
     bool repeating() const { return repeating_; }
 
-    // Forgets everything, without a report.
+    // Follows no bridge and forgets all addresses, without a report.
     void stop();
 
-    // The addresses that have been handed on, ascending.
+    // The addresses that have been reported as added and not as gone, ascending.
     const std::set<MacAddress>& known() const { return known_; }
     // How often everything was read again because messages were lost.
     unsigned resyncs() const { return monitor_ ? monitor_->resyncs() : 0; }
@@ -62,27 +60,25 @@ class FdbMirror final : private RtnlMonitor::Listener {
     void on_dump_begin() override;
     bool on_dump_end() override;
     void on_message(nlmsghdr* header) override;
-    void compare();
+    void compare_all();
     bool has_entry(MacAddress address) const;
-    void gather();
-    void hand_on();
+    void schedule_report();
+    void report();
 
     EventLoop& loop_;
     const Changed changed_;
     const int receive_buffer_;
     uint32_t bridge_ = 0;
-    std::set<uint64_t> entries_;    // address and VLAN: address << 16 | VLAN
-    std::set<MacAddress> touched_;  // may differ between entries_ and known_
-    std::set<MacAddress> known_;
-    bool reading_ = false;  // between the two ends of a dump entries_ is not complete
-    // Entries whose deletion was announced in mid-dump. The kernel announces it at once, but may
-    // send a part of the list that it had begun before: what the list says of them is out of date.
-    std::set<uint64_t> deleted_;
+    std::set<uint64_t> entries_;    // the kernel's entries: address << 16 | VLAN
+    std::set<MacAddress> pending_;  // may differ between entries_ and known_
+    std::set<MacAddress> known_;    // as reported
+    bool reading_ = false;          // a dump is under way, entries_ is incomplete
+    std::set<uint64_t> deleted_;    // entries deleted during the dump under way
     bool repeating_ = false;
-    bool again_ = false;                    // the next dump adds to what this one has found
-    unsigned readings_ = 0;                 // in a row in which entries went
+    bool read_again_ = false;               // the next dump adds to what this one has found
+    unsigned readings_ = 0;                 // incomplete ones in a row
     std::unique_ptr<RtnlMonitor> monitor_;  // null while no bridge is followed
-    EventLoop::Handle gathering_;
+    EventLoop::Handle report_timer_;
 };
 
 }  // namespace qv

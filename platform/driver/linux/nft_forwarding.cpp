@@ -1,3 +1,34 @@
+// How a rule gets into the kernel.
+//
+// install() only notes the rule in `changed_`, remove() in `dropped_`, port_changed() in `changed_`
+// again when the rule's chain has to move. After kGather commit() opens the table and carries out
+// one batch of these changes in one transaction; while changes are left it runs again, with the
+// loop's other work in between. libnftables reads all chains and counters before each transaction:
+// one for each of 512 rules takes five times as long as eight for all of them, and one for all
+// would stop the loop for too long. The rule's answer goes out when the kernel has it.
+//
+// A transaction fails as a whole. Then each of its changes is tried alone, so that only the one
+// that cannot be done is refused. A device that the kernel does not know was renamed or removed a
+// moment ago and the port model will soon say so: such a rule waits in `unplaced_` for the next
+// tick.
+//
+// The names of the bridge and its devices come from the port model, never from a look-up in the
+// kernel: that fails when the process is out of descriptors, and a rule must not suffer from it.
+// For the same reason nothing at all is changed while a socket cannot be opened: commit() tries
+// again every kRetry, and rules in the kernel stay.
+//
+// A rule belongs to a bridge port number. While no port has that number the rule keeps its counter
+// but has no chain; the chain returns with the port.
+//
+// tick() runs every second: it reads and reports the counters, and looks whether another program
+// has changed the table. If so, restore() makes the table anew: first empty, then the known
+// addresses (FdbMirror::repeat), then all rules through commit(), which waits for the addresses,
+// because without them every frame would count as flooded. Only a table that cannot be made anew is
+// reported as lost, with all its rules. close() removes the table when the last rule goes and when
+// the process ends in order; a crash leaves it to remove_leftovers() of the next process.
+//
+// A sink's callback may call any function of this class. So no iterator into `rules_` lives across
+// one: reports and answers are collected first, then given.
 #include "platform/driver/linux/nft_forwarding.h"
 
 #include <algorithm>
@@ -34,7 +65,7 @@ NftForwarding::NftForwarding(EventLoop& loop, Settings settings)
       settings_(std::move(settings)),
       table_(kTable),
       mirror_(
-          loop, [this](const auto& added, const auto& gone) { take_known(added, gone); },
+          loop, [this](const auto& added, const auto& gone) { update_known(added, gone); },
           settings_.receive_buffer) {}
 
 NftForwarding::~NftForwarding() {
@@ -64,13 +95,13 @@ void NftForwarding::install(ForwardingId id, std::optional<uint32_t> phyid,
     }
     rules_[id] = std::move(added);
     changed_.insert(id);
-    gather();
+    schedule_commit();
 }
 
 int NftForwarding::check(const Rule& rule) const {
     if (!rule.phyid) {
-        // There is no hook that all frames of a bridge and no others pass. Where nothing happens to
-        // the frames nothing is installed, but the table must be there.
+        // The kernel has no hook that exactly the frames of one bridge pass. A rule that neither
+        // counts nor meters needs none; only the table must exist.
         return rule.rule.counted || rule.rule.meter ? EOPNOTSUPP : 0;
     }
     if (rule.rule.meter && rule.rule.meter->rate_pps == 0) {
@@ -85,32 +116,32 @@ NftForwarding::Place NftForwarding::locate(uint32_t phyid) const {
     return usable ? Place{.device = port->name, .ifx = port->ifx} : Place{};
 }
 
-void NftForwarding::gather() {
-    if (!gathering_) {
-        gathering_ = loop_.after(kGather, [this] { commit(); });
+void NftForwarding::schedule_commit() {
+    if (!commit_timer_) {
+        commit_timer_ = loop_.after(kGather, [this] { commit(); });
     }
 }
 
-// Answers go out when everything is as they say.
+// The answers go out last, when the state they report is reached.
 void NftForwarding::commit() {
     const int error = open_table();
     if (out_of_descriptors(error)) {
         log_refusal(error);
     }
     if (out_of_descriptors(error) || (error == 0 && !mirrored_)) {
-        gathering_ = loop_.after(kRetry, [this] { commit(); });
+        commit_timer_ = loop_.after(kRetry, [this] { commit(); });
         return;
     }
     if (mirror_.repeating()) {
-        gathering_ = loop_.after(kGather, [this] { commit(); });
+        commit_timer_ = loop_.after(kGather, [this] { commit(); });
         return;
     }
-    // The loop's clock may be scaled.
+    // Real time: the loop's clock may run faster.
     const auto begin = std::chrono::steady_clock::now();
-    const std::vector<Answer> answers = carry_out(next_batch(), error);
+    const std::vector<Answer> answers = apply(next_batch(), error);
     batch_size_ = next_batch_size(batch_size_, std::chrono::steady_clock::now() - begin);
     if (!changed_.empty() || !dropped_.empty()) {
-        gathering_ = loop_.after(Duration::zero(), [this] { commit(); });
+        commit_timer_ = loop_.after(Duration::zero(), [this] { commit(); });
     }
     for (const auto& [id, failure] : answers) {
         if (failure == 0) {
@@ -130,15 +161,15 @@ NftForwarding::Batch NftForwarding::next_batch() {
     }
     while (!changed_.empty() && batch.dropped.size() + batch.changed.size() < batch_size_) {
         batch.changed.push_back(changed_.extract(changed_.begin()).value());
-        late_.erase(batch.changed.back());
+        unplaced_.erase(batch.changed.back());
     }
     return batch;
 }
 
-std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Batch& batch, int table_error) {
+std::vector<NftForwarding::Answer> NftForwarding::apply(const Batch& batch, int table_error) {
     std::vector<Answer> answers;
     const auto note = [&](ForwardingId id, int error) {
-        if (finish(id, error)) {
+        if (record_outcome(id, error)) {
             answers.emplace_back(id, error);
         }
     };
@@ -151,10 +182,10 @@ std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Batch& batch, 
     // Nothing of the batch has happened.
     if (table_.is_gone()) {
         changed_.insert(batch.changed.begin(), batch.changed.end());
-        put_back();
+        restore();
         return answers;
     }
-    // One at a time, so that only what cannot be done is not.
+    // Each change alone, so that only the one that cannot be done fails.
     for (const Rule& rule : batch.dropped) {
         if (run({.dropped = {rule}, .changed = {}}) != 0) {
             broken_ = true;
@@ -169,16 +200,16 @@ std::vector<NftForwarding::Answer> NftForwarding::carry_out(const Batch& batch, 
 int NftForwarding::run(const Batch& batch) {
     NftTable::Change change = table_.change();
     for (const Rule& rule : batch.dropped) {
-        drop(change, rule);
+        add_removal(change, rule);
     }
     for (const ForwardingId id : batch.changed) {
-        bring(change, rules_.at(id));
+        add_update(change, rules_.at(id));
     }
     return table_.run(change);
 }
 
-// Notes what has become of a rule; true when that is to be answered, or a rule was lost.
-bool NftForwarding::finish(ForwardingId id, int error) {
+// Updates a rule after a transaction. True when the result has to be reported.
+bool NftForwarding::record_outcome(ForwardingId id, int error) {
     Rule& rule = rules_.at(id);
     if (error == 0) {
         rule.chain = rule.place;
@@ -186,14 +217,13 @@ bool NftForwarding::finish(ForwardingId id, int error) {
         rule.tries = 0;
         return !std::exchange(rule.answered, true);
     }
-    // Some kernels refuse a device that they do not have. It may have gone, or have another name by
-    // now, and the port model is about to hear of it.
+    // The device may have been removed or renamed, and the port model does not know yet.
     if (error == ENOENT && !rule.place.device.empty() && ++rule.tries < kDeviceTries) {
-        late_.insert(id);
+        unplaced_.insert(id);
         return false;
     }
     if (rule.installed) {
-        broken_ = true;  // it is still where it was
+        broken_ = true;  // its chain is still in the old place
         return false;
     }
     rules_.erase(id);
@@ -208,7 +238,7 @@ void NftForwarding::refuse(ForwardingId id, int error) {
     sink_->failed(id, error);
 }
 
-void NftForwarding::drop(NftTable::Change& change, const Rule& rule) {
+void NftForwarding::add_removal(NftTable::Change& change, const Rule& rule) {
     if (!rule.chain.device.empty()) {
         change.drop_chain(rule.name);
     }
@@ -217,9 +247,9 @@ void NftForwarding::drop(NftTable::Change& change, const Rule& rule) {
     }
 }
 
-// From what the kernel has of a rule to what it should have. A chain whose device has gone and is
-// back at the same place is made anew as well: on some kernels it went with the device.
-void NftForwarding::bring(NftTable::Change& change, Rule& rule) const {
+// Adds what turns the kernel's state of a rule into the wanted one. A chain that stays in its place
+// is made anew as well: some kernels remove it with its device, which may have gone and come back.
+void NftForwarding::add_update(NftTable::Change& change, Rule& rule) const {
     if (!rule.phyid) {
         return;
     }
@@ -235,7 +265,8 @@ void NftForwarding::bring(NftTable::Change& change, Rule& rule) const {
     }
 }
 
-// An empty table at first, and the mirror at work.
+// Makes sure that the table exists and its sockets are open. A new table starts the mirror and the
+// ticks.
 int NftForwarding::open_table() {
     if (open_) {
         return table_.open();
@@ -244,12 +275,12 @@ int NftForwarding::open_table() {
         return error;
     }
     open_ = true;
-    timer_ = loop_.after(kTick, [this] { tick(); });
+    tick_timer_ = loop_.after(kTick, [this] { tick(); });
     follow_bridge();
     return 0;
 }
 
-// Without rules and addresses, in place of whatever there is.
+// Replaces the table, if there is one, by an empty one.
 int NftForwarding::make_table() {
     NftTable::Change change = table_.change();
     change.begin_anew();
@@ -269,17 +300,16 @@ void NftForwarding::remove(ForwardingId id) {
     Rule rule = std::move(found->second);
     rules_.erase(found);
     changed_.erase(id);
-    late_.erase(id);
+    unplaced_.erase(id);
     if (rules_.empty()) {
         close();
     } else if (rule.phyid && rule.installed) {
         dropped_.push_back(std::move(rule));
-        gather();
+        schedule_commit();
     }
 }
 
-// A table that cannot be removed for want of a privilege is no news before a rule is asked for, and
-// then the refusal says why.
+// Without the privilege this fails silently; the first rule's refusal reports it.
 void NftForwarding::remove_leftovers() {
     if (!open_) {
         NftTable::Change change = table_.change();
@@ -291,10 +321,10 @@ void NftForwarding::remove_leftovers() {
 void NftForwarding::close() {
     rules_.clear();
     changed_.clear();
-    late_.clear();
+    unplaced_.clear();
     dropped_.clear();
-    gathering_.reset();
-    timer_.reset();
+    commit_timer_.reset();
+    tick_timer_.reset();
     mirror_.stop();
     if (!std::exchange(open_, false)) {
         return;
@@ -314,7 +344,7 @@ void NftForwarding::port_changed(uint32_t phyid) {
     for (const auto& [id, rule] : rules_) {
         if (rule.phyid == phyid && locate(phyid) != rule.chain) {
             changed_.insert(id);
-            gather();
+            schedule_commit();
         }
     }
 }
@@ -329,8 +359,8 @@ void NftForwarding::follow_bridge() {
         mirror_.follow(bridge);
         mirrored_ = true;
     } catch (const std::runtime_error& error) {
-        // The known addresses stay. Rules that are not installed yet wait: without addresses every
-        // frame would count as flooded and be metered.
+        // The addresses known so far stay. Rules that are not installed yet wait: without addresses
+        // every frame would count as flooded and be metered.
         if (std::exchange(mirrored_, false)) {
             log_message(kLogError, "FORWARDING", "MIRROR",
                         "The bridge's addresses are not known: %s", error.what());
@@ -338,32 +368,32 @@ void NftForwarding::follow_bridge() {
     }
 }
 
-void NftForwarding::take_known(const std::vector<MacAddress>& added,
-                               const std::vector<MacAddress>& gone) {
+void NftForwarding::update_known(const std::vector<MacAddress>& added,
+                                 const std::vector<MacAddress>& gone) {
     if (table_.change_known(added, gone) != 0) {
         broken_ = true;
     }
 }
 
 void NftForwarding::tick() {
-    timer_ = loop_.after(kTick, [this] { tick(); });
+    tick_timer_ = loop_.after(kTick, [this] { tick(); });
     follow_bridge();
     std::vector<NamedCounter> counters;
     counters.reserve(rules_.size());
     const int error = table_.read_counters(counters);
     const bool all_there = report(counters);
-    // Counters that are missing in a list that broke off are read next time, from the same point.
+    // A list that broke off proves nothing; its missing counters are read at the next tick.
     if (open_ &&
         (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !all_there))) {
-        put_back();
+        restore();
     }
-    if (!late_.empty()) {
-        changed_.merge(late_);
-        gather();
+    if (!unplaced_.empty()) {
+        changed_.merge(unplaced_);
+        schedule_commit();
     }
 }
 
-// Whether every rule has its counter.
+// Reports the increments. True when every rule that counts has its counter in the list.
 bool NftForwarding::report(const std::vector<NamedCounter>& counters) {
     std::vector<std::pair<ForwardingId, PacketCounts>> reports;
     reports.reserve(counters.size());
@@ -384,7 +414,7 @@ bool NftForwarding::report(const std::vector<NamedCounter>& counters) {
     const auto counting = std::count_if(rules_.begin(), rules_.end(), [](const auto& item) {
         return item.second.installed && item.second.rule.counted;
     });
-    // A report may lead to removals.
+    // The sink may remove rules.
     for (const auto& [id, since] : reports) {
         if (rules_.contains(id)) {
             sink_->counted(id, since.packets, since.bytes);
@@ -402,8 +432,8 @@ NftForwarding::Rules::iterator NftForwarding::find_counter(const std::string& na
     return counts ? at : rules_.end();
 }
 
-// The table at once, then the known addresses, then the rules as if they had just been asked for.
-void NftForwarding::put_back() {
+// Makes the table anew at once; the mirror and commit() fill it again.
+void NftForwarding::restore() {
     if (const int error = table_.open(); out_of_descriptors(error)) {
         broken_ = true;
         log_refusal(error);
@@ -412,7 +442,7 @@ void NftForwarding::put_back() {
     log_message(kLogWarning, "FORWARDING", "RESTORED",
                 "The rules of storm-loop-detect were changed from outside and are put back.");
     if (const int error = make_table(); error != 0) {
-        lose_all(error);
+        fail_all(error);
         return;
     }
     mirror_.repeat();
@@ -423,10 +453,10 @@ void NftForwarding::put_back() {
         rule.reported = {};
         changed_.insert(id);
     }
-    gather();
+    schedule_commit();
 }
 
-void NftForwarding::lose_all(int error) {
+void NftForwarding::fail_all(int error) {
     log_refusal(error);
     std::vector<ForwardingId> lost;
     for (const auto& [id, rule] : rules_) {
@@ -438,7 +468,7 @@ void NftForwarding::lose_all(int error) {
     }
 }
 
-// Once for each reason, until something could be installed again.
+// Logs each reason once, until a rule could be installed again.
 void NftForwarding::log_refusal(int error) {
     if (std::exchange(logged_refusal_, error) == error) {
         return;

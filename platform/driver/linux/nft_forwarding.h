@@ -2,21 +2,8 @@
 //
 // Frames to an address that the bridge knows leave the chain first; the others, those that the
 // bridge floods, are counted and then metered. The set of known addresses mirrors the bridge's
-// forwarding database. The table, the mirror and the timer are there only while there are rules.
-//
-// Changes are gathered for a moment and carried out some at a time, each batch in one transaction:
-// before a transaction libnftables reads all chains and counters, so that one for each of 512 ports
-// takes five times as long as eight for all of them. A rule is answered when it is in the kernel.
-//
-// The bridge and the names of its devices come from the port model, which may be behind the kernel
-// but never in doubt: a look-up at the moment of use fails when the process has no descriptor left,
-// and a rule must not suffer from that. What the model has not heard of yet is tried again. While a
-// socket cannot be opened nothing is changed: rules wait, and those in the kernel stay.
-//
-// A rule belongs to a bridge port number. While no port has that number it waits without a
-// chain, and returns with the port; its counter stays. When somebody else has changed the table or
-// taken it away, it is put back as a whole at the next reading of the counters; only what cannot be
-// put back is reported as lost.
+// forwarding database. The table, the mirror and the timer exist only while there are rules.
+// docs/forwarding-plane.md shows the table; the source describes how a rule gets there.
 #pragma once
 
 #include <functional>
@@ -42,13 +29,13 @@ size_t next_batch_size(size_t size, std::chrono::nanoseconds took);
 class NftForwarding final : public ForwardingDriver {
  public:
     static constexpr const char* kTable = "lda";
-    // Counters are read and reported this often.
+    // Period of reading and reporting the counters.
     static constexpr std::chrono::seconds kTick{1};
-    // How long changes are gathered.
+    // How long changes are collected before the first transaction.
     static constexpr std::chrono::milliseconds kGather{10};
-    // How long the next try waits while a socket cannot be opened.
+    // Pause between attempts while no socket can be opened.
     static constexpr std::chrono::seconds kRetry{1};
-    // How often the chain of one rule is tried on a device that the kernel does not have.
+    // Attempts, one per tick, to put the chain of one rule on a device that the kernel refuses.
     static constexpr unsigned kDeviceTries = 5;
     // Bounds of a batch. Its size follows the time that the last one took, to stay near
     // kTransactionTime: the loop does nothing else meanwhile. With many chains in the table the
@@ -79,10 +66,10 @@ class NftForwarding final : public ForwardingDriver {
     void remove(ForwardingId id) override;
     void remove_leftovers() override;
 
-    // A port with this id has come, gone or changed.
+    // To be called when the port with this id was added, removed or changed.
     void port_changed(uint32_t phyid);
 
-    // Takes the table away, with every rule; nothing is reported of them.
+    // Removes the table with every rule, without a report.
     void close();
 
     // How often the forwarding database was read again because messages were lost.
@@ -99,13 +86,13 @@ class NftForwarding final : public ForwardingDriver {
         std::optional<uint32_t> phyid;
         ForwardingRule rule;
         std::string name;  // of its chain and its counter; empty for one on the whole switch
-        Place place;       // where the change under way puts its chain
-        Place chain;       // where its chain is
+        Place place;       // of the chain in the transaction under way
+        Place chain;       // of the chain in the kernel
         bool installed =
             false;  // the kernel has it: its counter, and its chain while it has a port
         bool answered = false;
-        unsigned tries = 0;  // of its place, in vain and in a row
-        PacketCounts reported;
+        unsigned tries = 0;     // failed in a row
+        PacketCounts reported;  // the counter when it was last reported
     };
     using Rules = std::map<ForwardingId, Rule>;
     // The changes that one transaction makes.
@@ -116,25 +103,25 @@ class NftForwarding final : public ForwardingDriver {
     using Answer = std::pair<ForwardingId, int>;  // and its error, or 0
 
     int check(const Rule& rule) const;
-    void gather();
+    void schedule_commit();
     void commit();
     Batch next_batch();
-    std::vector<Answer> carry_out(const Batch& batch, int table_error);
+    std::vector<Answer> apply(const Batch& batch, int table_error);
     int run(const Batch& batch);
-    static void drop(NftTable::Change& change, const Rule& rule);
-    void bring(NftTable::Change& change, Rule& rule) const;
-    bool finish(ForwardingId id, int error);
+    static void add_removal(NftTable::Change& change, const Rule& rule);
+    void add_update(NftTable::Change& change, Rule& rule) const;
+    bool record_outcome(ForwardingId id, int error);
     void refuse(ForwardingId id, int error);
     int open_table();
     int make_table();
     void tick();
     bool report(const std::vector<NamedCounter>& counters);
     Rules::iterator find_counter(const std::string& name);
-    void put_back();
+    void restore();
     Place locate(uint32_t phyid) const;
     void follow_bridge();
-    void take_known(const std::vector<MacAddress>& added, const std::vector<MacAddress>& gone);
-    void lose_all(int error);
+    void update_known(const std::vector<MacAddress>& added, const std::vector<MacAddress>& gone);
+    void fail_all(int error);
     void log_refusal(int error);
 
     EventLoop& loop_;
@@ -143,16 +130,16 @@ class NftForwarding final : public ForwardingDriver {
     NftTable table_;
     FdbMirror mirror_;
     Rules rules_;
-    std::set<ForwardingId> changed_;  // rules that the kernel does not have as they are
-    std::set<ForwardingId> late_;     // rules that wait for the port model to name their device
-    std::vector<Rule> dropped_;       // rules that it has and should not have
+    std::set<ForwardingId> changed_;   // rules to bring to the kernel
+    std::set<ForwardingId> unplaced_;  // rules to try again at the next tick: no such device
+    std::vector<Rule> dropped_;        // rules to take out of the kernel
     size_t batch_size_ = 8;
-    EventLoop::Handle gathering_;
+    EventLoop::Handle commit_timer_;
     bool open_ = false;     // the table is in the kernel
-    bool broken_ = false;   // it is not as we left it
+    bool broken_ = false;   // its content is not what we put there
     bool mirrored_ = true;  // the mirror follows the bridge; false from its first failure on
     int logged_refusal_ = 0;
-    EventLoop::Handle timer_;
+    EventLoop::Handle tick_timer_;
 };
 
 }  // namespace qv

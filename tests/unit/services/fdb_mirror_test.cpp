@@ -200,7 +200,7 @@ TEST_F(FdbListTest, DeletionOfOneVlanLeavesTheOther) {
 }
 
 TEST_F(FdbListTest, ListsAreReadTenTimesWhileEntriesGo) {
-    for (unsigned reading = 1; reading < FdbMirror::kReadings; ++reading) {
+    for (unsigned reading = 1; reading < FdbMirror::kMaxReadings; ++reading) {
         list(kHost + reading);
         announce_deleted(kHost + 100);
         test::send_rtnl_done();
@@ -208,11 +208,11 @@ TEST_F(FdbListTest, ListsAreReadTenTimesWhileEntriesGo) {
     }
     announce_deleted(kHost + 100);
     test::send_rtnl_done();
-    EXPECT_EQ(known().size(), FdbMirror::kReadings - 1);
-    EXPECT_EQ(test::g_rtnl.requests, FdbMirror::kReadings);
+    EXPECT_EQ(known().size(), FdbMirror::kMaxReadings - 1);
+    EXPECT_EQ(test::g_rtnl.requests, FdbMirror::kMaxReadings);
     announce_deleted(kHost + 1);
-    EXPECT_EQ(known().size(), FdbMirror::kReadings - 2) << "no list is read for a change";
-    EXPECT_EQ(test::g_rtnl.requests, FdbMirror::kReadings);
+    EXPECT_EQ(known().size(), FdbMirror::kMaxReadings - 2) << "no list is read for a change";
+    EXPECT_EQ(test::g_rtnl.requests, FdbMirror::kMaxReadings);
 }
 
 TEST_F(FdbListTest, HalfOfAListIsNotHandedOn) {
