@@ -10,7 +10,7 @@
 #include <system_error>
 #include <thread>
 
-#include "services/netconf/client_habits.h"
+#include "services/netconf/client_quirks.h"
 #include "services/netconf/framing.h"
 #include "services/netconf/log.h"
 

@@ -1,4 +1,4 @@
-#include "services/netconf/client_habits.h"
+#include "services/netconf/client_quirks.h"
 
 #include <libnetconf2/netconf.h>
 

@@ -1,5 +1,5 @@
 // Repairs of a message before it is parsed, and messages that are left alone.
-#include "services/netconf/client_habits.h"
+#include "services/netconf/client_quirks.h"
 
 #include <gtest/gtest.h>
 
