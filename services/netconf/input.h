@@ -9,7 +9,7 @@
 #include <atomic>
 #include <memory>
 
-#include "services/netconf/peers.h"
+#include "services/netconf/shared_state.h"
 
 namespace netconf {
 

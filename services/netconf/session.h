@@ -8,7 +8,7 @@
 #include <string>
 
 #include "services/netconf/options.h"
-#include "services/netconf/peers.h"
+#include "services/netconf/shared_state.h"
 #include "services/netconf/schema.h"
 #include "services/netconf/subscription.h"
 

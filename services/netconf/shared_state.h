@@ -1,9 +1,9 @@
-// State that the sessions of a switch share although each is a process of its own: their numbers,
-// the lock of <lock>, and whose turn it is to edit.
+// The state that the sessions of a switch share, although each is a process of its own: their
+// numbers, the lock of <lock>, and the right to edit.
 //
-// All of it is record locks on files in one folder. The kernel drops such a lock when its holder
-// ends, however it ends, so nothing is left behind by a session that was killed or crashed. The
-// files themselves stay.
+// All of it is record locks on files in one folder. The kernel releases such a lock when its holder
+// ends, however it ends, so a session that was killed or crashed leaves nothing behind but the
+// files.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace netconf {
 
-// Closes its descriptor, which ends the record locks taken through it.
+// Owns a descriptor. Closing it releases the record locks that were taken through it.
 class File {
  public:
     File() = default;
@@ -36,11 +36,11 @@ struct SessionInfo {
     std::string user;
 };
 
-// The number of this session, its own for as long as the object lives.
+// Reserves a session number for as long as the object lives.
 class SessionNumber {
  public:
-    // Takes a free number and writes down who has it. Numbers go from 1 to kSessions and are not
-    // given again soon. Throws std::runtime_error when the folder is unusable or all are taken.
+    // Takes a free number from 1 to kSessions and writes down who has it. A number is not used
+    // again soon. Throws std::runtime_error when the folder is unusable or all numbers are taken.
     SessionNumber(const std::string& folder, const std::string& user);
 
     uint32_t id() const { return id_; }
@@ -54,7 +54,7 @@ class SessionNumber {
     uint32_t id_ = 0;
 };
 
-// The sessions that live now, by number.
+// The sessions that run now, by number.
 std::vector<SessionInfo> live_sessions(const std::string& folder);
 
 enum class Kill { kDone, kNoSuchSession, kNotAllowed, kStillThere };
@@ -67,11 +67,11 @@ class RunningLock {
  public:
     RunningLock(std::string folder, uint32_t id) : folder_(std::move(folder)), id_(id) {}
 
-    // The session that holds it now, this one included; 0: nobody.
+    // The session that holds it, this one included; 0 when none does.
     uint32_t holder() const;
-    // When it was taken, RFC 3339; empty when nobody holds it.
+    // When it was taken, RFC 3339; empty when no session holds it.
     std::string since() const;
-    // Both while holding an EditTurn, and take() only when nobody holds it.
+    // Both need an EditTurn; take() also needs that no session holds the lock.
     void take();
     void release();
     bool mine() const { return file_.open(); }
@@ -84,8 +84,8 @@ class RunningLock {
     File file_;
 };
 
-// The right to look at the lock and at the configuration and to change them, one session at a
-// time. Waits a moment for its turn; ours() is false when it did not come.
+// The right to read and change the lock and the configuration, for one session at a time. The
+// constructor waits up to 900 ms for it; ours() says whether it was granted.
 class EditTurn {
  public:
     explicit EditTurn(const std::string& folder);

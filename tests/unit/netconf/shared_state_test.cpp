@@ -1,6 +1,6 @@
 // Agreements of sessions by locks on files. A lock belongs to its descriptor, so that two
 // sessions of one process differ as those of two processes do.
-#include "services/netconf/peers.h"
+#include "services/netconf/shared_state.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

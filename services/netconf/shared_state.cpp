@@ -1,4 +1,4 @@
-#include "services/netconf/peers.h"
+#include "services/netconf/shared_state.h"
 
 #include <fcntl.h>
 #include <poll.h>
@@ -23,8 +23,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// An edit takes milliseconds, but 2 s when the agent does not answer. Those who wait must still be
-// answered within 3 s, their own edit included.
+// An edit takes milliseconds, but 2 s when the agent does not answer. A session that waits for its
+// turn must answer its client within 3 s, its own edit included.
 constexpr auto kTurnLimit = 900ms;
 constexpr auto kTurnStep = 5ms;
 constexpr int kKillLimit_ms = 1000;
@@ -43,7 +43,7 @@ File open_file(const std::string& path, bool create) {
     File file(
         open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), kFileMode));
     if (create && file.open()) {
-        // The mode of creation went through the umask. Files of other users are right already.
+        // The umask has reduced the mode. This fails for files of other users, which have it.
         static_cast<void>(fchmod(file.fd(), kFileMode));
     }
     return file;
@@ -82,7 +82,7 @@ std::string now_rfc3339() {
     return {text.data(), strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
-// Of a session that lives.
+// Nothing when the session does not run.
 std::optional<SessionInfo> info_of(const File& file, uint32_t id) {
     if (!file.open() || !is_locked(file)) {
         return std::nullopt;
@@ -112,7 +112,7 @@ SessionNumber::SessionNumber(const std::string& folder, const std::string& user)
     if (mkdir(folder.c_str(), 0770) != 0 && errno != EEXIST) {
         throw std::runtime_error(folder + ": " + strerror(errno));
     }
-    // Process numbers grow, so the next session starts its search behind this one.
+    // Process numbers grow, so the next session starts its search after this one.
     const uint32_t first = static_cast<uint32_t>(getpid()) % kSessions;
     for (uint32_t step = 0; step < kSessions; step++) {
         if (take(folder, 1 + (first + step) % kSessions)) {
@@ -153,7 +153,8 @@ Kill kill_session(const std::string& folder, uint32_t id) {
         return Kill::kNoSuchSession;
     }
     const File process(static_cast<int>(syscall(SYS_pidfd_open, info->pid, 0)));
-    // Asked again now that the process is held: its number cannot go to another one any more.
+    // Checked again: the process might have ended before the call above, and another one might have
+    // its number. From here on `process` is the session or nothing.
     if (!process.open() || !is_locked(file)) {
         return Kill::kNoSuchSession;
     }
@@ -205,8 +206,8 @@ EditTurn::EditTurn(const std::string& folder) {
     if (!file.open()) {
         throw std::runtime_error(folder + "/edit.lock: " + strerror(errno));
     }
-    // A record lock cannot be waited for with a limit, so it is asked for again and again, and only
-    // while two sessions edit at the same time.
+    // There is no call that waits for a record lock with a time limit, so this polls. It does so
+    // only while two sessions edit at the same time.
     const auto deadline = std::chrono::steady_clock::now() + kTurnLimit;
     while (!try_lock(file)) {
         if (std::chrono::steady_clock::now() > deadline) {
