@@ -1,10 +1,10 @@
 // lda-netconf: one NETCONF session on standard input and output.
 //
-// sshd starts one such process for each session, so a client that breaks its process breaks no
-// other session. The process reads and changes the switch through the object database alone, shares
-// a folder of lock files with the other sessions, and ends with its session. Two threads run: the
-// main thread serves the session and sleeps in poll(2), a second one reads standard input
-// (input.h).
+// sshd starts one such process for each session, so a message that crashes the parser ends only the
+// session that sent it. The process reads and changes the switch through records of the object
+// database and through nothing else; sessions coordinate by locks on files in one folder
+// (shared_state.h). It has two threads: the main thread serves the session and sleeps in poll(2),
+// the other one reads standard input (stdin_relay.h).
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/resource.h>
@@ -22,8 +22,8 @@
 
 namespace {
 
-// A session needs a few megabytes. A message that makes the parser want more than this ends its own
-// session before the switch runs out of memory.
+// A session needs a few megabytes. The limit ends one whose message makes the parser take more,
+// before the switch runs out of memory.
 constexpr rlim_t kMemoryLimit_bytes = rlim_t{128} << 20;
 
 std::string user_name() {

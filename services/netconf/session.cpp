@@ -10,9 +10,9 @@
 #include <array>
 #include <stdexcept>
 
-#include "services/netconf/input.h"
 #include "services/netconf/log.h"
 #include "services/netconf/operations.h"
+#include "services/netconf/stdin_relay.h"
 
 namespace netconf {
 namespace {
@@ -125,7 +125,8 @@ struct TooFarBehind : std::runtime_error {
 // Sleeps until there is something to do and does it. While the client does not read, its requests
 // are not served either, as each one would need an answer. Throws TooFarBehind when the client has
 // not read for kPatience_ms and Subscription::kMaxPending notifications wait.
-Step wait(const Session& session, const Input& requests, nc_pollsession* polled, bool writable) {
+Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* polled,
+          bool writable) {
     Subscription* const subscription = session.subscription.get();
     const bool full = subscription != nullptr && subscription->full();
     const bool stalled = full && !writable;
@@ -153,7 +154,7 @@ Step wait(const Session& session, const Input& requests, nc_pollsession* polled,
 
 // Serves until the session is over. Sleeps in poll(2): the waiting of libnetconf2 would wake up
 // every tenth of a millisecond.
-void serve(Session& session, const Input& requests, nc_pollsession* polled) {
+void serve(Session& session, const StdinRelay& requests, nc_pollsession* polled) {
     for (Step step = Step::kAgain; step != Step::kOver;) {
         const bool writable = (output_state() & POLLOUT) != 0;
         step = writable ? tell(session) : Step::kWait;
@@ -164,7 +165,7 @@ void serve(Session& session, const Input& requests, nc_pollsession* polled) {
 }
 
 // Logs how it ended. 0 when the client closed the session or went away.
-int log_end(const nc_session* link, const Input& requests) {
+int log_end(const nc_session* link, const StdinRelay& requests) {
     if (requests.fault() != nullptr) {
         log_line(LOG_WARNING, "ended: %s", requests.fault());
         return 1;
@@ -204,7 +205,7 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
                     .subscription = nullptr};
     start_server(context);
     spend_numbers_below(number.id());
-    const Input requests;
+    const StdinRelay requests;
     nc_session* accepted = nullptr;
     NC_MSG_TYPE answer;
     {

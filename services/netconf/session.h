@@ -8,8 +8,8 @@
 #include <string>
 
 #include "services/netconf/options.h"
-#include "services/netconf/shared_state.h"
 #include "services/netconf/schema.h"
+#include "services/netconf/shared_state.h"
 #include "services/netconf/subscription.h"
 
 namespace netconf {

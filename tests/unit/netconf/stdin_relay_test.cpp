@@ -1,5 +1,5 @@
 // Standard input on its way to the library: a socket takes its place.
-#include "services/netconf/input.h"
+#include "services/netconf/stdin_relay.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -18,7 +18,7 @@
 #include "tests/unit/netconf/intercepted.h"
 
 using namespace netconf::test;
-using netconf::Input;
+using netconf::StdinRelay;
 
 namespace {
 
@@ -40,7 +40,7 @@ uint64_t blocked_in(const std::filesystem::path& task) {
     return 0;
 }
 
-class InputOfASession : public testing::Test {
+class StdinRelayTest : public testing::Test {
  protected:
     void SetUp() override {
         reset_interception();
@@ -53,12 +53,12 @@ class InputOfASession : public testing::Test {
     }
     void TearDown() override {
         hang_up();
-        input_.reset();
+        relay_.reset();
         dup2(usual_, STDIN_FILENO);
         close(usual_);
     }
 
-    void start() { input_ = std::make_unique<Input>(); }
+    void start() { relay_ = std::make_unique<StdinRelay>(); }
     void send(const std::string& bytes) {
         ASSERT_EQ(::write(client_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
@@ -81,8 +81,8 @@ class InputOfASession : public testing::Test {
         std::string text(length, '\0');
         size_t done = 0;
         for (ssize_t got = 0;
-             done < length && arrives(input_->fd(), POLLIN) &&
-             (got = ::read(input_->fd(), text.data() + done, length - done)) > 0;) {
+             done < length && arrives(relay_->fd(), POLLIN) &&
+             (got = ::read(relay_->fd(), text.data() + done, length - done)) > 0;) {
             done += static_cast<size_t>(got);
         }
         text.resize(done);
@@ -93,23 +93,23 @@ class InputOfASession : public testing::Test {
 
     int client_ = -1;
     int usual_ = -1;
-    std::unique_ptr<Input> input_;
+    std::unique_ptr<StdinRelay> relay_;
 };
 
-TEST_F(InputOfASession, WholeMessagesAreHandedOnInOneChunkEach) {
+TEST_F(StdinRelayTest, WholeMessagesAreHandedOnInOneChunkEach) {
     start();
     send(kHello + "\n#4\n<rpc\n#2\n/>\n##\n\n#3\n<a");
     EXPECT_EQ(take(kHello.size() + framed("<rpc/>").size()), kHello + framed("<rpc/>"));
-    pollfd more{.fd = input_->fd(), .events = POLLIN, .revents = 0};
+    pollfd more{.fd = relay_->fd(), .events = POLLIN, .revents = 0};
     EXPECT_EQ(ppoll(&more, 1, std::array<timespec, 1>{}.data(), nullptr), 0);
-    EXPECT_EQ(input_->fault(), nullptr);
+    EXPECT_EQ(relay_->fault(), nullptr);
     send(">\n##\n");
     hang_up();
     EXPECT_EQ(rest(), framed("<a>"));
-    EXPECT_EQ(input_->fault(), nullptr);
+    EXPECT_EQ(relay_->fault(), nullptr);
 }
 
-TEST_F(InputOfASession, HabitsOfClientsArePutRight) {
+TEST_F(StdinRelayTest, QuirksOfClientsAreMended) {
     start();
     const auto edit = [](const std::string& attribute) {
         return framed("<rpc xmlns=\"" + kBase + "\"><edit-config><config><a xmlns=\"urn:a\"" +
@@ -120,22 +120,22 @@ TEST_F(InputOfASession, HabitsOfClientsArePutRight) {
     EXPECT_EQ(rest(), kHello + edit(" xmlns:nc=\"" + kBase + "\" nc:operation"));
 }
 
-TEST_F(InputOfASession, EndWithinAMessageIsAFault) {
+TEST_F(StdinRelayTest, EndWithinAMessageIsAFault) {
     start();
     send(kHello + framed("<rpc/>") + "\n#4\n<r");
     hang_up();
     EXPECT_EQ(rest(), kHello + framed("<rpc/>"));
-    EXPECT_STREQ(input_->fault(), "the input ends within a message");
+    EXPECT_STREQ(relay_->fault(), "the input ends within a message");
 }
 
-TEST_F(InputOfASession, BrokenFrameEndsTheInputAlthoughTheClientIsThere) {
+TEST_F(StdinRelayTest, BrokenFrameEndsTheInputAlthoughTheClientIsThere) {
     start();
     send(kHello + framed("<rpc/>") + "\n#x\n" + framed("<rpc/>"));
     EXPECT_EQ(rest(), kHello + framed("<rpc/>"));
-    EXPECT_STREQ(input_->fault(), "the framing is broken: no chunk begins where one should");
+    EXPECT_STREQ(relay_->fault(), "the framing is broken: no chunk begins where one should");
 }
 
-TEST_F(InputOfASession, InterruptedCallsAreRepeated) {
+TEST_F(StdinRelayTest, InterruptedCallsAreRepeated) {
     interrupt_reads(3);
     interrupt_sends(3);
     limit_sends(7);
@@ -145,34 +145,34 @@ TEST_F(InputOfASession, InterruptedCallsAreRepeated) {
     EXPECT_EQ(rest(), kHello + framed("<rpc>as long as some sevens</rpc>"));
 }
 
-TEST_F(InputOfASession, EndLeavesTheOtherDirectionOpen) {
+TEST_F(StdinRelayTest, EndLeavesTheOtherDirectionOpen) {
     start();
     send(kHello);
     hang_up();
-    ASSERT_TRUE(arrives(input_->fd(), POLLRDHUP));
-    pollfd end{.fd = input_->fd(), .events = POLLIN, .revents = 0};
+    ASSERT_TRUE(arrives(relay_->fd(), POLLRDHUP));
+    pollfd end{.fd = relay_->fd(), .events = POLLIN, .revents = 0};
     EXPECT_EQ(ppoll(&end, 1, std::array<timespec, 1>{}.data(), nullptr), 1);
     EXPECT_EQ(end.revents, POLLIN);  // no POLLHUP, which would hide the hello
     EXPECT_EQ(rest(), kHello);
 }
 
-TEST_F(InputOfASession, ReadingEndsWhenNobodyTakesTheMessages) {
+TEST_F(StdinRelayTest, ReadingEndsWhenNobodyTakesTheMessages) {
     start();
-    const netconf::File end(dup(input_->fd()));
-    input_.reset();
+    const netconf::File end(dup(relay_->fd()));
+    relay_.reset();
     shutdown(end.fd(), SHUT_RD);
     send(kHello);
     EXPECT_TRUE(arrives(end.fd(), 0));  // hung up: the thread has let go of its own end
 }
 
-TEST_F(InputOfASession, ReaderHasAStackForItsLastWords) {
+TEST_F(StdinRelayTest, ReaderHasAStackForSignalHandlers) {
     start();
     send(kHello);
     EXPECT_EQ(take(kHello.size()), kHello);
     EXPECT_TRUE(reader_has_signal_stack());
 }
 
-TEST_F(InputOfASession, SignalsAreTheMainThreadsButForThoseOfACrash) {
+TEST_F(StdinRelayTest, SignalsAreTheMainThreadsButForThoseOfACrash) {
     std::thread([] {}).join();  // a sanitizer starts a thread of its own along with the first one
     const uint64_t main_before = blocked_in("/proc/self/task/" + std::to_string(getpid()));
     std::set<std::string> before;

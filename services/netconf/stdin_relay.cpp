@@ -1,4 +1,4 @@
-#include "services/netconf/input.h"
+#include "services/netconf/stdin_relay.h"
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -31,15 +31,15 @@ bool write_all(int fd, std::string_view bytes) {
 
 }  // namespace
 
-Input::Input() : shared_(std::make_shared<Shared>()) {
+StdinRelay::StdinRelay() : shared_(std::make_shared<Shared>()) {
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw std::system_error(errno, std::generic_category(), "socketpair");
     }
     messages_ = File(ends[0]);
     shared_->messages = File(ends[1]);
-    // Signals are for the main thread, but for those of a crash: blocked, they end the process
-    // without its last words.
+    // The main thread handles the signals. Those of a crash stay open in this one too: a blocked
+    // one would end the process without a line in the log.
     sigset_t others;
     sigset_t before;
     sigfillset(&others);
@@ -47,11 +47,11 @@ Input::Input() : shared_(std::make_shared<Shared>()) {
         sigdelset(&others, crash);
     }
     pthread_sigmask(SIG_SETMASK, &others, &before);
-    std::thread([shared = shared_] { pass_on(shared); }).detach();
+    std::thread([shared = shared_] { relay(shared); }).detach();
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
-void Input::pass_on(const std::shared_ptr<Shared>& shared) {
+void StdinRelay::relay(const std::shared_ptr<Shared>& shared) {
     use_signal_stack();
     const int messages = shared->messages.fd();
     Framing framing;
@@ -78,7 +78,7 @@ void Input::pass_on(const std::shared_ptr<Shared>& shared) {
     shared->fault = framing.fault() == nullptr && framing.inside_message()
                         ? "the input ends within a message"
                         : framing.fault();
-    // Half of the pair only: what is in it is read before its end is seen.
+    // Not close(): libnetconf2 still reads what is in the socket before it sees the end.
     shutdown(messages, SHUT_WR);
 }
 

@@ -1,0 +1,38 @@
+// Stands between standard input and libnetconf2: a thread reads the input and passes on whole
+// messages in sound frames only.
+//
+// libnetconf2 misbehaves when a message arrives in pieces: it polls for the next byte ten thousand
+// times a second, it takes a hang-up for the end although requests are left to be read, and some
+// broken frames crash it. With whole messages none of this happens.
+#pragma once
+
+#include <atomic>
+#include <memory>
+
+#include "services/netconf/shared_state.h"
+
+namespace netconf {
+
+class StdinRelay {
+ public:
+    // Starts the thread, which lives until standard input ends or is broken, or the process ends.
+    // Throws std::system_error.
+    StdinRelay();
+
+    // The socket that libnetconf2 reads. It ends when the input has ended.
+    int fd() const { return messages_.fd(); }
+    // Why the input was given up; null while it is sound, and after a regular end. Any thread.
+    const char* fault() const { return shared_->fault; }
+
+ private:
+    struct Shared {
+        File messages;
+        std::atomic<const char*> fault{nullptr};
+    };
+    static void relay(const std::shared_ptr<Shared>& shared);
+
+    File messages_;
+    std::shared_ptr<Shared> shared_;
+};
+
+}  // namespace netconf
