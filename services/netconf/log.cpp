@@ -18,18 +18,18 @@ constexpr size_t kLineBytes = 512;
 std::string g_who;
 bool g_to_stderr = false;
 
-// Everything the signal handler needs, made beforehand: it may neither allocate nor lock.
-struct LastWords {
+// The line that a signal logs, composed beforehand: a handler may neither allocate nor lock.
+struct SignalLine {
     int signal;
     int priority;
     int status;  // of the process
-    const char* text;
-    std::array<char, kLineBytes> line;
-    size_t length;
-    size_t tag;  // bytes at the start that only the system log wants
+    const char* message;
+    std::array<char, kLineBytes> text;
+    size_t length;  // of the text
+    size_t tag;     // length of the "<30>" in front, which is for the system log only
 };
 
-std::array<LastWords, 9> g_last_words{{
+std::array<SignalLine, 9> g_signal_lines{{
     {SIGTERM, LOG_NOTICE, 0, "terminated from outside", {}, 0, 0},
     {SIGHUP, LOG_NOTICE, 0, "terminated from outside", {}, 0, 0},
     {SIGINT, LOG_NOTICE, 0, "terminated from outside", {}, 0, 0},
@@ -43,23 +43,23 @@ std::array<LastWords, 9> g_last_words{{
 int g_system_log = -1;
 
 void on_signal(int number) {
-    for (const LastWords& words : g_last_words) {
-        if (words.signal != number) {
+    for (const SignalLine& line : g_signal_lines) {
+        if (line.signal != number) {
             continue;
         }
         if (g_system_log >= 0) {
-            send(g_system_log, words.line.data(), words.length - 1, MSG_DONTWAIT | MSG_NOSIGNAL);
+            send(g_system_log, line.text.data(), line.length - 1, MSG_DONTWAIT | MSG_NOSIGNAL);
         }
         if (g_to_stderr) {
             const ssize_t written =
-                write(STDERR_FILENO, words.line.data() + words.tag, words.length - words.tag);
-            static_cast<void>(written);  // nobody is left to be told
+                write(STDERR_FILENO, line.text.data() + line.tag, line.length - line.tag);
+            static_cast<void>(written);  // a failure cannot be reported any more
         }
-        _exit(words.status);
+        _exit(line.status);
     }
 }
 
-// A system log that is not there is no reason to refuse service.
+// -1 when there is no system log, which is no reason to refuse service.
 int connect_system_log() {
     const int link = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/dev/log"};
@@ -71,12 +71,13 @@ int connect_system_log() {
     return link;
 }
 
-void compose(LastWords& words) {
-    const int tag = snprintf(words.line.data(), kLineBytes, "<%d>", LOG_DAEMON | words.priority);
-    words.tag = static_cast<size_t>(tag);
-    const int rest = snprintf(words.line.data() + tag, kLineBytes - words.tag,
-                              "lda-netconf[%d]: %.200s: %s\n", getpid(), g_who.c_str(), words.text);
-    words.length = words.tag + static_cast<size_t>(rest);
+void compose(SignalLine& line) {
+    const int tag = snprintf(line.text.data(), kLineBytes, "<%d>", LOG_DAEMON | line.priority);
+    line.tag = static_cast<size_t>(tag);
+    const int rest =
+        snprintf(line.text.data() + tag, kLineBytes - line.tag, "lda-netconf[%d]: %.200s: %s\n",
+                 getpid(), g_who.c_str(), line.message);
+    line.length = line.tag + static_cast<size_t>(rest);
 }
 
 }  // namespace
@@ -96,7 +97,7 @@ void log_line(int priority, const char* format, ...) {
     va_start(values, format);
     vsnprintf(text.data(), text.size(), format, values);
     va_end(values);
-    // Some of it comes from clients: nobody writes lines of their own into the log.
+    // Parts of the text come from clients, who must not be able to forge lines of the log.
     for (char* at = text.data(); *at != '\0'; at++) {
         if (*at < ' ' || *at > '~') {
             *at = *at == '\n' ? ' ' : '?';
@@ -115,7 +116,7 @@ void use_signal_stack() {
     sigaltstack(&alternative, nullptr);
 }
 
-void arm_last_words() {
+void log_fatal_signals() {
     if (g_system_log < 0) {
         g_system_log = connect_system_log();
     }
@@ -123,9 +124,9 @@ void arm_last_words() {
     struct sigaction action {};
     action.sa_handler = on_signal;
     action.sa_flags = static_cast<int>(SA_ONSTACK | SA_RESETHAND);
-    for (LastWords& words : g_last_words) {
-        compose(words);
-        sigaction(words.signal, &action, nullptr);
+    for (SignalLine& line : g_signal_lines) {
+        compose(line);
+        sigaction(line.signal, &action, nullptr);
     }
 }
 

@@ -16,15 +16,16 @@ void log_as(const std::string& who);
 [[gnu::format(printf, 2, 3)]] void log_line(int priority, const char* format, ...);
 
 // From now on SIGTERM, SIGHUP, SIGINT, SIGALRM and the signals of a crash log one line and end the
-// process at once. The kernel releases what it held. Call it again after log_as(): the line is
-// composed here.
+// process at once; the kernel releases its locks. The lines are composed here, so call it again
+// after log_as().
 //
-// The parser beneath is written in C and meets whatever a client sends. A message that breaks it
-// must end this session alone, and not silently.
-void arm_last_words();
+// The parsers are written in C and get whatever a client sends. A message that crashes one must end
+// only this session, and leave a line in the log.
+void log_fatal_signals();
 
-// Gives the calling thread a stack of its own for signal handlers. Each thread that parses messages
-// needs one: a message nested too deeply uses up the usual stack, and the handler could not run.
+// Gives the calling thread a separate stack for signal handlers. Each thread that parses messages
+// needs one: a deeply nested message overflows the ordinary stack, and without another one the
+// handler could not run.
 void use_signal_stack();
 
 }  // namespace netconf

@@ -42,7 +42,7 @@ int run(const netconf::Options& options) {
     const std::string user = user_name();
     const netconf::SessionNumber number(options.runtime_dir, user);
     netconf::log_as("session " + std::to_string(number.id()) + " (" + user + ")");
-    netconf::arm_last_words();
+    netconf::log_fatal_signals();
     const netconf::Context context = netconf::load_modules(options.yang_dir);
     return netconf::run_session(options, context.get(), number, user);
 }

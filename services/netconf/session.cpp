@@ -17,11 +17,11 @@
 namespace netconf {
 namespace {
 
-// Writing blocks this process, and only this one, while the client does not read. After this time
-// the session ends (see arm_last_words).
+// A write blocks while the client does not read. After this time SIGALRM ends the session (see
+// log_fatal_signals).
 constexpr unsigned kBlockLimit_s = 30;
 constexpr uint16_t kHelloLimit_s = 30;
-constexpr int kPatience_ms = 5000;  // for a client that does not read its notifications
+constexpr int kUnreadLimit_ms = 5000;  // for a client that does not read its notifications
 
 // Frees the sessions in it as well.
 struct FreePoll {
@@ -45,16 +45,16 @@ void on_library_log(const nc_session* /*session*/, NC_VERB_LEVEL level, const ch
 void ignore_library_log(const nc_session* /*session*/, NC_VERB_LEVEL /*level*/,
                         const char* /*text*/) {}
 
-// libnetconf2 numbers the sessions of a process 1, 2, 3 and has no call to say otherwise; ours must
-// differ between processes. Every attempt to accept uses up a number, so the numbers below our own
-// are spent on attempts with nobody at the other end (15 us each).
-void spend_numbers_below(uint32_t id) {
+// libnetconf2 numbers the sessions of a process 1, 2, 3 and offers no other way, but our numbers
+// must differ between processes. Each attempt to accept a session uses up a number, so attempts on
+// /dev/null use up those below our own (15 us each).
+void skip_session_ids_below(uint32_t id) {
     const File nobody(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!nobody.open()) {
         throw std::runtime_error("/dev/null cannot be opened");
     }
     nc_set_print_clb_session(ignore_library_log);
-    for (uint32_t spent = 1; spent < id; spent++) {
+    for (uint32_t skipped = 1; skipped < id; skipped++) {
         nc_session* refused = nullptr;
         nc_accept_inout(nobody.fd(), nobody.fd(), "nobody", &refused);
         nc_session_free(refused, nullptr);
@@ -109,7 +109,7 @@ bool serve_request(nc_pollsession* polled) {
 enum class Step { kAgain, kWait, kOver };
 
 // Sends the next notification if there is one.
-Step tell(Session& session) {
+Step send_next_event(Session& session) {
     auto event = session.subscription ? session.subscription->next() : std::nullopt;
     if (!event) {
         return Step::kWait;
@@ -118,13 +118,14 @@ Step tell(Session& session) {
 }
 
 // The client does not read its notifications.
-struct TooFarBehind : std::runtime_error {
+struct ClientTooSlow : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Sleeps until there is something to do and does it. While the client does not read, its requests
-// are not served either, as each one would need an answer. Throws TooFarBehind when the client has
-// not read for kPatience_ms and Subscription::kMaxPending notifications wait.
+// Sleeps until a request, a notice of the database or a timer is due, and serves the first two.
+// While the client does not read, its requests wait too, since each one needs an answer. Throws
+// ClientTooSlow when Subscription::kMaxPending notifications wait and the client has not read for
+// kUnreadLimit_ms.
 Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* polled,
           bool writable) {
     Subscription* const subscription = session.subscription.get();
@@ -140,10 +141,10 @@ Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* po
          .revents = 0},
     }};
     const int limit_ms = subscription == nullptr ? -1 : subscription->retry_ms();
-    const int ready = poll(watched.data(), watched.size(), stalled ? kPatience_ms : limit_ms);
+    const int ready = poll(watched.data(), watched.size(), stalled ? kUnreadLimit_ms : limit_ms);
     if (ready == 0 && stalled) {
-        throw TooFarBehind("the client leaves " + std::to_string(Subscription::kMaxPending) +
-                           " notifications unread");
+        throw ClientTooSlow("the client leaves " + std::to_string(Subscription::kMaxPending) +
+                            " notifications unread");
     }
     if (subscription != nullptr && (watched[2].revents != 0 || subscription->fd() < 0)) {
         subscription->receive();
@@ -157,14 +158,14 @@ Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* po
 void serve(Session& session, const StdinRelay& requests, nc_pollsession* polled) {
     for (Step step = Step::kAgain; step != Step::kOver;) {
         const bool writable = (output_state() & POLLOUT) != 0;
-        step = writable ? tell(session) : Step::kWait;
+        step = writable ? send_next_event(session) : Step::kWait;
         if (step == Step::kWait) {
             step = wait(session, requests, polled, writable);
         }
     }
 }
 
-// Logs how it ended. 0 when the client closed the session or went away.
+// Logs why the session ended. 0 when the client closed it or went away.
 int log_end(const nc_session* link, const StdinRelay& requests) {
     if (requests.fault() != nullptr) {
         log_line(LOG_WARNING, "ended: %s", requests.fault());
@@ -204,7 +205,7 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
                     .lock = RunningLock(options.runtime_dir, number.id()),
                     .subscription = nullptr};
     start_server(context);
-    spend_numbers_below(number.id());
+    skip_session_ids_below(number.id());
     const StdinRelay requests;
     nc_session* accepted = nullptr;
     NC_MSG_TYPE answer;
@@ -228,8 +229,8 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
     log_line(LOG_INFO, "begins");
     try {
         serve(session, requests, polled.get());
-    } catch (const TooFarBehind& behind) {
-        log_line(LOG_WARNING, "ended: %s", behind.what());
+    } catch (const ClientTooSlow& slow) {
+        log_line(LOG_WARNING, "ended: %s", slow.what());
         return 1;
     }
     return log_end(accepted, requests);

@@ -1,3 +1,16 @@
+// A record passes through three places: the connection to the database, `records_` (packed, at most
+// kMaxPending), and next(), which unpacks it, checks it against the model and the filter, and hands
+// it to the session. It is unpacked late on purpose: a client that does not read makes this process
+// keep bytes, not trees.
+//
+// receive() and next() are called by the session's loop (session.cpp). It polls fd() only while
+// there is room in `records_`; beyond that the records wait in the socket, then in the server,
+// which closes the connection when its own limit is reached.
+//
+// `listener_` is null while the database is away. lose() drops it, with a log line, and reconnect()
+// makes a new one after 100 ms, then 200 ms, up to 5 s, without a line for each attempt. fd() is -1
+// meanwhile, and retry_ms() gives the session's poll() its time limit. Records received before the
+// loss stay and are sent.
 #include "services/netconf/subscription.h"
 
 #include <syslog.h>
@@ -107,7 +120,7 @@ void Subscription::receive() {
             if (!notice) {
                 break;
             }
-            if (notice->operation == kPublished) {  // no service does anything else with this type
+            if (notice->operation == kPublished) {  // notifications are published, never stored
                 records_.push_back(std::move(notice->record));
             }
         }
@@ -139,7 +152,7 @@ void Subscription::reconnect() {
 std::optional<Event> Subscription::next() {
     for (;;) {
         if (records_.empty() && listener_) {
-            receive();  // of a burst more may be at hand than was taken at once
+            receive();  // the rest of a burst may have arrived while its start was sent
         }
         if (records_.empty()) {
             return std::nullopt;

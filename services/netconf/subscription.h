@@ -1,6 +1,6 @@
 // The notifications of one session: listens to the records that the services of the switch publish,
-// and turns them into data of the model. Comes back by itself when the object database was away;
-// what was published meanwhile is lost, as the database keeps no notices.
+// and turns them into data of the model. Reconnects by itself after a loss of the object database;
+// notifications of the meantime are lost, because the database keeps no notices.
 #pragma once
 
 #include <chrono>
@@ -24,14 +24,16 @@ class Subscription {
  public:
     static constexpr size_t kMaxPending = 1000;
 
-    // Listens when it returns. Throws DatabaseLost.
+    // Connects and subscribes before it returns. The context must outlive the object. Throws
+    // DatabaseLost.
     Subscription(const ly_ctx* context, std::string socket, Filter filter);
 
     // Readable: call receive(). -1 while the database is away.
     int fd() const { return listener_ ? listener_->fd() : -1; }
     // Milliseconds until receive() is to be called again to reconnect; -1 for never.
     int retry_ms() const;
-    // Takes what has arrived, as long as it is not full, or reconnects when it is time.
+    // Takes the notices that have arrived, until it is full; without a connection it reconnects
+    // when retry_ms() has passed. Never throws for a lost database.
     void receive();
     // True while kMaxPending records wait for the client. Later ones stay in the connection.
     bool full() const { return records_.size() >= kMaxPending; }

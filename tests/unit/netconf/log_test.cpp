@@ -132,7 +132,7 @@ TEST_F(Log, EverySignalThatEndsASessionLeavesOneLine) {
         const Ending ending = run([&] {
             netconf::open_log(true);
             netconf::log_as("session 7 (admin)");
-            netconf::arm_last_words();
+            netconf::log_fatal_signals();
             raise(expected.signal);
         });
         const std::string line =
@@ -143,11 +143,11 @@ TEST_F(Log, EverySignalThatEndsASessionLeavesOneLine) {
     }
 }
 
-TEST_F(Log, LastWordsStayOutOfStandardErrorUnlessAsked) {
+TEST_F(Log, SignalLineStaysOutOfStandardErrorUnlessAsked) {
     const Ending ending = run([] {
         netconf::open_log(false);
         netconf::log_as("session 7 (admin)");
-        netconf::arm_last_words();
+        netconf::log_fatal_signals();
         raise(SIGTERM);
     });
     EXPECT_EQ(ending.standard_error, "");
@@ -155,12 +155,12 @@ TEST_F(Log, LastWordsStayOutOfStandardErrorUnlessAsked) {
     EXPECT_NE(ending.system_log.find("terminated from outside"), std::string::npos);
 }
 
-TEST_F(Log, LastWordsNeedNoSystemLog) {
+TEST_F(Log, SignalLineNeedsNoSystemLog) {
     const Ending ending = run([] {
         put_system_log_at("");
         netconf::open_log(true);
         netconf::log_as("session 7 (admin)");
-        netconf::arm_last_words();
+        netconf::log_fatal_signals();
         raise(SIGTERM);
     });
     EXPECT_EQ(ending.status, 0);
@@ -172,9 +172,9 @@ TEST_F(Log, ArmingAgainTakesTheNewName) {
     const Ending ending = run([] {
         netconf::open_log(true);
         netconf::log_as("early");
-        netconf::arm_last_words();
+        netconf::log_fatal_signals();
         netconf::log_as("session 7 (" + std::string(1000, 'x') + ")");
-        netconf::arm_last_words();
+        netconf::log_fatal_signals();
         raise(SIGTERM);
     });
     EXPECT_EQ(ending.standard_error, "lda-netconf[" + std::to_string(ending.pid) +
@@ -193,7 +193,7 @@ TEST_F(Log, StackThatIsUsedUpIsToldOnEitherThread) {
     const auto broken = [](bool on_a_thread) {
         netconf::open_log(true);
         netconf::log_as("session 7 (admin)");
-        netconf::arm_last_words();
+        netconf::log_fatal_signals();
         volatile char start = 'x';
         if (!on_a_thread) {
             nest(&start);

@@ -205,7 +205,7 @@ TEST_F(Program, LimitsItselfBeforeItTakesInput) {
     EXPECT_EQ(folder.st_mode & 0777, 0770U);
 }
 
-TEST_F(Program, LastWordsNameTheSession) {
+TEST_F(Program, SignalLineNamesTheSession) {
     for (const bool to_stderr : {true, false}) {
         std::vector<std::string> words = session_words();
         if (to_stderr) {
