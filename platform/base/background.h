@@ -14,12 +14,13 @@ namespace qv {
 class Background {
  public:
     virtual ~Background() = default;
-    // Runs `work` on another thread, after what was asked for before it, then `done` on the loop.
-    // Loop thread.
+    // Runs `work` on another thread, after all work given earlier, then `done` on the loop. Neither
+    // may throw. Loop thread.
     virtual void run(std::function<void()> work, EventLoop::Task done) = 0;
 };
 
-// One thread, started with the first work. Lives as long as the process.
+// One thread, started with the first work. The destructor waits until all work is done; its `done`
+// tasks are posted to the loop, which must outlive this.
 class WorkerThread final : public Background {
  public:
     explicit WorkerThread(EventLoop& loop) : loop_(loop) {}

@@ -15,12 +15,12 @@ class Clock {
 
     virtual Time now() const = 0;
 
-    // How long a thread has to wait, in real time, until this clock shows `t`: zero when it is
-    // past, Duration::max() when waiting does not bring it about.
+    // The real time that passes until this clock shows `t`: zero when `t` is past, Duration::max()
+    // when no waiting moves the clock.
     virtual Duration real_time_until(Time t) const = 0;
 
-    // The loop found nothing ready and is about to wait. A clock that is moved by hand lets its
-    // owner act here; true makes the loop look again instead of waiting.
+    // Called by the loop before it waits. A clock that a test moves by hand may move here; true
+    // makes the loop look for work again instead of waiting.
     virtual bool idle() { return false; }
 };
 

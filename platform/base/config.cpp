@@ -58,8 +58,8 @@ toml::table parse(const std::string& path) {
     }
 }
 
-// One table of the file, read key by key. Every key must be asked for: what nobody knows is refused
-// before anything else is looked at.
+// One table of the file. The constructor refuses keys that are not among `known`; the functions
+// below read one key each into its variable and leave the variable alone when the key is absent.
 class Section {
  public:
     Section(const std::string& path, const toml::table& table, std::string prefix,

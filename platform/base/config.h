@@ -1,4 +1,6 @@
-// The platform description: the TOML file named in the environment variable LDA_PLATFORM.
+// The platform file: the TOML file named in the environment variable LDA_PLATFORM. The defaults
+// below are the only place in the code that has them; packaging/lda.toml and `lda --help` show
+// them.
 #pragma once
 
 #include <string>

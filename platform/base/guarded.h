@@ -1,11 +1,12 @@
-// For the C functions of the client API and for callbacks of C libraries: no exception leaves them.
+// For the C functions of the client API and for callbacks of C libraries, which no exception may
+// leave.
 #pragma once
 
 #include <exception>
 
 namespace qv {
 
-// The result of `call`, or `failure` when it ends in an exception: memory has run out.
+// The result of `call`, or `failure` when it throws, which it does when memory runs out.
 template <typename Result, typename Call>
 Result guarded(Result failure, Call call) {
     try {
@@ -15,7 +16,7 @@ Result guarded(Result failure, Call call) {
     }
 }
 
-// The same where nobody can be told: what `call` was about is lost.
+// The same for a caller that takes no result: the exception is swallowed.
 template <typename Call>
 void guarded(Call call) {
     try {

@@ -99,7 +99,7 @@ void set_monitor_sink(std::function<void(std::string_view text)> sink) {
     if (sink) {
         fresh = std::make_shared<const Sink>(std::move(sink));
     }
-    // The old sink goes with `fresh`, after the lock: its captures may log.
+    // The old sink is destroyed with `fresh`, after the lock is released: its captures may log.
     LogState& log = state();
     const MutexLock lock(log.mutex);
     log.sink.swap(fresh);

@@ -1,9 +1,8 @@
-// The platform of a process, as the client libraries and the command line see it: they ask here for
-// what they stand on. It is an interface of theirs, so that they need not know who put it together
-// (platform/root for the agent, a test for itself).
+// The platform of a process, as the client libraries and the command line see it: loop, clock, logs
+// and drivers. Its users own the interface; platform/root implements it for the agent, a test for
+// itself.
 //
-// The platform comes to life on the first call of any client library. Loop thread only, once the
-// loop exists.
+// The first call of any client library makes the platform. Loop thread only, once the loop exists.
 #pragma once
 
 #include <memory>
@@ -40,8 +39,8 @@ class Platform {
     virtual void attach_loop(EventLoop& loop) = 0;
 };
 
-// The platform of this process: the installed one, or else the one that the maker makes. With
-// neither the process aborts.
+// The platform of this process: the installed one, else the one that the maker returns. Without
+// either the process aborts.
 Platform& platform();
 
 // Installs `platform`; before any other call. The owner keeps it alive for the life of the process.

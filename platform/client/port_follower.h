@@ -1,4 +1,4 @@
-// Lets the rules of a forwarding plane follow the ports that they are for.
+// Tells a forwarding plane which of its ports have changed.
 #pragma once
 
 #include <cstdint>
@@ -9,8 +9,8 @@
 
 namespace qv {
 
-// Loop thread only. Calls back with the forwarding-plane id of each port that was added, has gone
-// or has changed, and with both ids of one that has another now.
+// Calls back with the forwarding-plane id of each port that was added, removed or changed, and with
+// both ids when a port has got another one. Loop thread only.
 class PortFollower final : public PortObserver {
  public:
     explicit PortFollower(std::function<void(uint32_t phyid)> changed)

@@ -14,17 +14,17 @@
 
 namespace qv {
 
-// Hears every change from the loop. An observer must not change the model from inside a call.
+// Called for every change, from the loop. An observer must not change the model from inside a call.
 class PortObserver {
  public:
     virtual ~PortObserver() = default;
     virtual void on_added(const Port& port) = 0;
-    // The port is about to be removed: the model still knows it, and so does everybody else.
+    // The port is about to be removed; model, clients and command line still know it.
     virtual void on_removing(const Port&) {}
     virtual void on_removed(const Port& port) = 0;  // the port as it was
     virtual void on_changed(const Port& before, const Port& after) = 0;
-    // The port has another name, and is told to clients as a removal and an addition. Follows
-    // on_changed(), at once or when the port's old name is free to go.
+    // The port has another name; the LSM client reports that as a removal and an addition. Follows
+    // on_changed(), either at once or when the old name is no longer in use.
     virtual void on_renamed(const Port&) {}
     virtual void on_default(const Port& port) = 0;      // configuration set back to its defaults
     virtual void on_left_bridge(const Port& port) = 0;  // the port as it was
@@ -47,14 +47,15 @@ class PortModel final : public PortSink {
     // Requests of the command line. Empty when done, else the reason.
     std::string set_admin(uint32_t ifx, bool up);
     std::string set_mode(uint32_t ifx, uint32_t mode);
-    // "default interface": tells the observers after the command line has cleared the port's lines.
+    // "default interface": notifies the observers after the command line has cleared the port's
+    // lines.
     void restore_defaults(uint32_t ifx);
 
     // Observers stay registered for the life of the model.
     void add_observer(PortObserver& observer);
 
-    // on_renamed() waits while `in_use` holds for the port's old name; settle_renames() looks
-    // again. Without one nothing waits.
+    // on_renamed() is held back while `in_use` is true for the port's old name; settle_renames()
+    // asks again. Without a function nothing is held back.
     void set_name_in_use(std::function<bool(const std::string& name)> in_use);
     void settle_renames();
 
@@ -74,7 +75,7 @@ class PortModel final : public PortSink {
     std::map<std::string, uint32_t, std::less<>> names_;  // short name to interface index
     std::unordered_map<uint32_t, uint32_t> phyids_;       // forwarding-plane id to interface index
     std::vector<PortObserver*> observers_;
-    std::map<uint32_t, std::string> renames_;  // that wait, with the name known to clients
+    std::map<uint32_t, std::string> renames_;  // held back: the name that clients know
     std::function<bool(const std::string& name)> name_in_use_;
     bool complete_ = false;
 };

@@ -7,7 +7,7 @@
 
 namespace qv {
 
-// The frames that a rule is about, and their treatment.
+// Which frames a rule matches, and what happens to them.
 struct ForwardingRule {
     struct Meter {
         uint64_t rate_pps;   // frames per second that pass
@@ -28,8 +28,7 @@ class ForwardingSink {
  public:
     virtual ~ForwardingSink() = default;
     virtual void done(ForwardingId id) = 0;
-    // The request failed; or, later, the plane has lost a rule that was installed. Nothing of the
-    // object is left.
+    // The request failed, or, later, the plane has lost an installed rule. The object is gone.
     virtual void failed(ForwardingId id, int error) = 0;
     // Frames that a counting rule has seen since its last report.
     virtual void counted(ForwardingId id, uint64_t packets, uint64_t bytes) = 0;
@@ -49,8 +48,8 @@ class ForwardingDriver {
     // at a time stands in each of these places.
     virtual void install(ForwardingId id, std::optional<uint32_t> phyid,
                          const ForwardingRule& rule) = 0;
-    // Takes an object away, answered or not: nothing is reported of it any more. One that is not
-    // there is no error.
+    // Removes an object, whether its request was answered or not; no report about it follows. An
+    // unknown id is no error.
     virtual void remove(ForwardingId id) = 0;
     // Removes the rules that an earlier process left in the plane.
     virtual void remove_leftovers() = 0;

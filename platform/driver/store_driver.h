@@ -38,38 +38,39 @@ class StoreListener {
     virtual void scanned(uint64_t scan, std::string_view key, Bytes record) = 0;
     virtual void scan_done(uint64_t scan) = 0;
 
-    // For a store that may lose its records without ending a session: some of the keys that should
-    // be there because this listener's program has set them, others with each call, 64 at most.
-    // Empty when there are none.
+    // For a store that may lose its records without ending a session. Returns up to 64 keys of
+    // records that this process has set and not deleted, the next ones with each call; empty when
+    // there are none.
     virtual StoreKeys keys_to_check() { return {}; }
-    // A key of those is missing. The listener sets again what should be there.
+    // One of those keys is missing in the store. The listener sets its records again.
     virtual void records_lost() {}
 };
 
-// One user of the store. Requests answer false when the database's session is not up; otherwise
+// One user of the store. Requests return false when the database's session is not up; otherwise
 // they take effect in the order of the calls.
 class StoreClient {
  public:
     virtual ~StoreClient() = default;
 
-    // Keeps a session with `db` from now on, coming back after every loss. Opening twice is one.
+    // Opens a session with `db` and reopens it after every loss. A second call does nothing.
     virtual void open(uint32_t db) = 0;
     virtual bool up(uint32_t db) const = 0;
 
-    // Stores `record` and tells the subscribers of `type`, in one step.
+    // Stores `record` and notifies the subscribers of `type`, in one step.
     virtual bool set(uint32_t db, std::string_view type, std::string_view key, Bytes record) = 0;
-    // The same, unless the key exists; then it does nothing. Not repeated after a loss.
+    // The same, but does nothing when the key exists. Not repeated after a loss of the session.
     virtual bool set_missing(uint32_t db, std::string_view type, std::string_view key,
                              Bytes record) = 0;
-    // Deletes and tells the subscribers, also when there was no such key; `record` is the notice's.
+    // Deletes the key and notifies the subscribers with `record`, also when there was no such key.
     virtual bool erase(uint32_t db, std::string_view type, std::string_view key, Bytes record) = 0;
-    // Deletes every key that matches the glob `pattern` and tells of each with its last record.
+    // Deletes every key that matches the glob `pattern` and sends a notice for each with its last
+    // record.
     virtual bool erase_matching(uint32_t db, std::string_view type, std::string_view pattern) = 0;
-    // Tells the subscribers and stores nothing.
+    // Notifies the subscribers and stores nothing.
     virtual bool publish(uint32_t db, std::string_view type, Bytes record) = 0;
 
-    // `subscription` and `scan` are the listener's numbers for what is reported. One subscription
-    // for each database and type: a later one takes the place of an earlier one.
+    // `subscription` and `scan` are numbers that the listener chooses and gets back in reports.
+    // There is one subscription for each database and type; a later call replaces its number.
     virtual bool subscribe(uint32_t db, std::string_view type, uint64_t subscription) = 0;
     virtual bool scan(uint32_t db, std::string_view type, uint64_t scan) = 0;
 };
@@ -81,7 +82,7 @@ class StoreDriver {
     virtual std::unique_ptr<StoreClient> connect(StoreListener& listener) = 0;
 };
 
-// The text by which a notice names its type, in a key: everything before the first slash.
+// The record type in a key: everything before the first slash.
 inline std::string_view type_of_key(std::string_view key) {
     return key.substr(0, key.find('/'));
 }

@@ -33,11 +33,12 @@ class PortSink {
     virtual void ports_complete() = 0;
 };
 
-// Loop thread only. Requests answer with an empty text when done, else with the reason for people.
+// Loop thread only. Requests return an empty text when done, else the reason, for an operator.
 class SwitchDriver {
  public:
     virtual ~SwitchDriver() = default;
-    // Begins to report; the reports come later, through the loop.
+    // Starts the reports to `sink`, which must outlive the last one. They arrive through the loop,
+    // never inside this call.
     virtual void start(PortSink& sink) = 0;
     virtual std::string set_admin(uint32_t ifx, bool up) = 0;
     virtual std::string set_mode(uint32_t ifx, uint32_t mode) = 0;

@@ -30,15 +30,18 @@ struct bridge_mode_change {
     uint32_t mode;
 };
 
+// Runs through the thread master, never inside a call of this header. The payload belongs to the
+// client and is valid during the call.
 using bridge_event_handler = void (*)(uint32_t event, const void* payload);
 
-// Starts the client; the connect callback runs through `master` on each connection. 0 or -1.
+// Starts the client; the connect callback runs through `master` on each connection and may call
+// everything here. 0 or -1.
 int bridge_agent_init(const char* name, qv_thread_master* master);
 void bridge_agent_set_connect_callback(void (*callback)(void));
 // Selects the events that reach `handler`, replacing an earlier selection. 0 or an error number.
 int bridge_client_reg_event(const bridge_event_set* events, bridge_event_handler handler);
 
-// VLAN mode of a port. 0, or -1 with `*mode` 0 for an unknown port.
+// VLAN mode of a port: two names of one call. 0, or -1 with `*mode` 0 for an unknown port.
 int vl_clnt_get_portmode_by_index(uint32_t ifx, uint32_t* mode);
 int swport_get_port_mode(uint32_t ifx, uint32_t* mode);
 // Name of a mode ("access", "trunk", "hybrid"), "none" for any other value. Static text.

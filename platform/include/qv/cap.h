@@ -6,11 +6,12 @@
 
 extern "C" {
 
-// Opens the store for `client`, announcing the key it will read. 0, or an error number.
+// Opens the store for `client`, announcing the key it will read. The first call reads the file. 0,
+// or an error number (EINVAL: a bad name, or a bad file, which is logged).
 int libqv_cap_init(const char* client, const char* key);
 
 // Reads a number into `*value`; a key that is not there gives `fallback`. 0, or an error number
-// when the client is unknown or the entry is no 32-bit number (`*value` is left alone).
+// that leaves `*value` alone (ENOENT: unknown client; EINVAL, ERANGE: no 32-bit number).
 int libqv_cap_get_capacity_int32(const char* client, const char* key, int32_t* value,
                                  int32_t fallback);
 

@@ -42,7 +42,12 @@ struct cli_pcdb {
     char word[CLI_WORD_SLOTS][CLI_WORD_BYTES];  // word slots, emptied before each line
 };
 
+// Main thread, during the walk. On execution the handler's result is the command's: 0 for done, any
+// other for refused, with the reason printed by cli_printf. In a generation it is ignored. A
+// handler may execute other lines, and must not keep `pcdb`.
 using cli_handler = int (*)(cli_pcdb* pcdb);
+// Non-zero for yes. May be called for any line that is typed, so it must be quick and change
+// nothing.
 using cli_test_func = int (*)(cli_pcdb* pcdb);
 
 // ---- Parse nodes ----
@@ -139,9 +144,11 @@ int cli_client_init(const char* name, qv_thread_master* master);
 // the hooks run again, the replay is not repeated.
 void cli_client_ready(void);
 
+// Hooks before and after the replay, on the main thread. `word` is 0; the result is ignored.
 void cli_add_param_reload_start_hook(uint32_t (*hook)(uint32_t word));
 void cli_add_param_reload_end_hook(void (*hook)(void));
-// Writes the interface sections of the running configuration in place of the framework.
+// Writes the interface sections of the running configuration in place of the framework. The hook's
+// result is ignored.
 void cli_interface_show_run_hook(int (*hook)(cli_pcdb* pcdb));
 
 // A debug switch of "[no] debug NAME" and "show debugging": `control` is called with 1 for on, 2
@@ -176,11 +183,13 @@ struct cli_mode {
     int64_t ifx;                     // mode interface: the port
 };
 
+// Called at most once, after the command, on the thread that executes the line. The text belongs to
+// the framework and is valid during the call.
 using cli_output_cb = void (*)(const char* text, size_t length, void* user);
 
 // Opens a session inside the process and returns its descriptor, which the caller closes with
-// close(2); negative on failure. Some descriptors are kept ready, so that it works when the process
-// has none left. Any thread; never waits.
+// close(2); negative on failure. The framework keeps some descriptors in reserve, so this works
+// when the process has run out of them. Any thread; never waits.
 int cli_sub_create_session(void);
 
 // Executes one line in `mode` as if it had been typed there and hands its output, if there is any,

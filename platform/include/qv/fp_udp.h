@@ -160,8 +160,10 @@ static_assert(offsetof(fp_udp_mgr, apply_expire_add) == 16 * sizeof(void (*)(voi
 static_assert(offsetof(fp_udp_mgr, apply_alloc) == 18 * sizeof(void (*)(void)));
 static_assert(offsetof(fp_udp_mgr, apply_free) == 19 * sizeof(void (*)(void)));
 
-// Results and reports; `context` is the client that registered the table, the key is valid during
-// the call and carries the name and id under which the ACL was created.
+// Results and reports, on the main thread through the thread master. `context` is the client that
+// registered the table; key and counts belong to the service and are valid during the call; the key
+// is the one with which the ACL was created. A handler may call every operation. `context2` is
+// null.
 using fp_success_handler = void (*)(qv_mom_client* context, const fp_acl_key* key);
 using fp_failed_handler = void (*)(qv_mom_client* context, const fp_acl_key* key, int error);
 using fp_counter_handler = void (*)(qv_mom_client* context, const fp_acl_key* key, void* context2,
@@ -174,7 +176,7 @@ struct fp_udp_acl_handler {
     fp_success_handler entry_success;  // 2: entry_add
     fp_failed_handler entry_failed;    // 3
     fp_success_handler apply_success;  // 4: apply_add
-    fp_failed_handler apply_failed;    // 5: also later, when the plane loses an apply
+    fp_failed_handler apply_failed;    // 5; also later, when the plane loses an apply
     void (*reserved_6[4])(void);       // 6 to 9
     fp_counter_handler counter;        // 10: about once a second for each applied ACL that counts
     void (*reserved_11[5])(void);      // 11 to 15

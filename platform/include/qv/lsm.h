@@ -33,7 +33,7 @@ inline constexpr uint32_t LSM_EVENT_VSL_CREATE = 0;
 inline constexpr uint32_t LSM_EVENT_VSL_REMOVE = 1;
 inline constexpr size_t LSM_LAYER_MESSAGE_WORDS = 57;
 inline constexpr uint32_t LSM_LAYER_FLAG_VSL = 0x400;
-// Every handler hears this one, once and without a message, when all ports of the start have been
+// Sent once to every handler, without a message (null), when all ports of the start have been
 // announced.
 inline constexpr uint32_t LSM_EVENT_PORT_READY = 48;
 
@@ -56,10 +56,12 @@ struct lsm_intfcb {
     uint32_t flags;  // LSM_INTFCB_FLAG_*
 };
 
+// Runs through the thread master, never inside a call of this header. The message belongs to the
+// client library; the handler must not free it.
 using lsm_event_handler = void (*)(uint32_t event, void* message);
 
-// Starts the agent. The connect callback runs through `master` each time the agent connects. 0 or
-// -1.
+// Starts the agent. The connect callback runs through `master` each time the agent connects and may
+// call everything here. 0 or -1.
 int lsm_agent_init(const char* name, qv_thread_master* master);
 void lsm_agent_set_connect_callback(void (*callback)(void));
 
@@ -81,8 +83,8 @@ const lsm_intfcb* lsm_get_intfcb(uint32_t ifx);
 uint32_t lsm_if_get_type(uint32_t ifx);
 // Interface flags, LSM_IF_FLAG_HIDDEN for an unknown port.
 uint32_t lsm_if_get_flags(uint32_t ifx);
-// Calls `handler` for every port in ascending interface index; a non-zero result ends the walk and
-// is returned, else 0.
+// Calls `handler` for every port in ascending interface index, inside this call. The handler may
+// cause ports to be added and removed. A non-zero result ends the walk and is returned, else 0.
 int lsm_walk_through_ex(int (*handler)(uint32_t ifx, void* arg), void* arg);
 
 }  // extern "C"

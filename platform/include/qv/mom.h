@@ -44,6 +44,9 @@ struct qv_mom_msg {
     const ProtobufCMessage* value;  // decoded record, null when there is none
 };
 
+// Callbacks of sessions and of records. Main thread, through the thread master, never inside a call
+// of this header. Their results are ignored. They may call everything here, and may replace
+// themselves. `msg` and its record belong to the library; copy what you keep.
 using qv_mom_session_cb = int (*)(void* arg);
 using qv_mom_msg_cb = int (*)(qv_mom_client* client, const qv_mom_msg* msg);
 
@@ -52,8 +55,8 @@ using qv_mom_msg_cb = int (*)(qv_mom_client* client, const qv_mom_msg* msg);
 qv_mom_client* qv_mom_client_init(const char* name, qv_thread_master* master,
                                   qv_mom_client* current);
 
-// Opens the session with database `db`; `connected` is called with `arg` once it is up, also when
-// that is only later because the database is away. 0, or an error number.
+// Opens the session with database `db`; `connected` is called with `arg` once, when the session is
+// up, however long that takes. 0, or an error number.
 int qv_mom_client_connect(qv_mom_client* client, uint32_t db, qv_mom_session_cb connected,
                           void* arg);
 
@@ -65,19 +68,19 @@ int qv_mom_client_set_reconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_se
 int qv_mom_client_set_disconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_session_cb callback,
                                     void* arg);
 
-// Stores `record` under its key, replacing an older one, and tells the subscribers. The descriptor
-// may be left out: the record carries its own. 0, or an error number (ENOTCONN: session down;
-// EINVAL: no key).
+// Stores `record` under its key, replacing an older one, and notifies the subscribers. The
+// descriptor may be left out: the record carries its own. 0, or an error number (ENOTCONN: session
+// down; EINVAL: no key).
 int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int flags,
                int reserved, const ProtobufCMessageDescriptor* descriptor = nullptr);
 
-// Deletes the record with the key of `record` and tells the subscribers; a record that does not
-// exist is no error.
+// Deletes the record with the key of `record` and notifies the subscribers; a record that does not
+// exist is no error. 0, or an error number as above.
 int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int flags,
                int reserved);
 
 // Deletes every record of the type whose key agrees with the non-default key fields of `record`:
-// with an empty key, all of them.
+// with an empty key, all of them. 0, or an error number as above.
 int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int flags,
                 int reserved, int reserved2);
 
@@ -88,11 +91,12 @@ int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* reco
 int qv_mom_subscribe(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int flags,
                      qv_mom_msg_cb callback, void* arg);
 
-// Delivers every existing record of the type of `key` through `callback`. 0, or an error number.
+// Delivers every existing record of the type of `key` through `callback`, later, from the loop. A
+// loss of the session ends the scan. 0, or an error number.
 int qv_mom_scan(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int flags,
                 qv_mom_msg_cb callback, void* arg);
 
-// Tells the subscribers of the type without storing anything. 0, or an error number.
+// Notifies the subscribers of the type without storing anything. 0, or an error number.
 int qv_mom_publish(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int flags,
                    int reserved);
 

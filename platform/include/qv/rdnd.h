@@ -8,6 +8,7 @@
 
 extern "C" {
 
+// Its result is ignored. A process that has taken the master role keeps it until it ends.
 using rdnd_role_cb = int (*)(void);
 
 // A process as the redundancy service knows it. Copied during the call.
@@ -16,16 +17,16 @@ struct rdnd_reg {
     const char* module;
     qv_mom_client* mom;
     rdnd_role_cb master_cb;  // called through the master when this board takes the master role
-    rdnd_role_cb switch_cb;  // called when it takes the other role
+    rdnd_role_cb switch_cb;  // for the other role; never called
     uint32_t reserved[2];    // 0
     uint32_t flags;
     const uint32_t* dbs;  // object databases the process uses
     uint32_t db_num;
 };
 
-// Registers the process. At most one role callback is made, once in the life of the process. 0 or
-// an error number. Where this process is to be the master at once and another one is already, it
-// ends with the reason on standard error.
+// Registers the process. `master_cb` is called at most once, through the loop. 0 or an error number
+// (EALREADY: registered before). In role mode "solo" a process that finds another master on its
+// bridge or socket ends with the reason on standard error.
 int rdnd_lib_mom_reg(const rdnd_reg* reg);
 
 inline constexpr int APP_PUBLIC_NAME_BYTES = 16;
@@ -37,7 +38,8 @@ struct app_public_instance {
 // Announces the process to the supervision. 0, or an error number.
 int app_public_instance_init(const app_public_instance* instance);
 
-// Lets the supervision watch that the loop of `master` keeps turning.
+// Reports the process as ready to its supervisor, and from then on reports regularly from the loop
+// of `master` that it is alive, if the supervisor asks for that.
 void app_public_init_dead_detection(qv_thread_master* master);
 
 }  // extern "C"

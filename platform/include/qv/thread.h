@@ -14,7 +14,7 @@ struct qv_thread_master;
 // is cancelled; as the record filled by qv_thread_fetch it belongs to the caller.
 struct qv_thread {
     qv_thread_master* master;
-    int (*func)(qv_thread* thread);  // the result is not looked at
+    int (*func)(qv_thread* thread);  // its result is ignored
     void* arg;                       // user argument given when the work was added
 };
 
@@ -26,15 +26,16 @@ qv_thread_master* qv_thread_master_create(void);
 // nothing is left that could ever fire. The timer behind the work is gone when this returns.
 qv_thread* qv_thread_fetch(qv_thread_master* master, qv_thread* thread);
 
-// Runs the work that qv_thread_fetch has filled in. The process ends when the work throws, as it
-// may when memory runs out; so it does when qv_thread_fetch itself has none.
+// Runs the work that qv_thread_fetch has filled in. An exception in the work, or a lack of memory
+// in qv_thread_fetch, ends the process.
 void qv_thread_call(qv_thread* thread);
 
 // Releases the master with everything still pending in it. Null is allowed.
 void qv_thread_master_finish(qv_thread_master* master);
 
-// Arms a one-shot timer on the monotonic clock: `func` is called with a record whose `arg` is `arg`
-// after `seconds`. Returns the handle, or null when no timer can be added.
+// Arms a one-shot timer on the monotonic clock: after `seconds` `func` is called with a record,
+// valid during the call, whose `arg` is `arg`. Returns the handle, or null when no timer can be
+// added.
 qv_thread* qv_thread_add_timer(qv_thread_master* master, int (*func)(qv_thread*), void* arg,
                                long seconds);
 
