@@ -1,5 +1,4 @@
-// Bridge client: tells the selected events of the port model, each as its own piece of work of the
-// loop.
+// Bridge client: turns mode changes of the port model into events, each delivered from the loop.
 #include "qv/bridge.h"
 
 #include <cerrno>
@@ -22,11 +21,11 @@ class BridgeClient final : public qv::PortObserver {
     void on_added(const Port&) override {}
     void on_removed(const Port&) override {}
     void on_default(const Port&) override {}
-    void on_left_bridge(const Port&) override {}  // told by the LSM
+    void on_left_bridge(const Port&) override {}  // an event of the LSM
     void on_complete() override {}
 
     void on_changed(const Port& before, const Port& after) override {
-        // A member follows its aggregate port, whose change speaks for all of them.
+        // Members follow their aggregate port, and only its change is an event.
         if (before.mode == after.mode || after.aggregate != 0 || !selected()) {
             return;
         }

@@ -19,7 +19,7 @@ Number number_at(const fp_item& item, size_t offset) {
     return number;
 }
 
-// The address missed (0) is known to every plane, the address found is not.
+// Every driver can match frames whose address is unknown (0), none the others.
 int read_l2_da_hit(const fp_item& item, ForwardingRule& rule) {
     if (item.value[0] != 0) {
         return EOPNOTSUPP;
@@ -28,7 +28,7 @@ int read_l2_da_hit(const fp_item& item, ForwardingRule& rule) {
     return 0;
 }
 
-// A one-bit field that is to be 0: frames that are not routed. A bridge port sees no others.
+// A one-bit field with the value 0 matches frames that are not routed: all frames of a bridge port.
 int read_l3_uc(const fp_item& item) {
     return number_at<uint32_t>(item, 0) == 1 && item.value[4] == 0 ? 0 : EOPNOTSUPP;
 }
@@ -69,7 +69,7 @@ int read_action(const fp_item& item, ForwardingRule& rule) {
         rule.counted = true;
         return item.length == 4 ? 0 : EINVAL;
     }
-    // The frames go where the plane would have sent them anyway.
+    // Forwarding stays the plane's own, so there is nothing to add.
     if (name == "fwd") {
         return item.length == 3 ? 0 : EINVAL;
     }

@@ -1,9 +1,9 @@
 // Forwarding-plane ACL service: keeps the ACLs of the process with their entries and applies, turns
-// each apply into a rule of the driver, and brings the driver's answers to the handler table.
+// each apply into a rule of the driver, and passes the driver's answers to the handler table.
 //
-// Every object has an id that the driver answers by. An answer becomes a piece of work of the loop;
-// when its object has gone meanwhile (removed, or replaced), it is dropped. A failed object stays
-// in the model until it is removed, except an apply, of which nothing is left. Loop thread only.
+// Every object has an id, and the driver answers by id. Each answer is posted to the loop; if its
+// object is removed or replaced before it runs, it is dropped. A failed ACL or entry stays in the
+// model until it is removed; a failed apply is removed at once. Loop thread only.
 #include "qv/fp_udp.h"
 
 #include <algorithm>
@@ -34,7 +34,7 @@ enum class Kind { kAcl, kEntry, kApply };
 
 struct Entry {
     ForwardingId id;
-    int error;  // of its items, or of the plane
+    int error;  // from its items or from the plane
     ForwardingRule matches;
 };
 
@@ -84,7 +84,7 @@ class FpService final : public qv::ForwardingSink {
             done(acl.id);
             return 0;
         }
-        if (acl.id == 0) {  // fresh, or memory ran out here the last time
+        if (acl.id == 0) {  // new, or memory ran out here the last time
             acl.key = key;
             acl.id = new_object(Kind::kAcl, acl);
         }
@@ -192,7 +192,7 @@ class FpService final : public qv::ForwardingSink {
         if (app == nullptr || !knows_app(app)) {
             return EINVAL;
         }
-        // ACLs and entries live in this process; only rules outlive one.
+        // ACLs and entries exist in this process only; rules may outlive theirs.
         if (applies) {
             driver().remove_leftovers();
         }
@@ -229,7 +229,7 @@ class FpService final : public qv::ForwardingSink {
  private:
     struct Object {
         Kind kind;
-        Acl* acl;  // goes last of its objects
+        Acl* acl;  // outlives its entries and applies
     };
 
     static ForwardingDriver& driver() { return qv::platform().forwarding(); }
@@ -279,7 +279,7 @@ class FpService final : public qv::ForwardingSink {
         }
     }
 
-    // A rule cannot stand on an ACL or entry that failed after it was asked for.
+    // Removes the rules of an ACL that has failed, or whose first entry has.
     void fail_applies(const Acl& acl) {
         ForwardingRule rule;
         const int error = rule_matches(acl, rule);
@@ -339,8 +339,8 @@ class FpService final : public qv::ForwardingSink {
     fp_udp_acl_handler handlers_{};
     std::map<AclName, Acl> acls_;
     std::unordered_map<ForwardingId, Object> objects_;
-    // The keys of applies once more: reports of thousands of counters would else go through all of
-    // the above, which is more than fits in a cache.
+    // The keys of applies again, for counter reports: looking them up in the maps above would miss
+    // the cache when thousands of counters report.
     std::unordered_map<ForwardingId, fp_acl_key> rules_;
     ForwardingId last_id_ = 0;
 };

@@ -49,8 +49,8 @@ class LsmClient final : public qv::PortObserver {
         classes_[event_class].handler = handler;
     }
 
-    // From here on the client hears of changes. Ports that are there already are announced as
-    // added; those that the driver has yet to report follow as they come.
+    // Starts the events. Ports that exist are announced as added; those that the driver has not
+    // reported yet follow when it does.
     void registered() {
         registered_ = true;
         if (mode != kAnnounce) {
@@ -74,27 +74,27 @@ class LsmClient final : public qv::PortObserver {
     void on_added(const Port& port) override {
         const bool at_start = !qv::platform().ports().complete();
         if (!at_start || mode == kAnnounce) {
-            tell(LSM_CLASS_PORT, LSM_EVENT_ADD, port.type, {port.ifx});
+            post_if_selected(LSM_CLASS_PORT, LSM_EVENT_ADD, port.type, {port.ifx});
         }
     }
 
     void on_removed(const Port& port) override {
         blocks_.erase(port.ifx);
-        tell(LSM_CLASS_PORT, LSM_EVENT_DELETE, port.type, {port.ifx});
+        post_if_selected(LSM_CLASS_PORT, LSM_EVENT_DELETE, port.type, {port.ifx});
     }
 
-    // For clients a name belongs to a port for its whole life.
+    // For clients the name of a port never changes.
     void on_renamed(const Port& port) override {
-        tell(LSM_CLASS_PORT, LSM_EVENT_DELETE, port.type, {port.ifx});
-        tell(LSM_CLASS_PORT, LSM_EVENT_ADD, port.type, {port.ifx});
+        post_if_selected(LSM_CLASS_PORT, LSM_EVENT_DELETE, port.type, {port.ifx});
+        post_if_selected(LSM_CLASS_PORT, LSM_EVENT_ADD, port.type, {port.ifx});
     }
 
     void on_default(const Port& port) override {
-        tell(LSM_CLASS_PORT, LSM_EVENT_DEFAULT, port.type, {port.ifx});
+        post_if_selected(LSM_CLASS_PORT, LSM_EVENT_DEFAULT, port.type, {port.ifx});
     }
 
     void on_left_bridge(const Port& port) override {
-        tell(LSM_CLASS_BRIDGE, LSM_EVENT_BRIDGE_LEAVE, port.type, {port.ifx});
+        post_if_selected(LSM_CLASS_BRIDGE, LSM_EVENT_BRIDGE_LEAVE, port.type, {port.ifx});
     }
 
     void on_changed(const Port& before, const Port& after) override {
@@ -102,15 +102,16 @@ class LsmClient final : public qv::PortObserver {
             control_block(after);
         }
         if (before.aggregate != after.aggregate) {
-            tell_membership(kLeft, before.aggregate, after);
-            tell_membership(kJoined, after.aggregate, after);
+            post_membership(kLeft, before.aggregate, after);
+            post_membership(kJoined, after.aggregate, after);
         }
         if (before.vsl != after.vsl) {
             Message message(LSM_LAYER_MESSAGE_WORDS);
             message[0] = after.ifx;
             message[56] = after.vsl ? LSM_LAYER_FLAG_VSL : 0;
-            tell(LSM_CLASS_LAYER, after.vsl ? LSM_EVENT_VSL_CREATE : LSM_EVENT_VSL_REMOVE,
-                 after.type, std::move(message));
+            post_if_selected(LSM_CLASS_LAYER,
+                             after.vsl ? LSM_EVENT_VSL_CREATE : LSM_EVENT_VSL_REMOVE, after.type,
+                             std::move(message));
         }
     }
 
@@ -118,9 +119,9 @@ class LsmClient final : public qv::PortObserver {
         if (!registered_ || mode != kAnnounce) {
             return;
         }
-        std::set<lsm_event_handler> told;
+        std::set<lsm_event_handler> notified;
         for (const auto& [event_class, settings] : classes_) {
-            if (told.insert(settings.handler).second) {
+            if (notified.insert(settings.handler).second) {
                 post(event_class, LSM_EVENT_PORT_READY, {});
             }
         }
@@ -131,7 +132,7 @@ class LsmClient final : public qv::PortObserver {
     static constexpr uint32_t kJoined = 0;
     static constexpr uint32_t kLeft = 1;
 
-    void tell_membership(uint32_t change, uint32_t aggregate, const Port& member) {
+    void post_membership(uint32_t change, uint32_t aggregate, const Port& member) {
         if (aggregate == 0) {
             return;
         }
@@ -139,10 +140,11 @@ class LsmClient final : public qv::PortObserver {
         message[0] = change;
         message[1] = aggregate;
         message[34] = member.ifx;
-        tell(LSM_CLASS_AGGREGATE, LSM_EVENT_AGGREGATE_MEMBER, member.type, std::move(message));
+        post_if_selected(LSM_CLASS_AGGREGATE, LSM_EVENT_AGGREGATE_MEMBER, member.type,
+                         std::move(message));
     }
 
-    void tell(int event_class, uint32_t event, uint32_t type, Message message) {
+    void post_if_selected(int event_class, uint32_t event, uint32_t type, Message message) {
         const auto found = classes_.find(event_class);
         if (!registered_ || found == classes_.end()) {
             return;
@@ -155,7 +157,7 @@ class LsmClient final : public qv::PortObserver {
         }
     }
 
-    // An empty message is handed over as null.
+    // The handler gets null for an empty message.
     void post(int event_class, uint32_t event, Message message) {
         qv::platform().loop().post(
             [this, event_class, event, words = std::move(message)]() mutable {
@@ -167,7 +169,7 @@ class LsmClient final : public qv::PortObserver {
 
     bool registered_ = false;
     std::map<int, EventClass> classes_;
-    std::map<uint32_t, lsm_intfcb> blocks_;  // those that have been asked for
+    std::map<uint32_t, lsm_intfcb> blocks_;  // control blocks that clients have asked for
 };
 
 LsmClient& client() {
@@ -260,7 +262,7 @@ uint32_t lsm_if_get_flags(uint32_t ifx) {
 
 int lsm_walk_through_ex(int (*handler)(uint32_t ifx, void* arg), void* arg) {
     const std::map<uint32_t, Port>& ports = qv::platform().ports().ports();
-    // The handler may add and remove ports: the place in the walk is an index, not an iterator.
+    // The handler may add and remove ports, so the walk remembers an index, not an iterator.
     for (auto next = ports.begin(); next != ports.end();) {
         const uint32_t ifx = next->first;
         if (const int result = handler(ifx, arg)) {

@@ -1,5 +1,5 @@
-// Key texts of records, as docs/object-database.md lays them down: "<type>/<field>=<value>,..." of
-// the sub-message `index`, fields in number order, and "<type>/" for a type without one.
+// Key texts of records as docs/object-database.md defines them: "<type>/<field>=<value>,..." with
+// the fields of the sub-message `index` in number order, and "<type>/" for a type without one.
 #pragma once
 
 #include <cstdint>
@@ -21,7 +21,7 @@ std::optional<std::string> record_key_pattern(const ProtobufCMessage& record);
 
 std::vector<uint8_t> pack_record(const ProtobufCMessage& record);
 
-// The record with nothing but its index, packed: what a delete notice carries.
+// The record reduced to its index, packed. A delete notice carries it.
 std::vector<uint8_t> pack_key_of_record(const ProtobufCMessage& record);
 
 }  // namespace qv

@@ -84,7 +84,7 @@ int NameLock::take(EventLoop& loop, const std::string& name, const std::string& 
     return error;
 }
 
-// Whoever can open the file can lock it, so nobody else may open it.
+// Who can open a file can lock it, so only its owner may open this one.
 int NameLock::take_file(const std::string& file) {
     constexpr mode_t kOwnerOnly = 0600;
     file_ = open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);
@@ -94,7 +94,7 @@ int NameLock::take_file(const std::string& file) {
     if (flock(file_, LOCK_EX | LOCK_NB) != 0) {
         return errno == EWOULDBLOCK ? EADDRINUSE : errno;
     }
-    // Without its number the holder is only "another process" to the next one.
+    // When this fails, others cannot say which process holds the lock.
     if (ftruncate(file_, 0) == 0) {
         dprintf(file_, "%d\n", static_cast<int>(getpid()));
     }
@@ -112,7 +112,7 @@ int NameLock::take_address(EventLoop& loop, const std::string& name) {
         close_if_open(socket_);
         return error == EADDRINUSE && !listener_at(address) ? 0 : error;
     }
-    // Without the watch the name is held all the same; only its holder may stay unknown one day.
+    // Without the watch the lock holds all the same, but holder() of others may not find us.
     watch_ = loop.watch(socket_, true, false, [this](EventLoop::Ready) { answer(); });
     return 0;
 }
@@ -123,7 +123,8 @@ void NameLock::release() {
     close_if_open(file_);
 }
 
-// The kernel has told them already: all that is left is to make room for the next ones.
+// A caller of holder() has its answer from the kernel once it is connected. This only makes room in
+// the queue for the next one.
 void NameLock::answer() const {
     for (int peer; (peer = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         close(peer);
@@ -140,7 +141,7 @@ pid_t NameLock::holder(const std::string& name, const std::string& file) {
     }
     char text[16] = {};
     const bool written = read(fd, text, sizeof text - 1) > 0;
-    // The number of a process that has ended stays in the file.
+    // The file may name a process that has ended; then nobody holds its lock.
     const bool held = flock(fd, LOCK_SH | LOCK_NB) != 0;
     close_if_open(fd);
     return written && held ? static_cast<pid_t>(std::strtol(text, nullptr, 10)) : 0;

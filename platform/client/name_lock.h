@@ -1,12 +1,13 @@
-// Names that one process can hold at a time. A name has two halves:
+// A named lock that one process of the machine can hold. It has two halves:
 //
-// - A locked file, which decides. It is to be in a folder where strangers can neither write nor
-//   read it, so that no other user of the machine can take the name first.
-// - The address of an abstract Unix socket, one for each network namespace. It keeps the name when
-//   somebody removes the file, and towards a process that sees another file system. Anybody can
-//   take such an address, so one that is not root's or our own user's does not count.
+// - A locked file, which decides. Its folder must be closed to other users, so that none of them
+// can
+//   take the lock first.
+// - The address of an abstract Unix socket, one for each network namespace. It still holds when
+//   somebody removes the file, and against a process that sees another file system. Any user can
+//   bind such an address, so one that neither root nor our own user has bound does not count.
 //
-// The kernel gives both back when their holder ends, however it ends.
+// The kernel releases both when their holder ends, however it ends.
 #pragma once
 
 #include <string>
@@ -17,8 +18,8 @@
 
 namespace qv {
 
-// The folder of the locks on bridges: all agents of the machine must look there. Tests name another
-// one before the first lock.
+// The folder of the locks on bridges, the same for all agents of the machine. Tests set another one
+// before the first lock.
 inline std::string g_lock_folder = "/run/lda";
 
 // Loop thread only.
@@ -29,17 +30,17 @@ class NameLock {
     NameLock(const NameLock&) = delete;
     NameLock& operator=(const NameLock&) = delete;
 
-    // Takes the name until the end of this object. 0, EADDRINUSE when another process holds it, or
-    // another errno. While the loop runs, it answers those who ask for the holder. The file stays
-    // where it is afterwards: removing it would let go of a later holder's lock.
+    // Takes the lock until release() or the end of this object. 0, EADDRINUSE when another process
+    // holds it, or another errno. The loop, which must outlive this, answers holder() of other
+    // processes. The file is never removed: that could release the lock of a later holder.
     int take(EventLoop& loop, const std::string& name, const std::string& file);
     void release();
 
-    // Whether a stranger, or nobody who answers, has the address of a name that was taken: then
-    // only the file holds it.
+    // True when the lock is held but its address is bound by another user, or by a process that
+    // does not answer: then only the file keeps a second holder out.
     bool address_is_taken() const { return file_ >= 0 && socket_ < 0; }
 
-    // The process that holds the name; 0 when nobody does or it cannot be found out.
+    // The process that holds the lock; 0 when there is none, or when it cannot be found out.
     static pid_t holder(const std::string& name, const std::string& file);
 
  private:

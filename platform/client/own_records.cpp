@@ -77,7 +77,7 @@ OwnRecords::Records::iterator OwnRecords::erase(Records::iterator record) {
 }
 
 OwnRecords& own_records() {
-    static auto& records = *new OwnRecords;  // never destroyed, as the clients that fill it
+    static auto& records = *new OwnRecords;  // never destroyed, like the clients that fill it
     return records;
 }
 

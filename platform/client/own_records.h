@@ -1,9 +1,9 @@
-// The records that this process has set in the object database and has not deleted since, whichever
-// of its clients did it. qv/mom.h keeps this list; after a loss of records in the server it is what
-// gets written again. Loop thread only.
+// The records that clients of this process have set in the object database and not deleted since.
+// The client library keeps the list and writes these records again when the server has lost them.
+// Loop thread only.
 //
-// A delete takes its records out even when the database is away and the call fails: the process no
-// longer wants them. Changes made by other programs are not reflected here.
+// A delete removes its records from the list even when the database is away and the call fails: the
+// process no longer wants them. Changes by other programs do not change the list.
 #pragma once
 
 #include <cstdint>
@@ -26,9 +26,9 @@ class OwnRecords {
     // `key` is the key text of docs/object-database.md, "p_app.lda_loop_entry/name=swp3".
     bool contains(uint32_t db, const std::string& key) const;
 
-    // `callback` runs through the loop, once for each record that this process has deleted, also
-    // by a delete of many. The record may have been set again by then: ask contains(). There is one
-    // observer; a later one replaces it, null removes it.
+    // Runs `callback` from the loop, once for each record that this process deletes, by
+    // qv_mom_pdel() too. The record may have been set again by then; contains() tells. There is one
+    // callback: a later one replaces it, null removes it.
     void on_erased(ErasedCallback callback);
 
     // The rest is for the client behind qv/mom.h.
@@ -44,8 +44,8 @@ class OwnRecords {
 
     // In the order of databases and keys; `visit` must not change the list.
     void for_each(const qv_mom_client* owner, const Visitor& visit) const;
-    // Up to `limit` keys of one database that follow `after`; from the beginning again behind the
-    // last one.
+    // Up to `limit` keys of one database that follow `after`; after the last key it starts again at
+    // the first.
     StoreKeys keys_after(const qv_mom_client* owner, const Id& after, size_t limit) const;
 
  private:

@@ -74,7 +74,7 @@ void PortModel::add_observer(PortObserver& observer) {
 void PortModel::port_added(const Port& port) {
     const auto [entry, fresh] = ports_.try_emplace(port.ifx, port);
     if (!fresh) {
-        // A driver that has to read the whole switch again reports ports that are known.
+        // A driver that reads the whole switch again reports known ports, too.
         port_changed(port);
         return;
     }
@@ -120,7 +120,8 @@ void PortModel::port_changed(const Port& port) {
     }
 }
 
-// A port that is renamed again before clients have heard of the first name keeps the one they know.
+// A port that is renamed again while its first rename is held back keeps the name that clients
+// know.
 void PortModel::note_rename(uint32_t ifx, const std::string& old_name, const std::string& name) {
     const auto waiting = renames_.emplace(ifx, old_name).first;
     if (waiting->second == name) {
@@ -175,8 +176,8 @@ void PortModel::index(const Port& port) {
     }
 }
 
-// Two ports that swap their names pass through a moment in which one name stands for both: the
-// later report has it. The same with their ids.
+// While two ports swap their names, both have the same one for a moment; the index then holds the
+// port that was reported last. The same is true of ids.
 void PortModel::forget(const Port& port) {
     const auto name = names_.find(port.name);
     if (name != names_.end() && name->second == port.ifx) {

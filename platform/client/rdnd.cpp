@@ -1,14 +1,14 @@
-// qv/rdnd.h: who takes the master role, and what systemd is told about the process.
+// qv/rdnd.h: takes the master role, and reports to systemd.
 //
 // Two masters on the same bridge would undo each other's work, and two on the same command-line
-// socket would share their operators by chance. So the master holds a lock on each of the two, as
-// long as it lives: there is no way out of the master role but the end of the process. The file of
-// a lock is beside the command-line socket, and for a bridge in a folder that is the same for all
-// agents of the machine, under the number of the network namespace.
+// socket would share the operators at random. So the master holds a lock on each of the two until
+// its process ends; it never gives the role back. The lock file of the socket is beside the socket.
+// That of the bridge is in a folder that all agents of the machine share, and has the number of the
+// network namespace in its name.
 //
-// In mode "solo" the process is the master at once, and a process that finds a lock held ends with
-// the reason. In mode "lease" it waits: it tries every second, and so takes over within one. The
-// other role has no callback of its own here: a standby process is not told anything.
+// In mode "solo" the process takes the role at once, and ends with the reason when a lock is held.
+// In mode "lease" it tries every second, and so takes over within a second of the master's end. No
+// callback is made for the other role.
 #include "qv/rdnd.h"
 
 #include <cerrno>
@@ -38,7 +38,7 @@ constexpr std::chrono::seconds kLeaseRetry{1};
 struct Exclusive {
     std::string name;   // of the lock
     std::string file;   // of the lock
-    std::string thing;  // for people
+    std::string thing;  // the locked thing, as messages name it
     qv::NameLock lock;
 };
 
@@ -46,8 +46,8 @@ struct Redundancy {
     bool registered = false;
     qv::EventLoop* loop = nullptr;
     rdnd_role_cb master_cb = nullptr;
-    std::list<Exclusive> exclusives;  // held by the master, released by all others
-    int logged_error = 0;             // why the locks could not be tried, logged once
+    std::list<Exclusive> exclusives;  // the master holds all of them, others none
+    int logged_error = 0;             // why the locks could not be tried, as logged
     qv::EventLoop::Handle retry;
 };
 
@@ -90,7 +90,7 @@ void name_exclusives(const std::string& module) {
 }
 
 struct Obstacle {
-    const Exclusive* taken;  // null: everything is ours
+    const Exclusive* taken;  // null: there is none, we hold all locks
     int error;
 };
 
@@ -143,7 +143,7 @@ void await_role() {
         role.master_cb();
         return;
     }
-    // That somebody else is the master is no fault.
+    // Another master is the normal case, and not logged.
     if (obstacle.error != EADDRINUSE && role.logged_error != obstacle.error) {
         role.logged_error = obstacle.error;
         printk_syslog(SYSLOG_SEVERITY_ERROR, "RDND", "LEASE",
@@ -152,7 +152,7 @@ void await_role() {
     role.retry = role.loop->after(kLeaseRetry, await_role);
 }
 
-// Registered at the end: what runs out of memory before can be repeated.
+// `registered` is set last, so that the caller can repeat a call that ran out of memory.
 int register_role(const rdnd_reg& reg) {
     Redundancy& role = redundancy();
     if (role.registered) {
@@ -219,11 +219,11 @@ void app_public_init_dead_detection(qv_thread_master* master) {
     if (master == nullptr || sd_watchdog_enabled(0, &watchdog_us) <= 0) {
         return;
     }
-    // A process that has no memory to report is started anew by its supervisor.
+    // If memory runs out no reports follow, and the supervisor restarts the process.
     qv::guarded([&] {
         Supervision& watched = supervision();
         watched.loop = &qv::loop_of(master);
-        // On the loop's clock: at a higher speed than real time the report only comes more often.
+        // On the loop's clock, which may be faster than real time: then reports come more often.
         watched.interval = std::chrono::microseconds(watchdog_us / 2);
         report_alive();
     });

@@ -1,7 +1,7 @@
 // qv/thread.h over EventLoop.
 //
-// Work that ends in an exception, as when memory runs out, is half done and cannot be reported: the
-// process ends at the place, and its next start puts everything right.
+// Work that throws, as it does when memory runs out, is half done and has no caller to report to.
+// The process ends there, and its next start restores a sound state.
 #include "qv/thread.h"
 
 #include <algorithm>
@@ -26,11 +26,12 @@ qv::Duration delay_of(long seconds) {
     return std::chrono::seconds(std::clamp(seconds, 0L, kLongestTimer_s));
 }
 
-// A pending timer is its own handle. The loop owns it, by the task that waits for its time.
+// A pending timer; its address is the handle. The loop owns it through the Expiry task.
 struct Timer final : qv_thread {
     Timer(const qv_thread& record, qv_thread** used_slot) : qv_thread(record), slot(used_slot) {}
 
-    // Fires or cancels the timer. Returns its place in the loop, and with it the timer may go.
+    // Ends the timer, because it fires or is cancelled. The result owns the task in the loop;
+    // destroying it may destroy the timer.
     qv::EventLoop::Handle end() {
         if (slot != nullptr) {
             *slot = nullptr;
@@ -46,12 +47,12 @@ struct Timer final : qv_thread {
 struct Expiry {
     std::shared_ptr<Timer> timer;
 
-    // The record of the timer, which ends now. Once.
+    // Ends the timer and returns its record. Call once.
     qv_thread take() const {
         timer->end();
         return *timer;
     }
-    // For whoever runs the loop without this interface.
+    // For a loop that is run through EventLoop::run() rather than qv_thread_call().
     void operator()() const {
         qv_thread record = take();
         qv_thread_call(&record);
@@ -76,7 +77,7 @@ int run_fetched(qv_thread* thread) {
 
 namespace qv {
 
-// Nobody ever sees a complete qv_thread_master.
+// qv_thread_master is never defined: its pointer is the loop's.
 qv_thread_master* master_of(EventLoop& loop) {
     return reinterpret_cast<qv_thread_master*>(&loop);
 }

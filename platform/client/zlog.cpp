@@ -41,7 +41,7 @@ bool plain(std::string_view text) {
     return !text.empty();
 }
 
-// Opens the file for a moment, since the library does not tell why it could not. 0 or errno.
+// Opens and closes the file, because the library does not say why it cannot open it. 0 or errno.
 int try_open(const std::string& path) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd < 0) {
@@ -62,7 +62,7 @@ std::string configuration(const std::string& directory, const std::string& name)
     return text;
 }
 
-// Through a file in memory: the library's call that takes the text itself never frees 120 KB.
+// Passes the text in a memory file: the library's call that takes a text leaks 120 KB.
 bool start_library(const std::string& text) {
     const int fd = memfd_create("log-configuration", MFD_CLOEXEC);
     if (fd < 0) {
@@ -92,7 +92,7 @@ zlog_category_t* open_category(const std::string& directory, const std::string& 
     }
     printk_syslog(SYSLOG_SEVERITY_ERROR, "LOG", "OPEN", "Cannot open log file %s: %s", path.c_str(),
                   reason.c_str());
-    // The agent ends here without a word, and there may be nobody who reads the system log.
+    // The agent exits after this without a message of its own, and perhaps no system log runs.
     std::fprintf(
         stderr,
         "lda: cannot open the log file %s: %s. Create its folder, or change log_dir in the "

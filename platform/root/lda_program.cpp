@@ -1,6 +1,5 @@
-// The program `lda` before the agent's own main, which takes no arguments and knows no platform:
-// the command-line options, which the C library hands to constructors, and where the platform comes
-// from.
+// Runs before the agent's own main, which takes no arguments and knows no platform: reads the
+// command-line options, which the C library passes to constructors, and registers the platform.
 #include <fcntl.h>
 
 #include <cstdio>
@@ -35,7 +34,8 @@ constexpr const char* kHelp =
     "  [clock]    speed = 1.0        virtual seconds per second, simulated switch only\n"
     "  [role]     mode = \"solo\"      \"solo\" or \"lease\"\n";
 
-// Else the first socket or file that is opened would get the output that is meant for a terminal.
+// If the process starts without them, the first file or socket it opened would take their numbers,
+// and with them the output for the terminal.
 void open_standard_descriptors() {
     for (int fd = 0; fd <= 2; ++fd) {
         if (::fcntl(fd, F_GETFD) < 0) {

@@ -106,15 +106,15 @@ class DescribedPlatform final : public Platform {
         }
         keep_names_in_use();
         ports_->start();
-        // Last, since it may use the loop from now on. Tests bring a log of their own.
+        // Last, because the log may use the loop from here on. Tests have a log of another type.
         if (auto* const syslog = dynamic_cast<SyslogLog*>(log_.get())) {
             syslog->attach(*loop_);
         }
     }
 
  private:
-    // While a port is in the loop state its entry stands under its name: a port that is renamed
-    // meanwhile stays the old one for its clients until the entry has gone.
+    // A port in the loop state has an entry under its name. If it is renamed, its clients see the
+    // old name until that entry is deleted.
     void keep_names_in_use() {
         ports_->set_name_in_use([](const std::string& name) {
             return own_records().contains(QV_MOM_APP_DB, loop_entry_key(name));
@@ -155,9 +155,9 @@ class DescribedPlatform final : public Platform {
         forwarding_ = std::move(plane);
     }
 
-    // Lines typed within the last second are not saved yet.
+    // Saves once more: lines typed within the last second are not in the file yet.
     void save_last() {
-        background_.reset();  // a save that is under way comes to its end
+        background_.reset();  // waits for a save that is under way
         if (cli::ConfigKeeper* const keeper = cli::config_keeper()) {
             keeper->saver().save_last();
         }

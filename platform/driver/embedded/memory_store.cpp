@@ -35,9 +35,9 @@ class MemoryStore::Client final : public StoreClient {
     bool subscribe(uint32_t db, std::string_view type, uint64_t subscription) override;
     bool scan(uint32_t db, std::string_view type, uint64_t scan) override;
 
-    void lose(uint32_t db);
-    void regain(uint32_t db);
-    void hear(uint32_t db, std::string_view type, const std::string& notice);
+    void disconnect(uint32_t db);
+    void reconnect(uint32_t db);
+    void deliver(uint32_t db, std::string_view type, const std::string& notice);
 
  private:
     using Topic = std::pair<uint32_t, std::string>;  // database, type
@@ -49,9 +49,9 @@ class MemoryStore::Client final : public StoreClient {
     };
 
     template <typename Report>
-    void report(Report tell);
+    void report(Report call);
     template <typename Report>
-    void report_in_session(uint32_t db, Report tell);
+    void report_in_session(uint32_t db, Report call);
 
     MemoryStore& store_;
     std::shared_ptr<State> state_;
@@ -70,21 +70,21 @@ MemoryStore::Client::~Client() {
 }
 
 template <typename Report>
-void MemoryStore::Client::report(Report tell) {
-    store_.loop_.post([state = state_, tell = std::move(tell)] {
+void MemoryStore::Client::report(Report call) {
+    store_.loop_.post([state = state_, call = std::move(call)] {
         if (state->listener != nullptr) {
-            tell(*state->listener);
+            call(*state->listener);
         }
     });
 }
 
 // Dropped when the session is lost before the report's turn comes.
 template <typename Report>
-void MemoryStore::Client::report_in_session(uint32_t db, Report tell) {
+void MemoryStore::Client::report_in_session(uint32_t db, Report call) {
     report([state = state_.get(), db, session = state_->sessions[db],
-            tell = std::move(tell)](StoreListener& listener) {
+            call = std::move(call)](StoreListener& listener) {
         if (state->sessions[db] == session) {
-            tell(listener);
+            call(listener);
         }
     });
 }
@@ -100,7 +100,7 @@ bool MemoryStore::Client::up(uint32_t db) const {
     return state_->sessions.contains(db) && store_.up(db);
 }
 
-void MemoryStore::Client::lose(uint32_t db) {
+void MemoryStore::Client::disconnect(uint32_t db) {
     if (!state_->sessions.contains(db)) {
         return;
     }
@@ -109,13 +109,13 @@ void MemoryStore::Client::lose(uint32_t db) {
     report([db](StoreListener& listener) { listener.session_down(db); });
 }
 
-void MemoryStore::Client::regain(uint32_t db) {
+void MemoryStore::Client::reconnect(uint32_t db) {
     if (state_->sessions.contains(db)) {
         report([db](StoreListener& listener) { listener.session_up(db); });
     }
 }
 
-void MemoryStore::Client::hear(uint32_t db, std::string_view type, const std::string& notice) {
+void MemoryStore::Client::deliver(uint32_t db, std::string_view type, const std::string& notice) {
     const auto found = subscriptions_.find(Topic(db, type));
     if (found == subscriptions_.end()) {
         return;
@@ -208,7 +208,7 @@ void MemoryStore::drop(uint32_t db) {
         return;
     }
     for (Client* client : clients_) {
-        client->lose(db);
+        client->disconnect(db);
     }
 }
 
@@ -217,7 +217,7 @@ void MemoryStore::restore(uint32_t db) {
         return;
     }
     for (Client* client : clients_) {
-        client->regain(db);
+        client->reconnect(db);
     }
 }
 
@@ -228,7 +228,7 @@ bool MemoryStore::up(uint32_t db) const {
 void MemoryStore::notify(uint32_t db, std::string_view type, Bytes notice) {
     const std::string text = text_of(notice);
     for (Client* client : clients_) {
-        client->hear(db, type, text);
+        client->deliver(db, type, text);
     }
 }
 
