@@ -16,9 +16,6 @@ namespace {
 
 using std::chrono::steady_clock;
 
-constexpr unsigned kLocalDatabase = 3;
-constexpr unsigned kApplicationDatabase = 4;
-constexpr unsigned kConfigurationDatabase = 22;
 constexpr const char* kPolicyType = "p_app.lda_nc_policy";
 constexpr const char* kAnswerType = "p_mng.ui_operate";
 constexpr const char* kLoopEntryType = "p_app.lda_loop_entry";
@@ -132,8 +129,7 @@ void request_policy(const std::string& socket, PolicyRequest request, uint32_t p
     const std::string publisher = "netconf-" + std::to_string(getpid());
     const int32_t oid = fresh_oid();
     Database database(socket);
-    const std::string channel = "mom/" + std::to_string(kLocalDatabase) + "/" + kPolicyType;
-    if (database.listeners(channel) == 0) {
+    if (database.listeners(kLocalDatabase, kPolicyType) == 0) {
         throw RequestFailed("the loop-detection agent is not running; nothing was changed");
     }
     Listener answers(socket, kLocalDatabase, kAnswerType);

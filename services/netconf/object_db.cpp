@@ -109,8 +109,8 @@ std::vector<std::string> Database::values(unsigned database, std::string_view ty
     return found;
 }
 
-long long Database::listeners(std::string_view channel) {
-    const Reply reply = command({"PUBSUB", "NUMSUB", channel});
+long long Database::listeners(unsigned database, std::string_view type) {
+    const Reply reply = command({"PUBSUB", "NUMSUB", channel_of(database, type)});
     return element(*reply, 1, REDIS_REPLY_INTEGER).integer;
 }
 
@@ -133,7 +133,7 @@ int Listener::fd() const {
     return link_.context_->fd;
 }
 
-// A notice that is complete in the buffer. What is no message of the channel is passed over.
+// The next complete notice in the buffer. Skips everything that is no message of the channel.
 std::optional<Notice> Listener::take() {
     void* raw = nullptr;
     while (redisGetReplyFromReader(link_.context_.get(), &raw) == REDIS_OK && raw != nullptr) {
@@ -152,7 +152,7 @@ std::optional<Notice> Listener::take() {
     return std::nullopt;
 }
 
-// Reads what is there. False when nothing is.
+// Reads what has arrived into the buffer. False when nothing has.
 bool Listener::fill() {
     pollfd watched{.fd = fd(), .events = POLLIN, .revents = 0};
     if (poll(&watched, 1, 0) < 1) {

@@ -1,6 +1,6 @@
 // The object database as a session sees it: a Redis server on a Unix socket, laid out as
-// docs/object-database.md says. Commands block, each for a limited time, as a session does one
-// thing at a time. An idle session holds no connection but that of its subscription.
+// docs/object-database.md says. A session does one thing at a time, so commands block, each for a
+// limited time. An idle session holds no connection but that of its subscription.
 #pragma once
 
 #include <chrono>
@@ -18,7 +18,12 @@ struct redisReply;
 
 namespace netconf {
 
-// No answer, or one that makes no sense. The message says what happened.
+// The databases that the front uses.
+inline constexpr unsigned kLocalDatabase = 3;
+inline constexpr unsigned kApplicationDatabase = 4;
+inline constexpr unsigned kConfigurationDatabase = 22;
+
+// The server does not answer, or not in the expected form. The message says what happened.
 struct DatabaseLost : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -38,9 +43,9 @@ class Database {
     std::optional<std::string> get(unsigned database, std::string_view key);
     // The values of all records of a type.
     std::vector<std::string> values(unsigned database, std::string_view type);
-    // How many programs listen on a channel.
-    long long listeners(std::string_view channel);
-    // Stores a singleton and tells those who listen, in one step. Returns how many do.
+    // How many programs are subscribed to a type of records.
+    long long listeners(unsigned database, std::string_view type);
+    // Stores a singleton and notifies the subscribers, in one step. Returns their number.
     long long set(unsigned database, std::string_view type, std::string_view record);
 
  private:
@@ -62,11 +67,11 @@ struct Notice {
     std::string record;  // packed
 };
 
-// A connection that listens on one channel.
+// A connection that is subscribed to one type of records.
 class Listener {
  public:
-    // Returns when the server has confirmed it: from then on nothing is missed. Throws
-    // DatabaseLost, like everything below.
+    // Returns when the server has confirmed the subscription: from then on no notice is missed.
+    // Throws DatabaseLost, like everything below.
     Listener(const std::string& socket, unsigned database, std::string_view type);
 
     int fd() const;  // readable: call next()

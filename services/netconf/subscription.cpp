@@ -30,7 +30,6 @@ using namespace std::chrono_literals;
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr unsigned kLocalDatabase = 3;
 constexpr const char* kNotificationType = "p_nc.notification";
 constexpr milliseconds kFirstBackoff = 100ms;
 constexpr milliseconds kLongestBackoff = 5s;

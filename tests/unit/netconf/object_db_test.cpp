@@ -105,12 +105,12 @@ TEST_F(ObjectDb, ScanInAnUnknownFormIsAFault) {
 TEST_F(ObjectDb, ListenersOfAChannelAreCounted) {
     peer_.set_other_listeners(3);
     Database database(peer_.socket());
-    EXPECT_EQ(database.listeners("mom/3/a.b"), 3);
+    EXPECT_EQ(database.listeners(3, "a.b"), 3);
     EXPECT_EQ(peer_.commands(), Texts{"0 PUBSUB NUMSUB mom/3/a.b"});
     for (const std::string& answer : {std::string("+OK\r\n"), array({bulk("mom/3/a.b")}),
                                       array({bulk("mom/3/a.b"), bulk("1")})}) {
         peer_.answer("PUBSUB", answer);
-        EXPECT_EQ(lost([&] { database.listeners("mom/3/a.b"); }), kUnknownForm) << answer;
+        EXPECT_EQ(lost([&] { database.listeners(3, "a.b"); }), kUnknownForm) << answer;
     }
 }
 
