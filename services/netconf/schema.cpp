@@ -24,7 +24,9 @@ void load(ly_ctx* context, const char* name, const char** features) {
 
 }  // namespace
 
-Context load_modules(const std::string& folder) {
+const char* const kPublishedModules = LDA_PUBLISHED_YANG_DIR;
+
+Context load_modules(const std::string& folder, const std::string& published) {
     // Errors are kept for the answer to the client, not printed.
     ly_log_options(LY_LOSTORE_LAST);
     ly_ctx* raw = nullptr;
@@ -33,6 +35,10 @@ Context load_modules(const std::string& folder) {
         throw std::runtime_error("the folder of the YANG modules cannot be used: " + folder);
     }
     Context context(raw);
+    if (ly_ctx_set_searchdir(raw, published.c_str()) != LY_SUCCESS) {
+        throw std::runtime_error("the YANG modules of the package libyuma-base are not in " +
+                                 published);
+    }
     load(raw, "ietf-netconf", g_base_features.data());
     for (const char* const name : kModules) {
         load(raw, name, nullptr);

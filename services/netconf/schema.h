@@ -19,8 +19,12 @@ struct FreeTree {
 };
 using Tree = std::unique_ptr<lyd_node, FreeTree>;
 
-// Loads every module that the front offers from `folder`. Throws std::runtime_error.
-Context load_modules(const std::string& folder);
+// Folder of the IETF's modules, installed by the package libyuma-base.
+extern const char* const kPublishedModules;
+
+// Loads every module that the front offers: its own from `folder`, those of the IETF from
+// `published`. Throws std::runtime_error.
+Context load_modules(const std::string& folder, const std::string& published = kPublishedModules);
 
 // Adds the node at `path` (and what is missing above it) to `tree`. Throws std::runtime_error when
 // the path or the value does not fit the model.

@@ -74,7 +74,28 @@ TEST_F(Schema, FolderWithoutModulesIsAFault) {
         netconf::load_modules(empty.path());
         FAIL() << "no fault";
     } catch (const std::runtime_error& error) {
-        EXPECT_EQ(std::string(error.what()).substr(0, 26), "YANG module ietf-netconf: ");
+        EXPECT_EQ(std::string(error.what()).substr(0, 27), "YANG module notifications: ");
+    }
+}
+
+TEST_F(Schema, MissingPackageOfThePublishedModulesIsNamed) {
+    try {
+        netconf::load_modules(YANG_DIR, "/nowhere");
+        FAIL() << "no fault";
+    } catch (const std::runtime_error& error) {
+        EXPECT_STREQ(error.what(),
+                     "the YANG modules of the package libyuma-base are not in /nowhere");
+    }
+}
+
+TEST_F(Schema, ProtocolModulesAreThePublishedOnes) {
+    for (const auto& [name, revision] : {std::pair("ietf-netconf", "2011-06-01"),
+                                         std::pair("ietf-netconf-monitoring", "2010-10-04"),
+                                         std::pair("ietf-netconf-with-defaults", "2011-06-01")}) {
+        const lys_module* const module = ly_ctx_get_module_implemented(context_.get(), name);
+        EXPECT_STREQ(module->revision, revision) << name;
+        EXPECT_EQ(std::string(module->filepath),
+                  std::string(netconf::kPublishedModules) + "/" + name + "@" + revision + ".yang");
     }
 }
 
