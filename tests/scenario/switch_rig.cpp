@@ -19,6 +19,7 @@
 #include "platform/client/mom_key.h"
 #include "platform/client/notification_ring.h"
 #include "platform/root/platform.h"
+#include "qv/cli.h"
 #include "tests/support/test_platform.h"
 
 extern "C" int lda_main();
