@@ -80,7 +80,7 @@ int app_dbg_slog_num_reach_max(void) {
 
 // Puts `text` behind the first `used` bytes of the shared buffer, as far as it fits, and returns
 // how many are used then.
-static size_t add_to_line(size_t used, std::string_view text) {
+static size_t add_to_line(size_t used, std::string_view text) APP_REQUIRES(app_dbg_capability) {
     text = text.substr(0, APP_DBG_PRINT_BYTES - used);
     memcpy(g_dbg_print_buf + used, text.data(), text.size());
     return used + text.size();
@@ -88,7 +88,8 @@ static size_t add_to_line(size_t used, std::string_view text) {
 
 // Formats "<function:line> " and the message into the shared buffer. The beginning of every line is
 // put together by hand: with snprintf it took as long as all the rest of a call.
-static void format_line(const char* function, int line, const char* format, va_list args) {
+static void format_line(const char* function, int line, const char* format, va_list args)
+    APP_REQUIRES(app_dbg_capability) {
     char number[std::numeric_limits<int>::digits10 + 2];
     const char* const end = std::to_chars(std::begin(number), std::end(number), line).ptr;
     size_t used = add_to_line(0, "<");
@@ -99,8 +100,8 @@ static void format_line(const char* function, int line, const char* format, va_l
     vsnprintf(g_dbg_print_buf + used, sizeof g_dbg_print_buf - used, format, args);
 }
 
-static void write_log_file(const level_rule& rule, const char* file, const char* function,
-                           int line) {
+static void write_log_file(const level_rule& rule, const char* file, const char* function, int line)
+    APP_REQUIRES(app_dbg_capability) {
     if (app_shared_get(g_app_zlog_level) < rule.zlog_min || g_app_zlog_category == nullptr) {
         return;
     }
@@ -109,7 +110,7 @@ static void write_log_file(const level_rule& rule, const char* file, const char*
     qvdf_zlog(g_app_zlog_category, file, function, line, rule.zlog_number, text);
 }
 
-static void write_syslog(const level_rule& rule) {
+static void write_syslog(const level_rule& rule) APP_REQUIRES(app_dbg_capability) {
     if (app_shared_get(g_dbg_slog_level) < rule.slog_min || app_dbg_slog_num_reach_max()) {
         return;
     }
@@ -117,17 +118,25 @@ static void write_syslog(const level_rule& rule) {
     app_shared_set(g_dbg_slog_cnt, app_shared_get(g_dbg_slog_cnt) + 1);
 }
 
+static void lock_output() APP_ACQUIRE(app_dbg_capability) APP_NOT_ANALYSED {
+    pthread_mutex_lock(&g_dbg_lock);
+}
+
+static int unlock_output() APP_RELEASE(app_dbg_capability) APP_NOT_ANALYSED {
+    return pthread_mutex_unlock(&g_dbg_lock);
+}
+
 int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, int line,
                 const char* format, ...) {
     const level_rule& rule = LEVEL_RULES[level];
-    pthread_mutex_lock(&g_dbg_lock);
+    lock_output();
     va_list args;
     va_start(args, format);
     format_line(function, line, format, args);
     va_end(args);
     write_log_file(rule, file, function, line);
     write_syslog(rule);
-    return pthread_mutex_unlock(&g_dbg_lock);
+    return unlock_output();
 }
 
 int app_zlog_init(const char* name) {

@@ -11,6 +11,7 @@
 #include <cstdint>
 
 #include <qv/zlog.h>
+#include "app_lock.h"
 
 inline constexpr size_t APP_DBG_TEXT_BYTES = 64;
 inline constexpr size_t APP_DBG_PRINT_BYTES = 1024;  // without the terminator
@@ -25,7 +26,8 @@ enum app_dbg_level_t : uint8_t {
 
 // ---- Guarded by g_dbg_lock ----
 extern pthread_mutex_t g_dbg_lock;
-extern char g_dbg_print_buf[APP_DBG_PRINT_BYTES + 1];
+inline app_lock_t app_dbg_capability;  // the same lock, for the analysis
+extern char g_dbg_print_buf[APP_DBG_PRINT_BYTES + 1] APP_GUARDED_BY(app_dbg_capability);
 
 // ---- Shared through atomics: read under the lock, set by debug commands without it ----
 extern int32_t g_app_zlog_level;  // log file: 0 fatal, 1 error, 2 warn, 3 notice, 4 info, 5 debug
@@ -53,8 +55,8 @@ int app_debug_init(const char* name, const char* upper_name);
 int app_zlog_init(const char* name);
 
 // 1 when the budget of system-log lines is used up, which resets the count, turns debug lines in
-// the system log off and says so there; else 0. The caller holds g_dbg_lock.
-int app_dbg_slog_num_reach_max(void);
+// the system log off and says so there; else 0.
+int app_dbg_slog_num_reach_max(void) APP_REQUIRES(app_dbg_capability);
 
 // Writes one line, "<function:line> " and the message. Returns the result of releasing the lock.
 int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, int line,

@@ -25,6 +25,14 @@ static lda_list_t* poison(uintptr_t value) {
 static constexpr uintptr_t POISON_NEXT = 0x100100;
 static constexpr uintptr_t POISON_PREV = 0x200200;
 
+void lda_cli_msg_lock(void) APP_NOT_ANALYSED {
+    pthread_mutex_lock(&g_lda_cli_msg_set->lock);
+}
+
+void lda_cli_msg_unlock(void) APP_NOT_ANALYSED {
+    pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
+}
+
 void* lda_cli_msg_thread_init(void*) {
     if (pthread_detach(pthread_self()) != 0) {
         APP_INFO("cli_pthread detach failed!");
@@ -38,8 +46,8 @@ void* lda_cli_msg_thread_init(void*) {
     pthread_exit(nullptr);
 }
 
-// Waits until the count is not 0. The caller holds the queue lock.
-static void wait_for_message() {
+// Waits until the count is not 0.
+static void wait_for_message() APP_REQUIRES(lda_cli_msg_capability) {
     while (g_lda_cli_msg_set->count == 0) {
         timespec deadline;
         clock_gettime(CLOCK_MONOTONIC, &deadline);
@@ -75,11 +83,11 @@ static void dispatch_message(const lda_cli_msg_t* message) {
 
 void lda_cli_msg_thread_proc(void) {
     for (;;) {
-        pthread_mutex_lock(&g_lda_cli_msg_set->lock);
+        lda_cli_msg_lock();
         wait_for_message();
         lda_list_t* first = g_lda_cli_msg_set->list.next;
         if (first == &g_lda_cli_msg_set->list) {
-            pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
+            lda_cli_msg_unlock();
             continue;
         }
         lda_list_unlink(first);
@@ -89,7 +97,7 @@ void lda_cli_msg_thread_proc(void) {
         APP_INFO("---The number of cli msg is %d, receive a signal[%d,%d,%d,%d,%d,%d]",
                  g_lda_cli_msg_set->count, message->mid, message->ifx, message->old_type,
                  message->new_type, message->shutdown, message->type);
-        pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
+        lda_cli_msg_unlock();
         dispatch_message(message);
         free(message);
     }

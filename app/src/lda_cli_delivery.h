@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "app_lock.h"
 #include "lda_list.h"
 
 // Module selector of a message: which detection feature its command lines are about.
@@ -43,15 +44,22 @@ struct lda_cli_msg_t {
 static_assert(sizeof(lda_cli_msg_t) == 48);
 static_assert(offsetof(lda_cli_msg_t, mid) == 20 && offsetof(lda_cli_msg_t, shutdown) == 40);
 
+// The queue lock, for the analysis.
+inline app_lock_t lda_cli_msg_capability;
+
 // The queue: created once by lda_init and never freed. It has no bound.
 struct lda_cli_msg_set_t {
-    lda_list_t list;       // of lda_cli_msg_t, oldest first; guarded by `lock`
+    lda_list_t list APP_GUARDED_BY(lda_cli_msg_capability);  // of lda_cli_msg_t, oldest first
     pthread_cond_t cond;   // signalled once per message; monotonic clock
     pthread_mutex_t lock;  // taken after the loop lock and before the log lock
-    uint16_t count;        // messages in the list; guarded by `lock`
+    uint16_t count APP_GUARDED_BY(lda_cli_msg_capability);  // messages in the list
 };
 
 extern lda_cli_msg_set_t* g_lda_cli_msg_set;
+
+// Lock and unlock the queue. Any thread.
+void lda_cli_msg_lock(void) APP_ACQUIRE(lda_cli_msg_capability);
+void lda_cli_msg_unlock(void) APP_RELEASE(lda_cli_msg_capability);
 
 // Body of the delivery thread; ends only when the thread cannot be set up. Then nothing drains the
 // queue any more.

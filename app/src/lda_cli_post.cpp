@@ -16,8 +16,7 @@
 
 // ---- The queue ----
 
-// Appends under the queue lock, which the caller holds.
-static void append_message(lda_cli_msg_t* node) {
+static void append_message(lda_cli_msg_t* node) APP_REQUIRES(lda_cli_msg_capability) {
     lda_list_add_tail(&g_lda_cli_msg_set->list, &node->link);
     g_lda_cli_msg_set->count++;
 }
@@ -30,7 +29,7 @@ int lda_cli_cmd_send(const lda_cli_msg_t* message) {
     if (node == nullptr) {
         return APP_ERROR("LDA malloc lda_cli_msg_t node error.");
     }
-    pthread_mutex_lock(&g_lda_cli_msg_set->lock);
+    lda_cli_msg_lock();
     node->enable = message->enable;
     node->mid = message->mid;
     node->ifx = message->ifx;
@@ -42,7 +41,7 @@ int lda_cli_cmd_send(const lda_cli_msg_t* message) {
     APP_INFO("+++The number of cli_msg is %d, send cond signal[%d,%d,%d,%d].",
              g_lda_cli_msg_set->count, message->mid, message->ifx, message->new_type,
              message->shutdown);
-    pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
+    lda_cli_msg_unlock();
     return pthread_cond_signal(&g_lda_cli_msg_set->cond);
 }
 
@@ -51,7 +50,7 @@ int lda_loop_cmd_send(uint8_t enable, uint32_t mid, uint32_t ifx) {
     if (node == nullptr) {
         return APP_ERROR("LDA malloc lda_cli_msg_t node error.");
     }
-    pthread_mutex_lock(&g_lda_cli_msg_set->lock);
+    lda_cli_msg_lock();
     // Kept on purpose: the type stays 0, so the thread only logs the message.
     node->enable = enable;
     node->mid = mid;
@@ -60,7 +59,7 @@ int lda_loop_cmd_send(uint8_t enable, uint32_t mid, uint32_t ifx) {
     APP_INFO("+++The number of cli_msg is %d, send cond signal[%d,%d,%d].",
              g_lda_cli_msg_set->count, enable, mid, ifx);
     const int rv = pthread_cond_signal(&g_lda_cli_msg_set->cond);
-    pthread_mutex_unlock(&g_lda_cli_msg_set->lock);
+    lda_cli_msg_unlock();
     return rv;
 }
 

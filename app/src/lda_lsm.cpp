@@ -84,8 +84,7 @@ static lda_intf_t* create_intf(uint32_t ifx) {
     vl_clnt_get_portmode_by_index(ifx, &record->mode);
     APP_INFO_AS("lda_add_intf", "ifx=%d, type=%d\n", ifx, record->mode);
     lsm_if_get_sname(ifx, record->name, sizeof record->name);
-    g_lda_loop_set->index.add_tail(&g_lda_loop_set->list, record);
-    g_lda_loop_set->intf_num++;
+    lda_intf_link(record);
     APP_INFO_AS("lda_add_intf", "+++LDA add intf:ifx=%d, name=%s, intf_num=%d\n", ifx, record->name,
                 g_lda_loop_set->intf_num);
     return record;
@@ -131,9 +130,8 @@ void lda_del_intf(uint32_t ifx) {
     if (record == nullptr) {
         return;
     }
-    g_lda_loop_set->index.remove(record);
+    lda_intf_unlink(record);
     lda_intf_release(record);
-    g_lda_loop_set->intf_num--;
     APP_INFO("---LDA delete intf:ifx=%d, intf_num=%d\n", ifx, g_lda_loop_set->intf_num);
 }
 

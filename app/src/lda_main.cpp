@@ -222,11 +222,11 @@ void lda_cli_reload_end_handle(void) {
 
 // ---- Loop table ----
 
-int lda_loop_lock(void) {
+int lda_loop_lock(void) APP_NOT_ANALYSED {
     return pthread_mutex_lock(&g_lda_loop_set->lock);
 }
 
-int lda_loop_unlock(void) {
+int lda_loop_unlock(void) APP_NOT_ANALYSED {
     return pthread_mutex_unlock(&g_lda_loop_set->lock);
 }
 

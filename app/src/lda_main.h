@@ -63,14 +63,14 @@ void lda_cli_reload_end_handle(void);
 // ---- Loop table ----
 
 // Lock and unlock the loop set (recursive; any thread). Return the mutex call's result.
-int lda_loop_lock(void);
-int lda_loop_unlock(void);
+int lda_loop_lock(void) APP_ACQUIRE(lda_loop_capability);
+int lda_loop_unlock(void) APP_RELEASE(lda_loop_capability);
 
 // The loop lock for the length of a block.
-class lda_loop_guard {
+class APP_SCOPED_LOCK lda_loop_guard {
  public:
-    lda_loop_guard() { lda_loop_lock(); }
-    ~lda_loop_guard() { lda_loop_unlock(); }
+    lda_loop_guard() APP_ACQUIRE(lda_loop_capability) { lda_loop_lock(); }
+    ~lda_loop_guard() APP_RELEASE() { lda_loop_unlock(); }
     lda_loop_guard(const lda_loop_guard&) = delete;
     lda_loop_guard& operator=(const lda_loop_guard&) = delete;
 };

@@ -57,6 +57,16 @@ uint32_t lda_cli_recover_time_get(void) {
     return g_lda_recover_time.enabled ? g_lda_recover_time.time : 0;
 }
 
+void lda_intf_link(lda_intf_t* record) {
+    g_lda_loop_set->index.add_tail(&g_lda_loop_set->list, record);
+    g_lda_loop_set->intf_num++;
+}
+
+void lda_intf_unlink(lda_intf_t* record) {
+    g_lda_loop_set->index.remove(record);
+    g_lda_loop_set->intf_num--;
+}
+
 lda_intf_t* lda_loop_result_get(uint32_t ifx) {
     return g_lda_loop_set->index.find(ifx);
 }

@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include <qv/thread.h>
+#include "app_lock.h"
 #include "app_shared.h"
 #include "lda_index.h"
 #include "lda_list.h"
@@ -63,14 +64,17 @@ static_assert(offsetof(lda_intf_t, tarn_result) == offsetof(lda_intf_t, total_re
 static_assert(offsetof(lda_intf_t, storm_result) == offsetof(lda_intf_t, total_result) + 2);
 static_assert(offsetof(lda_intf_t, is_shutdown) == 112 && offsetof(lda_intf_t, vsl_member) == 124);
 
+// The loop lock, for the analysis.
+inline app_lock_t lda_loop_capability;
+
 // The loop set: created once by lda_init and never freed.
 struct lda_loop_set_t {
-    lda_list_t list;       // of lda_intf_t; linked and unlinked under `lock`
+    lda_list_t list;       // of lda_intf_t; changed by lda_intf_link and lda_intf_unlink only
     pthread_mutex_t lock;  // recursive; also guards backup_node_list
-    uint16_t intf_num;     // records in the list; changed under `lock`
+    uint16_t intf_num;     // records in the list; changed with it
     uint16_t loop_num;     // records whose total_result is set; main thread
     uint32_t policy;       // LDA_POLICY_*; main thread
-    // The records of the list by ifx; changed with the list, under `lock`.
+    // The records of the list by ifx; changed with it.
     lda_index<lda_intf_t> index;
 };
 
@@ -129,6 +133,11 @@ uint32_t lda_intf_policy_get(const lda_intf_t* record);
 void lda_cli_recover_time_set(uint32_t time, uint8_t enabled);
 // Seconds, 0 while recovery is disabled.
 uint32_t lda_cli_recover_time_get(void);
+
+// Link a new record at the end of the list, and take a record out of it, which the caller owns
+// afterwards.
+void lda_intf_link(lda_intf_t* record) APP_REQUIRES(lda_loop_capability);
+void lda_intf_unlink(lda_intf_t* record) APP_REQUIRES(lda_loop_capability);
 
 // Returns the first record of the list with this interface index, or null. Valid until the port is
 // deleted. The delivery thread calls it under the loop lock.

@@ -30,10 +30,10 @@ static constexpr uint32_t CONFIG_EVENT_REMOVE = 2;
 static constexpr uint32_t RATE_SLOT = 0;
 static constexpr uint32_t BURST_SLOT = 1;
 
-class storm_guard {
+class APP_SCOPED_LOCK storm_guard {
  public:
-    storm_guard() { pthread_mutex_lock(&g_libstorm_mutex); }
-    ~storm_guard() { pthread_mutex_unlock(&g_libstorm_mutex); }
+    storm_guard() APP_ACQUIRE(storm_capability) { pthread_mutex_lock(&g_libstorm_mutex); }
+    ~storm_guard() APP_RELEASE() { pthread_mutex_unlock(&g_libstorm_mutex); }
     storm_guard(const storm_guard&) = delete;
     storm_guard& operator=(const storm_guard&) = delete;
 };
@@ -44,7 +44,7 @@ static bool is_default_rate(uint32_t rate, uint32_t burst) {
 
 // A change of a setting that exists.
 static void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate, uint32_t burst,
-                             bool set) {
+                             bool set) APP_REQUIRES(storm_capability) {
     const uint32_t ifx = info->ifx;
     if (!set) {
         g_libstorm_rate_index.drop(info);
@@ -68,7 +68,8 @@ static void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate,
 }
 
 // A new setting, also one that equals the defaults. False without memory.
-static bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst) {
+static bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst)
+    APP_REQUIRES(storm_capability) {
     storm_rate_info* info = g_libstorm_rate_index.add(&g_libstorm_rate_head, ifx);
     if (info == nullptr) {
         return false;

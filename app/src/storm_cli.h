@@ -13,6 +13,7 @@
 #include <cstdint>
 
 #include <qv/cli.h>
+#include "app_lock.h"
 #include "lda_index.h"
 #include "lda_list.h"
 
@@ -68,15 +69,17 @@ static_assert(offsetof(storm_port_info, cur_packet_count) == 72);
 inline constexpr uint32_t STORM_DEFAULT_BURST = 1024;
 
 extern pthread_mutex_t g_libstorm_mutex;
-extern lda_list_t g_libstorm_head;       // of storm_ifx_info
-extern lda_list_t g_libstorm_rate_head;  // of storm_rate_info
-extern lda_list_t storm_port_head;       // of storm_port_info
-extern uint32_t storm_port_num;          // records in storm_port_head
+inline app_lock_t storm_capability;  // the same mutex, for the analysis
+extern lda_list_t g_libstorm_head APP_GUARDED_BY(storm_capability);       // of storm_ifx_info
+extern lda_list_t g_libstorm_rate_head APP_GUARDED_BY(storm_capability);  // of storm_rate_info
+extern lda_list_t storm_port_head;                                        // of storm_port_info
+extern uint32_t storm_port_num;  // records in storm_port_head
 
 // All records of the lists are made and dropped here: they are looked up many times in each poll.
-extern lda_index<storm_ifx_info> g_libstorm_index;        // by ifx
-extern lda_index<storm_rate_info> g_libstorm_rate_index;  // by ifx
-extern lda_index<storm_port_info> storm_port_index;       // by phyid
+extern lda_index<storm_ifx_info> g_libstorm_index APP_GUARDED_BY(storm_capability);  // by ifx
+// By ifx. Changed under the mutex, read by the poll without it, on the same thread.
+extern lda_index<storm_rate_info> g_libstorm_rate_index;
+extern lda_index<storm_port_info> storm_port_index;  // by phyid
 
 // Registers the two command trees at attachment point 59, then makes the mutex and, only when that
 // succeeds, the two empty configuration lists. A tree that is refused is reported on the command

@@ -118,7 +118,7 @@ static int storm_mutex_init() {
     return rv;
 }
 
-void std_cli_init(void) {
+void std_cli_init(void) APP_NOT_ANALYSED {
     // Kept on purpose: the number printed is always 0, whatever the framework answered.
     if (cli_add_command(CLI_CHAIN_INTERFACE_STORM, &Tcfg_port_std_cmd,
                         "configure port storm detect") != 0) {
