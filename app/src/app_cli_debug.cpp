@@ -1,9 +1,9 @@
-// Commands "debug lda logfile|syslog|show-logfile ..." and the tree they hang in, which ends in the
-// storm detector's dump.
+// Commands "debug lda logfile|syslog|show-logfile ..." and their tree, whose last branch is the
+// dump of the storm detector.
 //
-// Handlers run on the main thread; the levels and the budget they set are read by every thread that
-// logs. The help of the log-file level is at odds with the names of the levels (4 is "info", and 5
-// cannot be entered). Kept on purpose: both are what operators know.
+// Handlers run on the main thread; every thread that logs reads the levels and the budget they set.
+// The help of the log-file level contradicts the names of the levels (4 is "info", and 5 cannot be
+// entered). Kept on purpose: operators know both.
 #include "app_cli_debug.h"
 
 #include "app_cli_nodes.h"
@@ -46,8 +46,8 @@ int app_cli_slog_max_log_num(cli_pcdb* pcdb) {
     return 0;
 }
 
-// The end of "log-max-number default": a keyword fills no number slot. That of "nolimit" needs
-// nothing, its value is the 0 of an empty slot.
+// Handler of "log-max-number default". A keyword fills no number slot, so the default goes there.
+// "nolimit" needs no handler of its own: its value is the 0 of the empty slot.
 static int slog_max_default(cli_pcdb* pcdb) {
     pcdb->number[0] = SLOG_MAX_DEFAULT;
     return app_cli_slog_max_log_num(pcdb);

@@ -1,10 +1,10 @@
 // Logging facility.
 //
-// Any thread comes here. One line is formatted into g_dbg_print_buf and written out under
+// Any thread may log. One line is formatted into g_dbg_print_buf and written out under
 // g_dbg_lock, so lines never mix and the syslog budget is counted exactly. The two thresholds and
 // the budget are also set by debug commands, which do not take the lock; these fields go through
-// app_shared.h. User-visible events do not pass here: the modules that own them write them to the
-// system log themselves, outside the budget.
+// app_shared.h. User-visible events are not logged through this source: the modules that own them
+// write them to the system log directly, outside the budget.
 #include "app_debug.h"
 
 #include <algorithm>
@@ -78,16 +78,16 @@ int app_dbg_slog_num_reach_max(void) {
     return 1;
 }
 
-// Puts `text` behind the first `used` bytes of the shared buffer, as far as it fits, and returns
-// how many are used then.
+// Appends `text` to the first `used` bytes of the shared buffer, cut to fit, and returns the new
+// length.
 static size_t add_to_line(size_t used, std::string_view text) APP_REQUIRES(app_dbg_capability) {
     text = text.substr(0, APP_DBG_PRINT_BYTES - used);
     memcpy(g_dbg_print_buf + used, text.data(), text.size());
     return used + text.size();
 }
 
-// Formats "<function:line> " and the message into the shared buffer. The beginning of every line is
-// put together by hand: with snprintf it took as long as all the rest of a call.
+// Formats "<function:line> " and the message into the shared buffer. The prefix is built without
+// snprintf, which took as long as the rest of the call.
 static void format_line(const char* function, int line, const char* format, va_list args)
     APP_REQUIRES(app_dbg_capability) {
     char number[std::numeric_limits<int>::digits10 + 2];
@@ -175,8 +175,8 @@ static bool read_level(FILE* file, int32_t* level) {
     return true;
 }
 
-// The level file holds two numbers, for the log file and for the system log. Anything else leaves
-// both at their defaults, a number that fits no integer included.
+// The level file holds two numbers, for the log file and for the system log. With any other
+// content, or a number that does not fit, both levels stay at their defaults.
 static void read_level_file(FILE* file) {
     int32_t zlog_level = 0;
     int32_t slog_level = 0;

@@ -46,7 +46,7 @@ void lda_cmd_init(void) {
 
 // ---- Policy ----
 
-// The line of the current policy, whichever handler was asked for it.
+// Writes the line of the current policy, whichever policy's handler generates it.
 static void write_policy_line(cli_pcdb* pcdb) {
     const uint32_t policy = lda_loop_detect_ptype_get();
     APP_INFO_AS("lda_policy_set", "su=%d", policy);

@@ -1,8 +1,9 @@
 // Changes of the loop policy.
 //
-// Main thread only; no lock is taken here, the command handlers hold the loop lock over the walk.
-// The order matters: publish, store, re-judge every port, then post the switching of the detection
-// features, so the shutdowns and recoveries of the walk are queued before it.
+// Main thread only, without a lock of its own; the command handlers hold the loop lock over the
+// walk. The order matters: publish, store, judge every port again, then post the message that
+// switches the detection features, so that the shutdowns and recoveries of the walk are ahead of
+// it.
 #include "lda_cli_policy.h"
 
 #include "app_debug.h"
@@ -11,7 +12,7 @@
 #include "lda_state.h"
 #include "p_app.pb-c.h"
 
-// Published even when the value does not change; the answer is not looked at.
+// Published even when the value does not change. The database's answer is ignored.
 static void publish_policy(uint32_t policy) {
     PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
     record.loop_policy_cli = policy;

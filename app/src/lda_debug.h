@@ -1,5 +1,5 @@
 // Diagnostics of the agent: the result table, the clear interval, the debug switch "lda-debug",
-// and the words under which results are displayed. Main thread, no lock.
+// and the words that displays use for results. Main thread, no lock.
 #pragma once
 
 #include <cstdint>

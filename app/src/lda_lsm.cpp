@@ -1,8 +1,8 @@
 // Port-state client: the interface records follow the switch's ports.
 //
-// Main thread only. Records enter and leave the table here and nowhere else, under the loop lock
-// because the delivery thread looks them up. Deleting one is minimal, kept on purpose: loop_num is
-// not lowered for a looped port, its loop entry is not withdrawn and its timers are not cancelled;
+// Main thread only. Records are made and deleted only here, under the loop lock because the
+// delivery thread looks them up. Deleting a record is minimal, kept on purpose: loop_num is not
+// lowered for a looped port, its loop entry is not withdrawn and its timers are not cancelled;
 // lda_intf_release keeps the memory until they have fired.
 #include "lda_lsm.h"
 
@@ -60,7 +60,7 @@ void lda_lsm_connect_handle(void) {
     }
     lsm_client_reg_event_ex(LSM_CLASS_PORT, types, PORT_EVENTS);
     lsm_reg_msg_handler_ex(LSM_CLASS_PORT, lda_lsm_event_handle);
-    select_type(types, 5);  // set already; kept on purpose
+    select_type(types, 5);  // kept on purpose, although the loop has set it
     lsm_client_reg_event_ex(LSM_CLASS_BRIDGE, types, BRIDGE_EVENTS);
     lsm_reg_msg_handler_ex(LSM_CLASS_BRIDGE, lda_lsm_bridge_event_handle);
     lsm_client_reg_event_ex(LSM_CLASS_AGGREGATE, types, AGGREGATE_EVENTS);
@@ -165,8 +165,8 @@ static void lda_lsm_ap_mem_chg_proc(const uint32_t* words) {
     }
     lda_intf_t proposed = lda_intf_copy(record);
     if (change == AP_JOINED) {
-        // Executed here, on the main thread: its lines run inline and wait for nothing. Kept on
-        // purpose: the copy is older than what they change.
+        // Executed here, on the main thread, where lines run inline and wait for nothing. Kept on
+        // purpose: the copy was made before these lines changed the record.
         if (lda_loop_detect_ptype_get() != LDA_POLICY_DISABLED) {
             lda_intf_loop_cmd_enable(LDA_MID_TARN, ifx);
         }

@@ -5,10 +5,11 @@
 // loop set (g_lda_loop_set, its recursive lock also guards backup_node_list), the command queue
 // with its delivery thread, the CLI commands, the port and bridge clients, the database sessions
 // and the storm detector. Start-up is all or nothing: a failure ends the process and leaves
-// recovery to the supervision. There is no way down again, and a change of role tears nothing down.
+// recovery to the supervision. There is no orderly shutdown, and a change of role stops nothing.
 //
-// The CLI framework is told "ready" when five flags are up, whichever rises last. Nothing remembers
-// that this was said: a later reconnect says it again. Kept on purpose, the framework copes.
+// The agent reports "ready" to the CLI framework as soon as five flags are set. It does not
+// remember that it has done so and reports it again after a reconnect. Kept on purpose: the
+// framework accepts that.
 #include "lda_main.h"
 
 #include <csignal>
@@ -58,7 +59,8 @@ static void register_role() {
     rdnd_lib_mom_reg(&registration);
 }
 
-// The end of the main loop is never a success: it ends only when it runs dry or was never reached.
+// The main loop ends only when it has nothing left to wait for, which is a failure, as is a failed
+// start.
 static int finish() {
     qv_thread_master_finish(g_lda_master);
     return -1;
@@ -216,7 +218,7 @@ uint32_t lda_cli_reload_start_handle(uint32_t word) {
 void lda_cli_reload_end_handle(void) {
     cli_ready = 1;
     lda_loop_config_delivery(LDA_MID_BOTH);
-    // Only now: loop reports are taken once the configuration is in force.
+    // Not earlier: a loop report is judged by the policy of the replayed configuration.
     lda_tarn_mom_reg_subscribe();
 }
 

@@ -26,8 +26,8 @@ extern uint32_t db_num;                 // entries in db_array
 inline constexpr uint32_t LDA_FLAG_NO_ROLE = 0x10;
 
 // ---- Main thread only ----
-extern qv_thread g_thread;  // the work at hand in the main loop
-// Readiness, 0 at start; the flags only ever rise.
+extern qv_thread g_thread;  // the task that the main loop runs
+// Readiness, 0 at start; no flag is ever cleared.
 extern uint8_t cli_ready;        // the saved configuration has been replayed
 extern uint8_t mom_cfg_ready;    // configuration database connected
 extern uint8_t mom_local_ready;  // local database connected, its subscription placed

@@ -6,9 +6,8 @@
 #include "lda_notify.h"
 #include "lda_tarn.h"
 
-// The registration of one session, with the words it uses. Kept on purpose: the local session
-// announces itself under the application database's name, and some setters report their failure
-// under another call's name.
+// The registration of one session, with its log texts. Kept on purpose: the local session logs the
+// name of the application database, and some setters log their failure under another call's name.
 struct session_rule {
     const char* routine;  // under whose name it logs
     const char* title;
@@ -116,7 +115,7 @@ int lda_mom_local_db_disconnect(void*) {
 }
 
 static int app_session_up() {
-    lda_mom_del_all_loop_entry();  // what an earlier run left published
+    lda_mom_del_all_loop_entry();  // those of an earlier run
     mom_app_ready = 1;
     lda_try_notify_cli_ready();
     return 0;
@@ -133,7 +132,7 @@ int lda_mom_app_db_reconnect(void*) {
         lda_tarn_mom_reg_subscribe();
         return 0;
     }
-    // Connected before, and the replay is still to come: nothing was subscribed yet.
+    // The replay is still running, so nothing has been subscribed that would be lost.
     if (mom_app_ready) {
         return 0;
     }

@@ -36,7 +36,7 @@ inline constexpr uint32_t LDA_POLICY_SHUT_ACCESS_HYBRID = 4;
 // One port. Zero-filled heap block, owned by the loop set. lda_state.cpp writes the fields of the
 // state; a comment names the other writers.
 struct lda_intf_t {
-    lda_list_t link;            // writers: lda_add_intf, lda_del_intf
+    lda_list_t link;            // writers: lda_add_intf, lda_del_intf, lda_state.cpp
     qv_thread* clear_timer;     // state: the pending clear timer, or null
     uint32_t recover_ticks;     // state: 10-second ticks spent shut down by the agent
     uint32_t ifx;               // interface index, the key; writer: lda_add_intf, once

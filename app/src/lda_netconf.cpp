@@ -49,8 +49,8 @@ static void lda_server_nc_del_loop_policy_cli(uint32_t policy) {
     apply_policy(policy);
 }
 
-// Executes a request by its operation type. 0 done, 1 refused. Kept on purpose: done is also a
-// request whose policy the setter refuses.
+// Executes a request by its operation type. 0 done, 1 refused. Kept on purpose: a policy that the
+// setter refuses counts as done.
 static int32_t execute_request(int32_t type, uint32_t policy) {
     switch (type) {
         case 2:
@@ -85,7 +85,7 @@ int lda_nc_msg_policy(qv_mom_client* client, const qv_mom_msg* message) {
         return -1;
     }
     APP_INFO("loop_policy_cli[%d]", request->loop_policy_cli);
-    // A request that leaves out who asks, or the operation's index, is one of type 0 from nobody.
+    // A request without a requester or without an index counts as type 0 from nobody.
     const PMng__UiOperate nobody = P_MNG__UI_OPERATE__INIT;
     const PMng__UiOperate* requester = request->rst != nullptr ? request->rst : &nobody;
     const int32_t type = requester->index != nullptr ? requester->index->type : 0;

@@ -121,7 +121,7 @@ void lda_loop_exec_policy(lda_intf_t* record, bool again) {
         lda_intf_set_shutdown(record, 1);
         lda_send_shutcmd(record->ifx, 1, record);
     } else {
-        // Marks the port on the way, where the change of the flag is applied.
+        // Sets the flag too, where the change is applied.
         lda_cli_intf_shutdown_by_lda_cmd(record->ifx, 1);
     }
 }
@@ -253,14 +253,14 @@ int lda_intf_loop_clear(qv_thread* timer) {
 // ---- Recovery ----
 
 void lda_loop_policy_timer(void) {
-    // Kept on purpose: nothing tries again, so the tick before this one was the last.
+    // Kept on purpose: nothing retries. After a failure here no port is recovered any more.
     if (qv_thread_add_timer(g_lda_master, lda_intf_shutdown_timer_call, nullptr, RECOVERY_TICK_S) ==
         nullptr) {
         APP_ERROR("LDA add qv_thread timer failed.");
     }
 }
 
-// Counts one tick of a port that is held shut down, and recovers it when its time is up.
+// Counts one tick for a port that is held shut down, or recovers it when its time is up.
 static void tick_record(lda_intf_t* record, uint32_t recover_time) {
     if ((record->recover_ticks + 1) * RECOVERY_TICK_S < recover_time) {
         record->recover_ticks++;

@@ -1,9 +1,9 @@
-// Per-interface storm configuration: two lists, two commands, and the way from there to the rules.
+// Per-interface storm configuration: two lists and two commands, which install the rules.
 //
 // The command handlers, the port-manager handler and storm_del_list change the lists, all under
-// g_libstorm_mutex; the mutex is recursive because a change reaches the forwarding plane while it
-// is held, and a failed rule comes back through storm_del_list. The commands of one interface may
-// be given in any order: a rate setting made before detection is enabled is stored and used then.
+// g_libstorm_mutex. The mutex is recursive because a change calls the forwarding plane while it
+// holds the mutex, and a rule that fails calls storm_del_list. The commands of one interface may be
+// given in any order: a rate set before detection is enabled is stored until then.
 #include "storm_cli.h"
 
 #include <cstdio>
@@ -99,7 +99,7 @@ void storm_set(uint32_t ifx, bool enable) {
         return;
     }
     ifx_info = g_libstorm_index.add(&g_libstorm_head, ifx);
-    // Kept on purpose: without memory the rule is installed all the same, only unlisted.
+    // Kept on purpose: without memory the rule is installed but the interface is not listed.
     if (ifx_info != nullptr) {
         ifx_info->ifx = ifx;
     }

@@ -1,4 +1,4 @@
-// Storm detection: what the operator configured for each interface, and the commands for it.
+// Storm detection: the configuration of each interface, and its commands.
 //
 // Owns two lists, both guarded by g_libstorm_mutex (recursive): the interfaces on which detection
 // is enabled (g_libstorm_head) and the rate settings (g_libstorm_rate_head), one entry per
@@ -91,7 +91,7 @@ void std_cli_init(void);
 int cfg_port_enable_storm(cli_pcdb* pcdb);
 int cfg_port_set_storm_burst_limit(cli_pcdb* pcdb);
 
-// Enables or disables detection on an interface; already so is no change. A rule that cannot be
+// Enables or disables detection on an interface, unless it is so already. A rule that cannot be
 // installed leaves the interface listed as enabled. Takes the lock.
 void storm_set(uint32_t ifx, bool enable);
 
@@ -102,7 +102,7 @@ void storm_set_burst_limit(uint32_t ifx, uint32_t rate, uint32_t burst, bool set
 // The rate setting of an interface, or null. Takes no lock; valid until the setting is removed.
 storm_rate_info* storm_find_rate(uint32_t ifx);
 
-// Forgets an interface: its enabled entry and its rate setting go, rules stay. Takes the lock.
+// Removes an interface's enabled entry and rate setting; its rule stays. Takes the lock.
 void storm_del_list(uint32_t ifx);
 
 // Port-manager event handler, registered by whoever wants an interface's storm configuration and

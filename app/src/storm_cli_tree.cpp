@@ -1,5 +1,5 @@
 // The parse trees of "storm-loop-detect" and "storm-loop-rate", leaves first, and their
-// registration. Constants all of them; the framework walks them on the main thread.
+// registration. All nodes are constants; the framework walks them on the main thread.
 #include "app_cli_nodes.h"
 #include "storm_cli.h"
 

@@ -1,9 +1,17 @@
 // Storm detection: start-up, session with the forwarding plane, counter reports and judgement.
 //
-// storm_init runs once, from the role callback. The session callbacks come when database 8 does;
-// they register with the forwarding-plane service and report readiness. The poll re-arms itself at
-// its end, so its period runs from the end of one poll to the start of the next. Records and their
-// counters belong to the main thread and have no lock of their own.
+// storm_init runs once, from the role callback. When database 8 connects, the session callbacks
+// register with the forwarding-plane service and report readiness. A record is made when its rule
+// is installed and dropped with it (storm_rule.cpp). Its judgement has two states:
+//
+//   quiet    three polls in a row over the rate: is_loop is set, and the verdict is reported.
+//   in loop  the verdict is repeated about every 90 seconds; after ten polls without a run of three
+//            over the rate, is_loop is cleared, and the end is reported.
+//
+// The receiver of a verdict may drop any record, the one under judgement included; poll_next and
+// the results of notify_verdict are there for that. The poll arms its timer again at its end, so
+// the period runs from the end of one poll to the start of the next. Records and their counters
+// belong to the main thread and have no lock.
 #include "storm_detect.h"
 
 #include <cstring>
@@ -227,8 +235,7 @@ static bool is_over_rate(const poll_totals& totals, uint32_t rate) {
     return packets > threshold;
 }
 
-// Hands the verdict of a record on. False when the record has been dropped meanwhile: whoever is
-// notified may take any port out of detection.
+// Reports the verdict of a record. False when the receiver has dropped the record.
 static bool notify_verdict(storm_port_info* info) {
     const uint32_t phyid = info->phyid;
     storm_loop_msg msg;

@@ -68,7 +68,7 @@ int storm_mom_udp_db_connect(void* arg);
 int storm_mom_udp_db_reconnect(void* arg);
 int storm_mom_udp_db_disconnect(void* arg);
 
-// Lets what an earlier process left in the plane expire: ACLs, entries, applies.
+// Lets the ACLs, entries and applies of an earlier process expire.
 void storm_fp_expire_add(void* arg);
 
 // ---- Judgement (storm_detect.cpp) ----

@@ -2,9 +2,9 @@
 //
 // A watched port has an ACL with its forwarding-plane id, with one entry (destination not known)
 // and one apply (meter, counter). While any port is watched, ACL 0 with an entry for MPLS unicast
-// frames is applied to the whole switch. The operations are asynchronous and their answers are not
-// looked at; of the results only a failed apply changes anything here. An entry or apply that
-// cannot be built ends the installation; what was done before stays.
+// frames is applied to the whole switch. The operations are asynchronous and their return values
+// are ignored; among their results only a failed apply has an effect. When an entry or apply cannot
+// be built, the installation ends, and the objects created before stay.
 #include <cstring>
 
 #include <qv/ddm.h>
@@ -36,8 +36,8 @@ static fp_apply_point apply_point_of(uint32_t port, uint32_t type) {
     return point;
 }
 
-// Entry and apply take their items alike: built by their own builder, then copied in. False when
-// the service refuses the item; the rule must not be installed without it.
+// Builds an item and adds it to an entry or an apply, which both copy it. False when the service
+// refuses the item; the rule must not be installed without it.
 template <class Target>
 static bool add_item(Target* target, const char* name, uint32_t item_class, const void* value,
                      size_t length) {
@@ -86,7 +86,7 @@ static void install_apply(uint32_t port, uint32_t type, fp_apply* apply) {
     storm_udp_mgr->apply_free(apply);
 }
 
-// The shared rule for MPLS unicast frames. 0, or -1 with everything of it taken back.
+// Installs the shared rule for MPLS unicast frames. 0, or -1 with all of it removed again.
 static int storm_add_mpls_fp() {
     APP_INFO("add mpls entry");
     std_acl_create(MPLS_ACL_ID);
@@ -169,8 +169,8 @@ static void reset_judgement(storm_port_info* info) {
     info->is_loop = 0;
 }
 
-// New rate or burst for a record: its rule is replaced under the same ACL id. Notifications and
-// failed applies may drop the record on the way; the rule is not installed without one.
+// Replaces the rule of a record, under the same ACL id, for a new rate or burst. A notification or
+// a failed apply may drop the record in between; the rule is not installed without one.
 static void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
     constexpr char OPERATION[] = "storm_set_rate_burst";
     if (static_cast<uint32_t>(info->rate) == rate && info->burst == burst) {
