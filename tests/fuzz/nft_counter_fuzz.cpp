@@ -8,7 +8,7 @@ using namespace qv;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::for_each_message(data, size, [](nlmsghdr* header) {
-        tells_of_table(header, "lda");
+        concerns_table(header, "lda");
         if (const auto counter = parse_counter(header)) {
             fuzz::require(counter->name.size() < 65536, "a name fits its message");
         }

@@ -82,7 +82,7 @@ void BridgePorts::set_admin(uint32_t ifx, bool up) {
     if (found == reported_.end() || found->second.admin_up == up) {
         return;
     }
-    // A port that is shut passes nothing; one that is up says by a message when it does.
+    // A port that is shut passes nothing. When one that is up can pass packets, a message says so.
     Port& port = found->second;
     port.admin_up = up;
     port.oper_up = port.oper_up && up;
@@ -102,8 +102,8 @@ const LinkMessage* BridgePorts::member(uint32_t ifx) const {
     return &found->second.state;
 }
 
-// Keeps bridge_ifx_; true when it has changed. Another kind of link with the bridge's name does not
-// count, nor does the bridge under another name.
+// Updates bridge_ifx_; true when it has changed. A link of another kind with the bridge's name does
+// not count, and neither does a bridge that was renamed.
 bool BridgePorts::follow_bridge(const LinkMessage& message) {
     const uint32_t before = bridge_ifx_;
     if (!message.removed && message.kind == "bridge" && message.name == bridge_) {
@@ -123,7 +123,7 @@ void BridgePorts::report(uint32_t ifx) {
         }
         return;
     }
-    // The sink is handed copies: it may ask for a change from inside the call.
+    // The sink gets copies, because it may request a change from inside the call.
     if (found == reported_.end()) {
         const Port port = port_of(*link, SWPORT_MODE_ACCESS);
         reported_.emplace(ifx, port);

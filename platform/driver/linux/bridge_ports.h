@@ -1,7 +1,8 @@
-// From link messages to ports: which links are members of one bridge, and what has changed.
+// Turns link messages into ports: tracks which links are members of one bridge and reports the
+// differences to the port sink.
 //
-// Knows every link, so that the members are there at once when the bridge of our name shows up
-// later than its members, and reports the differences to the port sink.
+// Tracks all links, not only members: when the bridge is created or renamed after its members, they
+// are reported at once.
 #pragma once
 
 #include <cstdint>
@@ -19,15 +20,15 @@ class BridgePorts {
     // The sink stays the caller's and must outlive this.
     BridgePorts(std::string bridge, PortSink& sink);
 
-    // Between the two nothing is reported; end_dump() then forgets every link that was not named
-    // since begin_dump() and reports all differences: ports that are gone first, so that the name
-    // of one may have passed on to another.
+    // Between these two nothing is reported. end_dump() then forgets every link that no message
+    // since begin_dump() has named, and reports all differences: removed ports first, because
+    // another port may have the name of a removed one.
     void begin_dump();
     void end_dump();
 
     void take(const LinkMessage& message);
 
-    // A port as it was reported, or null. Valid until the next call of another function.
+    // A port as it was reported last, or null. Valid until the next call that is not const.
     const Port* find(uint32_t ifx) const;
 
     // Interface index of the bridge as the messages so far have it; 0 when there is none.
@@ -36,8 +37,8 @@ class BridgePorts {
     // Keeps and reports the VLAN mode of a reported port.
     void set_mode(uint32_t ifx, uint32_t mode);
 
-    // Takes over and reports the kernel's admin state of a reported port, also between begin_dump()
-    // and end_dump(): for a caller who knows it before the message that says so has arrived.
+    // Sets and reports the admin state of a port, also between begin_dump() and end_dump(). For a
+    // caller that knows the kernel's state before the message about it has arrived.
     void set_admin(uint32_t ifx, bool up);
 
  private:

@@ -14,13 +14,13 @@ using MacAddress = uint64_t;
 struct FdbEntry {
     uint32_t bridge;  // interface index
     MacAddress address;
-    uint16_t vlan;  // 0 where the bridge does not tell VLANs apart
+    uint16_t vlan;  // 0 when the bridge does not filter VLANs
 };
 
-// Decodes RTM_NEWNEIGH or RTM_DELNEIGH about an entry of some bridge. Nothing for any other
-// message, for one that is malformed, for other neighbours and for the filters of single devices,
-// which have no bridge above them. The whole of `header->nlmsg_len` bytes is readable and stays the
-// caller's. Any thread.
+// Decodes an RTM_NEWNEIGH or RTM_DELNEIGH about an entry of a bridge. Returns nothing for any other
+// message, a malformed one, neighbours of other families, and address filters of a device, which
+// name no bridge. The caller keeps the message; all `header->nlmsg_len` bytes must be readable. Any
+// thread.
 std::optional<FdbEntry> parse_fdb_entry(nlmsghdr* header);
 
 }  // namespace qv

@@ -42,7 +42,7 @@ bool is_named_counter(const Attributes& object) {
 
 }  // namespace
 
-// By hand: the library's own decoder of objects takes every text for ended.
+// Decoded by hand: the library's decoder does not check that texts end within their attribute.
 std::optional<NamedCounter> parse_counter(const nlmsghdr* header) {
     if (header->nlmsg_type != (NFNL_SUBSYS_NFTABLES << 8 | NFT_MSG_NEWOBJ) ||
         mnl_nlmsg_get_payload_len(header) < sizeof(nfgenmsg)) {

@@ -19,8 +19,9 @@ struct NamedCounter {
     PacketCounts counts;
 };
 
-// Decodes one message of the list. Nothing for a message that is malformed or about something else.
-// The whole of `header->nlmsg_len` bytes and their padding is readable. Any thread.
+// Decodes one message of the list. Returns nothing for a message that is malformed or about
+// something else. The caller keeps the message; all `header->nlmsg_len` bytes and their padding
+// must be readable. Any thread.
 std::optional<NamedCounter> parse_counter(const nlmsghdr* header);
 
 }  // namespace qv

@@ -78,7 +78,8 @@ bool is_in_table(const nlmsghdr* header, const std::string& table) {
     return found;
 }
 
-// Their bytes as they are, without the header, which holds the number of the latest change.
+// Appends the bytes of the wanted attributes, without the header, which has the number of the
+// latest change.
 void append_attributes(std::string& bytes, const nlmsghdr* header, bool (*wanted)(uint16_t)) {
     for_each_attribute(header, [&](const nlattr* attribute) {
         if (wanted(mnl_attr_get_type(attribute))) {
@@ -150,7 +151,7 @@ class Batch {
         append(bytes, nftnl_batch_begin(bytes.data(), ++sequence_));
     }
 
-    // One message for each thousand elements; false when there is no memory.
+    // Adds one message for each kElementsPerMessage addresses. False when memory runs out.
     bool add(uint16_t type, uint16_t flags, const std::string& table, const std::string& set,
              std::span<const uint64_t> addresses) {
         while (!addresses.empty()) {
@@ -208,7 +209,7 @@ int NftObjects::open() {
     if (!socket || mnl_socket_bind(socket.get(), 0, MNL_SOCKET_AUTOPID) < 0) {
         return errno;
     }
-    // Thousands of elements go out in one piece.
+    // A transaction with thousands of elements is sent as one datagram.
     const int bytes = 8 << 20;
     setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes);
     buffer_.resize(kReadBytes);
@@ -237,7 +238,8 @@ int NftObjects::find_table(const std::string& table) {
     return read_answers(1);
 }
 
-// A table that changes while it is listed is listed again: `begin` comes before each reading.
+// Reads a list, again when the table changes meanwhile, up to kReadingsAtMost times. `begin` is
+// called before each reading, `take` for each message.
 int NftObjects::list(uint16_t type, const std::string& table, const std::string& set,
                      const Begin& begin, const Take& take) {
     int error = EINTR;
@@ -261,13 +263,13 @@ int NftObjects::list(uint16_t type, const std::string& table, const std::string&
     return error;
 }
 
-// EINTR when the list was complete but something changed meanwhile.
+// Reads one list to its end. EINTR when something changed meanwhile.
 int NftObjects::read_list(const Take& take) {
     bool interrupted = false;
     for (;;) {
         const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
         if (length < 0) {
-            // With the socket goes what is left of the list, which the next one would trip over.
+            // Closing the socket discards the rest of the list, which would disturb the next one.
             const int error = errno;
             socket_.reset();
             return error;
@@ -300,8 +302,9 @@ int NftObjects::read_counters(const std::string& table, Counters& counters) {
         });
 }
 
-// The kernel gives every chain and rule of a table a number of its own, and a rule that is replaced
-// another one: the numbers stand for what the rules say, whose counters change all the time.
+// The kernel numbers the chains and rules of a table, and a rule that is replaced gets a new
+// number: equal numbers mean equal rules. Their text would not do, since it has counters that
+// change.
 int NftObjects::read_layout(const std::string& table, std::string& layout) {
     std::string chains;
     // All chains of the family are listed.
@@ -345,7 +348,7 @@ int NftObjects::change_set(const std::string& table, const std::string& set,
     return read_answers(batch.messages());
 }
 
-// The kernel works a request off while it is sent, so its answers are already there.
+// The kernel executes a request inside send(), so all its answers have arrived.
 int NftObjects::read_answers(unsigned expected) {
     int error = 0;
     unsigned answers = 0;

@@ -15,8 +15,8 @@ struct mnl_socket;
 
 namespace qv {
 
-// The count between two readings of a counter. One that stands lower than before has wrapped
-// when that makes the smaller difference, else somebody has set it back to zero.
+// The increment between two readings of a counter. A counter that is lower than before has wrapped
+// if that makes the smaller difference; otherwise it was reset to zero in between.
 uint64_t counted_since(uint64_t before, uint64_t now);
 
 // Loop thread only. Functions give 0 or an errno value.
@@ -25,19 +25,19 @@ class NftObjects {
     // Opens the socket in the calling thread's network namespace, unless it is open.
     int open();
 
-    // Whether the kernel has a packet filter and lets us at it.
+    // 0 when the kernel has a packet filter and this process may use it.
     int try_out();
 
     // 0 when there is a netdev table of this name, ENOENT when there is none.
     int find_table(const std::string& table);
 
-    // All named counters of a netdev table. None for a table that is not there. With EINTR the list
-    // may lack some, because the table changes all the time.
+    // All named counters of a netdev table; none when there is no such table. EINTR when the table
+    // changes faster than it can be read: then some may be missing.
     int read_counters(const std::string& table, std::vector<NamedCounter>& counters);
 
-    // The chains of a netdev table, with their hooks, and the handles of their rules, in a form
-    // that changes whenever one of them is added, removed, replaced or changed. Empty for a table
-    // that is not there. EINTR when it changes all the time.
+    // A fingerprint of the chains, hooks and rules of a netdev table: it differs whenever one of
+    // them was added, removed, replaced or changed. Empty when there is no such table. EINTR as
+    // above.
     int read_layout(const std::string& table, std::string& layout);
 
     // All elements of a set of Ethernet addresses, in no order. EINTR as above.

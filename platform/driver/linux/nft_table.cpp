@@ -28,7 +28,7 @@ KernelMeter kernel_meter(uint64_t rate_pps) {
         .burst = static_cast<uint32_t>(std::min(judged * KernelMeter::kBurstFactor, kMostBurst))};
 }
 
-// "add" makes sure that there is something to delete: that is no error when it exists.
+// "add" comes first because "delete" needs something to delete; adding what exists is no error.
 void NftTable::Change::begin_anew() {
     drop_table();
     text_ += "add table netdev " + table_ + "\nadd set netdev " + table_ + " " + kKnownSet +
@@ -70,7 +70,7 @@ void NftTable::Change::add_chain(const std::string& name, const std::string& dev
     }
 }
 
-// A chain goes with its device on some kernels and stays on others.
+// Some kernels remove a chain with its device, others keep it. "add" makes both cases the same.
 void NftTable::Change::drop_chain(const std::string& name) {
     const std::string chain = " chain netdev " + table_ + " " + name + "\n";
     text_ += "add" + chain + "flush" + chain + "delete" + chain;
@@ -84,13 +84,12 @@ NftTable::NftTable(std::string name) : name_(std::move(name)), watch_(name_) {}
 
 NftTable::~NftTable() = default;
 
-// No escapes inside quotes, and a star is a pattern.
+// The language has no escapes inside quotes, and takes a star for a pattern.
 bool NftTable::can_name(const std::string& device) {
     return device.find_first_of("\"\\*") == std::string::npos;
 }
 
-// Our own socket tries first: the library ends the process where the packet filter is not to be
-// had.
+// Our own socket tries first: without a packet filter the library ends the process.
 int NftTable::open() {
     int error = open_objects();
     if (error == 0) {
@@ -109,7 +108,7 @@ int NftTable::open() {
     if (!context_) {
         return ENOMEM;
     }
-    // Kept instead of printed; what matters of it is in errno.
+    // Keeps the library from printing; its errors are taken from errno.
     nft_ctx_buffer_error(context_.get());
     nft_ctx_buffer_output(context_.get());
     return 0;
@@ -154,20 +153,20 @@ bool NftTable::is_gone() {
 }
 
 void NftTable::note_changes_outside() {
-    const NftWatch::News news = watch_.read();
-    changed_outside_ = changed_outside_ || news == NftWatch::News::kChanged;
-    lost_ = lost_ || news == NftWatch::News::kLost;
+    const NftWatch::Change change = watch_.read();
+    changed_outside_ = changed_outside_ || change == NftWatch::Change::kChanged;
+    messages_lost_ = messages_lost_ || change == NftWatch::Change::kUnknown;
 }
 
-// Reads the layout for later, or compares when messages were lost. A table that cannot be read now
-// is read again at the next call. What was lost right after a change of our own, before the layout
-// could be read, is taken for a change.
+// Reads the layout after a change of ours, or compares with it when messages were lost. If the
+// table cannot be read now, the next call tries again. If messages were lost before the layout
+// could be read there is nothing to compare with, and the result is true.
 bool NftTable::differs(const std::set<uint64_t>& known) {
     std::string layout;
     if (objects_.read_layout(name_, layout) != 0) {
         return false;
     }
-    if (!lost_) {
+    if (!messages_lost_) {
         layout_ = std::move(layout);
         return false;
     }
@@ -176,7 +175,7 @@ bool NftTable::differs(const std::set<uint64_t>& known) {
     if (error != 0 && error != ENOENT) {
         return false;
     }
-    lost_ = false;
+    messages_lost_ = false;
     std::sort(elements.begin(), elements.end());
     return layout_ != layout ||
            !std::equal(elements.begin(), elements.end(), known.begin(), known.end());
@@ -184,10 +183,10 @@ bool NftTable::differs(const std::set<uint64_t>& known) {
 
 bool NftTable::changed_outside(const std::set<uint64_t>& known) {
     if (open_objects() != 0) {
-        return false;  // noted by the kernel
+        return false;  // the kernel keeps the messages for the next call
     }
     note_changes_outside();
-    if (!changed_outside_ && (lost_ || !layout_)) {
+    if (!changed_outside_ && (messages_lost_ || !layout_)) {
         changed_outside_ = differs(known);
     }
     const bool changed = changed_outside_;
@@ -200,7 +199,7 @@ bool NftTable::changed_outside(const std::set<uint64_t>& known) {
 void NftTable::forget_changes() {
     watch_.read();
     changed_outside_ = false;
-    lost_ = false;
+    messages_lost_ = false;
     layout_.reset();
 }
 

@@ -36,13 +36,13 @@ KernelMeter kernel_meter(uint64_t rate_pps);
 // Loop thread only. Functions give 0 or an errno value.
 class NftTable {
  public:
-    // Requests that have not been carried out yet. Chains and counters of a rule have the
-    // rule's name, which is made of letters, digits and dots.
+    // The requests of one transaction. The chain and the counter of a rule have the rule's name,
+    // which consists of letters, digits and dots.
     class Change {
      public:
         explicit Change(std::string table) : table_(std::move(table)) {}
 
-        // The table and the set, empty, in place of whatever there is.
+        // Replaces the table, if there is one, by an empty one with an empty set.
         void begin_anew();
         void drop_table();
         void add_counter(const std::string& name);
@@ -50,7 +50,7 @@ class NftTable {
         // Only for a device that can be named.
         void add_chain(const std::string& name, const std::string& device,
                        const ForwardingRule& rule);
-        // Not there is no error.
+        // A chain that does not exist is no error.
         void drop_chain(const std::string& name);
 
         const std::string& text() const { return text_; }
@@ -66,8 +66,8 @@ class NftTable {
     // Whether the filter's language can express the device's name.
     static bool can_name(const std::string& device);
 
-    // Opens all sockets, which every change needs. The other functions do so by themselves; with
-    // EMFILE or ENFILE none of them has changed anything.
+    // Opens the sockets that changes need. The other functions do so by themselves; when they
+    // return EMFILE or ENFILE they have changed nothing.
     int open();
 
     Change change() const { return Change(name_); }
@@ -78,15 +78,15 @@ class NftTable {
 
     int read_counters(std::vector<NamedCounter>& counters);
 
-    // Whether the kernel has no such table; false as well when it cannot be asked.
+    // True when the kernel says that there is no such table.
     bool is_gone();
 
-    // Whether somebody else has changed the table since the last call. What happens while a change
-    // of our own is carried out counts as part of it. When the kernel had no room for all messages,
-    // which others can bring about by changing tables of their own, the table is read and compared
-    // with what it was after our last change of a chain; `known` is what the set should hold.
+    // Whether another program has changed the table since the last call. Changes that happen during
+    // one of ours are taken for ours. When the kernel has dropped messages, which other programs
+    // can cause by changing their own tables, the table is read and compared with its state after
+    // our last change of a chain; `known` is what the set should hold.
     bool changed_outside(const std::set<uint64_t>& known);
-    // As if it had been called.
+    // Forgets the changes that changed_outside() would report.
     void forget_changes();
 
  private:
@@ -102,10 +102,10 @@ class NftTable {
     NftObjects objects_;
     NftWatch watch_;
     bool changed_outside_ = false;
-    bool lost_ = false;  // messages; the table has not been read since
-    // The chains as read after our last change of them; nothing while they are still to be read.
+    bool messages_lost_ = false;  // and the table has not been read since
+    // The chains after our last change of them; nothing until they have been read.
     std::optional<std::string> layout_;
-    std::unique_ptr<nft_ctx, Free> context_;  // once there was something to do
+    std::unique_ptr<nft_ctx, Free> context_;  // made by the first open()
 };
 
 }  // namespace qv

@@ -11,12 +11,12 @@
 namespace qv {
 namespace {
 
-// The kernel packs its messages into less.
+// More than the kernel puts into one datagram.
 constexpr size_t kReadBytes = 64 << 10;
-// For what others do within a second.
+// Room for the changes that other programs make within a second.
 constexpr int kReceiveBuffer = 1 << 20;
 
-// Of tables, chains, rules, sets, elements and counters alike.
+// The same number in messages about tables, chains, rules, sets, elements and counters.
 constexpr uint16_t kTableName = NFTA_TABLE_NAME;
 static_assert(kTableName == NFTA_CHAIN_TABLE && kTableName == NFTA_RULE_TABLE &&
               kTableName == NFTA_SET_TABLE && kTableName == NFTA_SET_ELEM_LIST_TABLE &&
@@ -32,7 +32,7 @@ int keep_table_name(const nlattr* attribute, void* name) {
 
 }  // namespace
 
-bool tells_of_table(const nlmsghdr* header, const std::string& table) {
+bool concerns_table(const nlmsghdr* header, const std::string& table) {
     const bool about_packet_filter = header->nlmsg_type >> 8 == NFNL_SUBSYS_NFTABLES &&
                                      (header->nlmsg_type & 0xFF) != NFT_MSG_NEWGEN;
     if (!about_packet_filter || mnl_nlmsg_get_payload_len(header) < sizeof(nfgenmsg) ||
@@ -67,7 +67,7 @@ int NftWatch::open() {
     return 0;
 }
 
-NftWatch::News NftWatch::read() {
+NftWatch::Change NftWatch::read() {
     bool seen = false;
     bool lost = false;
     for (;;) {
@@ -77,12 +77,12 @@ NftWatch::News NftWatch::read() {
             continue;
         }
         if (length <= 0) {
-            return seen ? News::kChanged : lost ? News::kLost : News::kNone;
+            return seen ? Change::kChanged : lost ? Change::kUnknown : Change::kNone;
         }
         int left = static_cast<int>(length);
         const auto* header = reinterpret_cast<const nlmsghdr*>(buffer_.data());
         for (; !seen && mnl_nlmsg_ok(header, left); header = mnl_nlmsg_next(header, &left)) {
-            seen = tells_of_table(header, table_);
+            seen = concerns_table(header, table_);
         }
     }
 }

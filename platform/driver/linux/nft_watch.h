@@ -10,27 +10,27 @@ struct nlmsghdr;
 
 namespace qv {
 
-// Whether a message of the packet filter's group tells of a change to a netdev table of this name,
-// or to anything in it. False for a message that is malformed or about something else. The whole of
-// `header->nlmsg_len` bytes and their padding is readable. Any thread.
-bool tells_of_table(const nlmsghdr* header, const std::string& table);
+// True when a message of the packet filter's group is about a netdev table of this name or anything
+// in it; false for one that is malformed or about something else. The caller keeps the message; all
+// `header->nlmsg_len` bytes and their padding must be readable. Any thread.
+bool concerns_table(const nlmsghdr* header, const std::string& table);
 
 // Loop thread only.
 class NftWatch {
  public:
     explicit NftWatch(std::string table) : table_(std::move(table)) {}
 
-    // From now on changes are heard of; opens its socket in the calling thread's network namespace,
-    // unless it is open. 0 or an errno value.
+    // Opens the socket in the calling thread's network namespace, unless it is open. Changes are
+    // received from then on. 0 or an errno value.
     int open();
 
-    // The changes by anybody, this process too, since the last call.
-    enum class News {
+    // Whether the table was changed since the last call, by this process or another.
+    enum class Change {
         kNone,
         kChanged,
-        kLost,  // the kernel had no room for all messages; those it kept tell of no change
+        kUnknown,  // the kernel dropped messages, and those it kept are about other tables
     };
-    News read();
+    Change read();
 
  private:
     struct Close {

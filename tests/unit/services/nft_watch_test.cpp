@@ -21,7 +21,7 @@ const std::string kTable = attribute(1, "lda\0"s);
 const std::string kChain = attribute(2, "port1.3\0"s);
 
 bool tells(const std::string& payload, uint16_t type = kNewRule) {
-    return tells_of_table(NetlinkMessage(type, payload).get(), "lda");
+    return concerns_table(NetlinkMessage(type, payload).get(), "lda");
 }
 
 TEST(NftWatch, ChangeOfTheTableIsSeen) {
