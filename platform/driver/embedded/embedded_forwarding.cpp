@@ -9,7 +9,7 @@ namespace {
 
 constexpr uint64_t kNanoseconds = 1'000'000'000;
 
-// Events at `per_second` in `elapsed`; what does not make a whole one stays in `remainder`.
+// Whole events at `per_second` in `elapsed`; the fraction is carried over in `remainder`.
 uint64_t events_in(Duration elapsed, uint64_t per_second, uint64_t& remainder) {
     const auto nanoseconds = static_cast<uint64_t>(elapsed.count());
     const uint64_t part = per_second * (nanoseconds % kNanoseconds) + remainder;
@@ -50,7 +50,7 @@ void EmbeddedForwarding::remove(ForwardingId id) {
     forget(id);
 }
 
-// The plane lives and dies with its process: there is never anything left over.
+// The plane ends with its process, so nothing is ever left over.
 void EmbeddedForwarding::remove_leftovers() {}
 
 void EmbeddedForwarding::set_rate(uint32_t phyid, uint64_t pps) {
@@ -120,7 +120,7 @@ void EmbeddedForwarding::tick() {
     }
 }
 
-// A report may lead to new requests and to removals: each step looks at what is there then.
+// A report may cause new requests and removals, so each step looks everything up again.
 void EmbeddedForwarding::give_answers() {
     std::vector<ForwardingId> due;
     for (Answer& answer : answers_) {

@@ -1,9 +1,9 @@
 // The forwarding plane of the embedded switch: rules on its ports, traffic at a scripted rate.
 //
-// Everything happens on a tick of one second, which runs while there is anything to do: answers
-// that are due are given, then the counters of the installed rules are reported. Traffic that the
-// rules are about is what set_rate() says, in frames of 64 bytes; a port's rule counts all of it
-// and its meter lets a part pass.
+// Everything happens on a tick of one second, which runs while there is something to do: it reports
+// the counters of installed rules, then gives the answers that are due. set_rate() sets the traffic
+// that rules match, in frames of 64 bytes; a port's rule counts all of it and its meter lets a part
+// pass.
 #pragma once
 
 #include <cstdint>
@@ -26,7 +26,7 @@ class EmbeddedForwarding final : public ForwardingDriver {
     // Kinds of requests, for scripted failures.
     enum class Request { kAcl, kEntry, kApply };
 
-    // The fate of a port's flooded frames since its rule was installed.
+    // What happened to a port's flooded frames since its rule was installed.
     struct Traffic {
         uint64_t counted = 0;
         uint64_t passed = 0;
@@ -73,7 +73,7 @@ class EmbeddedForwarding final : public ForwardingDriver {
         ForwardingRule rule;
         bool installed = false;
         Traffic traffic;
-        uint64_t reported = 0;  // of the counted frames
+        uint64_t reported = 0;  // part of the counted frames that was reported
         uint64_t tokens = 0;    // frames that the meter lets pass at once
     };
     struct Source {

@@ -328,8 +328,8 @@ void EmbeddedSwitch::changed(const Member& member) {
     }
 }
 
-// A change of one port touches itself and the far end of its cable (0 for none), and no other: with
-// thousands of ports each change must stay cheap.
+// A change of one port affects only itself and the far end of its cable (0 for none), so a change
+// stays cheap with thousands of ports.
 void EmbeddedSwitch::wiring_changed(uint32_t ifx, uint32_t far_end) {
     const uint32_t low = far_end != 0 ? std::min(ifx, far_end) : ifx;
     const uint32_t high = std::max(ifx, far_end);

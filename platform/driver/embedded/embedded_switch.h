@@ -32,8 +32,8 @@ class EmbeddedSwitch final : public SwitchDriver {
     std::string set_admin(uint32_t ifx, bool up) override;
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
 
-    // Ports. A deleted port first leaves its aggregate port, sets its members free and loses its
-    // cable.
+    // Ports. Deleting a port unplugs its cable, removes it from its aggregate port, and removes its
+    // own members from it.
     std::string add_port(std::string_view name);
     std::string add_aggregate(std::string_view name);
     std::string delete_port(uint32_t ifx);
@@ -45,8 +45,8 @@ class EmbeddedSwitch final : public SwitchDriver {
     std::string create_vsl(uint32_t ifx);
     std::string remove_vsl(uint32_t ifx);
 
-    // Cables. A port takes one; plugged with itself it hears its own frames, which makes a loop but
-    // no storm.
+    // Cables. A port takes one. A port that is plugged into itself receives its own frames: a loop,
+    // but no storm.
     std::string plug(uint32_t a, uint32_t b);
     std::string unplug(uint32_t a, uint32_t b);
     // Flooded packets per second that arrive from outside while the port is up; 0 ends the storm.
@@ -70,7 +70,7 @@ class EmbeddedSwitch final : public SwitchDriver {
         Port port;
         uint32_t cable = 0;  // the other end, 0 for none
         uint64_t storm = 0;
-        uint64_t rate = 0;  // as last told
+        uint64_t rate = 0;  // as last reported
     };
 
     Member* find(uint32_t ifx);

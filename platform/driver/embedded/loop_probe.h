@@ -1,8 +1,8 @@
 // A small peer protocol for the embedded switch: finds the loops that its cables make.
 //
-// While probing is in force on a port whose cable closes a loop, the loop is reported at once when
-// the cable is plugged, kInterval after a port of it came back, and every kInterval from then on.
-// When the loop ends, or probing does, one report says so.
+// A loop on a port where probing is enabled is reported at once when its cable is plugged,
+// kInterval after one of its ports came up again, and every kInterval from then on. One more report
+// follows when the loop ends or probing is disabled.
 #pragma once
 
 #include <chrono>
@@ -28,16 +28,15 @@ class LoopProbe {
  public:
     static constexpr std::chrono::seconds kInterval{5};
 
-    using Enabled = std::function<bool(uint32_t ifx)>;  // probing is in force on this port
-    // Makes a report known. False when that cannot be done now: it is tried again later.
+    using Enabled = std::function<bool(uint32_t ifx)>;  // probing is enabled on this port
+    // Publishes a report. False when that is not possible now: then it is tried again later.
     using Publish = std::function<bool(const LoopReport& report)>;
 
     // Takes the wiring listener of `ports`, which must outlive the probe, as must the loop.
     LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Enabled enabled, Publish publish);
 
  private:
-    // The far end of a port's cable. There is one while the cable is plugged or its end is not yet
-    // made known.
+    // A port's cable. It is kept until it is unplugged and the end of its loop is published.
     struct Cable {
         uint32_t peer = 0;      // as reported
         bool reported = false;  // a loop is on record

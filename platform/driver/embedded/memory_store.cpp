@@ -42,7 +42,7 @@ class MemoryStore::Client final : public StoreClient {
  private:
     using Topic = std::pair<uint32_t, std::string>;  // database, type
 
-    // Posted reports hold it too and find out from it whether they are still wanted.
+    // Shared with posted reports, which check here whether they still apply.
     struct State {
         StoreListener* listener;                // null once the client is gone
         std::map<uint32_t, uint64_t> sessions;  // open databases, with a number for each session
@@ -78,7 +78,7 @@ void MemoryStore::Client::report(Report call) {
     });
 }
 
-// Dropped when the session is lost before the report's turn comes.
+// The report is dropped when the session is lost before it runs.
 template <typename Report>
 void MemoryStore::Client::report_in_session(uint32_t db, Report call) {
     report([state = state_.get(), db, session = state_->sessions[db],

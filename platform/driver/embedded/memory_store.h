@@ -1,5 +1,5 @@
-// The object store of the embedded switch: in memory, with controls that play the part of other
-// programs and of a server that goes away. Loop thread only.
+// The object store of the embedded switch: in memory, with controls that act as other programs and
+// as a server that goes away. Loop thread only.
 #pragma once
 
 #include <map>

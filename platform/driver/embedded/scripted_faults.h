@@ -6,15 +6,15 @@
 namespace qv::cli {
 
 // The next configuration line (modes config, interface, ifrange) that begins with `line`, after
-// blanks are squeezed, is not executed: it prints `text` and has the result `result`. An empty
-// `line` fits every configuration line. Several requests are served in order, each once. With an
-// empty text and a negative result the line fails without a word.
+// blanks are squeezed, is not executed: it prints `text` and returns `result`. An empty `line`
+// matches every configuration line. Several requests apply in order, each once. With an empty text
+// and a negative result the line fails without output.
 void refuse_next_line(std::string line, std::string text, int result = 1);
 
 // The next `count` calls of cli_sub_create_session fail with -1.
 void fail_next_sessions(unsigned count);
 
-// The answer to the seam (fault_seam.h). True when a request fits; it is used up then.
+// The functions that fault_seam.h calls. True when a request applies; it is used up then.
 bool take_refusal(const std::string& line, std::string& text, int& result);
 bool take_session_failure();
 

@@ -11,9 +11,9 @@
 namespace qv {
 namespace {
 
-// Whoever shares standard error with this process would be surprised to find it non-blocking: a
-// pipe or a terminal is opened once more instead. A file is not, for it would get a second
-// position; it takes everything, and a socket can be told with each write not to wait.
+// Standard error itself must stay blocking, since other processes may share it. So a pipe or a
+// terminal is opened again, non-blocking. A file is not, because the new descriptor would have a
+// position of its own; it never blocks anyway, and for a socket each send() says not to wait.
 int open_standard_error() {
     struct stat status {};
     if (fstat(STDERR_FILENO, &status) == 0 &&

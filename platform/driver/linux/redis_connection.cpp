@@ -16,8 +16,8 @@ namespace {
 
 constexpr size_t kReadSize_bytes = size_t{64} << 10;
 
-// A server that leaves every request unanswered for so long has hung. It may keep its connections
-// open for ever, so nothing else would end the session.
+// A server that answers nothing for so long hangs. It keeps its connections open, so nothing else
+// would end the session.
 constexpr std::chrono::seconds kAnswerTimeout{10};
 
 bool is_readable(int fd) {
@@ -63,8 +63,7 @@ void RedisConnection::stop() {
     overdue_.reset();
 }
 
-// The last thing that its caller does: `this` may be gone afterwards, so `reason` must not be a
-// part of it.
+// Must be its caller's last action: `this` may be destroyed. So `reason` must not be a member.
 void RedisConnection::fail(const std::string& reason) {
     const LostCallback on_lost = std::move(on_lost_);
     stop();
@@ -106,7 +105,7 @@ void RedisConnection::send(size_t count, const std::string_view* words, ReplyCal
     want_write();
 }
 
-// One timer for many answers: it looks again instead of being set with every one.
+// One timer serves all requests: when it fires it checks how long the oldest has waited.
 void RedisConnection::expect_answer() {
     const Duration left = waiting_since_ + kAnswerTimeout - loop_.clock().now();
     overdue_ = loop_.after(left, [this] { check_answers(); });
@@ -117,7 +116,7 @@ void RedisConnection::check_answers() {
         return;
     }
     const Time now = loop_.clock().now();
-    // After a long pause of this process the answer may be there, but not read yet.
+    // After a long pause of this process an answer may have arrived but not been read.
     if (is_readable(context_->fd)) {
         waiting_since_ = now;
     }
@@ -168,7 +167,7 @@ void RedisConnection::on_readable() {
     }
 }
 
-// False when there is nothing to work on; then `this` may be gone.
+// False when there is nothing to decode; then `this` may have been destroyed.
 bool RedisConnection::read_some() {
     std::array<char, kReadSize_bytes> bytes;
     const ssize_t size = read(context_->fd, bytes.data(), bytes.size());

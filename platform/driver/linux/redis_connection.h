@@ -1,6 +1,6 @@
-// One connection with a Redis server over a Unix socket, without waiting: hiredis connects, formats
-// and writes; replies are read and handed out here, so that a server which answers what nobody
-// asked ends the connection and nothing else. Loop thread only.
+// One non-blocking connection to a Redis server over a Unix socket. hiredis connects, formats and
+// writes; this class reads and distributes the replies, so that a server that answers unasked only
+// ends the connection. Loop thread only.
 #pragma once
 
 #include <deque>
@@ -25,10 +25,9 @@ class RedisConnection {
     using MessageCallback = std::function<void(const RedisReply&)>;
 
     // `on_lost` runs at most once, with the reason, never inside a call of this class, and may
-    // destroy the connection. A socket that cannot be reached is reported the same way, and so is a
-    // server that answers none of the waiting requests for 10 s. With
-    // `on_message` the connection takes subscriptions: it gets each array that begins with
-    // "message".
+    // destroy the connection. It also reports a socket that cannot be reached, and a server that
+    // answers none of the waiting requests for 10 s. With `on_message` the connection may carry
+    // subscriptions: the callback gets each array that begins with "message".
     RedisConnection(EventLoop& loop, const std::string& socket, LostCallback on_lost,
                     MessageCallback on_message = nullptr);
     ~RedisConnection();

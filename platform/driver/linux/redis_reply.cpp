@@ -10,7 +10,7 @@
 namespace qv {
 namespace {
 
-// Records are small. A longer message is a mistake of somebody's and must not fill the memory.
+// Records are small. A longer message is somebody's mistake and must not fill the memory.
 constexpr size_t kMessageLimit_bytes = size_t{9} << 20;
 
 // Elements cost more memory than their bytes on the wire, so they have a limit of their own.

@@ -1,5 +1,5 @@
-// Replies of a Redis server, taken from the byte stream by hiredis' reader. The stream is not
-// trusted: whatever it holds, the outcome is a reply or an error, within bounded memory.
+// Replies of a Redis server, decoded by hiredis' reader. The byte stream is not trusted: any input
+// results in replies or an error, within bounded memory.
 #pragma once
 
 #include <cstddef>
@@ -43,7 +43,7 @@ class RedisReplyReader {
     // The next complete reply of the stream. Nothing when more bytes are needed, or after an error.
     std::optional<RedisReply> next();
 
-    // Empty as long as the stream is sound; it does not recover from an error.
+    // Empty as long as the stream is sound. An error is final.
     const std::string& error() const { return error_; }
 
  private:

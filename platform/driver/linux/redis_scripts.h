@@ -1,4 +1,4 @@
-// Lua scripts for EVAL: steps that the server takes as one.
+// Lua scripts for EVAL, which the server executes as one step.
 #pragma once
 
 #include <string_view>
@@ -7,9 +7,9 @@
 
 namespace qv {
 
-// Deletes all keys that match ARGV[1] and announces each with its last record on channel ARGV[2]. A
-// record that anybody writes in the meantime is either older and announced as deleted, or newer and
-// untouched.
+// Deletes all keys that match ARGV[1] and announces each with its last record on channel ARGV[2].
+// In one step, so that a write of another program is either deleted and announced, or comes later
+// and stays.
 inline constexpr std::string_view kEraseScript = R"(
 for _, key in ipairs(redis.call('KEYS', ARGV[1])) do
   local record = redis.pcall('GET', key)

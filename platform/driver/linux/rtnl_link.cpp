@@ -27,7 +27,7 @@ struct PolicyTable {
     }
 };
 
-// The library takes its rules as pointers to non-constant, but only reads them.
+// The library takes policies as pointers to non-const, but only reads them.
 PolicyTable& policies() {
     static PolicyTable instance;
     return instance;
@@ -80,7 +80,7 @@ std::optional<LinkMessage> parse_link(nlmsghdr* header) {
         message.removed = true;
         return message;
     }
-    // Events of wireless drivers come as link messages without the link's attributes.
+    // Wireless drivers send events as link messages that lack the link's attributes.
     if (field[IFLA_IFNAME] == nullptr || field[IFLA_WIRELESS] != nullptr) {
         return std::nullopt;
     }

@@ -11,7 +11,7 @@ namespace qv {
 
 struct LinkMessage {
     uint32_t ifx = 0;      // interface index, never 0
-    bool removed = false;  // the link is gone; only `ifx` counts
+    bool removed = false;  // the link was deleted; only `ifx` is set
     std::string name;
     std::string kind;          // such as "bridge" or "veth", empty for a plain device
     uint32_t master = 0;       // interface index of the link it is enslaved to, 0 for none
@@ -22,10 +22,10 @@ struct LinkMessage {
     bool operator==(const LinkMessage&) const = default;
 };
 
-// Decodes RTM_NEWLINK or RTM_DELLINK about a link as a whole. Nothing for any other message, for
-// one that is malformed, and for the notes of a bridge about its own side of a link (family
-// AF_BRIDGE), which say "deleted" of a link that only left the bridge. The whole of
-// `header->nlmsg_len` bytes is readable and stays the caller's. Any thread.
+// Decodes RTM_NEWLINK or RTM_DELLINK about a link as a whole. Returns nothing for any other
+// message, for a malformed one, and for messages of family AF_BRIDGE, in which a bridge says
+// "deleted" of a link that only left it. The caller keeps the message; all `header->nlmsg_len`
+// bytes must be readable. Any thread.
 std::optional<LinkMessage> parse_link(nlmsghdr* header);
 
 }  // namespace qv

@@ -25,7 +25,8 @@ constexpr int kDatagramsPerTurn = 256;
 // Turns of catch_up(): more datagrams than a receive buffer of some megabytes holds, and an end
 // even when the kernel adds them as fast as they are read.
 constexpr int kCatchUpTurns = 64;
-// Least time between two full readings, so that a storm of changes does not become one of readings.
+// Minimum time between two dumps that follow losses, so that a flood of changes does not cause a
+// flood of dumps.
 constexpr std::chrono::milliseconds kResyncPause{100};
 constexpr std::chrono::seconds kReopenPause{1};
 
@@ -71,7 +72,7 @@ RtnlMonitor::RtnlMonitor(EventLoop& loop, const Subject& subject)
 
 NlSocket RtnlMonitor::open_socket() const {
     NlSocket socket = open_rtnl_socket();
-    // Beyond the system's limit where we may; the limit itself where we may not.
+    // With the privilege beyond the system's limit, otherwise up to it.
     const int fd = nl_socket_get_fd(socket.get());
     const int bytes = subject_.receive_buffer;
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
@@ -123,7 +124,7 @@ void RtnlMonitor::catch_up() {
 // Whether there may be more to read.
 bool RtnlMonitor::drain() {
     const FlagGuard guard(draining_);
-    // A storm of changes must not keep timers and commands waiting: what is left comes next turn.
+    // Other work of the loop gets its turn; the watch fires again for the rest.
     for (int datagram = 0; socket_ && datagram < kDatagramsPerTurn; ++datagram) {
         sockaddr_nl sender{};
         unsigned char* bytes = nullptr;

@@ -1,5 +1,5 @@
-// One kind of the kernel's rtnetlink messages (links, forwarding-database entries) of one network
-// namespace: one full reading, then every change.
+// Follows one kind of rtnetlink objects (links, forwarding-database entries) in one network
+// namespace: reads all of them once (a dump), then receives every change.
 #pragma once
 
 #include <cstdint>
@@ -34,30 +34,29 @@ class RtnlMonitor {
         int receive_buffer;    // bytes of unread messages that the kernel keeps for us
     };
 
-    // Hears everything from the loop, but for the first on_dump_begin.
+    // Called from the loop, except for the first on_dump_begin(), which start() calls.
     class Listener {
      public:
         virtual ~Listener() = default;
-        // All that is there follows, each at least once and mixed with changes, up to the end. A
-        // beginning without an end before it starts over.
+        // A dump begins: until on_dump_end() a message comes for every object, at least once, mixed
+        // with changes. A second beginning without an end starts the dump over.
         virtual void on_dump_begin() = 0;
-        // False when the list may lack something: then it is read again, with another beginning,
-        // and no message of the group is lost in between.
+        // Return false when the list may be incomplete: then it is read again, with another
+        // on_dump_begin(), and no change is lost in between.
         virtual bool on_dump_end() = 0;
-        // A message of the group or of the list; valid during the call. The monitor must not be
-        // destroyed from inside it.
+        // A change or an entry of the list, valid during the call. Must not destroy the monitor.
         virtual void on_message(nlmsghdr* header) = 0;
     };
 
     // Opens the socket; throws std::runtime_error.
     RtnlMonitor(EventLoop& loop, const Subject& subject);
 
-    // Once. The listener stays the caller's and must outlive the monitor.
+    // Starts the dump and the changes. Call once. The listener must outlive the monitor.
     void start(Listener& listener);
 
-    // Hands the listener every message that the kernel has queued so far. Does nothing when the
-    // listener calls it: then the messages follow in their order after its return. While the socket
-    // waits to be opened again there is nothing to hand over.
+    // Delivers the messages that the kernel has queued so far. Does nothing when called from inside
+    // a callback of the listener, which gets them after its return, or while the socket waits to be
+    // opened again.
     void catch_up();
 
     // How often everything was read again.
@@ -81,11 +80,12 @@ class RtnlMonitor {
     NlSocket socket_;              // null while waiting to be opened again
     EventLoop::Handle watch_;      // on the descriptor of socket_: goes before it
     EventLoop::Handle reopening_;  // pending while socket_ is null
-    bool draining_ = false;        // the listener is being called
+    bool draining_ = false;        // the listener may be running
     Time last_resync_{};
     unsigned resyncs_ = 0;
-    bool dump_interrupted_ = false;  // something came or went in mid-dump, one may be missing in it
-    std::string logged_trouble_;     // said since the last complete dump, so said once
+    bool dump_interrupted_ =
+        false;                    // the objects changed during the dump, one may be missing in it
+    std::string logged_trouble_;  // the last reason logged since a complete dump
 };
 
 }  // namespace qv

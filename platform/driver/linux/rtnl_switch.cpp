@@ -72,14 +72,14 @@ int change_up_flag(nl_sock* socket, uint32_t ifx, bool up) {
     return request ? transact(socket, request.get()) : ENOMEM;
 }
 
-// Called by the library, which no exception may cross. The answer is read to its end in any case.
+// Called by the library, which no exception may cross. Without memory the link stays unknown.
 int keep_link(nl_msg* answer, void* kept) {
     guarded(
         [=] { *static_cast<std::optional<LinkMessage>*>(kept) = parse_link(nlmsg_hdr(answer)); });
     return NL_OK;
 }
 
-// The link as the kernel has it now; nothing when that cannot be found out.
+// Asks the kernel for the state of a link; nothing when the request fails.
 std::optional<LinkMessage> read_link(nl_sock* socket, uint32_t ifx) {
     ifinfomsg wanted{};
     wanted.ifi_index = static_cast<int>(ifx);
@@ -151,7 +151,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         const int error = change_up_flag(requests_.get(), ifx, up);
         std::string reason = error != 0 ? std::strerror(error) : "";
         if (error == ENODEV) {
-            monitor_.catch_up();  // so that nobody takes the port for one that is there
+            monitor_.catch_up();  // the port was deleted: report that before we return
         } else if (error == 0) {
             reason = take_over(ifx, up);
         }
@@ -182,9 +182,9 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
  private:
     const Port* find(uint32_t ifx) const { return ports_ ? ports_->find(ifx) : nullptr; }
 
-    // Brings the ports up to date with an acknowledged change. When the notification cannot be read
-    // now (it was lost, or this is called from inside a report), the kernel is asked. Empty when
-    // the port has the state or is gone, else the reason why it has not.
+    // Brings the ports up to date with an acknowledged change. When its notification cannot be read
+    // now (it was lost, or this is called from inside a report), asks the kernel. Empty when the
+    // port has the state or was deleted, else the reason why it has not.
     std::string take_over(uint32_t ifx, bool up) {
         monitor_.catch_up();
         const Port* const port = find(ifx);
@@ -197,7 +197,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         return is_up == up ? "" : "another program has changed it back";
     }
 
-    // Says that the bridge is missing, and when it appears.
+    // Logs that the bridge is missing, and later that it has appeared.
     void log_bridge() {
         const bool missing = ports_->bridge() == 0;
         if (dumping_ || missing == bridge_missing_) {
@@ -234,12 +234,12 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
 
     const std::string bridge_;
     RtnlMonitor monitor_;
-    NlSocket requests_;  // blocking, so that an answer is at hand when a request returns
+    NlSocket requests_;                 // blocking: a request returns with its answer
     std::optional<BridgePorts> ports_;  // from start() on
     PortSink* sink_ = nullptr;
     bool complete_ = false;
     bool dumping_ = false;
-    bool bridge_missing_ = false;  // and that has been logged
+    bool bridge_missing_ = false;  // as logged
     // Why the admin state of a port cannot be changed to "up" (true) or "down", as logged.
     std::map<std::pair<uint32_t, bool>, std::string> refused_;
 };

@@ -1,20 +1,21 @@
 // The ports of a real Linux machine: the members of one bridge, through rtnetlink.
 //
-// One socket hears every link change of the network namespace (RTNLGRP_LINK) and carries the dumps,
-// so that dump and notifications arrive in the kernel's own order. When the kernel had to drop
-// notifications, the socket is opened anew and everything is read again; the differences against
-// what was reported are then reported, removals first, so nothing is lost. Requests go out on a
-// socket of their own and wait for the kernel's acknowledgement. The kernel queues the notification
-// of a change before it acknowledges the request for it, so reading the first socket until it is
-// empty brings the ports up to date with an acknowledged change.
+// One socket receives every link change of the network namespace (RTNLGRP_LINK) and the dumps, so
+// both arrive in the kernel's own order. When the kernel has dropped notifications, the socket is
+// opened again and all links are read again; the differences to the reported ports follow, removals
+// first, so nothing is lost. Requests have a socket of their own and wait for the kernel's
+// acknowledgement. The kernel queues the notification of a change before it acknowledges the
+// request for it, so reading the first socket until it is empty brings the ports up to date with an
+// acknowledged change.
 //
 // A port appears when its link joins the bridge and is removed when it leaves it (after
-// port_left_bridge) or is deleted. The bridge itself may come later than the agent, vanish and come
-// back. Port fields: ifx is the kernel's interface index, phyid the bridge port number, name the
-// kernel's name; a bond or team is an aggregate port. Flags are 0, every port is a switch port.
+// port_left_bridge) or is deleted. The bridge itself may be created after the agent's start, and
+// may be deleted and created again. Port fields: ifx is the kernel's interface index, phyid the
+// bridge port number, name the kernel's name; a bond or team is an aggregate port. Flags are 0,
+// every port is a switch port.
 //
-// VLAN modes are kept here, access (1) for a port that was never told otherwise, and forgotten when
-// the port is removed; they are not written into the kernel's VLAN table.
+// VLAN modes are kept here: access (1) until set_mode(), and forgotten when the port is removed.
+// They are not written into the kernel's VLAN table.
 #pragma once
 
 #include <cstdint>
@@ -29,8 +30,8 @@ namespace qv {
 // Loop thread only.
 class RtnlSwitch final : public SwitchDriver {
  public:
-    // Bytes of unread notifications that the kernel keeps for us. As large as it is because a
-    // re-read of thousands of links costs more than the memory, which is used only in a burst.
+    // Bytes of unread notifications that the kernel keeps for us. The memory is used only in a
+    // burst, and costs less than another dump of thousands of links.
     static constexpr int kReceiveBuffer = 8 << 20;
 
     // Opens both sockets in the calling thread's network namespace; throws std::runtime_error with
@@ -38,12 +39,12 @@ class RtnlSwitch final : public SwitchDriver {
     RtnlSwitch(EventLoop& loop, std::string bridge, int receive_buffer = kReceiveBuffer);
     ~RtnlSwitch() override;
 
-    // The sink stays the caller's and must outlive the switch. ports_complete() follows the first
-    // dump whether or not the bridge exists.
+    // The sink must outlive the switch. ports_complete() follows the first dump, whether or not the
+    // bridge exists.
     void start(PortSink& sink) override;
 
     // Sets or clears IFF_UP and waits for the acknowledgement. When it returns an empty text, the
-    // sink has been told everything up to and including the change. A refusal is also logged, once
+    // sink has received all changes up to and including this one. A refusal is also logged, once
     // for each port, direction and reason, and so is the first success after it.
     std::string set_admin(uint32_t ifx, bool up) override;
 
@@ -51,7 +52,7 @@ class RtnlSwitch final : public SwitchDriver {
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
 
     // Interface index of the bridge; 0 before the first dump and while there is no such bridge.
-    // The last one heard of, while the kernel cannot be heard.
+    // While the socket is being opened again it is the last known one.
     uint32_t bridge() const;
 
     // How often everything was read again because notifications were lost.

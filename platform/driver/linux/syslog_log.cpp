@@ -16,7 +16,7 @@ namespace qv {
 
 // RFC 3164 section 4.1, as syslog(3) writes it: "<28>Jan  1 23:59:59 lda[4711]: text".
 std::string SyslogLog::datagram_of(const Message& message) {
-    // Severities of the two are the same numbers; anything else would spill into the facility bits.
+    // Both use the same numbers for severities; a larger one would change the facility's bits.
     const int priority = LOG_DAEMON | std::clamp(message.severity, LOG_EMERG, LOG_DEBUG);
     std::tm local{};
     localtime_r(&message.time, &local);
@@ -87,7 +87,7 @@ void SyslogLog::attach(EventLoop& loop) {
     flush_or_retry();
 }
 
-// Whether the caller has to arm the retry.
+// True when the caller has to arm the retry.
 bool SyslogLog::retry_needed() {
     return loop_ != nullptr && !std::exchange(retrying_, true);
 }
@@ -137,10 +137,10 @@ bool SyslogLog::connect_now() {
     return false;
 }
 
-// False when the datagram has to wait. One that can never be sent counts as lost.
+// False when the message has to wait. One that is too long to be sent ever counts as lost.
 bool SyslogLog::send_now(const Message& message) {
     const std::string datagram = datagram_of(message);
-    // A daemon that was started again has another socket: the second attempt reaches it.
+    // A restarted daemon has a new socket, which the second attempt reaches.
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (fd_ < 0 && !connect_now()) {
             return false;
@@ -160,7 +160,7 @@ bool SyslogLog::send_now(const Message& message) {
     return false;
 }
 
-// Sends what waits. True when nothing does any more, the report of a loss included.
+// Sends the queue, then the report of a loss. True when nothing waits any more.
 bool SyslogLog::flush() {
     while (!queue_.empty()) {
         if (!send_now(queue_.front())) {

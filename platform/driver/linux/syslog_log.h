@@ -1,14 +1,13 @@
 // System log of the machine: its daemon's datagram socket, facility "daemon".
 //
-// The format on the socket is that of syslog(3), which is not used because it waits for a daemon
-// that does not read, and with it the thread that logs. Here a message that the daemon does not
-// take at once waits in a queue, and one that finds the queue full is lost and counted. The queue
-// is tried again with every message and, once there is a loop, after a pause: a short one while the
-// daemon reads, else one that grows from one second to a minute. When the queue has been emptied,
-// the daemon is told how many messages were lost.
+// The format on the socket is that of syslog(3). That function is not used, because it blocks the
+// caller while the daemon does not read. Here a message that the daemon does not take at once is
+// queued; when the queue is full it is lost and counted. Sending is tried again with every message
+// and, once there is a loop, after a pause: a short one while the daemon reads, else one that grows
+// from a second to a minute. When the queue is empty again, one message reports how many were lost.
 //
-// Messages of the loop's thread wait in the queue too while the loop expects another thread's post:
-// the line that shuts a looped port goes before the message about it, which wakes up the daemon.
+// Messages of the loop's thread are also queued while the loop expects another thread's post. That
+// post is the line that shuts a looped port, and it must not wait for the message about the loop.
 #pragma once
 
 #include <cstdint>
@@ -65,7 +64,7 @@ class SyslogLog final : public SystemLog {
     Mutex mutex_;
     int fd_ GUARDED_BY(mutex_) = -1;                // connected to the daemon
     std::deque<Message> queue_ GUARDED_BY(mutex_);  // oldest first
-    uint64_t lost_ GUARDED_BY(mutex_) = 0;          // since that was last reported
+    uint64_t lost_ GUARDED_BY(mutex_) = 0;          // messages, since the last report of it
     EventLoop* loop_ GUARDED_BY(mutex_) = nullptr;
     bool retrying_ GUARDED_BY(mutex_) = false;  // a retry is pending on the loop
 };

@@ -1,15 +1,15 @@
-// Something to do before the process ends on a signal.
+// Runs a last task before the process ends on SIGTERM or SIGINT.
 #pragma once
 
 #include "platform/base/event_loop.h"
 
 namespace qv {
 
-// Loop thread only, and made before there are other threads: they inherit that SIGTERM and SIGINT
-// are blocked.
+// Loop thread only. Make it before other threads are started: they must inherit that SIGTERM and
+// SIGINT are blocked.
 class Termination {
  public:
-    // When SIGTERM or SIGINT arrives, the loop runs `last_task`, and the process ends by that
+    // When one of the signals arrives, the loop runs `last_task` and then ends the process by that
     // signal. Throws std::runtime_error.
     Termination(EventLoop& loop, EventLoop::Task last_task);
     ~Termination();
