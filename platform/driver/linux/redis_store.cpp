@@ -1,3 +1,25 @@
+// The life of a client. open() of the first database connects: two connections, a PING on each.
+// When both have answered (greeted), every open database is selected; each SELECT that succeeds
+// sends the unconfirmed writes of that database and reports its session. A database that the server
+// refuses stays down until the next connection.
+//
+// Any fault of either connection ends both: lose() drops what belongs to them (subscriptions,
+// scans, timers), reports all sessions as down, and arms the next attempt. Callbacks for replies
+// must not destroy their connection, so they call fail_later(), which stops both at once and calls
+// lose() from the loop. From that moment up() is false and requests are refused.
+//
+// Writes. A write is accepted into `unconfirmed_` and waits in `waiting_` for an idle moment of the
+// loop, so that urgent work, such as the shutdown of a port, goes first and several writes share a
+// system call. Scans and checks send the waiting writes first, so requests keep their order. A
+// write leaves `unconfirmed_` with its reply. After a loss the rest is sent again, except for
+// set_missing(), which the listener repeats itself when the session is up.
+//
+// Databases. Redis has one selected database per connection. `selected_` follows what the command
+// connection will have selected when everything queued so far is executed; use() queues a SELECT
+// only for a change. Channels know no databases, so their names carry the number.
+//
+// A server that is emptied while it runs announces nothing. So check_records() asks it regularly
+// for some of the keys that this process has set, as long as there are any.
 #include "platform/driver/linux/redis_store.h"
 
 #include <algorithm>
@@ -20,17 +42,17 @@ using Type = RedisReply::Type;
 constexpr Duration kFirstBackoff = 100ms;
 constexpr Duration kLongestBackoff = 5s;
 
-// Writes that wait for the server on one connection. Beyond this it is taken for gone.
+// Bytes of writes that may wait for the server. Beyond this it counts as lost.
 constexpr size_t kUnconfirmedLimit_bytes = size_t{8} << 20;
 
-// How often the server is asked whether it still has the records of this process.
+// Period of the check whether the server still has the records of this process, and of repeating
+// refused subscriptions.
 constexpr Duration kCheckPeriod = 5s;
 
-// A session that ends earlier has not shown that the server can be used, so the next attempt waits
-// as long as after a failed one.
+// A session that is shorter counts as a failed attempt: the pause before the next one grows.
 constexpr Duration kProvenAfter = 10s;
 
-constexpr std::string_view kRecordLimit_bytes = "8388608";  // the replies' limit leaves room for it
+constexpr std::string_view kRecordLimit_bytes = "8388608";  // below the limit of a reply, 9 MiB
 
 std::string channel_of(uint32_t db, std::string_view type) {
     std::string channel = "mom/";
@@ -77,7 +99,7 @@ class RedisClient final : public StoreClient {
 
     struct Database {
         bool up = false;
-        bool refused = false;  // and logged
+        bool refused = false;  // as logged
     };
     enum class Kind { kSet, kSetMissing, kErase, kEraseMatching, kPublish };
 
@@ -87,7 +109,7 @@ class RedisClient final : public StoreClient {
         std::string key;  // or the pattern
         std::string channel;
         std::string notice;
-        std::string error;  // the first of the transaction under way
+        std::string error;  // the first one in its transaction
     };
     static size_t size_of(const Write& write) {
         return sizeof write + write.key.size() + write.notice.size();
@@ -143,7 +165,7 @@ class RedisClient final : public StoreClient {
     size_t unconfirmed_limit_bytes_ = kUnconfirmedLimit_bytes;  // of this connection
 
     int greetings_ = 0;      // connections that have answered; 2: ready
-    uint32_t selected_ = 0;  // what the command connection stands on once all is sent
+    uint32_t selected_ = 0;  // database of the command connection once all is sent
     Duration backoff_ = kFirstBackoff;
     bool away_logged_ = false;
     bool write_refused_ = false;  // logged; until a write succeeds again
@@ -156,7 +178,7 @@ class RedisClient final : public StoreClient {
     EventLoop::Handle failing_;
     EventLoop::Handle sending_;
 
-    // Last, so that nothing a callback may look at goes before them.
+    // Last, so that they are destroyed first: their callbacks use the members above.
     std::unique_ptr<RedisConnection> commands_;
     std::unique_ptr<RedisConnection> subscriptions_;
 };
@@ -183,7 +205,7 @@ void RedisClient::greet(const RedisReply& pong) {
 
 void RedisClient::greeted() {
     greeted_at_ = loop_.clock().now();
-    // The writes that are sent again must not take the room of the next ones.
+    // Writes that are sent again do not count against the limit of new ones.
     unconfirmed_limit_bytes_ =
         std::min(unconfirmed_bytes_ + kUnconfirmedLimit_bytes, 4 * kUnconfirmedLimit_bytes);
     if (std::exchange(away_logged_, false)) {
@@ -218,7 +240,7 @@ void RedisClient::selected(uint32_t db, const RedisReply& reply) {
     listener_.session_up(db);
 }
 
-// Tried again with every new connection: the server may have been given more databases by then.
+// Each new connection tries again: the server may have more databases by then.
 void RedisClient::refuse(uint32_t db, const std::string& error) {
     if (std::exchange(databases_[db].refused, true)) {
         return;
@@ -256,7 +278,7 @@ void RedisClient::lose(const std::string& reason) {
     waiting_.clear();  // sent again with the others
     check_.reset();
     check_refused_ = false;
-    // The listener asks for these again when it learns that the session is back.
+    // The listener repeats these when the session is up again.
     for (auto write = unconfirmed_.begin(); write != unconfirmed_.end();) {
         const uint64_t number = write->first;
         write->second.error.clear();
@@ -470,8 +492,8 @@ void RedisClient::confirmed(const std::string& channel, uint64_t subscription,
     listener_.subscribed(subscription);
 }
 
-// Without its subscriptions a client is deaf: they are asked for until somebody has given the
-// rights back.
+// A client without its subscriptions gets no notices, so they are repeated until the server grants
+// them.
 void RedisClient::topic_refused(const std::string& channel, uint64_t subscription,
                                 const std::string& error) {
     if (refused_logged_.insert(channel).second) {
@@ -509,8 +531,8 @@ bool RedisClient::scan(uint32_t db, std::string_view type, uint64_t scan) {
     return true;
 }
 
-// Reads the records under `keys`, or the next page when there are none. Whatever was written before
-// is sent first, so that the scan finds it.
+// Reads the records under `keys`, or the next page when there are none. Waiting writes are sent
+// first, so that the scan sees them.
 void RedisClient::read_page(uint64_t number, const std::vector<std::string_view>& keys) {
     send_waiting();
     const Scan& scan = scans_.at(number);
@@ -523,7 +545,7 @@ void RedisClient::read_page(uint64_t number, const std::vector<std::string_view>
                     [this, number](const RedisReply& reply) { page_read(number, reply); });
 }
 
-// A page that the server refuses ends the session: the client scans again when it is back.
+// A page that the server refuses ends the session; the client scans again when it is back.
 void RedisClient::page_read(uint64_t number, const RedisReply& reply) {
     if (!is_scan_page(reply)) {
         fail_later(complaint("a scan", reply));
@@ -577,8 +599,8 @@ void RedisClient::arm_check() {
     }
 }
 
-// A server that is emptied while it runs says nothing about it. A part of the keys will do: what
-// empties it takes them all. The next set arms the timer again when there is nothing to check.
+// Some of the keys are enough, because a server that is emptied loses them all. With nothing to
+// check the timer stays off until the next set.
 void RedisClient::check_records() {
     const StoreKeys own = listener_.keys_to_check();
     if (own.keys.empty()) {

@@ -1,7 +1,7 @@
-// The object store in a Redis server, laid out as docs/object-database.md says. Each client holds
-// two connections, one for commands and one for subscriptions, and comes back by itself after a
-// loss: after 100 ms at first, then twice as long each time, up to 5 s. Loop thread only. The
-// process must ignore SIGPIPE.
+// The object store in a Redis server, laid out as docs/object-database.md says. Each client has two
+// connections, one for commands and one for subscriptions, and reconnects by itself after a loss:
+// after 100 ms at first, then twice as long each time, up to 5 s. Loop thread only. The process
+// must ignore SIGPIPE.
 #pragma once
 
 #include <memory>
@@ -17,9 +17,8 @@ class RedisStore final : public StoreDriver {
     // `socket` is the path of the server's Unix socket; the server need not be there yet.
     RedisStore(EventLoop& loop, std::string socket);
 
-    // Sessions are reported once both connections answer and the database could be selected.
-    // Writes that were accepted but not confirmed when the connection went are sent again when it
-    // is back, before the session is reported.
+    // A session is reported when both connections answer and its database is selected. Writes that
+    // were accepted but not confirmed when a connection was lost are sent again before that report.
     std::unique_ptr<StoreClient> connect(StoreListener& listener) override;
 
  private:
