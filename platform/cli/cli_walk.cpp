@@ -7,6 +7,7 @@
 #include "platform/cli/walk.h"
 
 using qv::cli::Capture;
+using qv::cli::Fault;
 using qv::cli::Fit;
 using qv::cli::Hint;
 using qv::cli::Offer;
@@ -41,6 +42,18 @@ std::string read_number(std::string_view word, const cli_number_arg& bound, int6
         return "% Number out of range: " + quoted(word) + " (" + bounds(bound) + ").";
     }
     return {};
+}
+
+// Whether `word` is a number between the bounds, or may be the beginning of one.
+bool may_become_number(std::string_view word, const cli_number_arg& bound) {
+    int64_t value = 0;
+    const std::string_view digits = word.starts_with('-') ? word.substr(1) : word;
+    const auto [stop, error] = std::from_chars(digits.data(), digits.data() + digits.size(), value);
+    const bool whole = error == std::errc{} && stop == digits.data() + digits.size();
+    if (digits.size() != word.size()) {
+        return bound.low < 0 && (digits.empty() || (whole && -value >= bound.low));
+    }
+    return digits.empty() || (whole && value <= bound.high);
 }
 
 bool only_takes_words(cli_action action) {
@@ -154,7 +167,7 @@ void cli_walk::offer_number(const cli_number_arg& number, const cli_node* node) 
         return;
     }
     if (hinting_) {
-        if (word_->text.empty()) {
+        if (may_become_number(word_->text, number)) {
             hints_.push_back({"<" + bounds(number) + ">", number.help, false});
         }
         return;
@@ -179,9 +192,7 @@ void cli_walk::offer_word(const cli_word_arg& word, const cli_node* node) {
         return;
     }
     if (hinting_) {
-        if (word_->text.empty()) {
-            hints_.push_back({word.name, word.help, false});
-        }
+        hints_.push_back({word.name, word.help, false});
         return;
     }
     const std::string_view text = word.rest ? word_->rest : word_->text;
@@ -245,11 +256,18 @@ void cli_walk::look(const std::vector<Place>& places, const Word* word) {
     }
 }
 
+bool cli_walk::fail(Fault fault, std::string_view wrong, std::string error) {
+    failure_ = {.fault = fault, .error = std::move(error), .wrong = wrong, .text = {}};
+    return false;
+}
+
 bool cli_walk::choose(const Word& word, std::vector<Place>& places, bool& rest) {
+    if (offers_.empty() && !slot_error_.empty()) {
+        return fail(Fault::kBadValue, word.text, std::move(slot_error_));
+    }
     if (offers_.empty()) {
-        error_ = slot_error_.empty() ? "% Unknown command: " + quoted(word.text) + "."
-                                     : std::move(slot_error_);
-        return false;
+        return fail(Fault::kUnknownWord, word.text,
+                    "% Unknown command: " + quoted(word.text) + ".");
     }
     const Fit best = std::min_element(offers_.begin(), offers_.end(), [](auto& a, auto& b) {
                          return a.fit < b.fit;
@@ -268,12 +286,11 @@ bool cli_walk::choose(const Word& word, std::vector<Place>& places, bool& rest) 
         places.push_back(std::move(offer.next));
     }
     if (best == Fit::kKeywordPrefix && names.size() > 1) {
-        error_ = "% Ambiguous command: " + quoted(word.text) + " (";
+        std::string error = "% Ambiguous command: " + quoted(word.text) + " (";
         for (size_t i = 0; i < names.size(); ++i) {
-            error_ += (i ? ", " : "") + names[i];
+            error += (i ? ", " : "") + names[i];
         }
-        error_ += ").";
-        return false;
+        return fail(Fault::kAmbiguousWord, word.text, error + ").");
     }
     return true;
 }
@@ -301,20 +318,29 @@ Parsed cli_walk::parse(const cli_node* root, std::string_view line) {
         }
         look(places, &word);
         if (!choose(word, places, rest)) {
-            return {nullptr, error_, {}};
+            return std::move(failure_);
         }
     }
     look(places, nullptr);
     if (handler_) {
         store(end_);
-        return {handler_, {}, end_.text};
+        return {.handler = handler_, .error = {}, .wrong = {}, .text = end_.text};
     }
     if (prefix_refused_) {
         const char* prefix = (pcdb->prefix & CLI_PREFIX_NO) ? "no" : "default";
-        return {
-            nullptr, "% Invalid prefix: '" + std::string(prefix) + "' does not apply here.", {}};
+        fail(Fault::kPrefix, line.substr(0, 0),
+             "% Invalid prefix: '" + std::string(prefix) + "' does not apply here.");
+    } else {
+        fail(Fault::kIncomplete, line.substr(line.size()), "% Incomplete command.");
     }
-    return {nullptr, "% Incomplete command.", {}};
+    return std::move(failure_);
+}
+
+std::vector<Hint> cli_walk::rest_hints(const std::vector<Place>& places, const Word& word) {
+    hinting_ = true;
+    look(places, &word);
+    std::erase_if(hints_, [](const Hint& hint) { return hint.literal; });
+    return std::move(hints_);
 }
 
 std::vector<Hint> cli_walk::hints(const cli_node* root, std::string_view line) {
@@ -329,8 +355,12 @@ std::vector<Hint> cli_walk::hints(const cli_node* root, std::string_view line) {
     bool rest = false;
     for (const Word& word : words) {
         look(places, &word);
-        if (!choose(word, places, rest) || rest) {
+        const std::vector<Place> before = places;
+        if (!choose(word, places, rest)) {
             return {};
+        }
+        if (rest) {
+            return rest_hints(before, word);
         }
     }
     hinting_ = true;

@@ -184,6 +184,10 @@ const cli_node* config_commands_root(std::string_view mode) {
     return mode == kModeInterface || mode == kModeRange ? &interface_commands : nullptr;
 }
 
+const cli_node* show_commands_root() {
+    return &show_word;
+}
+
 const cli_node* end_of_line(cli_handler handler) {
     return node(eol_action, keep(cli_eol_arg{1, handler}), nullptr);
 }

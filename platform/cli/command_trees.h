@@ -21,6 +21,8 @@ inline constexpr const char* kModeRange = "ifrange";
 // The trees of a mode without those that move the session: what a configuration consists of. Null
 // for mode exec and an unknown one.
 const cli_node* config_commands_root(std::string_view mode);
+// The tree of "show ..." alone.
+const cli_node* show_commands_root();
 
 // Builders for the switch's own trees: nodes that live for ever. Texts must do so too.
 const cli_node* end_of_line(cli_handler handler);

@@ -26,6 +26,7 @@ SessionState session_for(const Port* port) {
     SessionState session;
     session.mode = port ? kModeInterface : kModeConfig;
     session.ifx = port ? port->ifx : 0;
+    session.from_file = true;
     return session;
 }
 

@@ -11,7 +11,7 @@
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/fault_seam.h"
-#include "platform/cli/walk.h"
+#include "platform/cli/typed_line.h"
 #include "platform/client/platform.h"
 
 namespace qv::cli {
@@ -26,6 +26,7 @@ struct DeferredAnswer {
 struct Running {
     SessionState* session;
     std::string* output;
+    const char* wrong = nullptr;               // the place in the line that is no command
     Completion* answer;                        // null when the answer cannot be deferred
     std::shared_ptr<DeferredAnswer> deferred;  // owns `output` once the answer is deferred
 };
@@ -34,19 +35,18 @@ Running* g_running = nullptr;
 class RunningScope {
  public:
     RunningScope(SessionState& session, std::string& output, Completion* answer = nullptr)
-        : running_{&session, &output, answer, nullptr}, before_(g_running) {
+        : running_{&session, &output, nullptr, answer, nullptr}, before_(g_running) {
         g_running = &running_;
     }
     ~RunningScope() { g_running = before_; }
     RunningScope(const RunningScope&) = delete;
     RunningScope& operator=(const RunningScope&) = delete;
+    const Running& running() const { return running_; }
 
  private:
     Running running_;
     Running* before_;
 };
-
-constexpr std::string_view kBlanks = " \t\r\n";
 
 std::string_view without_end(std::string_view line) {
     const size_t last = line.find_last_not_of(kBlanks);
@@ -62,23 +62,6 @@ bool has_control_byte(std::string_view line) {
     });
 }
 
-// Takes the word "no" or "default" off the front, when another word or a blank follows it.
-uint32_t take_prefix(std::string_view& line) {
-    const size_t start = line.find_first_not_of(kBlanks);
-    if (start == std::string_view::npos) {
-        return 0;
-    }
-    const size_t end = line.find_first_of(kBlanks, start);
-    const std::string_view word = line.substr(start, end - start);
-    const uint32_t prefix = word == "no"        ? CLI_PREFIX_NO
-                            : word == "default" ? CLI_PREFIX_DEFAULT
-                                                : 0;
-    if (prefix != 0) {
-        line = end == std::string_view::npos ? std::string_view{} : line.substr(end);
-    }
-    return prefix;
-}
-
 std::string squeezed(std::string_view line) {
     std::string text;
     for (const char c : line) {
@@ -90,33 +73,6 @@ std::string squeezed(std::string_view line) {
         }
     }
     return text;
-}
-
-// The bit of a port's type in cli_pcdb::ifrange_types. The types that take the commands of a
-// switched port share the bits of the mask that programs test; the others have one of their own.
-uint32_t type_bit(uint32_t type) {
-    constexpr uint32_t kSwitched[] = {0, 1, 2, 7, 8, 16, 18, 27, 28};
-    constexpr uint32_t kFirst = 2;
-    constexpr uint32_t kOther = 31;
-    const bool switched = type >= kFirst && type - kFirst < std::size(kSwitched);
-    return 1U << (switched ? kSwitched[type - kFirst] : kOther);
-}
-
-cli_pcdb make_context(const SessionState& session, uint32_t prefix, unsigned long flags) {
-    cli_pcdb pcdb{};
-    pcdb.flags = flags;
-    pcdb.prefix = prefix;
-    std::snprintf(pcdb.mode, sizeof pcdb.mode, "%s", session.mode.c_str());
-    if (session.mode == kModeInterface) {
-        pcdb.ifx = session.ifx;
-    }
-    if (session.mode == kModeRange) {
-        for (const uint64_t ifx : session.range) {
-            const Port* port = platform().ports().find(static_cast<uint32_t>(ifx));
-            pcdb.ifrange_types |= port ? type_bit(port->type) : 0;
-        }
-    }
-    return pcdb;
 }
 
 bool port_exists(uint64_t ifx) {
@@ -149,28 +105,28 @@ bool applies_to(uint64_t ifx, uint32_t prefix, std::string_view line) {
     SessionState alone;
     alone.mode = kModeInterface;
     alone.ifx = ifx;
-    cli_pcdb pcdb = make_context(alone, prefix, CLI_FLAG_HELP);
+    cli_pcdb pcdb = make_context(alone, kModeInterface, prefix, CLI_FLAG_HELP);
     cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
     return port_exists(ifx) && walk.parse(cli_get_mode_root(kModeInterface), line).handler;
 }
 
 // Calls the handler for each port of the range. Ports that may not have the command are named.
-int run_on_range(cli_handler handler, cli_pcdb& pcdb, const SessionState& session,
-                 std::string_view line) {
+int run_on_range(Command& command, const SessionState& session) {
     // One line has one answer, but several calls of the handler.
     g_running->answer = nullptr;
+    cli_pcdb& pcdb = command.pcdb;
     const uint32_t prefix = pcdb.prefix;
     const uint32_t typed = (prefix & CLI_PREFIX_DEFAULT) ? CLI_PREFIX_DEFAULT : prefix;
     int result = 0;
     std::string skipped;
     const std::vector<uint64_t> range = session.range;
     for (const uint64_t ifx : range) {
-        if (!applies_to(ifx, typed, line)) {
+        if (!applies_to(ifx, typed, command.line)) {
             skipped += (skipped.empty() ? "" : ", ") + port_name(ifx);
             continue;
         }
         pcdb.ifx = ifx;
-        const int one = handler(&pcdb);
+        const int one = command.parsed.handler(&pcdb);
         result = result != 0 ? result : one;
     }
     if (skipped.empty()) {
@@ -178,6 +134,21 @@ int run_on_range(cli_handler handler, cli_pcdb& pcdb, const SessionState& sessio
     }
     const int refused = refuse("Not a command for " + skipped + ".");
     return result != 0 ? result : refused;
+}
+
+int run_command(SessionState& session, Command& command) {
+    if (command.pcdb.prefix & CLI_PREFIX_DEFAULT) {
+        command.pcdb.prefix |= CLI_PREFIX_NO;  // the default is what "no" leads to
+    }
+    if (command.mode != kModeExec) {
+        session.mode = command.mode;  // mode config for its lines in the interface modes
+    }
+    const int result = command.mode == kModeRange ? run_on_range(command, session)
+                                                  : command.parsed.handler(&command.pcdb);
+    if (!session.privileged) {
+        session.mode = kModeExec;  // "do disable"
+    }
+    return result;
 }
 
 // Runs a line that is known to be clean; output goes to the command at hand.
@@ -196,56 +167,34 @@ int run_line(SessionState& session, std::string_view line) {
         cli_printf("%% The interface does not exist.\n");
         return -1;
     }
-    const bool configures = session.mode != kModeExec;
+    Command command = find_command(session, line);
+    const bool configures = command.mode != kModeExec;
     const LineFault fault = g_line_fault;
     int result = 0;
     if (std::string text; fault && configures && fault(squeezed(line), text, result)) {
         cli_printf("%s%s", text.c_str(), text.empty() || text.back() == '\n' ? "" : "\n");
         return result;
     }
-    const uint32_t prefix = take_prefix(line);
-    cli_pcdb pcdb = make_context(session, prefix, 0);
-    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
-    const Parsed parsed = walk.parse(cli_get_mode_root(session.mode.c_str()), line);
-    if (!parsed.handler) {
-        cli_printf("%s\n", parsed.error.c_str());
+    if (!command.parsed.handler) {
+        cli_printf("%s\n", command.parsed.error.c_str());
+        g_running->wrong = command.parsed.wrong.data();
         return -1;
     }
-    if (prefix & CLI_PREFIX_DEFAULT) {
-        pcdb.prefix |= CLI_PREFIX_NO;  // the default is what "no" leads to
-    }
-    result = session.mode == kModeRange ? run_on_range(parsed.handler, pcdb, session, line)
-                                        : parsed.handler(&pcdb);
+    result = run_command(session, command);
     if (configures && keeper) {
         keeper->request_save();
     }
     return result;
 }
 
-std::vector<Hint> hints_for(SessionState& session, std::string_view line) {
+// Nothing for a line that could not be executed either.
+std::vector<Hint> safe_hints(SessionState& session, std::string_view line) {
     std::string unused;
     const RunningScope scope(session, unused);
     if (line.size() > kMaxLineBytes || has_control_byte(line) || !ports_are_there(session)) {
         return {};
     }
-    const bool first_word = without_end(line).find_first_of(kBlanks) == std::string_view::npos;
-    std::string_view rest = line;
-    const uint32_t prefix = take_prefix(rest);
-    // "no" without a blank behind it is still a word to be completed.
-    const bool whole = prefix == 0 || rest.empty();
-    cli_pcdb pcdb = make_context(session, whole ? 0 : prefix, CLI_FLAG_HELP);
-    cli_walk walk(cli_walk::Purpose::kHelp, &pcdb);
-    const cli_node* root = cli_get_mode_root(session.mode.c_str());
-    std::vector<Hint> hints = walk.hints(root, whole ? line : rest);
-    const bool typing_first = whole && first_word && (line.empty() || line.back() != ' ');
-    if (typing_first && std::string_view("no").starts_with(without_end(line))) {
-        hints.push_back({"no", "Take a command back", true});
-    }
-    // Keywords by name, then slots and the line end as they come.
-    const auto slots = std::stable_partition(hints.begin(), hints.end(),
-                                             [](const Hint& hint) { return hint.literal; });
-    std::sort(hints.begin(), slots, [](const Hint& a, const Hint& b) { return a.word < b.word; });
-    return hints;
+    return hints_for(session, line);
 }
 
 // Empties `answer` when the command defers its answer.
@@ -257,12 +206,16 @@ Result execute_now(SessionState& session, std::string_view line, Completion* ans
         result.code = -1;
         return result;
     }
+    const char* const start = line.data();
     line = without_end(line);
     if (has_control_byte(line)) {
         cli_printf("%% Line contains control characters.\n");
         result.code = -1;
     } else if (!line.empty() && line.front() != '!') {
         result.code = run_line(session, line);
+    }
+    if (const char* const wrong = scope.running().wrong) {
+        result.wrong_at = static_cast<size_t>(wrong - start);
     }
     return result;
 }
@@ -300,9 +253,7 @@ Completion defer() {
 bool parses(SessionState& session, std::string_view line) {
     std::string unused;
     const RunningScope scope(session, unused);
-    cli_pcdb pcdb = make_context(session, take_prefix(line), CLI_FLAG_HELP);
-    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
-    return walk.parse(cli_get_mode_root(session.mode.c_str()), line).handler != nullptr;
+    return find_own_command(session, line).parsed.handler != nullptr;
 }
 
 ConfigCommand parse_config_command(const SessionState& session, std::string_view line) {
@@ -313,7 +264,7 @@ ConfigCommand parse_config_command(const SessionState& session, std::string_view
         return {{}, "% Line contains control characters."};
     }
     const uint32_t prefix = take_prefix(line);
-    cli_pcdb pcdb = make_context(session, prefix, CLI_FLAG_HELP);
+    cli_pcdb pcdb = make_context(session, session.mode, prefix, CLI_FLAG_HELP);
     if (session.mode == kModeRange && session.range.empty()) {
         pcdb.ifrange_types = ~0U;
     }
@@ -330,7 +281,7 @@ ConfigCommand parse_config_command(const SessionState& session, std::string_view
 
 std::string help_text(SessionState& session, std::string_view line) {
     std::string text;
-    for (const Hint& hint : hints_for(session, line)) {
+    for (const Hint& hint : safe_hints(session, line)) {
         const size_t pad = hint.word.size() < 24 ? 24 - hint.word.size() : 1;
         text += "  " + hint.word;
         text += hint.help.empty() ? "\n" : std::string(pad, ' ') + hint.help + "\n";
@@ -340,7 +291,7 @@ std::string help_text(SessionState& session, std::string_view line) {
 
 std::string completions(SessionState& session, std::string_view line) {
     std::string text;
-    for (const Hint& hint : hints_for(session, line)) {
+    for (const Hint& hint : safe_hints(session, line)) {
         text += hint.literal ? hint.word + "\n" : "";
     }
     return text;

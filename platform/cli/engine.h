@@ -25,12 +25,16 @@ struct SessionState {
     bool monitor = false;          // shows system log messages
     bool leaving = false;          // the session ends after this line
     bool program = false;          // belongs to a program of the switch, not to an operator
+    bool from_file = false;        // its lines are those of a configuration file
     std::optional<Caller> caller;  // of an operator's session; empty: the process itself
 };
 
 struct Result {
     int code = 0;  // the command's own result; negative when the line could not be executed
     std::string output;
+    // When the line is no command: where in it the wrong word begins, in bytes, or its end when
+    // something is missing there.
+    std::optional<size_t> wrong_at = {};
 };
 
 // Takes the result of a line. Loop thread.
@@ -52,7 +56,7 @@ void execute(SessionState& session, std::string_view line, Completion answer);
 // work before it returns then.
 [[nodiscard]] Completion defer();
 
-// Whether the line would be taken as a command. Calls no handler.
+// Whether the line would be taken as a command of the session's mode. Calls no handler.
 bool parses(SessionState& session, std::string_view line);
 
 // A line of a configuration file, as it would be understood in the session's mode.

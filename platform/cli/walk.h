@@ -59,11 +59,16 @@ struct Hint {
     bool literal;  // can be completed
 };
 
-// A parsed line: the handler to call, null when only a text came out.
+// Why a line is no command.
+enum class Fault { kNone, kUnknownWord, kAmbiguousWord, kBadValue, kPrefix, kIncomplete };
+
+// A parsed line: the handler to call, null with the reason when the line is no command.
 struct Parsed {
     cli_handler handler = nullptr;
+    Fault fault = Fault::kNone;
     std::string error;
-    std::string text;  // the line with its keywords in full
+    std::string_view wrong;  // the word at fault; the end of the line when more is missing
+    std::string text;        // the line with its keywords in full
 };
 
 }  // namespace qv::cli
@@ -110,8 +115,12 @@ struct cli_walk {
     static std::vector<Word> split(std::string_view line);
     // Visits all places with `word`; offers are collected.
     void look(const std::vector<qv::cli::Place>& places, const Word* word);
-    // Keeps the best offers as the next places; false with `error` set when there is none.
+    // Keeps the best offers as the next places; false with failure_ set when there is none.
     bool choose(const Word& word, std::vector<qv::cli::Place>& places, bool& rest);
+    bool fail(qv::cli::Fault fault, std::string_view wrong, std::string error);
+    // The slot that takes the rest of the line from `word` on.
+    std::vector<qv::cli::Hint> rest_hints(const std::vector<qv::cli::Place>& places,
+                                          const Word& word);
     void store(const qv::cli::Place& from);
     // The place behind `node`, which takes `word`.
     qv::cli::Place after(const cli_node* node, std::string_view word) const;
@@ -121,7 +130,7 @@ struct cli_walk {
     std::vector<qv::cli::Offer> offers_;
     std::vector<qv::cli::Hint> hints_;
     std::string slot_error_;       // what a number or word slot had against the word
-    std::string error_;            // why choose() failed
+    qv::cli::Parsed failure_;      // why choose() failed
     bool hinting_ = false;         // the word is one to be completed
     bool prefix_refused_ = false;  // a line end did not take the prefix
     cli_handler handler_ = nullptr;

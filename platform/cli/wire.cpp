@@ -62,6 +62,9 @@ void answer_request(std::string_view text, SessionState& session, Completion ans
 
 std::string reply(const Result& result, const SessionState& session) {
     json object{{"output", result.output}, {"result", result.code}, {"prompt", prompt(session)}};
+    if (result.wrong_at) {
+        object["wrong_at"] = *result.wrong_at;
+    }
     if (session.leaving) {
         object["end"] = true;
     }

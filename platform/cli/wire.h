@@ -4,7 +4,9 @@
 //   {"complete": LINE}  words that can stand in place of the last one, one per line of "output"
 //   {"help": LINE}      the same with their help texts
 // Reply: {"output": TEXT, "prompt": TEXT, "result": NUMBER}, with "end": true when the session ends
-// with it. A session that monitors also gets {"monitor": TEXT} between replies. Loop thread only.
+// with it, and with "wrong_at": BYTES when LINE is no command: where the wrong word begins, or the
+// end of the line when something is missing there. A session that monitors also gets {"monitor":
+// TEXT} between replies. Loop thread only.
 #pragma once
 
 #include <string>

@@ -301,24 +301,27 @@ TEST_F(LineEffects, HelpOfALongWordIsOneBlankBehindIt) {
               "  word-of-three-and-twenty Help\n  word-of-twenty-four-byte Help\n");
 }
 
-TEST_F(LineEffects, CompletionHasNoSlotsAndHelpShowsThemForAWordNotBegun) {
+TEST_F(LineEffects, CompletionHasNoSlotsAndHelpShowsThoseThatTheWordMayFill) {
     using qv::cli::completions;
     using qv::cli::help_text;
     rig.session.mode = "config";
     EXPECT_EQ(completions(rig.session, "tarn error-recover interval "), "");
     EXPECT_EQ(help_text(rig.session, "tarn error-recover interval "),
               "  <30-86400>              Seconds\n");
-    EXPECT_EQ(help_text(rig.session, "tarn error-recover interval 9"), "");
-    EXPECT_EQ(help_text(rig.session, "tarn error-recover interval 90"), "");
+    EXPECT_EQ(help_text(rig.session, "tarn error-recover interval 90"),
+              "  <30-86400>              Seconds\n");
+    EXPECT_EQ(help_text(rig.session, "tarn error-recover interval 90x"), "");
     EXPECT_EQ(help_text(rig.session, "tarn error-recover interval 90 "), "  <cr>\n");
     EXPECT_EQ(help_text(rig.session, "no tarn error-recover interval "), "  <cr>\n");
     EXPECT_EQ(help_text(rig.session, "no tarn enable "), "  <cr>\n");
     EXPECT_EQ(help_text(rig.session, "tarn enable x"), "");
-    EXPECT_EQ(help_text(rig.session, "interface range swp1 "), "");
+    EXPECT_EQ(help_text(rig.session, "interface range swp1 "),
+              "  LIST                    Such as swp1-4,swp7\n");
     rig.session.mode = "exec";
     EXPECT_EQ(help_text(rig.session, "configure replace "),
               "  FILE                    Path of the file\n");
-    EXPECT_EQ(help_text(rig.session, "configure replace x"), "");
+    EXPECT_EQ(help_text(rig.session, "configure replace x"),
+              "  FILE                    Path of the file\n");
     EXPECT_EQ(completions(rig.session, "configure replace x c"), "confirm\n");
 }
 

@@ -91,7 +91,7 @@ TEST_F(SocketSession, ExecAnswersWithOutputResultAndPrompt) {
               "{\"output\":\"\",\"prompt\":\"lda(config-if-swp2)# \",\"result\":0}\n");
     EXPECT_EQ(ask(*client, R"({"exec": "frobnicate"})"),
               "{\"output\":\"% Unknown command: 'frobnicate'.\\n\",\"prompt\":"
-              "\"lda(config-if-swp2)# \",\"result\":-1}\n");
+              "\"lda(config-if-swp2)# \",\"result\":-1,\"wrong_at\":0}\n");
     EXPECT_EQ(ask(*client, R"({"exec": "end"})"),
               "{\"output\":\"\",\"prompt\":\"lda# \",\"result\":0}\n");
 }

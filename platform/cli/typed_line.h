@@ -1,0 +1,47 @@
+// Finds the command that a line means, and the mode it belongs to. Loop thread only.
+//
+// A line belongs to the mode of its session. An operator's line may also be one of another mode:
+// behind "do" one of mode exec, in the interface modes one of mode config, and in every mode a
+// "show" command. The session's own mode is asked first. A line that is ambiguous there is not
+// looked for elsewhere.
+//
+// Behind "no" an operator may type a whole line, as it stands in the running configuration: when
+// the "no" form of the command ends earlier, the words behind its end are left out.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/cli/engine.h"
+#include "platform/cli/walk.h"
+
+namespace qv::cli {
+
+inline constexpr std::string_view kBlanks = " \t\r\n";
+
+struct Command {
+    std::string mode;       // that the command belongs to
+    std::string_view line;  // as it was parsed, without its prefix
+    cli_pcdb pcdb{};        // the context for its handler
+    Parsed parsed;
+};
+
+// The command of a line; `parsed.handler` is null when there is none. Calls no handler.
+Command find_command(const SessionState& session, std::string_view line);
+
+// The same, only in the mode of the session.
+Command find_own_command(const SessionState& session, std::string_view line);
+
+// What can stand in place of the last word of `line`: keywords by name, then slots and the line
+// end. Calls no handler.
+std::vector<Hint> hints_for(const SessionState& session, std::string_view line);
+
+// The context of a command of `mode` in this session.
+cli_pcdb make_context(const SessionState& session, std::string_view mode, uint32_t prefix,
+                      unsigned long flags);
+
+// Takes the word "no" or "default" off the front, when another word or a blank follows it.
+uint32_t take_prefix(std::string_view& line);
+
+}  // namespace qv::cli
