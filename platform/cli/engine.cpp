@@ -11,6 +11,7 @@
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/fault_seam.h"
+#include "platform/cli/hostname_command.h"
 #include "platform/cli/typed_line.h"
 #include "platform/client/platform.h"
 
@@ -299,15 +300,15 @@ std::string completions(SessionState& session, std::string_view line) {
 
 std::string prompt(const SessionState& session) {
     if (session.mode == kModeConfig) {
-        return "lda(config)# ";
+        return host_name() + "(config)# ";
     }
     if (session.mode == kModeInterface) {
-        return "lda(config-if-" + port_name(session.ifx) + ")# ";
+        return host_name() + "(config-if-" + port_name(session.ifx) + ")# ";
     }
     if (session.mode == kModeRange) {
-        return "lda(config-if-range)# ";
+        return host_name() + "(config-if-range)# ";
     }
-    return session.privileged ? "lda# " : "lda> ";
+    return host_name() + (session.privileged ? "# " : "> ");
 }
 
 SessionState* current_session() {

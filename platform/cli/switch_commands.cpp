@@ -1,5 +1,6 @@
 #include "platform/cli/switch_commands.h"
 
+#include "platform/cli/hostname_command.h"
 #include "platform/cli/notification_commands.h"
 #include "platform/cli/tarn_commands.h"
 
@@ -8,6 +9,7 @@ namespace qv::cli {
 // The order is that of the lines in the running configuration.
 void register_switch_commands() {
     register_session_commands();
+    register_hostname_command();
     register_config_commands();
     register_replace_commands();
     register_port_commands();
