@@ -131,10 +131,14 @@ Reply Connection::ask(const char* kind, std::string_view line) {
             lost();
         }
         if (!reply.contains("monitor")) {
-            return {.output = checked(reply).value("output", ""),
-                    .prompt = reply.value("prompt", ""),
-                    .result = reply.value("result", -1),
-                    .end = reply.value("end", false)};
+            Reply taken{.output = checked(reply).value("output", ""),
+                        .prompt = reply.value("prompt", ""),
+                        .result = reply.value("result", -1),
+                        .end = reply.value("end", false)};
+            if (reply.contains("wrong_at")) {
+                taken.wrong_at = reply.value("wrong_at", size_t{0});
+            }
+            return taken;
         }
         if (on_message) {
             on_message(reply["monitor"].get<std::string>());

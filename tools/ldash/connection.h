@@ -2,6 +2,7 @@
 #pragma once
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -12,6 +13,9 @@ struct Reply {
     std::string prompt;
     int result = 0;    // 0: done
     bool end = false;  // the switch ends the session with this reply
+    // When the line was no command: the byte at which the wrong word begins, or the end of the line
+    // when something is missing there.
+    std::optional<size_t> wrong_at = {};
 };
 
 class Connection {

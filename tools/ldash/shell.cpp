@@ -2,6 +2,7 @@
 
 #include <histedit.h>
 #include <poll.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +13,8 @@
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+#include "marker.h"
 
 namespace ldash {
 namespace {
@@ -102,6 +105,26 @@ unsigned char complete(EditLine* editor, int) {
         std::printf("  %s\n", word.c_str());
     }
     return CC_REDISPLAY;
+}
+
+size_t columns_of_terminal() {
+    winsize size{};
+    constexpr size_t kUsual = 80;
+    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsual;
+}
+
+// Shows what a line printed. Under a line that is no command a marker shows where it goes wrong,
+// and under one that is not finished stands what could follow.
+void show(Shell& shell, const std::string& line, const Reply& reply) {
+    if (reply.wrong_at) {
+        const size_t at = std::min(*reply.wrong_at, line.size());
+        std::fputs(marker(shell.prompt, line, at, columns_of_terminal()).c_str(), stdout);
+    }
+    std::fputs(reply.output.c_str(), stdout);
+    if (reply.wrong_at && line.find_first_not_of(" \t", *reply.wrong_at) == std::string::npos) {
+        std::fputs(shell.connection.ask("help", line + " ").output.c_str(), stdout);
+    }
+    std::fflush(stdout);
 }
 
 // Waits for a key; shows what the switch has to say meanwhile.
@@ -200,8 +223,7 @@ void run_shell(Connection& connection) {
             history(lines.get(), &event, H_ENTER, line.c_str());
         }
         const Reply reply = connection.ask("exec", line);
-        std::fputs(reply.output.c_str(), stdout);
-        std::fflush(stdout);
+        show(shell, line, reply);
         shell.prompt = reply.prompt;
         if (reply.end) {
             return;

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/ldash/scripted_switch.h"
+#include "tools/ldash/marker.h"
 
 namespace ldash::test {
 namespace {
@@ -191,6 +192,44 @@ TEST_F(ShellTest, LinesAreExecutedAndTheirOutputAndPromptShown) {
     EXPECT_NE(refused.find("\n% Unknown\r\n"), std::string::npos);
     EXPECT_EQ(leave(), (Lines{R"({"exec":"show clock"})", R"({"exec":"configure terminal"})",
                               R"({"exec":"shwo"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, MarkerPointsAtTheWrongWord) {
+    const std::string shown =
+        line("show clokc now",
+             R"({"output":"% Unknown: 'clokc'.\n","prompt":"sw# ","result":-1,"wrong_at":5})");
+    EXPECT_NE(shown.find("\n         ^\r\n% Unknown: 'clokc'.\r\n"), std::string::npos) << shown;
+    EXPECT_EQ(leave(), (Lines{R"({"exec":"show clokc now"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, CommandThatRefusesHasNoMarker) {
+    const std::string shown =
+        line("show clock", R"({"output":"% No clock.\n","prompt":"sw# ","result":1})");
+    EXPECT_EQ(shown.find('^'), std::string::npos) << shown;
+    EXPECT_EQ(leave(), (Lines{R"({"exec":"show clock"})", R"({"exec":"exit"})"}));
+}
+
+TEST_F(ShellTest, IncompleteLineIsFollowedByWhatCouldCompleteIt) {
+    terminal.type("show \n");
+    EXPECT_EQ(peer.request(), R"({"exec":"show "})");
+    peer.say(R"({"output":"% Incomplete.\n","prompt":"sw# ","result":-1,"wrong_at":4})");
+    EXPECT_EQ(peer.request(), R"({"help":"show  "})");
+    peer.say(R"({"output":"  clock  Time\n","prompt":"sw# ","result":0})");
+    const std::string shown = terminal.until("Time\r\nsw# ");
+    EXPECT_NE(shown.find("\n        ^\r\n% Incomplete.\r\n  clock  Time\r\n"), std::string::npos)
+        << shown;
+    EXPECT_EQ(leave(), Lines{R"({"exec":"exit"})"});
+}
+
+TEST(Marker, CountsCharactersAndNotBytes) {
+    EXPECT_EQ(marker("sw# ", "show gr\xc3\xbcn x", 11, 80), "              ^\n");
+    EXPECT_EQ(marker("", "x", 0, 80), "^\n");
+}
+
+TEST(Marker, PointsOnlyIntoTheLastRowOfTheLine) {
+    EXPECT_EQ(marker("sw# ", "show clokc", 5, 10), "");
+    EXPECT_EQ(marker("sw# ", "show clock nwo", 11, 10), "     ^\n");
+    EXPECT_EQ(marker("sw# ", "show", 4, 0), "");
 }
 
 TEST_F(ShellTest, QuestionMarkShowsTheHelpForWhatStandsBeforeTheCursor) {
