@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "connection.h"
+#include "platform/base/config.h"
 #include "shell.h"
 
 namespace {
@@ -30,7 +31,7 @@ constexpr const char* kUsage =
     "Exit status: 0 done, 1 refused, 2 not reachable or wrong usage.\n";
 
 struct Options {
-    std::string socket = "/run/lda/cli.sock";
+    std::string socket = qv::PlatformConfig().cli_socket;
     std::vector<std::string> lines;
 };
 
