@@ -1,12 +1,15 @@
 #include "platform/cli/caller.h"
 
 #include <fcntl.h>
+#include <pwd.h>
 #include <sys/fsuid.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
+#include <memory>
 
 namespace qv::cli {
 namespace {
@@ -56,6 +59,21 @@ class RightsOf {
     bool taken_ = false;
 };
 
+// Asks the file alone: a directory server that does not answer would hold up the loop.
+std::string name_in_passwd(uid_t uid) {
+    const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/etc/passwd", "re"),
+                                                               std::fclose);
+    passwd entry{};
+    passwd* found = nullptr;
+    char bytes[4096];
+    while (file && ::fgetpwent_r(file.get(), &entry, bytes, sizeof bytes, &found) == 0) {
+        if (entry.pw_uid == uid) {
+            return entry.pw_name;
+        }
+    }
+    return {};
+}
+
 int open_here(const std::string& path) {
     // Not to hang on something that is no file.
     return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
@@ -69,18 +87,27 @@ Caller caller_at(int fd) {
     if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &peer, &size) != 0) {
         return {static_cast<uid_t>(-1), static_cast<gid_t>(-1), {}};
     }
+    Caller caller{peer.uid, peer.gid, {}, peer.pid, name_in_passwd(peer.uid)};
     std::vector<gid_t> groups(64);
     for (;;) {
         size = static_cast<socklen_t>(groups.size() * sizeof(gid_t));
         if (::getsockopt(fd, SOL_SOCKET, SO_PEERGROUPS, groups.data(), &size) == 0) {
             groups.resize(size / sizeof(gid_t));
-            return {peer.uid, peer.gid, std::move(groups)};
+            caller.groups = std::move(groups);
+            return caller;
         }
         if (errno != ERANGE || size / sizeof(gid_t) <= groups.size()) {
-            return {peer.uid, peer.gid, {}};
+            return caller;
         }
         groups.resize(size / sizeof(gid_t));
     }
+}
+
+std::string describe(const Caller& caller) {
+    const std::string uid = "uid " + std::to_string(caller.uid);
+    const std::string pid = "pid " + std::to_string(caller.pid);
+    return caller.name.empty() ? uid + " (" + pid + ")"
+                               : caller.name + " (" + uid + ", " + pid + ")";
 }
 
 int open_as(const Caller* caller, const std::string& path) {

@@ -13,10 +13,15 @@ struct Caller {
     uid_t uid;
     gid_t gid;
     std::vector<gid_t> groups;
+    pid_t pid = 0;          // of the process that connected; 0 when it is in a foreign name space
+    std::string name = {};  // in /etc/passwd; empty when the user is not there
 };
 
 // Of a connected Unix stream socket. A caller that the kernel does not know has no rights.
 Caller caller_at(int fd);
+
+// For messages: "root (uid 0, pid 812)", "uid 1234 (pid 812)" without a name.
+std::string describe(const Caller& caller);
 
 // Opens a file for reading with the rights of `caller`, or of the process when it is null. Symbolic
 // links are not followed at the end of the path. -1 with errno: EPERM also when the process cannot

@@ -286,14 +286,14 @@ void ConfigKeeper::note_journal(const std::string& trouble) {
     journal_trouble_ = trouble;
 }
 
-bool ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
+std::string ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
     ConfigSection section;
     const bool noted = sections_.wish(static_cast<uint32_t>(ifx), line, section);
     if (noted) {
         check_journal(write_ahead(section));
         request_save();
     }
-    return noted;
+    return section.port;
 }
 
 void ConfigKeeper::keep_section(ConfigSection section) {

@@ -48,8 +48,9 @@ class ConfigKeeper final : public PortObserver {
     // leaves it without an owner. An empty text when done, else the reason.
     std::string set_admin(uint32_t ifx, bool up, bool by_program);
     // A line for a port that is not there: "no shutdown" is carried out when the port is back.
-    // False for any other line, and for a port that nothing is known of.
-    bool note_wish(uint64_t ifx, std::string_view line);
+    // Returns the name of the port, empty for any other line and for a port that nothing is known
+    // of.
+    std::string note_wish(uint64_t ifx, std::string_view line);
     // Keeps a section for a port that is not there, in place of the one it has.
     void keep_section(ConfigSection section);
     // Forgets what is kept for a port that is not there. False when nothing is.

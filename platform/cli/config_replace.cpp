@@ -13,6 +13,7 @@
 #include "platform/cli/caller.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/config_log.h"
 #include "platform/cli/config_target.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
@@ -204,7 +205,11 @@ int replace_by(const std::string& path, int64_t minutes) {
         unconfirmed().timer =
             platform().loop().after(std::chrono::duration_cast<Duration>(wait), go_back);
     }
-    return put_in_force(*target) ? 0 : 1;
+    const bool done = put_in_force(*target);
+    const std::string line =
+        "configure replace " + path + (minutes > 0 ? " confirm " + std::to_string(minutes) : "");
+    log_entered(*current_session(), line, done ? "" : "some lines refused");
+    return done ? 0 : 1;
 }
 
 int replace(cli_pcdb* pcdb) {
@@ -220,6 +225,7 @@ int confirm(cli_pcdb*) {
         return refuse("Nothing waits to be confirmed.");
     }
     unconfirmed() = {};
+    log_entered(*current_session(), "configure confirm", "");
     return 0;
 }
 

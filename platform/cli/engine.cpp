@@ -10,6 +10,7 @@
 #include "platform/base/guarded.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/config_log.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/hostname_command.h"
 #include "platform/cli/typed_line.h"
@@ -137,17 +138,32 @@ int run_on_range(Command& command, const SessionState& session) {
     return result != 0 ? result : refused;
 }
 
-int run_command(SessionState& session, Command& command) {
+int call_handler(Command& command, const SessionState& session) {
     if (command.pcdb.prefix & CLI_PREFIX_DEFAULT) {
         command.pcdb.prefix |= CLI_PREFIX_NO;  // the default is what "no" leads to
     }
-    if (command.mode != kModeExec) {
-        session.mode = command.mode;  // mode config for its lines in the interface modes
+    return command.mode == kModeRange ? run_on_range(command, session)
+                                      : command.parsed.handler(&command.pcdb);
+}
+
+// Runs a command of a configuration mode. One that does more than move the session is logged with
+// the operator who entered it.
+int run_config_command(SessionState& session, Command& command, std::string_view typed) {
+    session.mode = command.mode;  // mode config for its lines in the interface modes
+    const bool operators = session.caller && changes_configuration(session, command);
+    // The handler may find that the port has gone.
+    const std::string entered = operators ? entered_line(session, squeezed(typed)) : "";
+    const int result = call_handler(command, session);
+    if (operators) {
+        const bool done = result == 0 && g_running->output->empty();
+        const bool range = command.mode == kModeRange;
+        log_entered(session, entered,
+                    done    ? ""
+                    : range ? "refused on at least one port"
+                            : "refused");
     }
-    const int result = command.mode == kModeRange ? run_on_range(command, session)
-                                                  : command.parsed.handler(&command.pcdb);
-    if (!session.privileged) {
-        session.mode = kModeExec;  // "do disable"
+    if (ConfigKeeper* const keeper = config_keeper()) {
+        keeper->request_save();
     }
     return result;
 }
@@ -159,7 +175,9 @@ int run_line(SessionState& session, std::string_view line) {
     if (!ports_are_there(session)) {
         // Not refused: a program would go on taking the port for one that it holds shut, and might
         // hear of the refusal only when the port is back, and up.
-        if (keeper && keeper->note_wish(ifx, squeezed(line))) {
+        const std::string name = keeper ? keeper->note_wish(ifx, squeezed(line)) : "";
+        if (!name.empty()) {
+            log_entered(session, "interface " + name + "; " + squeezed(line), "");
             if (!session.program) {
                 cli_printf("The interface is not there; it will be brought up when it is back.\n");
             }
@@ -181,9 +199,12 @@ int run_line(SessionState& session, std::string_view line) {
         g_running->wrong = command.parsed.wrong.data();
         return -1;
     }
-    result = run_command(session, command);
-    if (configures && keeper) {
-        keeper->request_save();
+    if (configures) {
+        return run_config_command(session, command, line);
+    }
+    result = call_handler(command, session);
+    if (!session.privileged) {
+        session.mode = kModeExec;  // "do disable"
     }
     return result;
 }

@@ -21,6 +21,7 @@ struct SessionState {
     std::string mode = "exec";
     uint64_t ifx = 0;              // mode interface
     std::vector<uint64_t> range;   // mode ifrange, in the order given
+    std::string range_as_typed;    // mode ifrange, for messages
     bool privileged = true;        // false after "disable": only the view commands are there
     bool monitor = false;          // shows system log messages
     bool leaving = false;          // the session ends after this line

@@ -138,6 +138,7 @@ int enter_range(cli_pcdb* pcdb) {
     }
     current_session()->mode = kModeRange;
     current_session()->range = std::move(range);
+    current_session()->range_as_typed = std::move(list);
     return 0;
 }
 

@@ -202,6 +202,13 @@ Command find_command(const SessionState& session, std::string_view line) {
     return further(global, own) && global.parsed.fault != Fault::kUnknownWord ? global : own;
 }
 
+bool changes_configuration(const SessionState& session, const Command& command) {
+    const cli_node* const root = config_commands_root(command.mode);
+    cli_pcdb pcdb = make_context(session, command.mode, command.pcdb.prefix, CLI_FLAG_HELP);
+    cli_walk walk(cli_walk::Purpose::kExecute, &pcdb);
+    return root != nullptr && walk.parse(root, command.line).handler != nullptr;
+}
+
 std::vector<Hint> hints_for(const SessionState& session, std::string_view line) {
     const bool others = takes_other_modes(session);
     if (const auto rest = behind_do(line); others && rest) {
