@@ -2,13 +2,14 @@
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
-#include <ctime>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_file.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
+#include "platform/cli/local_time.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/switch_commands.h"
 
@@ -21,14 +22,6 @@ int show_running(cli_pcdb*) {
     return 0;
 }
 
-std::string local_time(std::time_t seconds) {
-    std::tm local{};
-    localtime_r(&seconds, &local);
-    char text[32] = "";
-    std::strftime(text, sizeof text, "%Y-%m-%d %H:%M:%S", &local);
-    return text;
-}
-
 int show_startup(cli_pcdb*) {
     const std::string& path = config_keeper()->path();
     if (path.empty()) {
@@ -39,7 +32,8 @@ int show_startup(cli_pcdb*) {
     if (!text || ::stat(path.c_str(), &status) != 0) {
         return refuse(path + ": " + std::strerror(errno) + ".");
     }
-    cli_printf("! Last saved %s\n", local_time(status.st_mtime).c_str());
+    const auto saved_at = std::chrono::system_clock::from_time_t(status.st_mtime);
+    cli_printf("! Last saved %s\n", local_time(saved_at).c_str());
     const std::string& trouble = config_keeper()->saver().trouble();
     if (!trouble.empty()) {
         cli_printf("! Changes since then cannot be saved: %s\n", trouble.c_str());

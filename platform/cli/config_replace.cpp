@@ -13,6 +13,7 @@
 #include "platform/cli/caller.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/config_lock.h"
 #include "platform/cli/config_log.h"
 #include "platform/cli/config_target.h"
 #include "platform/cli/engine.h"
@@ -190,6 +191,9 @@ int list(cli_pcdb* pcdb) {
 
 // Without minutes the replacement is final.
 int replace_by(const std::string& path, int64_t minutes) {
+    if (const std::string obstacle = config_lock_refusal(*current_session()); !obstacle.empty()) {
+        return refuse(obstacle);
+    }
     if (unconfirmed().timer) {
         return refuse("The configuration was replaced already and waits for 'configure confirm'.");
     }

@@ -10,6 +10,7 @@
 #include "platform/base/guarded.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/config_lock.h"
 #include "platform/cli/config_log.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/hostname_command.h"
@@ -149,8 +150,12 @@ int call_handler(Command& command, const SessionState& session) {
 // Runs a command of a configuration mode. One that does more than move the session is logged with
 // the operator who entered it.
 int run_config_command(SessionState& session, Command& command, std::string_view typed) {
-    session.mode = command.mode;  // mode config for its lines in the interface modes
     const bool operators = session.caller && changes_configuration(session, command);
+    if (const std::string obstacle = operators ? config_lock_refusal(session) : "";
+        !obstacle.empty()) {
+        return refuse(obstacle);
+    }
+    session.mode = command.mode;  // mode config for its lines in the interface modes
     // The handler may find that the port has gone.
     const std::string entered = operators ? entered_line(session, squeezed(typed)) : "";
     const int result = call_handler(command, session);
@@ -175,7 +180,8 @@ int run_line(SessionState& session, std::string_view line) {
     if (!ports_are_there(session)) {
         // Not refused: a program would go on taking the port for one that it holds shut, and might
         // hear of the refusal only when the port is back, and up.
-        const std::string name = keeper ? keeper->note_wish(ifx, squeezed(line)) : "";
+        const bool may = keeper && config_lock_refusal(session).empty();
+        const std::string name = may ? keeper->note_wish(ifx, squeezed(line)) : "";
         if (!name.empty()) {
             log_entered(session, "interface " + name + "; " + squeezed(line), "");
             if (!session.program) {

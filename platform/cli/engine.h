@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,6 +16,8 @@
 namespace qv::cli {
 
 inline constexpr size_t kMaxLineBytes = 1024;
+
+struct ConfigClaim;
 
 // The state of a session between two lines.
 struct SessionState {
@@ -28,6 +31,8 @@ struct SessionState {
     bool program = false;          // belongs to a program of the switch, not to an operator
     bool from_file = false;        // its lines are those of a configuration file
     std::optional<Caller> caller;  // of an operator's session; empty: the process itself
+    // On the configuration lock, see config_lock.h; null when the session did not take it.
+    std::shared_ptr<ConfigClaim> claim;
 };
 
 struct Result {

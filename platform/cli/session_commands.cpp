@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "platform/cli/command_trees.h"
+#include "platform/cli/config_lock.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/walk.h"
@@ -28,20 +29,45 @@ int leave(cli_pcdb*) {
     return 0;
 }
 
-int enter_config(cli_pcdb*) {
+// Enters mode config unless `obstacle` says why not.
+int enter_config_unless(const std::string& obstacle) {
+    if (!obstacle.empty()) {
+        return refuse(obstacle);
+    }
     current_session()->mode = kModeConfig;
     return 0;
 }
 
+int enter_config(cli_pcdb*) {
+    return enter_config_unless(config_lock_refusal(*current_session()));
+}
+
+int enter_exclusively(cli_pcdb*) {
+    return enter_config_unless(take_config_lock(*current_session()));
+}
+
+int clear_lock(cli_pcdb*) {
+    return clear_config_lock(*current_session()) ? 0
+                                                 : refuse("Nobody has locked the configuration.");
+}
+
+// The lock is for one stay in the configuration modes.
+int leave_config() {
+    release_config_lock(*current_session());
+    current_session()->mode = kModeExec;
+    return 0;
+}
+
 int exit_mode(cli_pcdb* pcdb) {
-    const bool from_config = std::string_view(pcdb->mode) == kModeConfig;
-    current_session()->mode = from_config ? kModeExec : kModeConfig;
+    if (std::string_view(pcdb->mode) == kModeConfig) {
+        return leave_config();
+    }
+    current_session()->mode = kModeConfig;
     return 0;
 }
 
 int end_modes(cli_pcdb*) {
-    current_session()->mode = kModeExec;
-    return 0;
+    return leave_config();
 }
 
 int monitor_on(cli_pcdb*) {
@@ -171,8 +197,16 @@ void register_session_commands() {
     attach(kChainView, keyword("terminal", "Settings of this session", monitor), "terminal");
     attach(kChainExec,
            keyword("configure", "Change the configuration",
-                   keyword("terminal", "By commands", end_of_line(enter_config))),
+                   keyword("terminal", "By commands", end_of_line(enter_config),
+                           keyword("exclusive", "By commands of this session alone",
+                                   end_of_line(enter_exclusively)))),
            "configure terminal");
+    attach(kChainExec,
+           keyword("clear", "Reset",
+                   keyword("configure", "Changing the configuration",
+                           keyword("lock", "Of the session that configures exclusively",
+                                   end_of_line(clear_lock)))),
+           "clear configure lock");
 
     attach(kChainSession, keyword("exit", "Back to the mode before", end_of_line(exit_mode)),
            "exit");

@@ -13,7 +13,7 @@ namespace qv::cli {
 // All of them.
 void register_switch_commands();
 
-void register_session_commands();  // enable, configure terminal, interface, exit, end, terminal
+void register_session_commands();  // enable, configure ..., interface, exit, end, terminal
 void register_config_commands();   // write, show running-config, show startup-config
 void register_replace_commands();  // configure replace, configure confirm
 void register_port_commands();     // shutdown, switchport mode, default interface, show interfaces

@@ -1,11 +1,17 @@
-"""Operators who configure: who changed what."""
+"""Operators who configure: who changed what, and several at the same time."""
 
+import json
 import os
+import pty
 import re
+import signal
+import socket
+import subprocess
+import threading
 
 import pytest
 
-from lab import Lab, wait_for
+from lab import BUILD, Lab, wait_for
 
 
 @pytest.fixture
@@ -13,6 +19,24 @@ def lab():
     with Lab(ports=4, speed=60) as the_lab:
         the_lab.start_agent()
         yield the_lab
+
+
+class Session:
+    """An operator's session on the agent's socket."""
+
+    def __init__(self, lab):
+        self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.socket.connect(str(lab.cli_socket))
+        self.socket.settimeout(60)
+        self.replies = self.socket.makefile("rb")
+
+    def type(self, line):
+        self.socket.sendall(json.dumps({"exec": line}).encode() + b"\n")
+        return json.loads(self.replies.readline())
+
+    def close(self):
+        self.replies.close()
+        self.socket.close()
 
 
 def test_lines_of_operators_are_in_the_log_and_those_of_the_agent_are_not(lab):
@@ -24,3 +48,69 @@ def test_lines_of_operators_are_in_the_log_and_those_of_the_agent_are_not(lab):
     assert all(found), lines
     assert [match[1] for match in found] == ["loop-detect enable shutdown access-mode", "interface swp4; shutdown"]
     assert {match[2] for match in found} == {str(os.geteuid())}
+
+
+def test_lock_of_a_killed_shell_is_free_again(lab):
+    shell = subprocess.Popen([str(BUILD / "tools/ldash/ldash"), "-s", str(lab.cli_socket)], stdin=subprocess.PIPE,
+                             stdout=subprocess.DEVNULL)
+    shell.stdin.write(b"configure exclusive\nloop-detect enable\n")
+    shell.stdin.flush()
+    wait_for(lambda: "loop-detect enable" in lab.cli("show running-config"), 10, "the shell is configuring")
+    refused = lab.ldash("configure terminal", "no loop-detect enable")
+    assert refused.returncode == 1
+    assert re.fullmatch(r"% The configuration is locked by \S+ \(uid \d+, pid %d\) since [-0-9]+ [:0-9]+\.\n" % shell.pid,
+                        refused.stdout + refused.stderr)
+    shell.send_signal(signal.SIGKILL)
+    shell.communicate()
+    wait_for(lambda: lab.cli_status("configure terminal", "no loop-detect enable") == 0, 10, "the lock is free")
+
+
+def test_sessions_that_fight_for_the_lock_never_hold_it_together(lab):
+    holders, most, wins = [], [], []
+
+    def fight(number):
+        session = Session(lab)
+        for _ in range(30):
+            if session.type("configure exclusive")["result"] != 0:
+                continue
+            holders.append(number)
+            most.append(len(holders))
+            done = session.type("loop-detect shutdown-recover-time %d" % (90 + number))
+            assert done["output"] == ""
+            wins.append(number)
+            holders.remove(number)
+            session.type("end")
+        session.close()
+
+    fighters = [threading.Thread(target=fight, args=(number,)) for number in range(8)]
+    for fighter in fighters:
+        fighter.start()
+    for fighter in fighters:
+        fighter.join()
+    assert wins
+    assert set(most) == {1}
+    assert lab.cli_status("configure exclusive") == 0
+
+
+def test_agent_shuts_a_port_while_the_configuration_is_locked(lab):
+    lab.configure("loop-detect enable shutdown access-mode")
+    holder = Session(lab)
+    assert holder.type("configure exclusive")["result"] == 0
+    lab.cli("test loop plug swp1 swp2")
+    wait_for(lambda: lab.cli("show running-config").count("apply shutdown-port") == 2, 10, "both ports are shut")
+    holder.close()
+
+
+def test_shell_at_its_prompt_is_told_that_it_was_idle():
+    with Lab() as lab:
+        text = lab.platform_file.read_text()
+        lab.platform_file.write_text(text.replace("[cli]\n", "[cli]\nidle_timeout = 2\n"))
+        lab.start_agent()
+        master, slave = pty.openpty()
+        shell = subprocess.Popen([str(BUILD / "tools/ldash/ldash"), "-s", str(lab.cli_socket)], stdin=slave,
+                                 stdout=slave, stderr=slave, env={**os.environ, "TERM": "vt100"})
+        os.close(slave)
+        assert shell.wait(60) == 2
+        shown = os.read(master, 65536).decode()
+        os.close(master)
+        assert "ldash: Session closed: it was idle for too long." in shown

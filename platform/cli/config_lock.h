@@ -1,0 +1,29 @@
+// The lock on the configuration that "configure exclusive" takes. Loop thread only.
+//
+// The session that holds the lock owns its claim, so the lock ends with the session however that
+// ends. It binds operators only: lines of programs and those of a replay are never held up.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "platform/cli/engine.h"
+
+namespace qv::cli {
+
+// Gives the session the lock. An empty text when done, else the reason.
+std::string take_config_lock(SessionState& session);
+// Does nothing when the session has no lock.
+void release_config_lock(SessionState& session);
+// Takes the lock away from whoever has it, on behalf of `session`. False when nobody has it.
+bool clear_config_lock(const SessionState& session);
+
+// Why the session may not configure now; empty when it may. A session whose lock was cleared must
+// release it first: what it has begun alone it shall not end among others unawares.
+std::string config_lock_refusal(const SessionState& session);
+
+bool holds_config_lock(const SessionState& session);
+// "root (uid 0, pid 812) since 2026-01-31 14:03:22", empty when nobody holds the lock.
+std::string config_lock_holder();
+
+}  // namespace qv::cli
