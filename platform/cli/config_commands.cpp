@@ -12,6 +12,7 @@
 #include "platform/cli/local_time.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/switch_commands.h"
+#include "platform/cli/timed_return.h"
 
 namespace qv::cli {
 namespace {
@@ -34,6 +35,9 @@ int show_startup(cli_pcdb*) {
     }
     const auto saved_at = std::chrono::system_clock::from_time_t(status.st_mtime);
     cli_printf("! Last saved %s\n", local_time(saved_at).c_str());
+    if (return_pending()) {
+        cli_printf("! Goes back at %s unless 'configure confirm' is typed\n", return_due().c_str());
+    }
     const std::string& trouble = config_keeper()->saver().trouble();
     if (!trouble.empty()) {
         cli_printf("! Changes since then cannot be saved: %s\n", trouble.c_str());

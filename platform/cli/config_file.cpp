@@ -205,7 +205,7 @@ UnsealedConfig unseal_config(std::string_view sealed) {
     return {.text = std::string(whole_lines), .journal = 0, .intact = false};
 }
 
-std::string replace_file(const std::string& path, std::string_view text) {
+std::string replace_file(const std::string& path, std::string_view text, Sync sync) {
     const std::string target = followed(path);
     const std::string fresh = target + ".new";
     ::unlink(fresh.c_str());  // of a process that died while it saved
@@ -214,13 +214,25 @@ std::string replace_file(const std::string& path, std::string_view text) {
         return std::strerror(errno);
     }
     inherit(fd.get(), target);
-    if (!write_all(fd.get(), text) || ::fsync(fd.get()) != 0 || fd.close() != 0 ||
+    const bool wait = sync == Sync::kNow;
+    if (!write_all(fd.get(), text) || (wait && ::fsync(fd.get()) != 0) || fd.close() != 0 ||
         ::rename(fresh.c_str(), target.c_str()) != 0) {
         std::string reason = std::strerror(errno);
         ::unlink(fresh.c_str());
         return reason;
     }
-    return sync_folder_of(target) ? "" : std::strerror(errno);
+    return !wait || sync_folder_of(target) ? "" : std::strerror(errno);
+}
+
+std::string sync_file(const std::string& path) {
+    const std::string target = followed(path);
+    const Descriptor fd(::open(target.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+    const bool synced = fd.get() >= 0 ? ::fsync(fd.get()) == 0 : errno == ENOENT;
+    return synced && sync_folder_of(target) ? "" : std::strerror(errno);
+}
+
+std::string remove_file(const std::string& path) {
+    return ::unlink(path.c_str()) == 0 || errno == ENOENT ? "" : std::strerror(errno);
 }
 
 }  // namespace qv::cli

@@ -49,9 +49,16 @@ struct UnsealedConfig {
 };
 UnsealedConfig unseal_config(std::string_view sealed);
 
-// Replaces the file as a whole or not at all, and waits for the disk. An empty text when done, else
-// the reason. The new file has the mode and the owner of the old one; a symbolic link stays, and
-// the file it leads to is replaced.
-std::string replace_file(const std::string& path, std::string_view text);
+// Whether the disk is waited for. Without that the file survives the process, not a power failure.
+enum class Sync { kNow, kLater };
+
+// Replaces the file as a whole or not at all. An empty text when done, else the reason. The new
+// file has the mode and the owner of the old one; a symbolic link stays, and the file it leads to
+// is replaced.
+std::string replace_file(const std::string& path, std::string_view text, Sync sync = Sync::kNow);
+// Removes a file, which need not exist. An empty text when done, else the reason.
+std::string remove_file(const std::string& path);
+// Waits until a file, or that it is gone, is on the disk. An empty text when done, else the reason.
+std::string sync_file(const std::string& path);
 
 }  // namespace qv::cli

@@ -12,6 +12,7 @@
 #include "platform/cli/config_replay.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/cli/timed_return.h"
 #include "platform/client/platform.h"
 #include "qv/bridge.h"
 #include "qv/syslog.h"
@@ -137,6 +138,7 @@ void ConfigKeeper::announce() {
         replayed_ = true;
         saver_.allow_unasked(may_be_replaced_);
         end_replay();
+        resume_timed_return();
     });
 }
 

@@ -51,6 +51,8 @@ class ConfigKeeper final : public PortObserver {
     // Returns the name of the port, empty for any other line and for a port that nothing is known
     // of.
     std::string note_wish(uint64_t ifx, std::string_view line);
+    // Whose the shutdown of a port is.
+    ShutBy shut_by(uint32_t ifx) const { return sections_.shut_by(ifx); }
     // Keeps a section for a port that is not there, in place of the one it has.
     void keep_section(ConfigSection section);
     // Forgets what is kept for a port that is not there. False when nothing is.

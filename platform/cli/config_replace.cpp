@@ -1,10 +1,10 @@
 // "configure replace" and "configure confirm".
 //
 // The file is read with the rights of the user who asks, and checked to its last line, before
-// anything happens. Then the difference is executed: what is missing is typed, and what is too many
-// is taken back. With "confirm MINUTES" the configuration before is kept as text and put in force
-// again, in the same way, unless somebody confirms in time. It is kept in memory only: an agent
-// that is restarted meanwhile stays with what it has saved.
+// anything changes. Then the difference is executed: missing lines are typed, superfluous ones are
+// taken back. With "confirm MINUTES" a timed return to the configuration before is armed first.
+#include "platform/cli/config_replace.h"
+
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -15,27 +15,13 @@
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/config_lock.h"
 #include "platform/cli/config_log.h"
-#include "platform/cli/config_target.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
+#include "platform/cli/timed_return.h"
 #include "platform/client/platform.h"
-#include "qv/syslog.h"
 
 namespace qv::cli {
 namespace {
-
-constexpr int64_t kMaxConfirmMinutes = 1440;
-
-// A replacement that waits for "configure confirm".
-struct Unconfirmed {
-    ConfigSections before;
-    EventLoop::Handle timer;  // empty: nothing waits
-};
-
-Unconfirmed& unconfirmed() {
-    static Unconfirmed& instance = *new Unconfirmed;
-    return instance;
-}
 
 // The session in which the lines of a section run; false when its port does not exist.
 bool enter(const std::string& port, SessionState& session) {
@@ -134,31 +120,6 @@ bool remove_superfluous(const std::string& port, const ConfigSections& current,
     return done;
 }
 
-// False when a line was refused; the reason was printed.
-bool put_in_force(const ConfigSections& target) {
-    bool done = true;
-    const ConfigSections before = current_config();
-    for (const ConfigSection& section : target) {
-        done = add_missing(section, before) && done;
-    }
-    // Generated again: a new line often takes an old one's place by itself.
-    const ConfigSections after = current_config();
-    for (const ConfigSection& section : after) {
-        done = remove_superfluous(section.port, after, target) && done;
-    }
-    return done;
-}
-
-void go_back() {
-    const ConfigSections before = std::move(unconfirmed().before);
-    unconfirmed() = {};
-    const bool done = put_in_force(before);
-    printk_syslog_ext(
-        SYSLOG_SEVERITY_WARNING, "CLI", "REPLACE",
-        "The replaced configuration was not confirmed in time: the one before is back%s.",
-        done ? "" : ", but some of its lines were refused");
-}
-
 // The file's configuration, or nothing when it was refused.
 std::optional<ConfigSections> read_target(const std::string& path) {
     const std::optional<Caller>& caller = current_session()->caller;
@@ -191,28 +152,29 @@ int list(cli_pcdb* pcdb) {
 
 // Without minutes the replacement is final.
 int replace_by(const std::string& path, int64_t minutes) {
-    if (const std::string obstacle = config_lock_refusal(*current_session()); !obstacle.empty()) {
-        return refuse(obstacle);
+    const SessionState& session = *current_session();
+    std::string obstacle = config_lock_refusal(session);
+    if (obstacle.empty() && return_pending()) {
+        obstacle = "The configuration goes back at " + return_due() +
+                   " unless 'configure confirm' is typed: it cannot be replaced before.";
     }
-    if (unconfirmed().timer) {
-        return refuse("The configuration was replaced already and waits for 'configure confirm'.");
+    if (!obstacle.empty()) {
+        return refuse(obstacle);
     }
     const std::optional<ConfigSections> target = read_target(path);
     if (!target) {
         return 1;
     }
+    std::string line = "configure replace " + path;
     if (minutes > 0) {
-        // Operators live in real time, whatever the speed of a simulated switch's clock.
-        const std::chrono::duration<double, std::ratio<60>> wait(static_cast<double>(minutes) *
-                                                                 platform().config().speed);
-        unconfirmed().before = current_config();
-        unconfirmed().timer =
-            platform().loop().after(std::chrono::duration_cast<Duration>(wait), go_back);
+        line += " confirm " + std::to_string(minutes);
+        obstacle = begin_timed_return(minutes);
+    }
+    if (!obstacle.empty()) {
+        return refuse(obstacle);
     }
     const bool done = put_in_force(*target);
-    const std::string line =
-        "configure replace " + path + (minutes > 0 ? " confirm " + std::to_string(minutes) : "");
-    log_entered(*current_session(), line, done ? "" : "some lines refused");
+    log_entered(session, line, done ? "" : "some lines refused");
     return done ? 0 : 1;
 }
 
@@ -224,20 +186,44 @@ int replace_for_now(cli_pcdb* pcdb) {
     return replace_by(pcdb->word[0], pcdb->number[0]);
 }
 
+std::string unsafe(const std::string& reason) {
+    return "Confirmed, but a restart would still go back: " + reason + ".";
+}
+
 int confirm(cli_pcdb*) {
-    if (!unconfirmed().timer) {
+    if (!return_pending()) {
         return refuse("Nothing waits to be confirmed.");
     }
-    unconfirmed() = {};
     log_entered(*current_session(), "configure confirm", "");
-    return 0;
+    if (Completion answer = defer()) {
+        cancel_timed_return([answer](const std::string& reason) {
+            answer(reason.empty() ? Result{0, ""} : Result{1, "% " + unsafe(reason) + "\n"});
+        });
+        return 0;
+    }
+    const std::string reason = cancel_timed_return_here();
+    return reason.empty() ? 0 : refuse(unsafe(reason));
 }
 
 }  // namespace
 
+bool put_in_force(const ConfigSections& target) {
+    bool done = true;
+    const ConfigSections before = current_config();
+    for (const ConfigSection& section : target) {
+        done = add_missing(section, before) && done;
+    }
+    // Generated again: a new line often takes an old one's place by itself.
+    const ConfigSections after = current_config();
+    for (const ConfigSection& section : after) {
+        done = remove_superfluous(section.port, after, target) && done;
+    }
+    return done;
+}
+
 void register_replace_commands() {
     const cli_node* minutes = number("Minutes until the configuration before is back", 1,
-                                     kMaxConfirmMinutes, end_of_line(replace_for_now));
+                                     kMaxReturnMinutes, end_of_line(replace_for_now));
     const cli_node* how = keyword(
         "list", "Show the difference and change nothing", end_of_line(list),
         keyword("confirm", "Go back unless it is confirmed", minutes, end_of_line(replace)));

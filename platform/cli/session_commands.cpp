@@ -6,8 +6,10 @@
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_lock.h"
+#include "platform/cli/config_log.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
+#include "platform/cli/timed_return.h"
 #include "platform/cli/walk.h"
 #include "platform/client/platform.h"
 
@@ -44,6 +46,16 @@ int enter_config(cli_pcdb*) {
 
 int enter_exclusively(cli_pcdb*) {
     return enter_config_unless(take_config_lock(*current_session()));
+}
+
+int enter_on_trial(cli_pcdb* pcdb) {
+    const int64_t minutes = pcdb->number[0];
+    std::string obstacle = config_lock_refusal(*current_session());
+    obstacle = obstacle.empty() ? begin_timed_return(minutes) : obstacle;
+    if (obstacle.empty()) {
+        log_entered(*current_session(), "configure terminal revert " + std::to_string(minutes), "");
+    }
+    return enter_config_unless(obstacle);
 }
 
 int clear_lock(cli_pcdb*) {
@@ -195,9 +207,13 @@ void register_session_commands() {
             "no", "Not any more",
             keyword("monitor", "System log messages on this session", end_of_line(monitor_off))));
     attach(kChainView, keyword("terminal", "Settings of this session", monitor), "terminal");
+    const cli_node* minutes = number("Minutes until the configuration before is back", 1,
+                                     kMaxReturnMinutes, end_of_line(enter_on_trial));
+    const cli_node* terminal =
+        keyword("revert", "Go back unless it is confirmed", minutes, end_of_line(enter_config));
     attach(kChainExec,
            keyword("configure", "Change the configuration",
-                   keyword("terminal", "By commands", end_of_line(enter_config),
+                   keyword("terminal", "By commands", terminal,
                            keyword("exclusive", "By commands of this session alone",
                                    end_of_line(enter_exclusively)))),
            "configure terminal");

@@ -1,4 +1,4 @@
-"""Operators who configure: who changed what, and several at the same time."""
+"""Operators who configure at the same time, on trial, or on an agent that dies."""
 
 import json
 import os
@@ -8,6 +8,8 @@ import signal
 import socket
 import subprocess
 import threading
+import time
+import zlib
 
 import pytest
 
@@ -37,6 +39,17 @@ class Session:
     def close(self):
         self.replies.close()
         self.socket.close()
+
+
+def return_file(lab):
+    return lab.startup_config.with_name(lab.startup_config.name + ".return")
+
+
+def make_overdue(path):
+    """Rewrites a kept configuration as if it had been due in 1970."""
+    text = re.sub(rb"\A! return \d+ ", b"! return 1 ", path.read_bytes())
+    body = text[:text.rindex(b"! checksum ")]
+    path.write_bytes(body + b"! checksum %08x\n" % zlib.crc32(body))
 
 
 def test_lines_of_operators_are_in_the_log_and_those_of_the_agent_are_not(lab):
@@ -99,6 +112,49 @@ def test_agent_shuts_a_port_while_the_configuration_is_locked(lab):
     lab.cli("test loop plug swp1 swp2")
     wait_for(lambda: lab.cli("show running-config").count("apply shutdown-port") == 2, 10, "both ports are shut")
     holder.close()
+
+
+def test_agent_killed_during_a_trial_goes_back_after_the_restart(lab):
+    lab.configure("loop-detect shutdown-recover-time 90")
+    wait_for(lambda: "recover-time 90" in lab.saved(), 10, "the configuration before is saved")
+    lab.cli("configure terminal revert 60", "loop-detect enable", "interface swp3", "shutdown")
+    wait_for(lambda: "loop-detect enable" in lab.saved() and " shutdown" in lab.saved(), 10, "the trial is saved")
+    lab.kill_agent()
+
+    lab.start_agent()
+    wait_for(lambda: "was not confirmed before the restart: it goes back at" in lab.log(), 10, "the return is pending")
+    running = lab.cli("show running-config")
+    assert "loop-detect enable" in running
+    assert " shutdown" in running
+    lab.kill_agent()
+
+    make_overdue(return_file(lab))
+    lab.start_agent()
+    wait_for(lambda: "loop-detect enable" not in lab.cli("show running-config"), 30, "the configuration is back")
+    wait_for(lambda: not return_file(lab).exists(), 10, "the return is over")
+    assert "loop-detect enable" not in lab.saved()
+    assert " shutdown" not in lab.saved()
+    assert "recover-time 90" in lab.saved()
+    assert "was not confirmed in time: the one before is back." in lab.log()
+
+
+def test_confirmed_trial_survives_a_kill_at_once(lab):
+    lab.cli("configure terminal revert 60", "loop-detect enable", "end", "configure confirm")
+    assert not return_file(lab).exists()
+    wait_for(lambda: "loop-detect enable" in lab.saved(), 10, "the configuration is saved")
+    lab.kill_agent()
+    lab.start_agent()
+    wait_for(lambda: "loop-detect enable" in lab.cli("show running-config"), 10, "it is in force again")
+    assert "goes back" not in lab.log()
+
+
+@pytest.mark.patient
+def test_trial_goes_back_after_a_real_minute_although_its_shell_has_left(lab):
+    begun = time.monotonic()
+    lab.cli("configure terminal revert 1", "loop-detect enable")
+    assert "loop-detect enable" in lab.cli("show running-config")
+    wait_for(lambda: "loop-detect enable" not in lab.cli("show running-config"), 120, "the configuration is back")
+    assert time.monotonic() - begun > 55
 
 
 def test_shell_at_its_prompt_is_told_that_it_was_idle():

@@ -44,6 +44,7 @@ TEST_F(ConfigLock, KeepsOtherOperatorsOutAndNamesTheHolder) {
     bob.type("end");
     EXPECT_TRUE(says_locked_by_ann(bob.type("configure terminal")));
     EXPECT_TRUE(says_locked_by_ann(bob.type("configure exclusive")));
+    EXPECT_TRUE(says_locked_by_ann(bob.type("configure terminal revert 5")));
     EXPECT_TRUE(says_locked_by_ann(bob.type("configure replace /nowhere")));
     EXPECT_EQ(qv::cli::prompt(bob.state), "lda# ");
     EXPECT_EQ(bob.type("configure confirm"), "% Nothing waits to be confirmed.\n");

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <regex>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -229,8 +230,7 @@ TEST_F(Replace, GoesBackUnlessItIsConfirmedInTime) {
     EXPECT_FALSE(rig.model.find(101U)->admin_up);
     EXPECT_EQ(running(), before);
     EXPECT_EQ(log(),
-              "CLI-4-REPLACE: The replaced configuration was not confirmed in time: the one before "
-              "is back.");
+              "CLI-4-REVERT: The configuration was not confirmed in time: the one before is back.");
     EXPECT_EQ(rig.type("configure confirm"), "% Nothing waits to be confirmed.\n");
     EXPECT_EQ(replace("end\n"), "") << "nothing waits any more";
 }
@@ -238,10 +238,11 @@ TEST_F(Replace, GoesBackUnlessItIsConfirmedInTime) {
 TEST_F(Replace, StaysWhenItIsConfirmed) {
     configure({"interface swp1", "shutdown"});
     EXPECT_EQ(replace("end\n", " confirm 1440"), "");
-    const std::string busy =
-        "% The configuration was replaced already and waits for 'configure confirm'.\n";
-    EXPECT_EQ(replace("end\n"), busy);
-    EXPECT_EQ(replace("end\n", " confirm 1"), busy);
+    const std::regex busy(
+        R"(% The configuration goes back at \d{4}-\d\d-\d\d \d\d:\d\d:\d\d unless )"
+        R"('configure confirm' is typed: it cannot be replaced before\.\n)");
+    EXPECT_TRUE(std::regex_match(replace("end\n"), busy));
+    EXPECT_TRUE(std::regex_match(replace("end\n", " confirm 1"), busy));
     EXPECT_EQ(rig.type("configure confirm"), "");
     EXPECT_EQ(rig.code, 0);
     rig.platform.run_for(25h);
@@ -266,8 +267,8 @@ TEST_F(Replace, GoingBackTellsThatSomeOfItsLinesWereRefused) {
     rig.hardware.refusal = "the port is burnt";
     rig.platform.run_for(1min);
     EXPECT_EQ(log(),
-              "CLI-4-REPLACE: The replaced configuration was not confirmed in time: the one before "
-              "is back, but some of its lines were refused.");
+              "CLI-4-REVERT: The configuration was not confirmed in time: the one before is back, "
+              "but some of its lines were refused.");
 }
 
 TEST_F(Replace, GoesOnAfterARefusedLineAndSaysSoInTheEnd) {

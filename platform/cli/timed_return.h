@@ -1,0 +1,29 @@
+// Configuring on trial: the configuration goes back by itself unless somebody confirms the new one
+// in time ("configure terminal revert", "configure replace FILE confirm"). Loop thread only.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+
+namespace qv::cli {
+
+inline constexpr int64_t kMaxReturnMinutes = 1440;
+
+// Keeps the present configuration, to go back to it after `minutes` of real time. One return at a
+// time. An empty text when done, else the reason.
+std::string begin_timed_return(int64_t minutes);
+// What is in force stays. `done` gets an empty text once that is on the disk, or the reason why a
+// restart would still go back.
+void cancel_timed_return(std::function<void(const std::string& reason)> done);
+// The same for a caller that cannot wait: on this thread.
+std::string cancel_timed_return_here();
+// Once, after the replay of the saved configuration: takes up a return that was pending when the
+// process before this one ended.
+void resume_timed_return();
+
+bool return_pending();
+// "2026-01-31 14:30:12", when the pending return is due.
+std::string return_due();
+
+}  // namespace qv::cli
