@@ -4,12 +4,14 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <nlohmann/json.hpp>
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_file.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/local_time.h"
+#include "platform/cli/output_filter.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/timed_return.h"
@@ -17,9 +19,35 @@
 namespace qv::cli {
 namespace {
 
+using Json = nlohmann::ordered_json;
+
+// A configuration with its lines under "global", and under "interfaces" for each port.
+Json config_as_json(std::string_view text) {
+    Json config{{"global", Json::array()}, {"interfaces", Json::array()}};
+    for (const ConfigSection& section : parse_config(text)) {
+        Json lines = Json::array();
+        for (const ConfigLine& line : section.lines) {
+            lines.push_back(line.text);
+        }
+        if (section.port.empty()) {
+            config["global"].insert(config["global"].end(), lines.begin(), lines.end());
+        } else {
+            config["interfaces"].push_back({{"name", section.port}, {"lines", lines}});
+        }
+    }
+    return config;
+}
+
+void print_config_text(const std::string& text) {
+    if (json_wanted()) {
+        print_json(config_as_json(text));
+    } else {
+        cli_printf("%s", text.c_str());
+    }
+}
+
 int show_running(cli_pcdb*) {
-    cli_printf("%s%s", generate_config(ConfigPurpose::kShow).c_str(),
-               config_keeper()->absent_ports().c_str());
+    print_config_text(generate_config(ConfigPurpose::kShow) + config_keeper()->absent_ports());
     return 0;
 }
 
@@ -34,16 +62,25 @@ int show_startup(cli_pcdb*) {
         return refuse(path + ": " + std::strerror(errno) + ".");
     }
     const auto saved_at = std::chrono::system_clock::from_time_t(status.st_mtime);
+    const std::string& trouble = config_keeper()->saver().trouble();
+    const UnsealedConfig saved = unseal_config(*text);
+    const std::string& shown = saved.intact ? saved.text : *text;
+    if (json_wanted()) {
+        Json answer{{"saved", local_time(saved_at)},
+                    {"goes_back", return_pending() ? Json(return_due()) : Json()},
+                    {"trouble", trouble.empty() ? Json() : Json(trouble)}};
+        answer.update(config_as_json(shown));
+        print_json(answer);
+        return 0;
+    }
     cli_printf("! Last saved %s\n", local_time(saved_at).c_str());
     if (return_pending()) {
         cli_printf("! Goes back at %s unless 'configure confirm' is typed\n", return_due().c_str());
     }
-    const std::string& trouble = config_keeper()->saver().trouble();
     if (!trouble.empty()) {
         cli_printf("! Changes since then cannot be saved: %s\n", trouble.c_str());
     }
-    const UnsealedConfig saved = unseal_config(*text);
-    cli_printf("%s", saved.intact ? saved.text.c_str() : text->c_str());
+    cli_printf("%s", shown.c_str());
     return 0;
 }
 

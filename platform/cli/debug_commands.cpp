@@ -2,12 +2,14 @@
 #include <cstring>
 #include <ctime>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 
 #include "platform/base/guarded.h"
 #include "platform/base/message_log.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
+#include "platform/cli/output_filter.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/walk.h"
 
@@ -49,7 +51,19 @@ int show_switches(cli_pcdb*) {
     return 0;
 }
 
+void print_log_as_json() {
+    nlohmann::ordered_json messages = nlohmann::ordered_json::array();
+    for (const LoggedMessage& message : recent_log()) {
+        messages.push_back({{"time", wall_time_text(message.time)}, {"message", message.text}});
+    }
+    print_json(messages);
+}
+
 int show_log(cli_pcdb*) {
+    if (json_wanted()) {
+        print_log_as_json();
+        return 0;
+    }
     for (const LoggedMessage& message : recent_log()) {
         const std::time_t seconds = std::chrono::system_clock::to_time_t(message.time);
         std::tm local{};
@@ -62,6 +76,10 @@ int show_log(cli_pcdb*) {
 }
 
 int show_version(cli_pcdb*) {
+    if (json_wanted()) {
+        print_json({{"program", "lda"}, {"version", LDA_VERSION}});
+        return 0;
+    }
     cli_printf("lda %s\n", LDA_VERSION);
     return 0;
 }

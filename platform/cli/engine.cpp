@@ -14,7 +14,9 @@
 #include "platform/cli/config_log.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/hostname_command.h"
+#include "platform/cli/output_filter.h"
 #include "platform/cli/typed_line.h"
+#include "platform/cli/walk.h"
 #include "platform/client/platform.h"
 
 namespace qv::cli {
@@ -215,14 +217,50 @@ int run_line(SessionState& session, std::string_view line) {
     return result;
 }
 
+// Has `answer` take what the filter leaves of the output.
+Completion filtered(std::shared_ptr<OutputFilter> filter, Completion answer) {
+    return [filter = std::move(filter), answer = std::move(answer)](Result result) {
+        apply(*filter, result.code, result.output);
+        answer(std::move(result));
+    };
+}
+
+// Runs a line that may have a filter behind it; output goes to `result`.
+void run_filtered(SessionState& session, std::string_view line, Completion* answer,
+                  Result& result) {
+    const FilteredLine parts = take_filter(line);
+    if (!parts.error.empty()) {
+        cli_printf("%s\n", parts.error.c_str());
+        result.code = -1;
+        return;
+    }
+    const FilterScope scope(parts.filter.get());
+    if (parts.filter && answer) {
+        *answer = filtered(parts.filter, std::move(*answer));
+    }
+    result.code = run_line(session, parts.command);
+    if (parts.filter && !answer) {
+        apply(*parts.filter, result.code, result.output);
+    }
+}
+
 // Nothing for a line that could not be executed either.
 std::vector<Hint> safe_hints(SessionState& session, std::string_view line) {
+    if (std::optional<std::vector<Hint>> hints = filter_hints(line)) {
+        return std::move(*hints);
+    }
     std::string unused;
     const RunningScope scope(session, unused);
     if (line.size() > kMaxLineBytes || has_control_byte(line) || !ports_are_there(session)) {
         return {};
     }
-    return hints_for(session, line);
+    std::vector<Hint> hints = hints_for(session, line);
+    const bool complete = std::any_of(hints.begin(), hints.end(),
+                                      [](const Hint& hint) { return hint.word == "<cr>"; });
+    if (complete && takes_filter(line)) {
+        hints.push_back({"|", "Filter the output", false});
+    }
+    return hints;
 }
 
 // Empties `answer` when the command defers its answer.
@@ -240,7 +278,7 @@ Result execute_now(SessionState& session, std::string_view line, Completion* ans
         cli_printf("%% Line contains control characters.\n");
         result.code = -1;
     } else if (!line.empty() && line.front() != '!') {
-        result.code = run_line(session, line);
+        run_filtered(session, line, answer, result);
     }
     if (const char* const wrong = scope.running().wrong) {
         result.wrong_at = static_cast<size_t>(wrong - start);

@@ -1,12 +1,17 @@
 #include "platform/cli/notification_commands.h"
 
+#include <nlohmann/json.hpp>
+
 #include "platform/base/system_log.h"
+#include "platform/cli/output_filter.h"
 #include "platform/client/notification_ring.h"
 #include "qv/cli.h"
 #include "qv/netconf.h"
 
 namespace qv {
 namespace {
+
+using Json = nlohmann::ordered_json;
 
 void print_leaf(const SentLeaf& leaf) {
     if (leaf.type == NC_LIB_TYPE_INT32) {
@@ -16,8 +21,29 @@ void print_leaf(const SentLeaf& leaf) {
     }
 }
 
+// Signed leaves are kept as the bits of their value.
+Json value_of(const SentLeaf& leaf) {
+    return leaf.type == NC_LIB_TYPE_INT32 ? Json(static_cast<int>(leaf.value)) : Json(leaf.value);
+}
+
+void print_as_json(const std::vector<SentNotification>& notifications) {
+    Json answer = Json::array();
+    for (const SentNotification& notification : notifications) {
+        Json leaves = Json::array();
+        for (const SentLeaf& leaf : notification.leaves) {
+            leaves.push_back({{"path", leaf.path}, {"value", value_of(leaf)}});
+        }
+        answer.push_back({{"time", wall_time_text(notification.time)}, {"leaves", leaves}});
+    }
+    cli::print_json(answer);
+}
+
 int show_notifications(cli_pcdb*) {
     const std::vector<SentNotification> notifications = recent_notifications();
+    if (cli::json_wanted()) {
+        print_as_json(notifications);
+        return 0;
+    }
     if (notifications.empty()) {
         cli_printf("No notification has been sent.\n");
         return 0;

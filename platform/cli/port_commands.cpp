@@ -3,12 +3,15 @@
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
+#include "platform/cli/table.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/platform.h"
 #include "qv/bridge.h"
 
 namespace qv::cli {
 namespace {
+
+using Json = nlohmann::ordered_json;
 
 const Port* port_of(const cli_pcdb* pcdb) {
     return platform().ports().find(static_cast<uint32_t>(pcdb->ifx));
@@ -90,16 +93,24 @@ const char* mode_name(uint32_t mode) {
     return mode == SWPORT_MODE_HYBRID ? "hybrid" : "none";
 }
 
+const char* up_or_down(bool up) {
+    return up ? "up" : "down";
+}
+
 int show_status(cli_pcdb*) {
     const PortModel& ports = platform().ports();
-    cli_printf("%-16s %-8s %-6s %-5s %-7s %s\n", "Port", "Index", "Admin", "Link", "Mode",
-               "Aggregate");
+    Table table({{"port", "Port", 16},
+                 {"index", "Index", 8},
+                 {"admin", "Admin", 6},
+                 {"link", "Link", 5},
+                 {"mode", "Mode", 7},
+                 {"aggregate", "Aggregate", 0}});
     for (const auto& [ifx, port] : ports.ports()) {
         const Port* aggregate = port.aggregate != 0 ? ports.find(port.aggregate) : nullptr;
-        cli_printf("%-16s %-8u %-6s %-5s %-7s %s\n", port.name.c_str(), ifx,
-                   port.admin_up ? "up" : "down", port.oper_up ? "up" : "down",
-                   mode_name(port.mode), aggregate ? aggregate->name.c_str() : "-");
+        table.add({port.name, ifx, up_or_down(port.admin_up), up_or_down(port.oper_up),
+                   mode_name(port.mode), aggregate ? Json(aggregate->name) : Json()});
     }
+    table.print();
     return 0;
 }
 

@@ -1,0 +1,31 @@
+// What a show command prints row by row: a table of text, or JSON behind "| json". Loop thread
+// only.
+#pragma once
+
+#include <nlohmann/json.hpp>
+#include <vector>
+
+namespace qv::cli {
+
+struct Column {
+    const char* key;      // in JSON
+    const char* heading;  // in text
+    int width;            // in text, at least
+};
+
+class Table {
+ public:
+    explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
+
+    // One cell for each column: texts, numbers, or null for what does not apply, "-" in text.
+    void add(std::vector<nlohmann::ordered_json> cells) { rows_.push_back(std::move(cells)); }
+
+    // Headings and rows, or a JSON array with an object for each row.
+    void print() const;
+
+ private:
+    const std::vector<Column> columns_;
+    std::vector<std::vector<nlohmann::ordered_json>> rows_;
+};
+
+}  // namespace qv::cli
