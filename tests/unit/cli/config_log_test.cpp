@@ -90,11 +90,19 @@ TEST_F(ConfigLog, EscapesBytesThatCouldDisguiseALine) {
 }
 
 TEST_F(ConfigLog, LongLineLeavesRoomForItsUser) {
+    using namespace qv::cli;
+    const cli_node* words = end_of_line([](cli_pcdb*) { return 0; });
+    std::string typed = "words";
+    for (int n = 0; n < 4; ++n) {
+        words = any_word("WORD", "", words);
+        typed += " " + std::string(CLI_WORD_BYTES - 1, '\x80');
+    }
+    attach(CLI_CHAIN_CONFIG, keyword("words", "", words), "words");
     ann.type("configure terminal");
-    EXPECT_EQ(ann.type("note " + std::string(1000, '\x80')), "");
+    EXPECT_EQ(ann.type(typed), "");
     ASSERT_EQ(log().size(), 1U);
     const std::string line = log().front();
-    EXPECT_TRUE(line.starts_with("CLI-6-CONFIG: \"note \\x80\\x80"));
+    EXPECT_TRUE(line.starts_with("CLI-6-CONFIG: \"words \\x80\\x80"));
     EXPECT_TRUE(line.ends_with("...\" by ann (uid 1234, pid 812)")) << line;
 }
 
