@@ -71,7 +71,7 @@ def test_lock_of_a_killed_shell_is_free_again(lab):
     wait_for(lambda: "loop-detect enable" in lab.cli("show running-config"), 10, "the shell is configuring")
     refused = lab.ldash("configure terminal", "no loop-detect enable")
     assert refused.returncode == 1
-    assert re.fullmatch(r"% The configuration is locked by \S+ \(uid \d+, pid %d\) since [-0-9]+ [:0-9]+\.\n" % shell.pid,
+    assert re.fullmatch(r"%% The configuration is locked by \S+ \(uid \d+, pid %d\) since [-0-9]+ [:0-9]+\.\n" % shell.pid,
                         refused.stdout + refused.stderr)
     shell.send_signal(signal.SIGKILL)
     shell.communicate()
@@ -118,14 +118,14 @@ def test_agent_killed_during_a_trial_goes_back_after_the_restart(lab):
     lab.configure("loop-detect shutdown-recover-time 90")
     wait_for(lambda: "recover-time 90" in lab.saved(), 10, "the configuration before is saved")
     lab.cli("configure terminal revert 60", "loop-detect enable", "interface swp3", "shutdown")
-    wait_for(lambda: "loop-detect enable" in lab.saved() and " shutdown" in lab.saved(), 10, "the trial is saved")
+    wait_for(lambda: "loop-detect enable" in lab.saved() and "\n shutdown\n" in lab.saved(), 10, "the trial is saved")
     lab.kill_agent()
 
     lab.start_agent()
     wait_for(lambda: "was not confirmed before the restart: it goes back at" in lab.log(), 10, "the return is pending")
     running = lab.cli("show running-config")
     assert "loop-detect enable" in running
-    assert " shutdown" in running
+    assert "\n shutdown\n" in running
     lab.kill_agent()
 
     make_overdue(return_file(lab))
@@ -133,7 +133,7 @@ def test_agent_killed_during_a_trial_goes_back_after_the_restart(lab):
     wait_for(lambda: "loop-detect enable" not in lab.cli("show running-config"), 30, "the configuration is back")
     wait_for(lambda: not return_file(lab).exists(), 10, "the return is over")
     assert "loop-detect enable" not in lab.saved()
-    assert " shutdown" not in lab.saved()
+    assert "\n shutdown\n" not in lab.saved()
     assert "recover-time 90" in lab.saved()
     assert "was not confirmed in time: the one before is back." in lab.log()
 
