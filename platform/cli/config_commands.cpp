@@ -46,9 +46,25 @@ void print_config_text(const std::string& text) {
     }
 }
 
+std::string running_config() {
+    return generate_config(ConfigPurpose::kShow) + config_keeper()->absent_ports();
+}
+
 int show_running(cli_pcdb*) {
-    print_config_text(generate_config(ConfigPurpose::kShow) + config_keeper()->absent_ports());
+    print_config_text(running_config());
     return 0;
+}
+
+// Also for a port that is not there, as long as its section is kept.
+int show_running_port(cli_pcdb* pcdb) {
+    const std::string name = pcdb->word[0];
+    for (const ConfigSection& section : parse_config(running_config())) {
+        if (section.port == name) {
+            print_config_text(section_text(section));
+            return 0;
+        }
+    }
+    return refuse("Unknown interface: '" + name + "'.");
 }
 
 int show_startup(cli_pcdb*) {
@@ -103,7 +119,10 @@ int write_running(cli_pcdb*) {
 
 void register_config_commands() {
     attach(CLI_CHAIN_SHOW,
-           keyword("running-config", "The configuration in force", end_of_line(show_running)),
+           keyword("running-config", "The configuration in force",
+                   keyword("interface", "Of one interface",
+                           custom(port_name_action, end_of_line(show_running_port)),
+                           end_of_line(show_running))),
            "show running-config");
     attach(CLI_CHAIN_SHOW,
            keyword("startup-config", "The saved configuration", end_of_line(show_startup)),

@@ -211,6 +211,26 @@ TEST_F(SwitchCommands, InterfaceStatesAreShown) {
               "swp4             104      up     up    access  -\n");
 }
 
+TEST_F(SwitchCommands, SectionOfOnePortIsShown) {
+    configure({"tarn enable", "interface swp1", "shutdown", "interface swp2",
+               "switchport mode trunk", "shutdown"});
+    EXPECT_EQ(from_exec({"show running-config interface swp2"}),
+              "interface swp2\n switchport mode trunk\n shutdown\n!\n");
+    EXPECT_EQ(from_exec({"show running-config interface swp3"}), "interface swp3\n!\n");
+    EXPECT_EQ(from_exec({"show running-config interface swp2 | json"}),
+              R"({"global":[],"interfaces":[{"name":"swp2",)"
+              R"("lines":["switchport mode trunk","shutdown"]}]})"
+              "\n");
+    EXPECT_EQ(from_exec({"show running-config interface swp9"}), "% Unknown interface: 'swp9'.\n");
+}
+
+TEST_F(SwitchCommands, SectionOfAPortThatHasLeftIsShown) {
+    configure({"interface swp1", "shutdown"});
+    rig.announce_ready();
+    rig.hardware.remove(101);
+    EXPECT_EQ(from_exec({"show running-config interface swp1"}), "interface swp1\n shutdown\n!\n");
+}
+
 TEST_F(SwitchCommands, StartupConfigurationIsShownAfterWrite) {
     EXPECT_EQ(from_exec({"show startup-config"}),
               "% " + rig.saved() + ": No such file or directory.\n");
