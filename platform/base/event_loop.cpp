@@ -259,6 +259,9 @@ EventLoop::Impl::~Impl() {
             work.timer->task = nullptr;
         }
     }
+    for (const std::shared_ptr<Timer>& late : deferred) {
+        late->task = nullptr;
+    }
 }
 
 void EventLoop::Impl::Timer::detach() {

@@ -314,7 +314,7 @@ TEST_F(Loop, ZeroDelayTimerThatRearmsItselfLetsPostedWorkRun) {
     EXPECT_LE(rounds, 3);
 }
 
-TEST_F(Loop, WhatIsPutOffRunsAfterAllThatIsReady) {
+TEST_F(Loop, DeferredTaskRunsAfterAllThatIsReady) {
     const Pipe pipe;
     pipe.fill();
     const auto first = loop.defer(note("put off first"));
@@ -335,7 +335,7 @@ TEST_F(Loop, WhatIsPutOffRunsAfterAllThatIsReady) {
 }
 
 // Both orders would be allowed without the expectation: the other thread may be slow.
-TEST_F(Loop, PostThatIsExpectedGoesBeforeWhatIsPutOff) {
+TEST_F(Loop, ExpectedPostGoesBeforeDeferredTasks) {
     const auto late = loop.defer(note("put off"));
     std::atomic<bool> waiting = false;
     clock.on_idle = [] {
@@ -370,7 +370,7 @@ TEST_F(Loop, PostOfTheLoopItselfIsNotTheExpectedOne) {
     EXPECT_TRUE(loop.expects_post());
 }
 
-TEST_F(Loop, WhatIsPutOffIsNotStarvedByAFlood) {
+TEST_F(Loop, DeferredTaskIsNotStarvedByAFlood) {
     int rounds = 0;
     bool ran = false;
     const auto late = loop.defer([&] { ran = true; });
@@ -385,7 +385,7 @@ TEST_F(Loop, WhatIsPutOffIsNotStarvedByAFlood) {
     EXPECT_EQ(rounds, 8);
 }
 
-TEST_F(Loop, FloodHoldsUpEachTaskThatIsPutOffForAsLong) {
+TEST_F(Loop, FloodDelaysEachDeferredTaskForAsLong) {
     std::vector<int> ran_in;
     int rounds = 0;
     EventLoop::Handle late;
@@ -406,7 +406,7 @@ TEST_F(Loop, FloodHoldsUpEachTaskThatIsPutOffForAsLong) {
     EXPECT_EQ(ran_in, (std::vector<int>{8, 8, 8}));
 }
 
-TEST_F(Loop, WhatIsPutOffCanBeCalledOff) {
+TEST_F(Loop, DeferredTaskCanBeCancelled) {
     auto late = loop.defer(note("put off"));
     EXPECT_TRUE(late);
     late.reset();
@@ -483,7 +483,7 @@ TEST(LoopLifetime, TimerThatIsDueMayOutliveTheLoop) {
     second.reset();
 }
 
-TEST(LoopLifetime, WhatIsPutOffMayOutliveTheLoop) {
+TEST(LoopLifetime, HandleOfADeferredTaskMayOutliveTheLoop) {
     ManualClock clock;
     EventLoop::Handle late;
     {
@@ -491,6 +491,18 @@ TEST(LoopLifetime, WhatIsPutOffMayOutliveTheLoop) {
         late = loop.defer([] { FAIL(); });
     }
     EXPECT_FALSE(late);
+}
+
+TEST(LoopLifetime, DeferredTaskThatOwnsItsHandleIsReleasedWithTheLoop) {
+    ManualClock clock;
+    auto loop = std::make_unique<EventLoop>(clock);
+    auto handle = std::make_shared<EventLoop::Handle>();
+    const std::weak_ptr<EventLoop::Handle> watched = handle;
+    *handle = loop->defer([handle] { handle->reset(); });
+    handle.reset();
+    EXPECT_FALSE(watched.expired());
+    loop.reset();
+    EXPECT_TRUE(watched.expired());
 }
 
 TEST(LoopLifetime, PendingWorkThatOwnsHandlesIsReleasedWithTheLoop) {
