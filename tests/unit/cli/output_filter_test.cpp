@@ -184,7 +184,8 @@ TEST_F(OutputFilter, ConfigurationIsShownAsJson) {
     rig.type("write");
     const std::string saved = rig.type("show startup-config | json");
     EXPECT_TRUE(saved.starts_with(R"({"saved":"20)")) << saved;
-    EXPECT_NE(saved.find(R"(","goes_back":null,"trouble":null,)" + config), std::string::npos) << saved;
+    EXPECT_NE(saved.find(R"(","goes_back":null,"trouble":null,)" + config), std::string::npos)
+        << saved;
 }
 
 TEST_F(OutputFilter, LogVersionAndNotificationsAreShownAsJson) {
