@@ -25,6 +25,7 @@ class SilentLog final : public SystemLog {
 test::ManualClock* g_clock;
 
 void drop_queued() {
+    lda_cli_msg_lock();
     lda_list_t* const head = &g_lda_cli_msg_set->list;
     while (head->next != head) {
         lda_list_t* const first = head->next;
@@ -32,6 +33,7 @@ void drop_queued() {
         free(first);
     }
     g_lda_cli_msg_set->count = 0;
+    lda_cli_msg_unlock();
 }
 
 // The steps of main() and its role callback, in their order.

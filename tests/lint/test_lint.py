@@ -9,7 +9,7 @@ import pytest
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 COPIED = [
-    *(str(path.relative_to(ROOT)) for path in sorted((ROOT / "app/src").iterdir())),
+    *(str(path.relative_to(ROOT)) for path in sorted((ROOT / "app/src").glob("*.*")) if path.suffix),
     *(str(path.relative_to(ROOT)) for path in sorted((ROOT / "platform/include/qv").iterdir())),
     "platform/base/event_loop.h", "platform/base/system_log.cpp",
     "platform/cli/engine.h", "platform/cli/port_commands.cpp",
