@@ -207,6 +207,9 @@ int run_line(SessionState& session, std::string_view line) {
         g_running->wrong = command.parsed.wrong.data();
         return -1;
     }
+    if (configures && filtering()) {
+        return refuse("Only a show command takes a filter.");
+    }
     if (configures) {
         return run_config_command(session, command, line);
     }

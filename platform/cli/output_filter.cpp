@@ -7,12 +7,12 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "platform/cli/typed_line.h"
+
 namespace qv::cli {
 namespace {
 
 using Json = nlohmann::ordered_json;
-
-constexpr std::string_view kBlanks = " \t\r\n";
 
 enum class Kind { kInclude, kExclude, kBegin, kCount, kJson };
 
@@ -30,15 +30,6 @@ constexpr std::array kNames = {
     Name{"include", "Lines that match", Kind::kInclude, true},
     Name{"json", "As JSON", Kind::kJson, false},
 };
-
-std::string_view first_word(std::string_view text) {
-    const size_t start = std::min(text.find_first_not_of(kBlanks), text.size());
-    return text.substr(start, text.find_first_of(kBlanks, start) - start);
-}
-
-std::string_view behind(std::string_view text, std::string_view word) {
-    return text.substr(static_cast<size_t>(word.data() - text.data()) + word.size());
-}
 
 bool is_show(std::string_view line) {
     std::string_view word = first_word(line);
@@ -215,6 +206,10 @@ std::optional<std::vector<Hint>> filter_hints(std::string_view line) {
 
 bool takes_filter(std::string_view line) {
     return is_show(line);
+}
+
+bool filtering() {
+    return g_filter != nullptr;
 }
 
 bool json_wanted() {

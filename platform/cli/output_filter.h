@@ -40,6 +40,9 @@ class FilterScope {
     OutputFilter* const before_;
 };
 
+// Whether the command at hand has a filter. In an interface mode "sh" is no show command.
+bool filtering();
+
 // What can be typed behind "|"; nothing when the line has not come to one. `line` may end in half a
 // word.
 std::optional<std::vector<Hint>> filter_hints(std::string_view line);

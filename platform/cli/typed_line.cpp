@@ -13,11 +13,6 @@ namespace {
 
 constexpr std::string_view kDo = "do";
 
-std::string_view first_word(std::string_view line) {
-    const size_t start = std::min(line.find_first_not_of(kBlanks), line.size());
-    return line.substr(start, line.find_first_of(kBlanks, start) - start);
-}
-
 // Whether a blank follows the first word, so that it is typed to its end.
 bool first_word_is_whole(std::string_view line) {
     const std::string_view word = first_word(line);
@@ -30,7 +25,7 @@ std::optional<std::string_view> behind_do(std::string_view line) {
     if (word != kDo || !first_word_is_whole(line)) {
         return {};
     }
-    return line.substr(static_cast<size_t>(word.data() - line.data()) + word.size());
+    return behind(line, word);
 }
 
 // The bit of a port's type in cli_pcdb::ifrange_types. The types that take the commands of a
@@ -145,13 +140,22 @@ void sort_keywords_first(std::vector<Hint>& hints) {
 
 }  // namespace
 
+std::string_view first_word(std::string_view line) {
+    const size_t start = std::min(line.find_first_not_of(kBlanks), line.size());
+    return line.substr(start, line.find_first_of(kBlanks, start) - start);
+}
+
+std::string_view behind(std::string_view line, std::string_view word) {
+    return line.substr(static_cast<size_t>(word.data() - line.data()) + word.size());
+}
+
 uint32_t take_prefix(std::string_view& line) {
     const std::string_view word = first_word(line);
     const uint32_t prefix = word == "no"        ? CLI_PREFIX_NO
                             : word == "default" ? CLI_PREFIX_DEFAULT
                                                 : 0;
     if (prefix != 0) {
-        line.remove_prefix(static_cast<size_t>(word.data() - line.data()) + word.size());
+        line = behind(line, word);
     }
     return prefix;
 }

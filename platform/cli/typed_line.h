@@ -20,6 +20,11 @@ namespace qv::cli {
 
 inline constexpr std::string_view kBlanks = " \t\r\n";
 
+// The first word of a line; empty, at its end, when there is none.
+std::string_view first_word(std::string_view line);
+// The rest of the line behind `word`, which is a part of it.
+std::string_view behind(std::string_view line, std::string_view word);
+
 struct Command {
     std::string mode;       // that the command belongs to
     std::string_view line;  // as it was parsed, without its prefix

@@ -127,6 +127,16 @@ TEST_F(OutputFilter, DeferredAnswerIsFilteredToo) {
     EXPECT_EQ(result.code, 0);
 }
 
+TEST_F(OutputFilter, BeginningOfShowThatMeansShutdownIsNotCarriedOut) {
+    rig.type("configure terminal");
+    rig.type("interface swp1");
+    EXPECT_EQ(rig.type("sh | count"), "% Only a show command takes a filter.\n");
+    EXPECT_NE(rig.code, 0);
+    EXPECT_EQ(rig.type("show running-config interface swp1 | count"), "2\n");
+    EXPECT_EQ(rig.type("sh"), "");
+    EXPECT_EQ(rig.type("show running-config interface swp1 | include shutdown"), " shutdown\n");
+}
+
 TEST_F(OutputFilter, TabAndHelpNameTheFilters) {
     using qv::cli::completions;
     using qv::cli::help_text;
