@@ -37,21 +37,14 @@ bool enter(const std::string& port, SessionState& session) {
     return found != nullptr;
 }
 
-// The line that takes `line` back: with "no" in front and as many of its words as are taken.
-// Empty when there is none.
+// The line that takes `line` back, empty when there is none.
 std::string undoing(SessionState& session, const std::string& line) {
     constexpr std::string_view kNo = "no ";
     if (line.starts_with(kNo)) {
         return line.substr(kNo.size());
     }
-    std::string undo = "no " + line;
-    while (!parses(session, undo)) {
-        undo.erase(std::min(undo.find_last_of(' '), undo.size()));
-        if (undo.size() <= kNo.size()) {
-            return {};
-        }
-    }
-    return undo;
+    const std::string undo = std::string(kNo) + line;
+    return parses(session, undo) ? undo : "";
 }
 
 bool execute_or_tell(SessionState& session, const std::string& line, const std::string& where) {

@@ -6,10 +6,10 @@
 // confirm" before the answer, after a return once the configuration before is saved. A crash in
 // between goes back twice, which does no harm; a confirmed configuration never goes back.
 //
-// What programs do to ports does not go back. A port that loop detection has shut during the trial
-// closes a loop when it is brought up, and one that it has brought back since must not be shut as
-// if the loop were still there. So the lines of programs are left out of what is kept, and at the
-// return they are taken from the configuration of that moment.
+// A return leaves alone what programs have done to ports. A port that loop detection has shut
+// during the trial closes a loop when it is brought up, and one that it has brought back since must
+// not be shut as if the loop were still there. So the lines of programs are left out of what is
+// kept, and at the return they are taken from the configuration of that moment.
 #include "platform/cli/timed_return.h"
 
 #include <algorithm>
