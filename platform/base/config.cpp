@@ -173,6 +173,10 @@ std::string socket_fault(const std::string& socket) {
                : "must be a path of 1 to " + std::to_string(kMaxSocketPath) + " bytes";
 }
 
+std::string folder_fault(const std::string& path) {
+    return path.starts_with('/') ? "" : "must be an absolute path";
+}
+
 void read_sections(const Section& top, PlatformConfig& config) {
     top.section("linux", {"bridge"}).text("bridge", config.bridge, bridge_fault);
     top.section("redis", {"socket"}).text("socket", config.redis_socket, socket_fault);
@@ -188,6 +192,8 @@ void read_sections(const Section& top, PlatformConfig& config) {
     files.text("startup_config", config.startup_config);
     files.text("log_dir", config.log_dir);
     files.text("capabilities", config.capabilities);
+
+    top.section("tarn", {"state"}).text("state", config.tarn_state, folder_fault);
 
     const Section clock = top.section("clock", {"speed"});
     clock.positive("speed", config.speed, kMaxSpeed);
@@ -207,7 +213,7 @@ PlatformConfig load_platform_config(const std::string& path) {
     const toml::table table = parse(path);
     const Section top(
         path, table, "",
-        {"switch", "store", "linux", "redis", "cli", "embedded", "files", "clock", "role"});
+        {"switch", "store", "linux", "redis", "cli", "embedded", "files", "clock", "role", "tarn"});
     PlatformConfig config;
     top.choice<PlatformConfig::Switch>("switch", config.switch_kind,
                                        {{"embedded", PlatformConfig::Switch::kEmbedded},

@@ -25,6 +25,8 @@ struct PlatformConfig {
     unsigned embedded_ports = 24;  // [embedded] ports
     double speed = 1.0;            // [clock] speed, embedded switch only
     Role role = Role::kSolo;       // [role] mode
+    std::string tarn_state =
+        "/var/lib/lda/tarn";  // [tarn] state: folder of tarnd's key and journal
 };
 
 // Reads the file. Throws std::runtime_error with "FILE:LINE: reason", or with "FILE: reason" when

@@ -1,6 +1,6 @@
-// Configuration of the peer protocol: "tarn enable", "tarn error-recover interval N" and, on a
-// port, "tarn port loop-detect warning". Kept here for whatever runs the protocol. Loop thread
-// only.
+// Configuration of the peer protocol: "tarn enable", "tarn error-recover interval N", "tarn
+// probe-interval N" and, on a port, "tarn port loop-detect warning". Kept here for whatever runs
+// the protocol. Loop thread only.
 #pragma once
 
 #include <cstdint>
@@ -9,10 +9,13 @@
 
 namespace qv::cli {
 
+inline constexpr int64_t kDefaultProbeInterval_ms = 1000;
+
 struct TarnConfig {
     bool enabled = false;
     int64_t error_recover_interval_s = 0;  // 0: not configured
-    std::set<uint64_t> ports;              // interface indexes with loop detection
+    int64_t probe_interval_ms = kDefaultProbeInterval_ms;
+    std::set<uint64_t> ports;  // interface indexes with loop detection
 };
 
 const TarnConfig& tarn_config();

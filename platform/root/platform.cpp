@@ -24,6 +24,7 @@
 #include "platform/driver/linux/rtnl_switch.h"
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
+#include "platform/root/tarn_records.h"
 #include "qv/mom.h"
 
 namespace qv {
@@ -138,7 +139,10 @@ class DescribedPlatform final : public Platform {
         auto bridge = std::make_unique<RtnlSwitch>(*loop_, config_.bridge);
         const RtnlSwitch& ports = *bridge;
         switch_ = std::move(bridge);
-        ports_ = std::make_unique<PortModel>(*switch_);
+        shut_ports_ = std::make_unique<ShutPorts>(
+            *switch_, [this](uint32_t ifx) { tarn_records_->port_changed(ifx); });
+        ports_ = std::make_unique<PortModel>(*shut_ports_);
+        tarn_records_ = std::make_unique<TarnRecords>(*loop_, *ports_, *shut_ports_);
         auto plane = std::make_unique<NftForwarding>(
             *loop_, NftForwarding::Settings{.find_bridge = [&ports] { return ports.bridge(); },
                                             .find_port =
@@ -193,8 +197,10 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<SwitchDriver> switch_;
     std::unique_ptr<PortModel> ports_;
     std::unique_ptr<ForwardingDriver> forwarding_;
-    std::unique_ptr<LoopProbe> probe_;             // embedded switch only
-    std::unique_ptr<PortFollower> port_follower_;  // Linux only, as the next
+    std::unique_ptr<LoopProbe> probe_;       // embedded switch only
+    std::unique_ptr<ShutPorts> shut_ports_;  // Linux only, as the next
+    std::unique_ptr<TarnRecords> tarn_records_;
+    std::unique_ptr<PortFollower> port_follower_;
     std::unique_ptr<Termination> termination_;
 };
 

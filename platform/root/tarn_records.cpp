@@ -1,0 +1,92 @@
+#include "platform/root/tarn_records.h"
+
+#include "p_bridge.pb-c.h"
+#include "platform/cli/tarn_commands.h"
+#include "platform/client/thread_master.h"
+#include "qv/mom.h"
+
+namespace qv {
+
+std::string ShutPorts::set_admin(uint32_t ifx, bool up) {
+    std::string reason = driver_.set_admin(ifx, up);
+    if (!reason.empty()) {
+        return reason;
+    }
+    if (up) {
+        shut_.erase(ifx);
+    } else {
+        shut_.insert(ifx);
+    }
+    changed_(ifx);
+    return "";
+}
+
+TarnRecords::TarnRecords(EventLoop& loop, PortModel& ports, ShutPorts& shut)
+    : ports_(ports), shut_(shut), client_(qv_mom_client_init("tarn", master_of(loop), nullptr)) {
+    ports_.add_observer(*this);
+    cli::add_tarn_observer([this] { configuration_changed(); });
+    const auto connected = [](void* self) {
+        static_cast<TarnRecords*>(self)->tell_all();
+        return 0;
+    };
+    qv_mom_client_set_reconnect_cb(client_, QV_MOM_CFG_DB, connected, this);
+    qv_mom_client_connect(client_, QV_MOM_CFG_DB, connected, this);
+}
+
+void TarnRecords::on_removed(const Port& port) {
+    shut_.forget(port.ifx);
+    told_.erase(port.ifx);
+    PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
+    index.ifx = port.ifx;
+    PBridge__TarnPort record = P_BRIDGE__TARN_PORT__INIT;
+    record.index = &index;
+    qv_mom_del(client_, QV_MOM_CFG_DB, &record.base, 0, 0);
+}
+
+// While the database is away nothing is remembered as told; its return tells everything.
+void TarnRecords::port_changed(uint32_t ifx) {
+    const Port* const port = ports_.find(ifx);
+    if (port == nullptr) {
+        return;
+    }
+    const Told now{.loop_detect = cli::tarn_port_enabled(ifx),
+                   .vlan_mode = port->mode,
+                   .shut = shut_.contains(ifx)};
+    const auto before = told_.find(ifx);
+    if (before != told_.end() && before->second == now) {
+        return;
+    }
+    PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
+    index.ifx = ifx;
+    PBridge__TarnPort record = P_BRIDGE__TARN_PORT__INIT;
+    record.index = &index;
+    record.loop_detect = now.loop_detect ? 1 : 0;
+    record.vlan_mode = now.vlan_mode;
+    record.shut = now.shut ? 1 : 0;
+    if (qv_mom_set(client_, QV_MOM_CFG_DB, &record.base, 0, 0) == 0) {
+        told_[ifx] = now;
+    }
+}
+
+void TarnRecords::configuration_changed() {
+    tell_switch();
+    for (const auto& [ifx, port] : ports_.ports()) {
+        port_changed(ifx);
+    }
+}
+
+void TarnRecords::tell_switch() {
+    const cli::TarnConfig& config = cli::tarn_config();
+    PBridge__TarnConfig record = P_BRIDGE__TARN_CONFIG__INIT;
+    record.enabled = config.enabled ? 1 : 0;
+    record.error_recover_interval_s = static_cast<uint32_t>(config.error_recover_interval_s);
+    record.probe_interval_ms = static_cast<uint32_t>(config.probe_interval_ms);
+    qv_mom_set(client_, QV_MOM_CFG_DB, &record.base, 0, 0);
+}
+
+void TarnRecords::tell_all() {
+    told_.clear();
+    configuration_changed();
+}
+
+}  // namespace qv
