@@ -24,6 +24,8 @@ FOLDERS = {
     "qv_root": sources.ROOT,
     "netconf": "services/netconf",
     "lda-netconf": "services/netconf",
+    "tarn": "services/tarnd",
+    "tarnd": "services/tarnd",
     "ldash": "tools",
     "lda_proto": sources.RECORDS,
 }

@@ -1,0 +1,39 @@
+// The ports that tarnd has cut and nobody has taken over yet, in a file that outlives the process:
+// a cut is noted before it is made, so that no port stays dark when the process dies in between.
+//
+// The file is mapped memory: a note costs no system call and waits for no disk. After a power cut
+// the kernel's ports are up anyway; notes of another boot are dropped.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qv::tarnd {
+
+class CutJournal {
+ public:
+    static constexpr size_t kSlots = 4096;
+
+    // Opens or makes the file (mode 0600); throws std::runtime_error. `boot` names this boot.
+    CutJournal(const std::string& path, const std::string& boot);
+    ~CutJournal();
+    CutJournal(const CutJournal&) = delete;
+    CutJournal& operator=(const CutJournal&) = delete;
+
+    // Notes the port. False when no slot is free. Any thread; never waits.
+    bool note(uint32_t ifx);
+    // Removes the note, if there is one. Any thread.
+    void clear(uint32_t ifx);
+    std::vector<uint32_t> noted() const;
+
+ private:
+    struct Content;
+    Content* content_ = nullptr;
+};
+
+// The name of this boot of the machine; empty when the kernel does not say.
+std::string boot_name();
+
+}  // namespace qv::tarnd

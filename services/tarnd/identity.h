@@ -1,0 +1,16 @@
+// Who this bridge is in its probes, from the key file in the state folder.
+#pragma once
+
+#include <string>
+
+#include "services/tarnd/prober.h"
+
+namespace qv::tarnd {
+
+// Reads `folder`/key, or makes it, and the folder, at the first start. The bridge's number and the
+// source address of its probes follow from the key and the bridge's name, so that they outlive the
+// process. Throws std::runtime_error with the path and the reason: the key must have 32 bytes,
+// belong to the user of this process and be readable for nobody else. After sodium_init().
+Prober::Identity load_identity(const std::string& folder, const std::string& bridge);
+
+}  // namespace qv::tarnd

@@ -1,0 +1,97 @@
+// The thread that probes. It runs before everything else on the machine (SCHED_RR) with its memory
+// locked, so it must be short: it logs nothing, knows no database, and after kBusy of work without
+// a pause it sleeps for kRest. The main thread hands it configuration and takes its reports through
+// two rings.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <thread>
+
+#include "services/tarnd/bridge_view.h"
+#include "services/tarnd/cut_journal.h"
+#include "services/tarnd/port_control.h"
+#include "services/tarnd/prober.h"
+#include "services/tarnd/ring.h"
+#include "services/tarnd/sockets.h"
+
+namespace qv::tarnd {
+
+// What the main thread has to say to the probing thread.
+struct Command {
+    enum class Kind : uint8_t { kSettings, kPort };
+    Kind kind = Kind::kSettings;
+    Settings settings{};  // kSettings
+    uint32_t ifx = 0;     // kPort, as the next
+    bool watched = false;
+    bool shuts = false;
+};
+
+class ProbeThread final : private ProberOutputs {
+ public:
+    static constexpr std::chrono::milliseconds kBusy{2};
+    static constexpr std::chrono::microseconds kRest{200};
+    // After a trigger more addresses need not be read for this long: frames go first.
+    static constexpr std::chrono::milliseconds kAddressPause{5};
+
+    // Opens the sockets; throws std::runtime_error. The journal must outlive the thread.
+    ProbeThread(const Prober::Identity& identity, const std::string& bridge, CutJournal& journal);
+    ~ProbeThread() override;
+    ProbeThread(const ProbeThread&) = delete;
+    ProbeThread& operator=(const ProbeThread&) = delete;
+
+    // Starts the thread. Empty, or why it has to do without priority. Main thread, once.
+    std::string start();
+    // Ends it. Main thread.
+    void stop();
+
+    // Main thread. False when the ring is full: try again later.
+    bool command(const Command& command);
+    // Main thread: the next report. reports_fd() is readable when there is one.
+    std::optional<Report> next_report() { return reports_.pop(); }
+    int reports_fd() const { return reports_ready_.get(); }
+    // Before next_report() has been called until it had none left.
+    void clear_reports_fd();
+
+    uint64_t ignored(Ignored why) const { return prober_.ignored(why); }  // any thread
+
+ private:
+    bool send(uint32_t ifx, const Frame& frame) override;
+    int cut(uint32_t ifx, bool single) override;
+    bool report(const Report& report) override;
+
+    void run();
+    void wait();
+    void take_commands();
+    void take_frames();
+    void take_links();
+    void take_addresses();
+    void read_links_again();
+    void end_dump(bool complete);
+    Time now() const;
+
+    PacketSocket packets_;
+    RouteSocket links_;
+    RouteSocket addresses_;
+    PortControl control_;
+    CutJournal& journal_;
+    Descriptor wake_;
+    Descriptor reports_ready_;
+    Ring<Command> commands_;
+    Ring<Report> reports_;
+    std::atomic<bool> ending_{false};
+    Prober prober_;
+    BridgeView view_;
+    // Probing thread only.
+    bool dump_interrupted_ = false;  // something came or went in mid-dump
+    bool dump_wanted_ = true;
+    bool dumping_ = false;
+    uint32_t dump_sequence_ = 0;
+    Time dump_from_{};  // not before
+    Time addresses_from_{};
+    Time busy_since_{};
+    std::thread thread_;
+};
+
+}  // namespace qv::tarnd

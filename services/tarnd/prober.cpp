@@ -1,0 +1,354 @@
+#include "services/tarnd/prober.h"
+
+#include <algorithm>
+
+namespace qv::tarnd {
+namespace {
+
+constexpr std::chrono::milliseconds kTick{10};  // periodic probes of many ports share wake-ups
+constexpr std::chrono::milliseconds kReportPause{10};
+constexpr uint64_t kWindow = 64;
+
+// Ports take turns within the interval: interface indexes are mostly consecutive.
+Time first_period(uint32_t ifx, std::chrono::milliseconds interval, Time now) {
+    const auto ticks = std::max<int64_t>(1, interval / kTick);
+    const Time tick{now.time_since_epoch() / kTick * Duration(kTick)};
+    return tick + kTick * (1 + ifx % ticks);
+}
+
+}  // namespace
+
+Prober::Prober(const Identity& identity, ProberOutputs& outputs)
+    : identity_(identity), outputs_(outputs), addresses_(kRememberedAddresses) {}
+
+bool Prober::takes_part(const Port& port) const {
+    return settings_.enabled && port.present && port.forwarding && port.watched;
+}
+
+Prober::Port* Prober::find(uint32_t ifx) {
+    const auto found = ports_.find(ifx);
+    return found != ports_.end() && found->second.present ? &found->second : nullptr;
+}
+
+void Prober::configure(const Settings& settings, Time now) {
+    if (settings == settings_) {
+        return;
+    }
+    std::vector<std::pair<uint32_t, bool>> before;
+    for (const auto& [ifx, port] : ports_) {
+        before.emplace_back(ifx, takes_part(port));
+    }
+    settings_ = settings;
+    for (const auto& [ifx, took_part] : before) {
+        Port& port = ports_.at(ifx);
+        review(ifx, port, took_part, now);
+        if (took_part && takes_part(port)) {
+            port.period = first_period(ifx, settings_.interval, now);
+            plan(ifx, port);
+        }
+    }
+}
+
+void Prober::configure_port(uint32_t ifx, bool watched, bool shuts, Time now) {
+    Port& port = ports_[ifx];
+    const bool took_part = takes_part(port);
+    port.watched = watched;
+    port.shuts = shuts;
+    review(ifx, port, took_part, now);
+    if (!port.present && !watched && !shuts) {
+        ports_.erase(ifx);
+    }
+}
+
+void Prober::set_port(uint32_t ifx, bool forwarding, Time now) {
+    Port& port = ports_[ifx];
+    const bool took_part = takes_part(port);
+    port.present = true;
+    if (port.forwarding && !forwarding) {
+        end_loops_of(ifx);
+    }
+    port.forwarding = forwarding;
+    review(ifx, port, took_part, now);
+}
+
+void Prober::remove_port(uint32_t ifx) {
+    const auto found = ports_.find(ifx);
+    if (found == ports_.end()) {
+        return;
+    }
+    Port& port = found->second;
+    unplan(ifx, port);
+    end_loops_of(ifx);
+    if (!port.watched && !port.shuts) {
+        ports_.erase(found);
+        return;
+    }
+    // The configuration of an interface that is back in a moment, as when it changes its bridge.
+    Port kept;
+    kept.watched = port.watched;
+    kept.shuts = port.shuts;
+    port = kept;
+}
+
+// Begins or ends probing on a port after anything that it depends on has changed.
+void Prober::review(uint32_t ifx, Port& port, bool took_part, Time now) {
+    const bool part = takes_part(port);
+    if (part == took_part) {
+        return;
+    }
+    port.wanted = false;
+    if (!part) {
+        unplan(ifx, port);
+        end_loops_of(ifx);
+        return;
+    }
+    port.sequence = std::max(port.sequence, identity_.first_sequence);
+    port.valid_from = port.sequence + 1;
+    port.period = first_period(ifx, settings_.interval, now);
+    plan(ifx, port);
+    request(ifx, Trigger::kCarrier, now);
+}
+
+void Prober::request(uint32_t ifx, Trigger trigger, Time now) {
+    Port* const port = find(ifx);
+    if (port == nullptr || port->wanted || !takes_part(*port)) {
+        return;
+    }
+    port->wanted = true;
+    port->trigger = trigger;
+    port->burst = std::max(port->burst, now);
+    plan(ifx, *port);
+}
+
+void Prober::plan(uint32_t ifx, Port& port) {
+    unplan(ifx, port);
+    port.planned = port.wanted ? std::min(port.period, port.burst) : port.period;
+    plan_.emplace(port.planned, ifx);
+}
+
+void Prober::unplan(uint32_t ifx, Port& port) {
+    plan_.erase({port.planned, ifx});
+    port.planned = Time::max();
+}
+
+bool Prober::take_token(Time now) {
+    constexpr Duration kToken = Duration(std::chrono::seconds(1)) / kBurstsPerSecond;
+    const auto fresh = static_cast<uint64_t>((now - filled_) / kToken);
+    if (fresh >= kBurstsAtOnce) {
+        tokens_ = kBurstsAtOnce;
+        filled_ = now;
+    } else {
+        tokens_ = std::min(tokens_ + fresh, kBurstsAtOnce);
+        filled_ += kToken * fresh;
+    }
+    if (tokens_ == 0) {
+        return false;
+    }
+    --tokens_;
+    return true;
+}
+
+bool Prober::learned(uint64_t address, uint32_t ifx, Time now) {
+    // Two addresses in one place forget each other: a move is missed, the next one is not.
+    constexpr uint64_t kSpread = 0x9e3779b97f4a7c15;
+    Remembered& place = addresses_[(address * kSpread) >> 48];
+    const uint32_t before = place.address == address ? place.ifx : 0;
+    place = {address, ifx};
+    if (before != 0 && before != ifx) {
+        request(before, Trigger::kMove, now);
+        request(ifx, Trigger::kMove, now);
+        return true;
+    }
+    return false;
+}
+
+void Prober::overrun(Time now) {
+    for (const auto& [ifx, port] : ports_) {
+        request(ifx, Trigger::kOverrun, now);
+    }
+}
+
+void Prober::run(Time now) {
+    if (!flush()) {
+        next_report_ = now + kReportPause;
+    }
+    for (size_t served = 0; served < kPortsPerRun && !plan_.empty(); ++served) {
+        const auto [due, ifx] = *plan_.begin();
+        if (due > now) {
+            return;
+        }
+        Port& port = ports_.at(ifx);
+        if (port.wanted && port.burst <= now) {
+            if (take_token(now)) {
+                port.wanted = false;
+                port.burst = now + kBurstPause;
+                send(ifx, port, kBurst, now);
+            } else {
+                port.burst = now + kBurstPause;
+            }
+        }
+        if (port.period <= now) {
+            port.period += settings_.interval;
+            if (port.period <= now) {  // the thread was stopped meanwhile
+                port.period = first_period(ifx, settings_.interval, now);
+            }
+            count_silent(ifx, now);
+            port.trigger = Trigger::kPeriod;
+            send(ifx, port, 1, now);
+        }
+        plan(ifx, port);
+    }
+}
+
+Time Prober::next() const {
+    const Time planned = plan_.empty() ? Time::max() : plan_.begin()->first;
+    return backlog_.empty() ? planned : std::min(planned, next_report_);
+}
+
+void Prober::send(uint32_t ifx, Port& port, size_t count, Time now) {
+    for (size_t n = 0; n < count; ++n) {
+        const Probe probe{.bridge = identity_.bridge,
+                          .ifx = ifx,
+                          .sequence = ++port.sequence,
+                          .time_ns = static_cast<uint64_t>(now.time_since_epoch().count())};
+        outputs_.send(ifx, encode(probe, identity_.source, identity_.key));
+    }
+}
+
+// A periodic probe is about to leave this port.
+void Prober::count_silent(uint32_t sender, Time now) {
+    for (auto loop = loops_.begin(); loop != loops_.end();) {
+        Loop& state = loop->second;
+        const bool own = state.src_ifx == sender;
+        const bool over =
+            own && (state.silent >= kSilentProbes ||
+                    (settings_.recover.count() != 0 && now - state.since >= settings_.recover));
+        if (over) {
+            tell({.kind = Report::Kind::kEnd, .ifx = loop->first, .src_ifx = state.src_ifx});
+            loop = loops_.erase(loop);
+            continue;
+        }
+        state.silent += own ? 1 : 0;
+        ++loop;
+    }
+}
+
+void Prober::ignore(Ignored why) {
+    ignored_[static_cast<size_t>(why)].fetch_add(1, std::memory_order_relaxed);
+}
+
+uint64_t Prober::ignored(Ignored why) const {
+    return ignored_[static_cast<size_t>(why)].load(std::memory_order_relaxed);
+}
+
+// Whether this probe has been seen on the port before; if not, it is remembered.
+bool Prober::is_duplicate(Port& port, const Probe& probe) const {
+    if (port.seen_ifx != probe.ifx || probe.sequence >= port.seen_highest + kWindow) {
+        port.seen_ifx = probe.ifx;
+        port.seen_highest = probe.sequence;
+        port.seen = 1;
+        return false;
+    }
+    if (probe.sequence > port.seen_highest) {
+        port.seen = port.seen << (probe.sequence - port.seen_highest) | 1;
+        port.seen_highest = probe.sequence;
+        return false;
+    }
+    const uint64_t behind = port.seen_highest - probe.sequence;
+    const uint64_t bit = behind < kWindow ? uint64_t{1} << behind : 0;
+    const bool seen = bit == 0 || (port.seen & bit) != 0;
+    port.seen |= bit;
+    return seen;
+}
+
+void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now) {
+    Port* const port = find(ifx);
+    if (port == nullptr || !settings_.enabled) {
+        return;
+    }
+    Probe probe;
+    switch (decode(frame, identity_.key, probe)) {
+        case FrameFault::kNone:
+            break;
+        case FrameFault::kLength:
+        case FrameFault::kVersion:
+            return ignore(Ignored::kMalformed);
+        case FrameFault::kHash:
+            return ignore(Ignored::kForged);
+    }
+    if (probe.bridge != identity_.bridge) {
+        return ignore(Ignored::kForeign);
+    }
+    const Port* const sender = find(probe.ifx);
+    if (!port->forwarding || (sender != nullptr && !sender->forwarding)) {
+        return ignore(Ignored::kBlocked);
+    }
+    const Duration age = now - Time(Duration(static_cast<int64_t>(probe.time_ns)));
+    if (sender == nullptr || !takes_part(*sender) || probe.sequence < sender->valid_from ||
+        probe.sequence > sender->sequence || age < Duration::zero() || age > kOldestProbe) {
+        return ignore(Ignored::kStale);
+    }
+    if (is_duplicate(*port, probe)) {
+        return ignore(Ignored::kDuplicate);
+    }
+    prove(ifx, probe, now);
+}
+
+void Prober::prove(uint32_t ifx, const Probe& probe, Time now) {
+    // A port that is not watched says nothing: the port that sent the probe does.
+    const uint32_t reporter = takes_part(ports_.at(ifx)) ? ifx : probe.ifx;
+    const auto [loop, fresh] = loops_.try_emplace(reporter, Loop{probe.ifx, now, 0});
+    if (loop->second.src_ifx == probe.ifx) {
+        loop->second.silent = 0;
+    }
+    if (!fresh) {
+        return;
+    }
+    const Trigger trigger = ports_.at(probe.ifx).trigger;
+    tell({.kind = Report::Kind::kLoop,
+          .ifx = reporter,
+          .src_ifx = probe.ifx,
+          .trigger = trigger,
+          .path = now - Time(Duration(static_cast<int64_t>(probe.time_ns)))});
+    cut(ifx, probe.ifx);
+}
+
+// One port is enough to open the loop. Its own probes count no more from here on, so that the other
+// direction of the same loop does not cut the other port too.
+void Prober::cut(uint32_t ifx, uint32_t src_ifx) {
+    const uint32_t chosen = ports_.at(ifx).shuts ? ifx : src_ifx;
+    Port& port = ports_.at(chosen);
+    if (!port.shuts) {
+        return;
+    }
+    const int error = outputs_.cut(chosen, ifx == src_ifx);
+    tell({.kind = Report::Kind::kCut, .ifx = chosen, .src_ifx = src_ifx, .error = error});
+    if (error == 0) {
+        port.valid_from = port.sequence + 1;
+    }
+}
+
+void Prober::end_loops_of(uint32_t ifx) {
+    for (auto loop = loops_.begin(); loop != loops_.end();) {
+        if (loop->first != ifx && loop->second.src_ifx != ifx) {
+            ++loop;
+            continue;
+        }
+        tell({.kind = Report::Kind::kEnd, .ifx = loop->first, .src_ifx = loop->second.src_ifx});
+        loop = loops_.erase(loop);
+    }
+}
+
+void Prober::tell(const Report& report) {
+    backlog_.push_back(report);
+    flush();
+}
+
+bool Prober::flush() {
+    while (!backlog_.empty() && outputs_.report(backlog_.front())) {
+        backlog_.pop_front();
+    }
+    return backlog_.empty();
+}
+
+}  // namespace qv::tarnd

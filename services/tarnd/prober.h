@@ -1,0 +1,173 @@
+// The judgement of the probe service: which port sends a probe when, and which returned probe
+// proves a loop. A pure core: states of ports, addresses and frames go in, with the time of each;
+// frames to send, ports to cut and reports come out. It allocates little, waits for nothing and
+// logs nothing.
+//
+// A port takes part while it is watched and forwards. A probe counts when it was sent by a port
+// that has forwarded ever since and comes back on a port that forwards: a port that spanning tree
+// blocks still receives what the packet socket sees. Each loop is kept under the port that reports
+// it, until kSilentProbes periodic probes of the port that sent the probe have not come back, or
+// one of both ports stops forwarding.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <set>
+#include <span>
+#include <utility>
+#include <vector>
+
+#include "platform/base/clock.h"
+#include "services/tarnd/frame.h"
+
+namespace qv::tarnd {
+
+// What called for a probe.
+enum class Trigger : uint8_t { kPeriod, kMove, kOverrun, kCarrier };
+
+// Why a returned frame is ignored.
+enum class Ignored : uint8_t { kMalformed, kForged, kForeign, kBlocked, kStale, kDuplicate };
+inline constexpr size_t kIgnoredKinds = 6;
+
+struct Report {
+    enum class Kind : uint8_t { kLoop, kEnd, kCut };
+    Kind kind = Kind::kLoop;
+    uint32_t ifx = 0;      // the reporting port
+    uint32_t src_ifx = 0;  // the port that sent the probe
+    Trigger trigger = Trigger::kPeriod;
+    Duration path{};  // kLoop: how long the probe was under way
+    int error = 0;    // kCut: 0 or errno
+
+    bool operator==(const Report&) const = default;
+};
+
+struct Settings {
+    bool enabled = false;
+    std::chrono::milliseconds interval{1000};
+    std::chrono::seconds recover{0};  // a loop is taken for ended after this time; 0: never
+
+    bool operator==(const Settings&) const = default;
+};
+
+// The prober's hands. Called from inside its functions.
+class ProberOutputs {
+ public:
+    virtual ~ProberOutputs() = default;
+    // False when the frame could not be sent.
+    virtual bool send(uint32_t ifx, const Frame& frame) = 0;
+    // Takes the port out of service; `single` when the loop lies behind this one port. 0 or errno.
+    virtual int cut(uint32_t ifx, bool single) = 0;
+    // False when the report cannot be taken now: it is offered again.
+    virtual bool report(const Report& report) = 0;
+};
+
+// Probing thread only, but for ignored().
+class Prober {
+ public:
+    static constexpr size_t kBurst = 2;  // frames in one triggered burst
+    static constexpr std::chrono::milliseconds kBurstPause{5};
+    static constexpr uint64_t kBurstsPerSecond = 2000;  // of the whole switch
+    static constexpr uint64_t kBurstsAtOnce = 256;
+    static constexpr size_t kPortsPerRun = 32;
+    static constexpr unsigned kSilentProbes = 3;
+    static constexpr std::chrono::seconds kOldestProbe{2};
+    static constexpr size_t kRememberedAddresses = 1 << 16;
+
+    struct Identity {
+        uint64_t bridge;
+        Mac source;
+        Key key;
+        uint64_t first_sequence;  // of every port, so that an earlier process's probes are old
+    };
+
+    Prober(const Identity& identity, ProberOutputs& outputs);
+
+    void configure(const Settings& settings, Time now);
+    // `watched`: the port sends probes. `shuts`: it is cut when it is looped.
+    void configure_port(uint32_t ifx, bool watched, bool shuts, Time now);
+    // A port of the bridge, and whether it forwards. A port that begins to is probed at once.
+    void set_port(uint32_t ifx, bool forwarding, Time now);
+    void remove_port(uint32_t ifx);
+
+    // The bridge has learned `address` (with its VLAN in the upper 16 bits) on this port. True when
+    // it has moved there from another port.
+    bool learned(uint64_t address, uint32_t ifx, Time now);
+    // Announcements of learned addresses were lost.
+    void overrun(Time now);
+    // A frame of kEtherType that arrived on this interface, from its Ethernet header on.
+    void received(uint32_t ifx, std::span<const uint8_t> frame, Time now);
+
+    // Sends what is due, for at most kPortsPerRun ports.
+    void run(Time now);
+    // When run() has something to do; Time::max() when nothing is planned.
+    Time next() const;
+
+    uint64_t ignored(Ignored why) const;  // any thread
+    size_t loops() const { return loops_.size(); }
+
+ private:
+    struct Port {
+        bool present = false;
+        bool forwarding = false;
+        bool watched = false;
+        bool shuts = false;
+        bool wanted = false;      // a triggered burst is planned
+        Trigger trigger{};        // of that burst, or of the latest one
+        uint64_t sequence = 0;    // of the latest probe
+        uint64_t valid_from = 0;  // probes before belong to an earlier link
+        Time period{};
+        Time burst{};                // earliest next burst
+        Time planned = Time::max();  // as in plan_
+        // Returned probes: the sender of the latest, its highest number, and which of the 64 up
+        // to that number have been seen.
+        uint32_t seen_ifx = 0;
+        uint64_t seen_highest = 0;
+        uint64_t seen = 0;
+    };
+    struct Loop {
+        uint32_t src_ifx;
+        Time since;
+        unsigned silent;  // periodic probes since the latest returned one
+    };
+    struct Remembered {
+        uint64_t address = 0;
+        uint32_t ifx = 0;
+    };
+
+    bool takes_part(const Port& port) const;
+    Port* find(uint32_t ifx);
+    void review(uint32_t ifx, Port& port, bool took_part, Time now);
+    void request(uint32_t ifx, Trigger trigger, Time now);
+    void plan(uint32_t ifx, Port& port);
+    void unplan(uint32_t ifx, Port& port);
+    bool take_token(Time now);
+    void send(uint32_t ifx, Port& port, size_t count, Time now);
+    void count_silent(uint32_t sender, Time now);
+    void ignore(Ignored why);
+    bool is_duplicate(Port& port, const Probe& probe) const;
+    void prove(uint32_t ifx, const Probe& probe, Time now);
+    void cut(uint32_t ifx, uint32_t src_ifx);
+    void end_loops_of(uint32_t ifx);
+    void tell(const Report& report);
+    bool flush();
+
+    const Identity identity_;
+    ProberOutputs& outputs_;
+    Settings settings_;
+    std::map<uint32_t, Port> ports_;
+    std::set<std::pair<Time, uint32_t>> plan_;
+    std::map<uint32_t, Loop> loops_;  // by reporting port
+    std::deque<Report> backlog_;      // not taken yet
+    Time next_report_{};              // when to offer them again
+    std::vector<Remembered> addresses_;
+    uint64_t tokens_ = kBurstsAtOnce;
+    Time filled_{};
+    std::array<std::atomic<uint64_t>, kIgnoredKinds> ignored_{};
+};
+
+}  // namespace qv::tarnd

@@ -1,0 +1,348 @@
+#include "services/tarnd/service.h"
+
+#include <net/if.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "platform/base/message_log.h"
+#include "platform/client/thread_master.h"
+#include "qv/bridge.h"
+
+namespace qv::tarnd {
+namespace {
+
+constexpr uint32_t kUntaggedVid = 1;
+constexpr std::chrono::milliseconds kCommandPause{10};
+constexpr uint32_t kShortestInterval_ms = 100;
+constexpr uint32_t kLongestInterval_ms = 10000;
+constexpr uint32_t kPolicyAccess = 2;
+constexpr uint32_t kPolicyHybrid = 3;
+constexpr uint32_t kPolicyBoth = 4;
+
+// The object database's callbacks carry no argument of ours.
+Service* g_service = nullptr;
+
+std::string name_of(uint32_t ifx) {
+    std::array<char, IF_NAMESIZE> name{};
+    return if_indextoname(ifx, name.data()) != nullptr ? name.data()
+                                                       : "interface " + std::to_string(ifx);
+}
+
+const char* text_of(Trigger trigger) {
+    switch (trigger) {
+        case Trigger::kPeriod:
+            return "a periodic probe";
+        case Trigger::kMove:
+            return "an address that moved";
+        case Trigger::kOverrun:
+            return "many addresses that moved";
+        case Trigger::kCarrier:
+            return "a link that came up";
+    }
+    return "";
+}
+
+const ProtobufCMessageDescriptor& descriptor(const PBridge__TarnConfig*) {
+    return p_bridge__tarn_config__descriptor;
+}
+const ProtobufCMessageDescriptor& descriptor(const PBridge__TarnPort*) {
+    return p_bridge__tarn_port__descriptor;
+}
+const ProtobufCMessageDescriptor& descriptor(const PBridge__TarnLoopInfo*) {
+    return p_bridge__tarn_loop_info__descriptor;
+}
+const ProtobufCMessageDescriptor& descriptor(const PApp__LdaNcPolicy*) {
+    return p_app__lda_nc_policy__descriptor;
+}
+
+template <typename Record>
+Record key_of() {
+    Record key;
+    protobuf_c_message_init(&descriptor(&key), &key);
+    return key;
+}
+
+// A record, or the confirmation of a subscription: what was stored before it is asked for then.
+template <typename Record>
+int on_message(qv_mom_client* client, const qv_mom_msg* message) {
+    if (message->cmd == QV_MOM_CMD_SUBSCRIBED) {
+        const auto key = key_of<Record>();
+        return qv_mom_scan(client, message->db, &key.base, 0, on_message<Record>, nullptr);
+    }
+    if (message->value != nullptr && message->oper != QV_MOM_OPER_PUBLISH) {
+        g_service->take(*reinterpret_cast<const Record*>(message->value),
+                        message->oper == QV_MOM_OPER_DELETE);
+    }
+    return 0;
+}
+
+template <typename Record>
+void follow(qv_mom_client* client, uint32_t db) {
+    const auto key = key_of<Record>();
+    qv_mom_subscribe(client, db, &key.base, 0, on_message<Record>, nullptr);
+}
+
+}  // namespace
+
+bool policy_shuts(uint32_t policy, uint32_t vlan_mode) {
+    return (vlan_mode == SWPORT_MODE_ACCESS &&
+            (policy == kPolicyAccess || policy == kPolicyBoth)) ||
+           (vlan_mode == SWPORT_MODE_HYBRID && (policy == kPolicyHybrid || policy == kPolicyBoth));
+}
+
+Settings settings_of(const PBridge__TarnConfig& record) {
+    Settings settings;
+    settings.enabled = record.enabled != 0;
+    settings.recover = std::chrono::seconds(record.error_recover_interval_s);
+    if (record.probe_interval_ms >= kShortestInterval_ms &&
+        record.probe_interval_ms <= kLongestInterval_ms) {
+        settings.interval = std::chrono::milliseconds(record.probe_interval_ms);
+    }
+    return settings;
+}
+
+Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard)
+    : loop_(loop),
+      prober_(prober),
+      journal_(journal),
+      guard_(guard),
+      client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)) {
+    g_service = this;
+    const auto configuration_up = [](void* self) {
+        static_cast<Service*>(self)->follow_configuration();
+        return 0;
+    };
+    const auto loops_up = [](void* self) {
+        static_cast<Service*>(self)->follow_loops();
+        return 0;
+    };
+    qv_mom_client_set_reconnect_cb(client_, QV_MOM_CFG_DB, configuration_up, this);
+    qv_mom_client_connect(client_, QV_MOM_CFG_DB, configuration_up, this);
+    qv_mom_client_set_reconnect_cb(client_, QV_MOM_APP_DB, loops_up, this);
+    qv_mom_client_connect(client_, QV_MOM_APP_DB, loops_up, this);
+
+    for (const uint32_t ifx : journal_.noted()) {
+        log_message(kLogWarning, "TARN", "LEFT", "An earlier tarnd has cut %s and then ended.",
+                    name_of(ifx).c_str());
+        expect_take_over(ifx);
+    }
+    reports_watch_ = loop_.watch(prober_.reports_fd(), true, false,
+                                 [this](EventLoop::Ready) { take_reports(); });
+    if (!reports_watch_) {
+        throw std::runtime_error("the event loop cannot watch the probing thread");
+    }
+    refresh_timer_ = loop_.after(kRefresh, [this] { refresh(); });
+    const std::string reason = prober_.start();
+    if (!reason.empty()) {
+        log_message(kLogWarning, "TARN", "PRIORITY",
+                    "Probing without priority, a loop is cut later on a busy machine: %s.",
+                    reason.c_str());
+    }
+}
+
+void Service::close() {
+    prober_.stop();
+    while (!cuts_.empty()) {
+        give_back(cuts_.begin()->first);
+    }
+    guard_.remove();
+}
+
+void Service::follow_configuration() {
+    follow<PBridge__TarnConfig>(client_, QV_MOM_CFG_DB);
+    follow<PBridge__TarnPort>(client_, QV_MOM_CFG_DB);
+    follow<PApp__LdaNcPolicy>(client_, QV_MOM_CFG_DB);
+}
+
+// Reports that could not be stored, and then what a predecessor has left.
+void Service::follow_loops() {
+    for (auto& [ifx, record] : records_) {
+        if (!record.stored) {
+            store(ifx, record);
+        }
+    }
+    const auto key = key_of<PBridge__TarnLoopInfo>();
+    qv_mom_scan(client_, QV_MOM_APP_DB, &key.base, 0, on_message<PBridge__TarnLoopInfo>, nullptr);
+}
+
+void Service::take(const PBridge__TarnConfig& record, bool deleted) {
+    settings_ = deleted ? Settings{} : settings_of(record);
+    settings_pending_ = true;
+    send_commands();
+}
+
+void Service::take(const PBridge__TarnPort& record, bool deleted) {
+    if (record.index == nullptr || record.index->ifx == 0) {
+        return;
+    }
+    const uint32_t ifx = record.index->ifx;
+    if (deleted) {
+        ports_.erase(ifx);
+    } else {
+        ports_[ifx] = {.watched = record.loop_detect != 0,
+                       .vlan_mode = record.vlan_mode,
+                       .shut = record.shut != 0};
+    }
+    if (!deleted && record.shut != 0 && cuts_.erase(ifx) != 0) {
+        journal_.clear(ifx);
+    }
+    command_port(ifx);
+}
+
+void Service::take(const PApp__LdaNcPolicy& record, bool deleted) {
+    policy_ = deleted ? 0 : record.loop_policy_cli;
+    for (const auto& [ifx, port] : ports_) {
+        ports_pending_.insert(ifx);
+    }
+    send_commands();
+}
+
+void Service::take(const PBridge__TarnLoopInfo& record, bool deleted) {
+    if (deleted || record.index == nullptr || record.is_loop == 0) {
+        return;
+    }
+    const uint32_t ifx = record.index->ifx;
+    const auto own = records_.find(ifx);
+    if (own == records_.end() || !own->second.is_loop) {
+        LoopRecord& ended = records_[ifx];
+        ended = {.src_ifx = record.src_ifx, .is_loop = false, .stored = false};
+        store(ifx, ended);
+    }
+}
+
+void Service::command_port(uint32_t ifx) {
+    ports_pending_.insert(ifx);
+    send_commands();
+}
+
+// What the ring does not take now is sent a little later.
+void Service::send_commands() {
+    commands_timer_.reset();
+    if (settings_pending_) {
+        settings_pending_ =
+            !prober_.command({.kind = Command::Kind::kSettings, .settings = settings_});
+    }
+    while (!settings_pending_ && !ports_pending_.empty()) {
+        const uint32_t ifx = *ports_pending_.begin();
+        const auto found = ports_.find(ifx);
+        const Port port = found != ports_.end() ? found->second : Port{};
+        if (!prober_.command({.kind = Command::Kind::kPort,
+                              .ifx = ifx,
+                              .watched = port.watched,
+                              .shuts = port.watched && policy_shuts(policy_, port.vlan_mode)})) {
+            break;
+        }
+        ports_pending_.erase(ifx);
+    }
+    if (settings_pending_ || !ports_pending_.empty()) {
+        commands_timer_ = loop_.after(kCommandPause, [this] { send_commands(); });
+    }
+}
+
+void Service::take_reports() {
+    prober_.clear_reports_fd();
+    while (const auto report = prober_.next_report()) {
+        on_report(*report);
+    }
+}
+
+void Service::on_report(const Report& report) {
+    if (report.kind == Report::Kind::kCut) {
+        on_cut(report.ifx, report.error);
+        return;
+    }
+    const bool is_loop = report.kind == Report::Kind::kLoop;
+    LoopRecord& record = records_[report.ifx];
+    record = {.src_ifx = report.src_ifx, .is_loop = is_loop, .stored = false};
+    store(report.ifx, record);
+    const std::string port = name_of(report.ifx);
+    if (is_loop) {
+        log_message(kLogWarning, "TARN", "LOOP",
+                    "%s receives what %s sends: a loop, found by %s, %lld us long.", port.c_str(),
+                    name_of(report.src_ifx).c_str(), text_of(report.trigger),
+                    static_cast<long long>(report.path / std::chrono::microseconds(1)));
+    } else {
+        log_message(kLogInfo, "TARN", "END", "The loop of %s has ended.", port.c_str());
+    }
+}
+
+void Service::on_cut(uint32_t ifx, int error) {
+    const std::string name = name_of(ifx);
+    if (error != 0) {
+        log_message(kLogError, "TARN", "CUT", "%s cannot be cut: %s.", name.c_str(),
+                    std::strerror(error));
+        return;
+    }
+    log_message(kLogWarning, "TARN", "CUT", "%s was taken out of service to end a loop.",
+                name.c_str());
+    const auto port = ports_.find(ifx);
+    if (port != ports_.end() && port->second.shut) {
+        journal_.clear(ifx);
+    } else {
+        expect_take_over(ifx);
+    }
+}
+
+void Service::expect_take_over(uint32_t ifx) {
+    cuts_[ifx] = loop_.after(kTakeOver, [this, ifx] { give_back(ifx); });
+}
+
+void Service::give_back(uint32_t ifx) {
+    cuts_.erase(ifx);
+    const std::string name = name_of(ifx);
+    const int error = control_.set_up(ifx, true);
+    journal_.clear(ifx);
+    if (error == 0) {
+        log_message(kLogWarning, "TARN", "RETURN",
+                    "%s is in service again: nobody has taken it over.", name.c_str());
+    } else if (error != ENODEV) {
+        log_message(kLogError, "TARN", "RETURN", "%s cannot be brought into service again: %s.",
+                    name.c_str(), std::strerror(error));
+    }
+}
+
+void Service::store(uint32_t ifx, LoopRecord& record) {
+    PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
+    index.ifx = ifx;
+    PBridge__TarnLoopInfo info = P_BRIDGE__TARN_LOOP_INFO__INIT;
+    info.index = &index;
+    info.vid = kUntaggedVid;
+    info.is_loop = record.is_loop ? 1 : 0;
+    info.src_ifx = record.src_ifx;
+    record.stored = qv_mom_set(client_, QV_MOM_APP_DB, &info.base, 0, 0) == 0;
+}
+
+void Service::refresh() {
+    refresh_timer_ = loop_.after(kRefresh, [this] { refresh(); });
+    for (auto& [ifx, record] : records_) {
+        if (record.is_loop) {
+            store(ifx, record);
+        }
+    }
+    if (!guard_.installed()) {
+        const std::string reason = guard_.install();
+        log_message(kLogWarning, "TARN", "GUARD",
+                    "The rule that drops returned probes was gone%s%s.",
+                    reason.empty() ? "; it is back" : " and cannot be put back: ", reason.c_str());
+    }
+    log_ignored();
+}
+
+void Service::log_ignored() {
+    const auto count = [this](Ignored why) {
+        return static_cast<unsigned long long>(prober_.ignored(why));
+    };
+    const uint64_t bad = count(Ignored::kMalformed) + count(Ignored::kForged);
+    if (bad != ignored_logged_) {
+        ignored_logged_ = bad;
+        log_message(kLogWarning, "TARN", "IGNORED",
+                    "Frames that are no probes of ours so far: %llu malformed, %llu with a wrong "
+                    "hash.",
+                    count(Ignored::kMalformed), count(Ignored::kForged));
+    }
+}
+
+}  // namespace qv::tarnd

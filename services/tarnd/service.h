@@ -1,0 +1,93 @@
+// The main thread's side of the probe service: configuration from records, loop records and log
+// messages from the prober's reports, and the ports that were cut until the switch takes them over.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <set>
+#include <string>
+
+#include "p_app.pb-c.h"
+#include "p_bridge.pb-c.h"
+#include "platform/base/event_loop.h"
+#include "qv/mom.h"
+#include "services/tarnd/cut_journal.h"
+#include "services/tarnd/guard_table.h"
+#include "services/tarnd/port_control.h"
+#include "services/tarnd/probe_thread.h"
+
+namespace qv::tarnd {
+
+// Whether the loop-detect policy shuts a looped port of this VLAN mode.
+bool policy_shuts(uint32_t policy, uint32_t vlan_mode);
+
+// Settings of a record; what is out of range is taken for the default.
+Settings settings_of(const PBridge__TarnConfig& record);
+
+// Main thread only. Lives as long as the process.
+class Service {
+ public:
+    // How long the switch has to take over a port that was cut.
+    static constexpr std::chrono::seconds kTakeOver{5};
+    static constexpr std::chrono::seconds kRefresh{10};
+
+    // Starts the probing thread. Everything must outlive the service. Throws std::runtime_error.
+    Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard);
+
+    // Before the process ends: no more probes, and no port stays dark that is ours.
+    void close();
+
+    // Records, from the object database.
+    void take(const PBridge__TarnConfig& record, bool deleted);
+    void take(const PBridge__TarnPort& record, bool deleted);
+    void take(const PApp__LdaNcPolicy& record, bool deleted);
+    void take(const PBridge__TarnLoopInfo& record, bool deleted);
+
+ private:
+    struct Port {
+        bool watched = false;
+        uint32_t vlan_mode = 0;
+        bool shut = false;
+    };
+    // A loop record that this process has set, or is to set.
+    struct LoopRecord {
+        uint32_t src_ifx = 0;
+        bool is_loop = false;
+        bool stored = false;
+    };
+
+    void follow_configuration();
+    void follow_loops();
+    void command_port(uint32_t ifx);
+    void send_commands();
+    void take_reports();
+    void on_report(const Report& report);
+    void on_cut(uint32_t ifx, int error);
+    void expect_take_over(uint32_t ifx);
+    void give_back(uint32_t ifx);
+    void store(uint32_t ifx, LoopRecord& record);
+    void refresh();
+    void log_ignored();
+
+    EventLoop& loop_;
+    ProbeThread& prober_;
+    CutJournal& journal_;
+    GuardTable& guard_;
+    PortControl control_;
+    qv_mom_client* const client_;
+
+    uint32_t policy_ = 0;
+    Settings settings_;
+    bool settings_pending_ = false;
+    std::set<uint32_t> ports_pending_;
+    std::map<uint32_t, Port> ports_;
+    std::map<uint32_t, LoopRecord> records_;
+    std::map<uint32_t, EventLoop::Handle> cuts_;  // not taken over yet
+    uint64_t ignored_logged_ = 0;
+
+    EventLoop::Handle reports_watch_;
+    EventLoop::Handle commands_timer_;
+    EventLoop::Handle refresh_timer_;
+};
+
+}  // namespace qv::tarnd

@@ -1,0 +1,275 @@
+"""The loop-probe service against real loops: kernel ports, a real agent, a real redis-server.
+
+The traffic is bounded: every cable that closes a loop passes some thousand frames a second at most, and a timer
+pulls it if the test does not.
+"""
+
+import contextlib
+import os
+import signal
+import stat
+import subprocess
+import sys
+import threading
+
+import pytest
+
+from lab import APP_DB, BUILD, CFG_DB, p_bridge, run, wait_for
+from storm_lab import DETECTED, StormLab
+
+LONGEST_LOOP_S = 40
+CABLE = ("rate", "4mbit", "burst", "3000", "limit", "6000")  # of tc(8)
+
+
+# Prints how many probes arrive on a device, named first, in so many seconds.
+COUNT_PROBES = """
+import socket, sys, time
+link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x88b5))
+link.bind((sys.argv[1], 0x88b5))
+count, end = 0, time.monotonic() + float(sys.argv[2])
+while (left := end - time.monotonic()) > 0:
+    link.settimeout(left)
+    try:
+        link.recv(2000)
+        count += 1
+    except TimeoutError:
+        break
+print(count)
+"""
+
+
+class TarnLab(StormLab):
+    """A switch with its agent, where tarnd can be started."""
+
+    def __init__(self, ports=4):
+        super().__init__(ports)
+        self.tarnd = None
+        self.remote_namespace = f"{self.namespace}-far"
+
+    def __exit__(self, *details):
+        self.end_tarnd(signal.SIGKILL)
+        subprocess.run(["ip", "netns", "delete", self.remote_namespace], check=False, stderr=subprocess.DEVNULL)
+        super().__exit__(*details)
+
+    def write_platform_file(self, extra=""):
+        super().write_platform_file(extra + f'[tarn]\nstate = "{self.folder}/tarn"\n')
+
+    def tarnd_command(self):
+        return ["ip", "netns", "exec", self.namespace, str(BUILD / "services" / "tarnd" / "tarnd")]
+
+    def environment(self):
+        return {**os.environ, "LDA_PLATFORM": str(self.platform_file)}
+
+    def start_tarnd(self):
+        self.tarnd = subprocess.Popen(self.tarnd_command(), env=self.environment(), stdin=subprocess.DEVNULL)
+        wait_for(lambda: "tarnd_" in self.ruleset(), 20, "tarnd runs")
+
+    def end_tarnd(self, how=signal.SIGTERM):
+        if self.tarnd:
+            self.tarnd.send_signal(how)
+            status = self.tarnd.wait(20)
+            self.tarnd = None
+            return status
+        return None
+
+    def enable(self, *policy):
+        """Loop detection with this policy, and wait until every port's record says that it is probed."""
+        self.configure(" ".join(["loop-detect enable", *policy]))
+        wait_for(lambda: len(self.watched_ports()) == len(self.port_names), 20, "every port is watched")
+
+    def watched_ports(self):
+        database = self.database(CFG_DB)
+        records = [p_bridge.tarn_port.FromString(database.get(key)) for key in database.keys("p_bridge.tarn_port/*")]
+        return [record.index.ifx for record in records if record.loop_detect]
+
+    def loops(self):
+        """The loops on record: pairs of the reporting port and the one that sent the probe, by name."""
+        names = {self.ifindex(name): name for name in self.port_names}
+        database = self.database(APP_DB)
+        records = [p_bridge.tarn_loop_info.FromString(database.get(key))
+                   for key in database.keys("p_bridge.tarn_loop_info/*")]
+        return {(names[record.index.ifx], names[record.src_ifx]) for record in records if record.is_loop}
+
+    def remote(self, *command):
+        return run("ip", "netns", "exec", self.remote_namespace, *command)
+
+    def plug(self, port):
+        self.remote("ip", "link", "set", f"{port}-far", "master", "outside")
+
+    def unplug(self, port):
+        self.remote("ip", "link", "set", f"{port}-far", "nomaster")
+
+    @contextlib.contextmanager
+    def slow_outside(self, *ports):
+        """Another machine's bridge with slow cables to these ports, unplugged; a timer unplugs them in the end."""
+        run("ip", "netns", "add", self.remote_namespace)
+        self.remote("sh", "-c", "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6")
+        self.remote("ip", "link", "add", "outside", "up", "type", "bridge")
+        for port in ports:
+            self.ip("link", "set", f"{port}-far", "netns", self.remote_namespace)
+            self.remote("ip", "link", "set", f"{port}-far", "up")
+            self.remote("tc", "qdisc", "replace", "dev", f"{port}-far", "root", "tbf", *CABLE)
+        wait_for(lambda: all(self.link(port)["operstate"] == "UP" for port in ports), 10, "the links are up again")
+        end = threading.Timer(LONGEST_LOOP_S, lambda: [self.unplug(port) for port in ports])
+        end.start()
+        try:
+            yield
+        finally:
+            end.cancel()
+            end.join()
+            for port in ports:
+                with contextlib.suppress(subprocess.CalledProcessError):
+                    self.unplug(port)
+
+
+@pytest.fixture
+def lab(kernel_ports):
+    with TarnLab(ports=4) as the_lab:
+        yield the_lab
+
+
+def test_loop_through_a_remote_bridge_is_reported_and_nothing_is_cut_under_warning(lab):
+    lab.start_tarnd()
+    lab.enable()
+    with lab.slow_outside("swp1", "swp2"), lab.broadcasts("swp3-far", count=200):
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lab.loops, 10, "the loop is on record")
+        assert lab.loops() <= {("swp1", "swp2"), ("swp2", "swp1")}
+        wait_for(lambda: DETECTED.format("swp1") in lab.log() and DETECTED.format("swp2") in lab.log(), 10,
+                 "the agent has both ports")
+        assert lab.down_ports() == []
+        lab.unplug("swp2")
+        wait_for(lambda: not lab.loops(), 10, "the record is withdrawn after three silent probes", every=0.1)
+    assert lab.down_ports() == []
+    assert DETECTED.format("swp3") not in lab.log()
+
+
+def test_loop_through_a_remote_bridge_is_cut_and_the_agent_owns_the_ports(lab):
+    lab.start_tarnd()
+    lab.enable("shutdown access-mode")
+    with lab.slow_outside("swp1", "swp2"), lab.broadcasts("swp3-far", count=200):
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lambda: lab.down_ports() == ["swp1", "swp2"], 10, "both ports are shut")
+        config = lab.cli("show running-config")
+        for port in ("swp1", "swp2"):
+            assert " loop-detect apply shutdown-port\n" in config.split(f"interface {port}\n")[1].split("!")[0]
+        wait_for(lambda: not lab.loops(), 10, "ports that are down are in no loop")
+        # The agent has taken the ports over, so tarnd gives none of them back.
+        assert lab.end_tarnd() == -signal.SIGTERM
+        assert lab.down_ports() == ["swp1", "swp2"]
+        assert "tarnd_" not in lab.ruleset()
+
+
+def test_silent_loop_present_before_the_start_is_found(lab):
+    with lab.slow_outside("swp1", "swp4"):
+        lab.plug("swp1")
+        lab.plug("swp4")
+        lab.start_tarnd()
+        lab.enable("shutdown access-mode")
+        # A port whose own detection comes later is not needed to find the loop and open it.
+        wait_for(lab.down_ports, 10, "the loop is open")
+        assert set(lab.down_ports()) <= {"swp1", "swp4"}
+
+
+def test_cable_between_two_ports_is_cut(lab):
+    lab.start_tarnd()
+    lab.enable("shutdown access-mode")
+    lab.batch("link add name swp5 type veth peer name swp6")
+    for end in ("swp5", "swp6"):
+        lab.inside("tc", "qdisc", "replace", "dev", end, "root", "tbf", *CABLE)
+    lab.port_names += ["swp5", "swp6"]
+    lab.batch("link set swp5 master br0", "link set swp6 master br0")
+    wait_for(lambda: len(lab.watched_ports()) == 6, 10, "the new ports are watched")
+    end = threading.Timer(LONGEST_LOOP_S, lambda: lab.ip("link", "delete", "swp5"))
+    end.start()
+    try:
+        with lab.broadcasts("swp3-far", count=100):
+            lab.batch("link set swp5 up", "link set swp6 up")
+            wait_for(lambda: lab.down_ports() == ["swp5", "swp6"], 10, "both ends are shut")
+    finally:
+        end.cancel()
+
+
+def test_port_that_reflects_its_frames_is_cut(lab):
+    lab.start_tarnd()
+    lab.enable("shutdown access-mode")
+    with lab.slow_outside("swp2"):
+        lab.plug("swp2")
+        lab.remote("bridge", "link", "set", "dev", "swp2-far", "hairpin", "on")
+        wait_for(lambda: lab.down_ports() == ["swp2"], 10, "the port is shut")
+    assert DETECTED.format("swp2") in lab.log()
+
+
+def test_own_probes_do_not_multiply_in_a_loop(lab):
+    lab.start_tarnd()
+    lab.enable()
+    with lab.slow_outside("swp1", "swp2"):
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lab.loops, 10, "the loop is on record")
+        # A looped probe that nothing drops would be flooded out of swp3 thousands of times.
+        assert 2 <= int(lab.inside(sys.executable, "-c", COUNT_PROBES, "swp3-far", "4")) <= 20
+
+
+def test_port_that_spanning_tree_blocks_is_neither_probed_nor_believed(lab):
+    lab.ip("link", "set", "br0", "type", "bridge", "stp_state", "1", "forward_delay", "200")
+
+    def states():
+        words = {line.split()[1].split("@")[0].rstrip(":"): line.split("state ")[-1].split()[0]
+                 for line in lab.inside("bridge", "link").splitlines()}
+        return [words["swp1"], words["swp2"]]
+
+    with lab.slow_outside("swp1", "swp2"):
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lambda: states() == ["forwarding", "blocking"], 30, "spanning tree has blocked a port", every=0.2)
+        lab.start_tarnd()
+        lab.enable("shutdown access-mode")
+        # Probes of swp1 leave once a second, and swp2-far passes them on to the blocked port.
+        before = lab.received("swp2")
+        wait_for(lambda: lab.received("swp2") - before >= 8, 30, "probes have come by", every=0.2)
+        assert lab.loops() == set()
+        assert lab.down_ports() == []
+        assert states() == ["forwarding", "blocking"]
+
+
+def test_what_a_killed_tarnd_has_left_is_ended_by_the_next(lab):
+    lab.start_tarnd()
+    lab.enable()
+    with lab.slow_outside("swp1", "swp2"):
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lab.loops, 10, "the loop is on record")
+        lab.end_tarnd(signal.SIGKILL)
+        lab.unplug("swp1")
+        lab.unplug("swp2")
+        assert lab.loops() != set()
+        lab.start_tarnd()
+        wait_for(lambda: not lab.loops(), 10, "the next tarnd has ended the record")
+
+
+def test_cut_that_nobody_takes_over_is_undone(lab):
+    lab.start_tarnd()
+    lab.enable("shutdown access-mode")
+    lab.agent.send_signal(signal.SIGSTOP)
+    with lab.slow_outside("swp2"):
+        lab.plug("swp2")
+        lab.remote("bridge", "link", "set", "dev", "swp2-far", "hairpin", "on")
+        wait_for(lambda: lab.down_ports() == ["swp2"], 10, "the port is cut")
+        lab.end_tarnd(signal.SIGKILL)
+        lab.unplug("swp2")
+        lab.start_tarnd()
+        wait_for(lambda: lab.down_ports() == [], 20, "the next tarnd has undone the cut")
+    lab.agent.send_signal(signal.SIGCONT)
+
+
+def test_second_tarnd_on_the_bridge_names_the_first(lab):
+    lab.start_tarnd()
+    second = subprocess.run(lab.tarnd_command(), env=lab.environment(), capture_output=True, text=True, check=False,
+                            timeout=20)
+    assert second.returncode == 1
+    assert second.stderr == f"tarnd: another tarnd (process {lab.tarnd.pid}) probes bridge br0\n"
+    key = lab.folder / "tarn" / "key"
+    assert stat.S_IMODE(key.stat().st_mode) == 0o600

@@ -1,0 +1,67 @@
+#include "services/tarnd/cut_journal.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <stdexcept>
+
+namespace qv::tarnd {
+namespace {
+
+using Ports = std::vector<uint32_t>;
+
+struct CutJournalTest : testing::Test {
+    CutJournalTest() {
+        std::string pattern = testing::TempDir() + "cutsXXXXXX";
+        folder = mkdtemp(pattern.data());
+    }
+    ~CutJournalTest() override { std::filesystem::remove_all(folder); }
+
+    std::string folder;
+    std::string path() const { return folder + "/cuts"; }
+};
+
+TEST_F(CutJournalTest, NotesOutliveTheProcess) {
+    {
+        CutJournal journal(path(), "boot");
+        EXPECT_TRUE(journal.note(7));
+        EXPECT_TRUE(journal.note(9));
+        EXPECT_TRUE(journal.note(7));
+        EXPECT_TRUE(journal.note(11));
+        journal.clear(9);
+    }
+    EXPECT_EQ(CutJournal(path(), "boot").noted(), (Ports{7, 11}));
+    struct stat status {};
+    ASSERT_EQ(stat(path().c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode & 0777u, 0600u);
+}
+
+TEST_F(CutJournalTest, NotesOfAnotherBootAreDropped) {
+    CutJournal(path(), "boot").note(7);
+    EXPECT_EQ(CutJournal(path(), "next boot").noted(), Ports{});
+}
+
+TEST_F(CutJournalTest, AFullJournalRefuses) {
+    CutJournal journal(path(), "boot");
+    for (uint32_t ifx = 1; ifx <= CutJournal::kSlots; ++ifx) {
+        ASSERT_TRUE(journal.note(ifx));
+    }
+    EXPECT_FALSE(journal.note(5000));
+    journal.clear(1);
+    EXPECT_TRUE(journal.note(5000));
+}
+
+TEST_F(CutJournalTest, AFolderThatIsMissingIsNamed) {
+    try {
+        CutJournal journal(folder + "/none/cuts", "boot");
+        FAIL() << "no exception";
+    } catch (const std::runtime_error& error) {
+        EXPECT_EQ(error.what(), folder + "/none/cuts: No such file or directory");
+    }
+}
+
+}  // namespace
+}  // namespace qv::tarnd

@@ -1,0 +1,372 @@
+#include "services/tarnd/prober.h"
+
+#include <gtest/gtest.h>
+#include <sodium.h>
+
+#include <cerrno>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace qv::tarnd {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+using Lines = std::vector<std::string>;
+
+Prober::Identity identity() {
+    Prober::Identity made{
+        .bridge = 77, .source = {2, 0, 0, 0, 0, 1}, .key = {}, .first_sequence = 1000};
+    made.key.fill(9);
+    return made;
+}
+
+// Keeps the frames that ports send, and what is reported, as text.
+struct Hands final : ProberOutputs {
+    struct Sent {
+        uint32_t ifx;
+        Frame frame;
+    };
+
+    bool send(uint32_t ifx, const Frame& frame) override {
+        sent.push_back({ifx, frame});
+        return true;
+    }
+    int cut(uint32_t ifx, bool single) override {
+        lines.push_back((single ? "cut single " : "cut ") + std::to_string(ifx));
+        return cut_result;
+    }
+    bool report(const Report& report) override {
+        if (deaf) {
+            return false;
+        }
+        const char* const kinds[] = {"loop", "end", "was cut"};
+        lines.push_back(std::string(kinds[static_cast<size_t>(report.kind)]) + " " +
+                        std::to_string(report.ifx) + " from " + std::to_string(report.src_ifx));
+        last = report;
+        return true;
+    }
+
+    std::vector<Sent> sent;
+    Lines lines;
+    Report last;
+    int cut_result = 0;
+    bool deaf = false;
+};
+
+struct ProberTest : testing::Test {
+    ProberTest() {
+        EXPECT_GE(sodium_init(), 0);
+        settings.enabled = true;
+        prober.configure(settings, now);
+    }
+
+    // Ports 1 to `count`, watched and forwarding, after their first probes.
+    void add_ports(uint32_t count, bool shuts = false) {
+        for (uint32_t ifx = 1; ifx <= count; ++ifx) {
+            prober.configure_port(ifx, true, shuts, now);
+            prober.set_port(ifx, true, now);
+        }
+        prober.run(now);
+        take_sent();
+    }
+
+    // Lets time pass, running the prober when it asks for it.
+    void pass(Duration time) {
+        const Time end = now + time;
+        while (prober.next() <= end) {
+            now = std::max(now, prober.next());
+            prober.run(now);
+        }
+        now = end;
+    }
+
+    // The ports that have sent a frame each, in order.
+    std::vector<uint32_t> take_sent() {
+        std::vector<uint32_t> ports;
+        for (const auto& sent : hands.sent) {
+            ports.push_back(sent.ifx);
+        }
+        hands.sent.clear();
+        return ports;
+    }
+
+    // One triggered frame of a port.
+    Frame frame_of(uint32_t ifx) {
+        pass(milliseconds(5));
+        hands.sent.clear();
+        prober.overrun(now);
+        prober.run(now);
+        for (const auto& sent : hands.sent) {
+            if (sent.ifx == ifx) {
+                return sent.frame;
+            }
+        }
+        ADD_FAILURE() << "port " << ifx << " has not sent";
+        return {};
+    }
+
+    // Passes time during which everything that `from` sends comes back on `to`.
+    void pass_looped(uint32_t from, uint32_t to, Duration time) {
+        const Time end = now + time;
+        while (now < end) {
+            pass(milliseconds(10));
+            for (const auto& sent : std::exchange(hands.sent, {})) {
+                if (sent.ifx == from) {
+                    prober.received(to, sent.frame, now);
+                }
+            }
+        }
+    }
+
+    Lines take_lines() { return std::exchange(hands.lines, {}); }
+
+    Time now{seconds(5000)};
+    Settings settings;
+    Hands hands;
+    Prober prober{identity(), hands};
+};
+
+TEST_F(ProberTest, ProbesEveryPortOnceInEachInterval) {
+    add_ports(3);
+    pass(seconds(1));
+    EXPECT_EQ(take_sent().size(), 3u);
+    pass(seconds(10));
+    EXPECT_EQ(take_sent().size(), 30u);
+}
+
+TEST_F(ProberTest, SendsNothingWhileDisabledOrUnwatchedOrBlocked) {
+    add_ports(3);
+    prober.configure_port(1, false, false, now);
+    prober.set_port(2, false, now);
+    pass(seconds(1));
+    EXPECT_EQ(take_sent(), std::vector<uint32_t>{3});
+    settings.enabled = false;
+    prober.configure(settings, now);
+    pass(seconds(5));
+    EXPECT_EQ(take_sent(), std::vector<uint32_t>{});
+    EXPECT_EQ(prober.next(), Time::max());
+}
+
+TEST_F(ProberTest, ProbesAtOnceWhenAPortBeginsToForward) {
+    add_ports(2);
+    prober.set_port(2, false, now);
+    pass(milliseconds(5));
+    take_sent();
+    prober.set_port(2, true, now);
+    prober.run(now);
+    EXPECT_EQ(take_sent(), (std::vector<uint32_t>{2, 2}));
+}
+
+TEST_F(ProberTest, ProbesBothPortsWhenAnAddressMoves) {
+    add_ports(3);
+    pass(milliseconds(5));
+    take_sent();
+    EXPECT_FALSE(prober.learned(0x020000000001, 1, now));
+    EXPECT_FALSE(prober.learned(0x020000000001, 1, now));
+    prober.run(now);
+    EXPECT_EQ(take_sent(), std::vector<uint32_t>{});
+    EXPECT_TRUE(prober.learned(0x020000000001, 3, now));
+    prober.run(now);
+    EXPECT_EQ(take_sent(), (std::vector<uint32_t>{1, 1, 3, 3}));
+}
+
+TEST_F(ProberTest, OneBurstOfAPortInFiveMilliseconds) {
+    settings.interval = seconds(10);
+    prober.configure(settings, now);
+    add_ports(1);
+    for (int n = 0; n < 99; ++n) {
+        prober.overrun(now);
+        pass(std::chrono::microseconds(100));
+    }
+    // In 9.9 ms, after the first probes of the port at their beginning.
+    EXPECT_EQ(take_sent(), (std::vector<uint32_t>{1, 1}));
+}
+
+TEST_F(ProberTest, BurstsOfTheWholeSwitchAreLimited) {
+    settings.interval = seconds(10);
+    prober.configure(settings, now);
+    add_ports(1000);
+    pass(seconds(20));
+    take_sent();
+    for (int n = 0; n < 100; ++n) {
+        prober.overrun(now);
+        pass(milliseconds(1));
+    }
+    // 256 at once and 2,000 a second, of two frames each, and periodic probes.
+    const size_t frames = take_sent().size();
+    EXPECT_GE(frames, 2 * 400u);
+    EXPECT_LE(frames, 2 * (256u + 200u) + 20u);
+}
+
+TEST_F(ProberTest, AReturnedProbeProvesALoopOnce) {
+    add_ports(2);
+    const Frame frame = frame_of(1);
+    prober.received(2, frame, now + std::chrono::microseconds(40));
+    EXPECT_EQ(take_lines(), Lines{"loop 2 from 1"});
+    EXPECT_EQ(hands.last.trigger, Trigger::kOverrun);
+    EXPECT_EQ(hands.last.path, Duration(std::chrono::microseconds(40)));
+    prober.received(2, frame_of(1), now);
+    EXPECT_EQ(take_lines(), Lines{});
+}
+
+TEST_F(ProberTest, APortThatIsNotWatchedLeavesTheReportToTheSender) {
+    add_ports(2);
+    prober.configure_port(2, false, false, now);
+    prober.received(2, frame_of(1), now);
+    EXPECT_EQ(take_lines(), Lines{"loop 1 from 1"});
+}
+
+TEST_F(ProberTest, ABlockedPortIsNotBelieved) {
+    add_ports(2);
+    const Frame frame = frame_of(1);
+    prober.set_port(2, false, now);
+    prober.received(2, frame, now);
+    prober.set_port(2, true, now);
+    prober.set_port(1, false, now);
+    prober.received(2, frame, now);
+    EXPECT_EQ(take_lines(), Lines{});
+    EXPECT_EQ(prober.ignored(Ignored::kBlocked), 2u);
+    // The probe is older than the port's present link.
+    prober.set_port(1, true, now);
+    prober.received(2, frame, now);
+    EXPECT_EQ(take_lines(), Lines{});
+    EXPECT_EQ(prober.ignored(Ignored::kStale), 1u);
+}
+
+TEST_F(ProberTest, ForgedForeignOldAndRepeatedFramesAreCountedAndIgnored) {
+    add_ports(2);
+    const Frame frame = frame_of(1);
+    Frame forged = frame;
+    forged[40] ^= 1;
+    prober.received(2, forged, now);
+    prober.received(2, std::span(frame).first(61), now);
+    Prober::Identity other = identity();
+    other.bridge = 78;
+    const Probe probe{.bridge = 78,
+                      .ifx = 1,
+                      .sequence = 1002,
+                      .time_ns = static_cast<uint64_t>(now.time_since_epoch().count())};
+    prober.received(2, encode(probe, other.source, other.key), now);
+    prober.received(2, frame, now + seconds(3));
+    prober.received(2, frame, now - milliseconds(1));
+    EXPECT_EQ(take_lines(), Lines{});
+    prober.received(2, frame, now);
+    prober.received(2, frame, now);
+    EXPECT_EQ(take_lines(), Lines{"loop 2 from 1"});
+    EXPECT_EQ(prober.ignored(Ignored::kForged), 1u);
+    EXPECT_EQ(prober.ignored(Ignored::kMalformed), 1u);
+    EXPECT_EQ(prober.ignored(Ignored::kForeign), 1u);
+    EXPECT_EQ(prober.ignored(Ignored::kStale), 2u);
+    EXPECT_EQ(prober.ignored(Ignored::kDuplicate), 1u);
+}
+
+TEST_F(ProberTest, AProbeOfAnEarlierProcessIsOld) {
+    add_ports(2);
+    Prober::Identity earlier = identity();
+    const Probe probe{.bridge = 77,
+                      .ifx = 1,
+                      .sequence = 1000,
+                      .time_ns = static_cast<uint64_t>(now.time_since_epoch().count())};
+    prober.received(2, encode(probe, earlier.source, earlier.key), now);
+    EXPECT_EQ(take_lines(), Lines{});
+    EXPECT_EQ(prober.ignored(Ignored::kStale), 1u);
+}
+
+TEST_F(ProberTest, ALoopLastsWhileProbesComeBackAndEndsAfterThreeSilentOnes) {
+    add_ports(2);
+    pass_looped(1, 2, seconds(20));
+    EXPECT_EQ(take_lines(), Lines{"loop 2 from 1"});
+    pass(milliseconds(3000));
+    EXPECT_EQ(take_lines(), Lines{});
+    pass(milliseconds(1100));
+    EXPECT_EQ(take_lines(), Lines{"end 2 from 1"});
+    pass(seconds(10));
+    EXPECT_EQ(take_lines(), Lines{});
+}
+
+TEST_F(ProberTest, ALoopEndsWhenEitherPortStopsForwardingOrGoes) {
+    add_ports(3);
+    prober.received(2, frame_of(1), now);
+    prober.received(3, frame_of(3), now);
+    take_lines();
+    prober.set_port(1, false, now);
+    EXPECT_EQ(take_lines(), Lines{"end 2 from 1"});
+    prober.remove_port(3);
+    EXPECT_EQ(take_lines(), Lines{"end 3 from 3"});
+}
+
+TEST_F(ProberTest, ALoopEndsAfterTheRecoveryIntervalAndIsFoundAgain) {
+    settings.recover = seconds(30);
+    prober.configure(settings, now);
+    add_ports(2);
+    pass_looped(1, 2, seconds(28));
+    EXPECT_EQ(take_lines(), Lines{"loop 2 from 1"});
+    pass_looped(1, 2, seconds(4));
+    EXPECT_EQ(take_lines(), (Lines{"end 2 from 1", "loop 2 from 1"}));
+}
+
+TEST_F(ProberTest, AShuttingPolicyCutsOnePortOfTheLoop) {
+    add_ports(2, true);
+    const Frame from_1 = frame_of(1);
+    const Frame from_2 = frame_of(2);
+    prober.received(2, from_1, now);
+    EXPECT_EQ(take_lines(), (Lines{"loop 2 from 1", "cut 2", "was cut 2 from 1"}));
+    // The other direction of the same loop, still under way.
+    prober.received(1, from_2, now);
+    EXPECT_EQ(take_lines(), Lines{});
+}
+
+TEST_F(ProberTest, ALoopBehindOnePortIsCutAsSuch) {
+    add_ports(1, true);
+    prober.received(1, frame_of(1), now);
+    EXPECT_EQ(take_lines(), (Lines{"loop 1 from 1", "cut single 1", "was cut 1 from 1"}));
+}
+
+TEST_F(ProberTest, OnlyAPortThatThePolicyShutsIsCut) {
+    add_ports(2, true);
+    prober.configure_port(2, true, false, now);
+    prober.received(2, frame_of(1), now);
+    EXPECT_EQ(take_lines(), (Lines{"loop 2 from 1", "cut 1", "was cut 1 from 1"}));
+}
+
+TEST_F(ProberTest, AFailedCutIsReported) {
+    add_ports(2, true);
+    hands.cut_result = EPERM;
+    prober.received(2, frame_of(1), now);
+    EXPECT_EQ(hands.last.kind, Report::Kind::kCut);
+    EXPECT_EQ(hands.last.error, EPERM);
+}
+
+TEST_F(ProberTest, ReportsThatAreNotTakenAreOfferedAgainInOrder) {
+    add_ports(2);
+    hands.deaf = true;
+    prober.received(2, frame_of(1), now);
+    prober.set_port(1, false, now);
+    pass(seconds(1));
+    EXPECT_EQ(take_lines(), Lines{});
+    hands.deaf = false;
+    pass(milliseconds(10));
+    EXPECT_EQ(take_lines(), (Lines{"loop 2 from 1", "end 2 from 1"}));
+}
+
+TEST_F(ProberTest, APortThatIsBackKeepsItsConfiguration) {
+    add_ports(2);
+    prober.remove_port(2);
+    pass(seconds(2));
+    take_sent();
+    prober.set_port(2, true, now);
+    prober.run(now);
+    EXPECT_EQ(take_sent(), (std::vector<uint32_t>{2, 2}));
+}
+
+TEST_F(ProberTest, AThreadThatWasStoppedDoesNotMakeUpForMissedProbes) {
+    add_ports(1);
+    now += seconds(60);
+    prober.run(now);
+    EXPECT_EQ(take_sent().size(), 1u);
+}
+
+}  // namespace
+}  // namespace qv::tarnd

@@ -1,0 +1,51 @@
+#include "services/tarnd/service.h"
+
+#include <gtest/gtest.h>
+
+namespace qv::tarnd {
+namespace {
+
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+PBridge__TarnConfig config(uint32_t enabled, uint32_t recover_s, uint32_t interval_ms) {
+    PBridge__TarnConfig record = P_BRIDGE__TARN_CONFIG__INIT;
+    record.enabled = enabled;
+    record.error_recover_interval_s = recover_s;
+    record.probe_interval_ms = interval_ms;
+    return record;
+}
+
+TEST(Service, APolicyShutsTheVlanModesThatItNames) {
+    constexpr uint32_t access = 1, trunk = 2, hybrid = 7;
+    for (const uint32_t warning : {0, 1}) {
+        EXPECT_FALSE(policy_shuts(warning, access));
+        EXPECT_FALSE(policy_shuts(warning, hybrid));
+    }
+    EXPECT_TRUE(policy_shuts(2, access));
+    EXPECT_FALSE(policy_shuts(2, hybrid));
+    EXPECT_FALSE(policy_shuts(3, access));
+    EXPECT_TRUE(policy_shuts(3, hybrid));
+    EXPECT_TRUE(policy_shuts(4, access));
+    EXPECT_TRUE(policy_shuts(4, hybrid));
+    for (const uint32_t policy : {0, 1, 2, 3, 4, 5}) {
+        EXPECT_FALSE(policy_shuts(policy, trunk)) << policy;
+    }
+}
+
+TEST(Service, SettingsAreThoseOfTheRecord) {
+    EXPECT_EQ(settings_of(config(1, 90, 250)),
+              (Settings{.enabled = true, .interval = milliseconds(250), .recover = seconds(90)}));
+    EXPECT_EQ(settings_of(config(0, 0, 1000)), Settings{});
+}
+
+TEST(Service, AnIntervalOutOfRangeIsTheDefault) {
+    for (const uint32_t interval_ms : {0u, 99u, 10001u, 4294967295u}) {
+        EXPECT_EQ(settings_of(config(1, 0, interval_ms)).interval, milliseconds(1000));
+    }
+    EXPECT_EQ(settings_of(config(1, 0, 100)).interval, milliseconds(100));
+    EXPECT_EQ(settings_of(config(1, 0, 10000)).interval, milliseconds(10000));
+}
+
+}  // namespace
+}  // namespace qv::tarnd
