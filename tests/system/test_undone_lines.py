@@ -4,7 +4,7 @@ import pytest
 
 from lab import Lab, wait_for
 
-GLOBAL = ["hostname edge-7", "tarn enable", "tarn error-recover interval 60",
+GLOBAL = ["hostname edge-7", "tarn enable", "tarn error-recover interval 60", "tarn probe-interval 500",
           "loop-detect enable shutdown access-hybrid-mode", "loop-detect shutdown-recover-time 301"]
 PORT = ["shutdown", "switchport mode hybrid", "tarn port loop-detect warning", "loop-detect apply shutdown-port",
         "storm-loop-detect enable", "storm-loop-rate ratelimit 5000 burst 64"]

@@ -195,6 +195,20 @@ TEST_F(SwitchCommands, TarnLinesAreKeptPrintedAndTakenBack) {
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
 }
 
+TEST_F(SwitchCommands, TarnProbeIntervalIsPrintedUnlessItIsTheDefault) {
+    const std::string ports =
+        "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n";
+    EXPECT_EQ(configure({"tarn probe-interval 100"}), "");
+    EXPECT_EQ(qv::cli::tarn_config().probe_interval_ms, 100);
+    EXPECT_EQ(from_exec({"show running-config"}), "tarn probe-interval 100\n" + ports);
+    EXPECT_NE(configure({"tarn probe-interval 99"}), "");
+    EXPECT_NE(configure({"tarn probe-interval 10001"}), "");
+    EXPECT_EQ(qv::cli::tarn_config().probe_interval_ms, 100);
+    EXPECT_EQ(configure({"no tarn probe-interval"}), "");
+    EXPECT_EQ(qv::cli::tarn_config().probe_interval_ms, 1000);
+    EXPECT_EQ(from_exec({"show running-config"}), ports);
+}
+
 TEST_F(SwitchCommands, RemovedPortLosesItsTarnLine) {
     configure({"interface swp3", "tarn port loop-detect warning"});
     rig.hardware.remove(103);
