@@ -197,8 +197,10 @@ const cli_node* keyword(const char* word, const char* help, const cli_node* acce
     return node(common_keyword_action, keep(keyword_arg(word, help)), accept, alternative);
 }
 
-const cli_node* number(const char* help, int64_t low, int64_t high, const cli_node* accept) {
-    return node(common_number_action, keep(cli_number_arg{help, low, high, 0, 258, 0}), accept);
+const cli_node* number(const char* help, int64_t low, int64_t high, const cli_node* accept,
+                       const cli_node* alternative) {
+    return node(common_number_action, keep(cli_number_arg{help, low, high, 0, 258, 0}), accept,
+                alternative);
 }
 
 const cli_node* any_word(const char* name, const char* help, const cli_node* accept) {

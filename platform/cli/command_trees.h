@@ -28,7 +28,8 @@ const cli_node* show_commands_root();
 const cli_node* end_of_line(cli_handler handler);
 const cli_node* keyword(const char* word, const char* help, const cli_node* accept,
                         const cli_node* alternative = &Tno_alt);
-const cli_node* number(const char* help, int64_t low, int64_t high, const cli_node* accept);
+const cli_node* number(const char* help, int64_t low, int64_t high, const cli_node* accept,
+                       const cli_node* alternative = &Tno_alt);
 const cli_node* any_word(const char* name, const char* help, const cli_node* accept);
 const cli_node* rest_of_line(const char* name, const char* help, const cli_node* accept);
 const cli_node* custom(cli_action action, const cli_node* accept);

@@ -1,31 +1,49 @@
-// Configuration of the peer protocol: "tarn enable", "tarn error-recover interval N", "tarn
-// probe-interval N" and, on a port, "tarn port loop-detect warning". Kept here for whatever runs
-// the protocol. Loop thread only.
+// Configuration of the peer protocol: "tarn ..." lines of the switch and of its ports. Kept here
+// for whatever runs the protocol. Loop thread only.
 #pragma once
 
 #include <cstdint>
 #include <functional>
-#include <set>
+#include <map>
+#include <string>
+#include <vector>
 
 namespace qv::cli {
 
 inline constexpr int64_t kDefaultProbeInterval_ms = 1000;
+inline constexpr int64_t kDefaultTarnPriority = 128;
+
+struct TarnPort {
+    bool loop_detect = false;
+    int64_t guard_ms = 0;         // 0: no guard at link-up
+    std::vector<uint16_t> vlans;  // probed beside the untagged frames, ascending
+
+    bool operator==(const TarnPort&) const = default;
+};
 
 struct TarnConfig {
     bool enabled = false;
     int64_t error_recover_interval_s = 0;  // 0: not configured
     int64_t probe_interval_ms = kDefaultProbeInterval_ms;
-    std::set<uint64_t> ports;  // interface indexes with loop detection
+    bool cut_one = false;  // of two ports of this switch in one loop, report only one
+    int64_t priority = kDefaultTarnPriority;  // the switch with the lowest number cuts a loop
+    std::string fabric_key;                   // path of the shared key; empty: a key of its own
+    std::map<uint64_t, TarnPort> ports;       // by interface index; ports without a line are not in
 };
 
 const TarnConfig& tarn_config();
+// The lines of a port without any are the defaults.
+const TarnPort& tarn_port(uint64_t ifx);
+
 bool tarn_enabled();
 bool tarn_port_enabled(uint64_t ifx);
 
-// `observer` is called after every change, for the life of the process.
-void add_tarn_observer(std::function<void()> observer);
+// Called after every change: of this port's lines, or of the switch's when `ifx` is 0.
+using TarnObserver = std::function<void(uint64_t ifx)>;
+// The observer lives as long as the process.
+void add_tarn_observer(TarnObserver observer);
 
-// Takes the lines of a port back: it was set to its defaults, or it is gone.
+// The port is gone, or back to its defaults.
 void tarn_forget_port(uint64_t ifx);
 
 void register_tarn_commands();

@@ -1,7 +1,8 @@
 #include "platform/root/tarn_records.h"
 
+#include <vector>
+
 #include "p_bridge.pb-c.h"
-#include "platform/cli/tarn_commands.h"
 #include "platform/client/thread_master.h"
 #include "qv/mom.h"
 
@@ -24,7 +25,13 @@ std::string ShutPorts::set_admin(uint32_t ifx, bool up) {
 TarnRecords::TarnRecords(EventLoop& loop, PortModel& ports, ShutPorts& shut)
     : ports_(ports), shut_(shut), client_(qv_mom_client_init("tarn", master_of(loop), nullptr)) {
     ports_.add_observer(*this);
-    cli::add_tarn_observer([this] { configuration_changed(); });
+    cli::add_tarn_observer([this](uint64_t ifx) {
+        if (ifx == 0) {
+            tell_switch();
+        } else {
+            port_changed(static_cast<uint32_t>(ifx));
+        }
+    });
     const auto connected = [](void* self) {
         static_cast<TarnRecords*>(self)->tell_all();
         return 0;
@@ -49,9 +56,8 @@ void TarnRecords::port_changed(uint32_t ifx) {
     if (port == nullptr) {
         return;
     }
-    const Told now{.loop_detect = cli::tarn_port_enabled(ifx),
-                   .vlan_mode = port->mode,
-                   .shut = shut_.contains(ifx)};
+    const Told now{
+        .lines = cli::tarn_port(ifx), .vlan_mode = port->mode, .shut = shut_.contains(ifx)};
     const auto before = told_.find(ifx);
     if (before != told_.end() && before->second == now) {
         return;
@@ -60,18 +66,15 @@ void TarnRecords::port_changed(uint32_t ifx) {
     index.ifx = ifx;
     PBridge__TarnPort record = P_BRIDGE__TARN_PORT__INIT;
     record.index = &index;
-    record.loop_detect = now.loop_detect ? 1 : 0;
+    record.loop_detect = now.lines.loop_detect ? 1 : 0;
     record.vlan_mode = now.vlan_mode;
     record.shut = now.shut ? 1 : 0;
+    record.guard_ms = static_cast<uint32_t>(now.lines.guard_ms);
+    std::vector<uint32_t> vlans(now.lines.vlans.begin(), now.lines.vlans.end());
+    record.n_vlans = vlans.size();
+    record.vlans = vlans.data();
     if (qv_mom_set(client_, QV_MOM_CFG_DB, &record.base, 0, 0) == 0) {
         told_[ifx] = now;
-    }
-}
-
-void TarnRecords::configuration_changed() {
-    tell_switch();
-    for (const auto& [ifx, port] : ports_.ports()) {
-        port_changed(ifx);
     }
 }
 
@@ -81,12 +84,19 @@ void TarnRecords::tell_switch() {
     record.enabled = config.enabled ? 1 : 0;
     record.error_recover_interval_s = static_cast<uint32_t>(config.error_recover_interval_s);
     record.probe_interval_ms = static_cast<uint32_t>(config.probe_interval_ms);
+    record.cut_one = config.cut_one ? 1 : 0;
+    record.priority = static_cast<uint32_t>(config.priority);
+    std::string key = config.fabric_key;
+    record.fabric_key = key.data();
     qv_mom_set(client_, QV_MOM_CFG_DB, &record.base, 0, 0);
 }
 
 void TarnRecords::tell_all() {
     told_.clear();
-    configuration_changed();
+    tell_switch();
+    for (const auto& [ifx, port] : ports_.ports()) {
+        port_changed(ifx);
+    }
 }
 
 }  // namespace qv

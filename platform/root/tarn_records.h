@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "platform/base/event_loop.h"
+#include "platform/cli/tarn_commands.h"
 #include "platform/client/port_model.h"
 #include "platform/driver/switch_driver.h"
 
@@ -58,14 +59,13 @@ class TarnRecords final : public PortObserver {
 
  private:
     struct Told {
-        bool loop_detect;
+        cli::TarnPort lines;
         uint32_t vlan_mode;
         bool shut;
 
         bool operator==(const Told&) const = default;
     };
 
-    void configuration_changed();
     void tell_all();
     void tell_switch();
 

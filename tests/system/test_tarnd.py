@@ -128,6 +128,30 @@ def lab(kernel_ports):
         yield the_lab
 
 
+def test_configuration_is_on_record(lab):
+    lab.configure("tarn enable", "tarn cut one", "tarn priority 7", "tarn probe-interval 250",
+                  "tarn fabric-key /etc/lda/fabric", "interface swp2", "tarn port loop-detect warning",
+                  "tarn link-up guard", "tarn vlan 10-12,30", "switchport mode hybrid")
+    database = lab.database(CFG_DB)
+
+    def switch():
+        packed = database.get("p_bridge.tarn_config/")
+        return str(p_bridge.tarn_config.FromString(packed)) if packed else ""
+
+    wait_for(lambda: "fabric_key" in switch(), 10, "the switch's record is there")
+    assert switch() == ('enabled: 1\nprobe_interval_ms: 250\ncut_one: 1\npriority: 7\n'
+                        'fabric_key: "/etc/lda/fabric"\n')
+
+    def port():
+        return p_bridge.tarn_port.FromString(database.get(f"p_bridge.tarn_port/ifx={lab.ifindex('swp2')}"))
+
+    wait_for(lambda: port().vlan_mode == 7, 10, "the port's record is complete")
+    assert (port().loop_detect, port().shut, port().guard_ms, list(port().vlans)) == (1, 0, 30, [10, 11, 12, 30])
+    lab.configure("no tarn cut one", "interface swp2", "no tarn vlan", "no tarn link-up guard")
+    wait_for(lambda: (port().guard_ms, list(port().vlans), "cut_one" in switch()) == (0, [], False), 10,
+             "what is taken back leaves the records")
+
+
 def test_loop_through_a_remote_bridge_is_reported_and_nothing_is_cut_under_warning(lab):
     lab.start_tarnd()
     lab.enable()

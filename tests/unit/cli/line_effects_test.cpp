@@ -100,7 +100,7 @@ TEST_F(LineEffects, StatesShowTheAggregateAndAPortWithoutAMode) {
 
 TEST_F(LineEffects, TarnObserversHearOfChangesOnly) {
     int changes = 0;
-    qv::cli::add_tarn_observer([&] { ++changes; });
+    qv::cli::add_tarn_observer([&](uint64_t) { ++changes; });
     const auto told = [&](const std::string& mode, const std::string& line) {
         changes = 0;
         EXPECT_EQ(in(mode, line), "") << line;

@@ -173,12 +173,12 @@ TEST_F(SwitchCommands, DefaultsOfAPortThatRefusesAreToldAllTheSame) {
 }
 
 TEST_F(SwitchCommands, TarnLinesAreKeptPrintedAndTakenBack) {
-    int changes = 0;
-    qv::cli::add_tarn_observer([&] { ++changes; });
+    static std::vector<uint64_t> changes;
+    qv::cli::add_tarn_observer([](uint64_t ifx) { changes.push_back(ifx); });
     EXPECT_EQ(configure({"tarn enable", "tarn error-recover interval 90", "tarn enable",
                          "interface swp3", "tarn port loop-detect warning"}),
               "");
-    EXPECT_EQ(changes, 3);
+    EXPECT_EQ(changes, (std::vector<uint64_t>{0, 0, 103}));
     EXPECT_TRUE(qv::cli::tarn_enabled());
     EXPECT_TRUE(qv::cli::tarn_port_enabled(103));
     EXPECT_FALSE(qv::cli::tarn_port_enabled(101));
@@ -207,6 +207,57 @@ TEST_F(SwitchCommands, TarnProbeIntervalIsPrintedUnlessItIsTheDefault) {
     EXPECT_EQ(configure({"no tarn probe-interval"}), "");
     EXPECT_EQ(qv::cli::tarn_config().probe_interval_ms, 1000);
     EXPECT_EQ(from_exec({"show running-config"}), ports);
+}
+
+TEST_F(SwitchCommands, TarnSettingsOfTheSwitchArePrintedInOrderAndTakenBack) {
+    const std::string ports =
+        "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n";
+    EXPECT_EQ(configure({"tarn fabric-key /etc/lda/fabric", "tarn priority 0", "tarn cut one",
+                         "tarn probe-interval 200"}),
+              "");
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "tarn probe-interval 200\ntarn cut one\ntarn priority 0\n"
+              "tarn fabric-key /etc/lda/fabric\n" +
+                  ports);
+    EXPECT_EQ(configure({"tarn cut both"}), "");
+    EXPECT_FALSE(qv::cli::tarn_config().cut_one);
+    EXPECT_EQ(configure({"tarn cut one", "no tarn cut one", "no tarn priority 0",
+                         "no tarn fabric-key", "no tarn probe-interval 200"}),
+              "");
+    EXPECT_EQ(qv::cli::tarn_config().priority, 128);
+    EXPECT_EQ(from_exec({"show running-config"}), ports);
+}
+
+TEST_F(SwitchCommands, TarnSettingsOutOfRangeChangeNothing) {
+    EXPECT_NE(configure({"tarn priority 256"}), "");
+    EXPECT_NE(configure({"tarn cut none"}), "");
+    EXPECT_EQ(configure({"tarn fabric-key fabric"}),
+              "% Invalid key file: 'fabric' is not an absolute path.\n");
+    EXPECT_NE(configure({"interface swp1", "tarn link-up guard 14"}), "");
+    EXPECT_NE(configure({"interface swp1", "tarn link-up guard 1001"}), "");
+    EXPECT_EQ(configure({"interface swp1", "tarn vlan 10,4095"}),
+              "% Invalid VLAN list: '10,4095' is not made of numbers and ranges from 1 to 4094, as "
+              "in 10,20-30.\n");
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+}
+
+TEST_F(SwitchCommands, TarnSettingsOfAPortArePrintedInOrderAndTakenBack) {
+    EXPECT_EQ(
+        configure({"interface swp1", "tarn vlan 30,10-12,11", "tarn link-up guard",
+                   "tarn port loop-detect warning", "interface swp2", "tarn link-up guard 1000"}),
+        "");
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n tarn port loop-detect warning\n tarn link-up guard 30\n"
+              " tarn vlan 10-12,30\n!\n"
+              "interface swp2\n tarn link-up guard 1000\n!\n"
+              "interface swp3\n!\ninterface swp4\n!\n");
+    EXPECT_EQ(configure({"interface swp1", "no tarn vlan 10-12,30", "no tarn link-up guard 30",
+                         "no tarn port loop-detect", "interface swp2", "no tarn link-up guard"}),
+              "");
+    EXPECT_EQ(from_exec({"show running-config"}),
+              "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
+    EXPECT_TRUE(qv::cli::tarn_config().ports.empty());
 }
 
 TEST_F(SwitchCommands, RemovedPortLosesItsTarnLine) {
