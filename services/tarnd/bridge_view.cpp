@@ -134,6 +134,9 @@ void BridgeView::forget(uint32_t ifx, Time now) {
     if (found->second.member) {
         prober_.remove_port(ifx);
     }
+    if (found->second.elsewhere) {
+        prober_.set_elsewhere(ifx, false);
+    }
     links_.erase(found);
     if (ifx == bridge_ifx_) {
         bridge_ifx_ = 0;
@@ -144,6 +147,10 @@ void BridgeView::forget(uint32_t ifx, Time now) {
 void BridgeView::tell(uint32_t ifx, Link& link, Time now) {
     const bool member = bridge_ifx_ != 0 && link.master == bridge_ifx_;
     const bool forwarding = member && link.up && link.state == BR_STATE_FORWARDING;
+    const bool elsewhere = bridge_ifx_ != 0 && link.master != 0 && !member;
+    if (elsewhere != link.elsewhere) {
+        prober_.set_elsewhere(ifx, elsewhere);
+    }
     if (member != link.member && !member) {
         prober_.remove_port(ifx);
     } else if (member && (!link.member || forwarding != link.forwarding)) {
@@ -151,6 +158,7 @@ void BridgeView::tell(uint32_t ifx, Link& link, Time now) {
     }
     link.member = member;
     link.forwarding = forwarding;
+    link.elsewhere = elsewhere;
 }
 
 void BridgeView::tell_all(Time now) {

@@ -55,6 +55,7 @@ class BridgeView {
         bool seen = true;         // in the present dump
         bool member = false;      // as told
         bool forwarding = false;  // as told
+        bool elsewhere = false;   // as told
     };
 
     void follow_bridge(const LinkMessage& message, Time now);

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <stdexcept>
+#include <utility>
 
 namespace qv::tarnd {
 namespace {
@@ -39,15 +40,20 @@ bool GuardTable::run(const std::string& commands) {
     return nft_run_cmd_from_buffer(nft_, commands.c_str()) == 0;
 }
 
-// Deleted first: a predecessor that was killed leaves its table.
+// Deleted first: a predecessor that was killed leaves its table. The rule compares the destination,
+// not the type, for a tagged probe has its type further behind.
 std::string GuardTable::install() {
     const std::string chain = name_ + " returned";
     const std::string hook = " { type filter hook prerouting priority -400 ; }";
-    const std::string match = " ether type 0x88b5 ether saddr " + source_;
-    const bool done =
-        run("add table " + name_ + "\ndelete table " + name_ + "\nadd table " + name_ +
-            "\nadd chain " + chain + hook + "\nadd rule " + chain + match + " drop\n");
-    if (done) {
+    const std::string probe = " iif != @elsewhere ether daddr " + hex(kDestination, ":");
+    std::string commands = "add table " + name_ + "\ndelete table " + name_ + "\nadd table " +
+                           name_ + "\nadd set " + name_ + " elsewhere { type iface_index ; }\n";
+    for (const uint32_t ifx : elsewhere_) {
+        commands += element("add", ifx);
+    }
+    commands += "add chain " + chain + hook + "\nadd rule " + chain + probe + " ether saddr " +
+                source_ + " drop\n";
+    if (run(commands)) {
         return "";
     }
     const std::string reason = nft_ctx_get_error_buffer(nft_);
@@ -57,6 +63,24 @@ std::string GuardTable::install() {
 bool GuardTable::installed() {
     return run("list chain " + name_ + " returned\n") &&
            std::string(nft_ctx_get_output_buffer(nft_)).find(source_) != std::string::npos;
+}
+
+std::string GuardTable::element(const char* command, uint32_t ifx) const {
+    return std::string(command) + " element " + name_ + " elsewhere { " + std::to_string(ifx) +
+           " }\n";
+}
+
+void GuardTable::set_elsewhere(uint32_t ifx, bool elsewhere) {
+    if (elsewhere ? elsewhere_.insert(ifx).second : elsewhere_.erase(ifx) != 0) {
+        pending_ += element(elsewhere ? "add" : "delete", ifx);
+    }
+}
+
+// When the table is gone this fails; install() then puts the ports into it.
+void GuardTable::apply() {
+    if (!pending_.empty()) {
+        run(std::exchange(pending_, {}));
+    }
 }
 
 void GuardTable::remove() {

@@ -3,7 +3,8 @@
 // socket sees them before the rule does.
 #pragma once
 
-#include <memory>
+#include <cstdint>
+#include <set>
 #include <string>
 
 #include "services/tarnd/frame.h"
@@ -12,8 +13,10 @@ struct nft_ctx;
 
 namespace qv::tarnd {
 
-// One table of the family bridge, named after the source address, with one rule for all ports of
-// all bridges of the network namespace. Main thread only.
+// One table of the family bridge, named after the source address. Its rule applies to all ports but
+// those of other bridges: another bridge passes our probes, so that a loop through it is found. A
+// port counts as ours until it is known to be elsewhere, so that no probe slips through before.
+// Main thread only.
 class GuardTable {
  public:
     explicit GuardTable(const Mac& source);  // throws std::runtime_error when memory runs out
@@ -25,15 +28,21 @@ class GuardTable {
     std::string install();
     // Whether the rule is there.
     bool installed();
+    // Whether the port belongs to another bridge, which the rule leaves alone; with apply().
+    void set_elsewhere(uint32_t ifx, bool elsewhere);
+    void apply();
     // Removes the table.
     void remove();
 
  private:
     bool run(const std::string& commands);
+    std::string element(const char* command, uint32_t ifx) const;
 
     const std::string name_;
     const std::string source_;
     nft_ctx* const nft_;
+    std::set<uint32_t> elsewhere_;
+    std::string pending_;
 };
 
 }  // namespace qv::tarnd

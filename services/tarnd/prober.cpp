@@ -90,6 +90,10 @@ void Prober::remove_port(uint32_t ifx) {
     port = kept;
 }
 
+void Prober::set_elsewhere(uint32_t ifx, bool elsewhere) {
+    tell({.kind = elsewhere ? Report::Kind::kElsewhere : Report::Kind::kNotElsewhere, .ifx = ifx});
+}
+
 // Begins or ends probing on a port after anything that it depends on has changed.
 void Prober::review(uint32_t ifx, Port& port, bool took_part, Time now) {
     const bool part = takes_part(port);

@@ -35,7 +35,7 @@ enum class Ignored : uint8_t { kMalformed, kForged, kForeign, kBlocked, kStale, 
 inline constexpr size_t kIgnoredKinds = 6;
 
 struct Report {
-    enum class Kind : uint8_t { kLoop, kEnd, kCut };
+    enum class Kind : uint8_t { kLoop, kEnd, kCut, kElsewhere, kNotElsewhere };
     Kind kind = Kind::kLoop;
     uint32_t ifx = 0;      // the reporting port
     uint32_t src_ifx = 0;  // the port that sent the probe
@@ -93,6 +93,8 @@ class Prober {
     // A port of the bridge, and whether it forwards. A port that begins to is probed at once.
     void set_port(uint32_t ifx, bool forwarding, Time now);
     void remove_port(uint32_t ifx);
+    // The interface has become a port of another bridge, or is none any more. It is reported.
+    void set_elsewhere(uint32_t ifx, bool elsewhere);
 
     // The bridge has learned `address` (with its VLAN in the upper 16 bits) on this port. True when
     // it has moved there from another port.

@@ -109,7 +109,8 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, Guar
       prober_(prober),
       journal_(journal),
       guard_(guard),
-      client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)) {
+      client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)),
+      take_over_(loop, *this) {
     g_service = this;
     const auto configuration_up = [](void* self) {
         static_cast<Service*>(self)->follow_configuration();
@@ -119,6 +120,11 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, Guar
         static_cast<Service*>(self)->follow_loops();
         return 0;
     };
+    const auto configuration_away = [](void* self) {
+        static_cast<Service*>(self)->take_over_.set_database(false);
+        return 0;
+    };
+    qv_mom_client_set_disconnect_cb(client_, QV_MOM_CFG_DB, configuration_away, this);
     qv_mom_client_set_reconnect_cb(client_, QV_MOM_CFG_DB, configuration_up, this);
     qv_mom_client_connect(client_, QV_MOM_CFG_DB, configuration_up, this);
     qv_mom_client_set_reconnect_cb(client_, QV_MOM_APP_DB, loops_up, this);
@@ -127,7 +133,7 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, Guar
     for (const uint32_t ifx : journal_.noted()) {
         log_message(kLogWarning, "TARN", "LEFT", "An earlier tarnd has cut %s and then ended.",
                     name_of(ifx).c_str());
-        expect_take_over(ifx);
+        take_over_.cut(ifx);
     }
     reports_watch_ = loop_.watch(prober_.reports_fd(), true, false,
                                  [this](EventLoop::Ready) { take_reports(); });
@@ -145,13 +151,39 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, Guar
 
 void Service::close() {
     prober_.stop();
-    while (!cuts_.empty()) {
-        give_back(cuts_.begin()->first);
+    refresh_timer_.reset();
+    take_reports();
+    for (const uint32_t ifx : take_over_.release()) {
+        give_back(ifx);
     }
     guard_.remove();
+    end_records();
+}
+
+// The records are read back: the scan is answered after they are written.
+void Service::end_records() {
+    for (auto& [ifx, record] : records_) {
+        if (record.is_loop) {
+            record.is_loop = false;
+            store(ifx, record);
+        }
+        if (record.stored) {
+            last_writes_.insert(ifx);
+        }
+    }
+    if (last_writes_.empty()) {
+        return;
+    }
+    scan_loops();
+    bool late = false;
+    const EventLoop::Handle end = loop_.after(kLastWrites, [&late] { late = true; });
+    while (!last_writes_.empty() && !late && loop_.fetch()) {
+        loop_.run();
+    }
 }
 
 void Service::follow_configuration() {
+    take_over_.set_database(true);
     follow<PBridge__TarnConfig>(client_, QV_MOM_CFG_DB);
     follow<PBridge__TarnPort>(client_, QV_MOM_CFG_DB);
     follow<PApp__LdaNcPolicy>(client_, QV_MOM_CFG_DB);
@@ -164,6 +196,10 @@ void Service::follow_loops() {
             store(ifx, record);
         }
     }
+    scan_loops();
+}
+
+void Service::scan_loops() {
     const auto key = key_of<PBridge__TarnLoopInfo>();
     qv_mom_scan(client_, QV_MOM_APP_DB, &key.base, 0, on_message<PBridge__TarnLoopInfo>, nullptr);
 }
@@ -186,7 +222,9 @@ void Service::take(const PBridge__TarnPort& record, bool deleted) {
                        .vlan_mode = record.vlan_mode,
                        .shut = record.shut != 0};
     }
-    if (!deleted && record.shut != 0 && cuts_.erase(ifx) != 0) {
+    if (deleted || record.shut == 0) {
+        take_over_.not_taken(ifx);
+    } else if (take_over_.taken(ifx)) {
         journal_.clear(ifx);
     }
     command_port(ifx);
@@ -201,10 +239,14 @@ void Service::take(const PApp__LdaNcPolicy& record, bool deleted) {
 }
 
 void Service::take(const PBridge__TarnLoopInfo& record, bool deleted) {
-    if (deleted || record.index == nullptr || record.is_loop == 0) {
+    if (deleted || record.index == nullptr) {
         return;
     }
     const uint32_t ifx = record.index->ifx;
+    if (record.is_loop == 0) {
+        last_writes_.erase(ifx);
+        return;
+    }
     const auto own = records_.find(ifx);
     if (own == records_.end() || !own->second.is_loop) {
         LoopRecord& ended = records_[ifx];
@@ -247,14 +289,25 @@ void Service::take_reports() {
     while (const auto report = prober_.next_report()) {
         on_report(*report);
     }
+    guard_.apply();
 }
 
 void Service::on_report(const Report& report) {
-    if (report.kind == Report::Kind::kCut) {
-        on_cut(report.ifx, report.error);
-        return;
+    switch (report.kind) {
+        case Report::Kind::kLoop:
+            return on_loop(report, true);
+        case Report::Kind::kEnd:
+            return on_loop(report, false);
+        case Report::Kind::kCut:
+            return on_cut(report.ifx, report.error);
+        case Report::Kind::kElsewhere:
+            return guard_.set_elsewhere(report.ifx, true);
+        case Report::Kind::kNotElsewhere:
+            return guard_.set_elsewhere(report.ifx, false);
     }
-    const bool is_loop = report.kind == Report::Kind::kLoop;
+}
+
+void Service::on_loop(const Report& report, bool is_loop) {
     LoopRecord& record = records_[report.ifx];
     record = {.src_ifx = report.src_ifx, .is_loop = is_loop, .stored = false};
     store(report.ifx, record);
@@ -282,16 +335,17 @@ void Service::on_cut(uint32_t ifx, int error) {
     if (port != ports_.end() && port->second.shut) {
         journal_.clear(ifx);
     } else {
-        expect_take_over(ifx);
+        take_over_.cut(ifx);
     }
 }
 
-void Service::expect_take_over(uint32_t ifx) {
-    cuts_[ifx] = loop_.after(kTakeOver, [this, ifx] { give_back(ifx); });
+bool Service::ask() {
+    const auto key = key_of<PBridge__TarnPort>();
+    return qv_mom_scan(client_, QV_MOM_CFG_DB, &key.base, 0, on_message<PBridge__TarnPort>,
+                       nullptr) == 0;
 }
 
 void Service::give_back(uint32_t ifx) {
-    cuts_.erase(ifx);
     const std::string name = name_of(ifx);
     const int error = control_.set_up(ifx, true);
     journal_.clear(ifx);

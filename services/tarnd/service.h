@@ -15,6 +15,7 @@
 #include "services/tarnd/guard_table.h"
 #include "services/tarnd/port_control.h"
 #include "services/tarnd/probe_thread.h"
+#include "services/tarnd/take_over.h"
 
 namespace qv::tarnd {
 
@@ -25,16 +26,17 @@ bool policy_shuts(uint32_t policy, uint32_t vlan_mode);
 Settings settings_of(const PBridge__TarnConfig& record);
 
 // Main thread only. Lives as long as the process.
-class Service {
+class Service final : private TakeOverOutputs {
  public:
-    // How long the switch has to take over a port that was cut.
-    static constexpr std::chrono::seconds kTakeOver{5};
     static constexpr std::chrono::seconds kRefresh{10};
+    // At the end: how long the object database has to confirm the last records.
+    static constexpr std::chrono::milliseconds kLastWrites{500};
 
     // Starts the probing thread. Everything must outlive the service. Throws std::runtime_error.
     Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard);
 
-    // Before the process ends: no more probes, and no port stays dark that is ours.
+    // Before the process ends: no more probes, no port stays dark that is ours, and no loop stays
+    // on record that nobody would end. Runs the loop meanwhile.
     void close();
 
     // Records, from the object database.
@@ -58,13 +60,17 @@ class Service {
 
     void follow_configuration();
     void follow_loops();
+    void scan_loops();
+    void end_records();
     void command_port(uint32_t ifx);
     void send_commands();
     void take_reports();
     void on_report(const Report& report);
+    void on_loop(const Report& report, bool is_loop);
     void on_cut(uint32_t ifx, int error);
-    void expect_take_over(uint32_t ifx);
-    void give_back(uint32_t ifx);
+    bool ask() override;
+    bool has_record(uint32_t ifx) override { return ports_.contains(ifx); }
+    void give_back(uint32_t ifx) override;
     void store(uint32_t ifx, LoopRecord& record);
     void refresh();
     void log_ignored();
@@ -82,7 +88,8 @@ class Service {
     std::set<uint32_t> ports_pending_;
     std::map<uint32_t, Port> ports_;
     std::map<uint32_t, LoopRecord> records_;
-    std::map<uint32_t, EventLoop::Handle> cuts_;  // not taken over yet
+    std::set<uint32_t> last_writes_;  // ended records that are not read back yet
+    TakeOver take_over_;
     uint64_t ignored_logged_ = 0;
 
     EventLoop::Handle reports_watch_;

@@ -93,6 +93,11 @@ class TarnLab(StormLab):
     def remote(self, *command):
         return run("ip", "netns", "exec", self.remote_namespace, *command)
 
+    def cuts(self):
+        """The ports that tarnd has cut and nobody has taken over, as its journal says."""
+        slots = (self.folder / "tarn" / "cuts").read_bytes()[64:]
+        return [slots[at:at + 4] for at in range(0, len(slots), 4) if any(slots[at:at + 4])]
+
     def plug(self, port):
         self.remote("ip", "link", "set", f"{port}-far", "master", "outside")
 
@@ -287,6 +292,53 @@ def test_cut_that_nobody_takes_over_is_undone(lab):
         lab.start_tarnd()
         wait_for(lambda: lab.down_ports() == [], 20, "the next tarnd has undone the cut")
     lab.agent.send_signal(signal.SIGCONT)
+
+
+def test_loop_through_another_bridge_of_the_same_namespace_is_found(lab):
+    lab.start_tarnd()
+    lab.enable()
+    lab.ip("link", "add", "outside", "up", "type", "bridge")
+    end = threading.Timer(LONGEST_LOOP_S, lambda: lab.ip("link", "delete", "outside"))
+    end.start()
+    try:
+        for port in ("swp1", "swp2"):
+            lab.inside("tc", "qdisc", "replace", "dev", f"{port}-far", "root", "tbf", *CABLE)
+            lab.ip("link", "set", f"{port}-far", "master", "outside")
+        wait_for(lab.loops, 10, "the loop is on record")
+        assert lab.loops() <= {("swp1", "swp2"), ("swp2", "swp1")}
+        assert 1 <= int(lab.inside(sys.executable, "-c", COUNT_PROBES, "swp3-far", "3")) <= 20
+        lab.ip("link", "delete", "outside")
+        wait_for(lambda: not lab.loops(), 10, "the record is withdrawn")
+    finally:
+        end.cancel()
+
+
+def test_tarnd_that_is_told_to_end_ends_its_loop_records(lab):
+    lab.start_tarnd()
+    lab.enable()
+    with lab.slow_outside("swp1", "swp2"):
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lab.loops, 10, "the loop is on record")
+        assert lab.end_tarnd() == -signal.SIGTERM
+        assert lab.loops() == set()
+
+
+def test_port_that_an_operator_shuts_while_the_database_is_away_stays_shut(lab):
+    lab.start_tarnd()
+    lab.enable("shutdown access-mode")
+    lab.redis_server.send_signal(signal.SIGSTOP)
+    with lab.slow_outside("swp2"):
+        lab.plug("swp2")
+        lab.remote("bridge", "link", "set", "dev", "swp2-far", "hairpin", "on")
+        wait_for(lambda: lab.down_ports() == ["swp2"], 10, "the port is cut")
+        lab.configure("interface swp2", "shutdown")
+        with pytest.raises(AssertionError):
+            wait_for(lambda: lab.down_ports() == [], 7, "the cut is undone")
+        lab.redis_server.send_signal(signal.SIGCONT)
+        wait_for(lambda: not lab.cuts(), 20, "the switch has taken the port over")
+    assert lab.end_tarnd() == -signal.SIGTERM
+    assert lab.down_ports() == ["swp2"]
 
 
 def test_second_tarnd_on_the_bridge_names_the_first(lab):

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 #include <vector>
 
 namespace qv::tarnd {
@@ -71,8 +72,16 @@ struct Hands final : ProberOutputs {
         return true;
     }
     int cut(uint32_t, bool) override { return 0; }
-    bool report(const Report&) override { return true; }
+    bool report(const Report& report) override {
+        if (report.kind == Report::Kind::kElsewhere) {
+            elsewhere.insert(report.ifx);
+        } else if (report.kind == Report::Kind::kNotElsewhere) {
+            elsewhere.erase(report.ifx);
+        }
+        return true;
+    }
     std::vector<uint32_t> sent;
+    std::set<uint32_t> elsewhere;
 };
 
 struct BridgeViewTest : testing::Test {
@@ -178,6 +187,19 @@ TEST_F(BridgeViewTest, AnnouncementsOfLearnedAddressesAreDecoded) {
     static_cast<ndmsg*>(nlmsg_data(nlmsg_hdr(message.get())))->ndm_state = NUD_PERMANENT;
     EXPECT_FALSE(parse_learned(nlmsg_hdr(message.get())));
     EXPECT_FALSE(parse_learned(nlmsg_hdr(bridge_link("br0").get())));
+}
+
+TEST_F(BridgeViewTest, PortsOfOtherBridgesAreReported) {
+    using Set = std::set<uint32_t>;
+    take(member_link(13, true, BR_STATE_FORWARDING, 6));
+    take(member_link(14, true, BR_STATE_FORWARDING, 6));
+    EXPECT_EQ(hands.elsewhere, (Set{13, 14}));
+    take(member_link(13, true, BR_STATE_FORWARDING));
+    EXPECT_EQ(hands.elsewhere, Set{14});
+    take(member_link(12, true, BR_STATE_FORWARDING, 6));
+    EXPECT_EQ(hands.elsewhere, (Set{12, 14}));
+    take(link_message(RTM_DELLINK, AF_UNSPEC, 14, false));
+    EXPECT_EQ(hands.elsewhere, Set{12});
 }
 
 }  // namespace
