@@ -13,8 +13,9 @@ namespace qv {
 namespace {
 
 constexpr const char* kKnownSet = "fdb";
-// Frames of the loop probes: a port that gets them back must not forward them.
-constexpr const char* kProbeType = "0x88b5";
+// Loop probes, of this switch or of another, are no storm: they pass without being counted. Where
+// they come faster than several switches send them they go round in a loop, and count.
+constexpr const char* kProbes = "meta protocol 0x88b5 limit rate 2000/second burst 2000 packets";
 // The kernel reckons in nanoseconds for each frame.
 constexpr uint64_t kFastestMeter = 1'000'000'000;
 
@@ -53,7 +54,7 @@ void NftTable::Change::add_chain(const std::string& name, const std::string& dev
              device + "\" priority 0; policy accept; }\n";
     const std::string add = "add rule netdev " + table_ + " " + name + " ";
     // "meta protocol" is the frame's type behind a VLAN tag, too.
-    text_ += add + "meta protocol " + kProbeType + " drop\n";
+    text_ += add + kProbes + " accept\n";
     if (rule.ethertype) {
         text_ += add + "meta protocol != " + std::to_string(*rule.ethertype) + " accept\n";
     }

@@ -60,7 +60,7 @@ TEST_F(NftForwardingTest, RuleIsAChainAtTheIngressOfItsPort) {
               "table netdev lda {\n"
               "\tchain port1.3 {\n"
               "\t\ttype filter hook ingress device \"swp1\" priority filter; policy accept;\n"
-              "\t\tmeta protocol 0x88b5 drop\n"
+              "\t\tmeta protocol 0x88b5 limit rate 2000/second burst 2000 packets accept\n"
               "\t\tether daddr @fdb accept\n"
               "\t\tcounter name \"port1.3\"\n"
               "\t\tlimit rate over 2000/second burst 8000 packets counter packets 0 bytes 0 drop\n"
@@ -174,15 +174,34 @@ TEST_F(NftForwardingTest, AddressIsKnownWhileOneOfItsVlansIs) {
     EXPECT_TRUE(becomes_known("02:00:00:00:00:09", false));
 }
 
-TEST_F(NftForwardingTest, ProbesThatComeBackAreDroppedAndNotCounted) {
+// The frames that a device has received.
+unsigned long received_by(const std::string& device) {
+    std::ifstream devices("/proc/self/net/dev");
+    unsigned long packets = 0;
+    for (std::string line; std::getline(devices, line);) {
+        std::sscanf(line.c_str(), (" " + device + ": %*u %lu").c_str(), &packets);
+    }
+    return packets;
+}
+
+TEST_F(NftForwardingTest, ProbesOfAnotherSwitchPassAndAreNotCounted) {
     plane->install(3, 1, kPortRule);
     settle();
+    const unsigned long before = received_by("p-swp2");
     send_frames("p-swp1", 0x0388B5000001, 20, 0x88B5);
     send_frames("p-swp1", 0x0388B5000001, 20, 0x88B5, 7);
     send_frames("p-swp1", kBroadcast, 1);
     ASSERT_TRUE(wait_for([&] { return packets(3) >= 1; }));
     settle();
     EXPECT_EQ(packets(3), 1u);
+    EXPECT_GE(received_by("p-swp2") - before, 41u);
+}
+
+TEST_F(NftForwardingTest, ProbesThatGoRoundInALoopAreCountedAsAStorm) {
+    plane->install(3, 1, kPortRule);
+    settle();
+    send_frames("p-swp1", 0x0388B5000001, 20000, 0x88B5);
+    EXPECT_TRUE(wait_for([&] { return packets(3) >= 1; }));
 }
 
 TEST_F(NftForwardingTest, CountsWhatTheMeterDrops) {
