@@ -1,4 +1,5 @@
 #include "platform/cli/config_keeper.h"
+#include "platform/base/supervisor.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -146,6 +147,7 @@ void ConfigKeeper::end_replay() {
     for (const EndHook hook : g_end_hooks) {
         hook();
     }
+    report_ready("running");
     request_save();
 }
 

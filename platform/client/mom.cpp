@@ -15,6 +15,7 @@
 #include <vector>
 
 #include "platform/base/guarded.h"
+#include "platform/base/supervisor.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/own_records.h"
 #include "platform/client/platform.h"
@@ -121,6 +122,7 @@ void qv_mom_client::connect(uint32_t db, SessionCallback callback) {
             }
         });
     }
+    qv::report_database(db, !store->up(db));
     store->open(db);
 }
 
@@ -151,6 +153,7 @@ int qv_mom_client::scan(uint32_t db, const ProtobufCMessageDescriptor& type,
 }
 
 void qv_mom_client::session_up(uint32_t db) {
+    qv::report_database(db, false);
     // Before the callback, so that its deletes come after.
     set_missing_in(db);
     Session& session = sessions[db];
@@ -160,6 +163,7 @@ void qv_mom_client::session_up(uint32_t db) {
 }
 
 void qv_mom_client::session_down(uint32_t db) {
+    qv::report_database(db, true);
     std::erase_if(scans, [db](const auto& scan) { return scan.second.topic.db == db; });
     const SessionCallback callback = sessions[db].disconnected;
     callback();

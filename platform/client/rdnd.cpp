@@ -19,12 +19,14 @@
 #include <list>
 #include <string>
 #include <system_error>
+#include <utility>
 
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
 #include "platform/base/guarded.h"
+#include "platform/base/supervisor.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"
@@ -47,6 +49,7 @@ struct Redundancy {
     qv::EventLoop* loop = nullptr;
     rdnd_role_cb master_cb = nullptr;
     std::list<Exclusive> exclusives;  // the master holds all of them, others none
+    bool standing_by = false;         // as reported
     int logged_error = 0;             // why the locks could not be tried, as logged
     qv::EventLoop::Handle retry;
 };
@@ -143,6 +146,9 @@ void await_role() {
         role.master_cb();
         return;
     }
+    if (!std::exchange(role.standing_by, true)) {
+        qv::report_ready("standing by for the master");
+    }
     // Another master is the normal case, and not logged.
     if (obstacle.error != EADDRINUSE && role.logged_error != obstacle.error) {
         role.logged_error = obstacle.error;
@@ -185,10 +191,10 @@ Supervision& supervision() {
     return instance;
 }
 
-void report_alive() {
+void feed_watchdog() {
     Supervision& watched = supervision();
-    sd_notify(0, "WATCHDOG=1");
-    watched.next = watched.loop->after(watched.interval, report_alive);
+    qv::report_alive();
+    watched.next = watched.loop->after(watched.interval, feed_watchdog);
 }
 
 }  // namespace
@@ -213,7 +219,6 @@ int app_public_instance_init(const app_public_instance* instance) {
 }
 
 void app_public_init_dead_detection(qv_thread_master* master) {
-    sd_notify(0, "READY=1");
     uint64_t watchdog_us = 0;
     // Without a watchdog nothing wakes the process up.
     if (master == nullptr || sd_watchdog_enabled(0, &watchdog_us) <= 0) {
@@ -225,6 +230,6 @@ void app_public_init_dead_detection(qv_thread_master* master) {
         watched.loop = &qv::loop_of(master);
         // On the loop's clock, which may be faster than real time: then reports come more often.
         watched.interval = std::chrono::microseconds(watchdog_us / 2);
-        report_alive();
+        feed_watchdog();
     });
 }

@@ -11,10 +11,12 @@
 #include <string>
 
 #include "platform/base/message_log.h"
+#include "platform/base/supervisor.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/thread_master.h"
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
+#include "qv/rdnd.h"
 #include "services/tarnd/identity.h"
 #include "services/tarnd/platform.h"
 #include "services/tarnd/service.h"
@@ -68,7 +70,8 @@ void run() {
     const PlatformConfig config = read_config();
     ServicePlatform platform(config);
     install_platform(platform);
-    EventLoop& loop = loop_of(qv_thread_master_create());
+    qv_thread_master* const master = qv_thread_master_create();
+    EventLoop& loop = loop_of(master);
 
     const Prober::Identity identity = load_identity(config.tarn_state, config.bridge);
     NameLock lock;
@@ -84,6 +87,8 @@ void run() {
     const Termination termination(loop, [&] { service->close(); });
     Service made(loop, prober, journal, guard);
     service = &made;
+    app_public_init_dead_detection(master);
+    report_ready("probing the ports of bridge " + config.bridge);
     log_message(kLogInfo, "TARN", "START", "Probing the ports of bridge %s.",
                 config.bridge.c_str());
     while (loop.fetch()) {

@@ -19,6 +19,7 @@
 
 #include "platform/base/guarded.h"
 #include "platform/base/message_log.h"
+#include "platform/base/supervisor.h"
 #include "platform/driver/linux/bridge_ports.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "platform/driver/linux/rtnl_monitor.h"
@@ -204,6 +205,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
             return;
         }
         bridge_missing_ = missing;
+        report_bridge(bridge_, missing);
         if (missing) {
             log_message(kLogWarning, "PORT", "BRIDGE",
                         "There is no bridge %s: waiting for it, without ports until then.",

@@ -38,8 +38,9 @@ struct app_public_instance {
 // Announces the process to the supervision. 0, or an error number.
 int app_public_instance_init(const app_public_instance* instance);
 
-// Reports the process as ready to its supervisor, and from then on reports regularly from the loop
-// of `master` that it is alive, if the supervisor asks for that.
+// From now on reports regularly from the loop of `master` that the process is alive, if its
+// supervisor asks for that. The process counts as ready once its configuration is in force, or once
+// it stands by for the master.
 void app_public_init_dead_detection(qv_thread_master* master);
 
 }  // extern "C"

@@ -19,6 +19,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include "platform/base/supervisor.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/thread_master.h"
 #include "tests/support/temporary_directory.h"
@@ -533,30 +534,50 @@ struct SupervisionTest : RdndTest {
     }
 };
 
-TEST_F(SupervisionTest, WithoutAWatchdogOnlyReadinessIsReported) {
+TEST_F(SupervisionTest, WithoutAWatchdogNothingIsReported) {
     app_public_init_dead_detection(master);
-    ASSERT_EQ(received(), Lines{"READY=1"});
     run_for(std::chrono::seconds(60));
     EXPECT_EQ(received(), Lines{});
     EXPECT_FALSE(loop.next_timer()) << "an idle process must not wake up for this";
 }
 
-TEST_F(SupervisionTest, WithoutALoopOnlyReadinessIsReported) {
+TEST_F(SupervisionTest, WithoutALoopNothingIsReported) {
     setenv("WATCHDOG_USEC", "10000000", 1);
     app_public_init_dead_detection(nullptr);
-    EXPECT_EQ(received(), Lines{"READY=1"});
+    EXPECT_EQ(received(), Lines{});
 }
 
 TEST_F(SupervisionTest, WatchdogHearsOfTheLoopAtHalfItsInterval) {
     setenv("WATCHDOG_USEC", "10000000", 1);
     app_public_init_dead_detection(master);
-    EXPECT_EQ(received(), (Lines{"READY=1", "WATCHDOG=1"}));
+    EXPECT_EQ(received(), Lines{"WATCHDOG=1"});
     run_for(std::chrono::milliseconds(4999));
     EXPECT_EQ(received(), Lines{});
     run_for(std::chrono::milliseconds(1));
     EXPECT_EQ(received(), Lines{"WATCHDOG=1"});
     run_for(std::chrono::seconds(20));
     EXPECT_EQ(received(), Lines(4, "WATCHDOG=1"));
+}
+
+TEST_F(SupervisionTest, StatusNamesWhatIsMissingUntilTheProcessIsReady) {
+    report_database(22, true);
+    EXPECT_EQ(received(), Lines{"STATUS=waiting for database 22"});
+    report_database(4, true);
+    report_bridge("br0", true);
+    EXPECT_EQ(received(), (Lines{"STATUS=waiting for databases 4, 22",
+                                 "STATUS=waiting for bridge br0 and databases 4, 22"}));
+    report_database(4, true);
+    EXPECT_EQ(received(), Lines{}) << "nothing new";
+    report_database(4, false);
+    report_database(22, false);
+    report_bridge("br0", false);
+    EXPECT_EQ(received(), (Lines{"STATUS=waiting for bridge br0 and database 22",
+                                 "STATUS=waiting for bridge br0", "STATUS=starting"}));
+    report_ready("running");
+    EXPECT_EQ(received(), Lines{"READY=1\nSTATUS=running"});
+    report_database(4, true);
+    report_database(4, false);
+    EXPECT_EQ(received(), (Lines{"STATUS=waiting for database 4", "STATUS=running"}));
 }
 
 }  // namespace

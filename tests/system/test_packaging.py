@@ -1,0 +1,55 @@
+"""Man pages, and the units under which the services run."""
+
+import re
+import subprocess
+
+import pytest
+
+from lab import ROOT
+
+UNITS = ROOT / "packaging" / "systemd"
+PAGES = sorted((ROOT / "docs" / "man").glob("*.scd"))
+
+# What systemd-analyze(1) may find at most: 0 is a service that can do no harm, 10 one that can do anything.
+EXPOSURE = {"lda.service": 1.5, "lda-redis.service": 1.5, "tarnd.service": 2.0}
+
+
+def output_of(*command, text=""):
+    return subprocess.run(command, input=text, capture_output=True, text=True, check=True)
+
+
+@pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
+def test_man_page_is_clean(page, tmp_path):
+    roff = tmp_path / page.stem
+    roff.write_text(output_of("scdoc", text=page.read_text()).stdout)
+    shown = output_of("man", "--warnings", "--local-file", str(roff))
+    assert shown.stderr == ""
+    assert f"{page.stem.rpartition('.')[0]} - " in shown.stdout
+
+
+def test_man_pages_name_what_there_is():
+    """Each page that another one refers to is there, or belongs to another package."""
+    others = {"redis-cli(1)", "sd_notify(3)", "sshd(8)", "sshd_config(5)"}
+    own = {f"{name}({section})" for name, _, section in (page.stem.rpartition(".") for page in PAGES)}
+    named = {f"{name}({section})" for page in PAGES
+             for name, section in re.findall(r"\*([\w.-]+)\*\((\d)\)", page.read_text())}
+    assert named <= own | others
+    assert {"lda(8)", "ldash(1)", "tarnd(8)", "lda-netconf(8)", "lda.toml(5)", "lda-records(7)"} <= own
+
+
+@pytest.mark.parametrize("unit", EXPOSURE)
+def test_unit_can_do_no_more_than_it_must(unit):
+    verdict = output_of("systemd-analyze", "security", "--offline=true", "--no-pager", str(UNITS / unit)).stdout
+    level = float(re.search(r"Overall exposure level for \S+: ([\d.]+)", verdict)[1])
+    assert level <= EXPOSURE[unit]
+
+
+def test_units_are_understood():
+    """systemd-analyze names each setting that it does not know; missing programs and pages are not the units' fault."""
+    verdict = subprocess.run(["systemd-analyze", "verify", "--man=no", *(str(UNITS / unit) for unit in EXPOSURE)],
+                             capture_output=True, text=True, check=False).stderr
+    assert [line for line in verdict.splitlines() if "is not executable" not in line] == []
+
+
+def test_every_unit_of_the_package_is_known_here():
+    assert {path.name for path in UNITS.iterdir()} == set(EXPOSURE)
