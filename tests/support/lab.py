@@ -11,6 +11,8 @@ Programs are taken from build/dev, or from the folder named in LDA_BUILD. Root i
 switch only.
 """
 
+import contextlib
+import ctypes
 import itertools
 import json
 import os
@@ -29,6 +31,7 @@ BUILD = pathlib.Path(os.environ.get("LDA_BUILD", ROOT / "build" / "dev"))
 APP_DB = 4
 LOCAL_DB = 3
 CFG_DB = 22
+CLONE_NEWNET = 0x40000000
 
 
 def _schemas():
@@ -61,6 +64,19 @@ def wait_for(condition, timeout, what, every=0.02):
 
 def run(*command, **options):
     return subprocess.run(command, check=True, capture_output=True, text=True, **options).stdout
+
+
+@contextlib.contextmanager
+def within(namespace):
+    """Has this thread in a network namespace; sockets that it opens there stay inside."""
+    libc = ctypes.CDLL(None, use_errno=True)
+    with open("/proc/thread-self/ns/net") as home, open(f"/run/netns/{namespace}") as inside:
+        if libc.setns(inside.fileno(), CLONE_NEWNET) != 0:
+            raise OSError(ctypes.get_errno(), "setns")
+        try:
+            yield
+        finally:
+            libc.setns(home.fileno(), CLONE_NEWNET)
 
 
 class Lab:

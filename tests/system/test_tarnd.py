@@ -4,8 +4,6 @@ The traffic is bounded: every cable that closes a loop passes some thousand fram
 pulls it if the test does not.
 """
 
-import contextlib
-import os
 import signal
 import stat
 import subprocess
@@ -14,12 +12,9 @@ import threading
 
 import pytest
 
-from lab import APP_DB, BUILD, CFG_DB, p_bridge, run, wait_for
-from storm_lab import DETECTED, StormLab
-
-LONGEST_LOOP_S = 40
-CABLE = ("rate", "4mbit", "burst", "3000", "limit", "6000")  # of tc(8)
-
+from lab import wait_for
+from storm_lab import DETECTED
+from tarn_lab import CABLE, LONGEST_LOOP_S, TarnLab
 
 # Prints how many probes arrive on a device, named first, in so many seconds.
 COUNT_PROBES = """
@@ -36,95 +31,6 @@ while (left := end - time.monotonic()) > 0:
         break
 print(count)
 """
-
-
-class TarnLab(StormLab):
-    """A switch with its agent, where tarnd can be started."""
-
-    def __init__(self, ports=4):
-        super().__init__(ports)
-        self.tarnd = None
-        self.remote_namespace = f"{self.namespace}-far"
-
-    def __exit__(self, *details):
-        self.end_tarnd(signal.SIGKILL)
-        subprocess.run(["ip", "netns", "delete", self.remote_namespace], check=False, stderr=subprocess.DEVNULL)
-        super().__exit__(*details)
-
-    def write_platform_file(self, extra=""):
-        super().write_platform_file(extra + f'[tarn]\nstate = "{self.folder}/tarn"\n')
-
-    def tarnd_command(self):
-        return ["ip", "netns", "exec", self.namespace, str(BUILD / "services" / "tarnd" / "tarnd")]
-
-    def environment(self):
-        return {**os.environ, "LDA_PLATFORM": str(self.platform_file)}
-
-    def start_tarnd(self):
-        self.tarnd = subprocess.Popen(self.tarnd_command(), env=self.environment(), stdin=subprocess.DEVNULL)
-        wait_for(lambda: "tarnd_" in self.ruleset(), 20, "tarnd runs")
-
-    def end_tarnd(self, how=signal.SIGTERM):
-        if self.tarnd:
-            self.tarnd.send_signal(how)
-            status = self.tarnd.wait(20)
-            self.tarnd = None
-            return status
-        return None
-
-    def enable(self, *policy):
-        """Loop detection with this policy, and wait until every port's record says that it is probed."""
-        self.configure(" ".join(["loop-detect enable", *policy]))
-        wait_for(lambda: len(self.watched_ports()) == len(self.port_names), 20, "every port is watched")
-
-    def watched_ports(self):
-        database = self.database(CFG_DB)
-        records = [p_bridge.tarn_port.FromString(database.get(key)) for key in database.keys("p_bridge.tarn_port/*")]
-        return [record.index.ifx for record in records if record.loop_detect]
-
-    def loops(self):
-        """The loops on record: pairs of the reporting port and the one that sent the probe, by name."""
-        names = {self.ifindex(name): name for name in self.port_names}
-        database = self.database(APP_DB)
-        records = [p_bridge.tarn_loop_info.FromString(database.get(key))
-                   for key in database.keys("p_bridge.tarn_loop_info/*")]
-        return {(names[record.index.ifx], names[record.src_ifx]) for record in records if record.is_loop}
-
-    def remote(self, *command):
-        return run("ip", "netns", "exec", self.remote_namespace, *command)
-
-    def cuts(self):
-        """The ports that tarnd has cut and nobody has taken over, as its journal says."""
-        slots = (self.folder / "tarn" / "cuts").read_bytes()[64:]
-        return [slots[at:at + 4] for at in range(0, len(slots), 4) if any(slots[at:at + 4])]
-
-    def plug(self, port):
-        self.remote("ip", "link", "set", f"{port}-far", "master", "outside")
-
-    def unplug(self, port):
-        self.remote("ip", "link", "set", f"{port}-far", "nomaster")
-
-    @contextlib.contextmanager
-    def slow_outside(self, *ports):
-        """Another machine's bridge with slow cables to these ports, unplugged; a timer unplugs them in the end."""
-        run("ip", "netns", "add", self.remote_namespace)
-        self.remote("sh", "-c", "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6")
-        self.remote("ip", "link", "add", "outside", "up", "type", "bridge")
-        for port in ports:
-            self.ip("link", "set", f"{port}-far", "netns", self.remote_namespace)
-            self.remote("ip", "link", "set", f"{port}-far", "up")
-            self.remote("tc", "qdisc", "replace", "dev", f"{port}-far", "root", "tbf", *CABLE)
-        wait_for(lambda: all(self.link(port)["operstate"] == "UP" for port in ports), 10, "the links are up again")
-        end = threading.Timer(LONGEST_LOOP_S, lambda: [self.unplug(port) for port in ports])
-        end.start()
-        try:
-            yield
-        finally:
-            end.cancel()
-            end.join()
-            for port in ports:
-                with contextlib.suppress(subprocess.CalledProcessError):
-                    self.unplug(port)
 
 
 @pytest.fixture
@@ -246,9 +152,7 @@ def test_port_that_spanning_tree_blocks_is_neither_probed_nor_believed(lab):
     lab.ip("link", "set", "br0", "type", "bridge", "stp_state", "1", "forward_delay", "200")
 
     def states():
-        words = {line.split()[1].split("@")[0].rstrip(":"): line.split("state ")[-1].split()[0]
-                 for line in lab.inside("bridge", "link").splitlines()}
-        return [words["swp1"], words["swp2"]]
+        return [lab.states()[port] for port in ("swp1", "swp2")]
 
     with lab.slow_outside("swp1", "swp2"):
         lab.plug("swp1")

@@ -4,7 +4,6 @@ Everything that a round does often avoids a new process: the kernel is asked by 
 namespace, the agent on an operator's session that stays open, Redis on one connection.
 """
 
-import ctypes
 import fcntl
 import json
 import os
@@ -16,11 +15,10 @@ import struct
 import subprocess
 import time
 
-from lab import APP_DB, LOCAL_DB, Lab, p_app, wait_for
+from lab import APP_DB, LOCAL_DB, Lab, p_app, wait_for, within
 
 SIOCGIFFLAGS, SIOCSIFFLAGS, SIOCGIFINDEX = 0x8913, 0x8914, 0x8933
 IFF_UP = 1
-CLONE_NEWNET = 0x40000000
 WISH_SAVED_AFTER_S = 1.0
 LOOP_PORTS = 10  # the table holds no more
 OPERATOR_PORTS = 2
@@ -99,7 +97,8 @@ class CrashLab(Lab):
 
     def __enter__(self):
         super().__enter__()
-        self.kernel = self._socket_inside()
+        with within(self.namespace):
+            self.kernel = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
         self.start_redis()
         self.records = self.database(APP_DB)
         self.requests = self.database(LOCAL_DB)
@@ -119,17 +118,6 @@ class CrashLab(Lab):
         source = os.path.join(os.path.dirname(__file__), "..", "..", "support", "slow_sync.c")
         subprocess.run(["cc", "-shared", "-fPIC", "-O2", "-o", str(library), source, "-ldl"], check=True)
         return ("env", f"LD_PRELOAD={library}")
-
-    def _socket_inside(self):
-        """A socket of the namespace; it stays one when this thread is back in its own."""
-        libc = ctypes.CDLL(None, use_errno=True)
-        with open("/proc/thread-self/ns/net") as home, open(f"/run/netns/{self.namespace}") as inside:
-            if libc.setns(inside.fileno(), CLONE_NEWNET) != 0:
-                raise OSError(ctypes.get_errno(), "setns")
-            try:
-                return socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-            finally:
-                libc.setns(home.fileno(), CLONE_NEWNET)
 
     # ---- kernel ----
 
