@@ -1,5 +1,4 @@
 #include "platform/cli/config_keeper.h"
-#include "platform/base/supervisor.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -10,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/supervisor.h"
 #include "platform/cli/config_replay.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/tarn_commands.h"

@@ -17,6 +17,7 @@
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
 #include "qv/rdnd.h"
+#include "services/tarnd/control.h"
 #include "services/tarnd/identity.h"
 #include "services/tarnd/platform.h"
 #include "services/tarnd/service.h"
@@ -85,8 +86,15 @@ void run() {
     Service* service = nullptr;
     // Before there are other threads: they inherit that its signals are blocked.
     const Termination termination(loop, [&] { service->close(); });
-    Service made(loop, prober, journal, guard);
+    StatusBoard board;
+    Service made(loop, prober, journal, guard, board);
     service = &made;
+    const Control control(loop, config.tarn_state + "/control", board,
+                          {.counters = [&] { return board.counters(prober); },
+                           .ask =
+                               [&](uint32_t ifx) {
+                                   return prober.command({.kind = Command::Kind::kAsk, .ifx = ifx});
+                               }});
     app_public_init_dead_detection(master);
     report_ready("probing the ports of bridge " + config.bridge);
     log_message(kLogInfo, "TARN", "START", "Probing the ports of bridge %s.",

@@ -187,6 +187,9 @@ void ProbeThread::take_commands() {
             case Command::Kind::kPort:
                 prober_.configure_port(command->ifx, command->watched, command->shuts, now());
                 break;
+            case Command::Kind::kAsk:
+                prober_.ask(command->ifx, now());
+                break;
         }
     }
 }

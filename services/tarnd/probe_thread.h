@@ -20,12 +20,12 @@ namespace qv::tarnd {
 
 // What the main thread has to say to the probing thread.
 struct Command {
-    enum class Kind : uint8_t { kSettings, kPort };
+    enum class Kind : uint8_t { kSettings, kPort, kAsk };
     Kind kind = Kind::kSettings;
-    Settings settings{};  // kSettings
-    uint32_t ifx = 0;     // kPort, as the next
-    bool watched = false;
-    bool shuts = false;
+    Settings settings{};   // kSettings
+    uint32_t ifx = 0;      // kPort, kAsk
+    bool watched = false;  // kPort
+    bool shuts = false;    // kPort
 };
 
 class ProbeThread final : private ProberOutputs {
@@ -54,7 +54,8 @@ class ProbeThread final : private ProberOutputs {
     // Before next_report() has been called until it had none left.
     void clear_reports_fd();
 
-    uint64_t ignored(Ignored why) const { return prober_.ignored(why); }  // any thread
+    uint64_t ignored(Ignored why) const { return prober_.ignored(why); }    // any thread
+    uint64_t counted(Counted what) const { return prober_.counted(what); }  // any thread
 
  private:
     bool send(uint32_t ifx, const Frame& frame) override;

@@ -1,6 +1,7 @@
 #include "services/tarnd/prober.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace qv::tarnd {
 namespace {
@@ -63,11 +64,15 @@ void Prober::configure_port(uint32_t ifx, bool watched, bool shuts, Time now) {
 void Prober::set_port(uint32_t ifx, bool forwarding, Time now) {
     Port& port = ports_[ifx];
     const bool took_part = takes_part(port);
+    const bool same = port.present && port.forwarding == forwarding;
     port.present = true;
     if (port.forwarding && !forwarding) {
         end_loops_of(ifx);
     }
     port.forwarding = forwarding;
+    if (!same) {
+        tell_port(ifx, port);
+    }
     review(ifx, port, took_part, now);
 }
 
@@ -79,6 +84,9 @@ void Prober::remove_port(uint32_t ifx) {
     Port& port = found->second;
     unplan(ifx, port);
     end_loops_of(ifx);
+    if (port.present) {
+        tell_port(ifx, Port{});
+    }
     if (!port.watched && !port.shuts) {
         ports_.erase(found);
         return;
@@ -209,14 +217,41 @@ Time Prober::next() const {
     return backlog_.empty() ? planned : std::min(planned, next_report_);
 }
 
-void Prober::send(uint32_t ifx, Port& port, size_t count, Time now) {
+// True when the kernel has taken all of them.
+bool Prober::send(uint32_t ifx, Port& port, size_t count, Time now) {
+    bool all = true;
     for (size_t n = 0; n < count; ++n) {
         const Probe probe{.bridge = identity_.bridge,
                           .ifx = ifx,
                           .sequence = ++port.sequence,
                           .time_ns = static_cast<uint64_t>(now.time_since_epoch().count())};
-        outputs_.send(ifx, encode(probe, identity_.source, identity_.key));
+        const bool sent = outputs_.send(ifx, encode(probe, identity_.source, identity_.key));
+        tally(sent ? Counted::kSent : Counted::kNotSent);
+        all = all && sent;
     }
+    return all;
+}
+
+void Prober::ask(uint32_t ifx, Time now) {
+    tell({.kind = Report::Kind::kAsked, .ifx = ifx, .error = send_asked(ifx, now)});
+}
+
+int Prober::send_asked(uint32_t ifx, Time now) {
+    Port* const port = find(ifx);
+    if (port == nullptr) {
+        return ENODEV;
+    }
+    if (!settings_.enabled || !port->watched) {
+        return EPERM;
+    }
+    if (!port->forwarding) {
+        return ENETDOWN;
+    }
+    if (!take_token(now)) {
+        return EBUSY;
+    }
+    port->asked = port->sequence + 1;
+    return send(ifx, *port, 1, now) ? 0 : EIO;
 }
 
 // A periodic probe is about to leave this port.
@@ -239,6 +274,14 @@ void Prober::count_silent(uint32_t sender, Time now) {
 
 void Prober::ignore(Ignored why) {
     ignored_[static_cast<size_t>(why)].fetch_add(1, std::memory_order_relaxed);
+}
+
+void Prober::tally(Counted what) {
+    counted_[static_cast<size_t>(what)].fetch_add(1, std::memory_order_relaxed);
+}
+
+uint64_t Prober::counted(Counted what) const {
+    return counted_[static_cast<size_t>(what)].load(std::memory_order_relaxed);
 }
 
 uint64_t Prober::ignored(Ignored why) const {
@@ -295,6 +338,10 @@ void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now) {
     if (is_duplicate(*port, probe)) {
         return ignore(Ignored::kDuplicate);
     }
+    tally(Counted::kReturned);
+    if (probe.sequence == sender->asked) {
+        tell({.kind = Report::Kind::kReturned, .ifx = ifx, .src_ifx = probe.ifx, .path = age});
+    }
     prove(ifx, probe, now);
 }
 
@@ -341,6 +388,13 @@ void Prober::end_loops_of(uint32_t ifx) {
         tell({.kind = Report::Kind::kEnd, .ifx = loop->first, .src_ifx = loop->second.src_ifx});
         loop = loops_.erase(loop);
     }
+}
+
+void Prober::tell_port(uint32_t ifx, const Port& port) {
+    tell({.kind = Report::Kind::kPort,
+          .ifx = ifx,
+          .present = port.present,
+          .forwarding = port.forwarding});
 }
 
 void Prober::tell(const Report& report) {

@@ -30,18 +30,35 @@ namespace qv::tarnd {
 // What called for a probe.
 enum class Trigger : uint8_t { kPeriod, kMove, kOverrun, kCarrier };
 
+// What the probing thread counts, from its start on.
+enum class Counted : uint8_t { kSent, kNotSent, kReturned };
+inline constexpr size_t kCountedKinds = 3;
+
 // Why a returned frame is ignored.
 enum class Ignored : uint8_t { kMalformed, kForged, kForeign, kBlocked, kStale, kDuplicate };
 inline constexpr size_t kIgnoredKinds = 6;
 
 struct Report {
-    enum class Kind : uint8_t { kLoop, kEnd, kCut, kElsewhere, kNotElsewhere };
+    // kPort: whether this port is in the bridge, and forwards, has changed. kAsked: the answer to
+    // ask(). kReturned: the probe that was asked for came back on this port.
+    enum class Kind : uint8_t {
+        kLoop,
+        kEnd,
+        kCut,
+        kElsewhere,
+        kNotElsewhere,
+        kPort,
+        kAsked,
+        kReturned
+    };
     Kind kind = Kind::kLoop;
     uint32_t ifx = 0;      // the reporting port
     uint32_t src_ifx = 0;  // the port that sent the probe
     Trigger trigger = Trigger::kPeriod;
-    Duration path{};  // kLoop: how long the probe was under way
-    int error = 0;    // kCut: 0 or errno
+    Duration path{};          // kLoop, kReturned: how long the probe was under way
+    int error = 0;            // kCut, kAsked: 0 or errno
+    bool present = false;     // kPort
+    bool forwarding = false;  // kPort
 
     bool operator==(const Report&) const = default;
 };
@@ -66,7 +83,7 @@ class ProberOutputs {
     virtual bool report(const Report& report) = 0;
 };
 
-// Probing thread only, but for ignored().
+// Probing thread only, but for ignored() and counted().
 class Prober {
  public:
     static constexpr size_t kBurst = 2;  // frames in one triggered burst
@@ -101,6 +118,11 @@ class Prober {
     bool learned(uint64_t address, uint32_t ifx, Time now);
     // Announcements of learned addresses were lost.
     void overrun(Time now);
+    // Sends one probe at once and reports kAsked: 0, ENODEV when the port is not in the bridge,
+    // EPERM when it is not watched, ENETDOWN when it does not forward, EBUSY beyond the switch's
+    // rate, EIO when the kernel did not take the frame. kReturned follows for each port on which
+    // that probe comes back, until the next call for the port.
+    void ask(uint32_t ifx, Time now);
     // A frame of kEtherType that arrived on this interface, from its Ethernet header on.
     void received(uint32_t ifx, std::span<const uint8_t> frame, Time now);
 
@@ -109,7 +131,8 @@ class Prober {
     // When run() has something to do; Time::max() when nothing is planned.
     Time next() const;
 
-    uint64_t ignored(Ignored why) const;  // any thread
+    uint64_t ignored(Ignored why) const;   // any thread
+    uint64_t counted(Counted what) const;  // any thread
     size_t loops() const { return loops_.size(); }
 
  private:
@@ -121,6 +144,7 @@ class Prober {
         bool wanted = false;      // a triggered burst is planned
         Trigger trigger{};        // of that burst, or of the latest one
         uint64_t sequence = 0;    // of the latest probe
+        uint64_t asked = 0;       // of the latest one that ask() has sent
         uint64_t valid_from = 0;  // probes before belong to an earlier link
         Time period{};
         Time burst{};                // earliest next burst
@@ -148,9 +172,12 @@ class Prober {
     void plan(uint32_t ifx, Port& port);
     void unplan(uint32_t ifx, Port& port);
     bool take_token(Time now);
-    void send(uint32_t ifx, Port& port, size_t count, Time now);
+    bool send(uint32_t ifx, Port& port, size_t count, Time now);
+    int send_asked(uint32_t ifx, Time now);
+    void tell_port(uint32_t ifx, const Port& port);
     void count_silent(uint32_t sender, Time now);
     void ignore(Ignored why);
+    void tally(Counted what);
     bool is_duplicate(Port& port, const Probe& probe) const;
     void prove(uint32_t ifx, const Probe& probe, Time now);
     void cut(uint32_t ifx, uint32_t src_ifx);
@@ -170,6 +197,7 @@ class Prober {
     uint64_t tokens_ = kBurstsAtOnce;
     Time filled_{};
     std::array<std::atomic<uint64_t>, kIgnoredKinds> ignored_{};
+    std::array<std::atomic<uint64_t>, kCountedKinds> counted_{};
 };
 
 }  // namespace qv::tarnd

@@ -1,8 +1,5 @@
 #include "services/tarnd/service.h"
 
-#include <net/if.h>
-
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -10,6 +7,7 @@
 #include "platform/base/message_log.h"
 #include "platform/client/thread_master.h"
 #include "qv/bridge.h"
+#include "services/tarnd/port_name.h"
 
 namespace qv::tarnd {
 namespace {
@@ -24,12 +22,6 @@ constexpr uint32_t kPolicyBoth = 4;
 
 // The object database's callbacks carry no argument of ours.
 Service* g_service = nullptr;
-
-std::string name_of(uint32_t ifx) {
-    std::array<char, IF_NAMESIZE> name{};
-    return if_indextoname(ifx, name.data()) != nullptr ? name.data()
-                                                       : "interface " + std::to_string(ifx);
-}
 
 const char* text_of(Trigger trigger) {
     switch (trigger) {
@@ -104,11 +96,13 @@ Settings settings_of(const PBridge__TarnConfig& record) {
     return settings;
 }
 
-Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard)
+Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard,
+                 StatusBoard& board)
     : loop_(loop),
       prober_(prober),
       journal_(journal),
       guard_(guard),
+      board_(board),
       client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)),
       take_over_(loop, *this) {
     g_service = this;
@@ -132,8 +126,9 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, Guar
 
     for (const uint32_t ifx : journal_.noted()) {
         log_message(kLogWarning, "TARN", "LEFT", "An earlier tarnd has cut %s and then ended.",
-                    name_of(ifx).c_str());
+                    port_name(ifx).c_str());
         take_over_.cut(ifx);
+        board_.begin_cut(ifx);
     }
     reports_watch_ = loop_.watch(prober_.reports_fd(), true, false,
                                  [this](EventLoop::Ready) { take_reports(); });
@@ -207,6 +202,7 @@ void Service::scan_loops() {
 void Service::take(const PBridge__TarnConfig& record, bool deleted) {
     settings_ = deleted ? Settings{} : settings_of(record);
     settings_pending_ = true;
+    board_.enable(settings_.enabled);
     send_commands();
 }
 
@@ -217,15 +213,21 @@ void Service::take(const PBridge__TarnPort& record, bool deleted) {
     const uint32_t ifx = record.index->ifx;
     if (deleted) {
         ports_.erase(ifx);
+        board_.forget_configuration(ifx);
     } else {
         ports_[ifx] = {.watched = record.loop_detect != 0,
                        .vlan_mode = record.vlan_mode,
                        .shut = record.shut != 0};
+        board_.configure(ifx, {.watched = record.loop_detect != 0,
+                               .shut = record.shut != 0,
+                               .vlan_mode = record.vlan_mode,
+                               .guard_ms = record.guard_ms});
     }
     if (deleted || record.shut == 0) {
         take_over_.not_taken(ifx);
     } else if (take_over_.taken(ifx)) {
         journal_.clear(ifx);
+        board_.end_cut(ifx);
     }
     command_port(ifx);
 }
@@ -293,6 +295,7 @@ void Service::take_reports() {
 }
 
 void Service::on_report(const Report& report) {
+    board_.take(report);
     switch (report.kind) {
         case Report::Kind::kLoop:
             return on_loop(report, true);
@@ -304,6 +307,10 @@ void Service::on_report(const Report& report) {
             return guard_.set_elsewhere(report.ifx, true);
         case Report::Kind::kNotElsewhere:
             return guard_.set_elsewhere(report.ifx, false);
+        case Report::Kind::kPort:
+        case Report::Kind::kAsked:
+        case Report::Kind::kReturned:
+            return;  // for the board alone
     }
 }
 
@@ -311,11 +318,11 @@ void Service::on_loop(const Report& report, bool is_loop) {
     LoopRecord& record = records_[report.ifx];
     record = {.src_ifx = report.src_ifx, .is_loop = is_loop, .stored = false};
     store(report.ifx, record);
-    const std::string port = name_of(report.ifx);
+    const std::string port = port_name(report.ifx);
     if (is_loop) {
         log_message(kLogWarning, "TARN", "LOOP",
                     "%s receives what %s sends: a loop, found by %s, %lld us long.", port.c_str(),
-                    name_of(report.src_ifx).c_str(), text_of(report.trigger),
+                    port_name(report.src_ifx).c_str(), text_of(report.trigger),
                     static_cast<long long>(report.path / std::chrono::microseconds(1)));
     } else {
         log_message(kLogInfo, "TARN", "END", "The loop of %s has ended.", port.c_str());
@@ -323,7 +330,7 @@ void Service::on_loop(const Report& report, bool is_loop) {
 }
 
 void Service::on_cut(uint32_t ifx, int error) {
-    const std::string name = name_of(ifx);
+    const std::string name = port_name(ifx);
     if (error != 0) {
         log_message(kLogError, "TARN", "CUT", "%s cannot be cut: %s.", name.c_str(),
                     std::strerror(error));
@@ -336,6 +343,7 @@ void Service::on_cut(uint32_t ifx, int error) {
         journal_.clear(ifx);
     } else {
         take_over_.cut(ifx);
+        board_.begin_cut(ifx);
     }
 }
 
@@ -346,9 +354,10 @@ bool Service::ask() {
 }
 
 void Service::give_back(uint32_t ifx) {
-    const std::string name = name_of(ifx);
+    const std::string name = port_name(ifx);
     const int error = control_.set_up(ifx, true);
     journal_.clear(ifx);
+    board_.give_back(ifx, error);
     if (error == 0) {
         log_message(kLogWarning, "TARN", "RETURN",
                     "%s is in service again: nobody has taken it over.", name.c_str());

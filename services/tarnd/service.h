@@ -15,6 +15,7 @@
 #include "services/tarnd/guard_table.h"
 #include "services/tarnd/port_control.h"
 #include "services/tarnd/probe_thread.h"
+#include "services/tarnd/status_board.h"
 #include "services/tarnd/take_over.h"
 
 namespace qv::tarnd {
@@ -33,7 +34,8 @@ class Service final : private TakeOverOutputs {
     static constexpr std::chrono::milliseconds kLastWrites{500};
 
     // Starts the probing thread. Everything must outlive the service. Throws std::runtime_error.
-    Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard);
+    Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard,
+            StatusBoard& board);
 
     // Before the process ends: no more probes, no port stays dark that is ours, and no loop stays
     // on record that nobody would end. Runs the loop meanwhile.
@@ -79,6 +81,7 @@ class Service final : private TakeOverOutputs {
     ProbeThread& prober_;
     CutJournal& journal_;
     GuardTable& guard_;
+    StatusBoard& board_;
     PortControl control_;
     qv_mom_client* const client_;
 

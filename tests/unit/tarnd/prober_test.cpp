@@ -30,8 +30,10 @@ struct Hands final : ProberOutputs {
     };
 
     bool send(uint32_t ifx, const Frame& frame) override {
-        sent.push_back({ifx, frame});
-        return true;
+        if (send_result) {
+            sent.push_back({ifx, frame});
+        }
+        return send_result;
     }
     int cut(uint32_t ifx, bool single) override {
         lines.push_back((single ? "cut single " : "cut ") + std::to_string(ifx));
@@ -41,7 +43,11 @@ struct Hands final : ProberOutputs {
         if (deaf) {
             return false;
         }
-        const char* const kinds[] = {"loop", "end", "was cut"};
+        if (report.kind == Report::Kind::kPort) {
+            port_reports.push_back(report);
+            return true;
+        }
+        const char* const kinds[] = {"loop", "end", "was cut", "", "", "", "asked", "returned"};
         lines.push_back(std::string(kinds[static_cast<size_t>(report.kind)]) + " " +
                         std::to_string(report.ifx) + " from " + std::to_string(report.src_ifx));
         last = report;
@@ -50,8 +56,10 @@ struct Hands final : ProberOutputs {
 
     std::vector<Sent> sent;
     Lines lines;
+    std::vector<Report> port_reports;
     Report last;
     int cut_result = 0;
+    bool send_result = true;
     bool deaf = false;
 };
 
@@ -349,6 +357,73 @@ TEST_F(ProberTest, ReportsThatAreNotTakenAreOfferedAgainInOrder) {
     hands.deaf = false;
     pass(milliseconds(10));
     EXPECT_EQ(take_lines(), (Lines{"loop 2 from 1", "end 2 from 1"}));
+}
+
+TEST_F(ProberTest, ReportsWhetherAPortIsInTheBridgeAndForwards) {
+    const auto port = [](uint32_t ifx, bool present, bool forwarding) {
+        return Report{
+            .kind = Report::Kind::kPort, .ifx = ifx, .present = present, .forwarding = forwarding};
+    };
+    prober.configure_port(8, true, false, now);
+    prober.set_port(8, false, now);
+    prober.set_port(8, false, now);
+    prober.set_port(8, true, now);
+    prober.remove_port(8);
+    prober.remove_port(8);
+    EXPECT_EQ(hands.port_reports, (std::vector<Report>{port(8, true, false), port(8, true, true),
+                                                       port(8, false, false)}));
+}
+
+TEST_F(ProberTest, AnAskedProbeIsSentAtOnceAndEachReturnReported) {
+    add_ports(3);
+    prober.ask(1, now);
+    EXPECT_EQ(take_lines(), Lines{"asked 1 from 0"});
+    EXPECT_EQ(hands.last.error, 0);
+    ASSERT_EQ(hands.sent.size(), 1u);
+    const Frame asked = hands.sent[0].frame;
+    prober.received(2, frame_of(1), now);
+    EXPECT_EQ(take_lines(), Lines{"loop 2 from 1"});
+    prober.received(2, asked, now);
+    prober.received(2, asked, now);
+    prober.received(3, asked, now);
+    EXPECT_EQ(take_lines(), (Lines{"returned 2 from 1", "returned 3 from 1", "loop 3 from 1"}));
+}
+
+TEST_F(ProberTest, AProbeThatCannotBeSentIsAnsweredWithTheReason) {
+    add_ports(3);
+    const auto answer = [this](uint32_t ifx) {
+        prober.ask(ifx, now);
+        EXPECT_EQ(hands.last.kind, Report::Kind::kAsked);
+        return hands.last.error;
+    };
+    EXPECT_EQ(answer(9), ENODEV);
+    prober.configure_port(1, false, false, now);
+    EXPECT_EQ(answer(1), EPERM);
+    prober.set_port(2, false, now);
+    EXPECT_EQ(answer(2), ENETDOWN);
+    hands.send_result = false;
+    EXPECT_EQ(answer(3), EIO);
+    hands.send_result = true;
+    for (int n = 0; n < 300 && hands.last.error != EBUSY; ++n) {
+        answer(3);
+    }
+    EXPECT_EQ(hands.last.error, EBUSY);
+    settings.enabled = false;
+    prober.configure(settings, now);
+    EXPECT_EQ(answer(3), EPERM);
+}
+
+TEST_F(ProberTest, CountsWhatItSendsAndWhatComesBack) {
+    add_ports(2);
+    const uint64_t sent = prober.counted(Counted::kSent);
+    prober.received(2, frame_of(1), now);
+    EXPECT_EQ(prober.counted(Counted::kSent), sent + 4);  // a burst on both ports
+    EXPECT_EQ(prober.counted(Counted::kReturned), 1u);
+    EXPECT_EQ(prober.counted(Counted::kNotSent), 0u);
+    hands.send_result = false;
+    prober.ask(1, now);
+    EXPECT_EQ(prober.counted(Counted::kNotSent), 1u);
+    EXPECT_EQ(prober.counted(Counted::kSent), sent + 4);
 }
 
 TEST_F(ProberTest, APortThatIsBackKeepsItsConfiguration) {

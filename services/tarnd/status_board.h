@@ -1,0 +1,122 @@
+// What the service knows of its ports and has counted, for those who want to see it: clients of the
+// control socket and the records. Main thread only.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "p_bridge.pb-c.h"
+#include "services/tarnd/prober.h"
+
+namespace qv::tarnd {
+
+struct SeenLoop {
+    uint32_t ifx = 0;      // on which the probe came back
+    uint32_t src_ifx = 0;  // which had sent it
+    uint32_t vid = 0;
+    Duration path{};
+    Trigger trigger{};
+    std::chrono::system_clock::time_point time{};
+};
+
+struct PortStatus {
+    PBridge__TarnState state = P_BRIDGE__TARN_STATE__OFF;
+    uint32_t vlan_mode = 0;
+    uint32_t guard_ms = 0;
+    std::optional<SeenLoop> loop;  // the latest one that the port was part of
+};
+
+struct BoardEvent {
+    // kAsked and kReturned as in a report.
+    enum class Kind { kState, kLoop, kEnd, kCut, kCutFailed, kGivenBack, kAsked, kReturned };
+    Kind kind;
+    uint32_t ifx;
+    SeenLoop loop{};  // kLoop; of kEnd and kReturned the fields that are known
+    int error = 0;    // kCutFailed, kAsked; kGivenBack: 0, or why the port is still down
+};
+
+class StatusBoard {
+ public:
+    // What the switch has configured for a port.
+    struct Configured {
+        bool watched = false;
+        bool shut = false;
+        uint32_t vlan_mode = 0;
+        uint32_t guard_ms = 0;
+    };
+
+    // What has happened, from the service.
+    void enable(bool enabled);
+    void configure(uint32_t ifx, const Configured& configured);
+    void forget_configuration(uint32_t ifx);
+    void take(const Report& report);
+    void begin_cut(uint32_t ifx);  // the port is down until the switch takes it over
+    void end_cut(uint32_t ifx);    // it has
+    void give_back(uint32_t ifx, int error);
+
+    // The ports of the bridge, by interface index.
+    std::vector<uint32_t> ports() const;
+    // The first port behind this one; 0: there is none.
+    uint32_t next_port(uint32_t ifx) const;
+    // Nothing when the port is not in the bridge.
+    std::optional<PortStatus> status(uint32_t ifx) const;
+    // `thread` tells what the probing thread has counted.
+    template <typename Thread>
+    PBridge__TarnCounters counters(const Thread& thread) const;
+
+    // Called with every event, for the life of the board; kState when status() of a port may have
+    // changed, also when the port has come or gone.
+    void observe(std::function<void(const BoardEvent&)> observer);
+
+ private:
+    struct Port {
+        Configured configured;
+        bool present = false;
+        bool forwarding = false;
+        bool cut = false;
+        std::optional<SeenLoop> loop;
+    };
+
+    void drop_unused(uint32_t ifx);
+    bool is_looped(uint32_t ifx) const;
+    PBridge__TarnState state_of(uint32_t ifx, const Port& port) const;
+    void take_port(const Report& report);
+    void take_loop(const Report& report);
+    void take_end(const Report& report);
+    void take_cut(const Report& report);
+    void announce(const BoardEvent& event) const;
+    void announce_state(uint32_t ifx) const;
+
+    bool enabled_ = false;
+    std::map<uint32_t, Port> ports_;
+    std::map<uint32_t, uint32_t> loops_;  // from the reporting port to the one that sent the probe
+    PBridge__TarnCounters counters_ = P_BRIDGE__TARN_COUNTERS__INIT;  // but for the thread's
+    std::vector<std::function<void(const BoardEvent&)>> observers_;
+};
+
+template <typename Thread>
+PBridge__TarnCounters StatusBoard::counters(const Thread& thread) const {
+    PBridge__TarnCounters all = counters_;
+    all.sent = thread.counted(Counted::kSent);
+    all.not_sent = thread.counted(Counted::kNotSent);
+    all.returned = thread.counted(Counted::kReturned);
+    all.malformed = thread.ignored(Ignored::kMalformed);
+    all.forged = thread.ignored(Ignored::kForged);
+    all.foreign = thread.ignored(Ignored::kForeign);
+    all.blocked = thread.ignored(Ignored::kBlocked);
+    all.stale = thread.ignored(Ignored::kStale);
+    all.duplicate = thread.ignored(Ignored::kDuplicate);
+    return all;
+}
+
+// Names of a value, as the record's schema spells them, in lower case.
+std::string state_text(PBridge__TarnState state);
+std::string trigger_text(Trigger trigger);
+PBridge__TarnTrigger record_of(Trigger trigger);
+
+}  // namespace qv::tarnd
