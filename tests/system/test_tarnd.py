@@ -12,7 +12,7 @@ import threading
 
 import pytest
 
-from lab import wait_for
+from lab import CFG_DB, p_bridge, wait_for
 from storm_lab import DETECTED
 from tarn_lab import CABLE, LONGEST_LOOP_S, TarnLab
 
