@@ -36,12 +36,12 @@ timespec timespec_of(Duration time) {
 void signal_fd(int fd) {
     const uint64_t one = 1;
     // It fails only when the descriptor is signalled already.
-    static_cast<void>(write(fd, &one, sizeof one));
+    [[maybe_unused]] const ssize_t written = write(fd, &one, sizeof one);
 }
 
 void drain_fd(int fd) {
     uint64_t count = 0;
-    static_cast<void>(read(fd, &count, sizeof count));
+    [[maybe_unused]] const ssize_t taken = read(fd, &count, sizeof count);
 }
 
 std::string prefer(pthread_t thread) {

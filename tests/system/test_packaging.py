@@ -53,3 +53,17 @@ def test_units_are_understood():
 
 def test_every_unit_of_the_package_is_known_here():
     assert {path.name for path in UNITS.iterdir()} == set(EXPOSURE)
+
+
+def test_every_message_of_the_platform_is_explained():
+    calls = re.compile(r"(?:log_message|printk_syslog(?:_ext)?)\(\s*\w+,\s*\"(\w+)\",\s*\"(\w+)\"")
+    sources = [path for folder in ("platform", "services") for path in (ROOT / folder).rglob("*.cpp")]
+    logged = {"-".join(found) for path in sources for found in calls.findall(path.read_text())}
+    page = (ROOT / "docs" / "operations.md").read_text()
+    explained = set(re.findall(r"`([A-Z]+-[A-Z_]+)`", page.split("## Messages of the system log")[1]))
+    # The reasons for REPLAY and SAVE lines come through a function that is given the mnemonic.
+    assert logged - explained == set()
+    assert len(logged) > 20
+    mnemonics = {name.partition("-")[2] for name in logged}
+    known = {word for path in sources for word in re.findall(r"\"([A-Z_]+)\"", path.read_text())}
+    assert {name for name in explained - logged if name.partition("-")[2] not in known | mnemonics} == set()
