@@ -27,6 +27,7 @@ FOLDERS = {
     "tarn": "services/tarnd",
     "tarnd": "services/tarnd",
     "ldash": "tools",
+    "tarnctl": "tools",
     "lda_proto": sources.RECORDS,
 }
 

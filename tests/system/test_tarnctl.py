@@ -1,0 +1,212 @@
+"""tarnctl: with a scripted service at its socket, and with a real tarnd and a real loop."""
+
+import json
+import os
+import re
+import signal
+import socket
+import stat
+import subprocess
+import threading
+
+import pytest
+
+from lab import BUILD, wait_for
+from tarn_lab import TarnLab
+
+TARNCTL = str(BUILD / "tools" / "tarnctl" / "tarnctl")
+ENVIRONMENT = {name: value for name, value in os.environ.items() if name != "LDA_PLATFORM"}
+
+USAGE = """\
+usage: tarnctl [-s SOCKET] [--json] COMMAND
+
+  show [PORT]  state, role and guard of each port, and its last loop
+  counters     what has been sent, found and ignored since tarnd began
+  watch        loops and cuts as they happen, until it is interrupted
+  probe PORT   sends one probe now and says what comes back within a second
+
+  -s SOCKET    control socket of tarnd; else "control" in the folder [tarn] state
+               of the platform file that LDA_PLATFORM names
+  --json       a JSON object for each line
+
+Exit status: 0 done, 1 refused, 2 not reachable or wrong usage.
+"""
+
+LOOP = {"port": "swp2", "src_port": "swp1", "vid": 1, "path_us": 41, "found_by": "move",
+        "time": "2026-01-31T23:59:59Z"}
+PORT_1 = {"port": "swp1", "index": 3, "state": "probing", "role": "trunk", "guard_ms": None, "loop": None}
+PORT_2 = {"port": "swp2", "index": 4, "state": "looped", "role": "access", "guard_ms": 30, "loop": LOOP}
+
+
+class Service:
+    """Takes one request at a socket and sends the answer that it was made with, as lines or as bytes."""
+
+    def __init__(self, folder, answer):
+        self.path = f"{folder}/control"
+        self.answer = answer if isinstance(answer, bytes) else "".join(
+            json.dumps(line) + "\n" for line in answer).encode()
+        self.request = None
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(self.path)
+        self.listener.listen()
+        self.listener.settimeout(20)
+        self.thread = threading.Thread(target=self._serve)
+
+    def __enter__(self):
+        self.thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.thread.join()
+        self.listener.close()
+
+    def _serve(self):
+        client = self.listener.accept()[0]
+        with client, client.makefile("rb") as lines:
+            self.request = json.loads(lines.readline())
+            client.sendall(self.answer)
+            client.shutdown(socket.SHUT_WR)
+
+
+def tarnctl(*arguments, environment=None):
+    return subprocess.run([TARNCTL, *arguments], capture_output=True, text=True, check=False, timeout=30,
+                          env=environment or ENVIRONMENT)
+
+
+def ask(folder, answer, *arguments):
+    """The request and what the program prints with status 0."""
+    with Service(folder, answer) as service:
+        done = tarnctl("-s", service.path, *arguments)
+    assert (done.returncode, done.stderr) == (0, "")
+    return service.request, done.stdout
+
+
+def test_ports_are_shown_as_a_table(tmp_path):
+    request, output = ask(tmp_path, [PORT_1, PORT_2, {"done": True}], "show")
+    assert request == {"do": "show"}
+    assert output == (
+        "Port             State     Role    Guard   Last loop (UTC)\n"
+        "swp1             probing   trunk   -       -\n"
+        "swp2             looped    access  30 ms   2026-01-31 23:59:59  swp1 -> swp2, VLAN 1, 41 us, by move\n")
+
+
+def test_json_is_the_service_s_own(tmp_path):
+    request, output = ask(tmp_path, [PORT_2, {"done": True}], "--json", "show", "swp2")
+    assert request == {"do": "show", "port": "swp2"}
+    assert [json.loads(line) for line in output.splitlines()] == [PORT_2]
+
+
+def test_counters_are_a_line_each(tmp_path):
+    request, output = ask(tmp_path, [{"counters": {"sent": 12, "loops_move": 3}}, {"done": True}], "counters")
+    assert request == {"do": "counters"}
+    assert output == "sent             12\nloops move       3\n"
+
+
+def test_what_a_probe_finds_is_said(tmp_path):
+    request, output = ask(tmp_path, [{"returned": "swp2", "path_us": 38}, {"done": True}], "probe", "swp1")
+    assert request == {"do": "probe", "port": "swp1"}
+    assert output == "back on swp2 after 38 us\n"
+
+
+def test_a_probe_that_is_lost_is_an_answer_too(tmp_path):
+    assert ask(tmp_path, [{"done": True}], "probe", "swp1")[1] == "nothing came back\n"
+
+
+def test_events_are_a_line_each_until_the_service_ends(tmp_path):
+    time = "2026-01-31T23:59:59Z"
+    events = [{"event": "loop", **LOOP}, {"event": "cut", "port": "swp2", "time": time},
+              {"event": "cut-failed", "port": "swp2", "reason": "No such device", "time": time},
+              {"event": "given-back", "port": "swp2", "reason": None, "time": time},
+              {"event": "end", "port": "swp2", "src_port": "swp1", "time": time}]
+    with Service(tmp_path, [{"watching": True}, *events]) as service:
+        done = tarnctl("-s", service.path, "watch")
+    assert done.stdout == (
+        "2026-01-31 23:59:59  loop        swp1 -> swp2, VLAN 1, 41 us, by move\n"
+        "2026-01-31 23:59:59  cut         swp2\n"
+        "2026-01-31 23:59:59  cut-failed  swp2: No such device\n"
+        "2026-01-31 23:59:59  given-back  swp2\n"
+        "2026-01-31 23:59:59  end         swp1 -> swp2\n")
+    assert (done.returncode, done.stderr) == (2, "tarnctl: the connection to tarnd is lost\n")
+
+
+def test_refusal_is_status_1(tmp_path):
+    with Service(tmp_path, [{"error": "swp9: the port is not in the bridge"}]) as service:
+        done = tarnctl("-s", service.path, "probe", "swp9")
+    assert (done.returncode, done.stdout, done.stderr) == (1, "", "tarnctl: swp9: the port is not in the bridge\n")
+
+
+@pytest.mark.parametrize("answer", [b"", b"{\"state\"", b"17\n", b"\xff\xfe\n", b"[]\n", b"\n"])
+def test_a_service_that_answers_nonsense_is_status_2(tmp_path, answer):
+    with Service(tmp_path, answer) as service:
+        done = tarnctl("-s", service.path, "show")
+    assert (done.returncode, done.stderr) == (2, "tarnctl: the connection to tarnd is lost\n")
+
+
+def test_fields_of_other_types_do_not_end_it(tmp_path):
+    odd = {"port": 7, "state": ["x"], "role": None, "guard_ms": "x", "loop": {"time": 5}}
+    assert ask(tmp_path, [odd, {"done": True}], "show")[1].splitlines()[1] == (
+        '7                ["x"]     -       x ms    5  - -> -, VLAN -, - us, by -')
+
+
+def test_usage_and_a_service_that_is_not_there(tmp_path):
+    done = tarnctl("--help")
+    assert (done.returncode, done.stdout, done.stderr) == (0, USAGE, "")
+    for wrong in ([], ["shwo"], ["probe"], ["show", "swp1", "swp2"], ["counters", "swp1"], ["watch", "x"]):
+        done = tarnctl(*wrong)
+        assert (done.returncode, done.stdout, done.stderr) == (2, "", USAGE), wrong
+    platform = tmp_path / "lda.toml"
+    platform.write_text(f'[tarn]\nstate = "{tmp_path}/nowhere"\n')
+    done = tarnctl("show", environment={**ENVIRONMENT, "LDA_PLATFORM": str(platform)})
+    assert (done.returncode, done.stderr) == (
+        2, f"tarnctl: cannot reach tarnd at {tmp_path}/nowhere/control: No such file or directory\n")
+
+
+# ---- a real service ----
+
+
+@pytest.fixture
+def lab(kernel_ports):
+    with TarnLab(ports=3) as the_lab:
+        yield the_lab
+
+
+def inside(lab, *arguments):
+    return subprocess.run(["ip", "netns", "exec", lab.namespace, TARNCTL, *arguments], env=lab.environment(),
+                          capture_output=True, text=True, check=False, timeout=30)
+
+
+def states(lab):
+    ports = [json.loads(line) for line in inside(lab, "--json", "show").stdout.splitlines()]
+    return {port["port"]: port["state"] for port in ports}
+
+
+def test_a_real_loop_is_shown_watched_and_probed(lab):
+    lab.start_tarnd()
+    wait_for(lambda: states(lab) == {"swp1": "off", "swp2": "off", "swp3": "off"}, 10, "nothing is watched yet")
+    refused = inside(lab, "probe", "swp1")
+    assert (refused.returncode, refused.stderr) == (1, "tarnctl: swp1: loop detection is off on the port\n")
+    lab.enable()
+    wait_for(lambda: set(states(lab).values()) == {"probing"}, 10, "every port is probed")
+    assert stat.S_IMODE((lab.folder / "tarn" / "control").stat().st_mode) == 0o600
+    assert inside(lab, "probe", "swp3").stdout == "nothing came back\n"
+    watch = subprocess.Popen(["ip", "netns", "exec", lab.namespace, TARNCTL, "watch"], env=lab.environment(),
+                             stdout=subprocess.PIPE, text=True)
+    try:
+        with lab.slow_outside("swp1", "swp2"):
+            wait_for(lambda: set(states(lab).values()) == {"probing"}, 10, "every port is probed again")
+            lab.plug("swp1")
+            lab.plug("swp2")
+            assert re.search(r"  loop        swp[12] -> swp[12], VLAN 1, \d+ us, by \w+$", watch.stdout.readline())
+            wait_for(lambda: states(lab) == {"swp1": "looped", "swp2": "looped", "swp3": "probing"}, 10, "looped")
+            # The path is slow and may be full: a probe may be lost in it.
+            wait_for(lambda: re.fullmatch(r"back on swp2 after \d+ us\n", inside(lab, "probe", "swp1").stdout), 20,
+                     "a probe comes back")
+            lab.unplug("swp2")
+            wait_for(lambda: set(states(lab).values()) == {"probing"}, 20, "the loop has ended")
+    finally:
+        watch.send_signal(signal.SIGTERM)
+        watch.communicate()
+    counters = json.loads(inside(lab, "--json", "counters").stdout)["counters"]
+    assert counters["sent"] > 0 and counters["returned"] > 0
+    assert sum(counters[f"loops_{kind}"] for kind in ("period", "move", "carrier", "overrun")) >= 1
+    assert counters["cuts"] == 0
