@@ -5,18 +5,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <exception>
 
+#include "platform/base/config.h"
 #include "platform/root/platform.h"
 
 namespace {
 
 constexpr const char* kHelp =
-    "usage: lda [--help | --version]\n"
+    "usage: lda [--check FILE | --help | --version]\n"
     "\n"
     "The loop-detection agent of a managed Ethernet switch. It runs in the foreground and takes\n"
     "its commands from the shell `ldash`. What it runs on is described in the TOML file named in\n"
     "the environment variable LDA_PLATFORM; unset means the simulated switch with 24 ports and\n"
-    "records in memory. Keys, all optional, with their defaults:\n"
+    "records in memory. --check reads such a file and says whether a start would take it: exit\n"
+    "status 0, or 1 with file, line and reason. Keys, all optional, with their defaults:\n"
     "\n"
     "  switch = \"embedded\"           \"embedded\" (simulated) or \"linux\" (the ports of a "
     "bridge)\n"
@@ -46,6 +49,17 @@ void open_standard_descriptors() {
     }
 }
 
+// The exit status for a platform file: 1 with the reason when the start would end with it.
+int check(const char* file) {
+    try {
+        qv::load_platform_config(file);
+        return EXIT_SUCCESS;
+    } catch (const std::exception& fault) {
+        std::fprintf(stderr, "lda: %s\n", fault.what());
+        return EXIT_FAILURE;
+    }
+}
+
 [[gnu::constructor]] void prepare(int argc, char** argv) {
     open_standard_descriptors();
     qv::set_platform_maker(qv::describe_platform);
@@ -59,6 +73,9 @@ void open_standard_descriptors() {
     if (argc == 2 && std::strcmp(argv[1], "--version") == 0) {
         std::puts("lda " LDA_VERSION);
         std::exit(EXIT_SUCCESS);
+    }
+    if (argc == 3 && std::strcmp(argv[1], "--check") == 0) {
+        std::exit(check(argv[2]));
     }
     std::fprintf(stderr, "lda: unknown argument '%s' (try --help)\n", argv[1]);
     std::exit(2);

@@ -5,7 +5,7 @@ import subprocess
 
 import pytest
 
-from lab import ROOT
+from lab import BUILD, ROOT
 
 UNITS = ROOT / "packaging" / "systemd"
 PAGES = sorted((ROOT / "docs" / "man").glob("*.scd"))
@@ -67,3 +67,21 @@ def test_every_message_of_the_platform_is_explained():
     mnemonics = {name.partition("-")[2] for name in logged}
     known = {word for path in sources for word in re.findall(r"\"([A-Z_]+)\"", path.read_text())}
     assert {name for name in explained - logged if name.partition("-")[2] not in known | mnemonics} == set()
+
+
+def check(file):
+    return subprocess.run([str(BUILD / "platform" / "lda"), "--check", str(file)], capture_output=True, text=True,
+                          check=False)
+
+
+def test_platform_files_are_checked_without_a_start(tmp_path):
+    for good in ("lda.toml", "lda-linux.toml"):
+        done = check(ROOT / "packaging" / good)
+        assert (done.returncode, done.stdout, done.stderr) == (0, "", "")
+    bad = tmp_path / "bad.toml"
+    bad.write_text('switch = "linux"\n[cli]\nmax_sessions = 0\n')
+    done = check(bad)
+    assert (done.returncode, done.stdout) == (1, "")
+    assert done.stderr == f"lda: {bad}:3: cli.max_sessions must be a whole number from 1 to 1024\n"
+    assert check(tmp_path / "none.toml").stderr == (
+        f"lda: {tmp_path}/none.toml: cannot be read: No such file or directory\n")
