@@ -7,7 +7,7 @@
 namespace qv::tarnd {
 namespace {
 
-constexpr uint8_t kVersion = 1;
+constexpr uint8_t kVersion = 2;
 constexpr size_t kHashBytes = 16;
 constexpr size_t kHashed = kFrameBytes - kHashBytes;
 
@@ -16,12 +16,14 @@ constexpr size_t kSourceAt = 6;
 constexpr size_t kTypeAt = 12;
 constexpr size_t kVersionAt = 14;
 constexpr size_t kFlagsAt = 15;
-constexpr size_t kReservedAt = 16;
+constexpr size_t kVidAt = 16;
 constexpr size_t kBridgeAt = 18;
 constexpr size_t kIfxAt = 26;
 constexpr size_t kSequenceAt = 30;
 constexpr size_t kTimeAt = 38;
-static_assert(kTimeAt + 8 == kHashed);
+constexpr size_t kPriorityAt = 46;
+constexpr size_t kReservedAt = 47;
+static_assert(kReservedAt + 1 == kHashed);
 
 using Hash = std::array<uint8_t, kHashBytes>;
 
@@ -54,11 +56,12 @@ Frame encode(const Probe& probe, const Mac& source, const Key& key) {
     put(frame, kTypeAt, 2, kEtherType);
     put(frame, kVersionAt, 1, kVersion);
     put(frame, kFlagsAt, 1, probe.flags);
-    put(frame, kReservedAt, 2, 0);
+    put(frame, kVidAt, 2, probe.vid);
     put(frame, kBridgeAt, 8, probe.bridge);
     put(frame, kIfxAt, 4, probe.ifx);
     put(frame, kSequenceAt, 8, probe.sequence);
     put(frame, kTimeAt, 8, probe.time_ns);
+    put(frame, kPriorityAt, 1, probe.priority);
     const Hash hash = hash_of(frame, key);
     std::copy(hash.begin(), hash.end(), frame.begin() + kHashed);
     return frame;
@@ -77,7 +80,9 @@ FrameFault decode(std::span<const uint8_t> frame, const Key& key, Probe& probe) 
     }
     probe.bridge = get(frame, kBridgeAt, 8);
     probe.ifx = static_cast<uint32_t>(get(frame, kIfxAt, 4));
+    probe.vid = static_cast<uint16_t>(get(frame, kVidAt, 2));
     probe.flags = frame[kFlagsAt];
+    probe.priority = frame[kPriorityAt];
     probe.sequence = get(frame, kSequenceAt, 8);
     probe.time_ns = get(frame, kTimeAt, 8);
     return FrameFault::kNone;

@@ -13,14 +13,20 @@ using Key = std::array<uint8_t, 32>;
 
 inline constexpr uint16_t kEtherType = 0x88b5;  // IEEE 802, local experiments
 inline constexpr Mac kDestination{0x03, 0x88, 0xb5, 0x00, 0x00, 0x01};
-inline constexpr size_t kFrameBytes = 62;
+inline constexpr size_t kFrameBytes = 64;  // without a VLAN tag
 
 using Frame = std::array<uint8_t, kFrameBytes>;
+
+// Flags of a probe. Unknown ones are ignored.
+inline constexpr uint8_t kClaims = 1;   // the sending port is cut when a loop is proved on it
+inline constexpr uint8_t kCutting = 2;  // the sender has proved a loop and cuts it now
 
 struct Probe {
     uint64_t bridge = 0;    // identifies the sending bridge
     uint32_t ifx = 0;       // interface index of the sending port
-    uint8_t flags = 0;      // always 0 in this version
+    uint16_t vid = 0;       // VLAN that the probe was sent in; 0: untagged
+    uint8_t flags = 0;      // kClaims, kCutting
+    uint8_t priority = 0;   // of the sending switch; the lowest number cuts
     uint64_t sequence = 0;  // of the sending port
     uint64_t time_ns = 0;   // monotonic clock of the sending machine
 

@@ -51,8 +51,13 @@ std::string GuardTable::install() {
     for (const uint32_t ifx : elsewhere_) {
         commands += element("add", ifx);
     }
+    commands +=
+        "add set " + name_ +
+        " origins { type ether_addr ; flags dynamic, timeout ; timeout 1m ; size 1024 ; }\n";
     commands += "add chain " + chain + hook + "\nadd rule " + chain + probe + " ether saddr " +
-                source_ + " drop\n";
+                source_ + " drop\nadd rule " + chain + probe +
+                " update @origins { ether saddr limit rate over 1000/second burst 256 packets } " +
+                "drop\n";
     if (run(commands)) {
         return "";
     }

@@ -13,9 +13,12 @@ struct nft_ctx;
 
 namespace qv::tarnd {
 
-// One table of the family bridge, named after the source address. Its rule applies to all ports but
+// One table of the family bridge, named after the source address. Its rules apply to all ports but
 // those of other bridges: another bridge passes our probes, so that a loop through it is found. A
 // port counts as ours until it is known to be elsewhere, so that no probe slips through before.
+//
+// Probes of other switches pass, so that loops through several switches are found, but no more than
+// 1,000 a second from each source address: in somebody else's loop they multiply.
 // Main thread only.
 class GuardTable {
  public:

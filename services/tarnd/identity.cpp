@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -34,8 +35,10 @@ void make_key(const std::string& path) {
     }
 }
 
+}  // namespace
+
 Key read_key(const std::string& path) {
-    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW));
+    const Descriptor file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
     struct stat status {};
     if (file.get() < 0 || fstat(file.get(), &status) != 0) {
         fail(path, std::strerror(errno));
@@ -52,8 +55,6 @@ Key read_key(const std::string& path) {
     std::copy_n(bytes.begin(), key.size(), key.begin());
     return key;
 }
-
-}  // namespace
 
 Prober::Identity load_identity(const std::string& folder, const std::string& bridge) {
     if (mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -74,9 +75,9 @@ Prober::Identity load_identity(const std::string& folder, const std::string& bri
                 identity.source.begin());
     identity.source[0] = static_cast<uint8_t>((identity.source[0] & 0xfc) | 0x02);
 
-    uint32_t random = 0;
-    randombytes_buf(&random, sizeof random);
-    identity.first_sequence = uint64_t{random} << 16;
+    // More numbers a second than any port uses.
+    const auto since_1970 = std::chrono::system_clock::now().time_since_epoch();
+    identity.first_sequence = static_cast<uint64_t>(since_1970 / std::chrono::microseconds(1));
     return identity;
 }
 

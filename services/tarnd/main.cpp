@@ -87,7 +87,7 @@ void run() {
     // Before there are other threads: they inherit that its signals are blocked.
     const Termination termination(loop, [&] { service->close(); });
     StatusBoard board;
-    Service made(loop, prober, journal, guard, board);
+    Service made(loop, prober, journal, guard, board, identity.key);
     service = &made;
     const Control control(loop, config.tarn_state + "/control", board,
                           {.counters = [&] { return board.counters(prober); },

@@ -184,8 +184,12 @@ void ProbeThread::take_commands() {
             case Command::Kind::kSettings:
                 prober_.configure(command->settings, now());
                 break;
+            case Command::Kind::kKey:
+                prober_.set_key(command->key);
+                break;
             case Command::Kind::kPort:
-                prober_.configure_port(command->ifx, command->watched, command->shuts, now());
+                prober_.configure_port(command->ifx, command->watched, command->shuts, now(),
+                                       command->options);
                 break;
             case Command::Kind::kAsk:
                 prober_.ask(command->ifx, now());

@@ -20,12 +20,14 @@ namespace qv::tarnd {
 
 // What the main thread has to say to the probing thread.
 struct Command {
-    enum class Kind : uint8_t { kSettings, kPort, kAsk };
+    enum class Kind : uint8_t { kSettings, kKey, kPort, kAsk };
     Kind kind = Kind::kSettings;
     Settings settings{};   // kSettings
+    Key key{};             // kKey
     uint32_t ifx = 0;      // kPort, kAsk
-    bool watched = false;  // kPort
-    bool shuts = false;    // kPort
+    bool watched = false;  // kPort, as the next
+    bool shuts = false;
+    PortOptions options{};
 };
 
 class ProbeThread final : private ProberOutputs {

@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <tuple>
 
 namespace qv::tarnd {
 namespace {
 
 constexpr std::chrono::milliseconds kTick{10};  // periodic probes of many ports share wake-ups
 constexpr std::chrono::milliseconds kReportPause{10};
-constexpr uint64_t kWindow = 64;
 
 // Ports take turns within the interval: interface indexes are mostly consecutive.
 Time first_period(uint32_t ifx, std::chrono::milliseconds interval, Time now) {
@@ -18,6 +18,10 @@ Time first_period(uint32_t ifx, std::chrono::milliseconds interval, Time now) {
 }
 
 }  // namespace
+
+bool Prober::concerns(const Proof& proof, uint32_t ifx) {
+    return proof.ifx == ifx || proof.sender == ifx;
+}
 
 Prober::Prober(const Identity& identity, ProberOutputs& outputs)
     : identity_(identity), outputs_(outputs), addresses_(kRememberedAddresses) {}
@@ -50,11 +54,13 @@ void Prober::configure(const Settings& settings, Time now) {
     }
 }
 
-void Prober::configure_port(uint32_t ifx, bool watched, bool shuts, Time now) {
+void Prober::configure_port(uint32_t ifx, bool watched, bool shuts, Time now,
+                            const PortOptions& options) {
     Port& port = ports_[ifx];
     const bool took_part = takes_part(port);
     port.watched = watched;
     port.shuts = shuts;
+    port.options = options;
     review(ifx, port, took_part, now);
     if (!port.present && !watched && !shuts) {
         ports_.erase(ifx);
@@ -87,6 +93,7 @@ void Prober::remove_port(uint32_t ifx) {
     if (port.present) {
         tell_port(ifx, Port{});
     }
+    claims_.forget(ifx);
     if (!port.watched && !port.shuts) {
         ports_.erase(found);
         return;
@@ -95,6 +102,7 @@ void Prober::remove_port(uint32_t ifx) {
     Port kept;
     kept.watched = port.watched;
     kept.shuts = port.shuts;
+    kept.options = port.options;
     port = kept;
 }
 
@@ -109,6 +117,7 @@ void Prober::review(uint32_t ifx, Port& port, bool took_part, Time now) {
         return;
     }
     port.wanted = false;
+    port.recheck = Time::max();
     if (!part) {
         unplan(ifx, port);
         end_loops_of(ifx);
@@ -134,7 +143,10 @@ void Prober::request(uint32_t ifx, Trigger trigger, Time now) {
 
 void Prober::plan(uint32_t ifx, Port& port) {
     unplan(ifx, port);
-    port.planned = port.wanted ? std::min(port.period, port.burst) : port.period;
+    port.planned = std::min(port.period, port.recheck);
+    if (port.wanted) {
+        port.planned = std::min(port.planned, port.burst);
+    }
     plan_.emplace(port.planned, ifx);
 }
 
@@ -190,6 +202,10 @@ void Prober::run(Time now) {
             return;
         }
         Port& port = ports_.at(ifx);
+        if (port.recheck <= now) {
+            port.recheck = Time::max();
+            send(ifx, port, kBurst, now);
+        }
         if (port.wanted && port.burst <= now) {
             if (take_token(now)) {
                 port.wanted = false;
@@ -218,11 +234,13 @@ Time Prober::next() const {
 }
 
 // True when the kernel has taken all of them.
-bool Prober::send(uint32_t ifx, Port& port, size_t count, Time now) {
+bool Prober::send(uint32_t ifx, Port& port, size_t count, Time now, uint8_t flags) {
     bool all = true;
     for (size_t n = 0; n < count; ++n) {
         const Probe probe{.bridge = identity_.bridge,
                           .ifx = ifx,
+                          .flags = static_cast<uint8_t>(flags | (port.shuts ? kClaims : 0)),
+                          .priority = settings_.priority,
                           .sequence = ++port.sequence,
                           .time_ns = static_cast<uint64_t>(now.time_since_epoch().count())};
         const bool sent = outputs_.send(ifx, encode(probe, identity_.source, identity_.key));
@@ -258,12 +276,14 @@ int Prober::send_asked(uint32_t ifx, Time now) {
 void Prober::count_silent(uint32_t sender, Time now) {
     for (auto loop = loops_.begin(); loop != loops_.end();) {
         Loop& state = loop->second;
-        const bool own = state.src_ifx == sender;
+        const bool own = state.proof.sender == sender;
         const bool over =
             own && (state.silent >= kSilentProbes ||
                     (settings_.recover.count() != 0 && now - state.since >= settings_.recover));
         if (over) {
-            tell({.kind = Report::Kind::kEnd, .ifx = loop->first, .src_ifx = state.src_ifx});
+            tell({.kind = Report::Kind::kEnd,
+                  .ifx = state.proof.reporter,
+                  .src_ifx = state.proof.src_ifx});
             loop = loops_.erase(loop);
             continue;
         }
@@ -288,26 +308,6 @@ uint64_t Prober::ignored(Ignored why) const {
     return ignored_[static_cast<size_t>(why)].load(std::memory_order_relaxed);
 }
 
-// Whether this probe has been seen on the port before; if not, it is remembered.
-bool Prober::is_duplicate(Port& port, const Probe& probe) const {
-    if (port.seen_ifx != probe.ifx || probe.sequence >= port.seen_highest + kWindow) {
-        port.seen_ifx = probe.ifx;
-        port.seen_highest = probe.sequence;
-        port.seen = 1;
-        return false;
-    }
-    if (probe.sequence > port.seen_highest) {
-        port.seen = port.seen << (probe.sequence - port.seen_highest) | 1;
-        port.seen_highest = probe.sequence;
-        return false;
-    }
-    const uint64_t behind = port.seen_highest - probe.sequence;
-    const uint64_t bit = behind < kWindow ? uint64_t{1} << behind : 0;
-    const bool seen = bit == 0 || (port.seen & bit) != 0;
-    port.seen |= bit;
-    return seen;
-}
-
 void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now) {
     Port* const port = find(ifx);
     if (port == nullptr || !settings_.enabled) {
@@ -323,19 +323,20 @@ void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now) {
         case FrameFault::kHash:
             return ignore(Ignored::kForged);
     }
-    if (probe.bridge != identity_.bridge) {
-        return ignore(Ignored::kForeign);
-    }
-    const Port* const sender = find(probe.ifx);
+    const bool own = probe.bridge == identity_.bridge;
+    const Port* const sender = own ? find(probe.ifx) : nullptr;
     if (!port->forwarding || (sender != nullptr && !sender->forwarding)) {
         return ignore(Ignored::kBlocked);
+    }
+    if (!own) {
+        return received_foreign(ifx, probe, now);
     }
     const Duration age = now - Time(Duration(static_cast<int64_t>(probe.time_ns)));
     if (sender == nullptr || !takes_part(*sender) || probe.sequence < sender->valid_from ||
         probe.sequence > sender->sequence || age < Duration::zero() || age > kOldestProbe) {
         return ignore(Ignored::kStale);
     }
-    if (is_duplicate(*port, probe)) {
+    if (!windows_.is_new({ifx, probe.ifx, probe.bridge}, probe.sequence, now)) {
         return ignore(Ignored::kDuplicate);
     }
     tally(Counted::kReturned);
@@ -345,49 +346,124 @@ void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now) {
     prove(ifx, probe, now);
 }
 
-void Prober::prove(uint32_t ifx, const Probe& probe, Time now) {
-    // A port that is not watched says nothing: the port that sent the probe does.
-    const uint32_t reporter = takes_part(ports_.at(ifx)) ? ifx : probe.ifx;
-    const auto [loop, fresh] = loops_.try_emplace(reporter, Loop{probe.ifx, now, 0});
-    if (loop->second.src_ifx == probe.ifx) {
-        loop->second.silent = 0;
+// A probe of another switch: it only says who is there. A switch that is new is greeted, so that it
+// knows of us before it cuts a loop.
+void Prober::received_foreign(uint32_t ifx, const Probe& probe, Time now) {
+    if (!windows_.is_new({ifx, probe.ifx, probe.bridge}, probe.sequence, now)) {
+        return ignore(Ignored::kDuplicate);
     }
-    if (!fresh) {
+    ignore(Ignored::kForeign);
+    const bool first = windows_.is_new({0, probe.ifx, probe.bridge}, probe.sequence, now);
+    const bool announces = (probe.flags & kCutting) != 0;
+    if ((first || announces) && claims_.heard(ifx, probe, now)) {
+        request(ifx, Trigger::kCarrier, now);
+    }
+}
+
+// Which of two ports of one loop is given up: one that the policy shuts, no trunk if there is a
+// choice, and then the higher number.
+uint32_t Prober::choose(uint32_t ifx, uint32_t other) const {
+    const auto rank = [this](uint32_t candidate) {
+        const Port& port = ports_.at(candidate);
+        return std::tuple(takes_part(port), port.shuts, -static_cast<int>(port.options.role),
+                          candidate);
+    };
+    return std::max(ifx, other, [&rank](uint32_t a, uint32_t b) { return rank(a) < rank(b); });
+}
+
+// A loop that other switches share is reported for one port only: without both of its ports this
+// switch would lose the others.
+Prober::Proof Prober::proof_of(uint32_t ifx, uint32_t sender, Time now) const {
+    const uint32_t chosen = choose(ifx, sender);
+    const bool cuts = ports_.at(chosen).shuts;
+    const bool one =
+        settings_.cut_one || (cuts && (claims_.shared(ifx, now) || claims_.shared(sender, now)));
+    // A port that is not watched says nothing: the port that sent the probe does.
+    const uint32_t receiver = takes_part(ports_.at(ifx)) ? ifx : sender;
+    return {.ifx = ifx,
+            .sender = sender,
+            .reporter = one ? chosen : receiver,
+            .src_ifx = one ? chosen : sender,
+            .cut = cuts ? chosen : 0};
+}
+
+void Prober::prove(uint32_t ifx, const Probe& probe, Time now) {
+    const Proof proof = proof_of(ifx, probe.ifx, now);
+    if (const auto loop = loops_.find(proof.reporter); loop != loops_.end()) {
+        loop->second.silent = loop->second.proof.sender == probe.ifx ? 0 : loop->second.silent;
         return;
     }
-    const Trigger trigger = ports_.at(probe.ifx).trigger;
+    Trigger trigger = ports_.at(probe.ifx).trigger;
+    if (proof.cut != 0 && is_held(proof, probe, now)) {
+        return;
+    }
+    if (const auto hold = holds_.extract(proof.reporter)) {
+        trigger = hold.mapped().trigger;
+    }
+    loops_.emplace(proof.reporter, Loop{proof, now, 0});
     tell({.kind = Report::Kind::kLoop,
-          .ifx = reporter,
-          .src_ifx = probe.ifx,
+          .ifx = proof.reporter,
+          .src_ifx = proof.src_ifx,
           .trigger = trigger,
           .path = now - Time(Duration(static_cast<int64_t>(probe.time_ns)))});
-    cut(ifx, probe.ifx);
+    if (proof.cut != 0) {
+        cut(proof, now);
+    }
+}
+
+// Whether other switches come first. They have their time from the first proof on; then only a
+// probe that was sent later counts.
+bool Prober::is_held(const Proof& proof, const Probe& probe, Time now) {
+    const Time sent{Duration(static_cast<int64_t>(probe.time_ns))};
+    auto hold = holds_.find(proof.reporter);
+    if (hold != holds_.end() && now > hold->second.until + kHoldLife) {
+        holds_.erase(hold);
+        hold = holds_.end();
+    }
+    if (hold != holds_.end()) {
+        return sent < hold->second.until;
+    }
+    const size_t others =
+        claims_.before_us(proof.ifx, proof.sender, {settings_.priority, identity_.bridge}, now);
+    if (others == 0) {
+        return false;
+    }
+    const auto turns = static_cast<int>(proof.ifx == proof.sender ? 1 : others);
+    const Time until = now + turns * Claims::kCutTime;
+    Port& sender = ports_.at(proof.sender);
+    holds_.emplace(proof.reporter, Hold{proof, sender.trigger, until});
+    sender.recheck = std::min(sender.recheck, until);
+    plan(proof.sender, sender);
+    return true;
 }
 
 // One port is enough to open the loop. Its own probes count no more from here on, so that the other
-// direction of the same loop does not cut the other port too.
-void Prober::cut(uint32_t ifx, uint32_t src_ifx) {
-    const uint32_t chosen = ports_.at(ifx).shuts ? ifx : src_ifx;
-    Port& port = ports_.at(chosen);
-    if (!port.shuts) {
-        return;
+// direction of the same loop does not cut the other port too. The other switches are told first:
+// the message is there before the link is down.
+void Prober::cut(const Proof& proof, Time now) {
+    send(proof.ifx, ports_.at(proof.ifx), 1, now, kCutting);
+    if (proof.sender != proof.ifx) {
+        send(proof.sender, ports_.at(proof.sender), 1, now, kCutting);
     }
-    const int error = outputs_.cut(chosen, ifx == src_ifx);
-    tell({.kind = Report::Kind::kCut, .ifx = chosen, .src_ifx = src_ifx, .error = error});
+    const int error = outputs_.cut(proof.cut, proof.ifx == proof.sender);
+    tell({.kind = Report::Kind::kCut, .ifx = proof.cut, .src_ifx = proof.sender, .error = error});
     if (error == 0) {
+        Port& port = ports_.at(proof.cut);
         port.valid_from = port.sequence + 1;
     }
 }
 
 void Prober::end_loops_of(uint32_t ifx) {
     for (auto loop = loops_.begin(); loop != loops_.end();) {
-        if (loop->first != ifx && loop->second.src_ifx != ifx) {
+        const Proof& proof = loop->second.proof;
+        if (!concerns(proof, ifx)) {
             ++loop;
             continue;
         }
-        tell({.kind = Report::Kind::kEnd, .ifx = loop->first, .src_ifx = loop->second.src_ifx});
+        tell({.kind = Report::Kind::kEnd, .ifx = proof.reporter, .src_ifx = proof.src_ifx});
         loop = loops_.erase(loop);
     }
+    std::erase_if(holds_, [ifx](const auto& entry) { return concerns(entry.second.proof, ifx); });
 }
 
 void Prober::tell_port(uint32_t ifx, const Port& port) {

@@ -8,6 +8,10 @@
 // blocks still receives what the packet socket sees. Each loop is kept under the port that reports
 // it, until kSilentProbes periodic probes of the port that sent the probe have not come back, or
 // one of both ports stops forwarding.
+//
+// Before a cut the prober looks at what other switches claim (claims.h). When some of them cut
+// before this switch, the proof is put aside; a burst follows when they have had their time, and
+// only a loop that this burst proves again is reported and cut.
 #pragma once
 
 #include <array>
@@ -23,7 +27,9 @@
 #include <vector>
 
 #include "platform/base/clock.h"
+#include "services/tarnd/claims.h"
 #include "services/tarnd/frame.h"
+#include "services/tarnd/windows.h"
 
 namespace qv::tarnd {
 
@@ -67,8 +73,18 @@ struct Settings {
     bool enabled = false;
     std::chrono::milliseconds interval{1000};
     std::chrono::seconds recover{0};  // a loop is taken for ended after this time; 0: never
+    bool cut_one = false;             // of two own ports in one loop, report only one
+    uint8_t priority = 128;           // the switch with the lowest number cuts
 
     bool operator==(const Settings&) const = default;
+};
+
+// In the order in which ports of a loop are chosen.
+enum class Role : uint8_t { kAccess, kHybrid, kTrunk };
+
+// What else is configured for a port.
+struct PortOptions {
+    Role role = Role::kAccess;
 };
 
 // The prober's hands. Called from inside its functions.
@@ -94,6 +110,8 @@ class Prober {
     static constexpr unsigned kSilentProbes = 3;
     static constexpr std::chrono::seconds kOldestProbe{2};
     static constexpr size_t kRememberedAddresses = 1 << 16;
+    // A proof that was put aside is forgotten when no other follows for this long after its time.
+    static constexpr std::chrono::seconds kHoldLife{1};
 
     struct Identity {
         uint64_t bridge;
@@ -106,7 +124,10 @@ class Prober {
 
     void configure(const Settings& settings, Time now);
     // `watched`: the port sends probes. `shuts`: it is cut when it is looped.
-    void configure_port(uint32_t ifx, bool watched, bool shuts, Time now);
+    void configure_port(uint32_t ifx, bool watched, bool shuts, Time now,
+                        const PortOptions& options = {});
+    // Another key for the frames of all switches; who this bridge is does not change.
+    void set_key(const Key& key) { identity_.key = key; }
     // A port of the bridge, and whether it forwards. A port that begins to is probed at once.
     void set_port(uint32_t ifx, bool forwarding, Time now);
     void remove_port(uint32_t ifx);
@@ -141,6 +162,7 @@ class Prober {
         bool forwarding = false;
         bool watched = false;
         bool shuts = false;
+        PortOptions options{};
         bool wanted = false;      // a triggered burst is planned
         Trigger trigger{};        // of that burst, or of the latest one
         uint64_t sequence = 0;    // of the latest probe
@@ -148,17 +170,26 @@ class Prober {
         uint64_t valid_from = 0;  // probes before belong to an earlier link
         Time period{};
         Time burst{};                // earliest next burst
+        Time recheck = Time::max();  // when a proof that was put aside is tried again
         Time planned = Time::max();  // as in plan_
-        // Returned probes: the sender of the latest, its highest number, and which of the 64 up
-        // to that number have been seen.
-        uint32_t seen_ifx = 0;
-        uint64_t seen_highest = 0;
-        uint64_t seen = 0;
+    };
+    // A probe that came back: where, from where, and who reports it.
+    struct Proof {
+        uint32_t ifx;
+        uint32_t sender;
+        uint32_t reporter;
+        uint32_t src_ifx;  // as reported
+        uint32_t cut;      // the port to cut; 0: none
     };
     struct Loop {
-        uint32_t src_ifx;
+        Proof proof;
         Time since;
         unsigned silent;  // periodic probes since the latest returned one
+    };
+    struct Hold {
+        Proof proof;
+        Trigger trigger;
+        Time until;
     };
     struct Remembered {
         uint64_t address = 0;
@@ -172,27 +203,34 @@ class Prober {
     void plan(uint32_t ifx, Port& port);
     void unplan(uint32_t ifx, Port& port);
     bool take_token(Time now);
-    bool send(uint32_t ifx, Port& port, size_t count, Time now);
+    bool send(uint32_t ifx, Port& port, size_t count, Time now, uint8_t flags = 0);
     int send_asked(uint32_t ifx, Time now);
     void tell_port(uint32_t ifx, const Port& port);
     void count_silent(uint32_t sender, Time now);
     void ignore(Ignored why);
     void tally(Counted what);
-    bool is_duplicate(Port& port, const Probe& probe) const;
+    void received_foreign(uint32_t ifx, const Probe& probe, Time now);
+    uint32_t choose(uint32_t ifx, uint32_t other) const;
+    Proof proof_of(uint32_t ifx, uint32_t sender, Time now) const;
     void prove(uint32_t ifx, const Probe& probe, Time now);
-    void cut(uint32_t ifx, uint32_t src_ifx);
+    static bool concerns(const Proof& proof, uint32_t ifx);
+    bool is_held(const Proof& proof, const Probe& probe, Time now);
+    void cut(const Proof& proof, Time now);
     void end_loops_of(uint32_t ifx);
     void tell(const Report& report);
     bool flush();
 
-    const Identity identity_;
+    Identity identity_;
     ProberOutputs& outputs_;
     Settings settings_;
     std::map<uint32_t, Port> ports_;
     std::set<std::pair<Time, uint32_t>> plan_;
     std::map<uint32_t, Loop> loops_;  // by reporting port
-    std::deque<Report> backlog_;      // not taken yet
-    Time next_report_{};              // when to offer them again
+    std::map<uint32_t, Hold> holds_;  // by reporting port: proofs that were put aside
+    Claims claims_;
+    Windows windows_;
+    std::deque<Report> backlog_;  // not taken yet
+    Time next_report_{};          // when to offer them again
     std::vector<Remembered> addresses_;
     uint64_t tokens_ = kBurstsAtOnce;
     Time filled_{};

@@ -16,6 +16,7 @@ constexpr uint32_t kUntaggedVid = 1;
 constexpr std::chrono::milliseconds kCommandPause{10};
 constexpr uint32_t kShortestInterval_ms = 100;
 constexpr uint32_t kLongestInterval_ms = 10000;
+constexpr uint32_t kLastPriority = 255;
 constexpr uint32_t kPolicyAccess = 2;
 constexpr uint32_t kPolicyHybrid = 3;
 constexpr uint32_t kPolicyBoth = 4;
@@ -85,6 +86,12 @@ bool policy_shuts(uint32_t policy, uint32_t vlan_mode) {
            (vlan_mode == SWPORT_MODE_HYBRID && (policy == kPolicyHybrid || policy == kPolicyBoth));
 }
 
+Role role_of(uint32_t vlan_mode) {
+    return vlan_mode == SWPORT_MODE_ACCESS   ? Role::kAccess
+           : vlan_mode == SWPORT_MODE_HYBRID ? Role::kHybrid
+                                             : Role::kTrunk;
+}
+
 Settings settings_of(const PBridge__TarnConfig& record) {
     Settings settings;
     settings.enabled = record.enabled != 0;
@@ -93,17 +100,22 @@ Settings settings_of(const PBridge__TarnConfig& record) {
         record.probe_interval_ms <= kLongestInterval_ms) {
         settings.interval = std::chrono::milliseconds(record.probe_interval_ms);
     }
+    settings.cut_one = record.cut_one != 0;
+    if (record.priority <= kLastPriority) {
+        settings.priority = static_cast<uint8_t>(record.priority);
+    }
     return settings;
 }
 
 Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard,
-                 StatusBoard& board)
+                 StatusBoard& board, const Key& own_key)
     : loop_(loop),
       prober_(prober),
       journal_(journal),
       guard_(guard),
       board_(board),
       client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)),
+      fabric_key_(own_key),
       take_over_(loop, *this) {
     g_service = this;
     const auto configuration_up = [](void* self) {
@@ -203,7 +215,21 @@ void Service::take(const PBridge__TarnConfig& record, bool deleted) {
     settings_ = deleted ? Settings{} : settings_of(record);
     settings_pending_ = true;
     board_.enable(settings_.enabled);
+    key_file_ = deleted ? "" : record.fabric_key;
+    follow_key();
     send_commands();
+}
+
+// The file is read again every now and then: it may have been repaired or exchanged.
+void Service::follow_key() {
+    key_pending_ |= fabric_key_.follow(key_file_);
+    const std::string& refusal = fabric_key_.refusal();
+    if (refusal != key_refusal_ && !refusal.empty()) {
+        log_message(kLogError, "TARN", "KEY", "The fabric key is not used: %s.", refusal.c_str());
+    } else if (refusal != key_refusal_) {
+        log_message(kLogInfo, "TARN", "KEY", "The fabric key is in use.");
+    }
+    key_refusal_ = refusal;
 }
 
 void Service::take(const PBridge__TarnPort& record, bool deleted) {
@@ -269,6 +295,9 @@ void Service::send_commands() {
         settings_pending_ =
             !prober_.command({.kind = Command::Kind::kSettings, .settings = settings_});
     }
+    if (key_pending_) {
+        key_pending_ = !prober_.command({.kind = Command::Kind::kKey, .key = fabric_key_.key()});
+    }
     while (!settings_pending_ && !ports_pending_.empty()) {
         const uint32_t ifx = *ports_pending_.begin();
         const auto found = ports_.find(ifx);
@@ -276,12 +305,13 @@ void Service::send_commands() {
         if (!prober_.command({.kind = Command::Kind::kPort,
                               .ifx = ifx,
                               .watched = port.watched,
-                              .shuts = port.watched && policy_shuts(policy_, port.vlan_mode)})) {
+                              .shuts = port.watched && policy_shuts(policy_, port.vlan_mode),
+                              .options = {.role = role_of(port.vlan_mode)}})) {
             break;
         }
         ports_pending_.erase(ifx);
     }
-    if (settings_pending_ || !ports_pending_.empty()) {
+    if (settings_pending_ || key_pending_ || !ports_pending_.empty()) {
         commands_timer_ = loop_.after(kCommandPause, [this] { send_commands(); });
     }
 }
@@ -390,6 +420,10 @@ void Service::refresh() {
         log_message(kLogWarning, "TARN", "GUARD",
                     "The rule that drops returned probes was gone%s%s.",
                     reason.empty() ? "; it is back" : " and cannot be put back: ", reason.c_str());
+    }
+    follow_key();
+    if (key_pending_) {
+        send_commands();
     }
     log_ignored();
 }

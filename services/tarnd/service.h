@@ -12,6 +12,7 @@
 #include "platform/base/event_loop.h"
 #include "qv/mom.h"
 #include "services/tarnd/cut_journal.h"
+#include "services/tarnd/fabric_key.h"
 #include "services/tarnd/guard_table.h"
 #include "services/tarnd/port_control.h"
 #include "services/tarnd/probe_thread.h"
@@ -23,6 +24,9 @@ namespace qv::tarnd {
 // Whether the loop-detect policy shuts a looped port of this VLAN mode.
 bool policy_shuts(uint32_t policy, uint32_t vlan_mode);
 
+// In which order ports of this VLAN mode are chosen.
+Role role_of(uint32_t vlan_mode);
+
 // Settings of a record; what is out of range is taken for the default.
 Settings settings_of(const PBridge__TarnConfig& record);
 
@@ -33,9 +37,10 @@ class Service final : private TakeOverOutputs {
     // At the end: how long the object database has to confirm the last records.
     static constexpr std::chrono::milliseconds kLastWrites{500};
 
-    // Starts the probing thread. Everything must outlive the service. Throws std::runtime_error.
+    // Starts the probing thread, which has `own_key`. Everything but the key must outlive the
+    // service. Throws std::runtime_error.
     Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard,
-            StatusBoard& board);
+            StatusBoard& board, const Key& own_key);
 
     // Before the process ends: no more probes, no port stays dark that is ours, and no loop stays
     // on record that nobody would end. Runs the loop meanwhile.
@@ -64,6 +69,7 @@ class Service final : private TakeOverOutputs {
     void follow_loops();
     void scan_loops();
     void end_records();
+    void follow_key();
     void command_port(uint32_t ifx);
     void send_commands();
     void take_reports();
@@ -88,6 +94,10 @@ class Service final : private TakeOverOutputs {
     uint32_t policy_ = 0;
     Settings settings_;
     bool settings_pending_ = false;
+    FabricKey fabric_key_;
+    std::string key_file_;
+    std::string key_refusal_;  // as logged
+    bool key_pending_ = false;
     std::set<uint32_t> ports_pending_;
     std::map<uint32_t, Port> ports_;
     std::map<uint32_t, LoopRecord> records_;

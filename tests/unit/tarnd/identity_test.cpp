@@ -41,9 +41,10 @@ TEST_F(IdentityTest, TheFirstStartMakesAKeyForThisUserAlone) {
     EXPECT_EQ(status.st_size, 32);
 }
 
-TEST_F(IdentityTest, LaterStartsAreTheSameBridgeWithOtherSequences) {
+TEST_F(IdentityTest, LaterStartsAreTheSameBridgeWithHigherSequences) {
     const auto first = load_identity(folder, "br0");
     const auto second = load_identity(folder, "br0");
+    EXPECT_GT(second.first_sequence, first.first_sequence);
     EXPECT_EQ(first.bridge, second.bridge);
     EXPECT_EQ(first.source, second.source);
     EXPECT_EQ(first.key, second.key);

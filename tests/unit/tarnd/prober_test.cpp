@@ -249,7 +249,7 @@ TEST_F(ProberTest, ForgedForeignOldAndRepeatedFramesAreCountedAndIgnored) {
     Frame forged = frame;
     forged[40] ^= 1;
     prober.received(2, forged, now);
-    prober.received(2, std::span(frame).first(61), now);
+    prober.received(2, std::span(frame).first(63), now);
     Prober::Identity other = identity();
     other.bridge = 78;
     const Probe probe{.bridge = 78,

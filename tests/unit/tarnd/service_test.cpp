@@ -13,6 +13,7 @@ PBridge__TarnConfig config(uint32_t enabled, uint32_t recover_s, uint32_t interv
     record.enabled = enabled;
     record.error_recover_interval_s = recover_s;
     record.probe_interval_ms = interval_ms;
+    record.priority = 128;
     return record;
 }
 
@@ -37,6 +38,24 @@ TEST(Service, SettingsAreThoseOfTheRecord) {
     EXPECT_EQ(settings_of(config(1, 90, 250)),
               (Settings{.enabled = true, .interval = milliseconds(250), .recover = seconds(90)}));
     EXPECT_EQ(settings_of(config(0, 0, 1000)), Settings{});
+}
+
+TEST(Service, CutAndPriorityAreThoseOfTheRecord) {
+    PBridge__TarnConfig record = config(1, 0, 1000);
+    record.cut_one = 1;
+    record.priority = 0;
+    EXPECT_EQ(settings_of(record), (Settings{.enabled = true, .cut_one = true, .priority = 0}));
+    record.priority = 255;
+    EXPECT_EQ(settings_of(record).priority, 255);
+    record.priority = 256;
+    EXPECT_EQ(settings_of(record).priority, 128);
+}
+
+TEST(Service, TheRoleFollowsTheVlanMode) {
+    EXPECT_EQ(role_of(1), Role::kAccess);
+    EXPECT_EQ(role_of(7), Role::kHybrid);
+    EXPECT_EQ(role_of(2), Role::kTrunk);
+    EXPECT_EQ(role_of(0), Role::kTrunk);  // unknown: last
 }
 
 TEST(Service, AnIntervalOutOfRangeIsTheDefault) {
