@@ -5,6 +5,7 @@
 #include <linux/if_ether.h>
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
+#include <linux/pkt_sched.h>
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -59,6 +60,9 @@ PacketSocket::PacketSocket() : fd_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | S
                                      {BPF_RET | BPF_K, 0, 0, 0}}};
     const sock_fprog program{.len = code.size(), .filter = code.data()};
     const int on = 1;
+    // Probes go before other frames where a port's queue knows priorities. It need not.
+    const int priority = TC_PRIO_CONTROL;
+    setsockopt(fd_.get(), SOL_SOCKET, SO_PRIORITY, &priority, sizeof priority);
     sockaddr_ll all{};
     all.sll_family = AF_PACKET;
     all.sll_protocol = htons(ETH_P_ALL);
