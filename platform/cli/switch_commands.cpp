@@ -3,6 +3,7 @@
 #include "platform/cli/hostname_command.h"
 #include "platform/cli/notification_commands.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/cli/tarn_show.h"
 
 namespace qv::cli {
 
@@ -14,6 +15,7 @@ void register_switch_commands() {
     register_replace_commands();
     register_port_commands();
     register_tarn_commands();
+    register_show_tarn();
     register_debug_commands();
     register_notification_commands();
 }

@@ -10,6 +10,7 @@
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/mom_key.h"
+#include "platform/client/name_lock.h"
 #include "platform/client/own_records.h"
 #include "platform/client/port_follower.h"
 #include "platform/client/thread_master.h"
@@ -25,6 +26,7 @@
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
 #include "platform/root/tarn_records.h"
+#include "platform/root/tarn_states.h"
 #include "qv/mom.h"
 
 namespace qv {
@@ -143,6 +145,9 @@ class DescribedPlatform final : public Platform {
             *switch_, [this](uint32_t ifx) { tarn_records_->port_changed(ifx); });
         ports_ = std::make_unique<PortModel>(*shut_ports_);
         tarn_records_ = std::make_unique<TarnRecords>(*loop_, *ports_, *shut_ports_);
+        tarn_states_ = std::make_unique<TarnStates>(*loop_, [this] {
+            return NameLock::holder("tarnd/" + config_.bridge, config_.tarn_state + "/lock") != 0;
+        });
         auto plane = std::make_unique<NftForwarding>(
             *loop_, NftForwarding::Settings{.find_bridge = [&ports] { return ports.bridge(); },
                                             .find_port =
@@ -200,6 +205,7 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<LoopProbe> probe_;       // embedded switch only
     std::unique_ptr<ShutPorts> shut_ports_;  // Linux only, as the next
     std::unique_ptr<TarnRecords> tarn_records_;
+    std::unique_ptr<TarnStates> tarn_states_;
     std::unique_ptr<PortFollower> port_follower_;
     std::unique_ptr<Termination> termination_;
 };

@@ -21,6 +21,7 @@
 #include "services/tarnd/identity.h"
 #include "services/tarnd/platform.h"
 #include "services/tarnd/service.h"
+#include "services/tarnd/status_records.h"
 
 namespace {
 
@@ -89,12 +90,14 @@ void run() {
     StatusBoard board;
     Service made(loop, prober, journal, guard, board, identity.key);
     service = &made;
+    const auto counters = [&] {
+        return board.counters(prober);
+    };
+    const StatusRecords records(loop, board, counters);
     const Control control(loop, config.tarn_state + "/control", board,
-                          {.counters = [&] { return board.counters(prober); },
-                           .ask =
-                               [&](uint32_t ifx) {
-                                   return prober.command({.kind = Command::Kind::kAsk, .ifx = ifx});
-                               }});
+                          {.counters = counters, .ask = [&](uint32_t ifx) {
+                               return prober.command({.kind = Command::Kind::kAsk, .ifx = ifx});
+                           }});
     app_public_init_dead_detection(master);
     report_ready("probing the ports of bridge " + config.bridge);
     log_message(kLogInfo, "TARN", "START", "Probing the ports of bridge %s.",

@@ -11,7 +11,7 @@ import threading
 
 import pytest
 
-from lab import BUILD, wait_for
+from lab import APP_DB, BUILD, p_bridge, wait_for
 from tarn_lab import TarnLab
 
 TARNCTL = str(BUILD / "tools" / "tarnctl" / "tarnctl")
@@ -210,3 +210,58 @@ def test_a_real_loop_is_shown_watched_and_probed(lab):
     assert counters["sent"] > 0 and counters["returned"] > 0
     assert sum(counters[f"loops_{kind}"] for kind in ("period", "move", "carrier", "overrun")) >= 1
     assert counters["cuts"] == 0
+
+
+def port_records(lab):
+    """The records of the ports, by name."""
+    database = lab.database(APP_DB)
+    names = {link["ifindex"]: link["ifname"] for link in json.loads(lab.ip("-j", "link", "show"))}
+    records = [p_bridge.tarn_port_state.FromString(database.get(key))
+               for key in database.keys("p_bridge.tarn_port_state/*")]
+    return {names.get(record.index.ifx, record.index.ifx): record for record in records}
+
+
+def record_states(lab):
+    return {name: p_bridge.tarn_state.Name(record.state).lower() for name, record in port_records(lab).items()}
+
+
+def shown(lab, *words):
+    """Rows of "show tarn", by port."""
+    rows = json.loads(lab.cli(" ".join(["show tarn", *words, "| json"])))
+    return {row["port"]: row for row in rows}
+
+
+def test_records_and_show_tarn_follow_the_ports(lab):
+    stranger = p_bridge.tarn_port_state(state=p_bridge.LOOPED)
+    stranger.index.ifx = 4000001
+    lab.set_record(APP_DB, "p_bridge.tarn_port_state", "ifx=4000001", stranger)
+    refused = lab.ldash("show tarn")
+    assert (refused.returncode, refused.stdout) == (1, "% The loop-probe service tarnd does not run.\n")
+    lab.start_tarnd()
+    lab.enable()
+    probing = {name: "probing" for name in lab.port_names}
+    wait_for(lambda: record_states(lab) == probing, 10, "records of the ports, and none of a port that is not there")
+    wait_for(lambda: {name: row["state"] for name, row in shown(lab).items()} == probing, 10, "the switch shows them")
+    lab.configure("interface swp3", "tarn link-up guard 40", "switchport mode trunk")
+    wait_for(lambda: port_records(lab)["swp3"].guard_ms == 40, 10, "the guard is on record")
+    with lab.slow_outside("swp1", "swp2"):
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lambda: record_states(lab) == {"swp1": "looped", "swp2": "looped", "swp3": "probing"}, 20, "looped")
+        loop = port_records(lab)["swp1"].loop
+        assert {loop.ifx, loop.src_ifx} == {lab.ifindex("swp1"), lab.ifindex("swp2")}
+        assert loop.vid == 1 and loop.path_us > 0 and loop.time_ms > 1_700_000_000_000
+        wait_for(lambda: shown(lab)["swp2"]["state"] == "looped", 10, "the switch shows the loop")
+        row = shown(lab, "interface", "swp1")["swp1"]
+        assert {row["src_port"], row["to_port"]} == {"swp1", "swp2"}
+        assert (row["role"], row["guard_ms"], row["path_us"]) == ("access", None, loop.path_us)
+    assert shown(lab)["swp3"]["role"] == "trunk" and shown(lab)["swp3"]["time"] is None
+    counters = p_bridge.tarn_counters.FromString(lab.database(APP_DB).get("p_bridge.tarn_counters/"))
+    assert counters.sent > 0 and counters.returned > 0
+
+    lab.database(APP_DB).flushall()
+    wait_for(lambda: len(record_states(lab)) == 3, 20, "what the database has lost is set again")
+    lab.batch("link delete swp3")
+    wait_for(lambda: set(record_states(lab)) == {"swp1", "swp2"}, 10, "a port that has left has no record")
+    lab.end_tarnd(signal.SIGKILL)
+    assert lab.ldash("show tarn").returncode == 1

@@ -1,0 +1,30 @@
+// What the loop-probe service has written about the ports, for "show tarn".
+#pragma once
+
+#include <functional>
+
+#include "p_bridge.pb-c.h"
+#include "platform/base/event_loop.h"
+#include "platform/cli/tarn_show.h"
+
+struct qv_mom_client;
+
+namespace qv {
+
+// Follows the records p_bridge.tarn_port_state from its creation on. Lives as long as the process,
+// one for each process. Loop thread only.
+class TarnStates {
+ public:
+    // `running` tells whether there is a service: the records of one that was killed stay behind.
+    TarnStates(EventLoop& loop, std::function<bool()> running);
+
+    void take(const PBridge__TarnPortState& record, bool deleted);
+
+ private:
+    void connected();
+
+    qv_mom_client* const client_;
+    cli::TarnPortStates states_;
+};
+
+}  // namespace qv
