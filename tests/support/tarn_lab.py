@@ -19,10 +19,11 @@ CABLE = ("rate", "4mbit", "burst", "3000", "limit", "6000")  # of tc(8)
 
 
 class TarnLab(StormLab):
-    """A switch with its agent, where tarnd can be started."""
+    """A switch with its agent, where tarnd can be started. `cable`: how fast one is, for tc(8); None: no limit."""
 
-    def __init__(self, ports=4):
+    def __init__(self, ports=4, cable=CABLE):
         super().__init__(ports)
+        self.cable = cable
         self.tarnd = None
         self.remote_namespace = f"{self.namespace}-far"
 
@@ -102,9 +103,14 @@ class TarnLab(StormLab):
     def move_out(self, port, up=True):
         """The far end of a port, with a slow cable, goes to the other namespace."""
         self.ip("link", "set", f"{port}-far", "netns", self.remote_namespace)
-        self.remote("tc", "qdisc", "replace", "dev", f"{port}-far", "root", "tbf", *CABLE)
+        self.slow_down(f"{port}-far")
         if up:
             self.remote("ip", "link", "set", f"{port}-far", "up")
+
+    def slow_down(self, device):
+        """What leaves by this device of the other namespace does so at the speed of a cable."""
+        if self.cable:
+            self.remote("tc", "qdisc", "replace", "dev", device, "root", "tbf", *self.cable)
 
     def wait_links(self, *ports):
         wait_for(lambda: all(self.link(port)["operstate"] == "UP" for port in ports), 10, "the links are up again")

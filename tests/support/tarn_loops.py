@@ -1,7 +1,7 @@
 """Loops to plug into a switch, each with the ports that it needs, and traffic that shows a storm.
 
 The far ends of the ports lie in a namespace of their own, so that nothing but cables leads from one port to another.
-A loop is built unplugged; plug() and unplug() can be called again and again. Whatever happens, a timer pulls it.
+A loop is built unplugged; plug() and unplug() can be called again and again. A timer pulls what stays plugged.
 """
 
 import contextlib
@@ -13,7 +13,7 @@ import time
 
 from lab import run, wait_for, within
 from storm_lab import Program
-from tarn_lab import CABLE, LONGEST_LOOP_S
+from tarn_lab import LONGEST_LOOP_S
 
 ETHER_TYPE = 0x88B6
 SOL_PACKET, PACKET_STATISTICS = 263, 6
@@ -71,27 +71,34 @@ class Loop:
             self.build()
             if not self.carrier:
                 lab.wait_links(*self.ports)
-            self.timer = threading.Timer(LONGEST_LOOP_S, self.unplug)
-            self.timer.start()
         except BaseException:
             self.stack.close()
             raise
         return self
 
     def __exit__(self, *_):
-        self.timer.cancel()
-        self.timer.join()
         with contextlib.suppress(subprocess.CalledProcessError):
             self.unplug()
         self.stack.close()
 
+    def plug(self):
+        self.timer = threading.Timer(LONGEST_LOOP_S, self.disconnect)
+        self.timer.start()
+        self.connect()
+
+    def unplug(self):
+        if self.timer:
+            self.timer.cancel()
+            self.timer.join()
+        self.disconnect()
+
     def build(self):
         """Everything but what plug() does."""
 
-    def plug(self):
+    def connect(self):
         self.lab.remote_batch(*(f"link set {port}-far up" for port in self.ports))
 
-    def unplug(self):
+    def disconnect(self):
         self.lab.remote_batch(*(f"link set {port}-far down" for port in self.ports))
 
     def forward(self, *pairs):
@@ -144,10 +151,10 @@ class RemoteBridge(Loop):
     def build(self):
         self.lab.remote_batch("link add outside up type bridge")
 
-    def plug(self):
+    def connect(self):
         self.lab.remote_batch(*(f"link set {port}-far master outside" for port in self.ports))
 
-    def unplug(self):
+    def disconnect(self):
         self.lab.remote_batch(*(f"link set {port}-far nomaster" for port in self.ports))
 
 
@@ -162,6 +169,10 @@ class ThreePorts(RemoteBridge):
 
     def build(self):
         super().build()
+        if self.lab.cable:
+            self.lose_frames()
+
+    def lose_frames(self):
         self.lab.remote("nft", "add table netdev lossy;" + "".join(
             f'add chain netdev lossy {port} {{ type filter hook ingress device "{port}-far" priority 0; }};'
             f"add rule netdev lossy {port} numgen random mod 5 < 2 drop;" for port in self.ports))
@@ -191,12 +202,12 @@ class LoopedHub(Loop):
                               "link set turn up master outside", "link set return up",
                               "link set swp1-far master outside")
         for end in ("turn", "return"):
-            self.lab.remote("tc", "qdisc", "replace", "dev", end, "root", "tbf", *CABLE)
+            self.lab.slow_down(end)
 
-    def plug(self):
+    def connect(self):
         self.lab.remote_batch("link set return master outside")
 
-    def unplug(self):
+    def disconnect(self):
         self.lab.remote_batch("link set return nomaster")
 
 
