@@ -227,7 +227,7 @@ TEST_F(OtherModes, HelpListsDoAndShowInConfigurationModes) {
 TEST_F(OtherModes, HelpInInterfaceModesKnowsGlobalLinesOnceTheyAreBegun) {
     EXPECT_EQ(help("interface", "tarn ").find("enable"), std::string::npos);
     EXPECT_EQ(completions("interface", "tarn e"), "enable\nerror-recover\n");
-    EXPECT_EQ(completions("interface", "tarn "), "port\n") << "its own come first";
+    EXPECT_EQ(completions("interface", "tarn "), "link-up\nport\nvlan\n") << "its own come first";
 }
 
 TEST_F(OtherModes, HelpBehindABegunWordListsTheSlotsThatItMayFill) {
