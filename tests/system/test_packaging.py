@@ -61,7 +61,6 @@ def test_every_message_of_the_platform_is_explained():
     logged = {"-".join(found) for path in sources for found in calls.findall(path.read_text())}
     page = (ROOT / "docs" / "operations.md").read_text()
     explained = set(re.findall(r"`([A-Z]+-[A-Z_]+)`", page.split("## Messages of the system log")[1]))
-    # The reasons for REPLAY and SAVE lines come through a function that is given the mnemonic.
     assert logged - explained == set()
     assert len(logged) > 20
     mnemonics = {name.partition("-")[2] for name in logged}
