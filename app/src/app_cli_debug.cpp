@@ -62,88 +62,73 @@ int app_cli_show_logfile(cli_pcdb* pcdb) {
     return 0;
 }
 
-static constexpr cli_keyword_arg Sapp_dbg_lda_kw = app_keyword("lda", "LDA");
-const cli_node Tapp_dbg_cmd = {append_point_action, nullptr, &Tapp_dbg_lda_kw, &Tno_alt, nullptr};
-const cli_node Tapp_dbg_lda_kw = {common_keyword_action, &Sapp_dbg_lda_kw, &Tapp_dbg_logfile_kw,
-                                  &Tno_alt, nullptr};
+// ---- The tree of "debug lda ..." ----
 
-// "logfile level". After "no" the line may end at once; a number is taken and not used.
-static constexpr cli_keyword_arg Sapp_dbg_logfile_kw = app_keyword("logfile", "Log file");
-static constexpr cli_keyword_arg Sapp_dbg_logfile_level_kw = app_keyword("level", "level");
-static constexpr cli_number_arg Sapp_dbg_logfile_level_num =
-    app_number("fatal: 0, error: 1, warn: 2, notice: 3, debug: 4", 0, 4);
-static constexpr cli_eol_arg Sapp_dbg_logfile_level_no_eol = {1, app_cli_logfile_level};
-static constexpr cli_eol_arg Sapp_dbg_logfile_level_eol = {1, app_cli_logfile_level};
-const cli_node Tapp_dbg_logfile_kw = {common_keyword_action, &Sapp_dbg_logfile_kw,
-                                      &Tapp_dbg_logfile_level_kw, &Tapp_dbg_syslog_kw, nullptr};
-const cli_node Tapp_dbg_logfile_level_kw = {common_keyword_action, &Sapp_dbg_logfile_level_kw,
-                                            &Tapp_dbg_logfile_level_no, &Tno_alt, nullptr};
-const cli_node Tapp_dbg_logfile_level_no = {
-    noprefix_action, nullptr, &Tapp_dbg_logfile_level_no_eol, &Tapp_dbg_logfile_level_num, nullptr};
-const cli_node Tapp_dbg_logfile_level_no_eol = {eol_action, &Sapp_dbg_logfile_level_no_eol, nullptr,
-                                                &Tapp_dbg_logfile_level_num, nullptr};
-const cli_node Tapp_dbg_logfile_level_num = {common_number_action, &Sapp_dbg_logfile_level_num,
-                                             &Tapp_dbg_logfile_level_eol, &Tno_alt, nullptr};
-const cli_node Tapp_dbg_logfile_level_eol = {eol_action, &Sapp_dbg_logfile_level_eol, nullptr,
-                                             &Tno_alt, nullptr};
-
-// "syslog level", in the same way.
-static constexpr cli_keyword_arg Sapp_dbg_syslog_kw = app_keyword("syslog", "syslog");
-static constexpr cli_keyword_arg Sapp_dbg_syslog_level_kw = app_keyword("level", "syslog level");
-static constexpr cli_number_arg Sapp_dbg_syslog_level_num =
-    app_number("none: 0, error: 1, info: 2, debug: 3", 0, 3);
-static constexpr cli_eol_arg Sapp_dbg_syslog_level_no_eol = {1, app_cli_slog_level};
-static constexpr cli_eol_arg Sapp_dbg_syslog_level_eol = {1, app_cli_slog_level};
-const cli_node Tapp_dbg_syslog_kw = {common_keyword_action, &Sapp_dbg_syslog_kw,
-                                     &Tapp_dbg_syslog_level_kw, &Tapp_dbg_show_logfile_kw, nullptr};
-const cli_node Tapp_dbg_syslog_level_kw = {common_keyword_action, &Sapp_dbg_syslog_level_kw,
-                                           &Tapp_dbg_syslog_level_no, &Tapp_dbg_log_max_number_kw,
-                                           nullptr};
-const cli_node Tapp_dbg_syslog_level_no = {noprefix_action, nullptr, &Tapp_dbg_syslog_level_no_eol,
-                                           &Tapp_dbg_syslog_level_num, nullptr};
-const cli_node Tapp_dbg_syslog_level_no_eol = {eol_action, &Sapp_dbg_syslog_level_no_eol, nullptr,
-                                               &Tapp_dbg_syslog_level_num, nullptr};
-const cli_node Tapp_dbg_syslog_level_num = {common_number_action, &Sapp_dbg_syslog_level_num,
-                                            &Tapp_dbg_syslog_level_eol, &Tno_alt, nullptr};
-const cli_node Tapp_dbg_syslog_level_eol = {eol_action, &Sapp_dbg_syslog_level_eol, nullptr,
-                                            &Tno_alt, nullptr};
+constexpr auto Sapp_dbg_show_logfile_eol = app_end(app_cli_show_logfile);
+constexpr auto Tapp_dbg_show_logfile_eol = app_node(Sapp_dbg_show_logfile_eol);
+constexpr auto Sapp_dbg_show_logfile_kw = app_keyword("show-logfile", "show logfile");
+constexpr auto Tapp_dbg_show_logfile_kw =
+    app_node(Sapp_dbg_show_logfile_kw, Tapp_dbg_show_logfile_eol, Tapp_dbg_storm_detect_kw);
 
 // "syslog log-max-number": a number, "nolimit" or "default".
-static constexpr cli_keyword_arg Sapp_dbg_log_max_number_kw =
-    app_keyword("log-max-number", "set syslog max number");
-static constexpr cli_number_arg Sapp_dbg_log_max_number_num =
-    app_number("set syslog max number", 1, 4294967295);
-static constexpr cli_keyword_arg Sapp_dbg_nolimit_kw =
-    app_keyword("nolimit", "set app syslog max to no limit");
-static constexpr cli_keyword_arg Sapp_dbg_default_kw =
-    app_keyword("default", "set app syslog max to default");
-static constexpr cli_eol_arg Sapp_dbg_log_max_number_no_eol = {1, app_cli_slog_max_log_num};
-static constexpr cli_eol_arg Sapp_dbg_log_max_number_eol = {1, app_cli_slog_max_log_num};
-static constexpr cli_eol_arg Sapp_dbg_default_eol = {1, slog_max_default};
-const cli_node Tapp_dbg_log_max_number_kw = {common_keyword_action, &Sapp_dbg_log_max_number_kw,
-                                             &Tapp_dbg_log_max_number_no, &Tno_alt, nullptr};
-const cli_node Tapp_dbg_log_max_number_no = {noprefix_action, nullptr,
-                                             &Tapp_dbg_log_max_number_no_eol,
-                                             &Tapp_dbg_log_max_number_num, nullptr};
-const cli_node Tapp_dbg_log_max_number_no_eol = {eol_action, &Sapp_dbg_log_max_number_no_eol,
-                                                 nullptr, &Tapp_dbg_log_max_number_num, nullptr};
-const cli_node Tapp_dbg_log_max_number_num = {common_number_action, &Sapp_dbg_log_max_number_num,
-                                              &Tapp_dbg_log_max_number_eol, &Tapp_dbg_nolimit_kw,
-                                              nullptr};
-const cli_node Tapp_dbg_log_max_number_eol = {eol_action, &Sapp_dbg_log_max_number_eol, nullptr,
-                                              &Tno_alt, nullptr};
-const cli_node Tapp_dbg_nolimit_kw = {common_keyword_action, &Sapp_dbg_nolimit_kw,
-                                      &Tapp_dbg_log_max_number_eol, &Tapp_dbg_default_kw, nullptr};
-const cli_node Tapp_dbg_default_kw = {common_keyword_action, &Sapp_dbg_default_kw,
-                                      &Tapp_dbg_default_eol, &Tno_alt, nullptr};
-const cli_node Tapp_dbg_default_eol = {eol_action, &Sapp_dbg_default_eol, nullptr, &Tno_alt,
-                                       nullptr};
+constexpr auto Sapp_dbg_default_eol = app_end(slog_max_default);
+constexpr auto Tapp_dbg_default_eol = app_node(Sapp_dbg_default_eol);
+constexpr auto Sapp_dbg_default_kw = app_keyword("default", "set app syslog max to default");
+constexpr auto Tapp_dbg_default_kw = app_node(Sapp_dbg_default_kw, Tapp_dbg_default_eol);
+constexpr auto Sapp_dbg_log_max_number_eol = app_end(app_cli_slog_max_log_num);
+constexpr auto Tapp_dbg_log_max_number_eol = app_node(Sapp_dbg_log_max_number_eol);
+constexpr auto Sapp_dbg_nolimit_kw = app_keyword("nolimit", "set app syslog max to no limit");
+constexpr auto Tapp_dbg_nolimit_kw =
+    app_node(Sapp_dbg_nolimit_kw, Tapp_dbg_log_max_number_eol, Tapp_dbg_default_kw);
+constexpr auto Sapp_dbg_log_max_number_num = app_number("set syslog max number", 1, 4294967295);
+constexpr auto Tapp_dbg_log_max_number_num =
+    app_node(Sapp_dbg_log_max_number_num, Tapp_dbg_log_max_number_eol, Tapp_dbg_nolimit_kw);
+constexpr auto Sapp_dbg_log_max_number_no_eol = app_end(app_cli_slog_max_log_num);
+constexpr auto Tapp_dbg_log_max_number_no_eol =
+    app_node(Sapp_dbg_log_max_number_no_eol, Tapp_dbg_log_max_number_num);
+constexpr auto Tapp_dbg_log_max_number_no =
+    app_no_prefix(Tapp_dbg_log_max_number_no_eol, Tapp_dbg_log_max_number_num);
+constexpr auto Sapp_dbg_log_max_number_kw = app_keyword("log-max-number", "set syslog max number");
+constexpr auto Tapp_dbg_log_max_number_kw =
+    app_node(Sapp_dbg_log_max_number_kw, Tapp_dbg_log_max_number_no);
 
-static constexpr cli_keyword_arg Sapp_dbg_show_logfile_kw =
-    app_keyword("show-logfile", "show logfile");
-static constexpr cli_eol_arg Sapp_dbg_show_logfile_eol = {1, app_cli_show_logfile};
-const cli_node Tapp_dbg_show_logfile_kw = {common_keyword_action, &Sapp_dbg_show_logfile_kw,
-                                           &Tapp_dbg_show_logfile_eol, &Tapp_dbg_storm_detect_kw,
-                                           nullptr};
-const cli_node Tapp_dbg_show_logfile_eol = {eol_action, &Sapp_dbg_show_logfile_eol, nullptr,
-                                            &Tno_alt, nullptr};
+// "syslog level". After "no" the line may end at once; a number is taken and not used.
+constexpr auto Sapp_dbg_syslog_level_eol = app_end(app_cli_slog_level);
+constexpr auto Tapp_dbg_syslog_level_eol = app_node(Sapp_dbg_syslog_level_eol);
+constexpr auto Sapp_dbg_syslog_level_num = app_number("none: 0, error: 1, info: 2, debug: 3", 0, 3);
+constexpr auto Tapp_dbg_syslog_level_num =
+    app_node(Sapp_dbg_syslog_level_num, Tapp_dbg_syslog_level_eol);
+constexpr auto Sapp_dbg_syslog_level_no_eol = app_end(app_cli_slog_level);
+constexpr auto Tapp_dbg_syslog_level_no_eol =
+    app_node(Sapp_dbg_syslog_level_no_eol, Tapp_dbg_syslog_level_num);
+constexpr auto Tapp_dbg_syslog_level_no =
+    app_no_prefix(Tapp_dbg_syslog_level_no_eol, Tapp_dbg_syslog_level_num);
+constexpr auto Sapp_dbg_syslog_level_kw = app_keyword("level", "syslog level");
+constexpr auto Tapp_dbg_syslog_level_kw =
+    app_node(Sapp_dbg_syslog_level_kw, Tapp_dbg_syslog_level_no, Tapp_dbg_log_max_number_kw);
+constexpr auto Sapp_dbg_syslog_kw = app_keyword("syslog", "syslog");
+constexpr auto Tapp_dbg_syslog_kw =
+    app_node(Sapp_dbg_syslog_kw, Tapp_dbg_syslog_level_kw, Tapp_dbg_show_logfile_kw);
+
+// "logfile level", in the same way.
+constexpr auto Sapp_dbg_logfile_level_eol = app_end(app_cli_logfile_level);
+constexpr auto Tapp_dbg_logfile_level_eol = app_node(Sapp_dbg_logfile_level_eol);
+constexpr auto Sapp_dbg_logfile_level_num =
+    app_number("fatal: 0, error: 1, warn: 2, notice: 3, debug: 4", 0, 4);
+constexpr auto Tapp_dbg_logfile_level_num =
+    app_node(Sapp_dbg_logfile_level_num, Tapp_dbg_logfile_level_eol);
+constexpr auto Sapp_dbg_logfile_level_no_eol = app_end(app_cli_logfile_level);
+constexpr auto Tapp_dbg_logfile_level_no_eol =
+    app_node(Sapp_dbg_logfile_level_no_eol, Tapp_dbg_logfile_level_num);
+constexpr auto Tapp_dbg_logfile_level_no =
+    app_no_prefix(Tapp_dbg_logfile_level_no_eol, Tapp_dbg_logfile_level_num);
+constexpr auto Sapp_dbg_logfile_level_kw = app_keyword("level", "level");
+constexpr auto Tapp_dbg_logfile_level_kw =
+    app_node(Sapp_dbg_logfile_level_kw, Tapp_dbg_logfile_level_no);
+constexpr auto Sapp_dbg_logfile_kw = app_keyword("logfile", "Log file");
+constexpr auto Tapp_dbg_logfile_kw =
+    app_node(Sapp_dbg_logfile_kw, Tapp_dbg_logfile_level_kw, Tapp_dbg_syslog_kw);
+
+constexpr auto Sapp_dbg_lda_kw = app_keyword("lda", "LDA");
+constexpr auto Tapp_dbg_lda_kw = app_node(Sapp_dbg_lda_kw, Tapp_dbg_logfile_kw);
+const cli_node Tapp_dbg_cmd = app_root(Tapp_dbg_lda_kw);

@@ -42,42 +42,7 @@ int lda_cfg_intf_mode_select(cli_pcdb* pcdb);
 int libproxy_cli_interface_walk(cli_pcdb* pcdb);
 int libproxy_lsm_walk_handler(uint32_t ifx, void* arg);  // one section; `arg` is the context
 
-// Tree of global configuration.
+// Roots of the trees of global configuration, of interface configuration and of "show loop-detect".
 extern const cli_node Tcfg_loop_detect_cmd;
-extern const cli_node Tcfg_loop_detect_kw;
-extern const cli_node Tcfg_loop_detect_enable_kw;
-extern const cli_node Tcfg_loop_detect_shutdown_kw;
-extern const cli_node Tcfg_loop_detect_enable_access_kw;
-extern const cli_node Tcfg_loop_detect_enable_access_eol;
-extern const cli_node Tcfg_loop_detect_enable_hybrid_kw;
-extern const cli_node Tcfg_loop_detect_enable_hybrid_eol;
-extern const cli_node Tcfg_loop_detect_enable_access_hybrid;
-extern const cli_node Tcfg_loop_detect_enable_access_hybrid_eol;
-extern const cli_node Tcfg_loop_detect_enable_no;
-extern const cli_node Tcfg_loop_detect_enable_c2p;
-extern const cli_node Tcfg_loop_detect_enable_eol;
-extern const cli_node Tcfg_loop_detect_recover_kw;
-extern const cli_node Tcfg_loop_detect_recover_c2p;
-extern const cli_node Tcfg_loop_detect_recover_no;
-extern const cli_node Tcfg_loop_detect_recover_num;
-extern const cli_node Tcfg_loop_detect_recover_eol;
-
-// Tree of interface configuration.
 extern const cli_node Tcfg_loop_detect_apply_cmd;
-extern const cli_node Tcfg_loop_detect_apply_shutdown_kw;
-extern const cli_node Tcfg_loop_detect_loop_kw;
-extern const cli_node Tcfg_loop_detect_apply_kw;
-extern const cli_node Tcfg_loop_detect_shutdown_port_kw;
-extern const cli_node Tcfg_loop_detect_shutdown_c2p;
-extern const cli_node Tcfg_loop_detect_shutdown_no;
-extern const cli_node Tcfg_loop_detect_shutdown_no_eol;
-extern const cli_node Tcfg_loop_detect_shutdown_def;
-extern const cli_node Tcfg_loop_detect_shutdown_def_eol;
-extern const cli_node Tcfg_loop_detect_shutdown_eol;
-
-// Tree of "show loop-detect".
 extern const cli_node Tshow_loop_detect_cmd;
-extern const cli_node Tshow_loop_detect_detail_interface_kw;
-extern const cli_node Tcfg_loop_detect_detail_kw;
-extern const cli_node Tshow_loop_detect_detail_eol;
-extern const cli_node Tshow_loop_detect_eol;

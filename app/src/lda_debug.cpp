@@ -96,42 +96,34 @@ void lda_debug_ctrl(int operation) {
     }
 }
 
+// "debug lda clear-interval N"
+constexpr auto Slda_debug_clear_interval_eol = app_end(exec_lda_clear_interval_debug);
+constexpr auto Tlda_debug_clear_interval_eol = app_node(Slda_debug_clear_interval_eol);
+constexpr auto Slda_debug_clear_interval_num = app_number("clear interval number", 1, 5);
+constexpr auto Tlda_debug_clear_interval_num =
+    app_node(Slda_debug_clear_interval_num, Tlda_debug_clear_interval_eol);
+constexpr auto Slda_debug_clear_interval_kw =
+    app_keyword("clear-interval", "result clear interval");
+constexpr auto Tlda_debug_clear_interval_kw =
+    app_node(Slda_debug_clear_interval_kw, Tlda_debug_clear_interval_num);
+constexpr auto Slda_debug_interval_lda_kw = app_keyword("lda", "Loop-detect administrator");
+constexpr auto Tlda_debug_interval_lda_kw =
+    app_node(Slda_debug_interval_lda_kw, Tlda_debug_clear_interval_kw);
+constexpr auto Tlda_debug_interval_cmd = app_root(Tlda_debug_interval_lda_kw);
+
+// "show lda detect-result"
+constexpr auto Sshow_lda_detect_result_eol = app_end(exec_show_lda_result);
+constexpr auto Tshow_lda_detect_result_eol = app_node(Sshow_lda_detect_result_eol);
+constexpr auto Sshow_lda_detect_result_kw = app_keyword("detect-result", "loop-detect result");
+constexpr auto Tshow_lda_detect_result_kw =
+    app_node(Sshow_lda_detect_result_kw, Tshow_lda_detect_result_eol);
+constexpr auto Sshow_lda_kw = app_keyword("lda", "Loop-detect administrator");
+constexpr auto Tshow_lda_kw = app_node(Sshow_lda_kw, Tshow_lda_detect_result_kw);
+constexpr auto Tshow_lda_cmd = app_root(Tshow_lda_kw);
+
 void lda_debug_cmd_init(void) {
     cli_add_command(CLI_CHAIN_DEBUG, &Tlda_debug_interval_cmd, "debug lda result clear interval");
     cli_add_command(CLI_CHAIN_DEBUG, &Tapp_dbg_cmd, "debug lda logging status");
     cli_add_command(CLI_CHAIN_SHOW, &Tshow_lda_cmd, "show lda client");
     sys_add_debug("lda-debug", lda_debug_ctrl);
 }
-
-// "debug lda clear-interval N"
-static constexpr cli_keyword_arg Slda_debug_interval_lda_kw =
-    app_keyword("lda", "Loop-detect administrator");
-static constexpr cli_keyword_arg Slda_debug_clear_interval_kw =
-    app_keyword("clear-interval", "result clear interval");
-static constexpr cli_number_arg Slda_debug_clear_interval_num =
-    app_number("clear interval number", 1, 5);
-static constexpr cli_eol_arg Slda_debug_clear_interval_eol = {1, exec_lda_clear_interval_debug};
-const cli_node Tlda_debug_interval_cmd = {append_point_action, nullptr, &Tlda_debug_interval_lda_kw,
-                                          &Tno_alt, nullptr};
-const cli_node Tlda_debug_interval_lda_kw = {common_keyword_action, &Slda_debug_interval_lda_kw,
-                                             &Tlda_debug_clear_interval_kw, &Tno_alt, nullptr};
-const cli_node Tlda_debug_clear_interval_kw = {common_keyword_action, &Slda_debug_clear_interval_kw,
-                                               &Tlda_debug_clear_interval_num, &Tno_alt, nullptr};
-const cli_node Tlda_debug_clear_interval_num = {common_number_action,
-                                                &Slda_debug_clear_interval_num,
-                                                &Tlda_debug_clear_interval_eol, &Tno_alt, nullptr};
-const cli_node Tlda_debug_clear_interval_eol = {eol_action, &Slda_debug_clear_interval_eol, nullptr,
-                                                &Tno_alt, nullptr};
-
-// "show lda detect-result"
-static constexpr cli_keyword_arg Sshow_lda_kw = app_keyword("lda", "Loop-detect administrator");
-static constexpr cli_keyword_arg Sshow_lda_detect_result_kw =
-    app_keyword("detect-result", "loop-detect result");
-static constexpr cli_eol_arg Sshow_lda_detect_result_eol = {1, exec_show_lda_result};
-const cli_node Tshow_lda_cmd = {append_point_action, nullptr, &Tshow_lda_kw, &Tno_alt, nullptr};
-const cli_node Tshow_lda_kw = {common_keyword_action, &Sshow_lda_kw, &Tshow_lda_detect_result_kw,
-                               &Tno_alt, nullptr};
-const cli_node Tshow_lda_detect_result_kw = {common_keyword_action, &Sshow_lda_detect_result_kw,
-                                             &Tshow_lda_detect_result_eol, &Tno_alt, nullptr};
-const cli_node Tshow_lda_detect_result_eol = {eol_action, &Sshow_lda_detect_result_eol, nullptr,
-                                              &Tno_alt, nullptr};

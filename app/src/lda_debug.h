@@ -21,16 +21,3 @@ void lda_debug_ctrl(int operation);
 
 // Adds the debug and show trees and the debug switch.
 void lda_debug_cmd_init(void);
-
-// The tree of "debug lda clear-interval".
-extern const cli_node Tlda_debug_interval_cmd;
-extern const cli_node Tlda_debug_interval_lda_kw;
-extern const cli_node Tlda_debug_clear_interval_kw;
-extern const cli_node Tlda_debug_clear_interval_num;
-extern const cli_node Tlda_debug_clear_interval_eol;
-
-// The tree of "show lda detect-result".
-extern const cli_node Tshow_lda_cmd;
-extern const cli_node Tshow_lda_kw;
-extern const cli_node Tshow_lda_detect_result_kw;
-extern const cli_node Tshow_lda_detect_result_eol;

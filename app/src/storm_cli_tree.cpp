@@ -9,99 +9,60 @@ static constexpr cli_keyword_arg keyword(const char* word, const char* help) {
 
 // ---- "storm-loop-detect enable" ----
 
-static const cli_eol_arg Scfg_port_storm_enable_eol = {1, cfg_port_enable_storm};
-const cli_node Tcfg_port_storm_enable_eol = {eol_action, &Scfg_port_storm_enable_eol, nullptr,
-                                             &Tno_alt, nullptr};
-
-static const cli_eol_arg Scfg_port_enable_def_eol = {1, cfg_port_enable_storm};
-const cli_node Tcfg_port_enable_def_eol = {eol_action, &Scfg_port_enable_def_eol, nullptr, &Tno_alt,
-                                           nullptr};
-
-static const cli_eol_arg Scfg_port_enable_no_eol = {1, cfg_port_enable_storm};
-const cli_node Tcfg_port_enable_no_eol = {eol_action, &Scfg_port_enable_no_eol, nullptr, &Tno_alt,
-                                          nullptr};
-
-const cli_node Tcfg_port_enable_def = {defaultprefix_action, nullptr, &Tcfg_port_enable_def_eol,
-                                       &Tcfg_port_storm_enable_eol, nullptr};
-
-const cli_node Tcfg_port_enable_no = {noprefix_action, nullptr, &Tcfg_port_enable_no_eol,
-                                      &Tcfg_port_enable_def, nullptr};
-
-static const cli_c2p_arg Scfg_port_enable_storm_c2p = {cfg_port_enable_storm};
-const cli_node Tcfg_port_enable_storm_c2p = {c2p_action, &Scfg_port_enable_storm_c2p,
-                                             &Tcfg_port_enable_no, &Tno_alt, nullptr};
-
-static const cli_keyword_arg Scfg_port_std_storm = keyword("enable", "Set loop detect");
-const cli_node Tcfg_port_std_storm = {common_keyword_action, &Scfg_port_std_storm,
-                                      &Tcfg_port_enable_storm_c2p, &Tno_alt, nullptr};
-
-static const cli_keyword_arg Scfg_port_std = keyword("storm-loop-detect", "Set storm");
-const cli_node Tcfg_port_std = {common_keyword_action, &Scfg_port_std, &Tcfg_port_std_storm,
-                                &Tno_alt, nullptr};
-
-static const cli_test_arg testexp_cfg_storm = {&Tcfg_port_std, &Tno_alt, testfunc_cfg_storm};
-const cli_node Tcfg_storm = {test_expression_action, &testexp_cfg_storm, &Tcfg_port_std, &Tno_alt,
-                             nullptr};
-
-const cli_node Tcfg_port_std_cmd = {append_point_action, nullptr, &Tcfg_storm, &Tno_alt, nullptr};
+constexpr auto Scfg_port_storm_enable_eol = app_end(cfg_port_enable_storm);
+constexpr auto Tcfg_port_storm_enable_eol = app_node(Scfg_port_storm_enable_eol);
+constexpr auto Scfg_port_enable_def_eol = app_end(cfg_port_enable_storm);
+constexpr auto Tcfg_port_enable_def_eol = app_node(Scfg_port_enable_def_eol);
+constexpr auto Tcfg_port_enable_def =
+    app_default_prefix(Tcfg_port_enable_def_eol, Tcfg_port_storm_enable_eol);
+constexpr auto Scfg_port_enable_no_eol = app_end(cfg_port_enable_storm);
+constexpr auto Tcfg_port_enable_no_eol = app_node(Scfg_port_enable_no_eol);
+constexpr auto Tcfg_port_enable_no = app_no_prefix(Tcfg_port_enable_no_eol, Tcfg_port_enable_def);
+constexpr auto Scfg_port_enable_storm_c2p = app_print(cfg_port_enable_storm);
+constexpr auto Tcfg_port_enable_storm_c2p =
+    app_node(Scfg_port_enable_storm_c2p, Tcfg_port_enable_no);
+constexpr auto Scfg_port_std_storm = keyword("enable", "Set loop detect");
+constexpr auto Tcfg_port_std_storm = app_node(Scfg_port_std_storm, Tcfg_port_enable_storm_c2p);
+constexpr auto Scfg_port_std = keyword("storm-loop-detect", "Set storm");
+constexpr auto Tcfg_port_std = app_node(Scfg_port_std, Tcfg_port_std_storm);
+constexpr auto testexp_cfg_storm = app_test(Tcfg_port_std, testfunc_cfg_storm);
+constexpr auto Tcfg_storm = app_node(testexp_cfg_storm);
+constexpr auto Tcfg_port_std_cmd = app_root(Tcfg_storm);
 
 // ---- "storm-loop-rate ratelimit RATE [burst BURST]" ----
 
-static const cli_eol_arg Scfg_port_storm_limit_burst_eol = {1, cfg_port_set_storm_burst_limit};
-const cli_node Tcfg_port_storm_limit_burst_eol = {eol_action, &Scfg_port_storm_limit_burst_eol,
-                                                  nullptr, &Tno_alt, nullptr};
-
-static const cli_number_arg Scfg_port_storm_burst_value =
+constexpr auto Scfg_port_ratelimit_eol = app_end(cfg_port_set_storm_burst_limit);
+constexpr auto Tcfg_port_ratelimit_eol = app_node(Scfg_port_ratelimit_eol);
+constexpr auto Scfg_port_storm_limit_burst_eol = app_end(cfg_port_set_storm_burst_limit);
+constexpr auto Tcfg_port_storm_limit_burst_eol = app_node(Scfg_port_storm_limit_burst_eol);
+constexpr auto Scfg_port_storm_burst_value =
     app_number("burst limit size, default: 1024", 32, 10000, 1);
-const cli_node Tcfg_port_storm_burst_value = {common_number_action, &Scfg_port_storm_burst_value,
-                                              &Tcfg_port_storm_limit_burst_eol, &Tno_alt, nullptr};
-
-static const cli_eol_arg Scfg_port_ratelimit_eol = {1, cfg_port_set_storm_burst_limit};
-const cli_node Tcfg_port_ratelimit_eol = {eol_action, &Scfg_port_ratelimit_eol, nullptr, &Tno_alt,
-                                          nullptr};
-
-static const cli_keyword_arg Scfg_port_storm_limit_burst = keyword("burst", "Set burst ratelimit");
-const cli_node Tcfg_port_storm_limit_burst = {common_keyword_action, &Scfg_port_storm_limit_burst,
-                                              &Tcfg_port_storm_burst_value,
-                                              &Tcfg_port_ratelimit_eol, nullptr};
-
-static const cli_number_arg Scfg_port_storm_limit_value =
+constexpr auto Tcfg_port_storm_burst_value =
+    app_node(Scfg_port_storm_burst_value, Tcfg_port_storm_limit_burst_eol);
+constexpr auto Scfg_port_storm_limit_burst = keyword("burst", "Set burst ratelimit");
+constexpr auto Tcfg_port_storm_limit_burst =
+    app_node(Scfg_port_storm_limit_burst, Tcfg_port_storm_burst_value, Tcfg_port_ratelimit_eol);
+constexpr auto Scfg_port_storm_limit_value =
     app_number("rate limit size, default: 8000", 1, 1000000, 0);
-const cli_node Tcfg_port_storm_limit_value = {common_number_action, &Scfg_port_storm_limit_value,
-                                              &Tcfg_port_storm_limit_burst, &Tno_alt, nullptr};
-
-static const cli_eol_arg Scfg_port_ratelimit_def_eol = {1, cfg_port_set_storm_burst_limit};
-const cli_node Tcfg_port_ratelimit_def_eol = {eol_action, &Scfg_port_ratelimit_def_eol, nullptr,
-                                              &Tno_alt, nullptr};
-
-static const cli_eol_arg Scfg_port_ratelimit_no_eol = {1, cfg_port_set_storm_burst_limit};
-const cli_node Tcfg_port_ratelimit_no_eol = {eol_action, &Scfg_port_ratelimit_no_eol, nullptr,
-                                             &Tno_alt, nullptr};
-
-const cli_node Tcfg_port_ratelimit_def = {defaultprefix_action, nullptr,
-                                          &Tcfg_port_ratelimit_def_eol,
-                                          &Tcfg_port_storm_limit_value, nullptr};
-
-const cli_node Tcfg_port_ratelimit_no = {noprefix_action, nullptr, &Tcfg_port_ratelimit_no_eol,
-                                         &Tcfg_port_ratelimit_def, nullptr};
-
-static const cli_c2p_arg Scfg_port_ratelimit_c2p = {cfg_port_set_storm_burst_limit};
-const cli_node Tcfg_port_ratelimit_c2p = {c2p_action, &Scfg_port_ratelimit_c2p,
-                                          &Tcfg_port_ratelimit_no, &Tno_alt, nullptr};
-
-static const cli_keyword_arg Scfg_port_rate_storm = keyword("ratelimit", "Set storm ratelimit");
-const cli_node Tcfg_port_rate_storm = {common_keyword_action, &Scfg_port_rate_storm,
-                                       &Tcfg_port_ratelimit_c2p, &Tno_alt, nullptr};
-
-static const cli_keyword_arg Scfg_port_rate = keyword("storm-loop-rate", "Set storm");
-const cli_node Tcfg_port_rate = {common_keyword_action, &Scfg_port_rate, &Tcfg_port_rate_storm,
-                                 &Tno_alt, nullptr};
-
-static const cli_test_arg testexp_cfg_rate = {&Tcfg_port_rate, &Tno_alt, testfunc_cfg_rate};
-const cli_node Tcfg_rate = {test_expression_action, &testexp_cfg_rate, &Tcfg_port_rate, &Tno_alt,
-                            nullptr};
-
-const cli_node Tcfg_port_rate_cmd = {append_point_action, nullptr, &Tcfg_rate, &Tno_alt, nullptr};
+constexpr auto Tcfg_port_storm_limit_value =
+    app_node(Scfg_port_storm_limit_value, Tcfg_port_storm_limit_burst);
+constexpr auto Scfg_port_ratelimit_def_eol = app_end(cfg_port_set_storm_burst_limit);
+constexpr auto Tcfg_port_ratelimit_def_eol = app_node(Scfg_port_ratelimit_def_eol);
+constexpr auto Tcfg_port_ratelimit_def =
+    app_default_prefix(Tcfg_port_ratelimit_def_eol, Tcfg_port_storm_limit_value);
+constexpr auto Scfg_port_ratelimit_no_eol = app_end(cfg_port_set_storm_burst_limit);
+constexpr auto Tcfg_port_ratelimit_no_eol = app_node(Scfg_port_ratelimit_no_eol);
+constexpr auto Tcfg_port_ratelimit_no =
+    app_no_prefix(Tcfg_port_ratelimit_no_eol, Tcfg_port_ratelimit_def);
+constexpr auto Scfg_port_ratelimit_c2p = app_print(cfg_port_set_storm_burst_limit);
+constexpr auto Tcfg_port_ratelimit_c2p = app_node(Scfg_port_ratelimit_c2p, Tcfg_port_ratelimit_no);
+constexpr auto Scfg_port_rate_storm = keyword("ratelimit", "Set storm ratelimit");
+constexpr auto Tcfg_port_rate_storm = app_node(Scfg_port_rate_storm, Tcfg_port_ratelimit_c2p);
+constexpr auto Scfg_port_rate = keyword("storm-loop-rate", "Set storm");
+constexpr auto Tcfg_port_rate = app_node(Scfg_port_rate, Tcfg_port_rate_storm);
+constexpr auto testexp_cfg_rate = app_test(Tcfg_port_rate, testfunc_cfg_rate);
+constexpr auto Tcfg_rate = app_node(testexp_cfg_rate);
+constexpr auto Tcfg_port_rate_cmd = app_root(Tcfg_rate);
 
 // Makes the configuration lock. 0, or an error number.
 static int storm_mutex_init() {

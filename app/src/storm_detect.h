@@ -127,7 +127,6 @@ void storm_install_on_apply_failed(qv_mom_client* context, const fp_acl_key* acl
 
 // The last branch of the debug tree.
 extern const cli_node Tapp_dbg_storm_detect_kw;
-extern const cli_node Texec_app_dbg_storm_detect_eol;
 
 // Handler of the debug command "storm-detect": a table of all records on the command line. Returns
 // 0.

@@ -8,13 +8,11 @@
 #include "lda_debug.h"
 #include "storm_detect.h"
 
-static constexpr cli_keyword_arg Sapp_dbg_storm_detect_kw =
-    app_keyword("storm-detect", "storm-detect");
-static constexpr cli_eol_arg Sexec_app_dbg_storm_detect_eol = {1, app_cli_storm_detect};
-const cli_node Tapp_dbg_storm_detect_kw = {common_keyword_action, &Sapp_dbg_storm_detect_kw,
-                                           &Texec_app_dbg_storm_detect_eol, &Tno_alt, nullptr};
-const cli_node Texec_app_dbg_storm_detect_eol = {eol_action, &Sexec_app_dbg_storm_detect_eol,
-                                                 nullptr, &Tno_alt, nullptr};
+constexpr auto Sexec_app_dbg_storm_detect_eol = app_end(app_cli_storm_detect);
+constexpr auto Texec_app_dbg_storm_detect_eol = app_node(Sexec_app_dbg_storm_detect_eol);
+constexpr auto Sapp_dbg_storm_detect_kw = app_keyword("storm-detect", "storm-detect");
+const cli_node Tapp_dbg_storm_detect_kw =
+    app_node(Sapp_dbg_storm_detect_kw, Texec_app_dbg_storm_detect_eol);
 
 int app_cli_storm_detect(cli_pcdb* pcdb) {
     if (app_cli_is_help(pcdb)) {

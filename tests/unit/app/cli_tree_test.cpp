@@ -1,4 +1,7 @@
-// Registration of the commands and the three trees, node by node.
+// Registration of the commands and the three trees, node by node. The nodes are visible in their
+// own source only, so this test is compiled together with it.
+#include "app/src/lda_cli_tree.cpp"
+
 #include "lda_cli.h"
 #include "lda_cli_show.h"
 #include "lda_main.h"

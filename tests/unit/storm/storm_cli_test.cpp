@@ -1,4 +1,7 @@
-// The storm commands and the lists behind them.
+// The storm commands and the lists behind them. The nodes of their trees are visible in their own
+// source only, so this test is compiled together with it.
+#include "app/src/storm_cli_tree.cpp"
+
 #include <cstring>
 
 #include "tests/unit/storm/storm_fixture.h"
