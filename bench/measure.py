@@ -18,6 +18,7 @@ import time
 
 from common import HERE, PROGRAMS, TABLE_SIZE, Lines, cpu_ns, memory_mb, rest, row, say
 from lab import Lab
+from loops import measure_loops
 from netconf import measure_netconf
 from reaction import measure_reaction
 from storm import measure_storm
@@ -196,14 +197,16 @@ def machine():
 
 GROUPS = {"reaction": measure_reaction, "engine": measure_engine, "redis": measure_redis,
           "start": measure_start, "idle": measure_idle, "delivery": measure_delivery,
-          "storm": measure_storm, "netconf": measure_netconf}
+          "storm": measure_storm, "netconf": measure_netconf, "loops": measure_loops}
 
 
 def main():
     parser = argparse.ArgumentParser(description="see scripts/bench --help")
     parser.add_argument("--quick", action="store_true")
     parser.add_argument("--only", action="append", choices=list(GROUPS))
+    parser.add_argument("--rounds", type=int)
     options = parser.parse_args()
+    options.rounds = options.rounds or (2 if options.quick else 20)
     load = [os.getloadavg()]
     rows = []
     for name in options.only or GROUPS:

@@ -1,0 +1,12 @@
+// tarnd without its trigger: it learns of no address, so only periodic probes are sent.
+#include "services/tarnd/bridge_view.h"
+
+using qv::tarnd::LearnedAddress;
+
+// The linker gives calls of parse_learned() this function.
+extern "C" std::optional<LearnedAddress> no_address(nlmsghdr* header) asm(
+    "__wrap__ZN2qv5tarnd13parse_learnedEP8nlmsghdr");
+
+std::optional<LearnedAddress> no_address(nlmsghdr* /*header*/) {
+    return std::nullopt;
+}
