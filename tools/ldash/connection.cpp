@@ -138,6 +138,9 @@ Reply Connection::ask(const char* kind, std::string_view line) {
             if (reply.contains("wrong_at")) {
                 taken.wrong_at = reply.value("wrong_at", size_t{0});
             }
+            if (reply.contains("length")) {
+                taken.length = reply.value("length", 0);
+            }
             return taken;
         }
         if (on_message) {

@@ -16,6 +16,8 @@ struct Reply {
     // When the line was no command: the byte at which the wrong word begins, or the end of the line
     // when something is missing there.
     std::optional<size_t> wrong_at = {};
+    // Rows of a page as set by the operator, 0 for no pages; empty for the height of the terminal.
+    std::optional<int> length = {};
 };
 
 class Connection {

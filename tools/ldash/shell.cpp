@@ -2,19 +2,23 @@
 
 #include <histedit.h>
 #include <poll.h>
-#include <sys/ioctl.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
+#include <functional>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "marker.h"
+#include "pager.h"
+#include "screen.h"
 
 namespace ldash {
 namespace {
@@ -28,8 +32,9 @@ volatile std::sig_atomic_t g_interrupted = 0;
 struct Shell {
     Connection& connection;
     std::string prompt = "lda# ";
-    std::string trouble;     // set by a callback that lost the connection
-    sigset_t while_waiting;  // the signals that are blocked while it waits for a key
+    std::optional<int> length = {};  // rows of a page as the operator set them; 0: no pages
+    std::string trouble;             // set by a callback that lost the connection
+    sigset_t while_waiting;          // the signals that are blocked while it waits for a key
 };
 
 Shell& shell_of(EditLine* editor) {
@@ -47,6 +52,80 @@ std::string typed(EditLine* editor) {
     return {line->buffer, line->cursor};
 }
 
+// Results of wait_for_key() that are no key.
+constexpr int kEndOfInput = -1;  // also when the switch is lost
+constexpr int kInterrupt = -2;
+
+// Waits for a key. Shows the messages that the switch sends meanwhile, and calls `redraw` after
+// them.
+int wait_for_key(Shell& shell, const std::function<void()>& redraw) {
+    pollfd waiting[] = {{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
+                        {.fd = shell.connection.fd(), .events = POLLIN, .revents = 0}};
+    while (shell.trouble.empty()) {
+        const int ready = ::ppoll(waiting, 2, nullptr, &shell.while_waiting);
+        if (g_interrupted != 0) {
+            g_interrupted = 0;
+            return kInterrupt;
+        }
+        if (ready > 0 && waiting[1].revents != 0) {
+            try {
+                shell.connection.take_messages();
+            } catch (const std::runtime_error& problem) {
+                shell.trouble = problem.what();
+                return kEndOfInput;
+            }
+            redraw();
+        }
+        if (ready > 0 && waiting[0].revents != 0) {
+            unsigned char byte = 0;
+            const ssize_t size = ::read(STDIN_FILENO, &byte, 1);
+            return size == 1 ? byte : kEndOfInput;
+        }
+    }
+    return kEndOfInput;
+}
+
+// While it exists, the terminal delivers each key at once and does not echo it.
+class SingleKeys {
+ public:
+    SingleKeys() : known_(::tcgetattr(STDIN_FILENO, &before_) == 0) {
+        termios single = before_;
+        single.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO);
+        single.c_cc[VMIN] = 1;
+        single.c_cc[VTIME] = 0;
+        set(single);
+    }
+    ~SingleKeys() { set(before_); }
+    SingleKeys(const SingleKeys&) = delete;
+    SingleKeys& operator=(const SingleKeys&) = delete;
+
+ private:
+    // A terminal that is gone takes no settings: the next wait for a key ends the shell.
+    void set(const termios& settings) const {
+        if (known_) {
+            static_cast<void>(::tcsetattr(STDIN_FILENO, TCSADRAIN, &settings));
+        }
+    }
+
+    termios before_{};
+    const bool known_;
+};
+
+// Shows the answer of the switch, on a terminal one page at a time.
+void show_output(Shell& shell, std::string_view output) {
+    Screen screen = screen_of(STDOUT_FILENO);
+    if (shell.length && ::isatty(STDOUT_FILENO) != 0) {
+        screen.rows = static_cast<size_t>(*shell.length);
+    }
+    std::optional<SingleKeys> keys;  // from the first stop on
+    show_paged(output, screen, [&] {
+        if (!keys) {
+            keys.emplace();
+        }
+        return wait_for_key(shell, show_more_prompt);
+    });
+}
+
 // Asks the switch about the line so far; an empty text when the connection is lost.
 std::string ask(EditLine* editor, const char* kind) {
     Shell& shell = shell_of(editor);
@@ -60,7 +139,8 @@ std::string ask(EditLine* editor, const char* kind) {
 
 unsigned char help(EditLine* editor, int) {
     const std::string text = ask(editor, "help");
-    std::printf("?\n%s", text.empty() ? "  (nothing fits)\n" : text.c_str());
+    std::fputs("?\n", stdout);
+    show_output(shell_of(editor), text.empty() ? "  (nothing fits)\n" : text);
     return CC_REDISPLAY;
 }
 
@@ -100,62 +180,41 @@ unsigned char complete(EditLine* editor, int) {
         el_insertstr(editor, more.c_str());
         return CC_REFRESH;
     }
-    std::putchar('\n');
+    std::string list = "\n";
     for (const std::string& word : words) {
-        std::printf("  %s\n", word.c_str());
+        list += "  " + word + "\n";
     }
+    show_output(shell_of(editor), list);
     return CC_REDISPLAY;
 }
 
-size_t columns_of_terminal() {
-    winsize size{};
-    constexpr size_t kUsual = 80;
-    return ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : kUsual;
-}
-
-// Shows what a line printed. Under a line that is no command a marker shows where it goes wrong,
-// and under one that is not finished stands what could follow.
+// Shows what a line printed. A marker points at the word that is wrong, and what could follow
+// stands below an incomplete line.
 void show(Shell& shell, const std::string& line, const Reply& reply) {
+    std::string text;
     if (reply.wrong_at) {
+        constexpr size_t kUsualColumns = 80;
+        const size_t columns = screen_of(STDOUT_FILENO).columns;
         const size_t at = std::min(*reply.wrong_at, line.size());
-        std::fputs(marker(shell.prompt, line, at, columns_of_terminal()).c_str(), stdout);
+        text = marker(shell.prompt, line, at, columns > 0 ? columns : kUsualColumns);
     }
-    std::fputs(reply.output.c_str(), stdout);
+    text += reply.output;
     if (reply.wrong_at && line.find_first_not_of(" \t", *reply.wrong_at) == std::string::npos) {
-        std::fputs(shell.connection.ask("help", line + " ").output.c_str(), stdout);
+        text += shell.connection.ask("help", line + " ").output;
     }
-    std::fflush(stdout);
+    show_output(shell, text);
 }
 
-// Waits for a key; shows what the switch has to say meanwhile.
 int next_key(EditLine* editor, wchar_t* key) {
-    Shell& shell = shell_of(editor);
-    pollfd waiting[] = {{.fd = STDIN_FILENO, .events = POLLIN, .revents = 0},
-                        {.fd = shell.connection.fd(), .events = POLLIN, .revents = 0}};
-    while (shell.trouble.empty()) {
-        const int ready = ::ppoll(waiting, 2, nullptr, &shell.while_waiting);
-        if (g_interrupted != 0) {
-            g_interrupted = 0;
-            *key = kKillLine;
-            return 1;
-        }
-        if (ready > 0 && waiting[1].revents != 0) {
-            try {
-                shell.connection.take_messages();
-            } catch (const std::runtime_error& problem) {
-                shell.trouble = problem.what();
-                return 0;
-            }
-            el_set(editor, EL_REFRESH);
-        }
-        if (ready > 0 && waiting[0].revents != 0) {
-            unsigned char byte = 0;
-            const ssize_t size = ::read(STDIN_FILENO, &byte, 1);
-            *key = byte;
-            return size == 1 ? 1 : 0;
-        }
+    const auto redraw = [editor] {
+        el_set(editor, EL_REFRESH);
+    };
+    const int pressed = wait_for_key(shell_of(editor), redraw);
+    if (pressed == kEndOfInput) {
+        return 0;
     }
-    return 0;
+    *key = pressed == kInterrupt ? kKillLine : static_cast<wchar_t>(pressed);
+    return 1;
 }
 
 // An interrupt comes in while the shell waits for a key and at no other time: between a look at
@@ -223,6 +282,7 @@ void run_shell(Connection& connection) {
             history(lines.get(), &event, H_ENTER, line.c_str());
         }
         const Reply reply = connection.ask("exec", line);
+        shell.length = reply.length;
         show(shell, line, reply);
         shell.prompt = reply.prompt;
         if (reply.end) {

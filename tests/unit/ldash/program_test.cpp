@@ -7,12 +7,11 @@
 #include <gtest/gtest.h>
 
 #include "tests/unit/ldash/scripted_switch.h"
+#include "tests/unit/ldash/shell_fixture.h"
 #include "tools/ldash/marker.h"
 
 namespace ldash::test {
 namespace {
-
-using Lines = std::vector<std::string>;
 
 constexpr const char* kUsage =
     "usage: ldash [-s SOCKET] [-c LINE]...\n"
@@ -147,39 +146,6 @@ TEST_F(ProgramTest, HelpIsAnAnswerAndWrongUsageAFault) {
     EXPECT_EQ(stray.out, "");
     EXPECT_EQ(stray.err, kUsage);
 }
-
-// A shell on a terminal that has shown its first prompt.
-struct ShellTest : testing::Test {
-    ShellTest() {
-        peer.accept();
-        peer.say(R"({"output":"","prompt":"sw# ","result":0})");
-        EXPECT_EQ(peer.request(), R"({"exec":""})");
-        terminal.until("sw# ");
-    }
-
-    // Types a line and its answer, up to the next prompt.
-    std::string line(const std::string& keys, const std::string& reply,
-                     const std::string& prompt = "sw# ") {
-        terminal.type(keys + "\n");
-        requested.push_back(peer.request());
-        peer.say(reply);
-        return terminal.until(prompt);
-    }
-    // Leaves the shell; what was executed, in order.
-    Lines leave() {
-        terminal.type("exit\n");
-        requested.push_back(peer.request());
-        peer.say(R"({"output":"","prompt":"sw# ","result":0,"end":true})");
-        EXPECT_EQ(terminal.wait(), 0);
-        return requested;
-    }
-
-    ScriptedSwitch peer;
-    Terminal terminal{peer.path()};
-    Lines requested;
-};
-
-constexpr const char* kDone = R"({"output":"","prompt":"sw# ","result":0})";
 
 TEST_F(ShellTest, LinesAreExecutedAndTheirOutputAndPromptShown) {
     EXPECT_NE(line("show clock", R"({"output":"12:00\n","prompt":"sw# ","result":0})")

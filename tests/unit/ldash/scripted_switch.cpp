@@ -4,6 +4,7 @@
 #include <pty.h>
 #include <sched.h>
 #include <stdlib.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
@@ -203,6 +204,11 @@ Terminal::Terminal(const std::string& socket, bool hangup_ignored) {
 Terminal::~Terminal() {
     close();
     end(child_);
+}
+
+void Terminal::resize(unsigned short rows, unsigned short columns) const {
+    const winsize size{.ws_row = rows, .ws_col = columns, .ws_xpixel = 0, .ws_ypixel = 0};
+    EXPECT_EQ(::ioctl(screen_, TIOCSWINSZ, &size), 0);
 }
 
 void Terminal::type(const std::string& keys) const {

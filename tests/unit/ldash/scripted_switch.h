@@ -70,6 +70,8 @@ class Terminal {
     Terminal(const Terminal&) = delete;
     Terminal& operator=(const Terminal&) = delete;
 
+    // A terminal has no size before the first call.
+    void resize(unsigned short rows, unsigned short columns) const;
     void type(const std::string& keys) const;
     // Everything that was shown since the last call, up to and including `text`.
     std::string until(const std::string& text);
