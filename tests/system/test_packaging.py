@@ -84,3 +84,11 @@ def test_platform_files_are_checked_without_a_start(tmp_path):
     assert done.stderr == f"lda: {bad}:3: cli.max_sessions must be a whole number from 1 to 1024\n"
     assert check(tmp_path / "none.toml").stderr == (
         f"lda: {tmp_path}/none.toml: cannot be read: No such file or directory\n")
+
+
+def test_every_test_that_the_security_page_names_is_there():
+    named = re.findall(r"`(\w+\.(?:cpp|py))`", (ROOT / "docs" / "security.md").read_text())
+    there = {path.name for path in (ROOT / "tests").rglob("*_test.cpp")} | {
+        path.name for path in (ROOT / "tests").rglob("test_*.py")}
+    assert len(named) > 15
+    assert set(named) - there == set()
