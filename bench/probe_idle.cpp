@@ -34,6 +34,7 @@ class OneDevice final : public ProberOutputs {
         ++sent;
         return socket_.send(ifx_, frame);
     }
+    int guard(uint32_t, bool) override { return 0; }
     int cut(uint32_t /*ifx*/, bool /*single*/) override { return 0; }
     bool report(const Report& /*report*/) override { return true; }
 

@@ -18,7 +18,7 @@ namespace qv::tarnd {
 
 struct CutJournal::Content {
     std::array<char, 64> boot;
-    std::array<uint32_t, kSlots> slots;  // interface indexes, 0 for a free slot
+    std::array<uint64_t, kSlots> slots;  // value and interface index, 0 for a free slot
 };
 
 CutJournal::CutJournal(const std::string& path, const std::string& boot) {
@@ -43,11 +43,16 @@ CutJournal::~CutJournal() {
     munmap(content_, sizeof(Content));
 }
 
-bool CutJournal::note(uint32_t ifx) {
-    for (uint32_t& slot : content_->slots) {
-        uint32_t expected = 0;
-        std::atomic_ref<uint32_t> place(slot);
-        if (place.load() == ifx || place.compare_exchange_strong(expected, ifx)) {
+bool CutJournal::note(uint32_t ifx, uint32_t value) {
+    for (uint64_t& slot : content_->slots) {
+        if (static_cast<uint32_t>(std::atomic_ref<uint64_t>(slot).load()) == ifx) {
+            return true;
+        }
+    }
+    for (uint64_t& slot : content_->slots) {
+        uint64_t expected = 0;
+        std::atomic_ref<uint64_t> place(slot);
+        if (place.compare_exchange_strong(expected, uint64_t{value} << 32 | ifx)) {
             return true;
         }
     }
@@ -55,20 +60,31 @@ bool CutJournal::note(uint32_t ifx) {
 }
 
 void CutJournal::clear(uint32_t ifx) {
-    for (uint32_t& slot : content_->slots) {
-        uint32_t expected = ifx;
-        std::atomic_ref<uint32_t>(slot).compare_exchange_strong(expected, 0);
+    for (uint64_t& slot : content_->slots) {
+        std::atomic_ref<uint64_t> place(slot);
+        uint64_t noted = place.load();
+        if (static_cast<uint32_t>(noted) == ifx) {
+            place.compare_exchange_strong(noted, 0);
+        }
     }
 }
 
 std::vector<uint32_t> CutJournal::noted() const {
     std::vector<uint32_t> ports;
-    for (uint32_t& slot : content_->slots) {
-        if (const uint32_t ifx = std::atomic_ref<uint32_t>(slot).load()) {
-            ports.push_back(ifx);
-        }
+    for (const Note& note : notes()) {
+        ports.push_back(note.ifx);
     }
     return ports;
+}
+
+std::vector<CutJournal::Note> CutJournal::notes() const {
+    std::vector<Note> found;
+    for (uint64_t& slot : content_->slots) {
+        if (const uint64_t note = std::atomic_ref<uint64_t>(slot).load()) {
+            found.push_back({static_cast<uint32_t>(note), static_cast<uint32_t>(note >> 32)});
+        }
+    }
+    return found;
 }
 
 std::string boot_name() {

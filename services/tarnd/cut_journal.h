@@ -22,11 +22,21 @@ class CutJournal {
     CutJournal(const CutJournal&) = delete;
     CutJournal& operator=(const CutJournal&) = delete;
 
-    // Notes the port. False when no slot is free. Any thread; never waits.
-    bool note(uint32_t ifx);
+    // A port, and what is to be remembered of it.
+    struct Note {
+        uint32_t ifx;
+        uint32_t value;
+
+        bool operator==(const Note&) const = default;
+    };
+
+    // Notes the port; an older note stays as it is. False when no slot is free. One thread at a
+    // time for each port; never waits.
+    bool note(uint32_t ifx, uint32_t value = 0);
     // Removes the note, if there is one. Any thread.
     void clear(uint32_t ifx);
     std::vector<uint32_t> noted() const;
+    std::vector<Note> notes() const;
 
  private:
     struct Content;

@@ -79,16 +79,17 @@ void run() {
     NameLock lock;
     lock_bridge(loop, lock, config);
     CutJournal journal(config.tarn_state + "/cuts", boot_name());
+    CutJournal guards(config.tarn_state + "/guards", boot_name());
     GuardTable guard(identity.source);
     if (const std::string reason = guard.install(); !reason.empty()) {
         throw std::runtime_error("no rule against returned probes: " + reason);
     }
-    ProbeThread prober(identity, config.bridge, journal);
+    ProbeThread prober(identity, config.bridge, journal, guards);
     Service* service = nullptr;
     // Before there are other threads: they inherit that its signals are blocked.
     const Termination termination(loop, [&] { service->close(); });
     StatusBoard board;
-    Service made(loop, prober, journal, guard, board, identity.key);
+    Service made(loop, prober, journal, guards, guard, board, identity.key);
     service = &made;
     const auto counters = [&] {
         return board.counters(prober);

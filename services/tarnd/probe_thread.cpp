@@ -62,10 +62,11 @@ std::string prefer(pthread_t thread) {
 }  // namespace
 
 ProbeThread::ProbeThread(const Prober::Identity& identity, const std::string& bridge,
-                         CutJournal& journal)
+                         CutJournal& cuts, CutJournal& guards)
     : links_(RTNLGRP_LINK),
       addresses_(RTNLGRP_NEIGH),
-      journal_(journal),
+      guard_(control_, guards),
+      journal_(cuts),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       reports_ready_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       commands_(kCommandSlots),
@@ -127,6 +128,10 @@ int ProbeThread::cut(uint32_t ifx, bool single) {
         journal_.clear(ifx);
     }
     return error;
+}
+
+int ProbeThread::guard(uint32_t ifx, bool close) {
+    return close ? guard_.close(ifx) : guard_.open(ifx);
 }
 
 bool ProbeThread::report(const Report& report) {

@@ -11,6 +11,7 @@
 
 #include "services/tarnd/bridge_view.h"
 #include "services/tarnd/cut_journal.h"
+#include "services/tarnd/link_guard.h"
 #include "services/tarnd/port_control.h"
 #include "services/tarnd/prober.h"
 #include "services/tarnd/ring.h"
@@ -37,8 +38,9 @@ class ProbeThread final : private ProberOutputs {
     // After a trigger more addresses need not be read for this long: frames go first.
     static constexpr std::chrono::milliseconds kAddressPause{5};
 
-    // Opens the sockets; throws std::runtime_error. The journal must outlive the thread.
-    ProbeThread(const Prober::Identity& identity, const std::string& bridge, CutJournal& journal);
+    // Opens the sockets; throws std::runtime_error. The journals must outlive the thread.
+    ProbeThread(const Prober::Identity& identity, const std::string& bridge, CutJournal& cuts,
+                CutJournal& guards);
     ~ProbeThread() override;
     ProbeThread(const ProbeThread&) = delete;
     ProbeThread& operator=(const ProbeThread&) = delete;
@@ -62,6 +64,7 @@ class ProbeThread final : private ProberOutputs {
  private:
     bool send(uint32_t ifx, const Frame& frame) override;
     int cut(uint32_t ifx, bool single) override;
+    int guard(uint32_t ifx, bool close) override;
     bool report(const Report& report) override;
 
     void run();
@@ -78,6 +81,7 @@ class ProbeThread final : private ProberOutputs {
     RouteSocket links_;
     RouteSocket addresses_;
     PortControl control_;
+    LinkGuard guard_;
     CutJournal& journal_;
     Descriptor wake_;
     Descriptor reports_ready_;

@@ -26,8 +26,12 @@ bool Prober::concerns(const Proof& proof, uint32_t ifx) {
 Prober::Prober(const Identity& identity, ProberOutputs& outputs)
     : identity_(identity), outputs_(outputs), addresses_(kRememberedAddresses) {}
 
+bool Prober::may_probe(const Port& port) const {
+    return settings_.enabled && port.present && port.watched;
+}
+
 bool Prober::takes_part(const Port& port) const {
-    return settings_.enabled && port.present && port.forwarding && port.watched;
+    return may_probe(port) && port.forwarding;
 }
 
 Prober::Port* Prober::find(uint32_t ifx) {
@@ -47,6 +51,7 @@ void Prober::configure(const Settings& settings, Time now) {
     for (const auto& [ifx, took_part] : before) {
         Port& port = ports_.at(ifx);
         review(ifx, port, took_part, now);
+        review_guard(ifx, port, now);
         if (took_part && takes_part(port)) {
             port.period = first_period(ifx, settings_.interval, now);
             plan(ifx, port);
@@ -62,6 +67,7 @@ void Prober::configure_port(uint32_t ifx, bool watched, bool shuts, Time now,
     port.shuts = shuts;
     port.options = options;
     review(ifx, port, took_part, now);
+    review_guard(ifx, port, now);
     if (!port.present && !watched && !shuts) {
         ports_.erase(ifx);
     }
@@ -80,6 +86,7 @@ void Prober::set_port(uint32_t ifx, bool forwarding, Time now) {
         tell_port(ifx, port);
     }
     review(ifx, port, took_part, now);
+    review_guard(ifx, port, now);
 }
 
 void Prober::remove_port(uint32_t ifx) {
@@ -94,6 +101,9 @@ void Prober::remove_port(uint32_t ifx) {
         tell_port(ifx, Port{});
     }
     claims_.forget(ifx);
+    if (port.closed) {
+        outputs_.guard(ifx, false);
+    }
     if (!port.watched && !port.shuts) {
         ports_.erase(found);
         return;
@@ -143,11 +153,14 @@ void Prober::request(uint32_t ifx, Trigger trigger, Time now) {
 
 void Prober::plan(uint32_t ifx, Port& port) {
     unplan(ifx, port);
-    port.planned = std::min(port.period, port.recheck);
-    if (port.wanted) {
-        port.planned = std::min(port.planned, port.burst);
+    port.planned = port.guard_next;
+    if (takes_part(port)) {
+        const Time burst = port.wanted ? port.burst : Time::max();
+        port.planned = std::min({port.planned, port.period, port.recheck, burst});
     }
-    plan_.emplace(port.planned, ifx);
+    if (port.planned != Time::max()) {
+        plan_.emplace(port.planned, ifx);
+    }
 }
 
 void Prober::unplan(uint32_t ifx, Port& port) {
@@ -202,29 +215,40 @@ void Prober::run(Time now) {
             return;
         }
         Port& port = ports_.at(ifx);
-        if (port.recheck <= now) {
-            port.recheck = Time::max();
-            send(ifx, port, kBurst, now);
-        }
-        if (port.wanted && port.burst <= now) {
-            if (take_token(now)) {
-                port.wanted = false;
-                port.burst = now + kBurstPause;
-                send(ifx, port, kBurst, now);
-            } else {
-                port.burst = now + kBurstPause;
-            }
-        }
-        if (port.period <= now) {
-            port.period += settings_.interval;
-            if (port.period <= now) {  // the thread was stopped meanwhile
-                port.period = first_period(ifx, settings_.interval, now);
-            }
-            count_silent(ifx, now);
-            port.trigger = Trigger::kPeriod;
-            send(ifx, port, 1, now);
-        }
+        serve(ifx, port, now);
         plan(ifx, port);
+    }
+}
+
+// Everything that is due on a port.
+void Prober::serve(uint32_t ifx, Port& port, Time now) {
+    if (port.guard_next <= now) {
+        step_guard(ifx, port, now);
+    }
+    if (!takes_part(port)) {
+        return;
+    }
+    if (port.recheck <= now) {
+        port.recheck = Time::max();
+        send(ifx, port, kBurst, now);
+    }
+    if (port.wanted && port.burst <= now) {
+        if (take_token(now)) {
+            port.wanted = false;
+            port.burst = now + kBurstPause;
+            send(ifx, port, kBurst, now);
+        } else {
+            port.burst = now + kBurstPause;
+        }
+    }
+    if (port.period <= now) {
+        port.period += settings_.interval;
+        if (port.period <= now) {  // the thread was stopped meanwhile
+            port.period = first_period(ifx, settings_.interval, now);
+        }
+        count_silent(ifx, now);
+        port.trigger = Trigger::kPeriod;
+        send(ifx, port, 1, now);
     }
 }
 
@@ -284,7 +308,9 @@ void Prober::count_silent(uint32_t sender, Time now) {
             tell({.kind = Report::Kind::kEnd,
                   .ifx = state.proof.reporter,
                   .src_ifx = state.proof.src_ifx});
+            const Proof proof = state.proof;
             loop = loops_.erase(loop);
+            release_guard(proof);
             continue;
         }
         state.silent += own ? 1 : 0;
@@ -455,13 +481,14 @@ void Prober::cut(const Proof& proof, Time now) {
 
 void Prober::end_loops_of(uint32_t ifx) {
     for (auto loop = loops_.begin(); loop != loops_.end();) {
-        const Proof& proof = loop->second.proof;
+        const Proof proof = loop->second.proof;
         if (!concerns(proof, ifx)) {
             ++loop;
             continue;
         }
         tell({.kind = Report::Kind::kEnd, .ifx = proof.reporter, .src_ifx = proof.src_ifx});
         loop = loops_.erase(loop);
+        release_guard(proof);
     }
     std::erase_if(holds_, [ifx](const auto& entry) { return concerns(entry.second.proof, ifx); });
 }

@@ -46,7 +46,8 @@ inline constexpr size_t kIgnoredKinds = 6;
 
 struct Report {
     // kPort: whether this port is in the bridge, and forwards, has changed. kAsked: the answer to
-    // ask(). kReturned: the probe that was asked for came back on this port.
+    // ask(). kReturned: the probe that was asked for came back on this port. kGuard: the port was
+    // to be closed or opened.
     enum class Kind : uint8_t {
         kLoop,
         kEnd,
@@ -55,16 +56,18 @@ struct Report {
         kNotElsewhere,
         kPort,
         kAsked,
-        kReturned
+        kReturned,
+        kGuard
     };
     Kind kind = Kind::kLoop;
     uint32_t ifx = 0;      // the reporting port
     uint32_t src_ifx = 0;  // the port that sent the probe
     Trigger trigger = Trigger::kPeriod;
     Duration path{};          // kLoop, kReturned: how long the probe was under way
-    int error = 0;            // kCut, kAsked: 0 or errno
+    int error = 0;            // kCut, kAsked, kGuard: 0 or errno
     bool present = false;     // kPort
     bool forwarding = false;  // kPort
+    bool closed = false;      // kGuard
 
     bool operator==(const Report&) const = default;
 };
@@ -85,6 +88,7 @@ enum class Role : uint8_t { kAccess, kHybrid, kTrunk };
 // What else is configured for a port.
 struct PortOptions {
     Role role = Role::kAccess;
+    std::chrono::milliseconds guard{0};  // the port is closed for this long at link-up; 0: never
 };
 
 // The prober's hands. Called from inside its functions.
@@ -95,6 +99,8 @@ class ProberOutputs {
     virtual bool send(uint32_t ifx, const Frame& frame) = 0;
     // Takes the port out of service; `single` when the loop lies behind this one port. 0 or errno.
     virtual int cut(uint32_t ifx, bool single) = 0;
+    // Closes the port to everything but probes, or opens it again. 0 or errno.
+    virtual int guard(uint32_t ifx, bool close) = 0;
     // False when the report cannot be taken now: it is offered again.
     virtual bool report(const Report& report) = 0;
 };
@@ -169,7 +175,10 @@ class Prober {
         uint64_t asked = 0;       // of the latest one that ask() has sent
         uint64_t valid_from = 0;  // probes before belong to an earlier link
         Time period{};
-        Time burst{};                // earliest next burst
+        Time burst{};               // earliest next burst
+        bool closed = false;        // by the guard at link-up
+        unsigned guard_probes = 0;  // since the link came up
+        Time guard_next = Time::max();
         Time recheck = Time::max();  // when a proof that was put aside is tried again
         Time planned = Time::max();  // as in plan_
     };
@@ -196,10 +205,12 @@ class Prober {
         uint32_t ifx = 0;
     };
 
+    bool may_probe(const Port& port) const;
     bool takes_part(const Port& port) const;
     Port* find(uint32_t ifx);
     void review(uint32_t ifx, Port& port, bool took_part, Time now);
     void request(uint32_t ifx, Trigger trigger, Time now);
+    void serve(uint32_t ifx, Port& port, Time now);
     void plan(uint32_t ifx, Port& port);
     void unplan(uint32_t ifx, Port& port);
     bool take_token(Time now);
@@ -213,6 +224,13 @@ class Prober {
     uint32_t choose(uint32_t ifx, uint32_t other) const;
     Proof proof_of(uint32_t ifx, uint32_t sender, Time now) const;
     void prove(uint32_t ifx, const Probe& probe, Time now);
+    void review_guard(uint32_t ifx, Port& port, Time now);
+    void begin_guard(uint32_t ifx, Port& port, Time now);
+    void close(uint32_t ifx, Port& port);
+    void open(uint32_t ifx, Port& port, Time now);
+    void step_guard(uint32_t ifx, Port& port, Time now);
+    void release_guard(const Proof& proof);
+    bool in_loop(uint32_t ifx) const;
     static bool concerns(const Proof& proof, uint32_t ifx);
     bool is_held(const Proof& proof, const Probe& probe, Time now);
     void cut(const Proof& proof, Time now);

@@ -16,6 +16,8 @@ constexpr uint32_t kUntaggedVid = 1;
 constexpr std::chrono::milliseconds kCommandPause{10};
 constexpr uint32_t kShortestInterval_ms = 100;
 constexpr uint32_t kLongestInterval_ms = 10000;
+constexpr uint32_t kShortestGuard_ms = 15;
+constexpr uint32_t kLongestGuard_ms = 1000;
 constexpr uint32_t kLastPriority = 255;
 constexpr uint32_t kPolicyAccess = 2;
 constexpr uint32_t kPolicyHybrid = 3;
@@ -92,6 +94,11 @@ Role role_of(uint32_t vlan_mode) {
                                              : Role::kTrunk;
 }
 
+std::chrono::milliseconds guard_of(const PBridge__TarnPort& record) {
+    const bool valid = record.guard_ms >= kShortestGuard_ms && record.guard_ms <= kLongestGuard_ms;
+    return std::chrono::milliseconds(valid ? record.guard_ms : 0);
+}
+
 Settings settings_of(const PBridge__TarnConfig& record) {
     Settings settings;
     settings.enabled = record.enabled != 0;
@@ -107,13 +114,14 @@ Settings settings_of(const PBridge__TarnConfig& record) {
     return settings;
 }
 
-Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard,
-                 StatusBoard& board, const Key& own_key)
+Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, CutJournal& guards,
+                 GuardTable& guard, StatusBoard& board, const Key& own_key)
     : loop_(loop),
       prober_(prober),
       journal_(journal),
       guard_(guard),
       board_(board),
+      link_guard_(control_, guards),
       client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)),
       fabric_key_(own_key),
       take_over_(loop, *this) {
@@ -148,6 +156,7 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, Guar
         throw std::runtime_error("the event loop cannot watch the probing thread");
     }
     refresh_timer_ = loop_.after(kRefresh, [this] { refresh(); });
+    link_guard_.open_all();  // what an earlier process has left closed
     const std::string reason = prober_.start();
     if (!reason.empty()) {
         log_message(kLogWarning, "TARN", "PRIORITY",
@@ -163,6 +172,7 @@ void Service::close() {
     for (const uint32_t ifx : take_over_.release()) {
         give_back(ifx);
     }
+    link_guard_.open_all();
     guard_.remove();
     end_records();
 }
@@ -243,7 +253,8 @@ void Service::take(const PBridge__TarnPort& record, bool deleted) {
     } else {
         ports_[ifx] = {.watched = record.loop_detect != 0,
                        .vlan_mode = record.vlan_mode,
-                       .shut = record.shut != 0};
+                       .shut = record.shut != 0,
+                       .guard = guard_of(record)};
         board_.configure(ifx, {.watched = record.loop_detect != 0,
                                .shut = record.shut != 0,
                                .vlan_mode = record.vlan_mode,
@@ -306,7 +317,7 @@ void Service::send_commands() {
                               .ifx = ifx,
                               .watched = port.watched,
                               .shuts = port.watched && policy_shuts(policy_, port.vlan_mode),
-                              .options = {.role = role_of(port.vlan_mode)}})) {
+                              .options = {.role = role_of(port.vlan_mode), .guard = port.guard}})) {
             break;
         }
         ports_pending_.erase(ifx);
@@ -337,6 +348,8 @@ void Service::on_report(const Report& report) {
             return guard_.set_elsewhere(report.ifx, true);
         case Report::Kind::kNotElsewhere:
             return guard_.set_elsewhere(report.ifx, false);
+        case Report::Kind::kGuard:
+            return on_guard(report);
         case Report::Kind::kPort:
         case Report::Kind::kAsked:
         case Report::Kind::kReturned:
@@ -356,6 +369,15 @@ void Service::on_loop(const Report& report, bool is_loop) {
                     static_cast<long long>(report.path / std::chrono::microseconds(1)));
     } else {
         log_message(kLogInfo, "TARN", "END", "The loop of %s has ended.", port.c_str());
+    }
+}
+
+void Service::on_guard(const Report& report) {
+    if (report.error != 0) {
+        log_message(kLogError, "TARN", "GUARD_PORT", "%s cannot be %s: %s.",
+                    port_name(report.ifx).c_str(),
+                    report.closed ? "guarded, it forwards as soon as its link is up" : "opened",
+                    std::strerror(report.error));
     }
 }
 

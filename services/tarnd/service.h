@@ -27,6 +27,9 @@ bool policy_shuts(uint32_t policy, uint32_t vlan_mode);
 // In which order ports of this VLAN mode are chosen.
 Role role_of(uint32_t vlan_mode);
 
+// How long a port of this record is guarded at link-up; 0: not at all, or out of range.
+std::chrono::milliseconds guard_of(const PBridge__TarnPort& record);
+
 // Settings of a record; what is out of range is taken for the default.
 Settings settings_of(const PBridge__TarnConfig& record);
 
@@ -39,8 +42,8 @@ class Service final : private TakeOverOutputs {
 
     // Starts the probing thread, which has `own_key`. Everything but the key must outlive the
     // service. Throws std::runtime_error.
-    Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, GuardTable& guard,
-            StatusBoard& board, const Key& own_key);
+    Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, CutJournal& guards,
+            GuardTable& guard, StatusBoard& board, const Key& own_key);
 
     // Before the process ends: no more probes, no port stays dark that is ours, and no loop stays
     // on record that nobody would end. Runs the loop meanwhile.
@@ -57,6 +60,7 @@ class Service final : private TakeOverOutputs {
         bool watched = false;
         uint32_t vlan_mode = 0;
         bool shut = false;
+        std::chrono::milliseconds guard{0};
     };
     // A loop record that this process has set, or is to set.
     struct LoopRecord {
@@ -76,6 +80,7 @@ class Service final : private TakeOverOutputs {
     void on_report(const Report& report);
     void on_loop(const Report& report, bool is_loop);
     void on_cut(uint32_t ifx, int error);
+    void on_guard(const Report& report);
     bool ask() override;
     bool has_record(uint32_t ifx) override { return ports_.contains(ifx); }
     void give_back(uint32_t ifx) override;
@@ -89,6 +94,7 @@ class Service final : private TakeOverOutputs {
     GuardTable& guard_;
     StatusBoard& board_;
     PortControl control_;
+    LinkGuard link_guard_;  // while the probing thread does not run
     qv_mom_client* const client_;
 
     uint32_t policy_ = 0;

@@ -84,6 +84,8 @@ void StatusBoard::take(const Report& report) {
         case Report::Kind::kElsewhere:
         case Report::Kind::kNotElsewhere:
             return;  // not of this bridge
+        case Report::Kind::kGuard:
+            return;
         case Report::Kind::kAsked:
             return announce({.kind = BoardEvent::Kind::kAsked,
                              .ifx = report.ifx,

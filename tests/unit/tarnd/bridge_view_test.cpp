@@ -72,6 +72,7 @@ struct Hands final : ProberOutputs {
         return true;
     }
     int cut(uint32_t, bool) override { return 0; }
+    int guard(uint32_t, bool) override { return 0; }
     bool report(const Report& report) override {
         if (report.kind == Report::Kind::kElsewhere) {
             elsewhere.insert(report.ifx);

@@ -63,5 +63,18 @@ TEST_F(CutJournalTest, AFolderThatIsMissingIsNamed) {
     }
 }
 
+TEST_F(CutJournalTest, AnOlderNoteKeepsItsValue) {
+    CutJournal journal(path(), "boot");
+    EXPECT_TRUE(journal.note(3));
+    EXPECT_TRUE(journal.note(7, 5));
+    journal.clear(3);
+    EXPECT_TRUE(journal.note(7, 6));
+    EXPECT_TRUE(journal.note(0xfffffffe, 0x1f));
+    using Notes = std::vector<CutJournal::Note>;
+    EXPECT_EQ(journal.notes(), (Notes{{0xfffffffe, 0x1f}, {7, 5}}));
+    journal.clear(7);
+    EXPECT_EQ(CutJournal(path(), "boot").notes(), (Notes{{0xfffffffe, 0x1f}}));
+}
+
 }  // namespace
 }  // namespace qv::tarnd

@@ -33,6 +33,7 @@ struct Switch final : ProberOutputs {
         down.push_back(ifx);
         return 0;
     }
+    int guard(uint32_t, bool) override { return 0; }
     bool report(const Report& report) override {
         if (report.kind == Report::Kind::kLoop) {
             lines.push_back("loop " + std::to_string(report.ifx) + " from " +

@@ -39,7 +39,14 @@ struct Hands final : ProberOutputs {
         lines.push_back((single ? "cut single " : "cut ") + std::to_string(ifx));
         return cut_result;
     }
+    int guard(uint32_t ifx, bool close) override {
+        lines.push_back((close ? "close " : "open ") + std::to_string(ifx));
+        return guard_result;
+    }
     bool report(const Report& report) override {
+        if (report.kind == Report::Kind::kGuard) {
+            return true;
+        }
         if (deaf) {
             return false;
         }
@@ -59,6 +66,7 @@ struct Hands final : ProberOutputs {
     std::vector<Report> port_reports;
     Report last;
     int cut_result = 0;
+    int guard_result = 0;
     bool send_result = true;
     bool deaf = false;
 };

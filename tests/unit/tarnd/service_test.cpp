@@ -58,6 +58,18 @@ TEST(Service, TheRoleFollowsTheVlanMode) {
     EXPECT_EQ(role_of(0), Role::kTrunk);  // unknown: last
 }
 
+TEST(Service, AGuardOutOfRangeIsNone) {
+    PBridge__TarnPort record = P_BRIDGE__TARN_PORT__INIT;
+    for (const uint32_t guard_ms : {0u, 14u, 1001u, 4294967295u}) {
+        record.guard_ms = guard_ms;
+        EXPECT_EQ(guard_of(record), milliseconds(0)) << guard_ms;
+    }
+    for (const uint32_t guard_ms : {15u, 30u, 1000u}) {
+        record.guard_ms = guard_ms;
+        EXPECT_EQ(guard_of(record), milliseconds(guard_ms));
+    }
+}
+
 TEST(Service, AnIntervalOutOfRangeIsTheDefault) {
     for (const uint32_t interval_ms : {0u, 99u, 10001u, 4294967295u}) {
         EXPECT_EQ(settings_of(config(1, 0, interval_ms)).interval, milliseconds(1000));
