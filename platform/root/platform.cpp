@@ -25,6 +25,7 @@
 #include "platform/driver/linux/rtnl_switch.h"
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
+#include "platform/root/simulated_tarn.h"
 #include "platform/root/tarn_records.h"
 #include "platform/root/tarn_states.h"
 #include "qv/mom.h"
@@ -42,10 +43,6 @@ std::unique_ptr<SystemLog> make_log(PlatformConfig::Switch kind) {
     std::abort();
 }
 
-bool probed(uint32_t ifx) {
-    return cli::tarn_enabled() && cli::tarn_port_enabled(ifx);
-}
-
 std::string loop_entry_key(const std::string& port) {
     std::string name = port;
     PApp__LdaLoopEntryIndex index = P_APP__LDA_LOOP_ENTRY_INDEX__INIT;
@@ -54,30 +51,6 @@ std::string loop_entry_key(const std::string& port) {
     entry.index = &index;
     return record_key(entry.base).value_or("");
 }
-
-// Publishes what the probes of the embedded switch find, as the probe protocol does.
-class LoopReports {
- public:
-    explicit LoopReports(EventLoop& loop)
-        : client_(qv_mom_client_init("tarn", master_of(loop), nullptr)) {
-        qv_mom_client_connect(
-            client_, QV_MOM_APP_DB, [](void*) { return 0; }, nullptr);
-    }
-
-    bool store(const LoopReport& report) const {
-        PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
-        index.ifx = report.ifx;
-        PBridge__TarnLoopInfo record = P_BRIDGE__TARN_LOOP_INFO__INIT;
-        record.index = &index;
-        record.vid = 1;
-        record.is_loop = report.is_loop ? 1 : 0;
-        record.src_ifx = report.src_ifx;
-        return qv_mom_set(client_, QV_MOM_APP_DB, &record.base, 0, 0) == 0;
-    }
-
- private:
-    qv_mom_client* client_;
-};
 
 // The platform of a description. Lives as long as the process.
 class DescribedPlatform final : public Platform {
@@ -185,10 +158,12 @@ class DescribedPlatform final : public Platform {
             [&plane](uint32_t phyid, uint64_t pps) { plane.set_rate(phyid, pps); });
         forwarding_ = std::move(forwarding);
 
+        simulated_tarn_ = std::make_unique<SimulatedTarn>(*loop_, *ports_);
         probe_ = std::make_unique<LoopProbe>(
-            *loop_, ports, probed, [reports = LoopReports(*loop_)](const LoopReport& report) {
-                return reports.store(report);
-            });
+            *loop_, ports, simulated_tarn_->rules(),
+            [this](const LoopReport& report) { return simulated_tarn_->publish(report); });
+        simulated_tarn_->follow([this](uint32_t ifx) { return probe_->guarded(ifx); });
+        tarn_states_ = std::make_unique<TarnStates>(*loop_, [] { return true; });
         cli::register_test_commands(ports, plane, memory);
     }
 
@@ -202,10 +177,11 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<SwitchDriver> switch_;
     std::unique_ptr<PortModel> ports_;
     std::unique_ptr<ForwardingDriver> forwarding_;
-    std::unique_ptr<LoopProbe> probe_;       // embedded switch only
+    std::unique_ptr<TarnStates> tarn_states_;
+    std::unique_ptr<SimulatedTarn> simulated_tarn_;  // embedded switch only, as the next
+    std::unique_ptr<LoopProbe> probe_;
     std::unique_ptr<ShutPorts> shut_ports_;  // Linux only, as the next
     std::unique_ptr<TarnRecords> tarn_records_;
-    std::unique_ptr<TarnStates> tarn_states_;
     std::unique_ptr<PortFollower> port_follower_;
     std::unique_ptr<Termination> termination_;
 };

@@ -5,8 +5,8 @@
 
 namespace qv {
 
-LoopProbe::LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Enabled enabled, Publish publish)
-    : loop_(loop), ports_(ports), enabled_(std::move(enabled)), publish_(std::move(publish)) {
+LoopProbe::LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Rules rules, Publish publish)
+    : loop_(loop), ports_(ports), rules_(std::move(rules)), publish_(std::move(publish)) {
     ports_.set_wiring_listener([this](uint32_t ifx) { wiring_changed(ifx); });
 }
 
@@ -19,9 +19,13 @@ void LoopProbe::wiring_changed(uint32_t ifx) {
     Cable& cable = cables_[ifx];
     if (!ports_.loop_peer(ifx)) {
         cable.timer.reset();
+        set_guarded(ifx, cable, false);
         report_end(ifx, cable);
     } else if (!cable.timer) {
-        arm(ifx, cable, fresh ? Duration::zero() : kInterval);
+        const Duration guard = rules_.guard(ifx);
+        set_guarded(ifx, cable, guard > Duration::zero());
+        cable.periodic = false;
+        arm(ifx, cable, cable.guarded ? guard : fresh ? Duration::zero() : kInterval);
     }
     if (!plugged && !cable.timer) {
         cables_.erase(ifx);
@@ -31,16 +35,32 @@ void LoopProbe::wiring_changed(uint32_t ifx) {
 void LoopProbe::probe(uint32_t ifx) {
     Cable& cable = cables_.at(ifx);
     const std::optional<uint32_t> peer = ports_.loop_peer(ifx);
-    if (!peer || !enabled_(ifx)) {
+    const uint32_t alone = peer && *peer != ifx ? rules_.choose(ifx, *peer) : 0;
+    const bool spared = alone != 0 && alone != ifx && rules_.enabled(alone);
+    const uint32_t source = alone != 0 ? ifx : peer.value_or(0);
+    const bool periodic = std::exchange(cable.periodic, true);
+    set_guarded(ifx, cable, false);
+    if (!peer || !rules_.enabled(ifx) || spared) {
         report_end(ifx, cable);
-    } else if (publish_({.ifx = ifx, .src_ifx = *peer, .is_loop = true})) {
-        cable.peer = *peer;
+    } else if (publish_({.ifx = ifx, .src_ifx = source, .is_loop = true, .periodic = periodic})) {
+        cable.peer = source;
         cable.reported = true;
     }
     if (peer) {
         arm(ifx, cable, kInterval);
     } else if (!cable.timer && !ports_.has_cable(ifx)) {
         cables_.erase(ifx);
+    }
+}
+
+bool LoopProbe::guarded(uint32_t ifx) const {
+    const auto found = cables_.find(ifx);
+    return found != cables_.end() && found->second.guarded;
+}
+
+void LoopProbe::set_guarded(uint32_t ifx, Cable& cable, bool guarded) {
+    if (std::exchange(cable.guarded, guarded) != guarded) {
+        rules_.guard_changed(ifx);
     }
 }
 

@@ -2,7 +2,8 @@
 //
 // A loop on a port where probing is enabled is reported at once when its cable is plugged,
 // kInterval after one of its ports came up again, and every kInterval from then on. One more report
-// follows when the loop ends or probing is disabled.
+// follows when the loop ends or probing is disabled. A port with a guard is probed for the time of
+// the guard first, both when it is plugged and when it comes up.
 #pragma once
 
 #include <chrono>
@@ -19,6 +20,7 @@ struct LoopReport {
     uint32_t ifx;      // the reporting port
     uint32_t src_ifx;  // the other end of its cable
     bool is_loop;
+    bool periodic = false;  // found by a periodic probe, not by one at link-up
 
     bool operator==(const LoopReport&) const = default;
 };
@@ -28,29 +30,41 @@ class LoopProbe {
  public:
     static constexpr std::chrono::seconds kInterval{5};
 
-    using Enabled = std::function<bool(uint32_t ifx)>;  // probing is enabled on this port
+    struct Rules {
+        std::function<bool(uint32_t ifx)> enabled;  // probing is enabled on this port
+        // The port that alone reports the loop of these two; 0: both do.
+        std::function<uint32_t(uint32_t ifx, uint32_t peer)> choose;
+        std::function<Duration(uint32_t ifx)> guard;      // zero: none
+        std::function<void(uint32_t ifx)> guard_changed;  // it begins or ends to hold the port
+    };
     // Publishes a report. False when that is not possible now: then it is tried again later.
     using Publish = std::function<bool(const LoopReport& report)>;
 
     // Takes the wiring listener of `ports`, which must outlive the probe, as must the loop.
-    LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Enabled enabled, Publish publish);
+    LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Rules rules, Publish publish);
+
+    // Whether a guard holds the port now.
+    bool guarded(uint32_t ifx) const;
 
  private:
     // A port's cable. It is kept until it is unplugged and the end of its loop is published.
     struct Cable {
         uint32_t peer = 0;      // as reported
         bool reported = false;  // a loop is on record
+        bool guarded = false;   // the timer is that of the guard
+        bool periodic = false;  // the timer is not the first since the port came up
         EventLoop::Handle timer;
     };
 
     void wiring_changed(uint32_t ifx);
     void probe(uint32_t ifx);
+    void set_guarded(uint32_t ifx, Cable& cable, bool guarded);
     void arm(uint32_t ifx, Cable& cable, Duration delay);
     void report_end(uint32_t ifx, Cable& cable);
 
     EventLoop& loop_;
     EmbeddedSwitch& ports_;
-    Enabled enabled_;
+    Rules rules_;
     Publish publish_;
     std::map<uint32_t, Cable> cables_;  // by port
 };

@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <fstream>
 #include <optional>
+#include <regex>
+#include <sstream>
 #include <string>
 #include <utility>
 #include <vector>
@@ -14,6 +16,7 @@
 #include "p_bridge.pb-c.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/cli/tarn_show.h"
 #include "platform/client/thread_master.h"
 #include "platform/driver/embedded/memory_store.h"
 #include "platform/driver/forwarding_driver.h"
@@ -216,6 +219,58 @@ TEST_F(PlatformFile, EndOfALoopIsRecordedOnceTheDatabaseIsBack) {
     EXPECT_EQ(qv::cli::execute(exec, "test loop unplug swp1 swp3").code, 0);
     store.restore(QV_MOM_APP_DB);
     EXPECT_TRUE(qv::test::run_until(loop, [&] { return stored_loop(store) == 0u; }));
+    qv_thread_master_finish(master);
+}
+
+// Lines of the table that "show tarn" prints, without times.
+std::vector<std::string> tarn_rows(qv::cli::SessionState& session) {
+    const std::string text = qv::cli::execute(session, "show tarn").output;
+    std::vector<std::string> rows;
+    std::istringstream lines(text);
+    std::string line;
+    std::getline(lines, line);  // the heading
+    while (std::getline(lines, line)) {
+        line = std::regex_replace(line, std::regex("[0-9]{4}-[0-9-]+ [0-9:]+ "), "");
+        rows.push_back(std::regex_replace(line, std::regex(" +"), " "));
+    }
+    return rows;
+}
+
+TEST_F(PlatformFile, SimulatedSwitchShowsAndRecordsItsPorts) {
+    describe("[embedded]\nports = 2\n[clock]\nspeed = 100.0\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    qv::EventLoop& loop = qv::loop_of(master);
+    const auto& store = dynamic_cast<qv::MemoryStore&>(qv::platform().store());
+    ASSERT_TRUE(qv::test::run_until(loop, ports_complete));
+    qv::cli::register_tarn_commands();
+    qv::cli::register_show_tarn();
+    qv::cli::SessionState exec;
+    const auto shows = [&](const std::vector<std::string>& rows) {
+        return qv::test::run_until(loop, [&] { return tarn_rows(exec) == rows; });
+    };
+    EXPECT_TRUE(shows({"swp1 off access - - - - - - -", "swp2 off access - - - - - - -"}));
+
+    qv::cli::SessionState config;
+    config.mode = "config";
+    EXPECT_EQ(qv::cli::execute(config, "tarn enable").code, 0);
+    EXPECT_EQ(qv::cli::execute(config, "tarn cut one").code, 0);
+    for (const uint32_t ifx : {1, 2}) {
+        qv::cli::SessionState port;
+        port.mode = "interface";
+        port.ifx = ifx;
+        EXPECT_EQ(qv::cli::execute(port, "tarn port loop-detect warning").code, 0);
+    }
+    EXPECT_TRUE(shows({"swp1 probing access - - - - - - -", "swp2 probing access - - - - - - -"}));
+    EXPECT_EQ(qv::cli::execute(exec, "test loop plug swp1 swp2").code, 0);
+    EXPECT_TRUE(
+        shows({"swp1 probing access - - - - - - -", "swp2 looped access - swp2 swp2 1 0 carrier"}));
+    EXPECT_FALSE(store.get(QV_MOM_APP_DB, "p_bridge.tarn_loop_info/ifx=1").has_value());
+    EXPECT_TRUE(store.get(QV_MOM_APP_DB, "p_bridge.tarn_port_state/ifx=2").has_value());
+    EXPECT_TRUE(store.get(QV_MOM_APP_DB, "p_bridge.tarn_counters/").has_value());
+    EXPECT_EQ(qv::cli::execute(exec, "test port delete swp2").code, 0);
+    EXPECT_TRUE(shows({"swp1 probing access - - - - - - -"}));
+    EXPECT_FALSE(store.get(QV_MOM_APP_DB, "p_bridge.tarn_port_state/ifx=2").has_value());
     qv_thread_master_finish(master);
 }
 

@@ -373,10 +373,22 @@ class LoopProbeTest : public EmbeddedSwitchTest {
     bool away = false;  // reports cannot be made known
     Texts reports;
     qv::Time started;
-    qv::LoopProbe probe{loop, ports, [this](uint32_t ifx) { return probed.contains(ifx); },
-                        [this](const qv::LoopReport& report) {
-                            return publish(report);
-                        }};
+    uint32_t alone = 0;  // reports a loop alone; 0: both of its ports do
+    std::chrono::milliseconds guard{0};
+    Texts guards;
+    qv::LoopProbe probe{
+        loop,
+        ports,
+        {.enabled = [this](uint32_t ifx) { return probed.contains(ifx); },
+         .choose = [this](uint32_t, uint32_t) { return alone; },
+         .guard = [this](uint32_t) { return guard; },
+         .guard_changed =
+             [this](uint32_t ifx) {
+                 guards.push_back(std::to_string(ifx) + (probe.guarded(ifx) ? " held" : " open"));
+             }},
+        [this](const qv::LoopReport& report) {
+            return publish(report);
+        }};
 };
 
 using LoopProbe = LoopProbeTest;
@@ -447,6 +459,41 @@ TEST_F(LoopProbe, EndOfProbingIsReportedOnce) {
     probed.clear();
     pass(seconds(20));
     EXPECT_EQ(take_reports(), (Texts{"5 s: 1 is free of 3", "5 s: 3 is free of 1"}));
+}
+
+TEST_F(LoopProbe, ChosenPortReportsTheLoopAloneAndAsItsOwn) {
+    alone = 3;
+    ports.plug(1, 3);
+    pass(seconds(5));
+    EXPECT_EQ(take_reports(), (Texts{"0 s: 3 loops with 3", "5 s: 3 loops with 3"}));
+    ports.unplug(1, 3);
+    EXPECT_EQ(take_reports(), Texts{"5 s: 3 is free of 3"});
+}
+
+TEST_F(LoopProbe, ChosenPortThatIsNotProbedLeavesTheReportToTheOther) {
+    alone = 3;
+    probed = {1};
+    ports.plug(1, 3);
+    EXPECT_EQ(take_reports(), Texts{"0 s: 1 loops with 1"});
+}
+
+TEST_F(LoopProbe, GuardHoldsAPortForItsTime) {
+    guard = std::chrono::milliseconds(1000);
+    ports.plug(1, 3);
+    EXPECT_EQ(take_reports(), Texts{});
+    EXPECT_TRUE(probe.guarded(1) && probe.guarded(3));
+    pass(seconds(1));
+    EXPECT_EQ(take_reports(), (Texts{"1 s: 1 loops with 3", "1 s: 3 loops with 1"}));
+    EXPECT_FALSE(probe.guarded(1) || probe.guarded(3));
+    model.set_admin(3, false);
+    take_reports();
+    model.set_admin(3, true);
+    EXPECT_TRUE(probe.guarded(3));
+    model.set_admin(3, false);
+    EXPECT_FALSE(probe.guarded(3));
+    EXPECT_EQ(take_reports(), Texts{});
+    EXPECT_EQ((Texts(guards.begin(), guards.begin() + 4)),
+              (Texts{"1 held", "3 held", "1 open", "3 open"}));
 }
 
 TEST_F(LoopProbe, PortPluggedWithItselfReportsItself) {
