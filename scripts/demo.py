@@ -1,7 +1,7 @@
 """The main job from end to end, as a transcript: a loop, then a storm; or a shell on a running agent.
 
     demo.py            the simulated switch, on a fast clock
-    demo.py --linux    a kernel bridge in a network namespace, with a private redis-server
+    demo.py --linux    a kernel bridge in a network namespace, with a private redis-server, tarnd and a real loop
     demo.py --shell    an operator's shell instead of the script, on either
 """
 
@@ -14,6 +14,8 @@ import sys
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "support"))
 
 from lab import BUILD, Lab, wait_for  # noqa: E402  (the path comes first)
+from tarn_lab import TarnLab  # noqa: E402
+from tarn_loops import Traffic  # noqa: E402
 
 SPEED = 60  # seconds of the switch in one of ours
 
@@ -161,41 +163,64 @@ def storm_on_a_port(lab, say):
     assert "shutdown" not in say.config("swp5")
 
 
+def tarnctl(lab, *words):
+    """Prints what tarnctl prints."""
+    print("    $ tarnctl " + " ".join(words))
+    done = subprocess.run([str(BUILD / "tools" / "tarnctl" / "tarnctl"), *words], env=lab.environment(),
+                          capture_output=True, text=True, check=True)
+    for line in done.stdout.splitlines():
+        print(f"      {line}")
+    sys.stdout.flush()
+
+
 def kernel():
-    """Records set by this program, kernel interfaces that go down and come up. Real time."""
-    with Lab(switch="linux", ports=4) as lab:
+    """A real loop between kernel interfaces, found and cut by tarnd. Real time."""
+    with TarnLab(ports=4) as lab:
         say = Transcript(lab)
-        say.act("A kernel bridge with four veth ports, a private redis-server, the agent")
-        lab.start_redis()
-        lab.start_agent()
-        say.type("configure terminal", "loop-detect enable shutdown access-mode",
-                 "loop-detect shutdown-recover-time 90", "end", "show interfaces status")
-        say.act("Another program sets p_bridge.tarn_loop_info for swp2")
-        lab.report_loop("swp2", is_loop=1)
-        wait_for(lambda: not lab.is_up("swp2"), 5, "swp2 is down")
-        say.log()
-        print("    $ ip link show swp2\n      " + lab.ip("-br", "link", "show", "swp2").strip())
-        for key, entry in lab.loop_entries().items():
-            print(f"    redis {key}: policy {entry.policy} src_port {entry.src_port}")
-        say.type("show loop-detect detail")
-        say.act("The redis-server is killed and started again; then the loop ends")
-        lab.kill_redis()
-        lab.start_redis()
-        lab.report_loop("swp2", is_loop=0)
+        say.act("A kernel bridge with four veth ports, a private redis-server, the agent, tarnd")
+        lab.start_tarnd()
+        lab.enable("shutdown access-mode")
+        say.type("configure terminal", "loop-detect shutdown-recover-time 90", "end", "show interfaces status")
+        with lab.slow_outside("swp1", "swp2"):
+            real_loop(lab, say)
         print("    waiting for the recovery time, 90 s", flush=True)
-        wait_for(lambda: lab.is_up("swp2"), 110, "swp2 is up again", every=0.5)
-        print("    $ ip link show swp2\n      " + lab.ip("-br", "link", "show", "swp2").strip())
+        wait_for(lambda: lab.down_ports() == [], 120, "the ports are up again", every=0.5)
+        say.type("show interfaces status", show=r"^Port|swp[12]\b")
         print("    waiting for the clear interval, 60 s", flush=True)
-        say.wait_log("Interface swp2 recovered from loop error.", 80)
+        for port in ("swp1", "swp2"):
+            say.wait_log(f"Interface {port} recovered from loop error.", 90)
         say.log()
-        print("\nDone.")
+        say.type("show tarn")
+        print("\nDone: a loop found by its first frames, cut, shut by the agent, recovered and forgotten.")
+
+
+def real_loop(lab, say):
+    """The loop goes through a second bridge, whose cables pass some thousand frames a second."""
+    wait_for(lambda: lab.cli("show tarn").count(" probing ") == 4, 10, "every port is probed")
+    tarnctl(lab, "show")
+    say.act("A host behind swp3 speaks; somebody plugs both ends of another switch into swp1 and swp2")
+    with Traffic(lab) as traffic:
+        traffic.wait_calm()
+        lab.plug("swp1")
+        lab.plug("swp2")
+        wait_for(lambda: lab.down_ports() == ["swp1", "swp2"], 10, "both ports are shut")
+        traffic.wait_calm()
+        stray = traffic.stray()
+    say.log(show=r"interface swp")
+    tarnctl(lab, "show")
+    say.type("show loop-detect detail", show=r"^loop interface|^swp")
+    print(f"    a bystander behind swp4 got {stray} stray frames beside the {traffic.sent} that the host sent\n")
+    say.act("The other switch is unplugged")
+    lab.unplug("swp1")
+    lab.unplug("swp2")
 
 
 def shell(lab):
-    """The operator's shell, until it is left."""
-    if lab.store == "redis":
-        lab.start_redis()
-    lab.start_agent()
+    """The operator's shell, until it is left. The Linux laboratory has its agent already."""
+    if lab.switch == "linux":
+        lab.start_tarnd()
+    else:
+        lab.start_agent()
     print("Type ? for help, and exit to leave. Try: enable, configure terminal, loop-detect enable.")
     subprocess.run([str(BUILD / "tools" / "ldash" / "ldash"), "-s", str(lab.cli_socket)], check=False)
 
@@ -207,8 +232,7 @@ def main():
     parser.add_argument("--shell", action="store_true", help="a shell instead of the script")
     options = parser.parse_args()
     if options.shell:
-        ports = 4 if options.linux else 24
-        with Lab(switch="linux" if options.linux else "embedded", ports=ports) as lab:
+        with TarnLab(ports=4) if options.linux else Lab(ports=24) as lab:
             shell(lab)
     elif options.linux:
         kernel()
