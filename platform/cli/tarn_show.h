@@ -31,7 +31,7 @@ using TarnPortStates = std::map<uint32_t, TarnPortState>;
 
 // Where the command gets them from, for the life of the process: null while no service runs.
 // Without a source none runs.
-void set_tarn_states(std::function<const TarnPortStates*()> source);
+void set_tarn_states(std::function<const TarnPortStates*()> states);
 
 void register_show_tarn();
 
