@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from lab import wait_for
+from lab import APP_DB, CFG_DB, wait_for
 from storm_lab import DETECTED, Program
 from tarn_lab import TarnLab
 from tarn_loops import KINDS, LoopedHub, Reflection, RemoteBridge, Traffic
@@ -123,6 +123,22 @@ def test_storm_present_before_the_start_is_ended(lab, kind):
         assert set(down) <= set(loop.shut)
         loop.unplug()
         recover(lab)
+
+
+def test_records_that_do_not_unpack_change_nothing(lab):
+    lab.start_tarnd()
+    lab.enable(SHUTDOWN)
+    database = lab.database(CFG_DB)
+    kinds = {key.decode().split("/")[0] for key in database.keys("*")}
+    assert {"p_bridge.tarn_config", "p_bridge.tarn_port"} <= kinds
+    for kind in ("p_bridge.tarn_config", "p_bridge.tarn_port", "p_app.lda_nc_policy"):
+        lab.set_record(CFG_DB, kind, "ifx=1" if kind.endswith("port") else "", b"\xff" * 40)
+    lab.set_record(CFG_DB, "p_bridge.tarn_port", "ifx=2", b"")  # of no port
+    lab.set_record(APP_DB, "p_bridge.tarn_loop_info", "ifx=1", b"\x0a")
+    with RemoteBridge(lab) as loop:
+        loop.plug()
+        assert set(wait_shut(lab)) <= set(loop.shut)
+    assert lab.tarnd.poll() is None
 
 
 def come_and_go(lab, rounds, seconds):
