@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kMaxGroups = 65536;  // the kernel's limit
 
-// setgroups(2) of this thread alone; the C library's function is about all threads.
+// setgroups(2) for this thread alone; the C library's function changes all threads.
 bool set_groups(const std::vector<gid_t>& groups) {
     return ::syscall(SYS_setgroups, groups.size(), groups.data()) == 0;
 }
@@ -28,7 +28,7 @@ std::vector<gid_t> own_groups() {
     return groups;
 }
 
-// This thread reads files with the rights of a caller as long as it lives. The kernel judges every
+// While it exists, this thread opens files with the rights of a caller. The kernel checks every
 // folder of a path, access control lists included.
 class RightsOf {
  public:
@@ -38,7 +38,8 @@ class RightsOf {
             gid_ = static_cast<gid_t>(::setfsgid(caller.gid));
             uid_ = static_cast<uid_t>(::setfsuid(caller.uid));
         }
-        // Both calls return the identity before; an invalid one changes nothing and tells it again.
+        // Both calls return the previous identity; with an invalid one they change nothing, which
+        // is how to read it back.
         taken_ = taken_ && static_cast<uid_t>(::setfsuid(static_cast<uid_t>(-1))) == caller.uid &&
                  static_cast<gid_t>(::setfsgid(static_cast<gid_t>(-1))) == caller.gid;
     }
@@ -59,7 +60,7 @@ class RightsOf {
     bool taken_ = false;
 };
 
-// Asks the file alone: a directory server that does not answer would hold up the loop.
+// Reads the file alone: a directory server that does not answer would block the loop.
 std::string name_in_passwd(uid_t uid) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/etc/passwd", "re"),
                                                                std::fclose);
@@ -75,7 +76,7 @@ std::string name_in_passwd(uid_t uid) {
 }
 
 int open_here(const std::string& path) {
-    // Not to hang on something that is no file.
+    // Does not block on a pipe or device.
     return ::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOFOLLOW | O_NOCTTY | O_CLOEXEC);
 }
 
@@ -111,7 +112,7 @@ std::string describe(const Caller& caller) {
 }
 
 int open_as(const Caller* caller, const std::string& path) {
-    // Whoever is root, or the user of the process, has the process's own rights.
+    // Root and the user of the process have the process's own rights.
     if (!caller || caller->uid == 0 || (caller->uid == ::geteuid() && ::geteuid() != 0)) {
         return open_here(path);
     }

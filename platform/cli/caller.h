@@ -17,15 +17,16 @@ struct Caller {
     std::string name = {};  // in /etc/passwd; empty when the user is not there
 };
 
-// Of a connected Unix stream socket. A caller that the kernel does not know has no rights.
+// Returns the caller of a connected Unix stream socket. One that the kernel does not know has no
+// rights.
 Caller caller_at(int fd);
 
 // For messages: "root (uid 0, pid 812)", "uid 1234 (pid 812)" without a name.
 std::string describe(const Caller& caller);
 
 // Opens a file for reading with the rights of `caller`, or of the process when it is null. Symbolic
-// links are not followed at the end of the path. -1 with errno: EPERM also when the process cannot
-// take on the caller's rights.
+// links are not followed at the end of the path. Returns -1 with errno on failure: EPERM also when
+// the process cannot assume the caller's rights.
 int open_as(const Caller* caller, const std::string& path);
 
 }  // namespace qv::cli

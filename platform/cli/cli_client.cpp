@@ -1,8 +1,8 @@
 // qv/cli.h: attaching the process, announcements, and the sessions of programs.
 //
 // A program's line never leaves the process: another thread posts it to the loop and waits for its
-// result, the loop's own thread executes it at once. So no number of operators, no missing socket
-// file and no lack of descriptors keeps a loop from being cut.
+// result, the loop's own thread executes it at once. So neither many operators nor a missing
+// socket file nor a lack of descriptors can keep a loop from being cut.
 //
 // The second thread needs the loop and the session descriptors: cli_client_init sets them once,
 // before that thread exists, and they live until the process ends.
@@ -27,7 +27,7 @@
 namespace qv::cli {
 namespace {
 
-// Operators live in real time, whatever the speed of a simulated switch's clock.
+// The idle limit is in real time, whatever the speed of a simulated switch's clock.
 SocketServer::Limits limits_of(const PlatformConfig& config) {
     const std::chrono::duration<double> idle(config.cli_idle_timeout_s * config.speed);
     return {.sessions = config.cli_max_sessions,
@@ -130,7 +130,7 @@ int cli_client_c2p_reform(void) {
     }
     return qv::guarded(-1, [client] {
         client->keeper.request_save();
-        client->loop.expect_post();  // programs announce a change before its line comes
+        client->loop.expect_post();  // programs announce a change before they send its line
         return 0;
     });
 }
@@ -145,7 +145,7 @@ int cli_sub_create_session(void) {
     if (!client || (fault && fault())) {
         return -1;
     }
-    client->loop.expect_post();  // a session is opened for the line that comes next
+    client->loop.expect_post();  // a session is opened for one line, which follows
     return client->descriptors.open();
 }
 

@@ -17,7 +17,7 @@ using qv::cli::Place;
 
 namespace {
 
-// Trees are a few dozen nodes deep; a deeper walk is a tree that leads back into itself.
+// Trees are a few dozen nodes deep; a deeper walk means that a tree contains a cycle.
 constexpr int kMaxDepth = 500;
 constexpr size_t kShownBytes = 40;
 constexpr std::string_view kBlanks = " \t\r\n";
@@ -31,7 +31,7 @@ std::string bounds(const cli_number_arg& number) {
     return std::to_string(number.low) + "-" + std::to_string(number.high);
 }
 
-// Reads a decimal number. An empty text when it is one between the bounds, else what is wrong.
+// Reads a decimal number. Returns an empty text when it is within the bounds, else what is wrong.
 std::string read_number(std::string_view word, const cli_number_arg& bound, int64_t& value) {
     const char* end = word.data() + word.size();
     const auto [stop, error] = std::from_chars(word.data(), end, value);
@@ -71,7 +71,7 @@ void find_stops(const cli_node* node, std::unordered_set<const cli_node*>& seen,
     if (!only_takes_words(node->action)) {
         stops.push_back(node);
         if (!prints) {
-            return;  // its action goes on from there
+            return;  // its action continues from there
         }
     }
     if (node->action != eol_action) {
@@ -81,8 +81,8 @@ void find_stops(const cli_node* node, std::unordered_set<const cli_node*>& seen,
 }
 
 // The nodes behind `node` that do something while a configuration is generated, in the order of
-// the walk. They are few among many that only take words. Nodes live for ever and never change, so
-// each tree is searched once.
+// the walk. Most nodes only take words. Nodes never change and are never destroyed, so each tree
+// is searched once.
 const std::vector<const cli_node*>& stops_from(const cli_node* node) {
     static auto& known = *new std::unordered_map<const cli_node*, std::vector<const cli_node*>>;
     const auto [entry, unknown] = known.try_emplace(node);
@@ -218,7 +218,7 @@ void cli_walk::offer_end(cli_handler handler) {
         prefix_refused_ = true;
         return;
     }
-    // The same command from two trees: the one that was added first has it.
+    // Two trees have the same command: the one added first wins.
     if (!handler_) {
         handler_ = handler;
         end_ = place;

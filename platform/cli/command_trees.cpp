@@ -83,8 +83,8 @@ std::map<int, std::vector<Tree>>& chains() {
     return instance;
 }
 
-// A tree with a node for the "no" prefix takes it for all its commands, for the node may stand
-// beside the path. Under "debug" it must stand on the path: the trees there hold unrelated
+// A tree with a node for the "no" prefix accepts it for all its commands, because the node may
+// stand beside the path. Under "debug" it must stand on the path: the trees there hold unrelated
 // commands.
 void visit_chain(cli_walk* walk, int chain) {
     const Place before = walk->place;
@@ -163,7 +163,7 @@ const cli_node interface_commands = {interface_commands_action, nullptr, nullptr
 const cli_node config_root = {config_root_action, nullptr, nullptr, nullptr, nullptr};
 const cli_node interface_root = {interface_root_action, nullptr, nullptr, nullptr, nullptr};
 
-// Keeps `value` for ever and hands out its address.
+// Stores `value` until the process ends and returns its address.
 template <typename T>
 const T* keep(T value) {
     static std::deque<T>& kept = *new std::deque<T>;

@@ -24,7 +24,8 @@ const cli_node* config_commands_root(std::string_view mode);
 // The tree of "show ..." alone.
 const cli_node* show_commands_root();
 
-// Builders for the switch's own trees: nodes that live for ever. Texts must do so too.
+// Builders for the switch's own trees: the nodes are never destroyed. Texts must stay valid as
+// long.
 const cli_node* end_of_line(cli_handler handler);
 const cli_node* keyword(const char* word, const char* help, const cli_node* accept,
                         const cli_node* alternative = &Tno_alt);

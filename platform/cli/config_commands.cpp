@@ -55,7 +55,7 @@ int show_running(cli_pcdb*) {
     return 0;
 }
 
-// Also for a port that is not there, as long as its section is kept.
+// Works for an absent port too while its section is kept.
 int show_running_port(cli_pcdb* pcdb) {
     const std::string name = pcdb->word[0];
     for (const ConfigSection& section : parse_config(running_config())) {

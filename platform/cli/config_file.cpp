@@ -49,7 +49,7 @@ class Descriptor {
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
     int get() const { return fd_; }
-    // The result of close(2): a file system may report a failed write as late as here.
+    // The result of close(2): a file system may report a failed write only here.
     int close() { return ::close(std::exchange(fd_, -1)); }
 
  private:
@@ -67,8 +67,8 @@ bool write_all(int fd, std::string_view text) {
     return true;
 }
 
-// Gives the new file what its predecessor had. Without the privilege the owner stays our own, and
-// then the mode must not open the file to a group that it was never meant for.
+// Gives the new file the owner and mode of the old one. Without the privilege the owner cannot be
+// changed, and then the mode must not give our own group access.
 void inherit(int fd, const std::string& from) {
     struct stat old {};
     mode_t mode = kFileMode;
@@ -94,7 +94,7 @@ std::string followed(const std::string& path) {
 constexpr std::string_view kJournalMark = "! journal ";
 constexpr std::string_view kChecksumMark = "! checksum ";
 
-// Takes the last line off `text`, with its line end.
+// Removes the last line of `text`, with its line end.
 std::string_view take_last_line(std::string_view& text) {
     const size_t end = text.empty() ? 0 : text.size() - 1;
     const size_t before = text.substr(0, end).rfind('\n');
@@ -136,7 +136,7 @@ std::vector<ConfigSection> parse_config(std::string_view text) {
 }
 
 std::optional<std::string> read_config_file(const std::string& path) {
-    // Not to hang on something that is no file.
+    // Does not block on a pipe or device.
     return read_config_from(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
 }
 
@@ -208,7 +208,7 @@ UnsealedConfig unseal_config(std::string_view sealed) {
 std::string replace_file(const std::string& path, std::string_view text, Sync sync) {
     const std::string target = followed(path);
     const std::string fresh = target + ".new";
-    ::unlink(fresh.c_str());  // of a process that died while it saved
+    ::unlink(fresh.c_str());  // left by a process that died while saving
     Descriptor fd(::open(fresh.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
     if (fd.get() < 0) {
         return std::strerror(errno);

@@ -31,7 +31,7 @@ void report(const char* mnemonic, const std::string& text) {
     printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", mnemonic, "%s", text.c_str());
 }
 
-// Records take the place of the sections that they are about.
+// Records replace the sections that they describe.
 void merge(std::vector<ConfigSection>& sections, const std::vector<JournalRecord>& records,
            uint64_t included) {
     for (const JournalRecord& record : records) {
@@ -51,9 +51,9 @@ bool explains_shutdown(const ConfigSection& section) {
            has_line(section, "no shutdown");
 }
 
-// A saved configuration that was lost or is another one does not say why a port is down. When it
-// was a program, by the journal's newest record of the port, the port is the program's again: left
-// as it is it would stay dark for ever.
+// A saved configuration that was lost or replaced does not say why a port is down. If the
+// journal's newest record says that a program shut it, the port belongs to that program again;
+// otherwise nobody would ever bring it up.
 void claim_held(std::vector<ConfigSection>& sections, const std::vector<JournalRecord>& records) {
     std::map<std::string, const ConfigSection*> newest;
     for (const JournalRecord& record : records) {
@@ -151,8 +151,9 @@ void ConfigKeeper::end_replay() {
     request_save();
 }
 
-// Programs are told of changes through the loop: each step runs when they have heard of the last.
-// Modes are looked at again until none changes, since a port may go and come back in between.
+// Programs are notified of changes through the loop: each step runs after they have seen the one
+// before. Modes are checked again until none changes, since a port may leave and return in
+// between.
 void ConfigKeeper::run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::Task done) {
     if (replay->set_modes()) {
         loop_.post([this, replay, done = std::move(done)] { run(replay, done); });
@@ -170,7 +171,7 @@ void ConfigKeeper::run(const std::shared_ptr<ConfigReplay>& replay, EventLoop::T
 
 void ConfigKeeper::release(const ConfigReplay& replay) {
     for (const uint32_t ifx : replay.unclaimed()) {
-        // Bringing one port back may make the driver report that another has gone.
+        // Bringing one port up may make the driver report that another was removed.
         const Port* const port = platform().ports().find(ifx);
         if (!port) {
             continue;
@@ -214,8 +215,8 @@ std::vector<ConfigSection> ConfigKeeper::load() {
     return sections;
 }
 
-// Keeps a file whose lines were not all taken, before anything replaces it. False when that fails:
-// then the file itself is kept.
+// Copies a file of which some lines were refused, before it is replaced. Returns false when that
+// fails; then the file must not be replaced.
 bool ConfigKeeper::keep_damaged() {
     const std::string copy = path() + ".damaged";
     std::error_code error;
@@ -248,7 +249,7 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
         check_journal(trouble);
     }
     if (ports.find(ifx)) {
-        // Older news that the port was up may have come in between: it no longer counts.
+        // An older report that the port was up may have arrived in between and no longer counts.
         sections_.set_shut_by(ifx, reason.empty() ? wanted : owner);
     }
     request_save();
@@ -314,12 +315,12 @@ bool ConfigKeeper::forget_port(const std::string& name) {
     return known;
 }
 
-// From the loop: an observer must not change the port model that is telling it something. The first
-// step lets clients hear of the port where `known_first` says so. When the port leaves before the
+// Runs from the loop, because an observer must not change the port model that calls it. With
+// `known_first`, clients are notified of the port before. When the port leaves before the
 // section is in force, the section is kept with the port's index by leave().
 void ConfigKeeper::apply(ConfigSection section, bool known_first) {
     if (!platform().ports().find(section.port)) {
-        sections_.keep(std::move(section));  // the port has left in the middle of its replay
+        sections_.keep(std::move(section));  // the port left during its replay
         return;
     }
     const uint64_t number = sections_.set_pending(section);
@@ -388,8 +389,8 @@ void ConfigKeeper::on_changed(const Port& before, const Port& after) {
     }
 }
 
-// Clients take the port for another one: what they knew of it is typed again, behind what a port of
-// that name had left.
+// For clients this is another port: its lines are executed again, after those that an earlier port
+// of that name has left.
 void ConfigKeeper::on_renamed(const Port& port) {
     ConfigSection section;
     const bool left = sections_.take(port.name, section);
@@ -404,8 +405,8 @@ void ConfigKeeper::on_renamed(const Port& port) {
 
 extern "C" {
 
-// A program cannot run without its hooks, and cannot be told that there is no memory for them: the
-// process ends then.
+// A program cannot run without its hooks, and there is no way to report a lack of memory here: the
+// process ends.
 void cli_add_param_reload_start_hook(uint32_t (*hook)(uint32_t word)) {
     [=]() noexcept {
         qv::cli::g_start_hooks.push_back(hook);

@@ -4,9 +4,9 @@
 // written into the journal before it happens. Everything else is in a save that follows within a
 // second. And a section whose port has left is kept until the port is back.
 //
-// At the start the saved file is read, then the journal, whose records take the place of the
-// sections that they are about. VLAN modes are set first, and programs hear of them before their
-// own lines are replayed: a program that judges a port by its mode must not judge it twice.
+// At the start the saved file is read, then the journal, whose records replace the sections that
+// they describe. VLAN modes are set first, and programs are notified of them before their own
+// lines are replayed: a program that judges a port by its mode must not judge it twice.
 #pragma once
 
 #include <atomic>
@@ -48,16 +48,15 @@ class ConfigKeeper final : public PortObserver {
     // leaves it without an owner. An empty text when done, else the reason.
     std::string set_admin(uint32_t ifx, bool up, bool by_program);
     // A line for a port that is not there: "no shutdown" is carried out when the port is back.
-    // Returns the name of the port, empty for any other line and for a port that nothing is known
-    // of.
+    // Returns the name of the port; empty for any other line and for an unknown port.
     std::string note_wish(uint64_t ifx, std::string_view line);
-    // Whose the shutdown of a port is.
+    // Who has shut the port.
     ShutBy shut_by(uint32_t ifx) const { return sections_.shut_by(ifx); }
-    // Keeps a section for a port that is not there, in place of the one it has.
+    // Keeps a section for a port that does not exist, and replaces the one it has.
     void keep_section(ConfigSection section);
-    // Forgets what is kept for a port that is not there. False when nothing is.
+    // Forgets the section kept for a port that does not exist. False when there is none.
     bool forget_port(const std::string& name);
-    // The sections of ports that are not there.
+    // The sections kept for ports that do not exist.
     std::string absent_ports() const { return sections_.kept_text(); }
 
     void on_added(const Port& port) override;

@@ -1,7 +1,7 @@
 // The lock on the configuration that "configure exclusive" takes. Loop thread only.
 //
 // The session that holds the lock owns its claim, so the lock ends with the session however that
-// ends. It binds operators only: lines of programs and those of a replay are never held up.
+// ends. It binds operators only: lines of programs and of a replay are never refused.
 #pragma once
 
 #include <memory>
@@ -19,7 +19,7 @@ void release_config_lock(SessionState& session);
 bool clear_config_lock(const SessionState& session);
 
 // Why the session may not configure now; empty when it may. A session whose lock was cleared must
-// release it first: what it has begun alone it shall not end among others unawares.
+// release it first, so that it notices that others may configure now.
 std::string config_lock_refusal(const SessionState& session);
 
 bool holds_config_lock(const SessionState& session);

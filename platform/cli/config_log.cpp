@@ -12,7 +12,7 @@ namespace {
 // A message has room for about 2000 bytes, and its end names the operator.
 constexpr size_t kShownBytes = 1500;
 
-// Quotes and backslashes too: a name in a line must not be able to end it.
+// Quotes and backslashes too, so that a name inside the line cannot close the quotation.
 std::string escaped(std::string_view text) {
     std::string shown;
     for (const char c : text) {

@@ -68,8 +68,8 @@ bool enter_or_keep(const ConfigSection& section, SessionState& session) {
     return false;
 }
 
-// While it executes a line, the driver may report that the port has gone. The session is therefore
-// entered again for each line: what follows must not run as a global line.
+// During a line the driver may report that the port was removed. The session is therefore entered
+// again for each line, so that no line runs as a global one.
 bool add_missing(const ConfigSection& section, const ConfigSections& current) {
     SessionState session;
     bool done = true;
@@ -82,7 +82,7 @@ bool add_missing(const ConfigSection& section, const ConfigSections& current) {
     return done;
 }
 
-// Leaves for a port that does not exist what `target` says of it.
+// Keeps the section that `target` has for a port that does not exist.
 void set_absent(const std::string& port, const ConfigSections& target) {
     const auto wanted = std::find_if(target.begin(), target.end(),
                                      [&](const auto& section) { return section.port == port; });
@@ -206,7 +206,7 @@ bool put_in_force(const ConfigSections& target) {
     for (const ConfigSection& section : target) {
         done = add_missing(section, before) && done;
     }
-    // Generated again: a new line often takes an old one's place by itself.
+    // Generated again, because a new line often replaces an old one by itself.
     const ConfigSections after = current_config();
     for (const ConfigSection& section : after) {
         done = remove_superfluous(section.port, after, target) && done;

@@ -108,7 +108,7 @@ void ConfigReplay::run_line(SessionState& session, const ConfigLine& line) {
     }
 }
 
-// To be called after each count.
+// Call it after each increment.
 void ConfigReplay::report(const std::string& text) const {
     if (refused_ + absent_ <= kMaxReports) {
         printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "REPLAY", "%s: %s", origin_.c_str(),

@@ -1,4 +1,4 @@
-// One replay of saved lines: which lines run when, and what is said of those that are refused.
+// One replay of saved lines: which lines run when, and how refusals are reported.
 // Loop thread only.
 #pragma once
 
@@ -14,25 +14,26 @@ namespace qv::cli {
 
 class ConfigReplay {
  public:
-    // Messages about single lines and sections; a sum follows when there is more to say.
+    // Messages about single lines and sections; a summary follows when there are more.
     static constexpr size_t kMaxReports = 50;
 
     // `origin` is where the lines come from, for messages.
     ConfigReplay(std::string origin, std::vector<ConfigSection> sections, PortSections& ports)
         : origin_(std::move(origin)), sections_(std::move(sections)), ports_(ports) {}
 
-    // Sets the VLAN modes. Whether any has changed: then the rest must wait until everybody has
-    // heard of it.
+    // Sets the VLAN modes and returns whether any has changed. If so, run() must wait until all
+    // observers have been notified.
     bool set_modes();
-    // All other lines. Sections of ports that are not there are kept for them.
+    // Executes all other lines. Sections of ports that do not exist are kept for them.
     void run();
-    // To be called when a port goes while run() is at work, as a line may bring to light: the rest
-    // of its section would miss it.
+    // Call when a port is removed during run(); a line may be what detects that. The rest of its
+    // section would be lost.
     void port_removed(const std::string& name);
-    // The sections that this has cut off, to be run again as a whole.
+    // The sections that were interrupted in this way; each must be run again as a whole.
     const std::vector<ConfigSection>& cut_off() const { return cut_off_; }
-    // Ports that were held when they were saved and that nobody claims after all, to be brought
-    // back. To be asked once the programs have heard of everything that run() did.
+    // Ports that a program held shut when they were saved and that no program claims now: they
+    // must be brought up. Call it when the programs have been notified of everything that run()
+    // did.
     std::vector<uint32_t> unclaimed() const;
 
     bool anything_refused() const { return refused_ != 0; }

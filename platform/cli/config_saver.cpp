@@ -67,12 +67,12 @@ void ConfigSaver::save_last() {
     if (!unasked_) {
         return;
     }
-    // The background must not be used any more, so this save answers everybody who waits.
+    // The background must not be used any more, so this save answers all callers.
     writing_ = false;
-    told_.insert(told_.end(), std::make_move_iterator(waiting_.begin()),
-                 std::make_move_iterator(waiting_.end()));
+    served_.insert(served_.end(), std::make_move_iterator(waiting_.begin()),
+                   std::make_move_iterator(waiting_.end()));
     waiting_.clear();
-    static_cast<void>(save_here());  // notes its own trouble
+    static_cast<void>(save_here());  // records its own failure
 }
 
 void ConfigSaver::begin() {
@@ -124,7 +124,7 @@ void ConfigSaver::take_port(const Port& port) {
 
 // The snapshot is over.
 ConfigImage ConfigSaver::end_snapshot() {
-    // Ports that have come between two slices, with an index that had had its turn.
+    // Ports that appeared between two slices with an index already passed.
     for (const auto& [ifx, port] : platform().ports().ports()) {
         if (!snapshot_->taken.contains(ifx)) {
             take_port(port);
@@ -139,8 +139,8 @@ ConfigImage ConfigSaver::end_snapshot() {
 
 void ConfigSaver::finish() {
     ConfigImage image = end_snapshot();
-    told_ = std::exchange(waiting_, {});
-    if (image.text == saved_text_ && told_.empty()) {
+    served_ = std::exchange(waiting_, {});
+    if (image.text == saved_text_ && served_.empty()) {
         written(image, "");
         return;
     }
@@ -167,7 +167,7 @@ void ConfigSaver::written(const ConfigImage& image, const std::string& reason) {
         saved_text_.clear();
         retry_ = loop_.after(kRetryAfter, [this] { request(); });
     }
-    for (const Done& done : std::exchange(told_, {})) {
+    for (const Done& done : std::exchange(served_, {})) {
         done(reason);
     }
     if (!waiting_.empty()) {
@@ -186,7 +186,7 @@ void ConfigSaver::watch_file() {
     });
 }
 
-// Without a change nothing would write the file again, and a crash would lose everything.
+// Without another change nothing would write the file again, and a crash would lose it all.
 void ConfigSaver::check_file() {
     struct stat status {};
     const bool removed =

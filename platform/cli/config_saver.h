@@ -1,9 +1,9 @@
 // Saves the running configuration: every change within a second, without holding up the loop. Loop
 // thread only, but for the writing itself, which the background does.
 //
-// A snapshot is taken in slices, a few ports per turn of the loop. What changes meanwhile asks for
-// another one, and what must not be lost until then is in the journal, whose number a snapshot
-// notes at its start.
+// A snapshot is taken in slices, a few ports per turn of the loop. A change in the meantime
+// requests another one. Until that is written, the journal holds what must not be lost; each
+// snapshot notes the last record number at its start.
 #pragma once
 
 #include <chrono>
@@ -41,7 +41,8 @@ class ConfigSaver {
     static constexpr int kRest = 10;  // pause after a snapshot, times what it took of the loop,
     static constexpr std::chrono::milliseconds kLongestRest{500};  // and at most this
     static constexpr std::chrono::seconds kRetryAfter{30};
-    static constexpr std::chrono::seconds kFileCheck{5};  // whether somebody has removed the file
+    static constexpr std::chrono::seconds kFileCheck{5};  // looks whether somebody has removed the
+    // file
     static constexpr int kPortsPerTurn = 64;
 
     using Done = std::function<void(const std::string& reason)>;
@@ -50,7 +51,7 @@ class ConfigSaver {
     ConfigSaver(EventLoop& loop, Background& background, std::string path, Journal& journal,
                 const PortSections& sections);
 
-    // Something has changed: it is saved soon.
+    // Something has changed and is saved soon.
     void request();
     // Saves now; `done` gets an empty text, or the reason.
     void save(Done done);
@@ -59,8 +60,8 @@ class ConfigSaver {
     // The same at the end of the process, when the background may have been destroyed.
     void save_last();
 
-    // Before the saved configuration is in force, and when it could not be read, nothing but an
-    // explicit save() may replace it.
+    // Until the saved configuration is in force, and when it could not be read, only an explicit
+    // save() may replace it.
     void allow_unasked(bool allowed) { unasked_ = allowed; }
     // The text of the saved file, so that the same is not written again.
     void set_saved(std::string text) { saved_text_ = std::move(text); }
@@ -94,8 +95,8 @@ class ConfigSaver {
     bool wanted_ = false;   // for another snapshot than the one under way
     bool writing_ = false;  // the background is at work
     std::optional<ConfigSnapshot> snapshot_;
-    std::vector<Done> waiting_;  // for the next snapshot to be written
-    std::vector<Done> told_;     // when the present one is
+    std::vector<Done> waiting_;  // for the next snapshot
+    std::vector<Done> served_;   // by the snapshot under way
     std::string saved_text_;
     std::string trouble_;
     Time rest_until_{};

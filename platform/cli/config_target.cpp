@@ -16,7 +16,7 @@ namespace {
 constexpr std::string_view kBlanks = " \t\r";
 
 // Three times what a switch of 4096 ports needs. Every line takes some of the loop's time, and the
-// loop has ports to watch.
+// loop must also watch the ports.
 constexpr size_t kMaxCommands = 131072;
 
 std::string_view trimmed(std::string_view line) {
@@ -69,7 +69,7 @@ ConfigSections merged(const std::vector<ConfigSection>& cut) {
     return sections;
 }
 
-// Why a file has more in it than can be put in force; empty when it has not.
+// The reason when a file has more lines or ports than can be put in force, else empty.
 std::string excess_in(const std::vector<ConfigSection>& cut) {
     size_t commands = 0;
     std::set<std::string_view> absent;

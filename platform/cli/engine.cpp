@@ -31,7 +31,7 @@ struct DeferredAnswer {
 struct Running {
     SessionState* session;
     std::string* output;
-    const char* wrong = nullptr;               // the place in the line that is no command
+    const char* wrong = nullptr;               // where the line stops being a command
     Completion* answer;                        // null when the answer cannot be deferred
     std::shared_ptr<DeferredAnswer> deferred;  // owns `output` once the answer is deferred
 };
@@ -89,7 +89,7 @@ std::string port_name(uint64_t ifx) {
     return port ? port->name : std::to_string(ifx);
 }
 
-// Ports may go while a session is in their mode: it falls back to mode config then.
+// A port may be removed while a session is in its mode: the session falls back to mode config.
 bool ports_are_there(SessionState& session) {
     if (session.mode == kModeInterface && !port_exists(session.ifx)) {
         session.mode = kModeConfig;
@@ -115,9 +115,9 @@ bool applies_to(uint64_t ifx, uint32_t prefix, std::string_view line) {
     return port_exists(ifx) && walk.parse(cli_get_mode_root(kModeInterface), line).handler;
 }
 
-// Calls the handler for each port of the range. Ports that may not have the command are named.
+// Calls the handler for each port of the range. Ports that do not have the command are named.
 int run_on_range(Command& command, const SessionState& session) {
-    // One line has one answer, but several calls of the handler.
+    // The handler is called several times, but a line has one answer.
     g_running->answer = nullptr;
     cli_pcdb& pcdb = command.pcdb;
     const uint32_t prefix = pcdb.prefix;
@@ -158,7 +158,7 @@ int run_config_command(SessionState& session, Command& command, std::string_view
         return refuse(obstacle);
     }
     session.mode = command.mode;  // mode config for its lines in the interface modes
-    // The handler may find that the port has gone.
+    // The handler may find that the port was removed.
     const std::string entered = operators ? entered_line(session, squeezed(typed)) : "";
     const int result = call_handler(command, session);
     if (operators) {
@@ -180,8 +180,8 @@ int run_line(SessionState& session, std::string_view line) {
     ConfigKeeper* const keeper = config_keeper();
     const uint64_t ifx = session.mode == kModeInterface ? session.ifx : 0;
     if (!ports_are_there(session)) {
-        // Not refused: a program would go on taking the port for one that it holds shut, and might
-        // hear of the refusal only when the port is back, and up.
+        // Not refused: a program would continue to regard the port as one that it holds shut, and
+        // might see the refusal only when the port is back, and up.
         const bool may = keeper && config_lock_refusal(session).empty();
         const std::string name = may ? keeper->note_wish(ifx, squeezed(line)) : "";
         if (!name.empty()) {
@@ -396,7 +396,7 @@ std::string formatted(const char* format, std::va_list arguments) {
     std::string text(usual, std::min(length, sizeof usual - 1));
     if (length > text.size()) {
         text.resize(length);
-        // The terminator goes where the string keeps its own.
+        // The terminator overwrites the string's own.
         std::vsnprintf(text.data(), length + 1, format, again);
     }
     va_end(again);

@@ -1,5 +1,5 @@
-// Where tests and simulated switches come between the framework and its work. Null, and so no cost,
-// until a fault is scripted for the first time. Any thread.
+// Hooks through which tests and the simulated switch inject faults. Null, and therefore free,
+// until the first fault is scripted. Any thread.
 #pragma once
 
 #include <atomic>
@@ -7,12 +7,12 @@
 
 namespace qv::cli {
 
-// Looks at a configuration line with its blanks squeezed. True when the line is not to be executed:
-// it prints `text` and has the result `result`.
+// Looks at a configuration line with its blanks squeezed. Returns true when the line must fail:
+// then it prints `text`, returns `result` and is not executed.
 using LineFault = bool (*)(const std::string& line, std::string& text, int& result);
 inline std::atomic<LineFault> g_line_fault = nullptr;
 
-// True when the session about to be opened for a program is to fail.
+// Returns true when the next session of a program must fail to open.
 using SessionFault = bool (*)();
 inline std::atomic<SessionFault> g_session_fault = nullptr;
 

@@ -14,7 +14,7 @@
 namespace qv::cli {
 namespace {
 
-// Laid out ahead for new records: enough for hundreds of them.
+// Allocated ahead for new records: enough for hundreds of them.
 constexpr off_t kRoom_bytes = 64 * 1024;
 constexpr mode_t kFileMode = 0600;
 constexpr size_t kUsualRecord_bytes = 256;
@@ -58,7 +58,7 @@ bool read_number(std::string_view word, Number& number) {
     return !word.empty() && stop == end && error == std::errc{};
 }
 
-// Takes a record off the front; false when there is no whole one.
+// Removes the first record; false when there is no complete one.
 bool take_record(std::string_view& bytes, JournalRecord& record) {
     const size_t end = bytes.find('\n');
     record.saved = bytes.starts_with(kSavedTitle);
@@ -122,7 +122,7 @@ std::string Journal::open(uint64_t last) {
     return renew();
 }
 
-// A section's newest record takes the place of those before it.
+// A section's newest record replaces those before it.
 void Journal::keep(const JournalRecord& record, std::string bytes) {
     std::erase_if(kept_, [&](const Kept& kept) { return kept.port == record.section.port; });
     kept_.push_back({record.number, record.section.port, std::move(bytes), record.saved});
@@ -182,7 +182,7 @@ void Journal::forget(uint64_t number, const std::vector<ConfigSection>& held) {
     kept_ = std::move(kept);
     const bool in_one_piece = kept_bytes().size() < kWrittenWhole_bytes;
     if (!in_place() || !in_one_piece || !write_over().empty()) {
-        static_cast<void>(renew());  // the next record will say what is wrong
+        static_cast<void>(renew());  // the next record reports what is wrong
     }
 }
 
@@ -194,8 +194,8 @@ std::string Journal::kept_bytes() const {
     return bytes;
 }
 
-// Writes all that is kept anew. A disk that is full has no room for a new file, but the old one has
-// kept its own.
+// Writes all kept records again. A full disk has no room for a new file, but the old one still has
+// its own.
 std::string Journal::renew() {
     std::string trouble = rewrite();
     if (!trouble.empty() && (in_place() || open_old()) && write_over().empty()) {
@@ -204,7 +204,7 @@ std::string Journal::renew() {
     return trouble;
 }
 
-// Opens the file that is there, if it is one of ours.
+// Opens an existing file if it is one of ours.
 bool Journal::open_old() {
     const int fd = ::open(path_.c_str(), O_WRONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     struct stat status {};
@@ -225,8 +225,8 @@ bool Journal::open_old() {
 
 std::string Journal::write_over() {
     const std::string bytes = kept_bytes();
-    // An empty line is no record: what is left of older ones behind it is not read. The next record
-    // overwrites it.
+    // An empty line is no record, so remains of older records behind it are not read. The next
+    // record overwrites it.
     size_ = 0;
     std::string trouble = write(bytes + "\n");
     size_ = static_cast<off_t>(bytes.size());

@@ -1,15 +1,15 @@
-// The journal beside the saved configuration: what sections will say that the next save has yet to
-// write. Loop thread only, but for read_journal().
+// The journal beside the saved configuration: the sections whose new state the next save has not
+// written yet. Loop thread only, but for read_journal().
 //
-// A record is one section as a whole, so that replaying it twice does no harm. Records are written
-// before what they tell of happens, without waiting for the disk: a crash of the process needs the
-// write alone. Each carries its number and a checksum; reading ends at the first that is damaged or
+// A record is one section as a whole, so that replaying it twice does no harm. A record is written
+// before its change is made, and is not synced: to survive a crash of the process, the write is
+// enough. Each carries its number and a checksum; reading ends at the first that is damaged or
 // whose number does not grow, so a torn record or remains of older ones are never taken. The file
-// keeps its room: a full disk does not keep a record from being written.
+// keeps its size on the disk, so that a record can be written even when the disk is full.
 //
 // Sections of ports that a program holds shut stay in the journal when they are saved, as "saved"
-// records. A replay does not need them. They tell whose shutdown it is when the saved configuration
-// was lost, damaged or replaced.
+// records. A replay does not need them. They say who has shut the port when the saved
+// configuration was lost, damaged or replaced.
 #pragma once
 
 #include <cstdint>
@@ -47,9 +47,9 @@ class Journal {
     // written.
     std::string append(const ConfigSection& section);
 
-    // Writes all records anew when the open file is not the one that the next start will read:
-    // somebody may have removed it, or put another one in its place. To be called after append();
-    // the look-up is no part of it since a port waits for that. An empty text when all is well.
+    // Writes all records again when the open file is not the one that the next start will read:
+    // somebody may have removed or replaced it. Call it after append(), which does not check this
+    // itself because a port waits for it. Returns an empty text when all is well.
     std::string stay_in_place();
 
     // The number of the record written last, 0 for none.
@@ -58,7 +58,7 @@ class Journal {
     // Whether there is a record of the section that is not in the saved configuration.
     bool holds(const std::string& port) const;
 
-    // Records up to `number` are in the saved configuration by now. `held` are its sections of
+    // The saved configuration now includes the records up to `number`. `held` are its sections of
     // ports that a program holds shut.
     void forget(uint64_t number, const std::vector<ConfigSection>& held = {});
 

@@ -73,7 +73,7 @@ std::string render(const Json& value) {
 }  // namespace
 
 // The library's matching takes time in proportion to the text and little memory, whatever the
-// pattern: the loop cannot wait for one that somebody chose badly.
+// pattern: a badly chosen one cannot block the loop.
 class OutputFilter {
  public:
     explicit OutputFilter(Kind kind, std::string_view pattern)

@@ -1,4 +1,4 @@
-// What stands behind "|" in a show command: which lines of its output are shown, or in which form.
+// The filter behind "|" in a show command: selects lines of the output, or its form.
 // Loop thread only.
 #pragma once
 
@@ -43,7 +43,7 @@ class FilterScope {
 // Whether the command at hand has a filter. In an interface mode "sh" is no show command.
 bool filtering();
 
-// What can be typed behind "|"; nothing when the line has not come to one. `line` may end in half a
+// The words that can be typed behind "|"; nothing when the line has none. `line` may end in half a
 // word.
 std::optional<std::vector<Hint>> filter_hints(std::string_view line);
 // Whether the line may be followed by "|".

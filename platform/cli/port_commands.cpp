@@ -17,7 +17,7 @@ const Port* port_of(const cli_pcdb* pcdb) {
     return platform().ports().find(static_cast<uint32_t>(pcdb->ifx));
 }
 
-// Silent when done: what a configuration command prints is its refusal.
+// Prints nothing when done: the output of a configuration command is its refusal.
 int answer(const std::string& reason) {
     return reason.empty() ? 0 : refuse(reason);
 }
@@ -36,8 +36,8 @@ int print_shutdown(cli_pcdb* pcdb) {
     return 0;
 }
 
-// The switch keeps no error state of its own beside the admin state: there is nothing to clear, and
-// the command is taken so that "no shutdown" can follow it as on any switch.
+// The switch keeps no error state beside the admin state, so there is nothing to clear. The
+// command is accepted so that "no shutdown" can follow it as on any switch.
 int recover_errdisable(cli_pcdb*) {
     return 0;
 }

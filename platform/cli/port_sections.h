@@ -1,8 +1,8 @@
 // Who shut which port, and the sections of ports that have left: what the saved configuration knows
 // beyond the lines that the running one prints. Loop thread only.
 //
-// A shutdown belongs to the operator or to the program that typed it. One that came from outside,
-// as when a device is taken down on its way to removal, is nobody's and is not saved. A program
+// A shutdown belongs to the operator or to the program that typed it. A shutdown from outside,
+// such as that of a device about to be removed, is nobody's and is not saved. A program
 // that holds a port shut says so with a line of its own in the port's section (kHeldLine). Between
 // the moment in which it takes that line back and its "no shutdown" the port is down and nobody
 // claims it: saved as "shutdown" it would stay dark after a crash, so it is saved as "no shutdown",
@@ -27,7 +27,7 @@ inline constexpr std::string_view kHeldLine = "loop-detect apply shutdown-port";
 
 bool has_line(const ConfigSection& section, std::string_view line);
 
-// Whose a port's shutdown is.
+// Who has shut a port.
 enum class ShutBy { kNobody, kOperator, kProgram };
 
 class PortSections {
@@ -40,15 +40,17 @@ class PortSections {
     // The section of a port as it is to be saved now.
     ConfigSection saved(const Port& port) const;
 
-    // The port has come with a section that is not in force yet: until set_in_force() it is what is
-    // saved, for the port itself does not show it. Returns its number.
+    // The port has appeared and its section is not in force yet. The section is what is saved
+    // until set_in_force(), because the port itself does not show it. Returns the number of the
+    // section.
     uint64_t set_pending(const ConfigSection& section);
-    // Whether it is still that one: the port may have left, and may have come with another.
+    // Whether it is still pending: the port may have left, and may have appeared again with
+    // another one.
     bool is_pending(const std::string& name, uint64_t number) const;
     void set_in_force(const std::string& name, uint64_t number);
 
-    // The same for when its admin state will have been changed. From here on the port's shutdown is
-    // its new owner's.
+    // The section as it will be after a change of the admin state. From this call on the new owner
+    // has shut the port.
     ConfigSection change_admin(const Port& port, bool up, bool by_program);
 
     ShutBy shut_by(uint32_t ifx) const;
@@ -56,14 +58,14 @@ class PortSections {
 
     // ---- Ports that are not ----
 
-    // The port is about to go. `mode_before` is the VLAN mode it had in the bridge.
+    // The port is about to be removed. `mode_before` is the VLAN mode it had in the bridge.
     void leave(const Port& port, uint32_t mode_before);
     // Keeps a section for a port that is not there, in place of the one it has. `ifx` is the index
     // of a port that leaves; without it the index that is known for the name stays.
     void keep(ConfigSection section, uint32_t ifx = 0);
     // A wish for a port that has left: true when `line` was one, with the section it leads to.
     bool wish(uint32_t ifx, std::string_view line, ConfigSection& section);
-    // Hands out the section kept under a name, and forgets it. False when there is none.
+    // Returns the section kept under a name, and forgets it. False when there is none.
     bool take(const std::string& name, ConfigSection& section);
     bool kept(const std::string& name) const { return kept_.contains(name); }
     // All of them, as text.

@@ -27,11 +27,11 @@ int (*g_interface_hook)(cli_pcdb* pcdb) = nullptr;
 std::string* g_text = nullptr;
 std::vector<ConfigLine>* g_lines = nullptr;
 
-// A line is missing in what is being generated, for want of memory. Handlers in between know
-// nothing of exceptions, so this waits for the end of the walk.
+// A line of the configuration being generated is missing, for lack of memory. The handlers in
+// between cannot pass an exception on, so this is checked at the end of the walk.
 bool g_incomplete = false;
 
-// Says where generated lines go, as long as it lives.
+// While it exists, generated lines go to its destination.
 class Destination {
  public:
     Destination(std::string* text, std::vector<ConfigLine>* lines)
@@ -46,7 +46,7 @@ class Destination {
     Destination(const Destination&) = delete;
     Destination& operator=(const Destination&) = delete;
 
-    // Nobody may take a part of the configuration for all of it.
+    // A part of the configuration must not pass for all of it.
     static void check() {
         if (g_incomplete) {
             throw std::bad_alloc();
@@ -173,7 +173,7 @@ void c2p_printf(cli_pcdb* pcdb, int indentation, const char* format, ...) {
 
 void cli_change_mode(cli_pcdb* pcdb, const char* mode) {
     std::snprintf(pcdb->mode, sizeof pcdb->mode, "%s", mode);
-    // Outside the interface modes a context is about no port.
+    // Outside the interface modes a context has no port.
     if (std::strcmp(mode, qv::cli::kModeInterface) != 0 &&
         std::strcmp(mode, qv::cli::kModeRange) != 0) {
         pcdb->ifx = 0;

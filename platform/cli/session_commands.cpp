@@ -102,7 +102,7 @@ int enter_interface(cli_pcdb* pcdb) {
     return 0;
 }
 
-// A port name taken apart: what stands before its last digits, and their value.
+// A port name, split into the text before its last digits and their value.
 struct Numbered {
     std::string_view stem;
     unsigned number;
@@ -138,7 +138,7 @@ bool add_port(const std::string& name, std::vector<uint64_t>& range, std::string
 // One piece of a range: "swp3", "swp1-4" or "swp1-swp4".
 bool add_piece(std::string_view piece, std::vector<uint64_t>& range, std::string& problem) {
     const size_t dash = piece.rfind('-');
-    // A port whose name has a dash in it is a piece of its own.
+    // A port may have a dash in its name.
     if (dash == std::string_view::npos || platform().ports().find(piece)) {
         return add_port(std::string(piece), range, problem);
     }

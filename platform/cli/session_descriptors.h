@@ -1,7 +1,7 @@
 // Descriptors of the sessions that programs of the switch open inside the process. Any thread.
 //
 // The caller closes such a descriptor with close(2), so it must be a real one, although nothing
-// passes through it. A few are kept ready for the time when the process has none left.
+// passes through it. A few are kept in reserve for when the process runs out of descriptors.
 #pragma once
 
 #include <sys/types.h>

@@ -19,7 +19,7 @@ namespace {
 constexpr std::chrono::seconds kAcceptPause{1};
 constexpr int kAcceptsPerTurn = 32;
 
-// Descriptors get the lowest free number, so a number below the reserve leaves the reserve alone.
+// A new descriptor has the lowest free number, so one below the reserve leaves the reserve free.
 bool in_reserve(int fd) {
     rlimit limit{};
     return ::getrlimit(RLIMIT_NOFILE, &limit) == 0 && limit.rlim_cur != RLIM_INFINITY &&
@@ -74,7 +74,7 @@ void SocketServer::accept_some() {
     }
 }
 
-// Without descriptors the listener stays readable: looking again at once would spin.
+// Without descriptors the listener stays readable: trying again at once would spin.
 void SocketServer::pause_when_exhausted(int reason) {
     if (reason == EMFILE || reason == ENFILE || reason == ENOBUFS || reason == ENOMEM) {
         watch_.reset();
@@ -101,7 +101,7 @@ void SocketServer::watch_file() {
 }
 
 void SocketServer::put_back() {
-    // A socket that is not in the file system any more can have no new clients but those waiting.
+    // A socket whose file was removed gets no new clients, but some may be waiting already.
     accept_some();
     try {
         const int fresh = listen_at(path_);
@@ -135,7 +135,7 @@ void SocketServer::end_session(uint64_t id) {
 }
 
 void SocketServer::show_message(std::string_view text) {
-    // A session may end while it is shown the message.
+    // A session may end while the message is sent to it.
     for (auto next = sessions_.begin(); next != sessions_.end();) {
         SocketSession& session = *(next++)->second;
         session.show_message(text);

@@ -1,8 +1,8 @@
 // The command-line socket and the operators' sessions on it. Loop thread only.
 //
-// Sessions are limited in number, and they leave the last kReservedDescriptors of the process to
-// everything else. A client beyond a limit is told so in one line and closed. A socket file that
-// was removed is put back within kFileCheck.
+// The number of sessions is limited, and they never take the last kReservedDescriptors descriptors
+// of the process. A client beyond a limit gets one line with the reason and is closed. A socket
+// file that was removed is created again within kFileCheck.
 #pragma once
 
 #include <map>
@@ -26,8 +26,8 @@ class SocketServer {
         Duration idle = std::chrono::minutes(30);  // zero: sessions may be idle for ever
     };
 
-    // Listens on a Unix stream socket at `path`, mode 0660; missing folders are made, a socket that
-    // nobody listens on is replaced. Throws std::runtime_error with path and reason.
+    // Listens on a Unix stream socket at `path`, mode 0660; missing folders are created, a socket
+    // that nobody listens on is replaced. Throws std::runtime_error with path and reason.
     SocketServer(EventLoop& loop, std::string path, Limits limits);
     ~SocketServer();
     SocketServer(const SocketServer&) = delete;

@@ -61,7 +61,7 @@ void SocketSession::on_ready(EventLoop::Ready ready) {
     serve();
 }
 
-// One read per turn; false when the client is gone with nothing left to do for it.
+// One read per turn; false when the client is gone and has no request left.
 bool SocketSession::read_some() {
     char bytes[kReadBytes];
     const ssize_t size = ::recv(fd_, bytes, sizeof bytes, 0);
@@ -73,7 +73,7 @@ bool SocketSession::read_some() {
     if (size < 0) {
         return errno == EAGAIN || errno == EINTR;
     }
-    // A half-closed client still gets the replies to its whole requests.
+    // A half-closed client still gets the replies to its complete requests.
     end_of_input_ = true;
     return true;
 }
@@ -142,7 +142,8 @@ void SocketSession::watch_idleness() {
     }
 }
 
-// One timer for the whole time: it looks again instead of being set with every byte.
+// One timer for the whole session: it checks again when it fires instead of being set with every
+// byte.
 void SocketSession::close_when_idle() {
     const Time now = loop_.clock().now();
     if (state_.monitor || answering_ || sent_ < output_.size()) {
@@ -231,7 +232,7 @@ void SocketSession::update_watch() {
     if (wanted != 0) {
         watch_ = loop_.watch(fd_, read, pending, [this](EventLoop::Ready r) { on_ready(r); });
         if (!watch_) {
-            close();  // a session that hears nothing would keep its client waiting for ever
+            close();  // without a watch its client would wait for ever
         }
     }
 }

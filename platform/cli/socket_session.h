@@ -1,11 +1,11 @@
 // One client of the command-line socket. Loop thread only.
 //
 // Requests are lines of JSON. They are executed in order, a few per turn of the loop, and only
-// while the client takes its replies: when it does not, the session stops reading, so neither
-// buffer grows beyond its limit. The same holds while a command has its answer deferred: the next
-// request waits for that answer. A client that has not taken a byte for kStalledAfter is dropped.
-// One that has sent nothing for the idle time is told so and closed, unless it monitors or waits
-// for output.
+// while the client reads its replies: when it does not, the session stops reading requests, so
+// neither buffer grows beyond its limit. The same holds while a command has its answer deferred:
+// the next request waits for that answer. A client that has not read a byte for kStalledAfter is
+// dropped. One that has sent nothing for the idle time gets a last message and is closed, unless it
+// monitors or waits for output.
 #pragma once
 
 #include <functional>
@@ -25,14 +25,15 @@ inline constexpr std::chrono::seconds kStalledAfter{60};
 class SocketSession {
  public:
     // Takes the descriptor, which must not block. An `idle` of zero is no limit. `on_closed` is
-    // called once, when the session has come to its end; it may be called from within any other
-    // call and must not destroy the session right away.
+    // called once, when the session ends. It may be called from within any other call and must not
+    // destroy the session before that returns.
     SocketSession(EventLoop& loop, int fd, Duration idle, std::function<void()> on_closed);
     ~SocketSession();
     SocketSession(const SocketSession&) = delete;
     SocketSession& operator=(const SocketSession&) = delete;
 
-    // Starts with what has come already: whoever connects mostly has a request on the way.
+    // Starts with the bytes that have arrived already: most clients send a request right after
+    // connecting.
     void start() { on_ready({.read = true, .write = false}); }
 
     // Shows a system log message, when the session monitors. A client too far behind misses it.

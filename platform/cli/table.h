@@ -1,4 +1,4 @@
-// What a show command prints row by row: a table of text, or JSON behind "| json". Loop thread
+// The output of a show command that has rows: a text table, or JSON behind "| json". Loop thread
 // only.
 #pragma once
 

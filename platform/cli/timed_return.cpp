@@ -1,6 +1,6 @@
 // The configuration before is kept in memory and, beside the saved one, in FILE.return: saving goes
-// on during the trial, and a process that dies in it must not make the trial final. The next start
-// replays what was saved and takes the return up again.
+// on during the trial, and a process that dies during the trial must not make it final. The next
+// start replays what was saved and continues the return.
 //
 // The file is written before anything changes and removed when the trial is over: on "configure
 // confirm" before the answer, after a return once the configuration before is saved. A crash in
@@ -42,7 +42,7 @@ constexpr std::string_view kMark =
     "! return ";  // "! return DUE MINUTES", DUE in seconds since 1970
 constexpr std::string_view kShutdown = "shutdown";
 constexpr int64_t kLatestDue = 4102444800;  // in 2100; the clock's range ends in 2262
-// A start gives its programs and its operator this long before an overdue return.
+// An overdue return waits this long after a start, for programs and operators.
 constexpr std::chrono::seconds kSettle{10};
 constexpr std::chrono::seconds kRetryAfter{30};
 
@@ -221,7 +221,7 @@ void go_back() {
 
 void arm(ConfigSections before, WallTime due, std::chrono::seconds wait) {
     retry().reset();
-    // Operators live in real time, whatever the speed of a simulated switch's clock.
+    // The minutes are real time, whatever the speed of a simulated switch's clock.
     const std::chrono::duration<double> on_clock(static_cast<double>(wait.count()) *
                                                  platform().config().speed);
     pending().before = std::move(before);
@@ -240,8 +240,8 @@ std::string return_due() {
     return local_time(pending().due);
 }
 
-// Written here and now, since the first change may follow at once; only the disk is waited for
-// elsewhere.
+// Written at once, since the first change may follow immediately; only the sync is left to the
+// background.
 std::string begin_timed_return(int64_t minutes) {
     if (return_pending()) {
         return "The configuration goes back at " + return_due() +
@@ -300,7 +300,7 @@ void resume_timed_return() {
         }
         return;
     }
-    // The machine's clock may have been set meanwhile: never longer than was asked for.
+    // The machine's clock may have been set meanwhile; the wait is never longer than requested.
     using std::chrono::seconds;
     const WallTime now = std::chrono::system_clock::now();
     const seconds wait = std::clamp<seconds>(std::chrono::ceil<seconds>(kept->due - now), kSettle,

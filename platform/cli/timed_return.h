@@ -10,16 +10,16 @@ namespace qv::cli {
 
 inline constexpr int64_t kMaxReturnMinutes = 1440;
 
-// Keeps the present configuration, to go back to it after `minutes` of real time. One return at a
-// time. An empty text when done, else the reason.
+// Saves the present configuration and goes back to it after `minutes` of real time. One return at
+// a time. An empty text when done, else the reason.
 std::string begin_timed_return(int64_t minutes);
-// What is in force stays. `done` gets an empty text once that is on the disk, or the reason why a
+// Cancels the return. `done` gets an empty text once that is on the disk, or the reason why a
 // restart would still go back.
 void cancel_timed_return(std::function<void(const std::string& reason)> done);
 // The same for a caller that cannot wait: on this thread.
 std::string cancel_timed_return_here();
-// Once, after the replay of the saved configuration: takes up a return that was pending when the
-// process before this one ended.
+// Continues a return that was pending when the previous process ended. Call it once, after the
+// replay of the saved configuration.
 void resume_timed_return();
 
 bool return_pending();

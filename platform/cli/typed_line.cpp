@@ -202,7 +202,7 @@ Command find_command(const SessionState& session, std::string_view line) {
     if (show.parsed.handler || further(show, own)) {
         return show;
     }
-    // When both modes stop at a word that they do not know, the session's own one reports it.
+    // When neither mode knows the word, the session's own one reports it.
     return further(global, own) && global.parsed.fault != Fault::kUnknownWord ? global : own;
 }
 

@@ -2,8 +2,8 @@
 //
 // A line belongs to the mode of its session. An operator's line may also be one of another mode:
 // behind "do" one of mode exec, in the interface modes one of mode config, and in every mode a
-// "show" command. The session's own mode is asked first. A line that is ambiguous there is not
-// looked for elsewhere.
+// "show" command. The session's own mode is tried first. A line that is ambiguous there is
+// refused.
 //
 // Behind "no" an operator may type a whole line, as it stands in the running configuration: when
 // the "no" form of the command ends earlier, the words behind its end are left out.

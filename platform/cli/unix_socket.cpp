@@ -35,7 +35,7 @@ const sockaddr* generic(const sockaddr_un& address) {
     throw std::runtime_error("cannot listen at " + path + ": " + reason);
 }
 
-// Takes away what an earlier process left at `path`, but nothing that is in use or no socket.
+// Removes the socket that an earlier process left at `path`, unless it is in use.
 void remove_stale_socket(const std::string& path) {
     struct stat status {};
     if (::lstat(path.c_str(), &status) != 0) {

@@ -10,7 +10,7 @@ namespace {
 
 using nlohmann::json;
 
-// Bytes that are no UTF-8 are replaced: a name from outside must not spoil the reply.
+// Bytes that are not UTF-8 are replaced: a name from outside must not make the reply invalid.
 std::string render(const json& object) {
     return object.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
 }

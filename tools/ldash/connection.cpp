@@ -16,7 +16,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int kPatience_ms = 3000;  // then the operator is told why nothing happens
+constexpr int kPatience_ms = 3000;  // then the operator sees why nothing happens
 
 [[noreturn]] void lost() {
     throw std::runtime_error("the connection to the switch is lost");
@@ -43,7 +43,7 @@ int connect_to(const std::string& path) {
     return fd;
 }
 
-// Passes a reply on, unless the switch ends the session with it and not at the operator's wish.
+// Returns the reply. Throws the switch's reason when the switch ends the session by itself.
 const json& checked(const json& reply) {
     if (reply.value("end", false) && reply.value("result", -1) < 0) {
         std::string reason = reply.value("output", "");
@@ -63,7 +63,7 @@ Connection::Connection(const std::string& path) : fd_(connect_to(path)) {
     }
 }
 
-// A switch that has run out of descriptors accepts no session; the kernel has already.
+// A switch without descriptors accepts no session, although the kernel has already connected us.
 void Connection::wait_for_bytes() const {
     pollfd waiting{.fd = fd_, .events = POLLIN, .revents = 0};
     if (::poll(&waiting, 1, kPatience_ms) == 0) {
@@ -116,7 +116,7 @@ Reply Connection::ask(const char* kind, std::string_view line) {
     for (std::string_view rest = text; !rest.empty();) {
         const ssize_t size = ::send(fd_, rest.data(), rest.size(), MSG_NOSIGNAL);
         if (size < 0 && errno != EINTR) {
-            break;  // a switch that has closed the session may have said why
+            break;  // a switch that has closed the session may have sent a reason
         }
         rest.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
     }

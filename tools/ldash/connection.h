@@ -34,7 +34,7 @@ class Connection {
     Reply ask(const char* kind, std::string_view line);
 
     int fd() const { return fd_; }
-    // Takes in what has come between replies. Throws as ask() does.
+    // Reads messages that arrive between replies. Throws as ask() does.
     void take_messages();
 
     // Called with each message of a session that monitors.

@@ -60,7 +60,7 @@ Options read_options(int argc, char** argv) {
     return options;
 }
 
-// Executes one line and shows its output. The status is set when there is nothing more to do.
+// Executes one line and shows its output. Sets the status; false when no further line may run.
 bool execute(ldash::Connection& connection, const std::string& line, int& status) {
     const ldash::Reply reply = connection.ask("exec", line);
     std::fputs(reply.output.c_str(), stdout);

@@ -8,8 +8,8 @@
 namespace ldash {
 
 // The line to print below `line`, which was typed behind `prompt` on a terminal `columns` wide, to
-// point at byte `wrong_at` of it. Empty when that place is not in the last row that the line takes:
-// nothing below it could point there.
+// point at byte `wrong_at` of it. Empty when that place is not in the last row of the line, since
+// nothing below could point there.
 std::string marker(std::string_view prompt, std::string_view line, size_t wrong_at, size_t columns);
 
 }  // namespace ldash

@@ -217,8 +217,8 @@ int next_key(EditLine* editor, wchar_t* key) {
     return 1;
 }
 
-// An interrupt comes in while the shell waits for a key and at no other time: between a look at
-// g_interrupted and the wait it would be noticed with the next key only.
+// Interrupts are delivered only while the shell waits for a key. Between the check of
+// g_interrupted and the wait, one would go unnoticed until the next key.
 void catch_interrupts(Shell& shell) {
     struct sigaction action {};
     action.sa_handler = [](int) {
@@ -269,7 +269,7 @@ void run_shell(Connection& connection) {
         std::printf("\r%s\n", text.c_str());
         std::fflush(stdout);
     };
-    // An empty line asks for nothing but the prompt.
+    // An empty line gets the prompt and nothing else.
     shell.prompt = connection.ask("exec", "").prompt;
     int size = 0;
     while (const char* text = el_gets(editor.get(), &size)) {

@@ -1,4 +1,5 @@
-// What is kept of a port that leaves: lines, owner of a shutdown, VLAN mode, wishes.
+// What is kept for a port that leaves: lines, owner of a shutdown, VLAN mode, requests to bring it
+// up.
 #include <string>
 
 #include "platform/cli/config_keeper.h"
@@ -257,7 +258,8 @@ TEST_F(Unasked, NewOwnerOfAShutdownIsSaved) {
 
 // ---- Renames ----
 
-// Clients hear of a new name through the loop, and take the port for another one then.
+// Clients are notified of a new name through the loop, and regard the port as another one from
+// then on.
 TEST_F(Unasked, RenamedPortIsHeldOnceTheProgramHasHeardOfItsNewName) {
     g_held.insert(102);
     program(102, "shutdown");

@@ -1,4 +1,4 @@
-// Files that are opened for somebody else, and what the process has of itself afterwards.
+// Files opened with the rights of a caller, and the rights of the process afterwards.
 #include "platform/cli/caller.h"
 
 #include <fcntl.h>
@@ -24,7 +24,7 @@ using qv::cli::open_as;
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kTeam = 12345;
 
-// An alarm ends the waiting, should there be any.
+// An alarm ends the call if it blocks.
 TEST(CallersFile, PipeIsOpenedWithoutWaiting) {
     const qv::test::TestFolder folder;
     ASSERT_EQ(::mkfifo(folder.file("pipe").c_str(), 0600), 0);

@@ -1,4 +1,4 @@
-// Files of configurations: sections, seals, and replacing a file as a whole.
+// Configuration files: sections, seals, and replacing a file as a whole.
 #include "platform/cli/config_file.h"
 
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ using qv::cli::unseal_config;
 using qv::test::read_text;
 using qv::test::write_text;
 
-// The calls that the linker hands over: what they were about, and whether they fail.
+// The calls that the linker redirects here: their arguments, and whether they fail.
 int g_file_syncs = 0;
 int g_folder_syncs = 0;
 int g_folder_error = 0;
@@ -73,7 +73,7 @@ TEST(ConfigFile, TextCutOffAnywhereLosesItsSealAndItsLastLine) {
         const auto config = unseal_config(sealed.substr(0, length));
         EXPECT_FALSE(config.intact) << length;
         EXPECT_EQ(config.journal, 0U) << length;
-        // Whole lines only, and not the last of them.
+        // Complete lines only, without the last one.
         EXPECT_TRUE(config.text.empty() || config.text.back() == '\n') << length;
         EXPECT_TRUE(sealed.starts_with(config.text)) << length;
         EXPECT_LT(config.text.size(), length == 0 ? 1 : length) << length;
@@ -149,7 +149,7 @@ TEST(ConfigFile, SymbolicLinkStaysAndItsTargetIsReplaced) {
     EXPECT_EQ(replace_file(folder.file("link"), "new\n"), "");
     EXPECT_TRUE(std::filesystem::is_symlink(folder.file("link")));
     EXPECT_EQ(read_text(folder.file("disk/real")), "new\n");
-    // Also where nothing is yet.
+    // Also when the target does not exist.
     std::filesystem::create_symlink("disk/fresh", folder.file("dangling"));
     EXPECT_EQ(replace_file(folder.file("dangling"), "made\n"), "");
     EXPECT_TRUE(std::filesystem::is_symlink(folder.file("dangling")));
@@ -278,7 +278,7 @@ TEST(ConfigFile, NameWithoutAFolderIsOneInTheWorkingFolder) {
     EXPECT_EQ(g_folder_syncs, 1);
 }
 
-// An alarm ends the waiting, should there be any.
+// An alarm ends the call if it blocks.
 TEST(ConfigFile, ReadingAPipeWaitsForNobody) {
     const qv::test::TestFolder folder;
     ASSERT_EQ(::mkfifo(folder.file("pipe").c_str(), 0600), 0);
@@ -292,7 +292,7 @@ TEST(ConfigFile, ReadingAPipeWaitsForNobody) {
     ::alarm(0);
 }
 
-// A signal comes with each write that is refused. A writer that does not give up gets its room.
+// Each refused write raises a signal. A writer that does not give up gets room in the end.
 int g_refused_writes = 0;
 
 TEST(ConfigFile, RefusedWriteIsNotTriedAgain) {

@@ -1,4 +1,4 @@
-// The log of configuration lines: which lines it has, and what it says of them.
+// The log of configuration lines: which lines are logged, and how.
 #include <gtest/gtest.h>
 #include <pwd.h>
 #include <unistd.h>

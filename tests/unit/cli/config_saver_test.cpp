@@ -1,4 +1,4 @@
-// Saves that overlap: what changes while ports are taken or while the file is written.
+// Saves that overlap: changes while ports are read or while the file is written.
 #include "platform/cli/config_saver.h"
 
 #include <gtest/gtest.h>
@@ -166,7 +166,7 @@ TEST_F(ConfigSaverTest, SaveAskedForBetweenTwoSlicesTakesEveryPortAnew) {
     g_port = [&](uint64_t ifx) {
         if (ifx == 104) {
             g_port = nullptr;
-            // Runs between the first slice, which is at work, and the second.
+            // Runs after the first slice, which is under way, and before the second.
             rig.platform.loop().post([&] {
                 rig.hardware.set_admin(101, false);
                 sections.set_shut_by(101, qv::cli::ShutBy::kOperator);

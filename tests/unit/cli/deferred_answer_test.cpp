@@ -27,7 +27,7 @@ constexpr const char* kSlowReply =
 std::vector<Completion> g_deferred;
 int g_refused = 0;
 
-// Says so and answers at once when it must.
+// Prints a line, and answers at once when it cannot defer.
 int run_slow(cli_pcdb*) {
     cli_printf("begun\n");
     Completion later = qv::cli::defer();

@@ -107,7 +107,7 @@ TEST_F(Delivery, ManyLinesOnOneSessionRunInOrder) {
         }
         close(session);
     });
-    // 500 lines end in the middle of a round of shutdowns.
+    // The 500th line is in the middle of a round of shutdowns.
     for (uint32_t ifx = 101; ifx <= 104; ++ifx) {
         EXPECT_FALSE(rig.model.find(ifx)->admin_up);
     }
@@ -165,7 +165,7 @@ TEST_F(Delivery, ScriptedFailureIsSilentAndNegative) {
     close(session);
 }
 
-// Leaves the process without a single descriptor to open, as long as it lives.
+// While it exists, the process cannot open a single descriptor.
 class NoDescriptors {
  public:
     NoDescriptors() {

@@ -1,5 +1,5 @@
-// Starts: which saved lines and records win, what programs hear in which order, and what is written
-// while lines are replayed.
+// Starts: which saved lines and records win, the order in which programs are notified, and what is
+// written while lines are replayed.
 #include <unistd.h>
 
 #include <filesystem>

@@ -1,4 +1,4 @@
-// What lines do beyond their output: which ports they touch, whom they tell, what they generate.
+// What lines do beyond their output: which ports they change, whom they notify, what they generate.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -96,7 +96,7 @@ TEST_F(LineEffects, StatesShowTheAggregateAndAPortWithoutAMode) {
               "swp4             104      up     up    access  -\n");
 }
 
-// ---- Who is told of tarn lines ----
+// ---- Who is notified of tarn lines ----
 
 TEST_F(LineEffects, TarnObserversHearOfChangesOnly) {
     int changes = 0;

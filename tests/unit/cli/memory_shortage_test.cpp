@@ -84,8 +84,8 @@ TEST_F(CliMemoryShortage, LineOfAProgramFails) {
     close(session);
 }
 
-// The handler is a program's, which knows nothing of exceptions; and a part of the configuration
-// must not be taken for all of it.
+// The handler belongs to a program and cannot pass an exception on; and a part of the
+// configuration must not pass for all of it.
 TEST_F(CliMemoryShortage, ConfigurationWithoutOneOfItsLinesIsNone) {
     qv::cli::attach(
         CLI_CHAIN_CONFIG,

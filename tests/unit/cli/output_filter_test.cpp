@@ -1,4 +1,4 @@
-// What stands behind "|" in a show command.
+// Filters behind "|" in a show command.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,7 +11,7 @@
 
 namespace {
 
-// A program's own command, whose text is its own.
+// A command of a program, which prints plain text.
 int show_fruit(cli_pcdb*) {
     cli_printf("red apple\ngreen apple\n\nyellow pear\n");
     return 0;

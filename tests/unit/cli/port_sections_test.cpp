@@ -1,6 +1,6 @@
-// Who shut which port: what the journal and the saved configuration say of it at every moment, and
-// what a start makes of that. A program stands in for the agent: it holds ports and says so in the
-// running configuration.
+// Who shut which port: what the journal and the saved configuration record at every moment, and
+// how a start uses that. A program plays the agent: it holds ports shut and says so in the running
+// configuration.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -238,7 +238,7 @@ TEST_F(PortSectionsTest, RecordsThatTheSavedFileIncludesAreOld) {
     EXPECT_TRUE(up(103));
 }
 
-// As a process leaves it that held swp2 shut, had saved that and then died.
+// The file of a process that held swp2 shut, saved that and then died.
 void held_and_saved(const std::string& path) {
     const qv::cli::ConfigSection held{
         "swp2", 0, {{0, "shutdown"}, {0, "loop-detect apply shutdown-port"}}};
@@ -315,7 +315,7 @@ TEST_F(PortSectionsTest, HeldPortStaysTheProgramsThroughTwoCrashes) {
     start();
     EXPECT_TRUE(g_held.contains(102));
     EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
-    // The program lets go, and what is saved then must bring the port back after another crash.
+    // The program releases the port. The saved file must then bring it up after another crash.
     g_held.clear();
     cli_syn_config_notify();
     rig.platform.run_for(1s);
@@ -341,7 +341,7 @@ TEST_F(PortSectionsTest, OperatorsShutdownIsReplayed) {
     EXPECT_EQ(saved("swp2"), " shutdown\n");
 }
 
-// A driver reads the news about other ports when it changes one.
+// A driver reads pending notifications of other ports when it changes one.
 TEST_F(PortSectionsTest, PortThatGoesInTheMidstOfItsReplayGetsItsWholeSectionWhenItIsBack) {
     rig.hardware.set_admin(102, false);
     was_saved(
@@ -491,7 +491,7 @@ TEST_F(PortSectionsTest, SectionOfAPortThatIsBackForAMomentStays) {
     EXPECT_TRUE(g_held.contains(203));
 }
 
-// Its clients have forgotten what they knew of it, and are told again by its lines.
+// Its clients have dropped their state, which its lines restore.
 TEST_F(PortSectionsTest, SectionOfARenamedPortIsSavedBeforeItIsInForce) {
     start();
     g_held.insert(102);

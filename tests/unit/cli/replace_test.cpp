@@ -155,7 +155,7 @@ TEST_F(Replace, SectionOfAnAbsentPortIsNamedKeptAndForgotten) {
               refusal("line 2: Unknown command: 'bogus'."));
 }
 
-// A driver reads the news about other ports, and about this one, when it changes one.
+// A driver reads pending notifications, also of this port, when it changes one.
 TEST_F(Replace, PortThatGoesInTheMidstOfItsSectionIsKeptAsTheFileSays) {
     rig.hardware.before_change = [&] {
         rig.hardware.before_change = nullptr;
@@ -396,7 +396,7 @@ TEST_F(Replace, ReadsRegularFilesOnly) {
 constexpr uid_t kNobody = 65534;
 constexpr gid_t kTeam = 12345;
 
-// Files of root, asked for by others.
+// Files of root, requested by other users.
 class ReplaceAsAUser : public Replace {
  protected:
     void SetUp() override {

@@ -1,4 +1,4 @@
-// The saved configuration: replay between the hooks, saves of every change, trouble with files.
+// The saved configuration: replay between the hooks, saves of every change, faulty files.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -262,7 +262,7 @@ TEST_F(SavedConfig, FileThatSomebodyRemovesIsSavedAgain) {
                            " was removed; the configuration is saved again."});
 }
 
-// As for a port that is made anew: its driver hears late that it was up in between.
+// As for a port that is created again: its driver learns late that it was up in between.
 TEST_F(SavedConfig, ShutdownIsSavedAlthoughNewsThatThePortWasUpComesLate) {
     rig.announce_ready();
     rig.hardware.set_admin(101, false);
@@ -583,7 +583,7 @@ TEST_F(SavedConfig, ManySectionsOfAbsentPortsAreFiftyReportsAndASum) {
                              ": 1 lines were refused and 1000 interfaces do not exist in all.");
 }
 
-// Takes no work once its thread has ended, as at the end of the process.
+// Accepts no work after its thread has ended, as at the end of the process.
 class EndingBackground final : public qv::Background {
  public:
     void run(std::function<void()> work, qv::EventLoop::Task) override {

@@ -1,4 +1,4 @@
-// Sessions whose calls fail or fall short, and what a session leaves unread.
+// Sessions whose calls fail or transfer only a part, and what a session leaves unread.
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 #include <unistd.h>

@@ -35,7 +35,7 @@ int __wrap_accept4(int fd, sockaddr* address, socklen_t* size, int flags) {
     }
     ++g_refused_accepts;
     errno = g_accept_error;
-    // A client that has gone again is an error of one call.
+    // A client that has disconnected again fails one call only.
     g_accept_error = errno == ECONNABORTED ? 0 : g_accept_error;
     return -1;
 }
@@ -365,7 +365,7 @@ TEST_F(SocketSession, MonitoringClientThatNeverReadsHoldsNoMoreThanItsBuffer) {
         printk_syslog_ext(6, "LDA", "FLOOD", "%0100d", i);
     }
     rig.platform.run_ready();
-    // The messages that had come before the buffers were full, whole ones only.
+    // The messages sent before the buffers were full, complete ones only.
     const std::string shown = client->receive();
     EXPECT_LT(shown.size(), 2000000U);
     EXPECT_EQ(ask(*client, R"({"exec": "show version"})").ends_with(kVersionReply), true);

@@ -25,7 +25,7 @@ class DefaultsObserver final : public qv::PortObserver {
 
 class SwitchCommands : public ::testing::Test {
  protected:
-    // Types lines from the first mode on; the output of all of them.
+    // Types lines, beginning in mode exec. Returns the output of all of them.
     std::string from_exec(const std::vector<std::string>& lines) {
         rig.session = {};
         std::string output;

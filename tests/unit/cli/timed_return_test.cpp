@@ -1,4 +1,5 @@
-// "configure terminal revert": what goes back, what stays, and what a crash in between leaves.
+// "configure terminal revert": what goes back, what stays, and what happens after a crash in
+// between.
 #include <gtest/gtest.h>
 
 #include <chrono>

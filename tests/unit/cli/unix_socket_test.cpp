@@ -1,4 +1,4 @@
-// Sockets by path: what is made, what is replaced, what is refused.
+// Sockets by path: what is created, what is replaced, what is refused.
 #include "platform/cli/unix_socket.h"
 
 #include <gtest/gtest.h>
@@ -57,7 +57,7 @@ TEST_F(UnixSocket, PathIsRefusedThatNoAddressHolds) {
     EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-// Nobody can connect to it as to a stream, and yet it may be in use.
+// It is no stream socket, so nobody can connect to it here, but it may be in use.
 TEST_F(UnixSocket, SocketOfAnotherKindIsNotReplaced) {
     const std::string path = folder.file("datagrams");
     const int other = ::socket(AF_UNIX, SOCK_DGRAM, 0);

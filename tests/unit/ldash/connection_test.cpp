@@ -16,7 +16,7 @@
 
 #include "tests/unit/ldash/scripted_switch.h"
 
-// The linker hands these calls of the whole program to the test.
+// The linker redirects these calls of the whole program to the test.
 namespace {
 
 // A call that would wait for ever, or is repeated for ever, throws instead.
@@ -44,7 +44,7 @@ int __real_poll(pollfd* fds, nfds_t count, int timeout);
 ssize_t __real_send(int fd, const void* bytes, size_t size, int flags);
 ssize_t __real_recv(int fd, void* bytes, size_t size, int flags);
 
-// Real time has no say: on a busy machine an answer may take any time.
+// Real time does not matter: on a busy machine an answer may take any time.
 int __wrap_poll(pollfd* fds, nfds_t count, int timeout) {
     if (!g_calls.silence) {
         return __real_poll(fds, count, timeout == 0 ? 0 : -1);

@@ -190,8 +190,8 @@ Terminal::Terminal(const std::string& socket, bool hangup_ignored) {
     child_ = ::forkpty(&screen_, nullptr, nullptr, nullptr);
     if (child_ == 0) {
         ::setenv("TERM", "dumb", 1);
-        // As on a terminal from the start: here it may be buffered for the pipe of the test
-        // already.
+        // Buffered by lines, as on a terminal: the test's own standard output may have set it up
+        // for a pipe.
         std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
         if (hangup_ignored) {
             std::signal(SIGHUP, SIG_IGN);

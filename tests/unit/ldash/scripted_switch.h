@@ -9,8 +9,8 @@
 
 namespace ldash::test {
 
-// Accepts one session on a socket of its own. Whatever does not happen within twenty seconds is a
-// failure of the test, not a hang.
+// Accepts one session on a socket of its own. A wait of more than twenty seconds fails the test
+// instead of hanging.
 class ScriptedSwitch {
  public:
     ScriptedSwitch();
@@ -27,7 +27,7 @@ class ScriptedSwitch {
     std::string request();
     // Everything that was requested until the session ended.
     std::vector<std::string> requests();
-    // Takes the session back without an answer.
+    // Closes the session without an answer.
     void hang_up();
     int session() const { return session_; }
 
@@ -75,7 +75,8 @@ class Terminal {
     void type(const std::string& keys) const;
     // Everything that was shown since the last call, up to and including `text`.
     std::string until(const std::string& text);
-    // Until the program takes each key as it comes: before, the end of input is the kernel's.
+    // Waits until the program reads each key as it is pressed. Before, the kernel handles the end
+    // of input.
     void until_keys_are_taken() const;
     void close();
     // The exit status after the rest of what is shown, which is put into `rest`.
