@@ -30,6 +30,7 @@ struct SessionState {
     bool leaving = false;          // the session ends after this line
     bool program = false;          // belongs to a program of the switch, not to an operator
     bool from_file = false;        // its lines are those of a configuration file
+    std::optional<int> length;     // "terminal length", 0: no pages; empty: the terminal's height
     std::optional<Caller> caller;  // of an operator's session; empty: the process itself
     // On the configuration lock, see config_lock.h; null when the session did not take it.
     std::shared_ptr<ConfigClaim> claim;

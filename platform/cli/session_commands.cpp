@@ -1,4 +1,4 @@
-// Commands that move the session: levels, modes, monitoring.
+// Commands that move the session between levels and modes.
 #include <algorithm>
 #include <cctype>
 #include <charconv>
@@ -80,16 +80,6 @@ int exit_mode(cli_pcdb* pcdb) {
 
 int end_modes(cli_pcdb*) {
     return leave_config();
-}
-
-int monitor_on(cli_pcdb*) {
-    current_session()->monitor = true;
-    return 0;
-}
-
-int monitor_off(cli_pcdb*) {
-    current_session()->monitor = false;
-    return 0;
 }
 
 int enter_interface(cli_pcdb* pcdb) {
@@ -201,12 +191,6 @@ void register_session_commands() {
     attach(kChainView, keyword("enable", "All commands", end_of_line(enable)), "enable");
     attach(kChainView, keyword("disable", "View commands only", end_of_line(disable)), "disable");
     attach(kChainView, keyword("exit", "Leave the session", end_of_line(leave)), "exit");
-    const cli_node* monitor = keyword(
-        "monitor", "System log messages on this session", end_of_line(monitor_on),
-        keyword(
-            "no", "Not any more",
-            keyword("monitor", "System log messages on this session", end_of_line(monitor_off))));
-    attach(kChainView, keyword("terminal", "Settings of this session", monitor), "terminal");
     const cli_node* minutes = number("Minutes until the configuration before is back", 1,
                                      kMaxReturnMinutes, end_of_line(enter_on_trial));
     const cli_node* terminal =

@@ -10,6 +10,7 @@ namespace qv::cli {
 // The order is that of the lines in the running configuration.
 void register_switch_commands() {
     register_session_commands();
+    register_terminal_commands();
     register_hostname_command();
     register_config_commands();
     register_replace_commands();

@@ -66,6 +66,9 @@ std::string reply(const Result& result, const SessionState& session) {
     if (result.wrong_at) {
         object["wrong_at"] = *result.wrong_at;
     }
+    if (session.length) {
+        object["length"] = *session.length;
+    }
     if (session.leaving) {
         object["end"] = true;
     }

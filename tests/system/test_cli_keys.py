@@ -1,9 +1,12 @@
-"""A real shell on a terminal with a real agent: TAB, "?" and "^"."""
+"""A real shell on a terminal with a real agent: TAB, "?", "^" and pages."""
 
+import fcntl
 import os
 import pty
 import select
 import signal
+import struct
+import termios
 import time
 
 import pytest
@@ -36,6 +39,9 @@ class Shell:
     def type(self, keys, text):
         os.write(self.screen, keys.encode())
         return self.until(text)
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self.screen, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def close(self):
         os.close(self.screen)
@@ -81,3 +87,27 @@ def test_marker_stands_under_the_wrong_word(shell):
     shown = shell.type("configure\n", "By commands\r\n")
     assert " " * len("lda# configure") + "^\r\n% Incomplete command.\r\n" in shown
     assert "  terminal                By commands\r\n" in shown
+
+
+def test_output_higher_than_the_terminal_stops_below_each_page(shell):
+    shell.resize(4, 80)
+    page = shell.type("show interfaces status\n", "--More--").split("status\r\n")[-1]
+    assert page.count("\r\n") == 3 and "swp2 " in page
+    shown = shell.type("\r", "--More--")
+    assert "swp3 " in shown and "swp4 " not in shown
+    assert "swp4 " in shell.type(" ", "lda# ")
+    shell.type("show interfaces status\n", "--More--")
+    assert "swp" not in shell.type("q", "lda# ")
+    shell.type("show version | count\n", "\n1\r\nlda# ")
+
+
+def test_terminal_length_replaces_the_height_of_the_terminal(shell):
+    shell.resize(4, 80)
+    shell.type("terminal length 0\n", "lda# ")
+    assert "--More--" not in shell.type("show interfaces status\n", "\r\nlda# ")
+    shell.type("terminal length 2\n", "lda# ")
+    assert "swp" not in shell.type("show interfaces status\n", "--More--")
+    shell.type("q", "lda# ")
+    shell.type("terminal no length\n", "lda# ")
+    assert "swp2 " in shell.type("show interfaces status\n", "--More--")
+    shell.type("q", "lda# ")
