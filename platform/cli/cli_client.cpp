@@ -93,6 +93,11 @@ ConfigKeeper* config_keeper() {
     return client ? &client->keeper : nullptr;
 }
 
+const SocketServer* socket_server() {
+    Client* client = g_client;
+    return client ? &client->server : nullptr;
+}
+
 }  // namespace qv::cli
 
 using qv::cli::g_client;

@@ -67,6 +67,16 @@ bool has_control_byte(std::string_view line) {
     });
 }
 
+void remember_line(SessionState& session, std::string_view line) {
+    if (!session.caller) {
+        return;
+    }
+    session.history.emplace_back(line);
+    if (session.history.size() > kHistoryLines) {
+        session.history.pop_front();
+    }
+}
+
 std::string squeezed(std::string_view line) {
     std::string text;
     for (const char c : line) {
@@ -281,6 +291,7 @@ Result execute_now(SessionState& session, std::string_view line, Completion* ans
         cli_printf("%% Line contains control characters.\n");
         result.code = -1;
     } else if (!line.empty() && line.front() != '!') {
+        remember_line(session, line);
         run_filtered(session, line, answer, result);
     }
     if (const char* const wrong = scope.running().wrong) {

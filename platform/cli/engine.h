@@ -4,6 +4,7 @@
 
 #include <cstdarg>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -16,6 +17,7 @@
 namespace qv::cli {
 
 inline constexpr size_t kMaxLineBytes = 1024;
+inline constexpr size_t kHistoryLines = 100;
 
 struct ConfigClaim;
 
@@ -32,6 +34,8 @@ struct SessionState {
     bool from_file = false;        // its lines are those of a configuration file
     std::optional<int> length;     // "terminal length", 0: no pages; empty: the terminal's height
     std::optional<Caller> caller;  // of an operator's session; empty: the process itself
+    uint64_t number = 0;           // of an operator's session
+    std::deque<std::string> history;  // an operator's newest kHistoryLines lines, oldest first
     // On the configuration lock, see config_lock.h; null when the session did not take it.
     std::shared_ptr<ConfigClaim> claim;
 };

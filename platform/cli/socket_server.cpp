@@ -68,7 +68,7 @@ void SocketServer::accept_some() {
         }
         const uint64_t id = next_id_++;
         const auto session =
-            sessions_.emplace(id, std::make_unique<SocketSession>(loop_, fd, limits_.idle,
+            sessions_.emplace(id, std::make_unique<SocketSession>(loop_, fd, id, limits_.idle,
                                                                   [this, id] { end_session(id); }));
         session.first->second->start();
     }
@@ -132,6 +132,14 @@ void SocketServer::end_session(uint64_t id) {
             ended_.clear();
         });
     }
+}
+
+std::vector<const SocketSession*> SocketServer::sessions() const {
+    std::vector<const SocketSession*> all;
+    for (const auto& [id, session] : sessions_) {
+        all.push_back(session.get());
+    }
+    return all;
 }
 
 void SocketServer::show_message(std::string_view text) {

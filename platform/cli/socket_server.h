@@ -35,6 +35,8 @@ class SocketServer {
 
     const std::string& path() const { return path_; }
     size_t session_count() const { return sessions_.size(); }
+    // The open sessions, oldest first; valid until the loop runs on.
+    std::vector<const SocketSession*> sessions() const;
 
     // Shows a message on every session that monitors.
     void show_message(std::string_view text);
@@ -62,5 +64,8 @@ class SocketServer {
     EventLoop::Handle file_check_;
     EventLoop::Handle sweep_;
 };
+
+// The server of this process; null before the command line has started.
+const SocketServer* socket_server();
 
 }  // namespace qv::cli

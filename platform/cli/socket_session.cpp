@@ -19,14 +19,16 @@ constexpr int kWrite = 2;
 
 }  // namespace
 
-SocketSession::SocketSession(EventLoop& loop, int fd, Duration idle,
+SocketSession::SocketSession(EventLoop& loop, int fd, uint64_t number, Duration idle,
                              std::function<void()> on_closed)
     : loop_(loop),
       fd_(fd),
       idle_(idle),
-      last_used_(loop.clock().now()),
+      last_heard_(loop.clock().now()),
+      last_used_(last_heard_),
       on_closed_(std::move(on_closed)) {
     state_.caller = caller_at(fd);
+    state_.number = number;
     watch_idleness();
 }
 
@@ -66,7 +68,8 @@ bool SocketSession::read_some() {
     char bytes[kReadBytes];
     const ssize_t size = ::recv(fd_, bytes, sizeof bytes, 0);
     if (size > 0) {
-        last_used_ = loop_.clock().now();
+        last_heard_ = loop_.clock().now();
+        last_used_ = last_heard_;
         input_.append(bytes, static_cast<size_t>(size));
         return true;
     }

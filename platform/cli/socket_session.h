@@ -24,10 +24,11 @@ inline constexpr std::chrono::seconds kStalledAfter{60};
 
 class SocketSession {
  public:
-    // Takes the descriptor, which must not block. An `idle` of zero is no limit. `on_closed` is
-    // called once, when the session ends. It may be called from within any other call and must not
-    // destroy the session before that returns.
-    SocketSession(EventLoop& loop, int fd, Duration idle, std::function<void()> on_closed);
+    // Takes the descriptor, which must not block. `number` names the session to operators. An
+    // `idle` of zero is no limit. `on_closed` is called once, when the session ends. It may be
+    // called from within any other call and must not destroy the session before that returns.
+    SocketSession(EventLoop& loop, int fd, uint64_t number, Duration idle,
+                  std::function<void()> on_closed);
     ~SocketSession();
     SocketSession(const SocketSession&) = delete;
     SocketSession& operator=(const SocketSession&) = delete;
@@ -35,6 +36,10 @@ class SocketSession {
     // Starts with the bytes that have arrived already: most clients send a request right after
     // connecting.
     void start() { on_ready({.read = true, .write = false}); }
+
+    const SessionState& state() const { return state_; }
+    // How long the client has not sent anything.
+    Duration silence() const { return loop_.clock().now() - last_heard_; }
 
     // Shows a system log message, when the session monitors. A client too far behind misses it.
     void show_message(std::string_view text);
@@ -58,7 +63,8 @@ class SocketSession {
     EventLoop& loop_;
     int fd_;  // -1 when closed
     const Duration idle_;
-    Time last_used_;  // when the client last sent something or was last waiting
+    Time last_heard_;  // when the client last sent something
+    Time last_used_;   // the same, or when it was last found waiting
     std::function<void()> on_closed_;
     SessionState state_;
     std::string input_;

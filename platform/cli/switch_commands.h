@@ -18,6 +18,7 @@ void register_terminal_commands();  // terminal ...
 void register_config_commands();    // write, show running-config, show startup-config
 void register_replace_commands();   // configure replace, configure confirm
 void register_port_commands();      // shutdown, switchport mode, default interface, show interfaces
+void register_user_commands();      // show users, show history
 void register_debug_commands();     // debug NAME, show debugging, show logging, show version
 
 // Action of a slot for a port's name: takes any word into word slot 0, offers the names there are.

@@ -14,6 +14,9 @@ std::string text_of(const Json& cell) {
     if (cell.is_null()) {
         return "-";
     }
+    if (cell.is_boolean()) {
+        return cell.get<bool>() ? "*" : "";
+    }
     return cell.is_string() ? cell.get<std::string>() : cell.dump();
 }
 

@@ -17,7 +17,8 @@ class Table {
  public:
     explicit Table(std::vector<Column> columns) : columns_(std::move(columns)) {}
 
-    // One cell for each column: texts, numbers, or null for what does not apply, "-" in text.
+    // One cell for each column: texts, numbers, null for what does not apply ("-" in text), or a
+    // boolean (in text "*" or nothing).
     void add(std::vector<nlohmann::ordered_json> cells) { rows_.push_back(std::move(cells)); }
 
     // Headings and rows, or a JSON array with an object for each row.

@@ -34,6 +34,7 @@ void answer_exec(const json& request, const std::string& line, SessionState& ses
     }
     SessionState alone;
     alone.caller = session.caller;
+    alone.number = session.number;
     alone.claim = session.claim;
     alone.mode = *mode;
     alone.ifx = ifx == request.end() ? 0 : ifx->get<uint64_t>();

@@ -111,3 +111,14 @@ def test_terminal_length_replaces_the_height_of_the_terminal(shell):
     shell.type("terminal no length\n", "lda# ")
     assert "swp2 " in shell.type("show interfaces status\n", "--More--")
     shell.type("q", "lda# ")
+
+
+def test_users_and_history_know_the_lines_and_mode_of_the_shell(shell, lab):
+    shell.type("configure terminal\n", "lda(config)# ")
+    shell.type("frobnicate\n", "lda(config)# ")
+    shown = shell.type("show users\n", "(config)# ")
+    assert f" {shell.child} " in shown and "\r\n* " in shown
+    history = shell.type("show history\n", "(config)# ")
+    assert "\nconfigure terminal\r\nfrobnicate\r\nshow users\r\nshow history\r\n" in history
+    others = [line.split() for line in lab.cli("show users").splitlines() if f" {shell.child} " in line]
+    assert len(others) == 1 and "config" in others[0] and others[0][0] != "*"
