@@ -94,6 +94,12 @@ std::vector<LoggedMessage> recent_log() {
     return {log.ring.begin(), log.ring.end()};
 }
 
+void clear_recent_log() {
+    LogState& log = state();
+    const MutexLock lock(log.mutex);
+    log.ring.clear();
+}
+
 void set_monitor_sink(std::function<void(std::string_view text)> sink) {
     std::shared_ptr<const Sink> fresh;
     if (sink) {

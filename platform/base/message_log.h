@@ -36,6 +36,8 @@ struct LoggedMessage {
 
 // A copy of the last kRecentLogMessages messages, oldest first. Any thread.
 std::vector<LoggedMessage> recent_log();
+// Empties that list; the system log keeps what it has. Any thread.
+void clear_recent_log();
 
 // Shows a message, as vlog_message() returned it, on the monitoring terminals. Any thread.
 void show_on_monitors(const std::string& line);

@@ -1,12 +1,10 @@
-// Debug switches, the recent log, the version.
+// Debug switches and the version.
 #include <cstring>
-#include <ctime>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <string>
 
 #include "platform/base/guarded.h"
-#include "platform/base/message_log.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/output_filter.h"
@@ -51,30 +49,6 @@ int show_switches(cli_pcdb*) {
     return 0;
 }
 
-void print_log_as_json() {
-    nlohmann::ordered_json messages = nlohmann::ordered_json::array();
-    for (const LoggedMessage& message : recent_log()) {
-        messages.push_back({{"time", wall_time_text(message.time)}, {"message", message.text}});
-    }
-    print_json(messages);
-}
-
-int show_log(cli_pcdb*) {
-    if (json_wanted()) {
-        print_log_as_json();
-        return 0;
-    }
-    for (const LoggedMessage& message : recent_log()) {
-        const std::time_t seconds = std::chrono::system_clock::to_time_t(message.time);
-        std::tm local{};
-        localtime_r(&seconds, &local);
-        char stamp[32] = "";
-        std::strftime(stamp, sizeof stamp, "%b %e %H:%M:%S", &local);
-        cli_printf("%s %s\n", stamp, message.text.c_str());
-    }
-    return 0;
-}
-
 int show_version(cli_pcdb*) {
     if (json_wanted()) {
         print_json({{"program", "lda"}, {"version", LDA_VERSION}});
@@ -92,8 +66,6 @@ void register_debug_commands() {
     attach(CLI_CHAIN_SHOW,
            keyword("debugging", "Debug switches that are on", end_of_line(show_switches)),
            "show debugging");
-    attach(CLI_CHAIN_SHOW, keyword("logging", "Recent system log messages", end_of_line(show_log)),
-           "show logging");
     attach(CLI_CHAIN_SHOW, keyword("version", "Version of the program", end_of_line(show_version)),
            "show version");
 }
