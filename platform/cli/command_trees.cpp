@@ -211,8 +211,8 @@ const cli_node* rest_of_line(const char* name, const char* help, const cli_node*
     return node(common_word_action, keep(cli_word_arg{name, help, 0, true}), accept);
 }
 
-const cli_node* custom(cli_action action, const cli_node* accept) {
-    return node(action, nullptr, accept);
+const cli_node* custom(cli_action action, const cli_node* accept, const cli_node* alternative) {
+    return node(action, nullptr, accept, alternative);
 }
 
 const cli_node* with_no(const cli_node* accept, const cli_node* plain) {

@@ -33,7 +33,8 @@ const cli_node* number(const char* help, int64_t low, int64_t high, const cli_no
                        const cli_node* alternative = &Tno_alt);
 const cli_node* any_word(const char* name, const char* help, const cli_node* accept);
 const cli_node* rest_of_line(const char* name, const char* help, const cli_node* accept);
-const cli_node* custom(cli_action action, const cli_node* accept);
+const cli_node* custom(cli_action action, const cli_node* accept,
+                       const cli_node* alternative = &Tno_alt);
 const cli_node* with_no(const cli_node* accept, const cli_node* plain);
 const cli_node* with_default(const cli_node* accept, const cli_node* plain);
 const cli_node* print_config(cli_handler handler, const cli_node* accept);

@@ -1,17 +1,14 @@
-// Commands about ports: shutdown, VLAN mode, defaults, states.
+// Commands that configure ports: shutdown, VLAN mode, defaults.
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
-#include "platform/cli/table.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/platform.h"
 #include "qv/bridge.h"
 
 namespace qv::cli {
 namespace {
-
-using Json = nlohmann::ordered_json;
 
 const Port* port_of(const cli_pcdb* pcdb) {
     return platform().ports().find(static_cast<uint32_t>(pcdb->ifx));
@@ -83,37 +80,6 @@ int restore_defaults(cli_pcdb* pcdb) {
     return answer(reason);
 }
 
-const char* mode_name(uint32_t mode) {
-    if (mode == SWPORT_MODE_ACCESS) {
-        return "access";
-    }
-    if (mode == SWPORT_MODE_TRUNK) {
-        return "trunk";
-    }
-    return mode == SWPORT_MODE_HYBRID ? "hybrid" : "none";
-}
-
-const char* up_or_down(bool up) {
-    return up ? "up" : "down";
-}
-
-int show_status(cli_pcdb*) {
-    const PortModel& ports = platform().ports();
-    Table table({{"port", "Port", 16},
-                 {"index", "Index", 8},
-                 {"admin", "Admin", 6},
-                 {"link", "Link", 5},
-                 {"mode", "Mode", 7},
-                 {"aggregate", "Aggregate", 0}});
-    for (const auto& [ifx, port] : ports.ports()) {
-        const Port* aggregate = port.aggregate != 0 ? ports.find(port.aggregate) : nullptr;
-        table.add({port.name, ifx, up_or_down(port.admin_up), up_or_down(port.oper_up),
-                   mode_name(port.mode), aggregate ? Json(aggregate->name) : Json()});
-    }
-    table.print();
-    return 0;
-}
-
 const cli_node* end_of_mode_tree() {
     const cli_node* modes =
         keyword("access", "One untagged VLAN", end_of_line(set_mode<SWPORT_MODE_ACCESS>),
@@ -146,10 +112,6 @@ void register_port_commands() {
                                 custom(port_name_action, end_of_line(restore_defaults))),
                         nullptr),
            "default interface");
-    attach(CLI_CHAIN_SHOW,
-           keyword("interfaces", "Interfaces",
-                   keyword("status", "States and modes", end_of_line(show_status))),
-           "show interfaces status");
 }
 
 }  // namespace qv::cli

@@ -177,6 +177,7 @@ void port_name_action(cli_walk* walk, const cli_node* node) {
         .name = "INTERFACE", .help = "Name of an interface", .slot = 0, .rest = false};
     if (walk->generating()) {
         walk->visit(node->accept);
+        walk->visit(node->alternative);
         return;
     }
     walk->offer_word(kName, node);
@@ -185,6 +186,7 @@ void port_name_action(cli_walk* walk, const cli_node* node) {
             walk->hint(port.name, "");
         }
     }
+    walk->visit(node->alternative);
 }
 
 void register_session_commands() {

@@ -53,6 +53,10 @@ std::string PortModel::set_admin(uint32_t ifx, bool up) {
     return find(ifx) ? driver_.set_admin(ifx, up) : "no such port";
 }
 
+std::map<uint32_t, PortCounters> PortModel::counters(uint32_t ifx) const {
+    return driver_.counters(ifx);
+}
+
 std::string PortModel::set_mode(uint32_t ifx, uint32_t mode) {
     return find(ifx) ? driver_.set_mode(ifx, mode) : "no such port";
 }

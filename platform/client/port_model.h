@@ -47,6 +47,8 @@ class PortModel final : public PortSink {
     // Requests of the command line. Empty when done, else the reason.
     std::string set_admin(uint32_t ifx, bool up);
     std::string set_mode(uint32_t ifx, uint32_t mode);
+    // The counters of a port, or of all when `ifx` is 0; see SwitchDriver::counters().
+    std::map<uint32_t, PortCounters> counters(uint32_t ifx) const;
     // "default interface": notifies the observers after the command line has cleared the port's
     // lines.
     void restore_defaults(uint32_t ifx);

@@ -2,6 +2,8 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
+#include <optional>
 #include <string>
 
 namespace qv {
@@ -18,6 +20,22 @@ struct Port {
     bool vsl = false;        // converted into a virtual switch link
     bool admin_up = true;
     bool oper_up = true;
+};
+
+// The traffic of a port since it was created. What a driver does not know is empty.
+struct PortCounters {
+    struct Direction {
+        std::optional<uint64_t> packets;
+        std::optional<uint64_t> bytes;
+        std::optional<uint64_t> drops;   // for lack of room, or by a rule
+        std::optional<uint64_t> errors;  // damaged packets
+
+        bool operator==(const Direction&) const = default;
+    };
+    Direction received;
+    Direction sent;
+
+    bool operator==(const PortCounters&) const = default;
 };
 
 // The receiver of a driver's reports. Loop thread only.
@@ -42,6 +60,9 @@ class SwitchDriver {
     virtual void start(PortSink& sink) = 0;
     virtual std::string set_admin(uint32_t ifx, bool up) = 0;
     virtual std::string set_mode(uint32_t ifx, uint32_t mode) = 0;
+    // The counters of a port, or of all ports when `ifx` is 0, as they are now, by interface index.
+    // Ports whose counters cannot be read are missing.
+    virtual std::map<uint32_t, PortCounters> counters(uint32_t ifx) = 0;
 };
 
 }  // namespace qv

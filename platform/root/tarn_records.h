@@ -30,6 +30,9 @@ class ShutPorts final : public SwitchDriver {
     std::string set_mode(uint32_t ifx, uint32_t mode) override {
         return driver_.set_mode(ifx, mode);
     }
+    std::map<uint32_t, PortCounters> counters(uint32_t ifx) override {
+        return driver_.counters(ifx);
+    }
 
     bool contains(uint32_t ifx) const { return shut_.contains(ifx); }
     void forget(uint32_t ifx) { shut_.erase(ifx); }

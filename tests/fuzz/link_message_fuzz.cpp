@@ -1,7 +1,8 @@
-// The kernel's link messages, and the ports that are made of them.
+// The kernel's link messages, the ports that are made of them, and the links' counters.
 #include <set>
 
 #include "platform/driver/linux/bridge_ports.h"
+#include "platform/driver/linux/rtnl_counters.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "tests/fuzz/agent.h"
 #include "tests/fuzz/netlink.h"
@@ -43,6 +44,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
             fuzz::require(link->ifx != 0, "a link has an index");
             fuzz::require(link->name.size() < 16, "a link's name fits");
             ports.take(*link);
+        }
+        if (const auto link = parse_counters(header)) {
+            fuzz::require(link->ifx != 0, "counters belong to a link");
         }
         if (++messages == 4) {  // the rest are changes
             ports.end_dump();

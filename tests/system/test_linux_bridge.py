@@ -1,5 +1,8 @@
 """The main job on real input: kernel ports, a real redis-server, records set by another program."""
 
+import json
+import re
+import sys
 import time
 
 import pytest
@@ -7,6 +10,13 @@ import pytest
 from lab import Lab, wait_for
 
 DETECTED = "%LOOP_DETECT-3-ERROR: Detected loop error on interface {}."
+SEND_FRAMES = """
+import socket, sys
+link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+link.bind((sys.argv[1], 0))
+for _ in range(1000):
+    link.send(bytes.fromhex("020000000001" "020000000002" "88b6") + bytes(46))
+"""
 RECOVERED = "%LOOP_DETECT-3-RECOVER: Interface {} recovered from loop error."
 
 
@@ -142,3 +152,21 @@ def test_port_removed_while_it_is_shut_and_added_again(lab):
     wait_for(lambda: "swp3" in lab.cli("show interfaces status"), 5, "the port is back")
     lab.report_loop("swp3", is_loop=1)
     wait_for(is_down(lab, "swp3"), 5, "swp3 is down again")
+
+
+def test_counters_of_a_port_are_those_of_the_kernel(lab):
+    def shown():
+        return json.loads(lab.cli("show interfaces swp1 | json"))[0]
+
+    before = shown()
+    assert set(before["received"]) == {"packets", "bytes", "drops", "errors"} == set(before["sent"])
+    lab.inside(sys.executable, "-c", SEND_FRAMES, "swp1-far")
+    after = shown()
+    assert after["received"]["packets"] - before["received"]["packets"] >= 1000
+    assert after["received"]["bytes"] - before["received"]["bytes"] >= 60000
+    kernel = json.loads(lab.ip("-j", "-s", "link", "show", "dev", "swp1"))[0]["stats64"]
+    assert kernel["rx"]["packets"] >= after["received"]["packets"]
+    assert [port["port"] for port in json.loads(lab.cli("show interfaces | json"))] == lab.port_names
+    text = lab.cli("show interfaces swp1").splitlines()
+    assert re.fullmatch(r"  Received \d+ packets, \d+ bytes, \d+ drops, \d+ errors", text[2])
+    assert re.fullmatch(r"  Sent \d+ packets, \d+ bytes, \d+ drops, \d+ errors", text[3])

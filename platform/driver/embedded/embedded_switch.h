@@ -31,6 +31,8 @@ class EmbeddedSwitch final : public SwitchDriver {
     void start(PortSink& sink) override;
     std::string set_admin(uint32_t ifx, bool up) override;
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
+    // This switch counts nothing.
+    std::map<uint32_t, PortCounters> counters(uint32_t) override { return {}; }
 
     // Ports. Deleting a port unplugs its cable, removes it from its aggregate port, and removes its
     // own members from it.

@@ -21,6 +21,7 @@
 #include "platform/base/message_log.h"
 #include "platform/base/supervisor.h"
 #include "platform/driver/linux/bridge_ports.h"
+#include "platform/driver/linux/rtnl_counters.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "platform/driver/linux/rtnl_monitor.h"
 #include "qv/bridge.h"
@@ -177,6 +178,12 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         return "";
     }
 
+    std::map<uint32_t, PortCounters> counters(uint32_t ifx) const {
+        std::map<uint32_t, PortCounters> counters = read_counters(ifx);
+        std::erase_if(counters, [this](const auto& item) { return find(item.first) == nullptr; });
+        return counters;
+    }
+
     uint32_t bridge() const { return ports_ ? ports_->bridge() : 0; }
     unsigned resyncs() const { return monitor_.resyncs(); }
 
@@ -261,6 +268,10 @@ std::string RtnlSwitch::set_admin(uint32_t ifx, bool up) {
 
 std::string RtnlSwitch::set_mode(uint32_t ifx, uint32_t mode) {
     return impl_->set_mode(ifx, mode);
+}
+
+std::map<uint32_t, PortCounters> RtnlSwitch::counters(uint32_t ifx) {
+    return impl_->counters(ifx);
 }
 
 uint32_t RtnlSwitch::bridge() const {

@@ -51,6 +51,9 @@ class RtnlSwitch final : public SwitchDriver {
     // Access, trunk or hybrid; reported from inside the call.
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
 
+    // From the link statistics of the kernel: one request for a port, one list for all of them.
+    std::map<uint32_t, PortCounters> counters(uint32_t ifx) override;
+
     // Interface index of the bridge; 0 before the first dump and while there is no such bridge.
     // While the socket is being opened again it is the last known one.
     uint32_t bridge() const;

@@ -31,6 +31,11 @@ std::string PlainSwitch::set_mode(uint32_t ifx, uint32_t mode) {
     return refusal;
 }
 
+std::map<uint32_t, PortCounters> PlainSwitch::counters(uint32_t ifx) {
+    asked_counters.push_back(ifx);
+    return traffic;
+}
+
 void PlainSwitch::add(const std::string& name, uint32_t ifx, uint32_t type) {
     Port port;
     port.ifx = ifx;
@@ -47,6 +52,11 @@ void PlainSwitch::remove(uint32_t ifx) {
 
 void PlainSwitch::rename(uint32_t ifx, const std::string& name) {
     ports_.at(ifx).name = name;
+    sink_->port_changed(ports_.at(ifx));
+}
+
+void PlainSwitch::join_aggregate(uint32_t ifx, uint32_t aggregate) {
+    ports_.at(ifx).aggregate = aggregate;
     sink_->port_changed(ports_.at(ifx));
 }
 

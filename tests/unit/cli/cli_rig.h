@@ -21,13 +21,17 @@ class PlainSwitch final : public SwitchDriver {
     void start(PortSink& sink) override { sink_ = &sink; }
     std::string set_admin(uint32_t ifx, bool up) override;
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
+    std::map<uint32_t, PortCounters> counters(uint32_t ifx) override;
 
     void add(const std::string& name, uint32_t ifx, uint32_t type = 2);
     void remove(uint32_t ifx);
     void rename(uint32_t ifx, const std::string& name);
+    void join_aggregate(uint32_t ifx, uint32_t aggregate);
 
     std::string refusal;
-    std::function<void()> before_change;  // called before an admin state changes
+    std::map<uint32_t, PortCounters> traffic;  // the answer about counters
+    std::vector<uint32_t> asked_counters;      // each request about them
+    std::function<void()> before_change;       // called before an admin state changes
 
  private:
     PortSink* sink_ = nullptr;

@@ -1,6 +1,7 @@
 // The port clients on a switch that does only what the test says, with a clock that stands still.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -20,6 +21,7 @@ class ScriptedSwitch final : public qv::SwitchDriver {
         requests.push_back("mode " + std::to_string(ifx) + " " + std::to_string(mode));
         return answer;
     }
+    std::map<uint32_t, qv::PortCounters> counters(uint32_t) override { return {}; }
 
     std::vector<std::string> requests;
     std::string answer;
