@@ -117,13 +117,12 @@ void show_output(Shell& shell, std::string_view output) {
     if (shell.length && ::isatty(STDOUT_FILENO) != 0) {
         screen.rows = static_cast<size_t>(*shell.length);
     }
-    std::optional<SingleKeys> keys;  // from the first stop on
-    show_paged(output, screen, [&] {
-        if (!keys) {
-            keys.emplace();
-        }
-        return wait_for_key(shell, show_more_prompt);
-    });
+    // From here on: a key pressed right after the prompt appears must not be echoed.
+    std::optional<SingleKeys> keys;
+    if (screen.rows != 0) {
+        keys.emplace();
+    }
+    show_paged(output, screen, [&] { return wait_for_key(shell, show_more_prompt); });
 }
 
 // Asks the switch about the line so far; an empty text when the connection is lost.
