@@ -18,7 +18,8 @@ import sys
 
 TOOL = "clang-tidy-14"
 CHECKED = ("app/src/", "platform/", "services/", "tools/")
-EXTRA_ARGS = ["-Wthread-safety", "-Wno-unknown-warning-option"]
+EXTRA_ARGS = ["-Wthread-safety", "-Wreserved-identifier", "-Wreserved-macro-identifier",
+              "-Wno-unknown-warning-option"]
 WORKERS = 2
 
 
