@@ -173,7 +173,7 @@ TEST(Database, LossBetweenWriteAndNoticeLosesNothing) {
     EXPECT_EQ(rig.take_log(), Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp3."});
 }
 
-TEST(Database, LossDuringTheSubscriptionIsMadeUpForByTheNextOne) {
+TEST(Database, RecordsLostDuringASubscriptionComeWithTheNextOne) {
     SwitchRig rig;
     rig.set_policy("");
     rig.report(3, 1, 3);
@@ -214,7 +214,7 @@ TEST(Database, EntryThatCannotBeWrittenIsReportedAndNotRetried) {
     EXPECT_EQ(lda_loop_result_get(3)->total_result, 1);
 }
 
-// ---- What others wrote ----
+// ---- Records of other programs ----
 
 TEST(Database, RecordsThatMakeNoSenseAreReportedAndDropped) {
     SwitchRig rig;
@@ -379,7 +379,7 @@ TEST(PolicyRequest, RejudgesLoopedPortsAndIsSaved) {
     EXPECT_FALSE(rig.configured("loop-detect enable shutdown access-mode"));
 }
 
-TEST(PolicyRequest, OfTheTimeWhenTheDatabaseWasAwayIsNotTakenUp) {
+TEST(PolicyRequest, MadeWhileTheDatabaseWasAwayIsNotApplied) {
     SwitchRig rig;
     Requester requester(rig);
     rig.type("test database drop 3");
@@ -450,7 +450,7 @@ TEST(PolicyRequest, ThatCannotBeAnsweredIsAppliedAndReported) {
     EXPECT_EQ(requester.take_answers(), Lines{});
 }
 
-TEST(PolicyRequest, IsTakenUpAfterEveryReturnOfTheDatabase) {
+TEST(PolicyRequest, IsAppliedAfterEveryReconnect) {
     SwitchRig rig;
     Requester requester(rig);
     for (int round = 1; round <= 3; round++) {

@@ -43,7 +43,7 @@ TEST(CommandDelivery, RecoveryGoesOnWhenItsFirstLineFails) {
     EXPECT_EQ(rig.section("swp3"), kFeatureLines);
 }
 
-TEST(CommandDelivery, RecoveryThatFailsWithoutAWordIsNotTriedAgain) {
+TEST(CommandDelivery, RecoveryThatFailsSilentlyIsNotRetried) {
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);

@@ -53,7 +53,7 @@ TEST(ForwardingSession, FirstConnectionMakesTheDetectorReadyAndALossBeforeReadin
     EXPECT_EQ(storm_port_num, 1U);
 }
 
-TEST(ForwardingSession, LossBeforeReadinessDoesNotHoldItUp) {
+TEST(ForwardingSession, LossBeforeReadinessDoesNotDelayIt) {
     SwitchRig rig(without({22}));
     rig.type({"test database drop 8", "test database restore 22"});
     EXPECT_EQ(cli_ready, 1);

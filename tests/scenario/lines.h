@@ -10,8 +10,8 @@ namespace qv::test {
 
 using Lines = std::vector<std::string>;
 
-// Traced lines: those that begin with "<function>" are INFO lines of the agent, others stand as
-// they are.
+// Traced lines. A text that begins with "<function>" is an INFO line of the agent; others are taken
+// unchanged.
 inline Lines traced(std::initializer_list<std::string_view> texts) {
     Lines lines;
     for (const std::string_view text : texts) {

@@ -174,7 +174,7 @@ TEST(Policy, WarningBringsEveryShutPortBackAndLeavesItInTheTable) {
     EXPECT_EQ(rig.take_log(), Lines{});
 }
 
-TEST(Policy, ZeroBringsShutPortsBackAndForgetsEveryLoopWithoutAWord) {
+TEST(Policy, ZeroBringsShutPortsBackAndForgetsEveryLoopSilently) {
     SwitchRig rig(with_ports(2));
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);
@@ -268,7 +268,7 @@ TEST(Policy, EleventhPortIsRefusedUntilAPlaceIsFreeAndItsLoopIsANewOne) {
               Lines{"LDA-4-LOOP_LIMIT: The number of loop_detect_result is out of limit."});
 }
 
-TEST(Policy, EleventhPortIsShutDownAllTheSame) {
+TEST(Policy, EleventhPortIsStillShutDown) {
     SwitchRig rig(with_ports(11));
     rig.set_policy("shutdown access-mode");
     for (uint32_t port = 1; port <= 11; ++port) {

@@ -113,7 +113,7 @@ TEST(PortEvents, DefaultsReleaseAHeldPortAndCleanItsStormLines) {
 
 // ---- Aggregate ports ----
 
-TEST(PortEvents, MemberTakesTheModeOfItsAggregateAndIsConfiguredOnTheSpot) {
+TEST(PortEvents, MemberTakesTheModeOfItsAggregateAndIsConfiguredAtOnce) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown hybrid-mode");
     rig.type("test aggregate create ag1");
@@ -148,7 +148,7 @@ TEST(PortEvents, MemberTakesTheModeOfItsAggregateAndIsConfiguredOnTheSpot) {
     EXPECT_EQ(rig.section("swp3"), kFeatureLines);
 }
 
-TEST(PortEvents, MemberIsTakenInWhenItsLineCannotBeExecuted) {
+TEST(PortEvents, MemberIsAddedWhenItsLineCannotBeExecuted) {
     SwitchRig rig(four_ports());
     rig.set_policy("");
     rig.type({"test aggregate create ag1", "debug lda syslog level 1", "test fail-sessions 1"});

@@ -81,7 +81,7 @@ TEST(Storm, IsJudgedAtTheThirdPollShutRecoveredAndForgotten) {
     EXPECT_EQ(rig.entry("swp1"), "none");
 }
 
-TEST(Storm, AtTheRateIsNone) {
+TEST(Storm, TrafficAtTheRateIsNoStorm) {
     SwitchRig rig(with_ports(1));
     rig.set_policy("shutdown access-mode");
     rig.type("test storm swp1 8000");
@@ -285,8 +285,8 @@ TEST_F(StormRuleFailure, FailedSharedRuleTakesNoPortOut) {
     EXPECT_EQ(rig.take_log(), kFound);
 }
 
-// The shared rule and the port's go one after the other: each object that fails takes the rule
-// that was to stand on it along, and with the port's rule goes the port's setting.
+// The shared rule is installed first, then the port's. When an object fails, the rule that needs it
+// is lost, and with the port's rule the port's setting.
 TEST_F(StormRuleFailure, RuleFailsWithItsAcl) {
     rig.type("test forwarding fail acl 2");
     watch();

@@ -30,8 +30,8 @@ extern "C" int __real_cli_execute_cmd_buf_fd(int, const char*, const cli_mode*, 
 extern "C" int __real_cli_client_c2p_reform();
 extern "C" int __real_cli_syn_config_notify();
 
-// The delivery thread waits here when it has nothing to do, and nobody else does. Seeing it wait is
-// how the rig knows that the agent has come to rest.
+// Only the delivery thread waits here, and only when it has nothing to do. So the rig knows that
+// the agent is idle when it sees this call.
 extern "C" int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
 
 namespace {

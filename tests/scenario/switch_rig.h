@@ -67,8 +67,8 @@ class SwitchRig {
     void forget();
 
     // System log messages of the agent's main thread since the last call, as
-    // "FACILITY-SEVERITY-MNEMONIC: text". Line numbers are left out: "<function:12> " stands as
-    // "<function> ". The two threads run side by side, so the delivery thread's messages are apart.
+    // "FACILITY-SEVERITY-MNEMONIC: text". Line numbers are left out: "<function:12> " becomes
+    // "<function> ". The delivery thread runs in parallel, so its messages are kept separately.
     std::vector<std::string> take_log();
     std::vector<std::string> take_delivery_log();
     // Command lines that the agent has executed since the last call: "config: LINE" or
@@ -87,7 +87,7 @@ class SwitchRig {
     std::string running_config();
     // The section of a port in the running configuration, one line each, without its indentation.
     std::vector<std::string> section(std::string_view port);
-    // Whether a line stands in the global part.
+    // Whether a line is in the global part.
     bool configured(std::string_view line);
 
     // A probe report as the peer protocol sets it.

@@ -20,8 +20,8 @@ SwitchRig::Options two_ports() {
     return options;
 }
 
-// When the platform generates the running configuration is its own business. What the agent says
-// to that has a test of its own and is left out of the others.
+// The platform decides when it generates the running configuration. The agent's lines about that
+// are the subject of one test and are left out of the others.
 Lines without_generation(Lines lines) {
     std::erase_if(lines, [](const std::string& line) {
         constexpr std::string_view kGenerating[] = {
@@ -155,7 +155,7 @@ TEST(Transcript, FreshLoopUnderShutdownAccess) {
                   "<lda_send_shutcmd> enter ifx=1, shutdown=1",
                   "<lda_cli_cmd_send> +++The number of cli_msg is 1, send cond "
                   "signal[2,1,0,1].",
-                  // The port is not in the table yet: first its end is told, then its loop.
+                  // The port is not in the table yet: the end is sent first, then the loop.
                   "<lda_send_info_ntf> send loop-detect state, name[swp1] notify_type[2] "
                   "vid[0] policy[1] src-port[1]",
                   "<lda_mom_del_loop_entry> delete loop entry: name=swp1",
@@ -179,7 +179,7 @@ TEST(Transcript, FreshLoopUnderShutdownAccess) {
     EXPECT_EQ(rig.entry("swp1"), "policy=1 src_port=1");
 }
 
-TEST(Transcript, RepeatedReportShutsAgainAndTellsNobody) {
+TEST(Transcript, RepeatedReportShutsAgainAndNotifiesNobody) {
     SwitchRig rig(two_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);
@@ -307,7 +307,7 @@ TEST(Transcript, QuietPortIsClearedAMinuteAfterItsRecovery) {
     EXPECT_EQ(rig.entry("swp1"), "none");
 }
 
-TEST(Transcript, GenerationAsksForEveryLineAndSaysThePortsMarks) {
+TEST(Transcript, GenerationAsksForEveryLineAndLogsThePortsMarks) {
     SwitchRig rig(two_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);

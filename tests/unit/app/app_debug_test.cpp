@@ -105,7 +105,7 @@ TEST_F(Log, TextsWithoutALineEndStayWithout) {
     EXPECT_EQ(fake::calls(), (Lines{R"(zlog 40 TestBody "<TestBody:#> cli ready")"}));
 }
 
-TEST_F(Log, LineMayStandUnderAnotherFunctionsName) {
+TEST_F(Log, LineMayCarryAnotherFunctionsName) {
     g_app_zlog_level = 5;
     APP_INFO_AS("other_function", "ifx=%d\n", 7);
     EXPECT_EQ(fake::calls(), (Lines{fake::info("other_function", "ifx=7\n")}));
@@ -135,7 +135,7 @@ TEST_F(Log, FunctionThatFillsTheBufferLeavesNoRoomForTheText) {
     EXPECT_EQ(fake::zlog_lines().at(0).text, "<" + std::string(1023, 'f'));
 }
 
-TEST_F(Log, LineThatNobodyTakesIsFormattedUnderTheLockAllTheSame) {
+TEST_F(Log, UnwantedLineIsStillFormattedUnderTheLock) {
     g_app_zlog_level = 3;
     g_dbg_slog_level = 1;
     Lines under_lock;

@@ -239,7 +239,7 @@ TEST_F(CliConfig, NoApplyReleasesThePort) {
     EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7"});
 }
 
-TEST_F(CliConfig, DefaultPrefixIsNotLookedAt) {
+TEST_F(CliConfig, DefaultPrefixIsIgnored) {
     lda_intf_t* record = add(7, 1);
     lda_loop_detect_ptype_set(2);
     cli_pcdb pcdb = on_port(7, CLI_PREFIX_DEFAULT);

@@ -222,7 +222,7 @@ TEST_F(Delivery, ThreadThatCannotBeNamedEnds) {
     EXPECT_EQ(fake::timed_waits(), 0);
 }
 
-TEST_F(Delivery, MessagesPostedBeforeTheThreadRunsAreWorkedOffInOrder) {
+TEST_F(Delivery, MessagesPostedBeforeTheThreadRunsAreExecutedInOrder) {
     post(message(2, 2, 7, 1));
     post(message(3, 2, 8, 1));
     post(message(2, 2, 9, 0));
@@ -451,8 +451,8 @@ TEST_F(Delivery, LinksOfAMessageTakenOffTheQueueArePoisoned) {
     EXPECT_EQ(prev, 0x200200u);
 }
 
-// The thread finds no message and looks again, without a wait, until the count is mended: in the
-// fourth round, by whoever holds the lock.
+// The thread finds no message and looks again without waiting. The test corrects the count in the
+// fourth round, under the lock.
 TEST_F(Delivery, CountWithoutAMessageIsNoWork) {
     g_lda_cli_msg_set->count = 1;
     int rounds = 0;
@@ -468,7 +468,7 @@ TEST_F(Delivery, CountWithoutAMessageIsNoWork) {
     EXPECT_EQ(fake::take_calls(), (Lines{"pthread_detach", "prctl 15 \"lda_cli_delivery\""}));
 }
 
-TEST_F(Delivery, BurstOfTenThousandMessagesIsWorkedOffInOrder) {
+TEST_F(Delivery, BurstOfTenThousandMessagesIsExecutedInOrder) {
     for (uint32_t ifx = 1; ifx <= 10000; ifx++)
         post(message(2, 2, ifx, 1));
     EXPECT_EQ(g_lda_cli_msg_set->count, 10000);
@@ -481,7 +481,7 @@ TEST_F(Delivery, BurstOfTenThousandMessagesIsWorkedOffInOrder) {
         ASSERT_EQ(lines[ifx - 1], executed(static_cast<int>(1000 + ifx), "shutdown \r\n", ifx));
 }
 
-TEST_F(Delivery, MessageAboutADeletedPortIsExecutedAllTheSame) {
+TEST_F(Delivery, MessageAboutADeletedPortIsStillExecuted) {
     lda_intf_t* record = add(7);
     record->is_shutdown = 1;
     post(message(2, 2, 7, 0));

@@ -40,7 +40,7 @@ TEST_F(FeaturePush, PortListIsInTableOrder) {
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
-TEST_F(FeaturePush, PortListWithoutPortsIsNone) {
+TEST_F(FeaturePush, PortListWithoutPortsIsNull) {
     log_everything();
     uint16_t count = 77;
     EXPECT_EQ(lda_all_intf_ifx_get(&count), nullptr);
@@ -48,7 +48,7 @@ TEST_F(FeaturePush, PortListWithoutPortsIsNone) {
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
-TEST_F(FeaturePush, PortListWithoutMemoryIsNone) {
+TEST_F(FeaturePush, PortListWithoutMemoryIsNull) {
     three_ports();
     fake::fail_calloc(1);
     uint16_t count = 77;

@@ -100,7 +100,7 @@ TEST_F(Index, RecordThatIsOnlyMadeIsNotFound) {
     EXPECT_EQ(head.prev, &record->link);
 }
 
-TEST_F(Index, NumbersOfOneBucketAreToldApart) {
+TEST_F(Index, NumbersOfOneBucketAreDistinguished) {
     const Record* low = add(1);
     Record* middle = add(1 + 4096);
     const Record* high = add(1 + 2 * 4096);

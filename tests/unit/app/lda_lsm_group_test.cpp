@@ -335,7 +335,7 @@ TEST_F(LsmGroup, VslConversionRecoversAHeldPortBeforeItsRecordGoes) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
 }
 
-TEST_F(LsmGroup, VslPortThatIsUnknownLosesItsRuleAllTheSame) {
+TEST_F(LsmGroup, UnknownVslPortStillLosesItsRule) {
     fake::add_port(7);
     fake::mom_connect(8);
     cli_ready = 1;

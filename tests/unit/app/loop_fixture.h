@@ -44,8 +44,8 @@ std::vector<lda_intf_t*> records();
 // Whether a thread other than the caller's could take the mutex now.
 bool free_for_others(pthread_mutex_t* mutex);
 
-// The started agent with the log levels of a start without a level file: errors and warnings only,
-// so that the calls stand alone. Detection is disabled.
+// The started agent with the log levels of a start without a level file. It logs errors and
+// warnings only, so hardly any log line is among the recorded calls. Detection is disabled.
 class StartedAgent : public AgentTest {
  protected:
     StartedAgent();

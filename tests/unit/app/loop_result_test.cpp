@@ -282,7 +282,7 @@ TEST_F(LoopResult, EleventhPortIsRefusedWithLoopLimit) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 10);
 }
 
-TEST_F(LoopResult, RefusedPortIsShutDownAllTheSame) {
+TEST_F(LoopResult, RefusedPortIsStillShutDown) {
     fill_the_table();
     lda_intf_t* record = add(11, 1);
     lda_loop_detect_ptype_set(2);

@@ -411,7 +411,7 @@ TEST_F(RefusedRecovery, RefusalAfterTheClearTimerIsArmedLeavesTheTimer) {
     EXPECT_EQ(record->total_result, 0);
 }
 
-// The port is held again before the recovery comes to arm the timer: it gets none.
+// The port is held again before the recovery arms the timer, so no timer is armed.
 TEST_F(RefusedRecovery, RefusalBeforeTheClearTimerIsArmedKeepsThePortInTheTable) {
     record->tarn_result = 0;
     fake::start_threads();

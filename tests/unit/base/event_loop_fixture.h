@@ -1,4 +1,4 @@
-// What the suites of the event loop share.
+// Fixture of the event loop's suites.
 #pragma once
 
 #include <fcntl.h>

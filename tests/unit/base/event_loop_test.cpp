@@ -76,7 +76,7 @@ class StoppingClock final : public qv::Clock {
     mutable int readings = 0;
 };
 
-// The round has taken the wake-up already when it comes to wait.
+// The round has already consumed the wake-up when it begins to wait.
 TEST(LoopStop, StopInMidRoundEndsTheLoopBeforeItWaits) {
     StoppingClock clock;
     EventLoop loop(clock);
@@ -285,7 +285,7 @@ TEST_F(Loop, FloodOfPostedWorkStarvesNeitherTimersNorDescriptors) {
     EXPECT_LE(at_watch, 128);
 }
 
-TEST_F(Loop, BacklogOfPostedWorkIsTakenInRounds) {
+TEST_F(Loop, BacklogOfPostedWorkIsExecutedInRounds) {
     int tasks = 0;
     int at_timer = 0;
     for (int i = 0; i < 10000; i++) {

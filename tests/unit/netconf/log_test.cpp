@@ -189,7 +189,7 @@ TEST_F(Log, ArmingAgainTakesTheNewName) {
     return frame[0] == 'x' ? nest(frame) + frame[0] : 0;
 }
 
-TEST_F(Log, StackThatIsUsedUpIsToldOnEitherThread) {
+TEST_F(Log, StackOverflowIsReportedOnEitherThread) {
     const auto broken = [](bool on_a_thread) {
         netconf::open_log(true);
         netconf::log_as("session 7 (admin)");

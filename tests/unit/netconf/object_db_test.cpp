@@ -162,7 +162,7 @@ TEST_F(ObjectDb, ServerThatHangsUpOrTalksNonsenseIsLost) {
               "the object database does not answer: Protocol error, got \"n\" as reply type byte");
 }
 
-TEST_F(ObjectDb, SilentServerIsGivenUpAfterNineTenthsOfASecond) {
+TEST_F(ObjectDb, SilentServerIsAbandonedAfterNineTenthsOfASecond) {
     shorten_connection_limits(milliseconds(20));
     peer_.answer("GET", "");
     Database database(peer_.socket());
@@ -187,7 +187,7 @@ TEST_F(ObjectDb, NoticesComeInOrderWithTheirOperation) {
     EXPECT_EQ(taken, (std::vector<std::pair<int, std::string>>{{0, "one"}, {1, "two"}, {2, ""}}));
 }
 
-TEST_F(ObjectDb, WhatIsNoNoticeIsPassedOver) {
+TEST_F(ObjectDb, OtherMessagesAreSkipped) {
     Listener listener(peer_.socket(), 3, "a.b");
     const std::string channel = bulk("mom/3/a.b");
     for (const std::string& other :

@@ -163,7 +163,7 @@ TEST_F(Kills, SessionThatIsNotThereIsUnknown) {
     EXPECT_EQ(logged(), std::vector<LogLine>{});
 }
 
-TEST_F(Kills, SessionOfAnotherUserIsSpared) {
+TEST_F(Kills, SessionOfAnotherUserIsNotKilled) {
     on_system_call([](long number) { return number == SYS_pidfd_send_signal ? EPERM : 0; });
     EXPECT_EQ(reply_to(kill(other())),
               protocol_error("access-denied", "session " + other() + " is another user's"));

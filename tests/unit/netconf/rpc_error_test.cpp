@@ -39,7 +39,7 @@ class Error : public testing::Test {
     const Context context_ = netconf::load_modules(YANG_DIR);
 };
 
-TEST_F(Error, AttributeAndElementAreToldForThoseTagsThatCarryBoth) {
+TEST_F(Error, TagsThatCarryAttributeAndElementNameBoth) {
     const std::string info =
         "<error-info><bad-attribute>select</bad-attribute><bad-element>filter</bad-element>"
         "</error-info>";
@@ -51,7 +51,7 @@ TEST_F(Error, AttributeAndElementAreToldForThoseTagsThatCarryBoth) {
     }
 }
 
-TEST_F(Error, ElementIsToldForThoseTagsThatCarryOne) {
+TEST_F(Error, TagsThatCarryAnElementNameIt) {
     const std::string info = "<error-info><bad-element>target</bad-element></error-info>";
     for (const auto& [tag, name] : {std::pair{NC_ERR_MISSING_ELEM, "missing-element"},
                                     {NC_ERR_BAD_ELEM, "bad-element"},

@@ -172,7 +172,7 @@ TEST_F(Schema, ContentOfAConfigurationIsItsTree) {
     EXPECT_EQ(netconf::content_of(*other), nullptr);  // of no model
 }
 
-TEST_F(Schema, TextIsWhatIsNoBlank) {
+TEST_F(Schema, BlankTextIsNoText) {
     const auto holds = [this](const std::string& config) {
         const Tree rpc = edit(config);
         return netconf::holds_text(*netconf::child_named(*rpc, "config"));

@@ -43,7 +43,7 @@ const LogLine kBegins{LOG_INFO, "begins"};
 const LogLine kClosed{LOG_INFO, "closed"};
 const LogLine kWentAway{LOG_INFO, "ended: the client went away"};
 
-// What a sleeping session waits for.
+// The descriptors and the time that a sleeping session waits for.
 struct Sleep {
     short input;
     short output;

@@ -247,7 +247,7 @@ TEST_F(Peers, OnlyASessionIsKilled) {
     EXPECT_EQ(waitpid(pid, nullptr, WNOHANG), 0);  // it lives
 }
 
-TEST_F(Peers, KillThatTheKernelRefusesIsToldApart) {
+TEST_F(Peers, KillRefusedByTheKernelIsReportedAsSuch) {
     const SessionNumber number(run_, "admin");
     int refused_call = SYS_pidfd_send_signal;
     int error = EPERM;

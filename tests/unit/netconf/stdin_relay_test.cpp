@@ -109,7 +109,7 @@ TEST_F(StdinRelayTest, WholeMessagesAreHandedOnInOneChunkEach) {
     EXPECT_EQ(relay_->fault(), nullptr);
 }
 
-TEST_F(StdinRelayTest, QuirksOfClientsAreMended) {
+TEST_F(StdinRelayTest, QuirksOfClientsAreCorrected) {
     start();
     const auto edit = [](const std::string& attribute) {
         return framed("<rpc xmlns=\"" + kBase + "\"><edit-config><config><a xmlns=\"urn:a\"" +

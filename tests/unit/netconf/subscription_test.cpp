@@ -244,7 +244,7 @@ TEST_F(Notifications, WithoutADatabaseThereIsNoSubscription) {
     EXPECT_THROW(Subscription(context_.get(), folder_.path("redis.sock"), {}), DatabaseLost);
 }
 
-TEST_F(Notifications, DatabaseThatStaysAwayIsLookedForLessAndLessOften) {
+TEST_F(Notifications, ReconnectsBecomeRarerWhileTheDatabaseStaysAway) {
     Subscription subscription = subscribe();
     peer_.reset();
     subscription.receive();
@@ -283,7 +283,7 @@ TEST_F(Notifications, RetryThatIsOverdueIsDueNow) {
     EXPECT_EQ(subscription.retry_ms(), 0);
 }
 
-TEST_F(Notifications, NobodyKnocksBeforeItIsTime) {
+TEST_F(Notifications, NoReconnectBeforeItIsDue) {
     Subscription subscription = subscribe();
     peer_->hang_up();
     subscription.receive();

@@ -213,7 +213,7 @@ TEST_F(StormCommand, GenerationIgnoresThePrefix) {
     EXPECT_EQ(enabled(), "1");
 }
 
-TEST_F(StormCommand, EntryAllocationFailureInstallsTheRuleAllTheSame) {
+TEST_F(StormCommand, EntryAllocationFailureStillInstallsTheRule) {
     fake::fail_calloc(1);
     enable(1);
     EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "8000/1024"));

@@ -299,7 +299,7 @@ TEST_F(StormPoll, CycleRunsWithoutALoop) {
     EXPECT_EQ(std_opt_statics.fix_notify_times, 0u);
 }
 
-TEST_F(StormPoll, EngineThatEndsTheLoopDuringTheRepetitionIsHeard) {
+TEST_F(StormPoll, LoopThatTheEngineEndsDuringTheRepetitionIsCleared) {
     polls_with(3, kOverRate);
     polls_with(18, kOverRate);
     storm_port_info* info = record(101);

@@ -41,7 +41,7 @@ TEST_F(StormRule, FurtherPortsBringNoSharedRule) {
     EXPECT_EQ(storm_port_num, 2u);
 }
 
-TEST_F(StormRule, SharedRuleGoesAfterTheLastPortRule) {
+TEST_F(StormRule, SharedRuleIsRemovedAfterTheLastPortRule) {
     enable_port_1();
     storm_set_rate_burst(2, 8000, 1024, true);
     take_calls();
@@ -225,7 +225,7 @@ TEST_F(StormRule, FailedUpdateIsLogged) {
 }
 
 // The record keeps the numbers of the rule that is gone, so these change nothing, others do.
-TEST_F(StormRule, RecordWithoutRuleIsTakenForInstalledWithItsOldNumbers) {
+TEST_F(StormRule, RecordWithoutRuleCountsAsInstalledWithItsOldNumbers) {
     enable_port_1();
     fake::fail_nth("fp_entry_alloc", 1);
     storm_set_rate_burst(1, 5000, 64, true);

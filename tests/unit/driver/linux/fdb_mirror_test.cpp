@@ -33,8 +33,9 @@ std::string entries(const std::string& what, MacAddress first, unsigned count) {
     return lines;
 }
 
-// The kernel lists entries in lots, and finds its place again by counting: each one that has gone
-// meanwhile makes it skip another. What it must not skip is older and so comes later in the list.
+// The kernel lists entries in batches and finds its place again by counting, so it skips one entry
+// for each that is removed in between. The entry that must not be skipped is older and so listed
+// later.
 TEST_F(FdbMirrorTest, EntriesThatGoInMidListHideNoOther) {
     constexpr MacAddress kStaying = 0x020000000000;
     constexpr MacAddress kGoing = 0x020001000000;

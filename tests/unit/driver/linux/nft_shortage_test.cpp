@@ -86,7 +86,7 @@ TEST_F(NftShortage, RuleIsReplacedByAnother) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-// Whatever is the first that cannot be opened.
+// Each round leaves one descriptor more, so that another call is the first to fail.
 TEST_F(NftShortage, FirstRuleWaitsForDescriptors) {
     for (unsigned spare = 0; spare < 5; ++spare) {
         find_bridge();

@@ -282,7 +282,7 @@ TEST_F(NftTrouble, RestoredCounterCountsFromZero) {
     EXPECT_TRUE(wait_for([&] { return packets(3) == 17; }));
 }
 
-TEST_F(NftTrouble, RuleAskedForWhenTheTableHasJustGoneIsInstalledAllTheSame) {
+TEST_F(NftTrouble, RuleRequestedRightAfterTheTableIsLostIsStillInstalled) {
     plane->install(3, 1, kPortRule);
     settle();
     sink.take();
@@ -456,7 +456,7 @@ TEST_F(NftTrouble, TableThatCannotBeRemovedIsSaid) {
     EXPECT_NE(output_of("nft list chain netdev lda port2.4"), "");
 }
 
-TEST_F(NftTrouble, ReadingThatBreaksOffIsMadeUpForByTheNext) {
+TEST_F(NftTrouble, CountsOfAnInterruptedReadingComeWithTheNext) {
     plane->install(3, 1, kPortRule);
     settle();
     test::g_nft.lost_answers = 1;

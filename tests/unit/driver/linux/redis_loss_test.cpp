@@ -14,7 +14,7 @@ size_t count(const std::string& text, const std::string& part) {
     return found;
 }
 
-TEST_F(RedisLoss, OwnRecordsAreLookedForEveryFiveSeconds) {
+TEST_F(RedisLoss, OwnRecordsAreCheckedEveryFiveSeconds) {
     greet();
     commands().received();
     platform.run_for(60s);

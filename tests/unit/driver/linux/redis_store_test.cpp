@@ -251,7 +251,7 @@ TEST_P(RedisOnly, EmptiedServerGetsTheRecordsOfEveryDatabaseAgain) {
     EXPECT_EQ(take_heard(), Lines{});
 }
 
-TEST_P(RedisOnly, RefusedSetIsMadeUpForOnceTheServerHasRoom) {
+TEST_P(RedisOnly, RefusedSetIsRepeatedOnceTheServerHasRoom) {
     open(4);
     server().run(4, {"CONFIG", "SET", "maxmemory", "1"});
     ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), 0);

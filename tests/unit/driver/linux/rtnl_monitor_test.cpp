@@ -244,7 +244,7 @@ TEST_F(RtnlMonitorTest, OtherWorkHasItsTurnAmongManyMessages) {
     EXPECT_EQ(heard().size(), 600u);
 }
 
-TEST_F(RtnlMonitorTest, NothingIsHeardOnceItIsDestroyed) {
+TEST_F(RtnlMonitorTest, NothingIsReportedOnceItIsDestroyed) {
     monitor->start(listener);
     heard();
     send_rtnl(NLMSG_ERROR, "");

@@ -21,7 +21,7 @@ namespace {
 using std::chrono::seconds;
 using Lines = std::vector<std::string>;
 
-// Reads only when it is told to.
+// Reads only when the test calls it.
 class Daemon {
  public:
     explicit Daemon(std::string path) : path_(std::move(path)) { start(); }
