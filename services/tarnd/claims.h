@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <tuple>
 #include <utility>
 
 #include "platform/base/clock.h"
@@ -28,7 +29,9 @@ class Claims {
         uint8_t priority;
         uint64_t bridge;
 
-        auto operator<=>(const Rank&) const = default;
+        bool operator<(const Rank& other) const {
+            return std::tie(priority, bridge) < std::tie(other.priority, other.bridge);
+        }
     };
 
     // A probe of another switch that is beyond this port: no other port received it before, or it
