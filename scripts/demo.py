@@ -95,6 +95,7 @@ def plugged_loop(lab, say):
     say.log()
     say.type("show loop-detect detail")
     say.type("show interfaces status", show=r"^Port|swp[37]\b")
+    say.type("show tarn", show=r"^Port|swp[37]\b")
     say.config("swp3")
     say.config("swp7")
 
@@ -110,6 +111,15 @@ def plugged_loop(lab, say):
         say.wait_log(f"Interface {port} recovered from loop error.", 30)
     say.log()
     say.type("show loop-detect detail")
+
+    say.act("Of two ports in one loop one is enough: only it is shut, and the other goes on")
+    say.type("configure terminal", "tarn cut one", "interface swp3", "switchport mode trunk", "end",
+             "test loop plug swp3 swp7")
+    wait_for(lambda: lab.cli("show tarn").count(" shut ") == down(lab) == 1, 10, "one port is shut")
+    say.type("show tarn", show=r"^Port|swp[37]\b")
+    say.type("test loop unplug swp3 swp7", "configure terminal", "no tarn cut", "interface swp3",
+             "no switchport mode", "end")
+    wait_for(lambda: "Detected" not in lab.log().rsplit("recovered", 1)[-1], 30, "the loop is forgotten")
 
     say.act("Plugged again, and the agent is killed while the ports are shut")
     say.type("test loop plug swp3 swp7")
