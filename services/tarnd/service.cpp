@@ -407,6 +407,9 @@ bool Service::ask() {
 
 void Service::give_back(uint32_t ifx) {
     const std::string name = port_name(ifx);
+    // A process that died in the midst of a cut has left the bridge's port disabled and the link
+    // up: only a link that comes up enables the port.
+    control_.set_up(ifx, false);
     const int error = control_.set_up(ifx, true);
     journal_.clear(ifx);
     board_.give_back(ifx, error);

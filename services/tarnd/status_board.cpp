@@ -85,7 +85,7 @@ void StatusBoard::take(const Report& report) {
         case Report::Kind::kNotElsewhere:
             return;  // not of this bridge
         case Report::Kind::kGuard:
-            return;
+            return take_guard(report);
         case Report::Kind::kAsked:
             return announce({.kind = BoardEvent::Kind::kAsked,
                              .ifx = report.ifx,
@@ -107,9 +107,17 @@ void StatusBoard::take_port(const Report& report) {
     if (!report.present) {
         port.loop.reset();
         port.cut = false;
+        port.closed = false;
     }
     announce_state(report.ifx);
     drop_unused(report.ifx);
+}
+
+// A port that could not be closed is open, and one that could not be opened is closed.
+void StatusBoard::take_guard(const Report& report) {
+    const bool done = report.error == 0;
+    ports_[report.ifx].closed = done == report.closed;
+    announce_state(report.ifx);
 }
 
 void StatusBoard::take_loop(const Report& report) {
@@ -214,7 +222,10 @@ PBridge__TarnState StatusBoard::state_of(uint32_t ifx, const Port& port) const {
     if (!enabled_ || !port.configured.watched) {
         return P_BRIDGE__TARN_STATE__OFF;
     }
-    return port.forwarding ? P_BRIDGE__TARN_STATE__PROBING : P_BRIDGE__TARN_STATE__INACTIVE;
+    if (!port.forwarding) {
+        return P_BRIDGE__TARN_STATE__INACTIVE;
+    }
+    return port.closed ? P_BRIDGE__TARN_STATE__GUARDED : P_BRIDGE__TARN_STATE__PROBING;
 }
 
 std::optional<PortStatus> StatusBoard::status(uint32_t ifx) const {

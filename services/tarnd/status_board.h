@@ -79,6 +79,7 @@ class StatusBoard {
         bool present = false;
         bool forwarding = false;
         bool cut = false;
+        bool closed = false;  // by the guard at link-up
         std::optional<SeenLoop> loop;
     };
 
@@ -86,6 +87,7 @@ class StatusBoard {
     bool is_looped(uint32_t ifx) const;
     PBridge__TarnState state_of(uint32_t ifx, const Port& port) const;
     void take_port(const Report& report);
+    void take_guard(const Report& report);
     void take_loop(const Report& report);
     void take_end(const Report& report);
     void take_cut(const Report& report);

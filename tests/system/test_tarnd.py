@@ -198,6 +198,21 @@ def test_cut_that_nobody_takes_over_is_undone(lab):
     lab.agent.send_signal(signal.SIGCONT)
 
 
+def test_half_a_cut_of_a_killed_tarnd_is_undone(lab):
+    """A loop behind one port: the bridge's port is disabled first, and the process died before the link was down."""
+    lab.start_tarnd()
+    lab.enable("shutdown access-mode")
+    lab.end_tarnd(signal.SIGKILL)
+    lab.inside("bridge", "link", "set", "dev", "swp2", "state", "0")
+    assert "state disabled" in lab.inside("bridge", "link", "show", "dev", "swp2")
+    cuts = lab.folder / "tarn" / "cuts"
+    boot = cuts.read_bytes()[:64]
+    cuts.write_bytes(boot + lab.ifindex("swp2").to_bytes(8, "little"))
+    lab.start_tarnd()
+    wait_for(lambda: "state forwarding" in lab.inside("bridge", "link", "show", "dev", "swp2"), 20,
+             "the port forwards again")
+
+
 def test_loop_through_another_bridge_of_the_same_namespace_is_found(lab):
     lab.start_tarnd()
     lab.enable()

@@ -72,6 +72,21 @@ TEST_F(StatusBoardTest, APortIsOffUntilItIsWatchedAndInactiveUntilItForwards) {
     EXPECT_EQ(take_lines(), (Lines{"state 3", "state 3", "state 3", "state 3"}));
 }
 
+TEST_F(StatusBoardTest, AClosedPortIsGuardedWhileItsLinkIsUp) {
+    add_port(1);
+    const auto guard = [this](bool closed, int error = 0) {
+        board.take({.kind = Report::Kind::kGuard, .ifx = 1, .error = error, .closed = closed});
+        return state(1);
+    };
+    EXPECT_EQ(guard(true), "guarded");
+    port(1, true, false);
+    EXPECT_EQ(state(1), "inactive");
+    port(1, true, true);
+    EXPECT_EQ(guard(false, EPERM), "guarded");
+    EXPECT_EQ(guard(false), "probing");
+    EXPECT_EQ(guard(true, EPERM), "probing");
+}
+
 TEST_F(StatusBoardTest, BothPortsOfALoopAreLoopedUntilItEnds) {
     add_port(1);
     add_port(2);
