@@ -1,4 +1,4 @@
-// Who this bridge is in its probes, from the key file in the state folder.
+// The identity of this bridge in its probes, from the key file in the state folder.
 #pragma once
 
 #include <string>

@@ -53,7 +53,7 @@ constexpr std::array<Flag, 5> kFlags{{{IFLA_BRPORT_LOCKED, &PortFlags::locked},
                                       {IFLA_BRPORT_MCAST_FLOOD, &PortFlags::mcast_flood},
                                       {IFLA_BRPORT_BCAST_FLOOD, &PortFlags::bcast_flood}}};
 
-// What the kernel says of an interface, as far as it is about a bridge port.
+// The part of the kernel's answer about an interface that concerns a bridge port.
 struct Answer {
     bool is_port = false;
     PortFlags flags;

@@ -19,7 +19,7 @@
 
 namespace qv::tarnd {
 
-// What the main thread has to say to the probing thread.
+// A message from the main thread to the probing thread.
 struct Command {
     enum class Kind : uint8_t { kSettings, kKey, kPort, kAsk };
     Kind kind = Kind::kSettings;

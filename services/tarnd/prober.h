@@ -85,7 +85,7 @@ struct Settings {
 // In the order in which ports of a loop are chosen.
 enum class Role : uint8_t { kAccess, kHybrid, kTrunk };
 
-// What else is configured for a port.
+// The configuration of a port beyond whether it is watched and cut.
 struct PortOptions {
     Role role = Role::kAccess;
     std::chrono::milliseconds guard{0};  // the port is closed for this long at link-up; 0: never

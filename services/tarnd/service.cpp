@@ -299,7 +299,7 @@ void Service::command_port(uint32_t ifx) {
     send_commands();
 }
 
-// What the ring does not take now is sent a little later.
+// A full ring takes the rest a little later.
 void Service::send_commands() {
     commands_timer_.reset();
     if (settings_pending_) {

@@ -99,7 +99,7 @@ void StatusBoard::take(const Report& report) {
     }
 }
 
-// What the switch has configured outlives the port, which may be back in a moment.
+// The configuration outlives the port, which may be back in a moment.
 void StatusBoard::take_port(const Report& report) {
     Port& port = ports_[report.ifx];
     port.present = report.present;

@@ -1,5 +1,5 @@
-// What the service knows of its ports and has counted, for those who want to see it: clients of the
-// control socket and the records. Main thread only.
+// The states of the ports and the counters, as clients of the control socket and the records show
+// them. Main thread only.
 #pragma once
 
 #include <chrono>
@@ -42,7 +42,7 @@ struct BoardEvent {
 
 class StatusBoard {
  public:
-    // What the switch has configured for a port.
+    // The switch's configuration of a port.
     struct Configured {
         bool watched = false;
         bool shut = false;

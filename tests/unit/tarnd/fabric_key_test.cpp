@@ -70,7 +70,7 @@ TEST_F(FabricKeyTest, ABadFileIsRefusedAndTheKeyInUseStays) {
 
 TEST_F(FabricKeyTest, AFileOfAnotherUserIsRefused) {
     if (geteuid() != 0) {
-        GTEST_SKIP() << "needs root";
+        GTEST_SKIP() << "only root can give a file to another user";
     }
     write(32, 'f');
     ASSERT_EQ(chown(file.c_str(), 1, 1), 0);
