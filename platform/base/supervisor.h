@@ -1,4 +1,4 @@
-// What the supervisor of the process (systemd, sd_notify(3)) is told: one status line, and once
+// Reports to the supervisor of the process (systemd, sd_notify(3)): one status line, and once
 // that the process is ready. Without a supervisor nothing happens. Loop thread only.
 #pragma once
 

@@ -29,7 +29,7 @@ struct TarnPortState {
 // By interface index.
 using TarnPortStates = std::map<uint32_t, TarnPortState>;
 
-// Where the command gets them from, for the life of the process: null while no service runs.
+// Sets the source of the states, for the life of the process: null while no service runs.
 // Without a source none runs.
 void set_tarn_states(std::function<const TarnPortStates*()> states);
 

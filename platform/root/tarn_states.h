@@ -1,4 +1,4 @@
-// What the loop-probe service has written about the ports, for "show tarn".
+// The records of the loop-probe service about the ports, for "show tarn".
 #pragma once
 
 #include <functional>

@@ -1,4 +1,4 @@
-// What other switches of this kind say in their probes: who is there, and who would cut a loop.
+// The claims of other switches in their probes: who is there, and who would cut a loop.
 //
 // A loop that runs through several switches is found by each of them. The one with the best claim
 // cuts it at once: the lowest priority, among equals the lowest bridge number. The others wait, and

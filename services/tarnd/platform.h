@@ -1,4 +1,4 @@
-// What the object-database client stands on in tarnd.
+// The platform under the object-database client in tarnd.
 #pragma once
 
 #include <cstdlib>

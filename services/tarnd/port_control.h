@@ -8,7 +8,7 @@
 
 namespace qv::tarnd {
 
-// What a bridge port passes: whether it is locked, learns, and floods unknown unicast, multicast
+// The flags of a bridge port: whether it is locked, learns, and floods unknown unicast, multicast
 // and broadcast. One byte each, as the kernel has them.
 struct PortFlags {
     uint8_t locked = 0;

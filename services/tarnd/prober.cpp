@@ -386,7 +386,7 @@ void Prober::received_foreign(uint32_t ifx, const Probe& probe, Time now) {
     }
 }
 
-// Which of two ports of one loop is given up: one that the policy shuts, no trunk if there is a
+// Chooses the port of a loop that is given up: one that the policy shuts, no trunk if there is a
 // choice, and then the higher number.
 uint32_t Prober::choose(uint32_t ifx, uint32_t other) const {
     const auto rank = [this](uint32_t candidate) {

@@ -33,10 +33,10 @@
 
 namespace qv::tarnd {
 
-// What called for a probe.
+// The reason for a probe.
 enum class Trigger : uint8_t { kPeriod, kMove, kOverrun, kCarrier };
 
-// What the probing thread counts, from its start on.
+// The counters of the probing thread, from its start on.
 enum class Counted : uint8_t { kSent, kNotSent, kReturned };
 inline constexpr size_t kCountedKinds = 3;
 

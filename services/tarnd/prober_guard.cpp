@@ -61,7 +61,7 @@ void Prober::open(uint32_t ifx, Port& port, Time now) {
     request(ifx, Trigger::kCarrier, now);
 }
 
-// What is due at guard_next.
+// Does the work that is due at guard_next.
 void Prober::step_guard(uint32_t ifx, Port& port, Time now) {
     port.guard_next = Time::max();
     if (port.guard_probes < kGuardProbes && takes_part(port)) {

@@ -50,7 +50,7 @@ class StatusBoard {
         uint32_t guard_ms = 0;
     };
 
-    // What has happened, from the service.
+    // Takes what has happened, from the service.
     void enable(bool enabled);
     void configure(uint32_t ifx, const Configured& configured);
     void forget_configuration(uint32_t ifx);

@@ -1,4 +1,4 @@
-// What clients of the control socket are told, as JSON. Any thread.
+// The answers to clients of the control socket, as JSON. Any thread.
 #pragma once
 
 #include <cstdint>

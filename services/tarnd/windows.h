@@ -1,4 +1,4 @@
-// Which probes have been seen on which port, so that none counts twice.
+// The probes that each port has seen, so that none counts twice.
 #pragma once
 
 #include <cstddef>

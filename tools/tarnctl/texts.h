@@ -1,4 +1,4 @@
-// What tarnd says, as lines for a reader.
+// The answers of tarnd, as lines for a reader.
 #pragma once
 
 #include <string>
