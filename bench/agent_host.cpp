@@ -39,8 +39,7 @@ AgentHost::AgentHost(unsigned ports, std::initializer_list<std::string_view> lin
                                   std::make_unique<NoLog>());
     qv::install_platform(*platform_);
 
-    // The loop exists from the first piece of work on: the readiness of the agent is looked for
-    // there.
+    // The loop exists from the first piece of work on, which checks the readiness of the agent.
     static std::atomic<bool> started = false;
     agent_ = std::thread([] { lda_main(); });
     while (!started) {
@@ -83,9 +82,8 @@ void AgentHost::configure(std::initializer_list<std::string_view> lines) {
     wait_delivered();
 }
 
-// The delivery thread works without the queue lock, so an empty queue is not enough: two messages
-// that cause no work are posted, and when the second is taken off, what was before the first is
-// done.
+// The delivery thread works without the queue lock, so an empty queue is not enough: this posts two
+// messages that cause no work, and when the second is taken, all earlier work is done.
 void AgentHost::wait_delivered() {
     for (int n = 0; n < 2; n++) {
         on_main([] { lda_loop_cmd_send(0, 0, 0); });

@@ -1,6 +1,5 @@
-// The whole agent in a measuring program: its own main() on a thread of its own, the embedded
-// switch, records in memory, the machine's clock, a system log that goes nowhere. One for each
-// process.
+// The whole agent in a measuring program: its own main() on another thread, the embedded switch,
+// records in memory, the machine's clock, a system log that drops everything. One for each process.
 #pragma once
 
 #include <filesystem>
@@ -21,8 +20,8 @@ class AgentHost {
     AgentHost(const AgentHost&) = delete;
     AgentHost& operator=(const AgentHost&) = delete;
 
-    // Executes lines in mode config and waits until the agent has delivered what follows from them.
-    // A refusal ends the program.
+    // Executes lines in mode config and waits until the agent has delivered the resulting lines. A
+    // refusal ends the program.
     void configure(std::initializer_list<std::string_view> lines);
     // Runs `job` on the agent's main thread and waits for its end.
     void on_main(const std::function<void()>& job);

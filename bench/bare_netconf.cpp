@@ -1,4 +1,4 @@
-// Floors of the NETCONF front: what a program sees that speaks to Redis itself.
+// Floors of the NETCONF server: the times of a program that talks to Redis directly.
 //
 //     bare_netconf REDIS_SOCKET
 //
@@ -10,7 +10,7 @@
 //     request POLICY   from before the request for a policy is sent until the agent's answer to it
 //                      has been unpacked
 //
-// Whatever goes wrong, or takes five seconds, ends the program.
+// Any error, or a wait of five seconds, ends the program.
 #include <unistd.h>
 
 #include <chrono>
@@ -33,7 +33,7 @@ constexpr char kRequests[] = "mom/3/p_app.lda_nc_policy";
 constexpr char kAnswers[] = "mom/3/p_mng.ui_operate";
 constexpr char kPublisher[] = "bare_netconf";
 
-// A connection to write, and one that listens.
+// A connection for writing, and one for listening.
 struct Links {
     bench::Connection writer;
     bench::Connection listener;

@@ -1,5 +1,5 @@
 // Floor of the reaction time: subscribes to the loop reports and sets the reported interface down.
-// Same libraries as the agent, nothing else: no loop state, no policy, no command line, no threads.
+// It has the agent's libraries, but no loop state, no policy, no command line and no threads.
 //
 //     bare_shutdown REDIS_SOCKET        in the network namespace of the interfaces
 #include <linux/rtnetlink.h>

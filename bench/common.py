@@ -1,4 +1,4 @@
-"""What the groups of measurements share: programs, rows, programs that answer lines."""
+"""Shared by the groups of measurements: programs, rows, programs that answer lines."""
 
 import pathlib
 import subprocess
@@ -24,7 +24,7 @@ def percentile(values, part):
 
 
 def row(name, value, unit, floor=None, ratio=None, limit=None):
-    """`limit` is a pair: "max" or "min", and what the ratio, or the value without one, must keep."""
+    """`limit` is a pair: "max" or "min", and the bound of the ratio, or of the value without one."""
     made = {"name": name, "value": value, "unit": unit}
     if floor is not None:
         made.update(floor=floor, ratio=value / floor if ratio is None else ratio)
@@ -106,7 +106,7 @@ def in_namespace(lab, *command):
 
 
 def fresh_policy(lab, policy, rest_s=1):
-    """Forgets all loops, which brings the ports up again, and waits until the switch is at rest."""
+    """Clears all loops, which brings the ports up again, and waits until the switch is idle."""
     lab.configure("no loop-detect enable")
     wait_for(lambda: not lab.down_ports(), 20, "the ports are up")
     lab.configure(policy)

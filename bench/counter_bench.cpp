@@ -1,10 +1,10 @@
 // Measures one reading of all counters of the Linux forwarding plane, beside a bare dump of them.
 //
-//     counter_bench PORTS ROUNDS       as root; makes a network namespace of its own
+//     counter_bench PORTS ROUNDS       as root; in its own network namespace
 //
-// Each round sends one frame into every port; then the plane has its second, in which it reads all
-// counters and reports what was added, and a bare dump with libnftnl and libmnl reads the same
-// table and adds up; in turn. Standard output: one JSON object, medians in nanoseconds.
+// Each round sends one frame into every port. Then the plane's tick reads all counters and reports
+// the increments, and a bare dump with libnftnl and libmnl reads and sums the same table. Standard
+// output: one JSON object, medians in nanoseconds.
 #include <arpa/inet.h>
 #include <libmnl/libmnl.h>
 #include <libnftnl/common.h>
@@ -46,7 +46,7 @@ constexpr qv::ForwardingRule kRule = {.unknown_destination = true,
 
 // Port N is device "dN". The two ends of a pair are two ports: what one sends the other receives.
 void make_devices(unsigned ports) {
-    // No frames but our own.
+    // Only we may send frames.
     for (const char* scope : {"all", "default"}) {
         std::ofstream(std::string("/proc/sys/net/ipv6/conf/") + scope + "/disable_ipv6") << 1;
     }
@@ -139,7 +139,7 @@ Dump bare_dump(const mnl_socket* socket, uint32_t sequence) {
     return dump;
 }
 
-// The kernel may put off what comes in on a busy processor.
+// The kernel may defer received frames on a busy processor.
 void wait_for_frames(const mnl_socket* socket, uint64_t sent) {
     const auto deadline = Clock::now() + std::chrono::seconds(5);
     while (bare_dump(socket, 1).packets != sent && Clock::now() < deadline) {

@@ -1,12 +1,12 @@
-// Lines that the delivery thread executes per second through real sessions, and how long the main
-// thread keeps its other work waiting meanwhile.
+// Lines that the delivery thread executes per second through real sessions, and how long other work
+// of the main thread waits meanwhile.
 //
 //     delivery_bench PORTS SECONDS
 //
 // Detection is switched off and on again until the time is over; each switch makes the delivery
-// thread execute two lines for each port and two global ones. A probe of this program's own is
-// posted to the main loop every millisecond; its delay is what any other event would have waited.
-// Standard output: one JSON object, times in nanoseconds.
+// thread execute two lines for each port and two global ones. This program posts a probe to the
+// main loop every millisecond; its delay is the wait of any other event. Standard output: one JSON
+// object, times in nanoseconds.
 #include <algorithm>
 #include <atomic>
 #include <chrono>

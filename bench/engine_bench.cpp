@@ -2,8 +2,8 @@
 //
 //     engine_bench PORTS [Google Benchmark options]
 //
-// A batch of reports is set first; the time counts from there to the moment when the agent's main
-// thread has handled the last of them: taken from the loop, unpacked, looked up and judged.
+// A batch of reports is set first; then the time counts until the agent's main thread has handled
+// the last one: taken from the loop, unpacked, looked up and judged.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -21,7 +21,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kBatch = 10000;
-constexpr size_t kLoops = 10;  // as many as the loop table takes
+constexpr size_t kLoops = 10;  // the capacity of the loop table
 
 struct Input {
     uint32_t ifx;
@@ -46,7 +46,7 @@ class Reporter {
 
     const std::vector<uint32_t>& ports() const { return ports_; }
 
-    // Sets the reports and returns how long the agent took over them.
+    // Sets the reports and returns the agent's time for them.
     std::chrono::duration<double> handle(const std::vector<Input>& reports) {
         Clock::time_point start;
         std::promise<Clock::time_point> end;
@@ -55,7 +55,7 @@ class Reporter {
                 set(report);
             }
             start = Clock::now();
-            // Behind the notices of these records in the loop's queue.
+            // After the notices of these records in the loop's queue.
             agent_.loop().post([&end] { end.set_value(Clock::now()); });
         });
         return end.get_future().get() - start;
@@ -89,7 +89,7 @@ void measure(benchmark::State& state, const std::vector<std::vector<Input>>& bat
     state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * kBatch);
 }
 
-// Nothing changes: every port reports in turn what the agent knows already; ten of them loop.
+// Nothing changes: every port in turn repeats a report that the agent knows; ten of them loop.
 void steady(benchmark::State& state) {
     std::vector<Input> reports;
     for (uint32_t n = 0; n < kBatch; n++) {
@@ -104,7 +104,7 @@ void steady(benchmark::State& state) {
 }
 
 // Every report changes something: ten ports loop and recover, so that the clear timer is armed and
-// revoked again and again.
+// cancelled repeatedly.
 void changing(benchmark::State& state) {
     std::vector<Input> reports;
     for (uint32_t n = 0; n < kBatch; n++) {

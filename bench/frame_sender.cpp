@@ -1,8 +1,8 @@
-// Sends frames out of a device as fast as one processor can, and tells what each one took.
+// Sends frames out of a device as fast as one processor can, and measures them.
 //
 //     frame_sender DEVICE DESTINATION CPU       in the device's network namespace
 //
-// Standard input gives a number of frames; standard output tells the nanoseconds for all of them.
+// Standard input has a number of frames; standard output has the nanoseconds for all of them.
 // The sending processor does all the work on the other side of a veth pair, too: the frames are
 // received, bridged and delivered before the next ones are sent.
 #include <arpa/inet.h>

@@ -1,5 +1,5 @@
 // The product with one addition: when it tells the command line that it is ready, it prints the
-// monotonic time in nanoseconds, once. The linker hands the call over.
+// monotonic time in nanoseconds, once. The linker redirects the call.
 #include <time.h>
 
 #include <cstdio>

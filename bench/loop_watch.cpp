@@ -1,6 +1,6 @@
-// A host that talks, a bystander that counts, and an eye on the ports of a switch, for one loop.
+// A host that sends, a bystander that counts, and a watch on the ports of a switch, for one loop.
 //
-//     loop_watch SOURCE BYSTANDER      devices of the namespace that it runs in
+//     loop_watch SOURCE BYSTANDER      devices of its namespace
 //
 // A line "talk COUNT PAUSE_us LIMIT_ms" sends that many broadcasts out of SOURCE and watches until
 // nothing more has arrived at BYSTANDER for kCalm, or the limit is over. The answer: frames that
@@ -12,7 +12,7 @@
 // answer: nanoseconds until the first one arrives at DEVICE; -1 when the limit is over.
 //
 // The kernel stamps the frames. The bystander's frames are left in a ring that is read every
-// millisecond, so that watching costs little; those that find no place are counted too.
+// millisecond, so that watching costs little; those that do not fit are counted too.
 #include <arpa/inet.h>
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
@@ -27,6 +27,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -87,7 +88,8 @@ class Source {
         frame_[2 * ETH_ALEN + 1] = kType & 0xff;
     }
     void send_one() {
-        if (send(fd_, frame_.data(), frame_.size(), 0) < 0) {
+        // A storm may have filled the queue: then the frame is lost like one on the way.
+        if (send(fd_, frame_.data(), frame_.size(), 0) < 0 && errno != ENOBUFS) {
             fail("send");
         }
     }
@@ -126,10 +128,10 @@ class Bystander {
         last_ns = 0;
     }
 
-    // `sent`: as many frames are expected. Of what the ring could not take, the time is now.
+    // `sent` frames are expected. Frames that did not fit into the ring count as arrived now.
     void read(uint64_t sent) {
         uint64_t stamped = 0;
-        // Not for ever: a storm may fill the ring as fast as it is read.
+        // With a limit: a storm may fill the ring as fast as it is read.
         for (auto* slot = header(); (slot->tp_status & TP_STATUS_USER) != 0 && stamped < kSlots;
              slot = header()) {
             last_ns = slot->tp_sec * int64_t{1000000000} + slot->tp_nsec;

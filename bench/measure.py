@@ -113,7 +113,8 @@ def measure_start(options):
             os.environ["LDA_PLATFORM"] = str(lab.platform_file)
             times = [start_time_ms(lab) for _ in range(3 if options.quick else 15)]
             medians[ports] = statistics.median(times)
-            # Ready in time that grows with the ports, compared with the next smaller switch.
+            # The time until ready must grow linearly with the ports, compared with the next smaller
+            # switch.
             smaller = [n for n in SIZES if n < ports]
             floor = medians[smaller[-1]] * ports / smaller[-1] if smaller else None
             result.append(row(f"start to cli ready, {ports} ports", medians[ports], "ms", floor=floor,

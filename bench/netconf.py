@@ -1,4 +1,4 @@
-"""Measures the NETCONF front: notifications and edits beside bare programs on Redis, and idle sessions."""
+"""Measures the NETCONF server: notifications and edits beside bare programs on Redis, and idle sessions."""
 
 import contextlib
 import os
@@ -10,7 +10,7 @@ from common import (PROGRAMS, Lines, cpu_ns, fresh_policy, in_namespace, memory_
 from lab import Lab
 from netconf_lab import EVENT, PROGRAM, RawSession
 
-PORTS = 10  # as many as the loop state has room for
+PORTS = 10  # the capacity of the loop table
 SESSIONS = 10
 POLICIES = (1, 2, 3)  # each edit changes what the last one set
 PAUSE_S = 0.05
@@ -21,7 +21,7 @@ def session_command(lab):
 
 
 def ask_in_turn(ours, bare):
-    """Nanoseconds of a sample here and a sample there; both are pairs of a program and its line."""
+    """Nanoseconds of one sample each; both arguments are pairs of a program and its line."""
     took = []
     for program, line in (ours, bare):
         took.append(int(program.ask(line)))
@@ -71,7 +71,7 @@ def measure_latency(lab, quick):
 
 
 def wake_ups(pid):
-    """How often the threads of a process have gone to sleep by themselves, and so have woken up."""
+    """How often the threads of a process have slept voluntarily, and so woken up."""
     return sum(int(line.split()[1])
                for task in pathlib.Path(f"/proc/{pid}/task").iterdir()
                for line in (task / "status").read_text().splitlines()
@@ -79,7 +79,7 @@ def wake_ups(pid):
 
 
 def measure_sessions(lab, seconds):
-    """Subscribed sessions that nothing happens to. The worst of them counts."""
+    """Subscribed sessions without events. The worst of them counts."""
     with contextlib.ExitStack() as stack:
         pids = []
         for _ in range(SESSIONS):

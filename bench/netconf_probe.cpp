@@ -1,16 +1,16 @@
-// Measures the NETCONF front as its client: starts a session, subscribes, and then times what it is
-// asked for.
+// Measures the NETCONF server as its client: starts a session, subscribes, and then times each
+// request.
 //
 //     netconf_probe REDIS_SOCKET LDA_NETCONF [ARGUMENT]...
 //
-// Standard output says "ready" when the subscription is there. Then each line of standard input is
+// Standard output says "ready" once subscribed. Then each line of standard input is
 // answered with nanoseconds:
 //
 //     loop IFX NAME    from before the report of a loop is sent to Redis until the notification
 //                      of this loop has come from the session
 //     edit POLICY      from before <edit-config> is written to the session until <ok/> has come
 //
-// Whatever goes wrong, or takes five seconds, ends the program.
+// Any error, or a wait of five seconds, ends the program.
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -71,7 +71,7 @@ class Session {
     // The next message, a reply or a notification, in its frame.
     std::string read() { return read_until(kEndOfMessage); }
 
-    // Throws away what nobody waits for: notifications of what was done between the samples.
+    // Discards notifications from between the samples.
     void forget_arrived() {
         pollfd waiting{.fd = from_, .events = POLLIN, .revents = 0};
         while (poll(&waiting, 1, 0) == 1) {
@@ -125,11 +125,11 @@ class Session {
 
     int to_ = -1;
     int from_ = -1;
-    std::string arrived_;  // of a message that is not whole yet, and what follows
+    std::string arrived_;  // of an incomplete message, and anything after it
     int message_id_ = 0;
 };
 
-// Nanoseconds that both together take.
+// Nanoseconds for both together.
 long long timed(const std::function<void()>& send, const std::function<void()>& receive) {
     const auto start = Clock::now();
     send();

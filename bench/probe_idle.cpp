@@ -1,5 +1,5 @@
-// The probing core alone on more ports than a bridge of the kernel takes: every port's probe leaves
-// by the same device.
+// Only the probing core, on more ports than a kernel bridge can have: every port's probe leaves by
+// the same device.
 //
 //     probe_idle DEVICE PORTS SECONDS
 //
@@ -30,9 +30,9 @@ using namespace qv::tarnd;
 class OneDevice final : public ProberOutputs {
  public:
     explicit OneDevice(uint32_t ifx) : ifx_(ifx) {}
-    bool send(uint32_t /*ifx*/, const Frame& frame) override {
+    bool send(uint32_t /*ifx*/, uint16_t vid, const Frame& frame) override {
         ++sent;
-        return socket_.send(ifx_, frame);
+        return socket_.send(ifx_, vid, frame);
     }
     int guard(uint32_t, bool) override { return 0; }
     int cut(uint32_t /*ifx*/, bool /*single*/) override { return 0; }

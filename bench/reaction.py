@@ -1,4 +1,4 @@
-"""Measures the reaction to loops: how soon the interface is down, and what else has to wait meanwhile."""
+"""Measures the reaction to loops: how soon the interface is down, and how long other work waits meanwhile."""
 
 import contextlib
 import subprocess
@@ -7,23 +7,23 @@ import time
 from common import PROGRAMS, TABLE_SIZE, Bridge, Lines, fresh_policy, in_namespace, percentile, rest, row, say
 from lab import wait_for
 
-ROUNDS = {10: 10, 512: 5, 1000: 5}  # by ports; a bridge of the kernel takes 1,023
+ROUNDS = {10: 10, 512: 5, 1000: 5}  # by ports; a kernel bridge has at most 1,023
 SIMULATED_PORTS = (48, 4096)
 BURST_PORTS = 512
 POLICY = "loop-detect enable shutdown access-mode"
 SAVED_S = 0.7  # after a shutdown: the saved configuration is on the disk by then
-WINDOW_MS = 100  # from a burst on, for the wait of other work
+WINDOW_MS = 100  # after a burst, for the wait of other work
 
 
 def looping_ports(lab):
-    """As many as the loop table takes, spread over the switch."""
+    """As many ports as the loop table holds, spread over the switch."""
     return lab.port_names[::len(lab.port_names) // TABLE_SIZE][:TABLE_SIZE]
 
 
 # ---- Record set in Redis to kernel interface down ----
 
 def sample(ours, bare, probes, rounds):
-    """Nanoseconds of the agent and of the bare program, which take turns."""
+    """Nanoseconds of the agent and of the bare program, alternating."""
     agent_ns, bare_ns = [], []
     names = looping_ports(ours)
     indexes = [[lab.ifindex(name) for name in names] for lab in (ours, bare)]
@@ -56,7 +56,7 @@ def measure_shutdown(options, ports):
 
 
 def measure_simulated(options):
-    """More ports than a bridge of the kernel takes. The floor is the same switch with few ports."""
+    """More ports than a kernel bridge can have. The floor is the same switch with few ports."""
     result = []
     for ports in SIMULATED_PORTS:
         say(f"reaction: simulated switch, {ports} ports")
@@ -69,7 +69,7 @@ def measure_simulated(options):
     return result
 
 
-# ---- What other work waits for ----
+# ---- The wait of other work ----
 
 def measure_burst(options):
     """Round trips of an operator's session while ten ports are shut at once."""

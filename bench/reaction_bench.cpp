@@ -4,7 +4,7 @@
 //     reaction_bench PORTS ROUNDS
 //
 // In each round ten ports loop one after another; between the rounds detection is switched off and
-// on again, which brings them back. Standard output tells the nanoseconds of each reaction.
+// on again, which brings them up. Standard output has the nanoseconds of each reaction.
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -21,7 +21,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr size_t kLoops = 10;                     // as many as the loop table takes
+constexpr size_t kLoops = 10;                     // the capacity of the loop table
 constexpr std::chrono::milliseconds kPause{100};  // between two loops
 
 // Notes when the awaited port is down. Main thread of the agent only.

@@ -89,8 +89,8 @@ inline Report unpack(std::string_view notice) {
     return report && report->index ? std::move(report) : nullptr;
 }
 
-// Queues the transaction that stores a record and tells those who listen on `channel`. `notice` is
-// the record behind a byte 0. Gives kRepliesPerRecord replies.
+// Queues the transaction that stores a record and notifies the subscribers of `channel`. `notice`
+// is a byte 0 and the record. It has kRepliesPerRecord replies.
 inline void append_record(redisContext* connection, const char* key, const char* channel,
                           std::string_view notice) {
     const std::string_view record = notice.substr(1);

@@ -3,9 +3,9 @@
 //
 //     report_flood REDIS_SOCKET COUNT FIRST_IFX PORTS LOOP_IFX [PID]
 //
-// The reports go round PORTS interfaces from FIRST_IFX on. With a process number the subscriber is
-// stopped while the reports are sent, so that its own speed is measured and not that of Redis: the
-// time counts from its continuation. Standard output: the nanoseconds.
+// The reports cycle through PORTS interfaces from FIRST_IFX on. With a process number the
+// subscriber is stopped while the reports are sent, so that the time, counted from its
+// continuation, is its own and not that of Redis. Standard output: the nanoseconds.
 #include <signal.h>
 
 #include <chrono>

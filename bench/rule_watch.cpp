@@ -1,9 +1,9 @@
-// Tells when chains have come into the kernel's packet filter.
+// Reports when chains have been added to the kernel's packet filter.
 //
 //     rule_watch       in the network namespace of the switch
 //
-// Standard input gives a number of chains; standard output says "ready", and then the time when so
-// many have come, in nanoseconds of the monotonic clock.
+// Standard input has a number of chains; standard output says "ready", and then the time at which
+// there were this many more, in nanoseconds of the monotonic clock.
 #include <libmnl/libmnl.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>

@@ -3,8 +3,8 @@
 //
 //     shutdown_probe REDIS_SOCKET       in the network namespace of the interfaces
 //
-// Standard input names an interface index on each line; standard output tells, for each, the
-// nanoseconds from before the record was sent to the kernel's message, or "late" after five
+// Standard input has an interface index on each line; standard output has, for each, the
+// nanoseconds from before the record was sent until the kernel's message, or "late" after five
 // seconds.
 #include <linux/rtnetlink.h>
 #include <net/if.h>
@@ -35,7 +35,7 @@ int watch_links() {
     return fd;
 }
 
-// Also after an overrun, which is reported once and leaves the messages before it.
+// Continues after an overrun, which is reported once and leaves the messages before it.
 void drain(int fd) {
     char bytes[8192];
     while (::recv(fd, bytes, sizeof bytes, MSG_DONTWAIT) > 0 || errno == ENOBUFS) {

@@ -88,7 +88,7 @@ def line_by_line(lab, command):
 
 
 def by_policy(lab, command):
-    """One line for the whole switch; the agent gives the ports theirs."""
+    """One line for the whole switch; the agent types those of the ports."""
     yield "no loop-detect enable" if command.startswith("no ") else "loop-detect enable"
 
 
@@ -126,7 +126,7 @@ def measure_enabling(options):
     small, large = PORTS
     for way in ways:
         for ports in PORTS:
-            # Linear growth: the time of the small bridge for each of the ports.
+            # Linear growth: the small bridge's time per port, for all ports.
             linear = medians[way, small] * large / small if ports == large else None
             result.append(row(f"ports enabled {way}, {ports} ports", medians[way, ports], "ms",
                               floor=linear, limit=("max", 1) if linear else None))
@@ -146,7 +146,7 @@ def measure_frames(options):
         lab.start_redis()
         lab.start_agent()
         lab.inside("bridge", "fdb", "add", KNOWN, "dev", "swp2", "master", "static")
-        # What the sender costs by itself: frames that end at once, in a device that drops them.
+        # The sender's own cost: frames to a device that drops them at once.
         lab.ip("link", "add", "nowhere", "type", "ifb")
         lab.ip("link", "set", "nowhere", "up")
         senders = {name: stack.enter_context(

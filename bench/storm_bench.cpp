@@ -2,10 +2,10 @@
 //
 //     storm_bench RECORDS [Google Benchmark options]
 //
-// The agent's storm modules on the platform's client library, with a forwarding plane of this
-// program's own: it takes every rule and reports when the benchmark says so. Each record has a rate
-// setting of its own. A report counts from the driver's call on, a poll is the agent's timer
-// "loop_check" on a clock that the program moves.
+// The agent's storm modules on the platform's client library, with this program's own forwarding
+// plane: it accepts every rule and reports on request. Each record has its own rate setting. A
+// report counts from the driver's call on, a poll is the agent's timer "loop_check" on a clock that
+// the program moves.
 #include <benchmark/benchmark.h>
 
 #include <chrono>
@@ -26,7 +26,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr uint64_t kFrameBytes = 64;
 
-// Takes everything at once and keeps the rules that count.
+// Accepts everything at once and keeps the rules that count.
 class Plane final : public qv::ForwardingDriver {
  public:
     void start(qv::ForwardingSink& sink) override { sink_ = &sink; }

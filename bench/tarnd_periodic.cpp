@@ -3,7 +3,7 @@
 
 using qv::tarnd::LearnedAddress;
 
-// The linker gives calls of parse_learned() this function.
+// The linker redirects calls of parse_learned() to this function.
 extern "C" std::optional<LearnedAddress> no_address(nlmsghdr* header) asm(
     "__wrap__ZN2qv5tarnd13parse_learnedEP8nlmsghdr");
 

@@ -1,12 +1,12 @@
 // Measures how long the agent's main thread lets other work wait, from outside: an empty line on an
-// operator's session is executed there and answered at once when nothing else is being done.
+// operator's session runs there and is answered at once when the thread is idle.
 //
 //     wait_probe CLI_SOCKET
 //
-// Standard input names a number of milliseconds on each line. For so long an empty line is sent
-// every millisecond, whether or not the last one has been answered; standard output then tells the
+// Standard input has a number of milliseconds on each line. For that time an empty line is sent
+// every millisecond, whether or not the last one has been answered; standard output then has the
 // nanoseconds from each line to its answer. Runs with real-time priority, so that the probe itself
-// is not what waits for a processor.
+// never waits for a processor.
 #include <poll.h>
 #include <sched.h>
 #include <sys/socket.h>
@@ -43,7 +43,7 @@ int connect_to(const char* path) {
     return fd;
 }
 
-// Waits until `until` at most. The number of answers that have come in.
+// Waits until `until` at most. Returns the number of answers received.
 long take_answers(int fd, Clock::time_point until) {
     const auto wait = std::chrono::duration_cast<std::chrono::nanoseconds>(until - Clock::now());
     const long ns = std::max<long>(0, wait.count());

@@ -21,7 +21,7 @@ SPEED = 60  # seconds of the switch in one of ours
 
 
 class Transcript:
-    """Prints what the operator types, what the switch answers, and its log as it grows."""
+    """Prints the operator's lines, the switch's answers, and its log as it grows."""
 
     def __init__(self, lab):
         self.lab = lab
@@ -31,7 +31,7 @@ class Transcript:
         print(f"\n--- {title}\n", flush=True)
 
     def type(self, *lines, show=None):
-        """One session. `show` is a pattern: of the output only the lines that match are printed."""
+        """Runs one session. `show` is a pattern: only the output lines that match are printed."""
         for line in lines:
             print(f"    > {line}")
         output = self.lab.cli(*lines)
@@ -42,7 +42,7 @@ class Transcript:
         return output
 
     def log(self, show=None):
-        """Prints what the system log has gained, or of that the lines that match the pattern `show`."""
+        """Prints new lines of the system log, or those of them that match the pattern `show`."""
         lines = [line for line in self.lab.log().splitlines() if "%" in line]
         for line in lines[self.shown:]:
             if show is None or re.search(show, line):
@@ -144,7 +144,7 @@ def storm_record(lab, say):
 
 
 def storm_on_a_port(lab, say):
-    """A sender floods one port, which no probe can tell."""
+    """A sender floods one port, which no probe can detect."""
     say.act(f"Second act, storms: {RATE} frames a second to unknown addresses are too much for swp5")
     say.type("configure terminal", "interface swp5", f"storm-loop-rate ratelimit {RATE}", "end")
     assert not storm_record(lab, say), "swp5 is in loop before the storm"
@@ -174,7 +174,7 @@ def storm_on_a_port(lab, say):
 
 
 def tarnctl(lab, *words):
-    """Prints what tarnctl prints."""
+    """Prints the output of tarnctl."""
     print("    $ tarnctl " + " ".join(words))
     done = subprocess.run([str(BUILD / "tools" / "tarnctl" / "tarnctl"), *words], env=lab.environment(),
                           capture_output=True, text=True, check=True)

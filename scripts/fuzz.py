@@ -2,8 +2,8 @@
 
 usage: python3 scripts/fuzz.py [--seconds N] [--jobs N] [--junit FILE] [NAME ...]
 
-Each fuzzer runs with the same seed in a folder of its own, which goes with it. What it found stays in
-build/fuzz/findings. Exit status 1 when one found something or there is none."""
+Each fuzzer runs with the same seed in its own folder, which is removed with it. Findings stay in
+build/fuzz/findings. Exit status 1 when there are findings or no fuzzers."""
 
 import argparse
 import concurrent.futures

@@ -1,7 +1,7 @@
 """Checks rules of the tree that a compiler does not: include directions, file sizes, words.
 
 Prints one line per finding (path:line: text) and a summary; exit status 1 when there are findings.
-Looks only at files that git tracks, so half-written files of a working day are left alone.
+Looks only at files that git tracks, so unfinished new files are left alone.
 """
 
 import posixpath
@@ -24,10 +24,11 @@ AGENT_SYSTEM = STANDARD_C | {"pthread.h", "sys/prctl.h", "unistd.h"}
 BASE, QV, CLIENT = "platform/base", "platform/include/qv", "platform/client"
 DRIVER, EMBEDDED, LINUX = "platform/driver", "platform/driver/embedded", "platform/driver/linux"
 CLI, ROOT, RECORDS = "platform/cli", "platform/root", "generated records"
-# Drivers take the numbers of the client API from it; its calls belong to the layers above.
+# Drivers use only the numbers in these headers of the client API; the calls belong to the layers
+# above.
 QV_CONSTANTS = {QV + "/bridge.h", QV + "/lsm.h"}
-# What the files of a folder may include besides those of the folder itself: folders, single files
-# and the generated records. A folder that is not here may include nothing.
+# The includes that the files of a folder may have besides files of the same folder: folders, single
+# files and the generated records. A folder that is not listed may include nothing.
 ALLOWED = {
     "app/src": {QV, RECORDS},  # and no system header but AGENT_SYSTEM
     BASE: set(),

@@ -2,9 +2,9 @@
 
 usage: lint_targets.py GRAPH.dot   (as `cmake --graphviz` writes it)
 
-A target links what its folder may include (lint_sources.py), so that a call cannot pass where an
-include would be refused. CMake itself has refused circles by then. Prints one line per finding and a
-summary; exit status 1 when there are findings.
+A target may link what its folder may include (lint_sources.py), so that no call can bypass the check of
+includes. CMake itself has refused cycles by then. Prints one line per finding and a summary; exit status 1 when
+there are findings.
 """
 
 import re
@@ -36,7 +36,7 @@ def main():
     with open(sys.argv[1], encoding="utf-8") as graph:
         edges = [match.groups() for match in map(EDGE.search, graph) if match]
     edges = [(a, b) for a, b in edges if a in FOLDERS and b in FOLDERS]
-    # Everything of the platform has the include directory of the client API.
+    # Every part of the platform has the include directory of the client API.
     bad = [(a, b) for a, b in edges if b != "qv_headers" and FOLDERS[a] != FOLDERS[b]
            and FOLDERS[b] not in sources.ALLOWED[FOLDERS[a]]]
     for a, b in bad:

@@ -1,6 +1,6 @@
 """Adds up JUnit result files and prints "N passed, N failed, N skipped" as the last line.
 
-Above it stand the skipped tests with their reasons and the failed ones with the end of their output.
+Before it come the skipped tests with their reasons and the failed ones with the end of their output.
 Exit status 1 when a test failed or none ran."""
 
 import re
@@ -22,7 +22,7 @@ def outcome(case):
 
 
 def reason(case):
-    """Why a test was skipped, as the test itself said it; empty when it did not."""
+    """The reason that a test gave for being skipped; empty when it gave none."""
     said = re.search(r": Skipped\n(.*)", case.findtext("system-out") or "")
     if said:
         return said.group(1)
@@ -31,7 +31,7 @@ def reason(case):
 
 
 def last_words(case):
-    """The end of what a failed test printed, and of the report on it, as indented lines."""
+    """The end of a failed test's output and of the report on it, as indented lines."""
     words = []
     for kind in ("system-out", "system-err", "failure", "error"):
         part = case.find(kind)

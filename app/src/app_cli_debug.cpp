@@ -46,8 +46,8 @@ int app_cli_slog_max_log_num(cli_pcdb* pcdb) {
     return 0;
 }
 
-// Handler of "log-max-number default". A keyword fills no number slot, so the default goes there.
-// "nolimit" needs no handler of its own: its value is the 0 of the empty slot.
+// Handler of "log-max-number default". A keyword fills no number slot, so this puts the default
+// there. "nolimit" needs no handler: its value is the 0 of the empty slot.
 static int slog_max_default(cli_pcdb* pcdb) {
     pcdb->number[0] = SLOG_MAX_DEFAULT;
     return app_cli_slog_max_log_num(pcdb);
@@ -92,7 +92,7 @@ constexpr auto Sapp_dbg_log_max_number_kw = app_keyword("log-max-number", "set s
 constexpr auto Tapp_dbg_log_max_number_kw =
     app_node(Sapp_dbg_log_max_number_kw, Tapp_dbg_log_max_number_no);
 
-// "syslog level". After "no" the line may end at once; a number is taken and not used.
+// "syslog level". After "no" the line may end at once; a number is accepted and ignored.
 constexpr auto Sapp_dbg_syslog_level_eol = app_end(app_cli_slog_level);
 constexpr auto Tapp_dbg_syslog_level_eol = app_node(Sapp_dbg_syslog_level_eol);
 constexpr auto Sapp_dbg_syslog_level_num = app_number("none: 0, error: 1, info: 2, debug: 3", 0, 3);

@@ -1,12 +1,11 @@
-// Argument blocks of parse nodes as every tree of the agent fills them, and the tests that its
-// handlers make of their context.
+// Argument blocks of parse nodes for all trees of the agent, and tests of a handler's context.
 #pragma once
 
 #include <cstdint>
 
 #include <qv/cli.h>
 
-// Attribute words of a keyword. The framework carries them and gives them their meaning.
+// Attribute words of a keyword. Their meaning is the framework's.
 inline constexpr uint32_t APP_KEYWORD_PLAIN = 14;          // global, show and debug chains
 inline constexpr uint32_t APP_KEYWORD_INTERFACE = 0x800E;  // interface chain
 inline constexpr uint32_t APP_KEYWORD_DETAIL = 30;         // "detail"
@@ -22,7 +21,7 @@ constexpr cli_keyword_arg app_keyword(const char* keyword, const char* help,
             .one = 1};
 }
 
-// A number that goes to a number slot of the context.
+// A number that is stored in a number slot of the context.
 constexpr cli_number_arg app_number(const char* help, int64_t low, int64_t high,
                                     uint32_t slot = 0) {
     return {.help = help, .low = low, .high = high, .zero = 0, .flags = 258, .slot = slot};

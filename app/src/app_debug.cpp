@@ -148,8 +148,8 @@ int app_zlog_init(const char* name) {
     return DEBUG_INIT_FAILED;
 }
 
-// Reads the next decimal number of the file, after any white space. False when there is none that
-// fits.
+// Reads the next decimal number of the file, after any white space. Returns false when there is
+// none or it does not fit.
 static bool read_level(FILE* file, int32_t* level) {
     int next = getc(file);
     while (isspace(next)) {

@@ -1,6 +1,6 @@
 // Logging: one line goes to the log file and, within a budget, to the system log.
 //
-// Each side has a level threshold of its own. The line is formatted into one shared buffer under
+// Each side has its own level threshold. The line is formatted into one shared buffer under
 // g_dbg_lock, which also guards the budget's counting. The lock is not recursive and always
 // innermost: nothing is logged while it is held. Any thread may log.
 #pragma once
@@ -42,20 +42,20 @@ extern char app_dbg_path[APP_DBG_TEXT_BYTES];     // the level file
 extern const char* const g_logfile_level_str[6];  // names of the log-file levels
 extern const char* const g_slog_level_str[4];     // names of the system-log levels
 
-// Name of a level, "unknown" for a number that has none (the stored levels are not clamped).
+// Name of a level, "unknown" for any other number (the stored levels are not clamped).
 const char* app_logfile_level_name(int32_t level);
 const char* app_slog_level_name(int32_t level);
 
 // Sets up logging for the program `name` and reads the levels from /data/<name>/<name>.dbg, where
-// that file exists and holds two numbers. Main thread, first of all. 0, or -17 when the lock or the
-// log file cannot be set up.
+// that file exists and holds two numbers. Main thread; call it first. 0, or -17 when the lock or
+// the log file cannot be set up.
 int app_debug_init(const char* name, const char* upper_name);
 
 // Opens the log file. 0 or -17.
 int app_zlog_init(const char* name);
 
 // 1 when the budget of system-log lines is used up, which resets the count, turns debug lines in
-// the system log off and says so there; else 0.
+// the system log off and logs that there; else 0.
 int app_dbg_slog_num_reach_max(void) APP_REQUIRES(app_dbg_capability);
 
 // Writes one line, "<function:line> " and the message. Returns the result of releasing the lock.
@@ -71,7 +71,7 @@ int app_dbg_log(app_dbg_level_t level, const char* file, const char* function, i
 #define APP_INFO(...) APP_LOG_AS(APP_DBG_INFO, __func__, __VA_ARGS__)
 #define APP_DEBUG(...) APP_LOG_AS(APP_DBG_DEBUG, __func__, __VA_ARGS__)
 
-// The same under the name of the operation: a log line names the operation that it belongs to, and
-// an operation may be made of several functions.
+// The same under the name of an operation: a log line names its operation, which may consist of
+// several functions.
 #define APP_ERROR_AS(operation, ...) APP_LOG_AS(APP_DBG_ERROR, operation, __VA_ARGS__)
 #define APP_INFO_AS(operation, ...) APP_LOG_AS(APP_DBG_INFO, operation, __VA_ARGS__)

@@ -1,9 +1,10 @@
-// Clang's thread-safety analysis for the agent's mutexes; nothing of it is left in the program.
+// Clang's thread-safety analysis for the agent's mutexes; it adds no code to the program.
 //
-// The mutexes are plain pthread mutexes, which the analysis does not know. So each has a capability
-// beside it, the calls that take and release the mutex take and release the capability, and the
-// fields and functions that need the mutex name the capability. Fields that the main thread also
-// touches without the mutex are not annotated: their own comments say how they are shared.
+// The mutexes are plain pthread mutexes, which the analysis does not know. So each mutex has a
+// capability: the calls that lock the mutex acquire the capability, those that unlock it release
+// the capability, and the fields and functions that need the mutex name the capability. Fields that
+// the main thread also touches without the mutex are not annotated: their own comments say how they
+// are shared.
 #pragma once
 
 #if defined(__clang__)

@@ -1,5 +1,5 @@
-// Access to plain fields that two threads touch without a common lock. Each field stands alone, so
-// relaxed order is enough.
+// Access to plain fields that two threads touch without a common lock. No field depends on another,
+// so relaxed order is enough.
 #pragma once
 
 #include <atomic>

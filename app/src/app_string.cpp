@@ -5,8 +5,8 @@
 #include <cstring>
 
 // strncpy_s is a macro that refuses a source when the compiler knows it to be smaller than the
-// count, as it does for a literal once link-time optimization has put this into its caller. Read
-// through a volatile pointer the source has no size that the compiler could know.
+// count, as it does for a literal once link-time optimization has inlined this function. Reading
+// the pointer as volatile hides the size from the compiler.
 void app_text_copy(char* dest, size_t size, const char* source) {
     const char* const volatile opaque = source;
     strncpy_s(dest, size, opaque, size - 1);

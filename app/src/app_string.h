@@ -1,7 +1,7 @@
 // Bounded copying of text into fixed fields. Any thread.
 //
-// The one place that uses the bounded string library. Behind functions rather than its macros,
-// because the macros refuse a source whose size the compiler knows to be smaller than the bound.
+// The only users of the bounded string library. They are functions because the library's macros
+// refuse a source whose size the compiler knows to be smaller than the bound.
 #pragma once
 
 #include <cstddef>

@@ -1,7 +1,7 @@
 // Bridge-agent client.
 //
-// lda_bridge_handle holds the loop lock over its walk. The event selection is placed again on each
-// connection, so a restart of the bridge agent needs no help from here.
+// lda_bridge_handle holds the loop lock over its walk. Each connection selects the events again, so
+// a restart of the bridge agent needs no further handling.
 #include "lda_bridge.h"
 
 #include "app_debug.h"
@@ -44,7 +44,7 @@ lda_intf_t* lda_intf_mod_change(const bridge_mode_change* payload) {
 
 uint32_t lda_brid_intf_mod_chg_cbk(lda_intf_t* record, const uint32_t* payload) {
     const auto* change = reinterpret_cast<const bridge_mode_change*>(payload);
-    // The port itself ends the walk; an aggregate port is about each of its members.
+    // The port itself ends the walk; a change of an aggregate port concerns each of its members.
     const bool itself = change->ifx == record->ifx;
     if (!itself) {
         if (change->ifx != static_cast<uint32_t>(record->mode_arg)) {

@@ -1,8 +1,8 @@
 // Registration of the commands, their handlers, and the agent's part of the running configuration.
 //
 // Main thread only, inside the CLI framework's dispatch. The policy handlers and the apply handler
-// hold the loop lock for their whole work. A handler is called for execution and for generation and
-// tells them apart by the context's flags. The trees are in lda_cli_tree.cpp.
+// hold the loop lock throughout. A handler is called for execution and for generation and tells
+// them apart by the context's flags. The trees are in lda_cli_tree.cpp.
 #include "lda_cli.h"
 
 #include <cstring>
@@ -17,7 +17,7 @@
 #include "lda_main.h"
 #include "lda_state.h"
 
-// Interface types of a range on which the interface commands are offered.
+// Interface types of a range for which the interface commands are offered.
 static constexpr uint32_t IFRANGE_TYPE_MASK = 0x18050187;
 
 // Result of a handler that has nothing to write.
@@ -46,7 +46,7 @@ void lda_cmd_init(void) {
 
 // ---- Policy ----
 
-// Writes the line of the current policy, whichever policy's handler generates it.
+// Writes the line of the current policy, whichever policy's handler calls it.
 static void write_policy_line(cli_pcdb* pcdb) {
     const uint32_t policy = lda_loop_detect_ptype_get();
     APP_INFO_AS("lda_policy_set", "su=%d", policy);

@@ -2,8 +2,8 @@
 //
 // g_lda_cli_msg_set is created by lda_init before anything posts and never freed. The thread holds
 // the queue lock only to take one message and to log; it executes the message without the lock, so
-// that posters never wait for a command line. The wait is on the monotonic clock and ends after a
-// second at the latest, so a lost signal costs no more than that.
+// that posters never wait for a command line. The wait is on the monotonic clock and lasts at most
+// a second, so a lost signal costs no more than that.
 #include "lda_cli_delivery.h"
 
 #include <sys/prctl.h>
@@ -18,7 +18,7 @@
 
 lda_cli_msg_set_t* g_lda_cli_msg_set;
 
-// Links of a message that was taken off the queue: a use of them faults.
+// Links of a message that was removed from the queue: using them faults.
 static lda_list_t* poison(uintptr_t value) {
     return reinterpret_cast<lda_list_t*>(value);
 }

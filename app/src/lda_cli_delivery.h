@@ -15,7 +15,7 @@
 #include "app_lock.h"
 #include "lda_list.h"
 
-// Module selector of a message: which detection feature its command lines are about.
+// Module selector of a message: the detection feature that its command lines configure.
 inline constexpr uint32_t LDA_MID_TARN = 0;
 inline constexpr uint32_t LDA_MID_STORM = 1;
 inline constexpr uint32_t LDA_MID_BOTH = 2;
@@ -34,11 +34,11 @@ struct lda_cli_msg_t {
     lda_list_t link;
     uint8_t enable;              // 1 enable, 0 disable; filled by lda_loop_cmd_send only
     uint32_t mid;                // LDA_MID_*
-    uint32_t ifx;                // the port, 0 for messages about all of them
+    uint32_t ifx;                // the port, 0 for all ports
     uint32_t type;               // LDA_CLI_MSG_*
     uint32_t new_type;           // the new policy, or the current one
     uint32_t old_type;           // the previous policy
-    uint8_t shutdown;            // 1 shut the port down, 0 bring it back
+    uint8_t shutdown;            // 1 shut the port down, 0 bring it up
     uint8_t is_config_delivery;  // 1 after a reload; stays with the poster's own copy
 };
 static_assert(sizeof(lda_cli_msg_t) == 48);

@@ -1,6 +1,6 @@
 // Executors of the delivery thread.
 //
-// Each executor opens a session of its own and closes it. A port that joins an aggregate is
+// Each executor opens and closes its own session. A port that joins an aggregate is
 // configured directly on the main thread, where lines run inline. The loop lock is taken only to
 // list the ports and to mark a port whose recovery was refused, never with another lock held. A
 // line is executed once; only the refusal of "no shutdown" has a consequence.
@@ -149,7 +149,8 @@ uint32_t* lda_all_intf_ifx_get(uint16_t* count) {
     return array;
 }
 
-// Executes on every port the peer protocol's line, the storm detector's, or both, as `mid` says.
+// Executes the peer protocol's line, the storm detector's, or both on every port, according to
+// `mid`.
 static void execute_on_all_ports(int session, uint32_t mid, const char* tarn, const char* storm) {
     uint16_t count = 0;
     uint32_t* ports = lda_all_intf_ifx_get(&count);

@@ -13,8 +13,8 @@
 
 // ---- Shutdown and recovery ----
 
-// Shuts a port down or brings it back. A recovery that the switch refuses marks the port as shut
-// down again; takes the loop lock for that.
+// Shuts a port down or brings it up. A recovery that the switch refuses marks the port as shut down
+// again, under the loop lock.
 int cli_exec_shutdown(uint32_t ifx, uint8_t is_shutdown);
 // Executes "[no] loop-detect apply shutdown-port" on a port.
 int cli_exec_loop_apply_shutdown(uint32_t ifx, uint8_t is_shutdown);
@@ -32,7 +32,7 @@ uint32_t* lda_all_intf_ifx_get(uint16_t* count);
 
 // ---- One line ----
 
-// Output of one command line that is kept, with its terminator.
+// Bytes kept of the output of one command line, terminator included.
 inline constexpr size_t LDA_CLI_OUTPUT_BYTES = 513;
 // Result of a command line that printed something: the switch refused it.
 inline constexpr int32_t LDA_CLI_REFUSED = 2;
@@ -46,6 +46,6 @@ void lda_cli_mode_set(uint32_t ifx, uint32_t mode, cli_mode* descriptor);
 // something. Else the framework's own result.
 int32_t lda_loop_cmd_execute(int session, const char* line, const cli_mode* mode);
 
-// Takes the output of a line into the LDA_CLI_OUTPUT_BYTES at `user`, cut to fit; the buffer was
-// zero-filled before.
+// Copies the output of a line to the LDA_CLI_OUTPUT_BYTES at `user`, cut to fit; the buffer must be
+// zero-filled.
 void cmd_exec_out_cback(const char* text, size_t length, void* user);

@@ -12,7 +12,7 @@
 #include "lda_state.h"
 #include "p_app.pb-c.h"
 
-// Published even when the value does not change. The database's answer is ignored.
+// Published even when the value does not change. The database's result is ignored.
 static void publish_policy(uint32_t policy) {
     PApp__LdaNcPolicy record = P_APP__LDA_NC_POLICY__INIT;
     record.loop_policy_cli = policy;
@@ -65,7 +65,7 @@ const char* detect_loop_policy_type(uint32_t policy) {
 
 // ---- Re-judgement ----
 
-// The walk carries its argument as words; these are messages.
+// The walk passes its argument as words; here it is a message.
 static const uint32_t* as_words(const lda_cli_msg_t* message) {
     return reinterpret_cast<const uint32_t*>(message);
 }
@@ -87,7 +87,7 @@ uint32_t lda_cfg_policy_chg_cbk(lda_intf_t* record, const uint32_t* change) {
         if (message->is_config_delivery) {
             APP_INFO("is_config_delivery ifx=%d, is_shutdown=%d", record->ifx,
                      proposed.is_shutdown);
-            // A port that the saved configuration names as shut down stays so.
+            // A port that the saved configuration names as shut down stays shut down.
             if (looped) {
                 proposed.is_shutdown = shuts ? 1 : 0;
             }

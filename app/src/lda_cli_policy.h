@@ -7,7 +7,7 @@
 #include "lda_cli_delivery.h"
 #include "lda_msg.h"
 
-// Highest value lda_cli_policy_set takes, one more than there are policies.
+// Highest value lda_cli_policy_set accepts, one above the highest policy.
 inline constexpr uint32_t LDA_POLICY_LIMIT = 5;
 
 // Sets the policy. 0, or -2 for a value above LDA_POLICY_LIMIT.

@@ -1,6 +1,6 @@
 // Posters of the command queue.
 //
-// Posting reads the loop state and changes none of it. The queue lock is held only to append a
+// Posting reads the loop state and never changes it. The queue lock is held only to append a
 // message and to log; the caller may hold the loop lock. The calls that change what the running
 // configuration shows request its generation before they post, so that the configuration is ahead
 // of the command.
@@ -111,7 +111,7 @@ void lda_send_intfcfg(uint32_t ifx) {
         message.type = LDA_CLI_MSG_INTF_ENABLE;
         message.ifx = ifx;
     } else {
-        message.type = LDA_CLI_MSG_DISABLE;  // about all ports
+        message.type = LDA_CLI_MSG_DISABLE;  // for all ports
     }
     message.new_type = policy;
     message.old_type = policy;

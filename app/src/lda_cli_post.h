@@ -1,5 +1,5 @@
-// Posters of the command queue: each call puts one message into it, which the delivery thread
-// executes later (lda_cli_exec.h). Main thread, except where a call says otherwise.
+// Posters of the command queue: each call appends one message, which the delivery thread executes
+// later (lda_cli_exec.h). Main thread, except where a call says otherwise.
 #pragma once
 
 #include <cstdint>
@@ -17,8 +17,8 @@ int lda_loop_cmd_send(uint8_t enable, uint32_t mid, uint32_t ifx);
 
 // ---- Shutdown and recovery ----
 
-// Asks for a port to be shut down (1) or brought back (0), and for the running configuration to
-// follow. With a record, a recovery also asks for its clear timer.
+// Requests that a port be shut down (1) or brought up (0) and that the running configuration show
+// it. With a record, a recovery also arms its clear timer.
 void lda_send_shutcmd(uint32_t ifx, uint8_t shutdown, lda_intf_t* record);
 
 // ---- Detection features ----
@@ -27,10 +27,11 @@ void lda_send_shutcmd(uint32_t ifx, uint8_t shutdown, lda_intf_t* record);
 void lda_loop_config_delivery(uint32_t mid);
 // Configures one port under the current policy. Nothing calls it.
 void lda_send_intfcfg(uint32_t ifx);
-// Cleans one port whose configuration was reset to its defaults.
+// Removes the features' lines from a port that was reset to its defaults.
 void lda_intf_default_config_delivery(uint32_t mid, uint32_t ifx);
 // Post a message of type 0, which causes no work, unless the CLI is not ready yet.
 void lda_loop_detect_enable(void);
 void lda_loop_detect_disable(void);
-// Enables (non-zero) or disables through the two calls above, and has the configuration follow.
+// Enables (non-zero) or disables through the two calls above, and requests the running
+// configuration.
 void lda_async_enable_loop(uint32_t flag);

@@ -1,7 +1,7 @@
 // "show loop-detect [detail]".
 //
 // Main thread only. The ports come from a snapshot of the loop results. The columns of the detail
-// rows do not line up with their header. Kept on purpose: operators know the table like this.
+// rows do not line up with their header. Kept on purpose: operators know the table this way.
 #include "lda_cli_show.h"
 
 #include "app_debug.h"

@@ -1,8 +1,8 @@
 // Command trees of the agent: static parse nodes with their argument blocks.
 //
 // Constant data, walked by the CLI framework on the main thread. Each row is a node T... over its
-// block S...: first the node taken when it matches, then the one tried when it does not. A row only
-// names rows above it, so a tree begins with its leaves and ends with its root.
+// block S...: first the node to take when it matches, then the one to try when it does not. A row
+// only names rows above it, so a tree begins with its leaves and ends with its root.
 #include "app_cli_nodes.h"
 #include "lda_cli.h"
 #include "lda_cli_show.h"

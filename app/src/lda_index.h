@@ -1,12 +1,13 @@
-// Records of a list that are also found by a number without walking the list.
+// An index that finds the records of a list by a number, without walking the list.
 //
-// The list remains the owner and the order; the index only answers "which is the first record of
-// the list with this number". A record and its place in the index are one heap block, so once the
-// block exists nothing can fail: linking, finding and removing allocate nothing. The number is the
-// one that the record was made with and does not change.
+// The list still owns and orders the records; the index only finds the first record of the list
+// with a number. A record and its place in the index are one heap block, so once the block exists
+// nothing can fail: linking, finding and removing allocate nothing. A record keeps the number it
+// was made with.
 //
 // A bucket holds its records in the order of the list. For that, records are added at one end of a
-// list only, always with add() or always with add_tail(). The caller locks as for the list.
+// list only, always with add() or always with add_tail(). The lock of the list guards the index
+// too.
 #pragma once
 
 #include <cstddef>
@@ -49,7 +50,7 @@ struct lda_index {
         return record;
     }
 
-    // Links a record that make() has made at the end of the list.
+    // Links a record from make() at the end of the list.
     void add_tail(lda_list_t* head, Record* record) {
         block* added = block_of(record);
         added->next = nullptr;
@@ -67,7 +68,7 @@ struct lda_index {
         return nullptr;
     }
 
-    // Takes a linked record out of its list. The caller owns it afterwards.
+    // Removes a linked record from its list. The caller owns it afterwards.
     void remove(Record* record) {
         block* removed = block_of(record);
         *place_of(removed, removed->number) = removed->next;
@@ -80,7 +81,7 @@ struct lda_index {
         free(record);
     }
 
-    // Forgets all records without freeing them, as lda_list_init does.
+    // Drops all records without freeing them, as lda_list_init does.
     void init() {
         for (block*& bucket : buckets) {
             bucket = nullptr;
@@ -93,7 +94,7 @@ struct lda_index {
     static block* block_of(Record* record) { return reinterpret_cast<block*>(record); }
     static lda_list_t* links_of(Record* record) { return reinterpret_cast<lda_list_t*>(record); }
 
-    // The pointer to `wanted` in the bucket of `number`; to its end for null.
+    // The pointer to `wanted` in the bucket of `number`; for null, the pointer at its end.
     block** place_of(const block* wanted, uint32_t number) {
         block** place = &buckets[number % BUCKETS];
         while (*place != wanted) {

@@ -1,5 +1,5 @@
 // Circular doubly linked lists: a head that points to itself when empty, records that begin with
-// their links. No memory of its own; the caller locks.
+// their links. Allocates no memory; the caller locks.
 #pragma once
 
 struct lda_list_t {
@@ -26,7 +26,7 @@ inline void lda_list_add_tail(lda_list_t* head, lda_list_t* node) {
     head->prev = node;
 }
 
-// Takes `node` out of its list; its own links are left as they are.
+// Removes `node` from its list and leaves its own links unchanged.
 inline void lda_list_unlink(lda_list_t* node) {
     node->prev->next = node->next;
     node->next->prev = node->prev;

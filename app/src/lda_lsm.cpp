@@ -32,7 +32,7 @@ static constexpr uint32_t BRIDGE_EVENTS = 0x7;  // the first three; only LSM_EVE
 static constexpr uint32_t AGGREGATE_EVENTS = 1U << LSM_EVENT_AGGREGATE_MEMBER;
 static constexpr uint32_t LAYER_EVENTS = 1U << LSM_EVENT_VSL_CREATE | 1U << LSM_EVENT_VSL_REMOVE;
 
-// Mode of the client in which the agent announces the ports that exist.
+// Mode of the client in which existing ports are announced.
 static constexpr int ANNOUNCE_EXISTING_PORTS = 2;
 
 static constexpr uint32_t AP_JOINED = 0;
@@ -90,7 +90,7 @@ static lda_intf_t* create_intf(uint32_t ifx) {
     return record;
 }
 
-// Has the delivery thread configure the detection features on a new port.
+// Makes the delivery thread configure the detection features on a new port.
 static void deliver_new_intf(uint32_t ifx) {
     const uint32_t policy = lda_loop_detect_ptype_get();
     if (!cli_ready || policy == LDA_POLICY_DISABLED) {
@@ -270,7 +270,7 @@ static void lda_vsl_convert_proc(uint32_t ifx, uint32_t state) {
     record->vsl_member = 1;
 }
 
-// Takes a port that has become a virtual-switch-link port out of detection.
+// Removes a port that has become a virtual-switch-link port from detection.
 static void remove_vsl_port(uint32_t ifx) {
     lda_del_intf(ifx);
     uint32_t phyid = 0;

@@ -18,7 +18,7 @@ void lda_lsm_layer_inline_handle(uint32_t event, void* message);  // virtual-swi
 
 // The record of a port, made if there is none; null only when memory runs out. Takes the loop lock.
 lda_intf_t* lda_add_intf(uint32_t ifx);
-// Removes the record of a port, if there is one. Nothing else of the port's state is undone. Takes
+// Removes the record of a port, if there is one. Undoes nothing else of the port's state. Takes
 // the loop lock.
 void lda_del_intf(uint32_t ifx);
 

@@ -1,7 +1,7 @@
-// Start-up and spine of the agent.
+// Start-up and main loop of the agent.
 //
 // `main` runs on the main thread and drives the thread master; everything else here is a callback
-// of it. The redundancy service calls hot_standby_callback once, and that builds all the rest: the
+// of it. The redundancy service calls hot_standby_callback once, which builds everything else: the
 // loop set (g_lda_loop_set, its recursive lock also guards backup_node_list), the command queue
 // with its delivery thread, the CLI commands, the port and bridge clients, the database sessions
 // and the storm detector. Start-up is all or nothing: a failure ends the process and leaves
@@ -59,7 +59,7 @@ static void register_role() {
     rdnd_lib_mom_reg(&registration);
 }
 
-// The main loop ends only when it has nothing left to wait for, which is a failure, as is a failed
+// The main loop ends only when it has nothing left to wait for. That is a failure, as is a failed
 // start.
 static int finish() {
     qv_thread_master_finish(g_lda_master);

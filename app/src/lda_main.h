@@ -1,4 +1,4 @@
-// Spine of the agent: start-up, readiness, object-database sessions, loop-entry publication, and
+// The core of the agent: start-up, readiness, object-database sessions, loop-entry publication, and
 // the list of ports that the saved configuration names before they exist.
 //
 // Everything but the command-delivery thread runs as callbacks of the thread master that `main`
@@ -32,7 +32,7 @@ extern uint8_t cli_ready;        // the saved configuration has been replayed
 extern uint8_t mom_cfg_ready;    // configuration database connected
 extern uint8_t mom_local_ready;  // local database connected, its subscription placed
 extern uint8_t mom_app_ready;    // application database connected, stale loop entries purged
-extern uint8_t lsm_port_ready;   // all ports of the start are known
+extern uint8_t lsm_port_ready;   // all initial ports are known
 extern uint8_t mom_storm_ready;  // the storm detector is up
 
 // ---- Guarded by the loop lock ----
@@ -43,14 +43,14 @@ extern lda_list_t backup_node_list;
 // ---- Start-up ----
 
 // Gives the recovery time its default and creates the loop set, the pending-interface list and the
-// command queue. 0, or -1 when memory runs out, with nothing left behind but a stale pointer.
+// command queue. 0, or -1 when memory runs out; then only a stale pointer is left.
 int lda_init(void);
 
 // Role callback: builds the whole agent. Called at most once. Returns 0; a failure ends the
 // process with status -1.
 int hot_standby_callback(void);
 
-// Tells the CLI framework that the agent is ready, when all five conditions hold; again at each
+// Tells the CLI framework that the agent is ready, when all five conditions are met; again at each
 // later call.
 void lda_try_notify_cli_ready(void);
 // Readiness callback of the storm detector.
@@ -110,9 +110,9 @@ int lda_mom_app_db_disconnect(void* arg);
 
 // ---- Pending-interface list ----
 
-// Adds a port unless it is there already. Silent when memory runs out.
+// Adds a port unless it is listed already. Silent when memory runs out.
 void lda_back_node_add(uint32_t ifx);
 // 1 when the port is on the list, else 0.
 int lda_back_node_lookup(uint32_t ifx);
-// Removes the port, if it is there.
+// Removes the port, if it is listed.
 void lda_back_node_del(uint32_t ifx);

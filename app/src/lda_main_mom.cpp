@@ -1,5 +1,5 @@
-// The agent's three sessions with the object database. The callbacks raise the readiness flags; a
-// lost session lowers none of them. Main thread.
+// The agent's three sessions with the object database. The callbacks set the readiness flags; a
+// lost session clears none of them. Main thread.
 #include "app_debug.h"
 #include "lda_main.h"
 #include "lda_netconf.h"
@@ -9,7 +9,7 @@
 // The registration of one session, with its log texts. Kept on purpose: the local session logs the
 // name of the application database, and some setters log their failure under another call's name.
 struct session_rule {
-    const char* routine;  // under whose name it logs
+    const char* routine;  // function name in its log lines
     const char* title;
     uint32_t db;
     qv_mom_session_cb connect;

@@ -2,10 +2,10 @@
 // policy, the recovery time and the clear interval.
 //
 // The port-state service announces a port, and the port gets its record (lda_lsm.h). A port "is in
-// the loop table" while its total_result is set. The state in a record changes in lda_state.cpp and
-// nowhere else; the other fields name their writers. All state belongs to the main thread. The loop
-// lock is taken to link and unlink records, and by the delivery thread, which looks records up and
-// may set is_shutdown; the main thread reads the list without it.
+// the loop table" while its total_result is set. The state in a record changes only in
+// lda_state.cpp; the other fields name their writers. All state belongs to the main thread. The
+// loop lock is taken to link and unlink records, and by the delivery thread, which looks records up
+// and may set is_shutdown; the main thread reads the list without it.
 #pragma once
 
 #include <pthread.h>
@@ -86,7 +86,7 @@ struct lda_recover_time_t {
 };
 static_assert(sizeof(lda_recover_time_t) == 8);
 
-// One looped port as lda_all_loop_result_get hands it out.
+// One looped port in the result of lda_all_loop_result_get.
 struct lda_loop_result_t {
     char name[LDA_NAME_BYTES];
     uint8_t tarn_result;
@@ -134,8 +134,7 @@ void lda_cli_recover_time_set(uint32_t time, uint8_t enabled);
 // Seconds, 0 while recovery is disabled.
 uint32_t lda_cli_recover_time_get(void);
 
-// Link a new record at the end of the list, and take a record out of it, which the caller owns
-// afterwards.
+// Link a new record at the end of the list, and unlink a record, which the caller then owns.
 void lda_intf_link(lda_intf_t* record) APP_REQUIRES(lda_loop_capability);
 void lda_intf_unlink(lda_intf_t* record) APP_REQUIRES(lda_loop_capability);
 

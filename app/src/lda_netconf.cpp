@@ -85,7 +85,7 @@ int lda_nc_msg_policy(qv_mom_client* client, const qv_mom_msg* message) {
         return -1;
     }
     APP_INFO("loop_policy_cli[%d]", request->loop_policy_cli);
-    // A request without a requester or without an index counts as type 0 from nobody.
+    // A request without a requester or an index counts as type 0 from an empty requester.
     const PMng__UiOperate nobody = P_MNG__UI_OPERATE__INIT;
     const PMng__UiOperate* requester = request->rst != nullptr ? request->rst : &nobody;
     const int32_t type = requester->index != nullptr ? requester->index->type : 0;

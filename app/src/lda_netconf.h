@@ -9,10 +9,10 @@
 
 // Subscribes to the policy requests in the local database. Returns 0 whatever the database answers.
 int lda_nc_mom_reg_subscribe(void);
-// Takes one message of that subscription, whatever its operation: a request is executed and
+// Handles one message of that subscription, whatever its operation: a request is executed and
 // answered. Returns 0, or -1 for a bad call or a message without a record.
 int lda_nc_msg_policy(qv_mom_client* client, const qv_mom_msg* message);
 
 // Answers the request `request` with `result` (0 done, 1 refused): publishes a record with its
-// index, zeroes where it has none, and its source. A failure is logged.
+// index, or zeroes without one, and its source. A failure is logged.
 void send_mom_publish_result(const PMng__UiOperate* request, int32_t result);

@@ -18,14 +18,14 @@ static constexpr char NOTIFY_LEAF_PATH[] =
 static constexpr size_t NOTIFY_PATH_BYTES = 512;
 static constexpr size_t NOTIFY_LEAVES = 4;
 
-// The full path of a leaf in a string of its own, to be freed; null when memory runs out.
+// Returns the full path of a leaf, which the caller frees; null when memory runs out.
 static char* leaf_path(const char* interface, const char* leaf) {
     char path[NOTIFY_PATH_BYTES];
     snprintf(path, sizeof path, NOTIFY_LEAF_PATH, interface, leaf);
     return strdup(path);
 }
 
-// Sends the leaves unless one of them has no path. 0 when they went out.
+// Sends the leaves unless one of them has no path. 0 when they were sent.
 static int send_leaves(const nc_lib_leaf* leaves) {
     for (size_t i = 0; i < NOTIFY_LEAVES; i++) {
         if (leaves[i].path == nullptr) {

@@ -1,11 +1,11 @@
-// State of the ports. Every change of it happens in this source.
+// State of the ports. Only this source changes it.
 //
 // Four facts about a port make its state: a source reports a loop (tarn_result, storm_result), the
 // port is in the loop table (total_result), the agent holds it shut down (is_shutdown), and its
 // clear timer is pending (clear_timer). docs/architecture.md has the table of the states.
 //
 //   A report      sets the result of its source. A loop runs the policy and enters the port in the
-//                 loop table; the last source that falls quiet starts the clear timer.
+//                 loop table; the last source to fall quiet starts the clear timer.
 //   The policy    may shut the port down. A loop that is reported again by the same source sets the
 //                 flag and posts "shutdown" in any case; everything else proposes a change, and
 //                 lda_intf_ret_proc posts only when the flag changes.
@@ -70,7 +70,7 @@ static bool name_loops(const char* name) {
 
 // ---- A report ----
 
-// The result byte of a source, or null for a number that is none.
+// The result byte of a source, or null for an unknown source.
 static uint8_t* source_result(lda_intf_t* record, uint32_t source) {
     if (source == LDA_SOURCE_TARN) {
         return &record->tarn_result;
@@ -144,7 +144,7 @@ int lda_cli_intf_shutdown_by_lda_cmd(uint32_t ifx, uint8_t shutdown) {
 
 // ---- Every proposed change ----
 
-// Whether the new loop state or mode is to be notified when the shut-down flag stays as it is.
+// Whether to notify the new loop state or mode when the shut-down flag does not change.
 static bool notifies_without_shut_change(const lda_intf_t* current, const lda_intf_t* proposed) {
     if (current->total_result != proposed->total_result) {
         return true;
@@ -192,7 +192,7 @@ static void cancel_timer(qv_thread** timer) {
 }
 
 void lda_loop_result_add(lda_intf_t* record) {
-    cancel_timer(&record->clear_timer);  // a fresh loop revokes a pending clear
+    cancel_timer(&record->clear_timer);  // a new loop cancels a pending clear
     if (record->total_result) {
         return;
     }

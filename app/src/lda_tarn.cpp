@@ -8,7 +8,7 @@
 #include "lda_state.h"
 #include "p_bridge.pb-c.h"
 
-// A record of the type with an empty key, for the calls that are about all records.
+// A record of the type with an empty key, for the calls that address all records.
 struct tarn_template {
     PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
     PBridge__TarnLoopInfo info = P_BRIDGE__TARN_LOOP_INFO__INIT;

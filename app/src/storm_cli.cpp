@@ -23,8 +23,8 @@ lda_index<storm_ifx_info> g_libstorm_index;
 lda_index<storm_rate_info> g_libstorm_rate_index;
 lda_index<storm_port_info> storm_port_index;
 
-// The port manager's configuration event that takes an interface out. It shares its number with the
-// LSM's default event and is another thing.
+// The port manager's configuration event that removes an interface. It shares its number with the
+// LSM's default event but is unrelated.
 static constexpr uint32_t CONFIG_EVENT_REMOVE = 2;
 
 static constexpr uint32_t RATE_SLOT = 0;
@@ -67,7 +67,7 @@ static void change_rate_info(storm_rate_info* info, bool enabled, uint32_t rate,
     }
 }
 
-// A new setting, also one that equals the defaults. False without memory.
+// Adds a setting, even one that equals the defaults. Returns false without memory.
 static bool add_rate_info(uint32_t ifx, uint32_t rate, uint32_t burst)
     APP_REQUIRES(storm_capability) {
     storm_rate_info* info = g_libstorm_rate_index.add(&g_libstorm_rate_head, ifx);

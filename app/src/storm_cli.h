@@ -4,7 +4,7 @@
 // is enabled (g_libstorm_head) and the rate settings (g_libstorm_rate_head), one entry per
 // interface index each, new entries in front. It also declares the detection records of
 // storm_port_head, one per forwarding-plane port whose rule is installed, which storm_detect.h
-// creates and judges. Everything runs on the main thread; the mutex is taken all the same.
+// creates and judges. Everything runs on the main thread; the mutex is taken anyway.
 #pragma once
 
 #include <pthread.h>
@@ -20,7 +20,7 @@
 // Records of all three lists are zero-filled heap blocks that begin with their links, owned by
 // their list.
 
-// An interface on which "storm-loop-detect enable" is in force.
+// An interface on which storm detection is enabled.
 struct storm_ifx_info {
     lda_list_t link;
     uint32_t ifx;
@@ -75,15 +75,15 @@ extern lda_list_t g_libstorm_rate_head APP_GUARDED_BY(storm_capability);  // of 
 extern lda_list_t storm_port_head;                                        // of storm_port_info
 extern uint32_t storm_port_num;  // records in storm_port_head
 
-// All records of the lists are made and dropped here: they are looked up many times in each poll.
+// The indexes make and drop all records of the lists: each poll looks them up many times.
 extern lda_index<storm_ifx_info> g_libstorm_index APP_GUARDED_BY(storm_capability);  // by ifx
 // By ifx. Changed under the mutex, read by the poll without it, on the same thread.
 extern lda_index<storm_rate_info> g_libstorm_rate_index;
 extern lda_index<storm_port_info> storm_port_index;  // by phyid
 
 // Registers the two command trees at attachment point 59, then makes the mutex and, only when that
-// succeeds, the two empty configuration lists. A tree that is refused is reported on the command
-// line and does not stop the rest. Once, from storm_init.
+// succeeds, the two empty configuration lists. A refused tree is reported on the command line and
+// does not stop the rest. Once, from storm_init.
 void std_cli_init(void);
 
 // Handlers of the two commands: print the configuration line of the interface when the running
@@ -95,8 +95,8 @@ int cfg_port_set_storm_burst_limit(cli_pcdb* pcdb);
 // installed leaves the interface listed as enabled. Takes the lock.
 void storm_set(uint32_t ifx, bool enable);
 
-// Sets (`set`) or removes the rate setting of an interface and carries it to the forwarding plane
-// where detection is enabled. Without memory nothing changes. Takes the lock.
+// Sets (`set`) or removes the rate setting of an interface and updates the forwarding plane where
+// detection is enabled. Without memory nothing changes. Takes the lock.
 void storm_set_burst_limit(uint32_t ifx, uint32_t rate, uint32_t burst, bool set);
 
 // The rate setting of an interface, or null. Takes no lock; valid until the setting is removed.
@@ -105,8 +105,8 @@ storm_rate_info* storm_find_rate(uint32_t ifx);
 // Removes an interface's enabled entry and rate setting; its rule stays. Takes the lock.
 void storm_del_list(uint32_t ifx);
 
-// Port-manager event handler, registered by whoever wants an interface's storm configuration and
-// detection removed with event 2; `msg` begins with the interface index. Other events do nothing.
+// Port-manager event handler, for clients that want event 2 to remove an interface's storm
+// configuration and detection; `msg` begins with the interface index. Other events do nothing.
 void libp_policy_std_lsm_msg_handler(uint32_t event, void* msg);
 
 // Visibility of the trees: non-zero offers the commands to the interface, or to the range.

@@ -80,7 +80,7 @@ static int storm_mutex_init() {
 }
 
 void std_cli_init(void) APP_NOT_ANALYSED {
-    // Kept on purpose: the number printed is always 0, whatever the framework answered.
+    // Kept on purpose: the number printed is always 0, whatever the framework returned.
     if (cli_add_command(CLI_CHAIN_INTERFACE_STORM, &Tcfg_port_std_cmd,
                         "configure port storm detect") != 0) {
         cli_printf("cli_add_command configure port storm detect failed, rv = %d!", 0);

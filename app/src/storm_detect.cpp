@@ -8,7 +8,7 @@
 //   in loop  the verdict is repeated about every 90 seconds; after ten polls without a run of three
 //            over the rate, is_loop is cleared, and the end is reported.
 //
-// The receiver of a verdict may drop any record, the one under judgement included; poll_next and
+// The receiver of a verdict may drop any record, including the one being judged; poll_next and
 // the results of notify_verdict are there for that. The poll arms its timer again at its end, so
 // the period runs from the end of one poll to the start of the next. Records and their counters
 // belong to the main thread and have no lock.
@@ -146,9 +146,9 @@ void storm_fp_expire_add(void* arg) {
 
 // ---- Judgement ----
 
-// Returns the first record of the list with this ACL, or null. The agent gives every port an ACL
-// with the port's own number, so the index has the answer. Only an ACL without a record, or a
-// record whose ACL was changed, costs a walk.
+// Returns the first record of the list with this ACL, or null. Every port's ACL has the port's own
+// number, so the index finds it. Only an ACL without a record, or a record whose ACL was changed,
+// costs a walk.
 static storm_port_info* find_by_acl(uint32_t acl_id) {
     storm_port_info* likely = storm_port_index.find(acl_id);
     if (likely != nullptr && likely->acl_id == acl_id) {
@@ -163,7 +163,7 @@ static storm_port_info* find_by_acl(uint32_t acl_id) {
 }
 
 void std_counter_msg(qv_mom_client*, const fp_acl_key* acl_key, void*, const fp_counts* counts) {
-    // The terminator is compared too: a longer name that starts alike is another application.
+    // The terminator is compared too: a longer name with the same start is another application.
     if (memcmp(acl_key->app, STORM_APP_NAME, sizeof(STORM_APP_NAME)) != 0) {
         return;
     }
@@ -235,7 +235,7 @@ static bool is_over_rate(const poll_totals& totals, uint32_t rate) {
     return packets > threshold;
 }
 
-// Reports the verdict of a record. False when the receiver has dropped the record.
+// Reports the verdict of a record. Returns false when the receiver has dropped the record.
 static bool notify_verdict(storm_port_info* info) {
     const uint32_t phyid = info->phyid;
     storm_loop_msg msg;
@@ -243,7 +243,7 @@ static bool notify_verdict(storm_port_info* info) {
     return storm_port_index.find(phyid) == info;
 }
 
-// The third poll in a row over the rate. False when the record has been dropped.
+// Handles the third poll in a row over the rate. Returns false when the record has been dropped.
 static bool enter_loop(storm_port_info* info, const poll_totals& totals) {
     constexpr char OPERATION[] = "storm_deal_counter";
     APP_INFO_AS(OPERATION, "***the time poll = %d", info->timer_notify);

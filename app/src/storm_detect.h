@@ -1,6 +1,6 @@
 // Storm detection: counter-and-meter rules in the forwarding plane, their polling and judgement.
 //
-// Every watched port has a rule that counts and meters the frames whose destination is not known.
+// Every watched port has a rule that counts and meters the frames whose destination is unknown.
 // Counter reports add up in the port's record (storm_port_info, storm_cli.h); every 4 seconds the
 // timer "loop_check" judges each record: three polls in a row over the rate are a loop, ten counted
 // polls without such a run end it. storm_detect.cpp holds start-up and judgement, storm_rule.cpp
@@ -60,7 +60,7 @@ extern storm_opt_statics std_opt_statics;
 int storm_init(qv_thread_master* master, qv_mom_client* client, storm_notify_msg_proc verdict,
                storm_notify_ready_msg ready);
 
-// Loads g_pps_value from the capability store; on failure it stays as it is.
+// Loads g_pps_value from the capability store; on failure it does not change.
 void std_load_cap_value(void);
 
 // Callbacks of the session with database 8. Return 0.
@@ -83,12 +83,12 @@ void std_counter_msg(qv_mom_client* context, const fp_acl_key* acl_key, void* co
 int storm_deal_counter_timeout(qv_thread* thread);
 void storm_deal_counter(storm_port_info* info);
 
-// Builds the verdict of a record in `msg` and hands it on. The result is that of the callback, or
-// -1 when the port has no interface.
+// Builds the verdict of a record in `msg` and passes it to the callback. Returns the callback's
+// result, or -1 when the port has no interface.
 int storm_notify_lda(storm_loop_msg* msg, storm_port_info* info);
 int storm_constuct_info(storm_loop_msg* msg, uint32_t phyid, uint8_t is_loop);
 
-// Takes a record out of the list, during a poll too, and frees it.
+// Removes a record from the list, even during a poll, and frees it.
 void storm_port_drop(storm_port_info* info);
 
 // ---- Rules (storm_rule.cpp) ----
@@ -114,7 +114,7 @@ void std_acl_delete(uint32_t acl_id);
 void std_ace_entry_delete(uint32_t acl_id);
 int std_acl_unapply(uint32_t phyid, uint32_t acl_id, uint32_t type);
 
-// Results of the service. Only a failed apply has an effect: the port is taken out of detection and
+// Results of the service. Only a failed apply has an effect: the port is removed from detection and
 // its configuration is dropped.
 void storm_install_on_acl_success(qv_mom_client* context, const fp_acl_key* acl_key);
 void storm_install_on_acl_failed(qv_mom_client* context, const fp_acl_key* acl_key, int error);

@@ -1,4 +1,4 @@
-// Storm detection: the rules in the forwarding plane and the records beside them.
+// Storm detection: the rules in the forwarding plane and the port records.
 //
 // A watched port has an ACL with its forwarding-plane id, with one entry (destination not known)
 // and one apply (meter, counter). While any port is watched, ACL 0 with an entry for MPLS unicast
@@ -72,7 +72,7 @@ static fp_apply* std_apply_alloc(const fp_acl_key* key) {
     return storm_udp_mgr->apply_alloc(key);
 }
 
-// Gives the entry to its ACL and frees it.
+// Adds the entry to its ACL and frees it.
 static void install_entry(uint32_t acl_id, fp_entry* entry) {
     const fp_acl_key key = acl_key_of(acl_id, 0);
     storm_udp_mgr->entry_add(g_storm_global, &key, entry);
@@ -86,7 +86,7 @@ static void install_apply(uint32_t port, uint32_t type, fp_apply* apply) {
     storm_udp_mgr->apply_free(apply);
 }
 
-// Installs the shared rule for MPLS unicast frames. 0, or -1 with all of it removed again.
+// Installs the shared rule for MPLS unicast frames. 0, or -1 with everything removed again.
 static int storm_add_mpls_fp() {
     APP_INFO("add mpls entry");
     std_acl_create(MPLS_ACL_ID);
@@ -131,7 +131,7 @@ static bool add_port_matches(fp_entry* entry) {
            add_item(entry, "l3_uc", FP_ITEM_MATCH, l3_uc, sizeof(l3_uc));
 }
 
-// The actions of a port rule: meter, count, forward what is within the rate.
+// The actions of a port rule: meter, count, forward frames within the rate.
 static bool add_port_actions(fp_apply* apply, uint32_t rate, uint32_t burst) {
     uint8_t meter[METER_BYTES] = {};
     const uint64_t meter_rate = rate;
@@ -144,8 +144,8 @@ static bool add_port_actions(fp_apply* apply, uint32_t rate, uint32_t burst) {
            add_item(apply, "fwd", FP_ITEM_ACTION, fwd, sizeof(fwd));
 }
 
-// Notifies the end of a loop that a record holds. Returns the port's record, or null when the
-// notification had it dropped.
+// Notifies the end of a record's loop, if it has one. Returns the port's record, or null when the
+// notification has dropped it.
 static storm_port_info* end_loop(storm_port_info* info) {
     if (info->is_loop != 1) {
         return info;
@@ -170,7 +170,7 @@ static void reset_judgement(storm_port_info* info) {
 }
 
 // Replaces the rule of a record, under the same ACL id, for a new rate or burst. A notification or
-// a failed apply may drop the record in between; the rule is not installed without one.
+// a failed apply may drop the record in between; then the rule is not installed.
 static void update_port_info(storm_port_info* info, uint32_t rate, uint32_t burst) {
     constexpr char OPERATION[] = "storm_set_rate_burst";
     if (static_cast<uint32_t>(info->rate) == rate && info->burst == burst) {

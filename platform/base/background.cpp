@@ -24,7 +24,7 @@ void WorkerThread::run(std::function<void()> work, EventLoop::Task done) {
         jobs_.push_back({std::move(work), std::move(done)});
     }
     if (!thread_.joinable()) {
-        // Signals are the loop's.
+        // Signals belong to the loop's thread.
         sigset_t all;
         sigset_t before;
         sigfillset(&all);

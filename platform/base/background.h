@@ -1,4 +1,4 @@
-// Work that may wait for the disk, away from the loop.
+// Work that may wait for the disk and so must not run in the loop.
 #pragma once
 
 #include <condition_variable>
@@ -19,8 +19,8 @@ class Background {
     virtual void run(std::function<void()> work, EventLoop::Task done) = 0;
 };
 
-// One thread, started with the first work. The destructor waits until all work is done; its `done`
-// tasks are posted to the loop, which must outlive this.
+// One thread, started by the first call of run(). The destructor waits until all work is done; its
+// `done` tasks are posted to the loop, which must outlive this.
 class WorkerThread final : public Background {
  public:
     explicit WorkerThread(EventLoop& loop) : loop_(loop) {}

@@ -18,7 +18,7 @@ Duration SteadyClock::real_time_until(Time t) const {
     if (left <= Duration::zero()) {
         return Duration::zero();
     }
-    // Rounded up: a waiter that comes back too early would find nothing to do and wait again.
+    // Rounded up: a waiter that wakes too early would find nothing to do and wait again.
     const double wait = std::ceil(static_cast<double>(left.count()) / speed_);
     return Duration(static_cast<Duration::rep>(wait));
 }

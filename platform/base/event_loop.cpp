@@ -16,9 +16,9 @@
 //
 // Removal: a loop and a handle share an Entry, and `Entry::loop` says whether it is live. reset()
 // clears it. Work of that entry may be in `ready` at that moment; start() then skips it. A timer is
-// finished when fetch() takes it, a watch stays until its handle goes, which may happen inside its
-// own callback: `current` keeps the entry alive for the call. The destructor of the loop clears
-// every entry first, because a task may own handles, its own included.
+// finished when fetch() takes it, a watch stays until its handle is destroyed, which may happen
+// inside its own callback: `current` keeps the entry alive for the call. The destructor of the loop
+// clears every entry first, because a task may own handles, its own included.
 #include "platform/base/event_loop.h"
 
 #include <event2/event.h>
@@ -130,7 +130,7 @@ class AlarmDescriptor {
     int fd_;
 };
 
-// The position of a timer: by time, and in the order of arming among equals.
+// The position of a timer: by time, and by order of arming among equals.
 using TimerKey = std::pair<Time, uint64_t>;
 
 }  // namespace
@@ -212,7 +212,7 @@ struct EventLoop::Impl {
 
     Mutex mutex;
     std::deque<Task> posted GUARDED_BY(mutex);
-    bool asleep GUARDED_BY(mutex) = false;  // a post has to wake the loop up
+    bool asleep GUARDED_BY(mutex) = false;  // a post must wake the loop
 
     std::atomic<bool> stopped{false};
     std::atomic<Expected> expected{Expected::kNothing};
@@ -359,7 +359,7 @@ void EventLoop::Impl::wait() {
     asleep = false;
 }
 
-// Polls the queue for a post that is expected. True when a task is posted. The time limit is real
+// Polls the queue for an expected post. True when a task is posted. The time limit is real
 // time, whatever clock the loop has: the other thread runs in real time.
 bool EventLoop::Impl::linger() {
     if (expected != Expected::kPost) {

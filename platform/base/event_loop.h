@@ -28,7 +28,7 @@ class EventLoop {
     using WatchCallback = std::function<void(Ready)>;
 
     // Movable owner of a watch, a timer or a deferred task; destroying it removes what it owns.
-    // True while the watch stands or the task is pending; false when empty, after reset(), after
+    // True while the watch exists or the task is pending; false when empty, after reset(), after
     // the task was fetched, and once the loop is gone. Loop thread only.
     class Handle {
      public:

@@ -6,7 +6,7 @@
 
 namespace qv {
 
-// The result of `call`, or `failure` when it throws, which it does when memory runs out.
+// The result of `call`, or `failure` when it throws, as it does when memory runs out.
 template <typename Result, typename Call>
 Result guarded(Result failure, Call call) {
     try {

@@ -12,7 +12,7 @@ struct Report {
     std::set<uint32_t> databases;   // missing
     std::set<std::string> bridges;  // missing
     std::string state = "starting";
-    std::string status;  // as told
+    std::string status;  // as last sent
 };
 
 Report& report() {

@@ -8,7 +8,7 @@
 
 namespace qv {
 
-// Severities of RFC 5424, section 6.2.1. Messages may have the others too, 0 to 7.
+// Severities of RFC 5424, section 6.2.1. Messages may have any from 0 to 7.
 inline constexpr int kLogError = 3;
 inline constexpr int kLogWarning = 4;
 inline constexpr int kLogInfo = 6;

@@ -60,7 +60,7 @@ class RightsOf {
     bool taken_ = false;
 };
 
-// Reads the file alone: a directory server that does not answer would block the loop.
+// Reads only the file: a directory server that does not answer would block the loop.
 std::string name_in_passwd(uid_t uid) {
     const std::unique_ptr<std::FILE, int (*)(std::FILE*)> file(std::fopen("/etc/passwd", "re"),
                                                                std::fclose);

@@ -61,7 +61,7 @@ void c2p_action(cli_walk* walk, const cli_node* node) {
         if (walk->first_time(node)) {
             argument_of<cli_c2p_arg>(node).handler(walk->pcdb);
         }
-        return;  // the walk itself knows where to go on
+        return;  // generation finds the next node by itself
     }
     walk->visit(node->accept);
     walk->visit(node->alternative);

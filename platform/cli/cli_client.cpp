@@ -119,7 +119,7 @@ int cli_client_init(const char* name, qv_thread_master* master) {
     }
 }
 
-// Without its configuration the switch must not run: the process ends when there is no memory.
+// The switch must not run without its configuration: lack of memory ends the process.
 void cli_client_ready(void) {
     if (qv::cli::ConfigKeeper* keeper = qv::cli::config_keeper()) {
         [=]() noexcept {

@@ -80,7 +80,7 @@ void find_stops(const cli_node* node, std::unordered_set<const cli_node*>& seen,
     find_stops(node->alternative, seen, stops);
 }
 
-// The nodes behind `node` that do something while a configuration is generated, in the order of
+// The nodes after `node` that do something while a configuration is generated, in the order of
 // the walk. Most nodes only take words. Nodes never change and are never destroyed, so each tree
 // is searched once.
 const std::vector<const cli_node*>& stops_from(const cli_node* node) {

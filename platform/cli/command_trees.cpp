@@ -83,9 +83,8 @@ std::map<int, std::vector<Tree>>& chains() {
     return instance;
 }
 
-// A tree with a node for the "no" prefix accepts it for all its commands, because the node may
-// stand beside the path. Under "debug" it must stand on the path: the trees there hold unrelated
-// commands.
+// A tree with a node for the "no" prefix accepts it for all its commands, because the node may be
+// beside the path. Under "debug" it must be on the path: the trees there hold unrelated commands.
 void visit_chain(cli_walk* walk, int chain) {
     const Place before = walk->place;
     for (const Tree& tree : chains().at(chain)) {

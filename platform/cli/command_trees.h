@@ -7,7 +7,7 @@
 
 namespace qv::cli {
 
-// Attachment points of the switch's own, beside those of qv/cli.h.
+// The switch's own attachment points, in addition to those of qv/cli.h.
 inline constexpr int kChainView = 1;  // mode exec, whatever the session's level
 inline constexpr int kChainExec = 2;  // mode exec, privileged sessions
 inline constexpr int kChainSession =
@@ -18,14 +18,14 @@ inline constexpr const char* kModeConfig = "config";
 inline constexpr const char* kModeInterface = "interface";
 inline constexpr const char* kModeRange = "ifrange";
 
-// The trees of a mode without those that move the session: what a configuration consists of. Null
-// for mode exec and an unknown one.
+// The trees of a mode whose lines can be part of a configuration: all but those that move the
+// session. Null for mode exec and an unknown mode.
 const cli_node* config_commands_root(std::string_view mode);
-// The tree of "show ..." alone.
+// Only the tree of "show ...".
 const cli_node* show_commands_root();
 
-// Builders for the switch's own trees: the nodes are never destroyed. Texts must stay valid as
-// long.
+// Builders for the switch's own trees: the nodes are never destroyed, so texts must stay valid
+// until the process ends.
 const cli_node* end_of_line(cli_handler handler);
 const cli_node* keyword(const char* word, const char* help, const cli_node* accept,
                         const cli_node* alternative = &Tno_alt);

@@ -18,7 +18,7 @@ namespace {
 
 constexpr off_t kMaxFileBytes = off_t{16} * 1024 * 1024;
 constexpr mode_t kFileMode = 0640;
-constexpr int kMaxLinks = 40;  // as the kernel's own limit
+constexpr int kMaxLinks = 40;  // the kernel's limit
 
 std::string_view trimmed(std::string_view line) {
     const size_t first = line.find_first_not_of(" \t\r");
@@ -79,7 +79,7 @@ void inherit(int fd, const std::string& from) {
     ::fchmod(fd, mode);
 }
 
-// The target of a symbolic link, whether or not something is there; the path itself for anything
+// The target of a symbolic link, whether or not it exists; the path itself for anything
 // else.
 std::string followed(const std::string& path) {
     std::filesystem::path target = path;

@@ -27,9 +27,10 @@ struct ConfigSection {
 // Cuts a configuration into its sections, in order. "!", "exit" and "end" end a section.
 std::vector<ConfigSection> parse_config(std::string_view text);
 
-// The text of a file of reasonable size. An empty optional with errno set when it cannot be read.
+// Returns the text of a file of reasonable size, or nothing with errno set.
 std::optional<std::string> read_config_file(const std::string& path);
-// The same from an open descriptor, which it closes; negative: errno stays.
+// The same from an open descriptor, which it closes. A negative one means that errno says why it
+// could not be opened.
 std::optional<std::string> read_config_from(int fd);
 
 // The last line of a configuration that was written to its end.
@@ -49,16 +50,17 @@ struct UnsealedConfig {
 };
 UnsealedConfig unseal_config(std::string_view sealed);
 
-// Whether the disk is waited for. Without that the file survives the process, not a power failure.
+// Whether to wait for the disk. Without that a file survives the process, but not a power failure.
 enum class Sync { kNow, kLater };
 
-// Replaces the file as a whole or not at all. An empty text when done, else the reason. The new
-// file has the mode and the owner of the old one; a symbolic link stays, and the file it leads to
-// is replaced.
+// Replaces the file as a whole or not at all. Returns an empty text on success, else the reason.
+// The new file has the mode and the owner of the old one; a symbolic link stays, and the file it
+// points to is replaced.
 std::string replace_file(const std::string& path, std::string_view text, Sync sync = Sync::kNow);
-// Removes a file, which need not exist. An empty text when done, else the reason.
+// Removes a file, which need not exist. Returns an empty text on success, else the reason.
 std::string remove_file(const std::string& path);
-// Waits until a file, or that it is gone, is on the disk. An empty text when done, else the reason.
+// Waits until a file, or its removal, is on the disk. Returns an empty text on success, else the
+// reason.
 std::string sync_file(const std::string& path);
 
 }  // namespace qv::cli

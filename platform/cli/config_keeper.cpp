@@ -72,7 +72,7 @@ void claim_held(std::vector<ConfigSection>& sections, const std::vector<JournalR
         sections.push_back({name, 0, {{0, "shutdown"}, held}});
         printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "CLAIMED",
                       "Interface %s was held shut, and the saved configuration does not say so: "
-                      "'%s' is put in force again.",
+                      "'%s' is applied again.",
                       name.c_str(), held.text.c_str());
     }
 }
@@ -96,7 +96,7 @@ void ConfigKeeper::request_save() {
     };
     try {
         if (loop_.on_loop_thread()) {
-            requesting_ = loop_.defer(request);  // a program's line may be on its way
+            requesting_ = loop_.defer(request);  // a program's line may be queued already
         } else {
             loop_.post(request);
         }
@@ -114,12 +114,12 @@ std::string ConfigKeeper::obstacle() const {
     if (path().empty()) {
         return "no file is set for the saved configuration";
     }
-    return replayed_ ? "" : "the saved configuration is not in force yet";
+    return replayed_ ? "" : "the saved configuration is not applied yet";
 }
 
 void ConfigKeeper::announce() {
     if (replaying_) {
-        request_replay();  // behind the rest of the replay
+        request_replay();  // after the rest of the replay
         return;
     }
     for (const StartHook hook : g_start_hooks) {
@@ -180,7 +180,7 @@ void ConfigKeeper::release(const ConfigReplay& replay) {
         const std::string reason = set_admin(ifx, true, true);
         printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "RELEASED",
                       "Interface %s was held shut and nobody claims it any more: %s.", name.c_str(),
-                      reason.empty() ? "it is brought back" : reason.c_str());
+                      reason.empty() ? "it is brought up" : reason.c_str());
     }
 }
 
@@ -256,8 +256,8 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     return reason;
 }
 
-// The global lines come first: a program's line in a section may depend on them. An empty text when
-// done, else the reason.
+// The global lines come first: a program's line in a section may depend on them. Returns an empty
+// text on success, else the reason.
 std::string ConfigKeeper::write_ahead(const ConfigSection& section) {
     if (path().empty()) {
         return {};
@@ -276,7 +276,7 @@ std::string ConfigKeeper::write_ahead(const ConfigSection& section) {
     return journal_.append(section);
 }
 
-// After a record was written, with what write_ahead() returned.
+// Call it after writing a record, with the result of write_ahead().
 void ConfigKeeper::check_journal(const std::string& trouble) {
     if (!path().empty()) {
         note_journal(trouble.empty() ? journal_.stay_in_place() : trouble);
@@ -316,8 +316,8 @@ bool ConfigKeeper::forget_port(const std::string& name) {
 }
 
 // Runs from the loop, because an observer must not change the port model that calls it. With
-// `known_first`, clients are notified of the port before. When the port leaves before the
-// section is in force, the section is kept with the port's index by leave().
+// `known_first`, clients are notified of the port before. When the port leaves before the section
+// is applied, leave() keeps the section with the port's index.
 void ConfigKeeper::apply(ConfigSection section, bool known_first) {
     if (!platform().ports().find(section.port)) {
         sections_.keep(std::move(section));  // the port left during its replay
@@ -389,8 +389,8 @@ void ConfigKeeper::on_changed(const Port& before, const Port& after) {
     }
 }
 
-// For clients this is another port: its lines are executed again, after those that an earlier port
-// of that name has left.
+// Clients take this for a new port: its lines are executed again, after those kept from an earlier
+// port of that name.
 void ConfigKeeper::on_renamed(const Port& port) {
     ConfigSection section;
     const bool left = sections_.take(port.name, section);

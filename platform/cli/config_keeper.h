@@ -1,8 +1,8 @@
-// Keeps the running configuration: replays the saved one, and has every change saved.
+// Keeps the running configuration: replays the saved one and saves every change.
 //
-// Three things stand between a change and a crash. What a line does to the admin state of a port is
-// written into the journal before it happens. Everything else is in a save that follows within a
-// second. And a section whose port has left is kept until the port is back.
+// Three things protect changes from a crash. A line's effect on the admin state of a port is
+// written into the journal before it happens. Everything else is saved within a second. And the
+// section of a port that has left is kept until the port returns.
 //
 // At the start the saved file is read, then the journal, whose records replace the sections that
 // they describe. VLAN modes are set first, and programs are notified of them before their own
@@ -34,27 +34,27 @@ class ConfigKeeper final : public PortObserver {
 
     // The configuration may have changed. Any thread, any lock; never waits.
     void request_save();
-    // cli_client_ready. Any thread.
+    // Replays the saved configuration from the loop, the first time only. Any thread.
     void request_replay();
 
     // The following belong to the loop thread.
 
-    // Why nothing can be saved at present; empty when it can.
+    // The reason why nothing can be saved at present; empty when saving works.
     std::string obstacle() const;
     ConfigSaver& saver() { return saver_; }
     const std::string& path() const { return saver_.path(); }
 
     // Sets the admin state of a port, on behalf of a program or an operator, so that no crash
-    // leaves it without an owner. An empty text when done, else the reason.
+    // leaves it without an owner. Returns an empty text on success, else the reason.
     std::string set_admin(uint32_t ifx, bool up, bool by_program);
-    // A line for a port that is not there: "no shutdown" is carried out when the port is back.
-    // Returns the name of the port; empty for any other line and for an unknown port.
+    // Takes a line for an absent port: "no shutdown" is carried out when the port returns. Returns
+    // the port's name; empty for any other line and for an unknown port.
     std::string note_wish(uint64_t ifx, std::string_view line);
     // Who has shut the port.
     ShutBy shut_by(uint32_t ifx) const { return sections_.shut_by(ifx); }
-    // Keeps a section for a port that does not exist, and replaces the one it has.
+    // Keeps a section for a port that does not exist, in place of an earlier one.
     void keep_section(ConfigSection section);
-    // Forgets the section kept for a port that does not exist. False when there is none.
+    // Drops the section kept for a port that does not exist. Returns false when there is none.
     bool forget_port(const std::string& name);
     // The sections kept for ports that do not exist.
     std::string absent_ports() const { return sections_.kept_text(); }
@@ -84,16 +84,16 @@ class ConfigKeeper final : public PortObserver {
     Journal journal_;
     PortSections sections_;
     ConfigSaver saver_;
-    std::atomic<bool> pending_ = false;  // a request is on its way to the loop
-    EventLoop::Handle requesting_;       // one of the loop's own thread
+    std::atomic<bool> pending_ = false;  // a request from any thread is posted
+    EventLoop::Handle requesting_;       // a request from the loop's own thread
 
-    bool may_be_replaced_ = false;  // the saved file, unasked
+    bool may_be_replaced_ = false;  // whether a save that nobody asked for may replace the file
     bool replaying_ = false;
     bool replayed_ = false;
-    ConfigReplay* running_ = nullptr;     // its lines run now: their effect is saved already
-    std::string noted_global_;            // of the newest record of them
+    ConfigReplay* running_ = nullptr;     // runs now; the effect of its lines is saved already
+    std::string noted_global_;            // from their newest record
     std::string journal_trouble_;         // logged
-    std::map<uint32_t, uint32_t> modes_;  // that ports had in the bridge which they have left
+    std::map<uint32_t, uint32_t> modes_;  // of ports that have left the bridge
 };
 
 // The keeper of this process, null before cli_client_init. Any thread.

@@ -10,7 +10,7 @@ namespace qv::cli {
 struct ConfigClaim {
     std::string owner;
     std::chrono::system_clock::time_point since;
-    std::string cleared_by;  // empty while the claim holds
+    std::string cleared_by;  // empty while the claim is valid
 };
 
 namespace {

@@ -11,15 +11,15 @@
 
 namespace qv::cli {
 
-// Gives the session the lock. An empty text when done, else the reason.
+// Gives the session the lock. Returns an empty text on success, else the reason.
 std::string take_config_lock(SessionState& session);
 // Does nothing when the session has no lock.
 void release_config_lock(SessionState& session);
-// Takes the lock away from whoever has it, on behalf of `session`. False when nobody has it.
+// Takes the lock from its holder on behalf of `session`. Returns false when nobody holds it.
 bool clear_config_lock(const SessionState& session);
 
-// Why the session may not configure now; empty when it may. A session whose lock was cleared must
-// release it first, so that it notices that others may configure now.
+// The reason why the session may not configure now; empty when it may. A session whose lock was
+// cleared must release it first, so that it notices that others may configure now.
 std::string config_lock_refusal(const SessionState& session);
 
 bool holds_config_lock(const SessionState& session);

@@ -1,8 +1,8 @@
 // "configure replace" and "configure confirm".
 //
 // The file is read with the rights of the user who asks, and checked to its last line, before
-// anything changes. Then the difference is executed: missing lines are typed, superfluous ones are
-// taken back. With "confirm MINUTES" a timed return to the configuration before is armed first.
+// anything changes. Then the difference is executed: missing lines are executed and superfluous
+// ones undone. With "confirm MINUTES" a timed return to the previous configuration is armed first.
 #include "platform/cli/config_replace.h"
 
 #include <algorithm>
@@ -37,7 +37,7 @@ bool enter(const std::string& port, SessionState& session) {
     return found != nullptr;
 }
 
-// The line that takes `line` back, empty when there is none.
+// The line that undoes `line`, empty when there is none.
 std::string undoing(SessionState& session, const std::string& line) {
     constexpr std::string_view kNo = "no ";
     if (line.starts_with(kNo)) {
@@ -103,7 +103,7 @@ bool remove_superfluous(const std::string& port, const ConfigSections& current,
         }
         const std::string undo = undoing(session, line.text);
         if (undo.empty()) {
-            cli_printf("%% %s: cannot be taken back.\n", line.text.c_str());
+            cli_printf("%% %s: cannot be undone.\n", line.text.c_str());
         }
         done = !undo.empty() && execute_or_tell(session, undo, "") && done;
     }
@@ -120,7 +120,7 @@ std::optional<ConfigSections> read_target(const std::string& path) {
         read_config_from(open_as(caller ? &*caller : nullptr, path));
     if (!text) {
         const char* const reason = errno == ELOOP    ? "It is a symbolic link"
-                                   : errno == EINVAL ? "It is no regular file"
+                                   : errno == EINVAL ? "It is not a regular file"
                                                      : std::strerror(errno);
         refuse(path + ": " + reason + ".");
         return {};
@@ -185,7 +185,7 @@ std::string unsafe(const std::string& reason) {
 
 int confirm(cli_pcdb*) {
     if (!return_pending()) {
-        return refuse("Nothing waits to be confirmed.");
+        return refuse("There is nothing to confirm.");
     }
     log_entered(*current_session(), "configure confirm", "");
     if (Completion answer = defer()) {

@@ -1,12 +1,12 @@
-// Puts a whole configuration in force. Loop thread only.
+// Applies a whole configuration. Loop thread only.
 #pragma once
 
 #include "platform/cli/config_target.h"
 
 namespace qv::cli {
 
-// Types the lines that are missing and takes back those that are too many. False when a line was
-// refused; the reasons are printed. Sections of ports that do not exist are kept for them.
+// Executes the lines that are missing and undoes those that are superfluous. Returns false when a
+// line was refused, and prints the reasons. Sections of absent ports are kept for them.
 bool put_in_force(const ConfigSections& target);
 
 }  // namespace qv::cli

@@ -26,14 +26,13 @@ class ConfigReplay {
     bool set_modes();
     // Executes all other lines. Sections of ports that do not exist are kept for them.
     void run();
-    // Call when a port is removed during run(); a line may be what detects that. The rest of its
-    // section would be lost.
+    // Call when a port is removed during run(), which a line itself may cause: the port's section
+    // must run again.
     void port_removed(const std::string& name);
-    // The sections that were interrupted in this way; each must be run again as a whole.
+    // The sections that a removal has interrupted; each must run again as a whole.
     const std::vector<ConfigSection>& cut_off() const { return cut_off_; }
-    // Ports that a program held shut when they were saved and that no program claims now: they
-    // must be brought up. Call it when the programs have been notified of everything that run()
-    // did.
+    // Ports that a program held shut when they were saved and that no program claims now: they must
+    // be brought up. Call it once the programs have been notified of everything that run() did.
     std::vector<uint32_t> unclaimed() const;
 
     bool anything_refused() const { return refused_ != 0; }
@@ -51,7 +50,7 @@ class ConfigReplay {
     std::vector<ConfigSection> cut_off_;
     std::vector<uint32_t> held_;
     size_t refused_ = 0;  // lines
-    size_t absent_ = 0;   // sections of ports that are not there
+    size_t absent_ = 0;   // sections of absent ports
 };
 
 }  // namespace qv::cli

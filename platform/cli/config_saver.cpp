@@ -100,7 +100,7 @@ void ConfigSaver::slice() {
     }
 }
 
-// Whether none is left.
+// Returns true when no port is left.
 bool ConfigSaver::take_ports(int limit) {
     const std::map<uint32_t, Port>& ports = platform().ports().ports();
     auto next = ports.upper_bound(snapshot_->last_ifx);
@@ -122,7 +122,7 @@ void ConfigSaver::take_port(const Port& port) {
     snapshot_->taken.insert(port.ifx);
 }
 
-// The snapshot is over.
+// Adds what appeared meanwhile, and ends the snapshot.
 ConfigImage ConfigSaver::end_snapshot() {
     // Ports that appeared between two slices with an index already passed.
     for (const auto& [ifx, port] : platform().ports().ports()) {
@@ -186,7 +186,7 @@ void ConfigSaver::watch_file() {
     });
 }
 
-// Without another change nothing would write the file again, and a crash would lose it all.
+// Without another change nothing would write the file again, and a crash would lose everything.
 void ConfigSaver::check_file() {
     struct stat status {};
     const bool removed =
@@ -210,7 +210,7 @@ bool ConfigSaver::saved_global(std::string_view lines) const {
     return saved_text_.starts_with(lines) && (rest.starts_with("interface ") || rest == kConfigEnd);
 }
 
-// Each trouble is reported once.
+// Reports each failure once.
 void ConfigSaver::note(const std::string& reason) {
     if (!reason.empty() && reason != trouble_) {
         printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "SAVE",

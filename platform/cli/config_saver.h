@@ -1,5 +1,5 @@
 // Saves the running configuration: every change within a second, without holding up the loop. Loop
-// thread only, but for the writing itself, which the background does.
+// thread only, except for the writing, which runs in the background.
 //
 // A snapshot is taken in slices, a few ports per turn of the loop. A change in the meantime
 // requests another one. Until that is written, the journal holds what must not be lost; each
@@ -27,12 +27,12 @@ struct ConfigImage {
     std::vector<ConfigSection> held;  // sections of ports that a program holds shut
 };
 
-// A configuration to be saved, as far as it has been taken.
+// A snapshot in progress.
 struct ConfigSnapshot {
     ConfigImage image;
     uint32_t last_ifx = 0;     // of the ports taken so far
     std::set<uint32_t> taken;  // interface indexes
-    Duration spent{};          // of the loop's time
+    Duration spent{};          // time that it has taken from the loop
 };
 
 class ConfigSaver {
@@ -41,8 +41,7 @@ class ConfigSaver {
     static constexpr int kRest = 10;  // pause after a snapshot, times what it took of the loop,
     static constexpr std::chrono::milliseconds kLongestRest{500};  // and at most this
     static constexpr std::chrono::seconds kRetryAfter{30};
-    static constexpr std::chrono::seconds kFileCheck{5};  // looks whether somebody has removed the
-    // file
+    static constexpr std::chrono::seconds kFileCheck{5};  // checks that the file still exists
     static constexpr int kPortsPerTurn = 64;
 
     using Done = std::function<void(const std::string& reason)>;
@@ -51,16 +50,16 @@ class ConfigSaver {
     ConfigSaver(EventLoop& loop, Background& background, std::string path, Journal& journal,
                 const PortSections& sections);
 
-    // Something has changed and is saved soon.
+    // Saves a change soon.
     void request();
-    // Saves now; `done` gets an empty text, or the reason.
+    // Saves now; `done` gets an empty text on success, else the reason.
     void save(Done done);
-    // The same for a caller that cannot wait: on this thread. An empty text, or the reason.
+    // The same for a caller that cannot wait: saves on this thread and returns the text.
     std::string save_here();
     // The same at the end of the process, when the background may have been destroyed.
     void save_last();
 
-    // Until the saved configuration is in force, and when it could not be read, only an explicit
+    // Until the saved configuration is applied, and when it could not be read, only an explicit
     // save() may replace it.
     void allow_unasked(bool allowed) { unasked_ = allowed; }
     // The text of the saved file, so that the same is not written again.
@@ -69,7 +68,7 @@ class ConfigSaver {
     bool saved_global(std::string_view lines) const;
 
     const std::string& path() const { return path_; }
-    // Why the last attempt failed, empty when it did not.
+    // The reason why the last attempt failed; empty when it succeeded.
     const std::string& trouble() const { return trouble_; }
 
  private:
@@ -92,11 +91,11 @@ class ConfigSaver {
     const PortSections& sections_;
 
     bool unasked_ = false;
-    bool wanted_ = false;   // for another snapshot than the one under way
-    bool writing_ = false;  // the background is at work
+    bool wanted_ = false;   // another snapshot must follow the current one
+    bool writing_ = false;  // the background is writing
     std::optional<ConfigSnapshot> snapshot_;
     std::vector<Done> waiting_;  // for the next snapshot
-    std::vector<Done> served_;   // by the snapshot under way
+    std::vector<Done> served_;   // by the current snapshot
     std::string saved_text_;
     std::string trouble_;
     Time rest_until_{};

@@ -69,7 +69,7 @@ ConfigSections merged(const std::vector<ConfigSection>& cut) {
     return sections;
 }
 
-// The reason when a file has more lines or ports than can be put in force, else empty.
+// The reason when a file has more lines or ports than can be applied, else empty.
 std::string excess_in(const std::vector<ConfigSection>& cut) {
     size_t commands = 0;
     std::set<std::string_view> absent;

@@ -1,5 +1,5 @@
-// The configuration that a file asks for, checked as a whole before anything of it takes effect,
-// and its difference from the one in force. Loop thread only.
+// Checks the configuration in a file as a whole, before any of it takes effect, and compares it
+// with the running one. Loop thread only.
 #pragma once
 
 #include <string>
@@ -10,22 +10,22 @@
 
 namespace qv::cli {
 
-// The sections of a configuration, one for each port and, in front, one for the global lines.
+// The sections of a configuration, first the global lines, then one section for each port.
 using ConfigSections = std::vector<ConfigSection>;
 
 // Cuts `text` into sections and checks every line. Comment lines may stand anywhere; the line "end"
-// must close the text. Keywords are written out in full. `fault` is set, and nothing is returned,
+// must close the text. The result has keywords in full. `fault` is set, and nothing is returned,
 // at the first line that is no configuration command: "line 7: Unknown command: 'x'.".
 ConfigSections check_config(std::string_view text, std::string& fault);
 
-// The configuration in force, sections of absent ports included.
+// The running configuration, sections of absent ports included.
 ConfigSections current_config();
 
-// The lines of the section for `port` (empty: the global ones) in `these` that `others` has not.
+// The lines of the section for `port` (empty: the global ones) in `these` that `others` lacks.
 std::vector<ConfigLine> lines_only_in(const ConfigSections& these, const ConfigSections& others,
                                       const std::string& port);
 
-// The lines to take away ("- LINE") and to add ("+ LINE"), under the sections' own headings.
+// The lines to remove ("- LINE") and to add ("+ LINE"), under the sections' own headings.
 std::string difference(const ConfigSections& current, const ConfigSections& target);
 
 }  // namespace qv::cli

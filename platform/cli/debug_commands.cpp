@@ -26,7 +26,7 @@ std::map<std::string, Control>& switches() {
     return instance;
 }
 
-// Takes the name of a debug switch as if there were a keyword for each.
+// Accepts the name of a debug switch as if each had a keyword.
 void switch_name_action(cli_walk* walk, const cli_node* node) {
     if (walk->generating()) {
         return;

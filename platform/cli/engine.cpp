@@ -27,7 +27,7 @@ struct DeferredAnswer {
     std::string output;  // printed before the handler returned
 };
 
-// The command at hand. Commands nest when a handler executes a line of its own.
+// The current command. Commands nest when a handler executes a line of its own.
 struct Running {
     SessionState* session;
     std::string* output;
@@ -115,7 +115,7 @@ bool ports_are_there(SessionState& session) {
     return true;
 }
 
-// Whether a member of a range takes the line by itself.
+// Whether a member of a range accepts the line.
 bool applies_to(uint64_t ifx, uint32_t prefix, std::string_view line) {
     SessionState alone;
     alone.mode = kModeInterface;
@@ -153,7 +153,7 @@ int run_on_range(Command& command, const SessionState& session) {
 
 int call_handler(Command& command, const SessionState& session) {
     if (command.pcdb.prefix & CLI_PREFIX_DEFAULT) {
-        command.pcdb.prefix |= CLI_PREFIX_NO;  // the default is what "no" leads to
+        command.pcdb.prefix |= CLI_PREFIX_NO;  // "no" restores the default
     }
     return command.mode == kModeRange ? run_on_range(command, session)
                                       : command.parsed.handler(&command.pcdb);
@@ -185,19 +185,20 @@ int run_config_command(SessionState& session, Command& command, std::string_view
     return result;
 }
 
-// Runs a line that is known to be clean; output goes to the command at hand.
+// Runs a line that is known to be clean; output goes to the current command.
 int run_line(SessionState& session, std::string_view line) {
     ConfigKeeper* const keeper = config_keeper();
     const uint64_t ifx = session.mode == kModeInterface ? session.ifx : 0;
     if (!ports_are_there(session)) {
-        // Not refused: a program would continue to regard the port as one that it holds shut, and
-        // might see the refusal only when the port is back, and up.
+        // Not refused: a program would go on believing that it holds the port shut, and might see
+        // the refusal only when the port is back and up.
         const bool may = keeper && config_lock_refusal(session).empty();
         const std::string name = may ? keeper->note_wish(ifx, squeezed(line)) : "";
         if (!name.empty()) {
             log_entered(session, "interface " + name + "; " + squeezed(line), "");
             if (!session.program) {
-                cli_printf("The interface is not there; it will be brought up when it is back.\n");
+                cli_printf(
+                    "The interface does not exist; it will be brought up when it returns.\n");
             }
             return 0;
         }
@@ -230,7 +231,7 @@ int run_line(SessionState& session, std::string_view line) {
     return result;
 }
 
-// Has `answer` take what the filter leaves of the output.
+// Returns a completion that passes the filtered output to `answer`.
 Completion filtered(std::shared_ptr<OutputFilter> filter, Completion answer) {
     return [filter = std::move(filter), answer = std::move(answer)](Result result) {
         apply(*filter, result.code, result.output);
@@ -238,7 +239,7 @@ Completion filtered(std::shared_ptr<OutputFilter> filter, Completion answer) {
     };
 }
 
-// Runs a line that may have a filter behind it; output goes to `result`.
+// Runs a line that may end in a filter; output goes to `result`.
 void run_filtered(SessionState& session, std::string_view line, Completion* answer,
                   Result& result) {
     const FilteredLine parts = take_filter(line);
@@ -257,7 +258,7 @@ void run_filtered(SessionState& session, std::string_view line, Completion* answ
     }
 }
 
-// Nothing for a line that could not be executed either.
+// Returns nothing for a line that could not be executed either.
 std::vector<Hint> safe_hints(SessionState& session, std::string_view line) {
     if (std::optional<std::vector<Hint>> hints = filter_hints(line)) {
         return std::move(*hints);

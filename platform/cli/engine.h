@@ -1,4 +1,4 @@
-// Executes lines, and says what could be typed: the engine between sessions and command trees.
+// The engine between sessions and command trees: executes lines and completes them.
 // Loop thread only.
 #pragma once
 
@@ -43,7 +43,7 @@ struct SessionState {
 struct Result {
     int code = 0;  // the command's own result; negative when the line could not be executed
     std::string output;
-    // When the line is no command: where in it the wrong word begins, in bytes, or its end when
+    // When the line is not a command: where the wrong word begins, in bytes, or its end when
     // something is missing there.
     std::optional<size_t> wrong_at = {};
 };
@@ -59,12 +59,12 @@ Result execute(SessionState& session, std::string_view line);
 // returns or, when the command defers its answer, later. `session` may be destroyed meanwhile.
 void execute(SessionState& session, std::string_view line, Completion answer);
 
-// For handlers: defers the answer of the command at hand. The handler's return value is ignored
-// then, and the function returned here must be called on the loop thread, with the result and what
-// is to be printed after the output so far; a second call does nothing. The handler must not keep
-// its parse context or its session for later. Empty when nobody can wait: the line runs inline, it
-// runs for each port of a range, or its answer is deferred already. The handler must finish its
-// work before it returns then.
+// For handlers: defers the answer of the current command. The handler's return value is ignored
+// then, and the function returned here must be called on the loop thread, with the result and the
+// text to print after the output so far; a second call does nothing. The handler must not keep its
+// parse context or its session for later. Empty when nobody can wait: the line runs inline, it runs
+// for each port of a range, or its answer is deferred already. Then the handler must finish its
+// work before it returns.
 [[nodiscard]] Completion defer();
 
 // Whether the line would be taken as a command of the session's mode. Calls no handler.
@@ -75,16 +75,16 @@ struct ConfigCommand {
     std::string text;   // with its keywords in full
     std::string error;  // "% REASON"; empty when the line is a command that configures
 };
-// Calls no handler. Lines that move the session ("interface ...", "exit") are no such commands. In
+// Calls no handler. Lines that move the session ("interface ...", "exit") do not count. In
 // mode ifrange without any port the line may be one for a port of any type.
 ConfigCommand parse_config_command(const SessionState& session, std::string_view line);
 
-// The words that can stand in place of the last one, one per line: for people with their help, and
-// bare for completion.
+// The words that can stand in place of the last one, one per line: with help texts for people, bare
+// for completion.
 std::string help_text(SessionState& session, std::string_view line);
 std::string completions(SessionState& session, std::string_view line);
 
-// Such as "lda(config-if-swp1)# ".
+// The session's prompt, such as "lda(config-if-swp1)# ".
 std::string prompt(const SessionState& session);
 
 // The session of the command being executed, null when none is.

@@ -17,7 +17,6 @@ namespace {
 // Allocated ahead for new records: enough for hundreds of them.
 constexpr off_t kRoom_bytes = 64 * 1024;
 constexpr mode_t kFileMode = 0600;
-constexpr size_t kUsualRecord_bytes = 256;
 // A crash of the process can break off a write only between two pages of the file.
 constexpr size_t kWrittenWhole_bytes = 4096;
 constexpr std::string_view kTitle = "record ";
@@ -28,7 +27,6 @@ constexpr std::string_view kSavedTitle = "saved ";
 std::string bytes_of(const JournalRecord& record) {
     const ConfigSection& section = record.section;
     std::string body;
-    body.reserve(kUsualRecord_bytes);
     if (!section.port.empty()) {
         body.append("interface ").append(section.port).append("\n");
     }
@@ -37,7 +35,6 @@ std::string bytes_of(const JournalRecord& record) {
     }
     const std::string count = std::to_string(record.number);
     std::string bytes;
-    bytes.reserve(kUsualRecord_bytes);
     bytes.append(record.saved ? kSavedTitle : kTitle).append(count).append(" ");
     bytes.append(std::to_string(body.size())).append(" ");
     bytes.append(checksum(count + body)).append("\n").append(body);
@@ -225,7 +222,7 @@ bool Journal::open_old() {
 
 std::string Journal::write_over() {
     const std::string bytes = kept_bytes();
-    // An empty line is no record, so remains of older records behind it are not read. The next
+    // An empty line is no record, so remnants of older records after it are not read. The next
     // record overwrites it.
     size_ = 0;
     std::string trouble = write(bytes + "\n");
@@ -233,8 +230,9 @@ std::string Journal::write_over() {
     return trouble;
 }
 
-// A new file with the records that are kept. Old and new one hold them at any moment. Its room
-// grows with what it holds: records of thousands of ports must not be written again for each one.
+// Moves the kept records to a new file; the old one stays until the new one is complete. The new
+// file's room grows with its content, so that thousands of records are not rewritten for each
+// further one.
 std::string Journal::rewrite() {
     const std::string fresh = path_ + ".new";
     ::unlink(fresh.c_str());

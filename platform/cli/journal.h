@@ -1,10 +1,10 @@
-// The journal beside the saved configuration: the sections whose new state the next save has not
-// written yet. Loop thread only, but for read_journal().
+// The journal beside the saved configuration: the sections whose new state is not in the saved file
+// yet. Loop thread only, except for read_journal().
 //
 // A record is one section as a whole, so that replaying it twice does no harm. A record is written
 // before its change is made, and is not synced: to survive a crash of the process, the write is
 // enough. Each carries its number and a checksum; reading ends at the first that is damaged or
-// whose number does not grow, so a torn record or remains of older ones are never taken. The file
+// whose number does not grow, so a torn record or remnants of older ones are never read. The file
 // keeps its size on the disk, so that a record can be written even when the disk is full.
 //
 // Sections of ports that a program holds shut stay in the journal when they are saved, as "saved"
@@ -39,17 +39,17 @@ class Journal {
 
     const std::string& path() const { return path_; }
 
-    // Opens the file, made where it is missing, to continue after `last`; all records stay until
-    // forget(). An empty text when done, else the reason.
+    // Opens the file, or creates it, to continue after `last`; all records stay until forget().
+    // Returns an empty text on success, else the reason.
     std::string open(uint64_t last);
 
-    // Writes a record to the open file. An empty text when done, else the reason: then nothing was
-    // written.
+    // Writes a record to the open file. Returns an empty text on success; else the reason, and
+    // nothing was written.
     std::string append(const ConfigSection& section);
 
-    // Writes all records again when the open file is not the one that the next start will read:
-    // somebody may have removed or replaced it. Call it after append(), which does not check this
-    // itself because a port waits for it. Returns an empty text when all is well.
+    // Writes all records again when the open file is no longer the one at the path: somebody may
+    // have removed or replaced it. Call it after append(), which does not check this itself because
+    // a port waits for it. Returns an empty text when all is well.
     std::string stay_in_place();
 
     // The number of the record written last, 0 for none.
@@ -83,8 +83,8 @@ class Journal {
 
     const std::string path_;
     int fd_ = -1;
-    off_t size_ = 0;  // of what is in force; old bytes may follow
-    off_t room_ = 0;  // beyond this size the file is written anew
+    off_t size_ = 0;  // of the valid records; old bytes may follow
+    off_t room_ = 0;  // beyond this size the file is rewritten
     uint64_t last_ = 0;
     std::vector<Kept> kept_;  // the newest of each section, in the order of their numbers
 };

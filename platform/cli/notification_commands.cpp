@@ -1,14 +1,14 @@
-#include "platform/cli/notification_commands.h"
-
+// "show notifications": the recent NETCONF notifications of this process.
 #include <nlohmann/json.hpp>
 
 #include "platform/base/system_log.h"
+#include "platform/cli/command_trees.h"
 #include "platform/cli/output_filter.h"
+#include "platform/cli/switch_commands.h"
 #include "platform/client/notification_ring.h"
-#include "qv/cli.h"
 #include "qv/netconf.h"
 
-namespace qv {
+namespace qv::cli {
 namespace {
 
 using Json = nlohmann::ordered_json;
@@ -35,12 +35,12 @@ void print_as_json(const std::vector<SentNotification>& notifications) {
         }
         answer.push_back({{"time", wall_time_text(notification.time)}, {"leaves", leaves}});
     }
-    cli::print_json(answer);
+    print_json(answer);
 }
 
 int show_notifications(cli_pcdb*) {
     const std::vector<SentNotification> notifications = recent_notifications();
-    if (cli::json_wanted()) {
+    if (json_wanted()) {
         print_as_json(notifications);
         return 0;
     }
@@ -57,25 +57,13 @@ int show_notifications(cli_pcdb*) {
     return 0;
 }
 
-constexpr cli_keyword_arg Snotifications = {.keyword = "notifications",
-                                            .help = "NETCONF notifications sent of late",
-                                            .zero = 0,
-                                            .attribute = {14, 14},
-                                            .word = {1, 2, 0, 0, 0},
-                                            .name = "notifications",
-                                            .one = 1};
-constexpr cli_eol_arg Snotifications_eol = {.one = 1, .handler = show_notifications};
-
-const cli_node Tnotifications_eol = {eol_action, &Snotifications_eol, nullptr, &Tno_alt, nullptr};
-const cli_node Tnotifications = {common_keyword_action, &Snotifications, &Tnotifications_eol,
-                                 &Tno_alt, nullptr};
-const cli_node Tshow_notifications = {append_point_action, nullptr, &Tnotifications, &Tno_alt,
-                                      nullptr};
-
 }  // namespace
 
 void register_notification_commands() {
-    cli_add_command(CLI_CHAIN_SHOW, &Tshow_notifications, "show notifications");
+    attach(CLI_CHAIN_SHOW,
+           keyword("notifications", "NETCONF notifications sent of late",
+                   end_of_line(show_notifications)),
+           "show notifications");
 }
 
-}  // namespace qv
+}  // namespace qv::cli

@@ -39,7 +39,7 @@ bool is_show(std::string_view line) {
     return !word.empty() && std::string_view("show").starts_with(word);
 }
 
-// Where the "|" of a show command stands: a word of its own, or the beginning of one.
+// Finds the "|" of a show command: a word of its own, or the first byte of one.
 size_t find_bar(std::string_view line) {
     for (size_t bar = line.find('|'); bar != std::string_view::npos;
          bar = line.find('|', bar + 1)) {
@@ -65,7 +65,7 @@ std::vector<std::string_view> lines_of(std::string_view text) {
     return lines;
 }
 
-// On one line. Bytes that are no UTF-8 are replaced.
+// On one line. Bytes that are not UTF-8 are replaced.
 std::string render(const Json& value) {
     return value.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
@@ -79,7 +79,7 @@ class OutputFilter {
     explicit OutputFilter(Kind kind, std::string_view pattern)
         : kind_(kind), pattern_({pattern.data(), pattern.size()}, RE2::Quiet) {}
 
-    // Why the pattern cannot be used; empty when it can.
+    // The reason why the pattern cannot be used; empty when it can.
     std::string fault() const { return pattern_.ok() ? "" : pattern_.error(); }
     bool json() const { return kind_ == Kind::kJson; }
     void set_answered() { answered_ = true; }
@@ -116,7 +116,7 @@ class OutputFilter {
 
 namespace {
 
-OutputFilter* g_filter = nullptr;  // of the command at hand
+OutputFilter* g_filter = nullptr;  // of the current command
 
 std::string names_that_begin_with(std::string_view word) {
     std::string names;
@@ -128,7 +128,7 @@ std::string names_that_begin_with(std::string_view word) {
     return names;
 }
 
-// Makes the filter that `text` asks for, which begins behind the "|".
+// Makes the filter described by `text`, which begins after the "|".
 FilteredLine with_filter(std::string_view command, std::string_view text) {
     const std::string_view word = first_word(text);
     if (word.empty()) {

@@ -1,4 +1,4 @@
-// The filter behind "|" in a show command: selects lines of the output, or its form.
+// The filter after "|" in a show command: selects lines of the output, or its format.
 // Loop thread only.
 #pragma once
 
@@ -16,8 +16,8 @@ namespace qv::cli {
 
 class OutputFilter;
 
-// A line taken apart. Only a show command has a filter: in any other line "|" is a word like
-// others.
+// A line split at its filter. Only a show command has one: in any other line "|" is an ordinary
+// word.
 struct FilteredLine {
     std::string_view command;
     std::shared_ptr<OutputFilter> filter;  // null: everything is shown as it is
@@ -28,7 +28,7 @@ FilteredLine take_filter(std::string_view line);
 // Changes what the command printed. A refusal stays as it is; the result code never changes.
 void apply(const OutputFilter& filter, int code, std::string& output);
 
-// The filter, or null, belongs to the command at hand as long as this lives.
+// While it exists, the current command has this filter, or none for null.
 class FilterScope {
  public:
     explicit FilterScope(OutputFilter* filter);
@@ -40,10 +40,10 @@ class FilterScope {
     OutputFilter* const before_;
 };
 
-// Whether the command at hand has a filter. In an interface mode "sh" is no show command.
+// Whether the current command has a filter. In an interface mode "sh" is not a show command.
 bool filtering();
 
-// The words that can be typed behind "|"; nothing when the line has none. `line` may end in half a
+// The words that can be typed after "|"; nothing when the line has none. `line` may end in half a
 // word.
 std::optional<std::vector<Hint>> filter_hints(std::string_view line);
 // Whether the line may be followed by "|".
@@ -51,9 +51,9 @@ bool takes_filter(std::string_view line);
 
 // ---- For the handlers of show commands ----
 
-// Whether the answer is wanted as JSON. A handler that does not ask has its text lines wrapped.
+// Whether the caller wants JSON. A handler that does not ask has its text lines wrapped.
 bool json_wanted();
-// Prints the whole answer of a command that json_wanted() holds for.
+// Prints the whole answer of a command for which json_wanted() is true.
 void print_json(const nlohmann::ordered_json& answer);
 
 }  // namespace qv::cli

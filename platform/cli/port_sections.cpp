@@ -16,7 +16,7 @@ void remove_line(ConfigSection& section, std::string_view line) {
     std::erase_if(section.lines, [line](const ConfigLine& other) { return other.text == line; });
 }
 
-// Behind the VLAN mode, before the lines of programs.
+// Adds it after the VLAN mode, before the lines of programs.
 void add_admin_line(ConfigSection& section, std::string_view line) {
     const auto at = std::find_if(section.lines.begin(), section.lines.end(), [](const auto& other) {
         return !other.text.starts_with("switchport ");
@@ -114,7 +114,7 @@ void PortSections::leave(const Port& port, uint32_t mode_before) {
 
 void PortSections::keep(ConfigSection section, uint32_t ifx) {
     if (ifx != 0) {
-        // A port that has left under two names takes a wish under the last one.
+        // When a port has left under two names, wish() finds the last one.
         for (auto& [name, other] : kept_) {
             other.ifx = other.ifx == ifx ? 0 : other.ifx;
         }

@@ -1,16 +1,16 @@
-// Who shut which port, and the sections of ports that have left: what the saved configuration knows
-// beyond the lines that the running one prints. Loop thread only.
+// Who shut which port, and the sections of ports that have left: what the saved configuration has
+// beyond the lines of the running one. Loop thread only.
 //
 // A shutdown belongs to the operator or to the program that typed it. A shutdown from outside,
-// such as that of a device about to be removed, is nobody's and is not saved. A program
+// such as that of a device about to be removed, has no owner and is not saved. A program
 // that holds a port shut says so with a line of its own in the port's section (kHeldLine). Between
-// the moment in which it takes that line back and its "no shutdown" the port is down and nobody
-// claims it: saved as "shutdown" it would stay dark after a crash, so it is saved as "no shutdown",
-// which the next start carries out. A section with the line is the program's, whatever else it
-// says: it shuts the port again and brings it back in its own time.
+// removing that line and typing "no shutdown" the port is down and unclaimed: saved as "shutdown"
+// it would stay dark after a crash, so it is saved as "no shutdown", which the next start carries
+// out. A section with the line belongs to the program, whatever else it says: the program shuts the
+// port again and brings it up in its own time.
 //
-// Configuration belongs to the name of a port. What a port's section says when the port leaves is
-// kept, stays in every saved configuration, and is applied when a port of that name appears.
+// Configuration belongs to the name of a port. When a port leaves, its section is kept, stays in
+// every saved configuration, and is applied to the next port of that name.
 #pragma once
 
 #include <cstdint>
@@ -35,14 +35,14 @@ class PortSections {
     // Names beyond this many are dropped, the longest absent first.
     static constexpr size_t kMaxKept = 4096;
 
-    // ---- Ports that are there ----
+    // ---- Ports that are present ----
 
     // The section of a port as it is to be saved now.
     ConfigSection saved(const Port& port) const;
 
-    // The port has appeared and its section is not in force yet. The section is what is saved
-    // until set_in_force(), because the port itself does not show it. Returns the number of the
-    // section.
+    // Call when a port has appeared, before its section is applied. Until set_in_force() this
+    // section is the one to save, because the port itself does not show it. Returns the section's
+    // number.
     uint64_t set_pending(const ConfigSection& section);
     // Whether it is still pending: the port may have left, and may have appeared again with
     // another one.
@@ -56,16 +56,17 @@ class PortSections {
     ShutBy shut_by(uint32_t ifx) const;
     void set_shut_by(uint32_t ifx, ShutBy owner);
 
-    // ---- Ports that are not ----
+    // ---- Ports that are absent ----
 
-    // The port is about to be removed. `mode_before` is the VLAN mode it had in the bridge.
+    // Call before a port is removed. `mode_before` is the VLAN mode it had in the bridge.
     void leave(const Port& port, uint32_t mode_before);
-    // Keeps a section for a port that is not there, in place of the one it has. `ifx` is the index
-    // of a port that leaves; without it the index that is known for the name stays.
+    // Keeps a section for an absent port, in place of an earlier one. `ifx` is the index of a port
+    // that leaves; 0 keeps the index known for the name.
     void keep(ConfigSection section, uint32_t ifx = 0);
-    // A wish for a port that has left: true when `line` was one, with the section it leads to.
+    // Notes "no shutdown" for a port that has left, and sets the section that results. Returns
+    // false for any other line and for an unknown port.
     bool wish(uint32_t ifx, std::string_view line, ConfigSection& section);
-    // Returns the section kept under a name, and forgets it. False when there is none.
+    // Moves the section kept under a name to `section`. Returns false when there is none.
     bool take(const std::string& name, ConfigSection& section);
     bool kept(const std::string& name) const { return kept_.contains(name); }
     // All of them, as text.
@@ -83,7 +84,7 @@ class PortSections {
         uint64_t age = 0;
     };
 
-    std::map<uint32_t, ShutBy> shut_by_;  // nobody: left out
+    std::map<uint32_t, ShutBy> shut_by_;  // only ports that somebody has shut
     std::map<std::string, Pending> pending_;
     uint64_t pending_numbers_ = 0;
     std::map<std::string, Kept> kept_;

@@ -18,7 +18,7 @@ ConfigSection generate_global();
 // The section of one port; its cost does not depend on the number of ports.
 ConfigSection generate_section(const Port& port);
 
-// A section as it stands in a configuration.
+// The text of a section in a configuration.
 std::string section_text(const ConfigSection& section);
 
 }  // namespace qv::cli

@@ -63,7 +63,7 @@ int clear_lock(cli_pcdb*) {
                                                  : refuse("Nobody has locked the configuration.");
 }
 
-// The lock is for one stay in the configuration modes.
+// The lock ends when the session leaves the configuration modes.
 int leave_config() {
     release_config_lock(*current_session());
     current_session()->mode = kModeExec;

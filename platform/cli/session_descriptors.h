@@ -33,7 +33,7 @@ class SessionDescriptors {
     int duplicate() const;
     void refill_locked() REQUIRES(mutex_);
 
-    int original_;  // every other one is a duplicate of it; constant, as the next two
+    int original_;  // all others are its duplicates; constant, like the next two
     dev_t device_;
     ino_t inode_;
     Mutex mutex_;

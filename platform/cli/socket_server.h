@@ -35,7 +35,7 @@ class SocketServer {
 
     const std::string& path() const { return path_; }
     size_t session_count() const { return sessions_.size(); }
-    // The open sessions, oldest first; valid until the loop runs on.
+    // The open sessions, oldest first; valid until the loop's next turn.
     std::vector<const SocketSession*> sessions() const;
 
     // Shows a message on every session that monitors.
@@ -57,7 +57,7 @@ class SocketServer {
     bool file_trouble_reported_ = false;
     uint64_t next_id_ = 1;
     std::map<uint64_t, std::unique_ptr<SocketSession>> sessions_;
-    // Sessions that ended in a call of their own; destroyed from the loop.
+    // Sessions that ended inside one of their own calls; destroyed from the loop.
     std::vector<std::unique_ptr<SocketSession>> ended_;
     EventLoop::Handle watch_;
     EventLoop::Handle retry_;

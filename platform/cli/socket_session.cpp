@@ -85,7 +85,8 @@ bool SocketSession::may_serve() const {
     return fd_ >= 0 && !leave_ && !answering_ && output_.size() - sent_ < kOutputHighMark;
 }
 
-// Executes waiting requests as far as output and turn allow, then waits for what is needed next.
+// Executes waiting requests as far as the output buffer and this turn allow, then waits for what is
+// needed next.
 void SocketSession::serve() {
     serving_ = true;
     size_t end = input_.find('\n');

@@ -2,10 +2,10 @@
 //
 // Requests are lines of JSON. They are executed in order, a few per turn of the loop, and only
 // while the client reads its replies: when it does not, the session stops reading requests, so
-// neither buffer grows beyond its limit. The same holds while a command has its answer deferred:
-// the next request waits for that answer. A client that has not read a byte for kStalledAfter is
-// dropped. One that has sent nothing for the idle time gets a last message and is closed, unless it
-// monitors or waits for output.
+// neither buffer grows beyond its limit. While a command defers its answer, the next request waits
+// for that answer. A client that has not read a byte for kStalledAfter is dropped. One that has
+// sent nothing for the idle time gets a last message and is closed, unless it monitors or waits for
+// output.
 #pragma once
 
 #include <functional>
@@ -69,9 +69,9 @@ class SocketSession {
     SessionState state_;
     std::string input_;
     std::string output_;
-    size_t sent_ = 0;  // bytes of output_ that have gone
+    size_t sent_ = 0;  // bytes of output_ that are sent
     bool end_of_input_ = false;
-    bool leave_ = false;      // close when output_ has gone
+    bool leave_ = false;      // close once output_ is sent
     bool serving_ = false;    // serve() is on the stack
     bool answering_ = false;  // a request was started and not finished
     // A deferred answer may outlive the session; it holds a weak reference to this.

@@ -1,7 +1,6 @@
 #include "platform/cli/switch_commands.h"
 
 #include "platform/cli/hostname_command.h"
-#include "platform/cli/notification_commands.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/cli/tarn_show.h"
 

@@ -72,7 +72,7 @@ int set_priority(cli_pcdb* pcdb) {
     return set(config().priority, has_no(pcdb) ? kDefaultTarnPriority : pcdb->number[0]);
 }
 
-// The file is read by whoever runs the protocol, which may be not here yet.
+// The service that runs the protocol reads the file; it need not exist yet.
 int set_fabric_key(cli_pcdb* pcdb) {
     const std::string path = has_no(pcdb) ? "" : pcdb->word[0];
     if (!has_no(pcdb) && !path.starts_with('/')) {

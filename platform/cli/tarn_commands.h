@@ -1,5 +1,5 @@
 // Configuration of the peer protocol: "tarn ..." lines of the switch and of its ports. Kept here
-// for whatever runs the protocol. Loop thread only.
+// for the service that runs the protocol. Loop thread only.
 #pragma once
 
 #include <cstdint>
@@ -32,7 +32,7 @@ struct TarnConfig {
 };
 
 const TarnConfig& tarn_config();
-// The lines of a port without any are the defaults.
+// The settings of a port; the defaults when it has no lines.
 const TarnPort& tarn_port(uint64_t ifx);
 
 bool tarn_enabled();
@@ -40,10 +40,10 @@ bool tarn_port_enabled(uint64_t ifx);
 
 // Called after every change: of this port's lines, or of the switch's when `ifx` is 0.
 using TarnObserver = std::function<void(uint64_t ifx)>;
-// The observer lives as long as the process.
+// The observer is called until the process ends.
 void add_tarn_observer(TarnObserver observer);
 
-// The port is gone, or back to its defaults.
+// Call when a port is gone or back at its defaults.
 void tarn_forget_port(uint64_t ifx);
 
 void register_tarn_commands();

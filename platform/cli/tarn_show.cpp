@@ -49,11 +49,11 @@ void add_row(Table& table, uint32_t ifx, const TarnPortState& port) {
     table.add(std::move(cells));
 }
 
-// Port 0: all of them.
+// Shows one port; 0 shows all.
 int show(uint32_t only) {
     const TarnPortStates* const states = source() ? source()() : nullptr;
     if (states == nullptr) {
-        return refuse("The loop-probe service tarnd does not run.");
+        return refuse("The loop-probe service tarnd is not running.");
     }
     Table table({{"port", "Port", 16},
                  {"state", "State", 9},

@@ -1,15 +1,15 @@
-// The configuration before is kept in memory and, beside the saved one, in FILE.return: saving goes
-// on during the trial, and a process that dies during the trial must not make it final. The next
-// start replays what was saved and continues the return.
+// The previous configuration is kept in memory and, beside the saved one, in FILE.return: saving
+// goes on during the trial, and a process that dies during the trial must not make it final. The
+// next start replays what was saved and continues the return.
 //
 // The file is written before anything changes and removed when the trial is over: on "configure
-// confirm" before the answer, after a return once the configuration before is saved. A crash in
-// between goes back twice, which does no harm; a confirmed configuration never goes back.
+// confirm" before the answer, after a return once the previous configuration is saved. A crash in
+// between returns twice, which does no harm; a confirmed configuration is never returned.
 //
 // A return leaves alone what programs have done to ports. A port that loop detection has shut
 // during the trial closes a loop when it is brought up, and one that it has brought back since must
-// not be shut as if the loop were still there. So the lines of programs are left out of what is
-// kept, and at the return they are taken from the configuration of that moment.
+// not be shut as if the loop were still there. So the lines of programs are not kept; a return
+// takes them from the running configuration.
 #include "platform/cli/timed_return.h"
 
 #include <algorithm>
@@ -57,7 +57,7 @@ Pending& pending() {
     return instance;
 }
 
-// Of a save that failed after a return.
+// Repeats a save that failed after a return.
 EventLoop::Handle& retry() {
     static EventLoop::Handle& instance = *new EventLoop::Handle;
     return instance;
@@ -79,7 +79,7 @@ bool shut_by_operator(const ConfigSection& section) {
 
 struct Parts {
     ConfigSection operators;
-    ConfigSection programs;  // and what nobody has typed
+    ConfigSection programs;  // and what no operator typed
 };
 
 Parts parts_of(const ConfigSection& section) {
@@ -101,8 +101,8 @@ ConfigSections operators_config() {
     return sections;
 }
 
-// The operators' lines of `before`, and the programs' of this moment. An operator's shutdown of a
-// port that a program holds by now is in force already.
+// The operators' lines of `before` and the programs' current ones. An operator's shutdown has its
+// effect already when a program holds the port by now.
 ConfigSections target_of(ConfigSections before) {
     std::map<std::string, size_t> places;
     for (size_t i = 0; i < before.size(); ++i) {
@@ -185,9 +185,9 @@ void sync_in_background(std::function<void(const std::string& reason)> done) {
                                 [reason, done = std::move(done)] { done(*reason); });
 }
 
-// ---- Going back ----
+// ---- The return ----
 
-// Removes the file once the configuration that is back is saved.
+// Removes the file once the restored configuration is saved.
 void end_return() {
     ConfigKeeper& keeper = *config_keeper();
     if (file_path().empty()) {
@@ -199,7 +199,7 @@ void end_return() {
     }
     keeper.saver().save([](const std::string& reason) {
         if (return_pending()) {
-            return;  // the file is that of another return
+            return;  // the file belongs to another return
         }
         if (reason.empty()) {
             report_trouble(remove_file(file_path()));
@@ -292,7 +292,7 @@ void resume_timed_return() {
     std::optional<Kept> kept = kept_in(text.value_or(""));
     if (!kept) {
         printk_syslog(SYSLOG_SEVERITY_ERROR, "CLI", "REVERT",
-                      "The configuration to go back to is lost, and what is in force stays: %s: "
+                      "The previous configuration is lost, and the running one stays: %s: "
                       "%s.",
                       path.c_str(), text ? "the file is damaged" : std::strerror(reason));
         if (text) {

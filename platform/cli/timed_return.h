@@ -1,5 +1,6 @@
-// Configuring on trial: the configuration goes back by itself unless somebody confirms the new one
-// in time ("configure terminal revert", "configure replace FILE confirm"). Loop thread only.
+// Configuration on trial: the switch returns to the previous configuration unless an operator
+// confirms the new one in time ("configure terminal revert", "configure replace FILE confirm").
+// Loop thread only.
 #pragma once
 
 #include <cstdint>
@@ -10,11 +11,11 @@ namespace qv::cli {
 
 inline constexpr int64_t kMaxReturnMinutes = 1440;
 
-// Saves the present configuration and goes back to it after `minutes` of real time. One return at
-// a time. An empty text when done, else the reason.
+// Saves the present configuration and returns to it after `minutes` of real time. One return at a
+// time. Returns an empty text on success, else the reason.
 std::string begin_timed_return(int64_t minutes);
 // Cancels the return. `done` gets an empty text once that is on the disk, or the reason why a
-// restart would still go back.
+// restart would still return.
 void cancel_timed_return(std::function<void(const std::string& reason)> done);
 // The same for a caller that cannot wait: on this thread.
 std::string cancel_timed_return_here();

@@ -13,13 +13,13 @@ namespace {
 
 constexpr std::string_view kDo = "do";
 
-// Whether a blank follows the first word, so that it is typed to its end.
+// Whether the first word is complete: a blank follows it.
 bool first_word_is_whole(std::string_view line) {
     const std::string_view word = first_word(line);
     return !word.empty() && word.end() != line.end();
 }
 
-// The line behind the word "do".
+// The line after the word "do".
 std::optional<std::string_view> behind_do(std::string_view line) {
     const std::string_view word = first_word(line);
     if (word != kDo || !first_word_is_whole(line)) {
@@ -86,7 +86,7 @@ bool takes_other_modes(const SessionState& session) {
     return session.mode != kModeExec && !session.program && !session.from_file;
 }
 
-// How far the mode understood the line: to the word at fault, or to the end when its prefix is.
+// How far the mode understood the line: to the word at fault, or to the end when the prefix is.
 const char* reach(const Command& command) {
     const bool all = command.parsed.fault == Fault::kPrefix;
     return all ? command.line.data() + command.line.size() : command.parsed.wrong.data();
@@ -100,7 +100,7 @@ std::vector<Hint> hints_in(const SessionState& session, const char* mode, const 
                            std::string_view line) {
     std::string_view rest = line;
     const uint32_t prefix = take_prefix(rest);
-    // "no" without a blank behind it is still a word to be completed.
+    // "no" without a blank after it is still a word to complete.
     const bool whole = prefix == 0 || rest.empty();
     cli_pcdb pcdb = make_context(session, mode, whole ? 0 : prefix, CLI_FLAG_HELP);
     cli_walk walk(cli_walk::Purpose::kHelp, &pcdb);

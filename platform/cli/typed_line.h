@@ -1,12 +1,12 @@
 // Finds the command that a line means, and the mode it belongs to. Loop thread only.
 //
 // A line belongs to the mode of its session. An operator's line may also be one of another mode:
-// behind "do" one of mode exec, in the interface modes one of mode config, and in every mode a
+// after "do" one of mode exec, in the interface modes one of mode config, and in every mode a
 // "show" command. The session's own mode is tried first. A line that is ambiguous there is
 // refused.
 //
-// Behind "no" an operator may type a whole line, as it stands in the running configuration: when
-// the "no" form of the command ends earlier, the words behind its end are left out.
+// After "no" an operator may type a whole line, as it stands in the running configuration: when
+// the "no" form of the command ends earlier, the words after its end are ignored.
 #pragma once
 
 #include <string>
@@ -22,7 +22,7 @@ inline constexpr std::string_view kBlanks = " \t\r\n";
 
 // The first word of a line; empty, at its end, when there is none.
 std::string_view first_word(std::string_view line);
-// The rest of the line behind `word`, which is a part of it.
+// The rest of the line after `word`, which is a part of it.
 std::string_view behind(std::string_view line, std::string_view word);
 
 struct Command {
@@ -32,7 +32,7 @@ struct Command {
     Parsed parsed;
 };
 
-// The command of a line; `parsed.handler` is null when there is none. Calls no handler.
+// Finds the command of a line; `parsed.handler` is null when there is none. Calls no handler.
 Command find_command(const SessionState& session, std::string_view line);
 
 // The same, only in the mode of the session.

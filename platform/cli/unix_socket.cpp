@@ -42,7 +42,7 @@ void remove_stale_socket(const std::string& path) {
         return;
     }
     if (!S_ISSOCK(status.st_mode)) {
-        fail(path, "there is something that is no socket");
+        fail(path, "there is something that is not a socket");
     }
     const int fd = connect_to(path);
     if (fd >= 0) {

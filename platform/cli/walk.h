@@ -46,9 +46,9 @@ struct Offer {
     Place next;
 };
 
-// What the lines of a tree begin with, whatever its test nodes say.
+// The words that begin the lines of a tree, whatever its test nodes decide.
 struct Opening {
-    bool any_word = false;  // a slot, or what only its own action knows
+    bool any_word = false;  // a slot, or a node whose action alone knows its words
     std::vector<std::string_view> keywords;
 };
 
@@ -59,10 +59,10 @@ struct Hint {
     bool literal;  // can be completed
 };
 
-// Why a line is no command.
+// Why a line is not a command.
 enum class Fault { kNone, kUnknownWord, kAmbiguousWord, kBadValue, kPrefix, kIncomplete };
 
-// A parsed line: the handler to call, null with the reason when the line is no command.
+// A parsed line: the handler to call, null with the reason when the line is not a command.
 struct Parsed {
     cli_handler handler = nullptr;
     Fault fault = Fault::kNone;
@@ -83,20 +83,20 @@ struct cli_walk {
 
     // Runs the action of `node`; null and the end of a list do nothing.
     void visit(const cli_node* node);
-    // False when no line of a tree begins with the word at hand: then it need not be visited.
+    // False when no line of a tree begins with the current word: then it need not be visited.
     bool may_begin(const qv::cli::Opening& opening) const;
     bool generating() const { return purpose == Purpose::kGenerate; }
     bool hinting() const { return hinting_; }
 
-    // Offers of the actions, for the word at hand. `node` is the one that makes the offer.
+    // Offers of the actions, for the current word. `node` is the one that makes the offer.
     void offer_keyword(std::string_view keyword, std::string_view help, const cli_node* node,
                        qv::cli::Capture capture = {});
     void offer_number(const cli_number_arg& number, const cli_node* node);
     void offer_word(const cli_word_arg& word, const cli_node* node);
     void offer_end(cli_handler handler);
-    // For help: adds a possibility that starts with the word at hand and can be completed.
+    // For help: adds a possibility that starts with the current word and can be completed.
     void hint(std::string_view word, std::string_view help);
-    // Generation: false when `node` has had its turn in this section.
+    // For generation: false when `node` has already printed its part of this section.
     bool first_time(const cli_node* node);
 
     // Parses `line`, without its prefix, from `root` and fills the slots of the context.
@@ -122,16 +122,16 @@ struct cli_walk {
     std::vector<qv::cli::Hint> rest_hints(const std::vector<qv::cli::Place>& places,
                                           const Word& word);
     void store(const qv::cli::Place& from);
-    // The place behind `node`, which takes `word`.
+    // The place after `node`, which takes `word`.
     qv::cli::Place after(const cli_node* node, std::string_view word) const;
     bool prefix_fits() const;
 
     const Word* word_ = nullptr;  // null at the end of the line
     std::vector<qv::cli::Offer> offers_;
     std::vector<qv::cli::Hint> hints_;
-    std::string slot_error_;       // what a number or word slot had against the word
+    std::string slot_error_;       // why a number or word slot refused the word
     qv::cli::Parsed failure_;      // why choose() failed
-    bool hinting_ = false;         // the word is one to be completed
+    bool hinting_ = false;         // the word is to complete
     bool prefix_refused_ = false;  // a line end did not take the prefix
     cli_handler handler_ = nullptr;
     qv::cli::Place end_;  // place of the handler

@@ -50,7 +50,7 @@ bool can_begin_in(std::string_view mode) {
 void answer_request(std::string_view text, SessionState& session, Completion answer) {
     const json request = json::parse(text, nullptr, false);
     if (!request.is_object()) {
-        answer(error_result("The request is no JSON object."));
+        answer(error_result("The request is not a JSON object."));
     } else if (const std::string* line = text_of(request, "exec")) {
         answer_exec(request, *line, session, std::move(answer));
     } else if (const std::string* part = text_of(request, "complete")) {

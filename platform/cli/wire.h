@@ -4,10 +4,10 @@
 //   {"complete": LINE}  words that can stand in place of the last one, one per line of "output"
 //   {"help": LINE}      the same with their help texts
 // Reply: {"output": TEXT, "prompt": TEXT, "result": NUMBER}, with "end": true when the session ends
-// with it, and with "wrong_at": BYTES when LINE is no command: where the wrong word begins, or the
-// end of the line when something is missing there. "length": NUMBER is in the replies of a session
-// that has set "terminal length". A session that monitors also gets {"monitor": TEXT} between
-// replies. Loop thread only.
+// with it, and with "wrong_at": BYTES when LINE is not a command: where the wrong word begins, or
+// the end of the line when something is missing there. "length": NUMBER is in the replies of a
+// session that has set "terminal length". A session that monitors also gets {"monitor": TEXT}
+// between replies. Loop thread only.
 #pragma once
 
 #include <string>

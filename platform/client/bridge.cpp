@@ -25,7 +25,7 @@ class BridgeClient final : public qv::PortObserver {
     void on_complete() override {}
 
     void on_changed(const Port& before, const Port& after) override {
-        // Members follow their aggregate port, and only its change is an event.
+        // Members follow their aggregate port, and only the change of that port is an event.
         if (before.mode == after.mode || after.aggregate != 0 || !selected()) {
             return;
         }
@@ -58,7 +58,7 @@ int bridge_agent_init(const char* name, qv_thread_master* master) {
         return -1;
     }
     return qv::guarded(-1, [master] {
-        client();  // follows the ports from here on
+        client();  // starts to follow the ports
         qv::loop_of(master).post([] {
             if (g_connected) {
                 g_connected();

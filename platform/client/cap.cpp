@@ -37,7 +37,7 @@ void log_bad_file(const std::string& place, const char* reason) {
 
 // 0, or EINVAL after one log line.
 int load(const std::string& path) {
-    std::error_code unknown;  // a file that may be there but cannot be looked at is a bad one
+    std::error_code unknown;  // a file that cannot be examined counts as bad
     if (path.empty() || (!std::filesystem::exists(path, unknown) && !unknown)) {
         store().entries.emplace();
         return 0;
@@ -54,7 +54,7 @@ int load(const std::string& path) {
         log_bad_file(path + ":" + std::to_string(error.source().begin.line),
                      std::string(error.description()).c_str());
     } catch (const std::bad_alloc&) {
-        throw;  // no fault of the file's
+        throw;  // not the file's fault
     } catch (const std::exception& error) {
         log_bad_file(path, error.what());
     }

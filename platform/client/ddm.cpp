@@ -6,7 +6,7 @@
 
 int libddm_get_phyid_by_ifx(uint32_t ifx, uint32_t* phyid) {
     const qv::Port* port = qv::platform().ports().find(ifx);
-    // A port without hardware of its own, such as an aggregate port, has id 0.
+    // A port without its own hardware, such as an aggregate port, has id 0.
     if (!port || port->phyid == 0) {
         return ENOENT;
     }

@@ -69,7 +69,7 @@ int read_action(const fp_item& item, ForwardingRule& rule) {
         rule.counted = true;
         return item.length == 4 ? 0 : EINVAL;
     }
-    // Forwarding stays the plane's own, so there is nothing to add.
+    // The plane keeps its own forwarding decision, so there is nothing to add.
     if (name == "fwd") {
         return item.length == 3 ? 0 : EINVAL;
     }

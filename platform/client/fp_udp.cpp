@@ -84,7 +84,7 @@ class FpService final : public qv::ForwardingSink {
             done(acl.id);
             return 0;
         }
-        if (acl.id == 0) {  // new, or memory ran out here the last time
+        if (acl.id == 0) {  // new, or memory ran out here last time
             acl.key = key;
             acl.id = new_object(Kind::kAcl, acl);
         }
@@ -239,7 +239,7 @@ class FpService final : public qv::ForwardingSink {
         return found == acls_.end() ? nullptr : &found->second;
     }
 
-    // Why there is nothing under this key.
+    // The error for a key without an object.
     int missing(const fp_acl_key& key) const {
         return knows_app(app_of(key.app)) ? ENOENT : EINVAL;
     }
@@ -255,7 +255,7 @@ class FpService final : public qv::ForwardingSink {
         driver().remove(id);
     }
 
-    // The treatment of frames by the ACL: its first entry decides.
+    // What the rules of an ACL match: its first entry decides.
     static int rule_matches(const Acl& acl, ForwardingRule& rule) {
         if (acl.error != 0) {
             return acl.error;
@@ -339,8 +339,8 @@ class FpService final : public qv::ForwardingSink {
     fp_udp_acl_handler handlers_{};
     std::map<AclName, Acl> acls_;
     std::unordered_map<ForwardingId, Object> objects_;
-    // The keys of applies again, for counter reports: looking them up in the maps above would miss
-    // the cache when thousands of counters report.
+    // A second index of the applies, for counter reports: looking them up in the maps above would
+    // miss the cache when thousands of counters report.
     std::unordered_map<ForwardingId, fp_acl_key> rules_;
     ForwardingId last_id_ = 0;
 };

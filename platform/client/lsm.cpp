@@ -190,7 +190,7 @@ int lsm_agent_init(const char* name, qv_thread_master* master) {
         return -1;
     }
     return qv::guarded(-1, [master] {
-        client();  // follows the ports from here on
+        client();  // starts to follow the ports
         qv::loop_of(master).post([] {
             if (g_connected) {
                 g_connected();

@@ -1,8 +1,8 @@
 // qv/mom.h over a store driver.
 //
 // A client keeps one number for each database and type it ever subscribed to, and one for each
-// scan under way; the driver reports by these numbers. All bytes that the driver reports were
-// written by somebody else: what does not unpack is logged and dropped here.
+// running scan; the driver reports by these numbers. All bytes that the driver reports come from
+// other programs: records that do not unpack are logged and dropped here.
 #include "qv/mom.h"
 
 #include <cerrno>
@@ -14,6 +14,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/database_names.h"
 #include "platform/base/guarded.h"
 #include "platform/base/supervisor.h"
 #include "platform/client/mom_key.h"
@@ -23,6 +24,11 @@
 #include "qv/syslog.h"
 
 namespace {
+
+// Programs that know nothing of qv/mom.h share these.
+static_assert(QV_MOM_LOCAL_DB == qv::kLocalDatabase);
+static_assert(QV_MOM_APP_DB == qv::kApplicationDatabase);
+static_assert(QV_MOM_CFG_DB == qv::kConfigurationDatabase);
 
 constexpr size_t kKeysPerCheck = 64;
 
@@ -109,7 +115,7 @@ RecordPtr unpack(const qv_mom_client::Topic& topic, qv::Bytes record) {
 
 }  // namespace
 
-// A session that is lost before the report's turn is reported when it is back.
+// A session that is lost before this report runs is reported when it is back.
 void qv_mom_client::connect(uint32_t db, SessionCallback callback) {
     Session& session = sessions[db];
     session.connected = callback;
@@ -183,7 +189,7 @@ void qv_mom_client::notice(uint64_t number, qv::Bytes notice) {
     if (found == topics.end()) {
         return;
     }
-    const Topic topic = found->second;  // the callback may place it anew
+    const Topic topic = found->second;  // the callback may subscribe again
     if (notice.empty() || notice[0] > QV_MOM_OPER_PUBLISH) {
         printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "BAD_NOTICE",
                       "Notice of %s in database %u dropped: no known operation.", topic.type->name,
@@ -224,7 +230,7 @@ void qv_mom_client::scan_done(uint64_t number) {
     scans.erase(number);
 }
 
-// The server may have come back without its records, or may have been emptied. A record that has
+// The server may have restarted without its records, or may have been emptied. A record that has
 // changed there belongs to whoever changed it.
 void qv_mom_client::set_missing_in(uint32_t db) {
     qv::own_records().for_each(this, [&](const qv::OwnRecords::Id& id, const auto& packed) {
@@ -263,8 +269,8 @@ qv_mom_client* qv_mom_client_init(const char* name, qv_thread_master* master,
     if (name == nullptr || master == nullptr) {
         return nullptr;
     }
-    // Clients live as long as the process, whatever becomes of their handles. The list itself is
-    // never destroyed, so that no client goes after the store it stands on.
+    // Clients live as long as the process, whatever happens to their handles. The list is never
+    // destroyed, so that no client is destroyed after the store it uses.
     return qv::guarded<qv_mom_client*>(nullptr, [] {
         static auto& clients = *new std::vector<std::unique_ptr<qv_mom_client>>();
         clients.push_back(std::make_unique<qv_mom_client>(qv::platform().store()));

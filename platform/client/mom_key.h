@@ -11,12 +11,12 @@
 
 namespace qv {
 
-// Nothing when the record has no index although its type does, or when the index holds a field
-// that cannot be written as text (repeated, one of several, floating point, a message).
+// Returns nothing when the record has no index although its type does, or when the index holds a
+// field that cannot be written as text (repeated, one of several, floating point, a message).
 std::optional<std::string> record_key(const ProtobufCMessage& record);
 
 // A glob that matches the keys of the type whose fields agree with those fields of the record's
-// index that are not at their default. Nothing as above.
+// index that are not at their default. Returns nothing in the same cases.
 std::optional<std::string> record_key_pattern(const ProtobufCMessage& record);
 
 std::vector<uint8_t> pack_record(const ProtobufCMessage& record);

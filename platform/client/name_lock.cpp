@@ -49,7 +49,7 @@ void close_if_open(int& fd) {
     }
 }
 
-// The process that listens at the address of a name; none when it is a stranger's.
+// The process that listens at the address of a name; nothing when another user owns it.
 std::optional<pid_t> listener_at(const Address& address) {
     int fd = open_socket();
     if (fd < 0) {
@@ -112,7 +112,7 @@ int NameLock::take_address(EventLoop& loop, const std::string& name) {
         close_if_open(socket_);
         return error == EADDRINUSE && !listener_at(address) ? 0 : error;
     }
-    // Without the watch the lock holds all the same, but holder() of others may not find us.
+    // Without the watch the lock is still valid, but holder() of others may not find us.
     watch_ = loop.watch(socket_, true, false, [this](EventLoop::Ready) { answer(); });
     return 0;
 }
@@ -123,8 +123,8 @@ void NameLock::release() {
     close_if_open(file_);
 }
 
-// A caller of holder() has its answer from the kernel once it is connected. This only makes room in
-// the queue for the next one.
+// The kernel answers a caller of holder() as soon as it connects. This only makes room in the queue
+// for the next one.
 void NameLock::answer() const {
     for (int peer; (peer = accept4(socket_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0;) {
         close(peer);

@@ -3,8 +3,8 @@
 // - A locked file, which decides. Its folder must be closed to other users, so that none of them
 // can
 //   take the lock first.
-// - The address of an abstract Unix socket, one for each network namespace. It still holds when
-//   somebody removes the file, and against a process that sees another file system. Any user can
+// - The address of an abstract Unix socket, one for each network namespace. It still works when
+// somebody removes the file, and against a process that sees another file system. Any user can
 //   bind such an address, so one that neither root nor our own user has bound does not count.
 //
 // The kernel releases both when their holder ends, however it ends.
@@ -40,7 +40,7 @@ class NameLock {
     // does not answer: then only the file keeps a second holder out.
     bool address_is_taken() const { return file_ >= 0 && socket_ < 0; }
 
-    // The process that holds the lock; 0 when there is none, or when it cannot be found out.
+    // The process that holds the lock; 0 when there is none or it is unknown.
     static pid_t holder(const std::string& name, const std::string& file);
 
  private:

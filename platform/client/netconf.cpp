@@ -1,5 +1,5 @@
 // qv/netconf.h: a notification is a record published in the local database, where the records of
-// the management plane live: the NETCONF front then listens in one database only, and a service
+// the management plane live: the NETCONF server then listens in one database only, and a service
 // that takes policy requests has its session there already. The last ones sent are kept in a
 // bounded ring.
 #include "qv/netconf.h"
@@ -39,7 +39,7 @@ bool acceptable(const nc_lib_leaf& leaf, std::string_view name) {
     return known_type && !name.empty() && notification_name(leaf.path) == name;
 }
 
-// All leaves of one notification, nothing that a reader would not understand.
+// Whether all leaves belong to one notification and have types that readers understand.
 bool acceptable(std::span<const nc_lib_leaf> leaves) {
     const std::string_view name = notification_name(leaves.front().path);
     return std::all_of(leaves.begin(), leaves.end(),
@@ -84,7 +84,7 @@ int publish(qv_mom_client* client, const qv::SentNotification& notification) {
     return qv_mom_publish(client, QV_MOM_LOCAL_DB, &record.base, 0, 0);
 }
 
-// In the ring first: what has been published must not fail any more.
+// Into the ring first: nothing may fail after publication.
 int send(qv_mom_client* client, std::span<const nc_lib_leaf> leaves) {
     ring().push_back(copy_of(leaves));
     const int refused = qv::guarded(ENOMEM, [client] { return publish(client, ring().back()); });

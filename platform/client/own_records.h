@@ -31,21 +31,21 @@ class OwnRecords {
     // callback: a later one replaces it, null removes it.
     void on_erased(ErasedCallback callback);
 
-    // The rest is for the client behind qv/mom.h.
+    // The rest is for the implementation of qv/mom.h.
 
     using Id = std::pair<uint32_t, std::string>;  // database, key
     using Visitor = std::function<void(const Id& id, const std::vector<uint8_t>& packed)>;
 
-    // The client that set a record last owns it and writes it again after a loss.
+    // The client that last set a record owns it and writes it again after a loss.
     void set(const qv_mom_client* owner, uint32_t db, const std::string& key,
              std::vector<uint8_t> packed);
     void erase(uint32_t db, const std::string& key);
     void erase_matching(uint32_t db, const std::string& glob);
 
-    // In the order of databases and keys; `visit` must not change the list.
+    // Visits the records by database and key; `visit` must not change the list.
     void for_each(const qv_mom_client* owner, const Visitor& visit) const;
-    // Up to `limit` keys of one database that follow `after`; after the last key it starts again at
-    // the first.
+    // Returns up to `limit` keys of one database that follow `after`, starting over after the last
+    // one.
     StoreKeys keys_after(const qv_mom_client* owner, const Id& after, size_t limit) const;
 
  private:

@@ -124,7 +124,7 @@ void PortModel::port_changed(const Port& port) {
     }
 }
 
-// A port that is renamed again while its first rename is held back keeps the name that clients
+// A port that is renamed again while its first rename is deferred keeps the name that clients
 // know.
 void PortModel::note_rename(uint32_t ifx, const std::string& old_name, const std::string& name) {
     const auto waiting = renames_.emplace(ifx, old_name).first;

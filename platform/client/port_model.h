@@ -19,12 +19,12 @@ class PortObserver {
  public:
     virtual ~PortObserver() = default;
     virtual void on_added(const Port& port) = 0;
-    // The port is about to be removed; model, clients and command line still know it.
+    // Called before a port is removed; model, clients and command line still know it.
     virtual void on_removing(const Port&) {}
     virtual void on_removed(const Port& port) = 0;  // the port as it was
     virtual void on_changed(const Port& before, const Port& after) = 0;
-    // The port has another name; the LSM client reports that as a removal and an addition. Follows
-    // on_changed(), either at once or when the old name is no longer in use.
+    // Called when a port has a new name; the LSM client reports that as a removal and an addition.
+    // Follows on_changed(), either at once or when the old name is no longer in use.
     virtual void on_renamed(const Port&) {}
     virtual void on_default(const Port& port) = 0;      // configuration set back to its defaults
     virtual void on_left_bridge(const Port& port) = 0;  // the port as it was
@@ -35,12 +35,12 @@ class PortModel final : public PortSink {
  public:
     explicit PortModel(SwitchDriver& driver);
 
-    void start();  // once, when the loop exists
+    void start();  // call once, when the loop exists
     bool complete() const;
 
     const Port* find(uint32_t ifx) const;           // null when unknown
     const Port* find(std::string_view name) const;  // by short name
-    const Port* find_phyid(uint32_t phyid) const;   // by forwarding-plane id; 0 is nobody's
+    const Port* find_phyid(uint32_t phyid) const;   // by forwarding-plane id; no port has 0
     uint32_t ifx_of_phyid(uint32_t phyid) const;    // 0 when unknown
     const std::map<uint32_t, Port>& ports() const;  // ascending interface index
 
@@ -56,8 +56,8 @@ class PortModel final : public PortSink {
     // Observers stay registered for the life of the model.
     void add_observer(PortObserver& observer);
 
-    // on_renamed() is held back while `in_use` is true for the port's old name; settle_renames()
-    // asks again. Without a function nothing is held back.
+    // on_renamed() is deferred while `in_use` is true for the port's old name; settle_renames()
+    // asks again. Without a function nothing is deferred.
     void set_name_in_use(std::function<bool(const std::string& name)> in_use);
     void settle_renames();
 
@@ -77,7 +77,7 @@ class PortModel final : public PortSink {
     std::map<std::string, uint32_t, std::less<>> names_;  // short name to interface index
     std::unordered_map<uint32_t, uint32_t> phyids_;       // forwarding-plane id to interface index
     std::vector<PortObserver*> observers_;
-    std::map<uint32_t, std::string> renames_;  // held back: the name that clients know
+    std::map<uint32_t, std::string> renames_;  // deferred: the name that clients know
     std::function<bool(const std::string& name)> name_in_use_;
     bool complete_ = false;
 };

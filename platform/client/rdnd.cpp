@@ -3,10 +3,10 @@
 // Two masters on the same bridge would undo each other's work, and two on the same command-line
 // socket would share the operators at random. So the master holds a lock on each of the two until
 // its process ends; it never gives the role back. The lock file of the socket is beside the socket.
-// That of the bridge is in a folder that all agents of the machine share, and has the number of the
-// network namespace in its name.
+// The bridge's file is in a folder that all agents of the machine share, and its name contains the
+// number of the network namespace.
 //
-// In mode "solo" the process takes the role at once, and ends with the reason when a lock is held.
+// In mode "solo" the process takes the role at once, and exits with the reason when a lock is held.
 // In mode "lease" it tries every second, and so takes over within a second of the master's end. No
 // callback is made for the other role.
 #include "qv/rdnd.h"
@@ -48,7 +48,7 @@ struct Redundancy {
     bool registered = false;
     qv::EventLoop* loop = nullptr;
     rdnd_role_cb master_cb = nullptr;
-    std::list<Exclusive> exclusives;  // the master holds all of them, others none
+    std::list<Exclusive> exclusives;  // the master holds all of them, other processes none
     bool standing_by = false;         // as reported
     int logged_error = 0;             // why the locks could not be tried, as logged
     qv::EventLoop::Handle retry;
@@ -93,7 +93,7 @@ void name_exclusives(const std::string& module) {
 }
 
 struct Obstacle {
-    const Exclusive* taken;  // null: there is none, we hold all locks
+    const Exclusive* taken;  // null: we hold all locks
     int error;
 };
 

@@ -10,7 +10,7 @@
 
 namespace {
 
-// The first message may be what brings the platform, and so its system log, to life.
+// The first message may create the platform, and with it the system log.
 __attribute__((format(printf, 4, 0))) std::string log(int severity, const char* facility,
                                                       const char* mnemonic, const char* format,
                                                       std::va_list arguments) {

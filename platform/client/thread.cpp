@@ -77,7 +77,7 @@ int run_fetched(qv_thread* thread) {
 
 namespace qv {
 
-// qv_thread_master is never defined: its pointer is the loop's.
+// qv_thread_master is never defined: a pointer to one points to the loop.
 qv_thread_master* master_of(EventLoop& loop) {
     return reinterpret_cast<qv_thread_master*>(&loop);
 }

@@ -6,7 +6,7 @@
 
 namespace qv {
 
-// Both take nothing but the other's address, and last as long as the loop. Any thread.
+// Both only convert the pointer, which is valid as long as the loop. Any thread.
 qv_thread_master* master_of(EventLoop& loop);
 EventLoop& loop_of(qv_thread_master* master);
 

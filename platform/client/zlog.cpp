@@ -31,7 +31,7 @@ namespace {
 constexpr char kRotation[] = "1MB * 4";
 
 // The library reads the path from its own configuration text, where a blank, a quote or a percent
-// sign means something else. Control bytes have no business in a path either.
+// sign means something else. Control bytes do not belong in a path either.
 bool plain(std::string_view text) {
     for (const char c : text) {
         if (c <= ' ' || c == '"' || c == '%' || c == '$' || c == 0x7f) {

@@ -28,7 +28,7 @@ class ForwardingSink {
  public:
     virtual ~ForwardingSink() = default;
     virtual void done(ForwardingId id) = 0;
-    // The request failed, or, later, the plane has lost an installed rule. The object is gone.
+    // The request failed or, later, the plane lost an installed rule. The object is gone.
     virtual void failed(ForwardingId id, int error) = 0;
     // Frames that a counting rule has seen since its last report.
     virtual void counted(ForwardingId id, uint64_t packets, uint64_t bytes) = 0;
@@ -40,16 +40,16 @@ class ForwardingDriver {
     enum class Table { kAcl, kEntry };
 
     virtual ~ForwardingDriver() = default;
-    // Once, before any request. The sink must outlive the driver's last report.
+    // Call once, before any request. The sink must outlive the driver's last report.
     virtual void start(ForwardingSink& sink) = 0;
     // Asks for room in a table of the plane.
     virtual void reserve(ForwardingId id, Table table) = 0;
-    // Installs a rule on a port, named by its forwarding-plane id, or on the whole switch. One rule
-    // at a time stands in each of these places.
+    // Installs a rule on a port, named by its forwarding-plane id, or on the whole switch. Each of
+    // these places has one rule at a time.
     virtual void install(ForwardingId id, std::optional<uint32_t> phyid,
                          const ForwardingRule& rule) = 0;
-    // Removes an object, whether its request was answered or not; no report about it follows. An
-    // unknown id is no error.
+    // Removes an object, whether or not its request was answered; no report about it follows. An
+    // unknown id is not an error.
     virtual void remove(ForwardingId id) = 0;
     // Removes the rules that an earlier process left in the plane.
     virtual void remove_leftovers() = 0;

@@ -31,7 +31,7 @@ class StoreListener {
  public:
     virtual ~StoreListener() = default;
     virtual void session_up(uint32_t db) = 0;
-    // Subscriptions and scans of the database are forgotten; requests fail until it is up again.
+    // Subscriptions and scans of the database are dropped; requests fail until it is up again.
     virtual void session_down(uint32_t db) = 0;
     virtual void subscribed(uint64_t subscription) = 0;
     virtual void notice(uint64_t subscription, Bytes notice) = 0;  // operation byte, packed record

@@ -22,12 +22,12 @@ struct Port {
     bool oper_up = true;
 };
 
-// The traffic of a port since it was created. What a driver does not know is empty.
+// The traffic of a port since it was created. A driver leaves empty what it does not know.
 struct PortCounters {
     struct Direction {
         std::optional<uint64_t> packets;
         std::optional<uint64_t> bytes;
-        std::optional<uint64_t> drops;   // for lack of room, or by a rule
+        std::optional<uint64_t> drops;   // for lack of buffers, or by a rule
         std::optional<uint64_t> errors;  // damaged packets
 
         bool operator==(const Direction&) const = default;
@@ -47,11 +47,11 @@ class PortSink {
     // Any field but `ifx` has changed; the sink finds out which.
     virtual void port_changed(const Port& port) = 0;
     virtual void port_left_bridge(uint32_t ifx) = 0;
-    // All ports of the start have been reported. Once.
+    // All initial ports have been reported. Called once.
     virtual void ports_complete() = 0;
 };
 
-// Loop thread only. Requests return an empty text when done, else the reason, for an operator.
+// Loop thread only. Requests return an empty text on success, else the reason for an operator.
 class SwitchDriver {
  public:
     virtual ~SwitchDriver() = default;

@@ -7,6 +7,7 @@
 
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
+#include "platform/base/tarn_names.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/mom_key.h"
@@ -18,8 +19,8 @@
 #include "platform/driver/embedded/embedded_switch.h"
 #include "platform/driver/embedded/loop_probe.h"
 #include "platform/driver/embedded/memory_store.h"
+#include "platform/driver/embedded/simulation_commands.h"
 #include "platform/driver/embedded/stderr_log.h"
-#include "platform/driver/embedded/test_commands.h"
 #include "platform/driver/linux/nft_forwarding.h"
 #include "platform/driver/linux/redis_store.h"
 #include "platform/driver/linux/rtnl_switch.h"
@@ -52,7 +53,7 @@ std::string loop_entry_key(const std::string& port) {
     return record_key(entry.base).value_or("");
 }
 
-// The platform of a description. Lives as long as the process.
+// The platform that a PlatformConfig describes. Lives as long as the process.
 class DescribedPlatform final : public Platform {
  public:
     DescribedPlatform(PlatformConfig config, std::unique_ptr<Clock> clock,
@@ -119,7 +120,7 @@ class DescribedPlatform final : public Platform {
         ports_ = std::make_unique<PortModel>(*shut_ports_);
         tarn_records_ = std::make_unique<TarnRecords>(*loop_, *ports_, *shut_ports_);
         tarn_states_ = std::make_unique<TarnStates>(*loop_, [this] {
-            return NameLock::holder("tarnd/" + config_.bridge, config_.tarn_state + "/lock") != 0;
+            return NameLock::holder(tarn_lock_name(config_), tarn_lock_file(config_)) != 0;
         });
         auto plane = std::make_unique<NftForwarding>(
             *loop_, NftForwarding::Settings{.find_bridge = [&ports] { return ports.bridge(); },
@@ -139,7 +140,7 @@ class DescribedPlatform final : public Platform {
 
     // Saves once more: lines typed within the last second are not in the file yet.
     void save_last() {
-        background_.reset();  // waits for a save that is under way
+        background_.reset();  // waits for a running save
         if (cli::ConfigKeeper* const keeper = cli::config_keeper()) {
             keeper->saver().save_last();
         }
@@ -164,13 +165,13 @@ class DescribedPlatform final : public Platform {
             [this](const LoopReport& report) { return simulated_tarn_->publish(report); });
         simulated_tarn_->follow([this](uint32_t ifx) { return probe_->guarded(ifx); });
         tarn_states_ = std::make_unique<TarnStates>(*loop_, [] { return true; });
-        cli::register_test_commands(ports, plane, memory);
+        cli::register_simulation_commands(ports, plane, memory);
     }
 
     const PlatformConfig config_;
     const std::unique_ptr<Clock> clock_;
     const std::unique_ptr<SystemLog> log_;
-    // From attach_loop() on.
+    // Set by attach_loop().
     EventLoop* loop_ = nullptr;
     std::unique_ptr<Background> background_;
     std::unique_ptr<StoreDriver> store_;
@@ -178,9 +179,9 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<PortModel> ports_;
     std::unique_ptr<ForwardingDriver> forwarding_;
     std::unique_ptr<TarnStates> tarn_states_;
-    std::unique_ptr<SimulatedTarn> simulated_tarn_;  // embedded switch only, as the next
+    std::unique_ptr<SimulatedTarn> simulated_tarn_;  // embedded switch only, like the next
     std::unique_ptr<LoopProbe> probe_;
-    std::unique_ptr<ShutPorts> shut_ports_;  // Linux only, as the next
+    std::unique_ptr<ShutPorts> shut_ports_;  // Linux only, like the next
     std::unique_ptr<TarnRecords> tarn_records_;
     std::unique_ptr<PortFollower> port_follower_;
     std::unique_ptr<Termination> termination_;

@@ -59,7 +59,7 @@ LoopProbe::Rules SimulatedTarn::rules() {
     return rules;
 }
 
-// A port that is no trunk before one that is, then the one with the higher number.
+// Prefers a port that is not a trunk, then the one with the higher number.
 uint32_t SimulatedTarn::choose(uint32_t ifx, uint32_t peer) const {
     if (!cli::tarn_config().cut_one) {
         return 0;
@@ -84,7 +84,7 @@ bool SimulatedTarn::publish(const LoopReport& report) {
     return true;
 }
 
-// A loop is reported again and again while it lasts; only the first report is news.
+// A loop is reported repeatedly while it lasts; only the first report is new.
 void SimulatedTarn::note_loop(const LoopReport& report) {
     if (!report.is_loop) {
         loops_.erase(report.ifx);
@@ -99,6 +99,7 @@ void SimulatedTarn::note_loop(const LoopReport& report) {
         loop.ifx = report.ifx;
         loop.src_ifx = report.src_ifx;
         loop.vid = kUntaggedVid;
+        loop.src_vid = kUntaggedVid;
         loop.trigger =
             report.periodic ? P_BRIDGE__TARN_TRIGGER__PERIOD : P_BRIDGE__TARN_TRIGGER__CARRIER;
         loop.time_ms = now_ms();

@@ -20,15 +20,15 @@ namespace qv {
 // Lives as long as the process.
 class SimulatedTarn final : public PortObserver {
  public:
-    // Records are written once in this time at most, and only when something has changed.
+    // Records are written at most once in this time, and only after a change.
     static constexpr std::chrono::seconds kPause{1};
 
     // Everything must outlive it.
     SimulatedTarn(EventLoop& loop, PortModel& ports);
 
-    // How the stand-in is to probe, by the commands of the switch.
+    // The rules for the stand-in's probes, from the commands of the switch.
     LoopProbe::Rules rules();
-    // Publishes a report, as the probe protocol does. False when that is not possible now.
+    // Publishes a report, as the probe protocol does. Returns false when that is not possible now.
     bool publish(const LoopReport& report);
     // `guarded` tells whether a guard holds a port.
     void follow(std::function<bool(uint32_t ifx)> guarded) { guarded_ = std::move(guarded); }

@@ -50,7 +50,7 @@ void TarnRecords::on_removed(const Port& port) {
     qv_mom_del(client_, QV_MOM_CFG_DB, &record.base, 0, 0);
 }
 
-// While the database is away nothing is remembered as told; its return tells everything.
+// While the database is away nothing counts as written; its return writes everything.
 void TarnRecords::port_changed(uint32_t ifx) {
     const Port* const port = ports_.find(ifx);
     if (port == nullptr) {

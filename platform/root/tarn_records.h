@@ -50,7 +50,7 @@ class TarnRecords final : public PortObserver {
     // Everything must outlive the records.
     TarnRecords(EventLoop& loop, PortModel& ports, ShutPorts& shut);
 
-    // Something that a port's record tells has changed.
+    // Call when something in a port's record has changed.
     void port_changed(uint32_t ifx);
 
     void on_added(const Port& port) override { port_changed(port.ifx); }
@@ -75,7 +75,7 @@ class TarnRecords final : public PortObserver {
     PortModel& ports_;
     ShutPorts& shut_;
     qv_mom_client* client_;
-    std::map<uint32_t, Told> told_;  // as the records are
+    std::map<uint32_t, Told> told_;  // contents of the records
 };
 
 }  // namespace qv

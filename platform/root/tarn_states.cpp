@@ -12,7 +12,7 @@
 namespace qv {
 namespace {
 
-// The object database's callbacks carry no argument of ours.
+// The object database's callbacks take no argument of ours.
 TarnStates* g_states = nullptr;
 
 int on_message(qv_mom_client* client, const qv_mom_msg* message) {

@@ -15,7 +15,7 @@ namespace qv {
 // one for each process. Loop thread only.
 class TarnStates {
  public:
-    // `running` tells whether there is a service: the records of one that was killed stay behind.
+    // `running` tells whether there is a service: a killed service leaves its records behind.
     TarnStates(EventLoop& loop, std::function<bool()> running);
 
     void take(const PBridge__TarnPortState& record, bool deleted);

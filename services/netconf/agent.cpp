@@ -52,7 +52,7 @@ Unpacked<PMng__UiOperate> unpack_answer(const std::string& packed) {
             }};
 }
 
-// Names of interfaces are what the model takes and what XML can carry.
+// Accepts names that the model allows and XML can carry.
 bool printable(const std::string& name) {
     return !name.empty() && name.size() <= kLongestName &&
            std::all_of(name.begin(), name.end(), [](char c) { return c >= ' ' && c <= '~'; });
@@ -75,14 +75,14 @@ std::string packed_request(PolicyRequest request, uint32_t policy, std::string p
     return packed;
 }
 
-// Never the same twice, also after a restart under the same process number.
+// Never the same twice, even after a restart under the same process number.
 int32_t fresh_oid() {
     static int32_t last = static_cast<int32_t>(
         steady_clock::now().time_since_epoch() / std::chrono::milliseconds(1) & 0x3fffffff);
     return ++last;
 }
 
-// The result of the answer with this index, or nothing when the notice is none.
+// The result in the answer with this index; nothing for any other notice.
 std::optional<int32_t> result_in(const Notice& notice, PolicyRequest request,
                                  const std::string& publisher, int32_t oid) {
     constexpr uint8_t kDeleted = 1;
@@ -115,7 +115,7 @@ std::vector<LoopedPort> looped_ports(Database& database) {
     for (const std::string& packed : database.values(kApplicationDatabase, kLoopEntryType)) {
         const auto entry = unpack_entry(packed);
         if (!entry || !entry->index || !printable(entry->index->name)) {
-            log_line(LOG_WARNING, "a loop entry of the object database makes no sense, left out");
+            log_line(LOG_WARNING, "an invalid loop entry of the object database is skipped");
             continue;
         }
         ports.push_back({entry->index->name, entry->policy, entry->src_port != 0});

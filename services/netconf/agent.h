@@ -17,25 +17,24 @@ struct LoopedPort {
     bool src_port;
 };
 
-// The policy in force, from the record that the agent keeps of it in the configuration database;
-// nothing when it has never kept one. Throws DatabaseLost.
+// The current policy, from the agent's record in the configuration database; nothing when there is
+// no record. Throws DatabaseLost.
 std::optional<uint32_t> published_policy(Database& database);
 
-// The ports in the loop state, by name. Records that do not unpack are logged and left out. Throws
+// The ports in the loop state, by name. Records that do not unpack are logged and skipped. Throws
 // DatabaseLost.
 std::vector<LoopedPort> looped_ports(Database& database);
 
-// The kind of a request. The number travels in the record.
+// The kind of a request, by its number in the record.
 enum class PolicyRequest : int32_t { kSet = 2, kDelete = 3, kRemove = 4 };
 
-// The agent did not do what was asked; the message says why, and whether it may still do it.
+// The agent did not execute the request; the message says why, and whether it may still do so.
 struct RequestFailed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Asks the agent to put `policy` in force and waits for its answer, 2 s at most. Returns when the
-// agent says that it is done. Throws RequestFailed or DatabaseLost. When no agent is there, nothing
-// is written at all.
+// Asks the agent to apply `policy` and waits for its answer, 2 s at most. Returns when the agent
+// confirms it. Throws RequestFailed or DatabaseLost. Without an agent nothing is written.
 void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy);
 
 }  // namespace netconf

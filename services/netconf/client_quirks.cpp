@@ -28,7 +28,7 @@ void set_name(const ly_ctx* context, ly_opaq_name& name, const char* name_space,
     }
 }
 
-// True when a filter has been moved.
+// Returns true when a filter has been moved.
 bool move_filter(const ly_ctx* context, const lyd_node& subscription) {
     lyd_node* child = nullptr;
     LY_LIST_FOR(lyd_child(&subscription), child) {
@@ -40,7 +40,7 @@ bool move_filter(const ly_ctx* context, const lyd_node& subscription) {
     return false;
 }
 
-// True when an attribute "operation" of the element has got its namespace.
+// Returns true when an attribute "operation" of the element has been given its namespace.
 bool qualify_operation(const ly_ctx* context, const lyd_node_opaq& element) {
     lyd_attr* attribute = nullptr;
     LY_LIST_FOR(element.attr, attribute) {
@@ -53,7 +53,7 @@ bool qualify_operation(const ly_ctx* context, const lyd_node_opaq& element) {
     return false;
 }
 
-// True when one in the tree has. Without recursion: a client chooses the depth.
+// Does so for the whole tree, without recursion: a client chooses the depth.
 bool qualify_operations(const ly_ctx* context, const lyd_node& root) {
     bool any = false;
     std::vector<const lyd_node*> left{&root};
@@ -88,7 +88,7 @@ void adapt_message(std::string& text) {
         text.find("operation") == std::string::npos) {
         return;
     }
-    // Without any module every element is taken as it is.
+    // Without any module every element is accepted unchecked.
     ly_ctx* context = nullptr;
     ly_ctx_new(nullptr, LY_CTX_NO_YANGLIBRARY | LY_CTX_DISABLE_SEARCHDIRS, &context);
     const Context owner(context);

@@ -19,7 +19,7 @@ const std::string kMonitoring = "/ietf-netconf-monitoring:netconf-state";
 void add_looped_ports(const Session& session, Tree& tree) {
     Database database(session.options.redis_socket);
     for (const LoopedPort& port : looped_ports(database)) {
-        // A path takes a key in quotes of one kind; no port name has both.
+        // A path has a key in one kind of quotes; no port name has both kinds.
         const char quote = port.name.find('\'') == std::string::npos ? '\'' : '"';
         const std::string entry =
             "/qv-loop-detect-server:loop-detect/looped-port[name=" + (quote + port.name + quote) +
@@ -87,7 +87,7 @@ void add_sessions(const Session& session, Tree& tree) {
 uint32_t policy_in_force(Database& database) {
     const uint32_t policy = published_policy(database).value_or(kDefaultPolicy);
     if (policy > kHighestPolicy) {
-        log_line(LOG_WARNING, "the agent's policy %u is none of the model's", policy);
+        log_line(LOG_WARNING, "the agent's policy %u is not in the model", policy);
         return kDefaultPolicy;
     }
     return policy;

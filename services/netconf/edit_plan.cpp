@@ -56,7 +56,7 @@ Operation operation_of(const lyd_node& node, Operation inherited) {
         }
     }
     throw RpcError(NC_ERR_BAD_ATTR, NC_ERR_TYPE_PROT,
-                   std::string("\"") + text + "\" is no operation")
+                   std::string("\"") + text + "\" is not an operation")
         .about(name_of(node), "operation");
 }
 
@@ -64,7 +64,7 @@ bool takes_away(Operation operation) {
     return operation == Operation::kDelete || operation == Operation::kRemove;
 }
 
-// The value of the leaf, as the model has it.
+// The value of the leaf according to the model.
 uint32_t policy_in(const lyd_node& leaf) {
     const std::string_view text = lyd_get_value(&leaf) == nullptr ? "" : lyd_get_value(&leaf);
     uint32_t policy = 0;
@@ -138,7 +138,7 @@ RpcError conflict(NC_ERR tag, const char* message) {
     return {tag, NC_ERR_TYPE_APP, message, kLeafPath};
 }
 
-// The change of policy by an operation that takes the leaf away.
+// The change of policy by an operation that removes the leaf.
 std::optional<PolicyChange> removal(Operation operation, bool is_set) {
     if (operation == Operation::kDelete && !is_set) {
         throw conflict(NC_ERR_DATA_MISSING, "loop-policy is not set");
@@ -146,7 +146,7 @@ std::optional<PolicyChange> removal(Operation operation, bool is_set) {
     if (!is_set) {
         return std::nullopt;
     }
-    // The agent puts in force what a request carries, also when it is a delete.
+    // The agent applies the policy in a request, even in a delete.
     const bool asked_softly = operation == Operation::kRemove;
     return PolicyChange{asked_softly ? PolicyRequest::kRemove : PolicyRequest::kDelete,
                         kDefaultPolicy};
@@ -155,7 +155,7 @@ std::optional<PolicyChange> removal(Operation operation, bool is_set) {
 std::optional<PolicyChange> change_of_leaf(const lyd_node& leaf, Operation operation, bool is_set) {
     switch (operation) {
         case Operation::kNone:
-            policy_in(leaf);  // only to refuse what the model does not have
+            policy_in(leaf);  // only to refuse values unknown to the model
             if (!is_set) {
                 throw conflict(NC_ERR_DATA_MISSING, "loop-policy is not set");
             }
@@ -175,7 +175,7 @@ std::optional<PolicyChange> change_of_leaf(const lyd_node& leaf, Operation opera
     return PolicyChange{PolicyRequest::kSet, policy_in(leaf)};
 }
 
-// A container that comes without its leaf.
+// The change for a container without its leaf.
 std::optional<PolicyChange> change_of_empty(Operation operation, bool is_set) {
     switch (operation) {
         case Operation::kCreate:

@@ -1,4 +1,4 @@
-// Turns an <edit-config> into the request that it makes of the agent.
+// Turns an <edit-config> into a request to the agent.
 #pragma once
 
 #include <cstdint>
@@ -19,9 +19,9 @@ struct PolicyChange {
     uint32_t policy;
 };
 
-// Reads `config`, the content of <config> (null: empty), against the policy in force. `fallback` is
+// Reads `config`, the content of <config> (null: empty), against the current policy. `fallback` is
 // the operation where none is given. Returns nothing when no request is needed. Throws RpcError for
-// data that fits no model and for an operation that the data in force forbids. A policy with its
+// data that fits no model and for an operation that the current data forbids. A policy with its
 // default value counts as not set.
 std::optional<PolicyChange> plan_edit(const ly_ctx* context, const lyd_node* config,
                                       Operation fallback, uint32_t in_force);

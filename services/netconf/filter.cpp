@@ -11,7 +11,7 @@
 namespace netconf {
 namespace {
 
-// How much of a node passes; what is not listed does not.
+// How much of a node passes; nodes without an entry do not.
 enum class Part { kOnTheWay, kWhole };
 using Selection = std::unordered_map<const lyd_node*, Part>;
 
@@ -49,7 +49,7 @@ const lyd_node* matching_leaf(const lyd_node* siblings, const lyd_node& filter) 
 
 bool select(const lyd_node& data, const lyd_node& filter, Selection& selection);
 
-// Selects among the children of `data` by those of `filter`. False when nothing passes.
+// Selects children of `data` by those of `filter`. Returns false when nothing passes.
 bool select_children(const lyd_node& data, const lyd_node& filter, Selection& selection) {
     bool only_matches = true;
     const lyd_node* wanted = nullptr;
@@ -145,7 +145,7 @@ lyd_node* copy_of(const lyd_node& node, const Selection& selection) {
     const lyd_node* child = nullptr;
     LY_LIST_FOR(whole || copy == nullptr ? nullptr : lyd_child(&node), child) {
         if (lyd_node* const inner = copy_of(*child, selection)) {
-            // The copy of a list comes with its keys.
+            // The copy of a list includes its keys.
             if (lysc_is_key(child->schema) && child_named(*copy, name_of(*child)) != nullptr) {
                 lyd_free_tree(inner);
             } else {
@@ -187,7 +187,7 @@ Filter Filter::of(const lyd_node& rpc) {
             .about("filter", "select");
     }
     // An expression that yields no nodes is refused here, whatever the data will be. It is not
-    // tried on the request: libyang crashes when it compares an empty <filter> with a string.
+    // tested on the request: libyang crashes when it compares an empty <filter> with a string.
     Tree sample;
     add_node(LYD_CTX(&rpc), sample, "/qv-loop-detect-server:loop-detect");
     evaluate(*sample, select);

@@ -13,7 +13,7 @@ class Filter {
     // From the parameter "filter" of an operation; without it everything passes. Throws RpcError.
     static Filter of(const lyd_node& rpc);
 
-    // A copy of what passes: the selected nodes, what stands above them, and the keys of lists.
+    // A copy of what passes: the selected nodes, their ancestors, and the keys of lists.
     Tree apply(const lyd_node* data) const;
     // Whether anything passes.
     bool matches(const lyd_node* data) const { return apply(data) != nullptr; }

@@ -13,13 +13,13 @@ constexpr std::string_view kChunkStart = "\n#";
 constexpr std::string_view kChunkedFraming = "urn:ietf:params:netconf:base:1.1";
 constexpr size_t kLongestSize = 10;  // digits
 
-// Whether `text` is a beginning of `whole`, or the other way round.
+// Whether either text is the beginning of the other.
 bool may_be(std::string_view text, std::string_view whole) {
     const size_t common = std::min(text.size(), whole.size());
     return text.substr(0, common) == whole.substr(0, common);
 }
 
-// The rest of a document behind blanks, XML declaration, instructions and comments.
+// The rest of a document after blanks, XML declaration, instructions and comments.
 std::string_view behind_prolog(std::string_view text) {
     for (;;) {
         text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
@@ -34,7 +34,7 @@ std::string_view behind_prolog(std::string_view text) {
     }
 }
 
-// The library goes down with a message that has nothing but a prolog, and takes a zero byte for its
+// The library crashes on a message that has nothing but a prolog, and takes a zero byte for its
 // end.
 bool holds_text(std::string_view text) {
     return !behind_prolog(text).empty() && text.find('\0') == std::string_view::npos;
@@ -59,7 +59,7 @@ std::optional<Message> Framing::next() {
         return std::nullopt;
     }
     std::optional<Message> message = chunked_ ? next_chunked() : next_delimited();
-    // The frame does not count, so that it makes no difference how the bytes arrive.
+    // The frame does not count, so the limit does not depend on how the bytes arrive.
     const size_t length = message ? message->text.size() : chunked_ ? text_.size() : scanned_;
     if (fault_ == nullptr && length > kLongestMessage_bytes) {
         fault_ = "a message is longer than 64 KiB";
@@ -105,7 +105,7 @@ std::optional<Message> Framing::next_chunked() {
     return take(std::move(text_), scanned_ + kEndOfChunks.size());
 }
 
-// False when no whole chunk begins where the scan stands.
+// Returns false when no whole chunk begins at the position of the scan.
 bool Framing::take_chunk() {
     const std::string_view rest = std::string_view(input_).substr(scanned_);
     if (may_be(rest, kEndOfChunks)) {
@@ -122,7 +122,7 @@ bool Framing::take_chunk() {
     size_t size = 0;
     const auto [stop, error] = std::from_chars(digits.begin(), digits.end(), size);
     if (stop != digits.end() || error != std::errc() || digits.size() > kLongestSize) {
-        fault_ = "the framing is broken: the size of a chunk is no number";
+        fault_ = "the framing is broken: the size of a chunk is not a number";
         return false;
     }
     if (line_end == std::string_view::npos) {

@@ -1,5 +1,5 @@
-// The framing of NETCONF messages (RFC 6242): where a message ends, and whether the frame around it
-// is sound. What is inside must be text, and is not looked at further.
+// The framing of NETCONF messages (RFC 6242): where a message ends, and whether its frame is valid.
+// The content must be text and is not examined further.
 #pragma once
 
 #include <cstddef>
@@ -13,7 +13,7 @@ struct Message {
     std::string text;  // without its frame
     bool chunked;      // how it was framed
 
-    // With a frame of the same kind, and of one chunk.
+    // The message in a frame of the same kind, in one chunk.
     std::string framed() const;
 };
 
@@ -30,7 +30,7 @@ class Framing {
     // chunks.
     std::optional<Message> next();
 
-    // Why nothing can be made of the input any more; null while all is well.
+    // The reason why the input cannot be read any further; null without a fault.
     const char* fault() const { return fault_; }
     // Whether a message has begun that is not whole.
     bool inside_message() const { return !input_.empty(); }
@@ -42,8 +42,8 @@ class Framing {
     bool take_chunk();
 
     std::string input_;   // of the message that is not whole yet
-    size_t scanned_ = 0;  // bytes of it that are known to be sound
-    std::string text_;    // what the chunks among them carry
+    size_t scanned_ = 0;  // bytes of it that are known to be valid
+    std::string text_;    // contents of the chunks among them
     bool greeted_ = false;
     bool chunked_ = false;
     const char* fault_ = nullptr;

@@ -26,7 +26,7 @@ struct SignalLine {
     const char* message;
     std::array<char, kLineBytes> text;
     size_t length;  // of the text
-    size_t tag;     // length of the "<30>" in front, which is for the system log only
+    size_t tag;     // length of the leading "<30>", which is for the system log only
 };
 
 std::array<SignalLine, 9> g_signal_lines{{
@@ -59,7 +59,7 @@ void on_signal(int number) {
     }
 }
 
-// -1 when there is no system log, which is no reason to refuse service.
+// -1 when there is no system log, which is not a reason to refuse service.
 int connect_system_log() {
     const int link = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{.sun_family = AF_UNIX, .sun_path = "/dev/log"};
@@ -97,7 +97,7 @@ void log_line(int priority, const char* format, ...) {
     va_start(values, format);
     vsnprintf(text.data(), text.size(), format, values);
     va_end(values);
-    // Parts of the text come from clients, who must not be able to forge lines of the log.
+    // Parts of the text come from clients, which must not be able to forge log lines.
     for (char* at = text.data(); *at != '\0'; at++) {
         if (*at < ' ' || *at > '~') {
             *at = *at == '\n' ? ' ' : '?';

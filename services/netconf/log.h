@@ -6,7 +6,7 @@
 
 namespace netconf {
 
-// Once, before the first line.
+// Call once, before the first line.
 void open_log(bool also_to_stderr);
 
 // From now on each line begins with `who`, for example "session 12 (admin)".
@@ -19,8 +19,8 @@ void log_as(const std::string& who);
 // process at once; the kernel releases its locks. The lines are composed here, so call it again
 // after log_as().
 //
-// The parsers are written in C and get whatever a client sends. A message that crashes one must end
-// only this session, and leave a line in the log.
+// The parsers are written in C and receive whatever a client sends. A message that crashes one must
+// end only this session, and leave a line in the log.
 void log_fatal_signals();
 
 // Gives the calling thread a separate stack for signal handlers. Each thread that parses messages

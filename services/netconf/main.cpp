@@ -1,10 +1,10 @@
 // lda-netconf: one NETCONF session on standard input and output.
 //
 // sshd starts one such process for each session, so a message that crashes the parser ends only the
-// session that sent it. The process reads and changes the switch through records of the object
-// database and through nothing else; sessions coordinate by locks on files in one folder
-// (shared_state.h). It has two threads: the main thread serves the session and sleeps in poll(2),
-// the other one reads standard input (stdin_relay.h).
+// session that sent it. The process reads and changes the switch only through records of the object
+// database; sessions coordinate by locks on files in one folder (shared_state.h). It has two
+// threads: the main thread serves the session and sleeps in poll(2), the other one reads standard
+// input (stdin_relay.h).
 #include <fcntl.h>
 #include <pwd.h>
 #include <sys/resource.h>

@@ -8,17 +8,13 @@
 namespace netconf {
 namespace {
 
-// A local server answers within microseconds; one that takes this long is as good as gone.
+// A local server answers within microseconds; one that takes this long counts as gone.
 constexpr timeval kAnswerLimit{.tv_sec = 0, .tv_usec = 900'000};
 
-// Records are small. A message of more than this many bytes is not one of the switch's.
+// Records are small. A longer message is not one of the switch's.
 constexpr size_t kInputLimit_bytes = size_t{1} << 20;
 
 constexpr std::string_view kScanPage = "256";
-
-std::string channel_of(unsigned database, std::string_view type) {
-    return "mom/" + std::to_string(database) + "/" + std::string(type);
-}
 
 std::string_view text_of(const redisReply& reply) {
     return {reply.str, reply.len};
@@ -110,7 +106,7 @@ std::vector<std::string> Database::values(unsigned database, std::string_view ty
 }
 
 long long Database::listeners(unsigned database, std::string_view type) {
-    const Reply reply = command({"PUBSUB", "NUMSUB", channel_of(database, type)});
+    const Reply reply = command({"PUBSUB", "NUMSUB", qv::change_channel(database, type)});
     return element(*reply, 1, REDIS_REPLY_INTEGER).integer;
 }
 
@@ -119,21 +115,21 @@ long long Database::set(unsigned database, std::string_view type, std::string_vi
     const std::string notice = '\0' + std::string(record);
     command({"MULTI"});
     command({"SET", std::string(type) + "/", record});
-    command({"PUBLISH", channel_of(database, type), notice});
+    command({"PUBLISH", qv::change_channel(database, type), notice});
     const Reply done = command({"EXEC"});
     return element(*done, 1, REDIS_REPLY_INTEGER).integer;
 }
 
 Listener::Listener(const std::string& socket, unsigned database, std::string_view type)
     : link_(socket) {
-    link_.command({"SUBSCRIBE", channel_of(database, type)});
+    link_.command({"SUBSCRIBE", qv::change_channel(database, type)});
 }
 
 int Listener::fd() const {
     return link_.context_->fd;
 }
 
-// The next complete notice in the buffer. Skips everything that is no message of the channel.
+// The next complete notice in the buffer. Skips everything that is not a message of the channel.
 std::optional<Notice> Listener::take() {
     void* raw = nullptr;
     while (redisGetReplyFromReader(link_.context_.get(), &raw) == REDIS_OK && raw != nullptr) {
@@ -152,7 +148,7 @@ std::optional<Notice> Listener::take() {
     return std::nullopt;
 }
 
-// Reads what has arrived into the buffer. False when nothing has.
+// Reads what has arrived into the buffer. Returns false when nothing has.
 bool Listener::fill() {
     pollfd watched{.fd = fd(), .events = POLLIN, .revents = 0};
     if (poll(&watched, 1, 0) < 1) {

@@ -1,6 +1,6 @@
 // The object database as a session sees it: a Redis server on a Unix socket, laid out as
 // docs/object-database.md says. A session does one thing at a time, so commands block, each for a
-// limited time. An idle session holds no connection but that of its subscription.
+// limited time. An idle session holds only the connection of its subscription.
 #pragma once
 
 #include <chrono>
@@ -13,15 +13,16 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/base/database_names.h"
+
 struct redisContext;
 struct redisReply;
 
 namespace netconf {
 
-// The databases that the front uses.
-inline constexpr unsigned kLocalDatabase = 3;
-inline constexpr unsigned kApplicationDatabase = 4;
-inline constexpr unsigned kConfigurationDatabase = 22;
+using qv::kApplicationDatabase;
+using qv::kConfigurationDatabase;
+using qv::kLocalDatabase;
 
 // The server does not answer, or not in the expected form. The message says what happened.
 struct DatabaseLost : std::runtime_error {

@@ -26,7 +26,7 @@ Operation default_operation(const lyd_node& rpc) {
     return name == "none" ? Operation::kNone : Operation::kMerge;
 }
 
-// The policy in force, to be asked for before anything is decided.
+// The current policy, read before anything is decided.
 uint32_t current_policy(const Session& session) {
     Database database(session.options.redis_socket);
     return policy_in_force(database);
@@ -48,7 +48,7 @@ void perform(const Session& session, const PolicyChange& change) {
     }
 }
 
-// Edits, or only finds out whether that would be possible.
+// Edits, or only checks whether that would be possible.
 nc_server_reply* edit(const Session& session, const lyd_node* config, Operation fallback,
                       bool only_test) {
     const EditTurn turn(session.options.runtime_dir);
@@ -63,7 +63,7 @@ nc_server_reply* edit(const Session& session, const lyd_node* config, Operation 
     return nc_server_reply_ok();
 }
 
-// The content of <config> beneath `parent`, null when there is none.
+// The content of <config> under `parent`, null when there is none.
 const lyd_node* config_in(const lyd_node& parent) {
     const lyd_node* const config = child_named(parent, "config");
     if (config != nullptr && holds_text(*config)) {
@@ -89,7 +89,7 @@ nc_server_reply* copy_config(const lyd_node& rpc, Session& session) {
     return edit(session, config_in(source), Operation::kReplace, false);
 }
 
-// The policy in force was validated when it was set.
+// The current policy was validated when it was set.
 nc_server_reply* validate(const lyd_node& rpc, Session& session) {
     plan_edit(session.context, config_in(*child_named(rpc, "source")), Operation::kMerge,
               kDefaultPolicy);

@@ -12,7 +12,7 @@
 namespace netconf {
 namespace {
 
-// Whether defaults are wanted. Only the two modes that are announced are there.
+// Whether defaults are wanted. Only the two announced modes exist.
 bool wants_defaults(const lyd_node& rpc) {
     const lyd_node* const mode = child_named(rpc, "with-defaults");
     const std::string name = mode == nullptr ? "trim" : lyd_get_value(mode);
@@ -69,7 +69,7 @@ nc_server_reply* get(const lyd_node& rpc, Session& session) {
     return reply_with(rpc, filter, tree);
 }
 
-// Its source can be the running configuration only, the model has no other.
+// Its source can only be the running configuration; the model has no other.
 nc_server_reply* get_config(const lyd_node& rpc, Session& session) {
     const Filter filter = Filter::of(rpc);
     Tree tree;
@@ -80,7 +80,7 @@ nc_server_reply* get_config(const lyd_node& rpc, Session& session) {
 nc_server_reply* get_schema(const lyd_node& rpc, Session& session) {
     const char* const format = text_of(rpc, "format");
     if (format != nullptr && strcmp(format, "ietf-netconf-monitoring:yang") != 0) {
-        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_APP, "schemas are there as yang only");
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_APP, "schemas exist only as yang");
     }
     const lys_module& module =
         module_named(session.context, text_of(rpc, "identifier"), text_of(rpc, "version"));

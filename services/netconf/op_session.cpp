@@ -46,7 +46,7 @@ void refuse_replay(const lyd_node& rpc) {
         return;
     }
     if (seconds_of(*start) > time(nullptr)) {
-        throw bad_time(NC_ERR_BAD_ELEM, "startTime", "startTime lies in the future");
+        throw bad_time(NC_ERR_BAD_ELEM, "startTime", "startTime is in the future");
     }
     if (stop != nullptr && seconds_of(*stop) < seconds_of(*start)) {
         throw bad_time(NC_ERR_BAD_ELEM, "stopTime", "stopTime lies before startTime");

@@ -12,11 +12,11 @@ namespace {
 struct Entry {
     const char* path;
     nc_server_reply* (*perform)(const lyd_node& rpc, Session& session);
-    std::array<const char*, 2> needed{};  // parameters without which nothing can be done
+    std::array<const char*, 2> needed{};  // parameters that the operation needs
 };
 
-// <close-session> is libnetconf2's own. Its own <get-schema> frees memory twice and must not be
-// the one that is called.
+// libnetconf2 has its own <close-session>. Its own <get-schema> frees memory twice and must not be
+// used.
 constexpr std::array<Entry, 10> kOperations{{
     {"/ietf-netconf:get", get},
     {"/ietf-netconf:get-config", get_config, {"source"}},
@@ -30,7 +30,7 @@ constexpr std::array<Entry, 10> kOperations{{
     {"/notifications:create-subscription", create_subscription},
 }};
 
-// Each parameter comes once, and a container, <source> or <target>, names one datastore.
+// Each parameter may occur once, and a container, <source> or <target>, names one datastore.
 void check_parameter(const lyd_node& parameter) {
     const char* const name = name_of(parameter);
     const lyd_node* later = nullptr;
@@ -76,7 +76,7 @@ nc_server_reply* perform(const Entry& entry, const lyd_node& rpc, Session& sessi
     }
 }
 
-// Called by libnetconf2, hence no exception leaves, not even one about an answer to another one.
+// Called by libnetconf2, so no exception may leave it, not even one thrown while answering another.
 template <size_t Index>
 nc_server_reply* on_rpc(lyd_node* rpc, nc_session* link) {
     try {

@@ -1,5 +1,5 @@
-// The operations of the protocol: what is done for each, called by libnetconf2 with the parsed
-// request. Everything that fails is answered with an <rpc-error>.
+// The operations of the protocol, called by libnetconf2 with the parsed request. Every failure is
+// answered with an <rpc-error>.
 #pragma once
 
 #include <libnetconf2/session_server.h>
@@ -13,9 +13,9 @@ namespace netconf {
 // std::runtime_error.
 void start_server(ly_ctx* context);
 
-// One operation each. `rpc` is the request: what is in it fits the model, and what the operation
-// needs is there, once. The reply goes to libnetconf2. They throw RpcError; everything else that
-// they throw is answered as operation-failed.
+// One operation each. `rpc` is the request: its content fits the model, and each required parameter
+// is present once. libnetconf2 owns the reply. They throw RpcError; any other exception is answered
+// as operation-failed.
 nc_server_reply* get(const lyd_node& rpc, Session& session);
 nc_server_reply* get_config(const lyd_node& rpc, Session& session);
 nc_server_reply* get_schema(const lyd_node& rpc, Session& session);

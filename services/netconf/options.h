@@ -13,8 +13,8 @@ struct Options {
     bool help = false;
 };
 
-// The platform file named with --platform, else by the environment variable LDA_PLATFORM, gives
-// the socket unless --redis does. Throws std::runtime_error with the reason.
+// The socket comes from --redis, else from the platform file named with --platform or in the
+// environment variable LDA_PLATFORM. Throws std::runtime_error with the reason.
 Options read_options(int count, char* const* words);
 
 // The text of --help.

@@ -37,7 +37,7 @@ lyd_node* error_node(const ly_ctx* context, const RpcError& error) {
     return nc_err(context, error.tag, error.type);
 }
 
-// nc_err_set_path() takes a text and cannot declare the prefix in it.
+// nc_err_set_path() cannot declare the prefix that the path uses.
 void add_path(const ly_ctx* context, lyd_node* error, const std::string& path) {
     const std::string text = "<error-path xmlns=\"" NC_NS_BASE
                              "\" xmlns:qvld=\"urn:qv:yang:qv-loop-detect-server\">" +

@@ -20,7 +20,7 @@ struct RpcError : std::runtime_error {
           type(error_type),
           path(std::move(error_path)) {}
 
-    // The same error with what some tags carry besides.
+    // The same error with the additional elements of some tags.
     RpcError about(std::string bad_element, std::string bad_attribute = "") const {
         RpcError error = *this;
         error.element = std::move(bad_element);
@@ -40,7 +40,7 @@ struct RpcError : std::runtime_error {
 
     NC_ERR tag;
     NC_ERR_TYPE type;
-    std::string path;         // XPath of the data that is meant; its prefix is qvld; empty: none
+    std::string path;         // XPath of the data at fault; its prefix is qvld; empty: none
     std::string element;      // <bad-element> of the tags that carry one
     std::string attribute;    // <bad-attribute> likewise
     std::string name_space;   // <bad-namespace> of unknown-namespace

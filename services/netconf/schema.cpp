@@ -7,7 +7,7 @@
 namespace netconf {
 namespace {
 
-// The features of the base protocol that are there. <hello> announces the same list.
+// The supported features of the base protocol. <hello> announces the same list.
 std::array<const char*, 5> g_base_features{"writable-running", "rollback-on-error", "validate",
                                            "xpath", nullptr};
 
@@ -52,7 +52,7 @@ void add_node(const ly_ctx* context, Tree& tree, const std::string& path,
     if (lyd_new_path(tree.get(), context, path.c_str(), value.c_str(), 0, &first) != LY_SUCCESS) {
         throw std::runtime_error(path + " = \"" + value + "\": " + ly_errmsg(context));
     }
-    // A new node at the top may have become the first of the siblings, which the tree begins with.
+    // A new top node may have become the first sibling, and the tree must begin with that.
     lyd_node* const any = tree ? tree.release() : first;
     tree.reset(lyd_first_sibling(any));
 }

@@ -23,7 +23,7 @@ constexpr unsigned kBlockLimit_s = 30;
 constexpr uint16_t kHelloLimit_s = 30;
 constexpr int kUnreadLimit_ms = 5000;  // for a client that does not read its notifications
 
-// Frees the sessions in it as well.
+// Also frees the sessions in it.
 struct FreePoll {
     void operator()(nc_pollsession* polled) const {
         nc_ps_clear(polled, 1, nullptr);
@@ -45,9 +45,9 @@ void on_library_log(const nc_session* /*session*/, NC_VERB_LEVEL level, const ch
 void ignore_library_log(const nc_session* /*session*/, NC_VERB_LEVEL /*level*/,
                         const char* /*text*/) {}
 
-// libnetconf2 numbers the sessions of a process 1, 2, 3 and offers no other way, but our numbers
-// must differ between processes. Each attempt to accept a session uses up a number, so attempts on
-// /dev/null use up those below our own (15 us each).
+// libnetconf2 always numbers the sessions of a process 1, 2, 3, but our numbers must differ between
+// processes. Each attempt to accept a session uses up a number, so attempts on /dev/null use up
+// those below our own (15 us each).
 void skip_session_ids_below(uint32_t id) {
     const File nobody(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!nobody.open()) {
@@ -65,7 +65,7 @@ void skip_session_ids_below(uint32_t id) {
 const char* reason_of(NC_MSG_TYPE answer) {
     switch (answer) {
         case NC_MSG_BAD_HELLO:
-            return "the client's hello makes no sense";
+            return "the client's hello is invalid";
         case NC_MSG_WOULDBLOCK:
             return "the client sent no hello in time";
         case NC_MSG_ERROR:
@@ -165,7 +165,7 @@ void serve(Session& session, const StdinRelay& requests, nc_pollsession* polled)
     }
 }
 
-// Logs why the session ended. 0 when the client closed it or went away.
+// Logs why the session ended. 0 when the client closed or dropped it.
 int log_end(const nc_session* link, const StdinRelay& requests) {
     if (requests.fault() != nullptr) {
         log_line(LOG_WARNING, "ended: %s", requests.fault());
@@ -190,7 +190,7 @@ int log_end(const nc_session* link, const StdinRelay& requests) {
         log_line(LOG_INFO, "ended: the client went away");
         return 0;
     }
-    log_line(LOG_WARNING, "ended: the client's input makes no sense");
+    log_line(LOG_WARNING, "ended: the client's input is invalid");
     return 1;
 }
 
@@ -224,7 +224,7 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
     session.link = accepted;
     nc_session_set_data(accepted, &session);
     if (nc_session_get_id(accepted) != number.id()) {
-        throw std::runtime_error("libnetconf2 counts sessions in another way");
+        throw std::runtime_error("libnetconf2 numbers sessions differently");
     }
     log_line(LOG_INFO, "begins");
     try {

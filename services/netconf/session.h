@@ -20,14 +20,14 @@ struct Session {
     const ly_ctx* context;
     const SessionNumber& number;
     RunningLock lock;
-    std::unique_ptr<Subscription> subscription;  // null: none asked for
+    std::unique_ptr<Subscription> subscription;  // null: not requested
     nc_session* link = nullptr;
 };
 
 // Says hello on standard input and output and serves the client until the session ends. Logs the
 // beginning and the reason of the end. Returns the exit status of the process: 0 when the client
-// closed the session or went away, 1 for trouble with it. Throws std::runtime_error when the
-// session cannot be started.
+// closed or dropped the session, 1 when it was at fault. Throws std::runtime_error when the session
+// cannot be started.
 int run_session(const Options& options, ly_ctx* context, const SessionNumber& number,
                 const std::string& user);
 

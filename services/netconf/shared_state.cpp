@@ -23,8 +23,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// An edit takes milliseconds, but 2 s when the agent does not answer. A session that waits for its
-// turn must answer its client within 3 s, its own edit included.
+// An edit takes milliseconds, but 2 s when the agent does not answer. A waiting session must answer
+// its client within 3 s, including its own edit.
 constexpr auto kTurnLimit = 900ms;
 constexpr auto kTurnStep = 5ms;
 constexpr int kKillLimit_ms = 1000;
@@ -38,12 +38,13 @@ std::string lock_path(const std::string& folder) {
     return folder + "/running.lock";
 }
 
-// A closed file, with errno, when that is not possible.
+// Returns a closed file, with errno set, on failure.
 File open_file(const std::string& path, bool create) {
     File file(
         open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), kFileMode));
     if (create && file.open()) {
-        // The umask has reduced the mode. This fails for files of other users, which have it.
+        // The umask has reduced the mode. This fails for files of other users, which have the full
+        // mode already.
         static_cast<void>(fchmod(file.fd(), kFileMode));
     }
     return file;
@@ -82,7 +83,7 @@ std::string now_rfc3339() {
     return {text.data(), strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
-// Nothing when the session does not run.
+// Returns nothing when the session does not run.
 std::optional<SessionInfo> info_of(const File& file, uint32_t id) {
     if (!file.open() || !is_locked(file)) {
         return std::nullopt;

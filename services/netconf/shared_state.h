@@ -1,9 +1,9 @@
-// The state that the sessions of a switch share, although each is a process of its own: their
+// The state that the sessions of a switch share, although each is a separate process: their
 // numbers, the lock of <lock>, and the right to edit.
 //
-// All of it is record locks on files in one folder. The kernel releases such a lock when its holder
-// ends, however it ends, so a session that was killed or crashed leaves nothing behind but the
-// files.
+// All of these are record locks on files in one folder. The kernel releases such a lock when its
+// holder ends, however it ends, so a session that was killed or crashed leaves only the files
+// behind.
 #pragma once
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 namespace netconf {
 
-// Owns a descriptor. Closing it releases the record locks that were taken through it.
+// Owns a descriptor. Closing it releases the process's record locks on the file.
 class File {
  public:
     File() = default;
@@ -39,8 +39,8 @@ struct SessionInfo {
 // Reserves a session number for as long as the object lives.
 class SessionNumber {
  public:
-    // Takes a free number from 1 to kSessions and writes down who has it. A number is not used
-    // again soon. Throws std::runtime_error when the folder is unusable or all numbers are taken.
+    // Takes a free number from 1 to kSessions and records its user. A number is not reused soon.
+    // Throws std::runtime_error when the folder is unusable or all numbers are taken.
     SessionNumber(const std::string& folder, const std::string& user);
 
     uint32_t id() const { return id_; }

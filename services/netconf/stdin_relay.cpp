@@ -17,7 +17,7 @@
 namespace netconf {
 namespace {
 
-// False when the other end is gone.
+// Returns false when the other end is gone.
 bool write_all(int fd, std::string_view bytes) {
     while (!bytes.empty()) {
         const ssize_t written = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL);
@@ -38,8 +38,8 @@ StdinRelay::StdinRelay() : shared_(std::make_shared<Shared>()) {
     }
     messages_ = File(ends[0]);
     shared_->messages = File(ends[1]);
-    // The main thread handles the signals. Those of a crash stay open in this one too: a blocked
-    // one would end the process without a line in the log.
+    // The main thread handles the signals. Crash signals stay unblocked in this thread too: a
+    // blocked one would end the process without a log line.
     sigset_t others;
     sigset_t before;
     sigfillset(&others);

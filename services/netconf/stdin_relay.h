@@ -1,8 +1,8 @@
-// Stands between standard input and libnetconf2: a thread reads the input and passes on whole
-// messages in sound frames only.
+// Filters standard input for libnetconf2: a thread reads the input and passes on only whole
+// messages in valid frames.
 //
 // libnetconf2 misbehaves when a message arrives in pieces: it polls for the next byte ten thousand
-// times a second, it takes a hang-up for the end although requests are left to be read, and some
+// times a second, it takes a hang-up for the end although requests are left to read, and some
 // broken frames crash it. With whole messages none of this happens.
 #pragma once
 
@@ -21,7 +21,8 @@ class StdinRelay {
 
     // The socket that libnetconf2 reads. It ends when the input has ended.
     int fd() const { return messages_.fd(); }
-    // Why the input was given up; null while it is sound, and after a regular end. Any thread.
+    // The reason why reading was abandoned; null while the input is valid, and after a regular end.
+    // Any thread.
     const char* fault() const { return shared_->fault; }
 
  private:

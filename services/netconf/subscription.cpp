@@ -1,4 +1,4 @@
-// A record passes through three places: the connection to the database, `records_` (packed, at most
+// A record passes three stages: the connection to the database, `records_` (packed, at most
 // kMaxPending), and next(), which unpacks it, checks it against the model and the filter, and hands
 // it to the session. It is unpacked late on purpose: a client that does not read makes this process
 // keep bytes, not trees.
@@ -83,7 +83,7 @@ Event event_of(const ly_ctx* context, const std::string& packed) {
         add_node(context, event.tree, path, value_of(leaf));
     }
     if (event.tree->schema->nodetype != LYS_NOTIF) {
-        throw std::runtime_error(std::string(record->name) + " is no notification");
+        throw std::runtime_error(std::string(record->name) + " is not a notification");
     }
     if (lyd_validate_op(event.tree.get(), nullptr, LYD_TYPE_NOTIF_YANG, nullptr) != LY_SUCCESS) {
         throw std::runtime_error(ly_errmsg(context));
@@ -141,7 +141,7 @@ void Subscription::reconnect() {
     }
     try {
         listener_ = std::make_unique<Listener>(socket_, kLocalDatabase, kNotificationType);
-        log_line(LOG_INFO, "notifications go on, the object database is back");
+        log_line(LOG_INFO, "notifications continue, the object database is back");
     } catch (const DatabaseLost&) {
         backoff_ = std::min(backoff_ * 2, kLongestBackoff);  // the reason is logged already
         retry_at_ = steady_clock::now() + backoff_;
@@ -164,7 +164,7 @@ std::optional<Event> Subscription::next() {
                 return event;
             }
         } catch (const std::exception& error) {
-            log_line(LOG_WARNING, "a notification of the switch makes no sense, dropped: %s",
+            log_line(LOG_WARNING, "an invalid notification of the switch is dropped: %s",
                      error.what());
         }
     }

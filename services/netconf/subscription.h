@@ -1,6 +1,6 @@
 // The notifications of one session: listens to the records that the services of the switch publish,
 // and turns them into data of the model. Reconnects by itself after a loss of the object database;
-// notifications of the meantime are lost, because the database keeps no notices.
+// notifications sent meanwhile are lost, because the database keeps no notices.
 #pragma once
 
 #include <chrono>
@@ -30,10 +30,10 @@ class Subscription {
 
     // Readable: call receive(). -1 while the database is away.
     int fd() const { return listener_ ? listener_->fd() : -1; }
-    // Milliseconds until receive() is to be called again to reconnect; -1 for never.
+    // Milliseconds until receive() must be called again to reconnect; -1 for never.
     int retry_ms() const;
-    // Takes the notices that have arrived, until it is full; without a connection it reconnects
-    // when retry_ms() has passed. Never throws for a lost database.
+    // Takes the notices that have arrived, until it is full; without a connection, reconnects when
+    // retry_ms() has passed. Never throws for a lost database.
     void receive();
     // True while kMaxPending records wait for the client. Later ones stay in the connection.
     bool full() const { return records_.size() >= kMaxPending; }

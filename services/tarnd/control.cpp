@@ -18,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/message_log.h"
 #include "services/tarnd/port_name.h"
 
 namespace qv::tarnd {
@@ -56,6 +57,11 @@ Descriptor listen_at(const std::string& path) {
     return fd;
 }
 
+bool is_socket(const std::string& path) {
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0 && S_ISSOCK(status.st_mode);
+}
+
 // The mode of the socket keeps others out; this also does when somebody has changed it.
 bool may_connect(int fd) {
     ucred peer{};
@@ -89,6 +95,7 @@ Control::Control(EventLoop& loop, std::string path, StatusBoard& board, Sources 
       listener_(listen_at(path_)) {
     board_.observe([this](const BoardEvent& event) { on_event(event); });
     listen_again();
+    check_file();
 }
 
 Control::~Control() {
@@ -101,6 +108,36 @@ void Control::listen_again() {
     if (!accept_watch_) {
         accept_timer_ = loop_.after(kAcceptPause, [this] { listen_again(); });
     }
+}
+
+// Somebody may have removed the file: no client would find the service any more.
+void Control::check_file() {
+    check_timer_ = loop_.after(kFileCheck, [this] { check_file(); });
+    if (!is_socket(path_)) {
+        put_back();
+    }
+}
+
+void Control::put_back() {
+    Descriptor fresh;
+    try {
+        fresh = listen_at(path_);
+    } catch (const std::runtime_error& error) {
+        if (refusal_ != error.what()) {
+            refusal_ = error.what();
+            log_message(kLogError, "TARN", "CONTROL",
+                        "The control socket was removed and cannot be put back: %s.",
+                        refusal_.c_str());
+        }
+        return;
+    }
+    refusal_.clear();
+    accept_watch_.reset();
+    accept_timer_.reset();
+    listener_ = std::move(fresh);
+    listen_again();
+    log_message(kLogWarning, "TARN", "CONTROL", "The control socket was removed; it is back at %s.",
+                path_.c_str());
 }
 
 void Control::accept_some() {

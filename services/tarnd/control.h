@@ -27,6 +27,7 @@ class Control {
     static constexpr std::chrono::seconds kPatience{30};  // with a client that does nothing
     static constexpr std::chrono::seconds kProbeTime{1};  // until a probe counts as lost
     static constexpr std::chrono::seconds kAcceptPause{1};
+    static constexpr std::chrono::seconds kFileCheck{10};  // whether the socket's file is there
 
     struct Sources {
         std::function<PBridge__TarnCounters()> counters;
@@ -65,6 +66,8 @@ class Control {
     };
 
     void listen_again();
+    void check_file();
+    void put_back();
     void accept_some();
     void on_ready(uint64_t id, EventLoop::Ready ready);
     bool read_some(Client& client);
@@ -94,6 +97,8 @@ class Control {
     std::map<uint32_t, Asked> asked_;  // probes under way, by port
     EventLoop::Handle accept_watch_;
     EventLoop::Handle accept_timer_;
+    std::string refusal_;  // why the file cannot be put back, as logged
+    EventLoop::Handle check_timer_;
 };
 
 }  // namespace qv::tarnd

@@ -12,6 +12,7 @@
 
 #include "platform/base/message_log.h"
 #include "platform/base/supervisor.h"
+#include "platform/base/tarn_names.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/thread_master.h"
 #include "platform/driver/linux/syslog_log.h"
@@ -51,8 +52,8 @@ PlatformConfig read_config() {
 }
 
 void lock_bridge(EventLoop& loop, NameLock& lock, const PlatformConfig& config) {
-    const std::string name = "tarnd/" + config.bridge;
-    const std::string file = config.tarn_state + "/lock";
+    const std::string name = tarn_lock_name(config);
+    const std::string file = tarn_lock_file(config);
     const int error = lock.take(loop, name, file);
     if (error == EADDRINUSE) {
         throw std::runtime_error("another tarnd (process " +
@@ -95,7 +96,7 @@ void run() {
         return board.counters(prober);
     };
     const StatusRecords records(loop, board, counters);
-    const Control control(loop, config.tarn_state + "/control", board,
+    const Control control(loop, tarn_control_socket(config), board,
                           {.counters = counters, .ask = [&](uint32_t ifx) {
                                return prober.command({.kind = Command::Kind::kAsk, .ifx = ifx});
                            }});

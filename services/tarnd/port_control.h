@@ -4,7 +4,7 @@
 #include <array>
 #include <cstdint>
 
-#include "platform/driver/linux/rtnl_monitor.h"
+#include "platform/driver/linux/rtnl_requests.h"
 
 namespace qv::tarnd {
 
@@ -32,10 +32,9 @@ PortFlags opened(const PortFlags& present, const PortFlags& former);
 uint32_t pack(const PortFlags& flags);
 PortFlags unpack(uint32_t number);
 
+// The constructor opens a socket; it throws std::runtime_error.
 class PortControl {
  public:
-    PortControl();  // throws std::runtime_error
-
     // Sets or clears IFF_UP. 0 or errno.
     int set_up(uint32_t ifx, bool up) const;
     // The spanning-tree state of a bridge port (BR_STATE_*). 0 or errno: the kernel refuses it
@@ -47,7 +46,7 @@ class PortControl {
     int set_flags(uint32_t ifx, const PortFlags& flags) const;
 
  private:
-    NlSocket socket_;
+    RtnlRequests requests_;
 };
 
 }  // namespace qv::tarnd

@@ -15,18 +15,22 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
+#include <optional>
 
 namespace qv::tarnd {
 namespace {
 
-constexpr size_t kCommandSlots = 8192;
-constexpr size_t kReportSlots = 8192;
+constexpr size_t kCommandSlots = 1024;
+constexpr size_t kReportSlots = 1024;
 constexpr size_t kFramesPerTurn = 64;
 constexpr size_t kDatagramsPerTurn = 32;
 constexpr int kPriority = 1;
 constexpr rlim_t kLongestTurn_us = 500000;  // without a pause; then the kernel ends the process
 constexpr std::chrono::milliseconds kRetryPause{100};
 constexpr std::chrono::seconds kLongestWait{10};
+// For this long after a probe has returned or an address has moved every listener wakes for what is
+// planned.
+constexpr std::chrono::seconds kAlert{1};
 
 timespec timespec_of(Duration time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
@@ -42,6 +46,28 @@ void signal_fd(int fd) {
 void drain_fd(int fd) {
     uint64_t count = 0;
     [[maybe_unused]] const ssize_t taken = read(fd, &count, sizeof count);
+}
+
+// The processors that this process may use.
+std::vector<int> processors() {
+    cpu_set_t allowed;
+    std::vector<int> result;
+    if (sched_getaffinity(0, sizeof allowed, &allowed) == 0) {
+        for (int number = 0; number < CPU_SETSIZE; ++number) {
+            if (CPU_ISSET(number, &allowed)) {
+                result.push_back(number);
+            }
+        }
+    }
+    return result;
+}
+
+void keep_on(int processor, pthread_t thread) {
+    cpu_set_t only;
+    CPU_ZERO(&only);
+    CPU_SET(processor, &only);
+    // Refused when the processor has gone meanwhile: then the thread runs where it may.
+    pthread_setaffinity_np(thread, sizeof only, &only);
 }
 
 std::string prefer(pthread_t thread) {
@@ -83,16 +109,29 @@ ProbeThread::~ProbeThread() {
 }
 
 std::string ProbeThread::start() {
-    thread_ = std::thread([this] { run(); });
-    return prefer(thread_.native_handle());
+    std::vector<int> where = processors();
+    where.resize(std::clamp<size_t>(where.size(), 1, kMostListeners), -1);
+    std::string refusal;
+    for (const int processor : where) {
+        listeners_.emplace_back([this, first = listeners_.empty()] { run(first); });
+        const pthread_t thread = listeners_.back().native_handle();
+        if (processor >= 0) {
+            keep_on(processor, thread);
+        }
+        if (refusal.empty()) {
+            refusal = prefer(thread);
+        }
+    }
+    return refusal;
 }
 
 void ProbeThread::stop() {
-    if (thread_.joinable()) {
-        ending_ = true;
-        signal_fd(wake_.get());
-        thread_.join();
+    ending_ = true;
+    signal_fd(wake_.get());
+    for (std::thread& listener : listeners_) {
+        listener.join();
     }
+    listeners_.clear();
 }
 
 bool ProbeThread::command(const Command& command) {
@@ -109,8 +148,8 @@ Time ProbeThread::now() const {
     return Time(std::chrono::steady_clock::now());
 }
 
-bool ProbeThread::send(uint32_t ifx, const Frame& frame) {
-    return packets_.send(ifx, frame);
+bool ProbeThread::send(uint32_t ifx, uint16_t vid, const Frame& frame) {
+    return packets_.send(ifx, vid, frame);
 }
 
 // Blocking the bridge port is quick; taking the link down waits until no processor uses the port,
@@ -140,46 +179,70 @@ bool ProbeThread::report(const Report& report) {
     return taken;
 }
 
-void ProbeThread::run() {
+// One listener keeps time; the others sleep until something happens.
+void ProbeThread::run(bool keeps_time) {
     pthread_setname_np(pthread_self(), "tarnd_probe");
-    busy_since_ = now();
+    Time busy_since = now();
+    Wait plan{.until = busy_since};
     while (!ending_) {
-        wait();
-        take_frames();
-        take_links();
-        take_commands();
-        take_addresses();
-        prober_.run(now());
+        const Ready ready = wait(plan, busy_since);
+        plan = take_turn(keeps_time, ready);
     }
+    signal_fd(wake_.get());  // this one may have taken the signal from the others
 }
 
-void ProbeThread::wait() {
-    const Time begin = now();
-    if (begin - busy_since_ >= kBusy) {
-        const timespec rest = timespec_of(kRest);
-        nanosleep(&rest, nullptr);
-        busy_since_ = now();
-        return;
+ProbeThread::Wait ProbeThread::take_turn(bool keeps_time, const Ready& ready) {
+    const MutexLock turn(turn_);
+    if (ready.frames) {
+        take_frames();
     }
-    const bool read_addresses = begin >= addresses_from_;
-    Time until = std::min(prober_.next(), begin + kLongestWait);
-    if (!read_addresses) {
-        until = std::min(until, addresses_from_);
+    if (ready.links || dump_wanted_) {
+        take_links();
+    }
+    if (ready.commands) {
+        take_commands();
+    }
+    if (ready.addresses) {
+        take_addresses();
+    }
+    const Time begin = now();
+    prober_.run(begin);
+    Wait plan{.until = begin + kLongestWait, .addresses = begin >= addresses_from_};
+    if (keeps_time || begin < alert_until_) {
+        plan.until = std::min(plan.until, prober_.next());
+    }
+    if (!plan.addresses) {
+        plan.until = std::min(plan.until, addresses_from_);
     }
     if (dump_wanted_) {
-        until = std::min(until, begin + kRetryPause);
+        plan.until = std::min(plan.until, begin + kRetryPause);
+    }
+    return plan;
+}
+
+ProbeThread::Ready ProbeThread::wait(const Wait& plan, Time& busy_since) const {
+    const Time begin = now();
+    if (begin - busy_since >= kBusy) {
+        const timespec rest = timespec_of(kRest);
+        nanosleep(&rest, nullptr);
+        busy_since = now();
+        return {};
     }
     std::array<pollfd, 4> watched{{{packets_.fd(), POLLIN, 0},
                                    {links_.fd(), POLLIN, 0},
                                    {wake_.get(), POLLIN, 0},
-                                   {read_addresses ? addresses_.fd() : -1, POLLIN, 0}}};
-    const timespec timeout = timespec_of(std::max(until - begin, Duration::zero()));
+                                   {plan.addresses ? addresses_.fd() : -1, POLLIN, 0}}};
+    const timespec timeout = timespec_of(std::max(plan.until - begin, Duration::zero()));
     const int ready = ppoll(watched.data(), watched.size(), &timeout, nullptr);
     const Time end = now();
     // The kernel counts a turn from the last time that the thread slept.
     if (ready == 0 || end - begin > kRest) {
-        busy_since_ = end;
+        busy_since = end;
     }
+    return {.frames = watched[0].revents != 0,
+            .links = watched[1].revents != 0,
+            .commands = watched[2].revents != 0,
+            .addresses = watched[3].revents != 0};
 }
 
 void ProbeThread::take_commands() {
@@ -204,9 +267,15 @@ void ProbeThread::take_commands() {
 }
 
 void ProbeThread::take_frames() {
-    packets_.receive(kFramesPerTurn, [this](uint32_t ifx, std::span<const uint8_t> frame) {
-        prober_.received(ifx, frame, now());
-    });
+    const uint64_t before = prober_.counted(Counted::kReturned);
+    packets_.receive(kFramesPerTurn,
+                     [this](uint32_t ifx, uint16_t vid, std::span<const uint8_t> frame) {
+                         prober_.received(ifx, frame, now(), vid);
+                     });
+    // Probes of other switches arrive all the time and call for nothing.
+    if (prober_.counted(Counted::kReturned) != before) {
+        alert_until_ = now() + kAlert;
+    }
 }
 
 void ProbeThread::read_links_again() {
@@ -232,15 +301,19 @@ void ProbeThread::take_links() {
     if (dump_wanted_ && !dumping_ && now() >= dump_from_) {
         read_links_again();
     }
-    const bool complete = links_.receive(kDatagramsPerTurn, [this](nlmsghdr* message) {
+    std::optional<bool> end_of_dump;  // whether it is complete
+    const bool complete = links_.receive(kDatagramsPerTurn, [&](nlmsghdr* message) {
         dump_interrupted_ |= (message->nlmsg_flags & NLM_F_DUMP_INTR) != 0;
         const bool end = message->nlmsg_type == NLMSG_DONE || message->nlmsg_type == NLMSG_ERROR;
         if (!end) {
             view_.take(message, now());
         } else if (dumping_ && message->nlmsg_seq == dump_sequence_) {
-            end_dump(message->nlmsg_type == NLMSG_DONE);
+            end_of_dump = message->nlmsg_type == NLMSG_DONE;
         }
     });
+    if (end_of_dump) {
+        end_dump(*end_of_dump);
+    }
     if (!complete) {
         dumping_ = false;  // its end may be among the lost messages
         dump_wanted_ = true;
@@ -264,6 +337,7 @@ void ProbeThread::take_addresses() {
     }
     if (any || !complete) {
         addresses_from_ = begin + kAddressPause;
+        alert_until_ = begin + kAlert;
     }
 }
 

@@ -2,13 +2,20 @@
 // locked, so it must be short: it logs nothing, knows no database, and after kBusy of work without
 // a pause it sleeps for kRest. The main thread hands it configuration and takes its reports through
 // two rings.
+//
+// There is one such thread on each of the first kMostListeners processors, all on the same sockets,
+// and one of them at a time has the turn. A storm keeps the processor busy on which it began, and
+// a thread that last ran there is not moved away: it would wake milliseconds late, and its probes
+// would queue behind the storm's frames. A thread on another processor is there in time.
 #pragma once
 
 #include <atomic>
 #include <cstdint>
 #include <string>
 #include <thread>
+#include <vector>
 
+#include "platform/base/mutex.h"
 #include "services/tarnd/bridge_view.h"
 #include "services/tarnd/cut_journal.h"
 #include "services/tarnd/link_guard.h"
@@ -35,6 +42,7 @@ class ProbeThread final : private ProberOutputs {
  public:
     static constexpr std::chrono::milliseconds kBusy{2};
     static constexpr std::chrono::microseconds kRest{200};
+    static constexpr size_t kMostListeners = 4;
     // After a trigger more addresses need not be read for this long: frames go first.
     static constexpr std::chrono::milliseconds kAddressPause{5};
 
@@ -62,19 +70,33 @@ class ProbeThread final : private ProberOutputs {
     uint64_t counted(Counted what) const { return prober_.counted(what); }  // any thread
 
  private:
-    bool send(uint32_t ifx, const Frame& frame) override;
+    bool send(uint32_t ifx, uint16_t vid, const Frame& frame) override;
     int cut(uint32_t ifx, bool single) override;
     int guard(uint32_t ifx, bool close) override;
     bool report(const Report& report) override;
 
-    void run();
-    void wait();
-    void take_commands();
-    void take_frames();
-    void take_links();
-    void take_addresses();
-    void read_links_again();
-    void end_dump(bool complete);
+    // The descriptors that are readable: mostly none after a wake-up by the clock.
+    struct Ready {
+        bool frames = true;
+        bool links = true;
+        bool commands = true;
+        bool addresses = true;
+    };
+    // A listener's next wake-up: by the clock, or earlier by its descriptors.
+    struct Wait {
+        Time until{};
+        bool addresses = false;
+    };
+
+    void run(bool keeps_time);
+    Ready wait(const Wait& plan, Time& busy_since) const;
+    Wait take_turn(bool keeps_time, const Ready& ready) EXCLUDES(turn_);
+    void take_commands() REQUIRES(turn_);
+    void take_frames() REQUIRES(turn_);
+    void take_links() REQUIRES(turn_);
+    void take_addresses() REQUIRES(turn_);
+    void read_links_again() REQUIRES(turn_);
+    void end_dump(bool complete) REQUIRES(turn_);
     Time now() const;
 
     PacketSocket packets_;
@@ -90,15 +112,16 @@ class ProbeThread final : private ProberOutputs {
     std::atomic<bool> ending_{false};
     Prober prober_;
     BridgeView view_;
-    // Probing thread only.
+    Mutex turn_;
+    // The thread that has the turn, only.
     bool dump_interrupted_ = false;  // something came or went in mid-dump
     bool dump_wanted_ = true;
     bool dumping_ = false;
     uint32_t dump_sequence_ = 0;
     Time dump_from_{};  // not before
     Time addresses_from_{};
-    Time busy_since_{};
-    std::thread thread_;
+    Time alert_until_{};
+    std::vector<std::thread> listeners_;
 };
 
 }  // namespace qv::tarnd

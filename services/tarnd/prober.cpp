@@ -2,22 +2,30 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <iterator>
 #include <tuple>
 
 namespace qv::tarnd {
 namespace {
 
-constexpr std::chrono::milliseconds kTick{10};  // periodic probes of many ports share wake-ups
+// Ports take turns within the interval, and several ports share a turn: a wake-up of an idle
+// processor costs as much as eight probes.
+constexpr int kTurns = 16;
 constexpr std::chrono::milliseconds kReportPause{10};
 
-// Ports take turns within the interval: interface indexes are mostly consecutive.
-Time first_period(uint32_t ifx, std::chrono::milliseconds interval, Time now) {
-    const auto ticks = std::max<int64_t>(1, interval / kTick);
-    const Time tick{now.time_since_epoch() / kTick * Duration(kTick)};
-    return tick + kTick * (1 + ifx % ticks);
-}
-
 }  // namespace
+
+// The multiplier spreads indexes evenly that follow each other at any distance: each interface of a
+// pair has one.
+Time Prober::next_turn(uint32_t ifx, Duration interval, Time now) {
+    constexpr uint32_t kSpread = 0x9e3779b9;
+    const Duration turn = std::max<Duration>(kShortestTurn, interval / kTurns);
+    const auto turns = static_cast<uint64_t>(interval / turn);
+    const auto place = static_cast<int64_t>((uint64_t{ifx * kSpread} * turns) >> 32);
+    const Duration begin = now.time_since_epoch() / interval * interval;
+    const Time due{begin + turn * place};
+    return due > now ? due : due + interval;
+}
 
 bool Prober::concerns(const Proof& proof, uint32_t ifx) {
     return proof.ifx == ifx || proof.sender == ifx;
@@ -51,9 +59,10 @@ void Prober::configure(const Settings& settings, Time now) {
     for (const auto& [ifx, took_part] : before) {
         Port& port = ports_.at(ifx);
         review(ifx, port, took_part, now);
+        review_vlans(ifx, port, now);
         review_guard(ifx, port, now);
         if (took_part && takes_part(port)) {
-            port.period = first_period(ifx, settings_.interval, now);
+            port.period = next_turn(ifx, settings_.interval, now);
             plan(ifx, port);
         }
     }
@@ -66,7 +75,9 @@ void Prober::configure_port(uint32_t ifx, bool watched, bool shuts, Time now,
     port.watched = watched;
     port.shuts = shuts;
     port.options = options;
+    end_unlisted(ifx, port);
     review(ifx, port, took_part, now);
+    review_vlans(ifx, port, now);
     review_guard(ifx, port, now);
     if (!port.present && !watched && !shuts) {
         ports_.erase(ifx);
@@ -86,6 +97,7 @@ void Prober::set_port(uint32_t ifx, bool forwarding, Time now) {
         tell_port(ifx, port);
     }
     review(ifx, port, took_part, now);
+    review_vlans(ifx, port, now);
     review_guard(ifx, port, now);
 }
 
@@ -96,6 +108,7 @@ void Prober::remove_port(uint32_t ifx) {
     }
     Port& port = found->second;
     unplan(ifx, port);
+    count_tagged(port, false);
     end_loops_of(ifx);
     if (port.present) {
         tell_port(ifx, Port{});
@@ -127,6 +140,7 @@ void Prober::review(uint32_t ifx, Port& port, bool took_part, Time now) {
         return;
     }
     port.wanted = false;
+    port.queued = false;
     port.recheck = Time::max();
     if (!part) {
         unplan(ifx, port);
@@ -135,18 +149,19 @@ void Prober::review(uint32_t ifx, Port& port, bool took_part, Time now) {
     }
     port.sequence = std::max(port.sequence, identity_.first_sequence);
     port.valid_from = port.sequence + 1;
-    port.period = first_period(ifx, settings_.interval, now);
+    port.period = next_turn(ifx, settings_.interval, now);
     plan(ifx, port);
     request(ifx, Trigger::kCarrier, now);
 }
 
-void Prober::request(uint32_t ifx, Trigger trigger, Time now) {
+void Prober::request(uint32_t ifx, Trigger trigger, Time now, uint16_t vid) {
     Port* const port = find(ifx);
     if (port == nullptr || port->wanted || !takes_part(*port)) {
         return;
     }
     port->wanted = true;
     port->trigger = trigger;
+    port->moved_vid = vid;
     port->burst = std::max(port->burst, now);
     plan(ifx, *port);
 }
@@ -155,8 +170,8 @@ void Prober::plan(uint32_t ifx, Port& port) {
     unplan(ifx, port);
     port.planned = port.guard_next;
     if (takes_part(port)) {
-        const Time burst = port.wanted ? port.burst : Time::max();
-        port.planned = std::min({port.planned, port.period, port.recheck, burst});
+        const Time burst = port.wanted && !port.queued ? port.burst : Time::max();
+        port.planned = std::min({port.planned, port.period, port.recheck, burst, port.vlan_next});
     }
     if (port.planned != Time::max()) {
         plan_.emplace(port.planned, ifx);
@@ -192,8 +207,9 @@ bool Prober::learned(uint64_t address, uint32_t ifx, Time now) {
     const uint32_t before = place.address == address ? place.ifx : 0;
     place = {address, ifx};
     if (before != 0 && before != ifx) {
-        request(before, Trigger::kMove, now);
-        request(ifx, Trigger::kMove, now);
+        const auto vid = static_cast<uint16_t>(address >> 48);
+        request(before, Trigger::kMove, now, vid);
+        request(ifx, Trigger::kMove, now, vid);
         return true;
     }
     return false;
@@ -208,6 +224,9 @@ void Prober::overrun(Time now) {
 void Prober::run(Time now) {
     if (!flush()) {
         next_report_ = now + kReportPause;
+    }
+    if (!queue_.empty() && queue_next_ <= now) {
+        serve_queue(now);
     }
     for (size_t served = 0; served < kPortsPerRun && !plan_.empty(); ++served) {
         const auto [due, ifx] = *plan_.begin();
@@ -229,45 +248,95 @@ void Prober::serve(uint32_t ifx, Port& port, Time now) {
         return;
     }
     if (port.recheck <= now) {
-        port.recheck = Time::max();
-        send(ifx, port, kBurst, now);
+        serve_recheck(ifx, port, now);
     }
-    if (port.wanted && port.burst <= now) {
-        if (take_token(now)) {
-            port.wanted = false;
-            port.burst = now + kBurstPause;
-            send(ifx, port, kBurst, now);
-        } else {
-            port.burst = now + kBurstPause;
-        }
+    if (port.wanted && !port.queued && port.burst <= now) {
+        begin_burst(ifx, port, now);
     }
     if (port.period <= now) {
         port.period += settings_.interval;
         if (port.period <= now) {  // the thread was stopped meanwhile
-            port.period = first_period(ifx, settings_.interval, now);
+            port.period = next_turn(ifx, settings_.interval, now);
         }
-        count_silent(ifx, now);
+        count_silent(ifx, 0, now);
         port.trigger = Trigger::kPeriod;
         send(ifx, port, 1, now);
+    }
+    if (port.vlan_next <= now) {
+        serve_vlans(ifx, port, now);
+    }
+}
+
+// Beyond the switch's rate ports wait for each other. Otherwise those that are served first would
+// ask again first, and the last ones would never send while a storm lasts.
+void Prober::begin_burst(uint32_t ifx, Port& port, Time now) {
+    if (queue_.empty() && take_token(now)) {
+        send_burst(ifx, port, now);
+        return;
+    }
+    if (queue_.empty()) {
+        queue_next_ = now + kBurstPause;
+    }
+    port.queued = true;
+    queue_.push_back(ifx);
+}
+
+void Prober::send_burst(uint32_t ifx, Port& port, Time now) {
+    port.wanted = false;
+    port.queued = false;
+    port.burst = now + kBurstPause;
+    send(ifx, port, kBurst, now);
+    send_vlans(ifx, port, kBurstVlans, now);
+    plan(ifx, port);
+}
+
+void Prober::serve_queue(Time now) {
+    for (size_t served = 0; served < kPortsPerRun && !queue_.empty(); ++served) {
+        const uint32_t ifx = queue_.front();
+        Port* const port = find(ifx);
+        const bool waits = port != nullptr && port->queued;
+        if (waits && !take_token(now)) {
+            queue_next_ = now + kBurstPause;
+            return;
+        }
+        queue_.pop_front();
+        if (waits) {
+            send_burst(ifx, *port, now);
+        }
+    }
+}
+
+// The time that others had to cut is over: probes leave the way that the proofs have shown.
+void Prober::serve_recheck(uint32_t ifx, Port& port, Time now) {
+    port.recheck = Time::max();
+    size_t vlans = 0;
+    for (const auto& [place, hold] : holds_) {
+        if (hold.proof.sender == ifx && hold.until <= now && vlans++ < kBurstVlans) {
+            send(ifx, port, kBurst, now, hold.proof.sent_vid);
+        }
     }
 }
 
 Time Prober::next() const {
-    const Time planned = plan_.empty() ? Time::max() : plan_.begin()->first;
+    Time planned = plan_.empty() ? Time::max() : plan_.begin()->first;
+    if (!queue_.empty()) {
+        planned = std::min(planned, queue_next_);
+    }
     return backlog_.empty() ? planned : std::min(planned, next_report_);
 }
 
 // True when the kernel has taken all of them.
-bool Prober::send(uint32_t ifx, Port& port, size_t count, Time now, uint8_t flags) {
+bool Prober::send(uint32_t ifx, Port& port, size_t count, Time now, uint16_t vid, uint8_t flags) {
     bool all = true;
     for (size_t n = 0; n < count; ++n) {
         const Probe probe{.bridge = identity_.bridge,
                           .ifx = ifx,
+                          .vid = vid,
                           .flags = static_cast<uint8_t>(flags | (port.shuts ? kClaims : 0)),
                           .priority = settings_.priority,
                           .sequence = ++port.sequence,
                           .time_ns = static_cast<uint64_t>(now.time_since_epoch().count())};
-        const bool sent = outputs_.send(ifx, encode(probe, identity_.source, identity_.key));
+        const bool sent = outputs_.send(ifx, vid, encode(probe, identity_.source, identity_.key));
         tally(sent ? Counted::kSent : Counted::kNotSent);
         all = all && sent;
     }
@@ -296,25 +365,23 @@ int Prober::send_asked(uint32_t ifx, Time now) {
     return send(ifx, *port, 1, now) ? 0 : EIO;
 }
 
-// A periodic probe is about to leave this port.
-void Prober::count_silent(uint32_t sender, Time now) {
-    for (auto loop = loops_.begin(); loop != loops_.end();) {
-        Loop& state = loop->second;
-        const bool own = state.proof.sender == sender;
-        const bool over =
-            own && (state.silent >= kSilentProbes ||
-                    (settings_.recover.count() != 0 && now - state.since >= settings_.recover));
-        if (over) {
-            tell({.kind = Report::Kind::kEnd,
-                  .ifx = state.proof.reporter,
-                  .src_ifx = state.proof.src_ifx});
-            const Proof proof = state.proof;
-            loop = loops_.erase(loop);
-            release_guard(proof);
-            continue;
+// A periodic probe is about to leave this port in this VLAN.
+void Prober::count_silent(uint32_t sender, uint16_t vid, Time now) {
+    for (auto source = sources_.lower_bound({sender, vid, {}}); source != sources_.end();) {
+        const auto [port, sent_vid, place] = *source;
+        if (port != sender || sent_vid != vid) {
+            return;
         }
-        state.silent += own ? 1 : 0;
-        ++loop;
+        ++source;
+        const auto found = loops_.find(place);
+        Loop& loop = found->second;
+        const bool expired =
+            settings_.recover.count() != 0 && now - loop.since >= settings_.recover;
+        if (loop.silent >= kSilentProbes || expired) {
+            end_loop(found);
+        } else {
+            ++loop.silent;
+        }
     }
 }
 
@@ -334,7 +401,7 @@ uint64_t Prober::ignored(Ignored why) const {
     return ignored_[static_cast<size_t>(why)].load(std::memory_order_relaxed);
 }
 
-void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now) {
+void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now, uint16_t vid) {
     Port* const port = find(ifx);
     if (port == nullptr || !settings_.enabled) {
         return;
@@ -355,34 +422,55 @@ void Prober::received(uint32_t ifx, std::span<const uint8_t> frame, Time now) {
         return ignore(Ignored::kBlocked);
     }
     if (!own) {
-        return received_foreign(ifx, probe, now);
+        return received_foreign(ifx, probe, now, vid);
     }
     const Duration age = now - Time(Duration(static_cast<int64_t>(probe.time_ns)));
-    if (sender == nullptr || !takes_part(*sender) || probe.sequence < sender->valid_from ||
-        probe.sequence > sender->sequence || age < Duration::zero() || age > kOldestProbe) {
+    if (sender == nullptr || !takes_part(*sender) || age < Duration::zero() ||
+        probe.sequence <= identity_.first_sequence || probe.sequence > sender->sequence) {
         return ignore(Ignored::kStale);
     }
-    if (!windows_.is_new({ifx, probe.ifx, probe.bridge}, probe.sequence, now)) {
-        return ignore(Ignored::kDuplicate);
+    if (probe.sequence < sender->valid_from || age > kOldestProbe) {
+        return ignore(Ignored::kLate);
+    }
+    if (!is_first({ifx, probe.ifx, probe.bridge, probe.vid}, probe, now)) {
+        return;
     }
     tally(Counted::kReturned);
-    if (probe.sequence == sender->asked) {
-        tell({.kind = Report::Kind::kReturned, .ifx = ifx, .src_ifx = probe.ifx, .path = age});
+    if (probe.vid != vid) {
+        tally(Counted::kLeaked);
     }
-    prove(ifx, probe, now);
+    if (probe.sequence == sender->asked) {
+        tell({.kind = Report::Kind::kReturned,
+              .ifx = ifx,
+              .src_ifx = probe.ifx,
+              .vid = vid,
+              .src_vid = probe.vid,
+              .path = age});
+    }
+    prove(ifx, probe, now, vid);
+}
+
+// Whether the probe was not seen before in this flow. It is counted if not.
+bool Prober::is_first(const Windows::Flow& flow, const Probe& probe, Time now) {
+    const auto verdict = windows_.judge(flow, probe.sequence, now);
+    if (verdict != Windows::Verdict::kNew) {
+        ignore(verdict == Windows::Verdict::kLate ? Ignored::kLate : Ignored::kDuplicate);
+    }
+    return verdict == Windows::Verdict::kNew;
 }
 
 // A probe of another switch: it only says who is there. A switch that is new is greeted, so that it
 // knows of us before it cuts a loop.
-void Prober::received_foreign(uint32_t ifx, const Probe& probe, Time now) {
-    if (!windows_.is_new({ifx, probe.ifx, probe.bridge}, probe.sequence, now)) {
-        return ignore(Ignored::kDuplicate);
+void Prober::received_foreign(uint32_t ifx, const Probe& probe, Time now, uint16_t vid) {
+    if (!is_first({ifx, probe.ifx, probe.bridge, 0}, probe, now)) {
+        return;
     }
     ignore(Ignored::kForeign);
-    const bool first = windows_.is_new({0, probe.ifx, probe.bridge}, probe.sequence, now);
+    const bool first = windows_.judge({0, probe.ifx, probe.bridge, 0}, probe.sequence, now) ==
+                       Windows::Verdict::kNew;
     const bool announces = (probe.flags & kCutting) != 0;
     if ((first || announces) && claims_.heard(ifx, probe, now)) {
-        request(ifx, Trigger::kCarrier, now);
+        request(ifx, Trigger::kCarrier, now, vid);
     }
 }
 
@@ -399,7 +487,8 @@ uint32_t Prober::choose(uint32_t ifx, uint32_t other) const {
 
 // A loop that other switches share is reported for one port only: without both of its ports this
 // switch would lose the others.
-Prober::Proof Prober::proof_of(uint32_t ifx, uint32_t sender, Time now) const {
+Prober::Proof Prober::proof_of(uint32_t ifx, const Probe& probe, Time now, uint16_t vid) const {
+    const uint32_t sender = probe.ifx;
     const uint32_t chosen = choose(ifx, sender);
     const bool cuts = ports_.at(chosen).shuts;
     const bool one =
@@ -408,28 +497,37 @@ Prober::Proof Prober::proof_of(uint32_t ifx, uint32_t sender, Time now) const {
     const uint32_t receiver = takes_part(ports_.at(ifx)) ? ifx : sender;
     return {.ifx = ifx,
             .sender = sender,
+            .vid = vid,
+            .sent_vid = probe.vid,
             .reporter = one ? chosen : receiver,
             .src_ifx = one ? chosen : sender,
             .cut = cuts ? chosen : 0};
 }
 
-void Prober::prove(uint32_t ifx, const Probe& probe, Time now) {
-    const Proof proof = proof_of(ifx, probe.ifx, now);
-    if (const auto loop = loops_.find(proof.reporter); loop != loops_.end()) {
+void Prober::prove(uint32_t ifx, const Probe& probe, Time now, uint16_t vid) {
+    const Proof proof = proof_of(ifx, probe, now, vid);
+    if (const auto loop = loops_.find(place_of(proof)); loop != loops_.end()) {
         loop->second.silent = loop->second.proof.sender == probe.ifx ? 0 : loop->second.silent;
+        return;
+    }
+    // Probes in other VLANs are still under way when a port is cut.
+    if (proof.cut != 0 && now - ports_.at(proof.cut).cut < Claims::kCutTime) {
         return;
     }
     Trigger trigger = ports_.at(probe.ifx).trigger;
     if (proof.cut != 0 && is_held(proof, probe, now)) {
         return;
     }
-    if (const auto hold = holds_.extract(proof.reporter)) {
+    if (const auto hold = holds_.extract(place_of(proof))) {
         trigger = hold.mapped().trigger;
     }
-    loops_.emplace(proof.reporter, Loop{proof, now, 0});
+    loops_.emplace(place_of(proof), Loop{proof, now, 0});
+    sources_.emplace(proof.sender, proof.sent_vid, place_of(proof));
     tell({.kind = Report::Kind::kLoop,
           .ifx = proof.reporter,
           .src_ifx = proof.src_ifx,
+          .vid = proof.vid,
+          .src_vid = proof.sent_vid,
           .trigger = trigger,
           .path = now - Time(Duration(static_cast<int64_t>(probe.time_ns)))});
     if (proof.cut != 0) {
@@ -441,7 +539,7 @@ void Prober::prove(uint32_t ifx, const Probe& probe, Time now) {
 // probe that was sent later counts.
 bool Prober::is_held(const Proof& proof, const Probe& probe, Time now) {
     const Time sent{Duration(static_cast<int64_t>(probe.time_ns))};
-    auto hold = holds_.find(proof.reporter);
+    auto hold = holds_.find(place_of(proof));
     if (hold != holds_.end() && now > hold->second.until + kHoldLife) {
         holds_.erase(hold);
         hold = holds_.end();
@@ -457,7 +555,7 @@ bool Prober::is_held(const Proof& proof, const Probe& probe, Time now) {
     const auto turns = static_cast<int>(proof.ifx == proof.sender ? 1 : others);
     const Time until = now + turns * Claims::kCutTime;
     Port& sender = ports_.at(proof.sender);
-    holds_.emplace(proof.reporter, Hold{proof, sender.trigger, until});
+    holds_.emplace(place_of(proof), Hold{proof, sender.trigger, until});
     sender.recheck = std::min(sender.recheck, until);
     plan(proof.sender, sender);
     return true;
@@ -465,30 +563,38 @@ bool Prober::is_held(const Proof& proof, const Probe& probe, Time now) {
 
 // One port is enough to open the loop. Its own probes count no more from here on, so that the other
 // direction of the same loop does not cut the other port too. The other switches are told first:
-// the message is there before the link is down.
+// the message is there before the link is down, in the VLAN that leads to them.
 void Prober::cut(const Proof& proof, Time now) {
-    send(proof.ifx, ports_.at(proof.ifx), 1, now, kCutting);
+    send(proof.ifx, ports_.at(proof.ifx), 1, now, proof.vid, kCutting);
     if (proof.sender != proof.ifx) {
-        send(proof.sender, ports_.at(proof.sender), 1, now, kCutting);
+        send(proof.sender, ports_.at(proof.sender), 1, now, proof.sent_vid, kCutting);
     }
     const int error = outputs_.cut(proof.cut, proof.ifx == proof.sender);
     tell({.kind = Report::Kind::kCut, .ifx = proof.cut, .src_ifx = proof.sender, .error = error});
     if (error == 0) {
         Port& port = ports_.at(proof.cut);
         port.valid_from = port.sequence + 1;
+        port.cut = now;
     }
+}
+
+// Returns the next loop.
+Prober::Loops::iterator Prober::end_loop(Loops::iterator loop) {
+    const Proof proof = loop->second.proof;
+    sources_.erase({proof.sender, proof.sent_vid, loop->first});
+    const auto next = loops_.erase(loop);
+    tell({.kind = Report::Kind::kEnd,
+          .ifx = proof.reporter,
+          .src_ifx = proof.src_ifx,
+          .vid = proof.vid,
+          .src_vid = proof.sent_vid});
+    release_guard(proof);
+    return next;
 }
 
 void Prober::end_loops_of(uint32_t ifx) {
     for (auto loop = loops_.begin(); loop != loops_.end();) {
-        const Proof proof = loop->second.proof;
-        if (!concerns(proof, ifx)) {
-            ++loop;
-            continue;
-        }
-        tell({.kind = Report::Kind::kEnd, .ifx = proof.reporter, .src_ifx = proof.src_ifx});
-        loop = loops_.erase(loop);
-        release_guard(proof);
+        loop = concerns(loop->second.proof, ifx) ? end_loop(loop) : std::next(loop);
     }
     std::erase_if(holds_, [ifx](const auto& entry) { return concerns(entry.second.proof, ifx); });
 }

@@ -68,6 +68,7 @@ void Prober::step_guard(uint32_t ifx, Port& port, Time now) {
         ++port.guard_probes;
         port.guard_next = now + Duration(port.options.guard) / kGuardProbes;
         send(ifx, port, 1, now);
+        send_vlans(ifx, port, kGuardVlans, now);
         return;
     }
     if (in_loop(ifx)) {

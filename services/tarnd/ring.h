@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstddef>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace qv::tarnd {
@@ -32,7 +33,7 @@ class Ring {
         if (begin == end_.load(std::memory_order_acquire)) {
             return std::nullopt;
         }
-        const Item item = items_[begin & (items_.size() - 1)];
+        Item item = std::move(items_[begin & (items_.size() - 1)]);
         begin_.store(begin + 1, std::memory_order_release);
         return item;
     }

@@ -2,7 +2,9 @@
 
 #include <cerrno>
 #include <cstring>
+#include <span>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/base/message_log.h"
 #include "platform/client/thread_master.h"
@@ -19,6 +21,8 @@ constexpr uint32_t kLongestInterval_ms = 10000;
 constexpr uint32_t kShortestGuard_ms = 15;
 constexpr uint32_t kLongestGuard_ms = 1000;
 constexpr uint32_t kLastPriority = 255;
+constexpr uint32_t kLastVlan = 4094;
+constexpr size_t kLoggedVlans = 8;  // loops of one port
 constexpr uint32_t kPolicyAccess = 2;
 constexpr uint32_t kPolicyHybrid = 3;
 constexpr uint32_t kPolicyBoth = 4;
@@ -38,6 +42,10 @@ const char* text_of(Trigger trigger) {
             return "a link that came up";
     }
     return "";
+}
+
+std::string in_vlan(uint16_t vid) {
+    return vid != 0 ? " in VLAN " + std::to_string(vid) : "";
 }
 
 const ProtobufCMessageDescriptor& descriptor(const PBridge__TarnConfig*) {
@@ -99,6 +107,17 @@ std::chrono::milliseconds guard_of(const PBridge__TarnPort& record) {
     return std::chrono::milliseconds(valid ? record.guard_ms : 0);
 }
 
+Vlans vlans_of(const PBridge__TarnPort& record) {
+    std::vector<uint16_t> vlans;
+    for (const uint32_t vid : std::span(record.vlans, record.n_vlans)) {
+        if (vid <= kLastVlan && vid > (vlans.empty() ? 0 : vlans.back())) {
+            vlans.push_back(static_cast<uint16_t>(vid));
+        }
+    }
+    return vlans.empty() ? nullptr
+                         : std::make_shared<const std::vector<uint16_t>>(std::move(vlans));
+}
+
 Settings settings_of(const PBridge__TarnConfig& record) {
     Settings settings;
     settings.enabled = record.enabled != 0;
@@ -135,7 +154,7 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, CutJ
         return 0;
     };
     const auto configuration_away = [](void* self) {
-        static_cast<Service*>(self)->take_over_.set_database(false);
+        static_cast<Service*>(self)->lose_configuration();
         return 0;
     };
     qv_mom_client_set_disconnect_cb(client_, QV_MOM_CFG_DB, configuration_away, this);
@@ -180,8 +199,11 @@ void Service::close() {
 // The records are read back: the scan is answered after they are written.
 void Service::end_records() {
     for (auto& [ifx, record] : records_) {
-        if (record.is_loop) {
-            record.is_loop = false;
+        if (!record.loops.empty()) {
+            for (const auto& [sent_vid, seen] : record.loops) {
+                record.ended.emplace(seen.src_ifx, seen.vid);
+            }
+            record.loops.clear();
             store(ifx, record);
         }
         if (record.stored) {
@@ -204,6 +226,35 @@ void Service::follow_configuration() {
     follow<PBridge__TarnConfig>(client_, QV_MOM_CFG_DB);
     follow<PBridge__TarnPort>(client_, QV_MOM_CFG_DB);
     follow<PApp__LdaNcPolicy>(client_, QV_MOM_CFG_DB);
+    unconfirmed_ = {.config = true, .policy = true, .ports = {}};
+    for (const auto& [ifx, port] : ports_) {
+        unconfirmed_.ports.insert(ifx);
+    }
+    unconfirmed_timer_ = loop_.after(kAllArrived, [this] { drop_unconfirmed(); });
+}
+
+// The configuration stays in force while the database is away.
+void Service::lose_configuration() {
+    take_over_.set_database(false);
+    unconfirmed_timer_.reset();
+}
+
+// Records that were deleted while the database was away.
+void Service::drop_unconfirmed() {
+    const Unconfirmed gone = std::exchange(unconfirmed_, {});
+    if (gone.config) {
+        take(key_of<PBridge__TarnConfig>(), true);
+    }
+    if (gone.policy) {
+        take(key_of<PApp__LdaNcPolicy>(), true);
+    }
+    for (const uint32_t ifx : gone.ports) {
+        PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
+        index.ifx = ifx;
+        auto record = key_of<PBridge__TarnPort>();
+        record.index = &index;
+        take(record, true);
+    }
 }
 
 // Reports that could not be stored, and then what a predecessor has left.
@@ -222,6 +273,7 @@ void Service::scan_loops() {
 }
 
 void Service::take(const PBridge__TarnConfig& record, bool deleted) {
+    unconfirmed_.config = false;
     settings_ = deleted ? Settings{} : settings_of(record);
     settings_pending_ = true;
     board_.enable(settings_.enabled);
@@ -247,6 +299,7 @@ void Service::take(const PBridge__TarnPort& record, bool deleted) {
         return;
     }
     const uint32_t ifx = record.index->ifx;
+    unconfirmed_.ports.erase(ifx);
     if (deleted) {
         ports_.erase(ifx);
         board_.forget_configuration(ifx);
@@ -254,7 +307,8 @@ void Service::take(const PBridge__TarnPort& record, bool deleted) {
         ports_[ifx] = {.watched = record.loop_detect != 0,
                        .vlan_mode = record.vlan_mode,
                        .shut = record.shut != 0,
-                       .guard = guard_of(record)};
+                       .guard = guard_of(record),
+                       .vlans = vlans_of(record)};
         board_.configure(ifx, {.watched = record.loop_detect != 0,
                                .shut = record.shut != 0,
                                .vlan_mode = record.vlan_mode,
@@ -270,6 +324,7 @@ void Service::take(const PBridge__TarnPort& record, bool deleted) {
 }
 
 void Service::take(const PApp__LdaNcPolicy& record, bool deleted) {
+    unconfirmed_.policy = false;
     policy_ = deleted ? 0 : record.loop_policy_cli;
     for (const auto& [ifx, port] : ports_) {
         ports_pending_.insert(ifx);
@@ -287,9 +342,9 @@ void Service::take(const PBridge__TarnLoopInfo& record, bool deleted) {
         return;
     }
     const auto own = records_.find(ifx);
-    if (own == records_.end() || !own->second.is_loop) {
+    if (own == records_.end() || own->second.loops.empty()) {
         LoopRecord& ended = records_[ifx];
-        ended = {.src_ifx = record.src_ifx, .is_loop = false, .stored = false};
+        ended.ended = {{record.src_ifx, static_cast<uint16_t>(record.vid)}};
         store(ifx, ended);
     }
 }
@@ -313,11 +368,13 @@ void Service::send_commands() {
         const uint32_t ifx = *ports_pending_.begin();
         const auto found = ports_.find(ifx);
         const Port port = found != ports_.end() ? found->second : Port{};
-        if (!prober_.command({.kind = Command::Kind::kPort,
-                              .ifx = ifx,
-                              .watched = port.watched,
-                              .shuts = port.watched && policy_shuts(policy_, port.vlan_mode),
-                              .options = {.role = role_of(port.vlan_mode), .guard = port.guard}})) {
+        if (!prober_.command(
+                {.kind = Command::Kind::kPort,
+                 .ifx = ifx,
+                 .watched = port.watched,
+                 .shuts = port.watched && policy_shuts(policy_, port.vlan_mode),
+                 .options = {
+                     .role = role_of(port.vlan_mode), .guard = port.guard, .vlans = port.vlans}})) {
             break;
         }
         ports_pending_.erase(ifx);
@@ -359,16 +416,29 @@ void Service::on_report(const Report& report) {
 
 void Service::on_loop(const Report& report, bool is_loop) {
     LoopRecord& record = records_[report.ifx];
-    record = {.src_ifx = report.src_ifx, .is_loop = is_loop, .stored = false};
-    store(report.ifx, record);
+    const LoopRecord::Seen seen{.src_ifx = report.src_ifx, .vid = report.vid};
+    const size_t others = record.loops.size() - record.loops.count(report.src_vid);
+    if (is_loop) {
+        record.loops[report.src_vid] = seen;
+        record.stored = set_record(report.ifx, seen, true);
+    } else {
+        record.loops.erase(report.src_vid);
+        record.ended[report.src_ifx] = report.vid;
+        store(report.ifx, record);
+    }
+    if (others >= kLoggedVlans) {
+        return;
+    }
     const std::string port = port_name(report.ifx);
     if (is_loop) {
         log_message(kLogWarning, "TARN", "LOOP",
-                    "%s receives what %s sends: a loop, found by %s, %lld us long.", port.c_str(),
-                    port_name(report.src_ifx).c_str(), text_of(report.trigger),
+                    "%s receives%s what %s sends%s: a loop, found by %s, %lld us long.",
+                    port.c_str(), in_vlan(report.vid).c_str(), port_name(report.src_ifx).c_str(),
+                    in_vlan(report.src_vid).c_str(), text_of(report.trigger),
                     static_cast<long long>(report.path / std::chrono::microseconds(1)));
     } else {
-        log_message(kLogInfo, "TARN", "END", "The loop of %s has ended.", port.c_str());
+        log_message(kLogInfo, "TARN", "END", "The loop of %s%s has ended.", port.c_str(),
+                    in_vlan(report.vid).c_str());
     }
 }
 
@@ -422,21 +492,38 @@ void Service::give_back(uint32_t ifx) {
     }
 }
 
+// An end is for both of its ports. What still loops behind one of them is set once more, for each
+// port that sends the probes.
 void Service::store(uint32_t ifx, LoopRecord& record) {
+    std::map<uint32_t, LoopRecord::Seen> lasting;
+    for (const auto& [sent_vid, seen] : record.loops) {
+        lasting.emplace(seen.src_ifx, seen);
+    }
+    std::erase_if(record.ended, [&](const auto& ended) {
+        return lasting.contains(ended.first) ||
+               set_record(ifx, {.src_ifx = ended.first, .vid = ended.second}, false);
+    });
+    record.stored = record.ended.empty();
+    for (const auto& [src_ifx, seen] : lasting) {
+        record.stored = set_record(ifx, seen, true) && record.stored;
+    }
+}
+
+bool Service::set_record(uint32_t ifx, const LoopRecord::Seen& seen, bool is_loop) {
     PBridge__TarnLoopIndex index = P_BRIDGE__TARN_LOOP_INDEX__INIT;
     index.ifx = ifx;
     PBridge__TarnLoopInfo info = P_BRIDGE__TARN_LOOP_INFO__INIT;
     info.index = &index;
-    info.vid = kUntaggedVid;
-    info.is_loop = record.is_loop ? 1 : 0;
-    info.src_ifx = record.src_ifx;
-    record.stored = qv_mom_set(client_, QV_MOM_APP_DB, &info.base, 0, 0) == 0;
+    info.vid = seen.vid != 0 ? seen.vid : kUntaggedVid;
+    info.is_loop = is_loop ? 1 : 0;
+    info.src_ifx = seen.src_ifx;
+    return qv_mom_set(client_, QV_MOM_APP_DB, &info.base, 0, 0) == 0;
 }
 
 void Service::refresh() {
     refresh_timer_ = loop_.after(kRefresh, [this] { refresh(); });
     for (auto& [ifx, record] : records_) {
-        if (record.is_loop) {
+        if (!record.loops.empty()) {
             store(ifx, record);
         }
     }

@@ -30,6 +30,9 @@ Role role_of(uint32_t vlan_mode);
 // How long a port of this record is guarded at link-up; 0: not at all, or out of range.
 std::chrono::milliseconds guard_of(const PBridge__TarnPort& record);
 
+// The VLANs of this record; what is out of range or out of order is left out.
+Vlans vlans_of(const PBridge__TarnPort& record);
+
 // Settings of a record; what is out of range is taken for the default.
 Settings settings_of(const PBridge__TarnConfig& record);
 
@@ -37,6 +40,9 @@ Settings settings_of(const PBridge__TarnConfig& record);
 class Service final : private TakeOverOutputs {
  public:
     static constexpr std::chrono::seconds kRefresh{10};
+    // After the configuration has been asked for: a record that has not arrived by then does not
+    // exist. A server that answers nothing has lost its connection before.
+    static constexpr std::chrono::seconds kAllArrived{15};
     // At the end: how long the object database has to confirm the last records.
     static constexpr std::chrono::milliseconds kLastWrites{500};
 
@@ -61,15 +67,29 @@ class Service final : private TakeOverOutputs {
         uint32_t vlan_mode = 0;
         bool shut = false;
         std::chrono::milliseconds guard{0};
+        Vlans vlans;
     };
-    // A loop record that this process has set, or is to set.
+    // Records that were read before the object database was away and not since.
+    struct Unconfirmed {
+        bool config = false;
+        bool policy = false;
+        std::set<uint32_t> ports;
+    };
+    // A loop record that this process has set, or is to set: one for each port, as its key is. The
+    // loops of a port in several VLANs share it.
     struct LoopRecord {
-        uint32_t src_ifx = 0;
-        bool is_loop = false;
+        struct Seen {
+            uint32_t src_ifx;
+            uint16_t vid;
+        };
+        std::map<uint16_t, Seen> loops;      // by the VLAN in which the probe was sent
+        std::map<uint32_t, uint16_t> ended;  // not stored yet: port that sent the probe, VLAN
         bool stored = false;
     };
 
     void follow_configuration();
+    void lose_configuration();
+    void drop_unconfirmed();
     void follow_loops();
     void scan_loops();
     void end_records();
@@ -85,6 +105,7 @@ class Service final : private TakeOverOutputs {
     bool has_record(uint32_t ifx) override { return ports_.contains(ifx); }
     void give_back(uint32_t ifx) override;
     void store(uint32_t ifx, LoopRecord& record);
+    bool set_record(uint32_t ifx, const LoopRecord::Seen& seen, bool is_loop);
     void refresh();
     void log_ignored();
 
@@ -111,9 +132,12 @@ class Service final : private TakeOverOutputs {
     TakeOver take_over_;
     uint64_t ignored_logged_ = 0;
 
+    Unconfirmed unconfirmed_;
+
     EventLoop::Handle reports_watch_;
     EventLoop::Handle commands_timer_;
     EventLoop::Handle refresh_timer_;
+    EventLoop::Handle unconfirmed_timer_;
 };
 
 }  // namespace qv::tarnd

@@ -10,6 +10,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -22,9 +23,52 @@ namespace {
 
 constexpr size_t kFrameBuffer = 2048;
 constexpr size_t kDatagramBytes = 64 << 10;
+constexpr size_t kTypeAt = 2 * ETH_ALEN;
+constexpr size_t kTagBytes = 4;
+constexpr uint16_t kVidMask = 0x0fff;
+constexpr uint16_t kHighestPriority = 7 << 13;  // network control
 
 [[noreturn]] void fail(const char* what) {
     throw std::runtime_error(std::string(what) + ": " + std::strerror(errno));
+}
+
+uint16_t number_at(std::span<const uint8_t> frame, size_t at) {
+    return static_cast<uint16_t>(frame[at] << 8 | frame[at + 1]);
+}
+
+bool is_tagged(std::span<const uint8_t> frame) {
+    if (frame.size() < kTypeAt + kTagBytes) {
+        return false;
+    }
+    const uint16_t type = number_at(frame, kTypeAt);
+    return type == ETH_P_8021Q || type == ETH_P_8021AD;
+}
+
+// The VLAN of the tag that the kernel has taken out of the frame; 0: there was none.
+uint16_t stripped_vid(msghdr& message) {
+    for (cmsghdr* part = CMSG_FIRSTHDR(&message); part != nullptr;
+         part = CMSG_NXTHDR(&message, part)) {
+        tpacket_auxdata extra{};
+        if (part->cmsg_level == SOL_PACKET && part->cmsg_type == PACKET_AUXDATA &&
+            part->cmsg_len >= CMSG_LEN(sizeof extra)) {
+            std::memcpy(&extra, CMSG_DATA(part), sizeof extra);
+            const bool valid = (extra.tp_status & TP_STATUS_VLAN_VALID) != 0;
+            return valid ? extra.tp_vlan_tci & kVidMask : 0;
+        }
+    }
+    return 0;
+}
+
+// Takes the inner tag out of the frame. It names the VLAN only where there is no outer one.
+void hand_on(uint32_t ifx, uint16_t vid, std::span<uint8_t> frame,
+             const PacketSocket::Receiver& receiver) {
+    if (is_tagged(frame)) {
+        const uint16_t inner = number_at(frame, kTypeAt + 2) & kVidMask;
+        vid = vid != 0 ? vid : inner;
+        std::memmove(frame.data() + kTagBytes, frame.data(), kTypeAt);
+        frame = frame.subspan(kTagBytes);
+    }
+    receiver(ifx, vid, frame);
 }
 
 void drop_all(int fd) {
@@ -54,7 +98,12 @@ PacketSocket::PacketSocket() : fd_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | S
     if (fd_.get() < 0) {
         fail("packet socket");
     }
-    std::array<sock_filter, 4> code{{{BPF_LD | BPF_H | BPF_ABS, 0, 0, 2 * ETH_ALEN},
+    // The kernel takes the outer tag out of a frame; one more may be left in it.
+    std::array<sock_filter, 8> code{{{BPF_LD | BPF_H | BPF_ABS, 0, 0, kTypeAt},
+                                     {BPF_JMP | BPF_JEQ | BPF_K, 4, 0, kEtherType},
+                                     {BPF_JMP | BPF_JEQ | BPF_K, 1, 0, ETH_P_8021Q},
+                                     {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, ETH_P_8021AD},
+                                     {BPF_LD | BPF_H | BPF_ABS, 0, 0, kTypeAt + kTagBytes},
                                      {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, kEtherType},
                                      {BPF_RET | BPF_K, 0, 0, kFrameBuffer},
                                      {BPF_RET | BPF_K, 0, 0, 0}}};
@@ -68,30 +117,47 @@ PacketSocket::PacketSocket() : fd_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | S
     all.sll_protocol = htons(ETH_P_ALL);
     if (setsockopt(fd_.get(), SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) != 0 ||
         setsockopt(fd_.get(), SOL_PACKET, PACKET_IGNORE_OUTGOING, &on, sizeof on) != 0 ||
+        setsockopt(fd_.get(), SOL_PACKET, PACKET_AUXDATA, &on, sizeof on) != 0 ||
         bind(fd_.get(), reinterpret_cast<const sockaddr*>(&all), sizeof all) != 0) {
         fail("packet socket");
     }
 }
 
-bool PacketSocket::send(uint32_t ifx, const Frame& frame) const {
+bool PacketSocket::send(uint32_t ifx, uint16_t vid, const Frame& frame) const {
+    std::array<uint8_t, kFrameBytes + kTagBytes> tagged;
+    std::span<const uint8_t> bytes = frame;
+    if (vid != 0) {
+        const std::array<uint16_t, 2> tag{htons(ETH_P_8021Q), htons(kHighestPriority | vid)};
+        std::memcpy(tagged.data(), frame.data(), kTypeAt);
+        std::memcpy(tagged.data() + kTypeAt, tag.data(), kTagBytes);
+        std::copy(frame.begin() + kTypeAt, frame.end(), tagged.begin() + kTypeAt + kTagBytes);
+        bytes = tagged;
+    }
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
-    to.sll_protocol = htons(kEtherType);
+    to.sll_protocol = htons(vid != 0 ? ETH_P_8021Q : kEtherType);
     to.sll_ifindex = static_cast<int>(ifx);
     to.sll_halen = kDestination.size();
     std::memcpy(to.sll_addr, kDestination.data(), kDestination.size());
-    return sendto(fd_.get(), frame.data(), frame.size(), MSG_DONTWAIT,
+    return sendto(fd_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
                   reinterpret_cast<const sockaddr*>(&to),
-                  sizeof to) == static_cast<ssize_t>(frame.size());
+                  sizeof to) == static_cast<ssize_t>(bytes.size());
 }
 
 bool PacketSocket::receive(size_t most, const Receiver& receiver) const {
     std::array<uint8_t, kFrameBuffer> bytes;
     for (size_t n = 0; n < most; ++n) {
         sockaddr_ll from{};
-        socklen_t length = sizeof from;
-        const ssize_t size = recvfrom(fd_.get(), bytes.data(), bytes.size(), MSG_DONTWAIT,
-                                      reinterpret_cast<sockaddr*>(&from), &length);
+        iovec part{.iov_base = bytes.data(), .iov_len = bytes.size()};
+        alignas(cmsghdr) std::array<uint8_t, CMSG_SPACE(sizeof(tpacket_auxdata))> extra;
+        msghdr message{};
+        message.msg_name = &from;
+        message.msg_namelen = sizeof from;
+        message.msg_iov = &part;
+        message.msg_iovlen = 1;
+        message.msg_control = extra.data();
+        message.msg_controllen = extra.size();
+        const ssize_t size = recvmsg(fd_.get(), &message, MSG_DONTWAIT);
         if (size < 0 && errno == EINTR) {
             continue;
         }
@@ -100,8 +166,8 @@ bool PacketSocket::receive(size_t most, const Receiver& receiver) const {
         }
         // Other errors are news of an interface (ENETDOWN), reported once each.
         if (size > 0 && from.sll_pkttype != PACKET_OUTGOING) {
-            receiver(static_cast<uint32_t>(from.sll_ifindex),
-                     std::span(bytes).first(static_cast<size_t>(size)));
+            hand_on(static_cast<uint32_t>(from.sll_ifindex), stripped_vid(message),
+                    std::span(bytes).first(static_cast<size_t>(size)), receiver);
         }
     }
     return true;

@@ -26,17 +26,21 @@ class Descriptor {
     int fd_;
 };
 
-// Sends and receives frames of kEtherType on every interface of the network namespace. It sees a
-// frame that arrives before the bridge and the packet filter do, and none that this machine sends.
+// Sends and receives frames of kEtherType, with a VLAN tag or without, on every interface of the
+// network namespace. It sees a frame that arrives before the bridge and the packet filter do, and
+// none that this machine sends.
 class PacketSocket {
  public:
     PacketSocket();  // throws std::runtime_error
 
     int fd() const { return fd_.get(); }
-    // False when the frame could not be sent: the port has gone, is down, or its queue is full.
-    bool send(uint32_t ifx, const Frame& frame) const;
-    // Takes up to `most` frames. True when there may be more.
-    using Receiver = std::function<void(uint32_t ifx, std::span<const uint8_t> frame)>;
+    // Sends the frame in this VLAN, with the highest priority (IEEE 802.1Q, clause 9.6); 0:
+    // untagged. False when it could not be sent: the port has gone, is down, or its queue is full.
+    bool send(uint32_t ifx, uint16_t vid, const Frame& frame) const;
+    // Takes up to `most` frames. True when there may be more. Frames are handed on without their
+    // outer tag and one within it, and with the VLAN of the outer one; 0: untagged.
+    using Receiver =
+        std::function<void(uint32_t ifx, uint16_t vid, std::span<const uint8_t> frame)>;
     bool receive(size_t most, const Receiver& receiver) const;
 
  private:

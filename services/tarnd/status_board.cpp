@@ -8,7 +8,21 @@
 namespace qv::tarnd {
 namespace {
 
-constexpr uint32_t kUntaggedVid = 1;
+// As records and clients see it.
+uint32_t shown_vid(uint16_t vid) {
+    constexpr uint32_t kUntaggedVid = 1;
+    return vid != 0 ? vid : kUntaggedVid;
+}
+
+SeenLoop seen_by(const Report& report) {
+    return {.ifx = report.ifx,
+            .src_ifx = report.src_ifx,
+            .vid = shown_vid(report.vid),
+            .src_vid = shown_vid(report.src_vid),
+            .path = report.path,
+            .trigger = report.trigger,
+            .time = std::chrono::system_clock::now()};
+}
 
 std::string name_of(const ProtobufCEnumDescriptor& type, int value) {
     const ProtobufCEnumValue* const found = protobuf_c_enum_descriptor_get_value(&type, value);
@@ -93,9 +107,7 @@ void StatusBoard::take(const Report& report) {
                              .error = report.error});
         case Report::Kind::kReturned:
             return announce(
-                {.kind = BoardEvent::Kind::kReturned,
-                 .ifx = report.ifx,
-                 .loop = {.ifx = report.ifx, .src_ifx = report.src_ifx, .path = report.path}});
+                {.kind = BoardEvent::Kind::kReturned, .ifx = report.ifx, .loop = seen_by(report)});
     }
 }
 
@@ -121,13 +133,11 @@ void StatusBoard::take_guard(const Report& report) {
 }
 
 void StatusBoard::take_loop(const Report& report) {
-    const SeenLoop loop{.ifx = report.ifx,
-                        .src_ifx = report.src_ifx,
-                        .vid = kUntaggedVid,
-                        .path = report.path,
-                        .trigger = report.trigger,
-                        .time = std::chrono::system_clock::now()};
-    loops_[report.ifx] = report.src_ifx;
+    const SeenLoop loop = seen_by(report);
+    forget_loop(report.ifx, report.src_vid);
+    loops_.emplace(std::pair(report.ifx, report.src_vid), report.src_ifx);
+    ++looped_[report.ifx];
+    ++looped_[report.src_ifx];
     switch (report.trigger) {
         case Trigger::kPeriod:
             ++counters_.loops_period;
@@ -150,11 +160,21 @@ void StatusBoard::take_loop(const Report& report) {
     announce_state(report.src_ifx);
 }
 
+void StatusBoard::forget_loop(uint32_t ifx, uint16_t src_vid) {
+    const auto loop = loops_.extract({ifx, src_vid});
+    if (!loop) {
+        return;
+    }
+    for (const uint32_t port : {ifx, loop.mapped()}) {
+        if (--looped_[port] == 0) {
+            looped_.erase(port);
+        }
+    }
+}
+
 void StatusBoard::take_end(const Report& report) {
-    loops_.erase(report.ifx);
-    announce({.kind = BoardEvent::Kind::kEnd,
-              .ifx = report.ifx,
-              .loop = {.ifx = report.ifx, .src_ifx = report.src_ifx}});
+    forget_loop(report.ifx, report.src_vid);
+    announce({.kind = BoardEvent::Kind::kEnd, .ifx = report.ifx, .loop = seen_by(report)});
     announce_state(report.ifx);
     announce_state(report.src_ifx);
 }
@@ -204,11 +224,6 @@ uint32_t StatusBoard::next_port(uint32_t ifx) const {
     return next != ports_.end() ? next->first : 0;
 }
 
-bool StatusBoard::is_looped(uint32_t ifx) const {
-    return std::any_of(loops_.begin(), loops_.end(),
-                       [ifx](const auto& loop) { return loop.first == ifx || loop.second == ifx; });
-}
-
 PBridge__TarnState StatusBoard::state_of(uint32_t ifx, const Port& port) const {
     if (port.cut) {
         return P_BRIDGE__TARN_STATE__CUT;
@@ -216,7 +231,7 @@ PBridge__TarnState StatusBoard::state_of(uint32_t ifx, const Port& port) const {
     if (port.configured.shut) {
         return P_BRIDGE__TARN_STATE__SHUT;
     }
-    if (is_looped(ifx)) {
+    if (looped_.contains(ifx)) {
         return P_BRIDGE__TARN_STATE__LOOPED;
     }
     if (!enabled_ || !port.configured.watched) {

@@ -8,6 +8,7 @@
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "p_bridge.pb-c.h"
@@ -18,7 +19,8 @@ namespace qv::tarnd {
 struct SeenLoop {
     uint32_t ifx = 0;      // on which the probe came back
     uint32_t src_ifx = 0;  // which had sent it
-    uint32_t vid = 0;
+    uint32_t vid = 0;      // VLAN in which it came back; untagged frames are in VLAN 1
+    uint32_t src_vid = 0;  // and in which it was sent
     Duration path{};
     Trigger trigger{};
     std::chrono::system_clock::time_point time{};
@@ -84,7 +86,7 @@ class StatusBoard {
     };
 
     void drop_unused(uint32_t ifx);
-    bool is_looped(uint32_t ifx) const;
+    void forget_loop(uint32_t ifx, uint16_t src_vid);
     PBridge__TarnState state_of(uint32_t ifx, const Port& port) const;
     void take_port(const Report& report);
     void take_guard(const Report& report);
@@ -96,7 +98,9 @@ class StatusBoard {
 
     bool enabled_ = false;
     std::map<uint32_t, Port> ports_;
-    std::map<uint32_t, uint32_t> loops_;  // from the reporting port to the one that sent the probe
+    // From the reporting port and the VLAN of the probe to the port that sent it.
+    std::map<std::pair<uint32_t, uint16_t>, uint32_t> loops_;
+    std::map<uint32_t, size_t> looped_;  // of each port in a loop: in how many it is
     PBridge__TarnCounters counters_ = P_BRIDGE__TARN_COUNTERS__INIT;  // but for the thread's
     std::vector<std::function<void(const BoardEvent&)>> observers_;
 };
@@ -107,12 +111,14 @@ PBridge__TarnCounters StatusBoard::counters(const Thread& thread) const {
     all.sent = thread.counted(Counted::kSent);
     all.not_sent = thread.counted(Counted::kNotSent);
     all.returned = thread.counted(Counted::kReturned);
+    all.leaked = thread.counted(Counted::kLeaked);
     all.malformed = thread.ignored(Ignored::kMalformed);
     all.forged = thread.ignored(Ignored::kForged);
     all.foreign = thread.ignored(Ignored::kForeign);
     all.blocked = thread.ignored(Ignored::kBlocked);
     all.stale = thread.ignored(Ignored::kStale);
     all.duplicate = thread.ignored(Ignored::kDuplicate);
+    all.late = thread.ignored(Ignored::kLate);
     return all;
 }
 

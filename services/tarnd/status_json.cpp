@@ -39,6 +39,7 @@ Json loop_json(const SeenLoop& loop) {
     return {{"port", port_name(loop.ifx)},
             {"src_port", port_name(loop.src_ifx)},
             {"vid", loop.vid},
+            {"src_vid", loop.src_vid},
             {"path_us", us_of(loop.path)},
             {"found_by", trigger_text(loop.trigger)},
             {"time", time_text(loop.time)}};
@@ -72,6 +73,8 @@ Json event_json(const BoardEvent& event) {
             return {{"event", "end"},
                     {"port", port},
                     {"src_port", port_name(event.loop.src_ifx)},
+                    {"vid", event.loop.vid},
+                    {"src_vid", event.loop.src_vid},
                     {"time", now}};
         case BoardEvent::Kind::kCut:
             return {{"event", "cut"}, {"port", port}, {"time", now}};

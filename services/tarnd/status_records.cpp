@@ -27,6 +27,7 @@ PBridge__TarnLoop record_of(const SeenLoop& loop) {
     record.ifx = loop.ifx;
     record.src_ifx = loop.src_ifx;
     record.vid = loop.vid;
+    record.src_vid = loop.src_vid;
     record.path_us = static_cast<uint32_t>(loop.path / std::chrono::microseconds(1));
     record.trigger = record_of(loop.trigger);
     record.time_ms = ms_since_1970(loop.time);

@@ -3,14 +3,15 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <vector>
 
 #include "platform/base/clock.h"
+#include "services/tarnd/zeroes.h"
 
 namespace qv::tarnd {
 
 // One window of the 64 latest sequence numbers for each receiving port and each sending port of
-// each bridge. The memory is fixed: of two windows in one place the older one is forgotten.
+// each bridge in each VLAN. The memory is fixed: of two windows in one place the older one is
+// forgotten.
 class Windows {
  public:
     static constexpr size_t kPlaces = 1 << 13;
@@ -18,17 +19,21 @@ class Windows {
     static constexpr std::chrono::seconds kLife{15};
 
     struct Flow {
-        uint32_t ifx;     // receiving port
-        uint32_t sender;  // sending port
-        uint64_t bridge;  // its bridge
+        uint32_t ifx;      // receiving port
+        uint32_t sender;   // sending port
+        uint64_t bridge;   // its bridge
+        uint16_t vid = 0;  // in which the probe was sent
 
         bool operator==(const Flow&) const = default;
     };
 
     Windows() : places_(kPlaces) {}
 
+    // kLate: older than the 64 latest, so that nobody knows whether it was seen before.
+    enum class Verdict { kNew, kSeen, kLate };
+
     // Whether the number is new in this flow; then it is remembered.
-    bool is_new(const Flow& flow, uint64_t sequence, Time now);
+    Verdict judge(const Flow& flow, uint64_t sequence, Time now);
 
  private:
     struct Window {
@@ -38,7 +43,7 @@ class Windows {
         Time used{};
     };
 
-    std::vector<Window> places_;
+    Zeroes<Window> places_;
 };
 
 }  // namespace qv::tarnd

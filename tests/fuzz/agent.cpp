@@ -36,7 +36,7 @@ void drop_queued() {
     lda_cli_msg_unlock();
 }
 
-// The steps of main() and its role callback, in their order.
+// The steps of main() and its role callback, in order.
 void start() {
     g_lda_master = qv_thread_master_create();
     g_lda_global = qv_mom_client_init("LDA", g_lda_master, nullptr);
@@ -70,7 +70,7 @@ void start_agent() {
     static auto platform =
         make_platform(std::move(config), std::move(clock), std::make_unique<SilentLog>());
     install_platform(*platform);
-    g_dbg_slog_level = 3;  // every line is put together
+    g_dbg_slog_level = 3;  // every line is formatted
     g_dbg_slog_max = 0;
     start();
     let_agent_run();

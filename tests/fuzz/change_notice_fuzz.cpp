@@ -1,7 +1,7 @@
-// Records of other programs in the object database: notices, sound or not, and stored records
-// that a scan finds. They go through the client to the agent's own handlers.
+// Records of other programs in the object database: notices, valid or not, and stored records that
+// a scan finds. They go through the client to the agent's own handlers.
 //
-// The first byte of the input selects what the rest of it is.
+// The first byte of the input selects the meaning of the rest.
 #include "lda_main.h"
 #include "lda_msg.h"
 #include "tests/fuzz/agent.h"

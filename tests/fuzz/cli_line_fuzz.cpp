@@ -12,7 +12,7 @@ using namespace qv;
 
 namespace {
 
-// Everything a completion offers goes on from the line's last word.
+// Every completion on offer must continue the line's last word.
 void check_completions(cli::SessionState& session, std::string_view line) {
     const size_t blank = line.find_last_of(" \t");
     const std::string_view last =

@@ -1,4 +1,4 @@
-// The kernel's link messages, the ports that are made of them, and the links' counters.
+// The kernel's link messages, the ports derived from them, and the links' counters.
 #include <set>
 
 #include "platform/driver/linux/bridge_ports.h"
@@ -11,7 +11,7 @@ using namespace qv;
 
 namespace {
 
-// Holds the reports against each other.
+// Checks that the reports are consistent.
 class Checker final : public PortSink {
  public:
     void port_added(const Port& port) override {

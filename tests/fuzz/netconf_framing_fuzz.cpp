@@ -1,5 +1,5 @@
-// Bytes of a NETCONF client come in pieces of any size: what is made of them must not depend on
-// where they were cut, and every message must survive being framed again.
+// Bytes of a NETCONF client in pieces of any size: the messages must not depend on where the bytes
+// were cut, and each must survive being framed again.
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>

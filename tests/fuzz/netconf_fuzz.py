@@ -1,11 +1,10 @@
-"""Throws broken NETCONF input at lda-netconf: one process of it for each input.
+"""Sends broken NETCONF input to lda-netconf, one process for each input.
 
     tests/fuzz/netconf_fuzz.py --runs 5000 --seed 7
 
-Seeds are the messages in netconf_seeds/. Each input is some of them, changed inside good frames or
-together with their frames. Whatever comes, the session may end, but by itself, with a line in the log and
-within the time allowed; an input that does something else is kept in a file and named. The same seed
-number gives the same inputs.
+Seeds are the messages in netconf_seeds/. Each input consists of some of them, changed inside valid frames or
+together with their frames. The session may end, but only by itself, with a log line and within the time
+allowed; any other input is kept in a file and reported. The same seed number gives the same inputs.
 """
 
 import argparse
@@ -64,14 +63,14 @@ def changed(data, dice, corpus):
 
 def random_input(dice, corpus):
     messages = [dice.choice(corpus) for _ in range(dice.randint(1, 4))]
-    if dice.random() < 0.6:  # sound frames, so that the parser gets to see it
+    if dice.random() < 0.6:  # valid frames, so that they reach the parser
         return HELLO + b"".join(framed(changed(message, dice, corpus) or b" ") for message in messages)
     stream = b"".join(framed(message) for message in messages)
     return changed(HELLO + stream, dice, corpus) if dice.random() < 0.3 else HELLO + changed(stream, dice, corpus)
 
 
 def fixed_inputs():
-    """(name, bytes): what is known to be nasty."""
+    """(name, bytes): inputs known to be difficult."""
     yield "nothing", b""
     yield "hello and no more", HELLO
     yield "no hello", framed(RPC % b"<get/>")
@@ -111,10 +110,10 @@ def fixed_inputs():
 class Target:
     def __init__(self, command):
         self.command = [str(word) for word in command]
-        self.crashes = 0  # ends that the session saw coming, but the library beneath did not
+        self.crashes = 0  # ends that the session caught, but the library did not
 
     def fault_of(self, data):
-        """What is wrong with the reaction to `data`, or None."""
+        """The fault in the reaction to `data`, or None."""
         with tempfile.TemporaryFile() as log:
             process = subprocess.Popen(self.command, stdin=subprocess.PIPE, stdout=subprocess.DEVNULL, stderr=log)
             started = time.monotonic()

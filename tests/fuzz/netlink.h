@@ -1,4 +1,4 @@
-// A buffer full of netlink messages, taken apart as a receiver does.
+// Splits a buffer of netlink messages as a receiver does.
 #pragma once
 
 #include <linux/netlink.h>
@@ -9,8 +9,8 @@
 
 namespace qv::fuzz {
 
-// Calls `take` with each message that is complete. Each stands in a block of its own size, with the
-// padding that belongs to it, so that reading past its end is found.
+// Calls `take` with each complete message. Each is in a block of exactly its size and padding, so
+// that reading past its end is found.
 template <typename Take>
 void for_each_message(const uint8_t* data, size_t size, Take take) {
     while (size >= sizeof(nlmsghdr)) {

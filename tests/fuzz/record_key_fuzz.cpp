@@ -1,6 +1,6 @@
-// The key of a record that somebody else packed: printable, of the record's own type, and the same
-// after packing and unpacking again. (A field numbered 0, which the library lets through among the
-// unknown ones when it is written with a byte too many, is refused the second time.)
+// The key of a record packed by another program: printable, of the record's own type, and the same
+// after packing and unpacking again. (The library accepts an unknown field numbered 0 when its tag
+// is a byte too long, but refuses it the second time.)
 //
 // The first byte of the input selects the type.
 #include <algorithm>

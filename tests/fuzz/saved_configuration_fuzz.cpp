@@ -1,5 +1,5 @@
-// A configuration file: cut into sections, and put in force in place of the running one. What the
-// switch then writes itself must be taken back without a complaint.
+// A configuration file: cut into sections, and applied in place of the running configuration. The
+// switch must then accept its own saved configuration without a complaint.
 #include <fstream>
 #include <string>
 

@@ -1,13 +1,15 @@
-// Frames that arrive at the loop-probe service: whatever comes, a loop is proved, and a port cut,
-// only by a frame that this bridge has sent, unchanged.
+// Frames that arrive at the loop-probe service: whatever arrives, only an unchanged frame of this
+// bridge may prove a loop and cut a port.
 //
 // The input is a list of steps of a prober with four ports, each with a byte that selects it, the
 // port, the length of what follows, and that: bytes to receive; changes to a frame that was sent,
 // pairs of place and mask, to receive then; time that passes; a port that begins or stops to
-// forward, or leaves; an address that is learned.
+// forward, or leaves; an address that is learned; a changed frame that arrives in the VLAN of the
+// first byte.
 #include <sodium.h>
 
 #include <algorithm>
+#include <memory>
 #include <span>
 #include <vector>
 
@@ -27,14 +29,16 @@ class Switch final : public ProberOutputs {
  public:
     Switch() : prober_(identity(), *this) {
         prober_.configure({.enabled = true}, now_);
+        const auto vlans =
+            std::make_shared<const std::vector<uint16_t>>(std::vector<uint16_t>{7, 9});
         for (uint32_t ifx = 1; ifx <= kPorts; ++ifx) {
-            prober_.configure_port(ifx, true, ifx % 2 == 0, now_);
+            prober_.configure_port(ifx, true, ifx % 2 == 0, now_, {.vlans = vlans});
             prober_.set_port(ifx, true, now_);
         }
         prober_.run(now_);
     }
 
-    bool send(uint32_t /*ifx*/, const Frame& frame) override {
+    bool send(uint32_t /*ifx*/, uint16_t /*vid*/, const Frame& frame) override {
         sent_.emplace_back(frame.begin(), frame.end());
         return true;
     }
@@ -51,7 +55,7 @@ class Switch final : public ProberOutputs {
     }
 
     void step(uint8_t kind, uint32_t ifx, std::span<const uint8_t> rest) {
-        switch (kind % 6) {
+        switch (kind % 7) {
             case 0:
                 return receive(ifx, rest);
             case 1:
@@ -65,8 +69,12 @@ class Switch final : public ProberOutputs {
             case 4:
                 prober_.remove_port(ifx);
                 break;
-            default:
+            case 5:
                 prober_.learned(rest.empty() ? 1 : rest[0], ifx, now_);
+                break;
+            default:
+                return receive(ifx, changed(rest.subspan(std::min<size_t>(1, rest.size()))),
+                               rest.empty() ? 0 : rest[0]);
         }
         prober_.run(now_);
     }
@@ -91,14 +99,14 @@ class Switch final : public ProberOutputs {
         return frame;
     }
 
-    void receive(uint32_t ifx, std::span<const uint8_t> frame) {
+    void receive(uint32_t ifx, std::span<const uint8_t> frame, uint16_t vid = 0) {
         genuine_ = std::any_of(sent_.begin(), sent_.end(), [&](const Bytes& one) {
             return std::equal(one.begin(), one.end(), frame.begin(), frame.end());
         });
         Probe probe;
         const bool decoded = decode(frame, identity().key, probe) == FrameFault::kNone;
         fuzz::require(decoded == genuine_, "a frame is accepted if it was sent, and only then");
-        prober_.received(ifx, frame, now_);
+        prober_.received(ifx, frame, now_, vid);
         prober_.run(now_);
         genuine_ = false;
     }

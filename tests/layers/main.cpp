@@ -1,2 +1,2 @@
-// A program of nothing but the library it is linked with.
+// An empty program, for linking with one library.
 int main() {}

@@ -1,4 +1,4 @@
-"""The lint refuses includes and links that the layers do not allow, shown on copies of a few files."""
+"""The lint refuses includes and links that the layers do not allow, tested on copies of a few files."""
 
 import pathlib
 import shutil
@@ -14,7 +14,7 @@ COPIED = [
     "platform/base/event_loop.h", "platform/base/system_log.cpp",
     "platform/cli/engine.h", "platform/cli/port_commands.cpp",
     "platform/client/bridge.cpp", "platform/client/platform.h",
-    "platform/driver/embedded/embedded_switch.h", "platform/driver/embedded/test_commands.cpp",
+    "platform/driver/embedded/embedded_switch.h", "platform/driver/embedded/simulation_commands.cpp",
     "platform/driver/linux/rtnl_switch.cpp", "platform/driver/linux/rtnl_switch.h",
     "platform/driver/switch_driver.h",
     "platform/root/platform.cpp",
@@ -24,7 +24,7 @@ COPIED = [
 
 
 class Copy:
-    """A tree of some of our files. What they include of the others counts as a system header."""
+    """A tree of some of our files. Includes of other files count as system headers."""
 
     def __init__(self, folder):
         self.folder = folder
@@ -71,7 +71,7 @@ def test_tree_as_it_is_passes(copy):
      "platform/driver/linux must not include platform/driver/embedded/embedded_switch.h"),
     ("platform/driver/linux/rtnl_switch.cpp", '"qv/mom.h"',
      "platform/driver/linux must not include platform/include/qv/mom.h"),
-    ("platform/driver/embedded/test_commands.cpp", '"platform/client/platform.h"',
+    ("platform/driver/embedded/simulation_commands.cpp", '"platform/client/platform.h"',
      "platform/driver/embedded must not include platform/client/platform.h"),
     ("platform/cli/port_commands.cpp", '"platform/driver/switch_driver.h"',
      "platform/cli must not include platform/driver/switch_driver.h"),
@@ -103,7 +103,7 @@ def test_include_against_the_layers_is_refused(copy, path, header, finding):
 
 @pytest.mark.parametrize("path, header", [
     ("platform/client/bridge.cpp", '"platform/driver/switch_driver.h"'),
-    ("platform/driver/embedded/test_commands.cpp", '"platform/cli/engine.h"'),
+    ("platform/driver/embedded/simulation_commands.cpp", '"platform/cli/engine.h"'),
     ("platform/root/platform.cpp", '"platform/driver/linux/rtnl_switch.h"'),
     ("app/src/lda_bridge.cpp", "<qv/thread.h>"),
     ("services/netconf/agent.cpp", '"p_app.pb-c.h"'),

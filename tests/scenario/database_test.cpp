@@ -1,4 +1,4 @@
-// The object database as the agent meets it: away, back, and full of what others wrote.
+// The agent and the object database: away, back, and full of other programs' records.
 #include <gtest/gtest.h>
 
 #include "app_debug.h"
@@ -13,6 +13,7 @@
 #include "storm_detect.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
+#include "tests/support/golden/golden.h"
 
 namespace qv::test {
 namespace {
@@ -111,16 +112,7 @@ TEST(Database, LocalReconnectSubscribesAndAnnouncesAgain) {
     SwitchRig rig(options);
     rig.trace();
     rig.type({"test database drop 3", "test database restore 3"});
-    EXPECT_EQ(rig.take_log(), traced({
-                                  "<lda_mom_local_db_disconnect> lda_mom_local_db_disconnect",
-                                  "<lda_mom_local_db_reconnect> lda_mom_local_db_reconnect",
-                                  "<lda_try_notify_cli_ready> cli ready",
-                                  "<lda_nc_msg_policy> recv mom msg, cmd[29]",
-                                  "<lda_nc_msg_policy> subscribe success",
-                                  "<lda_loop_config_delivery> enter",
-                                  "<lda_tarn_mom_subscribe_callback> recv mom msg, cmd[29]",
-                                  "<lda_tarn_mom_subscribe_callback> mom subscribe success",
-                              }));
+    expect_golden("database/local_reconnect", rig.take_log());
 }
 
 TEST(Database, RepeatedAnnouncementPushesTheFeaturesAgainAndKeepsTheLoops) {
@@ -131,7 +123,7 @@ TEST(Database, RepeatedAnnouncementPushesTheFeaturesAgainAndKeepsTheLoops) {
     rig.report(1, 1, 1);
     rig.forget();
     rig.type({"test database drop 22", "test database restore 22"});
-    // The features for the replay that was nothing new, then the scan's report: a repeated loop.
+    // The lines of the features for the unchanged replay, then the scan's report: a repeated loop.
     EXPECT_EQ(rig.take_executed(),
               (Lines{"config: tarn enable\r\n", "config: tarn error-recover interval 90\r\n",
                      "interface 1: tarn port loop-detect warning\r\n",
@@ -166,7 +158,7 @@ TEST(Database, LossBetweenWriteAndNoticeLosesNothing) {
     rig.on_main([&] {
         const uint8_t record[] = {0x2a, 0x02, 0x08, 0x03, 0x30, 0x01, 0x38, 0x01, 0x40, 0x03};
         rig.store().put(4, "p_bridge.tarn_loop_info/ifx=3", record);
-        rig.store().drop(4);  // the notice is on its way
+        rig.store().drop(4);  // the notice is queued
     });
     EXPECT_EQ(rig.take_log(), Lines{});
     rig.type("test database restore 4");
@@ -182,7 +174,7 @@ TEST(Database, RecordsLostDuringASubscriptionComeWithTheNextOne) {
     rig.trace();
     rig.on_main([&] {
         rig.store().restore(4);
-        rig.store().drop(4);  // before the agent hears of its return
+        rig.store().drop(4);  // before the agent learns of its return
     });
     EXPECT_EQ(rig.take_log(), traced({
                                   "<lda_mom_app_db_reconnect> lda_mom_app_db_reconnect",
@@ -300,7 +292,7 @@ int take_answer(qv_mom_client*, const qv_mom_msg* message) {
     return 0;
 }
 
-// The program that asks.
+// The program that sends requests.
 class Requester {
  public:
     explicit Requester(SwitchRig& rig) : rig_(rig) {
@@ -311,7 +303,7 @@ class Requester {
         });
     }
 
-    // Sets the request as another process does; the answers since the last call.
+    // Sets the request as another process does; returns the answers since the last call.
     std::vector<std::string> ask(uint32_t policy, int32_t type, int32_t oid) {
         PMng__UiIndex index = P_MNG__UI_INDEX__INIT;
         char publisher[] = "netconf-7";
@@ -351,7 +343,7 @@ TEST(PolicyRequest, IsAppliedAndAnsweredByAPublishedResult) {
     EXPECT_EQ(rig.take_executed().size(), 2U + 2 * 8);
     EXPECT_EQ(rig.store().keys(3, "p_mng.ui_operate/*"), Lines{});
 
-    // A delete applies the policy that it carries.
+    // A delete applies the policy in its record.
     EXPECT_EQ(requester.ask(3, 4, 42),
               Lines{"published to netconf-7 type 4 oid 42 src 2 result 0 std 0 priv 0 flag 0 text "
                     "''"});
@@ -432,7 +424,7 @@ TEST(PolicyRequest, ForAPolicyThatDoesNotExistIsAnsweredAsDone) {
     EXPECT_EQ(rig.stored_policy(), 2);
 }
 
-// The database goes between the request and its answer: the policy stays, the requester waits.
+// The database is lost between the request and its answer: the policy stays, the requester waits.
 TEST(PolicyRequest, ThatCannotBeAnsweredIsAppliedAndReported) {
     SwitchRig rig;
     Requester requester(rig);

@@ -1,4 +1,4 @@
-// The storm detector's session with database 8, lost and brought back.
+// The storm detector's session with database 8, lost and reopened.
 #include <gtest/gtest.h>
 
 #include "lda_main.h"
@@ -11,7 +11,7 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// A switch whose databases `away` are not there at the start.
+// A switch that starts without the databases `away`.
 SwitchRig::Options without(std::initializer_list<uint32_t> away) {
     SwitchRig::Options options;
     options.ports = 1;
@@ -81,7 +81,7 @@ TEST(ForwardingSession, StormIsFoundAfterALossAsBefore) {
     rig.type({"test database drop 8", "test database restore 8", "test storm swp1 20000"});
     rig.advance(16s);
     EXPECT_EQ(rig.take_log(), Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp1."});
-    // The rule can still be taken out and put in again.
+    // The rule can still be removed and installed again.
     rig.type({"configure terminal", "interface swp1", "storm-loop-rate ratelimit 30000"});
     EXPECT_EQ(storm_port_num, 1U);
     rig.type("no storm-loop-detect enable");

@@ -1,4 +1,4 @@
-// Writing down what an agent is expected to say.
+// Builders for the agent's expected messages.
 #pragma once
 
 #include <initializer_list>
@@ -29,13 +29,26 @@ inline Lines together(std::initializer_list<Lines> parts) {
     return lines;
 }
 
-// In one piece, for long lists: a difference is shown by its lines.
-inline std::string joined(const Lines& lines) {
-    std::string text;
-    for (const std::string& line : lines) {
-        text += line + "\n";
+// A line in quotes, with its control characters as C escapes: its ends are visible in a file.
+inline std::string quoted(std::string_view line) {
+    std::string text = "\"";
+    for (const char c : line) {
+        switch (c) {
+            case '\r':
+                text += "\\r";
+                break;
+            case '\n':
+                text += "\\n";
+                break;
+            case '"':
+            case '\\':
+                text += '\\';
+                [[fallthrough]];
+            default:
+                text += c;
+        }
     }
-    return text;
+    return text + '"';
 }
 
 // A notification as take_notifications() gives it.

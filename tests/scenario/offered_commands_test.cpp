@@ -1,5 +1,5 @@
-// Which ports have the command "loop-detect apply shutdown-port". The ports here are such as
-// another driver reports: the embedded switch has none of their kind.
+// Which ports have the command "loop-detect apply shutdown-port". The ports here are of kinds that
+// only other drivers report.
 #include <gtest/gtest.h>
 
 #include "lda_main.h"
@@ -15,7 +15,7 @@ using namespace std::chrono_literals;
 
 constexpr char kCommand[] = "loop-detect apply shutdown-port";
 
-// Reports a port of this LSM type that is no switch port.
+// Reports a port of this LSM type that is not a switch port.
 void add_port(SwitchRig& rig, uint32_t ifx, const std::string& name, uint32_t type) {
     Port port;
     port.ifx = ifx;

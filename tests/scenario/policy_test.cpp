@@ -118,7 +118,7 @@ TEST(Policy, ChangeMovesTheShutdownFromAccessToHybridPorts) {
     EXPECT_EQ(rig.entry("swp1"), "policy=1 src_port=1");
     EXPECT_EQ(rig.entry("swp2"), "policy=0 src_port=1");
     EXPECT_EQ(rig.entry("swp3"), "policy=0 src_port=0");
-    rig.advance(10s);  // nothing is left to be generated
+    rig.advance(10s);  // nothing is left to generate
     rig.trace();
 
     rig.type({"configure terminal", "loop-detect enable shutdown hybrid-mode"});
@@ -195,7 +195,7 @@ TEST(Policy, ZeroBringsShutPortsBackAndForgetsEveryLoopSilently) {
               (Lines{notified("swp1", "1", "0", "1"), notified("swp2", "1", "0", "1")}));
     EXPECT_EQ(rig.store().keys(4, "p_app.lda_loop_entry/*"), Lines{});
     EXPECT_EQ(rig.running_config(), "interface swp1\n!\ninterface swp2\n!\n");
-    // Neither the clear timer of port 2, which the recovery armed, nor a tick has anything to say.
+    // Neither the clear timer of port 2, which the recovery armed, nor a tick logs anything.
     rig.advance(600s);
     EXPECT_EQ(rig.take_log(), Lines{});
     EXPECT_EQ(rig.take_executed(), Lines{});

@@ -1,4 +1,4 @@
-// Ports that change, go and come while the agent has them in a loop.
+// Ports that change, leave and return while the agent has them in a loop.
 #include <gtest/gtest.h>
 
 #include "lda_msg.h"
@@ -56,7 +56,7 @@ TEST(PortEvents, LoopedPortFollowsItsVlanMode) {
     EXPECT_EQ(rig.take_notifications(), Lines{notified("swp3", "1", "0", "0")});
     EXPECT_EQ(rig.entry("swp3"), "policy=0 src_port=0");
 
-    // From one mode that is never shut down into another class: told, nothing executed.
+    // Between two modes that are never shut down: notified, nothing executed.
     EXPECT_EQ(set_mode(rig, "swp3", "hybrid"), Lines{});
     EXPECT_EQ(rig.take_notifications(), Lines{notified("swp3", "1", "0", "1")});
     EXPECT_EQ(rig.take_log(), Lines{});
@@ -138,7 +138,7 @@ TEST(PortEvents, MemberTakesTheModeOfItsAggregateAndIsConfiguredAtOnce) {
     rig.report(3, 1, 3);  // the loop again: now it is a hybrid port
     EXPECT_EQ(rig.take_executed(), Lines{"interface 3: shutdown \r\n"});
 
-    // Leaving takes the port's own mode and decides nothing.
+    // Leaving restores the port's own mode and decides nothing.
     EXPECT_EQ(rig.type("test aggregate leave ag1 swp3"), "");
     EXPECT_EQ(rig.take_executed(), Lines{});
     EXPECT_EQ(lda_loop_result_get(3)->mode, 1U);
@@ -206,7 +206,7 @@ TEST(PortEvents, LoopedPortThatBecomesAVslIsReleasedAndLeavesDetection) {
     EXPECT_EQ(rig.take_notifications(), Lines{notified("swp3", "2", "0", "0")});
     EXPECT_EQ(rig.entry("swp3"), "none");
     EXPECT_EQ(rig.section("swp3"), Lines{"tarn port loop-detect warning"});
-    // Its place in the count stays taken, and the timer that its recovery armed tells the end.
+    // It stays in the count, and the timer that its recovery armed reports the end.
     EXPECT_EQ(table_line(rig), "loop-detect intf_num: 3, loop_num=1");
     rig.report(3, 1, 3);
     rig.advance(60s);
@@ -235,7 +235,7 @@ TEST(PortEvents, VslKeepsItsRecordWhileDetectionIsDisabled) {
     EXPECT_EQ(rig.take_executed(), Lines{});
 }
 
-// ---- Ports that go ----
+// ---- Ports that leave ----
 
 TEST(PortEvents, PortDeletedWhileItsClearTimerRunsIsStillTakenOutOfTheTable) {
     SwitchRig rig(four_ports());
@@ -260,8 +260,8 @@ TEST(PortEvents, PortDeletedBeforeItsQueuedShutdownIsExecuted) {
     rig.set_policy("shutdown access-mode");
     rig.trace();
     rig.on_main([&] {
-        // The report is noticed and its message posted after the port has gone from the switch and
-        // before the agent hears of it.
+        // The report arrives and its message is posted after the port has left the switch and
+        // before the agent learns of that.
         const uint8_t record[] = {0x2a, 0x02, 0x08, 0x03, 0x30, 0x01, 0x38, 0x01, 0x40, 0x03};
         rig.store().put(4, "p_bridge.tarn_loop_info/ifx=3", record);
         cli::SessionState session;
@@ -328,7 +328,7 @@ TEST(PortEvents, DeletedLoopedPortKeepsItsPlaceUntilDetectionIsDisabled) {
               (Lines{"config: tarn enable\r\n", "config: tarn error-recover interval 90\r\n",
                      "interface 3: tarn port loop-detect warning\r\n",
                      "interface 3: storm-loop-detect enable\r\n",
-                     // Its section was kept, and with it that it is held.
+                     // Its section was kept, including the line that it is held.
                      "interface 3: shutdown \r\n"}));
     rig.report(3, 1, 3);
     EXPECT_EQ(table_line(rig), "loop-detect intf_num: 4, loop_num=2");
@@ -359,7 +359,7 @@ TEST(PortEvents, PortDeletedAndAddedAtOnceIsANewPortThatIsStillHeld) {
     EXPECT_EQ(table_line(rig), "loop-detect intf_num: 4, loop_num=1");
 }
 
-// ---- Ports that come ----
+// ---- Ports that appear ----
 
 TEST(PortEvents, SamePortAddedTwiceIsOnePort) {
     SwitchRig rig(four_ports());
@@ -368,7 +368,7 @@ TEST(PortEvents, SamePortAddedTwiceIsOnePort) {
     rig.on_main([] {
         PortModel& ports = platform().ports();
         const Port again = *ports.find(3);
-        ports.port_added(again);  // as a driver does that reads its switch anew
+        ports.port_added(again);  // as by a driver that reads its switch again
     });
     EXPECT_EQ(table_line(rig), "loop-detect intf_num: 4, loop_num=0");
     EXPECT_EQ(rig.take_executed(), Lines{});

@@ -1,4 +1,4 @@
-// The saved configuration: what it holds while ports are shut, and what comes of it after a start.
+// The saved configuration: its content while ports are shut, and its effect at a start.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -139,7 +139,7 @@ TEST(SavedConfiguration, PortThatComesLaterIsMarkedWhenItAppears) {
     EXPECT_EQ(rig.take_log(),
               Lines{"CLI-3-REPLAY: " + rig.saved_file().string() +
                     ": line 2: interface swp9 does not exist; its lines wait for it."});
-    rig.advance(10s);  // nothing is left to be generated
+    rig.advance(10s);  // nothing is left to generate
     rig.trace();
     rig.type("test port add swp9");
     EXPECT_EQ(rig.take_executed(),

@@ -1,4 +1,4 @@
-// The storm commands as an operator types them: bounds, prefixes, and what is saved and replayed.
+// The storm commands as an operator types them: bounds, prefixes, saving and replay.
 #include <gtest/gtest.h>
 
 #include "storm_detect.h"

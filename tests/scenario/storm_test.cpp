@@ -6,6 +6,7 @@
 #include "storm_detect.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
+#include "tests/support/golden/golden.h"
 
 namespace qv::test {
 namespace {
@@ -18,7 +19,7 @@ SwitchRig::Options with_ports(unsigned ports) {
     return options;
 }
 
-// The rows of "debug lda storm-detect", columns parted by one blank.
+// The rows of "debug lda storm-detect", columns separated by one blank.
 Lines records(SwitchRig& rig) {
     std::istringstream table(rig.type("debug lda storm-detect"));
     std::string row;
@@ -65,7 +66,8 @@ TEST(Storm, IsJudgedAtTheThirdPollShutRecoveredAndForgotten) {
               (Lines{notified("swp1", "2", "1", "1"), notified("swp1", "1", "1", "1")}));
     EXPECT_EQ(rig.section("swp1"), kShut);
 
-    // Shut, the port is quiet: ten polls later the storm is over, the port waits for its time.
+    // The port is shut and quiet: ten polls later the storm is over, and the port waits for its
+    // recovery.
     rig.advance(36s);
     EXPECT_EQ(records(rig), Lines{"1 swp1 1 8000 1024 150000 9600000 0 9 0 13 loop"});
     rig.advance(4s);
@@ -122,7 +124,7 @@ TEST(Storm, RateChangedInItsMiddleEndsTheLoopAndItIsJudgedAnew) {
     EXPECT_EQ(records(rig), Lines{"1 swp1 1 1000 32 340000 21760000 1 0 0 1 normal"});
     rig.advance(8s);
     EXPECT_EQ(records(rig), Lines{"1 swp1 1 1000 32 500000 32000000 3 0 0 3 loop"});
-    // A known loop: its end was taken back before the clear interval was over.
+    // A known loop: it returned before the clear interval was over.
     EXPECT_EQ(rig.take_log(), Lines{});
     rig.advance(120s);
     EXPECT_EQ(rig.take_log(), Lines{});
@@ -214,7 +216,7 @@ TEST(Storm, PortThatHearsItselfIsFoundByTheProbesAlone) {
 
 // ---- Rules that fail ----
 
-// A port that the operator watches, typed while the plane is prepared to fail.
+// Types detection on a port while the plane is scripted to fail.
 struct StormRuleFailure : testing::Test {
     SwitchRig rig{with_ports(1)};
 
@@ -226,20 +228,6 @@ struct StormRuleFailure : testing::Test {
     }
 };
 
-const Lines kSharedRuleRefused = traced({
-    "<storm_install_on_acl_success> aclid:0x0, acl_app:loop_detection_app",
-    "<storm_install_on_ace_success> aclid:0x0, acl_app:loop_detection_app",
-    "<storm_install_on_apply_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
-    "<storm_del_storm_fp> phyid: 0x0",
-    "<std_acl_unapply> phyid: 0x0, aclid: 0x0",
-    "<std_ace_entry_delete> del_ace, acl_id:0x0, acl_app:loop_detection_app",
-    "<std_acl_delete> aclid 0x0",
-    // No port has the number 0.
-    "LDA-6-ERROR: <storm_install_on_apply_failed> rv: 2, acl_key->acl_id: 0x0",
-    "<storm_install_on_acl_success> aclid:0x1, acl_app:loop_detection_app",
-    "<storm_install_on_ace_success> aclid:0x1, acl_app:loop_detection_app",
-});
-
 const Lines kPortWatched = {"storm-loop-detect enable", "storm-loop-rate ratelimit 5000"};
 
 TEST_F(StormRuleFailure, FailedApplyTakesThePortOutOfDetection) {
@@ -248,22 +236,7 @@ TEST_F(StormRuleFailure, FailedApplyTakesThePortOutOfDetection) {
     EXPECT_EQ(rig.section("swp1"), kPortWatched);
     rig.take_log();
     rig.advance(1s);
-    EXPECT_EQ(joined(rig.take_log()),
-              joined(together({
-                  kSharedRuleRefused,
-                  traced({
-                      "<storm_install_on_apply_failed> aclid:0x1, acl_app:loop_detection_app, "
-                      "err:28",
-                      "<storm_del_storm_fp> phyid: 0x1",
-                      "<std_acl_unapply> phyid: 0x1, aclid: 0x1",
-                      "<std_ace_entry_delete> del_ace, acl_id:0x1, acl_app:loop_detection_app",
-                      "<std_acl_delete> aclid 0x1",
-                      "<storm_del_list> enter ifx 1",
-                      "<storm_del_list> release storm_ifx_info",
-                      "<storm_del_list> release storm_rate_info",
-                      "<storm_del_list> exit",
-                  }),
-              })));
+    expect_golden("storm/port_rule_refused", rig.take_log());
     EXPECT_EQ(rig.section("swp1"), Lines{});
     EXPECT_EQ(records(rig), Lines{});
     EXPECT_EQ(storm_port_num, 0U);
@@ -273,11 +246,7 @@ TEST_F(StormRuleFailure, FailedSharedRuleTakesNoPortOut) {
     rig.type("test forwarding fail apply 1");
     watch();
     rig.advance(1s);
-    EXPECT_EQ(joined(rig.take_log()), joined(together({
-                                          kSharedRuleRefused,
-                                          traced({"<storm_install_on_apply_success> aclid:0x1, "
-                                                  "acl_app:loop_detection_app"}),
-                                      })));
+    expect_golden("storm/shared_rule_refused", rig.take_log());
     EXPECT_EQ(rig.section("swp1"), kPortWatched);
     rig.type({"debug lda syslog level 0", "test storm swp1 10000"});
     rig.forget();
@@ -291,26 +260,7 @@ TEST_F(StormRuleFailure, RuleFailsWithItsAcl) {
     rig.type("test forwarding fail acl 2");
     watch();
     rig.advance(1s);
-    EXPECT_EQ(joined(rig.take_log()),
-              joined(traced({
-                  "<storm_install_on_acl_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
-                  "<storm_install_on_apply_failed> aclid:0x0, acl_app:loop_detection_app, err:28",
-                  "<storm_del_storm_fp> phyid: 0x0",
-                  "<std_acl_unapply> phyid: 0x0, aclid: 0x0",
-                  "<std_ace_entry_delete> del_ace, acl_id:0x0, acl_app:loop_detection_app",
-                  "<std_acl_delete> aclid 0x0",
-                  "LDA-6-ERROR: <storm_install_on_apply_failed> rv: 2, acl_key->acl_id: 0x0",
-                  "<storm_install_on_acl_failed> aclid:0x1, acl_app:loop_detection_app, err:28",
-                  "<storm_install_on_apply_failed> aclid:0x1, acl_app:loop_detection_app, err:28",
-                  "<storm_del_storm_fp> phyid: 0x1",
-                  "<std_acl_unapply> phyid: 0x1, aclid: 0x1",
-                  "<std_ace_entry_delete> del_ace, acl_id:0x1, acl_app:loop_detection_app",
-                  "<std_acl_delete> aclid 0x1",
-                  "<storm_del_list> enter ifx 1",
-                  "<storm_del_list> release storm_ifx_info",
-                  "<storm_del_list> release storm_rate_info",
-                  "<storm_del_list> exit",
-              })));
+    expect_golden("storm/acl_refused", rig.take_log());
     EXPECT_EQ(rig.section("swp1"), Lines{});
     EXPECT_EQ(storm_port_num, 0U);
 }
@@ -349,7 +299,7 @@ TEST_F(StormRuleFailure, RuleThatIsLostInALoopEndsIt) {
     EXPECT_EQ(rig.take_log(), Lines{});
     rig.advance(1s);
     EXPECT_EQ(rig.take_log(), kRecovered);
-    // Typed again, the port is watched again.
+    // Typing it again watches the port again.
     rig.type({"configure terminal", "interface swp1", "storm-loop-detect enable"});
     rig.advance(17s);
     EXPECT_EQ(rig.take_log(), kFound);

@@ -30,8 +30,8 @@ extern "C" int __real_cli_execute_cmd_buf_fd(int, const char*, const cli_mode*, 
 extern "C" int __real_cli_client_c2p_reform();
 extern "C" int __real_cli_syn_config_notify();
 
-// Only the delivery thread waits here, and only when it has nothing to do. So the rig knows that
-// the agent is idle when it sees this call.
+// Only the delivery thread calls this, and only when it has nothing to do. So the call shows the
+// rig that the agent is idle.
 extern "C" int __real_pthread_cond_timedwait(pthread_cond_t*, pthread_mutex_t*, const timespec*);
 
 namespace {
@@ -73,7 +73,7 @@ bool delivery_is_idle() {
     return idle;
 }
 
-// Lines that grow on any thread and are taken by the test.
+// Lines that any thread adds and the test takes.
 struct Lines {
     qv::Mutex mutex;
     std::vector<std::string> lines GUARDED_BY(mutex);
@@ -160,7 +160,7 @@ class SwitchRig::Log final : public SystemLog {
     Lines delivery;
 };
 
-// The described platform, with a word to the test when its loop and its store have been made.
+// The described platform; calls the test when its loop and its store have been made.
 class SwitchRig::ObservedPlatform final : public Platform {
  public:
     ObservedPlatform(std::unique_ptr<Platform> inner, std::function<void(MemoryStore&)> store_made)
@@ -237,7 +237,7 @@ void SwitchRig::run_agent() {
     EXPECT_EQ(status, -1);
 }
 
-// The main loop has nothing to do. True: look again.
+// Called when the main loop has nothing to do. True: look again.
 bool SwitchRig::idle() {
     gate().set_loop(&platform_->loop());
     if (!delivery_is_idle()) {
@@ -324,7 +324,7 @@ std::vector<std::string> SwitchRig::take_notifications() {
     std::vector<std::string> lines;
     on_main([&] {
         const std::vector<SentNotification> all = recent_notifications();
-        // The ring forgets the oldest: a test takes its notifications before that.
+        // The ring drops the oldest: a test must take its notifications before that.
         for (size_t i = notifications_taken_; i < all.size(); ++i) {
             std::string line;
             for (const SentLeaf& leaf : all[i].leaves) {

@@ -1,10 +1,9 @@
 // A whole switch with its agent in one process, in virtual time.
 //
-// The agent runs as in the product: its own main() on a thread of its own, its delivery thread, the
+// The agent runs as in the product: its own main() on another thread, its delivery thread, the
 // client libraries, the embedded switch, the store in memory. The test is the operator and the
-// clock. The two take turns: a call below runs the agent until nothing is left to do - main loop
-// idle and delivery thread waiting for work - and only then returns, so a test never waits and
-// never races.
+// clock. The two alternate: a call below returns only when the agent has nothing left to do - main
+// loop idle and delivery thread waiting for work - so a test never waits and never races.
 //
 // One rig for each process, since the agent's state is global.
 #pragma once
@@ -49,7 +48,7 @@ class SwitchRig {
     // Types a line in the operator's session and returns what it prints. The session keeps its
     // mode.
     std::string type(std::string_view line);
-    // Several lines, one after the other; the output of all.
+    // Types several lines and returns their whole output.
     std::string type(std::initializer_list<std::string_view> lines);
 
     // Lets time pass; every timer runs at its own time.
@@ -58,12 +57,13 @@ class SwitchRig {
     // Runs `job` on the agent's main thread.
     void on_main(std::function<void()> job);
 
-    // Enters "loop-detect enable" and `words`, lets a second pass and forgets what that caused.
+    // Enters "loop-detect enable" and `words`, lets a second pass and drops the records of it.
     void set_policy(std::string_view words);
 
-    // Has the agent write its INFO lines into the system log, without end, and forgets the past.
+    // Makes the agent write its INFO lines to the system log, without a budget, and drops earlier
+    // records.
     void trace();
-    // Forgets what was logged, executed, announced and notified so far.
+    // Drops the records of messages, lines, announcements and notifications so far.
     void forget();
 
     // System log messages of the agent's main thread since the last call, as
@@ -72,7 +72,8 @@ class SwitchRig {
     std::vector<std::string> take_log();
     std::vector<std::string> take_delivery_log();
     // Command lines that the agent has executed since the last call: "config: LINE" or
-    // "interface INDEX: LINE" with the line's own end; behind "inline " those of the main thread.
+    // "interface INDEX: LINE" with the line's own end; those of the main thread begin with "inline
+    // ".
     std::vector<std::string> take_executed();
     // Calls since the last call: "reform" asks for the running configuration to be generated again,
     // "announce" says that it has changed.
@@ -83,23 +84,23 @@ class SwitchRig {
     // The published loop entry of a port, "policy=P src_port=S"; "none" when there is none.
     std::string entry(std::string_view port);
 
-    // The running configuration, whatever mode the operator is in.
+    // The running configuration, in any mode of the operator.
     std::string running_config();
     // The section of a port in the running configuration, one line each, without its indentation.
     std::vector<std::string> section(std::string_view port);
     // Whether a line is in the global part.
     bool configured(std::string_view line);
 
-    // A probe report as the peer protocol sets it.
+    // Sets a probe report as the peer protocol does.
     void report(uint32_t ifx, uint32_t is_loop, uint32_t src_ifx);
 
     // The policy record in the configuration database, -1 when there is none.
     int stored_policy();
 
-    // A record as another program writes it: packed under its key, with a notice.
+    // Writes a record as another program does: packed under its key, with a notice.
     void put(uint32_t db, const ProtobufCMessage& record);
 
-    // Main thread, or while the agent rests.
+    // On the main thread, or while the agent is idle.
     MemoryStore& store();
     const std::filesystem::path& folder() const { return folder_; }
     std::filesystem::path saved_file() const { return folder_ / "startup.cfg"; }
@@ -120,7 +121,7 @@ class SwitchRig {
     Log* log_;
     size_t notifications_taken_ = 0;
     cli::SessionState session_;
-    Time deadline_{};            // where advance() wants the clock to be
+    Time deadline_{};            // end of the running advance()
     std::function<void()> job_;  // for the agent's main thread
     std::binary_semaphore agents_turn_{0};
     std::binary_semaphore tests_turn_{0};

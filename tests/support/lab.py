@@ -7,8 +7,7 @@ Everything lives in one temporary folder and ends with the `with` block:
         lab.start_agent()
         lab.cli("show loop-detect")
 
-Programs are taken from build/dev, or from the folder named in LDA_BUILD. Root is needed for the Linux
-switch only.
+Programs are taken from build/dev, or from the folder named in LDA_BUILD. Only the Linux switch needs root.
 """
 
 import contextlib
@@ -68,7 +67,7 @@ def run(*command, **options):
 
 @contextlib.contextmanager
 def within(namespace):
-    """Has this thread in a network namespace; sockets that it opens there stay inside."""
+    """Moves this thread into a network namespace; sockets that it opens there stay inside."""
     libc = ctypes.CDLL(None, use_errno=True)
     with open("/proc/thread-self/ns/net") as home, open(f"/run/netns/{namespace}") as inside:
         if libc.setns(inside.fileno(), CLONE_NEWNET) != 0:
@@ -185,7 +184,7 @@ class Lab:
         return redis.Redis(unix_socket_path=str(self.redis_socket), db=number)
 
     def set_record(self, database, kind, key, record):
-        """Stores a record and tells the subscribers, as docs/object-database.md says."""
+        """Stores a record and notifies the subscribers, as docs/object-database.md says."""
         packed = record if isinstance(record, bytes) else record.SerializeToString()
         with self.database(database).pipeline(transaction=True) as pipe:
             pipe.set(f"{kind}/{key}", packed)
@@ -201,7 +200,7 @@ class Lab:
         self.set_record(APP_DB, "p_bridge.tarn_loop_info", f"ifx={index}", record)
 
     def report_loops(self, ports):
-        """Sets the records of all `ports`, given like that of report_loop, at once: each sees its own probes."""
+        """Sets the records of all `ports`, named as for report_loop, at once: each sees its own probes."""
         records = []
         for port in ports:
             index = port if isinstance(port, int) else self.ifindex(port)
@@ -223,11 +222,11 @@ class Lab:
     # ---- agent ----
 
     def inside(self, *command):
-        """What a command prints that runs in the network namespace."""
+        """The output of a command that runs in the network namespace."""
         return run("ip", "netns", "exec", self.namespace, *command)
 
     def start_agent(self, wait=True, through=()):
-        """`through` is a command that the agent's own is appended to, such as setpriv(1)."""
+        """`through` is a command that runs the agent's command line, such as setpriv(1)."""
         prefix = ["ip", "netns", "exec", self.namespace] if self.namespace else []
         self.agent = subprocess.Popen([*prefix, *through, str(BUILD / "platform" / "lda")],
                                       env={**os.environ, "LDA_PLATFORM": str(self.platform_file)},
@@ -267,7 +266,7 @@ class Lab:
         return self.startup_config.read_text() if self.startup_config.exists() else ""
 
     def log(self):
-        """What the agent's system log shows."""
+        """The agent's system log."""
         if self.switch == "linux":
             return self.cli("show logging")
         return self.agent_log.read_text(errors="replace")

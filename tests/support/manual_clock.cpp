@@ -7,12 +7,12 @@
 namespace qv::test {
 namespace {
 
-// An arbitrary start that is not zero, as on a machine that has been up for a while.
+// An arbitrary start other than zero, as on a machine that has been up for a while.
 constexpr Time kStart{std::chrono::hours(1000)};
 
 struct Idle {};
 
-// More than any test has to do at once.
+// More work than any test has at once.
 constexpr int kEndless = 100'000;
 
 }  // namespace

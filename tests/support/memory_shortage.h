@@ -1,4 +1,4 @@
-// Takes the memory away from the product's own code: for executables that are linked with
+// Makes the product's own allocations fail: for executables that are linked with
 // --wrap=_Znwm, which is operator new(size_t).
 #pragma once
 
@@ -6,7 +6,7 @@ namespace qv::test {
 
 extern thread_local bool g_memory_is_short;
 
-// The result of `call` when no operator new of it succeeds.
+// The result of `call` when every operator new in it fails.
 template <typename Call>
 auto without_memory(Call call) {
     struct Shortage {

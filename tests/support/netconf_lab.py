@@ -50,14 +50,14 @@ def set_policy(session, policy, operation=None, **options):
 
 
 def refusal(call, *arguments, **options):
-    """The RPCError that a call of ncclient ends with."""
+    """The RPCError that a call of ncclient raises."""
     with pytest.raises(RPCError) as caught:
         call(*arguments, **options)
     return caught.value
 
 
 def make_privilege_folder():
-    """An sshd that root runs wants this folder."""
+    """An sshd run by root needs this folder."""
     if os.geteuid() == 0:
         pathlib.Path("/run/sshd").mkdir(mode=0o755, exist_ok=True)
 
@@ -69,7 +69,7 @@ def free_port():
 
 
 class Front:
-    """A private sshd on a port of the loopback with keys of its own, whose subsystem is lda-netconf."""
+    """A private sshd on a loopback port, with its own keys and lda-netconf as its subsystem."""
 
     def __init__(self, lab):
         self.lab = lab
@@ -117,7 +117,7 @@ class Front:
         try:
             yield session
         finally:
-            # A session that was killed has no more to close.
+            # A killed session has nothing left to close.
             with contextlib.suppress(SessionCloseError, OSError):
                 if session.connected:
                     session.close_session()
@@ -130,7 +130,7 @@ class Front:
 
 
 class RawSession:
-    """The program with pipes, for what a decent client does not do. `hello` False leaves it unsent."""
+    """The program on pipes, for things that a correct client does not do. Without `hello` none is sent."""
 
     def __init__(self, command, log_file, hello=True):
         self.errors = open(log_file, "ab")
@@ -177,7 +177,7 @@ class RawSession:
         return text.decode()
 
     def message_of_the_first_version(self):
-        """The next message in the framing of base:1.0, which the hello has in any case."""
+        """The next message in the framing of base:1.0, which every hello has."""
         return self._until(b"]]>]]>", 10).decode()
 
     def _until(self, end, timeout):

@@ -1,5 +1,5 @@
-// A real redis-server of a test's own: private Unix socket in a temporary directory, no TCP port,
-// every write on disk at once so that a killed server comes back with its records.
+// A real redis-server for one test: private Unix socket in a temporary directory, no TCP port,
+// every write on disk at once so that a killed server restarts with its records.
 #pragma once
 
 #include <sys/types.h>
@@ -20,12 +20,12 @@ class RedisServer {
 
     void start(unsigned databases = 32);  // returns when it answers
     void kill();
-    void forget() const;  // once killed: what it has written to disk
+    void forget() const;  // once killed: deletes what it has written to disk
     void freeze();        // answers nothing until kill()
     const std::string& socket() const { return socket_; }
 
-    // Runs a command in database `db` as another program would. The elements of the answer; a nil
-    // is an empty list. Throws std::runtime_error with the server's error.
+    // Runs a command in database `db` as another program would. Returns the elements of the answer;
+    // a nil is an empty list. Throws std::runtime_error with the server's error.
     std::vector<std::string> run(unsigned db, const std::vector<std::string>& words) const;
 
  private:

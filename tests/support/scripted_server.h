@@ -1,4 +1,4 @@
-// A server whose every byte the test writes, on a Unix socket of its own; it never waits, so that
+// A server on its own Unix socket, whose every byte the test writes; it never waits, so that
 // it can share a thread and a manual clock with the client.
 #pragma once
 
@@ -31,7 +31,7 @@ class ScriptedServer {
     ScriptedServer& operator=(const ScriptedServer&) = delete;
 
     const std::string& path() const { return path_; }
-    // Those that have connected since the last call, in order.
+    // Returns those that have connected since the last call, in order.
     std::vector<Peer> accept();
 
  private:

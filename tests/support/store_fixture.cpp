@@ -214,7 +214,7 @@ void Store::SetUp() {
     ASSERT_NE(client, nullptr);
 }
 
-// The client stays, as clients do, but nothing runs it any more.
+// The client stays, as all clients do, but its loop is gone.
 void Store::TearDown() {
     qv_thread_master_finish(master);
 }

@@ -99,11 +99,11 @@ class Store : public testing::TestWithParam<std::string_view> {
 
     // Opens `db` with all three callbacks and waits for the first.
     void open(uint32_t db);
-    // Waits until all that was asked for has arrived, by way of a message sent after it.
+    // Waits until everything requested has arrived, by means of a message sent after it.
     void settle();
-    // Waits until the last thing heard is `line`.
+    // Waits until the last recorded call is `line`.
     void expect_heard(const std::string& line);
-    Lines take_heard();  // and forgets it
+    Lines take_heard();  // and drops them
 
     qv::test::TestPlatform platform;
     SkippingClock clock;  // of the loop, when the store is a real server

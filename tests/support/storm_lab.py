@@ -1,7 +1,7 @@
-"""Storms in the kernel: loops outside the switch, hosts that talk, and what both cost the machine.
+"""Storms in the kernel: loops outside the switch, hosts that talk, and the cost of both.
 
-The traffic is bounded: an outside ring is slowed down by the queue at its cable, and what goes round between two
-ports of the switch ends with the agent's meter or with `unplug`.
+The traffic is bounded: the queue at its cable slows down an outside ring, and a loop between two ports of the
+switch ends with the agent's meter or with `unplug`.
 """
 
 import concurrent.futures
@@ -33,9 +33,9 @@ for _ in range(int(sys.argv[2])):
     time.sleep(float(sys.argv[3]))
 """
 
-# Pairs of hosts that talk to each other, one at each of two devices: names of the devices, number of pairs,
-# how many of them talk at a time, for how many seconds they do before it is the turn of the next ones, frames
-# a second out of each device, seconds in all.
+# Pairs of hosts that talk to each other, one at each of two devices: names of the devices, number
+# of pairs, how many of them talk at a time, seconds before the next ones talk, frames per second
+# out of each device, seconds in all.
 HOSTS = """
 import socket, sys, time
 pairs, at_a_time = int(sys.argv[3]), int(sys.argv[4])
@@ -61,7 +61,7 @@ while (now := time.monotonic()) < started + seconds:
     time.sleep(0.005)
 """
 
-# Keeps one processor busy with the lowest priority there is, for a minute at most.
+# Keeps one processor busy at the lowest priority, for a minute at most.
 SPIN = """
 import os, time
 os.sched_setscheduler(0, os.SCHED_IDLE, os.sched_param(0))
@@ -70,7 +70,7 @@ while time.monotonic() < end:
     pass
 """
 
-# The columns of "debug lda storm-detect" behind the name of the port; the last one is a word.
+# The columns of "debug lda storm-detect" after the name of the port; the last one is a word.
 RECORD = ("phyid", "rate", "burst", "packet_count", "byte_count", "flow_over_times", "unloop_times", "poll_times",
           "timer_notify", "is_loop")
 
@@ -93,10 +93,10 @@ class Program:
 
 @contextlib.contextmanager
 def no_idling():
-    """While the `with` block lasts no processor idles, though everything else goes first.
+    """Keeps all processors busy, at the lowest priority, while the `with` block lasts.
 
-    An idle one stops its tick, and the kernel accounts only whole ticks: what an idle processor does for
-    interrupts would hardly be seen, and what a busy one does would.
+    An idle processor stops its tick, and the kernel accounts only whole ticks: it would hardly count interrupts
+    on an idle processor, but would count them on a busy one.
     """
     with contextlib.ExitStack() as spinning:
         for _ in range(os.cpu_count()):
@@ -105,18 +105,18 @@ def no_idling():
 
 
 def softirq_seconds():
-    """What all processors have spent on interrupts and what they lead to: that is where frames go from device
-    to device, whoever sends them. Within no_idling()."""
+    """Time that all processors have spent on soft interrupts, in which frames go from device to device. Call it
+    within no_idling()."""
     fields = pathlib.Path("/proc/stat").read_text().split("\n", 1)[0].split()
     return (int(fields[6]) + int(fields[7])) / os.sysconf("SC_CLK_TCK")
 
 
 @dataclasses.dataclass
 class Growth:
-    """By how much a reading grows in a second."""
+    """The growth of a reading in a second."""
 
     average: float
-    usual: float  # the median of all seconds: what else the machine does adds to a load in some of them
+    usual: float  # the median of all seconds, because other work adds to some of them
 
 
 def measure(seconds, **readings):
@@ -137,7 +137,7 @@ def measure(seconds, **readings):
 
 
 def at_once(*tests):
-    """Runs tests that wait most of the time, each with a laboratory of its own; the failure of any is a failure."""
+    """Runs tests that mostly wait in parallel, each with its own laboratory; any failure is a failure."""
     with concurrent.futures.ThreadPoolExecutor(len(tests)) as pool:
         for done in [pool.submit(test) for test in tests]:
             done.result()
@@ -179,7 +179,7 @@ class StormLab(Lab):
         wait_for(lambda: len(self.chains()) == len(self.port_names), 30, "every port has a rule", every=0.1)
 
     def storm_records(self, output=None):
-        """What the agent counts and judges, by port; from a command's output, or asked for."""
+        """The agent's storm records, by port; from a command's output, or from the agent."""
         lines = (output or self.cli("debug lda storm-detect")).splitlines()
         header = next(number for number, line in enumerate(lines) if line.startswith("ifx "))
         records = {}
@@ -197,7 +197,7 @@ class StormLab(Lab):
     # ---- the kernel ----
 
     def _counters(self, device):
-        """Read without a program, for which a storm leaves little time."""
+        """Read without a new process, because a storm leaves little time for one."""
         for line in pathlib.Path(f"/proc/{self.agent.pid}/net/dev").read_text().splitlines():
             name, _, numbers = line.partition(":")
             if name.strip() == device:
@@ -205,15 +205,15 @@ class StormLab(Lab):
         raise AssertionError(f"no device {device}")
 
     def received(self, device):
-        """Frames that came in, those included that a rule then dropped."""
+        """Frames received, including those that a rule then dropped."""
         return self._counters(device)[1]
 
     def sent(self, device):
-        """Frames that were put out: on a port, by the bridge."""
+        """Frames sent: on a port, by the bridge."""
         return self._counters(device)[9]
 
     def _listed_chains(self):
-        """Of everybody's chains that have a device: family and table, name, device."""
+        """All chains with a device, of any program: family and table, name, device."""
         table = name = None
         for line in self.inside("nft", "list", "chains").splitlines():
             words = line.split()
@@ -233,7 +233,7 @@ class StormLab(Lab):
         return self.inside("nft", "list", "chain", "netdev", "lda", self.chains()[device])
 
     def rules(self):
-        """Devices that have a chain, once for each of anybody's chains."""
+        """Devices that have a chain, once for each chain of any program."""
         return sorted(device for _, _, device in self._listed_chains())
 
     def ruleset(self):
@@ -252,13 +252,13 @@ class StormLab(Lab):
         return Program("ip", "netns", "exec", self.namespace, sys.executable, "-c", script, *map(str, arguments))
 
     def known(self):
-        """The addresses that the agent takes for known, as they are printed."""
+        """The addresses that the agent regards as known, as printed."""
         listing = self.inside("nft", "list", "set", "netdev", "lda", "fdb")
         return set(re.findall(r"(?:[0-9a-f]{2}:){5}[0-9a-f]{2}", listing))
 
     @contextlib.contextmanager
     def watch_addresses(self):
-        """Gives a function for the lines in which bridge(8) tells what the bridges have learned and forgotten."""
+        """Returns a function that returns bridge(8)'s lines about learned and expired addresses."""
         report = self.folder / "addresses"
         with report.open("w") as output, Program("bridge", "-n", self.namespace, "monitor", "fdb", stdout=output):
             yield lambda: report.read_text().splitlines()
@@ -266,7 +266,7 @@ class StormLab(Lab):
     # ---- loops ----
 
     def make_outside(self):
-        """Another bridge, that ports can be plugged into; two of them make a ring."""
+        """Another bridge that ports can be plugged into; two of them make a ring."""
         self.ip("link", "add", "outside", "type", "bridge")
         self.ip("link", "set", "outside", "up")
 
@@ -286,7 +286,8 @@ class StormLab(Lab):
         self.ip("link", "add", "name", "turn", "type", "veth", "peer", "name", "return")
         for end in ("turn", "return"):
             self.ip("link", "set", end, "master", "outside", "up")
-        # They go one way only, and through a queue for frames of 60 bytes, which is never empty again.
+        # The frames go one way only, through a queue for frames of 60 bytes, which is never empty
+        # again.
         run("bridge", "-n", self.namespace, "link", "set", "dev", "return", "flood", "off", "mcast_flood", "off",
             "bcast_flood", "off")
         run("tc", "-n", self.namespace, "qdisc", "replace", "dev", "turn", "root", "tbf", "rate",

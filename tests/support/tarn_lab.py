@@ -1,4 +1,4 @@
-"""A switch with loop probes and what can be plugged into it.
+"""A switch with loop probes, and the things to plug into it.
 
 The traffic is bounded: every cable that closes a loop passes some thousand frames a second at most, and a timer
 pulls it if the test does not.
@@ -17,9 +17,21 @@ LONGEST_LOOP_S = 40
 CABLE = ("rate", "4mbit", "burst", "3000", "limit", "6000")  # of tc(8)
 
 
+@contextlib.contextmanager
+def in_time(open_loop):
+    """Calls `open_loop` when the block takes longer than a loop may last."""
+    end = threading.Timer(LONGEST_LOOP_S, open_loop)
+    end.start()
+    try:
+        yield
+    finally:
+        end.cancel()
+        end.join()
+
 
 class TarnLab(StormLab):
-    """A switch with its agent, where tarnd can be started. `cable`: how fast one is, for tc(8); None: no limit."""
+    """A switch with its agent, where tarnd can be started. `cable`: the speed of a cable, for tc(8); None: no
+    limit."""
 
     def __init__(self, ports=4, cable=CABLE):
         super().__init__(ports)
@@ -54,7 +66,7 @@ class TarnLab(StormLab):
         return None
 
     def enable(self, *policy):
-        """Loop detection with this policy, and wait until every port's record says that it is probed."""
+        """Enables loop detection with this policy, and waits until every port's record says that it is probed."""
         self.configure(" ".join(["loop-detect enable", *policy]))
         wait_for(lambda: len(self.watched_ports()) == len(self.port_names), 20, "every port is watched")
 
@@ -82,7 +94,7 @@ class TarnLab(StormLab):
         return run("ip", "netns", "exec", self.remote_namespace, *command)
 
     def cuts(self):
-        """The ports that tarnd has cut and nobody has taken over, as its journal says."""
+        """The ports that tarnd has cut and nobody has taken over, according to its journal."""
         slots = (self.folder / "tarn" / "cuts").read_bytes()[64:]
         return [slots[at:at + 4] for at in range(0, len(slots), 4) if any(slots[at:at + 4])]
 
@@ -93,7 +105,7 @@ class TarnLab(StormLab):
         self.remote("ip", "link", "set", f"{port}-far", "nomaster")
 
     def make_remote(self):
-        """A namespace for what the ports are connected to."""
+        """Makes a namespace for the devices that the ports are connected to."""
         run("ip", "netns", "add", self.remote_namespace)
         self.remote("sh", "-c", "echo 1 > /proc/sys/net/ipv6/conf/default/disable_ipv6")
 
@@ -101,14 +113,14 @@ class TarnLab(StormLab):
         subprocess.run(["ip", "netns", "delete", self.remote_namespace], check=False, stderr=subprocess.DEVNULL)
 
     def move_out(self, port, up=True):
-        """The far end of a port, with a slow cable, goes to the other namespace."""
+        """Moves the far end of a port, with a slow cable, to the other namespace."""
         self.ip("link", "set", f"{port}-far", "netns", self.remote_namespace)
         self.slow_down(f"{port}-far")
         if up:
             self.remote("ip", "link", "set", f"{port}-far", "up")
 
     def slow_down(self, device):
-        """What leaves by this device of the other namespace does so at the speed of a cable."""
+        """Limits this device of the other namespace to the speed of a cable."""
         if self.cable:
             self.remote("tc", "qdisc", "replace", "dev", device, "root", "tbf", *self.cable)
 
@@ -132,13 +144,25 @@ class TarnLab(StormLab):
         for port in ports:
             self.move_out(port)
         self.wait_links(*ports)
-        end = threading.Timer(LONGEST_LOOP_S, lambda: [self.unplug(port) for port in ports])
-        end.start()
         try:
-            yield
+            with in_time(lambda: [self.unplug(port) for port in ports]):
+                yield
         finally:
-            end.cancel()
-            end.join()
             for port in ports:
                 with contextlib.suppress(subprocess.CalledProcessError):
                     self.unplug(port)
+
+    @contextlib.contextmanager
+    def looped(self, *ports):
+        """A loop of these ports through another machine's bridge."""
+        with self.slow_outside(*ports):
+            for port in ports:
+                self.plug(port)
+            yield
+
+    @contextlib.contextmanager
+    def reflected(self, port):
+        """A bridge of another machine that sends the frames of the port back to it."""
+        with self.looped(port):
+            self.remote("bridge", "link", "set", "dev", f"{port}-far", "hairpin", "on")
+            yield

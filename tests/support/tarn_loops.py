@@ -1,6 +1,6 @@
 """Loops to plug into a switch, each with the ports that it needs, and traffic that shows a storm.
 
-The far ends of the ports lie in a namespace of their own, so that nothing but cables leads from one port to another.
+The far ends of the ports are in a separate namespace, so that only cables connect one port to another.
 A loop is built unplugged; plug() and unplug() can be called again and again. A timer pulls what stays plugged.
 """
 
@@ -19,7 +19,8 @@ ETHER_TYPE = 0x88B6
 SOL_PACKET, PACKET_STATISTICS = 263, 6
 BPDU = "01:80:c2:00:00:00"
 
-# Carries frames between two devices in both directions, each after so many seconds, the third argument.
+# Carries frames between two devices in both directions, each after as many seconds as the third
+# argument says.
 DELAY_LINE = """
 import collections, select, socket, sys, time
 ends = [socket.socket(socket.AF_PACKET, socket.SOCK_RAW) for _ in range(2)]
@@ -47,9 +48,9 @@ while True:
 
 
 class Loop:
-    """`ports` are those of the switch that it goes through; `shut` those that the agent shuts because of it.
+    """`ports` are the switch's ports in the loop; `shut` are those that the agent shuts because of it.
 
-    `carrier`: plugging gives the ports a link, which they do not have before.
+    `carrier`: the ports have a link only while plugged.
     """
 
     ports = ()
@@ -93,7 +94,7 @@ class Loop:
         self.disconnect()
 
     def build(self):
-        """Everything but what plug() does."""
+        """Builds everything that plug() does not."""
 
     def connect(self):
         self.lab.remote_batch(*(f"link set {port}-far up" for port in self.ports))
@@ -102,7 +103,7 @@ class Loop:
         self.lab.remote_batch(*(f"link set {port}-far down" for port in self.ports))
 
     def forward(self, *pairs):
-        """What arrives on the first device of a pair leaves by the second, in the packet filter."""
+        """Makes the packet filter forward frames from the first device of a pair to the second."""
         self.lab.remote("nft", "add table netdev cable;" + "".join(
             f'add chain netdev cable c{number} {{ type filter hook ingress device "{start}" priority 0; }};'
             f'add rule netdev cable c{number} fwd to "{end}";' for number, (start, end) in enumerate(pairs)))
@@ -119,7 +120,7 @@ class Cable(Loop):
 
 
 class Reflection(Loop):
-    """A port that gets back whatever it sends."""
+    """A port that receives its own frames."""
 
     ports = shut = ("swp1",)
     carrier = True
@@ -129,7 +130,7 @@ class Reflection(Loop):
 
 
 class SlowRing(Loop):
-    """A way from one port to another that takes 0.8 ms."""
+    """A path from one port to another that takes 0.8 ms."""
 
     ports = shut = ("swp1", "swp2")
     carrier = True
@@ -158,11 +159,23 @@ class RemoteBridge(Loop):
         self.lab.remote_batch(*(f"link set {port}-far nomaster" for port in self.ports))
 
 
+class OneVlan(RemoteBridge):
+    """Another machine's bridge that passes nothing but frames of one VLAN."""
+
+    vid = 7
+
+    def build(self):
+        super().build()
+        self.lab.remote("nft", "add table netdev trunk;" + "".join(
+            f'add chain netdev trunk {port} {{ type filter hook ingress device "{port}-far" priority 0; policy drop; }};'
+            f"add rule netdev trunk {port} vlan id {self.vid} accept;" for port in self.ports))
+
+
 class ThreePorts(RemoteBridge):
     """Three ports that another machine's bridge connects. The agent may find two of them cut before it shuts all.
 
-    Every frame has two ways on, so all queues are full at once. In queues that drop in step with each other no probe
-    ever finds a place; the ones of a real network are not in step, and here two of five frames are lost at random.
+    Every frame has two paths, so all queues are full at once. If all queues dropped in step, no probe would
+    ever get through; those of a real network are not in step, so here two of five frames are lost at random.
     """
 
     ports = shut = ("swp1", "swp2", "swp5")
@@ -179,7 +192,7 @@ class ThreePorts(RemoteBridge):
 
 
 class DeafHub(RemoteBridge):
-    """A hub between two ports that lets no frames of spanning tree through, which runs on the switch."""
+    """A hub between two ports that drops spanning-tree frames, while the switch runs spanning tree."""
 
     def build(self):
         super().build()
@@ -218,16 +231,17 @@ KINDS = {"cable": Cable, "remote-bridge": RemoteBridge, "deaf-hub": DeafHub, "lo
 class Traffic:
     """A host behind swp3 that sends broadcasts, and a bystander behind swp4 that counts them.
 
-    Each should arrive once. What arrives beyond that is stray.
+    Each should arrive once; any more are stray.
     """
 
-    def __init__(self, lab, pause=0.01):
+    def __init__(self, lab, pause=0.01, vid=None):
         self.pause = pause
+        self.tag = b"" if vid is None else b"\x81\x00" + vid.to_bytes(2, "big")
         with within(lab.namespace):
             self.source = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
             self.bystander = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, 0)
         self.source.bind(("swp3-far", 0))
-        # It is never read: the kernel counts what it would have queued.
+        # It is never read: the kernel counts the frames that it could not queue.
         self.bystander.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1)
         self.bystander.bind(("swp4-far", ETHER_TYPE))
         self.sent = 0
@@ -246,7 +260,7 @@ class Traffic:
         self.bystander.close()
 
     def _talk(self):
-        frame = bytes.fromhex("ffffffffffff" "02000000aa01" "88b6") + bytes(46)
+        frame = bytes.fromhex("ffffffffffff" "02000000aa01") + self.tag + bytes.fromhex("88b6") + bytes(46)
         while not self.ending.wait(self.pause):
             self.source.send(frame)
             self.sent += 1
@@ -260,11 +274,11 @@ class Traffic:
         return self.received() - self.sent
 
     def wait_calm(self, timeout=10):
-        """Waits until a quarter of a second brings no more than the host has sent; returns the stray frames."""
+        """Waits for a quarter of a second without stray frames; returns the number of stray frames so far."""
         def calm():
             received, sent = self.received(), self.sent
             time.sleep(0.25)
-            # One of them may be under way at either moment.
+            # One frame may be in flight at either moment.
             return 0 < self.received() - received <= self.sent - sent + 1
         wait_for(calm, timeout, "no more frames than were sent arrive, and these do")
         return self.stray()

@@ -1,4 +1,4 @@
-// A directory of a test's own.
+// A directory for one test.
 #pragma once
 
 #include <stdlib.h>
@@ -11,7 +11,7 @@
 
 namespace qv::test {
 
-// A fresh directory, gone with everything in it at the end.
+// Creates a directory, and removes it with its content at the end.
 class TemporaryDirectory {
  public:
     TemporaryDirectory() {

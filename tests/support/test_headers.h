@@ -1,5 +1,5 @@
 // Standard headers that most tests include, and GoogleTest. They are compiled once for all tests; a
-// test includes what it uses all the same.
+// test still includes what it uses.
 #pragma once
 
 #include <gtest/gtest.h>

@@ -1,5 +1,5 @@
 // A small platform for unit tests: manual clock, recorded system log, memory store. A test that
-// needs ports or a forwarding plane puts its own in. It installs itself; one for each process.
+// needs ports or a forwarding plane supplies its own. It installs itself; one for each process.
 #pragma once
 
 #include <string>
@@ -23,7 +23,7 @@ class RecordingLog final : public SystemLog {
     std::vector<std::string> lines_ GUARDED_BY(mutex_);
 };
 
-// Does background work at once, on the loop's thread.
+// Runs background work at once, on the loop's thread.
 class InlineBackground final : public Background {
  public:
     explicit InlineBackground(EventLoop& loop) : loop_(loop) {}
@@ -44,7 +44,7 @@ class TestPlatform final : public Platform {
     void run_for(Duration step);
     void run_ready();
 
-    // To be set before the loop is created, where the defaults do not do.
+    // Set before the loop is created, where the defaults do not fit.
     PlatformConfig settings;
     Clock* clock_in_use = &manual_clock;
     StoreDriver* store_in_use = nullptr;  // null: memory_store()
@@ -55,7 +55,7 @@ class TestPlatform final : public Platform {
     ManualClock manual_clock;
     RecordingLog log;
 
-    // From here on once the loop exists.
+    // The rest can be called once the loop exists.
     MemoryStore& memory_store();
 
     const PlatformConfig& config() const override { return settings; }

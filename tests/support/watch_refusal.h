@@ -1,4 +1,5 @@
-// Lets event loops refuse to watch anything: for executables that are linked with --wrap=event_add.
+// Makes event loops refuse to watch anything: for executables that are linked with
+// --wrap=event_add.
 #pragma once
 
 namespace qv::test {

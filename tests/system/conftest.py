@@ -1,4 +1,4 @@
-"""Shared by the system tests: where the laboratory is, and what they cannot run without."""
+"""Shared by the system tests: the path of the laboratory, and their requirements."""
 
 import os
 import pathlib
@@ -15,7 +15,7 @@ def pytest_configure(config):
 
 
 def _kernel_ports_reason():
-    """Why kernel ports cannot be used here, or None."""
+    """The reason why kernel ports cannot be used here, or None."""
     if os.geteuid() != 0:
         return "needs root for network namespaces"
     probe = subprocess.run(

@@ -11,12 +11,12 @@ from lab import Lab
 
 PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/cli.md"
 PATHS = {"exec": [], "config": ["configure terminal"], "interface": ["configure terminal", "interface swp1"]}
-# Words that begin lines of another mode or form: those lines are looked at in their own.
+# Words that begin lines of another mode or form: those lines are checked there.
 ELSEWHERE = {"exec": {"no"}, "config": {"no", "do", "show"}, "interface": {"no", "do", "show"}}
 
 
 class Session:
-    """A session whose help is asked for, in one mode."""
+    """A session in one mode, for reading its help."""
 
     def __init__(self, lab, mode):
         self.client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
@@ -32,7 +32,7 @@ class Session:
 
     def hints(self, line):
         words = [hint.split()[0] for hint in self.ask(help=line)["output"].splitlines()]
-        # The names of the ports stand beside the slot that they fill.
+        # The names of the ports are listed beside the slot that they fill.
         return [word for word in words if not ("INTERFACE" in words and word.startswith("swp"))]
 
     def close(self):
@@ -52,12 +52,12 @@ def takes_rest(session, line, hint):
 
 
 def crawl(session, line, shown, skipped=frozenset()):
-    """All commands behind `line` as the page would write them; `shown` is how it writes the line so far."""
+    """All commands that begin with `line`, as the page would write them; `shown` is its form of the line so far."""
     commands = set()
     for hint in session.hints(line):
         if hint == "<cr>":
             commands.add(shown)
-        elif hint not in skipped and hint != "|":  # filters have a table of their own
+        elif hint not in skipped and hint != "|":  # filters have their own table
             more = f"{shown} {'WORD' if hint.isupper() else hint.strip('<>')}".strip()
             rest = takes_rest(session, line, hint)
             commands |= {more} if rest else crawl(session, f"{line}{sample(hint)} ", more)
@@ -65,7 +65,7 @@ def crawl(session, line, shown, skipped=frozenset()):
 
 
 def expand(text):
-    """The commands that a text with optional parts stands for."""
+    """The commands described by a text with optional parts."""
     optional = re.search(r" ?\[([^]]*)\]", text)
     if not optional:
         return {re.sub(r"\b[A-Z]+\b", "WORD", text.strip())}
@@ -128,7 +128,7 @@ def test_every_no_form_of_the_trees_is_on_the_page(session, mode):
     page = documented()[mode]
     forms = crawl(session, "no ", "no")
     assert forms
-    # A form may end before the value that the command takes.
+    # A form may end before the command's value.
     assert [form for form in sorted(forms) if not any(f"{line} ".startswith(f"{form} ") for line in page)] == []
 
 

@@ -1,4 +1,4 @@
-"""Operators who configure at the same time, on trial, or on an agent that dies."""
+"""Operators who configure at the same time, on trial, or while the agent dies."""
 
 import json
 import os
@@ -46,7 +46,7 @@ def return_file(lab):
 
 
 def make_overdue(path):
-    """Rewrites a kept configuration as if it had been due in 1970."""
+    """Rewrites a kept configuration as if its return had been due in 1970."""
     text = re.sub(rb"\A! return \d+ ", b"! return 1 ", path.read_bytes())
     body = text[:text.rindex(b"! checksum ")]
     path.write_bytes(body + b"! checksum %08x\n" % zlib.crc32(body))

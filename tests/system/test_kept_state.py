@@ -1,5 +1,5 @@
-"""Nothing lost on a real bridge: what was typed is in the saved file, and ports that leave and come back, or change
-their names, keep what they had."""
+"""Nothing is lost on a real bridge: typed lines are in the saved file, and ports that leave and return, or are
+renamed, keep their configuration."""
 
 import json
 import signal
@@ -50,7 +50,7 @@ def is_gone(lab, port):
 
 @pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGKILL])
 def test_shutdown_typed_and_written_at_once_survives(lab, end):
-    """The kernel's notification of the change has not been read when the line is answered."""
+    """The line is answered before the kernel's notification of the change has been read."""
     for number in range(5):
         client = socket.socket(socket.AF_UNIX)
         client.connect(str(lab.cli_socket))
@@ -88,7 +88,7 @@ def test_held_hybrid_port_keeps_mode_rate_and_mark_out_of_the_bridge_and_back(la
     wait_for(is_gone(lab, "swp2"), 5, "the port is gone")
     lab.ip("link", "set", "swp2", "master", "br0")
     wait_for(is_back(lab, "swp2"), 5, "the port is back")
-    # Out of the bridge the agent let go of it; what remains is the wish that it come up.
+    # The agent released it outside the bridge; what remains is the request to bring it up.
     wait_for(lambda: lab.is_up("swp2"), 5, "swp2 is up again")
     lines = running(lab, "swp2")
     assert lines[0] == "switchport mode hybrid"
@@ -115,7 +115,7 @@ def test_bridge_made_again_finds_its_ports_as_they_were(lab):
     lab.cli("write")
     lab.ip("link", "delete", "br0")
     wait_for(is_gone(lab, "swp3"), 5, "the ports are gone")
-    lab.kill_agent()  # nothing of it is in the process
+    lab.kill_agent()  # the process has forgotten it
     lab.ip("link", "add", "br0", "type", "bridge")
     for port in lab.port_names:
         lab.ip("link", "set", port, "master", "br0")
@@ -130,7 +130,7 @@ def test_renamed_port_is_found_under_its_new_name(lab):
     lab.ip("link", "set", "swp3", "name", "uplink")  # it is down, so it can be renamed
     wait_for(lambda: running(lab, "uplink") is not None, 5, "the shell knows the new name")
     assert MARK in running(lab, "uplink")
-    # The loop lasts: entries and results keep the name under which it was found.
+    # The loop lasts: entries and results keep the port's name at its detection.
     assert list(lab.loop_entries()) == ["p_app.lda_loop_entry/name=swp3"]
     lab.ip("link", "set", "swp1", "down")
     lab.ip("link", "set", "swp1", "name", "access1")

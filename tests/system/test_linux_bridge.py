@@ -55,7 +55,7 @@ def test_reported_loop_shuts_the_kernel_interface_and_recovery_brings_it_up(lab)
     section = config.split("interface swp2\n")[1].split("!")[0]
     assert " loop-detect apply shutdown-port\n" in section
 
-    # The server dies and comes back while the port is down; the loop ends meanwhile.
+    # The server dies and restarts while the port is down; the loop ends meanwhile.
     lab.kill_redis()
     time.sleep(1)
     lab.start_redis()
@@ -81,7 +81,7 @@ def test_record_set_while_the_server_connection_is_down_is_found_on_return(lab):
     enable(lab)
     lab.kill_redis()
     lab.start_redis()
-    # Written at once, before the agent can have come back: only its scan can find it.
+    # Written at once, before the agent can have reconnected: only its scan can find it.
     lab.report_loop("swp4", is_loop=1)
     wait_for(is_down(lab, "swp4"), 15, "swp4 is down")
 

@@ -1,4 +1,4 @@
-"""NETCONF operations: ncclient over a private sshd, a running agent, redis between them."""
+"""NETCONF operations: ncclient over a private sshd, and a running agent, with redis between them."""
 
 import concurrent.futures
 import contextlib
@@ -48,7 +48,7 @@ def front():
 
 @pytest.fixture(scope="module", autouse=True)
 def silent(front):
-    """A session without a hello. It lives for half a minute, so it starts first and is looked at last."""
+    """A session without a hello. It lasts half a minute, so it starts first and is checked last."""
     with front.raw(hello=False) as session:
         session.started = time.monotonic()
         yield session
@@ -56,7 +56,7 @@ def silent(front):
 
 @pytest.fixture(scope="module", autouse=True)
 def deaf(front):
-    """A session that reads none of its answers; one of them finds room for its beginning only."""
+    """A session that reads none of its answers; only the beginning of one of them fits."""
     with front.raw() as session:
         session.started = time.monotonic()
         for _ in range(8):
@@ -66,7 +66,7 @@ def deaf(front):
 
 @pytest.fixture(scope="module", autouse=True)
 def idle(front):
-    """A session that has made one request and is then left alone for longer than any time limit."""
+    """A session that sends one request and is then left alone for longer than any time limit."""
     with front.raw() as session:
         session.rpc("<get/>")
         yield session
@@ -87,7 +87,7 @@ def session(shared_session):
 
 @pytest.fixture
 def requests(front):
-    """What the agent is asked meanwhile, as a list of records; call it to have those that came."""
+    """The requests to the agent meanwhile, as a function that returns the list of records."""
     listener = front.lab.database(LOCAL_DB).pubsub(ignore_subscribe_messages=True)
     listener.subscribe(REQUESTS)
     wait_for(lambda: listener.subscribed and front.lab.database(0).pubsub_numsub(REQUESTS)[0][1] == 2, 5,
@@ -154,7 +154,7 @@ def test_every_schema_is_handed_out_and_parses(session, tmp_path):
     for name, version in names.items():
         text = session.get_schema(name, version=version).data
         (tmp_path / f"{name}@{version}.yang").write_text(text)
-    # The modules that libyang has built in are taken from there, whatever is in the folder.
+    # libyang takes its built-in modules from itself, whatever is in the folder.
     ours = [path for path in sorted(tmp_path.iterdir()) if not path.name.startswith("yang@")]
     checked = subprocess.run(["yanglint", "-p", str(tmp_path), *map(str, ours)],
                              capture_output=True, text=True, check=False)
@@ -440,7 +440,7 @@ def lock_is_free(session):
 
 
 def test_turn_of_another_session_is_waited_for_a_moment(front, session, requests):
-    """The turn is taken here, as by a session that hangs in the middle of an edit."""
+    """The test takes the turn, like a session that hangs in the middle of an edit."""
     with open(front.runtime / "edit.lock", "r+b") as turn:
         fcntl.lockf(turn, fcntl.LOCK_EX)
         for call in (lambda: set_policy(session, 4), lambda: session.lock("running"),
@@ -481,7 +481,7 @@ def test_defaults_in_other_modes_are_refused(front):
             assert "<error-tag>operation-not-supported</error-tag>" in reply
 
 
-# ---- trouble behind the front ----
+# ---- faults of the database and the agent ----
 
 SILENCE = "the loop-detection agent did not answer within 2 s; the agent may still do what was asked"
 
@@ -527,7 +527,7 @@ def test_agent_that_does_not_answer_is_waited_for_two_seconds(front, session):
 
 @contextlib.contextmanager
 def in_place_of_the_agent(front, react):
-    """A program that takes the requests: `react(record)` is called with each `rst` that has come."""
+    """A program that takes the requests: `react(record)` is called with each `rst` received."""
     front.lab.kill_agent()
     listener = front.lab.database(LOCAL_DB).pubsub(ignore_subscribe_messages=True)
     listener.subscribe(**{REQUESTS: lambda notice: react(p_app.lda_nc_policy.FromString(notice["data"][1:]).rst)})
@@ -542,7 +542,7 @@ def in_place_of_the_agent(front, react):
 
 
 def answer(front, request, operation=b"\2", **changes):
-    """Publishes the answer to `request`, with other fields as told."""
+    """Publishes the answer to `request`, with `fields` replaced."""
     record = p_mng.ui_operate.FromString(request.SerializeToString())
     record.rst.result = changes.get("result", 0)
     record.index.oid += changes.get("oid", 0)
@@ -564,7 +564,7 @@ WRONG_ANSWERS = [{"oid": -1}, {"type": 1}, {"publisher": "0"}, {"operation": b"\
 
 
 def test_only_the_answer_to_the_request_counts(front, session):
-    """Answers to others come before it and after it; what came late is no answer to the next request."""
+    """Answers to others arrive before and after it; a late answer does not count for the next request."""
     def react(request):
         front.lab.database(LOCAL_DB).publish(ANSWERS, b"\2no record")
         for wrong in WRONG_ANSWERS:
@@ -694,5 +694,5 @@ def test_client_that_reads_no_answer_is_cut_off(front, deaf):
 
 
 def test_session_may_be_idle_for_longer_than_an_answer_may_take(front, idle):
-    """It is older than half a minute by now, as the tests before this one have waited for that."""
+    """It is more than half a minute old by now, because earlier tests have waited that long."""
     assert "<rpc-reply" in idle.rpc("<get-config><source><running/></source></get-config>")

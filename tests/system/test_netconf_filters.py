@@ -31,7 +31,7 @@ def looped(front):
 
 
 def found(reply):
-    """The names of what is in the model's container, with values, in order."""
+    """The names in the model's container, with their values, in order."""
     container = reply.data_ele.find(f"{{{MODEL}}}loop-detect")
     if container is None:
         return None

@@ -1,4 +1,4 @@
-"""NETCONF notifications: loops raised and cleared through real records, told to real subscribers."""
+"""NETCONF notifications: real records raise and clear loops, and real subscribers are notified."""
 
 import contextlib
 import fcntl
@@ -21,7 +21,7 @@ STATE = f'<loop-detect-state xmlns="{NOTIFICATION}">{{}}</loop-detect-state>'
 
 @contextlib.contextmanager
 def new_front():
-    # At this speed a loop that is over is cleared after a second.
+    # At this speed an ended loop is cleared after a second.
     with Lab(store="redis", speed=60) as lab:
         lab.start_redis()
         lab.start_agent()
@@ -37,14 +37,14 @@ def shared_front():
 
 @pytest.fixture
 def front(shared_front):
-    """For tests in which the agent tells nothing by itself. Nobody is subscribed yet."""
+    """For tests in which the agent sends nothing by itself. Nobody is subscribed yet."""
     wait_for(lambda: listeners(shared_front) == 0, 5, "earlier sessions are gone")
     return shared_front
 
 
 @pytest.fixture
 def own_front():
-    """For tests with loops, and those that stop something."""
+    """For tests with loops, and for tests that stop something."""
     with new_front() as the_front:
         yield the_front
 
@@ -67,7 +67,7 @@ def listeners(front):
 
 
 def publish(front, name="swp1", kind=1, leaves=None, module="qv-loop-detect-server-notification"):
-    """Tells the subscribers of a loop, as the agent would."""
+    """Notifies the subscribers of a loop, as the agent would."""
     record = p_nc.notification(name=f"{module}:loop-detect-state", time_ms=1000)
     record.index.sequence = 1
     for leaf, code, value in leaves or [("notify-type", 20, kind), ("vid", 20, 0), ("policy", 20, 1),
@@ -121,7 +121,8 @@ def test_filter_chooses_notifications(front):
 
 @pytest.mark.parametrize("prefix, attribute", [("", "type"), ("", "nc:type"), ("nc:", "type")])
 def test_filter_may_stand_in_either_namespace(front, prefix, attribute):
-    """The standard has it in the namespace of notifications; ncclient sends it in that of the base."""
+    """The standard has the filter in the namespace of notifications; ncclient sends it in that of the base
+    protocol."""
     content = STATE.format("<loop-notify><notify-entry><name>swp3</name></notify-entry></loop-notify>")
     with front.raw() as session:
         reply = session.rpc(f'<create-subscription xmlns="{EVENT}" xmlns:nc="{BASE}">'
@@ -211,14 +212,14 @@ def test_records_that_make_no_sense_are_dropped(front, record):
         front.lab.database(LOCAL_DB).publish(CHANNEL, record)
         publish(front, leaves=[("notify-type", 20, 3)])        # outside the range of the model
         publish(front, leaves=[("notify-type", 7, 1)])         # an unknown type code
-        publish(front, leaves=[("nothing", 20, 1)])            # a leaf that is not there
+        publish(front, leaves=[("nothing", 20, 1)])            # a leaf that does not exist
         publish(front, name="it's")                            # a path that does not parse
         publish(front, module="ietf-netconf")                  # another module
         publish(front, name="good")
         assert told(session.read())[0] == "good"
         who = f"session {session.session_id} ("
     dropped = [line for line in front.log().splitlines()
-               if who in line and "a notification of the switch makes no sense, dropped: " in line]
+               if who in line and "an invalid notification of the switch is dropped: " in line]
     assert len(dropped) >= 5
 
 
@@ -232,13 +233,13 @@ def test_restarted_database_is_subscribed_to_again(own_front):
             wait_for(lambda: listeners(own_front) == 1, 10, "the session listens again")
             publish(own_front, name)
             assert next_told(session)[0] == name
-        # The agent comes back to the database as well, and its own notifications arrive.
+        # The agent also reconnects to the database, and its own notifications arrive.
         session.edit_config(target="running", config=policy_config(1))
         own_front.lab.report_loop(2, is_loop=1)
         assert next_told(session, 20)[:2] == ("swp2", "1")
     log = own_front.log()
     assert log.count("notifications pause, the object database is away: ") == 2
-    assert log.count("notifications go on, the object database is back") == 2
+    assert log.count("notifications continue, the object database is back") == 2
 
 
 def test_subscription_without_a_database_is_refused(own_front):
@@ -275,14 +276,14 @@ def test_subscriber_that_never_reads_delays_nobody(front):
 
 
 def test_burst_is_no_fault_of_the_client(front):
-    """More than may wait comes while the session is busy; the client reads all of it, if late."""
+    """More notifications than may wait arrive while the session is busy; the client reads them all, late."""
     with front.raw() as session:
         session.rpc(SUBSCRIBE)
         session.process.send_signal(signal.SIGSTOP)
         for number in range(1500):
             publish(front, f"port{number}")
         session.process.send_signal(signal.SIGCONT)
-        time.sleep(1)  # in which the session has filled the pipe and taken all that it may keep
+        time.sleep(1)  # time for the session to fill the pipe and its queue
         assert [told(session.read())[0] for _ in range(1500)] == [f"port{number}" for number in range(1500)]
 
 
@@ -304,7 +305,7 @@ def test_request_waits_until_the_client_reads(front):
 
 
 def output_is_full(session):
-    """Whether the session would have to wait if it wrote something."""
+    """Whether a write of the session would block."""
     descriptor = os.open(f"/proc/{session.process.pid}/fd/1", os.O_WRONLY | os.O_NONBLOCK)
     try:
         return not select.select([], [descriptor], [], 0)[1]
@@ -313,7 +314,7 @@ def output_is_full(session):
 
 
 def test_client_that_reads_no_replies_ends_alone(front):
-    """Its requests are left lying; nothing of them is worked on, and it can be killed."""
+    """Its requests are not read or executed, and the session can be killed."""
     with front.raw() as lazy, front.connect() as session:
         fcntl.fcntl(lazy.process.stdin, fcntl.F_SETFL, os.O_NONBLOCK)
         text = f'<rpc xmlns="{BASE}" message-id="1"><get/></rpc>'.encode()

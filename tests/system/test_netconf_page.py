@@ -1,4 +1,4 @@
-"""What a reader may paste: the session in docs/netconf.md, and the sample for sshd."""
+"""The examples that a reader may paste: the session in docs/netconf.md, and the sample for sshd."""
 
 import pathlib
 import re
@@ -12,7 +12,7 @@ from netconf_lab import free_port, make_privilege_folder
 
 @pytest.fixture
 def blocks():
-    """The code of the page, in order; its folder and its port are changed for ones that are free."""
+    """The code of the page, in order; its folder and its port are replaced with free ones."""
     page = (ROOT / "docs" / "netconf.md").read_text()
     with tempfile.TemporaryDirectory(prefix="lda-page-") as above:
         folder = pathlib.Path(above) / "lab"

@@ -1,4 +1,4 @@
-"""Many NETCONF sessions, sessions that do nothing, and sessions that do what they should not."""
+"""Many NETCONF sessions, idle sessions, and misbehaving sessions."""
 
 import concurrent.futures
 import ctypes
@@ -39,13 +39,13 @@ def front():
 
 
 def processes():
-    """The sessions that run, by process number."""
+    """The running sessions, by process number."""
     found = []
     for folder in pathlib.Path("/proc").iterdir():
         try:
             if folder.name.isdigit() and os.readlink(folder / "exe") == str(PROGRAM.resolve()):
                 found.append(int(folder.name))
-        except OSError:  # gone in the meantime, or another user's
+        except OSError:  # ended meanwhile, or another user's
             continue
     return found
 
@@ -55,8 +55,8 @@ def descriptors(pid):
 
 
 def left_behind(front):
-    """What sessions could leave behind: processes, descriptors of others, clients of the database."""
-    gc.collect()  # the clients of this process go with their objects
+    """Things that sessions could leave behind: processes, descriptors of others, clients of the database."""
+    gc.collect()  # this process's clients are closed with their objects
     clients = front.lab.database(0).info("clients")["connected_clients"]
     return (len(processes()), descriptors(front.lab.agent.pid), descriptors(front.sshd.pid), clients)
 
@@ -202,7 +202,7 @@ def test_name_from_a_client_is_logged_in_plain_letters(front):
         assert session.process.wait(timeout=20) == 1
         lines = [line for line in front.log().splitlines() if f"session {session.session_id} (" in line]
     assert lines[-2].endswith("): Unexpected <c??ps???> element in client <hello>.")
-    assert lines[-1].endswith("): ended: the client's hello makes no sense")
+    assert lines[-1].endswith("): ended: the client's hello is invalid")
 
 
 def test_session_in_the_middle_of_a_message_sleeps(front):
@@ -222,7 +222,7 @@ def test_hostile_input_ends_its_own_session_only(front):
         target = netconf_fuzz.Target(front.command())
         assert netconf_fuzz.attack(target, RANDOM_INPUTS, seed=1) == []
         assert front.lab.agent.poll() is None
-        # Edits that got through have changed the policy, and with it perhaps told of ports.
+        # Successful edits have changed the policy, and may have notified of ports.
         front.lab.configure("loop-detect enable")
         started = time.monotonic()
         front.lab.report_loop(4, is_loop=1)
@@ -252,7 +252,7 @@ def test_hello_that_must_not_be_taken_ends_the_session(front, version, more):
     with front.raw(hello=False) as session:
         session.send((HELLO % (version, more)).encode())
         assert session.process.wait(timeout=20) == 1
-        assert front.log().splitlines()[-1].endswith("ended: the client's hello makes no sense")
+        assert front.log().splitlines()[-1].endswith("ended: the client's hello is invalid")
 
 
 def test_hello_without_an_end_ends_the_session(front):
@@ -264,7 +264,7 @@ def test_hello_without_an_end_ends_the_session(front):
 
 @pytest.mark.parametrize("sent, told", [
     (b"\n#x\n", "ended: the framing is broken: no chunk begins where one should"),
-    (b"\n#3x\n", "ended: the framing is broken: the size of a chunk is no number"),
+    (b"\n#3x\n", "ended: the framing is broken: the size of a chunk is not a number"),
     (b"\n##\n", "ended: a message has no chunk"),
     (b"\n#1\n \n##\n", "ended: a message is empty or holds a zero byte"),
     (b"\n#100000\n", "ended: a message is longer than 64 KiB"),
@@ -306,7 +306,7 @@ def test_session_that_is_told_to_end_says_so(front, number):
 
 
 def test_crash_of_the_reading_thread_is_told(front):
-    """A signal to that thread alone, as a crash in it would raise."""
+    """A signal to only that thread, as a crash in it would raise."""
     with front.raw() as session:
         session.rpc("<get/>")
         pid = session.process.pid

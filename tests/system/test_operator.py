@@ -20,7 +20,8 @@ def lab():
 def connect(lab):
     client = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
     client.connect(str(lab.cli_socket))
-    # Not before: with a timeout, connecting is refused while the agent's queue is full instead of waiting.
+    # Not earlier: with a timeout, connecting fails instead of waiting while the agent's queue is
+    # full.
     client.settimeout(20)
     return client
 
@@ -202,7 +203,7 @@ def test_agent_killed_with_a_port_shut_still_brings_it_back(lab):
     # The mark disappears when the agent decides; the command that brings the port up follows.
     shut = {"shutdown", "loop-detect apply shutdown-port"}
     wait_for(lambda: shut.isdisjoint(line.strip() for line in lab.cli("show running-config").splitlines()), 15,
-             "both ports were brought back")
+             "both ports were brought up")
 
 
 def test_help_and_wrong_arguments():
@@ -214,7 +215,7 @@ def test_help_and_wrong_arguments():
 
 
 def test_closed_standard_descriptors_are_not_given_to_sockets():
-    """The first socket would otherwise be standard output, and read what is printed there."""
+    """Otherwise the first socket would become standard output, and its peer would read what is printed."""
     with Lab() as lab:
         closed = ["sh", "-c", 'exec "$0" <&- >&- 2>&-', str(BUILD / "platform" / "lda")]
         agent = subprocess.Popen(closed, env={**os.environ, "LDA_PLATFORM": str(lab.platform_file)})

@@ -1,4 +1,4 @@
-"""Every command of the switch that is for operators, through a real ldash with a real agent.
+"""Every operators' command of the switch, through a real ldash with a real agent.
 
 | what | test |
 |---|---|

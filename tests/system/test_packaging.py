@@ -10,7 +10,8 @@ from lab import BUILD, ROOT
 UNITS = ROOT / "packaging" / "systemd"
 PAGES = sorted((ROOT / "docs" / "man").glob("*.scd"))
 
-# What systemd-analyze(1) may find at most: 0 is a service that can do no harm, 10 one that can do anything.
+# The highest exposure that systemd-analyze(1) may report: 0 is a harmless service, 10 an
+# unrestricted one.
 EXPOSURE = {"lda.service": 1.5, "lda-redis.service": 1.5, "tarnd.service": 2.0}
 
 
@@ -28,7 +29,7 @@ def test_man_page_is_clean(page, tmp_path):
 
 
 def test_man_pages_name_what_there_is():
-    """Each page that another one refers to is there, or belongs to another package."""
+    """Each page that another one refers to exists, or belongs to another package."""
     others = {"redis-cli(1)", "sd_notify(3)", "sshd(8)", "sshd_config(5)"}
     own = {f"{name}({section})" for name, _, section in (page.stem.rpartition(".") for page in PAGES)}
     named = {f"{name}({section})" for page in PAGES
@@ -45,7 +46,7 @@ def test_unit_can_do_no_more_than_it_must(unit):
 
 
 def test_units_are_understood():
-    """systemd-analyze names each setting that it does not know; missing programs and pages are not the units' fault."""
+    """systemd-analyze names each unknown setting; missing programs and pages are not the units' fault."""
     verdict = subprocess.run(["systemd-analyze", "verify", "--man=no", *(str(UNITS / unit) for unit in EXPOSURE)],
                              capture_output=True, text=True, check=False).stderr
     assert [line for line in verdict.splitlines() if "is not executable" not in line] == []
@@ -55,17 +56,47 @@ def test_every_unit_of_the_package_is_known_here():
     assert {path.name for path in UNITS.iterdir()} == set(EXPOSURE)
 
 
-def test_every_message_of_the_platform_is_explained():
+def test_every_message_of_agent_and_platform_is_explained():
     calls = re.compile(r"(?:log_message|printk_syslog(?:_ext)?)\(\s*\w+,\s*\"(\w+)\",\s*\"(\w+)\"")
-    sources = [path for folder in ("platform", "services") for path in (ROOT / folder).rglob("*.cpp")]
+    sources = [path for folder in ("app", "platform", "services") for path in (ROOT / folder).rglob("*.cpp")]
     logged = {"-".join(found) for path in sources for found in calls.findall(path.read_text())}
     page = (ROOT / "docs" / "operations.md").read_text()
-    explained = set(re.findall(r"`([A-Z]+-[A-Z_]+)`", page.split("## Messages of the system log")[1]))
+    explained = set(re.findall(r"`([A-Z_]+-[A-Z_]+)`", page.split("## Messages of the system log")[1]))
     assert logged - explained == set()
     assert len(logged) > 20
     mnemonics = {name.partition("-")[2] for name in logged}
     known = {word for path in sources for word in re.findall(r"\"([A-Z_]+)\"", path.read_text())}
     assert {name for name in explained - logged if name.partition("-")[2] not in known | mnemonics} == set()
+
+
+def keys_of_the_platform_file():
+    """Key and default of each setting in the installed file; an empty default of one that is commented out."""
+    section, settings = "", {}
+    for line in (ROOT / "packaging" / "lda.toml").read_text().splitlines():
+        if found := re.fullmatch(r"\[(\w+)\]", line):
+            section = f"[{found[1]}] "
+        elif found := re.fullmatch(r"(# )?(\w+) = (.*)", line):
+            settings[section + found[2]] = "" if found[1] else found[3]
+    return settings
+
+
+def test_platform_file_manual_and_help_have_the_same_keys_and_defaults():
+    settings = keys_of_the_platform_file()
+    assert len(settings) == 14
+    source = (ROOT / "platform" / "base" / "config.cpp").read_text()
+    read = {f"[{section}] {key}" for section, keys in re.findall(r"section\(\"(\w+)\", {(.*?)}\)", source)
+            for key in re.findall(r"\w+", keys)}
+    assert read | {"switch", "store"} == set(settings)
+    manual = re.findall(r"^\*(.*?)\*(?: = (.*))?$", (ROOT / "docs" / "man" / "lda.toml.5.scd").read_text(), re.M)
+    assert dict(manual) == settings
+    section, shown = "", {}
+    usage = output_of(BUILD / "platform" / "lda", "--help").stdout
+    for line in usage.split("with their defaults:\n")[1].splitlines():
+        found = re.match(r"  (?:(\[\w+\] ) *| +)?(\w+)(?: = (\"[^\"]*\"|[\d.]+))?", line)
+        section = found[1] or section if found else section
+        if found:
+            shown[section + found[2]] = found[3] or ""
+    assert shown == settings
 
 
 def check(file):

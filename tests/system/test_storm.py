@@ -1,4 +1,4 @@
-"""Storms in the kernel: ports of a bridge whose far ends are joined, a real agent, a host that talks now and then."""
+"""Storms in the kernel: ports of a bridge whose far ends are joined, a real agent, a host that talks occasionally."""
 
 import signal
 import time
@@ -26,7 +26,7 @@ def join(lab, *ports):
 
 
 def test_storm_between_two_ports_is_judged_shut_and_over(lab):
-    # The bridge floods out of swp4, too, where nobody listens.
+    # The bridge also floods out of swp4, where nobody listens.
     readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4")}
     join(lab, "swp1", "swp2")
     with lab.broadcasts("swp3-far"), no_idling():
@@ -53,7 +53,7 @@ def test_storm_between_two_ports_is_judged_shut_and_over(lab):
             assert DETECTED.format(port) in lab.log()
         over = measure(1, received=lambda: lab.received("swp1") + lab.received("swp2"))
         assert over.received.average <= 20
-    # The port of the host, which no storm comes in from, is left alone.
+    # The port of the host, which receives no storm, is left alone.
     assert lab.is_up("swp3") and lab.is_up("swp4")
     assert DETECTED.format("swp3") not in lab.log()
 

@@ -1,4 +1,4 @@
-"""No storm: 500 hosts that talk to each other at three times the rate at which storms are judged."""
+"""No storm: 500 hosts that talk to each other at three times the storm rate."""
 
 import time
 
@@ -20,9 +20,9 @@ def lab(kernel_ports):
 
 
 def talk(lab, seconds, at_a_time=PAIRS, turn=1):
-    """Lets the hosts talk; the addresses that were known, each time that one looked.
+    """Lets the hosts talk; returns the known addresses at each check.
 
-    Nothing is judged meanwhile, not even once, though in each poll so many frames came in that it would be.
+    No poll counts a single storm meanwhile, although each has more frames than the rate allows.
     """
     seen = []
     before = lab.received("swp1"), lab.received("swp2")
@@ -44,7 +44,7 @@ def test_many_hosts_that_talk_are_no_storm_also_when_they_are_forgotten(lab):
     seen = talk(lab, seconds=6)
     assert len([host for host in seen[-1] if host.startswith("02:00:00:0")]) == 2 * PAIRS
 
-    # Fifty pairs talk for a second, then the next; meanwhile the bridge forgets the others.
+    # Fifty pairs talk for a second, then the next ones; meanwhile the bridge forgets the others.
     lab.ip("link", "set", "br0", "type", "bridge", "ageing_time", "100")
     with lab.watch_addresses() as changes:
         talk(lab, seconds=24, at_a_time=50)
@@ -52,7 +52,7 @@ def test_many_hosts_that_talk_are_no_storm_also_when_they_are_forgotten(lab):
     returns = sum(pair == ("Deleted", "added") for pair in zip(of_first, of_first[1:]))
     assert returns >= 4, "each host talks in every fifth second"
 
-    # All are forgotten, and all come back at once.
+    # All addresses expire, and all are learned again at once.
     for _ in range(3):
         wait_for(lambda: not any(host.startswith("02:00:00:0") for host in lab.known()), 10, "all are forgotten")
         seen = talk(lab, seconds=3)

@@ -1,5 +1,5 @@
-"""A loop that is wholly outside: whatever the switch does to its port, the same frames come in at it again and
-again, without an end."""
+"""A loop entirely outside the switch: whatever the switch does to its port, the same frames arrive again and
+again."""
 
 import time
 
@@ -9,21 +9,21 @@ from lab import wait_for
 from storm_lab import DETECTED, StormLab, at_once, measure, no_idling, softirq_seconds
 
 RATE = 100  # frames per second
-# Of the ring outside, frames per second: out of step with the kernel's tick, which would otherwise always see the
-# same moment of a turn when it accounts for the time.
+# Frames per second of the outside ring: out of step with the kernel's tick, which would otherwise
+# always sample the same moment of a turn.
 SPEED = 5_147
 
 
 @pytest.fixture
 def wide_lab(kernel_ports):
-    """So many ports that flooding to all of them costs more than the ring itself."""
+    """A switch of so many ports that flooding to all of them costs more than the ring itself."""
     with StormLab(ports=240) as the_lab:
         yield the_lab
 
 
 def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
     lab = wide_lab
-    # The bridge floods out of swp4, too, where nobody listens.
+    # The bridge also floods out of swp4, where nobody listens.
     readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4"),
                 "received": lambda: lab.received("swp1"), "outside": lambda: lab.received("return"),
                 "agent": lab.agent_seconds}
@@ -45,21 +45,23 @@ def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
           f"of the ring alone {over.softirq.usual:.2f}")
     assert 8 <= took <= 16
     assert DETECTED.format("swp1") in lab.log()
-    # How fast the ring turns depends on what else the machine does; what follows holds at any speed above this.
+    # The speed of the ring depends on the machine's other work; the rest is true at any speed above
+    # this.
     storm = 10 * RATE
     assert unwatched.flooded.average > storm and metered.received.average > storm, "there was a storm"
     # Four seconds of the meter at once, then its rate.
     assert RATE < metered.flooded.average < (8 * RATE / 6 + 2 * RATE) * 1.2
     assert over.received.average == 0 and over.flooded.average == 0
     assert over.outside.average > storm
-    # Of each frame, also with what the ring itself costs, which goes on as before.
+    # The cost of each frame, including that of the ring itself, which continues as before.
     assert metered.softirq.usual / metered.received.usual <= unwatched.softirq.usual / unwatched.received.usual / 3
     assert metered.agent.average < 0.1 and over.agent.average < 0.1
     assert [port for port in lab.port_names if not lab.is_up(port)] == ["swp1"]
 
 
 def set_rate(lab, rate):
-    """As an operator does it; the storm record of swp1 right after it. The new rule is in the kernel on return."""
+    """Sets it as an operator does; returns the storm record of swp1 right afterwards. The new rule is in the
+    kernel on return."""
     old_chain = lab.chains()["swp1"]
     record = lab.storm_records(lab.cli("configure terminal", "interface swp1", f"storm-loop-rate ratelimit {rate}",
                                        "end", "debug lda storm-detect"))["swp1"]
@@ -117,7 +119,7 @@ def rate_lowered_ends_the_loop_until_it_is_judged_again(lab):
     again = polled(lab, is_loop="loop")
     assert 8 <= time.monotonic() - changed <= 16
     assert (again["flow_over_times"], again["timer_notify"]) == (3, 3)
-    # The port was in the loop table all the time, so there is one message; a warning shuts nothing.
+    # The port was in the loop table throughout, so there is one message; a warning shuts nothing.
     assert lab.log().count(DETECTED.format("swp1")) == 1
     assert list(lab.loop_entries()) == ["p_app.lda_loop_entry/name=swp1"]
     assert lab.is_up("swp1")

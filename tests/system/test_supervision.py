@@ -1,4 +1,4 @@
-"""What a supervisor sees of the agent, and the agent as an ordinary user."""
+"""The agent's reports to a supervisor, and the agent as an ordinary user."""
 
 import os
 import signal
@@ -12,7 +12,7 @@ NOBODY = "65534"
 
 
 class Supervisor:
-    """A socket that stands in for systemd."""
+    """A socket in place of systemd."""
 
     def __init__(self, folder):
         self.path = folder / "notify"
@@ -58,7 +58,7 @@ def test_status_names_the_databases_that_are_away():
 def test_watchdog_is_fed_only_while_the_loop_turns():
     with Lab() as lab:
         supervisor = Supervisor(lab.folder)
-        # The socket holds only some messages that nobody has read: the agent would wait.
+        # The socket holds only a few unread messages: without a reader the agent would wait.
         lab.start_agent(wait=False, through=supervisor.through("WATCHDOG_USEC=200000"))
         for _ in range(3):
             supervisor.told.clear()
@@ -94,7 +94,7 @@ def kernel_lab(kernel_ports):
 
 
 def test_agent_needs_no_more_than_to_administer_the_network(kernel_lab):
-    """The agent of the packages runs as a user of its own; here as nobody, with the one capability."""
+    """The packaged agent runs as its own user; here as nobody, with the one capability."""
     lab = kernel_lab
     lab.start_redis()
     os.chmod(lab.redis_socket, 0o777)
@@ -102,7 +102,7 @@ def test_agent_needs_no_more_than_to_administer_the_network(kernel_lab):
     run_folder = lab.folder / "run"
     run_folder.mkdir()
     os.chown(run_folder, int(NOBODY), int(NOBODY))
-    # Locks are in a folder of the machine, which is this user's where the package has made it.
+    # Locks are in a folder of the machine, which the package gives to this user.
     lab.start_agent(through=["unshare", "--mount", "sh", "-c",
                              f'mkdir -p /run/lda && mount --bind {run_folder} /run/lda && exec "$@"', "sh",
                              "setpriv", f"--reuid={NOBODY}", f"--regid={NOBODY}", "--clear-groups",

@@ -32,14 +32,14 @@ usage: tarnctl [-s SOCKET] [--json] COMMAND
 Exit status: 0 done, 1 refused, 2 not reachable or wrong usage.
 """
 
-LOOP = {"port": "swp2", "src_port": "swp1", "vid": 1, "path_us": 41, "found_by": "move",
+LOOP = {"port": "swp2", "src_port": "swp1", "vid": 1, "src_vid": 1, "path_us": 41, "found_by": "move",
         "time": "2026-01-31T23:59:59Z"}
 PORT_1 = {"port": "swp1", "index": 3, "state": "probing", "role": "trunk", "guard_ms": None, "loop": None}
 PORT_2 = {"port": "swp2", "index": 4, "state": "looped", "role": "access", "guard_ms": 30, "loop": LOOP}
 
 
 class Service:
-    """Takes one request at a socket and sends the answer that it was made with, as lines or as bytes."""
+    """Takes one request at a socket and sends a given answer, as lines or as bytes."""
 
     def __init__(self, folder, answer):
         self.path = f"{folder}/control"
@@ -74,7 +74,7 @@ def tarnctl(*arguments, environment=None):
 
 
 def ask(folder, answer, *arguments):
-    """The request and what the program prints with status 0."""
+    """The request and the program's output with status 0."""
     with Service(folder, answer) as service:
         done = tarnctl("-s", service.path, *arguments)
     assert (done.returncode, done.stderr) == (0, "")
@@ -117,7 +117,7 @@ def test_events_are_a_line_each_until_the_service_ends(tmp_path):
     events = [{"event": "loop", **LOOP}, {"event": "cut", "port": "swp2", "time": time},
               {"event": "cut-failed", "port": "swp2", "reason": "No such device", "time": time},
               {"event": "given-back", "port": "swp2", "reason": None, "time": time},
-              {"event": "end", "port": "swp2", "src_port": "swp1", "time": time}]
+              {"event": "end", "port": "swp2", "src_port": "swp1", "vid": 9, "src_vid": 7, "time": time}]
     with Service(tmp_path, [{"watching": True}, *events]) as service:
         done = tarnctl("-s", service.path, "watch")
     assert done.stdout == (
@@ -125,7 +125,7 @@ def test_events_are_a_line_each_until_the_service_ends(tmp_path):
         "2026-01-31 23:59:59  cut         swp2\n"
         "2026-01-31 23:59:59  cut-failed  swp2: No such device\n"
         "2026-01-31 23:59:59  given-back  swp2\n"
-        "2026-01-31 23:59:59  end         swp1 -> swp2\n")
+        "2026-01-31 23:59:59  end         swp1 -> swp2, VLAN 7 -> 9\n")
     assert (done.returncode, done.stderr) == (2, "tarnctl: the connection to tarnd is lost\n")
 
 
@@ -198,7 +198,7 @@ def test_a_real_loop_is_shown_watched_and_probed(lab):
             lab.plug("swp2")
             assert re.search(r"  loop        swp[12] -> swp[12], VLAN 1, \d+ us, by \w+$", watch.stdout.readline())
             wait_for(lambda: states(lab) == {"swp1": "looped", "swp2": "looped", "swp3": "probing"}, 10, "looped")
-            # The path is slow and may be full: a probe may be lost in it.
+            # The path is slow and may be full, so a probe may be lost.
             wait_for(lambda: re.fullmatch(r"back on swp2 after \d+ us\n", inside(lab, "probe", "swp1").stdout), 20,
                      "a probe comes back")
             lab.unplug("swp2")
@@ -236,7 +236,7 @@ def test_records_and_show_tarn_follow_the_ports(lab):
     stranger.index.ifx = 4000001
     lab.set_record(APP_DB, "p_bridge.tarn_port_state", "ifx=4000001", stranger)
     refused = lab.ldash("show tarn")
-    assert (refused.returncode, refused.stdout) == (1, "% The loop-probe service tarnd does not run.\n")
+    assert (refused.returncode, refused.stdout) == (1, "% The loop-probe service tarnd is not running.\n")
     lab.start_tarnd()
     lab.enable()
     probing = {name: "probing" for name in lab.port_names}

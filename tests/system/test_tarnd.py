@@ -4,19 +4,21 @@ The traffic is bounded: every cable that closes a loop passes some thousand fram
 pulls it if the test does not.
 """
 
+import os
+import pathlib
 import signal
 import stat
 import subprocess
 import sys
-import threading
+import time
 
 import pytest
 
-from lab import CFG_DB, p_bridge, wait_for
+from lab import APP_DB, CFG_DB, p_bridge, wait_for
 from storm_lab import DETECTED
-from tarn_lab import CABLE, LONGEST_LOOP_S, TarnLab
+from tarn_lab import CABLE, TarnLab, in_time
 
-# Prints how many probes arrive on a device, named first, in so many seconds.
+# Prints how many probes arrive on a device in some seconds; both are arguments.
 COUNT_PROBES = """
 import socket, sys, time
 link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x88b5))
@@ -66,9 +68,7 @@ def test_configuration_is_on_record(lab):
 def test_loop_through_a_remote_bridge_is_reported_and_nothing_is_cut_under_warning(lab):
     lab.start_tarnd()
     lab.enable()
-    with lab.slow_outside("swp1", "swp2"), lab.broadcasts("swp3-far", count=200):
-        lab.plug("swp1")
-        lab.plug("swp2")
+    with lab.broadcasts("swp3-far", count=200), lab.looped("swp1", "swp2"):
         wait_for(lab.loops, 10, "the loop is on record")
         assert lab.loops() <= {("swp1", "swp2"), ("swp2", "swp1")}
         wait_for(lambda: DETECTED.format("swp1") in lab.log() and DETECTED.format("swp2") in lab.log(), 10,
@@ -83,9 +83,7 @@ def test_loop_through_a_remote_bridge_is_reported_and_nothing_is_cut_under_warni
 def test_loop_through_a_remote_bridge_is_cut_and_the_agent_owns_the_ports(lab):
     lab.start_tarnd()
     lab.enable("shutdown access-mode")
-    with lab.slow_outside("swp1", "swp2"), lab.broadcasts("swp3-far", count=200):
-        lab.plug("swp1")
-        lab.plug("swp2")
+    with lab.broadcasts("swp3-far", count=200), lab.looped("swp1", "swp2"):
         wait_for(lambda: lab.down_ports() == ["swp1", "swp2"], 10, "both ports are shut")
         config = lab.cli("show running-config")
         for port in ("swp1", "swp2"):
@@ -98,12 +96,10 @@ def test_loop_through_a_remote_bridge_is_cut_and_the_agent_owns_the_ports(lab):
 
 
 def test_silent_loop_present_before_the_start_is_found(lab):
-    with lab.slow_outside("swp1", "swp4"):
-        lab.plug("swp1")
-        lab.plug("swp4")
+    with lab.looped("swp1", "swp4"):
         lab.start_tarnd()
         lab.enable("shutdown access-mode")
-        # A port whose own detection comes later is not needed to find the loop and open it.
+        # Finding and opening the loop does not need a port whose own detection comes later.
         wait_for(lab.down_ports, 10, "the loop is open")
         assert set(lab.down_ports()) <= {"swp1", "swp4"}
 
@@ -117,22 +113,15 @@ def test_cable_between_two_ports_is_cut(lab):
     lab.port_names += ["swp5", "swp6"]
     lab.batch("link set swp5 master br0", "link set swp6 master br0")
     wait_for(lambda: len(lab.watched_ports()) == 6, 10, "the new ports are watched")
-    end = threading.Timer(LONGEST_LOOP_S, lambda: lab.ip("link", "delete", "swp5"))
-    end.start()
-    try:
-        with lab.broadcasts("swp3-far", count=100):
-            lab.batch("link set swp5 up", "link set swp6 up")
-            wait_for(lambda: lab.down_ports() == ["swp5", "swp6"], 10, "both ends are shut")
-    finally:
-        end.cancel()
+    with in_time(lambda: lab.ip("link", "delete", "swp5")), lab.broadcasts("swp3-far", count=100):
+        lab.batch("link set swp5 up", "link set swp6 up")
+        wait_for(lambda: lab.down_ports() == ["swp5", "swp6"], 10, "both ends are shut")
 
 
 def test_port_that_reflects_its_frames_is_cut(lab):
     lab.start_tarnd()
     lab.enable("shutdown access-mode")
-    with lab.slow_outside("swp2"):
-        lab.plug("swp2")
-        lab.remote("bridge", "link", "set", "dev", "swp2-far", "hairpin", "on")
+    with lab.reflected("swp2"):
         wait_for(lambda: lab.down_ports() == ["swp2"], 10, "the port is shut")
     assert DETECTED.format("swp2") in lab.log()
 
@@ -140,11 +129,9 @@ def test_port_that_reflects_its_frames_is_cut(lab):
 def test_own_probes_do_not_multiply_in_a_loop(lab):
     lab.start_tarnd()
     lab.enable()
-    with lab.slow_outside("swp1", "swp2"):
-        lab.plug("swp1")
-        lab.plug("swp2")
+    with lab.looped("swp1", "swp2"):
         wait_for(lab.loops, 10, "the loop is on record")
-        # A looped probe that nothing drops would be flooded out of swp3 thousands of times.
+        # A looped probe that nobody drops would be flooded out of swp3 thousands of times.
         assert 2 <= int(lab.inside(sys.executable, "-c", COUNT_PROBES, "swp3-far", "4")) <= 20
 
 
@@ -154,9 +141,7 @@ def test_port_that_spanning_tree_blocks_is_neither_probed_nor_believed(lab):
     def states():
         return [lab.states()[port] for port in ("swp1", "swp2")]
 
-    with lab.slow_outside("swp1", "swp2"):
-        lab.plug("swp1")
-        lab.plug("swp2")
+    with lab.looped("swp1", "swp2"):
         wait_for(lambda: states() == ["forwarding", "blocking"], 30, "spanning tree has blocked a port", every=0.2)
         lab.start_tarnd()
         lab.enable("shutdown access-mode")
@@ -171,9 +156,7 @@ def test_port_that_spanning_tree_blocks_is_neither_probed_nor_believed(lab):
 def test_what_a_killed_tarnd_has_left_is_ended_by_the_next(lab):
     lab.start_tarnd()
     lab.enable()
-    with lab.slow_outside("swp1", "swp2"):
-        lab.plug("swp1")
-        lab.plug("swp2")
+    with lab.looped("swp1", "swp2"):
         wait_for(lab.loops, 10, "the loop is on record")
         lab.end_tarnd(signal.SIGKILL)
         lab.unplug("swp1")
@@ -187,9 +170,7 @@ def test_cut_that_nobody_takes_over_is_undone(lab):
     lab.start_tarnd()
     lab.enable("shutdown access-mode")
     lab.agent.send_signal(signal.SIGSTOP)
-    with lab.slow_outside("swp2"):
-        lab.plug("swp2")
-        lab.remote("bridge", "link", "set", "dev", "swp2-far", "hairpin", "on")
+    with lab.reflected("swp2"):
         wait_for(lambda: lab.down_ports() == ["swp2"], 10, "the port is cut")
         lab.end_tarnd(signal.SIGKILL)
         lab.unplug("swp2")
@@ -217,9 +198,7 @@ def test_loop_through_another_bridge_of_the_same_namespace_is_found(lab):
     lab.start_tarnd()
     lab.enable()
     lab.ip("link", "add", "outside", "up", "type", "bridge")
-    end = threading.Timer(LONGEST_LOOP_S, lambda: lab.ip("link", "delete", "outside"))
-    end.start()
-    try:
+    with in_time(lambda: lab.ip("link", "delete", "outside")):
         for port in ("swp1", "swp2"):
             lab.inside("tc", "qdisc", "replace", "dev", f"{port}-far", "root", "tbf", *CABLE)
             lab.ip("link", "set", f"{port}-far", "master", "outside")
@@ -228,16 +207,12 @@ def test_loop_through_another_bridge_of_the_same_namespace_is_found(lab):
         assert 1 <= int(lab.inside(sys.executable, "-c", COUNT_PROBES, "swp3-far", "3")) <= 20
         lab.ip("link", "delete", "outside")
         wait_for(lambda: not lab.loops(), 10, "the record is withdrawn")
-    finally:
-        end.cancel()
 
 
 def test_tarnd_that_is_told_to_end_ends_its_loop_records(lab):
     lab.start_tarnd()
     lab.enable()
-    with lab.slow_outside("swp1", "swp2"):
-        lab.plug("swp1")
-        lab.plug("swp2")
+    with lab.looped("swp1", "swp2"):
         wait_for(lab.loops, 10, "the loop is on record")
         assert lab.end_tarnd() == -signal.SIGTERM
         assert lab.loops() == set()
@@ -247,9 +222,7 @@ def test_port_that_an_operator_shuts_while_the_database_is_away_stays_shut(lab):
     lab.start_tarnd()
     lab.enable("shutdown access-mode")
     lab.redis_server.send_signal(signal.SIGSTOP)
-    with lab.slow_outside("swp2"):
-        lab.plug("swp2")
-        lab.remote("bridge", "link", "set", "dev", "swp2-far", "hairpin", "on")
+    with lab.reflected("swp2"):
         wait_for(lambda: lab.down_ports() == ["swp2"], 10, "the port is cut")
         lab.configure("interface swp2", "shutdown")
         with pytest.raises(AssertionError):
@@ -260,6 +233,16 @@ def test_port_that_an_operator_shuts_while_the_database_is_away_stays_shut(lab):
     assert lab.down_ports() == ["swp2"]
 
 
+def test_each_processor_has_a_probing_thread_of_its_own(lab):
+    lab.start_tarnd()
+    folders = pathlib.Path("/proc", str(lab.tarnd.pid), "task").iterdir()
+    probing = [int(folder.name) for folder in folders if (folder / "comm").read_text() == "tarnd_probe\n"]
+    processors = sorted(os.sched_getaffinity(0))[:4]
+    assert sorted(os.sched_getaffinity(thread) for thread in probing) == [{number} for number in processors]
+    assert {os.sched_getscheduler(thread) for thread in probing} == {os.SCHED_RR}
+    assert {os.sched_getparam(thread).sched_priority for thread in probing} == {1}
+
+
 def test_second_tarnd_on_the_bridge_names_the_first(lab):
     lab.start_tarnd()
     second = subprocess.run(lab.tarnd_command(), env=lab.environment(), capture_output=True, text=True, check=False,
@@ -268,3 +251,56 @@ def test_second_tarnd_on_the_bridge_names_the_first(lab):
     assert second.stderr == f"tarnd: another tarnd (process {lab.tarnd.pid}) probes bridge br0\n"
     key = lab.folder / "tarn" / "key"
     assert stat.S_IMODE(key.stat().st_mode) == 0o600
+
+
+def state_on_record(lab, port):
+    packed = lab.database(APP_DB).get(f"p_bridge.tarn_port_state/ifx={lab.ifindex(port)}")
+    return p_bridge.tarn_port_state.FromString(packed).state if packed else None
+
+
+def test_record_that_was_deleted_while_the_database_was_away_is_forgotten(lab):
+    lab.start_tarnd()
+    lab.enable()
+    wait_for(lambda: state_on_record(lab, "swp2") == p_bridge.PROBING, 10, "swp2 is probed")
+    lab.kill_agent()  # it would write the record again
+    lab.database(CFG_DB).delete(f"p_bridge.tarn_port/ifx={lab.ifindex('swp2')}")
+    for kind in ("normal", "pubsub"):
+        lab.database(0).client_kill_filter(_type=kind)
+    wait_for(lambda: state_on_record(lab, "swp2") == p_bridge.OFF, 40, "swp2 is not probed any more", every=0.2)
+    assert state_on_record(lab, "swp1") == p_bridge.PROBING
+
+
+# Prints the next probe that arrives on a device, in hexadecimal digits.
+CATCH_PROBE = """
+import socket, sys
+link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x88b5))
+link.bind((sys.argv[1], 0x88b5))
+link.settimeout(20)
+print(link.recv(2000).hex())
+"""
+# Sends a frame out of a device: its name and the frame.
+SEND_FRAME = """
+import socket, sys
+link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW)
+link.bind((sys.argv[1], 0))
+link.send(bytes.fromhex(sys.argv[2]))
+"""
+
+
+def test_probe_that_waited_while_tarnd_was_stopped_proves_nothing(lab):
+    lab.start_tarnd()
+    lab.enable("shutdown access-mode")
+    probe = lab.inside(sys.executable, "-c", CATCH_PROBE, "swp1-far").strip()
+    lab.tarnd.send_signal(signal.SIGSTOP)
+    os.waitid(os.P_PID, lab.tarnd.pid, os.WSTOPPED)
+    lab.inside(sys.executable, "-c", SEND_FRAME, "swp2-far", probe)
+    time.sleep(2.5)  # a probe counts for two seconds
+    lab.tarnd.send_signal(signal.SIGCONT)
+
+    def counters():
+        packed = lab.database(APP_DB).get("p_bridge.tarn_counters/")
+        return p_bridge.tarn_counters.FromString(packed)
+
+    wait_for(lambda: counters().late == 1, 10, "the late probe is counted")
+    assert counters().returned == 0
+    assert lab.reported() == set() and lab.down_ports() == []

@@ -40,7 +40,7 @@ def lab(kernel_ports):
 def test_guarded_port_opens_when_no_probe_comes_back(lab):
     lab.inside("bridge", "link", "set", "dev", "swp2", "mcast_flood", "off")
     lab.guard("swp2")
-    lab.inside("bridge", "link", "set", "dev", "swp2", "flood", "on")  # meanwhile, by somebody else
+    lab.inside("bridge", "link", "set", "dev", "swp2", "flood", "on")  # meanwhile, by another program
     lab.ip("link", "set", "swp2-far", "up")
     lab.wait_flags("swp2", {**OPEN, "mcast_flood": False})
     before = lab.received("swp3-far")
@@ -60,7 +60,7 @@ def test_guarded_port_stays_closed_while_it_is_looped(lab):
             lab.remote("ip", "link", "set", "swp2-far", "up")
             wait_for(lab.loops, 10, "the loop is on record")
             wait_for(lambda: DETECTED.format("swp2") in lab.log(), 10, "the agent has the port")
-        # Nothing of what went into the loop came out of it again.
+        # No frame that entered the loop left it again.
         assert lab.received("swp3-far") - before < 50
         assert lab.flags("swp2") == CLOSED
         lab.unplug("swp2")

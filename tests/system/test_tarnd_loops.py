@@ -44,14 +44,14 @@ def lab(kernel_ports):
 
 
 def recover(lab):
-    """A policy that shuts nothing brings back what the agent holds."""
+    """A policy that shuts nothing makes the agent release its ports."""
     lab.configure("loop-detect enable")
     wait_for(lambda: lab.down_ports() == [], 10, "no port is left dark")
     wait_for(lambda: lab.loops() == set(), 10, "no loop is left on record")
 
 
 def wait_shut(lab):
-    """Waits until a port is down and the agent owns all that are, and returns them."""
+    """Waits until a port is down and the agent owns all ports that are down, and returns those."""
     def owned():
         down, config = lab.down_ports(), lab.cli("show running-config")
         marked = [port for port in lab.port_names
@@ -142,7 +142,7 @@ def test_records_that_do_not_unpack_change_nothing(lab):
 
 
 def come_and_go(lab, rounds, seconds):
-    """A loop that is there for so many seconds and away for as many; what the policy shuts stays shut."""
+    """A loop that alternates between present and absent; ports that the policy shuts stay shut."""
     with RemoteBridge(lab) as loop, Traffic(lab) as traffic:
         for _ in range(rounds):
             loop.plug()
@@ -202,7 +202,7 @@ def test_redundant_uplinks_under_spanning_tree_are_no_loop(lab, root):
         second = ("forwarding", "blocking") if root == "near" else ("blocking", "forwarding")
         usual = [("forwarding", "forwarding"), second]
         wait_for(lambda: states() == usual, 30, "one of the uplinks is blocked", every=0.1)
-        # The first one fails, the second one takes over, the first one is back.
+        # The first uplink fails, the second one takes over, the first one returns.
         lab.remote("ip", "link", "set", "swp1-far", "down")
         wait_for(lambda: states()[1] == ("forwarding", "forwarding"), 30, "the second uplink has taken over", every=0.1)
         lab.remote("ip", "link", "set", "swp1-far", "up")

@@ -1,4 +1,4 @@
-"""Every line of a running configuration, typed again behind "no"."""
+"""Every line of a running configuration, typed again after "no"."""
 
 import pytest
 
@@ -18,7 +18,7 @@ def lab():
 
 
 def undoing(config):
-    """The lines of a configuration with "no" in front. The line of a section only leads to its port."""
+    """The lines of a configuration with a leading "no". The line of a section only leads to its port."""
     lines = [line.strip() for line in config.splitlines() if not line.startswith("!")]
     return [line if line.startswith("interface ") else f"no {line}" for line in lines]
 

@@ -1,13 +1,8 @@
 #include "connection.h"
 
 #include <poll.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
@@ -16,32 +11,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int kPatience_ms = 3000;  // then the operator sees why nothing happens
-
-[[noreturn]] void lost() {
-    throw std::runtime_error("the connection to the switch is lost");
-}
-
-int connect_to(const std::string& path) {
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    if (path.empty() || path.size() >= sizeof address.sun_path) {
-        errno = ENAMETOOLONG;
-        return -1;
-    }
-    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-    const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0) {
-        return -1;
-    }
-    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-        const int reason = errno;
-        ::close(fd);
-        errno = reason;
-        return -1;
-    }
-    return fd;
-}
+constexpr int kPatience_ms = 3000;  // then the operator is told about the delay
 
 // Returns the reply. Throws the switch's reason when the switch ends the session by itself.
 const json& checked(const json& reply) {
@@ -56,50 +26,21 @@ const json& checked(const json& reply) {
 
 }  // namespace
 
-Connection::Connection(const std::string& path) : fd_(connect_to(path)) {
-    if (fd_ < 0) {
-        throw std::runtime_error("cannot reach the switch at " + path + ": " +
-                                 std::strerror(errno));
-    }
-}
+Connection::Connection(const std::string& path) : client_(path, "the switch") {}
 
 // A switch without descriptors accepts no session, although the kernel has already connected us.
 void Connection::wait_for_bytes() const {
-    pollfd waiting{.fd = fd_, .events = POLLIN, .revents = 0};
+    pollfd waiting{.fd = fd(), .events = POLLIN, .revents = 0};
     if (::poll(&waiting, 1, kPatience_ms) == 0) {
         std::fputs("ldash: the switch has not answered yet, still waiting (Ctrl-C to leave)\n",
                    stderr);
     }
 }
 
-Connection::~Connection() {
-    ::close(fd_);
-}
-
-void Connection::receive(bool wait) {
-    char bytes[16384];
-    const ssize_t size = ::recv(fd_, bytes, sizeof bytes, wait ? 0 : MSG_DONTWAIT);
-    if (size == 0 || (size < 0 && errno != EINTR && errno != EAGAIN)) {
-        lost();
-    }
-    input_.append(bytes, size < 0 ? 0 : static_cast<size_t>(size));
-}
-
-bool Connection::take_line(std::string& line) {
-    const size_t end = input_.find('\n');
-    if (end == std::string::npos) {
-        return false;
-    }
-    line = input_.substr(0, end);
-    input_.erase(0, end + 1);
-    return true;
-}
-
 void Connection::take_messages() {
-    receive(false);
-    std::string line;
-    while (take_line(line)) {
-        const json message = json::parse(line, nullptr, false);
+    client_.receive(false);
+    while (const std::optional<std::string> line = client_.take_line()) {
+        const json message = json::parse(*line, nullptr, false);
         if (!message.is_object()) {
             continue;
         }
@@ -112,23 +53,12 @@ void Connection::take_messages() {
 
 Reply Connection::ask(const char* kind, std::string_view line) {
     const json request{{kind, std::string(line)}};
-    std::string text = request.dump(-1, ' ', false, json::error_handler_t::replace) + "\n";
-    for (std::string_view rest = text; !rest.empty();) {
-        const ssize_t size = ::send(fd_, rest.data(), rest.size(), MSG_NOSIGNAL);
-        if (size < 0 && errno != EINTR) {
-            break;  // a switch that has closed the session may have sent a reason
-        }
-        rest.remove_prefix(size < 0 ? 0 : static_cast<size_t>(size));
-    }
+    client_.send(request.dump(-1, ' ', false, json::error_handler_t::replace) + "\n");
     wait_for_bytes();
     for (;;) {
-        if (!take_line(text)) {
-            receive(true);
-            continue;
-        }
-        const json reply = json::parse(text, nullptr, false);
+        const json reply = json::parse(client_.next_line(), nullptr, false);
         if (!reply.is_object()) {
-            lost();
+            client_.lost();
         }
         if (!reply.contains("monitor")) {
             Reply taken{.output = checked(reply).value("output", ""),

@@ -60,7 +60,8 @@ Options read_options(int argc, char** argv) {
     return options;
 }
 
-// Executes one line and shows its output. Sets the status; false when no further line may run.
+// Executes one line and shows its output. Sets the status; returns false when no further line may
+// run.
 bool execute(ldash::Connection& connection, const std::string& line, int& status) {
     const ldash::Reply reply = connection.ask("exec", line);
     std::fputs(reply.output.c_str(), stdout);

@@ -16,8 +16,7 @@ using NextKey = std::function<int()>;
 // other keys do nothing. A screen without rows gets everything at once.
 void show_paged(std::string_view text, Screen screen, const NextKey& next_key);
 
-// Writes the prompt that stands below a page. For `next_key`, when something else was written over
-// it.
+// Writes the prompt below a page again, for a `next_key` that wrote something over it.
 void show_more_prompt();
 
 }  // namespace ldash

@@ -16,7 +16,7 @@ Screen screen_of(int fd) {
 
 size_t width_of(std::string_view text) {
     return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
-        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;  // no continuation byte
+        return (static_cast<unsigned char>(c) & 0xc0) != 0x80;  // not a continuation byte
     }));
 }
 

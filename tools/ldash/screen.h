@@ -12,7 +12,7 @@ struct Screen {
     size_t columns = 0;
 };
 
-// Returns the size of the terminal behind descriptor `fd`, {0, 0} when it is no terminal.
+// Returns the size of the terminal behind descriptor `fd`, {0, 0} when it is not a terminal.
 Screen screen_of(int fd);
 
 // Returns the number of columns that `text`, in UTF-8, takes in one row: one for each character.

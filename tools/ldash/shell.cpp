@@ -52,7 +52,7 @@ std::string typed(EditLine* editor) {
     return {line->buffer, line->cursor};
 }
 
-// Results of wait_for_key() that are no key.
+// Results of wait_for_key() other than a key.
 constexpr int kEndOfInput = -1;  // also when the switch is lost
 constexpr int kInterrupt = -2;
 
@@ -100,7 +100,7 @@ class SingleKeys {
     SingleKeys& operator=(const SingleKeys&) = delete;
 
  private:
-    // A terminal that is gone takes no settings: the next wait for a key ends the shell.
+    // This fails on a terminal that is gone: the next wait for a key ends the shell.
     void set(const termios& settings) const {
         if (known_) {
             static_cast<void>(::tcsetattr(STDIN_FILENO, TCSADRAIN, &settings));
@@ -187,8 +187,8 @@ unsigned char complete(EditLine* editor, int) {
     return CC_REDISPLAY;
 }
 
-// Shows what a line printed. A marker points at the word that is wrong, and what could follow
-// stands below an incomplete line.
+// Shows what a line printed. A marker points at the wrong word, and an incomplete line is followed
+// by the words that could continue it.
 void show(Shell& shell, const std::string& line, const Reply& reply) {
     std::string text;
     if (reply.wrong_at) {
@@ -253,6 +253,13 @@ void prepare(EditLine* editor, History* lines, Shell& shell) {
     el_set(editor, EL_BIND, "^I", "switch-complete", nullptr);
 }
 
+// The next line, null at the end of the input. By itself the editor would show its prompt first and
+// then take the terminal over: the kernel would echo a key that is pressed in between.
+const char* next_line(EditLine* editor, int& size) {
+    el_set(editor, EL_PREP_TERM, 1);
+    return el_gets(editor, &size);
+}
+
 }  // namespace
 
 void run_shell(Connection& connection) {
@@ -268,10 +275,10 @@ void run_shell(Connection& connection) {
         std::printf("\r%s\n", text.c_str());
         std::fflush(stdout);
     };
-    // An empty line gets the prompt and nothing else.
+    // An empty line fetches only the prompt.
     shell.prompt = connection.ask("exec", "").prompt;
     int size = 0;
-    while (const char* text = el_gets(editor.get(), &size)) {
+    while (const char* text = next_line(editor.get(), size)) {
         std::string line(text, static_cast<size_t>(std::max(size, 0)));
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) {
             line.pop_back();

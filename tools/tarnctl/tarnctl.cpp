@@ -7,13 +7,13 @@
 #include <string>
 #include <vector>
 
-#include "connection.h"
 #include "platform/base/config.h"
+#include "platform/base/line_client.h"
+#include "platform/base/tarn_names.h"
 #include "texts.h"
 
 namespace {
 
-using tarnctl::Connection;
 using tarnctl::Json;
 
 constexpr int kDone = 0;
@@ -82,7 +82,7 @@ std::string socket_of(const Options& options) {
     const char* const file = std::getenv("LDA_PLATFORM");
     const qv::PlatformConfig config =
         file != nullptr && *file != '\0' ? qv::load_platform_config(file) : qv::PlatformConfig();
-    return config.tarn_state + "/control";
+    return qv::tarn_control_socket(config);
 }
 
 // A line of the answer, for a reader.
@@ -104,15 +104,24 @@ void print(const std::string& text) {
     std::fflush(stdout);
 }
 
+// The next line of the answer, an object. Throws std::runtime_error when the connection is lost.
+Json next(qv::LineClient& service) {
+    Json line = Json::parse(service.next_line(), nullptr, false);
+    if (!line.is_object()) {
+        service.lost();
+    }
+    return line;
+}
+
 int run(const Options& options) {
-    Connection connection(socket_of(options));
+    qv::LineClient service(socket_of(options), "tarnd");
     Json request = {{"do", options.command}};
     if (!options.port.empty()) {
         request["port"] = options.port;
     }
-    connection.send(request);
+    service.send(request.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n");
     size_t lines = 0;
-    for (Json line = connection.next(); !line.contains("done"); line = connection.next()) {
+    for (Json line = next(service); !line.contains("done"); line = next(service)) {
         if (line.contains("error")) {
             std::fprintf(stderr, "tarnctl: %s\n", line.value("error", "").c_str());
             return kRefused;

@@ -32,9 +32,16 @@ std::string row(const std::string& port, const std::string& state, const std::st
     return padded(port, 16) + padded(state, 9) + padded(role, 7) + padded(guard, 7) + loop + "\n";
 }
 
+// "7", or "7 -> 9" when a probe comes back in another VLAN than it was sent in.
+std::string vlan_text(const Json& loop) {
+    const std::string vid = text_of(loop, "vid");
+    const std::string src_vid = text_of(loop, "src_vid");
+    return src_vid == vid || src_vid == "-" ? vid : src_vid + " -> " + vid;
+}
+
 std::string loop_text(const Json& loop) {
     return text_of(loop, "src_port") + " -> " + text_of(loop, "port") + ", VLAN " +
-           text_of(loop, "vid") + ", " + text_of(loop, "path_us") + " us, by " +
+           vlan_text(loop) + ", " + text_of(loop, "path_us") + " us, by " +
            text_of(loop, "found_by");
 }
 
@@ -70,7 +77,8 @@ std::string event_text(const Json& event) {
         return start + loop_text(event) + "\n";
     }
     if (kind == "end") {
-        return start + text_of(event, "src_port") + " -> " + text_of(event, "port") + "\n";
+        return start + text_of(event, "src_port") + " -> " + text_of(event, "port") + ", VLAN " +
+               vlan_text(event) + "\n";
     }
     const std::string reason = text_of(event, "reason");
     return start + text_of(event, "port") + (reason == "-" ? "" : ": " + reason) + "\n";

@@ -50,7 +50,7 @@ void EmbeddedForwarding::remove(ForwardingId id) {
     forget(id);
 }
 
-// The plane ends with its process, so nothing is ever left over.
+// The plane ends with its process, so there are no leftovers.
 void EmbeddedForwarding::remove_leftovers() {}
 
 void EmbeddedForwarding::set_rate(uint32_t phyid, uint64_t pps) {
@@ -173,7 +173,7 @@ void EmbeddedForwarding::report_counters() {
     }
 }
 
-// Brings a port's traffic up to the present.
+// Counts a port's traffic up to now.
 void EmbeddedForwarding::settle(uint32_t phyid, Source& source) {
     const Time now = loop_.clock().now();
     const Duration elapsed = now - std::exchange(source.since, now);

@@ -1,9 +1,9 @@
 // The forwarding plane of the embedded switch: rules on its ports, traffic at a scripted rate.
 //
 // Everything happens on a tick of one second, which runs while there is something to do: it reports
-// the counters of installed rules, then gives the answers that are due. set_rate() sets the traffic
-// that rules match, in frames of 64 bytes; a port's rule counts all of it and its meter lets a part
-// pass.
+// the counters of installed rules, then sends the answers that are due. set_rate() sets the traffic
+// that rules match, in frames of 64 bytes; a port's rule counts all of it and its meter passes some
+// of it.
 #pragma once
 
 #include <cstdint>
@@ -46,14 +46,14 @@ class EmbeddedForwarding final : public ForwardingDriver {
     void remove(ForwardingId id) override;
     void remove_leftovers() override;
 
-    // Flooded frames per second on a port from now on.
+    // Sets the flooded frames per second on a port.
     void set_rate(uint32_t phyid, uint64_t pps);
 
-    // The next `count` requests of this kind fail with `error`.
+    // Makes the next `count` requests of this kind fail with `error`.
     void fail_next(Request request, int error, unsigned count = 1);
-    // Later requests are answered `ticks` ticks late.
+    // Delays the answers to later requests by `ticks` ticks.
     void delay_answers(unsigned ticks);
-    // The plane loses the rule of a port, if there is one, and reports it.
+    // Drops the rule of a port, if there is one, and reports the loss.
     void lose_rule(uint32_t phyid, int error);
 
     // Rules that are installed on ports, in the order of the ports.
@@ -66,7 +66,7 @@ class EmbeddedForwarding final : public ForwardingDriver {
     struct Answer {
         ForwardingId id;
         int error;
-        unsigned ticks;  // still to wait
+        unsigned ticks;  // left to wait
     };
     struct Rule {
         std::optional<uint32_t> phyid;
@@ -74,7 +74,7 @@ class EmbeddedForwarding final : public ForwardingDriver {
         bool installed = false;
         Traffic traffic;
         uint64_t reported = 0;  // part of the counted frames that was reported
-        uint64_t tokens = 0;    // frames that the meter lets pass at once
+        uint64_t tokens = 0;    // frames that the meter passes at once
     };
     struct Source {
         uint64_t pps = 0;

@@ -156,7 +156,7 @@ std::string EmbeddedSwitch::join_aggregate(uint32_t aggregate, uint32_t member) 
         return kNoPort;
     }
     if (whole->port.type != LSM_TYPE_AGGREGATE) {
-        return whole->port.name + " is no aggregate port";
+        return whole->port.name + " is not an aggregate port";
     }
     if (joining->port.type == LSM_TYPE_AGGREGATE) {
         return joining->port.name + " is an aggregate port itself";
@@ -175,7 +175,7 @@ std::string EmbeddedSwitch::leave_aggregate(uint32_t aggregate, uint32_t member)
         return kNoPort;
     }
     if (leaving->port.aggregate != aggregate) {
-        return leaving->port.name + " is no member of that aggregate port";
+        return leaving->port.name + " is not a member of that aggregate port";
     }
     leaving->port.aggregate = 0;
     changed(*leaving);
@@ -197,7 +197,7 @@ std::string EmbeddedSwitch::set_vsl(uint32_t ifx, bool vsl) {
     }
     if (member->port.vsl == vsl) {
         return member->port.name +
-               (vsl ? " is a virtual switch link already" : " is no virtual switch link");
+               (vsl ? " is a virtual switch link already" : " is not a virtual switch link");
     }
     member->port.vsl = vsl;
     changed(*member);

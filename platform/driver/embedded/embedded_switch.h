@@ -1,9 +1,9 @@
 // A whole switch in memory: Ethernet ports that are up as long as nobody shuts them, cables plugged
-// into loops, storms, aggregate ports and virtual switch links, all moved by the controls below.
+// into loops, storms, aggregate ports and virtual switch links, all changed by the controls below.
 //
-// At the start there are `ports` Ethernet ports swp1, swp2, ... with interface index and
+// It starts with `ports` Ethernet ports swp1, swp2, ... with interface index and
 // forwarding-plane id 1, 2, ..., in access mode, up. A port added later as "swpN" takes index N
-// when that is free, any other name the next index above all that have been used.
+// when that is free, any other name takes the next index never used before.
 #pragma once
 
 #include <cstdint>
@@ -18,16 +18,16 @@
 
 namespace qv {
 
-// Loop thread only. Controls, like requests, answer with an empty text when done, else with the
-// reason; a refused one changes nothing. What they change is reported from inside the call.
+// Loop thread only. Controls, like requests, return an empty text on success, else the reason; a
+// refused one changes nothing. Changes are reported from inside the call.
 class EmbeddedSwitch final : public SwitchDriver {
  public:
-    // Packets per second that a loop between two ports keeps going on each of them.
+    // Packets per second on each port of a loop between two ports.
     static constexpr uint64_t kLoopRate = 100000;
 
     EmbeddedSwitch(EventLoop& loop, unsigned ports);
 
-    // The sink stays the caller's and must outlive the switch.
+    // The caller owns the sink, which must outlive the switch.
     void start(PortSink& sink) override;
     std::string set_admin(uint32_t ifx, bool up) override;
     std::string set_mode(uint32_t ifx, uint32_t mode) override;
@@ -40,7 +40,7 @@ class EmbeddedSwitch final : public SwitchDriver {
     std::string add_aggregate(std::string_view name);
     std::string delete_port(uint32_t ifx);
     std::string rename_port(uint32_t ifx, std::string_view name);
-    // Takes the port out of the bridge; set_mode() takes it in again.
+    // Removes the port from the bridge; set_mode() adds it again.
     std::string leave_bridge(uint32_t ifx);
     std::string join_aggregate(uint32_t aggregate, uint32_t member);
     std::string leave_aggregate(uint32_t aggregate, uint32_t member);
@@ -60,9 +60,8 @@ class EmbeddedSwitch final : public SwitchDriver {
     // The other end of the port's cable while both ends are up and in the bridge.
     std::optional<uint32_t> loop_peer(uint32_t ifx) const;
 
-    // Called with each port whose own state or cable, or the state of whose far end, may have
-    // changed; a change that concerns both ends calls for both, the lower index first. One
-    // listener.
+    // Called with each port when its state, its cable or the state of its far end may have changed;
+    // a change that concerns both ends is reported for both, the lower index first. One listener.
     void set_wiring_listener(std::function<void(uint32_t ifx)> listener);
     // Called with the port's flooded packets per second whenever that changes. One listener.
     void set_rate_listener(std::function<void(uint32_t phyid, uint64_t pps)> listener);
@@ -88,7 +87,7 @@ class EmbeddedSwitch final : public SwitchDriver {
 
     EventLoop& loop_;
     PortSink* sink_ = nullptr;
-    bool reported_ = false;  // the ports of the start have been reported
+    bool reported_ = false;  // the initial ports have been reported
     uint32_t highest_ = 0;   // highest interface index ever used
     std::map<uint32_t, Member> members_;
     std::function<void(uint32_t)> wiring_listener_;

@@ -2,8 +2,8 @@
 //
 // A loop on a port where probing is enabled is reported at once when its cable is plugged,
 // kInterval after one of its ports came up again, and every kInterval from then on. One more report
-// follows when the loop ends or probing is disabled. A port with a guard is probed for the time of
-// the guard first, both when it is plugged and when it comes up.
+// follows when the loop ends or probing is disabled. A port with a guard is first probed for the
+// guard's time, both when it is plugged and when it comes up.
 #pragma once
 
 #include <chrono>
@@ -32,26 +32,27 @@ class LoopProbe {
 
     struct Rules {
         std::function<bool(uint32_t ifx)> enabled;  // probing is enabled on this port
-        // The port that alone reports the loop of these two; 0: both do.
+        // Returns which of the two ports reports their loop; 0: both do.
         std::function<uint32_t(uint32_t ifx, uint32_t peer)> choose;
-        std::function<Duration(uint32_t ifx)> guard;      // zero: none
-        std::function<void(uint32_t ifx)> guard_changed;  // it begins or ends to hold the port
+        std::function<Duration(uint32_t ifx)> guard;  // zero: none
+        std::function<void(uint32_t ifx)>
+            guard_changed;  // the guard of this port has begun or ended
     };
-    // Publishes a report. False when that is not possible now: then it is tried again later.
+    // Publishes a report. Returns false when that is not possible now: it is tried again later.
     using Publish = std::function<bool(const LoopReport& report)>;
 
-    // Takes the wiring listener of `ports`, which must outlive the probe, as must the loop.
+    // Becomes the wiring listener of `ports`. Both `ports` and the loop must outlive the probe.
     LoopProbe(EventLoop& loop, EmbeddedSwitch& ports, Rules rules, Publish publish);
 
-    // Whether a guard holds the port now.
+    // Whether a guard blocks the port now.
     bool guarded(uint32_t ifx) const;
 
  private:
-    // A port's cable. It is kept until it is unplugged and the end of its loop is published.
+    // A port's cable, kept until it is unplugged and the end of its loop is published.
     struct Cable {
         uint32_t peer = 0;      // as reported
-        bool reported = false;  // a loop is on record
-        bool guarded = false;   // the timer is that of the guard
+        bool reported = false;  // a loop has been reported
+        bool guarded = false;   // the timer is the guard's
         bool periodic = false;  // the timer is not the first since the port came up
         EventLoop::Handle timer;
     };

@@ -1,5 +1,5 @@
-// The object store of the embedded switch: in memory, with controls that act as other programs and
-// as a server that goes away. Loop thread only.
+// The object store of the embedded switch: in memory, with controls that play other programs and a
+// server that fails. Loop thread only.
 #pragma once
 
 #include <map>
@@ -24,18 +24,18 @@ class MemoryStore final : public StoreDriver {
 
     std::unique_ptr<StoreClient> connect(StoreListener& listener) override;
 
-    // The sessions with `db` are lost: subscriptions and scans are forgotten, requests fail. The
-    // records stay. restore() brings the sessions back.
+    // Ends the sessions with `db`: subscriptions and scans are dropped, requests fail. The records
+    // stay. restore() opens the sessions again.
     void drop(uint32_t db);
     void restore(uint32_t db);
     bool up(uint32_t db) const;
 
-    // Writes of another program; they reach the store also while the sessions are lost.
+    // Writes as another program, even while the sessions are lost.
     void put(uint32_t db, const std::string& key, Bytes record);
     void erase(uint32_t db, const std::string& key, Bytes record);
     void publish(uint32_t db, std::string_view type, Bytes record);
     void erase_matching(uint32_t db, const std::string& pattern);
-    // A change notice as it is, sound or not.
+    // Sends a change notice, valid or not.
     void notify(uint32_t db, std::string_view type, Bytes notice);
 
     // The stored record, packed, and the stored keys that match a glob, ascending.

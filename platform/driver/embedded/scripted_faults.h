@@ -14,7 +14,7 @@ void refuse_next_line(std::string line, std::string text, int result = 1);
 // The next `count` calls of cli_sub_create_session fail with -1.
 void fail_next_sessions(unsigned count);
 
-// The functions that fault_seam.h calls. True when a request applies; it is used up then.
+// The functions that fault_seam.h calls. Return true when a request applies, and remove it.
 bool take_refusal(const std::string& line, std::string& text, int& result);
 bool take_session_failure();
 

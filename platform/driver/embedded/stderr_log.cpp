@@ -12,8 +12,8 @@ namespace qv {
 namespace {
 
 // Standard error itself must stay blocking, since other processes may share it. So a pipe or a
-// terminal is opened again, non-blocking. A file is not, because the new descriptor would have a
-// position of its own; it never blocks anyway, and for a socket each send() says not to wait.
+// terminal is opened again, non-blocking. A file is not, because the new descriptor would have its
+// own position; it never blocks anyway, and for a socket each send() says not to wait.
 int open_standard_error() {
     struct stat status {};
     if (fstat(STDERR_FILENO, &status) == 0 &&
@@ -54,7 +54,7 @@ void StderrLog::write(const SystemLogMessage& message) {
     }
 }
 
-// False when nothing of the line was written.
+// Returns false when nothing of the line was written.
 bool StderrLog::write_line(const std::string& line) {
     if (!flush()) {
         return false;
@@ -66,7 +66,7 @@ bool StderrLog::write_line(const std::string& line) {
     return written != 0;
 }
 
-// Whether the line before has been written as a whole.
+// Returns true when the previous line has been written to its end.
 bool StderrLog::flush() {
     if (!rest_.empty()) {
         rest_.erase(0, write_some(rest_));
@@ -74,7 +74,7 @@ bool StderrLog::flush() {
     return rest_.empty();
 }
 
-// How many bytes were taken.
+// Returns how many bytes were written.
 size_t StderrLog::write_some(const std::string& text) const {
     ssize_t size = send(fd_, text.data(), text.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
     if (size < 0 && errno == ENOTSOCK && (fd_ != STDERR_FILENO || has_room(fd_))) {

@@ -1,6 +1,6 @@
-// System log on standard error, one line per message with the local time in front.
+// System log on standard error, one line per message preceded by the local time.
 //
-// A pipe or a terminal that nobody reads fills up, and a write to it would then stop the loop. So
+// A pipe or a terminal that nobody reads fills up, and a write to it would then block the loop. So
 // no write waits: a line that does not fit is lost and counted, and the next one that fits is
 // preceded by a report of the loss.
 #pragma once
@@ -15,7 +15,7 @@ namespace qv {
 
 class StderrLog final : public SystemLog {
  public:
-    // Writes to what standard error is at this moment.
+    // Writes to the present standard error, even if that is redirected later.
     StderrLog();
     ~StderrLog() override;
     StderrLog(const StderrLog&) = delete;
@@ -32,7 +32,7 @@ class StderrLog final : public SystemLog {
     const int fd_;
     Mutex mutex_;
     std::string rest_ GUARDED_BY(mutex_);   // of a line that was written in part
-    uint64_t lost_ GUARDED_BY(mutex_) = 0;  // lines, since that was last reported
+    uint64_t lost_ GUARDED_BY(mutex_) = 0;  // lines since the last report of a loss
 };
 
 }  // namespace qv

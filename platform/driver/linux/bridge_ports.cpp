@@ -82,7 +82,8 @@ void BridgePorts::set_admin(uint32_t ifx, bool up) {
     if (found == reported_.end() || found->second.admin_up == up) {
         return;
     }
-    // A port that is shut passes nothing. When one that is up can pass packets, a message says so.
+    // A port that is shut passes nothing; a message reports when a port that is up can pass
+    // packets.
     Port& port = found->second;
     port.admin_up = up;
     port.oper_up = port.oper_up && up;
@@ -93,7 +94,7 @@ void BridgePorts::set_admin(uint32_t ifx, bool up) {
     sink_.port_changed(Port(port));
 }
 
-// The link when it is a member of our bridge, else null.
+// Returns the link when it is a member of our bridge, else null.
 const LinkMessage* BridgePorts::member(uint32_t ifx) const {
     const auto found = links_.find(ifx);
     if (found == links_.end() || bridge_ifx_ == 0 || found->second.state.master != bridge_ifx_) {

@@ -17,12 +17,12 @@ namespace qv {
 // Loop thread only.
 class BridgePorts {
  public:
-    // The sink stays the caller's and must outlive this.
+    // The caller owns the sink, which must outlive this.
     BridgePorts(std::string bridge, PortSink& sink);
 
-    // Between these two nothing is reported. end_dump() then forgets every link that no message
-    // since begin_dump() has named, and reports all differences: removed ports first, because
-    // another port may have the name of a removed one.
+    // Nothing is reported between these two. end_dump() then drops every link that no message since
+    // begin_dump() has named, and reports all differences: removed ports first, because another
+    // port may have the name of a removed one.
     void begin_dump();
     void end_dump();
 
@@ -31,7 +31,7 @@ class BridgePorts {
     // A port as it was reported last, or null. Valid until the next call that is not const.
     const Port* find(uint32_t ifx) const;
 
-    // Interface index of the bridge as the messages so far have it; 0 when there is none.
+    // Interface index of the bridge according to the messages so far; 0 when there is none.
     uint32_t bridge() const { return bridge_ifx_; }
 
     // Keeps and reports the VLAN mode of a reported port.
@@ -55,7 +55,7 @@ class BridgePorts {
 
     const std::string bridge_;
     PortSink& sink_;
-    uint32_t bridge_ifx_ = 0;  // 0: there is no such bridge
+    uint32_t bridge_ifx_ = 0;  // 0: no bridge of that name
     std::map<uint32_t, Link> links_;
     std::map<uint32_t, Port> reported_;
     unsigned dump_ = 0;

@@ -1,9 +1,9 @@
 // The addresses that a bridge knows, followed through rtnetlink.
 //
 // A bridge keeps one entry for each address and VLAN: learned ones, those set by hand and its own.
-// An address is known while there is any entry for it. The mirror reports the difference to what it
-// has reported before, so an entry that only moves between ports is no change; in a storm all of
-// them move all the time. The source describes how it stays complete.
+// An address is known while there is any entry for it. The mirror reports differences from its
+// earlier reports, so an entry that only moves between ports is not a change; in a storm all of
+// them move all the time. The source describes how the mirror stays complete.
 #pragma once
 
 #include <cstdint>
@@ -24,9 +24,9 @@ class FdbMirror final : private RtnlMonitor::Listener {
     static constexpr int kReceiveBuffer = 8 << 20;
     // How long changes are collected before they are reported.
     static constexpr std::chrono::milliseconds kGather{10};
-    // Addresses in one report; the loop has its turn before the next.
+    // Addresses in one report; the loop runs other work before the next.
     static constexpr size_t kMaxPerReport = 512;
-    // Readings in a row while entries are deleted in the middle of each.
+    // Readings in a row when entries are deleted during each of them.
     static constexpr unsigned kMaxReadings = 10;
 
     // Called from the loop, never inside a call of this class. No address is in both lists.
@@ -37,9 +37,9 @@ class FdbMirror final : private RtnlMonitor::Listener {
     FdbMirror(EventLoop& loop, Changed changed, int receive_buffer = kReceiveBuffer);
     ~FdbMirror() override;
 
-    // Follows the bridge with this interface index from now on; with 0 none, and all addresses are
-    // reported as gone. Throws std::runtime_error when no socket can be opened, and then changes
-    // nothing.
+    // Follows the bridge with this interface index from now on; 0 means none and reports all
+    // addresses as gone. Throws std::runtime_error, and changes nothing, when no socket can be
+    // opened.
     void follow(uint32_t bridge);
     uint32_t bridge() const { return bridge_; }
 
@@ -48,7 +48,7 @@ class FdbMirror final : private RtnlMonitor::Listener {
     // True until repeat() has reported all of them.
     bool repeating() const { return repeating_; }
 
-    // Follows no bridge and forgets all addresses, without a report.
+    // Stops following and drops all addresses, without a report.
     void stop();
 
     // The addresses that have been reported as added and not as gone, ascending.
@@ -72,10 +72,10 @@ class FdbMirror final : private RtnlMonitor::Listener {
     std::set<uint64_t> entries_;    // the kernel's entries: address << 16 | VLAN
     std::set<MacAddress> pending_;  // may differ between entries_ and known_
     std::set<MacAddress> known_;    // as reported
-    bool reading_ = false;          // a dump is under way, entries_ is incomplete
-    std::set<uint64_t> deleted_;    // entries deleted during the dump under way
+    bool reading_ = false;          // a dump is running, entries_ is incomplete
+    std::set<uint64_t> deleted_;    // entries deleted during the running dump
     bool repeating_ = false;
-    bool read_again_ = false;               // the next dump adds to what this one has found
+    bool read_again_ = false;               // the next dump adds to this one
     unsigned readings_ = 0;                 // incomplete ones in a row
     std::unique_ptr<RtnlMonitor> monitor_;  // null while no bridge is followed
     EventLoop::Handle report_timer_;

@@ -11,7 +11,7 @@
 namespace qv {
 namespace {
 
-// The attributes of one level by their number; null for one that is not there.
+// The attributes of one level by their number; null for a missing one.
 struct Attributes {
     static constexpr int kMax = std::max<int>(NFTA_OBJ_MAX, NFTA_COUNTER_MAX);
 

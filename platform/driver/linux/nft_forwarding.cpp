@@ -1,34 +1,33 @@
 // How a rule gets into the kernel.
 //
-// install() only notes the rule in `changed_`, remove() in `dropped_`, port_changed() in `changed_`
-// again when the rule's chain has to move. After kGather commit() opens the table and carries out
-// one batch of these changes in one transaction; while changes are left it runs again, with the
-// loop's other work in between. libnftables reads all chains and counters before each transaction:
-// one for each of 512 rules takes five times as long as eight for all of them, and one for all
-// would stop the loop for too long. The rule's answer goes out when the kernel has it.
+// install() only notes the rule in `changed_`, remove() in `dropped_`, port_changed() notes it in
+// `changed_` again when the rule's chain must move. After kGather, commit() opens the table and
+// makes one batch of these changes in one transaction; while changes are left it runs again, after
+// the loop's other work. libnftables reads all chains and counters before each transaction: one for
+// each of 512 rules takes five times as long as eight for all of them, and one for all would stop
+// the loop for too long. The rule's answer goes out when the kernel has it.
 //
-// A transaction fails as a whole. Then each of its changes is tried alone, so that only the one
-// that cannot be done is refused. A device that the kernel does not know was renamed or removed a
-// moment ago and the port model will soon say so: such a rule waits in `unplaced_` for the next
-// tick.
+// A transaction fails as a whole. Then each of its changes is tried alone, so that only the
+// impossible one is refused. A device that the kernel does not know was renamed or removed a moment
+// ago and the port model will soon say so: such a rule waits in `unplaced_` for the next tick.
 //
 // The names of the bridge and its devices come from the port model, never from a look-up in the
-// kernel: that fails when the process is out of descriptors, and a rule must not suffer from it.
-// For the same reason nothing at all is changed while a socket cannot be opened: commit() tries
+// kernel: that would fail, and a rule with it, when the process is out of descriptors.
+// For the same reason nothing is changed while a socket cannot be opened: commit() tries
 // again every kRetry, and rules in the kernel stay.
 //
 // A rule belongs to a bridge port number. While no port has that number the rule keeps its counter
 // but has no chain; the chain returns with the port.
 //
-// tick() runs every second: it reads and reports the counters, and looks whether another program
-// has changed the table. If so, restore() makes the table anew: first empty, then the known
-// addresses (FdbMirror::repeat), then all rules through commit(), which waits for the addresses,
-// because without them every frame would count as flooded. Only a table that cannot be made anew is
-// reported as lost, with all its rules. close() removes the table when the last rule goes and when
-// the process ends in order; a crash leaves it to remove_leftovers() of the next process.
+// tick() runs every second: it reads and reports the counters, and checks whether another program
+// has changed the table. If so, restore() rebuilds the table: first empty, then the known addresses
+// (FdbMirror::repeat), then all rules through commit(), which waits for the addresses, because
+// without them every frame would count as flooded. Only a table that cannot be rebuilt is reported
+// as lost, with all its rules. close() removes the table with the last rule and when the process
+// ends in order; after a crash, remove_leftovers() of the next process does.
 //
 // A sink's callback may call any function of this class. So no iterator into `rules_` lives across
-// one: reports and answers are collected first, then given.
+// one: reports and answers are collected first, then sent.
 #include "platform/driver/linux/nft_forwarding.h"
 
 #include <algorithm>
@@ -76,7 +75,7 @@ void NftForwarding::start(ForwardingSink& sink) {
     sink_ = &sink;
 }
 
-// ACLs and entries take no room of their own.
+// ACLs and entries need no space in the kernel.
 void NftForwarding::reserve(ForwardingId id, Table) {
     sink_->done(id);
 }
@@ -100,8 +99,8 @@ void NftForwarding::install(ForwardingId id, std::optional<uint32_t> phyid,
 
 int NftForwarding::check(const Rule& rule) const {
     if (!rule.phyid) {
-        // The kernel has no hook that exactly the frames of one bridge pass. A rule that neither
-        // counts nor meters needs none; only the table must exist.
+        // The kernel has no hook for exactly the frames of one bridge. A rule that neither counts
+        // nor meters needs none; only the table must exist.
         return rule.rule.counted || rule.rule.meter ? EOPNOTSUPP : 0;
     }
     if (rule.rule.meter && rule.rule.meter->rate_pps == 0) {
@@ -122,7 +121,7 @@ void NftForwarding::schedule_commit() {
     }
 }
 
-// The answers go out last, when the state they report is reached.
+// The answers are sent last, when the state they report is reached.
 void NftForwarding::commit() {
     const int error = open_table();
     if (out_of_descriptors(error)) {
@@ -179,13 +178,13 @@ std::vector<NftForwarding::Answer> NftForwarding::apply(const Batch& batch, int 
         }
         return answers;
     }
-    // Nothing of the batch has happened.
+    // No change of the batch was made.
     if (table_.is_gone()) {
         changed_.insert(batch.changed.begin(), batch.changed.end());
         restore();
         return answers;
     }
-    // Each change alone, so that only the one that cannot be done fails.
+    // Tries each change alone, so that only the impossible one fails.
     for (const Rule& rule : batch.dropped) {
         if (run({.dropped = {rule}, .changed = {}}) != 0) {
             broken_ = true;
@@ -208,7 +207,7 @@ int NftForwarding::run(const Batch& batch) {
     return table_.run(change);
 }
 
-// Updates a rule after a transaction. True when the result has to be reported.
+// Updates a rule after a transaction. Returns true when the result must be reported.
 bool NftForwarding::record_outcome(ForwardingId id, int error) {
     Rule& rule = rules_.at(id);
     if (error == 0) {
@@ -247,8 +246,9 @@ void NftForwarding::add_removal(NftTable::Change& change, const Rule& rule) {
     }
 }
 
-// Adds what turns the kernel's state of a rule into the wanted one. A chain that stays in its place
-// is made anew as well: some kernels remove it with its device, which may have gone and come back.
+// Adds the requests that turn the kernel's state of a rule into the wanted one. Even a chain that
+// stays in place is replaced: some kernels remove it with its device, which may have left and
+// returned.
 void NftForwarding::add_update(NftTable::Change& change, Rule& rule) const {
     if (!rule.phyid) {
         return;
@@ -287,7 +287,7 @@ int NftForwarding::make_table() {
     const int error = table_.run(change);
     if (error == 0) {
         broken_ = false;
-        table_.forget_changes();  // nothing is left of them
+        table_.forget_changes();  // the new table has none of them
     }
     return error;
 }
@@ -382,7 +382,7 @@ void NftForwarding::tick() {
     counters.reserve(rules_.size());
     const int error = table_.read_counters(counters);
     const bool all_there = report(counters);
-    // A list that broke off proves nothing; its missing counters are read at the next tick.
+    // An incomplete list proves nothing; its missing counters are read at the next tick.
     if (open_ &&
         (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !all_there))) {
         restore();
@@ -393,7 +393,7 @@ void NftForwarding::tick() {
     }
 }
 
-// Reports the increments. True when every rule that counts has its counter in the list.
+// Reports the increments. Returns true when every rule that counts has its counter in the list.
 bool NftForwarding::report(const std::vector<NamedCounter>& counters) {
     std::vector<std::pair<ForwardingId, PacketCounts>> reports;
     reports.reserve(counters.size());
@@ -432,7 +432,7 @@ NftForwarding::Rules::iterator NftForwarding::find_counter(const std::string& na
     return counts ? at : rules_.end();
 }
 
-// Makes the table anew at once; the mirror and commit() fill it again.
+// Rebuilds the table at once; the mirror and commit() fill it again.
 void NftForwarding::restore() {
     if (const int error = table_.open(); out_of_descriptors(error)) {
         broken_ = true;
@@ -440,7 +440,7 @@ void NftForwarding::restore() {
         return;
     }
     log_message(kLogWarning, "FORWARDING", "RESTORED",
-                "The rules of storm-loop-detect were changed from outside and are put back.");
+                "The rules of storm-loop-detect were changed from outside and are restored.");
     if (const int error = make_table(); error != 0) {
         fail_all(error);
         return;

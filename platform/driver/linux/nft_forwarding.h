@@ -1,8 +1,8 @@
 // The forwarding plane of a Linux bridge: a rule on a port is a chain at the ingress of its device.
 //
-// Frames to an address that the bridge knows leave the chain first; the others, those that the
-// bridge floods, are counted and then metered. The set of known addresses mirrors the bridge's
-// forwarding database. The table, the mirror and the timer exist only while there are rules.
+// Frames to an address that the bridge knows are accepted first; the others, which the bridge
+// floods, are counted and then metered. The set of known addresses mirrors the bridge's forwarding
+// database. The table, the mirror and the timer exist only while there are rules.
 // docs/forwarding-plane.md shows the table; the source describes how a rule gets there.
 #pragma once
 
@@ -37,9 +37,9 @@ class NftForwarding final : public ForwardingDriver {
     static constexpr std::chrono::seconds kRetry{1};
     // Attempts, one per tick, to put the chain of one rule on a device that the kernel refuses.
     static constexpr unsigned kDeviceTries = 5;
-    // Bounds of a batch. Its size follows the time that the last one took, to stay near
-    // kTransactionTime: the loop does nothing else meanwhile. With many chains in the table the
-    // library needs that long only to read them, hence the lower bound.
+    // Bounds of a batch. Its size is adapted to keep a transaction near kTransactionTime, because
+    // the loop does nothing else meanwhile. With many chains in the table the library needs that
+    // long only to read them, hence the lower bound.
     static constexpr size_t kMaxBatch = 64;
     static constexpr size_t kMinBatch = 4;
     static constexpr std::chrono::microseconds kTransactionTime{2000};
@@ -57,7 +57,7 @@ class NftForwarding final : public ForwardingDriver {
 
     // Nothing is opened before the first request. The loop must outlive the plane.
     NftForwarding(EventLoop& loop, Settings settings);
-    ~NftForwarding() override;  // as close()
+    ~NftForwarding() override;  // calls close()
 
     void start(ForwardingSink& sink) override;
     void reserve(ForwardingId id, Table table) override;
@@ -66,7 +66,7 @@ class NftForwarding final : public ForwardingDriver {
     void remove(ForwardingId id) override;
     void remove_leftovers() override;
 
-    // To be called when the port with this id was added, removed or changed.
+    // Call when the port with this id was added, removed or changed.
     void port_changed(uint32_t phyid);
 
     // Removes the table with every rule, without a report.
@@ -86,7 +86,7 @@ class NftForwarding final : public ForwardingDriver {
         std::optional<uint32_t> phyid;
         ForwardingRule rule;
         std::string name;  // of its chain and its counter; empty for one on the whole switch
-        Place place;       // of the chain in the transaction under way
+        Place place;       // of the chain in the current transaction
         Place chain;       // of the chain in the kernel
         bool installed =
             false;  // the kernel has it: its counter, and its chain while it has a port
@@ -100,7 +100,7 @@ class NftForwarding final : public ForwardingDriver {
         std::vector<Rule> dropped;
         std::vector<ForwardingId> changed;
     };
-    using Answer = std::pair<ForwardingId, int>;  // and its error, or 0
+    using Answer = std::pair<ForwardingId, int>;  // with its error, or 0
 
     int check(const Rule& rule) const;
     void schedule_commit();
@@ -130,13 +130,13 @@ class NftForwarding final : public ForwardingDriver {
     NftTable table_;
     FdbMirror mirror_;
     Rules rules_;
-    std::set<ForwardingId> changed_;   // rules to bring to the kernel
+    std::set<ForwardingId> changed_;   // rules to install or update in the kernel
     std::set<ForwardingId> unplaced_;  // rules to try again at the next tick: no such device
-    std::vector<Rule> dropped_;        // rules to take out of the kernel
+    std::vector<Rule> dropped_;        // rules to remove from the kernel
     size_t batch_size_ = 8;
     EventLoop::Handle commit_timer_;
     bool open_ = false;     // the table is in the kernel
-    bool broken_ = false;   // its content is not what we put there
+    bool broken_ = false;   // its content is not ours any more
     bool mirrored_ = true;  // the mirror follows the bridge; false from its first failure on
     int logged_refusal_ = 0;
     EventLoop::Handle tick_timer_;

@@ -110,7 +110,7 @@ void append_address(std::vector<uint64_t>& addresses, const nlattr* element) {
     addresses.push_back(address);
 }
 
-// Those in one message of a set's list of elements.
+// Appends those in one message of a set's list of elements.
 void append_addresses(std::vector<uint64_t>& addresses, const nlmsghdr* header) {
     for_each_attribute(header, [&](const nlattr* list) {
         if (mnl_attr_get_type(list) == NFTA_SET_ELEM_LIST_ELEMENTS) {
@@ -238,7 +238,7 @@ int NftObjects::find_table(const std::string& table) {
     return read_answers(1);
 }
 
-// Reads a list, again when the table changes meanwhile, up to kReadingsAtMost times. `begin` is
+// Reads a list up to kReadingsAtMost times, until the table does not change meanwhile. `begin` is
 // called before each reading, `take` for each message.
 int NftObjects::list(uint16_t type, const std::string& table, const std::string& set,
                      const Begin& begin, const Take& take) {
@@ -269,7 +269,7 @@ int NftObjects::read_list(const Take& take) {
     for (;;) {
         const ssize_t length = mnl_socket_recvfrom(socket_.get(), buffer_.data(), buffer_.size());
         if (length < 0) {
-            // Closing the socket discards the rest of the list, which would disturb the next one.
+            // Closing the socket discards the rest of the list, which would mix with the next one.
             const int error = errno;
             socket_.reset();
             return error;
@@ -303,7 +303,7 @@ int NftObjects::read_counters(const std::string& table, Counters& counters) {
 }
 
 // The kernel numbers the chains and rules of a table, and a rule that is replaced gets a new
-// number: equal numbers mean equal rules. Their text would not do, since it has counters that
+// number: equal numbers mean equal rules. Comparing their text would not work: it has counters that
 // change.
 int NftObjects::read_layout(const std::string& table, std::string& layout) {
     std::string chains;

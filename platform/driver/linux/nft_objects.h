@@ -19,7 +19,7 @@ namespace qv {
 // if that makes the smaller difference; otherwise it was reset to zero in between.
 uint64_t counted_since(uint64_t before, uint64_t now);
 
-// Loop thread only. Functions give 0 or an errno value.
+// Loop thread only. Functions return 0 or an errno value.
 class NftObjects {
  public:
     // Opens the socket in the calling thread's network namespace, unless it is open.
@@ -31,21 +31,21 @@ class NftObjects {
     // 0 when there is a netdev table of this name, ENOENT when there is none.
     int find_table(const std::string& table);
 
-    // All named counters of a netdev table; none when there is no such table. EINTR when the table
-    // changes faster than it can be read: then some may be missing.
+    // Reads all named counters of a netdev table; none when there is no such table. EINTR when the
+    // table changes faster than it can be read: then some may be missing.
     int read_counters(const std::string& table, std::vector<NamedCounter>& counters);
 
-    // A fingerprint of the chains, hooks and rules of a netdev table: it differs whenever one of
-    // them was added, removed, replaced or changed. Empty when there is no such table. EINTR as
+    // Reads a fingerprint of the chains, hooks and rules of a netdev table: it differs whenever one
+    // of them was added, removed, replaced or changed. Empty when there is no such table. EINTR as
     // above.
     int read_layout(const std::string& table, std::string& layout);
 
-    // All elements of a set of Ethernet addresses, in no order. EINTR as above.
+    // Reads all elements of a set of Ethernet addresses, unordered. EINTR as above.
     int read_set(const std::string& table, const std::string& set,
                  std::vector<uint64_t>& addresses);
 
-    // Adds and removes elements of a set in one transaction: all or nothing. Adding one that is
-    // there is no error, removing one that is not is ENOENT. Addresses as in fdb_entry.h.
+    // Adds and removes elements of a set in one transaction: all or nothing. Adding an existing
+    // element is not an error; removing a missing one gives ENOENT. Addresses as in fdb_entry.h.
     int change_set(const std::string& table, const std::string& set,
                    std::span<const uint64_t> added, std::span<const uint64_t> gone);
 

@@ -13,10 +13,10 @@ namespace qv {
 namespace {
 
 constexpr const char* kKnownSet = "fdb";
-// Loop probes, of this switch or of another, are no storm: they pass without being counted. Where
-// they come faster than several switches send them they go round in a loop, and count.
+// Loop probes, of this switch or of another, are not a storm: they pass uncounted. Probes that
+// arrive faster than several switches send them are circling in a loop, and count.
 constexpr const char* kProbes = "meta protocol 0x88b5 limit rate 2000/second burst 2000 packets";
-// The kernel reckons in nanoseconds for each frame.
+// The kernel computes in nanoseconds per frame.
 constexpr uint64_t kFastestMeter = 1'000'000'000;
 
 }  // namespace
@@ -53,7 +53,7 @@ void NftTable::Change::add_chain(const std::string& name, const std::string& dev
     text_ += "add chain netdev " + table_ + " " + name + " { type filter hook ingress device \"" +
              device + "\" priority 0; policy accept; }\n";
     const std::string add = "add rule netdev " + table_ + " " + name + " ";
-    // "meta protocol" is the frame's type behind a VLAN tag, too.
+    // "meta protocol" is the frame's type even after a VLAN tag.
     text_ += add + kProbes + " accept\n";
     if (rule.ethertype) {
         text_ += add + "meta protocol != " + std::to_string(*rule.ethertype) + " accept\n";
@@ -129,7 +129,7 @@ int NftTable::run(const Change& change) {
     const int result = nft_run_cmd_from_buffer(context_.get(), change.text().c_str());
     const int error = result == 0 ? 0 : errno != 0 ? errno : EIO;
     nft_ctx_get_error_buffer(context_.get());  // empties it
-    watch_.read();                             // that was us
+    watch_.read();                             // our own change
     layout_.reset();
     return error;
 }
@@ -140,7 +140,7 @@ int NftTable::change_known(std::span<const uint64_t> added, std::span<const uint
     }
     note_changes_outside();
     const int error = objects_.change_set(name_, kKnownSet, added, gone);
-    watch_.read();  // that was us
+    watch_.read();  // our own change
     return error;
 }
 

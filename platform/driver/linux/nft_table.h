@@ -1,7 +1,7 @@
 // The agent's own table of the kernel's packet filter, family netdev: one chain at the ingress of
 // each watched port, a counter for each, and the set of known addresses.
 //
-// Every change is one transaction: it happens as a whole or not at all. Other tables are never
+// Every change is one transaction: all or nothing. Other tables are never
 // changed.
 #pragma once
 
@@ -22,9 +22,9 @@ namespace qv {
 
 // The settings of the kernel's meter for a rule's rate. Never out of the kernel's range.
 struct KernelMeter {
-    // The rate that is judged must stay visible in the counter of every port that a storm goes
-    // through, also where it is metered at the other end: so the meter lets twice as much pass, and
-    // four seconds of it at once.
+    // The judged rate must be visible in the counter of every port that a storm passes, even when
+    // it is metered at the other end: so the meter passes twice as much, and four seconds of that
+    // at once.
     static constexpr uint64_t kRateFactor = 2;
     static constexpr uint64_t kBurstFactor = 8;
 
@@ -33,7 +33,7 @@ struct KernelMeter {
 };
 KernelMeter kernel_meter(uint64_t rate_pps);
 
-// Loop thread only. Functions give 0 or an errno value.
+// Loop thread only. Functions return 0 or an errno value.
 class NftTable {
  public:
     // The requests of one transaction. The chain and the counter of a rule have the rule's name,
@@ -42,7 +42,7 @@ class NftTable {
      public:
         explicit Change(std::string table) : table_(std::move(table)) {}
 
-        // Replaces the table, if there is one, by an empty one with an empty set.
+        // Replaces the table, if there is one, with an empty one with an empty set.
         void begin_anew();
         void drop_table();
         void add_counter(const std::string& name);
@@ -50,7 +50,7 @@ class NftTable {
         // Only for a device that can be named.
         void add_chain(const std::string& name, const std::string& device,
                        const ForwardingRule& rule);
-        // A chain that does not exist is no error.
+        // A missing chain is not an error.
         void drop_chain(const std::string& name);
 
         const std::string& text() const { return text_; }
@@ -66,7 +66,7 @@ class NftTable {
     // Whether the filter's language can express the device's name.
     static bool can_name(const std::string& device);
 
-    // Opens the sockets that changes need. The other functions do so by themselves; when they
+    // Opens the sockets that changes need. The other functions do so when necessary; when they
     // return EMFILE or ENFILE they have changed nothing.
     int open();
 
@@ -81,12 +81,12 @@ class NftTable {
     // True when the kernel says that there is no such table.
     bool is_gone();
 
-    // Whether another program has changed the table since the last call. Changes that happen during
-    // one of ours are taken for ours. When the kernel has dropped messages, which other programs
-    // can cause by changing their own tables, the table is read and compared with its state after
-    // our last change of a chain; `known` is what the set should hold.
+    // Whether another program has changed the table since the last call. Changes during one of ours
+    // count as ours. When the kernel has dropped messages, which other programs can cause by
+    // changing their own tables, the table is read and compared with its state after our last
+    // change of a chain; `known` is what the set should hold.
     bool changed_outside(const std::set<uint64_t>& known);
-    // Forgets the changes that changed_outside() would report.
+    // Drops the changes that changed_outside() would report.
     void forget_changes();
 
  private:

@@ -16,7 +16,7 @@ namespace {
 
 constexpr size_t kReadSize_bytes = size_t{64} << 10;
 
-// A server that answers nothing for so long hangs. It keeps its connections open, so nothing else
+// A server that does not answer for this long hangs. It keeps its connections open, so nothing else
 // would end the session.
 constexpr std::chrono::seconds kAnswerTimeout{10};
 

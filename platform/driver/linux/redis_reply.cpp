@@ -10,10 +10,10 @@
 namespace qv {
 namespace {
 
-// Records are small. A longer message is somebody's mistake and must not fill the memory.
+// Records are small. A longer message is a mistake and must not fill the memory.
 constexpr size_t kMessageLimit_bytes = size_t{9} << 20;
 
-// Elements cost more memory than their bytes on the wire, so they have a limit of their own.
+// Elements cost more memory than their bytes on the wire, so they have their own limit.
 constexpr size_t kPartLimit = 65536;
 
 const char* name_of(RedisReply::Type type) {

@@ -25,10 +25,10 @@ struct RedisReply {
     std::vector<RedisReply> elements;  // of an array
 };
 
-// The error that `reply` is or, for the reply to a transaction, the first one in it. Null: none.
+// The error in `reply`: itself or, for the reply to a transaction, the first one in it. Null: none.
 const RedisReply* error_in(const RedisReply& reply);
 
-// For the log: why `reply` cannot be the reply to `request`.
+// For the log: the reason why `reply` cannot be the reply to `request`.
 std::string complaint(const char* request, const RedisReply& reply);
 
 class RedisReplyReader {
@@ -43,7 +43,7 @@ class RedisReplyReader {
     // The next complete reply of the stream. Nothing when more bytes are needed, or after an error.
     std::optional<RedisReply> next();
 
-    // Empty as long as the stream is sound. An error is final.
+    // Empty while the stream is valid. An error is final.
     const std::string& error() const { return error_; }
 
  private:

@@ -30,10 +30,10 @@ return 0)";
 //   the next cursor,
 //   the records: key, value, key, value ...,
 //   the keys that are left for another call because the answer is full; it takes at least one
-//   record, so the calls come to an end,
+//   record, so the calls end,
 //   the records that are too long: the first bytes of the key, the size of the value ...
 // A record is too long when its value has more than ARGV[3] bytes or its key more than 1,024. A key
-// without a value, or with one that is no string, is passed over.
+// without a value, or with one that is not a string, is skipped.
 inline constexpr std::string_view kScanScript = R"(
 local cursor, keys = ARGV[1], KEYS
 if #keys == 0 then

@@ -16,7 +16,7 @@
 //
 // Databases. Redis has one selected database per connection. `selected_` follows what the command
 // connection will have selected when everything queued so far is executed; use() queues a SELECT
-// only for a change. Channels know no databases, so their names carry the number.
+// only for a change. Channels do not belong to a database, so their names contain its number.
 //
 // A server that is emptied while it runs announces nothing. So check_records() asks it regularly
 // for some of the keys that this process has set, as long as there are any.
@@ -29,6 +29,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/database_names.h"
 #include "platform/base/message_log.h"
 #include "platform/driver/linux/redis_connection.h"
 #include "platform/driver/linux/redis_scripts.h"
@@ -53,12 +54,6 @@ constexpr Duration kCheckPeriod = 5s;
 constexpr Duration kProvenAfter = 10s;
 
 constexpr std::string_view kRecordLimit_bytes = "8388608";  // below the limit of a reply, 9 MiB
-
-std::string channel_of(uint32_t db, std::string_view type) {
-    std::string channel = "mom/";
-    channel.reserve(64);
-    return channel.append(std::to_string(db)).append("/").append(type);
-}
 
 std::string notice_of(StoreOper oper, Bytes record) {
     std::string notice;
@@ -156,7 +151,7 @@ class RedisClient final : public StoreClient {
     std::map<uint32_t, Database> databases_;   // opened so far
     std::map<uint64_t, Write> unconfirmed_;    // in the order of the calls
     std::map<std::string, uint64_t> topics_;   // subscriptions of this connection, by channel
-    std::map<std::string, uint64_t> refused_;  // subscriptions to be asked for again, by channel
+    std::map<std::string, uint64_t> refused_;  // subscriptions to request again, by channel
     std::set<std::string> refused_logged_;     // channels; until they are confirmed
     std::map<uint64_t, Scan> scans_;           // of this connection
     std::vector<uint64_t> waiting_;            // unconfirmed writes that are not sent yet
@@ -345,8 +340,9 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
     const uint64_t number = ++writes_;
     const Write& kept =
         unconfirmed_
-            .emplace(number,
-                     Write{db, kind, std::string(key), channel_of(db, type), std::move(notice), {}})
+            .emplace(
+                number,
+                Write{db, kind, std::string(key), change_channel(db, type), std::move(notice), {}})
             .first->second;
     unconfirmed_bytes_ += size_of(kept);
     waiting_.push_back(number);
@@ -463,7 +459,7 @@ bool RedisClient::subscribe(uint32_t db, std::string_view type, uint64_t subscri
     if (!up(db)) {
         return false;
     }
-    request_topic(channel_of(db, type), subscription);
+    request_topic(change_channel(db, type), subscription);
     return true;
 }
 
@@ -574,7 +570,7 @@ void RedisClient::page_read(uint64_t number, const RedisReply& reply) {
     read_page(number, keys);
 }
 
-// Logged once for each key, and again when the size is another one.
+// Logged once for each key, and again when its size has changed.
 void RedisClient::note_too_long(Scan& scan, const std::string& key, long long size) {
     scan.too_long[key] = size;
     long long& logged = too_long_[{scan.db, scan.pattern}].try_emplace(key, -1).first->second;

@@ -94,7 +94,7 @@ std::map<uint32_t, PortCounters> read_counters(uint32_t ifx) {
         const NlSocket socket = open_rtnl_socket();
         read_all(socket.get(), ifx, counters);
     } catch (const std::runtime_error&) {
-        // No socket, no counters: the command prints what it knows otherwise.
+        // Without a socket there are no counters; the command prints the rest.
     }
     return counters;
 }

@@ -22,8 +22,8 @@ namespace {
 // Largest datagram: the kernel fills dumps into at most 32 KiB.
 constexpr size_t kDatagramBytes = 64 << 10;
 constexpr int kDatagramsPerTurn = 256;
-// Turns of catch_up(): more datagrams than a receive buffer of some megabytes holds, and an end
-// even when the kernel adds them as fast as they are read.
+// Turns of catch_up(): enough to empty a receive buffer of some megabytes, and a limit in case the
+// kernel adds datagrams as fast as they are read.
 constexpr int kCatchUpTurns = 64;
 // Minimum time between two dumps that follow losses, so that a flood of changes does not cause a
 // flood of dumps.
@@ -34,7 +34,7 @@ struct FreeBytes {
     void operator()(unsigned char* bytes) const { std::free(bytes); }
 };
 
-// Raises a flag for the time of a scope, whichever way the scope is left.
+// Sets a flag for the duration of a scope.
 class FlagGuard {
  public:
     explicit FlagGuard(bool& flag) : flag_(flag) { flag_ = true; }
@@ -72,7 +72,7 @@ RtnlMonitor::RtnlMonitor(EventLoop& loop, const Subject& subject)
 
 NlSocket RtnlMonitor::open_socket() const {
     NlSocket socket = open_rtnl_socket();
-    // With the privilege beyond the system's limit, otherwise up to it.
+    // Beyond the system's limit when privileged, else up to it.
     const int fd = nl_socket_get_fd(socket.get());
     const int bytes = subject_.receive_buffer;
     if (setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes) != 0) {
@@ -121,7 +121,7 @@ void RtnlMonitor::catch_up() {
     }
 }
 
-// Whether there may be more to read.
+// Returns true when there may be more to read.
 bool RtnlMonitor::drain() {
     const FlagGuard guard(draining_);
     // Other work of the loop gets its turn; the watch fires again for the rest.
@@ -156,7 +156,7 @@ void RtnlMonitor::handle(nlmsghdr* header) {
     if (header->nlmsg_type == NLMSG_DONE) {
         handle_dump_done(header);
     } else if (header->nlmsg_type == NLMSG_ERROR) {
-        resync("the kernel refused to list them");  // acknowledgements are not asked for
+        resync("the kernel refused to list them");  // acknowledgements are not requested
     } else {
         listener_->on_message(header);
     }

@@ -78,7 +78,7 @@ class RtnlMonitor {
     const Subject subject_;
     Listener* listener_ = nullptr;
     NlSocket socket_;              // null while waiting to be opened again
-    EventLoop::Handle watch_;      // on the descriptor of socket_: goes before it
+    EventLoop::Handle watch_;      // on the descriptor of socket_: destroyed before it
     EventLoop::Handle reopening_;  // pending while socket_ is null
     bool draining_ = false;        // the listener may be running
     Time last_resync_{};

@@ -9,89 +9,21 @@
 
 #include <linux/capability.h>
 #include <linux/rtnetlink.h>
-#include <net/if.h>
-#include <netlink/handlers.h>
-#include <netlink/msg.h>
-#include <netlink/netlink.h>
-#include <netlink/socket.h>
+#include <sys/socket.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include "platform/base/guarded.h"
 #include "platform/base/message_log.h"
 #include "platform/base/supervisor.h"
 #include "platform/driver/linux/bridge_ports.h"
 #include "platform/driver/linux/rtnl_counters.h"
 #include "platform/driver/linux/rtnl_link.h"
 #include "platform/driver/linux/rtnl_monitor.h"
+#include "platform/driver/linux/rtnl_requests.h"
 #include "qv/bridge.h"
 
 namespace qv {
 namespace {
-
-struct NlMessageFree {
-    void operator()(nl_msg* message) const { nlmsg_free(message); }
-};
-
-int keep_errno(sockaddr_nl*, nlmsgerr* answer, void* kept) {
-    *static_cast<int*>(kept) = -answer->error;
-    return NL_STOP;
-}
-
-// Sends a request and waits until the kernel has acknowledged it. 0 or its errno: the library's own
-// error numbers are coarser.
-int transact(nl_sock* socket, nl_msg* request) {
-    int refused = 0;
-    nl_socket_modify_err_cb(socket, NL_CB_CUSTOM, keep_errno, &refused);
-    int result = nl_send_auto(socket, request);
-    if (result >= 0) {
-        result = nl_wait_for_ack(socket);
-    }
-    nl_socket_modify_err_cb(socket, NL_CB_DEFAULT, nullptr, nullptr);
-    if (refused != 0) {
-        return refused;
-    }
-    return result < 0 ? EIO : 0;
-}
-
-// A request about one link; null when out of memory.
-std::unique_ptr<nl_msg, NlMessageFree> link_request(int type, const ifinfomsg& link) {
-    std::unique_ptr<nl_msg, NlMessageFree> request(nlmsg_alloc_simple(type, NLM_F_ACK));
-    ifinfomsg copy = link;
-    if (request && nlmsg_append(request.get(), &copy, sizeof copy, NLMSG_ALIGNTO) < 0) {
-        request.reset();
-    }
-    return request;
-}
-
-// Sets or clears IFF_UP and no other flag. 0 or errno.
-int change_up_flag(nl_sock* socket, uint32_t ifx, bool up) {
-    ifinfomsg change{};
-    change.ifi_index = static_cast<int>(ifx);
-    change.ifi_flags = up ? IFF_UP : 0;
-    change.ifi_change = IFF_UP;
-    const auto request = link_request(RTM_SETLINK, change);
-    return request ? transact(socket, request.get()) : ENOMEM;
-}
-
-// Called by the library, which no exception may cross. Without memory the link stays unknown.
-int keep_link(nl_msg* answer, void* kept) {
-    guarded(
-        [=] { *static_cast<std::optional<LinkMessage>*>(kept) = parse_link(nlmsg_hdr(answer)); });
-    return NL_OK;
-}
-
-// Asks the kernel for the state of a link; nothing when the request fails.
-std::optional<LinkMessage> read_link(nl_sock* socket, uint32_t ifx) {
-    ifinfomsg wanted{};
-    wanted.ifi_index = static_cast<int>(ifx);
-    const auto request = link_request(RTM_GETLINK, wanted);
-    std::optional<LinkMessage> link;
-    nl_socket_modify_cb(socket, NL_CB_VALID, NL_CB_CUSTOM, keep_link, &link);
-    const int error = request ? transact(socket, request.get()) : ENOMEM;
-    nl_socket_modify_cb(socket, NL_CB_VALID, NL_CB_DEFAULT, nullptr, nullptr);
-    return error == 0 ? link : std::nullopt;
-}
 
 // Of the calling thread.
 bool has_net_admin() {
@@ -112,8 +44,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
                           .list_request = RTM_GETLINK,
                           .family = AF_UNSPEC,
                           .request_bytes = sizeof(ifinfomsg),
-                          .receive_buffer = receive_buffer}),
-          requests_(open_rtnl_socket()) {}
+                          .receive_buffer = receive_buffer}) {}
 
     void start(PortSink& sink) {
         sink_ = &sink;
@@ -150,10 +81,10 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
             return "no such port";
         }
         const std::string name = port->name;
-        const int error = change_up_flag(requests_.get(), ifx, up);
+        const int error = requests_.set_up(ifx, up);
         std::string reason = error != 0 ? std::strerror(error) : "";
         if (error == ENODEV) {
-            monitor_.catch_up();  // the port was deleted: report that before we return
+            monitor_.catch_up();  // the port was deleted: reports that before returning
         } else if (error == 0) {
             reason = take_over(ifx, up);
         }
@@ -190,17 +121,19 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
  private:
     const Port* find(uint32_t ifx) const { return ports_ ? ports_->find(ifx) : nullptr; }
 
-    // Brings the ports up to date with an acknowledged change. When its notification cannot be read
-    // now (it was lost, or this is called from inside a report), asks the kernel. Empty when the
-    // port has the state or was deleted, else the reason why it has not.
+    // Updates the ports after an acknowledged change. When its notification cannot be read now (it
+    // was lost, or this is called from inside a report), asks the kernel. Returns an empty text
+    // when the port has the new state or was deleted, else the reason.
     std::string take_over(uint32_t ifx, bool up) {
         monitor_.catch_up();
         const Port* const port = find(ifx);
         if (port == nullptr || port->admin_up == up) {
             return "";
         }
-        const std::optional<LinkMessage> link = read_link(requests_.get(), ifx);
-        const bool is_up = link ? link->admin_up : up;
+        std::optional<LinkMessage> link;
+        const int error =
+            requests_.read_link(ifx, [&](nlmsghdr* answer) { link = parse_link(answer); });
+        const bool is_up = error == 0 && link ? link->admin_up : up;
         ports_->set_admin(ifx, is_up);
         return is_up == up ? "" : "another program has changed it back";
     }
@@ -243,8 +176,8 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
 
     const std::string bridge_;
     RtnlMonitor monitor_;
-    NlSocket requests_;                 // blocking: a request returns with its answer
-    std::optional<BridgePorts> ports_;  // from start() on
+    RtnlRequests requests_;
+    std::optional<BridgePorts> ports_;  // set by start()
     PortSink* sink_ = nullptr;
     bool complete_ = false;
     bool dumping_ = false;

@@ -12,7 +12,7 @@
 // port_left_bridge) or is deleted. The bridge itself may be created after the agent's start, and
 // may be deleted and created again. Port fields: ifx is the kernel's interface index, phyid the
 // bridge port number, name the kernel's name; a bond or team is an aggregate port. Flags are 0,
-// every port is a switch port.
+// and every port is a switch port.
 //
 // VLAN modes are kept here: access (1) until set_mode(), and forgotten when the port is removed.
 // They are not written into the kernel's VLAN table.

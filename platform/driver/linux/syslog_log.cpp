@@ -87,7 +87,7 @@ void SyslogLog::attach(EventLoop& loop) {
     flush_or_retry();
 }
 
-// True when the caller has to arm the retry.
+// Returns true when the caller must arm the retry.
 bool SyslogLog::retry_needed() {
     return loop_ != nullptr && !std::exchange(retrying_, true);
 }
@@ -117,7 +117,7 @@ void SyslogLog::retry(Duration pause) {
     arm(next);
 }
 
-// False when there is no daemon to connect to.
+// Returns false when there is no daemon to connect to.
 bool SyslogLog::connect_now() {
     if (fd_ >= 0) {
         close(fd_);
@@ -137,7 +137,7 @@ bool SyslogLog::connect_now() {
     return false;
 }
 
-// False when the message has to wait. One that is too long to be sent ever counts as lost.
+// Returns false when the message must wait. One that is too long ever to be sent counts as lost.
 bool SyslogLog::send_now(const Message& message) {
     const std::string datagram = datagram_of(message);
     // A restarted daemon has a new socket, which the second attempt reaches.
@@ -160,7 +160,7 @@ bool SyslogLog::send_now(const Message& message) {
     return false;
 }
 
-// Sends the queue, then the report of a loss. True when nothing waits any more.
+// Sends the queue, then the report of a loss. Returns true when nothing is left.
 bool SyslogLog::flush() {
     while (!queue_.empty()) {
         if (!send_now(queue_.front())) {

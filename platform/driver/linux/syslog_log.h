@@ -1,7 +1,7 @@
 // System log of the machine: its daemon's datagram socket, facility "daemon".
 //
 // The format on the socket is that of syslog(3). That function is not used, because it blocks the
-// caller while the daemon does not read. Here a message that the daemon does not take at once is
+// caller while the daemon does not read. Here a message that the daemon does not accept at once is
 // queued; when the queue is full it is lost and counted. Sending is tried again with every message
 // and, once there is a loop, after a pause: a short one while the daemon reads, else one that grows
 // from a second to a minute. When the queue is empty again, one message reports how many were lost.
@@ -58,13 +58,13 @@ class SyslogLog final : public SystemLog {
 
     const std::string socket_path_;
 
-    EventLoop::Handle retry_timer_;  // loop thread only, as the next
+    EventLoop::Handle retry_timer_;  // loop thread only, like the next
     EventLoop::Handle late_flush_;
 
     Mutex mutex_;
     int fd_ GUARDED_BY(mutex_) = -1;                // connected to the daemon
     std::deque<Message> queue_ GUARDED_BY(mutex_);  // oldest first
-    uint64_t lost_ GUARDED_BY(mutex_) = 0;          // messages, since the last report of it
+    uint64_t lost_ GUARDED_BY(mutex_) = 0;          // messages since the last report of a loss
     EventLoop* loop_ GUARDED_BY(mutex_) = nullptr;
     bool retrying_ GUARDED_BY(mutex_) = false;  // a retry is pending on the loop
 };

@@ -5,8 +5,8 @@
 
 namespace qv {
 
-// Loop thread only. Make it before other threads are started: they must inherit that SIGTERM and
-// SIGINT are blocked.
+// Loop thread only. Create it before other threads: they must inherit the blocked SIGTERM and
+// SIGINT.
 class Termination {
  public:
     // When one of the signals arrives, the loop runs `last_task` and then ends the process by that

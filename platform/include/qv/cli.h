@@ -1,10 +1,10 @@
 // Command-line framework: parse trees, handlers, sessions, running configuration.
 //
 // A command tree is made of static parse nodes. The framework walks it for four purposes: to
-// execute a line, to offer help and completion, and to generate the running configuration. What a
-// node does in a walk is what its action says; handlers are reached only for execution (end-of-line
-// nodes) and generation (configuration-to-print nodes). Unless a call says otherwise it belongs to
-// the main thread.
+// execute a line, to offer help and completion, and to generate the running configuration. A node's
+// action decides what the node does in a walk; handlers run only for execution (end-of-line nodes)
+// and generation (configuration-to-print nodes). Unless a call says otherwise it belongs to the
+// main thread.
 #pragma once
 
 #include <cstddef>
@@ -68,7 +68,7 @@ struct cli_keyword_arg {
     const char* keyword;
     const char* help;
     uint32_t zero;
-    uint32_t attribute[2];  // carried for the accounting of the framework, not evaluated in a walk
+    uint32_t attribute[2];  // for the framework's accounting; not evaluated in a walk
     uint32_t word[5];
     const char* name;  // the keyword again
     uint32_t one;
@@ -114,14 +114,14 @@ void common_number_action(cli_walk* walk, const cli_node* node);
 void common_word_action(cli_walk* walk, const cli_node* node);
 // Matches the end of the line: the handler executes the command.
 void eol_action(cli_walk* walk, const cli_node* node);
-// To `accept` when the line has the "no" (or "default") prefix, else to `alternative`.
+// Goes to `accept` when the line has the "no" (or "default") prefix, else to `alternative`.
 void noprefix_action(cli_walk* walk, const cli_node* node);
 void defaultprefix_action(cli_walk* walk, const cli_node* node);
-// Generation: calls the handler, once in each section. Otherwise goes on to `accept`.
+// Calls the handler in a generation, once in each section. Otherwise goes on to `accept`.
 void c2p_action(cli_walk* walk, const cli_node* node);
 // The root of a tree under an attachment point: goes on to `accept`, then to the next tree.
 void append_point_action(cli_walk* walk, const cli_node* node);
-// To the accept node of its block when the test function returns non-zero, else to the alternative.
+// Goes to the block's accept node when the test function returns non-zero, else to the alternative.
 void test_expression_action(cli_walk* walk, const cli_node* node);
 
 // Attachment points.
@@ -131,7 +131,8 @@ inline constexpr int CLI_CHAIN_CONFIG = 28;           // mode config
 inline constexpr int CLI_CHAIN_INTERFACE = 57;        // modes interface and ifrange
 inline constexpr int CLI_CHAIN_INTERFACE_STORM = 59;  // the same, after chain 57
 
-// Adds a tree at an attachment point. The nodes must live for ever. 0, or -1 for an unknown point.
+// Adds a tree at an attachment point. The nodes must never be destroyed. 0, or -1 for an unknown
+// point.
 int cli_add_command(int chain, const cli_node* root, const char* description);
 
 // ---- Client ----
@@ -139,9 +140,9 @@ int cli_add_command(int chain, const cli_node* root, const char* description);
 // Attaches the process to the command-line server on `master`. 0, or -1.
 int cli_client_init(const char* name, qv_thread_master* master);
 
-// Tells the framework that commands can be taken. The saved configuration is replayed through the
-// command trees, from the thread master, between the reload hooks. A later call announces again:
-// the hooks run again, the replay is not repeated.
+// Tells the framework that the process accepts commands. The saved configuration is replayed
+// through the command trees, from the thread master, between the reload hooks. A later call
+// announces again: the hooks run again, the replay is not repeated.
 void cli_client_ready(void);
 
 // Hooks before and after the replay, on the main thread. `word` is 0; the result is ignored.
@@ -158,8 +159,8 @@ int sys_add_debug(const char* name, void (*control)(int operation));
 // Output of the command being executed; dropped when none is.
 void cli_printf(const char* format, ...) __attribute__((format(printf, 1, 2)));
 
-// One line of the configuration being generated, ended exactly once, whether or not the text brings
-// a line end. In a section it is indented by `indentation` blanks; global lines stand flush left.
+// One line of the configuration being generated, ended exactly once, whether or not the text has a
+// line end. In a section it is indented by `indentation` blanks; global lines are not indented.
 void c2p_printf(cli_pcdb* pcdb, int indentation, const char* format, ...)
     __attribute__((format(printf, 3, 4)));
 
@@ -171,7 +172,7 @@ int cli_walkthrought_node(const cli_node* root, cli_pcdb* pcdb);
 // Asks for the running configuration to be generated again. Never waits. Any thread, any lock. 0,
 // or -1 when there is no memory: then the next change asks for it.
 int cli_client_c2p_reform(void);
-// Tells the configuration system that the running configuration has changed: it is saved soon.
+// Tells the configuration system that the running configuration has changed: it will be saved soon.
 // Never waits. Any thread, any lock. 0 or -1, as above.
 int cli_syn_config_notify(void);
 

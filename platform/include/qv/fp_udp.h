@@ -2,11 +2,11 @@
 // points of the switch where they are applied.
 //
 // An ACL is named by its key. Entries say what a frame must look like, applies say where the ACL
-// works and what happens to the frames that match. Every operation is asynchronous: it answers
-// whether it was taken; the result follows through the handler table of the application, as do the
-// counter reports of applied ACLs. All calls and all callbacks belong to the main thread; callbacks
-// arrive through the thread master, never from within an operation. Multi-byte values in items are
-// in host byte order.
+// works and what happens to the frames that match. Every operation is asynchronous: it returns
+// whether it was accepted; the result follows through the handler table of the application, as do
+// the counter reports of applied ACLs. All calls and all callbacks belong to the main thread;
+// callbacks arrive through the thread master, never from within an operation. Multi-byte values in
+// items are in host byte order.
 #pragma once
 
 #include <cstddef>
@@ -71,8 +71,8 @@ static_assert(sizeof(fp_item) == 268);
 using fp_item_builder = int (*)(fp_item* item, const char* name, uint32_t item_class,
                                 const void* value, uint32_t length);
 
-// One entry of an ACL: the matches that a frame must meet. Made by entry_alloc, given back with
-// entry_free by whoever allocated it; entry_add copies it.
+// One entry of an ACL: the matches that a frame must meet. Made by entry_alloc and freed with
+// entry_free by its allocator; entry_add copies it.
 struct fp_entry {
     uint64_t control;  // 1 makes the entry active; set before items are added
     fp_item_builder build_item;
@@ -81,8 +81,8 @@ struct fp_entry {
     fp_item item[FP_ITEMS_MAX];
 };
 
-// The application of an ACL to a point: the actions. Made by apply_alloc, given back with
-// apply_free by whoever allocated it; apply_add copies it.
+// The application of an ACL to a point: the actions. Made by apply_alloc and freed with apply_free
+// by its allocator; apply_add copies it.
 struct fp_apply {
     fp_acl_key key;  // the ACL, as given to apply_alloc
     fp_item_builder build_item;
@@ -101,10 +101,10 @@ struct fp_counts {
 inline constexpr uint32_t FP_APPLY_PRIORITY = 4;
 
 // The operations, in the slots that programs built against this service expect. `context` is the
-// object-database client that registered the handler table. Operations answer 0 when they are taken
-// (the result follows), else an error number (and nothing follows): EINVAL for an application that
-// is not registered, ENOENT for an ACL, entry or apply that does not exist. The result of an object
-// that was removed or replaced meanwhile is dropped.
+// object-database client that registered the handler table. Operations return 0 when they are
+// accepted (the result follows), else an error number (nothing follows): EINVAL for an application
+// that is not registered, ENOENT for an ACL, entry or apply that does not exist. The result of an
+// object that was removed or replaced meanwhile is dropped.
 struct fp_udp_mgr {
     // 0: makes an empty ACL. One that exists stays as it is; that is a success.
     int (*acl_create)(qv_mom_client* context, const fp_acl_key* key);
@@ -134,7 +134,7 @@ struct fp_udp_mgr {
     // 14: applies the ACL of `apply` at `point`, replacing what it had there.
     int (*apply_add)(qv_mom_client* context, const fp_apply_point* point, uint32_t priority,
                      const fp_apply* apply);
-    // 15: takes the ACL away from `point`; its counter reports end. No result follows.
+    // 15: removes the ACL from `point`; its counter reports end. No result follows.
     int (*apply_delete)(qv_mom_client* context, const fp_acl_key* key, const fp_apply_point* point);
     // 16
     int (*apply_expire_add)(void* arg, const char* app);
@@ -169,7 +169,7 @@ using fp_failed_handler = void (*)(qv_mom_client* context, const fp_acl_key* key
 using fp_counter_handler = void (*)(qv_mom_client* context, const fp_acl_key* key, void* context2,
                                     const fp_counts* counts);
 
-// The handlers of a process, by slot. An empty slot drops what would go there.
+// The handlers of a process, by slot. What would go to an empty slot is dropped.
 struct fp_udp_acl_handler {
     fp_success_handler acl_success;    // 0: acl_create
     fp_failed_handler acl_failed;      // 1
@@ -186,7 +186,7 @@ inline constexpr size_t FP_UDP_HANDLER_SLOTS = 16;
 static_assert(sizeof(fp_udp_acl_handler) == FP_UDP_HANDLER_SLOTS * sizeof(void (*)(void)));
 static_assert(offsetof(fp_udp_acl_handler, counter) == 10 * sizeof(void (*)(void)));
 
-// Makes an application known to the service; a known one is no error. 0, or EINVAL for a name that
+// Registers an application; registering it again is not an error. 0, or EINVAL for a name that
 // is empty or does not fit.
 int fp_udp_register_app_type(const char* app);
 
@@ -194,7 +194,7 @@ int fp_udp_register_app_type(const char* app);
 // a name for diagnostics. Without it no handler is called. 0, or EINVAL.
 int fp_udp_cgst_register(qv_mom_client* client, uint32_t db, const char* name);
 
-// Gives the handlers of the process, replacing earlier ones. The table is copied. 0, or EINVAL.
+// Sets the handlers of the process, replacing earlier ones. The table is copied. 0, or EINVAL.
 int fp_udp_register_acl_handler(qv_mom_client* client, uint32_t db,
                                 const fp_udp_acl_handler* handlers);
 

@@ -33,8 +33,7 @@ inline constexpr uint32_t LSM_EVENT_VSL_CREATE = 0;
 inline constexpr uint32_t LSM_EVENT_VSL_REMOVE = 1;
 inline constexpr size_t LSM_LAYER_MESSAGE_WORDS = 57;
 inline constexpr uint32_t LSM_LAYER_FLAG_VSL = 0x400;
-// Sent once to every handler, without a message (null), when all ports of the start have been
-// announced.
+// Sent once to every handler, without a message (null), when all initial ports have been announced.
 inline constexpr uint32_t LSM_EVENT_PORT_READY = 48;
 
 // Interface types. 2 to 10 are the switched ports.

@@ -1,9 +1,9 @@
 // Object database client: keyed records in numbered databases, with change notices.
 //
 // A record is a protobuf-c message. Its key is the sub-message field named `index`; a type without
-// one is a singleton. Messages are packed during the call: nothing of the caller's is kept. All
-// calls and all callbacks belong to the main thread; callbacks arrive through the thread master.
-// ENOMEM is a possible result of every call that returns an error number.
+// one is a singleton. Messages are packed during the call; the library keeps no pointer into them.
+// All calls and all callbacks belong to the main thread; callbacks arrive through the thread
+// master. ENOMEM is a possible result of every call that returns an error number.
 //
 // When the database has lost records that this process has set and not deleted since (it came back
 // empty, or was emptied while it ran), they are set again: after a loss of the session before its
@@ -60,7 +60,7 @@ qv_mom_client* qv_mom_client_init(const char* name, qv_thread_master* master,
 int qv_mom_client_connect(qv_mom_client* client, uint32_t db, qv_mom_session_cb connected,
                           void* arg);
 
-// `callback` runs each time the session has come back after a loss. 0, or an error number.
+// `callback` runs each time the session is back after a loss. 0, or an error number.
 int qv_mom_client_set_reconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_session_cb callback,
                                    void* arg);
 
@@ -74,8 +74,8 @@ int qv_mom_client_set_disconnect_cb(qv_mom_client* client, uint32_t db, qv_mom_s
 int qv_mom_set(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int flags,
                int reserved, const ProtobufCMessageDescriptor* descriptor = nullptr);
 
-// Deletes the record with the key of `record` and notifies the subscribers; a record that does not
-// exist is no error. 0, or an error number as above.
+// Deletes the record with the key of `record` and notifies the subscribers; a missing record is not
+// an error. 0, or an error number as above.
 int qv_mom_del(qv_mom_client* client, uint32_t db, const ProtobufCMessage* record, int flags,
                int reserved);
 
@@ -86,8 +86,8 @@ int qv_mom_pdel(qv_mom_client* client, uint32_t db, const ProtobufCMessage* reco
 
 // Subscribes to all records of the type of `key`, a record of that type with an initialised index.
 // The confirmation is a message with command code QV_MOM_CMD_SUBSCRIBED. Subscribing again replaces
-// the callback and confirms again. A loss of the session forgets the subscription: place it again
-// on reconnect. 0, or an error number.
+// the callback and confirms again. A loss of the session ends the subscription: subscribe again on
+// reconnect. 0, or an error number.
 int qv_mom_subscribe(qv_mom_client* client, uint32_t db, const ProtobufCMessage* key, int flags,
                      qv_mom_msg_cb callback, void* arg);
 

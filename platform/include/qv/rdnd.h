@@ -39,7 +39,7 @@ struct app_public_instance {
 int app_public_instance_init(const app_public_instance* instance);
 
 // From now on reports regularly from the loop of `master` that the process is alive, if its
-// supervisor asks for that. The process counts as ready once its configuration is in force, or once
+// supervisor asks for that. The process counts as ready once its configuration is applied, or once
 // it stands by for the master.
 void app_public_init_dead_detection(qv_thread_master* master);
 

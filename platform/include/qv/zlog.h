@@ -16,7 +16,7 @@ inline constexpr int QV_ZLOG_FATAL = 120;
 // null when it cannot be opened.
 qv_zlog_category* qv_zlog_init(const char* name);
 
-// Writes one line as it stands (a missing line end is added). A null category or a level outside
+// Writes one line unchanged (a missing line end is added). A null category or a level outside
 // 1 to 254 is dropped.
 void qvdf_zlog(qv_zlog_category* category, const char* file, const char* function, long line,
                int level, const char* text);

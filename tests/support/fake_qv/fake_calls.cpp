@@ -92,7 +92,7 @@ void write_all(const std::string& text) {
     }
 }
 
-// Lines hold no line end of their own: their texts are escaped.
+// Lines contain no line end: their texts are escaped.
 void send_calls() {
     for (const std::string& line : calls())
         write_all(line + "\n");

@@ -1,4 +1,4 @@
-// Forwarding-plane service: every operation becomes a line, and what it was given is kept.
+// Forwarding-plane service: every operation becomes a line, and its arguments are kept.
 #include "tests/support/fake_qv/fake_fp_udp.h"
 
 #include <cerrno>

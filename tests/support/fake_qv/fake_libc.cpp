@@ -43,7 +43,7 @@ struct State {
     timespec deadline{};
     timespec started{};
     std::function<int()> signal_hook;
-    pthread_mutex_t* watched_mutex = nullptr;  // atomic: looked at by every lock of the process
+    pthread_mutex_t* watched_mutex = nullptr;  // atomic: read by every lock of the process
     std::function<void(bool)> lock_hook;       // set before the mutex is watched
 };
 
@@ -56,8 +56,7 @@ std::unique_lock<std::mutex> locked() {
     return std::unique_lock(state().mutex);
 }
 
-// Whether the call at hand is the one that is to fail. No lock guard around it: the state's own
-// containers may allocate.
+// Whether this call must fail. Takes no lock: the state's own containers may allocate.
 bool is_out_of_memory(int& countdown) {
     int left = __atomic_load_n(&countdown, __ATOMIC_RELAXED);
     if (left == 0)
@@ -69,7 +68,7 @@ bool is_out_of_memory(int& countdown) {
     return true;
 }
 
-// Waits for something that the agent's thread does next; a minute means that it never will.
+// Waits for the next action of the agent's thread; after a minute the test fails.
 template <typename Condition>
 void await(std::unique_lock<std::mutex>& lock, Condition condition) {
     if (state().wait_begun.wait_for(lock, std::chrono::seconds(60), condition))
@@ -267,7 +266,7 @@ int __wrap_pthread_detach(pthread_t thread) {
     return __real_pthread_detach(thread);
 }
 
-// The name is shown, not set: `comm` is nothing a test looks at.
+// The name is recorded, not set: no test reads `comm`.
 int __wrap_prctl(int option, ...) {
     va_list arguments;
     va_start(arguments, option);
@@ -328,7 +327,7 @@ int __wrap_pthread_mutex_destroy(pthread_mutex_t* mutex) {
     return __real_pthread_mutex_destroy(mutex);
 }
 
-// The state's own mutex comes here too, so nothing but the watched address is looked at.
+// The state's own mutex also gets here, so only the watched address is handled.
 int __wrap_pthread_mutex_lock(pthread_mutex_t* mutex) {
     const int result = __real_pthread_mutex_lock(mutex);
     if (mutex == __atomic_load_n(&state().watched_mutex, __ATOMIC_ACQUIRE))

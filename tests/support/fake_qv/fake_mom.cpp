@@ -81,7 +81,7 @@ int run(qv_mom_session_cb callback, void* arg) {
     return callback ? callback(arg) : -1000;
 }
 
-// Common part of the session calls: whether the callback is to be kept.
+// Common part of the session calls: whether to keep the callback.
 int session_call(const char* name, qv_mom_client* client, uint32_t db, const void* arg) {
     std::string line = name + where(client, db) + (arg == nullptr ? "" : " with argument");
     return static_cast<int>(enter(name, line));

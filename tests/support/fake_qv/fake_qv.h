@@ -33,41 +33,41 @@ using Lines = std::vector<std::string>;
 // ---- The list of calls ----
 
 Lines calls();
-// The calls so far; the list is empty afterwards.
+// Returns the calls so far and empties the list.
 Lines take_calls();
-// The calls whose name (the first word) is one of `names`, in their order.
+// The calls whose name (the first word) is one of `names`, in order.
 Lines calls_of(const std::vector<std::string>& names);
 // The calls whose name is none of `names`.
 Lines calls_without(const std::vector<std::string>& names);
 void clear_calls();
-// Adds a line of the test's own, such as a mark between two steps.
+// Adds a line of the test, such as a mark between two steps.
 void record(const std::string& line);
 // How often a call was made since the start of the process.
 int count(const std::string& name);
 
 // ---- Results by call name ----
 
-// Every further call of `name` returns `result`. A call that creates something (or allocates)
+// Makes every further call of `name` return `result`. A call that creates something (or allocates)
 // returns null instead.
 void fail(const std::string& name, long result = -1);
-// The same for the nth call from now on (1 is the next one) alone.
+// The same only for the nth call from now on (1 is the next one).
 void fail_nth(const std::string& name, int nth, long result = -1);
 void heal(const std::string& name);
 // Fails the nth allocation with calloc from now on, of the test executable's own code.
 void fail_calloc(int nth);
 // The same for strdup.
 void fail_strdup(int nth);
-// Runs `hook` at every call of `name`, after its line was recorded; null ends that. The calls of
-// pthread_mutex_* go on until the process ends: the test framework makes some of its own.
+// Runs `hook` at every call of `name`, after its line was recorded; null removes the hook. The
+// calls of pthread_mutex_* continue until the process ends: the test framework makes some itself.
 void on_call(const std::string& name, std::function<void()> hook);
 
 // ---- A process that ends ----
 
 struct Ending {
     int status;     // exit status; -1 when ended by a signal
-    bool returned;  // `body` came back
+    bool returned;  // `body` returned
     Lines calls;    // the calls made in the child
-    Lines zlog;     // the log lines among them, as zlog_lines() gives the texts
+    Lines zlog;     // the log lines among them, as texts of zlog_lines()
 };
 // Runs `body` in a child process and reports how it ended and what it called.
 Ending run_in_child(const std::function<void()>& body);
@@ -85,16 +85,16 @@ struct Timer {
 qv_thread_master* master();
 // Pending timers, in the order in which they were armed.
 std::vector<Timer> timers();
-// Ends a pending timer and runs its callback; the callback's result.
+// Ends a pending timer, runs its callback and returns the callback's result.
 int fire(qv_thread* handle);
 // Fires the oldest pending timer with this callback.
 int fire(int (*func)(qv_thread*));
-// Work that qv_thread_fetch hands out, oldest first. It returns null when there is none.
+// Queues work for qv_thread_fetch, which returns null when there is none.
 void queue_work(std::function<void()> work);
 
 // ---- Object database ----
 
-// The client that qv_mom_client_init gives.
+// The client that qv_mom_client_init returns.
 qv_mom_client* mom_client();
 struct MomSession {
     qv_mom_session_cb connect = nullptr;
@@ -105,7 +105,7 @@ struct MomSession {
     void* disconnect_arg = nullptr;
 };
 MomSession mom_session(uint32_t db);
-// Run the callback that was registered; its result, or -1000 when there is none.
+// Run the registered callback; return its result, or -1000 when there is none.
 int mom_connect(uint32_t db);
 int mom_reconnect(uint32_t db);
 int mom_disconnect(uint32_t db);
@@ -114,10 +114,10 @@ qv_mom_msg_cb mom_subscriber(uint32_t db, const std::string& type);
 qv_mom_msg_cb mom_scanner(uint32_t db, const std::string& type);
 // The descriptor that came with the last qv_mom_set, null when it was left out.
 const ProtobufCMessageDescriptor* mom_set_descriptor();
-// Delivers a message to the subscriber; the callback's result, or -1000 when there is none.
+// Delivers a message to the subscriber; returns the callback's result, or -1000 when there is none.
 int mom_message(uint32_t db, const std::string& type, int cmd, int oper,
                 const ProtobufCMessage* value);
-// A record as the lines show it: "p_app.lda_loop_entry index{name=\"swp1\"} policy=1".
+// The text of a record in the lines: "p_app.lda_loop_entry index{name=\"swp1\"} policy=1".
 std::string render(const ProtobufCMessage* record);
 
 // ---- Ports ----
@@ -151,7 +151,7 @@ bridge_event_handler bridge_handler();
 
 // ---- Command line ----
 
-// Gives the executed line this output and result, each time.
+// Sets the output and result of an executed line.
 void on_line(const std::string& line, const std::string& output, int result = 0);
 // Everything written with cli_printf, joined.
 std::string take_cli_output();
@@ -177,8 +177,8 @@ ShowRunHook show_run_hook();
 
 // Gives a handler or node a name for tree().
 void name(const void* thing, const std::string& text);
-// A tree as text: one line for each node, what it accepts indented by two blanks below it, its
-// alternative below that with "else " in front. Keyword lines show all words of the block:
+// A tree as text: one line for each node, its accept node indented by two blanks below it, then its
+// alternative with a leading "else ". Keyword lines show all words of the block:
 //     keyword "detail" ["detail info"] 0 30,0 1,2,0,0,0 "detail" 1
 std::string tree(const cli_node* root);
 
@@ -198,7 +198,7 @@ std::string zlog(int level, const std::string& function, const std::string& text
 std::string info(const std::string& function, const std::string& text);   // level 40
 std::string warn(const std::string& function, const std::string& text);   // level 80
 std::string error(const std::string& function, const std::string& text);  // level 100
-// The category that qv_zlog_init gives; logging needs it in the agent's category.
+// The category that qv_zlog_init returns; logging needs it in the agent's category.
 qv_zlog_category* zlog_category();
 
 struct Registration {
@@ -219,12 +219,12 @@ void no_file(const std::string& path);
 // Files of file() that are open now.
 int open_files();
 
-// Threads of the agent are recorded and held back until they are started here.
+// Threads of the agent are recorded and start only here.
 int held_threads();
 void start_threads();
 
 // Runs `hook` after every lock (true) and before every unlock (false) of this mutex, on the thread
-// that holds it. A null mutex ends that. Set while no other thread uses the mutex.
+// that holds it. A null mutex removes the hook. Set while no other thread uses the mutex.
 void on_lock(pthread_mutex_t* mutex, std::function<void(bool taken)> hook);
 
 // Timed waits of the agent never time out by themselves. Blocks until the waiting thread waits and

@@ -120,7 +120,7 @@ int libqv_cap_get_capacity_int32(const char* client, const char* key, int32_t* v
     long result = fake::enter("libqv_cap_get_capacity_int32",
                               "libqv_cap_get_capacity_int32 " + fake::quoted(client) + " " +
                                   fake::quoted(key) + " " + std::to_string(fallback));
-    // The value is written on failure too, as by a store that found one it cannot vouch for.
+    // The value is written on failure too, as by a store that found an invalid one.
     auto found = state().capabilities.find(key);
     *value = found == state().capabilities.end() ? fallback : found->second;
     return static_cast<int>(result);

@@ -21,7 +21,7 @@ namespace {
     std::abort();
 }
 
-// Takes a pending timer out of the list. The handle is invalid afterwards.
+// Removes a pending timer from the list. The handle is invalid afterwards.
 Timer take_timer(qv_thread* handle, const char* what) {
     auto& timers = master()->timers;
     auto found = std::find_if(timers.begin(), timers.end(),

@@ -1,4 +1,4 @@
-// Parse nodes: their actions (told apart by address alone) and trees as text.
+// Parse nodes: their actions (distinguished only by address) and trees as text.
 #include <map>
 
 #include "tests/support/fake_qv/fake_internal.h"

@@ -1,7 +1,7 @@
-"""Kinds of crash rounds: what happens on the switch around the moment at which the agent dies.
+"""Kinds of crash rounds: events on the switch around the death of the agent.
 
-A kind prepares the switch, then returns a Plan: what happens when. The agent is killed shortly after one of these
-moments. All choices come from `draw`, a random.Random of the round's own.
+A kind prepares the switch, then returns a Plan of events. The agent is killed shortly after one of these
+moments. All choices come from `draw`, the round's own random.Random.
 """
 
 import dataclasses
@@ -14,7 +14,7 @@ WARNING = "loop-detect enable"
 
 @dataclasses.dataclass
 class Event:
-    """Something that happens `at` seconds after the start. `must` happen: also when the agent is dead by then."""
+    """Something that happens `at` seconds after the start. `must`: even when the agent is dead by then."""
     at: float
     act: object
     must: bool = False
@@ -22,8 +22,8 @@ class Event:
 
 @dataclasses.dataclass
 class Plan:
-    """`again`: the agent is started and killed as many times more, after these seconds. `keeps_shut`: nothing in this
-    round can bring a port back, the loss of a fresh policy included; what was down at the kill stays down."""
+    """`again`: the agent is started and killed again after each of these seconds. `keeps_shut`: nothing in this
+    round can bring a port up, not even the loss of a new policy; ports down at the kill stay down."""
     events: list
     again: tuple = ()
     keeps_shut: bool = True
@@ -93,14 +93,14 @@ def recover_by_disabling(lab, draw):
 
 
 def recover_by_release(lab, draw):
-    """The operator takes the mark from all marked ports."""
+    """The operator removes the mark of all marked ports."""
     ports = shut_some(lab, draw)
     lines = ("interface range " + ",".join(ports), "no loop-detect apply shutdown-port")
     return Plan([Event(draw.uniform(0, 0.03), typing(lab, *lines))], keeps_shut=False)
 
 
 def shut_while_recovering(lab, draw):
-    """Ports come back by a policy change while others loop under the next one."""
+    """A policy change brings ports up while others loop under the next policy."""
     shut_some(lab, draw)
     events = [Event(0, typing(lab, WARNING)), Event(draw.uniform(0, 0.05), typing(lab, POLICY))]
     return Plan(events + one_after_another(draw, lab, some(draw, lab.loop_ports), 0.02), keeps_shut=False)
@@ -109,7 +109,7 @@ def shut_while_recovering(lab, draw):
 # ---- Policy ----
 
 def typed_policy(lab, draw):
-    """The shutting policy is typed right before the loops, or after them; nothing of it is saved yet."""
+    """The shutting policy is typed right before the loops, or after them, and is not saved yet."""
     lab.reset(draw.choice([WARNING, "no loop-detect enable"]), settled=False)
     policy = Event(draw.uniform(0, 0.02), typing(lab, POLICY))
     loops = Event(draw.uniform(0, 0.02), partial(lab.report_loops, some(draw, lab.loop_ports)))
@@ -127,25 +127,25 @@ def requested_policy(lab, draw):
 # ---- Bridge ----
 
 def leaving(lab, draw):
-    """Lines of ip(8) with which some ports leave the bridge, and those with which they come back."""
+    """Lines of ip(8) that remove some ports from the bridge, and lines that add them again."""
     ports = some(draw, lab.port_names)
     return ([f"link set {port} nomaster" for port in ports], [f"link set {port} master br0" for port in ports])
 
 
 def replacing(lab, draw):
-    """Ports are deleted, and new ones come with their names: up, as new ports are."""
+    """Ports are deleted, and new ones get their names: up, as new ports are."""
     ports = some(draw, lab.port_names)
     return [f"link del {port}" for port in ports], [line for port in ports for line in lab.port_lines(port)]
 
 
 def remaking(lab, _):
-    """The bridge is deleted and made again with its ports."""
+    """The bridge is deleted and created again with its ports."""
     return ["link del br0"], ["link add br0 type bridge", "link set br0 up",
                               *(f"link set {port} master br0" for port in lab.port_names)]
 
 
 def renaming(*_):
-    """The bridge gets another name and its own back."""
+    """The bridge is renamed and named back."""
     return ["link set br0 down", "link set br0 name away"], ["link set away name br0", "link set br0 up"]
 
 
@@ -165,17 +165,17 @@ def loops_then(lab, draw, change):
 
 
 def ports_leave(lab, draw):
-    """Ports leave the bridge and come back."""
+    """Ports leave the bridge and return."""
     return loops_then(lab, draw, leaving)
 
 
 def ports_replaced(lab, draw):
-    """Ports are deleted and made again."""
+    """Ports are deleted and created again."""
     return loops_then(lab, draw, replacing)
 
 
 def bridge_made_again(lab, draw):
-    """The bridge is deleted and made again."""
+    """The bridge is deleted and created again."""
     return loops_then(lab, draw, remaking)
 
 
@@ -185,7 +185,7 @@ def bridge_renamed(lab, draw):
 
 
 def recover_while_away(lab, draw):
-    """Detection stops shutting ports while some of those that it has shut are not in the bridge."""
+    """Detection stops shutting ports while some of its shut ports are not in the bridge."""
     shut_some(lab, draw)
     events = away_and_back(lab, draw, draw.choice([leaving, replacing, remaking, renaming]))
     policy = typing(lab, draw.choice([WARNING, "no loop-detect enable"]))

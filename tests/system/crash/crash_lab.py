@@ -1,6 +1,6 @@
 """The laboratory of the crash rounds: one namespace, bridge and redis-server serve thousands of rounds.
 
-Everything that a round does often avoids a new process: the kernel is asked by ioctl(2) on a socket of the
+Frequent steps of a round avoid a new process: the kernel is asked by ioctl(2) on a socket of the
 namespace, the agent on an operator's session that stays open, Redis on one connection.
 """
 
@@ -20,10 +20,11 @@ from lab import APP_DB, LOCAL_DB, Lab, p_app, wait_for, within
 SIOCGIFFLAGS, SIOCSIFFLAGS, SIOCGIFINDEX = 0x8913, 0x8914, 0x8933
 IFF_UP = 1
 WISH_SAVED_AFTER_S = 1.0
-LOOP_PORTS = 10  # the table holds no more
+LOOP_PORTS = 10  # the capacity of the loop table
 OPERATOR_PORTS = 2
 POLICY = "loop-detect enable shutdown access-mode"
-# Long enough that nothing recovers by itself; in the running configuration it shows that the saved one is in force.
+# Long enough that nothing recovers by itself; in the running configuration it shows that the saved
+# one was applied.
 MARKER = "loop-detect shutdown-recover-time 100000"
 MARK = "loop-detect apply shutdown-port"
 PUSHED = "tarn port loop-detect warning"
@@ -140,7 +141,7 @@ class CrashLab(Lab):
     # ---- records ----
 
     def forget_loops(self):
-        """Removes all records unseen: when the agent looks next, there is no loop any more."""
+        """Removes all records unseen: the agent then finds no loop any more."""
         keys = self.records.keys("p_bridge.tarn_loop_info/*")
         if keys:
             self.records.delete(*keys)
@@ -166,7 +167,7 @@ class CrashLab(Lab):
         self.agent = None
 
     def _threads(self):
-        """What each thread of the agent is doing: name, state, and where it waits in the kernel."""
+        """The state of each thread of the agent: name, state, and where it waits in the kernel."""
         found = []
         for task in pathlib.Path(f"/proc/{self.agent.pid}/task").iterdir():
             state = (task / "status").read_text().splitlines()[2].split()[1]
@@ -182,7 +183,8 @@ class CrashLab(Lab):
         return RunningConfig(self.session.type("show running-config", mode="exec"))
 
     def delivered(self):
-        """State and processor time of the delivery thread: the same twice, and "S", when it has nothing to do."""
+        """State and processor time of the delivery thread: idle when both are the same twice, and the state is
+        "S"."""
         for task in pathlib.Path(f"/proc/{self.agent.pid}/task").iterdir():
             if (task / "comm").read_text() == "lda_cli_deliver\n":
                 return (task / "stat").read_text().split()[2], (task / "schedstat").read_text().split()[0]
@@ -205,7 +207,7 @@ class CrashLab(Lab):
         wait_for(ready, 10, "the saved configuration is in force", every=0.003)
 
     def reset(self, policy=POLICY, settled=True):
-        """No loops, the ports as the operator wants them, `policy` in force and, if `settled`, pushed and saved."""
+        """No loops, the ports as the operator wants them, `policy` set and, if `settled`, pushed and saved."""
         self.forget_loops()
         self.session.type("no loop-detect enable")
         deadline = time.monotonic() + 0.2
@@ -224,7 +226,7 @@ class CrashLab(Lab):
             self.session.type("write", mode="exec")
 
     def wish(self, port, shut):
-        """The operator shuts a port, or takes that back; returns when that must be known to the next agent."""
+        """The operator shuts a port, or brings it up; returns when the next agent must know that."""
         self.session.type(f"interface {port}", "shutdown" if shut else "no shutdown", "exit")
         self.wishes[port] = shut
         time.sleep(WISH_SAVED_AFTER_S)

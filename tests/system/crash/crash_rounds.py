@@ -1,10 +1,11 @@
-"""Kills the agent at bad moments, starts it again and looks for ports that nobody will bring back.
+"""Kills the agent at bad moments, starts it again and looks for ports that nobody will bring up.
 
     crash_rounds.py --seed 1 --rounds 1000 [--kind burst]... [--signal kill]... [--slow-sync]
 
 A port is an orphan when it is administratively down, the running configuration does not mark it as shut by loop
-detection, and no operator has shut it. Once the agent is ready and rests, there must be none; every marked port must
-be down; and a port that the operator shut, or brought back, more than a second before the agent died must be so.
+detection, and no operator has shut it. Once the agent is ready and idle, there must be none; every marked port
+must be down; and a port must still be in the state that the operator gave it more than a second before the
+agent died.
 
 Round N of a seed always draws the same: `--seed S --first N --rounds 1` repeats one. The exit status is 1 when a
 round was bad.
@@ -28,7 +29,7 @@ from crash_kinds import KINDS  # noqa: E402  (the path comes first)
 from crash_lab import CrashLab  # noqa: E402
 
 WINDOW_S = 0.3  # from an event to the latest kill
-STABLE_S = 0.03  # a good state must stay so long, a bad one so long:
+STABLE_S = 0.03  # how long a good state must last, and a bad one:
 HOPELESS_S = 5.0
 SIGNALS = {"kill": signal.SIGKILL, "term": signal.SIGTERM, "int": signal.SIGINT}
 
@@ -51,7 +52,7 @@ class Round:
 # ---- Judging ----
 
 def problems_of(lab):
-    """What is wrong now, port by port."""
+    """The present faults, port by port."""
     config, found = lab.running(), []
     for port in lab.port_names:
         up, marked = lab.is_up(port), config.is_marked(port)
@@ -66,7 +67,7 @@ def problems_of(lab):
 
 
 def settle(lab):
-    """Waits until the state is good and everything is delivered, or is bad and stays so; returns what is wrong."""
+    """Waits until the state is good and everything is delivered, or is bad and stays so; returns the faults."""
     previous, since = None, time.monotonic()
     while True:
         assert lab.agent.poll() is None, f"the agent has ended with status {lab.agent.returncode}"
@@ -144,7 +145,7 @@ def play_round(lab, seed, number, kinds, signals):
 # ---- All rounds ----
 
 def play_rounds(seed, rounds, kinds=(), signals=(), slow_sync=False, first=0):
-    """Yields each Round when it has been played. A round that breaks the laboratory costs only itself."""
+    """Yields each Round when it has been played. A round that breaks the laboratory spoils only itself."""
     kinds, signals = list(kinds) or list(KINDS), list(signals) or list(SIGNALS)
     number = first
     while number < first + rounds:
@@ -170,7 +171,7 @@ def main():
     parser.add_argument("--signal", action="append", choices=list(SIGNALS), default=[])
     parser.add_argument("--slow-sync", action="store_true", help="every fsync takes 50 ms longer")
     options = parser.parse_args()
-    # In the background of a script it is ignored, and so the agent would ignore it.
+    # A script's background jobs ignore SIGINT, and the agent would inherit that.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     started, totals = time.monotonic(), collections.defaultdict(lambda: [0, 0, 0])
     for played in play_rounds(options.seed, options.rounds, options.kind, options.signal, options.slow_sync,

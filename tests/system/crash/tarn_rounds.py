@@ -2,11 +2,12 @@
 
     tarn_rounds.py --seed 1 --rounds 200 [--kind looped-hub]... [--how kill]...
 
-In each round a loop is plugged in under a policy that shuts ports, or only reports, while a host talks. Shortly before
-or after, tarnd is killed, ended, stopped for a while, or slowed down; it runs again later. Then:
+In each round a loop is plugged in under a policy that shuts ports, or only reports, while a host talks. Shortly
+before or after, tarnd is killed, ended, stopped for a while, or slowed down; it runs again later. Then:
 
 - where the policy shuts ports, the storm ends while the loop is still there;
-- once the loop is gone and the agent has recovered its ports, every port is up and forwards, and no loop is on record.
+- once the loop is gone and the agent has recovered its ports, every port is up and forwards, and no loop is on
+record.
 
 Round N of a seed always draws the same: `--seed S --first N --rounds 1` repeats one. The exit status is 1 when a
 round was bad.
@@ -31,7 +32,7 @@ from tarn_loops import KINDS, Traffic  # noqa: E402
 
 EARLY_S, LATE_S = 0.05, 1.5  # from the loop to the disturbance
 CALM_S = 25  # the agent's storm detection needs half of it
-BACK_S = 15  # a cut that nobody takes over is undone after five
+BACK_S = 15  # tarnd undoes a cut that nobody takes over after five
 
 
 def kill(lab, draw):
@@ -49,7 +50,7 @@ def stop(lab, draw):
 
 
 def slow(lab, draw):
-    """It runs for a tenth of the time."""
+    """Lets it run a tenth of the time."""
     for _ in range(draw.randint(5, 60)):
         lab.tarnd.send_signal(signal.SIGSTOP)
         time.sleep(0.018)
@@ -76,7 +77,7 @@ class Round:
 
 
 def disturb(lab, draw, played):
-    """Disturbs tarnd, which runs again on return, perhaps after another one that did not live long."""
+    """Disturbs tarnd, which runs again on return, perhaps after a short-lived restart."""
     HOWS[played.how](lab, draw)
     if lab.tarnd is None:
         for _ in range(draw.choice((0, 0, 1, 2))):
@@ -89,7 +90,7 @@ def disturb(lab, draw, played):
 
 
 def problems_of(lab):
-    """Ports that are dark: down, or with a link and not forwarding. And loops that are on record."""
+    """Dark ports, which are down, or have a link and do not forward, and recorded loops."""
     found, states = [], lab.states()
     for port in lab.port_names:
         link = lab.link(port)

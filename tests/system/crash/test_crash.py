@@ -10,7 +10,7 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 from crash_rounds import play_rounds  # noqa: E402  (the path comes first)
 
 SEED = 20261121
-ENOUGH = 3  # bad rounds are reported, then the rest is left out
+ENOUGH = 3  # bad rounds to report before skipping the rest
 
 
 @pytest.mark.parametrize("rounds, slow_sync", [(39, False), (21, True)], ids=["fast-disk", "slow-disk"])

@@ -1,6 +1,6 @@
-// An agent that has been started on the fake platform: role callback done, nothing connected yet,
-// every log line in the list of calls, the list empty. The delivery thread is held back until
-// fake::start_threads().
+// A started agent on the fake platform: the role callback has run, nothing is connected yet, the
+// list of calls, which includes every log line, is empty. fake::start_threads() starts the delivery
+// thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ class AgentTest : public ::testing::Test {
         fake::clear_calls();
     }
 
-    // Whether another thread would have to wait for a lock of the agent.
+    // Whether another thread would wait for a lock of the agent.
     static bool is_held(pthread_mutex_t* mutex) {
         bool held = false;
         std::thread([&] {
@@ -55,8 +55,8 @@ class AgentTest : public ::testing::Test {
         return record;
     }
 
-    // The messages that wait for the delivery thread: "type=2 mid=2 ifx=5 shutdown=1", with the
-    // fields that are not zero.
+    // The messages queued for the delivery thread, with the fields that are not zero: "type=2 mid=2
+    // ifx=5 shutdown=1".
     static fake::Lines queued() {
         fake::Lines lines;
         const lda_list_t* head = &g_lda_cli_msg_set->list;

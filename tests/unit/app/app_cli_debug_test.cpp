@@ -24,7 +24,7 @@ constexpr char kShowTree[] = "show lda client";
 
 using Nodes = std::vector<const cli_node*>;
 
-// The nodes that the next word may match, where a line with or without "no" goes on at `node`.
+// The nodes that the next word may match when a line with or without "no" continues at `node`.
 Nodes offered(const cli_node* node, bool no) {
     Nodes nodes;
     while (node != nullptr && node != &Tno_alt) {
@@ -55,7 +55,7 @@ bool is_number(const cli_node* node, const std::string& word) {
     return number >= block<cli_number_arg>(node).low && number <= block<cli_number_arg>(node).high;
 }
 
-// The trees as an operator meets them: complete words, numbers, "no" in front.
+// The trees as an operator meets them: complete words, numbers, a leading "no".
 class DebugCommands : public AgentTest {
  protected:
     static const cli_node* tree(const char* description) {
@@ -86,7 +86,7 @@ class DebugCommands : public AgentTest {
         return nodes;
     }
 
-    // Executes a line; false when the tree does not have it.
+    // Executes a line; returns false when the tree does not have it.
     static bool run(const char* description, const std::string& line, uint32_t prefix = 0,
                     unsigned long flags = 0) {
         cli_pcdb pcdb{};

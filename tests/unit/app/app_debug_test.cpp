@@ -32,7 +32,7 @@ void log_debug() {
     APP_DEBUG("text\n");
 }
 
-// Logging as the agent sets it up, with an empty list of calls.
+// The agent's logging, with an empty list of calls.
 class Log : public ::testing::Test {
  protected:
     Log() {

@@ -1,5 +1,5 @@
-// The functions' source is included: so the compiler sees the sizes of what they are called with,
-// as with link-time optimization.
+// Includes the functions' source, so that the compiler sees the sizes of their arguments, as with
+// link-time optimization.
 #include "app/src/app_string.cpp"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// Expected lists of calls, put together from pieces.
+// Expected lists of calls, assembled from pieces.
 #pragma once
 
 #include <gtest/gtest.h>

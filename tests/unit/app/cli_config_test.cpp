@@ -3,6 +3,7 @@
 
 #include "lda_cli.h"
 #include "lda_main.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -208,22 +209,7 @@ TEST_F(CliConfig, ApplyMarksThePortAndHasItShutDown) {
     log_everything();
     cli_pcdb pcdb = on_port(7);
     EXPECT_EQ(cfg_lda_cli_apply_shutdown_command(&pcdb), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            info("cfg_lda_cli_apply_shutdown_command", "commnad cli_apply_shutdown=7"),
-            info("cfg_lda_cli_apply_shutdown_command_int", "enter"),
-            info("lda_intf_ret_proc", "ifx=7 act_shut=1/1,act_notify=1,\n"),
-            "cli_client_c2p_reform", "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=7, shutdown=1"), "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,7,0,1]."),
-            notification("swp7", 2, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[2] "
-                 "vid[0] policy[1] src-port[1]"),
-            info("lda_mom_del_loop_entry", "delete loop entry: name=swp7\n"), entry_del("swp7"),
-            info("cfg_lda_cli_apply_shutdown_command_int", "port 7 is shutdown")}));
+    expect_golden("cli_config/apply_shuts_the_port", fake::take_calls());
     EXPECT_EQ(record->is_shutdown, 1);
 }
 
@@ -373,15 +359,7 @@ TEST_F(CliConfig, InterfaceSectionsAreWrittenForVisiblePorts) {
     fake::add_port({.ifx = 9, .name = "swp9", .flags = 0x2});
     cli_pcdb pcdb = context(0, CLI_FLAG_SHOW_RUN);
     EXPECT_EQ(fake::show_run_hook()(&pcdb), 0);
-    EXPECT_EQ(
-        fake::calls_without({"lsm_if_get_sname"}),
-        (Lines{"lsm_walk_through_ex", "lsm_if_get_flags 3", "c2p_printf 0 \"interface swp3\"",
-               "cli_change_mode \"interface\"", "cli_get_mode_root \"interface\"",
-               "cli_walkthrought_node mode=interface ifx=3", "cli_change_mode \"config\"",
-               "c2p_printf 0 \"!\"", "lsm_if_get_flags 5", "lsm_if_get_flags 9",
-               "c2p_printf 0 \"interface swp9\"", "cli_change_mode \"interface\"",
-               "cli_get_mode_root \"interface\"", "cli_walkthrought_node mode=interface ifx=9",
-               "cli_change_mode \"config\"", "c2p_printf 0 \"!\""}));
+    expect_golden("cli_config/interface_sections", fake::calls_without({"lsm_if_get_sname"}));
     EXPECT_STREQ(pcdb.mode, "config");
 }
 

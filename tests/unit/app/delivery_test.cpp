@@ -8,11 +8,12 @@
 
 #include "lda_cli_exec.h"
 #include "lda_cli_post.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
 
-// The fake holds threads back; this is the call behind it.
+// The fake delays threads; this is the real call.
 extern "C" int __real_pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                                      void* (*entry)(void*), void* argument);
 
@@ -32,7 +33,7 @@ class Delivery : public StartedAgent {
         return result;
     }
     static int post(const lda_cli_msg_t& posted) { return lda_cli_cmd_send(&posted); }
-    // Waits until the thread has worked off the queue and waits again.
+    // Waits until the thread has emptied the queue and waits again.
     static void drained() {
         fake::wait_until_idle([] { return g_lda_cli_msg_set->count == 0; });
     }
@@ -42,8 +43,8 @@ class Delivery : public StartedAgent {
         drained();
         fake::clear_calls();
     }
-    // Runs the body of the thread in a thread of its own, as the agent starts it. True when it
-    // ended. A thread that could not detach itself is joined.
+    // Runs the body in a separate thread, as the agent starts it. Returns true when it ended. A
+    // thread that could not detach itself is joined.
     static bool body_ends(bool detaches) {
         pthread_t thread;
         if (__real_pthread_create(&thread, nullptr, announcing_body, nullptr) != 0)
@@ -229,30 +230,7 @@ TEST_F(Delivery, MessagesPostedBeforeTheThreadRunsAreExecutedInOrder) {
     log_everything();
     fake::start_threads();
     drained();
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{"pthread_detach",
-                     "prctl 15 \"lda_cli_delivery\"",
-                     info(received, "---The number of cli msg is 2, receive a signal[2,7,0,0,1,2]"),
-                     info("cli_exec_shutdown", "enter ifx=7, is_shutdown=1"),
-                     "cli_sub_create_session",
-                     executed(1001, "shutdown \r\n", 7),
-                     info("lda_loop_cmd_execute", "ifx 7 cmd shutdown \r\n out ret=0 "),
-                     "close session 1001",
-                     info(received, "---The number of cli msg is 1, receive a signal[2,8,0,0,1,3]"),
-                     info("cli_exec_loop_apply_shutdown", "enter ifx=8, is_shutdown=1"),
-                     "cli_sub_create_session",
-                     executed(1002, "loop-detect apply shutdown-port \r\n", 8),
-                     info("lda_loop_cmd_execute",
-                          "ifx 8 cmd loop-detect apply shutdown-port \r\n out ret=0 "),
-                     "close session 1002",
-                     info(received, "---The number of cli msg is 0, receive a signal[2,9,0,0,0,2]"),
-                     info("cli_exec_shutdown", "enter ifx=9, is_shutdown=0"),
-                     "cli_sub_create_session",
-                     executed(1003, "errdisable recovery \r\n", 9),
-                     info("lda_loop_cmd_execute", "ifx 9 cmd errdisable recovery \r\n out ret=0 "),
-                     executed(1003, "no shutdown  \r\n", 9),
-                     info("lda_loop_cmd_execute", "ifx 9 cmd no shutdown  \r\n out ret=0 "),
-                     "close session 1003"}));
+    expect_golden("delivery/three_messages", fake::take_calls());
 }
 
 TEST_F(Delivery, PostDuringTheWaitIsTakenAtOnce) {
@@ -264,7 +242,7 @@ TEST_F(Delivery, PostDuringTheWaitIsTakenAtOnce) {
 
 TEST_F(Delivery, LostSignalDelaysTheWorkByASecondAtMost) {
     start_thread();
-    fake::on_signal([] { return -1; });  // swallowed
+    fake::on_signal([] { return -1; });  // the signal is lost
     post(message(2, 2, 7, 1));
     EXPECT_EQ(lines_executed(), Lines{});
     fake::let_wait_time_out();
@@ -272,8 +250,8 @@ TEST_F(Delivery, LostSignalDelaysTheWorkByASecondAtMost) {
     EXPECT_EQ(lines_executed(), Lines{executed(1001, "shutdown \r\n", 7)});
 }
 
-// The deadline is the clock reading before the wait plus one second; the fake reads the clock once
-// more when the wait begins.
+// The deadline is the time before the wait plus one second; the fake reads the clock again when the
+// wait begins.
 TEST_F(Delivery, WaitEndsOneSecondAfterItsBeginningOnTheMonotonicClock) {
     timespec before;
     clock_gettime(CLOCK_MONOTONIC, &before);
@@ -305,7 +283,7 @@ TEST_F(Delivery, EachTypeHasItsWork) {
         uint32_t type;
         Lines lines;
     };
-    // Selector 1: the storm lines alone.
+    // Selector 1: only the storm lines.
     const Row rows[] = {
         {1, {"storm-loop-detect enable\r\n"}},
         {2, {"errdisable recovery \r\n", "no shutdown  \r\n"}},

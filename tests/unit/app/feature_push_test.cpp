@@ -3,6 +3,7 @@
 
 #include "lda_cli_exec.h"
 #include "lda_cli_post.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -110,16 +111,7 @@ TEST_F(FeaturePush, EnablingWithAnotherSelectorExecutesPortLinesOfBoth) {
 TEST_F(FeaturePush, EnablingWithoutPortsExecutesTheGlobalLines) {
     log_everything();
     EXPECT_EQ(lda_loop_cmd_enable(2), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            info("lda_loop_cmd_enable", "LDA:***lda_loop_cmd_enable mid[2] start ."),
-            "cli_sub_create_session", global("tarn enable\r\n"),
-            info("lda_loop_cmd_execute", "ifx 0 cmd tarn enable\r\n out ret=0 "),
-            global("tarn error-recover interval 90\r\n"),
-            info("lda_loop_cmd_execute", "ifx 0 cmd tarn error-recover interval 90\r\n out ret=0 "),
-            info("lda_all_intf_ifx_get", "The interface number is 0"), "close session 1001",
-            info("lda_loop_cmd_enable", "LDA:***lda_loop_cmd_enable mid[2] end.")}));
+    expect_golden("feature_push/enabling_without_ports", fake::take_calls());
 }
 
 TEST_F(FeaturePush, EnablingWithoutMemoryExecutesTheGlobalLines) {
@@ -186,19 +178,7 @@ TEST_F(FeaturePush, DisablingLogsItsBeginAndEnd) {
 TEST_F(FeaturePush, OnePortRepeatsTheGlobalLines) {
     log_everything();
     EXPECT_EQ(lda_intf_loop_cmd_enable(2, 7), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            "cli_sub_create_session", global("tarn enable\r\n"),
-            info("lda_loop_cmd_execute", "ifx 0 cmd tarn enable\r\n out ret=0 "),
-            global("tarn error-recover interval 90\r\n"),
-            info("lda_loop_cmd_execute", "ifx 0 cmd tarn error-recover interval 90\r\n out ret=0 "),
-            port(7, "tarn port loop-detect warning\r\n"),
-            info("lda_loop_cmd_execute", "ifx 7 cmd tarn port loop-detect warning\r\n out ret=0 "),
-            port(7, "storm-loop-detect enable\r\n"),
-            info("lda_loop_cmd_execute", "ifx 7 cmd storm-loop-detect enable\r\n out ret=0 "),
-            info("lda_intf_loop_cmd_enable", "storm-loop-detect enable ifx=7"),
-            "close session 1001"}));
+    expect_golden("feature_push/enabling_one_port", fake::take_calls());
 }
 
 TEST_F(FeaturePush, OnePortWithThePeerProtocolAlone) {
@@ -269,15 +249,7 @@ TEST_F(FeaturePush, WithoutASessionTheWorkIsDropped) {
     EXPECT_EQ(lda_loop_cmd_disable(2), -1);
     EXPECT_EQ(lda_intf_loop_cmd_enable(2, 7), -1);
     EXPECT_EQ(lda_intf_default_cmd(2, 7), -1);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{"cli_sub_create_session",
-                     error("lda_loop_cmd_enable", "LDA cli_sub_create_session fail, fd=-2"),
-                     "cli_sub_create_session",
-                     error("lda_loop_cmd_disable", "LDA cli_sub_create_session fail, fd=-2"),
-                     "cli_sub_create_session",
-                     error("lda_intf_loop_cmd_enable", "LDA cli_sub_create_session fail, fd=-2"),
-                     "cli_sub_create_session",
-                     error("lda_intf_default_cmd", "LDA cli_sub_create_session fail, fd=-2")}));
+    expect_golden("feature_push/without_a_session", fake::take_calls());
 }
 
 // ---- Posting ----
@@ -303,16 +275,7 @@ TEST_F(FeaturePush, ReloadKeepsPortsThatAreHeldWithoutALoop) {
     lda_loop_detect_ptype_set(2);
     log_everything();
     lda_loop_config_delivery(2);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{info("lda_loop_config_delivery", "enter"),
-                     info("lda_cfg_policy_chg_cbk", "is_config_delivery ifx=7, is_shutdown=1"),
-                     info("lda_intf_ret_proc", "ifx=7 act_shut=0/1,act_notify=0,\n"),
-                     info("lda_cfg_policy_chg_cbk", "ifx=7, is_shutdown=1"),
-                     info("lda_cfg_policy_chg_cbk", "is_config_delivery ifx=8, is_shutdown=0"),
-                     info("lda_intf_ret_proc", "ifx=8 act_shut=0/0,act_notify=0,\n"),
-                     info("lda_cfg_policy_chg_cbk", "ifx=8, is_shutdown=0"),
-                     info("lda_cli_cmd_send",
-                          "+++The number of cli_msg is 1, send cond signal[2,0,2,0].")}));
+    expect_golden("feature_push/reload_with_a_held_port", fake::take_calls());
     EXPECT_EQ(held->is_shutdown, 1);
     EXPECT_EQ(quiet->is_shutdown, 0);
     EXPECT_EQ(take_posted(), Lines{"type=5 mid=2 new_type=2"});

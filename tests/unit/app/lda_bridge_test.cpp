@@ -7,6 +7,7 @@
 
 #include "lda_state.h"
 #include "tests/support/fake_qv/fake_qv.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/agent_fixture.h"
 
 using fake::error;
@@ -40,7 +41,7 @@ class Apply : public AgentTest {
         record->mode = state.mode;
     }
 
-    // Proposes `to` for a port in state `from`; the line that tells the two decisions.
+    // Proposes `to` for a port in state `from`; returns the line that shows both decisions.
     static std::string decision(const State& from, const State& to) {
         lda_intf_t* record = lda_loop_result_get(5);
         store(record, from);
@@ -197,16 +198,7 @@ TEST_F(Bridge, ChangeOfAnAggregatePortReachesEveryMember) {
     EXPECT_EQ(lda_loop_result_get(5)->mode, 2u);
     EXPECT_EQ(lda_loop_result_get(6)->mode, 1u);
     EXPECT_EQ(lda_loop_result_get(7)->mode, 2u);
-    EXPECT_EQ(fake::calls(), (Lines{
-                                 info("lda_bridge_handle", "event=415\n"),
-                                 info("lda_bridge_handle", "modify ifx=40, mode=2\n"),
-                                 info("lda_brid_intf_mod_chg_cbk", "ifx is ap_ifx, proc sub ifx=5"),
-                                 info("lda_brid_intf_mod_chg_cbk", "ifx=5, mode=2\n"),
-                                 info("lda_intf_ret_proc", "ifx=5 act_shut=0/0,act_notify=0,\n"),
-                                 info("lda_brid_intf_mod_chg_cbk", "ifx is ap_ifx, proc sub ifx=7"),
-                                 info("lda_brid_intf_mod_chg_cbk", "ifx=7, mode=2\n"),
-                                 info("lda_intf_ret_proc", "ifx=7 act_shut=0/0,act_notify=0,\n"),
-                             }));
+    expect_golden("lda_bridge/mode_of_an_aggregate", fake::calls());
 }
 
 TEST_F(Bridge, MembersBeforeTheAggregatePortItselfAreReached) {
@@ -219,7 +211,7 @@ TEST_F(Bridge, MembersBeforeTheAggregatePortItselfAreReached) {
     EXPECT_EQ(lda_loop_result_get(6)->mode, 1u);
 }
 
-// A port in no aggregate carries index 0 for it, so a change of index 0 is one of all of them.
+// A port outside an aggregate has index 0 for it, so a change of index 0 applies to all such ports.
 TEST_F(Bridge, ChangeOfIndexZeroReachesThePortsInNoAggregate) {
     for (uint32_t ifx : {5u, 6u, 7u})
         add_record(ifx, 1);
@@ -317,26 +309,7 @@ TEST_F(Bridge, LoopingPortThatBecomesHybridIsShutDownUnderHybrid) {
     EXPECT_EQ(record->is_shutdown, 1);
     EXPECT_EQ(record->recover_ticks, 0u);
     EXPECT_EQ(queued(), (Lines{"type=2 mid=2 ifx=5 shutdown=1"}));
-    EXPECT_EQ(
-        fake::calls(),
-        (Lines{
-            info("lda_bridge_handle", "event=415\n"),
-            info("lda_bridge_handle", "modify ifx=5, mode=7\n"),
-            info("lda_brid_intf_mod_chg_cbk", "ifx=5, mode=7\n"),
-            info("lda_intf_ret_proc", "ifx=5 act_shut=1/1,act_notify=1,\n"),
-            "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=5, shutdown=1"),
-            "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,5,0,1]."),
-            notification("swp5", 1, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp5] notify_type[1] vid[0] "
-                 "policy[1] src-port[1]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp5, policy=1,is_src=1\n"),
-            "qv_mom_set db=4 p_app.lda_loop_entry index{name=\"swp5\"} policy=1 src_port=1",
-        }));
+    expect_golden("lda_bridge/looping_port_becomes_hybrid", fake::calls());
 }
 
 TEST_F(Bridge, ShutDownAccessPortThatBecomesATrunkIsBroughtBackAndNotified) {
@@ -565,17 +538,7 @@ TEST_F(Bridge, LoopRemovalNotifiesAndTellsTheSystemLog) {
     lda_intf_t* record = add_looped(5, 1);
     g_lda_loop_set->policy = 2;
     lda_intf_loop_del(record);
-    EXPECT_EQ(fake::calls(),
-              (Lines{
-                  info("lda_intf_loop_del", "---lda delete loop interface , loop_num=1\n"),
-                  notification("swp5", 2, 1, 1),
-                  info("lda_send_info_ntf",
-                       "send loop-detect state, name[swp5] notify_type[2] vid[0] "
-                       "policy[1] src-port[1]"),
-                  info("lda_mom_del_loop_entry", "delete loop entry: name=swp5\n"),
-                  "qv_mom_del db=4 p_app.lda_loop_entry index{name=\"swp5\"}",
-                  R"(syslog 3 LOOP_DETECT RECOVER "Interface swp5 recovered from loop error.\r\n")",
-              }));
+    expect_golden("lda_bridge/loop_removal", fake::calls());
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
 }
 

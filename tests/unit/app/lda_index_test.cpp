@@ -51,7 +51,7 @@ class Index : public ::testing::Test {
         return nullptr;
     }
 
-    // Few numbers, many of one bucket, so that records meet.
+    // Few numbers, many in the same bucket, so that records collide.
     void change_and_compare(bool at_the_end) {
         std::mt19937 random(1);
         const std::vector<uint32_t> numbers = {0, 1, 2, 4096, 4097, 8192, 8193, 12288, UINT32_MAX};
@@ -73,7 +73,7 @@ class Index : public ::testing::Test {
 
 }  // namespace
 
-// operator new(size_t), for tests that take the memory away: the linker hands it over.
+// operator new(size_t), which the linker redirects here, for tests without memory.
 extern "C" void* __real__Znwm(size_t size);
 extern "C" void* __wrap__Znwm(size_t size) {
     if (g_no_memory)

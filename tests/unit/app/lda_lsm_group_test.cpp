@@ -4,11 +4,12 @@
 #include "lda_lsm.h"
 #include "lda_state.h"
 #include "storm_cli.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
 
-// Removal of a port's storm rule, which the linker redirects: the answer is the test's.
+// Removal of a port's storm rule, which the linker redirects: the test sets the result.
 int removal_result = 0;
 int real_storm_removal(uint32_t phyid) __asm__("__real__Z22storm_del_storm_detectj");
 int wrap_storm_removal(uint32_t phyid) __asm__("__wrap__Z22storm_del_storm_detectj");
@@ -43,19 +44,7 @@ TEST_F(LsmGroup, JoiningAnAggregateConfiguresThePortAndTakesItsMode) {
     lda_loop_detect_ptype_set(2);
     log_everything();
     membership(0, 100, 7);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            "swport_get_port_mode 100", "swport_vlan_mode_name 7",
-            info("lda_lsm_ap_mem_chg_proc", "type=0 apifx=100 ifx=7 7 hybrid\n"),
-            "cli_sub_create_session", executed(1001, "tarn enable\r\n"),
-            info("lda_loop_cmd_execute", "ifx 0 cmd tarn enable\r\n out ret=0 "),
-            executed(1001, "tarn error-recover interval 90\r\n"),
-            info("lda_loop_cmd_execute", "ifx 0 cmd tarn error-recover interval 90\r\n out ret=0 "),
-            executed(1001, "tarn port loop-detect warning\r\n", 7),
-            info("lda_loop_cmd_execute", "ifx 7 cmd tarn port loop-detect warning\r\n out ret=0 "),
-            "close session 1001",
-            info("lda_intf_ret_proc", "ifx=7 act_shut=0/0,act_notify=0,\n")}));
+    expect_golden("lda_lsm_group/joining_an_aggregate", fake::take_calls());
     EXPECT_EQ(record->mode_arg, 100);
     EXPECT_EQ(record->mode, 7u);
     EXPECT_EQ(take_posted(), Lines{});
@@ -151,25 +140,7 @@ TEST_F(LsmGroup, LeavingTheBridgeRejudgesThePort) {
     log_everything();
     uint32_t word = 7;
     lda_lsm_bridge_event_handle(1, &word);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            info("lda_lsm_bridge_event_handle", "event = 1\n"),
-            info("lda_lsm_bridge_event_handle",
-                 "LDA receive lsm bridge delete event 1, intf ifx=7\n"),
-            info("lda_lsm_chg_intf_mode", "ifx=7, mode=0\n"),
-            info("lda_brid_intf_mod_chg_cbk", "ifx=7, mode=0\n"),
-            info("lda_intf_ret_proc", "ifx=7 act_shut=1/0,act_notify=1,\n"),
-            "cli_client_c2p_reform", "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=7, shutdown=0"), "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,7,0,0]."),
-            notification("swp7", 1, 0, 0),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[1] "
-                 "vid[0] policy[0] src-port[0]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=0,is_src=0\n"),
-            entry_set("swp7", 0, 0)}));
+    expect_golden("lda_lsm_group/held_port_leaves_the_bridge", fake::take_calls());
     EXPECT_EQ(record->mode, 0u);
     EXPECT_EQ(record->is_shutdown, 0);
 }
@@ -192,23 +163,7 @@ TEST_F(LsmGroup, AggregateWithoutARecordThatLeavesTheBridgeRejudgesItsMembers) {
     log_everything();
     uint32_t word = 100;
     lda_lsm_bridge_event_handle(1, &word);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{info("lda_lsm_bridge_event_handle", "event = 1\n"),
-               info("lda_lsm_bridge_event_handle",
-                    "LDA receive lsm bridge delete event 1, intf ifx=100\n"),
-               info("lda_brid_intf_mod_chg_cbk", "ifx is ap_ifx, proc sub ifx=7"),
-               info("lda_brid_intf_mod_chg_cbk", "ifx=7, mode=0\n"),
-               info("lda_intf_ret_proc", "ifx=7 act_shut=0/0,act_notify=1,\n"),
-               notification("swp7", 1, 0, 0),
-               info("lda_send_info_ntf",
-                    "send loop-detect state, name[swp7] "
-                    "notify_type[1] vid[0] policy[0] src-port[0]"),
-               info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=0,is_src=0\n"),
-               entry_set("swp7", 0, 0),
-               info("lda_brid_intf_mod_chg_cbk", "ifx is ap_ifx, proc sub ifx=8"),
-               info("lda_brid_intf_mod_chg_cbk", "ifx=8, mode=0\n"),
-               info("lda_intf_ret_proc", "ifx=8 act_shut=0/0,act_notify=0,\n")}));
+    expect_golden("lda_lsm_group/aggregate_leaves_the_bridge", fake::take_calls());
     EXPECT_EQ(first->mode, 0u);
     EXPECT_EQ(second->mode, 0u);
     EXPECT_EQ(other->mode, 1u);
@@ -273,17 +228,7 @@ TEST_F(LsmGroup, VslPortKeepsItsRecordWhileDetectionIsDisabled) {
     cli_ready = 1;
     log_everything();
     layer(0, 7, 0x401);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{warn("lda_lsm_layer_inline_handle", "GET vsl information: create vsl"),
-               warn("lda_vsl_convert_proc", "VSL convert proc: ifx is 7 , vsl stats is 1"),
-               info("lda_intf_ret_proc", "ifx=7 act_shut=0/0,act_notify=1,\n"),
-               notification("swp7", 2, 0, 0),
-               info("lda_send_info_ntf",
-                    "send loop-detect state, name[swp7] notify_type[2] "
-                    "vid[0] policy[0] src-port[0]"),
-               info("lda_mom_del_loop_entry", "delete loop entry: name=swp7\n"), entry_del("swp7"),
-               info("lda_lsm_layer_inline_handle", "loop-detect is not activated.")}));
+    expect_golden("lda_lsm_group/vsl_port_while_disabled", fake::take_calls());
     EXPECT_EQ(records(), std::vector<lda_intf_t*>{record});
     EXPECT_EQ(record->vsl_member, 1u);
     EXPECT_EQ(record->tarn_result, 0);

@@ -3,6 +3,7 @@
 
 #include "lda_main.h"
 #include "lda_state.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 #ifdef __SANITIZE_ADDRESS__
@@ -235,13 +236,7 @@ TEST_F(LdaLsm, PortAddedWhileDetectionIsActiveIsConfigured) {
     lda_loop_detect_ptype_set(3);
     log_everything();
     lda_add_intf(7);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{"vl_clnt_get_portmode_by_index 7", info("lda_add_intf", "ifx=7, type=1\n"),
-                     "lsm_if_get_sname 7 64",
-                     info("lda_add_intf", "+++LDA add intf:ifx=7, name=swp7, intf_num=1\n"),
-                     info("lda_cli_cmd_send",
-                          "+++The number of cli_msg is 1, send cond signal[2,7,3,0]."),
-                     info("lda_add_intf", "cli cmd send done: ifx 7, mid 2, msg_type 1.")}));
+    expect_golden("lda_lsm/port_added_while_active", fake::take_calls());
     EXPECT_EQ(take_posted(), Lines{"type=1 mid=2 ifx=7 new_type=3 old_type=3"});
 }
 
@@ -267,26 +262,7 @@ TEST_F(LdaLsm, PendingPortIsShutDownWhenItAppears) {
     lda_loop_detect_ptype_set(2);
     log_everything();
     lda_intf_t* record = lda_add_intf(7);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            "vl_clnt_get_portmode_by_index 7", info("lda_add_intf", "ifx=7, type=1\n"),
-            "lsm_if_get_sname 7 64",
-            info("lda_add_intf", "+++LDA add intf:ifx=7, name=swp7, intf_num=1\n"),
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,7,2,0]."),
-            info("lda_add_intf", "cli cmd send done: ifx 7, mid 2, msg_type 1."),
-            info("lda_add_intf", "---LDA find backup_node_list :ifx=7\n"),
-            info("lda_intf_ret_proc", "ifx=7 act_shut=1/1,act_notify=1,\n"),
-            "cli_client_c2p_reform", "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=7, shutdown=1"), "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 2, send cond signal[2,7,0,1]."),
-            notification("swp7", 2, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[2] "
-                 "vid[0] policy[1] src-port[1]"),
-            info("lda_mom_del_loop_entry", "delete loop entry: name=swp7\n"), entry_del("swp7"),
-            info("lda_back_node_del", "---LDA delete backup_node_list :ifx=7\n")}));
+    expect_golden("lda_lsm/pending_port_appears", fake::take_calls());
     EXPECT_EQ(record->is_shutdown, 1);
     EXPECT_EQ(take_posted(),
               (Lines{"type=1 mid=2 ifx=7 new_type=2 old_type=2", "type=2 mid=2 ifx=7 shutdown=1"}));
@@ -453,23 +429,7 @@ TEST_F(LdaLsm, DefaultEventReleasesAHeldPortAndCleansItsStormLines) {
     record->is_shutdown = 1;
     log_everything();
     event(2, 7);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            info("lda_lsm_event_handle", "LDA receive lsm default event 2, intf ifx=7\n"),
-            info("lda_intf_ret_proc", "ifx=7 act_shut=1/0,act_notify=1,\n"),
-            "cli_client_c2p_reform", "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=7, shutdown=0"), "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,7,0,0]."),
-            notification("swp7", 1, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[1] "
-                 "vid[0] policy[1] src-port[1]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=1,is_src=1\n"),
-            entry_set("swp7", 1, 1), info("lda_intf_default_config_delivery", "enter"),
-            info("lda_cli_cmd_send",
-                 "+++The number of cli_msg is 2, send cond signal[1,7,0,0].")}));
+    expect_golden("lda_lsm/default_event_of_a_held_port", fake::take_calls());
     EXPECT_EQ(record->is_shutdown, 0);
     EXPECT_EQ(take_posted(), (Lines{"type=2 mid=2 ifx=7", "type=6 mid=1 ifx=7"}));
 }

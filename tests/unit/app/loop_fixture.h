@@ -1,7 +1,7 @@
-// A started agent on the fake platform, and the lines that its calls and log lines make there.
+// A started agent on the fake platform, and the lines recorded for its calls and log lines.
 //
-// The expected lines are put together from what a test writes out: function, text, values. Nothing
-// here asks the agent what it would say.
+// The expected lines are assembled from the function, text and values that a test writes out, never
+// from the agent's own output.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ using fake::Lines;
 
 // ---- Expected lines ----
 
-// A line of the log file, "<function:line> " in front as the logging macro writes it.
+// A line of the log file, with the logging macro's "<function:line> " at its start.
 std::string debug_line(const std::string& function, const std::string& text);
 std::string info(const std::string& function, const std::string& text);
 std::string warn(const std::string& function, const std::string& text);
@@ -50,16 +50,16 @@ class StartedAgent : public AgentTest {
  protected:
     StartedAgent();
 
-    // A port that is in the loop table because of source 0, not shut down, with no trace left of
-    // how it got there. The policy is the one given, now and afterwards.
+    // Adds a port that is in the loop table because of source 0 and not shut down; drops the calls
+    // made. The policy stays the one given.
     static lda_intf_t* looped(uint32_t ifx, uint32_t mode, uint32_t policy);
-    // Adds a port to the switch and its record to the agent; the calls of that are forgotten.
+    // Adds a port to the switch and its record to the agent; drops the calls made.
     static lda_intf_t* add(uint32_t ifx, uint32_t mode = SWPORT_MODE_ACCESS);
-    // From here on INFO and DEBUG lines are written too.
+    // Turns INFO and DEBUG lines on.
     static void log_everything();
-    // Puts a port on the list of those to be marked when they appear.
+    // Adds a port to the pending-interface list.
     static void pend(uint32_t ifx);
-    // Takes all messages off the queue, in the words of queued().
+    // Removes all messages from the queue; returns them like queued().
     static Lines take_posted();
 };
 

@@ -2,6 +2,7 @@
 #include "lda_msg.h"
 
 #include "lda_state.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -192,14 +193,7 @@ TEST_F(LoopPolicy, RecoveryOfAPortThatStillLoopsMakesTheseCalls) {
     record->recover_ticks = 29;
     log_everything();
     tick(1);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{debug_line("lda_intf_shutdown_timer_call", "enter time=300"),
-                     info("lda_send_shutcmd", "enter ifx=7, shutdown=0"), "cli_client_c2p_reform",
-                     "cli_syn_config_notify",
-                     info("lda_cli_cmd_send",
-                          "+++The number of cli_msg is 1, send cond signal[2,7,0,0]."),
-                     info("lda_intf_shutdown_timer_call", "ifx=7 no shutdown force"),
-                     "qv_thread_add_timer 10"}));
+    expect_golden("loop_policy/recovery_of_a_looping_port", fake::take_calls());
     EXPECT_EQ(record->total_result, 1);
 }
 
@@ -210,15 +204,7 @@ TEST_F(LoopPolicy, RecoveryOfAQuietPortArmsItsClearTimerAfterThePost) {
     record->recover_ticks = 29;
     log_everything();
     tick(1);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{debug_line("lda_intf_shutdown_timer_call", "enter time=300"),
-                     info("lda_send_shutcmd", "enter ifx=7, shutdown=0"), "cli_client_c2p_reform",
-                     "cli_syn_config_notify",
-                     info("lda_cli_cmd_send",
-                          "+++The number of cli_msg is 1, send cond signal[2,7,0,0]."),
-                     "qv_thread_add_timer 60",
-                     info("lda_intf_shutdown_timer_call", "ifx=7 no shutdown force"),
-                     "qv_thread_add_timer 10"}));
+    expect_golden("loop_policy/recovery_of_a_quiet_port", fake::take_calls());
 }
 
 TEST_F(LoopPolicy, WithRecoveryDisabledTheNextTickRecovers) {

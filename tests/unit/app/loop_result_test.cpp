@@ -4,6 +4,7 @@
 #include "lda_notify.h"
 #include "lda_state.h"
 #include "storm_detect.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -56,16 +57,7 @@ TEST_F(LoopResult, FreshLoopUnderWarningIsCountedNotifiedAndLogged) {
     lda_loop_detect_ptype_set(1);
     log_everything();
     lda_loop_result_set(0, 1, 7);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{info("lda_loop_exec_policy", "ifx=7, type=1, mode=1"),
-               info("lda_loop_result_add", "+++lda add loop interface ifx=7 , loop_num=1"),
-               notification("swp7", 1, 0, 1),
-               info("lda_send_info_ntf",
-                    "send loop-detect state, name[swp7] notify_type[1] "
-                    "vid[0] policy[0] src-port[1]"),
-               info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=0,is_src=1\n"),
-               entry_set("swp7", 0, 1), detected("swp7")}));
+    expect_golden("loop_result/fresh_loop_under_warning", fake::take_calls());
     EXPECT_EQ(record->total_result, 1);
     EXPECT_EQ(record->tarn_result, 1);
     EXPECT_EQ(record->storm_result, 0);
@@ -82,27 +74,7 @@ TEST_F(LoopResult, FreshLoopUnderAShuttingPolicyMarksThePortAndThenEntersTheTabl
     lda_loop_detect_ptype_set(2);
     log_everything();
     lda_loop_result_set(0, 1, 7);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            info("lda_loop_exec_policy", "ifx=7, type=2, mode=1"),
-            info("lda_intf_ret_proc", "ifx=7 act_shut=1/1,act_notify=1,\n"),
-            "cli_client_c2p_reform", "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=7, shutdown=1"), "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,7,0,1]."),
-            notification("swp7", 2, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[2] "
-                 "vid[0] policy[1] src-port[1]"),
-            info("lda_mom_del_loop_entry", "delete loop entry: name=swp7\n"), entry_del("swp7"),
-            info("lda_loop_result_add", "+++lda add loop interface ifx=7 , loop_num=1"),
-            notification("swp7", 1, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[1] "
-                 "vid[0] policy[1] src-port[1]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=1,is_src=1\n"),
-            entry_set("swp7", 1, 1), detected("swp7")}));
+    expect_golden("loop_result/fresh_loop_under_shutdown", fake::take_calls());
     EXPECT_EQ(record->is_shutdown, 1);
     EXPECT_EQ(record->total_result, 1);
     EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7 shutdown=1"});
@@ -122,14 +94,7 @@ TEST_F(LoopResult, RepeatedLoopShutsAgainWithoutNotification) {
     lda_intf_t* record = looped(7, 1, 2);
     log_everything();
     lda_loop_result_set(0, 1, 7);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{info("lda_loop_result_set",
-                          "IN LOOP STATE, LOOP AGAIN, SEND THE SHUTDOWN FORCE, DON'T Notify!!"),
-                     info("lda_loop_exec_policy", "ifx=7, type=2, mode=1"),
-                     info("lda_send_shutcmd", "enter ifx=7, shutdown=1"), "cli_client_c2p_reform",
-                     "cli_syn_config_notify",
-                     info("lda_cli_cmd_send",
-                          "+++The number of cli_msg is 1, send cond signal[2,7,0,1].")}));
+    expect_golden("loop_result/repeated_loop", fake::take_calls());
     EXPECT_EQ(record->is_shutdown, 1);
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
     EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7 shutdown=1"});
@@ -172,21 +137,7 @@ TEST_F(LoopResult, SecondSourceMarksAPortThatIsNotHeldYet) {
     storm(1, 7);
     EXPECT_EQ(record->storm_result, 1);
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            info("lda_loop_exec_policy", "ifx=7, type=2, mode=1"),
-            info("lda_intf_ret_proc", "ifx=7 act_shut=1/1,act_notify=1,\n"),
-            "cli_client_c2p_reform", "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=7, shutdown=1"), "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,7,0,1]."),
-            notification("swp7", 1, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[1] "
-                 "vid[0] policy[1] src-port[1]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=1,is_src=1\n"),
-            entry_set("swp7", 1, 1)}));
+    expect_golden("loop_result/second_source", fake::take_calls());
 }
 
 TEST_F(LoopResult, SecondSourceUnderWarningOnlyRunsThePolicy) {
@@ -332,23 +283,14 @@ TEST_F(LoopResult, ClearTimerTakesThePortOutOfTheTable) {
     fake::clear_calls();
     log_everything();
     EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{info("lda_intf_loop_clear", "node->total_result ifx swp7"),
-               info("lda_intf_loop_clear", "---lda delete loop interface , loop_num=0, ifx=swp7"),
-               notification("swp7", 2, 0, 1),
-               info("lda_send_info_ntf",
-                    "send loop-detect state, name[swp7] notify_type[2] "
-                    "vid[0] policy[0] src-port[1]"),
-               info("lda_mom_del_loop_entry", "delete loop entry: name=swp7\n"), entry_del("swp7"),
-               recovered("swp7")}));
+    expect_golden("loop_result/clear_timer", fake::take_calls());
     EXPECT_EQ(record->clear_timer, nullptr);
     EXPECT_EQ(record->total_result, 0);
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
     EXPECT_EQ(lda_loop_result_get(7), record);
 }
 
-// The expiry does not ask again what happened to the port since the timer was armed.
+// The expiry does not check again what happened to the port since the timer was armed.
 TEST_F(LoopResult, ClearTimerTestsNothingAgainWhenItFires) {
     for (uint32_t ifx : {1u, 2u, 3u}) {
         SCOPED_TRACE(ifx);
@@ -374,15 +316,7 @@ TEST_F(LoopResult, ClearTimerOfAPortOutsideTheTableStillTellsTheEnd) {
     fake::clear_calls();
     log_everything();
     EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{info("lda_intf_loop_clear", "---lda delete loop interface , loop_num=1, ifx=swp7"),
-               notification("swp7", 2, 0, 1),
-               info("lda_send_info_ntf",
-                    "send loop-detect state, name[swp7] notify_type[2] "
-                    "vid[0] policy[0] src-port[1]"),
-               info("lda_mom_del_loop_entry", "delete loop entry: name=swp7\n"), entry_del("swp7"),
-               recovered("swp7")}));
+    expect_golden("loop_result/clear_timer_outside_the_table", fake::take_calls());
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
 }
 

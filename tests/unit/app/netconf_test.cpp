@@ -6,6 +6,7 @@
 #include "lda_notify.h"
 #include "lda_state.h"
 #include "p_app.pb-c.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -128,7 +129,7 @@ TEST_F(Netconf, EveryTypeGetsItsAnswer) {
     struct Row {
         int operation;
         const char* answer;
-        uint32_t policy_afterwards;  // 4 is asked for
+        uint32_t policy_afterwards;  // the request is 4
     };
     const Row rows[] = {
         {0,
@@ -227,24 +228,13 @@ TEST_F(Netconf, DeleteRequestsApplyTheCarriedPolicyToo) {
 TEST_F(Netconf, SetRequestLogsItsWay) {
     log_everything();
     request(2, 2);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{info(callback, "recv mom msg, cmd[1]"), info(callback, "loop_policy_cli[2]"),
-                     info("lda_server_nc_set_loop_policy_cli", "enter"),
-                     "qv_mom_set db=22 p_app.lda_nc_policy loop_policy_cli=2",
-                     info("lda_cli_cmd_send",
-                          "+++The number of cli_msg is 1, send cond signal[2,0,2,0]."),
-                     info("lda_cli_policy_set", "old_type=0, new_type=2, msg_type=5"),
-                     "cli_client_c2p_reform", "cli_syn_config_notify", answer(2, 0)}));
+    expect_golden("netconf/set_request", fake::take_calls());
 }
 
 TEST_F(Netconf, DeleteRequestLogsItsWay) {
     log_everything();
     request(0, 4);
-    EXPECT_EQ(fake::take_calls(),
-              (Lines{info(callback, "recv mom msg, cmd[1]"), info(callback, "loop_policy_cli[0]"),
-                     info("lda_server_nc_del_loop_policy_cli", "enter"),
-                     "qv_mom_set db=22 p_app.lda_nc_policy", "cli_client_c2p_reform",
-                     "cli_syn_config_notify", answer(4, 0)}));
+    expect_golden("netconf/delete_request", fake::take_calls());
 }
 
 TEST_F(Netconf, EachTypeIsLoggedUnderTheNameOfItsHandler) {

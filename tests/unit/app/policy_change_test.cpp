@@ -3,6 +3,7 @@
 
 #include "lda_state.h"
 #include "p_app.pb-c.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -21,7 +22,7 @@ class PolicyChange : public StartedAgent {
         result.is_config_delivery = is_config_delivery;
         return result;
     }
-    // The shut-down flag a change gives to a port, with the policy in force.
+    // The shut-down flag that a change sets on a port, with the current policy.
     uint8_t judged(lda_intf_t* record, uint32_t old_type, uint32_t new_type, uint8_t config) {
         lda_loop_detect_ptype_set(new_type);
         lda_cli_msg_t message = change(old_type, new_type, config);
@@ -101,7 +102,7 @@ TEST_F(PolicyChange, PolicyIsPublishedBeforeItIsInForce) {
     EXPECT_EQ(in_force, 0u);
 }
 
-// An access port is brought back and a hybrid port goes down; the shutdowns are queued first.
+// An access port is brought up and a hybrid port shut down; the shutdowns are queued first.
 TEST_F(PolicyChange, LoopedPortsAreRejudged) {
     lda_intf_t* access = looped(1, 1, 2);
     access->is_shutdown = 1;
@@ -109,42 +110,7 @@ TEST_F(PolicyChange, LoopedPortsAreRejudged) {
     lda_intf_t* hybrid = looped(3, 7, 2);
     log_everything();
     EXPECT_EQ(lda_cli_policy_set(3), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            published(3),
-            info("lda_intf_ret_proc", "ifx=1 act_shut=1/0,act_notify=1,\n"),
-            "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=1, shutdown=0"),
-            "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,1,0,0]."),
-            notification("swp1", 1, 0, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp1] notify_type[1] "
-                 "vid[0] policy[0] src-port[1]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp1, policy=0,is_src=1\n"),
-            entry_set("swp1", 0, 1),
-            info("lda_cfg_policy_chg_cbk", "ifx=1, is_shutdown=0"),
-            info("lda_intf_ret_proc", "ifx=2 act_shut=0/0,act_notify=0,\n"),
-            info("lda_cfg_policy_chg_cbk", "ifx=2, is_shutdown=0"),
-            info("lda_intf_ret_proc", "ifx=3 act_shut=1/1,act_notify=1,\n"),
-            "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=3, shutdown=1"),
-            "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 2, send cond signal[2,3,0,1]."),
-            notification("swp3", 1, 1, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp3] notify_type[1] "
-                 "vid[0] policy[1] src-port[1]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp3, policy=1,is_src=1\n"),
-            entry_set("swp3", 1, 1),
-            info("lda_cfg_policy_chg_cbk", "ifx=3, is_shutdown=1"),
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 3, send cond signal[2,0,3,0]."),
-            info("lda_cli_policy_set", "old_type=2, new_type=3, msg_type=5")}));
+    expect_golden("policy_change/from_access_to_hybrid", fake::take_calls());
     EXPECT_EQ(take_posted(), (Lines{"type=2 mid=2 ifx=1", "type=2 mid=2 ifx=3 shutdown=1",
                                     "type=5 mid=2 new_type=3 old_type=2"}));
     EXPECT_EQ(access->is_shutdown, 0);
@@ -162,29 +128,13 @@ TEST_F(PolicyChange, WarningBringsEveryShutDownAccessPortBack) {
                                     "type=5 mid=2 new_type=1 old_type=2"}));
 }
 
-// The ports are brought back first; only then are the results cleared.
+// The ports are brought up first; only then are the results cleared.
 TEST_F(PolicyChange, DisablingBringsPortsBackAndThenClears) {
     lda_intf_t* record = looped(7, 1, 2);
     record->is_shutdown = 1;
     log_everything();
     EXPECT_EQ(lda_cli_policy_set(0), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{
-            published_0, info("lda_intf_ret_proc", "ifx=7 act_shut=1/0,act_notify=1,\n"),
-            "cli_client_c2p_reform", "cli_syn_config_notify",
-            info("lda_send_shutcmd", "enter ifx=7, shutdown=0"), "cli_client_c2p_reform",
-            "cli_syn_config_notify",
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 1, send cond signal[2,7,0,0]."),
-            notification("swp7", 1, 0, 1),
-            info("lda_send_info_ntf",
-                 "send loop-detect state, name[swp7] notify_type[1] "
-                 "vid[0] policy[0] src-port[1]"),
-            info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=0,is_src=1\n"),
-            entry_set("swp7", 0, 1), info("lda_cfg_policy_chg_cbk", "ifx=7, is_shutdown=0"),
-            info("lda_mom_del_loop_entry", "delete loop entry: name=swp7\n"), entry_del("swp7"),
-            info("lda_cli_cmd_send", "+++The number of cli_msg is 2, send cond signal[2,0,0,0]."),
-            info("lda_cli_policy_set", "old_type=2, new_type=0, msg_type=4")}));
+    expect_golden("policy_change/disabling", fake::take_calls());
     EXPECT_EQ(take_posted(), (Lines{"type=2 mid=2 ifx=7", "type=4 mid=2 old_type=2"}));
     EXPECT_EQ(record->total_result, 0);
     EXPECT_EQ(record->tarn_result, 0);
@@ -272,16 +222,7 @@ TEST_F(PolicyChange, OnePortVariantNotifiesALoopedPortWhoseFlagChanges) {
     message.shutdown = 1;
     log_everything();
     lda_intf_policy_chg_proc(&message);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{info("lda_intf_policy_chg_cbk", "ifx=7,old_shutdown=0, new_shutdown=1"),
-               notification("swp7", 1, 1, 1),
-               info("lda_send_info_ntf",
-                    "send loop-detect state, name[swp7] notify_type[1] "
-                    "vid[0] policy[1] src-port[1]"),
-               info("lda_mom_set_loop_entry", "set loop entry: name=swp7, policy=1,is_src=1\n"),
-               entry_set("swp7", 1, 1),
-               info("lda_intf_policy_chg_cbk", "ifx=7,old_shutdown=1, new_shutdown=1")}));
+    expect_golden("policy_change/one_port_variant", fake::take_calls());
     EXPECT_EQ(record->is_shutdown, 1);
     EXPECT_EQ(take_posted(), Lines{});
 }

@@ -10,6 +10,7 @@
 #include "lda_state.h"
 #include "storm_detect.h"
 #include "tests/support/fake_qv/fake_qv.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/call_lists.h"
 
 extern "C" int lda_main();
@@ -25,88 +26,6 @@ std::string log(const char* text) {
     return info("hot_standby_callback", text);
 }
 
-const char kRateKey[] = "\"LDA\" \"p_cmps_sln/lda/storm_dct_ratelimit/default_value\"";
-
-const Lines kState = {
-    log("It Works! This function will run on master or on switch.\n"),
-    log("LDA:lda_init start.\n"),
-    "pthread_mutex_init recursive",
-    "pthread_condattr_init",
-    "pthread_condattr_setclock monotonic",
-    "pthread_cond_init monotonic",
-    "pthread_condattr_destroy",
-    "pthread_mutex_init default",
-    log("LDA:lda_init end.\n"),
-};
-
-const Lines kCommands = {
-    log("LDA:lda_cli_init start.\n"),
-    "cli_client_init \"LDA\"",
-    "cli_add_param_reload_start_hook",
-    "cli_add_param_reload_end_hook",
-    "cli_interface_show_run_hook",
-    "cli_add_command 57 \"show loop detect apply shutdown\"",
-    "cli_add_command 28 \"cfg loop detect\"",
-    "cli_add_command 6 \"show loop detect\"",
-    "cli_add_command 17 \"debug lda result clear interval\"",
-    "cli_add_command 17 \"debug lda logging status\"",
-    "cli_add_command 6 \"show lda client\"",
-    "sys_add_debug \"lda-debug\"",
-    log("LDA: register CLI success.\n"),
-    log("LDA:lda_cli_init end.\n"),
-};
-
-const Lines kClients = {
-    "pthread_create",
-    "qv_thread_add_timer 10",
-    log("LDA:lda_lsm_init start.\n"),
-    "lsm_agent_set_connect_callback",
-    "lsm_agent_init \"LDA\"",
-    log("LDA: register LSM success.\n"),
-    log("LDA:lda_lsm_init end.\n"),
-    info("lda_bridge_init", "enter\n"),
-    "bridge_agent_init \"LDA\"",
-    "bridge_agent_set_connect_callback",
-    log("LDA:lda_bridge_init end.\n"),
-};
-
-const Lines kSessions = {
-    info("lda_mom_cfg_db_reg_callback", "QV_MOM_CFG_DB reg start\n"),
-    "qv_mom_client_connect db=22",
-    "qv_mom_client_set_reconnect_cb db=22",
-    "qv_mom_client_set_disconnect_cb db=22",
-    info("lda_mom_cfg_db_reg_callback", "QV_MOM_CFG_DB reg end\n"),
-    info("lda_mom_local_db_reg_callback", "QV_MOM_APP_DB reg start\n"),
-    "qv_mom_client_connect db=3",
-    "qv_mom_client_set_reconnect_cb db=3",
-    "qv_mom_client_set_disconnect_cb db=3",
-    info("lda_mom_local_db_reg_callback", "QV_MOM_APP_DB reg end\n"),
-    info("lda_mom_app_db_reg_callback", "QV_MOM_APP_DB reg start\n"),
-    "qv_mom_client_connect db=4",
-    "qv_mom_client_set_reconnect_cb db=4",
-    "qv_mom_client_set_disconnect_cb db=4",
-    info("lda_mom_app_db_reg_callback", "QV_MOM_APP_DB reg end\n"),
-};
-
-const Lines kStorm = {
-    std::string("libqv_cap_init ") + kRateKey,
-    std::string("libqv_cap_get_capacity_int32 ") + kRateKey + " -1",
-    info("std_load_cap_value", "url p_cmps_sln/lda/storm_dct_ratelimit/default_value, value 8000"),
-    info("storm_mom_udp_db_reg_callback", "QV_MOM_APP_DB reg start\n"),
-    "qv_mom_client_connect db=8",
-    "qv_mom_client_set_reconnect_cb db=8",
-    "qv_mom_client_set_disconnect_cb db=8",
-    info("storm_mom_udp_db_reg_callback", "QV_MOM_APP_DB reg end\n"),
-    "cli_add_command 59 \"configure port storm detect\"",
-    "cli_add_command 59 \"configure port limit rate set\"",
-    "pthread_mutex_init recursive",
-    "qv_thread_insert_timer \"loop_check\" 4",
-    warn("storm_init", "storm init done."),
-};
-
-const Lines kUpToSessions = join(join(kState, kCommands), kClients);
-const Lines kWholeStart = join(join(kUpToSessions, kSessions), kStorm);
-
 // The role callback with every log line in the list of calls, logging being set up.
 class RoleCallback : public ::testing::Test {
  protected:
@@ -118,12 +37,13 @@ class RoleCallback : public ::testing::Test {
         fake::clear_calls();
     }
 
-    // A failing start: exit status 255 after exactly these calls.
-    static void expect_exit_after(const Lines& expected) {
+    // A start that fails: exit status 255 after the calls of a whole start up to and including
+    // `last`, and then exactly `rest`.
+    static void expect_exit_after(const std::string& last, const Lines& rest) {
         fake::Ending ending = fake::run_in_child([] { hot_standby_callback(); });
         EXPECT_EQ(ending.status, 255);
         EXPECT_FALSE(ending.returned);
-        EXPECT_EQ(ending.calls, expected);
+        EXPECT_EQ(ending.calls, join(up_to(golden_lines("role_callback/start"), last), rest));
     }
 };
 
@@ -131,7 +51,7 @@ class RoleCallback : public ::testing::Test {
 
 TEST_F(RoleCallback, BuildsTheAgentInOrder) {
     EXPECT_EQ(hot_standby_callback(), 0);
-    EXPECT_EQ(fake::calls(), kWholeStart);
+    expect_golden("role_callback/start", fake::calls());
     EXPECT_EQ(fake::held_threads(), 1);
 }
 
@@ -225,32 +145,25 @@ TEST_F(RoleCallback, HandsTheStormDetectorItsCallbacks) {
 
 TEST_F(RoleCallback, ExitsWithoutMemoryForTheLoopSet) {
     fake::fail_calloc(1);
-    expect_exit_after({
-        log("It Works! This function will run on master or on switch.\n"),
-        log("LDA:lda_init start.\n"),
-        error("hot_standby_callback", "LDA: Failed to initialize list.\n"),
-    });
+    expect_exit_after(log("LDA:lda_init start.\n"),
+                      {error("hot_standby_callback", "LDA: Failed to initialize list.\n")});
 }
 
 TEST_F(RoleCallback, DestroysTheLoopLockWithoutMemoryForTheQueue) {
     fake::fail_calloc(2);
-    expect_exit_after({
-        log("It Works! This function will run on master or on switch.\n"),
-        log("LDA:lda_init start.\n"),
-        "pthread_mutex_init recursive",
-        "pthread_mutex_destroy",
-        error("hot_standby_callback", "LDA: Failed to initialize list.\n"),
-    });
+    expect_exit_after("pthread_mutex_init recursive",
+                      {"pthread_mutex_destroy",
+                       error("hot_standby_callback", "LDA: Failed to initialize list.\n")});
 }
 
 TEST_F(RoleCallback, ExitsSilentlyWhenTheCommandClientFails) {
     fake::fail("cli_client_init");
-    expect_exit_after(join(kState, up_to(kCommands, "cli_client_init \"LDA\"")));
+    expect_exit_after("cli_client_init \"LDA\"", {});
 }
 
 TEST_F(RoleCallback, ExitsSilentlyWhenTheDeliveryThreadCannotStart) {
     fake::fail("pthread_create", 11);
-    expect_exit_after(join(join(kState, kCommands), {"pthread_create"}));
+    expect_exit_after("pthread_create", {});
 }
 
 TEST_F(RoleCallback, ExitStatusIsThatOfTheProcess) {
@@ -260,52 +173,39 @@ TEST_F(RoleCallback, ExitStatusIsThatOfTheProcess) {
 
 TEST_F(RoleCallback, ExitsWhenThePortStateClientFails) {
     fake::fail("lsm_agent_init");
-    expect_exit_after(join(up_to(kUpToSessions, "lsm_agent_init \"LDA\""),
-                           {error("hot_standby_callback", "LDA: Failed to register LSM.\n")}));
+    expect_exit_after("lsm_agent_init \"LDA\"",
+                      {error("hot_standby_callback", "LDA: Failed to register LSM.\n")});
 }
 
 TEST_F(RoleCallback, ExitsWhenTheBridgeClientFails) {
     fake::fail("bridge_agent_init");
     expect_exit_after(
-        join(up_to(kUpToSessions, "bridge_agent_init \"LDA\""),
-             {
-                 error("lda_bridge_init", "failed to init lda bridge"),
-                 error("hot_standby_callback", "LDA: Failed to register lda bridge client.\n"),
-             }));
+        "bridge_agent_init \"LDA\"",
+        {error("lda_bridge_init", "failed to init lda bridge"),
+         error("hot_standby_callback", "LDA: Failed to register lda bridge client.\n")});
 }
 
 TEST_F(RoleCallback, ExitsWhenTheConfigurationDatabaseFails) {
     fake::fail_nth("qv_mom_client_connect", 1, 7);
-    expect_exit_after(
-        join(kUpToSessions,
-             join(up_to(kSessions, "qv_mom_client_connect db=22"),
-                  {
-                      error("lda_mom_cfg_db_reg_callback", "qv_mom_client_connect error[7]\n"),
-                      error("hot_standby_callback", "lda_mom_cfg_db_reg_callback fail!\n"),
-                  })));
+    expect_exit_after("qv_mom_client_connect db=22",
+                      {error("lda_mom_cfg_db_reg_callback", "qv_mom_client_connect error[7]\n"),
+                       error("hot_standby_callback", "lda_mom_cfg_db_reg_callback fail!\n")});
 }
 
 TEST_F(RoleCallback, ExitsWhenTheLocalDatabaseFails) {
     fake::fail_nth("qv_mom_client_set_reconnect_cb", 2, 7);
-    expect_exit_after(join(
-        kUpToSessions,
-        join(
-            up_to(kSessions, "qv_mom_client_set_reconnect_cb db=3"),
-            {
-                error("lda_mom_local_db_reg_callback", "qv_mom_client_set_reconnect_cb error[7]\n"),
-                error("hot_standby_callback", "lda_mom_local_db_reg_callback fail!\n"),
-            })));
+    expect_exit_after(
+        "qv_mom_client_set_reconnect_cb db=3",
+        {error("lda_mom_local_db_reg_callback", "qv_mom_client_set_reconnect_cb error[7]\n"),
+         error("hot_standby_callback", "lda_mom_local_db_reg_callback fail!\n")});
 }
 
 TEST_F(RoleCallback, ExitsWhenTheApplicationDatabaseFails) {
     fake::fail_nth("qv_mom_client_set_disconnect_cb", 3, 7);
-    expect_exit_after(join(
-        kUpToSessions,
-        join(up_to(kSessions, "qv_mom_client_set_disconnect_cb db=4"),
-             {
-                 error("lda_mom_app_db_reg_callback", "qv_mom_client_set_disconnect_cb error[7]\n"),
-                 error("hot_standby_callback", "lda_mom_app_db_reg_callback fail!\n"),
-             })));
+    expect_exit_after(
+        "qv_mom_client_set_disconnect_cb db=4",
+        {error("lda_mom_app_db_reg_callback", "qv_mom_client_set_disconnect_cb error[7]\n"),
+         error("hot_standby_callback", "lda_mom_app_db_reg_callback fail!\n")});
 }
 
 TEST_F(RoleCallback, GoesOnWithoutACondition) {

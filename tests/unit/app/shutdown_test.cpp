@@ -8,6 +8,7 @@
 #include "lda_cli_post.h"
 #include "lda_lsm.h"
 #include "lda_state.h"
+#include "tests/support/golden/golden.h"
 #include "tests/unit/app/loop_fixture.h"
 
 using namespace loop_test;
@@ -16,7 +17,7 @@ namespace {
 
 class Shutdown : public StartedAgent {
  protected:
-    // Lines as they are executed on port 7 in the first session.
+    // Lines executed on port 7 in the first session.
     static const std::string shut, recovery, no_shut, apply;
 };
 const std::string Shutdown::shut = executed(1001, "shutdown \r\n", 7);
@@ -144,13 +145,7 @@ TEST_F(Shutdown, ResultOfTheShutLineIsNotExamined) {
 TEST_F(Shutdown, RecoveryExecutesTwoLinesInOrder) {
     log_everything();
     EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{info("cli_exec_shutdown", "enter ifx=7, is_shutdown=0"), "cli_sub_create_session",
-               recovery,
-               info("lda_loop_cmd_execute", "ifx 7 cmd errdisable recovery \r\n out ret=0 "),
-               no_shut, info("lda_loop_cmd_execute", "ifx 7 cmd no shutdown  \r\n out ret=0 "),
-               "close session 1001"}));
+    expect_golden("shutdown/recovery", fake::take_calls());
 }
 
 TEST_F(Shutdown, RecoveryGoesOnWhenItsFirstLineFails) {
@@ -169,16 +164,7 @@ TEST_F(Shutdown, RefusedRecoveryMarksThePortAgain) {
     fake::on_line("no shutdown  \r\n", "% link error", 0);
     log_everything();
     EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
-    EXPECT_EQ(
-        fake::take_calls(),
-        (Lines{info("cli_exec_shutdown", "enter ifx=7, is_shutdown=0"), "cli_sub_create_session",
-               recovery,
-               info("lda_loop_cmd_execute", "ifx 7 cmd errdisable recovery \r\n out ret=0 "),
-               no_shut,
-               info("lda_loop_cmd_execute", "ifx 7 cmd no shutdown  \r\n out ret=2 % link error"),
-               info("cli_exec_shutdown", "EXECUTE THE NOT SHUT FAILED, IFX=7"),
-               info("cli_exec_shutdown", "revert no shtudown, force notify"),
-               "cli_client_c2p_reform", "cli_syn_config_notify", "close session 1001"}));
+    expect_golden("shutdown/refused_recovery", fake::take_calls());
     EXPECT_EQ(record->is_shutdown, 1);
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
@@ -295,9 +281,9 @@ TEST_F(Shutdown, RefusedRecoveryIsScheduledByTheTickAgain) {
 
 // ---- A refused recovery and what happens meanwhile ----
 
-// Port 7, held for a loop, is recovered by the tick, and the switch refuses. The delivery thread
-// can be held inside the refused line, so that the main thread acts before the refusal is known, or
-// not be held, so that it acts afterwards.
+// Port 7, held for a loop, is recovered by the tick, and the switch refuses. When the delivery
+// thread is held inside the refused line, the main thread acts before the refusal is known,
+// otherwise afterwards.
 class RefusedRecovery : public Shutdown {
  protected:
     RefusedRecovery() : record(looped(7, 1, 2)) {

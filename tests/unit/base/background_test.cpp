@@ -1,5 +1,4 @@
-// The worker thread of the platform. A worker that never ends is killed by the alarm, which is a
-// failure like any other.
+// The worker thread of the platform. An alarm kills a worker that never ends, which fails the test.
 #include "platform/base/background.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +50,7 @@ TEST_F(Worker, WorkIsDoneInOrderAndReportedOnTheLoop) {
     EXPECT_EQ(done, (Lines{"one", "two", "three"}));
 }
 
-TEST_F(Worker, WorkThatComesLaterIsDoneToo) {
+TEST_F(Worker, LaterWorkIsDoneToo) {
     for (const char* const name : {"one", "two"}) {
         run(name);
         while (done.empty() || done.back() != name) {

@@ -12,7 +12,7 @@ namespace {
 
 using qv::PlatformConfig;
 
-// A platform file named "FILE" in what is thrown about it.
+// A platform file, which error texts call "FILE".
 class ConfigFile : public ::testing::Test {
  protected:
     ConfigFile() : path_(testing::TempDir() + "lda-config-" + std::to_string(getpid())) {}
@@ -43,8 +43,7 @@ class ConfigFile : public ::testing::Test {
     std::string path_;
 };
 
-TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
-    const PlatformConfig config = read("");
+void expect_defaults(const PlatformConfig& config) {
     EXPECT_EQ(config.switch_kind, PlatformConfig::Switch::kEmbedded);
     EXPECT_EQ(config.store, PlatformConfig::Store::kMemory);
     EXPECT_EQ(config.bridge, "br0");
@@ -58,6 +57,15 @@ TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
     EXPECT_EQ(config.embedded_ports, 24u);
     EXPECT_EQ(config.speed, 1.0);
     EXPECT_EQ(config.role, PlatformConfig::Role::kSolo);
+    EXPECT_EQ(config.tarn_state, "/var/lib/lda/tarn");
+}
+
+TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
+    expect_defaults(read(""));
+}
+
+TEST_F(ConfigFile, InstalledFileShowsTheDefaults) {
+    expect_defaults(qv::load_platform_config(LDA_PACKAGING_DIR "/lda.toml"));
 }
 
 TEST_F(ConfigFile, EveryKeyIsRead) {
@@ -81,6 +89,8 @@ capabilities = "/tmp/cap.toml"
 speed = 60
 [role]
 mode = "lease"
+[tarn]
+state = "/tmp/tarn"
 )");
     EXPECT_EQ(config.store, PlatformConfig::Store::kRedis);
     EXPECT_EQ(config.bridge, "lab");
@@ -94,6 +104,7 @@ mode = "lease"
     EXPECT_EQ(config.capabilities, "/tmp/cap.toml");
     EXPECT_EQ(config.speed, 60.0);
     EXPECT_EQ(config.role, PlatformConfig::Role::kLease);
+    EXPECT_EQ(config.tarn_state, "/tmp/tarn");
 }
 
 TEST_F(ConfigFile, LinuxSwitchAndMemoryStoreGoTogether) {
@@ -207,7 +218,7 @@ TEST_F(ConfigFile, HalfWrittenFileIsRefusedWithTheLineOfTheBreak) {
     EXPECT_EQ(fault_of("switch").substr(0, 7), "FILE:1:");
 }
 
-TEST_F(ConfigFile, BytesThatAreNoTextAreRefused) {
+TEST_F(ConfigFile, InvalidUtf8IsRefused) {
     EXPECT_EQ(fault_of("\xff\xfe\x01").substr(0, 7), "FILE:1:");
     EXPECT_EQ(fault_of(std::string("store\0= 1\n", 10)).substr(0, 7), "FILE:1:");
 }

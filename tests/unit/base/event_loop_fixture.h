@@ -65,7 +65,7 @@ class Rescue {
               if (over.wait_for(60s) == std::future_status::timeout) {
                   ADD_FAILURE() << "the loop sleeps although there is something to do";
                   loop.stop();
-                  loop.post([] {});  // wakes it should stop() not do so
+                  loop.post([] {});  // wakes the loop in case stop() does not
               }
           }) {}
     ~Rescue() {

@@ -52,7 +52,7 @@ TEST_F(Loop, StopDropsTheRestOfTheRound) {
     EXPECT_EQ(seen, Seen{"first"});
 }
 
-// A clock that tells when a round has begun and when it has found nothing to do.
+// A clock that reports when a round has begun and when it has found nothing to do.
 class StoppingClock final : public qv::Clock {
  public:
     qv::Time now() const override {
@@ -67,7 +67,7 @@ class StoppingClock final : public qv::Clock {
     qv::Duration real_time_until(qv::Time) const override { return qv::Duration::max(); }
     bool idle() override {
         idle_rounds++;
-        loop->stop();  // else the test would hang where it should fail
+        loop->stop();  // so that the test fails instead of hanging
         return false;
     }
 
@@ -107,7 +107,7 @@ TEST_F(Loop, CapturesOfATaskAreReleasedOnceItHasRun) {
     EXPECT_TRUE(watched.expired());
 }
 
-// A task may run a round of the loop, whose work takes its place there.
+// A task may run a round of the loop, whose work then replaces it as the current work.
 TEST_F(Loop, TaskThatRunsTheLoopKeepsItsCaptures) {
     const std::string text = "a text that is too long for any small-string storage";
     loop.post([this, text] {
@@ -199,7 +199,7 @@ TEST_F(Loop, HandleTellsWhetherTheTimerIsPending) {
     EXPECT_FALSE(EventLoop::Handle());
 }
 
-TEST_F(Loop, WhatHasLostItsHandleNeverRuns) {
+TEST_F(Loop, WorkWithoutItsHandleNeverRuns) {
     const Pipe pipe;
     pipe.fill();
     {
@@ -335,7 +335,7 @@ TEST_F(Loop, DeferredTaskRunsAfterAllThatIsReady) {
 }
 
 // Both orders would be allowed without the expectation: the other thread may be slow.
-TEST_F(Loop, ExpectedPostGoesBeforeDeferredTasks) {
+TEST_F(Loop, ExpectedPostRunsBeforeDeferredTasks) {
     const auto late = loop.defer(note("put off"));
     std::atomic<bool> waiting = false;
     clock.on_idle = [] {
@@ -356,7 +356,7 @@ TEST_F(Loop, ExpectedPostGoesBeforeDeferredTasks) {
     EXPECT_EQ(seen, (Seen{"posted", "put off"}));
 }
 
-TEST_F(Loop, PostThatIsExpectedAndDoesNotComeHoldsNothingUp) {
+TEST_F(Loop, MissingExpectedPostDelaysNothing) {
     const auto late = loop.defer(note("put off"));
     loop.expect_post();
     run_ready(loop, clock);
@@ -542,7 +542,7 @@ TEST(Clocks, EveryClockStartsAtTheMachinesTime) {
     EXPECT_LE(fast_time, before + 1000 * (after - before));
 }
 
-TEST(Clocks, ManualClockStandsStillUntilItIsMoved) {
+TEST(Clocks, ManualClockIsStoppedUntilItIsMoved) {
     ManualClock clock;
     const auto start = clock.now();
     EXPECT_EQ(clock.real_time_until(start), 0s);

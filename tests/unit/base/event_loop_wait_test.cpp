@@ -1,4 +1,4 @@
-// How the event loop waits: its alarm, its wake-ups, and what it costs while nothing happens.
+// How the event loop waits: its alarm, its wake-ups, and its cost while nothing happens.
 #include <event2/event.h>
 #include <sched.h>
 #include <sys/resource.h>
@@ -71,7 +71,7 @@ struct Bell {
     const int fd = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC);
 };
 
-// Stands still, and counts how often the loop was about to wait.
+// A stopped clock that counts how often the loop was about to wait.
 class CountingClock : public qv::Clock {
  public:
     qv::Time now() const override { return qv::Time{}; }
@@ -193,7 +193,7 @@ TEST(LoopWait, AlarmThatHasGoneOffWakesNobodyAgain) {
     CountingClock clock;
     EventLoop loop(clock);
     clock.wait = 1ns;
-    EventLoop::Handle timer = loop.after(1h, [] {});  // never due, for the clock stands still
+    EventLoop::Handle timer = loop.after(1h, [] {});  // never due, because the clock is stopped
     const Rescue rescue(loop);
     EXPECT_GT(idle_rounds_of_a_quiet_time(loop, clock), 1) << "the alarm goes off early";
     timer.reset();
@@ -280,7 +280,7 @@ TEST_F(Loop, DescriptorThatEndsTheWaitIsReportedOnce) {
     EXPECT_EQ(seen, Seen{"descriptor"});
 }
 
-TEST_F(Loop, DescriptorThatStaysReadyDoesNotHoldUpARound) {
+TEST_F(Loop, DescriptorThatStaysReadyDoesNotBlockARound) {
     const Pipe pipe;
     pipe.fill();
     const auto watch = loop.watch(pipe.out(), true, false, [](EventLoop::Ready) {});
@@ -303,8 +303,8 @@ TEST_F(Loop, DescriptorThatStaysReadyDoesNotHoldUpARound) {
     EXPECT_TRUE(in_time);
 }
 
-// In real time the loop may give up before it yields for the first time; then it is tried again.
-TEST_F(Loop, ExpectedPostThatComesWhileTheLoopLooksOutForItRunsFirst) {
+// In real time the loop may give up before its first yield; then the test tries again.
+TEST_F(Loop, ExpectedPostThatArrivesWhileTheLoopPollsRunsFirst) {
     bool yielded = false;
     for (int attempt = 0; attempt < 1000 && !yielded; attempt++) {
         seen.clear();
@@ -347,7 +347,7 @@ TEST(LoopCreation, LoopThatLibeventCannotServeIsNotMade) {
     g_failing_add.reset();
 }
 
-// Takes all descriptors but a few.
+// Uses up all descriptors but a few.
 class FewDescriptors {
  public:
     explicit FewDescriptors(size_t left) {

@@ -25,7 +25,7 @@ void* __wrap__Znwm(size_t size) {
 namespace loop_test {
 namespace {
 
-TEST_F(Loop, WatchReportsWhatIsReadyForAsLongAsItIs) {
+TEST_F(Loop, WatchReportsADescriptorWhileItIsReady) {
     const Pipe pipe;
     pipe.fill();
     pipe.fill();
@@ -53,7 +53,7 @@ TEST_F(Loop, WatchOfAWritableEndReportsWrite) {
     EXPECT_FALSE(watch);
 }
 
-TEST_F(Loop, WatchReportsOnlyWhatItWasAskedFor) {
+TEST_F(Loop, WatchReportsOnlyTheRequestedConditions) {
     std::array<int, 2> ends{};
     ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()), 0);
     ASSERT_EQ(write(ends[1], "x", 1), 1);  // both readable and writable now

@@ -1,4 +1,4 @@
-// What is kept for a port that leaves: lines, owner of a shutdown, VLAN mode, requests to bring it
+// State kept for a port that leaves: lines, owner of a shutdown, VLAN mode, requests to bring it
 // up.
 #include <string>
 
@@ -25,7 +25,7 @@ ConfigSection section(const std::string& port, const std::vector<std::string>& l
     return made;
 }
 
-TEST(AbsentPorts, WishTakesTheAdminLinesOfItsPortBackAndNoOthers) {
+TEST(AbsentPorts, NoShutdownUndoesOnlyTheAdminLinesOfItsPort) {
     PortSections sections;
     sections.keep(section("swp2", {"switchport mode trunk", "shutdown", "shutdown-timer 5",
                                    "loop-detect apply shutdown-port"}),
@@ -56,7 +56,7 @@ TEST(AbsentPorts, OtherLinesAndPortsOfAFileHaveNoWishes) {
     EXPECT_EQ(sections.kept_text(), "interface swp2\n shutdown\n!\ninterface swp3\n shutdown\n!\n");
 }
 
-TEST(AbsentPorts, PortThatLeftUnderTwoNamesTakesItsWishUnderTheLastOne) {
+TEST(AbsentPorts, NoShutdownForAPortThatLeftUnderTwoNamesFindsTheLastOne) {
     PortSections sections;
     sections.keep(section("swp2", {"shutdown"}), 102);
     sections.keep(section("uplink", {"shutdown"}), 102);
@@ -71,7 +71,7 @@ TEST(AbsentPorts, LongestAbsentPortIsDroppedWhateverItsName) {
     constexpr size_t kLimit = 4096;
     sections.keep(section("b", {"shutdown"}));
     sections.keep(section("c", {"shutdown"}));
-    sections.keep(section("b", {"no shutdown"}));  // absent anew
+    sections.keep(section("b", {"no shutdown"}));  // absent again
     for (size_t port = 2; port < kLimit; ++port) {
         sections.keep(section("a" + std::to_string(port), {"shutdown"}));
     }
@@ -102,7 +102,7 @@ TEST_F(LeavingPort, WithoutLinesIsNotKept) {
     EXPECT_FALSE(sections.kept("swp2"));
 }
 
-TEST_F(LeavingPort, TakesTheOwnerOfItsShutdownAlong) {
+TEST_F(LeavingPort, KeepsTheOwnerOfItsShutdown) {
     change(102, [](qv::Port& port) { port.admin_up = false; });
     sections.set_shut_by(102, ShutBy::kOperator);
     sections.leave(swp2(), SWPORT_MODE_ACCESS);
@@ -187,14 +187,14 @@ TEST_F(LeavingPort, HasAWishThatIsTypedWithMoreBlanks) {
     EXPECT_EQ(last_record(), "swp2: no shutdown,");
 }
 
-TEST_F(LeavingPort, ComesUpLaterForAnOperatorWhoStandsInItsMode) {
+TEST_F(LeavingPort, ComesUpLaterForAnOperatorInItsMode) {
     start();
     operator_types(102, "shutdown");
     rig.session.mode = "interface";
     rig.session.ifx = 102;
     rig.hardware.remove(102);
     EXPECT_EQ(rig.type("no shutdown"),
-              "The interface is not there; it will be brought up when it is back.\n");
+              "The interface does not exist; it will be brought up when it returns.\n");
     rig.hardware.add("swp2", 102);
     rig.hardware.set_admin(102, false);
     rig.platform.run_for(1s);
@@ -258,9 +258,8 @@ TEST_F(Unasked, NewOwnerOfAShutdownIsSaved) {
 
 // ---- Renames ----
 
-// Clients are notified of a new name through the loop, and regard the port as another one from
-// then on.
-TEST_F(Unasked, RenamedPortIsHeldOnceTheProgramHasHeardOfItsNewName) {
+// Clients learn a new name through the loop, and take the port for a new one from then on.
+TEST_F(Unasked, RenamedPortIsHeldOnceTheProgramKnowsItsNewName) {
     g_held.insert(102);
     program(102, "shutdown");
     rig.hardware.rename(102, "uplink");
@@ -270,7 +269,7 @@ TEST_F(Unasked, RenamedPortIsHeldOnceTheProgramHasHeardOfItsNewName) {
     EXPECT_EQ(saved("uplink"), " shutdown\n loop-detect apply shutdown-port\n");
 }
 
-TEST_F(Unasked, LinesOfARenamedPortComeAfterThoseThatWaitForItsName) {
+TEST_F(Unasked, LinesOfARenamedPortFollowThoseKeptForItsName) {
     rig.hardware.set_mode(102, SWPORT_MODE_HYBRID);
     operator_types(102, "tarn port loop-detect warning");
     rig.hardware.remove(102);

@@ -15,7 +15,7 @@
 
 namespace qv::test {
 
-// Does at once what it is asked for, unless `refusal` has a text.
+// Executes requests at once, unless `refusal` has a text.
 class PlainSwitch final : public SwitchDriver {
  public:
     void start(PortSink& sink) override { sink_ = &sink; }
@@ -29,8 +29,8 @@ class PlainSwitch final : public SwitchDriver {
     void join_aggregate(uint32_t ifx, uint32_t aggregate);
 
     std::string refusal;
-    std::map<uint32_t, PortCounters> traffic;  // the answer about counters
-    std::vector<uint32_t> asked_counters;      // each request about them
+    std::map<uint32_t, PortCounters> traffic;  // the answer to requests for counters
+    std::vector<uint32_t> asked_counters;      // each request for counters
     std::function<void()> before_change;       // called before an admin state changes
 
  private:
@@ -38,7 +38,7 @@ class PlainSwitch final : public SwitchDriver {
     std::map<uint32_t, Port> ports_;
 };
 
-// A folder that goes with the object.
+// A folder that is removed with the object.
 class TestFolder {
  public:
     TestFolder();
@@ -52,7 +52,7 @@ class TestFolder {
     std::string path_;
 };
 
-// As long as it lives, this process cannot write beyond the first `bytes` of a file, as on a full
+// While it exists, this process cannot write beyond the first `bytes` of a file, as on a full
 // disk.
 class FullDisk {
  public:
@@ -74,11 +74,11 @@ void write_text(const std::string& path, const std::string& text);
 class CliRig {
  public:
     // swp1 (index 101) to swp4 (104); the saved configuration is `saved()`, which does not exist.
-    // Of the settings, socket and saved configuration are the rig's own.
+    // The rig replaces the socket and the saved configuration in `settings`.
     explicit CliRig(const PlatformConfig& settings = {});
 
     std::string saved() const { return folder.file("startup.conf"); }
-    // Executes a line in the rig's own session. What it printed; `code` keeps its result.
+    // Executes a line in the rig's own session and returns its output; `code` keeps its result.
     std::string type(const std::string& line);
     void announce_ready();
 

@@ -28,7 +28,7 @@ int g_file_syncs = 0;
 int g_folder_syncs = 0;
 int g_folder_error = 0;
 int g_file_error = 0;
-int g_read_error = 0;  // of the next call, as the next two
+int g_read_error = 0;  // of the next call, like the next two
 int g_write_error = 0;
 int g_chown_error = 0;
 mode_t g_mode_at_chown = 0;
@@ -56,7 +56,7 @@ TEST(ConfigFile, SealHasTheJournalsNumberAndAChecksum) {
                   qv::cli::checksum("tarn enable\nend\n! journal 12\n") + "\n");
 }
 
-TEST(ConfigFile, SealedTextComesBackWhole) {
+TEST(ConfigFile, SealedTextIsReadBackWhole) {
     const auto config = unseal_config(seal_config("tarn enable\nend\n", 12));
     EXPECT_TRUE(config.intact);
     EXPECT_EQ(config.text, "tarn enable\nend\n");
@@ -90,7 +90,7 @@ TEST(ConfigFile, ChangedByteBreaksTheSeal) {
     }
 }
 
-TEST(ConfigFile, SealOverATextWithoutEndIsNone) {
+TEST(ConfigFile, SealOverATextWithoutEndIsInvalid) {
     EXPECT_FALSE(unseal_config(seal_config("loop-detect enable\n", 3)).intact);
     const std::string no_number = "end\n! journal x\n";
     EXPECT_FALSE(
@@ -199,7 +199,7 @@ TEST(ConfigFile, FolderThatCannotBeSyncedIsATrouble) {
     const qv::test::TestFolder folder;
     g_folder_error = EIO;
     EXPECT_EQ(replace_file(folder.file("f"), "text\n"), "Input/output error");
-    g_folder_error = EINVAL;  // of a file system that need not
+    g_folder_error = EINVAL;  // of a file system that need not sync folders
     EXPECT_EQ(replace_file(folder.file("f"), "text\n"), "");
     g_folder_error = 0;
 }
@@ -238,7 +238,7 @@ TEST(ConfigFile, EveryWordThatEndsASectionDoes) {
     }
 }
 
-TEST(ConfigFile, LineOfBlanksIsNone) {
+TEST(ConfigFile, LineOfBlanksIsIgnored) {
     const auto sections = qv::cli::parse_config("\r\n \t\r\n\r a\n");
     ASSERT_EQ(sections.size(), 1U);
     ASSERT_EQ(sections[0].lines.size(), 1U);
@@ -246,7 +246,7 @@ TEST(ConfigFile, LineOfBlanksIsNone) {
     EXPECT_EQ(sections[0].lines[0].number, 3);
 }
 
-TEST(ConfigFile, SealNeedsItsOwnMarkAndNothingBehindTheNumber) {
+TEST(ConfigFile, SealNeedsItsOwnMarkAndNothingAfterTheNumber) {
     for (const char* number : {"! Journal 7\n", "! journal 7x\n", "! journal \n"}) {
         const std::string text = std::string("end\n") + number;
         const auto config = unseal_config(text + "! checksum " + qv::cli::checksum(text) + "\n");
@@ -292,7 +292,7 @@ TEST(ConfigFile, ReadingAPipeWaitsForNobody) {
     ::alarm(0);
 }
 
-// Each refused write raises a signal. A writer that does not give up gets room in the end.
+// Each refused write raises a signal. A writer that does not give up is given room in the end.
 int g_refused_writes = 0;
 
 TEST(ConfigFile, RefusedWriteIsNotTriedAgain) {
@@ -322,7 +322,7 @@ TEST(ConfigFile, InterruptedCallsAreMadeAgain) {
     EXPECT_EQ(g_read_error, 0);
 }
 
-TEST(ConfigFile, FileThatCannotBeReadIsNone) {
+TEST(ConfigFile, UnreadableFileYieldsNothing) {
     const qv::test::TestFolder folder;
     write_text(folder.file("f"), "text\n");
     g_read_error = EIO;
@@ -330,7 +330,7 @@ TEST(ConfigFile, FileThatCannotBeReadIsNone) {
     EXPECT_EQ(errno, EIO);
 }
 
-TEST(ConfigFile, FileThatGetsShorterIsReadAsFarAsItGoes) {
+TEST(ConfigFile, FileThatGetsShorterIsReadToItsEnd) {
     const qv::test::TestFolder folder;
     write_text(folder.file("f"), "text\n");
     g_before_read = [&] {
@@ -339,8 +339,8 @@ TEST(ConfigFile, FileThatGetsShorterIsReadAsFarAsItGoes) {
     EXPECT_EQ(qv::cli::read_config_file(folder.file("f")), "te");
 }
 
-// Without the privilege to give the file to its owner.
-TEST(ConfigFile, FileOfSomebodyElseIsOpenedToNoGroup) {
+// Runs without the privilege to set the file's owner.
+TEST(ConfigFile, FileOfAnotherUserIsOpenedToNoGroup) {
     const qv::test::TestFolder folder;
     write_text(folder.file("f"), "old\n");
     ASSERT_EQ(::chmod(folder.file("f").c_str(), 0660), 0);

@@ -1,4 +1,4 @@
-// "configure exclusive": who is kept out, and when the lock ends.
+// "configure exclusive": who is refused, and when the lock ends.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -47,7 +47,7 @@ TEST_F(ConfigLock, KeepsOtherOperatorsOutAndNamesTheHolder) {
     EXPECT_TRUE(says_locked_by_ann(bob.type("configure terminal revert 5")));
     EXPECT_TRUE(says_locked_by_ann(bob.type("configure replace /nowhere")));
     EXPECT_EQ(qv::cli::prompt(bob.state), "lda# ");
-    EXPECT_EQ(bob.type("configure confirm"), "% Nothing waits to be confirmed.\n");
+    EXPECT_EQ(bob.type("configure confirm"), "% There is nothing to confirm.\n");
     EXPECT_EQ(bob.type("show version").substr(0, 4), "lda ");
     ann.type("interface swp1");
     EXPECT_EQ(ann.type("shutdown"), "");
@@ -206,7 +206,7 @@ class ConfigLockOfAnIdler : public ConfigLockOnSocket {
     ConfigLockOfAnIdler() : ConfigLockOnSocket(100) {}
 };
 
-TEST_F(ConfigLockOfAnIdler, EndsWithTheIdleSessionWhichIsToldWhy) {
+TEST_F(ConfigLockOfAnIdler, EndsWithTheIdleSessionWhichGetsTheReason) {
     const auto holder = connect();
     ASSERT_TRUE(takes(*holder));
     rig.platform.run_for(100s);

@@ -113,7 +113,7 @@ TEST_F(ConfigLog, NamesThePortOfAWishWhosePortHasLeft) {
     rig.announce_ready();
     rig.hardware.remove(101);
     EXPECT_EQ(ann.type("no shutdown"),
-              "The interface is not there; it will be brought up when it is back.\n");
+              "The interface does not exist; it will be brought up when it returns.\n");
     EXPECT_EQ(log().back(),
               "CLI-6-CONFIG: \"interface swp1; no shutdown\" by ann (uid 1234, pid 812)");
 }

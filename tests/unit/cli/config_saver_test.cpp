@@ -26,7 +26,7 @@ using Lines = std::vector<std::string>;
 const std::string kPorts =
     "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n";
 
-// Keeps its work until a test has it done.
+// Keeps its work until a test runs it.
 class HeldBackground final : public qv::Background {
  public:
     explicit HeldBackground(qv::EventLoop& loop) : loop_(loop) {}
@@ -106,7 +106,7 @@ class ConfigSaverTest : public ::testing::Test {
         };
     }
 
-    qv::test::CliRig rig;  // its own configuration is not in force, so that it saves nothing
+    qv::test::CliRig rig;  // its own configuration is never applied, so that it saves nothing
     const std::string path = rig.folder.file("disk/direct.conf");
     const bool made = std::filesystem::create_directory(rig.folder.file("disk"));
     qv::cli::Journal journal{path + ".journal"};
@@ -136,7 +136,7 @@ TEST_F(ConfigSaverTest, ChangeWhileTheFileIsWrittenIsSavedNext) {
     EXPECT_EQ(g_globals, 2);
 }
 
-TEST_F(ConfigSaverTest, SavesAskedForMeanwhileAreAnsweredByOneMore) {
+TEST_F(ConfigSaverTest, SavesRequestedMeanwhileAreAnsweredByOneMore) {
     saver.save(answer("first"));
     saver.save(answer("second"));
     saver.save(answer("third"));
@@ -150,7 +150,7 @@ TEST_F(ConfigSaverTest, SavesAskedForMeanwhileAreAnsweredByOneMore) {
     EXPECT_EQ(background.runs, 2);
 }
 
-TEST_F(ConfigSaverTest, SaveAskedForTakesThePlaceOfTheOneThatIsDue) {
+TEST_F(ConfigSaverTest, RequestedSaveReplacesTheDueOne) {
     saver.allow_unasked(true);
     background.hold = false;
     saver.request();
@@ -159,14 +159,14 @@ TEST_F(ConfigSaverTest, SaveAskedForTakesThePlaceOfTheOneThatIsDue) {
     EXPECT_EQ(g_globals, 1);
 }
 
-TEST_F(ConfigSaverTest, SaveAskedForBetweenTwoSlicesTakesEveryPortAnew) {
+TEST_F(ConfigSaverTest, SaveRequestedBetweenTwoSlicesTakesEveryPortAgain) {
     saver.allow_unasked(true);
     background.hold = false;
     add_ports(100);
     g_port = [&](uint64_t ifx) {
         if (ifx == 104) {
             g_port = nullptr;
-            // Runs after the first slice, which is under way, and before the second.
+            // Runs after the first slice, which has begun, and before the second.
             rig.platform.loop().post([&] {
                 rig.hardware.set_admin(101, false);
                 sections.set_shut_by(101, qv::cli::ShutBy::kOperator);
@@ -222,7 +222,7 @@ TEST_F(ConfigSaverTest, HiddenPortHasNoSection) {
     EXPECT_EQ(saved_text(), "interface swp1\n!\ninterface swp3\n!\ninterface swp4\n!\nend\n");
 }
 
-TEST_F(ConfigSaverTest, SaveAskedForWritesEvenWhatIsSaved) {
+TEST_F(ConfigSaverTest, RequestedSaveWritesEvenAnUnchangedConfiguration) {
     background.hold = false;
     saver.save(answer("first"));
     rig.platform.run_ready();
@@ -233,7 +233,7 @@ TEST_F(ConfigSaverTest, SaveAskedForWritesEvenWhatIsSaved) {
     EXPECT_EQ(answers, (Lines{"first", "second"}));
 }
 
-TEST_F(ConfigSaverTest, NothingIsSavedUnaskedBeforeTheFirstSaveThatSomebodyAskedFor) {
+TEST_F(ConfigSaverTest, NothingIsSavedBeforeTheFirstRequestedSave) {
     background.hold = false;
     saver.request();
     saver.save_last();
@@ -280,7 +280,7 @@ TEST_F(ConfigSaverTest, WithoutAPathNothingIsSaved) {
     EXPECT_EQ(g_globals, 0);
 }
 
-TEST_F(ConfigSaverTest, RecordsThatComeWhileTheFileIsWrittenStay) {
+TEST_F(ConfigSaverTest, RecordsAddedWhileTheFileIsWrittenStay) {
     ASSERT_EQ(journal.open(0), "");
     ASSERT_EQ(journal.append({"swp1", 0, {{0, "shutdown"}}}), "");
     saver.save(answer(""));

@@ -63,7 +63,7 @@ class DeferredAnswer : public ::testing::Test {
     };
 };
 
-TEST_F(DeferredAnswer, ComesOnceWithTheOutputOfBothParts) {
+TEST_F(DeferredAnswer, IsSentOnceWithTheOutputOfBothParts) {
     qv::cli::execute(rig.session, "slow", keep);
     EXPECT_TRUE(results.empty());
     finish(0);
@@ -126,7 +126,7 @@ TEST_F(DeferredAnswer, IsRefusedWhereNobodyCanWait) {
     EXPECT_TRUE(g_deferred.empty());
 }
 
-TEST_F(DeferredAnswer, RequestsBehindItWaitInOrderAndOtherSessionsDoNot) {
+TEST_F(DeferredAnswer, LaterRequestsWaitInOrderAndOtherSessionsDoNot) {
     WireClient client(rig.platform.settings.cli_socket);
     WireClient other(rig.platform.settings.cli_socket);
     client.send(std::string(kVersion) + kSlow + kSlow + kVersion);
@@ -147,7 +147,7 @@ TEST_F(DeferredAnswer, RequestsBehindItWaitInOrderAndOtherSessionsDoNot) {
     EXPECT_EQ(client.receive(), std::string(kSlowReply) + kVersionReply + kVersionReply);
 }
 
-TEST_F(DeferredAnswer, SessionThatWaitsForItTakesNoEndlessRequest) {
+TEST_F(DeferredAnswer, SessionThatWaitsForItRefusesAnEndlessRequest) {
     WireClient client(rig.platform.settings.cli_socket);
     client.send(kSlow);
     rig.platform.run_ready();

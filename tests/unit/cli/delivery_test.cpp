@@ -35,7 +35,7 @@ cli_mode interface_mode(int64_t ifx) {
 
 class Delivery : public ::testing::Test {
  protected:
-    // Runs `work` on a thread of its own while this one runs the loop.
+    // Runs `work` on another thread while this one runs the loop.
     void on_second_thread(const std::function<void()>& work) {
         std::atomic<bool> done = false;
         std::thread thread([&] {
@@ -236,7 +236,7 @@ TEST_F(Delivery, DescriptorOfAProgramIsNotInherited) {
 bool g_program = false;
 qv::cli::Completion g_later;
 
-TEST_F(Delivery, LinesAreThoseOfAProgramWhicheverThreadTheyComeFrom) {
+TEST_F(Delivery, LinesOfEveryThreadAreThoseOfAProgram) {
     using namespace qv::cli;
     attach(kChainView, keyword("who", "", end_of_line([](cli_pcdb*) {
                                    g_program = current_session()->program;
@@ -254,7 +254,7 @@ TEST_F(Delivery, LinesAreThoseOfAProgramWhicheverThreadTheyComeFrom) {
     EXPECT_TRUE(g_program);
     close(session);
 
-    // An operator's line is not one, even when it asks for a mode of its own.
+    // An operator's line is not one, even when its request names a mode.
     for (const char* request :
          {"{\"exec\": \"who\"}\n", "{\"exec\": \"who\", \"mode\": \"exec\", \"ifx\": 0}\n"}) {
         g_program = true;
@@ -265,7 +265,7 @@ TEST_F(Delivery, LinesAreThoseOfAProgramWhicheverThreadTheyComeFrom) {
     }
 }
 
-TEST_F(Delivery, AnswerThatComesLaterIsWaitedFor) {
+TEST_F(Delivery, LineWaitsForADeferredAnswer) {
     using namespace qv::cli;
     attach(kChainView, keyword("slow", "", end_of_line([](cli_pcdb*) {
                                    g_later = defer();
@@ -292,7 +292,7 @@ TEST_F(Delivery, AnswerThatComesLaterIsWaitedFor) {
     EXPECT_EQ(output, "late\n");
 }
 
-TEST_F(Delivery, AnswerThatNeverComesFailsTheLine) {
+TEST_F(Delivery, MissingAnswerFailsTheLine) {
     using namespace qv::cli;
     attach(kChainView, keyword("lose", "", end_of_line([](cli_pcdb*) { return defer() ? 0 : 1; })),
            "test");

@@ -94,7 +94,7 @@ TEST_F(Engine, AmbiguousPrefixNamesTheKeywordsAndCallsNobody) {
     EXPECT_TRUE(g_calls.empty());
 }
 
-TEST_F(Engine, SameKeywordInTwoTreesIsNoAmbiguity) {
+TEST_F(Engine, SameKeywordInTwoTreesIsNotAmbiguous) {
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", keyword("one", "", end_of_line(number_call<1>))),
            "test");
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", keyword("two", "", end_of_line(number_call<2>))),
@@ -253,7 +253,7 @@ int only_port_103(cli_pcdb* pcdb) {
     return pcdb->ifx == 103 ? 1 : 0;
 }
 
-TEST_F(Engine, TestNodeOffersItsCommandOnlyWhereItHolds) {
+TEST_F(Engine, TestNodeOffersItsCommandOnlyWhereItIsTrue) {
     static const cli_node* const first = keyword("alpha", "", end_of_line(record));
     static const cli_test_arg arg = {first, &Tno_alt, only_port_103};
     static const cli_node test = {test_expression_action, &arg, &Tno_alt, &Tno_alt, nullptr};
@@ -273,7 +273,7 @@ int count_and_hold(cli_pcdb*) {
     return 1;
 }
 
-TEST_F(Engine, TestNodeIsAskedOnlyForWordsThatItsCommandsBeginWith) {
+TEST_F(Engine, TestNodeRunsOnlyForWordsThatItsCommandsBeginWith) {
     static const cli_node* const number_first = number("Size", 1, 9, end_of_line(record));
     static const cli_node* const first = keyword("alpha", "", end_of_line(record));
     static const cli_test_arg arg = {first, &Tno_alt, count_and_hold};
@@ -292,12 +292,12 @@ TEST_F(Engine, TestNodeIsAskedOnlyForWordsThatItsCommandsBeginWith) {
     EXPECT_EQ(g_asked, 2);
     EXPECT_EQ(qv::cli::completions(rig.session, "alp"), "alpha\n");
     EXPECT_EQ(g_asked, 3);
-    attach(CLI_CHAIN_INTERFACE, &open_test, "test");  // any number may stand there
+    attach(CLI_CHAIN_INTERFACE, &open_test, "test");  // any number may be there
     EXPECT_EQ(rig.type("switchport mode trunk"), "");
     EXPECT_EQ(g_asked, 4);
 }
 
-TEST_F(Engine, HelpAndCompletionListWhatFitsAndCallNobody) {
+TEST_F(Engine, HelpAndCompletionListMatchesAndCallNoHandler) {
     const cli_node* end = end_of_line(record);
     attach(CLI_CHAIN_CONFIG,
            keyword("alpha", "The first",
@@ -330,7 +330,7 @@ TEST_F(Engine, HelpForALineThatCouldNotBeExecutedIsEmpty) {
     EXPECT_EQ(qv::cli::help_text(session, "tarn\r"), "");
 }
 
-TEST_F(Engine, HelpAfterNoListsOnlyWhatCanBeTakenBack) {
+TEST_F(Engine, HelpAfterNoListsOnlyCommandsThatCanBeUndone) {
     const cli_node* end = end_of_line(record);
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end), "test");
     attach(CLI_CHAIN_CONFIG, keyword("alpine", "", with_no(end, end)), "test");
@@ -340,7 +340,7 @@ TEST_F(Engine, HelpAfterNoListsOnlyWhatCanBeTakenBack) {
     EXPECT_EQ(qv::cli::completions(session, "n"), "no\n");
 }
 
-TEST_F(Engine, HelpAfterDefaultListsOnlyWhatHasADefault) {
+TEST_F(Engine, HelpAfterDefaultListsOnlyCommandsWithADefault) {
     const cli_node* end = end_of_line(record);
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", end), "test");
     attach(CLI_CHAIN_CONFIG, keyword("alpine", "", with_default(end, end)), "test");
@@ -378,7 +378,7 @@ int keep_flags(cli_pcdb* pcdb) {
     return 0;
 }
 
-TEST_F(Engine, HandlersKnowWhatTheConfigurationIsGeneratedFor) {
+TEST_F(Engine, HandlersKnowThePurposeOfAGeneration) {
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", print_config(keep_flags, end_of_line(record))),
            "test");
     qv::cli::generate_config(qv::cli::ConfigPurpose::kShow);
@@ -458,7 +458,7 @@ int fail_on_odd_ports(cli_pcdb* pcdb) {
     return pcdb->ifx % 2 == 0 ? 0 : static_cast<int>(pcdb->ifx);
 }
 
-TEST_F(Engine, RangeGoesOnAfterAFailureAndHasTheFirstOnesResult) {
+TEST_F(Engine, RangeContinuesAfterAFailureAndHasItsResult) {
     attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(fail_on_odd_ports)), "test");
     rig.session.mode = "config";
     rig.type("interface range swp1-4");
@@ -467,7 +467,7 @@ TEST_F(Engine, RangeGoesOnAfterAFailureAndHasTheFirstOnesResult) {
     EXPECT_EQ(g_calls, (std::vector<std::string>{"101", "102", "103", "104"}));
 }
 
-TEST_F(Engine, PortThatGoesLeavesTheRangeAndTheLastOneEndsIt) {
+TEST_F(Engine, RemovedPortLeavesTheRangeAndTheLastOneEndsIt) {
     attach(CLI_CHAIN_INTERFACE, keyword("alpha", "", end_of_line(record)), "test");
     rig.session.mode = "config";
     rig.type("interface range swp1-2");
@@ -486,7 +486,7 @@ int keep_types(cli_pcdb* pcdb) {
     return 0;
 }
 
-// The mask by which programs tell the ports that take their commands.
+// The mask by which programs recognise ports that take their commands.
 constexpr uint32_t kSwitchedTypes = 0x18050187;
 
 TEST_F(Engine, RangeOfAnySwitchedTypeMeetsTheMaskOfProgramsAndNoOtherDoes) {

@@ -1,4 +1,4 @@
-// A program that holds ports shut and says so in the running configuration, as the agent does, with
+// A program that, like the agent, holds ports shut and says so in the running configuration, and
 // helpers that read the saved file and the journal.
 #pragma once
 
@@ -23,9 +23,9 @@ class HeldPorts : public ::testing::Test {
  protected:
     HeldPorts();
 
-    // Puts a configuration in place as an earlier process saved it.
+    // Writes a configuration as an earlier process saved it.
     void was_saved(const std::string& text, uint64_t journal = 0);
-    // Writes records as an earlier process did, after `last`.
+    // Writes records after `last`, as an earlier process did.
     void was_journalled(uint64_t last,
                         const std::vector<std::pair<std::string, std::vector<std::string>>>& all);
     void start();

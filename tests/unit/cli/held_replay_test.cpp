@@ -70,7 +70,7 @@ TEST_F(HeldReplay, SavedShutdownOfAnotherPortExplainsNothing) {
     EXPECT_TRUE(g_held.contains(102));
     EXPECT_EQ(log(), Lines{"CLI-4-CLAIMED: Interface swp2 was held shut, and the saved "
                            "configuration does not say so: 'loop-detect apply shutdown-port' is "
-                           "put in force again."});
+                           "applied again."});
 }
 
 TEST_F(HeldReplay, OldShutdownThatNoProgramHeldIsNotClaimed) {
@@ -193,7 +193,7 @@ TEST_F(HeldReplay, ShutdownBetweenTheModesAndTheRestIsJournalled) {
     was_saved("interface swp2\n switchport mode hybrid\n shutdown\n!\n");
     cli_client_ready();
     std::string record = "not called";
-    rig.platform.loop().post([&] {  // behind the modes, in front of the rest
+    rig.platform.loop().post([&] {  // after the modes, before the rest
         EXPECT_TRUE(up(102));
         program(103, "shutdown");
         record = last_record();
@@ -203,7 +203,7 @@ TEST_F(HeldReplay, ShutdownBetweenTheModesAndTheRestIsJournalled) {
     EXPECT_FALSE(up(102));
 }
 
-TEST_F(HeldReplay, ProgramMayTakeAPortAfterItHasHeardOfTheLine) {
+TEST_F(HeldReplay, ProgramMayHoldAPortAfterTheLine) {
     was_down(102);
     was_saved("interface swp2\n shutdown\n " + kHeld + "\n!\n");
     qv::test::g_take = [&](uint64_t ifx) {
@@ -215,7 +215,7 @@ TEST_F(HeldReplay, ProgramMayTakeAPortAfterItHasHeardOfTheLine) {
     EXPECT_EQ(saved("swp2"), " shutdown\n " + kHeld + "\n");
 }
 
-TEST_F(HeldReplay, HeldPortThatSomebodyOpenedMeanwhileIsNotReleased) {
+TEST_F(HeldReplay, HeldPortOpenedMeanwhileIsNotReleased) {
     g_refuses = true;
     was_saved("interface swp2\n " + kHeld + "\n!\n");
     start();
@@ -283,7 +283,7 @@ TEST_F(HeldReplay, AnnouncementDuringAReplayIsServedAfterIt) {
     EXPECT_EQ(g_hooks, (Lines{"start", "end, enabled", "start, enabled", "end, enabled"}));
 }
 
-TEST_F(HeldReplay, PortThatGoesInTheMidstOfItsReplayMissesTheRestOfItsLines) {
+TEST_F(HeldReplay, PortRemovedDuringItsReplayMissesTheRestOfItsLines) {
     was_saved("interface swp2\n shutdown\n frobnicate\n!\n");
     rig.hardware.before_change = [&] {
         rig.hardware.before_change = nullptr;
@@ -294,7 +294,7 @@ TEST_F(HeldReplay, PortThatGoesInTheMidstOfItsReplayMissesTheRestOfItsLines) {
     EXPECT_EQ(saved("swp2"), " shutdown\n frobnicate\n");
 }
 
-TEST_F(HeldReplay, PortThatGoesWhileAnotherIsReplayedDoesNotCutThatOneOff) {
+TEST_F(HeldReplay, PortRemovedDuringTheReplayOfAnotherDoesNotInterruptIt) {
     was_saved("interface swp2\n shutdown\n tarn port loop-detect warning\n!\n");
     int changes = 0;
     rig.hardware.before_change = [&] {
@@ -308,7 +308,7 @@ TEST_F(HeldReplay, PortThatGoesWhileAnotherIsReplayedDoesNotCutThatOneOff) {
     EXPECT_EQ(changes, 1) << "its lines run once";
 }
 
-TEST_F(HeldReplay, PortThatGoesBackToNothingAfterItsSectionIsNotCutOff) {
+TEST_F(HeldReplay, PortRemovedAfterItsSectionDoesNotInterruptIt) {
     was_saved(
         "interface swp2\n tarn port loop-detect warning\n!\ntarn enable\n"
         "interface swp3\n shutdown\n!\n");
@@ -355,7 +355,7 @@ TEST_F(HeldReplay, SectionIsNotJournalledWithoutTheGlobalLinesThatItNeeds) {
 
 TEST_F(HeldReplay, SwitchWithoutAFileKeepsNothing) {
     std::filesystem::current_path(rig.folder.path());
-    // Outlives the loop, as it must.
+    // Must outlive the loop.
     auto& keeper = *new qv::cli::ConfigKeeper(rig.platform.loop(), rig.platform.background(), "");
     EXPECT_EQ(keeper.obstacle(), "no file is set for the saved configuration");
     keeper.request_replay();

@@ -14,7 +14,7 @@ constexpr const char* kNoLines =
 
 class Hostname : public ::testing::Test {
  protected:
-    // Types a line in mode config; what it printed.
+    // Types a line in mode config and returns its output.
     std::string configure(const std::string& line) {
         rig.session = {};
         rig.session.mode = "config";
@@ -29,7 +29,7 @@ class Hostname : public ::testing::Test {
     qv::test::CliRig rig;
 };
 
-TEST_F(Hostname, StandsInThePromptOfEveryMode) {
+TEST_F(Hostname, IsInThePromptOfEveryMode) {
     EXPECT_EQ(configure("hostname edge-7"), "");
     EXPECT_EQ(prompt(), "edge-7(config)# ");
     rig.type("interface swp2");

@@ -15,7 +15,7 @@ struct ShowInterfaces : ::testing::Test {
         rig.hardware.traffic[101] = {
             .received = {.packets = 18446744073709551615U, .bytes = 2, .drops = 3, .errors = 4},
             .sent = {.packets = 5, .bytes = 6, .drops = 7, .errors = 8}};
-        rig.hardware.traffic[999] = {};  // of a link that is no port
+        rig.hardware.traffic[999] = {};  // of a link that is not a port
     }
 
     qv::test::CliRig rig;
@@ -32,7 +32,7 @@ TEST_F(ShowInterfaces, EveryPortIsShownWithTheCountersThatTheSwitchKnows) {
     EXPECT_EQ(rig.hardware.asked_counters, std::vector<uint32_t>{0}) << "one request for all";
 }
 
-TEST_F(ShowInterfaces, OnePortIsAskedForAlone) {
+TEST_F(ShowInterfaces, OnePortIsRequestedAlone) {
     rig.hardware.traffic[102].sent.bytes = 60;
     EXPECT_EQ(rig.type("show interfaces swp2"),
               "swp2 is up, link up\n"

@@ -29,7 +29,7 @@ ConfigSection section(const std::string& port, std::vector<std::string> lines) {
     return made;
 }
 
-// "NUMBER PORT: LINE, LINE" for each record, with a "(saved)" in front where it is.
+// "NUMBER PORT: LINE, LINE" for each record, preceded by "(saved)" for a saved one.
 std::vector<std::string> told(const std::string& path) {
     std::vector<std::string> texts;
     for (const auto& [number, section, saved] : read_journal(path)) {
@@ -50,7 +50,7 @@ struct JournalTest : testing::Test {
     const std::string path = folder.file("startup.journal");
     Journal journal{path};
 
-    // Another one when the file was made anew.
+    // Differs when the file was created again.
     ino_t file_number() const {
         struct stat status {};
         ::stat(path.c_str(), &status);
@@ -102,7 +102,7 @@ TEST_F(JournalTest, DamagedByteEndsTheReading) {
     }
 }
 
-TEST_F(JournalTest, ForgottenRecordsAreGoneAndNumbersGoOn) {
+TEST_F(JournalTest, DroppedRecordsAreGoneAndNumbersContinue) {
     journal.open(0);
     journal.append(section("swp1", {"shutdown"}));
     journal.append(section("swp2", {"shutdown"}));
@@ -205,7 +205,7 @@ TEST_F(JournalTest, RecordsOfMoreThanAPageAreWrittenBesideTheOldOnes) {
 TEST_F(JournalTest, StartOnAFullDiskContinuesInTheOldFile) {
     journal.open(0);
     journal.append(section("swp1", {"shutdown"}));
-    // Nothing new can be made beside it.
+    // Prevents a new file beside it.
     std::filesystem::create_directory(path + ".new");
     Journal next(path);
     EXPECT_EQ(next.open(0), "");
@@ -213,7 +213,7 @@ TEST_F(JournalTest, StartOnAFullDiskContinuesInTheOldFile) {
     EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
 }
 
-TEST_F(JournalTest, OpenedAgainItContinuesWithWhatItHolds) {
+TEST_F(JournalTest, ReopenedJournalContinuesWithItsRecords) {
     journal.open(0);
     journal.append(section("swp1", {"shutdown"}));
     Journal next(path);
@@ -239,7 +239,7 @@ TEST_F(JournalTest, FileStaysSmallHoweverOftenAPortIsShut) {
     EXPECT_EQ(told(path).rbegin()[1], "39999 swp1: shutdown,");
 }
 
-TEST_F(JournalTest, ManyPortsShutAtOnceDoNotWriteTheFileAnewForEachOfThem) {
+TEST_F(JournalTest, ManyPortsShutAtOnceDoNotRewriteTheFileForEach) {
     journal.open(0);
     int rewrites = 0;
     ino_t file = 0;
@@ -279,7 +279,7 @@ TEST_F(JournalTest, FolderThatIsNotThereIsATroubleUntilItIs) {
     EXPECT_EQ(told(lost.path()), Told{"1 swp1: shutdown,"});
 }
 
-TEST_F(JournalTest, FileThatSomebodyRemovesIsMadeAgainWithAllThatIsNotSaved) {
+TEST_F(JournalTest, RemovedFileIsCreatedAgainWithAllUnsavedRecords) {
     journal.open(0);
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::remove(path);
@@ -305,7 +305,7 @@ TEST_F(JournalTest, FileIsItsOwnersAlone) {
     EXPECT_EQ(status.st_mode & 0777, 0600U);
 }
 
-// ---- Files that are not as this program writes them ----
+// ---- Files in a form that this program does not write ----
 
 std::string record(const std::string& number, const std::string& size, const std::string& body) {
     return "record " + number + " " + size + " " + qv::cli::checksum(number + body) + "\n" + body;
@@ -335,7 +335,7 @@ TEST_F(JournalTest, NumberThatDoesNotGrowEndsTheReading) {
     }
 }
 
-TEST_F(JournalTest, OpenedAnewItHoldsWhatTheFileHasNow) {
+TEST_F(JournalTest, ReopenedJournalHasTheContentOfTheFile) {
     journal.open(0);
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::remove(path);
@@ -400,8 +400,9 @@ TEST_F(JournalTest, LeftoverOfADeadProcessIsReplaced) {
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
 }
 
-// With a folder in its way nothing new can be made, so only a file of its own may be written over.
-TEST_F(JournalTest, FileOfSomebodyElseIsNotWrittenOver) {
+// A folder with the new file's name prevents a new file, so only a file of our own may be
+// overwritten.
+TEST_F(JournalTest, FileOfAnotherUserIsNotOverwritten) {
     std::filesystem::create_directory(path + ".new");
     const std::string precious = folder.file("precious");
     write_text(precious, "precious");
@@ -433,7 +434,7 @@ TEST_F(JournalTest, FolderInItsPlaceLeavesNothingBeside) {
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
 }
 
-TEST_F(JournalTest, GoesOnInItsFileOnceThatIsBack) {
+TEST_F(JournalTest, ContinuesInItsFileOnceThatIsBack) {
     journal.open(0);
     journal.append(section("swp1", {"shutdown"}));
     journal.append(section("swp1", {"no shutdown"}));

@@ -34,7 +34,7 @@ class LineEdges : public ::testing::Test {
         rig.session.mode = "config";
         return rig.type(line);
     }
-    // The ports of a range, by name; what was refused when it is none.
+    // The ports of a range, by name; the refusal when it is not a range.
     std::string range(const std::string& list) {
         const std::string refusal = in_config("interface range " + list);
         std::string names;
@@ -196,7 +196,7 @@ TEST_F(LineEdges, LineOfAFileKeepsItsPrefix) {
     EXPECT_EQ(qv::cli::parse_config_command(session, "default alp").text, "default alpha");
 }
 
-TEST_F(LineEdges, SameNumberFromTwoTreesIsNoAmbiguity) {
+TEST_F(LineEdges, SameNumberFromTwoTreesIsNotAmbiguous) {
     const cli_node* end = end_of_line(record);
     attach(CLI_CHAIN_CONFIG, keyword("alpha", "", number("Seconds", 1, 9, keyword("x", "", end))),
            "test");
@@ -225,7 +225,7 @@ TEST_F(LineEdges, SlotsAndTheEndOfALineHaveAlternatives) {
     EXPECT_EQ(in_config("gamma more"), "");
 }
 
-TEST_F(LineEdges, TestThatIsNegativeHolds) {
+TEST_F(LineEdges, NegativeTestResultIsTrue) {
     static const cli_test_arg kTest = {.accept = keyword("alpha", "", end_of_line(record)),
                                        .alternative = keyword("beta", "", end_of_line(record)),
                                        .test = [](cli_pcdb*) {

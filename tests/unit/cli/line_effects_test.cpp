@@ -1,4 +1,5 @@
-// What lines do beyond their output: which ports they change, whom they notify, what they generate.
+// Effects of lines beyond their output: the ports they change, the observers they notify, the lines
+// they generate.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -42,7 +43,7 @@ class LineEffects : public ::testing::Test {
 
 // ---- Default interface ----
 
-TEST_F(LineEffects, DefaultInterfaceTakesAPortOutOfEitherMode) {
+TEST_F(LineEffects, DefaultInterfaceEndsEitherModeOfAPort) {
     for (const uint32_t mode : {SWPORT_MODE_TRUNK, SWPORT_MODE_HYBRID}) {
         rig.hardware.set_mode(101, mode);
         EXPECT_EQ(in("config", "default interface swp1"), "");
@@ -98,7 +99,7 @@ TEST_F(LineEffects, StatesShowTheAggregateAndAPortWithoutAMode) {
 
 // ---- Who is notified of tarn lines ----
 
-TEST_F(LineEffects, TarnObserversHearOfChangesOnly) {
+TEST_F(LineEffects, TarnObserversAreNotifiedOfChangesOnly) {
     int changes = 0;
     qv::cli::add_tarn_observer([&](uint64_t) { ++changes; });
     const auto told = [&](const std::string& mode, const std::string& line) {
@@ -226,7 +227,7 @@ int print_number(cli_pcdb* pcdb) {
     return 0;
 }
 
-TEST_F(Generated, NodesBehindSlotsAndPrefixesPrintToo) {
+TEST_F(Generated, NodesAfterSlotsAndPrefixesPrintToo) {
     using namespace qv::cli;
     const cli_node* end = end_of_line([](cli_pcdb*) { return 0; });
     attach(CLI_CHAIN_CONFIG,
@@ -254,7 +255,7 @@ TEST_F(Generated, NodePrintsOnceHoweverManyWaysLeadToIt) {
     EXPECT_TRUE(in("exec", "show running-config").starts_with("line 1\ninterface swp1\n"));
 }
 
-TEST_F(Generated, NodesBehindOneThatPrintsDoSoAndBehindAClosedWayNoneDoes) {
+TEST_F(Generated, NodesAfterAPrintingNodePrintAndThoseOnAClosedPathDoNot) {
     using namespace qv::cli;
     const cli_node* end = end_of_line([](cli_pcdb*) { return 0; });
     attach(CLI_CHAIN_CONFIG,
@@ -267,7 +268,7 @@ TEST_F(Generated, NodesBehindOneThatPrintsDoSoAndBehindAClosedWayNoneDoes) {
     EXPECT_TRUE(in("exec", "show running-config").starts_with("line 1\nline 2\ninterface swp1\n"));
 }
 
-TEST_F(Generated, IndentationBelowZeroIsNone) {
+TEST_F(Generated, NegativeIndentationIsNone) {
     g_print = [](cli_pcdb* pcdb) {
         if (std::string(pcdb->mode) == "interface" && pcdb->ifx == 101) {
             c2p_printf(pcdb, -1, "printed");
@@ -292,7 +293,7 @@ TEST_F(LineEffects, OutputOfEveryLengthArrivesWhole) {
     }
 }
 
-TEST_F(LineEffects, HelpOfALongWordIsOneBlankBehindIt) {
+TEST_F(LineEffects, HelpOfALongWordIsOneBlankAfterIt) {
     using namespace qv::cli;
     const cli_node* end = end_of_line([](cli_pcdb*) { return 0; });
     attach(kChainView, keyword("word-of-twenty-four-byte", "Help", end), "test");

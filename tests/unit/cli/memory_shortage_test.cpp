@@ -84,9 +84,9 @@ TEST_F(CliMemoryShortage, LineOfAProgramFails) {
     close(session);
 }
 
-// The handler belongs to a program and cannot pass an exception on; and a part of the
-// configuration must not pass for all of it.
-TEST_F(CliMemoryShortage, ConfigurationWithoutOneOfItsLinesIsNone) {
+// The handler belongs to a program and cannot pass an exception on; and an incomplete configuration
+// must not pass for a whole one.
+TEST_F(CliMemoryShortage, IncompleteConfigurationFails) {
     qv::cli::attach(
         CLI_CHAIN_CONFIG,
         qv::cli::print_config(print_a_line,

@@ -1,4 +1,4 @@
-// A session of an operator whom the tests make up.
+// A session of an invented operator.
 #pragma once
 
 #include <algorithm>
@@ -26,7 +26,7 @@ struct OperatorSession {
     int code = 0;
 };
 
-// The messages so far that begin so.
+// The messages so far that begin with `beginning`.
 inline std::vector<std::string> logged(const RecordingLog& log, std::string_view beginning) {
     std::vector<std::string> lines = log.lines();
     std::erase_if(lines, [=](const std::string& line) { return !line.starts_with(beginning); });

@@ -1,4 +1,4 @@
-// Lines that operators type in a mode that is not the line's own, and "no" in front of whole lines.
+// Lines that operators type in a mode other than the line's own, and "no" before whole lines.
 #include <gtest/gtest.h>
 
 #include <optional>
@@ -69,7 +69,7 @@ TEST_F(OtherModes, DoRunsALineOfModeExecAndTheModeStays) {
                               "exec ifx=0 prefix=0 number=0"}));
 }
 
-TEST_F(OtherModes, DoIsNoWordOfModeExecAndNeedsALine) {
+TEST_F(OtherModes, DoIsUnknownInModeExecAndNeedsALine) {
     EXPECT_EQ(in("exec", "do show version"), "% Unknown command: 'do'.\n");
     EXPECT_EQ(in("config", "do do show version"), "% Unknown command: 'do'.\n");
     EXPECT_EQ(in("config", "do bogus"), "% Unknown command: 'bogus'.\n");
@@ -129,7 +129,7 @@ TEST_F(OtherModes, InterfaceLineMovesBetweenPorts) {
     EXPECT_EQ(prompt(), "lda(config-if-swp3)# ");
 }
 
-TEST_F(OtherModes, RefusedLineStaysInItsModeAndNamesWhatTheBetterModeHasAgainstIt) {
+TEST_F(OtherModes, RefusedLineStaysInItsModeAndGetsTheReasonOfTheBetterMode) {
     EXPECT_EQ(in("interface", "tarn error-recover interval 5"),
               "% Number out of range: '5' (30-86400).\n");
     EXPECT_EQ(in("interface", "tarn error-recover"), "% Incomplete command.\n");
@@ -162,7 +162,7 @@ TEST_F(OtherModes, ProgramsAndFilesHaveOnlyTheLinesOfTheirMode) {
     EXPECT_FALSE(qv::cli::tarn_enabled());
 }
 
-TEST_F(OtherModes, NoTakesAWholeLineWhoseOwnNoFormEndsEarlier) {
+TEST_F(OtherModes, NoAcceptsAWholeLineWhoseOwnNoFormEndsEarlier) {
     attach(CLI_CHAIN_CONFIG,
            keyword("alpha", "",
                    with_no(end_of_line(record),
@@ -176,7 +176,7 @@ TEST_F(OtherModes, NoTakesAWholeLineWhoseOwnNoFormEndsEarlier) {
     EXPECT_EQ(g_calls.size(), 1U);
 }
 
-TEST_F(OtherModes, NoTakesAWholeLineForEachPortOfARange) {
+TEST_F(OtherModes, NoAcceptsAWholeLineForEachPortOfARange) {
     for (const char* line : {"switchport mode trunk", "no switchport mode trunk"}) {
         EXPECT_EQ(in("ifrange", line), "");
     }
@@ -184,13 +184,13 @@ TEST_F(OtherModes, NoTakesAWholeLineForEachPortOfARange) {
               "interface swp1\n!\ninterface swp2\n!\ninterface swp3\n!\ninterface swp4\n!\n");
 }
 
-TEST_F(OtherModes, ProgramsNoTakesOnlyTheNoForm) {
+TEST_F(OtherModes, ProgramsNoAcceptsOnlyTheNoForm) {
     in("interface", "");
     rig.session.program = true;
     EXPECT_EQ(rig.type("no switchport mode trunk"), "% Unknown command: 'trunk'.\n");
 }
 
-TEST_F(OtherModes, RefusedLineTellsWhereItGoesWrong) {
+TEST_F(OtherModes, RefusedLineNamesTheWrongWord) {
     EXPECT_EQ(wrong_at("config", "  tarn bogus 7"), 7U);
     EXPECT_EQ(wrong_at("config", "tarn error-recover interval 5"), 28U);
     EXPECT_EQ(wrong_at("config", "tarn \r\n"), 4U) << "the end: something is missing";
@@ -230,7 +230,7 @@ TEST_F(OtherModes, HelpInInterfaceModesKnowsGlobalLinesOnceTheyAreBegun) {
     EXPECT_EQ(completions("interface", "tarn "), "link-up\nport\nvlan\n") << "its own come first";
 }
 
-TEST_F(OtherModes, HelpBehindABegunWordListsTheSlotsThatItMayFill) {
+TEST_F(OtherModes, HelpAfterABegunWordListsTheSlotsThatItMayFill) {
     EXPECT_EQ(help("config", "tarn error-recover interval 8"),
               "  <30-86400>              Seconds\n");
     EXPECT_EQ(help("config", "tarn error-recover interval 86401"), "");

@@ -1,4 +1,4 @@
-// Filters behind "|" in a show command.
+// Filters after "|" in a show command.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -55,7 +55,7 @@ TEST_F(OutputFilter, ExcludeShowsTheOthers) {
     EXPECT_EQ(rig.type("show fruit | exclude apple"), "\nyellow pear\n");
 }
 
-TEST_F(OutputFilter, BeginShowsTheFirstLineThatMatchesAndAllBehindIt) {
+TEST_F(OutputFilter, BeginShowsTheFirstLineThatMatchesAndAllAfterIt) {
     EXPECT_EQ(rig.type("show fruit | begin green"), "green apple\n\nyellow pear\n");
     EXPECT_EQ(rig.type("show fruit | begin plum"), "");
 }

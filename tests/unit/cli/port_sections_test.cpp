@@ -1,5 +1,5 @@
-// Who shut which port: what the journal and the saved configuration record at every moment, and
-// how a start uses that. A program plays the agent: it holds ports shut and says so in the running
+// Tests who shut which port: the journal and the saved configuration at every moment, and their use
+// at a start. A program plays the agent: it holds ports shut and says so in the running
 // configuration.
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -27,7 +27,7 @@ using qv::test::g_refuses;
 
 class PortSectionsTest : public qv::test::HeldPorts {};
 
-TEST_F(PortSectionsTest, JournalKnowsOfAShutdownBeforeThePortGoesDown) {
+TEST_F(PortSectionsTest, ShutdownIsInTheJournalBeforeThePortGoesDown) {
     start();
     g_held.insert(102);
     std::string at_change = "not called";
@@ -39,7 +39,7 @@ TEST_F(PortSectionsTest, JournalKnowsOfAShutdownBeforeThePortGoesDown) {
     EXPECT_FALSE(up(102));
 }
 
-TEST_F(PortSectionsTest, JournalKnowsOfARecoveryBeforeThePortGoesUp) {
+TEST_F(PortSectionsTest, RecoveryIsInTheJournalBeforeThePortGoesUp) {
     start();
     g_held.insert(102);
     program(102, "shutdown");
@@ -53,7 +53,7 @@ TEST_F(PortSectionsTest, JournalKnowsOfARecoveryBeforeThePortGoesUp) {
     EXPECT_TRUE(up(102));
 }
 
-TEST_F(PortSectionsTest, PortThatAnOperatorOpensUnderAProgramThatHoldsItIsStillThePrograms) {
+TEST_F(PortSectionsTest, HeldPortOpenedByAnOperatorStillBelongsToTheProgram) {
     start();
     g_held.insert(102);
     program(102, "shutdown");
@@ -77,8 +77,8 @@ TEST_F(PortSectionsTest, SectionIsPendingUntilItIsInForceItself) {
     EXPECT_EQ(sections.saved(port).lines.size(), 0U);
 }
 
-// The driver learns of its removal from the refused request.
-TEST_F(PortSectionsTest, PortThatGoesWhileItIsShutAgainKeepsItsShutdown) {
+// The driver learns of the removal from the refused request.
+TEST_F(PortSectionsTest, PortRemovedWhileItIsShutAgainKeepsItsShutdown) {
     was_saved("interface swp1\n shutdown\n!\n");
     rig.hardware.before_change = [&] {
         rig.hardware.before_change = nullptr;
@@ -92,7 +92,7 @@ TEST_F(PortSectionsTest, PortThatGoesWhileItIsShutAgainKeepsItsShutdown) {
     EXPECT_FALSE(up(201));
 }
 
-TEST_F(PortSectionsTest, GlobalLinesStandInTheJournalBeforeTheSectionThatNeedsThem) {
+TEST_F(PortSectionsTest, GlobalLinesPrecedeTheSectionThatNeedsThemInTheJournal) {
     start();
     rig.session.mode = "config";
     rig.type("tarn enable");
@@ -135,7 +135,7 @@ TEST_F(PortSectionsTest, JournalKnowsOfAHeldPortAsLongAsItIsHeld) {
     EXPECT_EQ(last_record(), "none");
 }
 
-TEST_F(PortSectionsTest, PortThatWaitsForItsRecoveryIsSavedAsOneToBeBroughtBack) {
+TEST_F(PortSectionsTest, PortThatWaitsForItsRecoveryIsSavedWithNoShutdown) {
     start();
     g_held.insert(102);
     program(102, "shutdown");
@@ -148,7 +148,7 @@ TEST_F(PortSectionsTest, PortThatWaitsForItsRecoveryIsSavedAsOneToBeBroughtBack)
     EXPECT_EQ(saved("swp2"), "");
 }
 
-TEST_F(PortSectionsTest, OperatorsShutdownStaysTheOperators) {
+TEST_F(PortSectionsTest, OperatorsShutdownStillBelongsToTheOperator) {
     start();
     operator_types(102, "shutdown");
     program(102, "shutdown");
@@ -190,7 +190,7 @@ TEST_F(PortSectionsTest, PortOpenedFromOutsideIsNoLongerTheProgramsShutdown) {
 }
 
 // The kernel takes a device down before it removes it.
-TEST_F(PortSectionsTest, PortThatGoesDownOnItsWayOutWasNeverShut) {
+TEST_F(PortSectionsTest, PortThatGoesDownBeforeItsRemovalWasNeverShut) {
     start();
     operator_types(102, "tarn port loop-detect warning");
     qv::Port port = *rig.model.find(102U);
@@ -250,7 +250,7 @@ void held_and_saved(const std::string& path) {
 
 const std::string kClaimed =
     "CLI-4-CLAIMED: Interface swp2 was held shut, and the saved configuration does not say so: "
-    "'loop-detect apply shutdown-port' is put in force again.";
+    "'loop-detect apply shutdown-port' is applied again.";
 
 TEST_F(PortSectionsTest, HeldPortIsClaimedWhenTheSavedFileIsLost) {
     rig.hardware.set_admin(102, false);
@@ -309,7 +309,7 @@ TEST_F(PortSectionsTest, PortThatWasOnItsWayUpIsBroughtUp) {
     EXPECT_EQ(saved("swp2"), "");
 }
 
-TEST_F(PortSectionsTest, HeldPortStaysTheProgramsThroughTwoCrashes) {
+TEST_F(PortSectionsTest, HeldPortBelongsToTheProgramAfterTwoCrashes) {
     rig.hardware.set_admin(102, false);  // as the last process left it
     was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n");
     start();
@@ -322,7 +322,7 @@ TEST_F(PortSectionsTest, HeldPortStaysTheProgramsThroughTwoCrashes) {
     EXPECT_EQ(saved("swp2"), " no shutdown\n");
 }
 
-TEST_F(PortSectionsTest, HeldPortThatNobodyClaimsIsBroughtBack) {
+TEST_F(PortSectionsTest, UnclaimedHeldPortIsBroughtUp) {
     rig.hardware.set_admin(102, false);
     g_refuses = true;
     was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n");
@@ -331,7 +331,7 @@ TEST_F(PortSectionsTest, HeldPortThatNobodyClaimsIsBroughtBack) {
     EXPECT_EQ(
         rig.platform.log.lines(),
         Lines{"CLI-4-RELEASED: Interface swp2 was held shut and nobody claims it any more: it "
-              "is brought back."});
+              "is brought up."});
 }
 
 TEST_F(PortSectionsTest, OperatorsShutdownIsReplayed) {
@@ -342,7 +342,7 @@ TEST_F(PortSectionsTest, OperatorsShutdownIsReplayed) {
 }
 
 // A driver reads pending notifications of other ports when it changes one.
-TEST_F(PortSectionsTest, PortThatGoesInTheMidstOfItsReplayGetsItsWholeSectionWhenItIsBack) {
+TEST_F(PortSectionsTest, PortRemovedDuringItsReplayGetsItsWholeSectionWhenItReturns) {
     rig.hardware.set_admin(102, false);
     was_saved(
         "interface swp2\n shutdown\n tarn port loop-detect warning\n"
@@ -365,7 +365,7 @@ TEST_F(PortSectionsTest, PortThatGoesInTheMidstOfItsReplayGetsItsWholeSectionWhe
 TEST_F(PortSectionsTest, PortThatIsBackBetweenTheModesAndTheRestHasItsModeAgain) {
     was_saved("interface swp2\n switchport mode hybrid\n tarn port loop-detect warning\n!\n");
     cli_client_ready();
-    rig.platform.loop().post([&] {  // behind the modes, in front of the rest
+    rig.platform.loop().post([&] {  // after the modes, before the rest
         rig.hardware.remove(102);
         rig.hardware.add("swp2", 202);
     });
@@ -374,7 +374,7 @@ TEST_F(PortSectionsTest, PortThatIsBackBetweenTheModesAndTheRestHasItsModeAgain)
     EXPECT_EQ(saved("swp2"), " switchport mode hybrid\n tarn port loop-detect warning\n");
 }
 
-TEST_F(PortSectionsTest, PortThatGoesAndIsBackInTheMidstOfItsReplayGetsItsWholeSection) {
+TEST_F(PortSectionsTest, PortRemovedAndAddedDuringItsReplayGetsItsWholeSection) {
     rig.hardware.set_admin(102, false);
     was_saved("interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n");
     rig.hardware.before_change = [&] {
@@ -389,7 +389,7 @@ TEST_F(PortSectionsTest, PortThatGoesAndIsBackInTheMidstOfItsReplayGetsItsWholeS
     EXPECT_EQ(saved("swp2"), " shutdown\n loop-detect apply shutdown-port\n");
 }
 
-TEST_F(PortSectionsTest, PortThatGoesWhileAnotherIsReplayedKeepsItsSection) {
+TEST_F(PortSectionsTest, PortRemovedDuringTheReplayOfAnotherKeepsItsSection) {
     was_saved("interface swp2\n tarn port loop-detect warning\n!\ninterface swp3\n shutdown\n!\n");
     rig.hardware.before_change = [&] {
         rig.hardware.before_change = nullptr;
@@ -400,7 +400,7 @@ TEST_F(PortSectionsTest, PortThatGoesWhileAnotherIsReplayedKeepsItsSection) {
     EXPECT_EQ(saved("swp2"), " tarn port loop-detect warning\n");
 }
 
-TEST_F(PortSectionsTest, PortThatGoesWhileAnotherIsReleasedIsReleasedWhenItIsBack) {
+TEST_F(PortSectionsTest, PortRemovedDuringTheReleaseOfAnotherIsReleasedWhenItReturns) {
     rig.hardware.set_admin(102, false);
     rig.hardware.set_admin(103, false);
     g_refuses = true;
@@ -427,7 +427,7 @@ TEST_F(PortSectionsTest, PortThatLeavesKeepsItsSectionAndGetsItBack) {
     operator_types(102, "tarn port loop-detect warning");
     g_held.insert(102);
     program(102, "shutdown");
-    rig.model.port_left_bridge(102);  // takes its VLAN mode away
+    rig.model.port_left_bridge(102);  // removes its VLAN mode
     g_held.clear();                   // the program re-judges it: it is in no VLAN
     rig.hardware.remove(102);
     rig.platform.run_for(1s);
@@ -473,7 +473,7 @@ TEST_F(PortSectionsTest, SectionOfAPortThatIsBackIsSavedBeforeItIsInForce) {
     EXPECT_FALSE(g_held.contains(202)) << "not in force yet";
 }
 
-TEST_F(PortSectionsTest, SectionOfAPortThatIsBackForAMomentStays) {
+TEST_F(PortSectionsTest, SectionOfAPortThatReturnsBrieflyStays) {
     start();
     g_held.insert(102);
     program(102, "shutdown");
@@ -543,14 +543,14 @@ TEST_F(PortSectionsTest, WishForARenamedPortOutlivesTheLinesThatWereOnTheirWay) 
     program(102, "shutdown");
     qv::Port port = *rig.model.find(102U);
     port.name = "uplink";
-    rig.model.port_changed(port);  // its lines are to be typed again
+    rig.model.port_changed(port);  // its lines must be executed again
     rig.model.port_removed(102);
     EXPECT_EQ(program(102, "no shutdown"), 0);
     rig.platform.run_for(1s);
     EXPECT_EQ(saved("uplink"), " no shutdown\n");
 }
 
-TEST_F(PortSectionsTest, WishIsTakenForAPortThatLeftInTheMidstOfItsReplay) {
+TEST_F(PortSectionsTest, NoShutdownIsAcceptedForAPortRemovedDuringItsReplay) {
     rig.hardware.set_admin(102, false);
     was_saved(
         "interface swp2\n shutdown\n tarn port loop-detect warning\n"
@@ -586,7 +586,7 @@ TEST_F(PortSectionsTest, DefaultInterfaceForgetsAPortThatIsGone) {
     EXPECT_EQ(saved("swp2"), "none");
 }
 
-TEST_F(PortSectionsTest, AbsentPortsStandInTheRunningConfiguration) {
+TEST_F(PortSectionsTest, AbsentPortsAreInTheRunningConfiguration) {
     start();
     operator_types(104, "tarn port loop-detect warning");
     rig.hardware.remove(104);
@@ -608,12 +608,12 @@ TEST_F(PortSectionsTest, OldestAbsentPortsAreDroppedBeyondTheLimit) {
 
 // ---- Renames ----
 
-TEST_F(PortSectionsTest, RenamedPortTakesItsSectionAlong) {
+TEST_F(PortSectionsTest, RenamedPortKeepsItsSection) {
     start();
     g_held.insert(102);
     program(102, "shutdown");
     rig.hardware.rename(102, "uplink");
-    g_held.clear();  // for the program it is another port
+    g_held.clear();  // the program takes it for a new port
     rig.platform.run_for(1s);
     EXPECT_TRUE(g_held.contains(102));
     EXPECT_EQ(saved("uplink"), " shutdown\n loop-detect apply shutdown-port\n");

@@ -1,4 +1,4 @@
-// "configure replace": files that are refused as a whole, the difference, and going back.
+// "configure replace": files that are refused as a whole, the difference, and the timed return.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -89,7 +89,7 @@ TEST_F(Replace, RefusesAWholeFileAndChangesNothing) {
 }
 
 // Such lines would move the session in which the next ones run.
-TEST_F(Replace, RefusesLinesThatAreNoConfiguration) {
+TEST_F(Replace, RefusesLinesThatDoNotConfigure) {
     for (const char* line : {"interface range swp1-2", "interfac swp1", "configure terminal"}) {
         EXPECT_NE(replace(std::string(line) + "\nend\n").find("line 1: Unknown command"),
                   std::string::npos)
@@ -97,7 +97,7 @@ TEST_F(Replace, RefusesLinesThatAreNoConfiguration) {
     }
 }
 
-TEST_F(Replace, TakesCommentsAnywhereAndTheSealOfASavedFile) {
+TEST_F(Replace, AcceptsCommentsAnywhereAndTheSealOfASavedFile) {
     EXPECT_EQ(replace("! one\ninterface swp1\n! two\n shutdown\n ! three\n switchport mode trunk\n"
                       "!\n\nend\n! four\n\n! five\n"),
               "");
@@ -155,8 +155,8 @@ TEST_F(Replace, SectionOfAnAbsentPortIsNamedKeptAndForgotten) {
               refusal("line 2: Unknown command: 'bogus'."));
 }
 
-// A driver reads pending notifications, also of this port, when it changes one.
-TEST_F(Replace, PortThatGoesInTheMidstOfItsSectionIsKeptAsTheFileSays) {
+// A driver reads pending notifications, even of this port, when it changes one.
+TEST_F(Replace, PortRemovedDuringItsSectionKeepsTheSectionOfTheFile) {
     rig.hardware.before_change = [&] {
         rig.hardware.before_change = nullptr;
         rig.model.port_removed(101);
@@ -168,7 +168,7 @@ TEST_F(Replace, PortThatGoesInTheMidstOfItsSectionIsKeptAsTheFileSays) {
         running().ends_with("interface swp1\n shutdown\n tarn port loop-detect warning\n!\n"));
 }
 
-TEST_F(Replace, PortThatGoesWhileItsLinesAreTakenBackIsForgotten) {
+TEST_F(Replace, PortRemovedWhileItsLinesAreUndoneIsDropped) {
     rig.announce_ready();
     configure({"interface swp1", "shutdown", "tarn port loop-detect warning"});
     rig.hardware.before_change = [&] {
@@ -181,7 +181,7 @@ TEST_F(Replace, PortThatGoesWhileItsLinesAreTakenBackIsForgotten) {
 
 bool g_loose = true;
 
-TEST_F(Replace, GoesOnAfterALineThatCannotBeTakenBack) {
+TEST_F(Replace, ContinuesAfterALineThatCannotBeUndone) {
     using namespace qv::cli;
     const cli_node* end = end_of_line([](cli_pcdb*) { return 0; });
     const cli_node* print = print_config(
@@ -191,7 +191,7 @@ TEST_F(Replace, GoesOnAfterALineThatCannotBeTakenBack) {
         },
         end);
     attach(CLI_CHAIN_CONFIG, keyword("stubborn", "", print), "test");
-    // And one behind it, in the same section, that can.
+    // And one after it, in the same section, that can.
     const cli_node* let_go = end_of_line([](cli_pcdb*) {
         g_loose = false;
         return 0;
@@ -206,7 +206,7 @@ TEST_F(Replace, GoesOnAfterALineThatCannotBeTakenBack) {
         with_no(let_go, end));
     attach(CLI_CHAIN_CONFIG, keyword("loose", "", print_loose), "test");
     configure({"interface swp1", "shutdown"});
-    EXPECT_EQ(replace("interface swp1\n!\nend\n"), "% stubborn: cannot be taken back.\n");
+    EXPECT_EQ(replace("interface swp1\n!\nend\n"), "% stubborn: cannot be undone.\n");
     EXPECT_EQ(rig.code, 1);
     EXPECT_FALSE(g_loose);
     EXPECT_TRUE(rig.model.find(101U)->admin_up);
@@ -219,7 +219,7 @@ TEST_F(Replace, ARefusedLineIsNamed) {
     EXPECT_EQ(rig.code, 1);
 }
 
-TEST_F(Replace, GoesBackUnlessItIsConfirmedInTime) {
+TEST_F(Replace, ReturnsUnlessItIsConfirmedInTime) {
     configure({"tarn enable", "interface swp1", "shutdown"});
     const std::string before = running();
     EXPECT_EQ(replace("interface swp1\n!\nend\n", " confirm 10"), "");
@@ -231,7 +231,7 @@ TEST_F(Replace, GoesBackUnlessItIsConfirmedInTime) {
     EXPECT_EQ(running(), before);
     EXPECT_EQ(log(),
               "CLI-4-REVERT: The configuration was not confirmed in time: the one before is back.");
-    EXPECT_EQ(rig.type("configure confirm"), "% Nothing waits to be confirmed.\n");
+    EXPECT_EQ(rig.type("configure confirm"), "% There is nothing to confirm.\n");
     EXPECT_EQ(replace("end\n"), "") << "nothing waits any more";
 }
 
@@ -251,7 +251,7 @@ TEST_F(Replace, StaysWhenItIsConfirmed) {
     EXPECT_EQ(replace("end\n", " confirm 1441"), "% Number out of range: '1441' (1-1440).\n");
 }
 
-TEST_F(Replace, GoesBackAfterAMinuteOfRealTimeOnAFastClock) {
+TEST_F(Replace, ReturnsAfterAMinuteOfRealTimeOnAFastClock) {
     rig.platform.settings.speed = 10.0;
     configure({"interface swp1", "shutdown"});
     EXPECT_EQ(replace("end\n", " confirm 1"), "");
@@ -261,7 +261,7 @@ TEST_F(Replace, GoesBackAfterAMinuteOfRealTimeOnAFastClock) {
     EXPECT_FALSE(rig.model.find(101U)->admin_up);
 }
 
-TEST_F(Replace, GoingBackTellsThatSomeOfItsLinesWereRefused) {
+TEST_F(Replace, ReturnReportsThatSomeOfItsLinesWereRefused) {
     configure({"interface swp1", "shutdown"});
     EXPECT_EQ(replace("end\n", " confirm 1"), "");
     rig.hardware.refusal = "the port is burnt";
@@ -271,7 +271,7 @@ TEST_F(Replace, GoingBackTellsThatSomeOfItsLinesWereRefused) {
               "but some of its lines were refused.");
 }
 
-TEST_F(Replace, GoesOnAfterARefusedLineAndSaysSoInTheEnd) {
+TEST_F(Replace, ContinuesAfterARefusedLineAndReportsIt) {
     using namespace qv::cli;
     const cli_node* silent = end_of_line([](cli_pcdb*) { return 7; });
     const cli_node* loud = end_of_line([](cli_pcdb*) {
@@ -293,7 +293,7 @@ TEST_F(Replace, GoesOnAfterARefusedLineAndSaysSoInTheEnd) {
 
 bool g_quiet = true;
 
-TEST_F(Replace, LineWithNoInFrontIsTakenBackByTheLineWithoutIt) {
+TEST_F(Replace, LineThatBeginsWithNoIsUndoneByTheLineWithoutIt) {
     using namespace qv::cli;
     const cli_node* off = end_of_line([](cli_pcdb*) {
         g_quiet = true;
@@ -322,7 +322,7 @@ TEST_F(Replace, ValueThatTheOldOneBeginsWithIsAnotherOne) {
     EXPECT_TRUE(running().starts_with("tarn error-recover interval 90\ninterface swp1\n"));
 }
 
-TEST_F(Replace, CommentBehindATabEndsNoSection) {
+TEST_F(Replace, CommentAfterATabEndsNoSection) {
     EXPECT_EQ(replace("interface swp1\n\t! a word\n\tshutdown\n!\n\tend\n"), "");
     EXPECT_FALSE(rig.model.find(101U)->admin_up);
 }
@@ -338,7 +338,7 @@ TEST_F(Replace, GlobalLinesMayFollowASectionThatNothingEnds) {
               refusal("line 3: Unknown command: 'shutdown'."));
 }
 
-TEST_F(Replace, PortThatGoesWhileItsLinesAreTakenBackKeepsWhatTheFileSays) {
+TEST_F(Replace, PortRemovedWhileItsLinesAreUndoneKeepsTheSectionOfTheFile) {
     configure({"interface swp1", "shutdown", "tarn port loop-detect warning"});
     rig.hardware.before_change = [&] {
         rig.hardware.before_change = nullptr;
@@ -349,10 +349,10 @@ TEST_F(Replace, PortThatGoesWhileItsLinesAreTakenBackKeepsWhatTheFileSays) {
         << running();
 }
 
-TEST_F(Replace, RefusedFileIsNothingToGoBackFrom) {
+TEST_F(Replace, RefusedFileBeginsNoTrial) {
     EXPECT_EQ(replace("", " confirm 5"),
               refusal("The line 'end' is missing: the file is not whole."));
-    EXPECT_EQ(rig.type("configure confirm"), "% Nothing waits to be confirmed.\n");
+    EXPECT_EQ(rig.type("configure confirm"), "% There is nothing to confirm.\n");
 }
 
 TEST_F(Replace, RefusesMoreAbsentPortsThanCanBeKept) {
@@ -382,11 +382,11 @@ TEST_F(Replace, RefusesMoreCommandsThanTheLoopHasTimeFor) {
 TEST_F(Replace, ReadsRegularFilesOnly) {
     EXPECT_EQ(rig.type("configure replace /nowhere/at/all"),
               "% /nowhere/at/all: No such file or directory.\n");
-    EXPECT_EQ(rig.type("configure replace /dev/null"), "% /dev/null: It is no regular file.\n");
+    EXPECT_EQ(rig.type("configure replace /dev/null"), "% /dev/null: It is not a regular file.\n");
     EXPECT_EQ(rig.type("configure replace " + rig.folder.path()),
-              "% " + rig.folder.path() + ": It is no regular file.\n");
+              "% " + rig.folder.path() + ": It is not a regular file.\n");
     ASSERT_EQ(::mkfifo(file.c_str(), 0644), 0);
-    EXPECT_EQ(rig.type("configure replace " + file), refusal("It is no regular file."));
+    EXPECT_EQ(rig.type("configure replace " + file), refusal("It is not a regular file."));
     ::unlink(file.c_str());
     write_text(rig.folder.file("real"), "end\n");
     std::filesystem::create_symlink(rig.folder.file("real"), file);
@@ -495,7 +495,7 @@ TEST_F(Replace, WordsAreTakenOffALineUntilNoneIsLeft) {
         },
         end_of_line([](cli_pcdb*) { return 0; }));
     attach(CLI_CHAIN_CONFIG, keyword("one", "", keyword("two", "", print)), "test");
-    EXPECT_EQ(replace("end\n"), "% one two: cannot be taken back.\n");
+    EXPECT_EQ(replace("end\n"), "% one two: cannot be undone.\n");
 }
 
 TEST_F(Replace, LineForAnotherTypeOfPortIsOneOfAnAbsentPortOnly) {

@@ -57,11 +57,11 @@ class SavedConfig : public ::testing::Test {
     }
     Lines log() const { return rig.platform.log.lines(); }
 
-    // Puts a configuration in place as an earlier process saved it.
+    // Writes a configuration as an earlier process saved it.
     void was_saved(const std::string& text) {
         write_text(rig.saved(), qv::cli::seal_config(text + "end\n", 0));
     }
-    // The configuration in the file, without its end; what is no valid one as it stands.
+    // The configuration in the file, without its end; an invalid one unchanged.
     std::string saved_text() const {
         const auto config = qv::cli::unseal_config(read_text(rig.saved()));
         constexpr std::string_view kEnd = "end\n";
@@ -101,7 +101,7 @@ TEST_F(SavedConfig, LaterAnnouncementRunsTheHooksWithoutTheReplay) {
     EXPECT_EQ(g_events, (Lines{"start 0", "config 0 one", "end", "start 0", "end"}));
 }
 
-TEST_F(SavedConfig, MissingFileIsNoTrouble) {
+TEST_F(SavedConfig, MissingFileIsNotAnError) {
     rig.announce_ready();
     EXPECT_EQ(g_events, (Lines{"start 0", "end"}));
     EXPECT_EQ(log(), Lines{});
@@ -173,7 +173,7 @@ TEST_F(SavedConfig, LineOfTheSwitchsOwnProgramsIsSaved) {
         << "nobody claims that it holds the port";
 }
 
-TEST_F(SavedConfig, LineRefusedInPartIsSavedForWhatItDid) {
+TEST_F(SavedConfig, PartlyRefusedLineIsSavedForItsEffect) {
     rig.announce_ready();
     rig.session.mode = "interface";
     rig.session.ifx = 101;
@@ -224,17 +224,17 @@ TEST_F(SavedConfig, NothingIsSavedBeforeTheReplay) {
     const std::string before = read_text(rig.saved());
     cli_syn_config_notify();
     rig.platform.run_for(1s);
-    EXPECT_EQ(rig.type("write"), "% Not saved: the saved configuration is not in force yet.\n");
+    EXPECT_EQ(rig.type("write"), "% Not saved: the saved configuration is not applied yet.\n");
     EXPECT_EQ(read_text(rig.saved()), before);
 }
 
-// Between the VLAN modes and the rest of a replay the loop goes on.
-TEST_F(SavedConfig, EndInTheMidstOfTheReplayLeavesTheFileAlone) {
+// The loop runs on between the VLAN modes and the rest of a replay.
+TEST_F(SavedConfig, EndDuringTheReplayLeavesTheFileAlone) {
     was_saved("global one\ninterface swp1\n switchport mode hybrid\n shutdown\n!\n");
     const std::string before = read_text(rig.saved());
     cli_client_ready();
     rig.platform.loop().post([] {
-        // In front of the rest, behind the modes.
+        // Before the rest, after the modes.
         qv::platform().loop().post([] { qv::cli::config_keeper()->saver().save_last(); });
         EXPECT_EQ(g_events, Lines{"start 0"});
         qv::cli::config_keeper()->saver().save_last();
@@ -247,7 +247,7 @@ TEST_F(SavedConfig, EndInTheMidstOfTheReplayLeavesTheFileAlone) {
     EXPECT_NE(before, read_text(rig.saved()));
 }
 
-TEST_F(SavedConfig, FileThatSomebodyRemovesIsSavedAgain) {
+TEST_F(SavedConfig, RemovedFileIsSavedAgain) {
     rig.announce_ready();
     type_in_config("tarn enable");
     rig.platform.run_for(60s);
@@ -263,7 +263,7 @@ TEST_F(SavedConfig, FileThatSomebodyRemovesIsSavedAgain) {
 }
 
 // As for a port that is created again: its driver learns late that it was up in between.
-TEST_F(SavedConfig, ShutdownIsSavedAlthoughNewsThatThePortWasUpComesLate) {
+TEST_F(SavedConfig, ShutdownIsSavedDespiteALateReportThatThePortWasUp) {
     rig.announce_ready();
     rig.hardware.set_admin(101, false);
     rig.hardware.before_change = [this] {
@@ -277,7 +277,7 @@ TEST_F(SavedConfig, ShutdownIsSavedAlthoughNewsThatThePortWasUpComesLate) {
     EXPECT_EQ(saved_text(), "interface swp1\n shutdown\n" + kPorts.substr(15));
 }
 
-TEST_F(SavedConfig, JournalThatSomebodyRemovesIsBackWithTheNextShutdown) {
+TEST_F(SavedConfig, RemovedJournalIsCreatedAgainByTheNextShutdown) {
     rig.announce_ready();
     rig.platform.run_for(60s);
     std::filesystem::remove(rig.saved() + ".journal");
@@ -309,7 +309,7 @@ TEST_F(SavedConfig, FullDiskLeavesTheOldFileAndIsReportedOnceAndRetried) {
     EXPECT_EQ(saved_text(), "tarn enable\n" + kPorts);
 }
 
-TEST_F(SavedConfig, WriteTellsWhyItCannotSave) {
+TEST_F(SavedConfig, WriteReportsWhyItCannotSave) {
     rig.announce_ready();
     std::filesystem::create_directory(rig.saved());
     EXPECT_EQ(rig.type("write"), "% Not saved: Is a directory.\n");
@@ -331,7 +331,7 @@ TEST_F(SavedConfig, FileThatCannotBeReadIsLeftAlone) {
     EXPECT_TRUE(std::filesystem::exists(rig.saved()));
 }
 
-TEST_F(SavedConfig, EveryLineThatSomebodyTypesIsSavedWithinASecond) {
+TEST_F(SavedConfig, EveryTypedLineIsSavedWithinASecond) {
     rig.announce_ready();
     rig.platform.run_for(1s);
     type_in_config("tarn enable");
@@ -436,7 +436,7 @@ TEST_F(SavedConfig, ManyPortsAreGeneratedAFewAtATime) {
     EXPECT_EQ(qv::cli::parse_config(text).size(), 1U + 2U * 504);
 }
 
-TEST_F(SavedConfig, PortThatComesBetweenTwoSlicesIsSavedToo) {
+TEST_F(SavedConfig, PortAddedBetweenTwoSlicesIsSavedToo) {
     rig.announce_ready();
     for (uint32_t ifx = 1000; ifx < 1200; ++ifx) {
         rig.hardware.add("eth" + std::to_string(ifx), ifx);
@@ -446,7 +446,7 @@ TEST_F(SavedConfig, PortThatComesBetweenTwoSlicesIsSavedToo) {
     qv::cli::ConfigSaver& saver = qv::cli::config_keeper()->saver();
     saver.request();
     rig.platform.manual_clock.advance(100ms);
-    // One turn takes 64 ports; the port below comes in when its index has had its turn.
+    // One turn takes 64 ports; the port below is added when its index has been passed.
     rig.platform.loop().post([&] {
         rig.hardware.add("late", 50);
         rig.model.port_changed(*rig.model.find(50U));
@@ -457,7 +457,7 @@ TEST_F(SavedConfig, PortThatComesBetweenTwoSlicesIsSavedToo) {
     EXPECT_NE(saved_text().find("interface late\n!\n"), std::string::npos);
 }
 
-TEST_F(SavedConfig, WriteSavesAtOnceAndTakesTheChangeUnderWayAlong) {
+TEST_F(SavedConfig, WriteSavesAtOnceAndIncludesThePendingChange) {
     rig.announce_ready();
     rig.platform.run_for(1s);
     type_in_config("tarn enable");
@@ -469,7 +469,7 @@ TEST_F(SavedConfig, WriteSavesAtOnceAndTakesTheChangeUnderWayAlong) {
     EXPECT_EQ(file_number(rig.saved()), written) << "nothing is left to be saved";
 }
 
-TEST_F(SavedConfig, StartupConfigurationTellsWhenItWasSavedAndWhetherThatFails) {
+TEST_F(SavedConfig, StartupConfigurationShowsTheTimeOfItsSaveAndFailures) {
     rig.announce_ready();
     type_in_config("tarn enable");
     rig.platform.run_for(1s);
@@ -588,7 +588,7 @@ class EndingBackground final : public qv::Background {
  public:
     void run(std::function<void()> work, qv::EventLoop::Task) override {
         EXPECT_FALSE(ended) << "nobody is there to do it";
-        work();  // and what is to follow waits for a loop that has no more turn
+        work();  // and the completion waits for a loop that never runs again
     }
     bool ended = false;
 };
@@ -619,7 +619,7 @@ TEST_F(SavedConfig, LeftoverOfADeadProcessIsNeverTakenForTheConfiguration) {
     EXPECT_FALSE(std::filesystem::exists(rig.saved() + ".new"));
 }
 
-TEST_F(SavedConfig, RequestOnTheLoopsThreadWaitsForWhatIsMoreUrgent) {
+TEST_F(SavedConfig, RequestOnTheLoopsThreadWaitsForMoreUrgentWork) {
     rig.announce_ready();
     rig.platform.run_for(1s);
     qv::cli::attach(

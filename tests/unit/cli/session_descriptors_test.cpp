@@ -19,7 +19,7 @@ int next_descriptor() {
     return fd;
 }
 
-// Allows descriptors below `end` alone; the result is the limit before.
+// Allows only descriptors below `end`; returns the previous limit.
 rlim_t limit_descriptors(rlim_t end) {
     rlimit limit{};
     getrlimit(RLIMIT_NOFILE, &limit);

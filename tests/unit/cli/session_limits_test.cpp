@@ -64,7 +64,7 @@ struct Server {
     qv::test::CliRig rig;
 };
 
-TEST(SessionLimits, ClientBeyondTheLimitIsToldSoAndClosed) {
+TEST(SessionLimits, ClientBeyondTheLimitGetsAReasonAndIsClosed) {
     Server server(settings(2, 0));
     auto first = server.connect();
     const auto second = server.connect();
@@ -108,7 +108,7 @@ TEST(SessionLimits, LastSixteenDescriptorsAreNotForSessions) {
     EXPECT_EQ(server.ask(*accepted), kVersionReply);
 }
 
-TEST(SessionLimits, IdleSessionIsToldSoAndClosed) {
+TEST(SessionLimits, IdleSessionGetsAReasonAndIsClosed) {
     Server server(settings(64, 100));
     const auto client = server.connect();
     server.rig.platform.run_for(60s);
@@ -164,7 +164,7 @@ TEST(SessionLimits, SessionThatWaitsForAnAnswerIsNotIdle) {
     server.rig.platform.run_for(1050s);
     g_later({0, "late\n"});
     EXPECT_EQ(client->receive(), "{\"output\":\"late\\n\",\"prompt\":\"lda# \",\"result\":0}\n");
-    // From the answer on it is.
+    // It is idle from the answer on.
     server.rig.platform.run_for(101s);
     EXPECT_EQ(client->receive(), kIdleReply);
 }
@@ -194,7 +194,7 @@ TEST(SessionLimits, SessionThatWaitsForASlowClientIsNotIdle) {
     EXPECT_EQ(server.ask(*client).find("idle"), std::string::npos);
 }
 
-TEST(SessionLimits, RequestsBehindTheOneThatEndsASessionAreNotExecuted) {
+TEST(SessionLimits, RequestsAfterTheEndOfASessionAreNotExecuted) {
     Server server;
     const auto client = server.connect();
     EXPECT_EQ(server.ask(*client, std::string("{\"exec\": \"exit\"}\n") + kVersion),
@@ -219,7 +219,7 @@ TEST(SessionLimits, ClientThatCannotBeWatchedIsServedOnceAndClosed) {
     EXPECT_EQ(server.ask(*server.connect()), kVersionReply);
 }
 
-TEST(SessionLimits, SessionThatIsWatchedGoesOnWhenNothingMoreCanBe) {
+TEST(SessionLimits, WatchedSessionContinuesWhenNoMoreCanBeWatched) {
     Server server;
     const auto client = server.connect();
     EXPECT_EQ(server.ask(*client), kVersionReply);
@@ -259,7 +259,7 @@ TEST_F(SocketFile, IsPutBackWithItsFolder) {
     EXPECT_EQ(server.ask(*server.connect()), kVersionReply);
 }
 
-TEST_F(SocketFile, ThatIsPutBackAgainAndAgainTakesOneDescriptor) {
+TEST_F(SocketFile, ThatIsRecreatedRepeatedlyUsesOneDescriptor) {
     server.rig.platform.run_ready();
     const size_t before = qv::test::open_descriptors();
     for (int times = 0; times < 3; ++times) {
@@ -304,7 +304,7 @@ TEST_F(SocketFile, ThatCannotBeWatchedIsTriedAgainASecondLater) {
     EXPECT_EQ(client->receive(), kVersionReply);
 }
 
-TEST_F(SocketFile, OfSomebodyElseIsLeftAlone) {
+TEST_F(SocketFile, OfAnotherProcessIsLeftAlone) {
     std::filesystem::remove(path());
     qv::test::write_text(path(), "precious");
     server.rig.platform.run_for(60s);

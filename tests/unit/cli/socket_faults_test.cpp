@@ -16,7 +16,7 @@
 #include "tests/unit/cli/wire_client.h"
 
 namespace {
-int g_recv_error = 0;  // of the next call, as the next one
+int g_recv_error = 0;  // of the next call, like the next one
 int g_send_error = 0;
 int g_reads = 0;
 int g_full = 0;  // calls that found the client's buffer full
@@ -91,7 +91,7 @@ class SocketFaults : public ::testing::Test {
         rig.platform.run_ready();
         return g_reads;
     }
-    // Shows messages to a client that monitors and reads nothing, until one has to wait.
+    // Shows messages to a client that monitors and reads nothing, until one must wait.
     void fill_with_messages() {
         ask("{\"exec\": \"terminal monitor\"}\n");
         g_full = 0;
@@ -185,7 +185,7 @@ TEST_F(SocketFaults, SessionThatWaitsForAnAnswerReadsOneTurnAhead) {
     EXPECT_EQ(reads_of_one_more_byte(), 0);
 }
 
-TEST_F(SocketFaults, SessionThatHoldsMuchOutputReadsNothing) {
+TEST_F(SocketFaults, SessionWithMuchUnsentOutputReadsNothing) {
     client.send("{\"exec\": \"much\"}\n");
     rig.platform.run_ready();
     EXPECT_EQ(reads_of_one_more_byte(), 0);

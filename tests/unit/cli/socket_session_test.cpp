@@ -110,7 +110,7 @@ TEST_F(SocketSession, LineInAModeOfItsOwnLeavesTheSessionWhereItWas) {
     }
 }
 
-TEST_F(SocketSession, BytesThatAreNoTextAreReplacedInTheReply) {
+TEST_F(SocketSession, InvalidUtf8IsReplacedInTheReply) {
     rig.hardware.add("sw\xffp", 120);
     const auto client = connect();
     const std::string reply = ask(*client, R"({"exec": "show interfaces status"})");
@@ -134,7 +134,7 @@ TEST_F(SocketSession, ExitEndsTheSessionAfterItsReply) {
     EXPECT_TRUE(client->closed_by_server());
 }
 
-TEST_F(SocketSession, WhatIsNoRequestIsAnsweredAndTheSessionGoesOn) {
+TEST_F(SocketSession, InvalidRequestIsAnsweredAndTheSessionContinues) {
     const auto client = connect();
     for (const char* request : {"not json", "[]", "{}", "{\"exec\": 5}", "\x01\xff", "",
                                 "{\"exec\": \"exit\", \"mode\": 7}",
@@ -172,7 +172,7 @@ TEST_F(SocketSession, RequestWithoutEndIsRefusedAndTheSessionClosed) {
     EXPECT_TRUE(client->closed_by_server());
 }
 
-TEST_F(SocketSession, WholeRequestThatIsTooLongIsRefusedAndTheSessionGoesOn) {
+TEST_F(SocketSession, CompleteRequestThatIsTooLongIsRefusedAndTheSessionContinues) {
     const auto client = connect();
     for (int i = 0; i < 64; ++i) {
         client->send(std::string(1024, ' '));
@@ -358,7 +358,7 @@ TEST_F(SocketSession, MonitoringSessionIsShownMessagesAndOthersAreNot) {
     EXPECT_EQ(monitors->receive(), "");
 }
 
-TEST_F(SocketSession, MonitoringClientThatNeverReadsHoldsNoMoreThanItsBuffer) {
+TEST_F(SocketSession, MonitoringClientThatNeverReadsUsesOnlyItsBuffer) {
     const auto client = connect();
     ask(*client, R"({"exec": "terminal monitor"})");
     for (int i = 0; i < 20000; ++i) {
@@ -457,7 +457,7 @@ TEST_F(SlowClient, ThatHasCaughtUpIsNotDropped) {
     EXPECT_EQ(ask(*client, R"({"exec": "show version"})"), kVersionReply);
 }
 
-TEST_F(SlowClient, ThatTakesNothingForAMinuteIsDroppedThen) {
+TEST_F(SlowClient, ThatReadsNothingForAMinuteIsDropped) {
     rig.platform.run_for(std::chrono::seconds(59));
     client->receive();
     rig.platform.run_for(std::chrono::seconds(59));
@@ -480,7 +480,7 @@ TEST_F(SocketSession, ClientThatWaitsWhenTheFileIsRemovedIsServed) {
     EXPECT_EQ(client->receive(), kVersionReply);
 }
 
-TEST_F(SocketSession, PortThatGoesTakesTheSessionOutOfItsMode) {
+TEST_F(SocketSession, RemovedPortEndsTheModeOfItsSession) {
     const auto client = connect();
     ask(*client, R"({"exec": "configure terminal"})");
     ask(*client, R"({"exec": "interface swp2"})");

@@ -25,7 +25,7 @@ class DefaultsObserver final : public qv::PortObserver {
 
 class SwitchCommands : public ::testing::Test {
  protected:
-    // Types lines, beginning in mode exec. Returns the output of all of them.
+    // Types lines, starting in mode exec, and returns their whole output.
     std::string from_exec(const std::vector<std::string>& lines) {
         rig.session = {};
         std::string output;
@@ -92,7 +92,7 @@ TEST_F(SwitchCommands, BadRangesAreRefused) {
     EXPECT_EQ(prompt(), "lda(config)# ");
 }
 
-TEST_F(SwitchCommands, ShutdownActsOnThePortAndStandsInTheConfiguration) {
+TEST_F(SwitchCommands, ShutdownActsOnThePortAndIsInTheConfiguration) {
     EXPECT_EQ(configure({"interface swp2", "shutdown"}), "");
     EXPECT_FALSE(rig.model.find(102U)->admin_up);
     EXPECT_EQ(from_exec({"show running-config"}),
@@ -149,7 +149,7 @@ TEST_F(SwitchCommands, VlanModeIsSetAndTakenBack) {
     EXPECT_EQ(rig.model.find(102U)->mode, SWPORT_MODE_ACCESS);
 }
 
-TEST_F(SwitchCommands, DefaultInterfaceSetsItsLinesBackAndTellsThePortModel) {
+TEST_F(SwitchCommands, DefaultInterfaceResetsItsLinesAndNotifiesThePortModel) {
     static DefaultsObserver observer;
     rig.model.add_observer(observer);
     configure({"interface swp1", "shutdown", "switchport mode hybrid",
@@ -163,7 +163,7 @@ TEST_F(SwitchCommands, DefaultInterfaceSetsItsLinesBackAndTellsThePortModel) {
     EXPECT_EQ(configure({"default interface swp8"}), "% Unknown interface: 'swp8'.\n");
 }
 
-TEST_F(SwitchCommands, DefaultsOfAPortThatRefusesAreToldAllTheSame) {
+TEST_F(SwitchCommands, DefaultsOfAPortThatRefusesAreStillReported) {
     static DefaultsObserver observer;
     rig.model.add_observer(observer);
     configure({"interface swp1", "switchport mode hybrid"});
@@ -318,7 +318,7 @@ void control(int operation) {
     }
 }
 
-TEST_F(SwitchCommands, DebugSwitchesGoOnAndOffAndShowTheirState) {
+TEST_F(SwitchCommands, DebugSwitchesTurnOnAndOffAndShowTheirState) {
     EXPECT_EQ(sys_add_debug("lda-debug", control), 0);
     EXPECT_EQ(sys_add_debug("lda-debug", control), -1);
     EXPECT_EQ(sys_add_debug("", control), -1);

@@ -1,5 +1,4 @@
-// "configure terminal revert": what goes back, what stays, and what happens after a crash in
-// between.
+// "configure terminal revert": what is returned, what stays, and the effect of a crash in between.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -46,7 +45,7 @@ class TimedReturn : public qv::test::HeldPorts {
     qv::test::OperatorSession ann{"ann", 1234, 812};
 };
 
-TEST_F(TimedReturn, TakesBackWhatWasTypedWhenTheTimeIsOver) {
+TEST_F(TimedReturn, UndoesTypedLinesWhenTheTimeIsOver) {
     start();
     type({"configure terminal", "tarn enable", "interface swp1", "shutdown", "end"});
     const std::string before = rig.type("show running-config");
@@ -75,7 +74,7 @@ TEST_F(TimedReturn, ConfirmedConfigurationStays) {
     expire();
     EXPECT_FALSE(up(101));
     EXPECT_EQ(log(), Lines{});
-    EXPECT_EQ(ann.type("configure confirm"), "% Nothing waits to be confirmed.\n");
+    EXPECT_EQ(ann.type("configure confirm"), "% There is nothing to confirm.\n");
 }
 
 TEST_F(TimedReturn, ConfirmationOverTheSocketIsAnsweredWhenItIsOnTheDisk) {
@@ -112,7 +111,7 @@ TEST_F(TimedReturn, OnlyOneCanBePending) {
     EXPECT_EQ(ann.type("configure terminal revert 1440"), "");
 }
 
-TEST_F(TimedReturn, SurvivesTheSessionThatAskedForIt) {
+TEST_F(TimedReturn, SurvivesItsSession) {
     start();
     {
         qv::test::WireClient client(rig.platform.settings.cli_socket);
@@ -126,7 +125,7 @@ TEST_F(TimedReturn, SurvivesTheSessionThatAskedForIt) {
     EXPECT_EQ(log(), Lines{kIsBack});
 }
 
-TEST_F(TimedReturn, SavedConfigurationSaysThatItGoesBack) {
+TEST_F(TimedReturn, SavedConfigurationSaysThatItReturns) {
     start();
     EXPECT_EQ(rig.type("show startup-config").find("Goes back"), std::string::npos);
     type({"configure terminal revert 10", "tarn enable", "end"});
@@ -153,7 +152,7 @@ TEST_F(TimedReturn, PortThatAProgramHasShutStaysShut) {
     EXPECT_EQ(saved("swp2"), " shutdown\n " + kHeld + "\n");
 }
 
-TEST_F(TimedReturn, PortThatAProgramHasBroughtBackStaysUp) {
+TEST_F(TimedReturn, PortThatAProgramHasBroughtUpStaysUp) {
     start();
     program(102, "shutdown");
     program(102, kHeld.c_str());
@@ -178,7 +177,7 @@ TEST_F(TimedReturn, PortThatAProgramIsAboutToBringBackIsLeftToIt) {
     EXPECT_EQ(saved("swp2"), " no shutdown\n");
 }
 
-TEST_F(TimedReturn, OtherLinesOfAHeldPortGoBack) {
+TEST_F(TimedReturn, OtherLinesOfAHeldPortReturn) {
     start();
     type({"configure terminal revert 10", "interface swp2", "switchport mode trunk", "end"});
     program(102, "shutdown");
@@ -217,8 +216,8 @@ TEST_F(TimedReturn, PortThatLeftWhileHeldKeepsWhatTheProgramSaid) {
     EXPECT_EQ(section("swp2"), "interface swp2\n shutdown\n " + kHeld + "\n");
 }
 
-// The same machinery as behind "configure replace FILE confirm".
-TEST_F(TimedReturn, ReplacementThatGoesBackLeavesAHeldPortShut) {
+// "configure replace FILE confirm" uses the same return.
+TEST_F(TimedReturn, ReturnOfAReplacementLeavesAHeldPortShut) {
     start();
     const std::string target = rig.folder.file("target");
     write_text(target, "tarn enable\nend\n");
@@ -241,11 +240,11 @@ TEST_F(TimedReturn, TrialDoesNotBeginWhenItsReturnCannotBeKept) {
                   "% The present configuration cannot be kept in " + file + ": File too large.\n");
     }
     EXPECT_EQ(ann.state.mode, "exec");
-    EXPECT_EQ(ann.type("configure confirm"), "% Nothing waits to be confirmed.\n");
+    EXPECT_EQ(ann.type("configure confirm"), "% There is nothing to confirm.\n");
     EXPECT_EQ(ann.type("configure terminal revert 10"), "") << "there is room again";
 }
 
-TEST_F(TimedReturn, FileStaysUntilTheConfigurationBeforeIsSaved) {
+TEST_F(TimedReturn, FileStaysUntilThePreviousConfigurationIsSaved) {
     start();
     type({"configure terminal revert 10", "interface swp1", "shutdown", "end"});
     rig.platform.run_for(1s);
@@ -274,7 +273,7 @@ TEST_F(TimedReturn, NextTrialKeepsItsFileWhenTheLastOneEndsLate) {
     EXPECT_TRUE(file_exists());
 }
 
-TEST_F(TimedReturn, ConfirmationSaysThatARestartWouldStillGoBack) {
+TEST_F(TimedReturn, ConfirmationSaysThatARestartWouldStillReturn) {
     start();
     type({"configure terminal revert 10", "end"});
     std::filesystem::remove(file);
@@ -294,7 +293,7 @@ TEST_F(TimedReturn, SavesNothingBeforeTheReplay) {
 
 // ---- Restarts ----
 
-// Due `from_now` seconds from now, as asked for with `minutes`.
+// A return due `from_now` seconds from now, requested with `minutes`.
 std::string kept(std::chrono::seconds from_now, const std::string& minutes,
                  const std::string& config) {
     const auto due = std::chrono::system_clock::now() + from_now;
@@ -312,7 +311,7 @@ class ReturnAfterARestart : public TimedReturn {
     const std::string before = "interface swp1\n!\ninterface swp2\n shutdown\n!\n";
 };
 
-TEST_F(TimedReturn, FileHoldsWhatTheNextStartNeeds) {
+TEST_F(TimedReturn, FileHasEverythingThatTheNextStartNeeds) {
     start();
     type({"configure terminal", "tarn enable", "interface swp2", "shutdown", "end"});
     program(103, "shutdown");
@@ -358,7 +357,7 @@ TEST_F(ReturnAfterARestart, RestOfTheTimeIsWaitedFor) {
     EXPECT_TRUE(up(101));
 }
 
-TEST_F(ReturnAfterARestart, ClockThatWasSetBackDelaysItByTheTimeAskedForAtMost) {
+TEST_F(ReturnAfterARestart, ClockSetBackDelaysItByAtMostTheRequestedTime) {
     write_text(file, kept(24h * 365, "2", before));
     rig.announce_ready();
     rig.platform.run_for(119s);
@@ -394,10 +393,10 @@ TEST_P(DamagedReturn, IsReportedAndKeptAside) {
     start();
     rig.platform.run_for(1min);
     EXPECT_FALSE(up(101));
-    EXPECT_EQ(qv::test::logged(rig.platform.log, "CLI-3-REVERT: "),
-              Lines{"CLI-3-REVERT: The configuration to go back to is lost, and what is in force "
-                    "stays: " +
-                    file + ": the file is damaged."});
+    EXPECT_EQ(
+        qv::test::logged(rig.platform.log, "CLI-3-REVERT: "),
+        Lines{"CLI-3-REVERT: The previous configuration is lost, and the running one stays: " +
+              file + ": the file is damaged."});
     EXPECT_FALSE(file_exists());
     EXPECT_EQ(read_text(file + ".damaged"), GetParam());
 }
@@ -413,7 +412,7 @@ INSTANTIATE_TEST_SUITE_P(
 TEST_F(ReturnAfterARestart, WithoutAFileNothingIsSaid) {
     start();
     EXPECT_EQ(log(), Lines{});
-    EXPECT_EQ(ann.type("configure confirm"), "% Nothing waits to be confirmed.\n");
+    EXPECT_EQ(ann.type("configure confirm"), "% There is nothing to confirm.\n");
 }
 
 }  // namespace

@@ -22,7 +22,7 @@ using qv::test::open_descriptors;
 
 class UnixSocket : public ::testing::Test {
  protected:
-    // Why there is no listener at `path`.
+    // The reason why nothing can listen at `path`.
     static std::string refusal(const std::string& path) {
         try {
             ::close(listen_at(path));
@@ -45,7 +45,7 @@ TEST_F(UnixSocket, FoldersThatAreMissingAreMade) {
     EXPECT_TRUE(is_socket(path));
 }
 
-TEST_F(UnixSocket, PathIsRefusedThatNoAddressHolds) {
+TEST_F(UnixSocket, PathTooLongForAnAddressIsRefused) {
     const std::string longest = folder.file(std::string(106 - folder.path().size(), 'x'));
     ASSERT_EQ(longest.size(), 107U);
     EXPECT_EQ(refusal(longest), "none");
@@ -57,7 +57,7 @@ TEST_F(UnixSocket, PathIsRefusedThatNoAddressHolds) {
     EXPECT_EQ(errno, ENAMETOOLONG);
 }
 
-// It is no stream socket, so nobody can connect to it here, but it may be in use.
+// It is not a stream socket, so nobody can connect to it here, but it may be in use.
 TEST_F(UnixSocket, SocketOfAnotherKindIsNotReplaced) {
     const std::string path = folder.file("datagrams");
     const int other = ::socket(AF_UNIX, SOCK_DGRAM, 0);
@@ -76,8 +76,8 @@ TEST_F(UnixSocket, RefusalsTakeNoDescriptor) {
     qv::test::write_text(folder.file("file"), "no socket");
     const size_t before = open_descriptors();
     EXPECT_EQ(refusal(used), "cannot listen at " + used + ": another process listens there");
-    EXPECT_EQ(refusal(folder.file("file")),
-              "cannot listen at " + folder.file("file") + ": there is something that is no socket");
+    EXPECT_EQ(refusal(folder.file("file")), "cannot listen at " + folder.file("file") +
+                                                ": there is something that is not a socket");
     EXPECT_EQ(refusal(folder.file("file/below")),
               "cannot listen at " + folder.file("file/below") + ": Not a directory");
     EXPECT_EQ(connect_to(folder.file("none")), -1);

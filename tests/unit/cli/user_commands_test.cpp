@@ -34,7 +34,7 @@ struct ShowUsers : ::testing::Test {
         rig.platform.run_ready();
         return client;
     }
-    // What a line prints in the client's session.
+    // Returns the output of a line in the client's session.
     std::string type(WireClient& client, const std::string& line, const std::string& more = "") {
         client.send("{\"exec\": \"" + line + "\"" + more + "}\n");
         rig.platform.run_ready();

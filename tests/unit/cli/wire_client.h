@@ -12,11 +12,11 @@ class WireClient {
     WireClient(const WireClient&) = delete;
     WireClient& operator=(const WireClient&) = delete;
 
-    // Sends what fits; the result is the number of bytes that did.
+    // Sends what fits and returns the number of bytes sent.
     size_t send(const std::string& bytes);
-    // Everything that has come since the last call.
+    // Everything that has arrived since the last call.
     std::string receive();
-    // At most `size` bytes of it; how many there were.
+    // Reads at most `size` bytes and returns their number.
     size_t receive_some(char* bytes, size_t size);
     // Says that no more will be sent; replies can still be received.
     void end_output();

@@ -54,20 +54,20 @@ TEST_F(Bridge, ConnectCallbackRunsThroughTheLoop) {
     EXPECT_EQ(g_connected, 1);
 }
 
-TEST_F(Bridge, AgentWithoutAConnectCallbackIsConnectedAllTheSame) {
+TEST_F(Bridge, AgentWithoutAConnectCallbackIsStillConnected) {
     bridge_agent_set_connect_callback(nullptr);
     EXPECT_EQ(bridge_agent_init("LDA", rig.master()), 0);
     rig.run();
 }
 
-TEST_F(Bridge, ChangeBeforeTheSelectionIsNotTold) {
+TEST_F(Bridge, ChangeBeforeTheSelectionIsNotReported) {
     EXPECT_EQ(bridge_agent_init("LDA", rig.master()), 0);
     set_mode(1, SWPORT_MODE_TRUNK);
     select(BRIDGE_EVENT_MODE_CHANGE);
     EXPECT_EQ(heard(), Texts{});
 }
 
-TEST_F(Bridge, PortIsToldOfWithTheAggregateItIsInAfterTheChange) {
+TEST_F(Bridge, PortIsReportedWithItsAggregateAfterTheChange) {
     select(BRIDGE_EVENT_MODE_CHANGE);
     rig.change(1, [](Port& port) {
         port.mode = SWPORT_MODE_TRUNK;
@@ -89,14 +89,14 @@ TEST_F(Bridge, AgentWithoutAMasterIsRefused) {
     EXPECT_EQ(bridge_agent_init("LDA", nullptr), -1);
 }
 
-TEST_F(Bridge, ModeChangeIsToldThroughTheLoopWithTheNewMode) {
+TEST_F(Bridge, ModeChangeIsReportedThroughTheLoopWithTheNewMode) {
     select(415);
     set_mode(2, SWPORT_MODE_HYBRID);
     EXPECT_EQ(g_heard, Texts{});
     EXPECT_EQ(heard(), Texts{"415: port 2 mode 7"});
 }
 
-TEST_F(Bridge, EachChangeIsToldInOrder) {
+TEST_F(Bridge, EachChangeIsReportedInOrder) {
     select(415);
     set_mode(2, SWPORT_MODE_TRUNK);
     set_mode(1, SWPORT_MODE_HYBRID);
@@ -104,7 +104,7 @@ TEST_F(Bridge, EachChangeIsToldInOrder) {
     EXPECT_EQ(heard(), (Texts{"415: port 2 mode 2", "415: port 1 mode 7", "415: port 2 mode 1"}));
 }
 
-TEST_F(Bridge, OtherSelectionHearsNothing) {
+TEST_F(Bridge, OtherSelectionGetsNothing) {
     select(414);
     set_mode(2, SWPORT_MODE_HYBRID);
     EXPECT_EQ(heard(), Texts{});
@@ -117,7 +117,7 @@ TEST_F(Bridge, LaterSelectionReplacesTheEarlierOne) {
     EXPECT_EQ(heard(), Texts{});
 }
 
-TEST_F(Bridge, ChangeIsNotToldToWhomHasTurnedAwayMeanwhile) {
+TEST_F(Bridge, ChangeIsNotReportedAfterTheSelectionHasChanged) {
     select(415);
     set_mode(2, SWPORT_MODE_TRUNK);
     select(414);
@@ -130,7 +130,7 @@ TEST_F(Bridge, SelectionNeedsEventsAndAHandler) {
     EXPECT_NE(bridge_client_reg_event(&events, nullptr), 0);
 }
 
-TEST_F(Bridge, OtherChangesOfAPortAreNotTold) {
+TEST_F(Bridge, OtherChangesOfAPortAreNotReported) {
     select(415);
     rig.change(2, [](Port& port) { port.oper_up = false; });
     rig.change(2, [](Port& port) { port.aggregate = 30; });

@@ -14,7 +14,7 @@ using Lines = std::vector<std::string>;
 
 constexpr char kKey[] = "p_cmps_sln/lda/storm_dct_ratelimit/default_value";
 
-// The file is read once in a process, so each of these runs in a process of its own.
+// The file is read once in a process, so each of these tests runs in its own process.
 struct CapTest : testing::Test {
     test::TestPlatform platform;
     test::TemporaryDirectory directory;
@@ -22,7 +22,7 @@ struct CapTest : testing::Test {
     void use_file(const std::string& text) {
         platform.settings.capabilities = directory.write("cap.toml", text);
     }
-    // Result, and the value that stood in for an untouched one.
+    // The result, and the value, which was set before the call.
     std::pair<int, int32_t> get(const char* key) {
         int32_t value = 4711;
         const int result = libqv_cap_get_capacity_int32("LDA", key, &value, -1);

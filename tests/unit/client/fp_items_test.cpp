@@ -104,7 +104,7 @@ TEST(ForwardingItems, EightItemsAreReadAndNineAreInvalid) {
     EXPECT_EQ(read_matches(entry, rule), EOPNOTSUPP) << "the last one counts as well";
 }
 
-TEST(ForwardingItems, BuiltItemHoldsWhatWasGivenAndZeroes) {
+TEST(ForwardingItems, BuiltItemHasItsArgumentsAndZeroes) {
     fp_item made;
     std::memset(&made, 0xee, sizeof made);
     const Bytes value = {1, 2, 3};

@@ -1,4 +1,4 @@
-// The forwarding-plane ACL service over a plane that does what the test says.
+// The forwarding-plane ACL service over a scripted plane.
 #include "qv/fp_udp.h"
 
 #include <cerrno>
@@ -28,7 +28,7 @@ std::string shown(const ForwardingRule& rule) {
     return text + (rule.counted ? " counted" : "");
 }
 
-// Records what it is asked for. Answers at once unless it is held; failures are scripted.
+// Records requests. Answers at once unless it is held; failures are scripted.
 class ScriptedPlane final : public ForwardingDriver {
  public:
     void start(ForwardingSink& to) override {
@@ -74,7 +74,7 @@ class ScriptedPlane final : public ForwardingDriver {
 
 constexpr char kApp[] = "test_app";
 
-// Handlers have no argument of their own.
+// Handlers take no argument of ours.
 Lines* g_events = nullptr;
 qv_mom_client* const g_client = reinterpret_cast<qv_mom_client*>(&g_events);
 
@@ -268,7 +268,7 @@ TEST_F(FpUdp, ManyReportsAllArrive) {
     EXPECT_EQ(take_events().size(), 100000u);
 }
 
-TEST_F(FpUdp, CountersOfWhatHasGoneAreDropped) {
+TEST_F(FpUdp, CountersOfRemovedObjectsAreDropped) {
     install_port_5();
     const fp_acl_key acl = key(5);
     const fp_apply_point point = port(5);
@@ -347,7 +347,7 @@ TEST_F(FpUdp, RuleThatThePlaneLosesLaterIsAFailedApply) {
     EXPECT_EQ(take_events(), Lines{});
 }
 
-TEST_F(FpUdp, AclThatFailsLateTakesItsRuleOutOfThePlane) {
+TEST_F(FpUdp, LateFailureOfAnAclRemovesItsRule) {
     install_port_5();
     plane.sink->failed(1, ENOSPC);
     EXPECT_EQ(plane.take_requests(), Lines{"remove 3"});
@@ -356,7 +356,7 @@ TEST_F(FpUdp, AclThatFailsLateTakesItsRuleOutOfThePlane) {
     EXPECT_EQ(take_events(), Lines{});
 }
 
-TEST_F(FpUdp, EntryThatFailsLateTakesItsRuleOutOfThePlane) {
+TEST_F(FpUdp, LateFailureOfAnEntryRemovesItsRule) {
     install_port_5();
     add_entry(5);
     plane.take_requests();
@@ -366,7 +366,7 @@ TEST_F(FpUdp, EntryThatFailsLateTakesItsRuleOutOfThePlane) {
     EXPECT_EQ(plane.take_requests(), Lines{"remove 3"});
 }
 
-TEST_F(FpUdp, LateAnswerToWhatWasRemovedIsDropped) {
+TEST_F(FpUdp, LateAnswerToARemovedObjectIsDropped) {
     register_all();
     plane.held = true;
     create(5);
@@ -381,7 +381,7 @@ TEST_F(FpUdp, LateAnswerToWhatWasRemovedIsDropped) {
     EXPECT_EQ(take_events(), Lines{});
 }
 
-TEST_F(FpUdp, ResultOnItsWayIsDroppedWhenItsObjectGoes) {
+TEST_F(FpUdp, PendingResultIsDroppedWithItsObject) {
     register_all();
     plane.apply_error = EIO;
     create(5);
@@ -460,7 +460,7 @@ TEST_F(FpUdp, RegistrationsNeedAClientAndATable) {
     EXPECT_EQ(fp_udp_register_acl_handler(g_client, 8, nullptr), EINVAL);
 }
 
-TEST_F(FpUdp, WhatDoesNotExistCannotBeUsedOrRemoved) {
+TEST_F(FpUdp, MissingObjectsCannotBeUsedOrRemoved) {
     register_all();
     const fp_acl_key acl = key(5);
     const fp_apply_point point = port(5);
@@ -654,7 +654,7 @@ TEST_F(FpUdp, WithoutCounterRegistrationNoHandlerIsCalled) {
     EXPECT_EQ(take_events(), Lines{});
 }
 
-TEST_F(FpUdp, EmptySlotsDropWhatWouldGoThere) {
+TEST_F(FpUdp, EmptySlotsDropTheirResults) {
     fp_udp_register_app_type(kApp);
     fp_udp_cgst_register(g_client, 8, "TEST");
     const fp_udp_acl_handler handlers{};

@@ -14,7 +14,7 @@ using Texts = std::vector<std::string>;
 
 Texts g_heard;
 int g_connected = 0;
-void (*g_inside)() = nullptr;  // what the next handler call does before it returns
+void (*g_inside)() = nullptr;  // runs inside the next handler call
 
 std::string text(const char* name, uint32_t event, const void* message) {
     std::string line = name + (" " + std::to_string(event));
@@ -59,7 +59,7 @@ void on_layer(uint32_t event, void* message) {
                       " flags " + std::to_string(words[56]));
 }
 
-// Everything the agent asks for: switched ports in the four classes, and the ports that exist.
+// Registers like the agent: switched ports in the four classes, and the existing ports.
 void register_all() {
     ++g_connected;
     uint8_t types[LSM_TYPE_BITMAP_BYTES] = {0xfc, 0x07};  // 2 to 10
@@ -89,7 +89,7 @@ class LsmTest : public ::testing::Test {
         rig.run();
     }
 
-    // Connected with three ports, the announcement heard.
+    // Connects with three ports, and receives their announcement.
     void start() {
         add(1);
         add(2);
@@ -122,7 +122,7 @@ TEST_F(Lsm, AgentWithoutAMasterOrANameIsRefused) {
     EXPECT_EQ(lsm_agent_init(nullptr, rig.master()), -1);
 }
 
-TEST_F(Lsm, AgentWithoutAConnectCallbackIsConnectedAllTheSame) {
+TEST_F(Lsm, AgentWithoutAConnectCallbackIsStillConnected) {
     lsm_agent_set_connect_callback(nullptr);
     EXPECT_EQ(lsm_agent_init("LDA", rig.master()), 0);
     rig.run();
@@ -132,7 +132,7 @@ TEST_F(Lsm, SelectionWithoutTypesIsRefused) {
     EXPECT_EQ(lsm_client_reg_event_ex(LSM_CLASS_PORT, nullptr, 0x7), -1);
 }
 
-TEST_F(Lsm, ExistingPortsAreAnnouncedThenEveryHandlerHearsThatTheyAreReady) {
+TEST_F(Lsm, ExistingPortsAreAnnouncedBeforeEveryHandlerGetsPortReady) {
     add(2);
     add(1);
     add(30, LSM_TYPE_AGGREGATE);
@@ -152,7 +152,7 @@ TEST_F(Lsm, PortsThatCompleteAfterRegistrationAreAnnouncedWhenTheyDo) {
     EXPECT_EQ(heard(), (Texts{"layer 48", "bridge 48", "port 48", "aggregate 48"}));
 }
 
-TEST_F(Lsm, HandlerOfTwoClassesHearsOnceThatThePortsAreReady) {
+TEST_F(Lsm, HandlerOfTwoClassesGetsPortReadyOnce) {
     rig.model.ports_complete();
     connect([] {
         lsm_client_set_mode(2);
@@ -163,7 +163,7 @@ TEST_F(Lsm, HandlerOfTwoClassesHearsOnceThatThePortsAreReady) {
     EXPECT_EQ(heard(), Texts{"port 48"});
 }
 
-TEST_F(Lsm, WithoutModeTwoOnlyLaterPortsAreTold) {
+TEST_F(Lsm, WithoutModeTwoOnlyLaterPortsAreAnnounced) {
     add(1);
     rig.model.ports_complete();
     connect([] {
@@ -177,7 +177,7 @@ TEST_F(Lsm, WithoutModeTwoOnlyLaterPortsAreTold) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 2"}));
 }
 
-TEST_F(Lsm, WithoutModeTwoThePortsOfTheStartAreNotTold) {
+TEST_F(Lsm, WithoutModeTwoInitialPortsAreNotAnnounced) {
     connect([] {
         const uint8_t types[LSM_TYPE_BITMAP_BYTES] = {0xfc, 0x07};
         lsm_client_reg_event_ex(LSM_CLASS_PORT, types, 0x7);
@@ -191,7 +191,7 @@ TEST_F(Lsm, WithoutModeTwoThePortsOfTheStartAreNotTold) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 2"}));
 }
 
-TEST_F(Lsm, NothingIsToldBeforeTheRegistrationIsOver) {
+TEST_F(Lsm, NothingIsReportedBeforeTheRegistrationIsOver) {
     rig.model.ports_complete();
     connect([] {
         const uint8_t types[LSM_TYPE_BITMAP_BYTES] = {0xfc, 0x07};
@@ -216,7 +216,7 @@ TEST_F(Lsm, PortsThatCompleteBeforeTheRegistrationIsOverAreAnnouncedAfterIt) {
     EXPECT_EQ(heard(), Texts{"port 48"});
 }
 
-TEST_F(Lsm, EventThatTwoSelectionsCoverIsToldOnce) {
+TEST_F(Lsm, EventThatTwoSelectionsCoverIsReportedOnce) {
     rig.model.ports_complete();
     connect([] {
         const uint8_t switched[LSM_TYPE_BITMAP_BYTES] = {0xfc, 0x07};
@@ -239,7 +239,7 @@ TEST_F(Lsm, AddDeleteAndDefaultReachTheClassOfPorts) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 3", "port 2 port 3", "port 1 port 3"}));
 }
 
-TEST_F(Lsm, RenamedPortIsToldAsRemovedAndAdded) {
+TEST_F(Lsm, RenamedPortIsReportedAsRemovedAndAdded) {
     start();
     rig.change(1, [](Port& port) { port.name = "uplink"; });
     EXPECT_EQ(heard(), (Texts{"port 1 port 1", "port 0 port 1"}));
@@ -255,7 +255,7 @@ TEST_F(Lsm, HandlerNeverRunsInsideTheChange) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 3"}));
 }
 
-TEST_F(Lsm, PortThatIsGoneBeforeItsEventIsToldKeepsTheOrder) {
+TEST_F(Lsm, PortRemovedBeforeItsEventIsReportedKeepsTheOrder) {
     start();
     add(3);
     rig.model.port_removed(3);
@@ -263,7 +263,7 @@ TEST_F(Lsm, PortThatIsGoneBeforeItsEventIsToldKeepsTheOrder) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 3", "port 1 port 3"}));
 }
 
-TEST_F(Lsm, ChangeMadeInsideAHandlerIsToldAfterIt) {
+TEST_F(Lsm, ChangeMadeInsideAHandlerIsReportedAfterIt) {
     start();
     add(3);
     g_inside = [] {
@@ -272,7 +272,7 @@ TEST_F(Lsm, ChangeMadeInsideAHandlerIsToldAfterIt) {
     EXPECT_EQ(heard(), (Texts{"port 0 port 3", "port 1 port 3"}));
 }
 
-TEST_F(Lsm, TypesThatWereNotSelectedAreNotTold) {
+TEST_F(Lsm, UnselectedTypesAreNotReported) {
     start();
     add(40, LSM_TYPE_OTHER);
     add(41, LSM_TYPE_VLAN);
@@ -281,7 +281,7 @@ TEST_F(Lsm, TypesThatWereNotSelectedAreNotTold) {
     EXPECT_EQ(heard(), Texts{});
 }
 
-TEST_F(Lsm, EventsThatWereNotSelectedAreNotTold) {
+TEST_F(Lsm, UnselectedEventsAreNotReported) {
     rig.model.ports_complete();
     connect([] {
         const uint8_t types[LSM_TYPE_BITMAP_BYTES] = {0xfc, 0x07};
@@ -318,7 +318,7 @@ TEST_F(Lsm, LeavingTheBridgeReachesItsClass) {
     EXPECT_EQ(heard(), (Texts{"bridge 1 port 2"}));
 }
 
-TEST_F(Lsm, AggregateMembershipTellsChangeAggregateAndMember) {
+TEST_F(Lsm, AggregateMembershipReportsChangeAggregateAndMember) {
     start();
     rig.change(2, [](Port& port) { port.aggregate = 30; });
     EXPECT_EQ(heard(), (Texts{"aggregate 11 joined 30 by 2"}));
@@ -334,14 +334,14 @@ TEST_F(Lsm, MoveBetweenAggregatesLeavesTheOldOneFirst) {
                               "aggregate 11 joined 31 by 2"}));
 }
 
-TEST_F(Lsm, VirtualSwitchLinkIsToldWithItsFlag) {
+TEST_F(Lsm, VirtualSwitchLinkIsReportedWithItsFlag) {
     start();
     rig.change(2, [](Port& port) { port.vsl = true; });
     rig.change(2, [](Port& port) { port.vsl = false; });
     EXPECT_EQ(heard(), (Texts{"layer 0 port 2 flags 1024", "layer 1 port 2 flags 0"}));
 }
 
-TEST_F(Lsm, StateChangesOfOtherKindsAreNotTold) {
+TEST_F(Lsm, StateChangesOfOtherKindsAreNotReported) {
     start();
     rig.change(2, [](Port& port) { port.admin_up = port.oper_up = false; });
     rig.change(2, [](Port& port) { port.mode = SWPORT_MODE_HYBRID; });
@@ -406,7 +406,7 @@ TEST_F(Lsm, WalkGoesUpTheIndexesAndStopsAtTheFirstResult) {
     EXPECT_EQ(lsm_walk_through_ex(until_four, nullptr), -5);
 }
 
-TEST_F(Lsm, PortsMayGoDuringTheWalk) {
+TEST_F(Lsm, PortsMayBeRemovedDuringTheWalk) {
     for (uint32_t ifx = 1; ifx <= 4; ifx++) {
         add(ifx);
     }

@@ -42,7 +42,7 @@ TEST(MomKey, NumberIsWrittenInDecimal) {
     EXPECT_EQ(qv::record_key(record.base), "p_bridge.tarn_loop_info/ifx=0");
 }
 
-TEST(MomKey, TextStandsAsItIs) {
+TEST(MomKey, TextIsUnchanged) {
     EXPECT_EQ(loop_entry_key("swp1"), "p_app.lda_loop_entry/name=swp1");
     EXPECT_EQ(loop_entry_key(""), "p_app.lda_loop_entry/name=");
     EXPECT_EQ(loop_entry_key("Ten GigE 1.2:3"), "p_app.lda_loop_entry/name=Ten GigE 1.2:3");
@@ -64,7 +64,7 @@ TEST(MomKey, SeveralFieldsAreWrittenInNumberOrder) {
     EXPECT_EQ(qv::record_key(record.base), "p_mng.ui_operate/publisher=netconf%2C1,type=-2,oid=9");
 }
 
-// An index of kinds of fields that no record of this switch has.
+// An index with kinds of fields that no record of this switch has.
 struct OddIndex {
     ProtobufCMessage base;
     int64_t below;
@@ -130,7 +130,7 @@ TEST(MomKey, EveryKindOfPlainFieldIsWritten) {
     EXPECT_EQ(odd_key({fields[2]}, kIndexField, values), "odd.record/flag=0");
 }
 
-TEST(MomKey, IndexThatIsNoListOfPlainFieldsMakesNoKey) {
+TEST(MomKey, IndexWithOtherThanPlainFieldsHasNoKey) {
     const OddIndex values{};
     const ProtobufCFieldDescriptor plain =
         field("above", PROTOBUF_C_TYPE_UINT64, offsetof(OddIndex, above));
@@ -171,7 +171,7 @@ TEST(MomKey, PatternLeavesFieldsAtTheirDefaultOpen) {
     EXPECT_EQ(operation_pattern("ui", 0, 7), "p_mng.ui_operate/publisher=ui,type=*,oid=7");
 }
 
-TEST(MomKey, TextThatReadsZeroIsNoDefault) {
+TEST(MomKey, TextZeroIsNotADefault) {
     EXPECT_EQ(operation_pattern("0", 0, 0), "p_mng.ui_operate/publisher=0,type=*,oid=*");
 }
 

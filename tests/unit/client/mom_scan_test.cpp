@@ -1,5 +1,5 @@
-// Scans beside notices, in orders that only a distant store produces. The store is played by the
-// test, report by report.
+// Scans beside notices, in orders that only a distant store produces. The test plays the store,
+// report by report.
 #include "tests/support/store_fixture.h"
 
 #include <set>
@@ -90,13 +90,13 @@ TEST_F(MomScan, NoticeOvertakesTheScannedRecord) {
     EXPECT_EQ(g_heard, (Lines{"1/0/4 ifx=7 vid=1 loop=0 src=7", "1/0/4 ifx=8 vid=1 loop=1 src=8"}));
 }
 
-TEST_F(MomScan, DeletedRecordDoesNotComeBack) {
+TEST_F(MomScan, DeletedRecordIsNotDelivered) {
     store.notice("\1"s + LoopInfo(7, 0, 0, 0).packed());
     store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
     EXPECT_EQ(g_heard, Lines{"1/1/4 ifx=7 vid=0 loop=0 src=0"});
 }
 
-TEST_F(MomScan, PublishedRecordTakesNoPlaceInTheStore) {
+TEST_F(MomScan, PublishedRecordIsNotStored) {
     store.notice("\2"s + LoopInfo(7, 1, 0, 7).packed());
     store.scanned("p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 7).packed());
     EXPECT_EQ(g_heard, (Lines{"1/2/4 ifx=7 vid=1 loop=0 src=7", "1/0/4 ifx=7 vid=1 loop=1 src=7"}));

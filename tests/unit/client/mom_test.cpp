@@ -138,7 +138,7 @@ TEST_P(Store, DatabasesAndTypesAreApart) {
     EXPECT_EQ(world->keys(4), Lines{"p_app.lda_loop_entry/name=swp1"});
 }
 
-TEST_P(Store, DeletingWhatDoesNotExistIsNoError) {
+TEST_P(Store, DeletingAMissingRecordIsNotAnError) {
     open(4);
     EXPECT_EQ(qv_mom_del(client, 4, LoopEntry("swp1", 0, false).record(), 0, 0), 0);
     settle();
@@ -146,7 +146,7 @@ TEST_P(Store, DeletingWhatDoesNotExistIsNoError) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_P(Store, DeleteWithAnEmptyKeyRemovesTheTypeAndTellsOfEach) {
+TEST_P(Store, DeleteWithAnEmptyKeyRemovesTheTypeAndReportsEach) {
     open(4);
     qv_mom_subscribe(client, 4, LoopEntry("", 0, false).record(), 0, on_loop_entry, nullptr);
     qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0);
@@ -162,7 +162,7 @@ TEST_P(Store, DeleteWithAnEmptyKeyRemovesTheTypeAndTellsOfEach) {
     EXPECT_EQ(world->keys(4), Lines{"p_bridge.tarn_loop_info/ifx=7"});
 }
 
-TEST_P(Store, DeleteWithAPartOfTheKeyRemovesWhatAgrees) {
+TEST_P(Store, DeleteWithAPartOfTheKeyRemovesMatchingRecords) {
     open(3);
     qv_mom_set(client, 3, Operate("a", 2, 1).record(), 0, 0);
     qv_mom_set(client, 3, Operate("a", 3, 2).record(), 0, 0);
@@ -187,7 +187,7 @@ TEST_P(Store, RecordSetRightAfterABulkDeleteStays) {
     EXPECT_EQ(world->keys(4), Lines{"p_app.lda_loop_entry/name=swp1"});
 }
 
-TEST_P(Store, ScanDeliversWhatExistsThroughTheLoop) {
+TEST_P(Store, ScanDeliversExistingRecordsThroughTheLoop) {
     open(4);
     world->put(4, "p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 8).packed());
     world->put(4, "p_bridge.tarn_loop_info/ifx=9", LoopInfo(9, 2, 0, 9).packed());

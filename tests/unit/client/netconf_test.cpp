@@ -19,7 +19,7 @@ class Notification : public testing::Test {
         qv_mom_client_connect(client, QV_MOM_LOCAL_DB, nullptr, nullptr);
         platform.run_ready();
     }
-    // The client stays, as clients do, but nothing runs it any more.
+    // The client stays, as all clients do, but its loop is gone.
     ~Notification() override { qv_thread_master_finish(master); }
 
     int send(const std::vector<nc_lib_leaf>& leaves) {

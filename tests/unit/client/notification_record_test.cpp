@@ -1,4 +1,4 @@
-// The record of a NETCONF notification as a program on the other side of the store gets it.
+// The record of a NETCONF notification as another program receives it from the store.
 #include <cerrno>
 #include <chrono>
 
@@ -14,7 +14,7 @@ using namespace std::string_literals;
 
 constexpr uint32_t kLocalDb = 3;
 
-// Takes the notices of one channel as they are.
+// Receives the notices of one channel unchanged.
 class RawListener final : public qv::StoreListener {
  public:
     explicit RawListener(World& world) : world_(world), store_(world.driver().connect(*this)) {
@@ -31,7 +31,7 @@ class RawListener final : public qv::StoreListener {
     void scanned(uint64_t /*number*/, std::string_view /*key*/, qv::Bytes /*record*/) override {}
     void scan_done(uint64_t /*number*/) override {}
 
-    // The only notice so far, and forgets it.
+    // Removes and returns the only notice so far.
     std::string take_one() {
         EXPECT_TRUE(world_.run_until([this] { return notices.size() == 1; }));
         Lines taken = std::move(notices);

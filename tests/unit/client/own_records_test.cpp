@@ -94,7 +94,7 @@ TEST_F(OwnRecords, RefusedSetIsNotKept) {
     EXPECT_FALSE(own.contains(4, "p_app.lda_loop_entry/name=swp3"));
 }
 
-TEST_F(OwnRecords, DeleteWhileTheDatabaseIsAwayTakesTheRecordOut) {
+TEST_F(OwnRecords, DeleteWhileTheDatabaseIsAwayRemovesTheRecord) {
     set("swp3");
     set("swp4");
     platform.memory_store().drop(4);
@@ -108,7 +108,7 @@ TEST_F(OwnRecords, DeleteWhileTheDatabaseIsAwayTakesTheRecordOut) {
               (Lines{"4 p_app.lda_loop_entry/name=swp3", "4 p_app.lda_loop_entry/name=swp4"}));
 }
 
-TEST_F(OwnRecords, EachClientAnswersForWhatItHasSetLast) {
+TEST_F(OwnRecords, EachClientOwnsTheRecordsThatItSetLast) {
     qv_mom_client* const other = qv_mom_client_init("OTHER", master, nullptr);
     qv::OwnRecords records;
     records.set(client, 4, "a", {1});
@@ -131,7 +131,7 @@ TEST_F(OwnRecords, EachClientAnswersForWhatItHasSetLast) {
     EXPECT_EQ(records.keys_after(nullptr, {}, 64).keys, Lines{});
 }
 
-TEST_F(OwnRecords, PublishedRecordIsNoneOfTheRecords) {
+TEST_F(OwnRecords, PublishedRecordIsNotAnOwnRecord) {
     ASSERT_EQ(qv_mom_publish(client, 4, LoopEntry("swp3", 1, true).record(), 0, 0), 0);
     EXPECT_FALSE(own.contains(4, "p_app.lda_loop_entry/name=swp3"));
 }

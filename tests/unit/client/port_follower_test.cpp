@@ -1,4 +1,4 @@
-// The changes of the ports that a forwarding plane hears of.
+// The changes of ports that are reported to a forwarding plane.
 #include "platform/client/port_follower.h"
 
 #include <vector>
@@ -33,7 +33,7 @@ struct PortFollowerTest : testing::Test {
     Port port{.ifx = 7, .phyid = 3, .name = "swp3"};
 };
 
-TEST_F(PortFollowerTest, PortsThatComeAndGoAreFollowed) {
+TEST_F(PortFollowerTest, AddedAndRemovedPortsAreFollowed) {
     model.port_added(port);
     EXPECT_EQ(told(), Ids{3});
     model.port_removed(7);

@@ -90,7 +90,7 @@ TEST_F(PortModel, PortsThatSwapTheirNamesAreFoundByTheNewOnes) {
     EXPECT_EQ(rig.model.find("swp1"), nullptr);
 }
 
-TEST_F(PortModel, ReportWithoutADifferenceIsNoChange) {
+TEST_F(PortModel, ReportWithoutADifferenceIsNotAChange) {
     rig.model.port_added(PortsRig::port(7));
     rig.model.port_changed(PortsRig::port(7));
     EXPECT_EQ(heard(), (Texts{"added swp7"}));
@@ -126,7 +126,7 @@ TEST_F(PortModel, ReportsAboutUnknownPortsAreDropped) {
     EXPECT_TRUE(rig.model.ports().empty());
 }
 
-TEST_F(PortModel, RemovedPortIsGoneWhenItsRemovalIsHeard) {
+TEST_F(PortModel, RemovedPortIsGoneWhenItsRemovalIsReported) {
     rig.model.port_added(PortsRig::port(7));
     bool known = true;
     recorder.when_removed = [&](const Port& port) {
@@ -144,7 +144,7 @@ TEST_F(PortModel, PortThatLeftTheBridgeHasNoMode) {
     EXPECT_EQ(heard(), (Texts{"added swp7", "left swp7"}));
 }
 
-TEST_F(PortModel, PortThatGoesIsStillKnownWhenItsRemovalIsAnnounced) {
+TEST_F(PortModel, PortIsStillKnownWhenItsRemovalIsAnnounced) {
     rig.model.port_added(PortsRig::port(7));
     bool known = false;
     recorder.when_removing = [&](const Port& port) {
@@ -155,7 +155,7 @@ TEST_F(PortModel, PortThatGoesIsStillKnownWhenItsRemovalIsAnnounced) {
     EXPECT_EQ(heard(), Texts{"removed swp7"});
 }
 
-TEST_F(PortModel, PortThatLeavesTheBridgeIsToldWithTheModeItHad) {
+TEST_F(PortModel, PortThatLeavesTheBridgeIsReportedWithItsFormerMode) {
     rig.model.port_added(PortsRig::port(7));
     rig.change(7, [](Port& port) { port.mode = SWPORT_MODE_HYBRID; });
     class Modes final : public qv::PortObserver {
@@ -200,7 +200,7 @@ TEST_F(PortModel, PortThatGetsItsOldNameBackWasNeverRenamed) {
     EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to other", "changed other to swp7"}));
 }
 
-TEST_F(PortModel, RenameOfAPortThatGoesIsForgotten) {
+TEST_F(PortModel, RenameOfARemovedPortIsDropped) {
     bool in_use = true;
     rig.model.set_name_in_use([&](const std::string&) { return in_use; });
     rig.model.port_added(PortsRig::port(7));
@@ -211,7 +211,7 @@ TEST_F(PortModel, RenameOfAPortThatGoesIsForgotten) {
     EXPECT_EQ(heard(), (Texts{"added swp7", "changed swp7 to other", "removed other"}));
 }
 
-TEST_F(PortModel, CompletionIsToldOnce) {
+TEST_F(PortModel, CompletionIsReportedOnce) {
     EXPECT_FALSE(rig.model.complete());
     rig.model.ports_complete();
     rig.model.ports_complete();
@@ -219,7 +219,7 @@ TEST_F(PortModel, CompletionIsToldOnce) {
     EXPECT_EQ(heard(), Texts{"complete"});
 }
 
-TEST_F(PortModel, RequestsGoToTheDriverAndItsReasonComesBack) {
+TEST_F(PortModel, RequestsReachTheDriverAndReturnItsReason) {
     rig.model.port_added(PortsRig::port(7));
     EXPECT_EQ(rig.model.set_admin(7, false), "");
     rig.driver.answer = "Operation not permitted";
@@ -233,13 +233,13 @@ TEST_F(PortModel, RequestForAnUnknownPortNeverReachesTheDriver) {
     EXPECT_EQ(rig.driver.requests, Texts{});
 }
 
-TEST_F(PortModel, DefaultsAreToldToTheObservers) {
+TEST_F(PortModel, DefaultsAreReportedToTheObservers) {
     rig.model.port_added(PortsRig::port(7));
     rig.model.restore_defaults(7);
     EXPECT_EQ(heard(), (Texts{"added swp7", "default swp7"}));
 }
 
-TEST_F(PortModel, DeviceMappingGoesBothWays) {
+TEST_F(PortModel, DeviceMappingWorksBothWays) {
     rig.model.port_added(PortsRig::port(7));
     uint32_t id = 0;
     EXPECT_EQ(libddm_get_phyid_by_ifx(7, &id), 0);

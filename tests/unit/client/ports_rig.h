@@ -1,4 +1,4 @@
-// The port clients on a switch that does only what the test says, with a clock that stands still.
+// The port clients on a scripted switch, with a stopped clock.
 #pragma once
 
 #include <map>

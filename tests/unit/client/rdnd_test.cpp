@@ -97,7 +97,7 @@ class Process {
     bool set_up_ = false;
 };
 
-// Stands in for another process that holds the address of a lock.
+// Plays another process that holds the address of a lock.
 class Holder {
  public:
     explicit Holder(const std::string& name) : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -120,7 +120,7 @@ class Holder {
     bool holds_ = false;
 };
 
-// A process registers once, so each of these runs in a process of its own.
+// A process registers once, so each of these tests runs in its own process.
 struct RdndTest : testing::Test {
     test::TestPlatform platform;
     test::TemporaryDirectory directory;
@@ -329,7 +329,7 @@ TEST_F(RdndTest, SimulatedSwitchNeedsNoBridgeOfItsOwn) {
     EXPECT_EQ(g_master_calls, 1);
 }
 
-// Allows the process no further descriptor.
+// Denies the process further descriptors.
 class NoDescriptors {
  public:
     NoDescriptors() {
@@ -382,7 +382,7 @@ TEST_F(RdndTest, HolderOfALockAnswersAnyNumberOfProcesses) {
     EXPECT_EQ(NameLock::holder(test_lock(), test_file()), 0);
 }
 
-TEST_F(RdndTest, LockHoldsAlsoWhereItsHolderCannotAnswer) {
+TEST_F(RdndTest, LockIsValidEvenIfItsHolderCannotAnswer) {
     test::g_no_watch = true;
     NameLock lock;
     EXPECT_EQ(lock.take(loop, test_lock(), test_file()), 0);
@@ -391,7 +391,7 @@ TEST_F(RdndTest, LockHoldsAlsoWhereItsHolderCannotAnswer) {
     EXPECT_EQ(other.take(loop, test_lock(), test_file()), EADDRINUSE);
 }
 
-TEST_F(RdndTest, EachHalfOfALockHoldsItAlone) {
+TEST_F(RdndTest, EachHalfOfALockKeepsOthersOut) {
     NameLock lock;
     ASSERT_EQ(lock.take(loop, test_lock(), test_file()), 0);
     EXPECT_FALSE(lock.address_is_taken());
@@ -417,7 +417,7 @@ TEST_F(RdndTest, LockOfAKilledProcessIsFree) {
     EXPECT_EQ(lock.take(loop, test_lock(), test_file()), 0);
 }
 
-TEST_F(RdndTest, LockThatIsTakenAnewLetsGoOfItsOldName) {
+TEST_F(RdndTest, LockTakenAgainReleasesItsOldName) {
     const size_t before = descriptors();
     NameLock lock;
     ASSERT_EQ(lock.take(loop, test_lock(), test_file()), 0);
@@ -449,7 +449,7 @@ TEST_F(RdndTest, ReleasedLockLeavesLaterDescriptorsAlone) {
     EXPECT_EQ(descriptors(), before + 2);
 }
 
-TEST_F(RdndTest, LongestNameStandsAsItIs) {
+TEST_F(RdndTest, LongestNameIsUnchanged) {
     const std::string name = test_lock() + std::string(107 - test_lock().size(), 'x');
     const Holder other(name);
     ASSERT_TRUE(other.holds());
@@ -457,7 +457,7 @@ TEST_F(RdndTest, LongestNameStandsAsItIs) {
     EXPECT_EQ(lock.take(loop, name, test_file()), EADDRINUSE);
 }
 
-TEST_F(RdndTest, LongNamesOfLocksAreToldApartByTheirEnds) {
+TEST_F(RdndTest, LongNamesOfLocksDifferByTheirEnds) {
     const std::string name = test_lock() + std::string(200, 'x');
     NameLock first;
     NameLock second;
@@ -505,7 +505,7 @@ TEST(AppPublic, InstanceNameBecomesTheProcessName) {
     EXPECT_STREQ(name, "lda-test");
 }
 
-// With a socket that stands in for the supervisor.
+// With a socket in place of the supervisor.
 struct SupervisionTest : RdndTest {
     int supervisor = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
 
@@ -547,7 +547,7 @@ TEST_F(SupervisionTest, WithoutALoopNothingIsReported) {
     EXPECT_EQ(received(), Lines{});
 }
 
-TEST_F(SupervisionTest, WatchdogHearsOfTheLoopAtHalfItsInterval) {
+TEST_F(SupervisionTest, WatchdogIsFedAtHalfItsInterval) {
     setenv("WATCHDOG_USEC", "10000000", 1);
     app_public_init_dead_detection(master);
     EXPECT_EQ(received(), Lines{"WATCHDOG=1"});
@@ -559,7 +559,7 @@ TEST_F(SupervisionTest, WatchdogHearsOfTheLoopAtHalfItsInterval) {
     EXPECT_EQ(received(), Lines(4, "WATCHDOG=1"));
 }
 
-TEST_F(SupervisionTest, StatusNamesWhatIsMissingUntilTheProcessIsReady) {
+TEST_F(SupervisionTest, StatusNamesMissingServicesUntilTheProcessIsReady) {
     report_database(22, true);
     EXPECT_EQ(received(), Lines{"STATUS=waiting for database 22"});
     report_database(4, true);

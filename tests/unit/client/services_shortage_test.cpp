@@ -31,7 +31,7 @@ int take_master() {
     return 0;
 }
 
-// Takes everything and reports nothing.
+// Accepts everything and reports nothing.
 class SilentPlane final : public ForwardingDriver {
  public:
     void start(ForwardingSink& /*to*/) override {}
@@ -62,7 +62,7 @@ TEST(MemoryShortage, CapabilityFileIsReadWhenThereIsMemory) {
     EXPECT_EQ(value, 8000);
 }
 
-TEST(MemoryShortage, RoleCanBeAskedForAgain) {
+TEST(MemoryShortage, RoleCanBeRequestedAgain) {
     Rig rig;
     const rdnd_reg record{.master = rig.master,
                           .module = "lda",

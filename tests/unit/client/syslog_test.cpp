@@ -111,7 +111,7 @@ TEST(MessageLog, MessageWithoutASystemLogIsKeptAmongTheRecentOnes) {
 constexpr SystemLogMessage kMessage{
     .severity = 4, .facility = "LDA", .mnemonic = "RECOVER", .text = "text\r\n"};
 
-TEST(StderrLog, WritesOneLineWithTheTimeInFront) {
+TEST(StderrLog, WritesOneLineThatBeginsWithTheTime) {
     testing::internal::CaptureStderr();
     StderrLog().write(kMessage);
     const std::string line = testing::internal::GetCapturedStderr();

@@ -186,7 +186,7 @@ TEST_F(Thread, DelaysOutOfRangeAreCut) {
     qv_thread_master_finish(master);
 }
 
-TEST_F(Thread, FinishReleasesWhatIsPending) {
+TEST_F(Thread, FinishReleasesPendingTimers) {
     qv_thread* slot = nullptr;
     qv_thread_add_timer(master, remember, word(1), 5);
     qv_thread_insert_timer(master, &slot, remember, word(2), 5, "loop_check");

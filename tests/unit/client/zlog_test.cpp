@@ -13,12 +13,12 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-// The library is initialised once in a process, so each of these runs in a process of its own.
+// The library is initialised once in a process, so each of these tests runs in its own process.
 struct ZlogTest : testing::Test {
     test::TestPlatform platform;
     test::TemporaryDirectory directory;
 
-    // The lines without the time in front of them.
+    // The lines without their times.
     Lines lines(const std::string& file = "lda.log") {
         Lines texts = directory.lines_of(file);
         for (std::string& text : texts) {

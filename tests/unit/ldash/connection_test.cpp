@@ -1,4 +1,4 @@
-// The shell's connection, with a switch at its other end that answers as the test says.
+// The shell's connection to a scripted switch.
 #include "tools/ldash/connection.h"
 
 #include <poll.h>
@@ -19,14 +19,14 @@
 // The linker redirects these calls of the whole program to the test.
 namespace {
 
-// A call that would wait for ever, or is repeated for ever, throws instead.
+// A call that would wait or repeat for ever throws instead.
 constexpr timespec kLimit = {.tv_sec = 20, .tv_nsec = 0};
 constexpr int kMostCalls = 1000;
 
 struct Calls {
-    bool silence = false;     // the next poll() waits in vain
+    bool silence = false;     // the next poll() times out
     int patience_ms = 0;      // of that poll()
-    int interrupted = 0;      // so many calls of send() or recv() end with a signal
+    int interrupted = 0;      // this many calls of send() or recv() end with a signal
     size_t most_sent = 1000;  // bytes in one send()
     int made = 0;             // of send() and recv()
 };
@@ -142,7 +142,7 @@ TEST_F(ConnectionTest, RequestIsOneLineAndEveryPartOfTheReplyIsRead) {
     EXPECT_TRUE(reply.end);
 }
 
-TEST_F(ConnectionTest, ReplyWithoutItsPartsIsNoSuccess) {
+TEST_F(ConnectionTest, IncompleteReplyIsNotASuccess) {
     peer.say("{}");
     const Reply reply = connection->ask("help", "sh");
     EXPECT_EQ(peer.request(), R"({"help":"sh"})");
@@ -152,7 +152,7 @@ TEST_F(ConnectionTest, ReplyWithoutItsPartsIsNoSuccess) {
     EXPECT_FALSE(reply.end);
 }
 
-TEST_F(ConnectionTest, BytesThatAreNoTextAreReplacedInTheRequest) {
+TEST_F(ConnectionTest, InvalidUtf8IsReplacedInTheRequest) {
     peer.say(R"({"result":0})");
     EXPECT_EQ(connection->ask("exec", "show \xff").result, 0);
     EXPECT_EQ(peer.request(), "{\"exec\":\"show \xef\xbf\xbd\"}");
@@ -176,7 +176,7 @@ TEST_F(ConnectionTest, ReplyInPiecesIsPutTogetherAndTheNextOneKept) {
     EXPECT_EQ(second.result, 1);
 }
 
-TEST_F(ConnectionTest, SignalDuringTheWaitForTheReplyIsNoLoss) {
+TEST_F(ConnectionTest, SignalDuringTheWaitForTheReplyIsNotALoss) {
     peer.say(R"({"result":0,"output":"late"})");
     const Reply first = connection->ask("exec", "first");
     EXPECT_EQ(first.output, "late");
@@ -218,7 +218,7 @@ TEST_F(ConnectionTest, MessagesBetweenRepliesAreTakenWithoutAWait) {
     EXPECT_EQ(messages, (Lines{"%LDA-6-INFO: one", "%LDA-6-INFO: two"}));
 }
 
-TEST_F(ConnectionTest, SwitchThatEndsTheSessionByItselfSaysWhy) {
+TEST_F(ConnectionTest, SwitchThatEndsTheSessionGivesTheReason) {
     peer.say(R"({"output":"% Too many sessions (limit 64).\r\n","result":-1,"end":true})");
     EXPECT_EQ(fault_of_ask(), "Too many sessions (limit 64).");
     peer.say(R"({"output":"Bye\n\n","result":-2,"end":true})");
@@ -251,12 +251,12 @@ TEST_F(ConnectionTest, ErrorOfTheSocketIsALoss) {
     EXPECT_EQ(fault_of_take(), kLost);
 }
 
-TEST_F(ConnectionTest, ReplyThatIsNoObjectIsALoss) {
+TEST_F(ConnectionTest, ReplyOtherThanAnObjectIsALoss) {
     peer.say("[]");
     EXPECT_EQ(fault_of_ask(), kLost);
 }
 
-TEST_F(ConnectionTest, OperatorIsToldAfterThreeSecondsThatTheSwitchHasNotAnswered) {
+TEST_F(ConnectionTest, OperatorIsNotifiedAfterThreeSecondsWithoutAnAnswer) {
     g_calls.silence = true;
     peer.say(R"({"result":0,"output":"late"})");
     testing::internal::CaptureStderr();

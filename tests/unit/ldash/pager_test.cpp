@@ -17,13 +17,13 @@ constexpr const char* kSeven =
 struct PagerTest : ShellTest {
     PagerTest() { terminal.resize(4, 10); }
 
-    // Types a line whose output does not fit; the first page with the prompt below it.
+    // Types a line whose output does not fit; returns the first page with the prompt below it.
     std::string stop(const std::string& reply) {
         const std::string shown = line("show", reply, "--More--");
         // Keys may be echoed twice: by the kernel, before the editor takes them, and by the editor.
         return shown.substr(shown.find('\n', shown.rfind("show")) + 1);
     }
-    // Presses a key at the prompt below a page; everything up to `text`.
+    // Presses a key at the prompt below a page; returns the output up to `text`.
     std::string press(const std::string& keys, const std::string& text) {
         terminal.type(keys);
         return terminal.until(text);

@@ -175,7 +175,7 @@ TEST_F(ShellTest, CommandThatRefusesHasNoMarker) {
     EXPECT_EQ(leave(), (Lines{R"({"exec":"show clock"})", R"({"exec":"exit"})"}));
 }
 
-TEST_F(ShellTest, IncompleteLineIsFollowedByWhatCouldCompleteIt) {
+TEST_F(ShellTest, IncompleteLineIsFollowedByItsCompletions) {
     terminal.type("show \n");
     EXPECT_EQ(peer.request(), R"({"exec":"show "})");
     peer.say(R"({"output":"% Incomplete.\n","prompt":"sw# ","result":-1,"wrong_at":4})");
@@ -198,7 +198,7 @@ TEST(Marker, PointsOnlyIntoTheLastRowOfTheLine) {
     EXPECT_EQ(marker("sw# ", "show", 4, 0), "");
 }
 
-TEST_F(ShellTest, QuestionMarkShowsTheHelpForWhatStandsBeforeTheCursor) {
+TEST_F(ShellTest, QuestionMarkShowsTheHelpForTheLineBeforeTheCursor) {
     terminal.type("show\x02\x02?");
     EXPECT_EQ(peer.request(), R"({"help":"sh"})");
     peer.say(R"({"output":"  show  Show something\n","result":0})");
@@ -221,7 +221,7 @@ TEST_F(ShellTest, TabCompletesTheWordThatIsAlone) {
     EXPECT_EQ(leave(), (Lines{R"({"exec":"show running-config | begin"})", R"({"exec":"exit"})"}));
 }
 
-TEST_F(ShellTest, TabAddsWhatSeveralWordsHaveInCommonThenListsThem) {
+TEST_F(ShellTest, TabAddsTheCommonPrefixOfSeveralWordsThenListsThem) {
     terminal.type("in\t");
     EXPECT_EQ(peer.request(), R"({"complete":"in"})");
     peer.say(R"({"output":"interface\ninternal","result":0})");

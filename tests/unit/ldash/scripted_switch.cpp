@@ -30,7 +30,7 @@ namespace {
 
 constexpr timespec kLimit = {.tv_sec = 20, .tv_nsec = 0};
 
-// False, and a failure of the test, when nothing can be read in time.
+// Returns false, and fails the test, when nothing can be read in time.
 bool readable(int fd, const char* wanted) {
     pollfd waiting{.fd = fd, .events = POLLIN, .revents = 0};
     int ready = 0;
@@ -67,7 +67,7 @@ std::string read_all(int fd) {
     std::exit(ldash_main(static_cast<int>(argv.size()) - 1, argv.data()));
 }
 
-// -1 for a program that has to be killed.
+// -1 for a program that must be killed.
 int exit_status(pid_t child) {
     const int watch = static_cast<int>(::syscall(SYS_pidfd_open, child, 0));
     const bool ended = readable(watch, "the end of the program");
@@ -190,8 +190,8 @@ Terminal::Terminal(const std::string& socket, bool hangup_ignored) {
     child_ = ::forkpty(&screen_, nullptr, nullptr, nullptr);
     if (child_ == 0) {
         ::setenv("TERM", "dumb", 1);
-        // Buffered by lines, as on a terminal: the test's own standard output may have set it up
-        // for a pipe.
+        // Buffered by lines, as on a terminal: the test's own standard output may be set up for a
+        // pipe.
         std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
         if (hangup_ignored) {
             std::signal(SIGHUP, SIG_IGN);

@@ -1,5 +1,5 @@
-// Both ends of the operator's shell: a switch that answers as the test says, and the program itself
-// in a process of its own, on pipes or on a terminal.
+// Both ends of the operator's shell: a scripted switch, and the program itself in another process,
+// on pipes or on a terminal.
 #pragma once
 
 #include <sys/types.h>
@@ -9,7 +9,7 @@
 
 namespace ldash::test {
 
-// Accepts one session on a socket of its own. A wait of more than twenty seconds fails the test
+// Accepts one session on its own socket. A wait of more than twenty seconds fails the test
 // instead of hanging.
 class ScriptedSwitch {
  public:
@@ -20,7 +20,7 @@ class ScriptedSwitch {
 
     const std::string& path() const { return path_; }
     void accept();
-    // Sends the line, or bytes as they are. The first reply may be sent ahead of its request.
+    // Sends the line, or raw bytes. The first reply may be sent before its request.
     void say(const std::string& line) { send_bytes(line + "\n"); }
     void send_bytes(const std::string& bytes) const;
     // The next request, without its line end; "no request" when the session has ended.
@@ -73,13 +73,13 @@ class Terminal {
     // A terminal has no size before the first call.
     void resize(unsigned short rows, unsigned short columns) const;
     void type(const std::string& keys) const;
-    // Everything that was shown since the last call, up to and including `text`.
+    // Everything shown since the last call, up to and including `text`.
     std::string until(const std::string& text);
     // Waits until the program reads each key as it is pressed. Before, the kernel handles the end
     // of input.
     void until_keys_are_taken() const;
     void close();
-    // The exit status after the rest of what is shown, which is put into `rest`.
+    // Waits for the end and returns the exit status; puts the remaining output into `rest`.
     int wait(std::string* rest = nullptr);
 
  private:

@@ -29,7 +29,7 @@ struct ShellTest : testing::Test {
         peer.say(reply);
         return terminal.until(prompt);
     }
-    // Leaves the shell; what was executed, in order.
+    // Leaves the shell; returns the executed lines in order.
     Lines leave() {
         terminal.type("exit\n");
         requested.push_back(peer.request());

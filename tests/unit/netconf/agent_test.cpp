@@ -1,4 +1,4 @@
-// The agent's records as the front reads them, and its requests to the agent.
+// The agent's records as the server reads them, and the requests to the agent.
 #include "services/netconf/agent.h"
 
 #include <gtest/gtest.h>
@@ -75,7 +75,7 @@ struct Answer {
     }
 };
 
-// A request as the agent gets it.
+// A request as the agent receives it.
 struct Request {
     uint32_t policy = 0;
     int source = 0;
@@ -195,12 +195,12 @@ TEST_F(Agent, NamesThatNoPortCanHaveAreLeftOut) {
     store("garbage");
     store("");  // without an index
     EXPECT_EQ(looped_names(), good);
-    EXPECT_EQ(logged(), std::vector<LogLine>(
-                            8, {LOG_WARNING,
-                                "a loop entry of the object database makes no sense, left out"}));
+    EXPECT_EQ(logged(),
+              std::vector<LogLine>(
+                  8, {LOG_WARNING, "an invalid loop entry of the object database is skipped"}));
 }
 
-TEST_F(Agent, RequestSaysWhatIsWantedAndByWhom) {
+TEST_F(Agent, RequestNamesThePolicyAndTheRequester) {
     run_agent([this](const Request& request) { answer(request.index); });
     EXPECT_EQ(outcome(PolicyRequest::kSet, 4), "done");
     EXPECT_EQ(outcome(PolicyRequest::kDelete, 0), "done");
@@ -274,7 +274,7 @@ TEST_F(Agent, OnlyTheAnswerToTheRequestCounts) {
         changed.judged = false;
         answer(changed);
         peer_.publish(kAnswers, "\2garbage");
-        answer(request.index, '\0');  // stored as well as published: an answer all the same
+        answer(request.index, '\0');  // stored rather than published: an answer anyway
         answer(other);
     });
     EXPECT_EQ(outcome(), "done");
@@ -314,7 +314,7 @@ TEST_F(Agent, DatabaseLostAfterTheRequestLeavesItOpen) {
               "the connection; the agent may still do what was asked");
 }
 
-TEST_F(Agent, DatabaseThatIsAwayIsNoFaultOfTheAgent) {
+TEST_F(Agent, MissingDatabaseIsNotReportedAsTheAgentsFault) {
     EXPECT_THROW(netconf::request_policy(folder_.path("nobody.sock"), PolicyRequest::kSet, 1),
                  DatabaseLost);
 }

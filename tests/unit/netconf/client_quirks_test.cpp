@@ -1,4 +1,4 @@
-// Repairs of a message before it is parsed, and messages that are left alone.
+// Corrections of a message before it is parsed, and messages that are left alone.
 #include "services/netconf/client_quirks.h"
 
 #include <gtest/gtest.h>
@@ -62,12 +62,12 @@ TEST(ClientHabits, OperationAboveElementsWithoutOneIsQualified) {
               above(" xmlns:nc=\"" + std::string(kBase) + "\" nc:operation=\"create\""));
 }
 
-TEST(ClientHabits, SecondAttributeIsSeenBehindOthers) {
+TEST(ClientHabits, SecondAttributeIsSeenAfterOthers) {
     EXPECT_EQ(adapted(edit(" a=\"1\" operation=\"delete\"")),
               edit(" a=\"1\" xmlns:nc=\"" + std::string(kBase) + "\" nc:operation=\"delete\""));
 }
 
-TEST(ClientHabits, MessageWithoutAnOperationStaysAsItIs) {
+TEST(ClientHabits, MessageWithoutAnOperationIsUnchanged) {
     const std::string empty = "<rpc  xmlns='urn:operation'/>";
     EXPECT_EQ(adapted(empty), empty);
     const std::string elsewhere =
@@ -78,7 +78,7 @@ TEST(ClientHabits, MessageWithoutAnOperationStaysAsItIs) {
     EXPECT_EQ(adapted(bare), bare);
 }
 
-TEST(ClientHabits, EverythingElseStaysAsItIs) {
+TEST(ClientHabits, EverythingElseIsUnchanged) {
     for (const std::string& text :
          {edit(" xmlns:n=\"" + std::string(kBase) + "\" n:operation=\"delete\""),
           edit(" xmlns:n=\"urn:n\" n:operation=\"delete\""), edit("", "operation"),

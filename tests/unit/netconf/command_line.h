@@ -8,7 +8,7 @@
 
 namespace netconf::test {
 
-// The result of `call`, given the arguments of "lda-netconf" followed by `words`.
+// The result of `call` with the command line "lda-netconf" and `words`.
 template <typename Call>
 auto with_command_line(std::vector<std::string> words, Call call) {
     words.insert(words.begin(), "lda-netconf");
@@ -17,7 +17,7 @@ auto with_command_line(std::vector<std::string> words, Call call) {
         raw.push_back(word.data());
     }
     raw.push_back(nullptr);
-    optind = 0;  // getopt starts anew
+    optind = 0;  // restarts getopt
     return call(static_cast<int>(words.size()), raw.data());
 }
 

@@ -115,7 +115,7 @@ TEST_F(Data, PolicyInForceIsOneOfTheModels) {
     publish_policy(5);
     EXPECT_EQ(policy_in_force(database), 0U);
     EXPECT_EQ(logged(),
-              (std::vector<LogLine>{{LOG_WARNING, "the agent's policy 5 is none of the model's"}}));
+              (std::vector<LogLine>{{LOG_WARNING, "the agent's policy 5 is not in the model"}}));
     publish_policy(4294967295);
     EXPECT_EQ(policy_in_force(database), 0U);
 }

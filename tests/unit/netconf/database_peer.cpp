@@ -231,7 +231,7 @@ std::string DatabasePeer::Server::perform(Client& client, const Words& words) {
     return name == "SCAN" ? scan(client, words) : execute(client);
 }
 
-// Two pages, and the last key of the first comes again in the second.
+// Two pages, and the last key of the first is also in the second.
 std::string DatabasePeer::Server::scan(const Client& client, const Words& words) {
     std::string start = words[3];
     start.pop_back();  // the asterisk
@@ -274,7 +274,7 @@ long long DatabasePeer::Server::publish(const std::string& channel, const std::s
 DatabasePeer::DatabasePeer(const std::string& socket)
     : socket_(socket), server_(std::make_unique<Server>(socket)) {}
 
-// Its thread may still be on its way out of hang_up(): the pointer stays until it has ended.
+// Its thread may still be inside hang_up(): the pointer must stay valid until the thread has ended.
 DatabasePeer::~DatabasePeer() {
     unlink(socket_.c_str());
 }

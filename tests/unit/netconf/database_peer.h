@@ -1,5 +1,5 @@
 // The other end of the object database: a server on a Unix socket that speaks Redis' protocol,
-// keeps records in memory, and misbehaves on request. It runs on a thread of its own.
+// keeps records in memory, and misbehaves on request. It runs on its own thread.
 #pragma once
 
 #include <functional>
@@ -16,7 +16,7 @@ std::string integer(long long value);
 std::string array(const std::vector<std::string>& parts);
 inline const std::string kNil = "$-1\r\n";
 
-// A folder of the test's own, removed at the end.
+// A folder for one test, removed at the end.
 class Folder {
  public:
     Folder();
@@ -32,16 +32,16 @@ class Folder {
 
 class DatabasePeer {
  public:
-    // Listens on `socket` when it returns.
+    // Listens on `socket` before it returns.
     explicit DatabasePeer(const std::string& socket);
-    // Hangs up on everybody and removes the socket.
+    // Closes all connections and removes the socket.
     ~DatabasePeer();
 
     const std::string& socket() const { return socket_; }
     void store(unsigned database, const std::string& key, const std::string& value);
-    // The raw answer to every command of this name from now on; empty: none at all.
+    // Sets the raw answer to every command of this name; empty: no answer.
     void answer(const std::string& command, const std::string& raw);
-    // How many others listen on each channel, besides those that are connected here.
+    // Sets how many others listen on each channel, besides those connected here.
     void set_other_listeners(int count);
     // Called on the peer's thread when a client has published something.
     void on_publish(
@@ -52,7 +52,7 @@ class DatabasePeer {
     void send_to_listeners(const std::string& raw);
     void hang_up();
 
-    // The commands so far, their words joined with blanks. Of SELECT only the effect is kept: each
+    // The commands so far, their words joined with blanks. SELECT is left out: each
     // command begins with its database's number.
     std::vector<std::string> commands() const;
     int connections() const;  // accepted so far

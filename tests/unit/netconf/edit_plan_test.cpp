@@ -128,7 +128,7 @@ TEST_F(EditPlan, RemoveDoesNotMindThatNothingIsSet) {
     EXPECT_EQ(plan(empty("remove"), 0), "nothing");
 }
 
-TEST_F(EditPlan, ReplaceOfWhatIsAboveTakesTheLeafAway) {
+TEST_F(EditPlan, ReplaceOfAnAncestorRemovesTheLeaf) {
     EXPECT_EQ(plan(empty("replace"), 4), "delete 0");
     EXPECT_EQ(plan(empty("replace"), 0), "nothing");
     EXPECT_EQ(plan("", 4, Operation::kReplace), "delete 0");
@@ -152,11 +152,11 @@ TEST_F(EditPlan, ValuesOutsideTheModelAreRefused) {
     }
 }
 
-TEST_F(EditPlan, OperationThatIsNoneIsRefusedOnALeafThatDoesNotParse) {
+TEST_F(EditPlan, UnknownOperationIsRefusedOnALeafThatDoesNotParse) {
     EXPECT_EQ(plan(leaf("text", "bogus"), 0), error(NC_ERR_BAD_ATTR));
 }
 
-TEST_F(EditPlan, RefusalSaysWhatAndWhere) {
+TEST_F(EditPlan, RefusalNamesTheFaultAndItsPlace) {
     const std::string leaf_path = "/qvld:loop-detect/qvld:loop-policy";
     const std::string start = "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">";
     const RpcError value = refusal(leaf(std::string(50, '7')), 0);
@@ -164,7 +164,7 @@ TEST_F(EditPlan, RefusalSaysWhatAndWhere) {
               "loop-policy is a number from 0 to 4, not \"" + std::string(40, '7') + "\"");
     EXPECT_EQ(value.path, leaf_path);
     const RpcError attribute = refusal(leaf("text", "bogus"), 0);
-    EXPECT_STREQ(attribute.what(), "\"bogus\" is no operation");
+    EXPECT_STREQ(attribute.what(), "\"bogus\" is not an operation");
     EXPECT_EQ(attribute.element + " " + attribute.attribute, "loop-policy operation");
     EXPECT_EQ(attribute.type, NC_ERR_TYPE_PROT);
     const RpcError twice = refusal(
@@ -249,7 +249,7 @@ TEST_F(EditPlan, RefusalsAreOfTheApplication) {
     }
 }
 
-TEST_F(EditPlan, ElementThatIsGivenTwiceOrHoldsTextIsNamed) {
+TEST_F(EditPlan, RepeatedElementOrElementWithTextIsNamed) {
     const std::string start = "<loop-detect xmlns=\"urn:qv:yang:qv-loop-detect-server\">";
     for (const std::string& config : {empty() + empty(), start + "text</loop-detect>"}) {
         const RpcError error = refusal(config, 0);
@@ -260,7 +260,7 @@ TEST_F(EditPlan, ElementThatIsGivenTwiceOrHoldsTextIsNamed) {
               NC_ERR_BAD_ELEM);
 }
 
-TEST_F(EditPlan, WhatTakesTheContainerAwayTakesTheLeaf) {
+TEST_F(EditPlan, RemovalOfTheContainerRemovesTheLeaf) {
     EXPECT_EQ(plan(leaf("2", "merge", "delete"), 1), "delete 0");
     EXPECT_EQ(plan(leaf("2", "create", "remove"), 1), "remove 0");
     EXPECT_EQ(plan(empty("merge"), 4), "nothing");

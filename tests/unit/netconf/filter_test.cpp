@@ -1,4 +1,4 @@
-// Filters on data of the model; the ways of asking are shown end to end by the system tests.
+// Filters on data of the model; the system tests cover the requests end to end.
 #include "services/netconf/filter.h"
 
 #include <gtest/gtest.h>
@@ -66,20 +66,20 @@ const std::string kPort1 = "<looped-port><name>swp1</name><policy>1</policy></lo
 const std::string kPort2 = "<looped-port><name>swp2</name><policy>0</policy></looped-port>";
 const std::string kPolicy = "<loop-policy>2</loop-policy>";
 
-TEST_F(FilterOfGet, SelectionTakesTheWholeNode) {
+TEST_F(FilterOfGet, SelectionIncludesTheWholeNode) {
     EXPECT_EQ(passes(in_container("")), container(kPolicy + kPort1 + kPort2));
     EXPECT_EQ(passes(in_container("<looped-port/>")), container(kPort1 + kPort2));
     EXPECT_EQ(passes(in_container("<loop-policy/>")), container(kPolicy));
 }
 
-TEST_F(FilterOfGet, ContentMatchAloneTakesItsSiblings) {
+TEST_F(FilterOfGet, ContentMatchAloneIncludesItsSiblings) {
     EXPECT_EQ(passes(in_container("<looped-port><name>swp2</name></looped-port>")),
               container(kPort2));
     EXPECT_EQ(passes(in_container("<looped-port><policy> 1 </policy></looped-port>")),
               container(kPort1));
 }
 
-TEST_F(FilterOfGet, ContentMatchThatFailsTakesNothing) {
+TEST_F(FilterOfGet, FailedContentMatchIncludesNothing) {
     EXPECT_EQ(passes(in_container("<loop-policy>3</loop-policy><looped-port/>")), "");
     EXPECT_EQ(passes(in_container("<looped-port><name>swp9</name></looped-port>")), "");
 }
@@ -90,7 +90,7 @@ TEST_F(FilterOfGet, MatchAndSelectionTogetherTakeBoth) {
               container(kPolicy + kPort1));
 }
 
-TEST_F(FilterOfGet, KeysOfAListComeAlong) {
+TEST_F(FilterOfGet, KeysOfAListAreIncluded) {
     EXPECT_EQ(passes(in_container("<looped-port><policy/></looped-port>")),
               container(kPort1 + kPort2));
 }
@@ -121,7 +121,7 @@ TEST_F(FilterOfGet, WithoutAFilterEverythingPasses) {
     EXPECT_NE(passes("").find(container(kPolicy + kPort1 + kPort2)), std::string::npos);
 }
 
-TEST_F(FilterOfGet, XpathSelectsNodesAndWhatIsAbove) {
+TEST_F(FilterOfGet, XpathSelectsNodesAndTheirAncestors) {
     EXPECT_EQ(passes("<filter type=\"xpath\" xmlns:m=\"urn:qv:yang:qv-loop-detect-server\" "
                      "select=\"//m:policy[. = 1]\"/>"),
               container(kPort1));

@@ -1,4 +1,4 @@
-// Framing: whole messages out of bytes that arrive in pieces, and frames that are no frames.
+// Framing: whole messages from bytes that arrive in pieces, and broken frames.
 #include "services/netconf/framing.h"
 
 #include <gtest/gtest.h>
@@ -51,7 +51,7 @@ std::string fault_of(const std::string& bytes) {
 }
 
 constexpr const char* kNoChunk = "the framing is broken: no chunk begins where one should";
-constexpr const char* kNoNumber = "the framing is broken: the size of a chunk is no number";
+constexpr const char* kNoNumber = "the framing is broken: the size of a chunk is not a number";
 constexpr const char* kTooLong = "a message is longer than 64 KiB";
 
 }  // namespace
@@ -63,7 +63,7 @@ TEST(Framing, OldClientsMessagesEndWithTheDelimiter) {
     EXPECT_TRUE(framing.inside_message());
 }
 
-TEST(Framing, NewClientsMessagesComeInChunksAfterTheHello) {
+TEST(Framing, NewClientsMessagesAreChunkedAfterTheHello) {
     Framing framing;
     framing.feed(kNewHello + kEnd + "\n#4\n<rpc\n#2\n/>\n##\n");
     EXPECT_EQ(texts_of(framing), (std::vector<std::string>{kNewHello, "<rpc/>"}));
@@ -116,7 +116,7 @@ TEST(Framing, EverySplitOfABadStreamGivesTheSameFault) {
 }
 
 TEST(Framing, EverySplitOfTheDelimiterGivesTheSameMessages) {
-    // With beginnings of a delimiter that are none, and one that is empty of text in between.
+    // With false starts of a delimiter, and an empty message in between.
     const std::string stream =
         kOldHello + kEnd + "<a>]]>]]</a>]]>]]>" + "<b>]]]>]]>" + "<c/>]]" + kEnd;
     for (size_t first = kOldHello.size(); first <= stream.size(); first++) {
@@ -192,7 +192,7 @@ TEST(Framing, MessageWithoutTextIsAFault) {
     EXPECT_STREQ(framing.fault(), kNoText);
 }
 
-TEST(Framing, TruncatedFrameIsNoFaultButInside) {
+TEST(Framing, TruncatedFrameIsIncompleteNotFaulty) {
     const std::string stream = "\n#3\nabc\n##\n";
     for (size_t length = 1; length < stream.size(); length++) {
         const Outcome outcome = outcome_of({stream.substr(0, length)});
@@ -259,7 +259,7 @@ TEST(Framing, FirstFaultIsTheOneThatIsNamed) {
     EXPECT_STREQ(framing.fault(), kTooLong);
 }
 
-TEST(Framing, NothingComesAfterAFault) {
+TEST(Framing, NothingIsReadAfterAFault) {
     Framing framing;
     framing.feed(kNewHello + kEnd);
     texts_of(framing);

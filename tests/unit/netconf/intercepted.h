@@ -1,5 +1,5 @@
-// Library calls of the front that the linker hands to these tests (--wrap in tests/CMakeLists.txt).
-// Each one does what it always does until a test asks for something else.
+// Library calls of the server that the linker redirects to these tests (--wrap in
+// tests/CMakeLists.txt). Each one works as usual until a test changes it.
 #pragma once
 
 #include <libyang/libyang.h>
@@ -24,11 +24,11 @@ struct LogLine {
 };
 void PrintTo(const LogLine& line, std::ostream* out);
 
-// Makes every call usual again, forgets what was recorded, and ignores SIGPIPE as the program does.
+// Restores every call, drops the records, and ignores SIGPIPE as the program does.
 // Each fixture that uses this header calls it first.
 void reset_interception();
 
-// The front's log so far, oldest first. Any thread.
+// The server's log so far, oldest first. Any thread.
 std::vector<LogLine> logged();
 std::vector<std::string> logged_texts();
 // The arguments of the last openlog(3).
@@ -50,22 +50,22 @@ void set_time_of_day(long seconds);
 // Called before time(2) is answered.
 void on_time(std::function<void()> hook);
 
-// Called in place of poll(2) and of nanosleep(2) on the front's side; null for the usual ones.
+// Called in place of the server's poll(2) and nanosleep(2); null for the usual ones.
 // A sleep under a frozen clock never waits.
 void on_poll(std::function<int(pollfd* watched, nfds_t count, int timeout_ms)> hook);
 void on_sleep(std::function<void()> hook);
 
-// Whether the thread that read standard input last has a stack of its own for signal handlers.
+// Whether the last thread to read standard input has a separate stack for signal handlers.
 bool reader_has_signal_stack();
-// The next so many calls of read(2) on standard input, or of send(2), fail with EINTR first.
+// Makes the next `count` calls of read(2) on standard input, or of send(2), fail with EINTR first.
 void interrupt_reads(int count);
 void interrupt_sends(int count);
-// send(2) takes at most so many bytes at once; 0 for no limit.
+// Makes send(2) take at most this many bytes at once; 0 for no limit.
 void limit_sends(size_t bytes);
 // Called before syscall(2) with its number; a result other than 0 becomes its errno.
 void on_system_call(std::function<int(long number)> hook);
 
-// Time limits that the front has set on connections, in microseconds.
+// Time limits that the server has set on connections, in microseconds.
 struct ConnectionLimits {
     long connect_us;
     long command_us;
@@ -76,7 +76,7 @@ void shorten_connection_limits(std::chrono::milliseconds limit);
 
 // The limits given to alarm(2), in seconds and oldest first; no alarm is set.
 std::vector<unsigned> alarms();
-// Called when the front sets an alarm, which it does before it may block.
+// Called when the server sets an alarm, which it does before it may block.
 void on_alarm(std::function<void()> hook);
 // The time that a client has for its hello, in seconds.
 int hello_limit_s();
@@ -84,13 +84,13 @@ int hello_limit_s();
 // nc_accept_inout().
 void on_accept(std::function<std::optional<NC_MSG_TYPE>(const std::string& user)> hook);
 
-// Sending a notification fails from now on.
+// Makes sending a notification fail from now on.
 void fail_notifications();
 
-// libnetconf2 does not start from now on.
+// Makes the start of libnetconf2 fail from now on.
 void fail_server_start();
 
-// From now on the limits that are asked for with setrlimit(2) are noted, not set.
+// Makes setrlimit(2) record limits without setting them.
 void note_resource_limits();
 struct ResourceLimit {
     int resource;
@@ -99,7 +99,7 @@ struct ResourceLimit {
     bool operator==(const ResourceLimit&) const = default;
 };
 std::vector<ResourceLimit> resource_limits();
-// getpwuid(3) knows no user from now on.
+// Makes getpwuid(3) find no user from now on.
 void forget_users();
 
 // The <rpc-error> that was last made into a reply, as XML.

@@ -1,4 +1,4 @@
-// Lines of the log, and the last words of a session that ends by a signal.
+// Log lines, among them the last one of a session that ends by a signal.
 #include "services/netconf/log.h"
 
 #include <gtest/gtest.h>
@@ -182,7 +182,7 @@ TEST_F(Log, ArmingAgainTakesTheNewName) {
                                          ": terminated from outside\n");
 }
 
-// Uses up the stack as a message nested too deeply does.
+// Uses up the stack, like a message that is nested too deeply.
 [[gnu::noinline]] int nest(volatile char* above) {
     volatile char frame[4096];
     frame[0] = above[0];

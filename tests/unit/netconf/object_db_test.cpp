@@ -1,4 +1,4 @@
-// The front's requests to the object database, and its treatment of every kind of answer.
+// The server's requests to the object database, and its handling of every kind of answer.
 #include "services/netconf/object_db.h"
 
 #include <gtest/gtest.h>
@@ -41,7 +41,7 @@ class ObjectDb : public testing::Test {
         return "nothing was thrown";
     }
 
-    // Sends `bytes` to the listener in pieces that fit into the socket, and has it take each one.
+    // Sends `bytes` to the listener in pieces that fit into the socket, and makes it take each one.
     static std::vector<netconf::Notice> feed(DatabasePeer& peer, Listener& listener,
                                              std::string_view bytes) {
         std::vector<netconf::Notice> notices;
@@ -68,7 +68,7 @@ TEST_F(ObjectDb, GetReadsTheKeyInItsDatabase) {
     EXPECT_EQ(peer_.commands(), (Texts{"22 GET a.b/", "4 GET a.b/"}));
 }
 
-TEST_F(ObjectDb, ValueThatIsNoStringIsNone) {
+TEST_F(ObjectDb, ValueOtherThanAStringIsIgnored) {
     peer_.answer("GET", integer(5));
     EXPECT_EQ(Database(peer_.socket()).get(22, "a.b/"), std::nullopt);
 }
@@ -172,7 +172,7 @@ TEST_F(ObjectDb, SilentServerIsAbandonedAfterNineTenthsOfASecond) {
               "the object database does not answer: Resource temporarily unavailable");
 }
 
-TEST_F(ObjectDb, NoticesComeInOrderWithTheirOperation) {
+TEST_F(ObjectDb, NoticesArriveInOrderWithTheirOperation) {
     Listener listener(peer_.socket(), 3, "a.b");
     EXPECT_EQ(peer_.commands(), Texts{"0 SUBSCRIBE mom/3/a.b"});
     EXPECT_FALSE(listener.next());

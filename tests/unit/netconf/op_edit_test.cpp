@@ -1,5 +1,5 @@
-// <edit-config>, <copy-config> and <validate>: what the agent is asked for, and how the client is
-// answered.
+// <edit-config>, <copy-config> and <validate>: the requests to the agent and the answers to the
+// client.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -46,12 +46,12 @@ class Edits : public ServedSession {
     }
 };
 
-TEST_F(Edits, PolicyIsAskedOfTheAgent) {
+TEST_F(Edits, PolicyIsRequestedFromTheAgent) {
     EXPECT_EQ(reply_to(edit(leaf("3"))), "<ok/>");
     EXPECT_EQ(requests(), Texts{"2 3"});
 }
 
-TEST_F(Edits, OperationOfTheLeafIsAskedOfTheAgent) {
+TEST_F(Edits, OperationOfTheLeafIsRequestedFromTheAgent) {
     publish_policy(4);
     const auto with = [](const std::string& operation) {
         return edit("<loop-detect xmlns=\"" + kModelNamespace + "\"><loop-policy xmlns:nc=\"" +
@@ -102,7 +102,7 @@ TEST_F(Edits, TestOnlyAsksForNothing) {
     EXPECT_EQ(requests(), (Texts{"2 1", "2 2"}));
 }
 
-TEST_F(Edits, TestOnlyRefusesWhatAnEditWouldRefuse) {
+TEST_F(Edits, TestOnlyRefusesTheSameRequestsAsAnEdit) {
     EXPECT_EQ(reply_to(edit(leaf("5"), "<test-option>test-only</test-option>")),
               (ErrorText{.type = "application",
                          .tag = "invalid-value",

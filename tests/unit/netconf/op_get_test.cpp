@@ -131,7 +131,7 @@ TEST_F(Gets, SchemaThatIsNotThereIsRefused) {
                                   "<version>2011-06-02</version>")),
               refusal("there is no schema \"ietf-netconf\" of version 2011-06-02"));
     EXPECT_EQ(reply_to(get_schema("<identifier>ietf-netconf</identifier><format>yin</format>")),
-              refusal("schemas are there as yang only"));
+              refusal("schemas exist only as yang"));
 }
 
 TEST_F(Gets, FailWithoutTheDatabase) {

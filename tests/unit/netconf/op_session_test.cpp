@@ -99,7 +99,7 @@ TEST_F(Locks, LeaveTheTurnToOthers) {
     EXPECT_TRUE(EditTurn(runtime_dir()).ours());
 }
 
-// The other session has a number of its own, and a child of this test is its process.
+// The other session has its own number, and a child of this test is its process.
 class Kills : public ServedSession {
  protected:
     void SetUp() override {
@@ -110,7 +110,7 @@ class Kills : public ServedSession {
             pause();
             _exit(0);
         }
-        // The number between the two sessions belongs to nobody.
+        // No session has the number between these two.
         between_ = std::make_unique<SessionNumber>(runtime_dir(), "between");
         std::ofstream(runtime_dir() + "/session-" + std::to_string(between_->id())) << "nobody\n";
         other_ = std::make_unique<SessionNumber>(runtime_dir(), "other");
@@ -173,7 +173,7 @@ TEST_F(Kills, SessionOfAnotherUserIsNotKilled) {
 
 class Subscriptions : public ServedSession {
  protected:
-    // Whether a loop on this port reaches the client.
+    // Whether the client is notified of a loop on this port.
     bool is_told_of(const std::string& port) {
         database().publish("mom/3/p_nc.notification", '\2' + loop_on(port));
         return session().subscription->next().has_value();
@@ -242,7 +242,7 @@ TEST_F(Subscriptions, TimesOfAReplayMustFitEachOther) {
               protocol_error("missing-element", "stopTime needs startTime",
                              "<bad-element>startTime</bad-element>"));
     EXPECT_EQ(reply_to(subscribe(from("2026-01-02T03:04:06Z"))),
-              protocol_error("bad-element", "startTime lies in the future",
+              protocol_error("bad-element", "startTime is in the future",
                              "<bad-element>startTime</bad-element>"));
     EXPECT_EQ(reply_to(subscribe(from("2026-01-01T00:00:01Z") + until("2026-01-01T00:00:00Z"))),
               protocol_error("bad-element", "stopTime lies before startTime",

@@ -1,4 +1,4 @@
-// Requests on their way to the operations: what is checked of each, and what becomes of failures.
+// The checks of requests before their operations run, and the answers to failures.
 #include "services/netconf/operations.h"
 
 #include <gtest/gtest.h>

@@ -66,7 +66,7 @@ TEST_F(OptionsOfTheFront, SocketComesFromTheOptionThenThePlatformFileThenTheEnvi
     EXPECT_EQ(read({}).redis_socket, "/environment");
     EXPECT_EQ(read({"--platform", named}).redis_socket, "/named");
     EXPECT_EQ(read({"--platform", named, "--redis", "/own"}).redis_socket, "/own");
-    // Bytes that are not needed are not read.
+    // A file that is not needed is not read.
     EXPECT_EQ(read({"--platform", "/nowhere.toml", "--redis", "/own"}).redis_socket, "/own");
 }
 

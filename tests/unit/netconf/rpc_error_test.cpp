@@ -107,7 +107,7 @@ TEST_F(Error, PathDeclaresItsPrefix) {
                   message("a &lt; \"b\""));
 }
 
-TEST_F(Error, TagThatIsNoneHasNoReply) {
+TEST_F(Error, UnknownTagHasNoReply) {
     EXPECT_EQ(netconf::reply_of(context_.get(), RpcError(NC_ERR_UNKNOWN, NC_ERR_TYPE_APP, "why")),
               nullptr);
 }

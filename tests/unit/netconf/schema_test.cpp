@@ -1,4 +1,4 @@
-// The modules of the front, and looking at data of them or of none.
+// The modules of the server, and reading data that fits a model or none.
 #include "services/netconf/schema.h"
 
 #include <gtest/gtest.h>
@@ -167,12 +167,12 @@ TEST_F(Schema, ContentOfAConfigurationIsItsTree) {
     EXPECT_STREQ(netconf::name_of(*content(full)), "a");
     EXPECT_EQ(content(edit("<config/>")), nullptr);
     EXPECT_EQ(content(edit("<config>text</config>")), nullptr);
-    EXPECT_EQ(netconf::content_of(*full), nullptr);  // no anyxml node
+    EXPECT_EQ(netconf::content_of(*full), nullptr);  // not an anyxml node
     const Tree other = parsed("<other xmlns=\"urn:other\"><a/></other>");
     EXPECT_EQ(netconf::content_of(*other), nullptr);  // of no model
 }
 
-TEST_F(Schema, BlankTextIsNoText) {
+TEST_F(Schema, BlankTextCountsAsNone) {
     const auto holds = [this](const std::string& config) {
         const Tree rpc = edit(config);
         return netconf::holds_text(*netconf::child_named(*rpc, "config"));
@@ -182,7 +182,7 @@ TEST_F(Schema, BlankTextIsNoText) {
     EXPECT_FALSE(holds("<config> \t&#13;\n </config>"));
     EXPECT_FALSE(holds("<config/>"));
     EXPECT_FALSE(holds("<config><a xmlns=\"urn:a\">text</a></config>"));
-    EXPECT_FALSE(netconf::holds_text(*edit("<config/>")));  // no anyxml node
+    EXPECT_FALSE(netconf::holds_text(*edit("<config/>")));  // not an anyxml node
     EXPECT_TRUE(netconf::holds_text(*parsed("<a xmlns=\"urn:a\">text</a>")));
     EXPECT_FALSE(netconf::holds_text(*parsed("<a xmlns=\"urn:a\"> \n</a>")));
 }

@@ -38,8 +38,8 @@ class ServedSession : public testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    // The content of the reply to a request. Its elements without a namespace of their own are
-    // those of the base protocol.
+    // The content of the reply to a request. Elements without a namespace are those of the base
+    // protocol.
     std::string reply_to(const std::string& operation);
 
     // The policy that the agent has published.
@@ -54,7 +54,7 @@ class ServedSession : public testing::Test {
     const std::string& runtime_dir() const { return options_.runtime_dir; }
     std::string id() const { return std::to_string(number_->id()); }
     DatabasePeer& database() { return *peer_; }
-    // From now on the object database is away. Returns how it is missed.
+    // From now on the object database is away. Returns the <rpc-error> of a request without it.
     std::string lose_database();
 
  private:

@@ -1,5 +1,5 @@
-// A session from its hello to its end: sockets take the place of standard input and output, and
-// whenever the session sleeps the client's side takes its next step.
+// A session from its hello to its end: sockets replace standard input and output, and each time the
+// session sleeps the client takes its next step.
 #include "services/netconf/session.h"
 
 #include <fcntl.h>
@@ -57,7 +57,7 @@ constexpr Sleep kBlocked{0, POLLOUT, true, -1};
 
 class SessionOfAClient : public testing::Test {
  protected:
-    // Returns whether something arrives for the session; if not, its sleep ends with its limit.
+    // Returns whether something arrives for the session; if not, its sleep times out.
     using Action = std::function<bool()>;
 
     void SetUp() override {
@@ -151,7 +151,7 @@ class SessionOfAClient : public testing::Test {
         return status;
     }
 
-    // Takes what the session has written so far.
+    // Reads what the session has written so far.
     void read_output() {
         std::array<char, 65536> bytes;
         ssize_t length = 0;
@@ -177,7 +177,7 @@ class SessionOfAClient : public testing::Test {
         return count;
     }
 
-    // Fills the connection to the client until it takes no more.
+    // Fills the connection to the client completely.
     void stuff_output() {
         const std::string junk(1024, ' ');
         while (::send(servers_[1].fd(), junk.data(), junk.size(), MSG_DONTWAIT) > 0) {
@@ -204,7 +204,7 @@ class SessionOfAClient : public testing::Test {
         servers_[index] = File(ends[1]);
     }
 
-    // The client may go away behind the session's back, right after this look.
+    // The client may leave unnoticed, right after this check.
     int look_at_output(pollfd* watched) {
         const int ready = poll_for(watched, 1, 0s);
         if (output_breaks_) {
@@ -228,7 +228,7 @@ class SessionOfAClient : public testing::Test {
                            .notices = watched[2].fd >= 0,
                            .limit_ms = limit_ms});
         if (actions_.empty()) {
-            if (poll_for(watched, 3, 10s) > 0) {  // sent, but on its way still
+            if (poll_for(watched, 3, 10s) > 0) {  // sent, but not arrived yet
                 return 1;
             }
             throw std::runtime_error("the session sleeps for ever");
@@ -273,7 +273,7 @@ TEST_F(SessionOfAClient, LockIsHeldUnderItsNumber) {
         << written_;
 }
 
-TEST_F(SessionOfAClient, EndsWhenTheClientGoesAway) {
+TEST_F(SessionOfAClient, EndsWhenTheClientDisconnects) {
     send(hello());
     then_send(request(kGet));
     then_hang_up();
@@ -282,7 +282,7 @@ TEST_F(SessionOfAClient, EndsWhenTheClientGoesAway) {
     const Lines lines = logged();
     ASSERT_EQ(lines.size(), 3U);
     EXPECT_EQ(lines[0], kBegins);
-    EXPECT_EQ(lines[1].priority, LOG_INFO);  // the library's own words
+    EXPECT_EQ(lines[1].priority, LOG_INFO);  // the library's own text
     EXPECT_TRUE(lines[1].text.ends_with(" unexpectedly closed.")) << lines[1].text;
     EXPECT_EQ(lines[2], kWentAway);
 }
@@ -338,7 +338,7 @@ TEST_F(SessionOfAClient, BrokenFrameEndsIt) {
         (LogLine{LOG_WARNING, "ended: the framing is broken: no chunk begins where one should"}));
 }
 
-TEST_F(SessionOfAClient, MessageThatIsNoXmlIsAnsweredWithAnError) {
+TEST_F(SessionOfAClient, InvalidXmlIsAnsweredWithAnError) {
     send(hello("urn:ietf:params:netconf:base:1.1"));
     then_send("\n#10\nno request\n##\n");
     const std::string close = request(kClose);
@@ -354,7 +354,7 @@ TEST_F(SessionOfAClient, ReasonWhyItNeverBeganIsLogged) {
     send(hello("urn:ietf:params:netconf:base:2.0"));
     EXPECT_EQ(run(), 1);
     ASSERT_FALSE(logged().empty());
-    EXPECT_EQ(logged().back(), (LogLine{LOG_WARNING, "ended: the client's hello makes no sense"}));
+    EXPECT_EQ(logged().back(), (LogLine{LOG_WARNING, "ended: the client's hello is invalid"}));
 }
 
 TEST_F(SessionOfAClient, ClientWithoutAHelloHasGone) {
@@ -401,7 +401,7 @@ TEST_F(SessionOfAClient, EachAnswerHasHalfAMinute) {
 TEST_F(SessionOfAClient, NumberIsThatOfTheOtherSessionsFile) {
     send(hello());
     on_accept([](const std::string& user) -> std::optional<NC_MSG_TYPE> {
-        if (user == "admin") {  // somebody has come in between
+        if (user == "admin") {  // another session has come in between
             const File nobody(open("/dev/null", O_RDWR | O_CLOEXEC));
             nc_session* refused = nullptr;
             nc_accept_inout(nobody.fd(), nobody.fd(), "nobody", &refused);
@@ -411,7 +411,7 @@ TEST_F(SessionOfAClient, NumberIsThatOfTheOtherSessionsFile) {
     });
     input_ = File();
     EXPECT_EQ(run(), -1);
-    EXPECT_EQ(thrown_, "libnetconf2 counts sessions in another way");
+    EXPECT_EQ(thrown_, "libnetconf2 numbers sessions differently");
 }
 
 TEST_F(SessionOfAClient, NeverBeginsWithoutTheLibrary) {
@@ -437,7 +437,7 @@ TEST_F(SessionOfAClient, NotificationsAreSentBetweenRequests) {
               (std::vector<unsigned>{60, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0, 30, 0}));
 }
 
-TEST_F(SessionOfAClient, ClientMayGoAwayAmongItsNotifications) {
+TEST_F(SessionOfAClient, ClientMayDisconnectAmongItsNotifications) {
     send(hello());
     then_send(request(kSubscribe));
     then([this] {
@@ -460,8 +460,7 @@ TEST_F(SessionOfAClient, NotificationThatCannotBeSentEndsIt) {
     });
     EXPECT_EQ(run(), 1);
     EXPECT_EQ(alarms(), (std::vector<unsigned>{60, 0, 30, 0, 30, 0}));  // the second is not tried
-    EXPECT_EQ(logged(),
-              (Lines{kBegins, {LOG_WARNING, "ended: the client's input makes no sense"}}));
+    EXPECT_EQ(logged(), (Lines{kBegins, {LOG_WARNING, "ended: the client's input is invalid"}}));
 }
 
 TEST_F(SessionOfAClient, ClientThatDoesNotReadIsWaitedForWithItsRequests) {
@@ -516,7 +515,7 @@ TEST_F(SessionOfAClient, ClientThatReadsInTimeMissesNothing) {
     EXPECT_EQ(ports_told().back(), "last");
 }
 
-TEST_F(SessionOfAClient, DatabaseThatComesBackIsListenedToAgain) {
+TEST_F(SessionOfAClient, RestartedDatabaseIsSubscribedToAgain) {
     freeze_clock();
     send(hello());
     then_send(request(kSubscribe));

@@ -82,7 +82,7 @@ class Peers : public testing::Test {
 
     std::string session_file(uint32_t id) const { return run_ + "/session-" + std::to_string(id); }
 
-    // A session in a process of its own, which ignores SIGTERM if it is `stubborn`.
+    // A session in another process, which ignores SIGTERM if it is `stubborn`.
     uint32_t start_session(bool stubborn, pid_t* pid) {
         std::array<int, 2> ends{};
         EXPECT_EQ(pipe(ends.data()), 0);
@@ -188,7 +188,7 @@ TEST_F(Peers, LiveSessionsAreListedByNumber) {
     std::ofstream(session_file(other.id() % 255 + 1)) << "1 " << kNow << " ghost\n";  // no lock
     auto found = live_sessions(run_);
     const std::filesystem::directory_iterator files(run_);
-    EXPECT_EQ(std::distance(begin(files), end(files)), 3);  // none is made by looking
+    EXPECT_EQ(std::distance(begin(files), end(files)), 3);  // looking creates none
     ASSERT_EQ(found.size(), 2U);
     EXPECT_LT(found[0].id, found[1].id);
     const auto& first = found[0].id == one->id() ? found[0] : found[1];
@@ -233,7 +233,7 @@ TEST_F(Peers, OnlyASessionIsKilled) {
     std::ofstream(session_file(stale)) << pid << " " << kNow << " other\n";  // no lock
     EXPECT_EQ(kill_session(run_, stale), Kill::kNoSuchSession);
     EXPECT_EQ(kill_session(run_, 0), Kill::kNoSuchSession);
-    // The session ends, and its process number is another one's by the time it is looked for.
+    // The session ends, and another process has its number by the time of the search.
     auto number = std::make_unique<SessionNumber>(run_, "admin");
     const uint32_t ending = number->id();
     std::ofstream(session_file(ending)) << pid << " " << kNow << " admin\n";
@@ -307,7 +307,7 @@ TEST_F(Peers, TurnToEditIsOneSessionsAtATime) {
     EXPECT_TRUE(EditTurn(run_).ours());
 }
 
-TEST_F(Peers, TurnThatComesWhileWaitingIsTaken) {
+TEST_F(Peers, TurnReleasedWhileWaitingIsTaken) {
     mkdir(run_.c_str(), 0770);
     freeze_clock();
     auto first = std::make_unique<EditTurn>(run_);

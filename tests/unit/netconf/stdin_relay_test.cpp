@@ -1,4 +1,4 @@
-// Standard input on its way to the library: a socket takes its place.
+// The relay of standard input, with a socket in its place.
 #include "services/netconf/stdin_relay.h"
 
 #include <gtest/gtest.h>
@@ -76,7 +76,7 @@ class StdinRelayTest : public testing::Test {
         return ppoll(&watched, 1, &limit, nullptr) == 1;
     }
 
-    // So many bytes of what is handed on.
+    // Reads `length` bytes of the relay's output.
     std::string take(size_t length) const {
         std::string text(length, '\0');
         size_t done = 0;
@@ -88,7 +88,7 @@ class StdinRelayTest : public testing::Test {
         text.resize(done);
         return text;
     }
-    // Everything up to the end.
+    // Reads everything up to the end.
     std::string rest() const { return take(1 << 20); }
 
     int client_ = -1;
@@ -162,7 +162,7 @@ TEST_F(StdinRelayTest, ReadingEndsWhenNobodyTakesTheMessages) {
     relay_.reset();
     shutdown(end.fd(), SHUT_RD);
     send(kHello);
-    EXPECT_TRUE(arrives(end.fd(), 0));  // hung up: the thread has let go of its own end
+    EXPECT_TRUE(arrives(end.fd(), 0));  // hung up: the thread has closed its own end
 }
 
 TEST_F(StdinRelayTest, ReaderHasAStackForSignalHandlers) {
@@ -173,7 +173,7 @@ TEST_F(StdinRelayTest, ReaderHasAStackForSignalHandlers) {
 }
 
 TEST_F(StdinRelayTest, SignalsAreTheMainThreadsButForThoseOfACrash) {
-    std::thread([] {}).join();  // a sanitizer starts a thread of its own along with the first one
+    std::thread([] {}).join();  // a sanitizer starts another thread with the first one
     const uint64_t main_before = blocked_in("/proc/self/task/" + std::to_string(getpid()));
     std::set<std::string> before;
     for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {

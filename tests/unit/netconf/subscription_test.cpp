@@ -1,4 +1,4 @@
-// Notifications on their way from the object database to a client, and the time without a database.
+// Notifications from the object database to a client, and the time without a database.
 #include "services/netconf/subscription.h"
 
 #include <gtest/gtest.h>
@@ -27,7 +27,7 @@ namespace {
 constexpr const char* kChannel = "mom/3/p_nc.notification";
 const std::string kModule = "qv-loop-detect-server-notification";
 const std::string kName = kModule + ":loop-detect-state";
-const std::string kDropped = "a notification of the switch makes no sense, dropped: ";
+const std::string kDropped = "an invalid notification of the switch is dropped: ";
 
 struct Leaf {
     std::string path;
@@ -145,7 +145,7 @@ TEST_F(Notifications, MillisecondsHaveThreeDigits) {
     EXPECT_EQ(next(subscription).substr(0, 24), "1970-01-01T00:00:01.007Z");
 }
 
-TEST_F(Notifications, ComeInTheOrderOfTheSwitch) {
+TEST_F(Notifications, ArriveInTheOrderOfTheSwitch) {
     Subscription subscription = subscribe();
     publish(loop_on("swp1"));
     publish(loop_on("swp2"));
@@ -156,7 +156,7 @@ TEST_F(Notifications, ComeInTheOrderOfTheSwitch) {
     }
 }
 
-TEST_F(Notifications, OnlyWhatIsPublishedIsANotification) {
+TEST_F(Notifications, OnlyPublishedRecordsAreNotifications) {
     Subscription subscription = subscribe();
     for (const char operation : {'\0', '\1', '\3', '\xff'}) {
         publish(loop_on("swp1"), operation);
@@ -180,7 +180,7 @@ TEST_F(Notifications, RecordThatFitsNoNotificationIsDroppedWithItsReason) {
         {packed("", {{path, 20, 1}}), "\"" + path + "\" is not of "},
         {packed("qv-loop-detect-server:loop-detect",
                 {{"/qv-loop-detect-server:loop-detect/loop-policy", 20, 1}}),
-         "qv-loop-detect-server:loop-detect is no notification"},
+         "qv-loop-detect-server:loop-detect is not a notification"},
         {packed("ietf-netconf:get-schema", {{"/ietf-netconf:get-schema/x", 20, 1}}),
          "/ietf-netconf:get-schema/x = \"1\": "},
         {packed(kName, {{path_of("swp1", "src-port"), 8, 4294967295}}),
@@ -297,7 +297,7 @@ TEST_F(Notifications, NoReconnectBeforeItIsDue) {
     EXPECT_EQ(peer_->connections(), 2);
 }
 
-TEST_F(Notifications, GoOnWhenTheDatabaseIsBack) {
+TEST_F(Notifications, ContinueWhenTheDatabaseIsBack) {
     Subscription subscription = subscribe();
     publish(loop_on("before"));
     peer_.reset();
@@ -315,14 +315,14 @@ TEST_F(Notifications, GoOnWhenTheDatabaseIsBack) {
     EXPECT_EQ(next_port(subscription), "after");
     const auto lines = logged();
     ASSERT_EQ(lines.size(), 2U);
-    EXPECT_EQ(lines[1], (LogLine{LOG_INFO, "notifications go on, the object database is back"}));
+    EXPECT_EQ(lines[1], (LogLine{LOG_INFO, "notifications continue, the object database is back"}));
     // The next time the search begins with short steps again.
     peer_.reset();
     subscription.receive();
     EXPECT_EQ(subscription.retry_ms(), 100);
 }
 
-TEST_F(Notifications, LossThatIsNoticedWhileAnEventIsWantedIsNoEvent) {
+TEST_F(Notifications, LossNoticedInNextIsNotAnEvent) {
     Subscription subscription = subscribe();
     peer_->hang_up();
     EXPECT_EQ(next(subscription), "none");

@@ -74,7 +74,7 @@ TEST_F(PlatformFile, WithoutAFileThereAreTwentyFourPorts) {
     qv_thread_master_finish(master);
 }
 
-// Most likely a variable of a start script that was not set: no reason to simulate a switch.
+// Most likely a variable of a start script that was not set: not a reason to simulate a switch.
 TEST_F(PlatformDeathTest, EmptyVariableIsRefused) {
     setenv("LDA_PLATFORM", "", 1);
     EXPECT_EXIT(

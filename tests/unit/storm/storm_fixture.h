@@ -1,4 +1,4 @@
-// A storm detector that has been started on the fake platform: its session with database 8 is up,
+// A started storm detector on the fake platform: its session with database 8 is up,
 // every log line is in the list of calls, the list is empty. Ports are swp1, swp2, ... with
 // forwarding-plane ids 101, 102, ... (0x65, 0x66, ...).
 #pragma once
@@ -39,7 +39,7 @@ class StormTest : public ::testing::Test {
         storm_init(fake::master(), fake::mom_client(), storm_verdict, storm_ready);
     }
 
-    // The calls since the last look, without the log lines and the look-ups.
+    // The calls since the last take_calls(), without log lines and look-ups.
     static Lines take_calls() {
         const Lines lines = fake::calls_without(
             {"zlog", "libddm_get_phyid_by_ifx", "libddm_get_ifx_by_phyid", "lsm_if_get_sname"});
@@ -104,7 +104,7 @@ class RunningStormTest : public StormTest {
     }
 };
 
-// The requests to the plane when a port rule goes, or comes.
+// The requests to the plane when a port rule is removed, or installed.
 inline Lines port_rule_removed(const std::string& phyid) {
     return {"fp_apply_delete " + phyid + " at type=2 port=" + phyid,
             "fp_entry_delete " + phyid + " entry 0", "fp_acl_delete " + phyid};

@@ -1,4 +1,4 @@
-// Poll by poll: what every poll makes of a record, written out.
+// The effect of every poll on a record, written out.
 //
 // '+' is a poll that saw one packet more than the rate allows in 4 seconds, '=' one that saw
 // exactly what it allows. A change is a new rate for the interface, given between two polls.

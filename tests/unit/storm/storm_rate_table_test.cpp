@@ -1,5 +1,5 @@
 // The rate command, every case: is there a setting, is detection enabled, set or remove, are the
-// numbers the defaults. Each row says what reaches the plane and what the lists hold afterwards.
+// numbers the defaults. Each row has the requests to the plane and the lists afterwards.
 #include "tests/unit/storm/storm_fixture.h"
 
 namespace {
@@ -11,7 +11,7 @@ struct Row {
     bool set;
     uint32_t rate;
     uint32_t burst;
-    Lines calls;  // rule changes asked for, and the service calls they lead to
+    Lines calls;  // requested rule changes, and the service calls they cause
     const char* rates;
     const char* enabled_after;
     const char* installed;  // rate/burst of the detection record, empty for none

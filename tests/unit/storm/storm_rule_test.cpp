@@ -1,6 +1,7 @@
-// Rules in the forwarding plane and the records beside them.
+// Rules in the forwarding plane and the port records.
 #include <algorithm>
 
+#include "tests/support/golden/golden.h"
 #include "tests/unit/storm/storm_fixture.h"
 
 namespace {
@@ -12,21 +13,6 @@ class StormRule : public RunningStormTest {
         fake::clear_calls();
     }
 };
-
-Lines log_of_install(const std::string& hex, const std::string& phyid, const std::string& numbers) {
-    return {fake::info("storm_enable_by_fp", numbers + " phyid: " + hex),
-            fake::info("storm_enable_by_fp", "set_ace, acl_id:" + phyid + ".\n"),
-            fake::info("storm_enable_by_fp", "phyid " + phyid + ", aclid " + phyid + "\n"),
-            fake::info("storm_enable_by_fp", "done")};
-}
-
-Lines log_of_removal(const std::string& hex) {
-    return {fake::info("storm_del_storm_fp", "phyid: 0x" + hex + "\n"),
-            fake::info("std_acl_unapply", "phyid: 0x" + hex + ", aclid: 0x" + hex + "\n"),
-            fake::info("std_ace_entry_delete",
-                       "del_ace, acl_id:0x" + hex + ", acl_app:loop_detection_app"),
-            fake::info("std_acl_delete", "aclid 0x" + hex + "\n")};
-}
 
 TEST_F(StormRule, SharedRuleComesBeforeTheFirstPortRule) {
     storm_set_rate_burst(1, 8000, 1024, true);
@@ -54,27 +40,13 @@ TEST_F(StormRule, SharedRuleIsRemovedAfterTheLastPortRule) {
 
 TEST_F(StormRule, InstallationIsLogged) {
     storm_set_rate_burst(1, 5000, 64, true);
-    EXPECT_EQ(take_log(), (Lines{fake::info("storm_set_rate_burst",
-                                            "phyid = 65 , rate = 5000, burst = 64, is_add = 1"),
-                                 fake::info("storm_add_mpls_fp", "add mpls entry"),
-                                 fake::info("storm_add_mpls_fp", "set_mpls_ace, acl_id:0.\n"),
-                                 fake::info("storm_add_mpls_fp", "aclid 0\n"),
-                                 fake::info("storm_add_mpls_fp", "done")} +
-                           log_of_install("65", "101", "rate:5000 , burst: 64")));
+    expect_golden("storm_rule/installation", take_log());
 }
 
 TEST_F(StormRule, RemovalIsLogged) {
     enable_port_1();
     storm_set_rate_burst(1, 0, 0, false);
-    EXPECT_EQ(
-        take_log(),
-        (Lines{fake::info("storm_set_rate_burst", "phyid = 65 , rate = 0, burst = 0, is_add = 0")} +
-         log_of_removal("65") +
-         Lines{
-             fake::info("storm_del_mpls_fp", "del mpls entry"),
-             fake::info("std_acl_unapply", "phyid: 0x0, aclid: 0x0\n"),
-             fake::info("std_ace_entry_delete", "del_ace, acl_id:0x0, acl_app:loop_detection_app"),
-             fake::info("std_acl_delete", "aclid 0x0\n")}));
+    expect_golden("storm_rule/removal", take_log());
 }
 
 TEST_F(StormRule, BurstZeroIsLoggedAsGivenAndInstalledAs1024) {
@@ -254,15 +226,7 @@ TEST_F(StormRule, RemovalWithoutRecordDoesNothing) {
 TEST_F(StormRule, SharedEntryAllocationFailureDeletesTheAcl) {
     fake::fail_nth("fp_entry_alloc", 1);
     storm_set_rate_burst(1, 8000, 1024, true);
-    EXPECT_EQ(fake::calls_of({"zlog"}),
-              (Lines{fake::info("storm_set_rate_burst",
-                                "phyid = 65 , rate = 8000, burst = 1024, is_add = 1"),
-                     fake::info("storm_add_mpls_fp", "add mpls entry"),
-                     fake::info("storm_add_mpls_fp", "set_mpls_ace, acl_id:0.\n"),
-                     fake::error("storm_add_mpls_fp", "alloc ace fail."),
-                     fake::info("std_acl_delete", "aclid 0x0\n"),
-                     fake::error("storm_add_mpls_fp", "alloc ace error\n"),
-                     fake::error("storm_set_rate_burst", "add mpls entry failed")}));
+    expect_golden("storm_rule/shared_entry_allocation_failure", fake::calls_of({"zlog"}));
     EXPECT_EQ(take_calls(),
               (Lines{"fp_acl_create 0 flags=260", "fp_entry_alloc", "fp_acl_delete 0"}));
     EXPECT_EQ(record(101), nullptr);
@@ -485,42 +449,18 @@ TEST_F(StormWithoutService, UnapplyReportsItAndFails) {
 
 TEST_F(StormWithoutService, RemovalReportsEveryOperation) {
     EXPECT_EQ(storm_del_storm_fp(101), 0);
-    EXPECT_EQ(take_log(), (Lines{fake::info("storm_del_storm_fp", "phyid: 0x65\n"),
-                                 fake::info("std_acl_unapply", "phyid: 0x65, aclid: 0x65\n"),
-                                 fake::error("std_acl_unapply", "storm_udp_mgr is NULL !"),
-                                 fake::info("std_ace_entry_delete",
-                                            "del_ace, acl_id:0x65, acl_app:loop_detection_app"),
-                                 fake::error("std_ace_entry_delete", "storm_udp_mgr is NULL !"),
-                                 fake::info("std_acl_delete", "aclid 0x65\n"),
-                                 fake::error("std_acl_delete", "storm_udp_mgr is NULL !")}));
+    expect_golden("storm_rule/removal_without_service", take_log());
 }
 
 TEST_F(StormWithoutService, PortRuleFailsAtItsEntry) {
     EXPECT_EQ(storm_add_by_fp(8000, 1024, 101), -1);
-    EXPECT_EQ(take_log(),
-              (Lines{fake::info("storm_enable_by_fp", "rate:8000 , burst: 1024 phyid: 65"),
-                     fake::error("std_acl_create", "storm_udp_mgr is NULL !"),
-                     fake::info("storm_enable_by_fp", "set_ace, acl_id:101.\n"),
-                     fake::error("std_ace_alloc", "storm_udp_mgr is NULL !"),
-                     fake::error("storm_enable_by_fp", "alloc ace fail."),
-                     fake::error("storm_enable_by_fp", "alloc ace error\n"),
-                     fake::error("storm_add_by_fp", "rv: -1")}));
+    expect_golden("storm_rule/port_rule_without_service", take_log());
     EXPECT_EQ(storm_port_num, 0u);
 }
 
 TEST_F(StormWithoutService, EnablingFailsAtTheSharedRule) {
     storm_set(1, true);
-    EXPECT_EQ(take_log(), (Lines{fake::info("storm_set_rate_burst",
-                                            "phyid = 65 , rate = 8000, burst = 1024, is_add = 1"),
-                                 fake::info("storm_add_mpls_fp", "add mpls entry"),
-                                 fake::error("std_acl_create", "storm_udp_mgr is NULL !"),
-                                 fake::info("storm_add_mpls_fp", "set_mpls_ace, acl_id:0.\n"),
-                                 fake::error("std_ace_alloc", "storm_udp_mgr is NULL !"),
-                                 fake::error("storm_add_mpls_fp", "alloc ace fail."),
-                                 fake::info("std_acl_delete", "aclid 0x0\n"),
-                                 fake::error("std_acl_delete", "storm_udp_mgr is NULL !"),
-                                 fake::error("storm_add_mpls_fp", "alloc ace error\n"),
-                                 fake::error("storm_set_rate_burst", "add mpls entry failed")}));
+    expect_golden("storm_rule/shared_rule_without_service", take_log());
     EXPECT_EQ(enabled(), "1");
 }
 
@@ -561,14 +501,7 @@ TEST_F(StormResult, FailedApplyRemovesTheRecordAndTheConfiguration) {
     storm_set_burst_limit(1, 5000, 64, true);
     enable_port_1();
     handlers().apply_failed(fake::mom_client(), &kKey, 28);
-    EXPECT_EQ(fake::calls_of({"zlog"}),
-              (Lines{fake::info("storm_install_on_apply_failed",
-                                "aclid:0x65, acl_app:loop_detection_app, err:28\n")} +
-               log_of_removal("65") +
-               Lines{fake::info("storm_del_list", "enter ifx 1"),
-                     fake::info("storm_del_list", "release storm_ifx_info"),
-                     fake::info("storm_del_list", "release storm_rate_info"),
-                     fake::info("storm_del_list", "exit")}));
+    expect_golden("storm_rule/failed_apply", fake::calls_of({"zlog"}));
     EXPECT_EQ(take_calls(), port_rule_removed("101"));
     EXPECT_EQ(record(101), nullptr);
     EXPECT_EQ(enabled(), "");

@@ -57,7 +57,7 @@ Message member_link(uint32_t ifx, bool up, uint8_t state, uint32_t master = kBri
     return message;
 }
 
-// What the bridge says of its side of the port.
+// The bridge's own message about its side of the port.
 Message port_message(uint32_t ifx, uint8_t state) {
     Message message = link_message(RTM_NEWLINK, AF_BRIDGE, ifx, true);
     nlattr* const port = nla_nest_start(message.get(), IFLA_PROTINFO | NLA_F_NESTED);
@@ -67,7 +67,7 @@ Message port_message(uint32_t ifx, uint8_t state) {
 }
 
 struct Hands final : ProberOutputs {
-    bool send(uint32_t ifx, const Frame&) override {
+    bool send(uint32_t ifx, uint16_t /*vid*/, const Frame&) override {
         sent.push_back(ifx);
         return true;
     }

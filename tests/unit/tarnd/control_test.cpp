@@ -1,5 +1,5 @@
-// The control socket and its clients, hostile ones among them. Port 1 is the interface "lo" of the
-// machine, which always has that number; other numbers have no name here.
+// The control socket and its clients, among them hostile ones. Port 1 is the machine's interface
+// "lo", which always has that number; other numbers have no name here.
 #include "services/tarnd/control.h"
 
 #include <gtest/gtest.h>
@@ -128,6 +128,31 @@ TEST_F(ControlTest, ReplacesTheSocketOfAnEarlierProcess) {
     EXPECT_THROW(Control(loop, folder.file(std::string(200, 'x')), board, {}), std::runtime_error);
 }
 
+TEST_F(ControlTest, ARemovedSocketIsPutBackAndItsClientsStay) {
+    Client early(path);
+    turn();
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    pass(seconds(10));
+    struct stat status {};
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_mode, S_IFSOCK | S_IRUSR | S_IWUSR);
+    Client late(path);
+    turn();
+    EXPECT_NE(ask(late, R"({"do":"counters"})"), "");
+    EXPECT_NE(ask(early, R"({"do":"counters"})"), "");
+}
+
+TEST_F(ControlTest, ASocketThatCannotBePutBackIsTriedAgain) {
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    ASSERT_EQ(mkdir(path.c_str(), 0700), 0);
+    pass(seconds(20));
+    ASSERT_EQ(rmdir(path.c_str()), 0);
+    pass(seconds(10));
+    Client client(path);
+    turn();
+    EXPECT_NE(ask(client, R"({"do":"counters"})"), "");
+}
+
 TEST_F(ControlTest, ShowsEveryPort) {
     add_port(4000001);
     Client client(path);
@@ -148,7 +173,8 @@ TEST_F(ControlTest, ShowsOnePortWithItsLoop) {
     const std::string text = ask(client, R"({"do":"show","port":"lo"})");
     EXPECT_EQ(text.substr(0, text.find(R"(,"time")")),
               R"({"port":"lo","index":1,"state":"looped","role":"access","guard_ms":30,)"
-              R"("loop":{"port":"lo","src_port":"lo","vid":1,"path_us":41,"found_by":"carrier")");
+              R"("loop":{"port":"lo","src_port":"lo","vid":1,"src_vid":1,"path_us":41,)"
+              R"("found_by":"carrier")");
     EXPECT_TRUE(text.ends_with("Z\"}}\n{\"done\":true}\n")) << text;
     EXPECT_EQ(ask(client, R"({"do":"show","port":"no-such"})"),
               R"({"error":"no-such: the port is not in the bridge"})"
@@ -160,7 +186,8 @@ TEST_F(ControlTest, TellsTheCounters) {
     EXPECT_EQ(ask(client, R"({"do":"counters"})"),
               R"({"counters":{"sent":5,"not_sent":0,"returned":0,"loops_period":0,"loops_move":0,)"
               R"("loops_carrier":0,"loops_overrun":0,"cuts":0,"cuts_failed":0,"given_back":0,)"
-              R"("malformed":0,"forged":0,"foreign":0,"blocked":0,"stale":0,"duplicate":20}})"
+              R"("malformed":0,"forged":0,"foreign":0,"blocked":0,"stale":0,"duplicate":20,)"
+              R"("leaked":0,"late":0}})"
               "\n"
               R"({"done":true})"
               "\n");
@@ -183,12 +210,12 @@ TEST_F(ControlTest, AWatcherIsToldOfEachEvent) {
         events.push_back(line.substr(0, line.find(R"(,"time")")));
     }
     EXPECT_EQ(events, (std::vector<std::string>{
-                          R"({"event":"loop","port":"lo","src_port":"lo","vid":1,"path_us":41,)"
-                          R"("found_by":"carrier")",
+                          R"({"event":"loop","port":"lo","src_port":"lo","vid":1,"src_vid":1,)"
+                          R"("path_us":41,"found_by":"carrier")",
                           R"({"event":"cut","port":"lo")",
                           R"({"event":"cut-failed","port":"lo","reason":"Operation not permitted")",
                           R"({"event":"given-back","port":"lo","reason":null)",
-                          R"({"event":"end","port":"lo","src_port":"lo")"}));
+                          R"({"event":"end","port":"lo","src_port":"lo","vid":1,"src_vid":1)"}));
     EXPECT_EQ(other.receive(), "");
 }
 

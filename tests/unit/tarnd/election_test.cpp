@@ -1,4 +1,4 @@
-// Loops through several switches: several probers that hear each other.
+// Loops through several switches: several probers that receive each other's probes.
 #include <gtest/gtest.h>
 #include <sodium.h>
 
@@ -27,7 +27,7 @@ struct Network;
 struct Switch final : ProberOutputs {
     Switch(Network& the_network, uint64_t bridge, uint8_t priority);
 
-    bool send(uint32_t ifx, const Frame& frame) override;
+    bool send(uint32_t ifx, uint16_t vid, const Frame& frame) override;
     int cut(uint32_t ifx, bool) override {
         lines.push_back("cut " + std::to_string(ifx));
         down.push_back(ifx);
@@ -52,9 +52,13 @@ struct Switch final : ProberOutputs {
     Prober prober;
 };
 
-// Cables between ports, frames under way, and the flooding of foreign probes.
+// Cables between ports, frames in flight, and the flooding of foreign probes.
 struct Network {
     using End = std::pair<size_t, uint32_t>;  // switch, port
+    struct Tagged {
+        uint16_t vid;
+        Frame frame;
+    };
 
     Network() { EXPECT_GE(sodium_init(), 0); }
 
@@ -62,7 +66,7 @@ struct Network {
         switches.push_back(std::make_unique<Switch>(*this, bridge, priority));
         Switch& made = *switches.back();
         for (uint32_t ifx = 1; ifx <= 4; ++ifx) {
-            made.prober.configure_port(ifx, true, shuts, now);
+            made.prober.configure_port(ifx, true, shuts, now, {.vlans = vlans});
             made.prober.set_port(ifx, true, now);
         }
         return made;
@@ -71,27 +75,28 @@ struct Network {
         cables[one] = other;
         cables[other] = one;
     }
-    void put(const Switch& from, uint32_t ifx, const Frame& frame) {
+    void put(const Switch& from, uint32_t ifx, const Tagged& frame) {
         size_t place = 0;
         while (switches[place].get() != &from) {
             ++place;
         }
         put({place, ifx}, frame);
     }
-    void put(End from, const Frame& frame) {
+    void put(End from, const Tagged& frame) {
         const auto to = cables.find(from);
-        if (to != cables.end() && !switches[from.first]->is_down(from.second)) {
+        if (to != cables.end() && frame.vid == passed &&
+            !switches[from.first]->is_down(from.second)) {
             frames.emplace(now + kHop, std::pair(to->second, frame));
         }
     }
-    void arrive(End at, const Frame& frame) {
+    void arrive(End at, const Tagged& frame) {
         Switch& here = *switches[at.first];
         if (here.is_down(at.second)) {
             return;
         }
-        here.prober.received(at.second, frame, now);
+        here.prober.received(at.second, frame.frame, now, frame.vid);
         Probe probe;
-        EXPECT_EQ(decode(frame, Key{}, probe), FrameFault::kNone);
+        EXPECT_EQ(decode(frame.frame, Key{}, probe), FrameFault::kNone);
         for (uint32_t ifx = 1; ifx <= 4 && probe.bridge != here.bridge; ++ifx) {
             if (ifx != at.second) {
                 put({at.first, ifx}, frame);
@@ -131,7 +136,9 @@ struct Network {
     Time now{seconds(5000)};
     std::vector<std::unique_ptr<Switch>> switches;
     std::map<End, End> cables;
-    std::multimap<Time, std::pair<End, Frame>> frames;
+    std::multimap<Time, std::pair<End, Tagged>> frames;
+    Vlans vlans;          // of every port
+    uint16_t passed = 0;  // the VLAN that cables pass
 };
 
 Switch::Switch(Network& the_network, uint64_t its_bridge, uint8_t priority)
@@ -145,8 +152,8 @@ Switch::Switch(Network& the_network, uint64_t its_bridge, uint8_t priority)
     prober.configure({.enabled = true, .priority = priority}, network.now);
 }
 
-bool Switch::send(uint32_t ifx, const Frame& frame) {
-    network.put(*this, ifx, frame);
+bool Switch::send(uint32_t ifx, uint16_t vid, const Frame& frame) {
+    network.put(*this, ifx, {vid, frame});
     return true;
 }
 
@@ -185,6 +192,40 @@ TEST(Election, SwitchesThatMeetInALoopCutItOnce) {
     EXPECT_EQ(first.lines.size() + second.lines.size(), 2u);
 }
 
+TEST(Election, ALoopInOneVlanIsCutOnceByTheBetterClaim) {
+    Network network;
+    network.vlans = std::make_shared<const std::vector<uint16_t>>(std::vector<uint16_t>{5, 7});
+    network.passed = 7;
+    Switch& first = network.add(10);
+    Switch& second = network.add(20);
+    network.plug({0, 1}, {1, 1});
+    network.pass(seconds(2));
+    EXPECT_EQ(first.lines, Lines{});
+    network.plug({0, 2}, {1, 2});
+    network.pass(seconds(3));
+    EXPECT_EQ(first.lines, (Lines{"loop 2 from 2", "cut 2"}));
+    EXPECT_EQ(second.lines, Lines{});
+}
+
+TEST(Election, TheOthersCutWhatStillLoopsInAVlan) {
+    Network network;
+    network.vlans = std::make_shared<const std::vector<uint16_t>>(std::vector<uint16_t>{5, 7});
+    network.passed = 7;
+    network.add(10);
+    Switch& second = network.add(20);
+    network.plug({0, 1}, {1, 1});
+    network.pass(seconds(2));
+    // The first claims, but finds nothing.
+    network.switches[0]->prober.configure({.enabled = false}, network.now);
+    network.plug({0, 2}, {1, 2});
+    network.now += milliseconds(5);
+    second.prober.overrun(network.now);
+    network.pass(milliseconds(190));
+    EXPECT_EQ(second.lines, Lines{});
+    network.pass(milliseconds(20));
+    EXPECT_EQ(second.lines, (Lines{"loop 2 from 2", "cut 2"}));
+}
+
 TEST(Election, ARingOfThreeIsCutOnceAndTheRestStaysConnected) {
     Network network;
     Switch& first = network.add(10);
@@ -206,7 +247,7 @@ TEST(Election, TheOthersCutWhatStillLoopsWhenTheFirstDoesNot) {
     Switch& second = network.add(20);
     network.plug({0, 1}, {1, 1});
     network.pass(seconds(2));
-    // The first claims, but finds nothing.
+    // The first switch claims, but finds nothing.
     network.switches[0]->prober.configure({.enabled = false}, network.now);
     network.plug({0, 2}, {1, 2});
     network.now += milliseconds(5);

@@ -18,7 +18,7 @@ using std::chrono::seconds;
 using Lines = std::vector<std::string>;
 
 struct Hands final : ProberOutputs {
-    bool send(uint32_t ifx, const Frame& frame) override {
+    bool send(uint32_t ifx, uint16_t /*vid*/, const Frame& frame) override {
         sent.emplace_back(ifx, frame);
         return true;
     }

@@ -3,7 +3,10 @@
 #include <gtest/gtest.h>
 #include <sodium.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <map>
+#include <numeric>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,14 +25,14 @@ Prober::Identity identity() {
     return made;
 }
 
-// Keeps the frames that ports send, and what is reported, as text.
+// Keeps the frames that ports send, and the reports as text.
 struct Hands final : ProberOutputs {
     struct Sent {
         uint32_t ifx;
         Frame frame;
     };
 
-    bool send(uint32_t ifx, const Frame& frame) override {
+    bool send(uint32_t ifx, uint16_t /*vid*/, const Frame& frame) override {
         if (send_result) {
             sent.push_back({ifx, frame});
         }
@@ -152,6 +155,36 @@ TEST_F(ProberTest, ProbesEveryPortOnceInEachInterval) {
     EXPECT_EQ(take_sent().size(), 30u);
 }
 
+TEST_F(ProberTest, PortsShareAFewTurnsThatAreSpreadOverTheInterval) {
+    constexpr size_t kTurns = 16, kPorts = 512;
+    for (const uint32_t distance : {1u, 2u, 3u}) {
+        Prober many{identity(), hands};
+        many.configure(settings, now);
+        for (uint32_t n = 1; n <= kPorts; ++n) {
+            many.configure_port(n * distance, true, false, now);
+            many.set_port(n * distance, true, now);
+            now += milliseconds(1);  // when a port comes up must not matter
+        }
+        std::map<Time, size_t> turns;
+        const auto run_until = [&](Time end) {
+            while (many.next() < end) {
+                now = std::max(now, many.next());
+                hands.sent.clear();
+                many.run(now);
+                turns[now] += hands.sent.size();
+            }
+            now = end;
+        };
+        run_until(now + seconds(1));  // the bursts of the new ports
+        turns.clear();
+        run_until(now + seconds(1));
+        EXPECT_EQ(turns.size(), kTurns) << distance;
+        for (const auto& [time, ports] : turns) {
+            EXPECT_NEAR(static_cast<double>(ports), kPorts / kTurns, 2) << distance;
+        }
+    }
+}
+
 TEST_F(ProberTest, SendsNothingWhileDisabledOrUnwatchedOrBlocked) {
     add_ports(3);
     prober.configure_port(1, false, false, now);
@@ -216,6 +249,98 @@ TEST_F(ProberTest, BurstsOfTheWholeSwitchAreLimited) {
     EXPECT_LE(frames, 2 * (256u + 200u) + 20u);
 }
 
+TEST_F(ProberTest, FourThousandPortsKeepTheLimitsAndShareTheTurnsOfTheInterval) {
+    constexpr uint32_t kPorts = 4096;
+    for (uint32_t ifx = 1; ifx <= kPorts; ++ifx) {
+        prober.configure_port(ifx, true, false, now);
+        prober.set_port(ifx, true, now);
+    }
+    pass(seconds(4));  // the first bursts of all ports
+    take_sent();
+    // Periodic probes: a sixteenth of the ports in a sixteenth of the interval.
+    std::vector<size_t> turns;
+    for (int n = 0; n < 64; ++n) {
+        pass(Duration(seconds(1)) / 16);
+        turns.push_back(take_sent().size());
+    }
+    EXPECT_EQ(std::accumulate(turns.begin(), turns.end(), size_t{0}), 4 * kPorts);
+    EXPECT_LE(*std::max_element(turns.begin(), turns.end()), 2 * kPorts / 16);
+    // Lost announcements, again and again: the switch's limit holds.
+    for (int n = 0; n < 100; ++n) {
+        prober.overrun(now);
+        pass(milliseconds(10));
+    }
+    const size_t frames = take_sent().size();
+    EXPECT_LE(frames, 2 * (256u + 2000u) + kPorts);
+    EXPECT_GE(frames, 2 * 1900u + kPorts);
+}
+
+TEST_F(ProberTest, PortsTakeTurnsWhileAStormAsksForMoreThanTheSwitchsRate) {
+    settings.interval = seconds(10);
+    prober.configure(settings, now);
+    add_ports(64);
+    pass(seconds(20));
+    std::map<uint32_t, size_t> frames;
+    for (int n = 0; n < 600; ++n) {
+        prober.overrun(now);
+        pass(milliseconds(5));
+        const bool settled = n >= 100;  // what may be sent at once is used up
+        for (const uint32_t ifx : take_sent()) {
+            frames[ifx] += settled ? 1 : 0;
+        }
+    }
+    // In 2.5 s 5,000 bursts of two frames: about 78 for each port.
+    ASSERT_EQ(frames.size(), 64u);
+    for (const auto& [ifx, count] : frames) {
+        EXPECT_GE(count, 2 * 65u) << "port " << ifx;
+        EXPECT_LE(count, 2 * 90u) << "port " << ifx;
+    }
+}
+
+TEST_F(ProberTest, APortThatLeavesWhileItWaitsForTheSwitchsRateIsPassedOver) {
+    settings.interval = seconds(10);
+    prober.configure(settings, now);
+    add_ports(1000);
+    pass(seconds(20));
+    take_sent();
+    prober.overrun(now);
+    prober.run(now);
+    prober.remove_port(1000);
+    prober.set_port(999, false, now);
+    pass(seconds(1));
+    const std::vector<uint32_t> sent = take_sent();
+    EXPECT_EQ(std::count(sent.begin(), sent.end(), 998), 2);
+    EXPECT_EQ(std::count(sent.begin(), sent.end(), 999), 0);
+    EXPECT_EQ(std::count(sent.begin(), sent.end(), 1000), 0);
+}
+
+// The work is counted in wake-ups and frames: both grow with the number of ports, no faster.
+TEST_F(ProberTest, WorkGrowsNoFasterThanTheNumberOfPorts) {
+    const auto work = [this](uint32_t first, uint32_t last) {
+        for (uint32_t ifx = first; ifx <= last; ++ifx) {
+            prober.configure_port(ifx, true, false, now);
+            prober.set_port(ifx, true, now);
+        }
+        pass(seconds(4));
+        take_sent();
+        size_t runs = 0;
+        const Time end = now + seconds(4);
+        while (prober.next() <= end) {
+            now = std::max(now, prober.next());
+            prober.run(now);
+            ++runs;
+        }
+        now = end;
+        return std::pair(runs, take_sent().size());
+    };
+    const auto [few_runs, few_frames] = work(1, 512);
+    const auto [many_runs, many_frames] = work(513, 4096);
+    EXPECT_EQ(few_frames, 4 * 512u);
+    EXPECT_EQ(many_frames, 4 * 4096u);
+    EXPECT_LE(few_runs, 4 * (16u + 512u / Prober::kPortsPerRun));
+    EXPECT_LE(many_runs, 4 * (16u + 4096u / Prober::kPortsPerRun));
+}
+
 TEST_F(ProberTest, AReturnedProbeProvesALoopOnce) {
     add_ports(2);
     const Frame frame = frame_of(1);
@@ -248,7 +373,40 @@ TEST_F(ProberTest, ABlockedPortIsNotBelieved) {
     prober.set_port(1, true, now);
     prober.received(2, frame, now);
     EXPECT_EQ(take_lines(), Lines{});
-    EXPECT_EQ(prober.ignored(Ignored::kStale), 1u);
+    EXPECT_EQ(prober.ignored(Ignored::kLate), 1u);
+}
+
+TEST_F(ProberTest, ReflectedLateIsCountedApart) {
+    settings.interval = seconds(10);
+    prober.configure(settings, now);
+    add_ports(2);
+    const Frame early = frame_of(1);
+    std::vector<Frame> frames;
+    for (int n = 0; n < 33; ++n) {
+        frames.push_back(frame_of(1));
+        frames.push_back(frame_of(1));
+    }
+    // More than 64 others of the port have come back meanwhile.
+    for (const Frame& frame : frames) {
+        prober.received(2, frame, now);
+    }
+    prober.received(2, early, now);
+    EXPECT_EQ(prober.ignored(Ignored::kLate), 1u);
+    EXPECT_EQ(prober.ignored(Ignored::kDuplicate), 0u);
+    // Older than two seconds.
+    prober.received(2, frames.back(), now + milliseconds(2001));
+    EXPECT_EQ(prober.ignored(Ignored::kLate), 2u);
+    EXPECT_EQ(prober.ignored(Ignored::kStale), 0u);
+}
+
+TEST_F(ProberTest, AProbeFromBeforeTheCutIsLate) {
+    add_ports(2, true);
+    const Frame from_1 = frame_of(1);
+    const Frame from_2 = frame_of(2);
+    prober.received(2, from_1, now);
+    EXPECT_EQ(take_lines(), (Lines{"loop 2 from 1", "cut 2", "was cut 2 from 1"}));
+    prober.received(1, from_2, now);
+    EXPECT_EQ(prober.ignored(Ignored::kLate), 1u);
 }
 
 TEST_F(ProberTest, ForgedForeignOldAndRepeatedFramesAreCountedAndIgnored) {
@@ -274,7 +432,8 @@ TEST_F(ProberTest, ForgedForeignOldAndRepeatedFramesAreCountedAndIgnored) {
     EXPECT_EQ(prober.ignored(Ignored::kForged), 1u);
     EXPECT_EQ(prober.ignored(Ignored::kMalformed), 1u);
     EXPECT_EQ(prober.ignored(Ignored::kForeign), 1u);
-    EXPECT_EQ(prober.ignored(Ignored::kStale), 2u);
+    EXPECT_EQ(prober.ignored(Ignored::kLate), 1u);
+    EXPECT_EQ(prober.ignored(Ignored::kStale), 1u);
     EXPECT_EQ(prober.ignored(Ignored::kDuplicate), 1u);
 }
 
@@ -329,7 +488,7 @@ TEST_F(ProberTest, AShuttingPolicyCutsOnePortOfTheLoop) {
     const Frame from_2 = frame_of(2);
     prober.received(2, from_1, now);
     EXPECT_EQ(take_lines(), (Lines{"loop 2 from 1", "cut 2", "was cut 2 from 1"}));
-    // The other direction of the same loop, still under way.
+    // The probe in the other direction of the same loop, still in flight.
     prober.received(1, from_2, now);
     EXPECT_EQ(take_lines(), Lines{});
 }

@@ -70,6 +70,20 @@ TEST(Service, AGuardOutOfRangeIsNone) {
     }
 }
 
+TEST(Service, VlansThatAreOutOfRangeOrOutOfOrderAreLeftOut) {
+    PBridge__TarnPort record = P_BRIDGE__TARN_PORT__INIT;
+    EXPECT_EQ(vlans_of(record), nullptr);
+    std::vector<uint32_t> vlans{0, 4095, 65537};
+    record.vlans = vlans.data();
+    record.n_vlans = vlans.size();
+    EXPECT_EQ(vlans_of(record), nullptr);
+    vlans = {1, 7, 7, 3, 4094, 4095, 4294967295};
+    record.vlans = vlans.data();
+    record.n_vlans = vlans.size();
+    ASSERT_NE(vlans_of(record), nullptr);
+    EXPECT_EQ(*vlans_of(record), (std::vector<uint16_t>{1, 7, 4094}));
+}
+
 TEST(Service, AnIntervalOutOfRangeIsTheDefault) {
     for (const uint32_t interval_ms : {0u, 99u, 10001u, 4294967295u}) {
         EXPECT_EQ(settings_of(config(1, 0, interval_ms)).interval, milliseconds(1000));

@@ -2,6 +2,7 @@
 // socket is one end of a pair, so that no privilege is needed.
 #include "services/tarnd/sockets.h"
 
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <linux/if_packet.h>
 #include <linux/netlink.h>
@@ -19,13 +20,14 @@
 namespace {
 
 struct Answer {
-    int error;          // 0: the call goes through, or succeeds where it is played
+    int error;          // 0: the call is passed on, or succeeds where it is simulated
     uint32_t from = 0;  // recvfrom: interface index or port id of the sender
     std::string bytes{};
     uint8_t type = PACKET_MULTICAST;
+    int tci = -1;  // recvmsg: of the tag that was taken out of the frame; -1: there was none
 };
 
-// Answers of the next calls, by name. Without one a call is the real one.
+// Answers to the next calls, by name. Without one the real call is made.
 std::map<std::string, std::deque<Answer>>& script() {
     static auto& answers = *new std::map<std::string, std::deque<Answer>>;
     return answers;
@@ -73,6 +75,13 @@ int __wrap_bind(int fd, const sockaddr* address, socklen_t size) {
     return answer.error != 0 ? -1 : 0;
 }
 
+// Of the latest frame that was sent.
+std::string& sent_bytes() {
+    static auto& bytes = *new std::string;
+    return bytes;
+}
+uint16_t g_sent_protocol = 0;
+
 ssize_t __real_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* to,
                       socklen_t to_size);
 ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const sockaddr* to,
@@ -81,6 +90,8 @@ ssize_t __wrap_sendto(int fd, const void* bytes, size_t size, int flags, const s
     if (!next("sendto", answer)) {
         return __real_sendto(fd, bytes, size, flags, to, to_size);
     }
+    sent_bytes().assign(static_cast<const char*>(bytes), size);
+    g_sent_protocol = ntohs(reinterpret_cast<const sockaddr_ll*>(to)->sll_protocol);
     return answer.error != 0 ? -1 : static_cast<ssize_t>(size);
 }
 
@@ -104,20 +115,40 @@ ssize_t __wrap_recvfrom(int fd, void* bytes, size_t size, int flags, sockaddr* f
     if (answer.error != 0) {
         return -1;
     }
-    if (*from_size == sizeof(sockaddr_ll)) {
-        sockaddr_ll link{};
-        link.sll_ifindex = static_cast<int>(answer.from);
-        link.sll_pkttype = answer.type;
-        std::copy_n(reinterpret_cast<const char*>(&link), sizeof link,
-                    reinterpret_cast<char*>(from));
-    } else {
-        sockaddr_nl netlink{};
-        netlink.nl_pid = answer.from;
-        std::copy_n(reinterpret_cast<const char*>(&netlink), sizeof netlink,
-                    reinterpret_cast<char*>(from));
-    }
+    sockaddr_nl netlink{};
+    netlink.nl_pid = answer.from;
+    std::copy_n(reinterpret_cast<const char*>(&netlink), sizeof netlink,
+                reinterpret_cast<char*>(from));
     const size_t length = std::min(size, answer.bytes.size());
     std::copy_n(answer.bytes.data(), length, static_cast<char*>(bytes));
+    return static_cast<ssize_t>(length);
+}
+
+ssize_t __real_recvmsg(int fd, msghdr* message, int flags);
+ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags) {
+    Answer answer{};
+    if (!next("recvmsg", answer)) {
+        return __real_recvmsg(fd, message, flags);
+    }
+    if (answer.error != 0) {
+        return -1;
+    }
+    sockaddr_ll link{};
+    link.sll_ifindex = static_cast<int>(answer.from);
+    link.sll_pkttype = answer.type;
+    std::copy_n(reinterpret_cast<const char*>(&link), sizeof link,
+                static_cast<char*>(message->msg_name));
+    tpacket_auxdata extra{};
+    extra.tp_status = answer.tci >= 0 ? TP_STATUS_VLAN_VALID : 0;
+    extra.tp_vlan_tci = static_cast<uint16_t>(std::max(answer.tci, 0));
+    cmsghdr* const part = CMSG_FIRSTHDR(message);
+    part->cmsg_level = SOL_PACKET;
+    part->cmsg_type = PACKET_AUXDATA;
+    part->cmsg_len = CMSG_LEN(sizeof extra);
+    std::copy_n(reinterpret_cast<const char*>(&extra), sizeof extra,
+                reinterpret_cast<char*>(CMSG_DATA(part)));
+    const size_t length = std::min(message->msg_iov->iov_len, answer.bytes.size());
+    std::copy_n(answer.bytes.data(), length, static_cast<char*>(message->msg_iov->iov_base));
     return static_cast<ssize_t>(length);
 }
 
@@ -136,14 +167,16 @@ struct SocketsTest : testing::Test {
     // As the constructor of a packet socket needs them.
     static void allow_packet_socket() {
         script()["socket"] = {kDone};
-        script()["setsockopt"] = {kDone, kDone, kDone};
+        script()["setsockopt"] = {kDone, kDone, kDone, kDone};
         script()["bind"] = {kDone};
     }
     static Frames received(const PacketSocket& packets, size_t most, bool& more) {
         Frames frames;
-        more = packets.receive(most, [&](uint32_t ifx, std::span<const uint8_t> frame) {
-            frames.push_back(std::to_string(ifx) + " " + std::string(frame.begin(), frame.end()));
-        });
+        more =
+            packets.receive(most, [&](uint32_t ifx, uint16_t vid, std::span<const uint8_t> frame) {
+                frames.push_back(std::to_string(ifx) + (vid != 0 ? "." + std::to_string(vid) : "") +
+                                 " " + std::string(frame.begin(), frame.end()));
+            });
         return frames;
     }
     template <typename Open>
@@ -177,6 +210,9 @@ TEST_F(SocketsTest, PacketSocketThatIsRefusedSaysWhy) {
     script()["setsockopt"] = {kDone, kDone, {EPERM}};
     EXPECT_EQ(refusal(open), "packet socket: Operation not permitted");
     allow_packet_socket();
+    script()["setsockopt"] = {kDone, kDone, kDone, {ENOPROTOOPT}};
+    EXPECT_EQ(refusal(open), "packet socket: Protocol not available");
+    allow_packet_socket();
     script()["bind"] = {{ENETDOWN}};
     EXPECT_EQ(refusal(open), "packet socket: Network is down");
 }
@@ -192,16 +228,53 @@ TEST_F(SocketsTest, FrameThatIsNotSentIsReportedAndTheNextOneIs) {
     const PacketSocket packets;
     for (const int error : {ENOBUFS, EPERM, ENETDOWN, ENXIO, EAGAIN, EINTR}) {
         script()["sendto"] = {{error}, kDone};
-        EXPECT_FALSE(packets.send(7, Frame{})) << error;
-        EXPECT_TRUE(packets.send(7, Frame{})) << error;
+        EXPECT_FALSE(packets.send(7, 0, Frame{})) << error;
+        EXPECT_TRUE(packets.send(7, 0, Frame{})) << error;
     }
+}
+
+TEST_F(SocketsTest, FrameInAVlanIsSentWithATagOfTheHighestPriority) {
+    allow_packet_socket();
+    const PacketSocket packets;
+    Frame frame{};
+    for (size_t n = 0; n < frame.size(); ++n) {
+        frame[n] = static_cast<uint8_t>(n);
+    }
+    const std::string plain(frame.begin(), frame.end());
+    script()["sendto"] = {kDone, kDone};
+    EXPECT_TRUE(packets.send(7, 0, frame));
+    EXPECT_EQ(sent_bytes(), plain);
+    EXPECT_EQ(g_sent_protocol, 0x88b5);
+    EXPECT_TRUE(packets.send(7, 0x123, frame));
+    EXPECT_EQ(sent_bytes(),
+              plain.substr(0, 12) + "\x81" + std::string(1, '\0') + "\xe1\x23" + plain.substr(12));
+    EXPECT_EQ(g_sent_protocol, 0x8100);
+}
+
+TEST_F(SocketsTest, VlanOfAFrameIsThatOfItsOuterTag) {
+    const auto tagged = [](const std::string& type) {
+        return "destinatsrc." + type + "\xe1\x23rest";
+    };
+    const std::string c_tag("\x81\0", 2);
+    allow_packet_socket();
+    const PacketSocket packets;
+    script()["recvmsg"] = {{.error = 0, .from = 3, .bytes = "plain", .tci = 0xe007},
+                           {.error = 0, .from = 3, .bytes = "priority only", .tci = 0xe000},
+                           {.error = 0, .from = 3, .bytes = tagged(c_tag)},
+                           {.error = 0, .from = 3, .bytes = tagged("\x88\xa8"), .tci = 9},
+                           {.error = 0, .from = 3, .bytes = "destinatsrc." + c_tag + "\1"},
+                           {EAGAIN}};
+    bool more = true;
+    EXPECT_EQ(received(packets, 64, more),
+              (Frames{"3.7 plain", "3 priority only", "3.291 destinatsrc.rest",
+                      "3.9 destinatsrc.rest", "3 destinatsrc." + c_tag + "\1"}));
 }
 
 TEST_F(SocketsTest, FramesBehindAnErrorAreReceived) {
     allow_packet_socket();
     const PacketSocket packets;
     for (const int error : {ENETDOWN, ENOBUFS, EPERM, EINTR}) {
-        script()["recvfrom"] = {{0, 3, "one"}, {error}, {0, 4, "two"}, {EAGAIN}};
+        script()["recvmsg"] = {{0, 3, "one"}, {error}, {0, 4, "two"}, {EAGAIN}};
         bool more = true;
         EXPECT_EQ(received(packets, 64, more), (Frames{"3 one", "4 two"})) << error;
         EXPECT_FALSE(more);
@@ -211,17 +284,17 @@ TEST_F(SocketsTest, FramesBehindAnErrorAreReceived) {
 TEST_F(SocketsTest, ErrorsWithoutEndEndTheTurn) {
     allow_packet_socket();
     const PacketSocket packets;
-    script()["recvfrom"] = std::deque<Answer>(100, {ENETDOWN});
+    script()["recvmsg"] = std::deque<Answer>(100, {ENETDOWN});
     bool more = false;
     EXPECT_EQ(received(packets, 64, more), Frames{});
     EXPECT_TRUE(more);
-    EXPECT_EQ(script()["recvfrom"].size(), 36u);
+    EXPECT_EQ(script()["recvmsg"].size(), 36u);
 }
 
 TEST_F(SocketsTest, FramesOfThisMachineAndEmptyOnesAreLeftOut) {
     allow_packet_socket();
     const PacketSocket packets;
-    script()["recvfrom"] = {{0, 3, "own", PACKET_OUTGOING}, {0, 3, ""}, {0, 3, "one"}, {EAGAIN}};
+    script()["recvmsg"] = {{0, 3, "own", PACKET_OUTGOING}, {0, 3, ""}, {0, 3, "one"}, {EAGAIN}};
     bool more = true;
     EXPECT_EQ(received(packets, 64, more), Frames{"3 one"});
 }

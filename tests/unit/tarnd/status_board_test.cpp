@@ -38,15 +38,19 @@ struct StatusBoardTest : testing::Test {
         port(ifx, true, true);
         lines.clear();
     }
-    void loop(uint32_t ifx, uint32_t src_ifx, Trigger trigger = Trigger::kMove) {
+    void loop(uint32_t ifx, uint32_t src_ifx, Trigger trigger = Trigger::kMove, uint16_t vid = 0,
+              uint16_t src_vid = 0) {
         board.take({.kind = Report::Kind::kLoop,
                     .ifx = ifx,
                     .src_ifx = src_ifx,
+                    .vid = vid,
+                    .src_vid = src_vid,
                     .trigger = trigger,
                     .path = microseconds(40)});
     }
-    void end(uint32_t ifx, uint32_t src_ifx) {
-        board.take({.kind = Report::Kind::kEnd, .ifx = ifx, .src_ifx = src_ifx});
+    void end(uint32_t ifx, uint32_t src_ifx, uint16_t src_vid = 0) {
+        board.take(
+            {.kind = Report::Kind::kEnd, .ifx = ifx, .src_ifx = src_ifx, .src_vid = src_vid});
     }
     std::string state(uint32_t ifx) {
         const auto status = board.status(ifx);
@@ -112,6 +116,23 @@ TEST_F(StatusBoardTest, BothPortsOfALoopAreLoopedUntilItEnds) {
     EXPECT_FALSE(board.status(3)->loop.has_value());
 }
 
+TEST_F(StatusBoardTest, APortIsLoopedUntilItsLoopInEveryVlanHasEnded) {
+    add_port(1);
+    add_port(2);
+    loop(2, 1);
+    loop(2, 1, Trigger::kPeriod, 7, 7);
+    loop(2, 1, Trigger::kPeriod, 9, 8);
+    EXPECT_EQ(board.status(1)->loop->vid, 9u);
+    EXPECT_EQ(board.status(1)->loop->src_vid, 8u);
+    end(2, 1);
+    end(2, 1, 8);
+    EXPECT_EQ(state(1), "looped");
+    EXPECT_EQ(state(2), "looped");
+    end(2, 1, 7);
+    EXPECT_EQ(state(1), "probing");
+    EXPECT_EQ(state(2), "probing");
+}
+
 TEST_F(StatusBoardTest, ACutPortIsCutUntilTheSwitchOwnsItOrItIsGivenBack) {
     add_port(1);
     board.take({.kind = Report::Kind::kCut, .ifx = 1});
@@ -171,12 +192,14 @@ TEST_F(StatusBoardTest, CountersAreThoseOfTheThreadAndOfTheReports) {
     EXPECT_EQ(counters.sent, 100u);
     EXPECT_EQ(counters.not_sent, 101u);
     EXPECT_EQ(counters.returned, 102u);
+    EXPECT_EQ(counters.leaked, 103u);
     EXPECT_EQ(counters.malformed, 200u);
     EXPECT_EQ(counters.forged, 201u);
     EXPECT_EQ(counters.foreign, 202u);
     EXPECT_EQ(counters.blocked, 203u);
     EXPECT_EQ(counters.stale, 204u);
     EXPECT_EQ(counters.duplicate, 205u);
+    EXPECT_EQ(counters.late, 206u);
 }
 
 }  // namespace

@@ -115,7 +115,7 @@ TEST_F(EmbeddedPlane, RuleRemovedInsideAReportIsNotReported) {
     EXPECT_EQ(after(seconds(1)), (Lines{"counted 3 100 6400"}));
 }
 
-TEST_F(EmbeddedPlane, LaterRuleTakesThePlaceOfAnEarlierOne) {
+TEST_F(EmbeddedPlane, LaterRuleReplacesAnEarlierOne) {
     plane.install(3, 1, kPortRule);
     after(seconds(1));
     ForwardingRule faster = kPortRule;
@@ -264,7 +264,7 @@ TEST_F(EmbeddedPlane, LateAnswersAreGivenWithoutAnyRule) {
     EXPECT_EQ(after(seconds(1)), (Lines{"done 1"}));
 }
 
-TEST_F(EmbeddedPlane, AnswersCanComeLate) {
+TEST_F(EmbeddedPlane, AnswersCanBeDelayed) {
     plane.delay_answers(3);
     plane.fail_next(EmbeddedForwarding::Request::kApply, EIO);
     plane.install(3, 1, kPortRule);

@@ -108,7 +108,7 @@ TEST_F(EmbeddedSwitch, NumberBeyondTheIndexesIsJustAName) {
     EXPECT_EQ(ports.add_port("beyond"), "no interface index left");
 }
 
-TEST_F(EmbeddedSwitch, NameThatIsNoNumberOfAnIndexGetsTheNextFreeOne) {
+TEST_F(EmbeddedSwitch, NameWithoutAnIndexGetsTheNextFreeIndex) {
     run();
     EXPECT_EQ(ports.add_port("swp9x"), "");
     EXPECT_EQ(model.find("swp9x")->ifx, 5u);
@@ -118,7 +118,7 @@ TEST_F(EmbeddedSwitch, NameThatIsNoNumberOfAnIndexGetsTheNextFreeOne) {
     EXPECT_EQ(model.find("swp65536")->ifx, 7u);
 }
 
-// Hears what becomes of the aggregates of the ports.
+// Records changes of the ports' aggregates.
 class Memberships final : public qv::PortObserver {
  public:
     void on_added(const Port&) override {}
@@ -152,14 +152,14 @@ TEST_F(EmbeddedSwitch, MembersOfOtherAggregatesStay) {
     ports.add_aggregate("po2");
     ports.join_aggregate(5, 1);
     ports.join_aggregate(6, 2);
-    EXPECT_EQ(ports.leave_aggregate(5, 2), "swp2 is no member of that aggregate port");
+    EXPECT_EQ(ports.leave_aggregate(5, 2), "swp2 is not a member of that aggregate port");
     EXPECT_EQ(model.find(2)->aggregate, 6u);
     ports.delete_port(5);
     EXPECT_EQ(model.find(1)->aggregate, 0u);
     EXPECT_EQ(model.find(2)->aggregate, 6u);
 }
 
-TEST_F(EmbeddedSwitch, DeletedPortComesBackUnderItsIndex) {
+TEST_F(EmbeddedSwitch, DeletedPortIsAddedAgainWithItsIndex) {
     run();
     EXPECT_EQ(ports.delete_port(2), "");
     EXPECT_EQ(model.find(2), nullptr);
@@ -176,7 +176,7 @@ TEST_F(EmbeddedSwitch, RenamedPortKeepsItsIndex) {
     EXPECT_EQ(ports.rename_port(9, "other"), "no such port");
 }
 
-TEST_F(EmbeddedSwitch, PortOutsideTheBridgeComesBackWithAMode) {
+TEST_F(EmbeddedSwitch, PortOutsideTheBridgeReturnsWithAMode) {
     run();
     EXPECT_EQ(ports.leave_bridge(2), "");
     EXPECT_EQ(model.find(2)->mode, SWPORT_MODE_NONE);
@@ -185,7 +185,7 @@ TEST_F(EmbeddedSwitch, PortOutsideTheBridgeComesBackWithAMode) {
     EXPECT_EQ(model.find(2)->mode, SWPORT_MODE_ACCESS);
 }
 
-TEST_F(EmbeddedSwitch, AggregateTakesAndReleasesMembers) {
+TEST_F(EmbeddedSwitch, AggregateAcceptsAndReleasesMembers) {
     run();
     EXPECT_EQ(ports.add_aggregate("ag1"), "");
     EXPECT_EQ(model.find("ag1")->type, LSM_TYPE_AGGREGATE);
@@ -193,9 +193,9 @@ TEST_F(EmbeddedSwitch, AggregateTakesAndReleasesMembers) {
     EXPECT_EQ(ports.join_aggregate(5, 2), "");
     EXPECT_EQ(model.find(2)->aggregate, 5u);
     EXPECT_EQ(ports.join_aggregate(5, 2), "swp2 is a member of an aggregate port already");
-    EXPECT_EQ(ports.join_aggregate(3, 4), "swp3 is no aggregate port");
+    EXPECT_EQ(ports.join_aggregate(3, 4), "swp3 is not an aggregate port");
     EXPECT_EQ(ports.join_aggregate(5, 5), "ag1 is an aggregate port itself");
-    EXPECT_EQ(ports.leave_aggregate(5, 3), "swp3 is no member of that aggregate port");
+    EXPECT_EQ(ports.leave_aggregate(5, 3), "swp3 is not a member of that aggregate port");
     EXPECT_EQ(ports.leave_aggregate(5, 2), "");
     EXPECT_EQ(model.find(2)->aggregate, 0u);
 }
@@ -210,7 +210,7 @@ TEST_F(EmbeddedSwitch, DeletedAggregateSetsItsMembersFree) {
 
 TEST_F(EmbeddedSwitch, VirtualSwitchLinkIsMadeAndTakenBack) {
     run();
-    EXPECT_EQ(ports.remove_vsl(2), "swp2 is no virtual switch link");
+    EXPECT_EQ(ports.remove_vsl(2), "swp2 is not a virtual switch link");
     EXPECT_EQ(ports.create_vsl(2), "");
     EXPECT_TRUE(model.find(2)->vsl);
     EXPECT_EQ(ports.create_vsl(2), "swp2 is a virtual switch link already");
@@ -218,7 +218,7 @@ TEST_F(EmbeddedSwitch, VirtualSwitchLinkIsMadeAndTakenBack) {
     EXPECT_FALSE(model.find(2)->vsl);
 }
 
-TEST_F(EmbeddedSwitch, CableTakesTwoFreePortsAndStormsOnBoth) {
+TEST_F(EmbeddedSwitch, CableNeedsTwoFreePortsAndStormsOnBoth) {
     run();
     EXPECT_EQ(ports.plug(1, 3), "");
     EXPECT_TRUE(ports.has_cable(1) && ports.has_cable(3) && !ports.has_cable(2));
@@ -259,7 +259,7 @@ TEST_F(EmbeddedSwitch, PortPluggedWithItselfLoopsWithoutAStorm) {
     EXPECT_EQ(ports.loop_peer(2), std::nullopt);
 }
 
-TEST_F(EmbeddedSwitch, AggregatePortTakesNoCableAndNoStorm) {
+TEST_F(EmbeddedSwitch, AggregatePortRefusesCablesAndStorms) {
     run();
     ports.add_aggregate("ag1");
     EXPECT_EQ(ports.plug(1, 5), "ag1 is an aggregate port and takes no cable");
@@ -292,7 +292,7 @@ TEST_F(EmbeddedSwitch, DeletedPortLosesItsCableAndItsStorm) {
     EXPECT_EQ(take_rates(), (Texts{"1: 0", "3: 0"}));
 }
 
-// Thousands of ports can be shut in a moment only if none of the others is looked at.
+// Shutting thousands of ports is fast only if none of the others is examined.
 TEST_F(EmbeddedSwitch, ChangeConcernsThePortAndTheFarEndOfItsCableOnly) {
     run();
     std::vector<uint32_t> concerned;
@@ -370,7 +370,7 @@ class LoopProbeTest : public EmbeddedSwitchTest {
     }
 
     std::set<uint32_t> probed{1, 2, 3, 4};
-    bool away = false;  // reports cannot be made known
+    bool away = false;  // reports cannot be published
     Texts reports;
     qv::Time started;
     uint32_t alone = 0;  // reports a loop alone; 0: both of its ports do
@@ -425,7 +425,7 @@ TEST_F(LoopProbe, PortThatGoesDownEndsTheLoopOfBoth) {
     EXPECT_EQ(take_reports(), Texts{});
 }
 
-TEST_F(LoopProbe, PortThatComesBackIsProbedOneIntervalLater) {
+TEST_F(LoopProbe, PortThatComesUpAgainIsProbedOneIntervalLater) {
     ports.plug(1, 3);
     model.set_admin(3, false);
     pass(seconds(7));
@@ -477,7 +477,7 @@ TEST_F(LoopProbe, ChosenPortThatIsNotProbedLeavesTheReportToTheOther) {
     EXPECT_EQ(take_reports(), Texts{"0 s: 1 loops with 1"});
 }
 
-TEST_F(LoopProbe, GuardHoldsAPortForItsTime) {
+TEST_F(LoopProbe, GuardBlocksAPortForItsTime) {
     guard = std::chrono::milliseconds(1000);
     ports.plug(1, 3);
     EXPECT_EQ(take_reports(), Texts{});

@@ -1,4 +1,4 @@
-// The memory store below the client of qv/mom.h: which reports reach whom.
+// The memory store below the client of qv/mom.h: which reports reach which client.
 #include "platform/driver/embedded/memory_store.h"
 
 #include <string>
@@ -55,7 +55,7 @@ struct MemoryStoreTest : testing::Test {
     }
 };
 
-TEST_F(MemoryStoreTest, ClientThatIsGoneHearsNothing) {
+TEST_F(MemoryStoreTest, DestroyedClientGetsNoReports) {
     client->open(4);
     client->subscribe(4, "t", 1);
     client->scan(4, "t", 2);
@@ -93,7 +93,7 @@ TEST_F(MemoryStoreTest, MissingRecordIsSetAndAnExistingOneKept) {
     EXPECT_EQ(store.get(4, "t/b=1"), std::nullopt);
 }
 
-TEST_F(MemoryStoreTest, LaterSubscriptionTakesThePlaceOfTheEarlierOne) {
+TEST_F(MemoryStoreTest, LaterSubscriptionReplacesTheEarlierOne) {
     client->open(4);
     client->subscribe(4, "t", 1);
     client->subscribe(4, "t", 2);
@@ -101,7 +101,7 @@ TEST_F(MemoryStoreTest, LaterSubscriptionTakesThePlaceOfTheEarlierOne) {
     EXPECT_EQ(heard(), (Lines{"up 4", "subscribed 1", "subscribed 2", "notice 2 0x"}));
 }
 
-TEST_F(MemoryStoreTest, LossForgetsWhatWasNotReportedYet) {
+TEST_F(MemoryStoreTest, LossDropsUnreportedNotices) {
     store.put(4, "t/a=1", bytes_of("x"));
     client->open(4);
     heard();

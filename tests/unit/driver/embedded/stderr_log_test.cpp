@@ -22,7 +22,7 @@ using Lines = std::vector<std::string>;
 
 constexpr size_t kTimeBytes = sizeof "2026-01-31 23:59:59.123 " - 1;
 
-// Makes `fd` the standard error of this process for as long as it lives.
+// While it exists, `fd` is the standard error of this process.
 class StandardError {
  public:
     explicit StandardError(int fd) : before_(fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0)) {
@@ -64,7 +64,7 @@ struct Ends {
         out = fds[0];
         in = fds[1];
     }
-    // False where there are no terminals.
+    // Returns false where there are no terminals.
     bool make_terminal() {
         out = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
         if (out < 0 || grantpt(out) != 0 || unlockpt(out) != 0) {
@@ -120,7 +120,7 @@ std::string losses(size_t count) {
            " lost while the system log could not take them.";
 }
 
-// Writes kMany lines that nobody reads, then reads what is there, as somebody who comes back.
+// Writes kMany lines that nobody reads, then reads what is there.
 void expect_losses_to_be_counted(int out) {
     StderrLog log;
     for (size_t n = 0; n < kMany; ++n) {

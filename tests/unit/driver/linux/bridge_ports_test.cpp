@@ -107,7 +107,7 @@ TEST_F(BridgePortsTest, DeletedLinkIsRemovedOnce) {
     EXPECT_EQ(sink.take(), Lines{"removed swp1"});
 }
 
-TEST_F(BridgePortsTest, BridgeMayComeAfterItsMembers) {
+TEST_F(BridgePortsTest, BridgeMayAppearAfterItsMembers) {
     dump({member(101, "swp1"), member(102, "swp2")});
     EXPECT_EQ(sink.take(), Lines{});
     ports.take(bridge());
@@ -135,7 +135,7 @@ TEST_F(BridgePortsTest, RenamedBridgeIsAnotherBridge) {
     EXPECT_EQ(sink.take(), Lines{"added swp1"});
 }
 
-TEST_F(BridgePortsTest, LinkOfAnotherKindWithTheNameIsNoBridge) {
+TEST_F(BridgePortsTest, LinkOfAnotherKindWithTheNameIsNotTheBridge) {
     LinkMessage pretender = bridge();
     pretender.kind = "dummy";
     dump({pretender, member(101, "swp1")});
@@ -166,7 +166,7 @@ TEST_F(BridgePortsTest, ChangesDuringADumpAreNotUndoneByItsEnd) {
     EXPECT_EQ(sink.take(), (Lines{"removed swp1", "added swp4"}));
 }
 
-TEST_F(BridgePortsTest, BridgeMissingInTheDumpTakesItsPortsAway) {
+TEST_F(BridgePortsTest, BridgeMissingInTheDumpRemovesItsPorts) {
     dump({bridge(), member(101, "swp1")});
     sink.take();
     dump({member(101, "swp1", 0)});
@@ -257,18 +257,18 @@ TEST_F(BridgePortsTest, EveryFieldThatADumpHasChangedIsReported) {
     EXPECT_EQ(sink.ports.at(102).type, 10u);
 }
 
-TEST_F(BridgePortsTest, BridgeMadeAnewBetweenTwoDumpsKeepsThePortsThatAreInIt) {
+TEST_F(BridgePortsTest, BridgeRecreatedBetweenTwoDumpsKeepsItsPorts) {
     dump({bridge(), member(101, "swp1"), member(102, "swp2")});
     sink.take();
     dump({bridge(9), member(101, "swp1", 9), member(102, "swp2", 0)});
     EXPECT_EQ(ports.bridge(), 9u);
     EXPECT_EQ(sink.take(), (Lines{"left swp2", "removed swp2"}));
-    ports.take(gone(kBridge));  // late news of the old one
+    ports.take(gone(kBridge));  // a late message about the old one
     EXPECT_EQ(ports.bridge(), 9u);
     EXPECT_EQ(sink.take(), Lines{});
 }
 
-TEST_F(BridgePortsTest, LinkForgottenByADumpDoesNotComeBackWithItsBridge) {
+TEST_F(BridgePortsTest, LinkDroppedByADumpDoesNotReturnWithItsBridge) {
     dump({bridge(), member(101, "swp1")});
     dump({bridge()});
     sink.take();

@@ -1,4 +1,4 @@
-// The mirror of a bridge's forwarding database, with a kernel that is hard to read.
+// The mirror of a bridge's forwarding database, with a kernel that loses and skips messages.
 #include "platform/driver/linux/fdb_mirror.h"
 
 #include <atomic>
@@ -17,7 +17,7 @@ namespace {
 
 using FdbMirrorTest = NftForwardingTest;
 
-// Lines for bridge(8), each about one of `count` addresses from `first` on.
+// Lines for bridge(8), one for each of `count` addresses from `first` on.
 std::string entries(const std::string& what, MacAddress first, unsigned count) {
     std::string lines;
     for (MacAddress address = first; address < first + count; ++address) {
@@ -36,7 +36,7 @@ std::string entries(const std::string& what, MacAddress first, unsigned count) {
 // The kernel lists entries in batches and finds its place again by counting, so it skips one entry
 // for each that is removed in between. The entry that must not be skipped is older and so listed
 // later.
-TEST_F(FdbMirrorTest, EntriesThatGoInMidListHideNoOther) {
+TEST_F(FdbMirrorTest, EntriesDeletedDuringTheListHideNoOthers) {
     constexpr MacAddress kStaying = 0x020000000000;
     constexpr MacAddress kGoing = 0x020001000000;
     constexpr unsigned kMany = 6000;
@@ -107,7 +107,7 @@ TEST_F(FdbMirrorTest, RulesWaitForTheMirror) {
     EXPECT_EQ(platform.log.lines().size(), 1u);
 }
 
-// ---- A list as the test writes it ----
+// ---- A scripted list ----
 
 constexpr uint32_t kBridge = 7;
 
@@ -146,7 +146,7 @@ struct FdbListTest : testing::Test {
         send(RTM_DELNEIGH, address, 0, vlan);
     }
 
-    // The addresses that the mirror has handed on a second later.
+    // The addresses that the mirror has reported a second later.
     std::set<MacAddress> known() {
         test::run_for(loop, platform.manual_clock, std::chrono::seconds(1));
         return mirror.known();
@@ -160,7 +160,7 @@ struct FdbListTest : testing::Test {
 };
 
 // The kernel announces a deletion at once, and sends the part of the list that it has begun later.
-TEST_F(FdbListTest, EntryDeletedInMidListStaysDeleted) {
+TEST_F(FdbListTest, EntryDeletedDuringTheListStaysDeleted) {
     list(kHost);
     announce_deleted(kHost + 1);
     list(kHost + 1);
@@ -224,7 +224,7 @@ TEST_F(FdbListTest, HalfOfAListIsNotHandedOn) {
     test::send_rtnl_done();
     EXPECT_EQ(known(), (Set{kHost, kHost + 1}));
 
-    // A change that is still to be handed on when everything is read again.
+    // A change that is not reported yet when everything is read again.
     announce_deleted(kHost);
     test::send_rtnl(NLMSG_ERROR, "");
     EXPECT_EQ(known(), (Set{kHost, kHost + 1}));

@@ -1,4 +1,4 @@
-// Netlink messages for the decoders, put together by hand.
+// Netlink messages for the decoders, assembled by hand.
 #pragma once
 
 #include <cstdint>

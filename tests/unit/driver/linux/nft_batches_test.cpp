@@ -18,7 +18,7 @@ TEST_F(NftBatches, ManyRulesAreInstalledInTheirOrder) {
     EXPECT_EQ(static_cast<size_t>(std::count(counters.begin(), counters.end(), '.')),
               expected.size());
 
-    // They leave in as many batches.
+    // They are removed in as many batches.
     for (ForwardingId id = 1; id <= 2 * NftForwarding::kMaxBatch; ++id) {
         plane->remove(id);
     }
@@ -29,7 +29,7 @@ TEST_F(NftBatches, ManyRulesAreInstalledInTheirOrder) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftBatches, RuleThatGoesBeforeItWasInstalledNeverIs) {
+TEST_F(NftBatches, RuleRemovedBeforeItsInstallationIsNeverInstalled) {
     plane->install(3, std::nullopt, kSwitchRule);
     plane->install(4, 1, kPortRule);
     plane->remove(4);
@@ -45,7 +45,7 @@ TEST_F(NftBatches, RuleThatGoesBeforeItWasInstalledNeverIs) {
     EXPECT_FALSE(loop.next_timer().has_value());
 }
 
-TEST_F(NftBatches, RuleInPlaceOfAnotherTakesOver) {
+TEST_F(NftBatches, RuleInPlaceOfAnotherReplacesIt) {
     plane->install(3, 1, kPortRule);
     settle();
     plane->remove(3);
@@ -57,7 +57,7 @@ TEST_F(NftBatches, RuleInPlaceOfAnotherTakesOver) {
     EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
 }
 
-TEST_F(NftBatches, PortThatGoesBeforeItsRuleIsInstalledIsWaitedFor) {
+TEST_F(NftBatches, RuleWaitsForAPortRemovedBeforeItsInstallation) {
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
     ip("link del swp1\n");

@@ -1,4 +1,4 @@
-// The packet filter's list of counters, message by message, sound and damaged.
+// The packet filter's list of counters, message by message, valid and damaged.
 #include "platform/driver/linux/nft_counter.h"
 
 #include <string>
@@ -42,13 +42,13 @@ TEST(NftCounter, OtherMessagesAndOtherObjectsAreNone) {
     EXPECT_EQ(decoded(kFamily + kTable + kName + kCounterType), "none");
 }
 
-TEST(NftCounter, MessageThatIsTooShortForItsHeaderIsNone) {
+TEST(NftCounter, MessageShorterThanItsHeaderIsRejected) {
     EXPECT_EQ(decoded(""), "none");
     EXPECT_EQ(decoded("\5"), "none");
     EXPECT_EQ(decoded(kFamily), "none");
 }
 
-TEST(NftCounter, TextWithoutAnEndIsNone) {
+TEST(NftCounter, UnterminatedTextIsRejected) {
     const std::string endless = attribute(2, "rule");
     EXPECT_EQ(decoded(kFamily + kTable + kCounterType + kData + endless), "none");
 }

@@ -16,7 +16,7 @@ TEST(KernelMeter, PassesTwiceTheRateAndFourSecondsOfItAtOnce) {
     EXPECT_EQ(kernel_meter(1000000).burst, 8000000u);
 }
 
-TEST(KernelMeter, StaysWithinWhatTheKernelTakes) {
+TEST(KernelMeter, StaysWithinTheKernelsLimits) {
     EXPECT_EQ(kernel_meter(536870911).burst, 4294967288u);
     EXPECT_EQ(kernel_meter(536870912).burst, 4294967295u);
     EXPECT_EQ(kernel_meter(500000001).rate_pps, 1000000000u);
@@ -197,14 +197,14 @@ TEST_F(NftForwardingTest, ProbesOfAnotherSwitchPassAndAreNotCounted) {
     EXPECT_GE(received_by("p-swp2") - before, 41u);
 }
 
-TEST_F(NftForwardingTest, ProbesThatGoRoundInALoopAreCountedAsAStorm) {
+TEST_F(NftForwardingTest, ProbesThatCircleInALoopAreCountedAsAStorm) {
     plane->install(3, 1, kPortRule);
     settle();
     send_frames("p-swp1", 0x0388B5000001, 20000, 0x88B5);
     EXPECT_TRUE(wait_for([&] { return packets(3) >= 1; }));
 }
 
-TEST_F(NftForwardingTest, CountsWhatTheMeterDrops) {
+TEST_F(NftForwardingTest, CountsFramesThatTheMeterDrops) {
     ForwardingRule slow = kPortRule;
     slow.meter->rate_pps = 1;
     plane->install(3, 1, slow);
@@ -225,7 +225,7 @@ TEST_F(NftForwardingTest, CountsWhatTheMeterDrops) {
 
 // ---- Ports that come and go ----
 
-TEST_F(NftForwardingTest, RuleReturnsWithItsPortAndItsCounterGoesOn) {
+TEST_F(NftForwardingTest, RuleReturnsWithItsPortAndItsCounterContinues) {
     plane->install(3, 1, kPortRule);
     settle();
     send_frames("p-swp1", kUnknown, 5);
@@ -254,7 +254,7 @@ TEST_F(NftForwardingTest, PortThatIsGoneAgainBeforeItsRuleReturnsIsWaitedFor) {
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
     carry_out();
-    ip("link del swp1\n");  // nobody has told the plane's ports
+    ip("link del swp1\n");  // the port model does not know yet
     ports[1].ifx = 4711;
     plane->port_changed(1);
     settle();
@@ -279,7 +279,7 @@ TEST_F(NftForwardingTest, RuleFollowsARenamedDevice) {
     EXPECT_NE(output_of("nft list chains").find("device \"uplink\""), std::string::npos);
 }
 
-TEST_F(NftForwardingTest, RuleFindsADeviceWhoseNewNameTheModelHearsOfLater) {
+TEST_F(NftForwardingTest, RuleFindsADeviceWhoseNewNameTheModelLearnsLater) {
     ip("link set swp1 down\nlink set swp1 name uplink\nlink set uplink up\n");
     plane->install(3, 1, kPortRule);
     turn_for(NftForwarding::kTick);
@@ -291,8 +291,8 @@ TEST_F(NftForwardingTest, RuleFindsADeviceWhoseNewNameTheModelHearsOfLater) {
     EXPECT_TRUE(wait_for([&] { return packets(3) == 3; }));
 }
 
-// Some kernels take the chain away with the device, and nothing else tells.
-TEST_F(NftForwardingTest, ChainIsMadeAnewForADeviceThatWentAndIsBackUnderItsIndex) {
+// Some kernels remove the chain with the device, and there is no other sign of that.
+TEST_F(NftForwardingTest, ChainIsCreatedAgainForADeviceThatReturnsUnderItsIndex) {
     plane->install(3, 1, kPortRule);
     carry_out();
     const std::string before = output_of("nft -a list chain netdev lda port1.3 | grep chain");
@@ -314,7 +314,7 @@ TEST_F(NftForwardingTest, ChainIsMadeAnewForADeviceThatWentAndIsBackUnderItsInde
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftForwardingTest, BridgeMadeAnewIsMirroredAgain) {
+TEST_F(NftForwardingTest, RecreatedBridgeIsMirroredAgain) {
     plane->install(3, 1, kPortRule);
     bridge("fdb add 02:00:00:00:00:05 dev swp1 master static\n");
     ASSERT_TRUE(becomes_known("02:00:00:00:00:05"));
@@ -370,7 +370,7 @@ TEST_F(NftForwardingTest, OtherTablesStayAsTheyAre) {
     EXPECT_EQ(output_of("nft list ruleset"), before);
 }
 
-TEST_F(NftForwardingTest, WhatAnEarlierProcessLeftIsRemoved) {
+TEST_F(NftForwardingTest, LeftoversOfAnEarlierProcessAreRemoved) {
     nft("add table netdev lda\nadd chain netdev lda port1.9 { type filter hook ingress device "
         "\"swp1\" priority 0; policy drop; }\nadd counter netdev lda port1.3\n");
     plane->remove_leftovers();

@@ -50,7 +50,7 @@ class Sink final : public ForwardingSink {
     std::map<ForwardingId, PacketCounts> counts;
 };
 
-// The output of a command; its own complaints are not shown.
+// The standard output of a command.
 inline std::string output_of(const std::string& command) {
     FILE* const pipe = popen((command + " 2>/dev/null").c_str(), "r");
     std::string text;
@@ -120,7 +120,7 @@ struct NftForwardingTest : testing::Test {
         if (unshare(CLONE_NEWNET) != 0) {
             GTEST_SKIP() << "no network namespace of our own: " << std::strerror(errno);
         }
-        // No frames but those of the test.
+        // Only the test may send frames.
         for (const char* scope : {"all", "default"}) {
             std::ofstream(std::string("/proc/sys/net/ipv6/conf/") + scope + "/disable_ipv6") << 1;
         }
@@ -148,7 +148,7 @@ struct NftForwardingTest : testing::Test {
         plane->start(sink);
     }
 
-    // The calls that the port model gets.
+    // The calls to the port model.
     void find_bridge() { bridge_ifx = if_nametoindex("br0"); }
     void find_port(uint32_t phyid, const std::string& name) {
         ports[phyid] = Port{.ifx = if_nametoindex(name.c_str()), .phyid = phyid, .name = name};
@@ -162,10 +162,10 @@ struct NftForwardingTest : testing::Test {
         wait_for([&] { return over; });
     }
 
-    // Until what was asked for is in the kernel.
+    // Waits until the requests are in the kernel.
     void carry_out() { turn_for(2 * NftForwarding::kGather); }
 
-    // Until the set of known addresses has been read and the counters were reported twice.
+    // Waits until the set of known addresses has been read and the counters were reported twice.
     void settle() { turn_for(2 * NftForwarding::kTick + std::chrono::seconds(1)); }
 
     static bool is_known(const std::string& address) {
@@ -179,7 +179,7 @@ struct NftForwardingTest : testing::Test {
     }
     uint64_t packets(ForwardingId id) { return sink.counts[id].packets; }
 
-    // ip(8) and friends take a while: ten seconds of this clock are one of theirs.
+    // ip(8) and the like take a while: ten seconds of this clock are one real second.
     test::TestPlatform platform;
     SteadyClock clock{10};
     EventLoop loop{clock};

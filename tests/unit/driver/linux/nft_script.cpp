@@ -46,7 +46,7 @@ ssize_t __wrap_mnl_socket_sendto(const mnl_socket* socket, const void* bytes, si
 
 ssize_t __real_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size);
 ssize_t __wrap_mnl_socket_recvfrom(const mnl_socket* socket, void* buffer, size_t size) {
-    // Announcements, which nobody waits for, are no answers.
+    // Announcements, for which nobody waits, are not answers.
     const bool waits = (fcntl(mnl_socket_get_fd(socket), F_GETFL) & O_NONBLOCK) == 0;
     if (waits && g_nft.lost_answers > 0) {
         --g_nft.lost_answers;

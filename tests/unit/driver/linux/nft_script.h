@@ -1,5 +1,4 @@
-// A packet filter that refuses, keeps its answers to itself or is changed by others, as the test
-// says.
+// A scripted packet filter, which refuses requests, withholds answers or is changed by others.
 #pragma once
 
 #include <cerrno>
@@ -9,13 +8,13 @@
 namespace qv::test {
 
 struct NftScript {
-    // Transactions with this text in them are refused, so many times, with this error.
+    // Transactions with this text are refused, this many times, with this error.
     std::string refused;
     int refusals = 0;
     int error = ENOMEM;
     std::function<void()> meanwhile;  // called once, right before the next transaction
-    int lost_answers = 0;             // answers that cannot be had
-    int unheard = -1;                 // what is sent with this type never arrives
+    int lost_answers = 0;             // answers to withhold
+    int unheard = -1;                 // messages of this type never arrive
     bool no_socket = false;           // the next sockets cannot be opened
     bool interrupted = false;         // lists are marked as interrupted by changes
 };

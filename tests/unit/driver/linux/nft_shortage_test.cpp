@@ -114,7 +114,7 @@ TEST_F(NftShortage, SocketThatWasLostIsOpenedAgainLater) {
     send_frames("p-swp1", kUnknown, 7);
     ASSERT_TRUE(wait_for([&] { return packets(3) == 7; }));
     test::g_nft.no_socket = true;
-    test::g_nft.lost_answers = 1;  // the socket goes with them
+    test::g_nft.lost_answers = 1;  // the socket is closed with them
     ASSERT_TRUE(wait_for([] { return test::g_nft.lost_answers == 0; }));
     plane->install(4, 2, kPortRule);
     ASSERT_TRUE(wait_for([&] { return !platform.log.lines().empty(); }));
@@ -130,7 +130,7 @@ TEST_F(NftShortage, SocketThatWasLostIsOpenedAgainLater) {
     EXPECT_EQ(platform.log.lines(), refused) << "nothing was put back";
 }
 
-TEST_F(NftShortage, TableThatSomebodyTookAwayIsPutBackLater) {
+TEST_F(NftShortage, RemovedTableIsRestoredLater) {
     install_first();
     test::g_nft.no_socket = true;
     test::g_nft.lost_answers = 1;
@@ -146,7 +146,7 @@ TEST_F(NftShortage, TableThatSomebodyTookAwayIsPutBackLater) {
     EXPECT_EQ(platform.log.lines(),
               (Lines{refused.at(0),
                      "FORWARDING-4-RESTORED: The rules of storm-loop-detect were changed from "
-                     "outside and are put back."}));
+                     "outside and are restored."}));
     expect_only_unknown_counted(3);
 }
 

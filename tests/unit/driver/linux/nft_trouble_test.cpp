@@ -1,4 +1,5 @@
-// A forwarding plane of a Linux bridge that others interfere with, and a kernel that refuses.
+// A forwarding plane of a Linux bridge with interference by others, and with refusals by the
+// kernel.
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 #include <linux/netlink.h>
@@ -10,8 +11,8 @@ namespace qv {
 namespace {
 
 const Lines kPutBack = {
-    "FORWARDING-4-RESTORED: The rules of storm-loop-detect were changed from outside and are put "
-    "back."};
+    "FORWARDING-4-RESTORED: The rules of storm-loop-detect were changed from outside and are "
+    "restored."};
 
 struct NftTrouble : NftForwardingTest {
     void refuse(const std::string& text, int times) {
@@ -23,11 +24,11 @@ struct NftTrouble : NftForwardingTest {
         return wait_for([&] { return !platform.log.lines().empty(); });
     }
 
-    // Frames that come in on the first port are counted by its rule.
+    // Checks that the rule of the first port counts its incoming frames.
     void expect_counting(ForwardingId id) {
         const uint64_t before = packets(id);
         EXPECT_TRUE(wait_for([&] {
-            // Again and again: a rule may be put back only a moment later.
+            // Repeatedly: a rule may be restored a moment later.
             send_frames("p-swp1", kUnknown, 3);
             return packets(id) >= before + 3;
         }));
@@ -36,7 +37,7 @@ struct NftTrouble : NftForwardingTest {
 
 // ---- Somebody else changes the table ----
 
-TEST_F(NftTrouble, TableThatSomebodyTookAwayIsPutBack) {
+TEST_F(NftTrouble, TableRemovedByOthersIsRestored) {
     bridge("fdb add 02:00:00:00:00:01 dev swp2 master static\n");
     plane->install(3, 1, kPortRule);
     settle();
@@ -46,7 +47,7 @@ TEST_F(NftTrouble, TableThatSomebodyTookAwayIsPutBack) {
     ASSERT_TRUE(wait_for([&] { return !platform.log.lines().empty(); }));
     EXPECT_EQ(platform.log.lines(),
               (Lines{"FORWARDING-4-RESTORED: The rules of storm-loop-detect were changed from "
-                     "outside and are put back."}));
+                     "outside and are restored."}));
     ASSERT_TRUE(wait_for([&] {
         turn_for(std::chrono::milliseconds(5));
         return !output_of("nft list chain netdev lda port1.3").empty();
@@ -74,7 +75,7 @@ TEST_F(NftTrouble, RulesThatCannotBePutBackAreReportedAsLost) {
     EXPECT_FALSE(loop.next_timer().has_value());
 }
 
-TEST_F(NftTrouble, RulesThatSomebodyEmptiedArePutBack) {
+TEST_F(NftTrouble, RulesFlushedByOthersAreRestored) {
     plane->install(3, 1, kPortRule);
     settle();
     const std::string before = output_of("nft -s list chain netdev lda port1.3");
@@ -87,7 +88,7 @@ TEST_F(NftTrouble, RulesThatSomebodyEmptiedArePutBack) {
     EXPECT_EQ(sink.take(), Lines{"done 3"});
 }
 
-TEST_F(NftTrouble, KnownAddressesThatSomebodyRemovedArePutBack) {
+TEST_F(NftTrouble, KnownAddressesRemovedByOthersAreRestored) {
     bridge("fdb add 02:00:00:00:00:01 dev swp2 master static\n");
     plane->install(3, 1, kPortRule);
     ASSERT_TRUE(becomes_known("02:00:00:00:00:01"));
@@ -96,7 +97,7 @@ TEST_F(NftTrouble, KnownAddressesThatSomebodyRemovedArePutBack) {
     EXPECT_EQ(platform.log.lines(), kPutBack);
 }
 
-TEST_F(NftTrouble, ChangesOfOtherTablesAndOurOwnAreNoChangesFromOutside) {
+TEST_F(NftTrouble, ChangesOfOtherTablesAndOurOwnDoNotRestoreTheTable) {
     plane->install(3, 1, kPortRule);
     settle();
     nft("add table netdev theirs\nadd counter netdev theirs port1.3\nadd table inet lda\n"
@@ -112,7 +113,7 @@ TEST_F(NftTrouble, ChangesOfOtherTablesAndOurOwnAreNoChangesFromOutside) {
 
 // ---- Others keep the kernel busy ----
 
-// In a table of its own; more than the kernel keeps messages for.
+// In another table; more than the kernel keeps messages for.
 std::string sixty_thousand_elements() {
     std::string elements;
     for (int n = 0; n < 60000; ++n) {
@@ -155,7 +156,7 @@ TEST_F(NftOverrun, ChangesOfAnotherTableTouchNothing) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftOverrun, AddressesLearnedMeanwhileAreNoChangeFromOutside) {
+TEST_F(NftOverrun, AddressesLearnedMeanwhileDoNotRestoreTheTable) {
     bridge("fdb add 02:00:00:00:00:02 dev swp2 master static\n");
     nft(sixty_thousand_elements());
     settle();
@@ -164,7 +165,7 @@ TEST_F(NftOverrun, AddressesLearnedMeanwhileAreNoChangeFromOutside) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftOverrun, RuleThatSomebodyReplacedIsPutBack) {
+TEST_F(NftOverrun, RuleReplacedByOthersIsRestored) {
     const std::string rules = output_of("nft -s list chain netdev lda port1.3");
     nft(sixty_thousand_elements());
     nft("flush chain netdev lda port1.3\nadd rule netdev lda port1.3 accept\n");
@@ -174,14 +175,14 @@ TEST_F(NftOverrun, RuleThatSomebodyReplacedIsPutBack) {
     EXPECT_EQ(platform.log.lines(), kPutBack);
 }
 
-TEST_F(NftOverrun, AddressThatSomebodyRemovedIsPutBack) {
+TEST_F(NftOverrun, AddressRemovedByOthersIsRestored) {
     nft(sixty_thousand_elements());
     nft("delete element netdev lda fdb { 02:00:00:00:00:01 }\n");
     EXPECT_TRUE(becomes_known("02:00:00:00:00:01"));
     EXPECT_EQ(platform.log.lines(), kPutBack);
 }
 
-TEST_F(NftOverrun, TableThatSomebodyRemovedIsPutBack) {
+TEST_F(NftOverrun, RemovedTableIsRestored) {
     nft(sixty_thousand_elements());
     nft("delete table netdev lda\n");
     ASSERT_TRUE(logged());
@@ -299,7 +300,7 @@ TEST_F(NftTrouble, RuleRequestedRightAfterTheTableIsLostIsStillInstalled) {
     expect_counting(3);
 }
 
-TEST_F(NftTrouble, RulesThatWereToGoWentWithTheTable) {
+TEST_F(NftTrouble, RulesToRemoveAreGoneWithTheTable) {
     constexpr ForwardingId kMany = 2 * NftForwarding::kMaxBatch;
     for (ForwardingId id = 1; id <= kMany + 1; ++id) {
         plane->install(id, 1, kPortRule);
@@ -319,7 +320,7 @@ TEST_F(NftTrouble, RulesThatWereToGoWentWithTheTable) {
     EXPECT_EQ(platform.log.lines(), kPutBack) << "once";
 }
 
-TEST_F(NftTrouble, CounterThatSomebodyResetGoesOn) {
+TEST_F(NftTrouble, CounterResetByOthersContinues) {
     plane->install(3, 1, kPortRule);
     settle();
     send_frames("p-swp1", kUnknown, 40);
@@ -402,7 +403,7 @@ TEST_F(NftTrouble, DeviceThatTheKernelDoesNotHaveIsTriedAgain) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftTrouble, DeviceThatNeverComesIsRefusedInTheEnd) {
+TEST_F(NftTrouble, DeviceThatNeverAppearsIsRefusedInTheEnd) {
     test::g_nft.error = ENOENT;
     refuse("device \"swp1\"", 1000);
     plane->install(3, 1, kPortRule);
@@ -449,14 +450,14 @@ TEST_F(NftTrouble, TableThatCannotBeRemovedIsSaid) {
     EXPECT_EQ(platform.log.lines(),
               Lines{"FORWARDING-3-LEFT: The rules of storm-loop-detect cannot be removed: Cannot "
                     "allocate memory."});
-    // The next rule replaces what is left.
+    // The next rule replaces the remains.
     plane->install(4, 2, kPortRule);
     carry_out();
     EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
     EXPECT_NE(output_of("nft list chain netdev lda port2.4"), "");
 }
 
-TEST_F(NftTrouble, CountsOfAnInterruptedReadingComeWithTheNext) {
+TEST_F(NftTrouble, CountsOfAnInterruptedReadingAreReportedWithTheNext) {
     plane->install(3, 1, kPortRule);
     settle();
     test::g_nft.lost_answers = 1;
@@ -468,7 +469,7 @@ TEST_F(NftTrouble, CountsOfAnInterruptedReadingComeWithTheNext) {
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
-TEST_F(NftTrouble, CountersAreReportedWhileTheTableNeverComesToRest) {
+TEST_F(NftTrouble, CountersAreReportedWhileTheTableKeepsChanging) {
     plane->install(3, 1, kPortRule);
     settle();
     test::g_nft.interrupted = true;

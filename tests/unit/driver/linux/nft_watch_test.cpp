@@ -1,4 +1,4 @@
-// Messages about changes of the packet filter, sound and damaged.
+// Messages about changes of the packet filter, valid and damaged.
 #include "platform/driver/linux/nft_watch.h"
 
 #include <string>
@@ -38,7 +38,7 @@ TEST(NftWatch, OtherTablesFamiliesAndMessagesAreNot) {
     EXPECT_FALSE(tells(kNetdev + kTable, 1 << 8 | 6));
 }
 
-TEST(NftWatch, DamagedMessagesTellNothing) {
+TEST(NftWatch, DamagedMessagesAreIgnored) {
     EXPECT_FALSE(tells(""));
     EXPECT_FALSE(tells("\5"));
     EXPECT_FALSE(tells(kNetdev));

@@ -1,4 +1,4 @@
-// The client and losses: of a session, of writes, and of the records in the server.
+// The client after losses: of a session, of writes, and of the records in the server.
 #include "tests/unit/driver/linux/redis_protocol_fixture.h"
 
 namespace store_test {

@@ -1,4 +1,4 @@
-// A client of qv/mom.h beside a server that answers whatever the test writes, on a manual clock.
+// A client of qv/mom.h with a scripted server, on a manual clock.
 #pragma once
 
 #include <csignal>
@@ -15,7 +15,7 @@ namespace store_test {
 using namespace std::chrono_literals;
 using qv::test::ScriptedServer;
 
-// A sound server's answer to a set or to a delete of one record.
+// A correct server's answer to a set or to a delete of one record.
 inline const std::string kWritten = "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:0\r\n";
 
 class RedisProtocol : public testing::Test {
@@ -55,7 +55,7 @@ class RedisProtocol : public testing::Test {
         platform.run_ready();
     }
 
-    // Brings the session with database 4 up.
+    // Opens the session with database 4.
     void greet() {
         accept();
         answer(commands(), "+PONG\r\n");
@@ -65,7 +65,7 @@ class RedisProtocol : public testing::Test {
         g_heard.clear();
     }
 
-    // The same after a loss; `others` are the answers for the databases behind database 4.
+    // The same after a loss; `others` are the answers for the databases after database 4.
     void greet_again(const std::string& others = "") {
         accept();
         answer(commands(), "+PONG\r\n");
@@ -87,7 +87,7 @@ class RedisProtocol : public testing::Test {
         ASSERT_EQ(qv_mom_set(client, 4, LoopInfo(ifx, 1, 1, 8).record(), 0, 0), 0);
     }
 
-    // The session has ended, for this reason, and the client comes back.
+    // Expects that the session has ended for this reason and that the client reconnects.
     void expect_lost(const std::string& reason) {
         platform.run_ready();
         EXPECT_EQ(g_heard, Lines{"down"});

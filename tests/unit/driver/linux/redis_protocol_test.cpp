@@ -1,5 +1,5 @@
-// The client beside a server that answers whatever the test writes, on a manual clock: connecting,
-// back-off, and replies that no sound server gives. Those end the session, never the process.
+// The client with a scripted server, on a manual clock: connecting, back-off, and replies that no
+// correct server sends. Those end the session, never the process.
 #include <cerrno>
 
 #include "tests/unit/driver/linux/redis_protocol_fixture.h"
@@ -21,7 +21,7 @@ TEST_F(RedisProtocol, BackoffDoublesFromAHundredMillisecondsToFiveSeconds) {
     EXPECT_EQ(platform.log.lines().size(), 1U);
 }
 
-// The session comes up each time, and is lost after `stay`.
+// The session opens each time, and is lost after `stay`.
 TEST_F(RedisProtocol, BackoffGrowsUntilASessionHasLasted) {
     const auto lose_after = [&](qv::Duration stay, qv::Duration wait) {
         accept();
@@ -167,7 +167,7 @@ TEST_F(RedisProtocol, ReplyInSmallPiecesIsPutTogether) {
     EXPECT_EQ(g_heard, Lines{"up"});
 }
 
-TEST_F(RedisProtocol, ReplyThatNobodyAskedForEndsTheSession) {
+TEST_F(RedisProtocol, UnexpectedReplyEndsTheSession) {
     greet();
     commands().send("+OK\r\n");
     expect_lost("the server answers what nobody asked");
@@ -249,7 +249,7 @@ TEST_F(RedisProtocol, RefusedSubscriptionIsLogged) {
                     " refuses the subscription to mom/4/p_bridge.tarn_loop_info: NOPERM no"});
 }
 
-TEST_F(RedisProtocol, RefusedSubscriptionIsAskedForAgainUntilItIsConfirmed) {
+TEST_F(RedisProtocol, RefusedSubscriptionIsRepeatedUntilItIsConfirmed) {
     const std::string request = "*2\r\n$9\r\nSUBSCRIBE\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n";
     greet();
     subscribe();
@@ -361,7 +361,7 @@ TEST_F(RedisProtocol, WriteAnsweredWithNothingEndsTheSessionAndIsSentAgain) {
         "*3\r\n$7\r\nPUBLISH\r\n$29\r\nmom/4/p_bridge.tarn_loop_info\r\n$5\r\n\2\x2a\2\x08\7\r\n");
 }
 
-TEST_F(RedisProtocol, BytesThatAreNoReplyEndTheSession) {
+TEST_F(RedisProtocol, InvalidReplyEndsTheSession) {
     greet();
     commands().send("HTTP/1.1 400 Bad Request\r\n\r\n");
     expect_lost("Protocol error, got \"H\" as reply type byte");
@@ -377,7 +377,7 @@ TEST_F(RedisProtocol, ArraysWithinArraysEndTheSession) {
     expect_lost("No support for nested multi bulk replies with depth > 7");
 }
 
-TEST_F(RedisProtocol, AnnouncedLengthTakesNoMemory) {
+TEST_F(RedisProtocol, AnnouncedLengthAllocatesNoMemory) {
     greet();
     scan();
     answer(commands(), "*2147483647\r\n$1\r\nx\r\n");
@@ -413,7 +413,7 @@ TEST_F(RedisProtocol, MessageWithoutAnEndEndsTheSession) {
     expect_lost("a message is longer than 9 MiB");
 }
 
-TEST_F(RedisProtocol, RepliesBehindOneThatEndsTheSessionAreIgnored) {
+TEST_F(RedisProtocol, RepliesAfterOneThatEndsTheSessionAreIgnored) {
     greet();
     scan();
     scan();
@@ -424,7 +424,7 @@ TEST_F(RedisProtocol, RepliesBehindOneThatEndsTheSessionAreIgnored) {
     EXPECT_EQ(g_heard, Lines{"down"});
 }
 
-TEST_F(RedisProtocol, ManyMessagesAreNoLongMessage) {
+TEST_F(RedisProtocol, ManyMessagesAreNotOneLongMessage) {
     greet();
     subscribe();
     answer(subscriptions(),
@@ -441,7 +441,7 @@ TEST_F(RedisProtocol, ManyMessagesAreNoLongMessage) {
     EXPECT_EQ(g_heard.back(), "1/2/4 ifx=7 vid=1 loop=1 src=8");
 }
 
-TEST_F(RedisProtocol, ConfirmationBehindOneThatEndsTheSessionIsIgnored) {
+TEST_F(RedisProtocol, ConfirmationAfterTheEndOfTheSessionIsIgnored) {
     greet();
     subscribe();
     subscribe();

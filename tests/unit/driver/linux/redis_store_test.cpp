@@ -128,7 +128,7 @@ TEST_P(RedisOnly, DatabaseIsUsedOnceTheServerHasIt) {
     EXPECT_TRUE(world->run_until([&] { return errors() == 2; })) << "it had been there meanwhile";
 }
 
-TEST_P(RedisOnly, KeyThatHoldsNoRecordIsPassedOverAndPurged) {
+TEST_P(RedisOnly, KeyWithoutARecordIsSkippedAndPurged) {
     open(4);
     server().run(4, {"RPUSH", "p_bridge.tarn_loop_info/ifx=1", "list"});
     qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
@@ -150,7 +150,7 @@ TEST_P(RedisOnly, RefusedWriteIsLoggedOnceUntilOneSucceeds) {
         // The refused writes are answered before this one, which needs no memory.
         qv_mom_del(client, 4, entry.record(), 0, 0);
         settle();
-        // The answers come on another connection than what settle() waits for.
+        // The answers use another connection than the one settle() waits for.
         EXPECT_TRUE(world->run_until([&] { return platform.log.lines().size() > round; }));
         server().run(4, {"CONFIG", "SET", "maxmemory", "0"});
     }
@@ -174,7 +174,7 @@ TEST_P(RedisOnly, RefusedPublicationIsLoggedByItsChannel) {
                     "Further refusals are not logged until a write succeeds."});
 }
 
-TEST_P(RedisOnly, ServerThatComesBackEmptyGetsTheRecordsAgain) {
+TEST_P(RedisOnly, ServerThatRestartsEmptyGetsTheRecordsAgain) {
     open(4);
     open(22);
     PApp__LdaNcPolicy policy = P_APP__LDA_NC_POLICY__INIT;
@@ -185,7 +185,7 @@ TEST_P(RedisOnly, ServerThatComesBackEmptyGetsTheRecordsAgain) {
     ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp2", 1, true).record(), 0, 0), 0);
     ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp3", 1, true).record(), 0, 0), 0);
     ASSERT_EQ(qv_mom_del(client, 4, LoopEntry("swp2", 0, false).record(), 0, 0), 0);
-    // Confirmed: the scan is answered behind the writes.
+    // The writes are confirmed: the scan is answered after them.
     qv_mom_scan(client, 4, LoopEntry("", 0, false).record(), 0, on_loop_entry, nullptr);
     ASSERT_TRUE(world->run_until([] { return g_heard.size() == 2; }));
     g_heard.clear();
@@ -223,7 +223,7 @@ TEST_P(RedisOnly, BulkDeleteBeforeTheLossIsNotUndone) {
     EXPECT_EQ(world->keys(4), Lines{"p_app.lda_loop_entry/name=swp2"});
 }
 
-TEST_P(RedisOnly, SubscribersHearOfARecordThatIsSetAgain) {
+TEST_P(RedisOnly, SubscribersAreNotifiedOfARecordThatIsSetAgain) {
     open(4);
     ASSERT_EQ(qv_mom_set(client, 4, LoopInfo(7, 1, 1, 8).record(), 0, 0), 0);
     qv_mom_subscribe(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
@@ -261,7 +261,7 @@ TEST_P(RedisOnly, RefusedSetIsRepeatedOnceTheServerHasRoom) {
     EXPECT_TRUE(world->run_until([&] { return world->keys(4).size() == 1; }));
 }
 
-// Adds an unknown field of `size` bytes, which unpacking keeps and nobody looks at.
+// Adds an unknown field of `size` bytes, which unpacking keeps and nobody reads.
 std::string packed_with_filler(uint32_t ifx, size_t size) {
     std::string packed = LoopInfo(ifx, 1, 1, 1).packed() + "\x7a";
     for (size_t rest = size; rest > 0; rest >>= 7) {
@@ -350,7 +350,7 @@ TEST_P(RedisOnly, NoticeThatIsTooLongIsFollowedByAScanThatPassesTheRecordOver) {
     EXPECT_EQ(take_heard(), (Lines{"29/0/4", "down", "back", "1/0/4 ifx=8 vid=1 loop=1 src=1"}));
 }
 
-TEST_P(RedisOnly, ScanFindsWhatWasSetJustBefore) {
+TEST_P(RedisOnly, ScanFindsRecordsSetJustBefore) {
     open(4);
     qv_mom_set(client, 4, LoopInfo(7, 1, 1, 8).record(), 0, 0);
     qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);

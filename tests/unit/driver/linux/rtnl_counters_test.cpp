@@ -1,5 +1,5 @@
-// Packet counters of links: messages written out here, and the kernel's own in a network namespace
-// of this process.
+// Packet counters of links: messages written by hand, and the kernel's in a network namespace of
+// this process.
 #include "platform/driver/linux/rtnl_counters.h"
 
 #include <cstdio>
@@ -47,8 +47,8 @@ std::optional<LinkCounters> parse(uint16_t type, const std::string& payload) {
     return parse_counters(const_cast<nlmsghdr*>(message.get()));
 }
 
-TEST(ParseCounters, TakesPacketsBytesErrorsAndDropsOfBothDirections) {
-    // Longer than the fields that are read: kernels append new ones.
+TEST(ParseCounters, ReadsPacketsBytesErrorsAndDropsOfBothDirections) {
+    // Longer than the known fields: kernels append new ones.
     const auto link = parse(
         RTM_NEWSTATS,
         about_link(7) + attribute(IFLA_STATS_LINK_64, numbers({1, 2, 3, 4, 5, 6, 7, 8, 9, 10})));
@@ -88,7 +88,7 @@ struct ReadCounters : testing::Test {
         if (unshare(CLONE_NEWNET) != 0) {
             GTEST_SKIP() << "no network namespace of our own: " << std::strerror(errno);
         }
-        // Without IPv6 nobody sends anything on the links by itself.
+        // Without IPv6 the kernel itself sends nothing on the links.
         std::FILE* const file = std::fopen("/proc/sys/net/ipv6/conf/default/disable_ipv6", "w");
         if (file != nullptr) {
             std::fputs("1", file);
@@ -113,7 +113,7 @@ TEST_F(ReadCounters, OneLinkOrAllOfThem) {
     EXPECT_TRUE(read_counters(999).empty());
 }
 
-TEST_F(ReadCounters, KernelThatCannotBeAskedHasNone) {
+TEST_F(ReadCounters, WithoutASocketThereAreNoCounters) {
     test::g_rtnl.no_socket = true;
     EXPECT_TRUE(read_counters(0).empty());
     test::g_rtnl.no_socket = false;

@@ -1,4 +1,4 @@
-// The reader of rtnetlink with a kernel, and with neighbours, that do what the test says.
+// The reader of rtnetlink with a scripted kernel and scripted neighbours.
 #include "platform/driver/linux/rtnl_monitor.h"
 
 #include <cstring>
@@ -55,7 +55,7 @@ struct RtnlMonitorTest : testing::Test {
                                                    .receive_buffer = 1 << 20});
     }
 
-    // The calls that the listener has had by now.
+    // The calls to the listener so far.
     Lines heard() {
         test::run_ready(loop, platform.manual_clock);
         return listener.take();
@@ -70,7 +70,7 @@ struct RtnlMonitorTest : testing::Test {
     std::optional<RtnlMonitor> monitor;
 };
 
-TEST_F(RtnlMonitorTest, ListComesFirstThenEveryChange) {
+TEST_F(RtnlMonitorTest, ListIsDeliveredBeforeChanges) {
     monitor->start(listener);
     EXPECT_EQ(heard(), Lines{"begin"});
     send_rtnl(kMessage, "one", NLM_F_MULTI);
@@ -96,7 +96,7 @@ TEST_F(RtnlMonitorTest, MessagesOfOtherProcessesAreNotBelieved) {
     EXPECT_EQ(monitor->resyncs(), 0u);
 }
 
-TEST_F(RtnlMonitorTest, InterruptedListIsAskedForAgain) {
+TEST_F(RtnlMonitorTest, InterruptedListIsRequestedAgain) {
     monitor->start(listener);
     heard();
     send_rtnl(kMessage, "one", NLM_F_MULTI | NLM_F_DUMP_INTR);
@@ -104,14 +104,14 @@ TEST_F(RtnlMonitorTest, InterruptedListIsAskedForAgain) {
     send_rtnl_done();
     EXPECT_EQ(heard(), (Lines{"one", "two", "begin"}));
     EXPECT_EQ(g_rtnl.requests, 2u);
-    // The mark belongs to that list alone.
+    // Only that list has the mark.
     send_rtnl_done();
     EXPECT_EQ(heard(), Lines{"end"});
     EXPECT_EQ(g_rtnl.requests, 2u);
     EXPECT_EQ(g_rtnl.sockets, 1u) << "no message of the group was lost";
 }
 
-TEST_F(RtnlMonitorTest, ListThatTheListenerDoubtsIsAskedForAgain) {
+TEST_F(RtnlMonitorTest, ListThatTheListenerRejectsIsRequestedAgain) {
     listener.lists_refused = 1;
     monitor->start(listener);
     heard();
@@ -143,7 +143,7 @@ TEST_F(RtnlMonitorTest, EndWithoutAnErrorNumberIsAnEnd) {
     EXPECT_EQ(heard(), Lines{"end"});
 }
 
-TEST_F(RtnlMonitorTest, RefusedListIsAskedForAgain) {
+TEST_F(RtnlMonitorTest, RefusedListIsRequestedAgain) {
     monitor->start(listener);
     heard();
     send_rtnl(NLMSG_ERROR, std::string(20, '\0'));

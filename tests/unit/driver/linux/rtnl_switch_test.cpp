@@ -19,7 +19,7 @@
 #include "tests/support/test_platform.h"
 #include "tests/unit/driver/linux/recording_sink.h"
 
-// Runs once after the next acknowledgement, before the driver hears of it.
+// Runs once after the next acknowledgement, before the driver sees it.
 static std::function<void()> g_after_acknowledgement;
 
 // The linker puts this in place of nl_wait_for_ack.
@@ -187,7 +187,7 @@ TEST_F(RtnlSwitchTest, PortThatIsGoneIsReportedBeforeARequestForItFails) {
     EXPECT_EQ(sink.reports.back(), "removed swp1");
 }
 
-// The state must not go back and forth through what had happened before the request.
+// The state must not flap through changes from before the request.
 TEST_F(RtnlSwitchTest, OlderNotificationsAreTakenBeforeTheAcknowledgedState) {
     ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
     RtnlSwitch driver(loop, "br0");
@@ -233,6 +233,27 @@ TEST_F(RtnlSwitchTest, AdminStateChangedInsideAReportIsReportedBeforeThatCallRet
     EXPECT_FALSE(sink.find("swp2")->admin_up);
 }
 
+// Inside a report the driver cannot read its notifications and asks the kernel for the state.
+TEST_F(RtnlSwitchTest, RequestAfterTheKernelWasAskedForAStateGetsItsOwnAnswer) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1") && wait_for_up("swp2"));
+    const uint32_t ifx = sink.find("swp2")->ifx;
+    Lines answers;
+    sink.on_next_change = [&] {
+        answers.push_back(driver.set_admin(ifx, false));
+        ASSERT_EQ(seteuid(65534), 0);
+        answers.push_back(driver.set_admin(ifx, true));
+        ASSERT_EQ(seteuid(0), 0);
+        answers.push_back(driver.set_admin(ifx, true));
+    };
+    ip("link set swp1 down\n");
+    ASSERT_TRUE(wait_for([&] { return answers.size() == 3; }));
+    EXPECT_EQ(answers, (Lines{"", "cannot set swp2 up: Operation not permitted", ""}));
+    EXPECT_TRUE(sink.find("swp2")->admin_up);
+}
+
 // The kernel has acknowledged the state, though its answer cannot be kept.
 TEST_F(RtnlSwitchTest, AdminStateThatFindsNoMemoryForTheKernelsAnswerIsTheAcknowledgedOne) {
     ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1") + port_line("swp2"));
@@ -255,7 +276,7 @@ TEST_F(RtnlSwitchTest, AdminStateThatFindsNoMemoryForTheKernelsAnswerIsTheAcknow
     EXPECT_TRUE(wait_for_up("swp2"));
 }
 
-TEST_F(RtnlSwitchTest, StateThatAnotherProgramHasChangedBackIsNoSuccess) {
+TEST_F(RtnlSwitchTest, StateRevertedByAnotherProgramIsNotASuccess) {
     ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1"));
     RtnlSwitch driver(loop, "br0");
     driver.start(sink);
@@ -271,7 +292,7 @@ TEST_F(RtnlSwitchTest, StateThatAnotherProgramHasChangedBackIsNoSuccess) {
               Lines{"PORT-3-ADMIN: swp1 cannot be shut: another program has changed it back."});
 }
 
-TEST_F(RtnlSwitchTest, RefusedAdminStateIsLoggedOnceWithWhatIsMissingAndOnceWhenItWorksAgain) {
+TEST_F(RtnlSwitchTest, RefusedAdminStateIsLoggedOnceWithItsReasonAndOnceWhenItWorksAgain) {
     ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp3"));
     RtnlSwitch driver(loop, "br0");
     driver.start(sink);
@@ -326,7 +347,7 @@ TEST_F(RtnlSwitchTest, RefusedRequestsCarryTheKernelsReason) {
     ASSERT_EQ(seteuid(65534), 0);
     EXPECT_EQ(driver.set_admin(ifx, false), "cannot set swp1 down: Operation not permitted");
     ASSERT_EQ(seteuid(0), 0);
-    ip("link del swp1\n");  // the driver has not heard of it yet
+    ip("link del swp1\n");  // the driver does not know yet
     EXPECT_EQ(driver.set_admin(ifx, true), "cannot set swp1 up: No such device");
 }
 
@@ -344,7 +365,7 @@ TEST_F(RtnlSwitchTest, ModeIsAccessUntilSetAndRefusedWhenUnknown) {
     EXPECT_EQ(sink.find("swp1")->mode, 7u);
 }
 
-TEST_F(RtnlSwitchTest, BridgeMayComeLaterVanishAndComeBack) {
+TEST_F(RtnlSwitchTest, BridgeMayAppearLaterVanishAndReturn) {
     RtnlSwitch driver(loop, "br0");
     driver.start(sink);
     ASSERT_TRUE(wait_for([&] { return !sink.reports.empty(); }));
@@ -364,14 +385,14 @@ TEST_F(RtnlSwitchTest, BridgeMayComeLaterVanishAndComeBack) {
     EXPECT_EQ(sink.ports.size(), 1u);
     EXPECT_EQ(platform.log.lines(), (Lines{missing, appeared, missing, appeared}));
 
-    // Under another name it is another bridge.
+    // A bridge with another name is not ours.
     ip("link set br0 name br1\n");
     ASSERT_TRUE(wait_for([&] { return sink.ports.empty(); }));
     ip("link set br1 name br0\n");
     ASSERT_TRUE(wait_for_name("swp2"));
 }
 
-TEST_F(RtnlSwitchTest, TellsTheIndexOfTheBridge) {
+TEST_F(RtnlSwitchTest, ReportsTheIndexOfTheBridge) {
     ip("link add br0 type bridge\nlink add br1 type bridge\n");
     RtnlSwitch driver(loop, "br0");
     EXPECT_EQ(driver.bridge(), 0u);
@@ -401,7 +422,7 @@ std::string flapping(int rounds) {
     return lines;
 }
 
-// A receive buffer with room for hardly one notification.
+// A receive buffer with room for barely one notification.
 struct RtnlSwitchOverrunTest : RtnlSwitchTest {
     static constexpr int kTinyBuffer = 2048;
 
@@ -427,7 +448,7 @@ struct RtnlSwitchOverrunTest : RtnlSwitchTest {
     void expect_the_kernels_state() {
         EXPECT_EQ(sink.find("e2"), nullptr);
         EXPECT_EQ(sink.find("e1")->ifx, if_nametoindex("e1"));
-        // The fresh socket hears what comes after.
+        // The new socket receives later changes.
         ip("link set e99 down\n");
         EXPECT_TRUE(wait_for([&] { return !sink.find("e99")->admin_up; }));
     }

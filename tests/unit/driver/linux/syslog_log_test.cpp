@@ -1,4 +1,4 @@
-// The datagrams of the system log, read from a socket that stands in for its daemon.
+// The datagrams of the system log, read from a socket in place of its daemon.
 #include <chrono>
 #include <future>
 #include <regex>
@@ -46,7 +46,7 @@ class Daemon {
         const ssize_t size = recv(fd_, datagram, sizeof datagram, 0);
         return size > 0 ? std::string(datagram, static_cast<size_t>(size)) : "";
     }
-    // The texts of all datagrams that are there.
+    // The texts of all waiting datagrams.
     Lines read_all() const {
         Lines texts;
         for (std::string datagram; !(datagram = read()).empty();) {
@@ -230,7 +230,7 @@ TEST_F(SyslogSocketTest, PausesGrowToAMinuteWhileThereIsNoDaemon) {
     }
 }
 
-TEST_F(SyslogSocketTest, DatagramThatIsTooLongForTheSocketIsLostAndHoldsUpNothing) {
+TEST_F(SyslogSocketTest, DatagramTooLongForTheSocketIsLostAndBlocksNothing) {
     write(std::string(1 << 20, 'x'));
     write("after it");
     EXPECT_EQ(daemon.read_all(),

@@ -14,8 +14,8 @@
 namespace qv {
 namespace {
 
-// Sends the process a signal and runs its loop until it ends, at most through one thousand pieces
-// of work.
+// Sends the process a signal and runs its loop until it ends, for at most one thousand pieces of
+// work.
 void end_by(int signal) {
     SteadyClock clock;
     EventLoop loop(clock);

@@ -1,4 +1,4 @@
-#include "platform/driver/embedded/test_commands.h"
+#include "platform/driver/embedded/simulation_commands.h"
 
 #include <cerrno>
 #include <deque>
@@ -30,7 +30,7 @@ int answer(const std::string& fault) {
     return fault.empty() ? 0 : refuse(fault);
 }
 
-// Does `act` with the port named in word 0.
+// Calls `act` with the port named in word 0.
 template <typename Act>
 int with_port(const cli_pcdb* pcdb, Act act) {
     const Port* port = g_ports->find_port(pcdb->word[0]);
@@ -151,7 +151,7 @@ int database_restore(cli_pcdb* pcdb) {
     return 0;
 }
 
-// A word slot of its own number: these commands take two names.
+// A word slot with its number: these commands take two names.
 const cli_node* name(uint32_t slot, const char* shown, const char* help, const cli_node* accept) {
     static auto& arguments = *new std::deque<cli_word_arg>;
     static auto& nodes = *new std::deque<cli_node>;
@@ -250,7 +250,8 @@ const cli_node* all_commands() {
 
 }  // namespace
 
-void register_test_commands(EmbeddedSwitch& ports, EmbeddedForwarding& plane, MemoryStore* store) {
+void register_simulation_commands(EmbeddedSwitch& ports, EmbeddedForwarding& plane,
+                                  MemoryStore* store) {
     g_ports = &ports;
     g_plane = &plane;
     g_store = store;

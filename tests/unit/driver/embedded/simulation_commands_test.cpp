@@ -1,4 +1,4 @@
-#include "platform/driver/embedded/test_commands.h"
+#include "platform/driver/embedded/simulation_commands.h"
 
 #include <gtest/gtest.h>
 
@@ -14,14 +14,14 @@
 namespace {
 
 // The commands on a switch of four ports and a memory store, typed in a privileged session.
-class TestCommandsTest : public ::testing::Test {
+class SimulationCommandsTest : public ::testing::Test {
  protected:
-    TestCommandsTest() {
+    SimulationCommandsTest() {
         platform.attach_loop(loop);
         platform.port_model = &model;
         model.start();
         platform.run_ready();
-        qv::cli::register_test_commands(ports, plane, &platform.memory_store());
+        qv::cli::register_simulation_commands(ports, plane, &platform.memory_store());
     }
 
     // The output of the line, "done" when it prints nothing and has the result 0.
@@ -44,9 +44,9 @@ class TestCommandsTest : public ::testing::Test {
     qv::cli::SessionState session;
 };
 
-using TestCommands = TestCommandsTest;
+using SimulationCommands = SimulationCommandsTest;
 
-TEST_F(TestCommands, PortIsAddedRenamedAndDeleted) {
+TEST_F(SimulationCommands, PortIsAddedRenamedAndDeleted) {
     EXPECT_EQ(type("test port add uplink"), "done");
     EXPECT_NE(model.find("uplink"), nullptr);
     EXPECT_EQ(type("test port rename uplink swp9"), "done");
@@ -55,24 +55,24 @@ TEST_F(TestCommands, PortIsAddedRenamedAndDeleted) {
     EXPECT_EQ(model.ports().size(), 4u);
 }
 
-TEST_F(TestCommands, PortLeavesTheBridge) {
+TEST_F(SimulationCommands, PortLeavesTheBridge) {
     EXPECT_EQ(type("test port leave swp2"), "done");
     EXPECT_EQ(model.find(2)->mode, SWPORT_MODE_NONE);
     EXPECT_EQ(type("test port leave swp2"), "% swp2 is in no bridge\n");
 }
 
-TEST_F(TestCommands, ExistingPortIsRefused) {
+TEST_F(SimulationCommands, ExistingPortIsRefused) {
     EXPECT_EQ(type("test port add swp2"), "% port swp2 exists already\n");
 }
 
-TEST_F(TestCommands, UnknownPortIsNamedInTheRefusal) {
+TEST_F(SimulationCommands, UnknownPortIsNamedInTheRefusal) {
     EXPECT_EQ(type("test port delete swp9"), "% no port is named swp9\n");
     EXPECT_EQ(type("test loop plug swp1 nowhere"), "% no port is named nowhere\n");
     EXPECT_EQ(type("test storm swp9 10"), "% no port is named swp9\n");
     EXPECT_EQ(type("test vsl create swp9"), "% no port is named swp9\n");
 }
 
-TEST_F(TestCommands, CableIsPluggedAndPulled) {
+TEST_F(SimulationCommands, CableIsPluggedAndPulled) {
     EXPECT_EQ(type("test loop plug swp1 swp3"), "done");
     EXPECT_EQ(ports.loop_peer(1), 3u);
     EXPECT_EQ(type("test loop plug swp3 swp2"), "% swp3 has a cable already\n");
@@ -81,7 +81,7 @@ TEST_F(TestCommands, CableIsPluggedAndPulled) {
     EXPECT_EQ(ports.loop_peer(1), std::nullopt);
 }
 
-TEST_F(TestCommands, StormReachesThePort) {
+TEST_F(SimulationCommands, StormReachesThePort) {
     std::vector<std::pair<uint32_t, uint64_t>> rates;
     ports.set_rate_listener(
         [&rates](uint32_t phyid, uint64_t pps) { rates.emplace_back(phyid, pps); });
@@ -90,7 +90,7 @@ TEST_F(TestCommands, StormReachesThePort) {
     EXPECT_EQ(rates, (std::vector<std::pair<uint32_t, uint64_t>>{{2, 9000}, {2, 0}}));
 }
 
-TEST_F(TestCommands, StormOutOfRangeChangesNothing) {
+TEST_F(SimulationCommands, StormOutOfRangeChangesNothing) {
     bool told = false;
     ports.set_rate_listener([&told](uint32_t, uint64_t) { told = true; });
     EXPECT_NE(type("test storm swp2 -1"), "done");
@@ -99,24 +99,24 @@ TEST_F(TestCommands, StormOutOfRangeChangesNothing) {
     EXPECT_FALSE(told);
 }
 
-TEST_F(TestCommands, AggregateIsMadeJoinedAndLeft) {
+TEST_F(SimulationCommands, AggregateIsMadeJoinedAndLeft) {
     EXPECT_EQ(type("test aggregate create ag1"), "done");
     EXPECT_EQ(model.find("ag1")->type, LSM_TYPE_AGGREGATE);
     EXPECT_EQ(type("test aggregate join ag1 swp2"), "done");
     EXPECT_EQ(model.find(2)->aggregate, 5u);
-    EXPECT_EQ(type("test aggregate join swp1 swp3"), "% swp1 is no aggregate port\n");
+    EXPECT_EQ(type("test aggregate join swp1 swp3"), "% swp1 is not an aggregate port\n");
     EXPECT_EQ(type("test aggregate leave ag1 swp2"), "done");
     EXPECT_EQ(model.find(2)->aggregate, 0u);
 }
 
-TEST_F(TestCommands, VirtualSwitchLinkIsMadeAndTakenBack) {
+TEST_F(SimulationCommands, VirtualSwitchLinkIsMadeAndTakenBack) {
     EXPECT_EQ(type("test vsl create swp2"), "done");
     EXPECT_TRUE(model.find(2)->vsl);
     EXPECT_EQ(type("test vsl remove swp2"), "done");
     EXPECT_FALSE(model.find(2)->vsl);
 }
 
-TEST_F(TestCommands, NextConfigurationLineIsRefusedWithTheText) {
+TEST_F(SimulationCommands, NextConfigurationLineIsRefusedWithTheText) {
     EXPECT_EQ(type("test refuse not on this port"), "done");
     std::string text;
     int result = 0;
@@ -126,7 +126,7 @@ TEST_F(TestCommands, NextConfigurationLineIsRefusedWithTheText) {
     EXPECT_FALSE(qv::cli::take_refusal("shutdown", text, result));
 }
 
-TEST_F(TestCommands, NextSessionsFail) {
+TEST_F(SimulationCommands, NextSessionsFail) {
     EXPECT_EQ(type("test fail-sessions 2"), "done");
     EXPECT_TRUE(qv::cli::take_session_failure());
     EXPECT_TRUE(qv::cli::take_session_failure());
@@ -149,7 +149,7 @@ class Answers final : public qv::ForwardingSink {
     Lines lines;
 };
 
-class ForwardingCommands : public TestCommandsTest {
+class ForwardingCommands : public SimulationCommandsTest {
  protected:
     ForwardingCommands() { plane.start(answers); }
 
@@ -221,7 +221,7 @@ TEST_F(ForwardingCommands, AreOfferedWithTheirHelp) {
 
 // ---- Databases and sessions ----
 
-TEST_F(TestCommands, DatabaseGoesAwayAndComesBack) {
+TEST_F(SimulationCommands, DatabaseGoesAwayAndComesBack) {
     EXPECT_EQ(type("test database restore 4"), "% the database is not away\n");
     EXPECT_EQ(type("test database drop 4"), "done");
     EXPECT_FALSE(platform.memory_store().up(4));
@@ -231,7 +231,7 @@ TEST_F(TestCommands, DatabaseGoesAwayAndComesBack) {
     EXPECT_NE(type("test database drop 32"), "done");
 }
 
-TEST_F(TestCommands, SessionWithoutPrivilegesHasNone) {
+TEST_F(SimulationCommands, SessionWithoutPrivilegesHasNone) {
     session.privileged = false;
     EXPECT_NE(type("test port delete swp1"), "done");
     EXPECT_NE(model.find(1), nullptr);
