@@ -2,6 +2,7 @@
 
 import os
 import pathlib
+import signal
 import subprocess
 import sys
 
@@ -11,6 +12,8 @@ sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
 
 
 def pytest_configure(config):
+    # A script's background jobs ignore SIGINT, and every program under test would inherit that.
+    signal.signal(signal.SIGINT, signal.default_int_handler)
     config.addinivalue_line("markers", "patient: waits for real recovery times, which nothing can shorten")
 
 
