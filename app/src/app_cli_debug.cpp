@@ -11,16 +11,12 @@
 #include "app_shared.h"
 #include "storm_detect.h"
 
-static constexpr int32_t LOGFILE_LEVEL_DEFAULT = 2;
-static constexpr int32_t SLOG_LEVEL_DEFAULT = 0;
-static constexpr uint32_t SLOG_MAX_DEFAULT = 1000;
-
 int app_cli_logfile_level(cli_pcdb* pcdb) {
     if (app_cli_is_help(pcdb)) {
         return 0;
     }
     const int32_t level =
-        app_cli_has_no(pcdb) ? LOGFILE_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
+        app_cli_has_no(pcdb) ? APP_ZLOG_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
     app_shared_set(g_app_zlog_level, level);
     APP_INFO("set logfile level to %d", level);
     return 0;
@@ -31,7 +27,7 @@ int app_cli_slog_level(cli_pcdb* pcdb) {
         return 0;
     }
     const int32_t level =
-        app_cli_has_no(pcdb) ? SLOG_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
+        app_cli_has_no(pcdb) ? APP_SLOG_LEVEL_DEFAULT : static_cast<int32_t>(pcdb->number[0]);
     app_shared_set(g_dbg_slog_level, level);
     APP_INFO("set syslog level to %d", level);
     return 0;
@@ -41,7 +37,7 @@ int app_cli_slog_max_log_num(cli_pcdb* pcdb) {
     if (app_cli_is_help(pcdb)) {
         return 0;
     }
-    app_shared_set(g_dbg_slog_max, app_cli_has_no(pcdb) ? SLOG_MAX_DEFAULT
+    app_shared_set(g_dbg_slog_max, app_cli_has_no(pcdb) ? APP_SLOG_MAX_DEFAULT
                                                         : static_cast<uint32_t>(pcdb->number[0]));
     return 0;
 }
@@ -49,7 +45,7 @@ int app_cli_slog_max_log_num(cli_pcdb* pcdb) {
 // Handler of "log-max-number default". A keyword fills no number slot, so this puts the default
 // there. "nolimit" needs no handler: its value is the 0 of the empty slot.
 static int slog_max_default(cli_pcdb* pcdb) {
-    pcdb->number[0] = SLOG_MAX_DEFAULT;
+    pcdb->number[0] = APP_SLOG_MAX_DEFAULT;
     return app_cli_slog_max_log_num(pcdb);
 }
 

@@ -24,12 +24,10 @@
 pthread_mutex_t g_dbg_lock;  // made by app_debug_init
 char g_dbg_print_buf[APP_DBG_PRINT_BYTES + 1];
 
-static constexpr int32_t ZLOG_LEVEL_DEFAULT = 2;
-static constexpr int32_t SLOG_LEVEL_DEFAULT = 0;
-int32_t g_app_zlog_level = ZLOG_LEVEL_DEFAULT;
-int32_t g_dbg_slog_level = SLOG_LEVEL_DEFAULT;
+int32_t g_app_zlog_level = APP_ZLOG_LEVEL_DEFAULT;
+int32_t g_dbg_slog_level = APP_SLOG_LEVEL_DEFAULT;
 uint32_t g_dbg_slog_cnt;
-uint32_t g_dbg_slog_max = 1000;
+uint32_t g_dbg_slog_max = APP_SLOG_MAX_DEFAULT;
 
 qv_zlog_category* g_app_zlog_category;
 char app_dbg_module[APP_DBG_TEXT_BYTES];
@@ -181,8 +179,8 @@ static void read_level_file(FILE* file) {
     int32_t zlog_level = 0;
     int32_t slog_level = 0;
     const bool both = read_level(file, &zlog_level) && read_level(file, &slog_level);
-    app_shared_set(g_app_zlog_level, both ? zlog_level : ZLOG_LEVEL_DEFAULT);
-    app_shared_set(g_dbg_slog_level, both ? slog_level : SLOG_LEVEL_DEFAULT);
+    app_shared_set(g_app_zlog_level, both ? zlog_level : APP_ZLOG_LEVEL_DEFAULT);
+    app_shared_set(g_dbg_slog_level, both ? slog_level : APP_SLOG_LEVEL_DEFAULT);
 }
 
 int app_debug_init(const char* name, const char* upper_name) {

@@ -16,6 +16,11 @@
 inline constexpr size_t APP_DBG_TEXT_BYTES = 64;
 inline constexpr size_t APP_DBG_PRINT_BYTES = 1024;  // without the terminator
 
+// Levels and budget at the start and after "no"; the numbers are explained at the fields below.
+inline constexpr int32_t APP_ZLOG_LEVEL_DEFAULT = 2;
+inline constexpr int32_t APP_SLOG_LEVEL_DEFAULT = 0;
+inline constexpr uint32_t APP_SLOG_MAX_DEFAULT = 1000;
+
 enum app_dbg_level_t : uint8_t {
     APP_DBG_FATAL,
     APP_DBG_ERROR,

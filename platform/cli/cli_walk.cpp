@@ -4,23 +4,25 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include "platform/cli/blanks.h"
 #include "platform/cli/walk.h"
 
 using qv::cli::Capture;
 using qv::cli::Fault;
 using qv::cli::Fit;
 using qv::cli::Hint;
+using qv::cli::kBlanks;
 using qv::cli::Offer;
 using qv::cli::Opening;
 using qv::cli::Parsed;
 using qv::cli::Place;
+using qv::cli::trimmed;
 
 namespace {
 
 // Trees are a few dozen nodes deep; a deeper walk means that a tree contains a cycle.
 constexpr int kMaxDepth = 500;
 constexpr size_t kShownBytes = 40;
-constexpr std::string_view kBlanks = " \t\r\n";
 
 std::string quoted(std::string_view word) {
     std::string text = "'" + std::string(word.substr(0, kShownBytes));
@@ -234,8 +236,7 @@ bool cli_walk::first_time(const cli_node* node) {
 }
 
 std::vector<cli_walk::Word> cli_walk::split(std::string_view line) {
-    const size_t last = line.find_last_not_of(kBlanks);
-    line = line.substr(0, last == std::string_view::npos ? 0 : last + 1);
+    line = trimmed(line);
     std::vector<Word> words;
     size_t start = line.find_first_not_of(kBlanks);
     while (start != std::string_view::npos) {

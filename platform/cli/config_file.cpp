@@ -13,20 +13,14 @@
 
 #include <zlib.h>
 
+#include "platform/cli/blanks.h"
+
 namespace qv::cli {
 namespace {
 
 constexpr off_t kMaxFileBytes = off_t{16} * 1024 * 1024;
 constexpr mode_t kFileMode = 0640;
 constexpr int kMaxLinks = 40;  // the kernel's limit
-
-std::string_view trimmed(std::string_view line) {
-    const size_t first = line.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return line.substr(first, line.find_last_not_of(" \t\r") - first + 1);
-}
 
 // NAME of "interface NAME", empty for any other line.
 std::string_view section_name(std::string_view line) {

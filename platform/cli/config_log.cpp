@@ -10,7 +10,7 @@ namespace qv::cli {
 namespace {
 
 // A message has room for about 2000 bytes, and its end names the operator.
-constexpr size_t kShownBytes = 1500;
+constexpr size_t kLoggedBytes = 1500;
 
 // Quotes and backslashes too, so that a name inside the line cannot close the quotation.
 std::string escaped(std::string_view text) {
@@ -51,8 +51,8 @@ void log_entered(const SessionState& session, std::string_view entered, std::str
         return;
     }
     std::string shown = escaped(entered);
-    if (shown.size() > kShownBytes) {
-        shown.replace(kShownBytes, std::string::npos, "...");
+    if (shown.size() > kLoggedBytes) {
+        shown.replace(kLoggedBytes, std::string::npos, "...");
     }
     printk_syslog(SYSLOG_SEVERITY_INFO, "CLI", "CONFIG", "\"%s\" by %s%s%.*s", shown.c_str(),
                   describe(*session.caller).c_str(), refusal.empty() ? "" : ": ",

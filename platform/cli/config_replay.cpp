@@ -8,7 +8,7 @@
 namespace qv::cli {
 namespace {
 
-constexpr size_t kShownBytes = 200;
+constexpr size_t kQuotedBytes = 200;
 
 std::string first_line(const std::string& text) {
     return text.substr(0, text.find_first_of("\r\n"));
@@ -104,7 +104,7 @@ void ConfigReplay::run_line(SessionState& session, const ConfigLine& line) {
     if (result.code != 0 || !result.output.empty()) {
         ++refused_;
         report((line.number ? "line " + std::to_string(line.number) + ": " : "") + "\"" +
-               line.text.substr(0, kShownBytes) + "\": " + first_line(result.output));
+               line.text.substr(0, kQuotedBytes) + "\": " + first_line(result.output));
     }
 }
 

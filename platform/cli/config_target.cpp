@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "platform/cli/blanks.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
@@ -13,19 +14,9 @@
 namespace qv::cli {
 namespace {
 
-constexpr std::string_view kBlanks = " \t\r";
-
 // Three times what a switch of 4096 ports needs. Every line takes some of the loop's time, and the
 // loop must also watch the ports.
 constexpr size_t kMaxCommands = 131072;
-
-std::string_view trimmed(std::string_view line) {
-    const size_t first = line.find_first_not_of(kBlanks);
-    if (first == std::string_view::npos) {
-        return {};
-    }
-    return line.substr(first, line.find_last_not_of(kBlanks) - first + 1);
-}
 
 std::string at_line(int number, std::string_view reason) {
     return "line " + std::to_string(number) + ": " + std::string(reason);

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/base/guarded.h"
+#include "platform/cli/blanks.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/config_lock.h"
@@ -52,13 +53,6 @@ class RunningScope {
     Running running_;
     Running* before_;
 };
-
-std::string_view without_end(std::string_view line) {
-    const size_t last = line.find_last_not_of(kBlanks);
-    line = line.substr(0, last == std::string_view::npos ? 0 : last + 1);
-    const size_t first = line.find_first_not_of(kBlanks);
-    return first == std::string_view::npos ? std::string_view{} : line.substr(first);
-}
 
 bool has_control_byte(std::string_view line) {
     return std::any_of(line.begin(), line.end(), [](char c) {
@@ -287,7 +281,7 @@ Result execute_now(SessionState& session, std::string_view line, Completion* ans
         return result;
     }
     const char* const start = line.data();
-    line = without_end(line);
+    line = trimmed(line);
     if (has_control_byte(line)) {
         cli_printf("%% Line contains control characters.\n");
         result.code = -1;

@@ -7,6 +7,7 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "platform/cli/blanks.h"
 #include "platform/cli/typed_line.h"
 
 namespace qv::cli {
@@ -48,11 +49,6 @@ size_t find_bar(std::string_view line) {
         }
     }
     return std::string_view::npos;
-}
-
-std::string_view trimmed(std::string_view text) {
-    const size_t start = std::min(text.find_first_not_of(kBlanks), text.size());
-    return text.substr(start, text.find_last_not_of(kBlanks) + 1 - start);
 }
 
 std::vector<std::string_view> lines_of(std::string_view text) {

@@ -5,6 +5,7 @@
 #include <iterator>
 #include <optional>
 
+#include "platform/cli/blanks.h"
 #include "platform/cli/command_trees.h"
 #include "platform/client/platform.h"
 

@@ -18,8 +18,6 @@
 
 namespace qv::cli {
 
-inline constexpr std::string_view kBlanks = " \t\r\n";
-
 // The first word of a line; empty, at its end, when there is none.
 std::string_view first_word(std::string_view line);
 // The rest of the line after `word`, which is a part of it.

@@ -44,12 +44,12 @@ class BridgeClient final : public qv::PortObserver {
     }
 };
 
-BridgeClient& client() {
+BridgeClient& bridge_client() {
     static BridgeClient instance;
     return instance;
 }
 
-void (*g_connected)(void) = nullptr;
+void (*g_bridge_connected)(void) = nullptr;
 
 }  // namespace
 
@@ -58,10 +58,10 @@ int bridge_agent_init(const char* name, qv_thread_master* master) {
         return -1;
     }
     return qv::guarded(-1, [master] {
-        client();  // starts to follow the ports
+        bridge_client();  // starts to follow the ports
         qv::loop_of(master).post([] {
-            if (g_connected) {
-                g_connected();
+            if (g_bridge_connected) {
+                g_bridge_connected();
             }
         });
         return 0;
@@ -69,7 +69,7 @@ int bridge_agent_init(const char* name, qv_thread_master* master) {
 }
 
 void bridge_agent_set_connect_callback(void (*callback)(void)) {
-    g_connected = callback;
+    g_bridge_connected = callback;
 }
 
 int bridge_client_reg_event(const bridge_event_set* events, bridge_event_handler handler) {
@@ -77,8 +77,8 @@ int bridge_client_reg_event(const bridge_event_set* events, bridge_event_handler
         return EINVAL;
     }
     return qv::guarded(ENOMEM, [&] {
-        client().selection = *events;
-        client().handler = handler;
+        bridge_client().selection = *events;
+        bridge_client().handler = handler;
         return 0;
     });
 }

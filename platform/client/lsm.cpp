@@ -172,12 +172,12 @@ class LsmClient final : public qv::PortObserver {
     std::map<uint32_t, lsm_intfcb> blocks_;  // control blocks that clients have asked for
 };
 
-LsmClient& client() {
+LsmClient& lsm_client() {
     static LsmClient instance;
     return instance;
 }
 
-void (*g_connected)(void) = nullptr;
+void (*g_lsm_connected)(void) = nullptr;
 
 const Port* find(uint32_t ifx) {
     return qv::platform().ports().find(ifx);
@@ -190,10 +190,10 @@ int lsm_agent_init(const char* name, qv_thread_master* master) {
         return -1;
     }
     return qv::guarded(-1, [master] {
-        client();  // starts to follow the ports
+        lsm_client();  // starts to follow the ports
         qv::loop_of(master).post([] {
-            if (g_connected) {
-                g_connected();
+            if (g_lsm_connected) {
+                g_lsm_connected();
             }
         });
         return 0;
@@ -201,12 +201,12 @@ int lsm_agent_init(const char* name, qv_thread_master* master) {
 }
 
 void lsm_agent_set_connect_callback(void (*callback)(void)) {
-    g_connected = callback;
+    g_lsm_connected = callback;
 }
 
 int lsm_client_set_mode(int mode) {
     return qv::guarded(-1, [mode] {
-        client().mode = mode;
+        lsm_client().mode = mode;
         return 0;
     });
 }
@@ -216,21 +216,21 @@ int lsm_client_reg_event_ex(int event_class, const uint8_t* type_bitmap, uint32_
         return -1;
     }
     return qv::guarded(-1, [&] {
-        client().select(event_class, type_bitmap, event_mask);
+        lsm_client().select(event_class, type_bitmap, event_mask);
         return 0;
     });
 }
 
 int lsm_reg_msg_handler_ex(int event_class, lsm_event_handler handler) {
     return qv::guarded(-1, [&] {
-        client().set_handler(event_class, handler);
+        lsm_client().set_handler(event_class, handler);
         return 0;
     });
 }
 
 int lsm_client_reg_event_over(void) {
     return qv::guarded(-1, [] {
-        client().registered();
+        lsm_client().registered();
         return 0;
     });
 }
@@ -246,7 +246,7 @@ int lsm_if_get_sname(uint32_t ifx, char* name, size_t size) {
 const lsm_intfcb* lsm_get_intfcb(uint32_t ifx) {
     return qv::guarded<const lsm_intfcb*>(nullptr, [ifx] {
         const Port* port = find(ifx);
-        return port ? client().control_block(*port) : nullptr;
+        return port ? lsm_client().control_block(*port) : nullptr;
     });
 }
 

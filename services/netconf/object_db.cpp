@@ -9,7 +9,7 @@ namespace netconf {
 namespace {
 
 // A local server answers within microseconds; one that takes this long counts as gone.
-constexpr timeval kAnswerLimit{.tv_sec = 0, .tv_usec = 900'000};
+constexpr timeval kReplyLimit{.tv_sec = 0, .tv_usec = 900'000};
 
 // Records are small. A longer message is not one of the switch's.
 constexpr size_t kInputLimit_bytes = size_t{1} << 20;
@@ -39,12 +39,12 @@ void Database::Free::operator()(redisContext* context) const {
 }
 
 Database::Database(const std::string& socket)
-    : context_(redisConnectUnixWithTimeout(socket.c_str(), kAnswerLimit)) {
+    : context_(redisConnectUnixWithTimeout(socket.c_str(), kReplyLimit)) {
     if (!context_ || context_->err != 0) {
         throw DatabaseLost("the object database at " + socket + " cannot be reached: " +
                            (context_ ? context_->errstr : "out of memory"));
     }
-    redisSetTimeout(context_.get(), kAnswerLimit);
+    redisSetTimeout(context_.get(), kReplyLimit);
 }
 
 Reply Database::command(std::initializer_list<std::string_view> words) {

@@ -13,7 +13,7 @@ namespace qv::tarnd {
 namespace {
 
 constexpr unsigned kGuardProbes = 3;
-constexpr std::chrono::milliseconds kRetryPause{100};
+constexpr std::chrono::milliseconds kOpenRetryPause{100};
 
 }  // namespace
 
@@ -53,7 +53,7 @@ void Prober::open(uint32_t ifx, Port& port, Time now) {
     const int error = outputs_.guard(ifx, false);
     tell({.kind = Report::Kind::kGuard, .ifx = ifx, .error = error, .closed = false});
     if (error != 0) {
-        port.guard_next = now + kRetryPause;
+        port.guard_next = now + kOpenRetryPause;
         return;
     }
     port.closed = false;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include <linux/if_ether.h>
 #include <linux/neighbour.h>
 #include <linux/rtnetlink.h>
 #include <netlink/attr.h>
@@ -10,13 +11,11 @@
 namespace qv {
 namespace {
 
-constexpr int kAddressBytes = 6;
-
 struct EntryPolicy {
     nla_policy field[NDA_MAX + 1]{};
 
     EntryPolicy() {
-        field[NDA_LLADDR] = {.type = NLA_UNSPEC, .minlen = kAddressBytes, .maxlen = kAddressBytes};
+        field[NDA_LLADDR] = {.type = NLA_UNSPEC, .minlen = ETH_ALEN, .maxlen = ETH_ALEN};
         field[NDA_VLAN].type = NLA_U16;
         field[NDA_MASTER].type = NLA_U32;
     }
@@ -40,7 +39,7 @@ std::optional<FdbEntry> parse_fdb_entry(nlmsghdr* header) {
     }
     MacAddress address = 0;
     const auto* const bytes = static_cast<const unsigned char*>(nla_data(field[NDA_LLADDR]));
-    for (int n = 0; n < kAddressBytes; ++n) {
+    for (int n = 0; n < ETH_ALEN; ++n) {
         address = address << 8 | bytes[n];
     }
     const uint16_t vlan = field[NDA_VLAN] != nullptr ? nla_get_u16(field[NDA_VLAN]) : 0;

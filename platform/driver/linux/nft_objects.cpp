@@ -11,23 +11,20 @@
 #include <libmnl/libmnl.h>
 #include <libnftnl/common.h>
 #include <libnftnl/set.h>
+#include <linux/if_ether.h>
 #include <linux/netfilter.h>
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
+#include "platform/driver/linux/netlink_datagram.h"
+#include "platform/driver/linux/nft_messages.h"
+
 namespace qv {
 namespace {
 
-constexpr size_t kAddressBytes = 6;
-// In every message about an object of a table.
-constexpr uint16_t kTableName = NFTA_CHAIN_TABLE;
-static_assert(kTableName == NFTA_OBJ_TABLE && kTableName == NFTA_RULE_TABLE &&
-              kTableName == NFTA_SET_ELEM_LIST_TABLE);
 // An element takes 20 bytes of its message, whose list is at most 64 KiB long.
 constexpr size_t kElementsPerMessage = 1024;
 constexpr size_t kMessageBytes = 64 << 10;
-// The kernel fills dumps into at most 32 KiB.
-constexpr size_t kReadBytes = 64 << 10;
 constexpr int kReadingsAtMost = 4;
 
 struct FreeSet {
@@ -71,7 +68,7 @@ void for_each_nested(const nlattr* parent, Visit visit) {
 bool is_in_table(const nlmsghdr* header, const std::string& table) {
     bool found = false;
     for_each_attribute(header, [&](const nlattr* attribute) {
-        found = found || (mnl_attr_get_type(attribute) == kTableName &&
+        found = found || (mnl_attr_get_type(attribute) == kNftTableName &&
                           mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0 &&
                           table == mnl_attr_get_str(attribute));
     });
@@ -99,12 +96,12 @@ const nlattr* find_nested(const nlattr* parent, uint16_t number) {
 void append_address(std::vector<uint64_t>& addresses, const nlattr* element) {
     const nlattr* const key = find_nested(element, NFTA_SET_ELEM_KEY);
     const nlattr* const value = key != nullptr ? find_nested(key, NFTA_DATA_VALUE) : nullptr;
-    if (value == nullptr || mnl_attr_get_payload_len(value) < kAddressBytes) {
+    if (value == nullptr || mnl_attr_get_payload_len(value) < ETH_ALEN) {
         return;
     }
     const auto* const bytes = static_cast<const unsigned char*>(mnl_attr_get_payload(value));
     uint64_t address = 0;
-    for (size_t n = 0; n < kAddressBytes; ++n) {
+    for (size_t n = 0; n < ETH_ALEN; ++n) {
         address = address << 8 | bytes[n];
     }
     addresses.push_back(address);
@@ -133,9 +130,9 @@ Set new_set(const std::string& table, const std::string& name,
         if (element == nullptr) {
             return nullptr;
         }
-        std::array<unsigned char, kAddressBytes> bytes;
+        std::array<unsigned char, ETH_ALEN> bytes;
         for (size_t n = 0; n < bytes.size(); ++n) {
-            bytes[n] = static_cast<unsigned char>(address >> (8 * (kAddressBytes - 1 - n)));
+            bytes[n] = static_cast<unsigned char>(address >> (8 * (ETH_ALEN - 1 - n)));
         }
         nftnl_set_elem_set(element, NFTNL_SET_ELEM_KEY, bytes.data(), bytes.size());
         nftnl_set_elem_add(set.get(), element);
@@ -212,7 +209,7 @@ int NftObjects::open() {
     // A transaction with thousands of elements is sent as one datagram.
     const int bytes = 8 << 20;
     setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_SNDBUFFORCE, &bytes, sizeof bytes);
-    buffer_.resize(kReadBytes);
+    buffer_.resize(kNetlinkDatagramBytes);
     socket_ = std::move(socket);
     return 0;
 }
@@ -251,7 +248,7 @@ int NftObjects::list(uint16_t type, const std::string& table, const std::string&
         std::array<char, 1024> request;
         nlmsghdr* const header =
             nftnl_nlmsg_build_hdr(request.data(), type, NFPROTO_NETDEV, NLM_F_DUMP, ++sequence_);
-        mnl_attr_put_strz(header, kTableName, table.c_str());
+        mnl_attr_put_strz(header, kNftTableName, table.c_str());
         if (!set.empty()) {
             mnl_attr_put_strz(header, NFTA_SET_ELEM_LIST_SET, set.c_str());
         }

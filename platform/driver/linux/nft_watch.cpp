@@ -8,22 +8,17 @@
 #include <linux/netfilter/nf_tables.h>
 #include <linux/netfilter/nfnetlink.h>
 
+#include "platform/driver/linux/netlink_datagram.h"
+#include "platform/driver/linux/nft_messages.h"
+
 namespace qv {
 namespace {
 
-// More than the kernel puts into one datagram.
-constexpr size_t kReadBytes = 64 << 10;
 // Room for the changes that other programs make within a second.
 constexpr int kReceiveBuffer = 1 << 20;
 
-// The same number in messages about tables, chains, rules, sets, elements and counters.
-constexpr uint16_t kTableName = NFTA_TABLE_NAME;
-static_assert(kTableName == NFTA_CHAIN_TABLE && kTableName == NFTA_RULE_TABLE &&
-              kTableName == NFTA_SET_TABLE && kTableName == NFTA_SET_ELEM_LIST_TABLE &&
-              kTableName == NFTA_OBJ_TABLE);
-
 int keep_table_name(const nlattr* attribute, void* name) {
-    if (mnl_attr_get_type(attribute) == kTableName &&
+    if (mnl_attr_get_type(attribute) == kNftTableName &&
         mnl_attr_validate(attribute, MNL_TYPE_NUL_STRING) >= 0) {
         *static_cast<const char**>(name) = mnl_attr_get_str(attribute);
     }
@@ -62,7 +57,7 @@ int NftWatch::open() {
     }
     setsockopt(mnl_socket_get_fd(socket.get()), SOL_SOCKET, SO_RCVBUFFORCE, &kReceiveBuffer,
                sizeof kReceiveBuffer);
-    buffer_.resize(kReadBytes);
+    buffer_.resize(kNetlinkDatagramBytes);
     socket_ = std::move(socket);
     return 0;
 }

@@ -13,13 +13,11 @@
 #include <netlink/socket.h>
 
 #include "platform/base/guarded.h"
+#include "platform/driver/linux/netlink_datagram.h"
 #include "platform/driver/linux/rtnl_monitor.h"
 
 namespace qv {
 namespace {
-
-// The kernel sends a list in datagrams of up to 32 KiB to whoever has room for them.
-constexpr size_t kDatagramBytes = 64 << 10;
 
 using Counters = std::map<uint32_t, PortCounters>;
 
@@ -52,7 +50,7 @@ void read_all(nl_sock* socket, uint32_t ifx, Counters& counters) {
     wanted.ifindex = ifx;
     wanted.filter_mask = IFLA_STATS_FILTER_BIT(IFLA_STATS_LINK_64);
     nl_socket_disable_msg_peek(socket);
-    nl_socket_set_msg_buf_size(socket, kDatagramBytes);
+    nl_socket_set_msg_buf_size(socket, kNetlinkDatagramBytes);
     nl_socket_modify_cb(socket, NL_CB_VALID, NL_CB_CUSTOM, keep_counters, &counters);
     const int flags = ifx == 0 ? NLM_F_DUMP : 0;
     if (nl_send_simple(socket, RTM_GETSTATS, flags, &wanted, sizeof wanted) >= 0) {

@@ -15,12 +15,11 @@
 #include <sys/socket.h>
 
 #include "platform/base/message_log.h"
+#include "platform/driver/linux/netlink_datagram.h"
 
 namespace qv {
 namespace {
 
-// Largest datagram: the kernel fills dumps into at most 32 KiB.
-constexpr size_t kDatagramBytes = 64 << 10;
 constexpr int kDatagramsPerTurn = 256;
 // Turns of catch_up(): enough to empty a receive buffer of some megabytes, and a limit in case the
 // kernel adds datagrams as fast as they are read.
@@ -80,7 +79,7 @@ NlSocket RtnlMonitor::open_socket() const {
     }
     nl_socket_disable_auto_ack(socket.get());
     nl_socket_disable_msg_peek(socket.get());
-    check(nl_socket_set_msg_buf_size(socket.get(), kDatagramBytes), "buffer");
+    check(nl_socket_set_msg_buf_size(socket.get(), kNetlinkDatagramBytes), "buffer");
     check(nl_socket_set_nonblocking(socket.get()), "non-blocking");
     check(nl_socket_add_memberships(socket.get(), subject_.group, 0), "group");
     return socket;
