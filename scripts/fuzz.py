@@ -1,9 +1,9 @@
-"""Runs every fuzzer of build/fuzz for a bounded time over its seeds and writes a JUnit result file.
+"""Runs every fuzzer of build/asan for a bounded time over its seeds and writes a JUnit result file.
 
 usage: python3 scripts/fuzz.py [--seconds N] [--jobs N] [--junit FILE] [NAME ...]
 
 Each fuzzer runs with the same seed in its own folder, which is removed with it. Findings stay in
-build/fuzz/findings. Exit status 1 when there are findings or no fuzzers."""
+build/asan/findings. Exit status 1 when there are findings or no fuzzers."""
 
 import argparse
 import concurrent.futures
@@ -18,9 +18,9 @@ import time
 import xml.etree.ElementTree as ET
 
 ROOT = pathlib.Path(__file__).resolve().parents[1]
-PROGRAMS = ROOT / "build" / "fuzz" / "tests" / "fuzz"
+PROGRAMS = ROOT / "build" / "asan" / "tests" / "fuzz"
 CORPUS = ROOT / "tests" / "fuzz" / "corpus"
-FINDINGS = ROOT / "build" / "fuzz" / "findings"
+FINDINGS = ROOT / "build" / "asan" / "findings"
 SANITIZERS = {"ASAN_OPTIONS": "detect_leaks=1:abort_on_error=1", "UBSAN_OPTIONS": "print_stacktrace=1"}
 GRACE_S = 60  # for a slow machine, beyond the time that the fuzzer gives itself
 
