@@ -1,4 +1,4 @@
-// What programs that share the object database must agree on, as docs/object-database.md states it.
+// Database numbers and names shared by all programs; docs/object-database.md describes them.
 #pragma once
 
 #include <cstdint>

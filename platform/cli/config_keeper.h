@@ -50,7 +50,7 @@ class ConfigKeeper final : public PortObserver {
     // Takes a line for an absent port: "no shutdown" is carried out when the port returns. Returns
     // the port's name; empty for any other line and for an unknown port.
     std::string note_wish(uint64_t ifx, std::string_view line);
-    // Who has shut the port.
+    // Returns the owner of the port's shutdown.
     ShutBy shut_by(uint32_t ifx) const { return sections_.shut_by(ifx); }
     // Keeps a section for a port that does not exist, in place of an earlier one.
     void keep_section(ConfigSection section);

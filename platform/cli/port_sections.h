@@ -1,5 +1,5 @@
-// Who shut which port, and the sections of ports that have left: what the saved configuration has
-// beyond the lines of the running one. Loop thread only.
+// Keeps the owner of each shutdown and the sections of absent ports: the parts of the saved
+// configuration that the running one lacks. Loop thread only.
 //
 // A shutdown belongs to the operator or to the program that typed it. A shutdown from outside,
 // such as that of a device about to be removed, has no owner and is not saved. A program
@@ -27,7 +27,7 @@ inline constexpr std::string_view kHeldLine = "loop-detect apply shutdown-port";
 
 bool has_line(const ConfigSection& section, std::string_view line);
 
-// Who has shut a port.
+// The owner of a port's shutdown.
 enum class ShutBy { kNobody, kOperator, kProgram };
 
 class PortSections {

@@ -39,8 +39,8 @@ Command find_own_command(const SessionState& session, std::string_view line);
 // Whether a command that was found changes the configuration: not when it only moves the session.
 bool changes_configuration(const SessionState& session, const Command& command);
 
-// What can stand in place of the last word of `line`: keywords by name, then slots and the line
-// end. Calls no handler.
+// Returns the possible completions of the last word of `line`: keywords by name, then slots and
+// the line end. Calls no handler.
 std::vector<Hint> hints_for(const SessionState& session, std::string_view line);
 
 // The context of a command of `mode` in this session.

@@ -255,7 +255,8 @@ class FpService final : public qv::ForwardingSink {
         driver().remove(id);
     }
 
-    // What the rules of an ACL match: its first entry decides.
+    // Sets `rule` to the matches of the ACL's first entry, which hold for all its rules. Returns
+    // zero, or an errno when the ACL cannot be a rule.
     static int rule_matches(const Acl& acl, ForwardingRule& rule) {
         if (acl.error != 0) {
             return acl.error;

@@ -84,7 +84,7 @@ int NameLock::take(EventLoop& loop, const std::string& name, const std::string& 
     return error;
 }
 
-// Who can open a file can lock it, so only its owner may open this one.
+// Anyone who can open a file can lock it, so only its owner may open this one.
 int NameLock::take_file(const std::string& file) {
     constexpr mode_t kOwnerOnly = 0600;
     file_ = open(file.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, kOwnerOnly);

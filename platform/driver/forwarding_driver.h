@@ -7,7 +7,7 @@
 
 namespace qv {
 
-// Which frames a rule matches, and what happens to them.
+// The frames that a rule matches, and their treatment.
 struct ForwardingRule {
     struct Meter {
         uint64_t rate_pps;   // frames per second that pass

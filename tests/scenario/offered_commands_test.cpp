@@ -1,5 +1,5 @@
-// Which ports have the command "loop-detect apply shutdown-port". The ports here are of kinds that
-// only other drivers report.
+// The ports that offer the command "loop-detect apply shutdown-port". The ports here are of kinds
+// that only other drivers report.
 #include <gtest/gtest.h>
 
 #include "lda_main.h"

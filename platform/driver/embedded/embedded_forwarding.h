@@ -26,7 +26,7 @@ class EmbeddedForwarding final : public ForwardingDriver {
     // Kinds of requests, for scripted failures.
     enum class Request { kAcl, kEntry, kApply };
 
-    // What happened to a port's flooded frames since its rule was installed.
+    // Counts of a port's flooded frames since its rule was installed.
     struct Traffic {
         uint64_t counted = 0;
         uint64_t passed = 0;

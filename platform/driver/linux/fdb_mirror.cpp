@@ -11,7 +11,7 @@
 //
 //   Entries are deleted during the dump. The kernel finds its place in the list again by counting,
 //   so a deletion makes it skip entries that have moved up. The list is then read again, until a
-//   reading passes without a deletion or kMaxReadings are done. What they find adds up.
+//   reading passes without a deletion or kMaxReadings are done. Their findings add up.
 //
 //   A deletion is announced at once, but a part of the list that the kernel had composed before may
 //   arrive later and still name the entry. `deleted_` remembers such entries until the dump ends.

@@ -44,7 +44,7 @@ int keep_counters(nl_msg* answer, void* kept) {
     return NL_OK;
 }
 
-// Sends the request and reads its whole answer. What was read before an error stays.
+// Sends the request and reads its whole answer. An error keeps the part already read.
 void read_all(nl_sock* socket, uint32_t ifx, Counters& counters) {
     if_stats_msg wanted{};
     wanted.ifindex = ifx;

@@ -169,7 +169,7 @@ using fp_failed_handler = void (*)(qv_mom_client* context, const fp_acl_key* key
 using fp_counter_handler = void (*)(qv_mom_client* context, const fp_acl_key* key, void* context2,
                                     const fp_counts* counts);
 
-// The handlers of a process, by slot. What would go to an empty slot is dropped.
+// The handlers of a process, by slot. Calls for an empty slot are dropped.
 struct fp_udp_acl_handler {
     fp_success_handler acl_success;    // 0: acl_create
     fp_failed_handler acl_failed;      // 1
