@@ -40,7 +40,7 @@ std::string number(const char* words, uint32_t db) {
 
 class DatabaseAwayAtStart : public testing::TestWithParam<uint32_t> {};
 
-TEST_P(DatabaseAwayAtStart, ConfigurationIsReplayedWhenItComes) {
+TEST_P(DatabaseAwayAtStart, ConfigurationIsReplayedOnConnect) {
     SwitchRig rig(without(GetParam()));
     rig.advance(100s);
     EXPECT_FALSE(rig.configured("loop-detect enable"));
@@ -61,7 +61,7 @@ TEST_P(DatabaseAwayAtStart, ConfigurationIsReplayedWhenItComes) {
 INSTANTIATE_TEST_SUITE_P(Each, DatabaseAwayAtStart, testing::Values(22, 3, 4, 8),
                          testing::PrintToStringParamName());
 
-TEST(Database, EntriesOfAnEarlierRunAreRemovedWhenTheSessionComesUp) {
+TEST(Database, EntriesOfAnEarlierRunAreRemovedOnConnect) {
     SwitchRig::Options options = without(4);
     options.store_made = [](MemoryStore& store) {
         store.drop(4);
@@ -165,7 +165,7 @@ TEST(Database, LossBetweenWriteAndNoticeLosesNothing) {
     EXPECT_EQ(rig.take_log(), Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp3."});
 }
 
-TEST(Database, RecordsLostDuringASubscriptionComeWithTheNextOne) {
+TEST(Database, RecordsLostDuringASubscriptionArriveWithTheNextOne) {
     SwitchRig rig;
     rig.set_policy("");
     rig.report(3, 1, 3);
@@ -208,7 +208,7 @@ TEST(Database, EntryThatCannotBeWrittenIsReportedAndNotRetried) {
 
 // ---- Records of other programs ----
 
-TEST(Database, RecordsThatMakeNoSenseAreReportedAndDropped) {
+TEST(Database, InvalidRecordsAreReportedAndDropped) {
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
     rig.type("debug lda syslog level 1");
@@ -246,7 +246,7 @@ TEST(Database, RecordsThatMakeNoSenseAreReportedAndDropped) {
     EXPECT_EQ(rig.take_executed(), Lines{"interface 3: shutdown \r\n"});
 }
 
-TEST(Database, LoopSeenOnAnUnknownPortStillMarksTheOneThatReports) {
+TEST(Database, LoopSeenOnAnUnknownPortStillMarksTheReportingPort) {
     SwitchRig rig;
     rig.set_policy("");
     rig.report(3, 1, 99);
@@ -411,7 +411,7 @@ TEST(PolicyRequest, WithoutAnIndexIsRefused) {
     EXPECT_EQ(rig.stored_policy(), -1);
 }
 
-TEST(PolicyRequest, ForAPolicyThatDoesNotExistIsAnsweredAsDone) {
+TEST(PolicyRequest, ForAnUnknownPolicyIsAnsweredAsDone) {
     SwitchRig rig;
     Requester requester(rig);
     rig.set_policy("shutdown access-mode");

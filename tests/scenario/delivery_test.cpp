@@ -17,7 +17,7 @@ const Lines kHeldLines{"shutdown", "tarn port loop-detect warning",
 const Lines kShut{"interface 3: shutdown \r\n"};
 const Lines kRecovery{"interface 3: errdisable recovery \r\n", "interface 3: no shutdown  \r\n"};
 
-TEST(CommandDelivery, RefusedShutdownKeepsTheMarkAndIsTriedWithTheNextReport) {
+TEST(CommandDelivery, RefusedShutdownKeepsTheMarkAndIsRetriedWithTheNextReport) {
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
     rig.type("test refuse % Not on this port");
@@ -32,7 +32,7 @@ TEST(CommandDelivery, RefusedShutdownKeepsTheMarkAndIsTriedWithTheNextReport) {
     EXPECT_EQ(rig.section("swp3"), kHeldLines);
 }
 
-TEST(CommandDelivery, RecoveryGoesOnWhenItsFirstLineFails) {
+TEST(CommandDelivery, RecoveryContinuesWhenItsFirstLineFails) {
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);
@@ -61,7 +61,7 @@ TEST(CommandDelivery, RecoveryThatFailsSilentlyIsNotRetried) {
               (Lines{"shutdown", "tarn port loop-detect warning", "storm-loop-detect enable"}));
 }
 
-TEST(CommandDelivery, RefusedRecoveryIsTriedUntilItIsTaken) {
+TEST(CommandDelivery, RefusedRecoveryIsRetriedUntilItSucceeds) {
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);
@@ -117,7 +117,7 @@ TEST(CommandDelivery, FailedFeatureLineDoesNotStopTheOthers) {
     EXPECT_EQ(rig.section("swp2"), kFeatureLines);
 }
 
-TEST(CommandDelivery, TenThousandReportsAtOnceAreOneMarkAndAsManyShutdowns) {
+TEST(CommandDelivery, TenThousandReportsMakeOneMarkAndTenThousandShutdowns) {
     constexpr size_t kReports = 10'000;
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
@@ -144,7 +144,7 @@ TEST(CommandDelivery, TenThousandReportsAtOnceAreOneMarkAndAsManyShutdowns) {
               Lines{"LOOP_DETECT-3-RECOVER: Interface swp3 recovered from loop error."});
 }
 
-TEST(CommandDelivery, FloodOfChangesOnOnePortEndsInTheStateOfTheLast) {
+TEST(CommandDelivery, LastOfManyChangesDecidesThePortsState) {
     SwitchRig rig;
     rig.set_policy("");
     rig.on_main([&] {

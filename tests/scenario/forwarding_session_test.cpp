@@ -24,7 +24,7 @@ SwitchRig::Options without(std::initializer_list<uint32_t> away) {
     return options;
 }
 
-TEST(ForwardingSession, FirstConnectionMakesTheDetectorReadyAndALossBeforeReadinessKeepsIt) {
+TEST(ForwardingSession, FirstConnectionMakesTheDetectorReadyDespiteALossBeforeReadiness) {
     SwitchRig rig(without({22, 8}));
     rig.trace();
     EXPECT_EQ(mom_storm_ready, 0);
@@ -76,7 +76,7 @@ TEST(ForwardingSession, LossAfterReadinessKeepsRulesAndAnnouncesNothing) {
               (Lines{"tarn port loop-detect warning", "storm-loop-detect enable"}));
 }
 
-TEST(ForwardingSession, StormIsFoundAfterALossAsBefore) {
+TEST(ForwardingSession, StormIsStillFoundAfterALoss) {
     SwitchRig rig(without({}));
     rig.type({"test database drop 8", "test database restore 8", "test storm swp1 20000"});
     rig.advance(16s);

@@ -9,7 +9,7 @@ namespace {
 using namespace std::chrono_literals;
 using Lines = std::vector<std::string>;
 
-TEST(Loop, PluggedCableShutsBothPortsAndTheRecoveryTimeBringsThemBack) {
+TEST(Loop, PluggedCableShutsBothPortsUntilTheRecoveryTimeEnds) {
     SwitchRig rig;
     EXPECT_EQ(rig.type({"configure terminal", "loop-detect enable shutdown access-mode",
                         "loop-detect shutdown-recover-time 90", "end"}),

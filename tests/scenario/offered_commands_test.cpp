@@ -42,7 +42,7 @@ class PortOfType : public testing::TestWithParam<uint32_t> {};
 
 class PortWithoutTheCommand : public PortOfType {};
 
-TEST_P(PortWithoutTheCommand, RefusesItAndDoesNotShowIt) {
+TEST_P(PortWithoutTheCommand, RefusesAndHidesIt) {
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
     add_port(rig, 20, "extra20", GetParam());
@@ -79,7 +79,7 @@ INSTANTIATE_TEST_SUITE_P(Type, PortWithoutTheCommand,
 
 class PortWithTheCommand : public PortOfType {};
 
-TEST_P(PortWithTheCommand, TakesAndShowsIt) {
+TEST_P(PortWithTheCommand, AcceptsAndShowsIt) {
     SwitchRig rig;
     rig.set_policy("shutdown access-mode");
     add_port(rig, 20, "extra20", GetParam());

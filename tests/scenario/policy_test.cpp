@@ -22,7 +22,7 @@ const std::string kHeading =
     "-"
     "---------------------- \n";
 
-TEST(Policy, LifeFromDisabledThroughEveryPolicyAndBack) {
+TEST(Policy, EveryPolicyIsAppliedInTurn) {
     SwitchRig rig(with_ports(1));
     EXPECT_EQ(rig.stored_policy(), -1);
     EXPECT_EQ(rig.running_config(), "interface swp1\n!\n");
@@ -87,7 +87,7 @@ TEST(Policy, SamePolicyAgainIsOnlyPublished) {
     EXPECT_EQ(rig.take_executed(), Lines{});
 }
 
-TEST(Policy, RecoveryTimeIsTakenFrom90To1000000) {
+TEST(Policy, RecoveryTimeAccepts90To1000000) {
     SwitchRig rig;
     rig.type("configure terminal");
     EXPECT_NE(rig.type("loop-detect shutdown-recover-time 89"), "");
@@ -156,7 +156,7 @@ TEST(Policy, ChangeMovesTheShutdownFromAccessToHybridPorts) {
               (Lines{notified("swp1", "1", "0", "1"), notified("swp2", "1", "1", "1")}));
 }
 
-TEST(Policy, WarningBringsEveryShutPortBackAndLeavesItInTheTable) {
+TEST(Policy, WarningRecoversEveryShutPortAndKeepsItInTheTable) {
     SwitchRig rig(with_ports(2));
     rig.set_policy("shutdown access-hybrid-mode");
     rig.report(1, 1, 2);  // seen on port 2: both are in the loop
@@ -174,7 +174,7 @@ TEST(Policy, WarningBringsEveryShutPortBackAndLeavesItInTheTable) {
     EXPECT_EQ(rig.take_log(), Lines{});
 }
 
-TEST(Policy, ZeroBringsShutPortsBackAndForgetsEveryLoopSilently) {
+TEST(Policy, ZeroRecoversShutPortsAndClearsEveryLoopSilently) {
     SwitchRig rig(with_ports(2));
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);
@@ -202,7 +202,7 @@ TEST(Policy, ZeroBringsShutPortsBackAndForgetsEveryLoopSilently) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
 }
 
-TEST(Policy, ReportsWhileDisabledAreDroppedUntilTheyComeAgain) {
+TEST(Policy, ReportsWhileDisabledAreDroppedUntilTheyAreRepeated) {
     SwitchRig rig;
     rig.report(3, 1, 3);
     rig.set_policy("");
@@ -232,7 +232,7 @@ TEST(Policy, ReportsFromBeforeTheStartAreDeliveredByTheScan) {
     EXPECT_EQ(rig.take_log(), Lines{"LOOP_DETECT-3-ERROR: Detected loop error on interface swp3."});
 }
 
-TEST(Policy, EleventhPortIsRefusedUntilAPlaceIsFreeAndItsLoopIsANewOne) {
+TEST(Policy, EleventhPortIsRefusedUntilAPlaceIsFreeAndThenCountsAsANewLoop) {
     SwitchRig rig(with_ports(12));
     rig.set_policy("");
     for (uint32_t port = 1; port <= 10; ++port) {

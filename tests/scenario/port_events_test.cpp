@@ -74,7 +74,7 @@ TEST(PortEvents, MoveBetweenAccessAndHybridUnderBothChangesNothing) {
                      "loop-detect apply shutdown-port", "storm-loop-detect enable"}));
 }
 
-TEST(PortEvents, QuietPortThatChangesItsModeIsLeftAlone) {
+TEST(PortEvents, ModeChangeOfAQuietPortDoesNothing) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown access-mode");
     EXPECT_EQ(set_mode(rig, "swp3", "hybrid"), Lines{});
@@ -82,7 +82,7 @@ TEST(PortEvents, QuietPortThatChangesItsModeIsLeftAlone) {
     EXPECT_EQ(rig.take_notifications(), Lines{});
 }
 
-TEST(PortEvents, HeldPortThatLeavesTheBridgeIsBroughtBack) {
+TEST(PortEvents, HeldPortThatLeavesTheBridgeIsRecovered) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);
@@ -195,7 +195,7 @@ TEST(PortEvents, ModeChangeOfAnAggregateReachesEveryMember) {
 
 // ---- Virtual switch links ----
 
-TEST(PortEvents, LoopedPortThatBecomesAVslIsReleasedAndLeavesDetection) {
+TEST(PortEvents, LoopedPortThatBecomesAVslIsReleasedAndRemovedFromDetection) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);
@@ -237,7 +237,7 @@ TEST(PortEvents, VslKeepsItsRecordWhileDetectionIsDisabled) {
 
 // ---- Ports that leave ----
 
-TEST(PortEvents, PortDeletedWhileItsClearTimerRunsIsStillTakenOutOfTheTable) {
+TEST(PortEvents, PortDeletedWhileItsClearTimerRunsIsStillRemovedFromTheTable) {
     SwitchRig rig(four_ports());
     rig.set_policy("");
     rig.report(3, 1, 3);
@@ -281,7 +281,7 @@ TEST(PortEvents, PortDeletedBeforeItsQueuedShutdownIsExecuted) {
     EXPECT_EQ(table_line(rig), "loop-detect intf_num: 3, loop_num=1");
 }
 
-TEST(PortEvents, PortDeletedWhileItsRecoveryIsExecutedComesUpWhenItIsBack) {
+TEST(PortEvents, PortDeletedDuringItsRecoveryIsUpWhenItReturns) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);
@@ -337,7 +337,7 @@ TEST(PortEvents, DeletedLoopedPortKeepsItsPlaceUntilDetectionIsDisabled) {
     EXPECT_EQ(rig.entry("swp3"), "none");
 }
 
-TEST(PortEvents, PortDeletedAndAddedAtOnceIsANewPortThatIsStillHeld) {
+TEST(PortEvents, PortDeletedAndAddedAgainIsANewPortThatIsStillHeld) {
     SwitchRig rig(four_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(3, 1, 3);

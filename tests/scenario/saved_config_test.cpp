@@ -90,7 +90,7 @@ TEST(SavedConfiguration, HeldHybridPortIsNotOpenedByARestart) {
                      "loop-detect apply shutdown-port", "storm-loop-detect enable"}));
 }
 
-TEST(SavedConfiguration, HeldHybridPortThatIsTakenOutAndPutBackStaysHeld) {
+TEST(SavedConfiguration, HeldHybridPortStaysHeldWhenItIsRemovedAndAdded) {
     SwitchRig rig(saved("interface swp2\n switchport mode hybrid\n!\n"));
     rig.set_policy("shutdown hybrid-mode");
     rig.type({"configure terminal", "interface swp2", "storm-loop-rate ratelimit 123456", "end"});
@@ -112,7 +112,7 @@ TEST(SavedConfiguration, HeldHybridPortThatIsTakenOutAndPutBackStaysHeld) {
                      "storm-loop-detect enable", "storm-loop-rate ratelimit 123456"}));
 }
 
-TEST(SavedConfiguration, RenamedPortTakesItsStateAlongWhenItsLoopHasEnded) {
+TEST(SavedConfiguration, RenamedPortKeepsItsStateAfterItsLoopHasEnded) {
     SwitchRig rig(saved(""));
     rig.set_policy("shutdown access-mode");
     rig.report(2, 1, 2);
@@ -130,7 +130,7 @@ TEST(SavedConfiguration, RenamedPortTakesItsStateAlongWhenItsLoopHasEnded) {
     EXPECT_EQ(rig.entry("uplink"), "policy=1 src_port=1");
 }
 
-TEST(SavedConfiguration, PortThatComesLaterIsMarkedWhenItAppears) {
+TEST(SavedConfiguration, LatePortIsMarkedWhenItAppears) {
     SwitchRig rig(
         saved("loop-detect enable shutdown access-mode\n"
               "interface swp9\n"

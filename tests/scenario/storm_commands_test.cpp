@@ -31,7 +31,7 @@ Lines installed(SwitchRig& rig) {
     return rules;
 }
 
-TEST(StormCommands, RatesAndBurstsWithinTheirBoundsAreTaken) {
+TEST(StormCommands, RatesAndBurstsWithinTheirBoundsAreAccepted) {
     SwitchRig rig(one_port());
     enter_port(rig);
     for (const char* line : {"storm-loop-rate ratelimit 1", "storm-loop-rate ratelimit 1000000",
@@ -66,7 +66,7 @@ TEST(StormCommands, RatesAndBurstsBeyondTheirBoundsAreRefusedAndChangeNothing) {
               "% Number out of range: '31' (32-10000).\n");
 }
 
-TEST(StormCommands, NoAndDefaultTakeBothCommandsBack) {
+TEST(StormCommands, NoAndDefaultUndoBothCommands) {
     SwitchRig rig(one_port());
     enter_port(rig);
     for (const std::string prefix : {"no", "default"}) {
@@ -82,7 +82,7 @@ TEST(StormCommands, NoAndDefaultTakeBothCommandsBack) {
     }
 }
 
-TEST(StormCommands, DefaultOfTheApplyCommandReleasesThePortLikeItsNoForm) {
+TEST(StormCommands, DefaultFormOfTheApplyCommandReleasesThePort) {
     SwitchRig rig(one_port());
     rig.set_policy("shutdown access-mode");
     enter_port(rig);

@@ -43,7 +43,7 @@ const Lines kWatched = {"tarn port loop-detect warning", "storm-loop-detect enab
 const Lines kShut = {"shutdown", "tarn port loop-detect warning", "loop-detect apply shutdown-port",
                      "storm-loop-detect enable"};
 
-TEST(Storm, IsJudgedAtTheThirdPollShutRecoveredAndForgotten) {
+TEST(Storm, IsDetectedAtTheThirdPollShutRecoveredAndCleared) {
     SwitchRig rig(with_ports(1));
     rig.type({"configure terminal", "loop-detect shutdown-recover-time 90", "end"});
     rig.set_policy("shutdown access-mode");
@@ -94,7 +94,7 @@ TEST(Storm, TrafficAtTheRateIsNoStorm) {
     EXPECT_EQ(rig.take_log(), kFound);
 }
 
-TEST(Storm, UnderWarningIsReportedAndForgottenAfterTenQuietPollsAndTheClearInterval) {
+TEST(Storm, UnderWarningIsReportedAndClearedAfterTenQuietPollsAndTheClearInterval) {
     SwitchRig rig(with_ports(1));
     rig.set_policy("");
     rig.type("test storm swp1 20000");
@@ -111,7 +111,7 @@ TEST(Storm, UnderWarningIsReportedAndForgottenAfterTenQuietPollsAndTheClearInter
     EXPECT_EQ(std_opt_statics.notify_unloop_times, 1);
 }
 
-TEST(Storm, RateChangedInItsMiddleEndsTheLoopAndItIsJudgedAnew) {
+TEST(Storm, RateChangeEndsTheLoopAndRestartsDetection) {
     SwitchRig rig(with_ports(1));
     rig.set_policy("");
     rig.type("test storm swp1 20000");
@@ -136,7 +136,7 @@ TEST(Storm, RateChangedInItsMiddleEndsTheLoopAndItIsJudgedAnew) {
     EXPECT_EQ(rig.take_log(), kRecovered);
 }
 
-TEST(Storm, RefusedShutdownIsTriedAgainWithTheRepetition) {
+TEST(Storm, RefusedShutdownIsRetriedWithTheRepetition) {
     SwitchRig rig(with_ports(1));
     rig.set_policy("shutdown access-mode");
     rig.type("test refuse % Not now");
@@ -151,7 +151,7 @@ TEST(Storm, RefusedShutdownIsTriedAgainWithTheRepetition) {
     EXPECT_EQ(rig.section("swp1"), kShut);
 }
 
-TEST(Storm, OnAPortThatTheOperatorWatchesIsReportedWithoutAPolicy) {
+TEST(Storm, OnAPortWithDetectionEnabledByTheOperatorIsReportedWithoutAPolicy) {
     SwitchRig rig(with_ports(1));
     rig.type({"configure terminal", "interface swp1", "storm-loop-detect enable", "end",
               "test storm swp1 20000"});
@@ -162,7 +162,7 @@ TEST(Storm, OnAPortThatTheOperatorWatchesIsReportedWithoutAPolicy) {
 }
 
 // Detection outlives its port: the port that comes back with its number is watched at once.
-TEST(Storm, OnAPortThatIsDeletedAndAddedAgainInItsMiddleIsFound) {
+TEST(Storm, OnAPortDeletedAndAddedAgainMeanwhileIsFound) {
     SwitchRig rig(with_ports(2));
     rig.set_policy("");
     rig.type("test storm swp1 20000");
@@ -178,7 +178,7 @@ TEST(Storm, OnAPortThatIsDeletedAndAddedAgainInItsMiddleIsFound) {
     EXPECT_EQ(rig.section("swp1"), kWatched);
 }
 
-TEST(Storm, OnSeveralPortsIsJudgedForEachAtItsOwnRate) {
+TEST(Storm, OnSeveralPortsIsComparedWithTheRateOfEach) {
     SwitchRig rig(with_ports(3));
     rig.set_policy("");
     rig.type({"configure terminal", "interface swp2", "storm-loop-rate ratelimit 30000",
@@ -230,7 +230,7 @@ struct StormRuleFailure : testing::Test {
 
 const Lines kPortWatched = {"storm-loop-detect enable", "storm-loop-rate ratelimit 5000"};
 
-TEST_F(StormRuleFailure, FailedApplyTakesThePortOutOfDetection) {
+TEST_F(StormRuleFailure, FailedApplyRemovesThePortFromDetection) {
     rig.type("test forwarding fail apply 2");
     watch();
     EXPECT_EQ(rig.section("swp1"), kPortWatched);
@@ -242,7 +242,7 @@ TEST_F(StormRuleFailure, FailedApplyTakesThePortOutOfDetection) {
     EXPECT_EQ(storm_port_num, 0U);
 }
 
-TEST_F(StormRuleFailure, FailedSharedRuleTakesNoPortOut) {
+TEST_F(StormRuleFailure, FailedSharedRuleRemovesNoPort) {
     rig.type("test forwarding fail apply 1");
     watch();
     rig.advance(1s);
@@ -273,7 +273,7 @@ TEST_F(StormRuleFailure, RuleFailsWithItsEntry) {
     EXPECT_EQ(storm_port_num, 0U);
 }
 
-TEST_F(StormRuleFailure, LateFailureIsTakenWhenItComes) {
+TEST_F(StormRuleFailure, LateFailureIsHandledWhenItArrives) {
     rig.type({"test forwarding delay 10", "test forwarding fail apply 2"});
     watch();
     rig.type({"debug lda syslog level 0", "test storm swp1 10000"});
@@ -287,7 +287,7 @@ TEST_F(StormRuleFailure, LateFailureIsTakenWhenItComes) {
     EXPECT_EQ(rig.take_log(), Lines{});
 }
 
-TEST_F(StormRuleFailure, RuleThatIsLostInALoopEndsIt) {
+TEST_F(StormRuleFailure, LostRuleEndsTheLoop) {
     watch();
     rig.type({"debug lda syslog level 0", "test storm swp1 10000"});
     rig.advance(16s);

@@ -73,7 +73,7 @@ TEST(Transcript, StartWithTwoPorts) {
     expect_golden("transcript/start", transcript(rig, log));
 }
 
-TEST(Transcript, PolicyCommandSwitchesBothDetectionsOnForEveryPort) {
+TEST(Transcript, PolicyCommandEnablesBothDetectionsOnEveryPort) {
     SwitchRig rig(two_ports());
     rig.type("no storm-loop-detect enable");  // a mode too early: refused, changes nothing
     rig.trace();
@@ -85,7 +85,7 @@ TEST(Transcript, PolicyCommandSwitchesBothDetectionsOnForEveryPort) {
     EXPECT_EQ(rig.stored_policy(), 2);
 }
 
-TEST(Transcript, FreshLoopUnderShutdownAccess) {
+TEST(Transcript, NewLoopUnderShutdownAccess) {
     SwitchRig rig(two_ports());
     rig.set_policy("shutdown access-mode");
     rig.trace();
@@ -94,7 +94,7 @@ TEST(Transcript, FreshLoopUnderShutdownAccess) {
     EXPECT_EQ(rig.entry("swp1"), "policy=1 src_port=1");
 }
 
-TEST(Transcript, RepeatedReportShutsAgainAndNotifiesNobody) {
+TEST(Transcript, RepeatedReportShutsAgainWithoutNotification) {
     SwitchRig rig(two_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);
@@ -104,7 +104,7 @@ TEST(Transcript, RepeatedReportShutsAgainAndNotifiesNobody) {
     expect_golden("transcript/repeated_loop", transcript(rig));
 }
 
-TEST(Transcript, RecoveryTickBringsThePortBack) {
+TEST(Transcript, RecoveryTickRecoversThePort) {
     SwitchRig rig(two_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);
@@ -118,7 +118,7 @@ TEST(Transcript, RecoveryTickBringsThePortBack) {
     EXPECT_EQ(rig.entry("swp1"), "policy=1 src_port=1");
 }
 
-TEST(Transcript, RefusedRecoveryKeepsTheMarkAndIsTriedAtTheNextRecovery) {
+TEST(Transcript, RefusedRecoveryKeepsTheMarkAndIsRetriedAtTheNextRecovery) {
     SwitchRig rig(two_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);
@@ -162,7 +162,7 @@ TEST(Transcript, QuietPortIsClearedAMinuteAfterItsRecovery) {
     EXPECT_EQ(rig.entry("swp1"), "none");
 }
 
-TEST(Transcript, GenerationAsksForEveryLineAndLogsThePortsMarks) {
+TEST(Transcript, GenerationVisitsEveryLineAndLogsTheMarksOfThePorts) {
     SwitchRig rig(two_ports());
     rig.set_policy("shutdown access-mode");
     rig.report(1, 1, 1);

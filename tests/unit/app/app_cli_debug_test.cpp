@@ -128,7 +128,7 @@ class DebugCommands : public AgentTest {
 
 // ---- Trees ----
 
-TEST_F(DebugCommands, TreesHangUnderDebugAndShow) {
+TEST_F(DebugCommands, TreesAreRegisteredUnderDebugAndShow) {
     std::vector<std::string> found;
     for (const fake::Command& command : fake::commands())
         if (command.chain == 17 || (command.chain == 6 && command.description == kShowTree))
@@ -217,7 +217,7 @@ TEST_F(DebugCommands, HelpTextsOfTheShowTree) {
     EXPECT_EQ(helps(kShowTree, "lda detect-result"), Lines{});
 }
 
-TEST_F(DebugCommands, IncompleteLinesEndNowhere) {
+TEST_F(DebugCommands, IncompleteLinesHaveNoHandler) {
     for (const char* line : {"", "lda", "lda logfile", "lda logfile level", "lda syslog",
                              "lda syslog level", "lda syslog log-max-number"})
         EXPECT_FALSE(run(kLoggingTree, line)) << line;
@@ -240,7 +240,7 @@ TEST_F(DebugCommands, LogFileLevelFiveCannotBeEntered) {
     EXPECT_EQ(g_app_zlog_level, 5);
 }
 
-TEST_F(DebugCommands, NoLogFileLevelGoesBackToWarn) {
+TEST_F(DebugCommands, NoLogFileLevelRestoresWarn) {
     EXPECT_TRUE(run_no(kLoggingTree, "lda logfile level"));
     EXPECT_EQ(g_app_zlog_level, 2);
 }
@@ -369,7 +369,7 @@ TEST_F(DebugCommands, ClearIntervalOutsideItsRangeIsRefused) {
     EXPECT_EQ(g_lda_clear_interval, 60);
 }
 
-TEST_F(DebugCommands, ClearIntervalIsThatOfTheNextClearTimer) {
+TEST_F(DebugCommands, NextClearTimerUsesTheNewInterval) {
     run(kIntervalTree, "lda clear-interval 3");
     lda_intf_t* record = add_looped(5);
     record->tarn_result = 0;
@@ -379,7 +379,7 @@ TEST_F(DebugCommands, ClearIntervalIsThatOfTheNextClearTimer) {
 
 // ---- Help and completion ----
 
-TEST_F(DebugCommands, NothingHappensForHelpAndCompletion) {
+TEST_F(DebugCommands, HelpAndCompletionDoNothing) {
     g_dbg_slog_max = 5;
     g_dbg_slog_level = 3;
     for (const char* line : {"lda logfile level 1", "lda syslog level 1",

@@ -99,7 +99,7 @@ TEST_F(Log, LogFileLineCarriesSourceFileFunctionAndLine) {
     EXPECT_EQ(lines[0].text, "<TestBody:" + std::to_string(line) + "> ready\n");
 }
 
-TEST_F(Log, TextsWithoutALineEndStayWithout) {
+TEST_F(Log, TextsWithoutALineEndGetNone) {
     g_app_zlog_level = 4;
     APP_INFO("cli ready");
     EXPECT_EQ(fake::calls(), (Lines{R"(zlog 40 TestBody "<TestBody:#> cli ready")"}));
@@ -111,7 +111,7 @@ TEST_F(Log, LineMayCarryAnotherFunctionsName) {
     EXPECT_EQ(fake::calls(), (Lines{fake::info("other_function", "ifx=7\n")}));
 }
 
-TEST_F(Log, NothingGoesToTheLogFileWithoutACategory) {
+TEST_F(Log, WithoutACategoryNothingIsWrittenToTheLogFile) {
     g_app_zlog_category = nullptr;
     EXPECT_EQ(written(log_fatal, 5, 0), Lines{});
     EXPECT_EQ(written(log_fatal, 5, 1), (Lines{R"(syslog 6 LDA FATAL "<log_fatal:#> text\n")"}));
@@ -135,7 +135,7 @@ TEST_F(Log, FunctionThatFillsTheBufferLeavesNoRoomForTheText) {
     EXPECT_EQ(fake::zlog_lines().at(0).text, "<" + std::string(1023, 'f'));
 }
 
-TEST_F(Log, UnwantedLineIsStillFormattedUnderTheLock) {
+TEST_F(Log, SuppressedLineIsStillFormattedUnderTheLock) {
     g_app_zlog_level = 3;
     g_dbg_slog_level = 1;
     Lines under_lock;
@@ -177,7 +177,7 @@ TEST_F(Log, DebugGoesToTheSystemLogFromLevelThree) {
     expect_slog_from(3, log_debug, R"(syslog 6 LDA DEBUG "<log_debug:#> text\n")");
 }
 
-TEST_F(Log, LogFileComesBeforeTheSystemLog) {
+TEST_F(Log, LogFileIsWrittenBeforeTheSystemLog) {
     EXPECT_EQ(written(log_error, 2, 1), (Lines{
                                             R"(zlog 100 log_error "<log_error:#> text\n")",
                                             R"(syslog 6 LDA ERROR "<log_error:#> text\n")",
@@ -374,7 +374,7 @@ TEST_F(LogStart, LevelFileWithoutNumbersGivesTheDefaults) {
     EXPECT_EQ(levels_after("x 5"), (Levels{2, 0}));
 }
 
-TEST_F(LogStart, LevelsAreTakenAsTheyStand) {
+TEST_F(LogStart, LevelsAreNotRangeChecked) {
     EXPECT_EQ(levels_after("0 0"), (Levels{0, 0}));
     EXPECT_EQ(levels_after("-1 99"), (Levels{-1, 99}));
     EXPECT_EQ(levels_after("99 -1"), (Levels{99, -1}));
@@ -400,7 +400,7 @@ TEST_F(LogStart, SignWithoutANumberIsNoLevel) {
     EXPECT_EQ(levels_after("3, 2"), (Levels{2, 0}));
 }
 
-TEST_F(LogStart, LevelThatFitsNoIntegerIsNoLevel) {
+TEST_F(LogStart, LevelThatOverflowsAnIntegerIsNoLevel) {
     EXPECT_EQ(levels_after("2147483647 -2147483648"), (Levels{2147483647, -2147483647 - 1}));
     EXPECT_EQ(levels_after("2147483648 1"), (Levels{2, 0}));
     EXPECT_EQ(levels_after("1 -2147483649"), (Levels{2, 0}));
@@ -466,7 +466,7 @@ TEST(LogLevelNames, OfTheSystemLog) {
     }
 }
 
-TEST(LogLevelNames, LevelsWithoutANameAreLookedUpWithAGuard) {
+TEST(LogLevelNames, LevelsWithoutANameAreLookedUpSafely) {
     for (int level : {-1, 6, 2147483647, -2147483647}) {
         EXPECT_NE(app_logfile_level_name(level), nullptr);
         EXPECT_NE(app_slog_level_name(level), nullptr);

@@ -80,7 +80,7 @@ TEST_F(BackupList, ListedPortsAreNotCounted) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
 }
 
-TEST_F(BackupList, AddingTwiceLeavesOneNodeAndSaysSo) {
+TEST_F(BackupList, AddingTwiceLeavesOneNodeAndIsLogged) {
     lda_back_node_add(7);
     fake::clear_calls();
     lda_back_node_add(7);
@@ -89,7 +89,7 @@ TEST_F(BackupList, AddingTwiceLeavesOneNodeAndSaysSo) {
               (Lines{info("lda_back_node_add", "---backup_node_list have been added :ifx=7\n")}));
 }
 
-TEST_F(BackupList, AddIsSilentWithoutMemory) {
+TEST_F(BackupList, AddWithoutMemoryIsSilent) {
     fake::fail_calloc(1);
     lda_back_node_add(7);
     EXPECT_EQ(listed(), Ports{});
@@ -111,7 +111,7 @@ TEST_F(BackupList, LookupOfAnEmptyListFindsNothing) {
     EXPECT_EQ(lda_back_node_lookup(0), 0);
 }
 
-TEST_F(BackupList, DeleteTakesThePortOut) {
+TEST_F(BackupList, DeleteRemovesThePort) {
     for (uint32_t ifx : {5u, 7u, 9u})
         lda_back_node_add(ifx);
     fake::clear_calls();
@@ -129,7 +129,7 @@ TEST_F(BackupList, DeleteOfTheLastNodeEmptiesTheList) {
     EXPECT_EQ(backup_node_list.prev, &backup_node_list);
 }
 
-TEST_F(BackupList, DeleteTakesOnlyTheFirstNodeOfThePort) {
+TEST_F(BackupList, DeleteRemovesOnlyTheFirstNodeOfThePort) {
     for (uint32_t ifx : {5u, 7u, 9u, 7u, 3u})
         force(ifx);
     lda_back_node_del(7);
@@ -152,7 +152,7 @@ TEST_F(BackupList, AddAndDeleteWorkUnderTheLoopLock) {
     EXPECT_EQ(listed(), Ports{});
 }
 
-TEST_F(BackupList, LoopLockIsReleasedOnEveryWay) {
+TEST_F(BackupList, LoopLockIsReleasedOnEveryPath) {
     lda_back_node_add(5);
     lda_back_node_add(5);
     lda_back_node_del(9);

@@ -87,7 +87,7 @@ TEST_F(CliConfig, NoFormOfAnyPolicyCommandDisablesDetection) {
     }
 }
 
-TEST_F(CliConfig, PolicyCommandLogsItsWay) {
+TEST_F(CliConfig, PolicyCommandLogsItsSteps) {
     log_everything();
     cli_pcdb pcdb = context(0, 0x20);
     cfg_lda_cli_shutdown_hybrid_command(&pcdb);
@@ -134,7 +134,7 @@ TEST_F(CliConfig, EveryPolicyHandlerWritesTheCurrentPolicy) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
-TEST_F(CliConfig, GenerationLogsThePolicyInForce) {
+TEST_F(CliConfig, GenerationLogsTheCurrentPolicy) {
     log_everything();
     lda_loop_detect_ptype_set(4);
     EXPECT_EQ(
@@ -203,7 +203,7 @@ const std::string refused =
     "syslog 3 LOOP_DETECT ERROR \"loop-detect shutdown-port policy can not be applied while "
     "loop-detect is disabled.\\n\\r\\n\"";
 
-TEST_F(CliConfig, ApplyMarksThePortAndHasItShutDown) {
+TEST_F(CliConfig, ApplyMarksThePortAndRequestsItsShutdown) {
     lda_intf_t* record = add(7, 1);
     lda_loop_detect_ptype_set(2);
     log_everything();
@@ -330,13 +330,13 @@ TEST_F(CliConfig, OtherPortsDoNotOfferTheInterfaceCommand) {
     EXPECT_EQ(testfunc_cfg_loop_detect_apply_shutdown_kw(&unknown), 0);
 }
 
-TEST_F(CliConfig, PortWithoutAControlBlockIsJudgedByItsType) {
+TEST_F(CliConfig, PortTypeDecidesWithoutAControlBlock) {
     fake::fail("lsm_get_intfcb");
     for (uint32_t type = 0; type <= 12; type++)
         EXPECT_EQ(offered_on({.ifx = 1, .type = type}), type >= 2 && type <= 10) << type;
 }
 
-TEST_F(CliConfig, RangeOffersTheInterfaceCommandByItsTypes) {
+TEST_F(CliConfig, PortTypesDecideForARange) {
     cli_pcdb pcdb = context();
     strcpy(pcdb.mode, "ifrange");
     // The mask 0x18050187 has the bits 0, 1, 2, 7, 8, 16, 18, 27 and 28.
@@ -363,7 +363,7 @@ TEST_F(CliConfig, InterfaceSectionsAreWrittenForVisiblePorts) {
     EXPECT_STREQ(pcdb.mode, "config");
 }
 
-TEST_F(CliConfig, ContextIsAboutThePortBeforeItsModeIsEntered) {
+TEST_F(CliConfig, ContextNamesThePortBeforeItsModeIsEntered) {
     fake::add_port(3);
     cli_pcdb pcdb = context(0, CLI_FLAG_SHOW_RUN);
     std::vector<uint64_t> ports;
@@ -372,7 +372,7 @@ TEST_F(CliConfig, ContextIsAboutThePortBeforeItsModeIsEntered) {
     EXPECT_EQ(ports, (std::vector<uint64_t>{3, 3}));
 }
 
-TEST_F(CliConfig, NoPortsNoInterfaceSections) {
+TEST_F(CliConfig, WithoutPortsThereAreNoInterfaceSections) {
     cli_pcdb pcdb = context(0, CLI_FLAG_SHOW_RUN);
     EXPECT_EQ(libproxy_cli_interface_walk(&pcdb), 0);
     EXPECT_EQ(fake::take_calls(), Lines{"lsm_walk_through_ex"});
@@ -380,7 +380,7 @@ TEST_F(CliConfig, NoPortsNoInterfaceSections) {
 
 // ---- The handler without a node ----
 
-TEST_F(CliConfig, EnableHandlerSwitchesOffWhenExecuted) {
+TEST_F(CliConfig, EnableHandlerPostsADisableWhenExecuted) {
     cli_ready = 1;
     lda_loop_detect_ptype_set(2);
     log_everything();

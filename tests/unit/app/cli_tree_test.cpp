@@ -120,7 +120,7 @@ TEST_F(CliTree, Show) {
 )");
 }
 
-TEST_F(CliTree, ListsOfAlternativesEndWithTheEndOfTheFramework) {
+TEST_F(CliTree, AlternativesEndWithTheFrameworksEndNode) {
     for (const cli_node* node :
          {&Tcfg_loop_detect_kw, &Tcfg_loop_detect_enable_access_hybrid,
           &Tcfg_loop_detect_recover_kw, &Tcfg_loop_detect_recover_num, &Tcfg_loop_detect_loop_kw,
@@ -144,7 +144,7 @@ TEST_F(CliTree, RegistrationInOrder) {
     EXPECT_EQ(fake::show_run_hook(), libproxy_cli_interface_walk);
 }
 
-TEST_F(CliTree, CommandInitAddsTheThreeTreesAlone) {
+TEST_F(CliTree, CommandInitAddsOnlyTheThreeTrees) {
     lda_cmd_init();
     EXPECT_EQ(fake::take_calls(), (Lines{"cli_add_command 57 \"show loop detect apply shutdown\"",
                                          "cli_add_command 28 \"cfg loop detect\"",

@@ -99,7 +99,7 @@ TEST_F(Delivery, MessageFieldsAreInOrder) {
 
 // ---- Posting ----
 
-TEST_F(Delivery, PostCopiesAllFieldsButTheOneOfThePoster) {
+TEST_F(Delivery, PostCopiesAllFieldsButThePosters) {
     lda_cli_msg_t posted = message(5, 2, 7, 1);
     posted.link = {reinterpret_cast<lda_list_t*>(8), reinterpret_cast<lda_list_t*>(16)};
     posted.enable = 1;
@@ -129,7 +129,7 @@ TEST_F(Delivery, PostsAreKeptInOrderAndCounted) {
               (Lines{"type=2 mid=2 ifx=1", "type=2 mid=2 ifx=2", "type=0 enable=1 ifx=3"}));
 }
 
-TEST_F(Delivery, PostOfNothingIsReported) {
+TEST_F(Delivery, NullPostIsReported) {
     EXPECT_EQ(lda_cli_cmd_send(nullptr), 0);
     EXPECT_EQ(fake::take_calls(), Lines{error("lda_cli_cmd_send", "para wrong.")});
     EXPECT_EQ(take_posted(), Lines{});
@@ -233,7 +233,7 @@ TEST_F(Delivery, MessagesPostedBeforeTheThreadRunsAreExecutedInOrder) {
     expect_golden("delivery/three_messages", fake::take_calls());
 }
 
-TEST_F(Delivery, PostDuringTheWaitIsTakenAtOnce) {
+TEST_F(Delivery, PostDuringTheWaitIsExecutedAtOnce) {
     start_thread();
     post(message(2, 2, 7, 1));
     drained();  // no wait has timed out
@@ -252,7 +252,7 @@ TEST_F(Delivery, LostSignalDelaysTheWorkByASecondAtMost) {
 
 // The deadline is the time before the wait plus one second; the fake reads the clock again when the
 // wait begins.
-TEST_F(Delivery, WaitEndsOneSecondAfterItsBeginningOnTheMonotonicClock) {
+TEST_F(Delivery, WaitTimesOutAfterOneSecondOnTheMonotonicClock) {
     timespec before;
     clock_gettime(CLOCK_MONOTONIC, &before);
     start_thread();
@@ -276,7 +276,7 @@ TEST_F(Delivery, TimedOutWaitWithoutWorkIsRepeated) {
     EXPECT_EQ(lines_executed(), Lines{executed(1001, "shutdown \r\n", 7)});
 }
 
-TEST_F(Delivery, EachTypeHasItsWork) {
+TEST_F(Delivery, EachTypeIsExecuted) {
     add(7);
     start_thread();
     struct Row {
@@ -305,7 +305,7 @@ TEST_F(Delivery, EachTypeHasItsWork) {
     }
 }
 
-TEST_F(Delivery, SelectorOfAMessageReachesItsWork) {
+TEST_F(Delivery, SelectorIsPassedToTheWork) {
     add(7);
     start_thread();
     struct Row {
@@ -375,7 +375,7 @@ TEST_F(Delivery, MessagesOfEnableAndDisableAreOnlyLogged) {
                info(received, "---The number of cli msg is 0, receive a signal[2,0,0,0,0,0]")}));
 }
 
-TEST_F(Delivery, PoliciesAppearInTheLineOfTheThread) {
+TEST_F(Delivery, ThreadLogsThePolicies) {
     lda_cli_msg_t posted = message(7, 2, 7);
     posted.new_type = 4;
     posted.old_type = 3;
@@ -414,7 +414,7 @@ TEST_F(Delivery, WorkRunsWithoutTheLoopLock) {
     EXPECT_EQ(lines_executed().size(), 4u);
 }
 
-TEST_F(Delivery, LinksOfAMessageTakenOffTheQueueArePoisoned) {
+TEST_F(Delivery, LinksOfADequeuedMessageArePoisoned) {
     post(message(2, 2, 7, 1));
     const lda_list_t* node = g_lda_cli_msg_set->list.next;
     uintptr_t next = 0;
@@ -431,7 +431,7 @@ TEST_F(Delivery, LinksOfAMessageTakenOffTheQueueArePoisoned) {
 
 // The thread finds no message and looks again without waiting. The test corrects the count in the
 // fourth round, under the lock.
-TEST_F(Delivery, CountWithoutAMessageIsNoWork) {
+TEST_F(Delivery, CountWithoutAMessageIsIgnored) {
     g_lda_cli_msg_set->count = 1;
     int rounds = 0;
     fake::on_lock(&g_lda_cli_msg_set->lock, [&](bool taken) {
@@ -527,7 +527,7 @@ class Execution : public Delivery {
     cli_mode mode;
 };
 
-TEST_F(Execution, SilentLineHasTheResultOfTheFramework) {
+TEST_F(Execution, SilentLineReturnsTheResultOfTheFramework) {
     log_everything();
     EXPECT_EQ(execute("", 0), 0);
     EXPECT_EQ(execute("", 17), 17);
@@ -555,7 +555,7 @@ TEST_F(Execution, LineThatFailsIsReported) {
                      info("lda_loop_cmd_execute", "ifx 7 cmd line\r\n out ret=-3 ")}));
 }
 
-TEST_F(Execution, LineThatFailsAndPrintsIsBoth) {
+TEST_F(Execution, LineThatFailsAndPrintsIsReportedAndRefused) {
     EXPECT_EQ(execute("denied", -1), 2);
     EXPECT_EQ(
         fake::take_calls(),
@@ -563,7 +563,7 @@ TEST_F(Execution, LineThatFailsAndPrintsIsBoth) {
                error("lda_loop_cmd_execute", "cli_execute_cmd_buf fail:cmd=line\r\n, ret=-1")}));
 }
 
-TEST_F(Execution, OutputThatBeginsWithATerminatorIsNoOutput) {
+TEST_F(Execution, OutputThatBeginsWithATerminatorCountsAsNone) {
     EXPECT_EQ(execute(std::string("\0text", 5), 4), 4);
 }
 

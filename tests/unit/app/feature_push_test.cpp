@@ -123,7 +123,7 @@ TEST_F(FeaturePush, EnablingWithoutMemoryExecutesTheGlobalLines) {
                           error("lda_all_intf_ifx_get", "Malloc p_ifx error.")}));
 }
 
-TEST_F(FeaturePush, SequenceGoesOnAfterAFailedLine) {
+TEST_F(FeaturePush, SequenceContinuesAfterAFailedLine) {
     add(3);
     fake::on_line("tarn enable\r\n", "% unknown command", -1);
     fake::on_line("tarn port loop-detect warning\r\n", "", -1);
@@ -136,7 +136,7 @@ TEST_F(FeaturePush, SequenceGoesOnAfterAFailedLine) {
 
 // ---- Switching off ----
 
-TEST_F(FeaturePush, DisablingBothNeverTouchesTheStormRate) {
+TEST_F(FeaturePush, DisablingBothKeepsTheStormRate) {
     three_ports();
     EXPECT_EQ(lda_loop_cmd_disable(2), 0);
     EXPECT_EQ(
@@ -162,7 +162,7 @@ TEST_F(FeaturePush, DisablingStormDetectionAlone) {
     EXPECT_EQ(fake::take_calls(), in_session({port(3, "no storm-loop-detect enable\r\n")}));
 }
 
-TEST_F(FeaturePush, DisablingLogsItsBeginAndEnd) {
+TEST_F(FeaturePush, DisablingLogsItsStartAndEnd) {
     log_everything();
     EXPECT_EQ(lda_loop_cmd_disable(1), 0);
     EXPECT_EQ(
@@ -281,7 +281,7 @@ TEST_F(FeaturePush, ReloadKeepsPortsThatAreHeldWithoutALoop) {
     EXPECT_EQ(take_posted(), Lines{"type=5 mid=2 new_type=2"});
 }
 
-TEST_F(FeaturePush, OnePortIsConfiguredUnderAPolicyAndAllAreCleanedWithout) {
+TEST_F(FeaturePush, OnePortIsConfiguredUnderAPolicyAndAllAreCleanedUnderNone) {
     log_everything();
     lda_send_intfcfg(7);
     EXPECT_EQ(fake::take_calls(),
@@ -300,7 +300,7 @@ TEST_F(FeaturePush, OnePortIsConfiguredUnderAPolicyAndAllAreCleanedWithout) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
-TEST_F(FeaturePush, DefaultConfigurationOfAPortIsPostedAlways) {
+TEST_F(FeaturePush, DefaultConfigurationOfAPortIsAlwaysPosted) {
     log_everything();
     lda_intf_default_config_delivery(1, 7);
     EXPECT_EQ(fake::take_calls(),

@@ -140,7 +140,7 @@ TEST_F(Bridge, OtherEventsNeedNoPayload) {
     EXPECT_EQ(fake::calls(), (Lines{info("lda_bridge_handle", "event=0\n")}));
 }
 
-TEST_F(Bridge, ModeOfAQuietPortIsStoredWithoutAnyAction) {
+TEST_F(Bridge, ModeOfAQuietPortIsOnlyStored) {
     lda_intf_t* record = add_record(5, 1);
     g_lda_loop_set->policy = 4;
     mode_event(5, 7);
@@ -180,7 +180,7 @@ TEST_F(Bridge, LoopLockIsHeldDuringTheWalkAndReleasedAfterIt) {
     EXPECT_FALSE(is_held(&g_lda_loop_set->lock));
 }
 
-TEST_F(Bridge, ChangeOfAPortsOwnModeStopsAtThatPort) {
+TEST_F(Bridge, ModeChangeOfOnePortStopsAtThatPort) {
     add_record(5, 1);
     lda_intf_t* member = add_record(6, 1);
     member->mode_arg = 5;
@@ -189,7 +189,7 @@ TEST_F(Bridge, ChangeOfAPortsOwnModeStopsAtThatPort) {
     EXPECT_EQ(member->mode, 1u);
 }
 
-TEST_F(Bridge, ChangeOfAnAggregatePortReachesEveryMember) {
+TEST_F(Bridge, ModeChangeOfAnAggregateReachesEveryMemberRecord) {
     for (uint32_t ifx : {5u, 6u, 7u})
         add_record(ifx, 1);
     lda_loop_result_get(5)->mode_arg = 40;
@@ -222,7 +222,7 @@ TEST_F(Bridge, ChangeOfIndexZeroReachesThePortsInNoAggregate) {
     EXPECT_EQ(lda_loop_result_get(7)->mode, 7u);
 }
 
-TEST_F(Bridge, VisitorTellsWhetherTheWalkEnds) {
+TEST_F(Bridge, VisitorResultEndsTheWalk) {
     lda_intf_t* record = add_record(5, 1);
     record->mode_arg = 40;
     const uint32_t own[] = {5, 7};
@@ -235,7 +235,7 @@ TEST_F(Bridge, VisitorTellsWhetherTheWalkEnds) {
     EXPECT_EQ(fake::calls(), Lines{});
 }
 
-TEST_F(Bridge, ShutDownFlagIsDecidedAfresh) {
+TEST_F(Bridge, ShutDownFlagIsRecomputed) {
     struct Case {
         uint32_t policy;
         uint32_t mode;
@@ -255,7 +255,7 @@ TEST_F(Bridge, ShutDownFlagIsDecidedAfresh) {
     }
 }
 
-TEST_F(Bridge, PortHeldWithoutALoopIsBroughtBackByAModeChange) {
+TEST_F(Bridge, ModeChangeRecoversAPortHeldWithoutALoop) {
     for (uint32_t mode : {1u, 7u, 2u}) {
         SCOPED_TRACE(mode);
         lda_intf_t* record = add_record(10 + mode, 1);
@@ -267,7 +267,7 @@ TEST_F(Bridge, PortHeldWithoutALoopIsBroughtBackByAModeChange) {
     }
 }
 
-TEST_F(Bridge, QuietPortIsNeverShutDownByAModeChange) {
+TEST_F(Bridge, ModeChangeNeverShutsDownAQuietPort) {
     lda_intf_t* record = add_record(5, 2);
     for (uint32_t policy : {2u, 3u, 4u}) {
         for (uint32_t mode : {1u, 7u}) {
@@ -279,7 +279,7 @@ TEST_F(Bridge, QuietPortIsNeverShutDownByAModeChange) {
     EXPECT_EQ(queued(), Lines{});
 }
 
-TEST_F(Bridge, ModeChangeWithoutTheLockTakesNone) {
+TEST_F(Bridge, ModeChangeWithoutTheLockDoesNotTakeIt) {
     lda_intf_t* record = add_looped(5, 1);
     g_lda_loop_set->policy = 3;
     bool held = true;
@@ -312,7 +312,7 @@ TEST_F(Bridge, LoopingPortThatBecomesHybridIsShutDownUnderHybrid) {
     expect_golden("lda_bridge/looping_port_becomes_hybrid", fake::calls());
 }
 
-TEST_F(Bridge, ShutDownAccessPortThatBecomesATrunkIsBroughtBackAndNotified) {
+TEST_F(Bridge, ShutDownAccessPortThatBecomesATrunkIsRecoveredAndNotified) {
     lda_intf_t* record = add_looped(5, 1);
     record->is_shutdown = 1;
     record->recover_ticks = 12;
@@ -357,7 +357,7 @@ TEST_F(Bridge, MoveBetweenAccessAndHybridUnderBothChangesOnlyTheMode) {
     EXPECT_EQ(log_lines().back(), info("lda_intf_ret_proc", "ifx=5 act_shut=0/1,act_notify=0,\n"));
 }
 
-TEST_F(Bridge, PortShutEarlierIsBroughtBackWhileDetectionIsDisabled) {
+TEST_F(Bridge, PortAlreadyShutIsRecoveredWhileDetectionIsDisabled) {
     lda_intf_t* record = add_looped(5, 1);
     record->is_shutdown = 1;
     mode_event(5, 7);
@@ -434,7 +434,7 @@ TEST_F(Apply, ProposedShutDownIsClearedWhileDetectionIsDisabled) {
               }));
 }
 
-TEST_F(Apply, ProposedShutDownOfAShutPortBringsItBackWhileDetectionIsDisabled) {
+TEST_F(Apply, ProposedShutDownOfAShutPortRecoversItWhileDetectionIsDisabled) {
     lda_intf_t* record = add_looped(5, 1);
     record->is_shutdown = 1;
     lda_intf_t proposed = *record;
@@ -461,7 +461,7 @@ TEST_F(Apply, ShutDownRequestDropsTheOtherTimerWithoutCancellingIt) {
     EXPECT_EQ(fake::timers().size(), pending);
 }
 
-TEST_F(Apply, TicksStartAfreshOnlyAfterTheRequest) {
+TEST_F(Apply, TicksRestartOnlyAfterTheRequest) {
     lda_intf_t* record = add_looped(5, 1);
     g_lda_loop_set->policy = 2;
     record->recover_ticks = 3;
@@ -474,7 +474,7 @@ TEST_F(Apply, TicksStartAfreshOnlyAfterTheRequest) {
     EXPECT_EQ(record->recover_ticks, 0u);
 }
 
-TEST_F(Apply, WithoutAShutDownRequestTicksAndTimerStay) {
+TEST_F(Apply, WithoutAShutDownRequestTicksAndTimerAreKept) {
     lda_intf_t* record = add_looped(5, 1);
     g_lda_loop_set->policy = 2;
     record->shutdown_timer =
@@ -500,7 +500,7 @@ TEST_F(Apply, EndOfALoopIsNotifiedAsCleared) {
               }));
 }
 
-TEST_F(Apply, FreshShutDownOfAPortNotYetInTheTableIsNotifiedAsCleared) {
+TEST_F(Apply, NewShutDownOfAPortNotYetInTheTableIsNotifiedAsCleared) {
     lda_intf_t* record = add_record(5, 1);
     g_lda_loop_set->policy = 2;
     lda_intf_t proposed = *record;
@@ -517,7 +517,7 @@ TEST_F(Apply, FreshShutDownOfAPortNotYetInTheTableIsNotifiedAsCleared) {
               }));
 }
 
-TEST_F(Apply, OnlyLoopStateFlagAndModeAreTaken) {
+TEST_F(Apply, OnlyLoopStateFlagAndModeAreApplied) {
     lda_intf_t* record = add_record(5, 1);
     g_lda_loop_set->policy = 1;
     lda_intf_t proposed = *record;
@@ -534,7 +534,7 @@ TEST_F(Apply, OnlyLoopStateFlagAndModeAreTaken) {
 
 // ---- Utilities ----
 
-TEST_F(Bridge, LoopRemovalNotifiesAndTellsTheSystemLog) {
+TEST_F(Bridge, LoopRemovalIsNotifiedAndLoggedToTheSystemLog) {
     lda_intf_t* record = add_looped(5, 1);
     g_lda_loop_set->policy = 2;
     lda_intf_loop_del(record);
@@ -542,7 +542,7 @@ TEST_F(Bridge, LoopRemovalNotifiesAndTellsTheSystemLog) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
 }
 
-TEST_F(Bridge, ShutDownIsPossibleWhileEnabledOrWithoutTheFlag) {
+TEST_F(Bridge, ShutDownIsAllowedWhileEnabledOrWithoutTheFlag) {
     EXPECT_NE(lda_intf_shutdownable(0), 0);
     EXPECT_EQ(lda_intf_shutdownable(1), 0);
     EXPECT_EQ(lda_intf_shutdownable(16), 0);

@@ -90,7 +90,7 @@ TEST_F(Index, NewRecordIsZeroAndAtTheFront) {
     EXPECT_EQ(first->value, 0u);
 }
 
-TEST_F(Index, RecordThatIsOnlyMadeIsNotFound) {
+TEST_F(Index, RecordThatIsNotAddedIsNotFound) {
     Record* record = lda_index<Record>::make(7);
     EXPECT_EQ(record->number, 0u);
     EXPECT_EQ(index.find(7), nullptr);
@@ -100,7 +100,7 @@ TEST_F(Index, RecordThatIsOnlyMadeIsNotFound) {
     EXPECT_EQ(head.prev, &record->link);
 }
 
-TEST_F(Index, NumbersOfOneBucketAreDistinguished) {
+TEST_F(Index, NumbersInOneBucketAreDistinguished) {
     const Record* low = add(1);
     Record* middle = add(1 + 4096);
     const Record* high = add(1 + 2 * 4096);
@@ -114,7 +114,7 @@ TEST_F(Index, NumbersOfOneBucketAreDistinguished) {
     EXPECT_EQ(index.find(8193), high);
 }
 
-TEST_F(Index, OfTwoWithTheSameNumberTheFirstOfTheListIsFound) {
+TEST_F(Index, FirstOfTwoRecordsWithTheSameNumberIsFound) {
     Record* behind = add(5);
     Record* front = add(5);
     EXPECT_EQ(index.find(5), front);
@@ -126,7 +126,7 @@ TEST_F(Index, OfTwoWithTheSameNumberTheFirstOfTheListIsFound) {
     EXPECT_EQ(index.find(5), behind);
 }
 
-TEST_F(Index, OfTwoAddedAtTheEndTheOlderIsFound) {
+TEST_F(Index, OlderOfTwoRecordsAddedAtTheEndIsFound) {
     Record* older = add_tail(5);
     Record* newer = add_tail(5);
     EXPECT_EQ(index.find(5), older);
@@ -168,7 +168,7 @@ TEST_F(Index, LinkedRecordNeedsNoFurtherMemory) {
     free(record);
 }
 
-TEST_F(Index, EmptyAgainAfterInit) {
+TEST_F(Index, InitEmptiesTheIndex) {
     Record* record = add(5);
     index.init();
     EXPECT_EQ(index.find(5), nullptr);
@@ -176,10 +176,10 @@ TEST_F(Index, EmptyAgainAfterInit) {
     free(record);
 }
 
-TEST_F(Index, FindsWhatAWalkFindsThroughThousandsOfChanges) {
+TEST_F(Index, AgreesWithAWalkThroughThousandsOfChanges) {
     change_and_compare(false);
 }
 
-TEST_F(Index, FindsWhatAWalkFindsWhenRecordsAreAddedAtTheEnd) {
+TEST_F(Index, AgreesWithAWalkWhenRecordsAreAddedAtTheEnd) {
     change_and_compare(true);
 }

@@ -68,7 +68,7 @@ TEST_F(LsmGroup, LoopedMemberThatLeavesTheShuttableModesIsAnnounced) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
-TEST_F(LsmGroup, MemberKnowsItsAggregateBeforeItIsRejudged) {
+TEST_F(LsmGroup, MemberStoresItsAggregateBeforeItIsRejudged) {
     fake::add_port(100, 2);
     lda_intf_t* record = looped(7, 1, 2);
     int32_t aggregate = 0;
@@ -210,7 +210,7 @@ TEST_F(LsmGroup, LayerEventsWaitForTheCommandLine) {
     EXPECT_EQ(records().size(), 1u);
 }
 
-TEST_F(LsmGroup, OtherLayerEventsOnlySayRemove) {
+TEST_F(LsmGroup, OtherLayerEventsOnlyLogRemove) {
     add(7);
     cli_ready = 1;
     layer(0, 7, 0x200);
@@ -239,7 +239,7 @@ TEST_F(LsmGroup, VslPortKeepsItsRecordWhileDetectionIsDisabled) {
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
-TEST_F(LsmGroup, VslPortLosesRecordRuleAndSettingsWhileDetectionIsActive) {
+TEST_F(LsmGroup, VslConversionRemovesRecordRuleAndSettingsWhileDetectionIsActive) {
     add(7);
     fake::mom_connect(8);
     cli_ready = 1;
@@ -259,7 +259,7 @@ TEST_F(LsmGroup, VslPortLosesRecordRuleAndSettingsWhileDetectionIsActive) {
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
-TEST_F(LsmGroup, VslConversionRecoversAHeldPortBeforeItsRecordGoes) {
+TEST_F(LsmGroup, VslConversionRecoversAHeldPortBeforeItsRecordIsRemoved) {
     lda_intf_t* record = looped(7, 1, 2);
     record->is_shutdown = 1;
     fake::mom_connect(8);
@@ -313,7 +313,7 @@ TEST_F(LsmGroup, VslPortWithoutAForwardingPlaneIdIsReported) {
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
-TEST_F(LsmGroup, VslPortWhoseRuleStaysKeepsItsStormSettings) {
+TEST_F(LsmGroup, VslPortWhoseRuleCannotBeRemovedKeepsItsStormSettings) {
     add(7);
     cli_ready = 1;
     lda_loop_detect_ptype_set(1);
@@ -332,7 +332,7 @@ TEST_F(LsmGroup, VslPortWhoseRuleStaysKeepsItsStormSettings) {
     EXPECT_TRUE(free_for_others(&g_lda_loop_set->lock));
 }
 
-TEST_F(LsmGroup, RemovedVslBringsThePortBack) {
+TEST_F(LsmGroup, RemovedVslAddsThePortAgain) {
     fake::add_port(7);
     cli_ready = 1;
     layer(1, 7, 0);
@@ -345,7 +345,7 @@ TEST_F(LsmGroup, RemovedVslBringsThePortBack) {
                      "vl_clnt_get_portmode_by_index 7", "lsm_if_get_sname 7 64"}));
 }
 
-TEST_F(LsmGroup, RemovedVslUnmarksARecordThatStayed) {
+TEST_F(LsmGroup, RemovedVslUnmarksARecordThatWasKept) {
     lda_intf_t* record = add(7);
     record->vsl_member = 1;
     cli_ready = 1;

@@ -30,7 +30,7 @@ TEST_F(LdaLsm, InitSetsTheConnectCallbackAndStartsTheAgent) {
               (Lines{"lsm_agent_set_connect_callback", "lsm_agent_init \"LDA\""}));
 }
 
-TEST_F(LdaLsm, InitFailsWithTheAgent) {
+TEST_F(LdaLsm, InitFailsWhenTheAgentFails) {
     fake::fail("lsm_agent_init", -1);
     EXPECT_EQ(lda_lsm_init(), -1);
     fake::fail("lsm_agent_init", 5);
@@ -78,13 +78,13 @@ TEST_F(LdaLsm, PortReadyNeedsNoMessage) {
     EXPECT_EQ(fake::take_calls(), Lines{info("lda_lsm_event_handle", "lsm port ready")});
 }
 
-TEST_F(LdaLsm, PortReadyDoesNotLookAtItsMessage) {
+TEST_F(LdaLsm, PortReadyIgnoresItsMessage) {
     event(48, 7);
     EXPECT_EQ(lsm_port_ready, 1);
     EXPECT_TRUE(records().empty());
 }
 
-TEST_F(LdaLsm, PortReadyAnnouncesReadinessWhenItComesLastAndAgainLater) {
+TEST_F(LdaLsm, PortReadyAnnouncesReadinessAsTheLastFlagAndOnEveryLaterCall) {
     mom_cfg_ready = mom_local_ready = mom_app_ready = mom_storm_ready = 1;
     lda_lsm_event_handle(48, nullptr);
     lda_lsm_event_handle(48, nullptr);
@@ -133,7 +133,7 @@ TEST_F(LdaLsm, AddedPortGetsARecordAtTheTail) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
-TEST_F(LdaLsm, NewRecordIsZeroButForIndexModeAndName) {
+TEST_F(LdaLsm, NewRecordIsZeroExceptForIndexModeAndName) {
     lda_intf_t* record = add(7);
     EXPECT_EQ(record->clear_timer, nullptr);
     EXPECT_EQ(record->recover_ticks, 0u);
@@ -147,7 +147,7 @@ TEST_F(LdaLsm, NewRecordIsZeroButForIndexModeAndName) {
     EXPECT_EQ(record->vsl_member, 0u);
 }
 
-TEST_F(LdaLsm, AddingAPortTwiceYieldsTheSameRecord) {
+TEST_F(LdaLsm, AddingAPortTwiceReturnsTheSameRecord) {
     lda_intf_t* record = add(7);
     log_everything();
     lda_loop_detect_ptype_set(2);
@@ -322,7 +322,7 @@ TEST_F(LdaLsm, DeletingALoopedPortKeepsTheCountAndTheEntry) {
     EXPECT_EQ(fake::take_calls(), Lines{});
 }
 
-TEST_F(LdaLsm, DeletingAPortKeepsItsClearTimerAndTheMemoryBehindIt) {
+TEST_F(LdaLsm, DeletingAPortKeepsItsClearTimerAndItsMemory) {
     [[maybe_unused]] const lda_intf_t* record = looped(7, 1, 1);
     lda_loop_result_set(0, 0, 7);
     fake::take_calls();
@@ -350,7 +350,7 @@ TEST_F(LdaLsm, DeletingAPortWithoutATimerReclaimsItAtOnce) {
 #endif
 }
 
-TEST_F(LdaLsm, TimerOfADeletedPortLeavesItsSuccessorAlone) {
+TEST_F(LdaLsm, TimerOfADeletedPortDoesNotAffectItsSuccessor) {
     looped(7, 1, 1);
     lda_loop_result_set(0, 0, 7);
     event(1, 7);
@@ -373,7 +373,7 @@ TEST_F(LdaLsm, TimerOfADeletedPortLeavesItsSuccessorAlone) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 0);
 }
 
-TEST_F(LdaLsm, TimerOfADeletedPortLeavesALoopingPortOfItsNameAlone) {
+TEST_F(LdaLsm, TimerOfADeletedPortDoesNotAffectALoopingPortOfItsName) {
     looped(7, 1, 1);
     lda_loop_result_set(0, 0, 7);
     event(1, 7);
@@ -434,7 +434,7 @@ TEST_F(LdaLsm, DefaultEventReleasesAHeldPortAndCleansItsStormLines) {
     EXPECT_EQ(take_posted(), (Lines{"type=2 mid=2 ifx=7", "type=6 mid=1 ifx=7"}));
 }
 
-TEST_F(LdaLsm, DefaultEventOfAnUnknownPortTakesItOffThePendingList) {
+TEST_F(LdaLsm, DefaultEventRemovesAnUnknownPortFromThePendingList) {
     pend(7);
     event(2, 7);
     EXPECT_EQ(lda_back_node_lookup(7), 0);
@@ -451,7 +451,7 @@ TEST_F(LdaLsm, ShutDownFlagOfAPort) {
     EXPECT_EQ(lda_get_intf_policy_with_intf(9), 0xFFFFFFFFu);
 }
 
-TEST_F(LdaLsm, WhetherAPortCanBeShutDownForALoop) {
+TEST_F(LdaLsm, ShuttableModesAreAccessAndHybrid) {
     add(1, 1);
     add(2, 2);
     add(3, 0);

@@ -87,7 +87,7 @@ TEST_F(Main, IgnoresBrokenPipesBeforeTheLoopExists) {
     EXPECT_TRUE(ignored);
 }
 
-TEST_F(Main, RunsAllWorkOneAtATimeUntilTheLoopRunsDry) {
+TEST_F(Main, RunsOneThreadAtATimeUntilNoneIsLeft) {
     std::string order;
     fake::queue_work([&] { order += "a"; });
     fake::queue_work([&] {
@@ -166,13 +166,13 @@ TEST_F(Main, SkipsTheRedundancyRegistrationWithFlagBitFour) {
     EXPECT_EQ(g_lda_loop_set, nullptr);
 }
 
-TEST_F(Main, OtherFlagBitsAreHandedToTheRegistration) {
+TEST_F(Main, OtherFlagBitsArePassedToTheRegistration) {
     g_flag = 0xffffffef;
     lda_main();
     EXPECT_EQ(fake::rdnd_registration().reg.flags, 0xffffffefu);
 }
 
-TEST_F(Main, RegistrationResultIsNotExamined) {
+TEST_F(Main, RegistrationResultIsIgnored) {
     fake::fail("rdnd_lib_mom_reg", 5);
     EXPECT_EQ(lda_main(), -1);
     EXPECT_EQ(fake::calls(),

@@ -53,12 +53,12 @@ class LockFree : public StartedAgent {
 };
 
 // The count itself works.
-TEST_F(LockFree, LocksAreSeen) {
+TEST_F(LockFree, LocksAreCounted) {
     EXPECT_EQ(loop_locks([] { lda_del_intf(7); }), 1);
     EXPECT_EQ(storm_locks([] { storm_set(7, false); }), 1);
 }
 
-TEST_F(LockFree, SettingsAndLookUps) {
+TEST_F(LockFree, SettingsAndLookupsTakeNoLock) {
     looped(7, 1, 2);
     EXPECT_EQ(loop_locks([] {
                   lda_loop_detect_ptype_set(4);
@@ -72,7 +72,7 @@ TEST_F(LockFree, SettingsAndLookUps) {
               0);
 }
 
-TEST_F(LockFree, QuestionsAboutAPortAndMembership) {
+TEST_F(LockFree, PortQueriesAndMembershipTakeNoLock) {
     add(7, 1);
     add(8, 7);
     fake::add_port(40, 7);
@@ -141,7 +141,7 @@ TEST_F(LockFree, PeerReports) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 2);
 }
 
-TEST_F(LockFree, HandlersWithoutLoopState) {
+TEST_F(LockFree, HandlersThatReadNoLoopStateTakeNoLock) {
     cli_ready = 1;
     EXPECT_EQ(loop_locks([] {
                   cli_pcdb pcdb = context();

@@ -60,7 +60,7 @@ TEST_F(LoopEntry, HybridPortIsOnlyWarnedOtherwise) {
         EXPECT_EQ(published(policy, 7), set_lines(kSourceOnly, kSourceRecord)) << policy;
 }
 
-TEST_F(LoopEntry, OtherModesAreNoSourceWhateverThePolicy) {
+TEST_F(LoopEntry, OtherModesNeverShutDownWhateverThePolicy) {
     for (uint32_t mode : {0u, 2u, 3u, 6u, 8u})
         for (uint32_t policy : {0u, 1u, 2u, 3u, 4u})
             EXPECT_EQ(published(policy, mode), set_lines(kNeither, kNameRecord)) << mode;
@@ -90,7 +90,7 @@ TEST_F(LoopEntry, RefusedSetIsLoggedAndReturned) {
                              }));
 }
 
-TEST_F(LoopEntry, RefusedSetLeavesTheLoopStateAlone) {
+TEST_F(LoopEntry, RefusedSetKeepsTheLoopState) {
     lda_intf_t* record = add_looped(5);
     fake::fail("qv_mom_set", 107);
     lda_mom_set_loop_entry(record);
@@ -99,7 +99,7 @@ TEST_F(LoopEntry, RefusedSetLeavesTheLoopStateAlone) {
     EXPECT_EQ(fake::calls_of({"qv_mom_set"}).size(), 1u);
 }
 
-TEST_F(LoopEntry, DeleteCarriesTheKeyAlone) {
+TEST_F(LoopEntry, DeleteCarriesOnlyTheKey) {
     lda_intf_t* record = add_looped(5);
     g_lda_loop_set->policy = 2;
     EXPECT_EQ(lda_mom_del_loop_entry(record), 0);

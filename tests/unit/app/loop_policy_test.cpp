@@ -29,7 +29,7 @@ constexpr Combination combinations[] = {
     {4, 2, false}, {4, 7, true},  {5, 1, false}, {5, 7, false},
 };
 
-TEST_F(LoopPolicy, OnlyNamedModesAreShutDownForAFreshLoop) {
+TEST_F(LoopPolicy, OnlyTheModesOfThePolicyAreShutDownForANewLoop) {
     lda_intf_t* record = add(7);
     for (const Combination& c : combinations) {
         SCOPED_TRACE(testing::Message() << "policy " << c.policy << " mode " << c.mode);
@@ -42,7 +42,7 @@ TEST_F(LoopPolicy, OnlyNamedModesAreShutDownForAFreshLoop) {
     }
 }
 
-TEST_F(LoopPolicy, OnlyNamedModesAreShutDownForARepeatedLoop) {
+TEST_F(LoopPolicy, OnlyTheModesOfThePolicyAreShutDownForARepeatedLoop) {
     lda_intf_t* record = add(7);
     for (const Combination& c : combinations) {
         SCOPED_TRACE(testing::Message() << "policy " << c.policy << " mode " << c.mode);
@@ -81,7 +81,7 @@ TEST_F(LoopPolicy, HybridPortUnderShutdownAccessIsOnlyLoggedAndNotified) {
 
 // ---- The clear timer ----
 
-TEST_F(LoopPolicy, ClearTimerTakesTheIntervalInForce) {
+TEST_F(LoopPolicy, ClearTimerUsesTheCurrentInterval) {
     lda_intf_t* record = looped(7, 1, 1);
     g_lda_clear_interval = 180;
     lda_loop_result_set(0, 0, 7);
@@ -91,7 +91,7 @@ TEST_F(LoopPolicy, ClearTimerTakesTheIntervalInForce) {
     EXPECT_EQ(fake::timers().back().handle, record->clear_timer);
 }
 
-TEST_F(LoopPolicy, ClearTimerNeedsAQuietUnheldPort) {
+TEST_F(LoopPolicy, ClearTimerIsArmedOnlyForAQuietPortThatIsNotHeld) {
     lda_intf_t* record = add(7);
     record->tarn_result = 1;
     lda_clear_loop_timer(record);
@@ -107,7 +107,7 @@ TEST_F(LoopPolicy, ClearTimerNeedsAQuietUnheldPort) {
     EXPECT_EQ(fake::take_calls(), Lines{"qv_thread_add_timer 60"});
 }
 
-TEST_F(LoopPolicy, PortWithAPendingClearTimerGetsNoSecond) {
+TEST_F(LoopPolicy, PortGetsOnlyOneClearTimer) {
     lda_intf_t* record = add(7);
     lda_clear_loop_timer(record);
     qv_thread* first = record->clear_timer;
@@ -141,7 +141,7 @@ TEST_F(LoopPolicy, PolicyTimerArmsATickOfTenSeconds) {
     EXPECT_EQ(fake::timers().back().arg, nullptr);
 }
 
-TEST_F(LoopPolicy, TickThatCannotBeArmedIsReportedAndWasTheLast) {
+TEST_F(LoopPolicy, TickThatCannotBeArmedIsReportedAndEndsTheTicks) {
     fake::fail("qv_thread_add_timer");
     const Lines failed{"qv_thread_add_timer 10",
                        error("lda_loop_policy_timer", "LDA add qv_thread timer failed.")};
@@ -277,7 +277,7 @@ TEST_F(LoopPolicy, EachHeldPortCountsItsOwnTicks) {
 }
 
 // From the report to the end: shut down, loop gone, recovered, cleared.
-TEST_F(LoopPolicy, LifeOfALoopEndToEnd) {
+TEST_F(LoopPolicy, LoopIsShutDownRecoveredAndCleared) {
     lda_intf_t* record = add(7, 1);
     lda_loop_detect_ptype_set(2);
     lda_loop_result_set(0, 1, 7);

@@ -52,7 +52,7 @@ TEST_F(LoopResult, ReportOfAnUnknownSourceIsDroppedSilently) {
     EXPECT_EQ(record->storm_result, 0);
 }
 
-TEST_F(LoopResult, FreshLoopUnderWarningIsCountedNotifiedAndLogged) {
+TEST_F(LoopResult, NewLoopUnderWarningIsCountedNotifiedAndLogged) {
     lda_intf_t* record = add(7, 1);
     lda_loop_detect_ptype_set(1);
     log_everything();
@@ -69,7 +69,7 @@ TEST_F(LoopResult, FreshLoopUnderWarningIsCountedNotifiedAndLogged) {
 
 // At the moment of the mark the port is not in the loop table yet: its end is notified and its
 // entry withdrawn first, then its loop.
-TEST_F(LoopResult, FreshLoopUnderAShuttingPolicyMarksThePortAndThenEntersTheTable) {
+TEST_F(LoopResult, NewLoopUnderAShuttingPolicyMarksThePortAndThenEntersTheTable) {
     lda_intf_t* record = add(7, 1);
     lda_loop_detect_ptype_set(2);
     log_everything();
@@ -80,7 +80,7 @@ TEST_F(LoopResult, FreshLoopUnderAShuttingPolicyMarksThePortAndThenEntersTheTabl
     EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=7 shutdown=1"});
 }
 
-TEST_F(LoopResult, FreshLoopUnderAShuttingPolicyMakesTheseCallsAlone) {
+TEST_F(LoopResult, NewLoopUnderAShuttingPolicyMakesOnlyTheseCalls) {
     add(7, 7);
     lda_loop_detect_ptype_set(4);
     lda_loop_result_set(0, 1, 7);
@@ -181,7 +181,7 @@ TEST_F(LoopResult, NoLoopOfAPortOutsideTheTableOnlyStoresTheResult) {
     EXPECT_EQ(record->tarn_result, 0);
 }
 
-TEST_F(LoopResult, OneQuietSourceArmsNoClearTimerWhileTheOtherHoldsALoop) {
+TEST_F(LoopResult, QuietSourceArmsNoClearTimerWhileAnotherLoops) {
     lda_intf_t* record = looped(7, 1, 1);
     storm(1, 7);
     lda_loop_result_set(0, 0, 7);
@@ -197,7 +197,7 @@ TEST_F(LoopResult, HeldPortGetsNoClearTimer) {
     EXPECT_EQ(fake::take_calls(), Lines{});
 }
 
-TEST_F(LoopResult, FreshLoopRevokesAPendingClear) {
+TEST_F(LoopResult, NewLoopCancelsAPendingClear) {
     lda_intf_t* record = looped(7, 1, 1);
     lda_loop_result_set(0, 0, 7);
     fake::clear_calls();
@@ -210,7 +210,7 @@ TEST_F(LoopResult, FreshLoopRevokesAPendingClear) {
     EXPECT_EQ(g_lda_loop_set->loop_num, 1);
 }
 
-TEST_F(LoopResult, FreshLoopRevokesAPendingClearOfAPortOutsideTheTable) {
+TEST_F(LoopResult, NewLoopCancelsAPendingClearOfAPortOutsideTheTable) {
     lda_intf_t* record = add(7, 1);
     lda_clear_loop_timer(record);
     fake::clear_calls();
@@ -246,7 +246,7 @@ TEST_F(LoopResult, RefusedPortIsStillShutDown) {
     EXPECT_EQ(take_posted(), Lines{"type=2 mid=2 ifx=11 shutdown=1"});
 }
 
-TEST_F(LoopResult, EveryRefusedReportSaysSoOnce) {
+TEST_F(LoopResult, EveryRefusedReportIsLoggedOnce) {
     fill_the_table();
     add(11, 1);
     lda_loop_result_set(0, 1, 11);
@@ -255,7 +255,7 @@ TEST_F(LoopResult, EveryRefusedReportSaysSoOnce) {
     EXPECT_EQ(fake::take_calls(), (Lines{limit_line, limit_line}));
 }
 
-TEST_F(LoopResult, RefusedPortThatFallsQuietArmsNoTimer) {
+TEST_F(LoopResult, RefusedPortThatBecomesQuietArmsNoTimer) {
     fill_the_table();
     add(11, 1);
     lda_loop_result_set(0, 1, 11);
@@ -264,7 +264,7 @@ TEST_F(LoopResult, RefusedPortThatFallsQuietArmsNoTimer) {
     EXPECT_EQ(fake::take_calls(), Lines{});
 }
 
-TEST_F(LoopResult, PlaceOfAClearedPortIsTakenByTheNext) {
+TEST_F(LoopResult, NextPortTakesThePlaceOfAClearedOne) {
     fill_the_table();
     lda_intf_t* record = add(11, 1);
     lda_loop_result_set(0, 0, 4);
@@ -277,7 +277,7 @@ TEST_F(LoopResult, PlaceOfAClearedPortIsTakenByTheNext) {
 
 // ---- Leaving the table ----
 
-TEST_F(LoopResult, ClearTimerTakesThePortOutOfTheTable) {
+TEST_F(LoopResult, ClearTimerRemovesThePortFromTheTable) {
     lda_intf_t* record = looped(7, 1, 1);
     lda_loop_result_set(0, 0, 7);
     fake::clear_calls();
@@ -291,7 +291,7 @@ TEST_F(LoopResult, ClearTimerTakesThePortOutOfTheTable) {
 }
 
 // The expiry does not check again what happened to the port since the timer was armed.
-TEST_F(LoopResult, ClearTimerTestsNothingAgainWhenItFires) {
+TEST_F(LoopResult, ClearTimerChecksNothingWhenItFires) {
     for (uint32_t ifx : {1u, 2u, 3u}) {
         SCOPED_TRACE(ifx);
         lda_intf_t* record = looped(ifx, 1, 1);
@@ -309,7 +309,7 @@ TEST_F(LoopResult, ClearTimerTestsNothingAgainWhenItFires) {
     }
 }
 
-TEST_F(LoopResult, ClearTimerOfAPortOutsideTheTableStillTellsTheEnd) {
+TEST_F(LoopResult, ClearTimerOfAPortOutsideTheTableStillReportsTheEnd) {
     lda_intf_t* record = add(7, 1);
     looped(8, 1, 1);
     lda_clear_loop_timer(record);

@@ -110,7 +110,7 @@ TEST_F(LoopState, PolicyAndRecordsAreReadWhileAnotherThreadHoldsTheLock) {
     lda_loop_unlock();
 }
 
-TEST_F(LoopState, PolicyShutsTheModesItNames) {
+TEST_F(LoopState, EachPolicyShutsOnlyItsModes) {
     lda_intf_t record{};
     struct Row {
         uint32_t policy;
@@ -131,11 +131,11 @@ TEST_F(LoopState, PolicyShutsTheModesItNames) {
     }
 }
 
-TEST_F(LoopState, LookupInAnEmptyListYieldsNone) {
+TEST_F(LoopState, LookupInAnEmptyListFindsNothing) {
     EXPECT_EQ(lda_loop_result_get(7), nullptr);
 }
 
-TEST_F(LoopState, LookupYieldsTheFirstRecordWithTheIndex) {
+TEST_F(LoopState, LookupReturnsTheFirstRecordWithTheIndex) {
     // As lda_add_intf links a record, for an index that has one already.
     auto add_twin = [] {
         lda_intf_t* twin = lda_index<lda_intf_t>::make(7);
@@ -183,7 +183,7 @@ TEST_F(LoopState, SnapshotOfADisabledOrQuietSwitchIsEmpty) {
 }
 
 // A deleted port leaves the count of loops as it was: the list is walked and yields nothing.
-TEST_F(LoopState, SnapshotOfAnEmptyListWithACountedLoopIsEmptyWithoutALine) {
+TEST_F(LoopState, SnapshotOfAnEmptyListWithACountedLoopLogsNothing) {
     log_everything();
     lda_loop_detect_ptype_set(1);
     g_lda_loop_set->loop_num = 1;
@@ -247,7 +247,7 @@ TEST_F(LoopState, StatusIsNormalUnderPolicyZeroEvenWhenShutDown) {
     EXPECT_STREQ(detect_intf_status(0), "warning");
 }
 
-TEST_F(LoopState, WordsOfTheDisplays) {
+TEST_F(LoopState, DisplayWords) {
     EXPECT_STREQ(client_to_str(0), "tarn");
     EXPECT_STREQ(client_to_str(1), "storm");
     EXPECT_STREQ(client_to_str(2), "Error");

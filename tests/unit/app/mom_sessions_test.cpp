@@ -69,7 +69,7 @@ TEST_F(Sessions, ApplicationDatabaseIsRegistered) {
     EXPECT_EQ(fake::mom_session(4).disconnect, lda_mom_app_db_disconnect);
 }
 
-TEST_F(Sessions, ConfigurationDatabaseThatCannotConnect) {
+TEST_F(Sessions, ConfigurationDatabaseConnectFailureIsReported) {
     fake::fail("qv_mom_client_connect", 111);
     EXPECT_EQ(lda_mom_cfg_db_reg_callback(), -1);
     EXPECT_EQ(fake::calls(), (Lines{
@@ -102,7 +102,7 @@ TEST_F(Sessions, ConfigurationDatabaseReportsItsDisconnectSetterAsConnect) {
                              }));
 }
 
-TEST_F(Sessions, LocalDatabaseThatCannotConnect) {
+TEST_F(Sessions, LocalDatabaseConnectFailureIsReported) {
     fake::fail("qv_mom_client_connect", 111);
     EXPECT_EQ(lda_mom_local_db_reg_callback(), -1);
     EXPECT_EQ(fake::calls(), (Lines{
@@ -125,7 +125,7 @@ TEST_F(Sessions, LocalDatabaseReportsItsDisconnectSetterAsReconnect) {
     EXPECT_EQ(fake::calls().back(), error(kLocal, kReconnectError));
 }
 
-TEST_F(Sessions, ApplicationDatabaseThatCannotConnect) {
+TEST_F(Sessions, ApplicationDatabaseConnectFailureIsReported) {
     fake::fail("qv_mom_client_connect", 111);
     EXPECT_EQ(lda_mom_app_db_reg_callback(), -1);
     EXPECT_EQ(fake::calls().back(), error(kApp, kConnectError));
@@ -214,13 +214,13 @@ TEST_F(Sessions, LocalDatabaseIsSubscribedOnEveryConnectAndReconnect) {
                                                            "p_app.lda_nc_policy")));
 }
 
-TEST_F(Sessions, LocalReconnectDoesNotExamineTheSubscription) {
+TEST_F(Sessions, LocalReconnectIgnoresTheResultOfTheSubscription) {
     fake::fail("qv_mom_subscribe", 107);
     EXPECT_EQ(fake::mom_reconnect(3), 0);
     EXPECT_EQ(mom_local_ready, 1);
 }
 
-TEST_F(Sessions, LocalConnectDoesNotExamineTheSubscription) {
+TEST_F(Sessions, LocalConnectIgnoresTheResultOfTheSubscription) {
     fake::fail("qv_mom_subscribe", 107);
     EXPECT_EQ(fake::mom_connect(3), 0);
     EXPECT_EQ(mom_local_ready, 1);
@@ -253,7 +253,7 @@ TEST_F(Sessions, ApplicationConnectPurgesTheLoopEntriesBeforeItRaisesItsFlag) {
               after(info("lda_mom_app_db_connect", "lda_mom_app_db_connect\n"), kPurge));
 }
 
-TEST_F(Sessions, ApplicationConnectDoesNotExamineThePurge) {
+TEST_F(Sessions, ApplicationConnectIgnoresTheResultOfThePurge) {
     fake::fail("qv_mom_pdel", 107);
     EXPECT_EQ(fake::mom_connect(4), 0);
     EXPECT_EQ(mom_app_ready, 1);
@@ -291,7 +291,7 @@ TEST_F(Sessions, ApplicationReconnectAfterTheReplaySubscribesAgainAndKeepsTheEnt
                              }));
 }
 
-TEST_F(Sessions, ApplicationReconnectAfterTheReplayOnlySubscribesBeforeTheDatabaseWasReadyToo) {
+TEST_F(Sessions, ApplicationReconnectAfterTheReplaySubscribesEvenBeforeTheFirstConnect) {
     mom_cfg_ready = mom_local_ready = lsm_port_ready = mom_storm_ready = 1;
     cli_ready = 1;
     EXPECT_EQ(fake::mom_reconnect(4), 0);
@@ -304,7 +304,7 @@ TEST_F(Sessions, ApplicationReconnectAfterTheReplayOnlySubscribesBeforeTheDataba
 
 // ---- Loss ----
 
-TEST_F(Sessions, LossOfASessionIsOnlyLogged) {
+TEST_F(Sessions, LostSessionIsOnlyLogged) {
     mom_cfg_ready = mom_local_ready = mom_app_ready = lsm_port_ready = mom_storm_ready = 1;
     cli_ready = 1;
     EXPECT_EQ(fake::mom_disconnect(22), 0);
@@ -322,7 +322,7 @@ TEST_F(Sessions, LossOfASessionIsOnlyLogged) {
     EXPECT_EQ(cli_ready, 1);
 }
 
-TEST_F(Sessions, LoopStateSurvivesALoss) {
+TEST_F(Sessions, LoopStateSurvivesALostSession) {
     lda_intf_t* record = add_looped(5);
     fake::mom_disconnect(4);
     EXPECT_EQ(record->total_result, 1);

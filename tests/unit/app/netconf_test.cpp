@@ -173,13 +173,13 @@ TEST_F(Netconf, EveryTypeGetsItsAnswer) {
     }
 }
 
-TEST_F(Netconf, DeleteSetsTheCarriedPolicyAndNotZero) {
+TEST_F(Netconf, DeleteSetsThePolicyOfTheRequestAndNotZero) {
     lda_loop_detect_ptype_set(1);
     EXPECT_EQ(request(3, 4), 0);
     EXPECT_EQ(lda_loop_detect_ptype_get(), 3u);
 }
 
-TEST_F(Netconf, TypeOneLeavesThePolicyAlone) {
+TEST_F(Netconf, TypeOneKeepsThePolicy) {
     lda_loop_detect_ptype_set(3);
     EXPECT_EQ(request(0, 1), 0);
     EXPECT_EQ(lda_loop_detect_ptype_get(), 3u);
@@ -211,7 +211,7 @@ TEST_F(Netconf, SetRequestsApplyThePolicyAndAreAnswered) {
     }
 }
 
-TEST_F(Netconf, DeleteRequestsApplyTheCarriedPolicyToo) {
+TEST_F(Netconf, DeleteRequestsApplyTheirPolicyToo) {
     uint32_t policy = 3;
     for (int operation : {3, 4}) {
         SCOPED_TRACE(operation);
@@ -225,13 +225,13 @@ TEST_F(Netconf, DeleteRequestsApplyTheCarriedPolicyToo) {
     }
 }
 
-TEST_F(Netconf, SetRequestLogsItsWay) {
+TEST_F(Netconf, SetRequestLogsItsSteps) {
     log_everything();
     request(2, 2);
     expect_golden("netconf/set_request", fake::take_calls());
 }
 
-TEST_F(Netconf, DeleteRequestLogsItsWay) {
+TEST_F(Netconf, DeleteRequestLogsItsSteps) {
     log_everything();
     request(0, 4);
     expect_golden("netconf/delete_request", fake::take_calls());
@@ -297,7 +297,7 @@ TEST_F(Netconf, OtherOperationsAreRefused) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
-TEST_F(Netconf, PolicyThatIsRejectedIsAnsweredAsDone) {
+TEST_F(Netconf, RejectedPolicyIsAnsweredAsDone) {
     lda_loop_detect_ptype_set(2);
     EXPECT_EQ(request(6, 2), 0);
     EXPECT_EQ(fake::take_calls(),
@@ -422,7 +422,7 @@ TEST_F(Notification, LoopOnATrunkPortSendsNoPolicyAndNoSource) {
               (Lines{notification("swp7", 1, 0, 0), entry_set("swp7", 0, 0), detected("swp7")}));
 }
 
-TEST_F(Notification, EndOfALoopCarriesThePolicyOfThatMoment) {
+TEST_F(Notification, EndOfALoopCarriesThePolicyOfTheTime) {
     looped(7, 1, 1);
     lda_loop_result_set(0, 0, 7);
     lda_loop_detect_ptype_set(2);
@@ -432,7 +432,7 @@ TEST_F(Notification, EndOfALoopCarriesThePolicyOfThatMoment) {
               (Lines{notification("swp7", 2, 1, 1), entry_del("swp7"), recovered("swp7")}));
 }
 
-TEST_F(Notification, LongestNameFitsIntoThePath) {
+TEST_F(Notification, LongestNameFitsThePath) {
     lda_notify_t notify = record();
     const std::string longest(63, 'n');
     longest.copy(notify.name, longest.size());
@@ -440,7 +440,7 @@ TEST_F(Notification, LongestNameFitsIntoThePath) {
     EXPECT_EQ(fake::take_calls(), Lines{notification(longest, 1, 0, 0)});
 }
 
-TEST_F(Notification, FailureDoesNotKeepTheLoopEntryBack) {
+TEST_F(Notification, LoopEntryIsPublishedDespiteAFailure) {
     fake::fail("nc_lib_notification_send", 107);
     add(7, 1);
     lda_loop_detect_ptype_set(1);

@@ -72,7 +72,7 @@ TEST_F(PolicyChange, DisabledAgainIsOnlyPublished) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
-TEST_F(PolicyChange, AnswerOfTheDatabaseIsIgnored) {
+TEST_F(PolicyChange, DatabaseResultIsIgnored) {
     fake::fail("qv_mom_set", 107);
     EXPECT_EQ(lda_cli_policy_set(1), 0);
     EXPECT_EQ(lda_loop_detect_ptype_get(), 1u);
@@ -95,7 +95,7 @@ TEST_F(PolicyChange, PolicyIsPublishedWithItsDescriptor) {
     EXPECT_EQ(fake::mom_set_descriptor(), &p_app__lda_nc_policy__descriptor);
 }
 
-TEST_F(PolicyChange, PolicyIsPublishedBeforeItIsInForce) {
+TEST_F(PolicyChange, PolicyIsPublishedBeforeItTakesEffect) {
     uint32_t in_force = 99;
     fake::on_call("qv_mom_set", [&] { in_force = lda_loop_detect_ptype_get(); });
     lda_cli_policy_set(3);
@@ -120,7 +120,7 @@ TEST_F(PolicyChange, LoopedPortsAreRejudged) {
     EXPECT_EQ(access->total_result, 1);
 }
 
-TEST_F(PolicyChange, WarningBringsEveryShutDownAccessPortBack) {
+TEST_F(PolicyChange, WarningRecoversEveryShutDownAccessPort) {
     looped(1, 1, 2)->is_shutdown = 1;
     looped(2, 1, 2)->is_shutdown = 1;
     EXPECT_EQ(lda_cli_policy_set(1), 0);
@@ -129,7 +129,7 @@ TEST_F(PolicyChange, WarningBringsEveryShutDownAccessPortBack) {
 }
 
 // The ports are brought up first; only then are the results cleared.
-TEST_F(PolicyChange, DisablingBringsPortsBackAndThenClears) {
+TEST_F(PolicyChange, DisablingRecoversPortsAndThenClearsLoops) {
     lda_intf_t* record = looped(7, 1, 2);
     record->is_shutdown = 1;
     log_everything();
@@ -151,7 +151,7 @@ TEST_F(PolicyChange, ChangeBetweenPoliciesKeepsTheResults) {
     EXPECT_EQ(take_posted(), Lines{"type=5 mid=2 new_type=3 old_type=1"});
 }
 
-TEST_F(PolicyChange, HeldPortWithoutALoopIsBroughtBackByAChange) {
+TEST_F(PolicyChange, PolicyChangeRecoversAHeldPortWithoutALoop) {
     lda_intf_t* record = add(7, 1);
     record->is_shutdown = 1;
     lda_loop_detect_ptype_set(2);
@@ -190,7 +190,7 @@ TEST_F(PolicyChange, PortWithoutALoopIsReleasedUnlessAReloadKeepsIt) {
     }
 }
 
-TEST_F(PolicyChange, UnchangedPolicyJudgesNothing) {
+TEST_F(PolicyChange, UnchangedPolicyRejudgesNoPort) {
     lda_intf_t* record = looped(7, 1, 2);
     log_everything();
     lda_cli_msg_t message = change(2, 2);
@@ -199,7 +199,7 @@ TEST_F(PolicyChange, UnchangedPolicyJudgesNothing) {
     EXPECT_EQ(record->is_shutdown, 0);
 }
 
-TEST_F(PolicyChange, ReloadJudgesALoopedPort) {
+TEST_F(PolicyChange, ReloadRejudgesALoopedPort) {
     lda_intf_t* record = looped(7, 1, 2);
     log_everything();
     lda_cli_msg_t message = change(0, 2, 1);
@@ -255,7 +255,7 @@ TEST_F(PolicyChange, OnePortVariantStopsAtItsPort) {
     EXPECT_EQ(fake::take_calls(), Lines{});
 }
 
-TEST_F(PolicyChange, NamesForTheDisplay) {
+TEST_F(PolicyChange, DisplayNames) {
     EXPECT_STREQ(detect_loop_policy_type(1), "warning");
     EXPECT_STREQ(detect_loop_policy_type(2), "shutdown access");
     EXPECT_STREQ(detect_loop_policy_type(3), "shutdown hybrid");

@@ -63,7 +63,7 @@ TEST_F(Readiness, IsAnnouncedAgainByEveryLaterCall) {
     EXPECT_EQ(announced().size(), 2u);
 }
 
-TEST_F(Readiness, LastFlagAnnouncesWhicheverItIs) {
+TEST_F(Readiness, AnyFlagMayBeTheLast) {
     struct Setter {
         uint8_t* flag;
         std::function<void()> raise;
@@ -161,7 +161,7 @@ TEST_F(AgentTest, ReloadEndPushesTheConfigurationOfBothFeaturesBeforeItSubscribe
     EXPECT_EQ(at_subscription, (Lines{"type=5 mid=2 new_type=2"}));
 }
 
-TEST_F(AgentTest, ReloadEndIsReadyBeforeItRejudgesThePorts) {
+TEST_F(AgentTest, ReloadEndAnnouncesReadinessBeforeItRejudgesThePorts) {
     add_looped(5);
     g_lda_loop_set->policy = 2;
     uint8_t ready = 0;

@@ -135,7 +135,7 @@ TEST_F(RoleCallback, RegistersTheReloadHooks) {
     EXPECT_EQ(fake::reload_end_hook(), lda_cli_reload_end_handle);
 }
 
-TEST_F(RoleCallback, HandsTheStormDetectorItsCallbacks) {
+TEST_F(RoleCallback, PassesTheStormDetectorItsCallbacks) {
     hot_standby_callback();
     EXPECT_EQ(g_storm_master, fake::master());
     EXPECT_EQ(g_storm_global, fake::mom_client());
@@ -208,7 +208,7 @@ TEST_F(RoleCallback, ExitsWhenTheApplicationDatabaseFails) {
          error("hot_standby_callback", "lda_mom_app_db_reg_callback fail!\n")});
 }
 
-TEST_F(RoleCallback, GoesOnWithoutACondition) {
+TEST_F(RoleCallback, ContinuesWithoutACondition) {
     fake::fail("pthread_condattr_init", 12);
     EXPECT_EQ(hot_standby_callback(), 0);
     Lines calls = fake::calls();
@@ -225,14 +225,14 @@ TEST_F(RoleCallback, GoesOnWithoutACondition) {
     EXPECT_EQ(calls.back(), warn("storm_init", "storm init done."));
 }
 
-TEST_F(RoleCallback, GoesOnWithoutARecoveryTick) {
+TEST_F(RoleCallback, ContinuesWithoutARecoveryTick) {
     fake::fail("qv_thread_add_timer");
     EXPECT_EQ(hot_standby_callback(), 0);
     EXPECT_EQ(fake::calls().back(), warn("storm_init", "storm init done."));
     EXPECT_EQ(fake::timers().size(), 1u);
 }
 
-TEST_F(RoleCallback, GoesOnWithoutTheStormSession) {
+TEST_F(RoleCallback, ContinuesWithoutTheStormSession) {
     fake::fail_nth("qv_mom_client_connect", 4, 7);
     EXPECT_EQ(hot_standby_callback(), 0);
     EXPECT_EQ(fake::calls().back(), warn("storm_init", "storm init done."));

@@ -87,7 +87,7 @@ TEST_F(Show, DetailHasStatesPolicyAndStatus) {
             "shutdown          shutdown\n");
 }
 
-TEST_F(Show, StatusIsThatOfThePortAndNotThePolicyForIt) {
+TEST_F(Show, StatusShowsThePortAndNotItsPolicy) {
     looped(9, 7, 2)->is_shutdown = 1;
     looped(3, 1, 2);
     EXPECT_EQ(
@@ -112,7 +112,7 @@ TEST_F(Show, StatusColumnsReadNormalUnderPolicyZero) {
             "shutdown          normal\n");
 }
 
-TEST_F(Show, TenLoopedPortsGiveTenLines) {
+TEST_F(Show, TenLoopedPortsPrintTenLines) {
     std::string lines;
     for (uint32_t ifx = 1; ifx <= 11; ifx++) {
         lda_intf_t* record = add(ifx);

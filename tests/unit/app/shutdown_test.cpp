@@ -78,7 +78,7 @@ TEST_F(Shutdown, LostRequestStillArmsTheClearTimer) {
     EXPECT_EQ(take_posted(), Lines{});
 }
 
-TEST_F(Shutdown, MarkingAnUnknownPortPutsItOnThePendingList) {
+TEST_F(Shutdown, MarkingAnUnknownPortAddsItToThePendingList) {
     EXPECT_EQ(lda_cli_intf_shutdown_by_lda_cmd(7, 1), -1);
     EXPECT_EQ(lda_back_node_lookup(7), 1);
     EXPECT_EQ(lda_cli_intf_shutdown_by_lda_cmd(7, 0), -1);
@@ -86,7 +86,7 @@ TEST_F(Shutdown, MarkingAnUnknownPortPutsItOnThePendingList) {
     EXPECT_EQ(fake::take_calls(), Lines{});
 }
 
-TEST_F(Shutdown, MarkingAPortThatIsMarkedChangesNothing) {
+TEST_F(Shutdown, MarkingAMarkedPortChangesNothing) {
     lda_intf_t* record = add(7);
     record->is_shutdown = 1;
     lda_loop_detect_ptype_set(2);
@@ -129,7 +129,7 @@ TEST_F(Shutdown, ShuttingDownExecutesOneLine) {
                "close session 1001"}));
 }
 
-TEST_F(Shutdown, ResultOfTheShutLineIsNotExamined) {
+TEST_F(Shutdown, ResultOfTheShutdownLineIsIgnored) {
     lda_intf_t* record = add(7);
     record->is_shutdown = 1;
     fake::on_line("shutdown \r\n", "% refused", -1);
@@ -148,7 +148,7 @@ TEST_F(Shutdown, RecoveryExecutesTwoLinesInOrder) {
     expect_golden("shutdown/recovery", fake::take_calls());
 }
 
-TEST_F(Shutdown, RecoveryGoesOnWhenItsFirstLineFails) {
+TEST_F(Shutdown, RecoveryContinuesWhenItsFirstLineFails) {
     lda_intf_t* record = add(7);
     for (const char* output : {"", "% not in errdisable"}) {
         fake::on_line("errdisable recovery \r\n", output, -1);
@@ -189,7 +189,7 @@ TEST_F(Shutdown, RefusedRecoveryOfADeletedPortIsOnlyLogged) {
     EXPECT_EQ(calls.back(), "close session 1001");
 }
 
-TEST_F(Shutdown, RefusalOfAPortThatIsDeletedMeanwhileIsOnlyLogged) {
+TEST_F(Shutdown, RefusalOfAPortDeletedInTheMeantimeIsOnlyLogged) {
     add(7);
     fake::on_line("no shutdown  \r\n", "%", 0);
     fake::on_call("cli_execute_cmd_buf_fd", [] { lda_del_intf(7); });
@@ -197,7 +197,7 @@ TEST_F(Shutdown, RefusalOfAPortThatIsDeletedMeanwhileIsOnlyLogged) {
     EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform"}), Lines{});
 }
 
-TEST_F(Shutdown, FailedRecoveryLeavesTheMarkAlone) {
+TEST_F(Shutdown, FailedRecoveryKeepsTheMark) {
     lda_intf_t* record = add(7);
     fake::on_line("no shutdown  \r\n", "", -4);
     EXPECT_EQ(cli_exec_shutdown(7, 0), 0);
@@ -253,14 +253,14 @@ TEST_F(Shutdown, ApplyLineIsExecutedWithAndWithoutNo) {
               Lines{executed(1002, "no loop-detect apply shutdown-port \r\n", 7)});
 }
 
-TEST_F(Shutdown, ResultOfTheApplyLineIsNotExamined) {
+TEST_F(Shutdown, ResultOfTheApplyLineIsIgnored) {
     fake::on_line("loop-detect apply shutdown-port \r\n", "%", -1);
     EXPECT_EQ(cli_exec_loop_apply_shutdown(7, 1), 0);
     EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform", "close"}), Lines{"close session 1001"});
 }
 
 // A refused recovery is tried again by the ticks, after the whole recovery time.
-TEST_F(Shutdown, RefusedRecoveryIsScheduledByTheTickAgain) {
+TEST_F(Shutdown, RefusedRecoveryIsRetriedByTheTick) {
     lda_intf_t* record = add(7);
     record->is_shutdown = 1;
     lda_cli_recover_time_set(90, 1);
@@ -327,7 +327,7 @@ class RefusedRecovery : public Shutdown {
     std::promise<void> released;
 };
 
-TEST_F(RefusedRecovery, DisablingDetectionBeforeTheRefusalLeavesTheMarkToTheTicks) {
+TEST_F(RefusedRecovery, AfterDisablingDetectionTheTicksRetryARefusedRecovery) {
     recover(true);
     EXPECT_EQ(lda_cli_policy_set(0), 0);
     let_it_be_refused();
@@ -358,7 +358,7 @@ TEST_F(RefusedRecovery, DisablingDetectionAfterTheRefusalRecoversThePortAgain) {
     EXPECT_EQ(lines[1], executed(1002, "no shutdown  \r\n", 7));
 }
 
-TEST_F(RefusedRecovery, LoopReportedBeforeTheRefusalIsShutDownAfterIt) {
+TEST_F(RefusedRecovery, PortWithALoopReportedBeforeTheRefusalIsShutDownAfterIt) {
     recover(true);
     lda_loop_result_set(0, 1, 7);
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
@@ -367,7 +367,7 @@ TEST_F(RefusedRecovery, LoopReportedBeforeTheRefusalIsShutDownAfterIt) {
     EXPECT_EQ(lines_executed(), (Lines{recovery, no_shut, executed(1002, "shutdown \r\n", 7)}));
 }
 
-TEST_F(RefusedRecovery, LoopReportedAfterTheRefusalIsShutDownToo) {
+TEST_F(RefusedRecovery, PortWithALoopReportedAfterTheRefusalIsShutDownToo) {
     recover(false);
     lda_loop_result_set(0, 1, 7);
     drained();
@@ -386,7 +386,7 @@ TEST_F(RefusedRecovery, PortThatLeavesTheTableBeforeTheRefusalIsMarkedOutsideIt)
 }
 
 // The recovery arms the clear timer after its post. A refusal that comes later leaves the timer.
-TEST_F(RefusedRecovery, RefusalAfterTheClearTimerIsArmedLeavesTheTimer) {
+TEST_F(RefusedRecovery, RefusalAfterTheClearTimerIsArmedKeepsTheTimer) {
     record->tarn_result = 0;
     recover(true);
     ASSERT_NE(record->clear_timer, nullptr);

@@ -45,7 +45,7 @@ TEST_F(TarnReport, SubscribesToAllRecordsInTheApplicationDatabase) {
     EXPECT_EQ(fake::mom_subscriber(4, type), lda_tarn_mom_subscribe_callback);
 }
 
-TEST_F(TarnReport, AnswerOfTheDatabaseIsIgnored) {
+TEST_F(TarnReport, DatabaseResultIsIgnored) {
     fake::fail("qv_mom_subscribe", 107);
     EXPECT_EQ(lda_tarn_mom_reg_subscribe(), 0);
     EXPECT_EQ(fake::take_calls(), Lines{"qv_mom_subscribe db=4 p_bridge.tarn_loop_info index{}"});
@@ -71,7 +71,7 @@ TEST_F(TarnReport, ConfirmationStartsAScan) {
     EXPECT_EQ(fake::mom_scanner(4, type), lda_tarn_mom_subscribe_callback);
 }
 
-TEST_F(TarnReport, ConfirmationComesBeforeTheOperationCode) {
+TEST_F(TarnReport, ConfirmationTakesPrecedenceOverTheOperationCode) {
     fake::fail("qv_mom_scan", 107);
     EXPECT_EQ(fake::mom_message(4, type, 29, 1, nullptr), 0);
     EXPECT_EQ(fake::take_calls(), Lines{"qv_mom_scan db=4 p_bridge.tarn_loop_info index{}"});
@@ -86,7 +86,7 @@ TEST_F(TarnReport, OperationCodeOneIsIgnored) {
                                          info(callback, "recv mom msg, cmd[1]")}));
 }
 
-TEST_F(TarnReport, PublishedReportIsTakenLikeASetOne) {
+TEST_F(TarnReport, PublishedReportIsHandledLikeASetOne) {
     lda_intf_t* record = add(7);
     lda_loop_detect_ptype_set(1);
     EXPECT_EQ(report(7, 1, 7, 0, 2), 0);
@@ -198,7 +198,7 @@ TEST_F(TarnReport, ReportsForPortsWithoutARecordAreDropped) {
               (Lines{notification("swp7", 1, 0, 1), entry_set("swp7", 0, 1), detected("swp7")}));
 }
 
-TEST_F(TarnReport, SourcePortZeroIsAnotherPortLikeAny) {
+TEST_F(TarnReport, SourcePortZeroIsTreatedAsAnotherPort) {
     add(7);
     lda_loop_detect_ptype_set(1);
     log_everything();

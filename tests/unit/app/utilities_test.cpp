@@ -56,7 +56,7 @@ TEST_F(Condition, ReportsAConditionThatCannotBeMadeAndDestroysTheAttribute) {
 
 // ---- Temporary path ----
 
-TEST(MakePath, DefaultDirectoryIsFollowedDirectlyByTheName) {
+TEST(MakePath, NameFollowsTheDefaultDirectoryDirectly) {
     unsetenv("TMPDIR");
     EXPECT_STREQ(lda_make_path("loops"), "/tmploops");
     EXPECT_STREQ(lda_make_path("/loops"), "/tmp/loops");
@@ -75,7 +75,7 @@ TEST(MakePath, ReturnsTheSameBufferEachTime) {
     EXPECT_STREQ(first, "/tmpb");
 }
 
-TEST(MakePath, NeverLeavesItsSixtyFourBytes) {
+TEST(MakePath, PathIsCutToSixtyFourBytes) {
     unsetenv("TMPDIR");
     std::string name(100, 'x');
     EXPECT_EQ(std::string(lda_make_path(name.c_str())), "/tmp" + std::string(59, 'x'));

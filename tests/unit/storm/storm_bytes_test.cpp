@@ -45,7 +45,7 @@ bool rest_is_zero(const fp_item& item) {
 
 class StormBytes : public RunningStormTest {};
 
-TEST_F(StormBytes, AclKeyCarriesFlagsOnlyForTheCreation) {
+TEST_F(StormBytes, AclKeyCarriesFlagsOnlyOnCreation) {
     storm_enable_by_fp(8000, 1024, 0x01020304);
     EXPECT_EQ(bytes_of(fake::fp_created_key()), named({4, 3, 2, 1, 4, 1, 0, 0}));
     const Bytes plain = named({4, 3, 2, 1, 0, 0, 0, 0});

@@ -46,7 +46,7 @@ class StormCommand : public RunningStormTest {
     }
 };
 
-TEST_F(StormCommand, EnablingInstallsTheDefaultsBehindTheSharedRule) {
+TEST_F(StormCommand, EnablingInstallsTheSharedRuleThenTheDefaults) {
     enable(1);
     EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "8000/1024"));
     EXPECT_EQ(enabled(), "1");
@@ -55,7 +55,7 @@ TEST_F(StormCommand, EnablingInstallsTheDefaultsBehindTheSharedRule) {
     EXPECT_EQ(storm_port_num, 1u);
 }
 
-TEST_F(StormCommand, EnablingWithoutARateUsesTheDefaultInForce) {
+TEST_F(StormCommand, EnablingWithoutARateUsesTheCurrentDefault) {
     g_pps_value = 9000;
     enable(1);
     EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "9000/1024"));
@@ -79,7 +79,7 @@ TEST_F(StormCommand, EnablingTwiceDoesNothingTheSecondTime) {
     EXPECT_EQ(enabled(), "1");
 }
 
-TEST_F(StormCommand, NewEntriesComeToTheFrontOfTheirLists) {
+TEST_F(StormCommand, NewEntriesAreAddedAtTheFrontOfTheirLists) {
     enable(1);
     enable(2);
     rate(1, 5000);
@@ -102,7 +102,7 @@ TEST_F(StormCommand, NoAndDefaultPrefixDisable) {
     }
 }
 
-TEST_F(StormCommand, DisablingWhatIsNotEnabledDoesNothing) {
+TEST_F(StormCommand, DisablingADisabledInterfaceDoesNothing) {
     enable(1, CLI_PREFIX_NO);
     EXPECT_EQ(fake::take_calls(), Lines{});
 }
@@ -171,7 +171,7 @@ TEST_F(StormCommand, DefaultPrefixRemovesTheRate) {
     EXPECT_EQ(rates(), "");
 }
 
-TEST_F(StormCommand, NoFormCarriesEmptyNumbers) {
+TEST_F(StormCommand, NoFormHasEmptyNumbers) {
     rate(1, 5000, 64);
     fake::clear_calls();
     rate(1, 0, 0, CLI_PREFIX_NO);
@@ -340,7 +340,7 @@ int offered(const cli_pcdb& given) {
     return storm;
 }
 
-TEST_F(StormVisibility, RangeIsJudgedByItsTypesAlone) {
+TEST_F(StormVisibility, OnlyTheTypesDecideForARange) {
     cli_pcdb range{};
     strcpy(range.mode, "ifrange");
     range.ifx = 1;
@@ -370,7 +370,7 @@ TEST_F(StormVisibility, TypesTwoToTenOfferTheCommands) {
     }
 }
 
-TEST_F(StormVisibility, InterfaceWithoutAControlBlockIsJudgedByItsType) {
+TEST_F(StormVisibility, InterfaceTypeDecidesWithoutAControlBlock) {
     fake::fail("lsm_get_intfcb");
     fake::add_port({.ifx = 5, .name = "port", .type = 3, .phyid = 0});
     EXPECT_NE(offered(interface_mode(5)), 0);

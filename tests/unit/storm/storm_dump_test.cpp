@@ -69,7 +69,7 @@ TEST_F(StormDump, RecordWithoutInterfaceIsLeftOut) {
               "timer_notify = 0, is_loop = 0 \n");
 }
 
-TEST_F(StormDump, PortInfoGoesToStandardOutput) {
+TEST_F(StormDump, PortInfoIsPrintedToStandardOutput) {
     storm_set(1, true);
     fill(101);
     EXPECT_EQ(printed(storm_dump_all_port_info),
@@ -78,7 +78,7 @@ TEST_F(StormDump, PortInfoGoesToStandardOutput) {
               "timer_notify = 21, is_loop = 1 \n");
 }
 
-TEST_F(StormDump, CountersGoToStandardOutput) {
+TEST_F(StormDump, CountersArePrintedToStandardOutput) {
     std_opt_statics = {.get_cnt_times = 1,
                        .get_fail_times = 2,
                        .notify_loop_times = 3,

@@ -240,7 +240,7 @@ TEST_F(StormPollTable, LoopRepetitionAndRemoval) {
 
 // The same with a new rate after the 30 polls: the loop ends with the old rule, and the first poll
 // afterwards measures everything since the rule was first installed.
-TEST_F(StormPollTable, RateChangeInBetween) {
+TEST_F(StormPollTable, RateChangeBetweenPolls) {
     follow(kRateChange);
     EXPECT_EQ(std_opt_statics.notify_loop_times, 1);
     EXPECT_EQ(std_opt_statics.fix_notify_times, 1u);

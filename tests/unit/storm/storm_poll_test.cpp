@@ -123,7 +123,7 @@ TEST_F(StormPoll, HundredThousandReportsBetweenTwoPollsAddUpExactly) {
     EXPECT_EQ(info->flow_over_times, 0u);
 }
 
-TEST_F(StormPoll, HandlerTableLeadsToTheRecord) {
+TEST_F(StormPoll, HandlerTableFindsTheRecord) {
     const fp_acl_key key = fake::fp_key(101);
     const fp_counts counts = {10, 1000};
     int second = 0;
@@ -147,7 +147,7 @@ TEST_F(StormPoll, OnlyPacketsAreJudged) {
     EXPECT_EQ(record(101)->byte_count, -1);
 }
 
-TEST_F(StormPoll, RateSettingDecidesAndNotTheInstalledRate) {
+TEST_F(StormPoll, RateSettingIsTheThresholdNotTheInstalledRate) {
     storm_set_burst_limit(1, 5000, 0, true);
     record(101)->rate = 1;
     poll_with(5000 * 4);
@@ -156,7 +156,7 @@ TEST_F(StormPoll, RateSettingDecidesAndNotTheInstalledRate) {
     EXPECT_EQ(record(101)->flow_over_times, 1u);
 }
 
-TEST_F(StormPoll, WithoutRateSettingTheDefaultDecides) {
+TEST_F(StormPoll, DefaultRateIsTheThresholdWithoutASetting) {
     g_pps_value = 100;
     record(101)->rate = 1;
     poll_with(400);
@@ -165,7 +165,7 @@ TEST_F(StormPoll, WithoutRateSettingTheDefaultDecides) {
     EXPECT_EQ(record(101)->flow_over_times, 1u);
 }
 
-TEST_F(StormPoll, WithoutInterfaceTheDefaultDecides) {
+TEST_F(StormPoll, DefaultRateIsTheThresholdWithoutAnInterface) {
     storm_set_burst_limit(1, 5000, 0, true);
     fake::unmap_port(1);
     poll_with(kAtRate);
@@ -200,7 +200,7 @@ TEST_F(StormPoll, DecreasingTotalCountsAsOver) {
 
 // ---- Judgement ----
 
-TEST_F(StormPoll, TwoPollsOverAndOneUnderStartAgain) {
+TEST_F(StormPoll, PollUnderTheRateRestartsTheRun) {
     polls_with(2, kOverRate);
     poll_with(kAtRate);
     polls_with(2, kOverRate);
@@ -210,7 +210,7 @@ TEST_F(StormPoll, TwoPollsOverAndOneUnderStartAgain) {
     EXPECT_EQ(verdicts(), kLoop);
 }
 
-TEST_F(StormPoll, ThirdPollOverNotifiesOnce) {
+TEST_F(StormPoll, ThirdPollOverTheRateNotifiesOnce) {
     polls_with(2, kOverRate);
     EXPECT_EQ(verdicts(), Lines{});
     poll_with(kOverRate);
@@ -225,7 +225,7 @@ TEST_F(StormPoll, ThirdPollOverNotifiesOnce) {
     EXPECT_EQ(std_opt_statics.fix_notify_times, 1u);
 }
 
-TEST_F(StormPoll, FirstNotificationAndRepetitionMayFallInOnePoll) {
+TEST_F(StormPoll, FirstNotificationAndRepetitionMayShareAPoll) {
     polls_with(19, kAtRate);
     polls_with(2, kOverRate);
     EXPECT_EQ(verdicts(), Lines{});
@@ -234,7 +234,7 @@ TEST_F(StormPoll, FirstNotificationAndRepetitionMayFallInOnePoll) {
     EXPECT_EQ(record(101)->timer_notify, 0);
 }
 
-TEST_F(StormPoll, RepetitionMayComeTwentyOnePollsAfterTheFirstNotification) {
+TEST_F(StormPoll, RepetitionMayFollowTwentyOnePollsAfterTheFirstNotification) {
     polls_with(20, kAtRate);
     polls_with(2, kOverRate);
     EXPECT_EQ(record(101)->timer_notify, 0);
@@ -266,7 +266,7 @@ TEST_F(StormPoll, TenthCountedPollNotifiesRemoval) {
     EXPECT_EQ(std_opt_statics.notify_loop_times, 2);
 }
 
-TEST_F(StormPoll, RunOfThreeStartsTheRemovalCountAgain) {
+TEST_F(StormPoll, RunOfThreeRestartsTheRemovalCount) {
     polls_with(3, kOverRate);
     polls_with(7, kAtRate);
     EXPECT_EQ(record(101)->unloop_times, 7u);
@@ -299,7 +299,7 @@ TEST_F(StormPoll, CycleRunsWithoutALoop) {
     EXPECT_EQ(std_opt_statics.fix_notify_times, 0u);
 }
 
-TEST_F(StormPoll, LoopThatTheEngineEndsDuringTheRepetitionIsCleared) {
+TEST_F(StormPoll, LoopEndedByTheEngineDuringTheRepetitionIsCleared) {
     polls_with(3, kOverRate);
     polls_with(18, kOverRate);
     storm_port_info* info = record(101);
@@ -324,7 +324,7 @@ TEST_F(StormPoll, LoopThatTheEngineEndsDuringTheRepetitionIsCleared) {
 }
 
 // The repetition falls into a quiet poll, which would count towards the removal.
-TEST_F(StormPoll, LoopThatTheEngineEndsDuringTheRepetitionIsNotCountedFurther) {
+TEST_F(StormPoll, LoopEndedByTheEngineDuringTheRepetitionIsNotCounted) {
     polls_with(3, kOverRate);
     polls_with(15, kOverRate);
     polls_with(3, kAtRate);
@@ -423,7 +423,7 @@ TEST_F(StormPoll, EmptyListArmsTheNextPoll) {
     EXPECT_EQ(fake::take_calls(), (Lines{"qv_thread_insert_timer \"loop_check\" 4"}));
 }
 
-TEST_F(StormPoll, TimerFailureEndsThePollingForGood) {
+TEST_F(StormPoll, TimerFailureEndsPolling) {
     storm_set(1, false);
     fake::fail("qv_thread_insert_timer", 12);
     fake::clear_calls();
@@ -491,7 +491,7 @@ TEST_F(StormPoll, RecordDroppedByItsRepetitionIsNotJudgedFurther) {
     EXPECT_EQ(verdicts(), kRemoved);
 }
 
-TEST_F(StormPoll, VerdictMayDropTheRecordsThatWouldBeJudgedNext) {
+TEST_F(StormPoll, VerdictMayDropTheNextRecords) {
     fake::add_port(3);
     storm_set(2, true);
     storm_set(3, true);
@@ -511,7 +511,7 @@ TEST_F(StormPoll, VerdictMayDropTheRecordsThatWouldBeJudgedNext) {
     EXPECT_EQ(record(103)->is_loop, 1);
 }
 
-TEST_F(StormPoll, RecordMadeByAVerdictWaitsForTheNextPoll) {
+TEST_F(StormPoll, RecordAddedByAVerdictWaitsForTheNextPoll) {
     polls_with(2, kOverRate);
     notify_msg_proc = [](const storm_loop_msg*) {
         storm_set(2, true);

@@ -14,13 +14,13 @@ class StormRule : public RunningStormTest {
     }
 };
 
-TEST_F(StormRule, SharedRuleComesBeforeTheFirstPortRule) {
+TEST_F(StormRule, SharedRuleIsInstalledBeforeTheFirstPortRule) {
     storm_set_rate_burst(1, 8000, 1024, true);
     EXPECT_EQ(take_calls(), shared_rule_installed() + port_rule_installed("101", "8000/1024"));
     EXPECT_EQ(fake::fp_objects(), 0);
 }
 
-TEST_F(StormRule, FurtherPortsBringNoSharedRule) {
+TEST_F(StormRule, FurtherPortsInstallNoSharedRule) {
     enable_port_1();
     storm_set_rate_burst(2, 8000, 1024, true);
     EXPECT_EQ(take_calls(), port_rule_installed("102", "8000/1024"));
@@ -49,7 +49,7 @@ TEST_F(StormRule, RemovalIsLogged) {
     expect_golden("storm_rule/removal", take_log());
 }
 
-TEST_F(StormRule, BurstZeroIsLoggedAsGivenAndInstalledAs1024) {
+TEST_F(StormRule, BurstZeroIsLoggedAsZeroAndInstalledAs1024) {
     storm_set_rate_burst(1, 5000, 0, true);
     EXPECT_EQ(
         fake::calls_of({"zlog"})[0],
@@ -58,7 +58,7 @@ TEST_F(StormRule, BurstZeroIsLoggedAsGivenAndInstalledAs1024) {
     EXPECT_EQ(record(101)->burst, 1024u);
 }
 
-TEST_F(StormRule, NewRecordHoldsTheRuleAndNothingElse) {
+TEST_F(StormRule, NewRecordHoldsOnlyTheRule) {
     storm_set_rate_burst(1, 5000, 64, true);
     const storm_port_info* info = record(101);
     ASSERT_NE(info, nullptr);
@@ -70,7 +70,7 @@ TEST_F(StormRule, NewRecordHoldsTheRuleAndNothingElse) {
     EXPECT_TRUE(std::all_of(bytes + 32, bytes + 88, [](uint8_t byte) { return byte == 0; }));
 }
 
-TEST_F(StormRule, SameRateAndBurstKeepRuleAndCounters) {
+TEST_F(StormRule, SameRateAndBurstKeepTheRuleAndCounters) {
     enable_port_1();
     count(101, 50);
     record(101)->packet_count = 20;
@@ -92,7 +92,7 @@ TEST_F(StormRule, BurstZeroIsTheSameAs1024) {
     EXPECT_EQ(take_calls(), Lines{});
 }
 
-TEST_F(StormRule, UpdateReplacesTheRuleAndResetsTheJudgementButNotTheTotals) {
+TEST_F(StormRule, UpdateReplacesTheRuleAndResetsTheRunsButNotTheTotals) {
     enable_port_1();
     storm_port_info* info = record(101);
     info->packet_count = 1;
@@ -129,7 +129,7 @@ TEST_F(StormRule, UpdateOfALoopedPortNotifiesBetweenTheOldRuleAndTheNew) {
     EXPECT_EQ(std_opt_statics.notify_unloop_times, 0);
 }
 
-TEST_F(StormRule, UpdateEndsWhenTheNotifiedEndTakesThePortOutOfDetection) {
+TEST_F(StormRule, UpdateStopsWhenTheNotifiedEndRemovesThePortFromDetection) {
     enable_port_1();
     record(101)->is_loop = 1;
     notify_msg_proc = [](const storm_loop_msg*) {
@@ -141,7 +141,7 @@ TEST_F(StormRule, UpdateEndsWhenTheNotifiedEndTakesThePortOutOfDetection) {
     EXPECT_EQ(storm_port_num, 0u);
 }
 
-TEST_F(StormRule, UpdateWhoseApplyFailsAtOnceTakesThePortOutOfDetection) {
+TEST_F(StormRule, UpdateWhoseApplyFailsAtOnceRemovesThePortFromDetection) {
     enable_port_1();
     fake::on_call("fp_apply_add", [] {
         const fp_acl_key key = fake::fp_key(101);
@@ -165,7 +165,7 @@ TEST_F(StormRule, FailedUpdateLeavesARecordWithoutRule) {
     EXPECT_EQ(storm_port_num, 1u);
 }
 
-TEST_F(StormRule, FailedUpdateResetsTheJudgementButNotTheTotals) {
+TEST_F(StormRule, FailedUpdateResetsTheRunsButNotTheTotals) {
     enable_port_1();
     storm_port_info* info = record(101);
     info->packet_count = info->byte_count = 4711;
@@ -285,7 +285,7 @@ TEST_F(StormRule, FurtherPortFailureKeepsTheSharedRule) {
 
 // ---- Items ----
 
-TEST_F(StormRule, ItemsAreBuiltByTheBuilderOfTheirOwnObject) {
+TEST_F(StormRule, EachObjectsBuilderBuildsItsItems) {
     enable_port_1();
     EXPECT_EQ(fake::count("fp_entry_build_item"), 1 + 2);
     EXPECT_EQ(fake::count("fp_entry_add_item"), 1 + 2);
@@ -404,7 +404,7 @@ TEST_F(StormRule, DeletionOfALoopedPortNotifiesItsEnd) {
     EXPECT_EQ(record(101), nullptr);
 }
 
-TEST_F(StormRule, DeletionThatIsRepeatedByTheNotifiedEndDropsTheRecordOnce) {
+TEST_F(StormRule, DeletionRepeatedByTheNotifiedEndDropsTheRecordOnce) {
     enable_port_1();
     record(101)->is_loop = 1;
     notify_msg_proc = [](const storm_loop_msg*) {

@@ -16,7 +16,7 @@ const Lines kCommands = {"cli_add_command 59 \"configure port storm detect\"",
 
 using StormStart = StormTest;
 
-TEST_F(StormStart, ComesUpInOrder) {
+TEST_F(StormStart, StartsInOrder) {
     fake::clear_calls();
     EXPECT_EQ(storm_init(fake::master(), fake::mom_client(), storm_verdict, storm_ready), 0);
     EXPECT_EQ(take_calls(), (Lines{kCapInit, kCapGet, "qv_mom_client_connect db=8",
@@ -36,7 +36,7 @@ TEST_F(StormStart, ComesUpInOrder) {
 }
 
 // A mutex that was made before must not be made again.
-TEST_F(StormStart, MutexIsUntouchedBeforeItIsMade) {
+TEST_F(StormStart, MutexIsNotUsedBeforeItIsCreated) {
     const pthread_mutex_t untouched{};
     bool fresh = false;
     fake::on_call("pthread_mutex_init",
@@ -56,7 +56,7 @@ TEST_F(StormStart, LogsItsSteps) {
                      fake::warn("storm_init", "storm init done.")}));
 }
 
-TEST_F(StormStart, BeginsWithoutRecords) {
+TEST_F(StormStart, StartsWithoutRecords) {
     start();
     fake::mom_connect(8);
     ASSERT_EQ(storm_add_by_fp(8000, 1024, 101), 0);
@@ -94,7 +94,7 @@ TEST_F(StormStart, CapabilityReplacesTheDefaultRate) {
     EXPECT_EQ(g_pps_value, 12000u);
 }
 
-TEST_F(StormStart, CapabilityOfZeroIsTaken) {
+TEST_F(StormStart, CapabilityOfZeroIsUsed) {
     fake::capability(kKey, 0);
     std_load_cap_value();
     EXPECT_EQ(g_pps_value, 0u);
@@ -148,7 +148,7 @@ TEST_F(StormStart, HandlerTableIsFilledBeforeTheSessionIsOpened) {
     EXPECT_TRUE(filled);
 }
 
-TEST_F(StormStart, ConnectFailureIsLoggedAndStartUpGoesOn) {
+TEST_F(StormStart, ConnectFailureIsLoggedAndStartUpContinues) {
     fake::fail("qv_mom_client_connect", 3);
     fake::clear_calls();
     EXPECT_EQ(storm_init(fake::master(), fake::mom_client(), storm_verdict, storm_ready), 0);
@@ -160,7 +160,7 @@ TEST_F(StormStart, ConnectFailureIsLoggedAndStartUpGoesOn) {
                              Lines{"qv_thread_insert_timer \"loop_check\" 4"}));
 }
 
-TEST_F(StormStart, ReconnectRegistrationFailureIsLoggedAndStartUpGoesOn) {
+TEST_F(StormStart, ReconnectRegistrationFailureIsLoggedAndStartUpContinues) {
     fake::fail("qv_mom_client_set_reconnect_cb", 4);
     fake::clear_calls();
     start();
@@ -172,7 +172,7 @@ TEST_F(StormStart, ReconnectRegistrationFailureIsLoggedAndStartUpGoesOn) {
                              kCommands + Lines{"qv_thread_insert_timer \"loop_check\" 4"}));
 }
 
-TEST_F(StormStart, DisconnectRegistrationFailureIsReportedUnderTheReconnectWording) {
+TEST_F(StormStart, DisconnectRegistrationFailureIsReportedInTheReconnectWords) {
     fake::fail("qv_mom_client_set_disconnect_cb", 6);
     fake::clear_calls();
     start();
@@ -184,7 +184,7 @@ TEST_F(StormStart, DisconnectRegistrationFailureIsReportedUnderTheReconnectWordi
                      fake::warn("storm_init", "storm init done.")}));
 }
 
-TEST_F(StormStart, TimerFailureIsLoggedAndStartUpGoesOn) {
+TEST_F(StormStart, TimerFailureIsLoggedAndStartUpContinues) {
     fake::fail("qv_thread_insert_timer", 12);
     fake::clear_calls();
     EXPECT_EQ(storm_init(fake::master(), fake::mom_client(), storm_verdict, storm_ready), 0);
