@@ -52,7 +52,7 @@ def fixture_copy(tmp_path):
     return Copy(tmp_path)
 
 
-def test_tree_as_it_is_passes(copy):
+def test_unchanged_tree_passes(copy):
     assert copy.lint() == ([f"{len(COPIED)} files"], 0)
 
 
@@ -113,7 +113,7 @@ def test_include_along_the_layers_passes(copy, path, header):
     assert copy.lint() == ([f"{len(COPIED)} files"], 0)
 
 
-def test_folder_without_a_rule_may_include_nothing(copy):
+def test_folder_without_a_rule_cannot_include_project_files(copy):
     file = copy.folder / "services/other/main.cpp"
     file.parent.mkdir()
     file.write_text('#include "platform/base/event_loop.h"\n')
@@ -152,7 +152,7 @@ def test_link_against_the_layers_is_refused(tmp_path):
         ["qv_linux must not link qv_client", "2 links, 1 findings"], 1)
 
 
-def test_libraries_that_link_in_a_circle_are_refused(tmp_path):
+def test_cyclic_links_between_libraries_are_refused(tmp_path):
     first_lines = (ROOT / "CMakeLists.txt").read_text().split("set(LDA_SANITIZE")[0]
     (tmp_path / "empty.c").write_text("")
     (tmp_path / "CMakeLists.txt").write_text(

@@ -63,7 +63,7 @@ def shell(lab):
     the_shell.close()
 
 
-def test_question_mark_behind_a_begun_word_lists_what_completes_it(shell):
+def test_question_mark_after_a_partial_word_lists_its_completions(shell):
     assert "  show                    Show what the switch knows\r\n" in shell.type("sh?", "lda# sh")
     shell.type("\x15configure terminal\n", "lda(config)# ")
     shown = shell.type("loop-detect shutdown-recover-time 3?", "recover-time 3")
@@ -80,7 +80,7 @@ def test_tab_completes_lines_of_other_modes(shell):
     shell.type("edge-7\n", "edge-7(config)# ")
 
 
-def test_marker_stands_under_the_wrong_word(shell):
+def test_marker_points_at_the_wrong_word(shell):
     shown = shell.type("show verzion\n", "'verzion'.\r\n")
     assert shown.endswith("\r\n" + " " * len("lda# show ") + "^\r\n% Unknown command: 'verzion'.\r\n")
     shell.until("lda# ")
@@ -89,7 +89,7 @@ def test_marker_stands_under_the_wrong_word(shell):
     assert "  terminal                By commands\r\n" in shown
 
 
-def test_output_higher_than_the_terminal_stops_below_each_page(shell):
+def test_long_output_pauses_after_each_page(shell):
     shell.resize(4, 80)
     page = shell.type("show interfaces status\n", "--More--").split("status\r\n")[-1]
     assert page.count("\r\n") == 3 and "swp2 " in page
@@ -101,7 +101,7 @@ def test_output_higher_than_the_terminal_stops_below_each_page(shell):
     shell.type("show version | count\n", "\n1\r\nlda# ")
 
 
-def test_terminal_length_replaces_the_height_of_the_terminal(shell):
+def test_terminal_length_overrides_the_terminal_height(shell):
     shell.resize(4, 80)
     shell.type("terminal length 0\n", "lda# ")
     assert "--More--" not in shell.type("show interfaces status\n", "\r\nlda# ")
@@ -113,7 +113,7 @@ def test_terminal_length_replaces_the_height_of_the_terminal(shell):
     shell.type("q", "lda# ")
 
 
-def test_users_and_history_know_the_lines_and_mode_of_the_shell(shell, lab):
+def test_users_and_history_show_the_lines_and_mode_of_the_shell(shell, lab):
     shell.type("configure terminal\n", "lda(config)# ")
     shell.type("frobnicate\n", "lda(config)# ")
     shown = shell.type("show users\n", "(config)# ")

@@ -124,7 +124,7 @@ def test_page_names_the_filters(session, mode):
     assert sorted(session.hints("show version | ")) == sorted(filters)
 
 
-def test_every_no_form_of_the_trees_is_on_the_page(session, mode):
+def test_page_documents_every_no_form_of_the_trees(session, mode):
     page = documented()[mode]
     forms = crawl(session, "no ", "no")
     assert forms
@@ -132,7 +132,7 @@ def test_every_no_form_of_the_trees_is_on_the_page(session, mode):
     assert [form for form in sorted(forms) if not any(f"{line} ".startswith(f"{form} ") for line in page)] == []
 
 
-def test_every_no_form_of_the_page_is_taken(session, mode):
+def test_every_no_form_of_the_page_is_accepted(session, mode):
     for command in sorted(line for line in documented()[mode] if line.startswith("no ")):
         line = re.sub(r"\b(\d+)-\d+", r"\1", command).replace("WORD", "x1")
         reply = session.ask(exec=line)

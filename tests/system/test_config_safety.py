@@ -52,7 +52,7 @@ def make_overdue(path):
     path.write_bytes(body + b"! checksum %08x\n" % zlib.crc32(body))
 
 
-def test_lines_of_operators_are_in_the_log_and_those_of_the_agent_are_not(lab):
+def test_operator_lines_are_logged_and_agent_lines_are_not(lab):
     lab.configure("loop-detect enable shutdown access-mode", "interface swp4", "shutdown")
     lab.cli("test loop plug swp1 swp2")
     wait_for(lambda: lab.cli("show running-config").count("apply shutdown-port") == 2, 10, "both ports are shut")
@@ -63,7 +63,7 @@ def test_lines_of_operators_are_in_the_log_and_those_of_the_agent_are_not(lab):
     assert {match[2] for match in found} == {str(os.geteuid())}
 
 
-def test_lock_of_a_killed_shell_is_free_again(lab):
+def test_lock_of_a_killed_shell_is_released(lab):
     shell = subprocess.Popen([str(BUILD / "tools/ldash/ldash"), "-s", str(lab.cli_socket)], stdin=subprocess.PIPE,
                              stdout=subprocess.DEVNULL)
     shell.stdin.write(b"configure exclusive\nloop-detect enable\n")
@@ -78,7 +78,7 @@ def test_lock_of_a_killed_shell_is_free_again(lab):
     wait_for(lambda: lab.cli_status("configure terminal", "no loop-detect enable") == 0, 10, "the lock is free")
 
 
-def test_sessions_that_fight_for_the_lock_never_hold_it_together(lab):
+def test_competing_sessions_never_share_the_lock(lab):
     holders, most, wins = [], [], []
 
     def fight(number):
@@ -114,7 +114,7 @@ def test_agent_shuts_a_port_while_the_configuration_is_locked(lab):
     holder.close()
 
 
-def test_agent_killed_during_a_trial_goes_back_after_the_restart(lab):
+def test_agent_killed_during_a_trial_rolls_back_after_the_restart(lab):
     lab.configure("loop-detect shutdown-recover-time 90")
     wait_for(lambda: "recover-time 90" in lab.saved(), 10, "the configuration before is saved")
     lab.cli("configure terminal revert 60", "loop-detect enable", "interface swp3", "shutdown")
@@ -138,7 +138,7 @@ def test_agent_killed_during_a_trial_goes_back_after_the_restart(lab):
     assert "was not confirmed in time: the one before is back." in lab.log()
 
 
-def test_confirmed_trial_survives_a_kill_at_once(lab):
+def test_confirmed_trial_survives_an_immediate_kill(lab):
     lab.cli("configure terminal revert 60", "loop-detect enable", "end", "configure confirm")
     assert not return_file(lab).exists()
     wait_for(lambda: "loop-detect enable" in lab.saved(), 10, "the configuration is saved")
@@ -149,7 +149,7 @@ def test_confirmed_trial_survives_a_kill_at_once(lab):
 
 
 @pytest.mark.patient
-def test_trial_goes_back_after_a_real_minute_although_its_shell_has_left(lab):
+def test_trial_rolls_back_after_a_real_minute_without_its_shell(lab):
     begun = time.monotonic()
     lab.cli("configure terminal revert 1", "loop-detect enable")
     assert "loop-detect enable" in lab.cli("show running-config")
@@ -157,7 +157,7 @@ def test_trial_goes_back_after_a_real_minute_although_its_shell_has_left(lab):
     assert time.monotonic() - begun > 55
 
 
-def test_shell_at_its_prompt_is_told_that_it_was_idle():
+def test_idle_shell_prints_that_its_session_timed_out():
     with Lab() as lab:
         text = lab.platform_file.read_text()
         lab.platform_file.write_text(text.replace("[cli]\n", "[cli]\nidle_timeout = 2\n"))

@@ -75,13 +75,13 @@ def test_line_of_a_single_request_is_saved_within_a_second(lab):
     wait_for(lambda: "shutdown" in (section(lab.saved(), "swp2") or []), 1.5, "the shutdown is saved")
 
 
-def test_line_typed_right_before_an_orderly_end_is_saved(lab):
+def test_line_typed_right_before_a_clean_exit_is_saved(lab):
     lab.configure("tarn error-recover interval 123")
     lab.kill_agent(signal.SIGTERM)
     assert "tarn error-recover interval 123\n" in lab.saved()
 
 
-def test_held_hybrid_port_keeps_mode_rate_and_mark_out_of_the_bridge_and_back(lab):
+def test_held_hybrid_port_keeps_mode_rate_and_mark_when_it_leaves_and_rejoins_the_bridge(lab):
     lab.configure("interface swp2", "switchport mode hybrid", "storm-loop-rate ratelimit 123456")
     shut_by_a_loop(lab, "swp2", mode="hybrid")
     lab.ip("link", "set", "swp2", "nomaster")
@@ -96,7 +96,7 @@ def test_held_hybrid_port_keeps_mode_rate_and_mark_out_of_the_bridge_and_back(la
     assert "shutdown" not in lines
 
 
-def test_port_that_is_replaced_by_a_device_of_its_name_keeps_mode_and_rate(lab):
+def test_port_replaced_by_a_device_of_the_same_name_keeps_mode_and_rate(lab):
     lab.configure("interface swp2", "switchport mode hybrid", "storm-loop-rate ratelimit 123456",
                   "storm-loop-detect enable")
     lab.ip("link", "delete", "swp2")
@@ -109,7 +109,7 @@ def test_port_that_is_replaced_by_a_device_of_its_name_keeps_mode_and_rate(lab):
     assert section(lab.saved(), "swp2") == kept
 
 
-def test_bridge_made_again_finds_its_ports_as_they_were(lab):
+def test_recreated_bridge_restores_its_ports(lab):
     lab.configure("interface swp1", "switchport mode trunk", "interface swp2", "shutdown")
     shut_by_a_loop(lab, "swp3")
     lab.cli("write")

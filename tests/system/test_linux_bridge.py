@@ -77,7 +77,7 @@ def test_report_for_another_source_port_shuts_both(lab):
     assert lab.is_up("swp2") and lab.is_up("swp4")
 
 
-def test_record_set_while_the_server_connection_is_down_is_found_on_return(lab):
+def test_record_set_while_disconnected_is_found_on_reconnect(lab):
     enable(lab)
     lab.kill_redis()
     lab.start_redis()
@@ -87,7 +87,7 @@ def test_record_set_while_the_server_connection_is_down_is_found_on_return(lab):
 
 
 @pytest.mark.patient
-def test_agent_killed_with_a_port_shut_brings_it_back_after_restart(lab):
+def test_agent_killed_with_a_port_shut_recovers_it_after_restart(lab):
     enable(lab)
     lab.report_loop("swp2", is_loop=1)
     wait_for(is_down(lab, "swp2"), 5, "swp2 is down")
@@ -117,7 +117,7 @@ def test_ports_follow_the_kernel(lab):
     wait_for(lambda: "uplink" not in lab.cli("show interfaces status"), 5, "the port is gone")
 
 
-def test_agent_waits_for_a_server_that_is_not_there_yet(kernel_ports):
+def test_agent_waits_for_a_late_server(kernel_ports):
     with Lab(switch="linux", ports=2) as lab:
         lab.start_agent()
         lab.start_redis()
@@ -133,7 +133,7 @@ def test_agent_waits_for_a_server_that_is_not_there_yet(kernel_ports):
     ("p_bridge.tarn_loop_info", "ifx=99999", b"\x2a\x04\x08\x9f\x8d\x06\x38\x01\x40\x9f\x8d\x06"),
     ("p_nobody.unknown", "name=x", b"\x08\x01"),
 ])
-def test_bad_record_is_dropped_and_the_next_good_one_taken(lab, kind, key, record):
+def test_bad_record_is_dropped_and_the_next_good_one_accepted(lab, kind, key, record):
     enable(lab)
     lab.set_record(4, kind, key, record)
     assert lab.agent.poll() is None

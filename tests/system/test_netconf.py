@@ -123,7 +123,7 @@ def error_of(error):
 
 # ---- the session ----
 
-def test_hello_announces_what_is_there(session):
+def test_hello_announces_the_capabilities(session):
     plain = {text for text in session.server_capabilities if "?module=" not in text}
     assert plain == {
         "urn:ietf:params:netconf:base:1.0",
@@ -144,7 +144,7 @@ def test_hello_announces_what_is_there(session):
     }
 
 
-def test_every_schema_is_handed_out_and_parses(session, tmp_path):
+def test_every_schema_is_served_and_parses(session, tmp_path):
     listed = session.get(filter=("subtree", f'<netconf-state xmlns="{MONITORING}"><schemas/></netconf-state>'))
     names = {}
     for schema in listed.data_ele.iter(f"{{{MONITORING}}}schema"):
@@ -161,7 +161,7 @@ def test_every_schema_is_handed_out_and_parses(session, tmp_path):
     assert (checked.returncode, checked.stderr) == (0, "")
 
 
-def test_modules_of_the_tree_are_clean():
+def test_yang_modules_pass_the_strict_check():
     folder = pathlib.Path(__file__).resolve().parents[2] / "yang"
     checked = subprocess.run(["yanglint", "-p", str(folder), "-p", PUBLISHED_MODULES,
                               *map(str, sorted(folder.glob("*.yang")))],
@@ -169,7 +169,7 @@ def test_modules_of_the_tree_are_clean():
     assert (checked.returncode, checked.stdout + checked.stderr) == (0, "")
 
 
-def test_schema_that_is_not_there_is_refused(session):
+def test_unknown_schema_is_refused(session):
     unknown = refusal(session.get_schema, "no-such-module")
     assert (unknown.tag, unknown.message) == ("invalid-value", 'there is no schema "no-such-module"')
     other = refusal(session.get_schema, "qv-loop-detect-server", version="1999-01-01")
@@ -181,14 +181,14 @@ def test_schema_that_is_not_there_is_refused(session):
     ("yang", "module qv-loop-detect-server {"),
     ("yin", "<error-tag>invalid-value</error-tag>"),
 ])
-def test_schema_comes_in_the_format_that_is_asked_for(front, form, text):
+def test_schema_is_served_in_the_requested_format(front, form, text):
     with front.raw() as session:
         assert text in session.rpc(
             f'<get-schema xmlns="{MONITORING}"><identifier>qv-loop-detect-server</identifier>'
             f'<format xmlns:ncm="{MONITORING}">ncm:{form}</format></get-schema>')
 
 
-def test_session_numbers_differ_and_the_sessions_are_listed(front):
+def test_sessions_have_unique_numbers_and_are_listed(front):
     with front.connect() as one, front.connect() as other:
         assert one.session_id != other.session_id
         state = one.get(filter=("subtree", f'<netconf-state xmlns="{MONITORING}"><sessions/></netconf-state>'))
@@ -196,7 +196,7 @@ def test_session_numbers_differ_and_the_sessions_are_listed(front):
         assert {one.session_id, other.session_id} <= numbers
 
 
-def test_log_tells_of_the_beginning_and_the_end(front):
+def test_session_start_and_end_are_logged(front):
     with front.connect() as session:
         who = f"session {session.session_id} ("
     wait_for(lambda: re.search(re.escape(who) + r"\w+\): closed\n", front.log()), 5, "the end is logged")
@@ -242,7 +242,7 @@ def test_value_outside_the_model_is_refused(front, session, requests, value):
     assert agent_policy(front) == 1
 
 
-def test_operations_follow_the_data_in_force(front, session, requests):
+def test_operations_respect_existing_data(front, session, requests):
     assert refusal(set_policy, session, 2, "create").tag == "data-exists"
     assert set_policy(session, None, "delete").ok
     assert agent_policy(front) == 0
@@ -269,7 +269,7 @@ def test_container_can_be_deleted_and_replaced(front, session, requests):
     assert [record.rst.index.type for record in requests()] == [3, 2, 3]
 
 
-def test_default_operation_counts_where_none_is_given(front, session, requests):
+def test_default_operation_applies_where_none_is_given(front, session, requests):
     assert set_policy(session, 3, default_operation="none").ok
     assert requests() == []
     assert set_policy(session, 3, "merge", default_operation="none").ok
@@ -291,7 +291,7 @@ def test_test_only_changes_nothing(front, session, requests):
     assert agent_policy(front) == 4
 
 
-def test_copy_and_validate_take_a_whole_configuration(front, session):
+def test_copy_and_validate_accept_a_whole_configuration(front, session):
     def source(content):
         return to_ele(f'<source xmlns="{BASE}"><config>{content}</config></source>')
 
@@ -331,7 +331,7 @@ def test_running_configuration_is_not_copied_onto_itself(front):
     ("text", "bad-element", None),
 ])
 @pytest.mark.parametrize("operation", ["merge", "replace"])
-def test_configuration_that_is_not_the_models_is_refused(session, requests, operation, content, tag, path):
+def test_configuration_outside_the_models_is_refused(session, requests, operation, content, tag, path):
     error = refusal(session.edit_config, target="running", default_operation=operation,
                     config=f'<config xmlns="{BASE}">{content}</config>')
     assert (error.tag, error.path) == (tag, path)
@@ -366,7 +366,7 @@ INLINE = f"<config>{LOOP_DETECT}</config>"
     ("<kill-session/>", "missing-element", "session-id"),
     (f'<get-schema xmlns="{MONITORING}"/>', "missing-element", "identifier"),
 ])
-def test_request_that_lacks_something_is_refused(front, session, requests, request_text, tag, element):
+def test_incomplete_request_is_refused(front, session, requests, request_text, tag, element):
     with front.raw() as raw:
         reply = raw.rpc(request_text)
     assert f"<error-type>protocol</error-type><error-tag>{tag}</error-tag>" in reply
@@ -382,7 +382,7 @@ def test_operation_needs_no_namespace(front, session, requests, prefix):
     assert [(record.rst.index.type, record.loop_policy_cli) for record in requests()] == [(3, 0)]
 
 
-def test_datastores_and_operations_that_are_not_announced_are_refused(session):
+def test_unannounced_datastores_and_operations_are_refused(session):
     refusal(set_policy_in, session, "candidate")
     refusal(set_policy_in, session, "startup")
     refusal(session.dispatch, to_ele(f'<commit xmlns="{BASE}"/>'))
@@ -418,7 +418,7 @@ def test_lock_keeps_other_sessions_from_editing(front, session, requests):
     assert agent_policy(front) == 4
 
 
-def test_lock_goes_with_its_session_however_that_ends(front, session):
+def test_lock_is_released_however_its_session_ends(front, session):
     with front.connect() as other:
         other.lock("running")
     wait_for(lambda: lock_is_free(session), 5, "the lock of a closed session is free")
@@ -439,7 +439,7 @@ def lock_is_free(session):
     return True
 
 
-def test_turn_of_another_session_is_waited_for_a_moment(front, session, requests):
+def test_request_waits_briefly_for_another_sessions_edit(front, session, requests):
     """The test takes the turn, like a session that hangs in the middle of an edit."""
     with open(front.runtime / "edit.lock", "r+b") as turn:
         fcntl.lockf(turn, fcntl.LOCK_EX)
@@ -452,7 +452,7 @@ def test_turn_of_another_session_is_waited_for_a_moment(front, session, requests
     assert set_policy(session, 4).ok
 
 
-def test_session_that_does_not_end_is_told(front, session):
+def test_session_that_does_not_end_is_reported(front, session):
     with front.raw() as other:
         other.process.send_signal(signal.SIGSTOP)
         error, seconds = seconds_of(session.kill_session, str(other.session_id))
@@ -497,7 +497,7 @@ def restart_agent(front):
     wait_for(lambda: front.lab.database(0).pubsub_numsub(REQUESTS)[0][1] == 1, 10, "the agent takes requests")
 
 
-def test_stopped_agent_is_told_at_once_and_nothing_is_written(front, session):
+def test_stopped_agent_is_reported_at_once_and_nothing_is_written(front, session):
     front.lab.kill_agent()
     try:
         wait_for(lambda: front.lab.database(0).pubsub_numsub(REQUESTS)[0][1] == 0, 5, "the agent is gone")
@@ -513,7 +513,7 @@ def test_stopped_agent_is_told_at_once_and_nothing_is_written(front, session):
     assert set_policy(session, 4).ok
 
 
-def test_agent_that_does_not_answer_is_waited_for_two_seconds(front, session):
+def test_unanswered_request_times_out_after_two_seconds(front, session):
     os.kill(front.lab.agent.pid, signal.SIGSTOP)
     try:
         error, seconds = seconds_of(set_policy, session, 4)
@@ -551,7 +551,7 @@ def answer(front, request, operation=b"\2", **changes):
     front.lab.database(LOCAL_DB).publish(ANSWERS, operation + record.SerializeToString())
 
 
-def test_refusal_of_the_agent_is_told(front, session):
+def test_refusal_by_the_agent_is_reported(front, session):
     with in_place_of_the_agent(front, lambda request: answer(front, request, result=1)):
         error = refusal(set_policy, session, 4)
         assert error_of(error) == (
@@ -581,7 +581,7 @@ def test_only_the_answer_to_the_request_counts(front, session):
     restart_agent(front)
 
 
-def test_other_answers_do_not_make_the_wait_longer(front, session):
+def test_other_answers_do_not_extend_the_wait(front, session):
     def react(request):
         for wrong in WRONG_ANSWERS:
             answer(front, request, **wrong)
@@ -595,7 +595,7 @@ def test_other_answers_do_not_make_the_wait_longer(front, session):
     restart_agent(front)
 
 
-def test_database_that_goes_away_during_an_edit_is_told_at_once(front, session):
+def test_database_lost_during_an_edit_is_reported_at_once(front, session):
     with in_place_of_the_agent(front, lambda request: None), concurrent.futures.ThreadPoolExecutor() as pool:
         before = front.lab.database(LOCAL_DB).get("p_app.lda_nc_policy/")
         edit = pool.submit(seconds_of, set_policy, session, 4)
@@ -611,7 +611,7 @@ def test_database_that_goes_away_during_an_edit_is_told_at_once(front, session):
     assert set_policy(session, 2).ok
 
 
-def test_database_that_is_away_is_told_within_three_seconds(front, session):
+def test_missing_database_is_reported_within_three_seconds(front, session):
     front.lab.kill_redis()
     try:
         for call in (lambda: set_policy(session, 4), lambda: session.get_config("running"), session.get):
@@ -625,7 +625,7 @@ def test_database_that_is_away_is_told_within_three_seconds(front, session):
     assert set_policy(session, 2).ok
 
 
-def test_database_that_hangs_is_told_within_three_seconds(front, session):
+def test_hanging_database_is_reported_within_three_seconds(front, session):
     front.lab.redis_server.send_signal(signal.SIGSTOP)
     try:
         error, seconds = seconds_of(set_policy, session, 4)
@@ -644,7 +644,7 @@ def test_database_that_hangs_is_told_within_three_seconds(front, session):
     (["--yang", "/nowhere"], 2, "YANG modules"),
     (["--runtime", "/proc/nowhere"], 2, "/proc/nowhere: "),
 ])
-def test_start_that_fails_says_why(front, tmp_path, arguments, status, text):
+def test_failed_start_prints_its_reason(front, tmp_path, arguments, status, text):
     runtime = [] if "--runtime" in arguments else ["--runtime", str(tmp_path / "run")]
     done = subprocess.run([str(front.command()[0]), *runtime, *arguments], capture_output=True, text=True,
                           check=False, stdin=subprocess.DEVNULL)
@@ -652,7 +652,7 @@ def test_start_that_fails_says_why(front, tmp_path, arguments, status, text):
     assert text in done.stdout + done.stderr
 
 
-def test_start_that_fails_is_logged(front, tmp_path):
+def test_failed_start_is_logged(front, tmp_path):
     done = subprocess.run([str(front.command()[0]), "--yang", "/nowhere", "--runtime", str(tmp_path / "run"), "--stderr"],
                           capture_output=True, text=True, check=False, stdin=subprocess.DEVNULL)
     said, logged = done.stderr.splitlines()
@@ -661,14 +661,14 @@ def test_start_that_fails_is_logged(front, tmp_path):
                         "the folder of the YANG modules cannot be used: /nowhere", logged)
 
 
-def test_help_comes_whatever_the_platform_file(front):
+def test_help_works_with_any_platform_file(front):
     done = subprocess.run([str(front.command()[0]), "--help"], capture_output=True, text=True, check=False,
                           env={**os.environ, "LDA_PLATFORM": "/nowhere.toml"})
     assert (done.returncode, done.stderr) == (0, "")
     assert done.stdout.startswith("usage: lda-netconf")
 
 
-def test_requests_before_a_hang_up_are_answered(front):
+def test_requests_before_a_disconnect_are_answered(front):
     """As with `lda-netconf < file`."""
     with front.raw() as session:
         session.request("<get-config><source><running/></source></get-config>")
@@ -679,20 +679,20 @@ def test_requests_before_a_hang_up_are_answered(front):
         assert session.process.wait(timeout=20) == 0
 
 
-def test_client_without_a_hello_is_not_waited_for(front, silent):
+def test_client_without_a_hello_times_out(front, silent):
     left = silent.started + 45 - time.monotonic()
     assert silent.process.wait(timeout=max(1, left)) == 1
     own_lines = [line for line in front.log().splitlines() if f"session {silent.session_id} (" in line]
     assert own_lines[-1].endswith("): ended: the client sent no hello in time")
 
 
-def test_client_that_reads_no_answer_is_cut_off(front, deaf):
+def test_client_that_reads_no_answer_is_disconnected(front, deaf):
     left = deaf.started + 45 - time.monotonic()
     assert deaf.process.wait(timeout=max(1, left)) == 1
     own_lines = [line for line in front.log().splitlines() if f"session {deaf.session_id} (" in line]
     assert own_lines[-1].endswith("): ended: a message took too long, or nobody reads")
 
 
-def test_session_may_be_idle_for_longer_than_an_answer_may_take(front, idle):
+def test_session_may_be_idle_longer_than_the_answer_timeout(front, idle):
     """It is more than half a minute old by now, because earlier tests have waited that long."""
     assert "<rpc-reply" in idle.rpc("<get-config><source><running/></source></get-config>")

@@ -80,7 +80,7 @@ def test_configuration_has_no_state(looped):
     assert found(looped.get_config("running", filter=("subtree", LOOP_DETECT))) == [("loop-policy", "1")]
 
 
-def test_looped_port_that_fits_no_model_is_left_out(front, looped):
+def test_looped_port_outside_the_model_is_omitted(front, looped):
     database = front.lab.database(APP_DB)
     records = {"out of range": ("swp2", 7), "quotes": ("it's \"odd\"", 1), "again": ("swp1", 0)}
     for key, (name, policy) in records.items():

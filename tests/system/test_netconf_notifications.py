@@ -93,7 +93,7 @@ def test_two_subscribers_see_the_same_in_order(own_front):
         assert sorted(rest) == [("swp1", "2", "0", "0", "1"), ("swp3", "2", "0", "0", "1")]
 
 
-def test_notification_is_whole_and_dated(front):
+def test_notification_has_all_leaves_and_a_time(front):
     with front.raw() as session:
         assert "<ok/>" in session.rpc(SUBSCRIBE)
         publish(front)
@@ -120,7 +120,7 @@ def test_filter_chooses_notifications(front):
 
 
 @pytest.mark.parametrize("prefix, attribute", [("", "type"), ("", "nc:type"), ("nc:", "type")])
-def test_filter_may_stand_in_either_namespace(front, prefix, attribute):
+def test_filter_may_use_either_namespace(front, prefix, attribute):
     """The standard has the filter in the namespace of notifications; ncclient sends it in that of the base
     protocol."""
     content = STATE.format("<loop-notify><notify-entry><name>swp3</name></notify-entry></loop-notify>")
@@ -134,7 +134,7 @@ def test_filter_may_stand_in_either_namespace(front, prefix, attribute):
         assert told(session.read())[0] == "swp3"
 
 
-def test_requests_go_on_under_a_subscription(front):
+def test_requests_are_answered_during_a_subscription(front):
     with front.connect() as session:
         session.create_subscription()
         for number in range(20):
@@ -145,7 +145,7 @@ def test_requests_go_on_under_a_subscription(front):
         assert [next_told(session)[0] for _ in range(20)] == [f"port{number}" for number in range(20)]
 
 
-def test_session_without_a_subscription_is_told_nothing(front):
+def test_session_without_a_subscription_gets_no_notifications(front):
     with front.raw() as session:
         assert listeners(front) == 0
         publish(front)
@@ -181,7 +181,7 @@ def test_replay_and_other_streams_are_refused(front, elements, tag, info):
     ('type="xpath" select="///["', "operation-failed"),
     ('type="xpath"', "missing-attribute"),
 ])
-def test_filter_that_cannot_choose_is_refused_at_once(front, attributes, tag):
+def test_unusable_filter_is_refused_at_once(front, attributes, tag):
     with front.raw() as session:
         reply = session.rpc(f'<create-subscription xmlns="{EVENT}"><filter {attributes}/></create-subscription>')
         assert f"<error-tag>{tag}</error-tag>" in reply
@@ -206,7 +206,7 @@ def test_stream_is_listed(front):
 @pytest.mark.parametrize("record", [
     b"", b"\2", b"\2garbage", b"\0\0\0\0", b"\2" + b"\xff" * 1000,
 ], ids=["empty", "bare", "garbage", "another operation", "long"])
-def test_records_that_make_no_sense_are_dropped(front, record):
+def test_invalid_records_are_dropped(front, record):
     with front.raw() as session:
         session.rpc(SUBSCRIBE)
         front.lab.database(LOCAL_DB).publish(CHANNEL, record)
@@ -223,7 +223,7 @@ def test_records_that_make_no_sense_are_dropped(front, record):
     assert len(dropped) >= 5
 
 
-def test_restarted_database_is_subscribed_to_again(own_front):
+def test_subscription_is_renewed_after_a_database_restart(own_front):
     with own_front.connect() as session:
         session.create_subscription()
         for name in ("one", "two"):
@@ -254,7 +254,7 @@ def test_subscription_without_a_database_is_refused(own_front):
         assert session.create_subscription().ok
 
 
-def test_subscriber_that_never_reads_delays_nobody(front):
+def test_subscriber_that_never_reads_delays_no_other(front):
     """It is cut off when a thousand notifications have waited for 5 s; until then the others notice nothing."""
     with front.raw() as lazy, front.raw() as eager:
         lazy.rpc(SUBSCRIBE)
@@ -275,7 +275,7 @@ def test_subscriber_that_never_reads_delays_nobody(front):
     assert "ended: the client leaves 1000 notifications unread" in front.log()
 
 
-def test_burst_is_no_fault_of_the_client(front):
+def test_burst_does_not_disconnect_the_client(front):
     """More notifications than may wait arrive while the session is busy; the client reads them all, late."""
     with front.raw() as session:
         session.rpc(SUBSCRIBE)
@@ -313,7 +313,7 @@ def output_is_full(session):
         os.close(descriptor)
 
 
-def test_client_that_reads_no_replies_ends_alone(front):
+def test_client_that_reads_no_replies_ends_only_its_own_session(front):
     """Its requests are not read or executed, and the session can be killed."""
     with front.raw() as lazy, front.connect() as session:
         fcntl.fcntl(lazy.process.stdin, fcntl.F_SETFL, os.O_NONBLOCK)
@@ -327,7 +327,7 @@ def test_client_that_reads_no_replies_ends_alone(front):
         assert lazy.process.wait(timeout=20) == 0
 
 
-def test_agent_killed_and_started_again_goes_on_telling(own_front):
+def test_notifications_continue_after_an_agent_restart(own_front):
     with own_front.connect() as session:
         session.create_subscription()
         own_front.lab.kill_agent(signal.SIGKILL)

@@ -30,7 +30,7 @@ def shell(text, output):
                           check=False).returncode
 
 
-def test_session_of_the_page_runs(blocks, tmp_path):
+def test_documented_session_works(blocks, tmp_path):
     set_up, client, loop, take_down = blocks
     said = tmp_path / "said"
     make_privilege_folder()
@@ -53,7 +53,7 @@ def test_session_of_the_page_runs(blocks, tmp_path):
             assert shell(take_down, noise) == 0
 
 
-def test_sample_for_sshd_is_accepted(tmp_path):
+def test_sshd_sample_configuration_is_valid(tmp_path):
     make_privilege_folder()
     subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", str(tmp_path / "host")], check=True)
     sample = (ROOT / "packaging" / "sshd-netconf.conf").read_text()

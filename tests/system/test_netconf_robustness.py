@@ -106,7 +106,7 @@ def test_thirty_sessions_at_once(front):
     wait_for(lambda: not front.lab.database(APP_DB).keys("p_app.lda_loop_entry/*"), 20, "the loop is cleared")
 
 
-def test_sessions_that_come_and_go_leave_nothing_behind(front):
+def test_closed_sessions_leak_nothing(front):
     """Most of them start the program directly: the handshake of SSH would take minutes."""
     before = without_sessions(front)
 
@@ -133,7 +133,7 @@ def test_sessions_that_come_and_go_leave_nothing_behind(front):
         assert session.lock("running").ok
 
 
-def test_client_that_is_cut_off_leaves_nothing_behind(front):
+def test_disconnected_client_leaks_nothing(front):
     before = without_sessions(front)
     with front.connect() as session:
         session.create_subscription()
@@ -169,7 +169,7 @@ def test_idle_session_sleeps_and_is_small(front):
         assert status_of(pid, "VmRSS") <= 20 * 1024
 
 
-def test_session_whose_database_is_away_sleeps():
+def test_session_without_a_database_sleeps():
     with Lab(store="redis") as lab:
         lab.start_redis()
         with Front(lab) as own_front, own_front.raw() as session:
@@ -196,7 +196,7 @@ def test_session_limits_itself(front):
         assert ignored >> (signal.SIGPIPE - 1) & 1
 
 
-def test_name_from_a_client_is_logged_in_plain_letters(front):
+def test_name_from_a_client_is_logged_as_ascii(front):
     with front.raw(hello=False) as session:
         session.send(f'<hello xmlns="{BASE}"><c\u00f6ps\u3042><a/></c\u00f6ps\u3042></hello>]]>]]>'.encode())
         assert session.process.wait(timeout=20) == 1
@@ -238,7 +238,7 @@ HELLO = (f'<hello xmlns="{BASE}"><capabilities><capability>urn:ietf:params:netco
          "%s</hello>]]>]]>")
 
 
-def test_client_of_the_first_version_is_served_in_its_framing(front):
+def test_base_1_0_client_gets_base_1_0_framing(front):
     with front.raw(hello=False) as session:
         session.send((HELLO % ("1.0", "")).encode())
         for _ in range(2):
@@ -248,14 +248,14 @@ def test_client_of_the_first_version_is_served_in_its_framing(front):
 
 
 @pytest.mark.parametrize("version, more", [("2.0", ""), ("1.1", "<session-id>7</session-id>")])
-def test_hello_that_must_not_be_taken_ends_the_session(front, version, more):
+def test_invalid_hello_ends_the_session(front, version, more):
     with front.raw(hello=False) as session:
         session.send((HELLO % (version, more)).encode())
         assert session.process.wait(timeout=20) == 1
         assert front.log().splitlines()[-1].endswith("ended: the client's hello is invalid")
 
 
-def test_hello_without_an_end_ends_the_session(front):
+def test_unterminated_hello_ends_the_session(front):
     with front.raw(hello=False) as session:
         session.send(b"x" * (64 * 1024 + 6))
         assert session.process.wait(timeout=20) == 1
@@ -297,7 +297,7 @@ def test_session_of_another_user_cannot_be_killed(front, tmp_path):
 
 
 @pytest.mark.parametrize("number", [signal.SIGTERM, signal.SIGHUP, signal.SIGINT])
-def test_session_that_is_told_to_end_says_so(front, number):
+def test_session_ended_by_a_signal_logs_it(front, number):
     with front.raw() as session:
         session.rpc("<get/>")
         session.process.send_signal(number)
@@ -305,7 +305,7 @@ def test_session_that_is_told_to_end_says_so(front, number):
         assert front.log().splitlines()[-1].endswith(f"session {session.session_id} ({USER}): terminated from outside")
 
 
-def test_crash_of_the_reading_thread_is_told(front):
+def test_crash_of_the_reading_thread_is_logged(front):
     """A signal to only that thread, as a crash in it would raise."""
     with front.raw() as session:
         session.rpc("<get/>")
@@ -316,7 +316,7 @@ def test_crash_of_the_reading_thread_is_told(front):
         assert front.log().splitlines()[-1].endswith("ended: a message broke the parser (memory)")
 
 
-def test_client_that_will_never_read_again_is_gone(front):
+def test_session_ends_when_its_client_closes_the_pipe(front):
     """Its session ends without a request or a notification."""
     with front.raw() as session:
         session.rpc(f'<create-subscription xmlns="{EVENT}"/>')
@@ -325,7 +325,7 @@ def test_client_that_will_never_read_again_is_gone(front):
         assert front.log().splitlines()[-1].endswith("ended: the client went away")
 
 
-def test_input_that_ends_within_a_message_is_told(front):
+def test_input_that_ends_within_a_message_is_logged(front):
     with front.raw() as session:
         session.send(b"\n#10\n<rpc")
         session.process.stdin.close()
@@ -333,7 +333,7 @@ def test_input_that_ends_within_a_message_is_told(front):
     assert front.log().splitlines()[-1].endswith("ended: the input ends within a message")
 
 
-def test_request_that_makes_no_sense_is_answered_or_ends_the_session(front):
+def test_malformed_request_is_answered_or_ends_the_session(front):
     with front.raw() as session:
         assert "<rpc-error>" in session.rpc("<no-such-operation/>")
         assert "<rpc-error>" in session.rpc("<get><unknown/></get>")

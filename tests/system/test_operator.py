@@ -36,7 +36,7 @@ def ask(client, **request):
     return json.loads(reply)
 
 
-def test_loop_is_shut_recovered_and_forgotten(lab):
+def test_loop_is_shut_recovered_and_cleared(lab):
     lab.configure("loop-detect enable shutdown access-mode", "loop-detect shutdown-recover-time 90")
     lab.cli("test loop plug swp2 swp5")
     for port in ("swp2", "swp5"):
@@ -51,7 +51,7 @@ def test_loop_is_shut_recovered_and_forgotten(lab):
     assert "apply shutdown-port" not in lab.cli("show running-config")
 
 
-def test_shell_exit_status_tells_done_refused_and_not_reachable(lab):
+def test_shell_exit_status_distinguishes_done_refused_and_unreachable(lab):
     assert lab.cli_status("show loop-detect") == 0
     assert lab.cli_status("show nothing-of-the-kind") == 1
     nobody = subprocess.run([str(BUILD / "tools/ldash/ldash"), "-s", str(lab.folder / "no.sock"), "-c",
@@ -85,12 +85,12 @@ def test_bad_line_is_answered_with_the_reason(lab, line, word):
 @pytest.mark.parametrize("line", ["loop-detect shutdown-recover-time 89",
                                   "loop-detect shutdown-recover-time 1000001",
                                   "loop-detect shutdown-recover-time 99999999999999999999999"])
-def test_number_out_of_range_changes_nothing(lab, line):
+def test_number_out_of_range_is_refused(lab, line):
     assert lab.cli_status("configure terminal", line) == 1
     assert "shutdown-recover-time" not in lab.cli("show running-config")
 
 
-def test_sessions_up_to_the_limit_and_one_more(lab):
+def test_session_beyond_the_limit_is_refused(lab):
     clients = [connect(lab) for _ in range(64)]
     for client in clients:
         client.sendall(b'{"exec": "show loop-detect"}\n')
@@ -120,13 +120,13 @@ def test_loop_is_shut_although_idle_shells_hold_every_session(lab):
     assert lab.cli("show running-config").count(" shutdown\n") == 2
 
 
-def test_shell_reaches_the_agent_again_after_its_socket_was_removed(lab):
+def test_shell_reconnects_after_the_agents_socket_was_removed(lab):
     lab.cli_socket.unlink()
     wait_for(lambda: lab.cli_status("show version") == 0, 10, "the socket is back")
     assert "was removed; operators can connect again." in lab.log()
 
 
-def test_client_that_leaves_in_mid_request_disturbs_nobody(lab):
+def test_client_that_disconnects_during_a_request_disturbs_no_other(lab):
     for _ in range(20):
         client = connect(lab)
         client.sendall(b'{"exec": "show runn')
@@ -137,7 +137,7 @@ def test_client_that_leaves_in_mid_request_disturbs_nobody(lab):
     assert lab.cli_status("show loop-detect") == 0
 
 
-def test_client_that_never_reads_disturbs_nobody(lab):
+def test_client_that_never_reads_disturbs_no_other(lab):
     client = connect(lab)
     client.settimeout(2)
     request = b'{"exec": "show running-config"}\n' * 200
@@ -151,7 +151,7 @@ def test_client_that_never_reads_disturbs_nobody(lab):
 
 
 @pytest.mark.parametrize("request_line", [b"not json\n", b"[]\n", b"{}\n", b'{"exec": 5}\n', b"\x00\xff\n"])
-def test_request_that_is_no_request_is_answered(lab, request_line):
+def test_malformed_request_is_answered(lab, request_line):
     with connect(lab) as client:
         client.sendall(request_line)
         assert json.loads(client.recv(65536))["result"] != 0
@@ -163,7 +163,7 @@ def test_request_that_is_no_request_is_answered(lab, request_line):
     ('colour = "red"\n', 1, "colour"),
     ('switch = "linux"\nstore = "redis"\n[clock]\nspeed = 10.0\n', 4, "speed"),
 ])
-def test_bad_platform_file_ends_the_start_with_file_line_and_reason(text, line, reason):
+def test_bad_platform_file_is_reported_with_line_and_reason(text, line, reason):
     with Lab() as lab:
         lab.platform_file.write_text(text)
         lab.start_agent(wait=False)
@@ -173,7 +173,7 @@ def test_bad_platform_file_ends_the_start_with_file_line_and_reason(text, line, 
         assert reason in message
 
 
-def test_missing_platform_file_ends_the_start_with_the_reason():
+def test_missing_platform_file_is_reported():
     with Lab() as lab:
         lab.platform_file.unlink()
         lab.start_agent(wait=False)
@@ -181,7 +181,7 @@ def test_missing_platform_file_ends_the_start_with_the_reason():
         assert str(lab.platform_file) in lab.agent_log.read_text()
 
 
-def test_bad_line_of_the_saved_configuration_is_named_and_the_rest_applied():
+def test_bad_line_of_the_saved_configuration_is_reported_and_the_rest_applied():
     with Lab(ports=4, speed=60) as lab:
         lab.startup_config.write_text("loop-detect enable shutdown access-mode\n"
                                       "loop-detect frobnicate\n"
@@ -194,7 +194,7 @@ def test_bad_line_of_the_saved_configuration_is_named_and_the_rest_applied():
         assert any("line 2" in line and "frobnicate" in line for line in lab.log().splitlines())
 
 
-def test_agent_killed_with_a_port_shut_still_brings_it_back(lab):
+def test_agent_killed_with_a_port_shut_still_recovers_it(lab):
     lab.configure("loop-detect enable shutdown access-mode", "loop-detect shutdown-recover-time 90")
     lab.cli("test loop plug swp1 swp3")
     wait_for(lambda: lab.saved().count("apply shutdown-port") == 2, 10, "both marks are saved")
@@ -214,7 +214,7 @@ def test_help_and_wrong_arguments():
     assert refused.returncode == 2 and "--frobnicate" in refused.stderr
 
 
-def test_closed_standard_descriptors_are_not_given_to_sockets():
+def test_sockets_never_take_closed_standard_descriptors():
     """Otherwise the first socket would become standard output, and its peer would read what is printed."""
     with Lab() as lab:
         closed = ["sh", "-c", 'exec "$0" <&- >&- 2>&-', str(BUILD / "platform" / "lda")]
@@ -228,7 +228,7 @@ def test_closed_standard_descriptors_are_not_given_to_sockets():
         assert opened == ["/dev/null"] * 3
 
 
-def test_shell_says_that_it_waits_for_a_switch_that_does_not_answer(tmp_path):
+def test_shell_reports_a_switch_that_does_not_answer(tmp_path):
     path = str(tmp_path / "deaf.sock")
     with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as deaf:
         deaf.bind(path)

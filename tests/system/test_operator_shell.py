@@ -14,7 +14,7 @@
 | `show users`, `show history` | test_sessions_and_their_lines, on a terminal in test_cli_keys.py |
 | `clear logging` | test_log_is_cleared |
 | configuration lines in the log | test_config_safety.py |
-| `configure exclusive`, `clear configure lock` | test_config_safety.py, test_lock_is_taken_away |
+| `configure exclusive`, `clear configure lock` | test_config_safety.py, test_lock_can_be_cleared |
 | `configure terminal revert`, `configure confirm` | test_config_safety.py |
 | idle timeout | test_config_safety.py |
 """
@@ -124,7 +124,7 @@ def test_log_is_cleared(lab):
     assert '%CLI-6-CONFIG: "clear logging" by ' in lab.agent_log.read_text()
 
 
-def test_lock_is_taken_away(lab):
+def test_lock_can_be_cleared(lab):
     refused = lab.ldash("clear configure lock")
     assert (refused.returncode, refused.stdout) == (1, "% Nobody has locked the configuration.\n")
     lost = lab.ldash("configure exclusive", "do clear configure lock", "tarn enable")

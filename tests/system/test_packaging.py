@@ -20,7 +20,7 @@ def output_of(*command, text=""):
 
 
 @pytest.mark.parametrize("page", PAGES, ids=lambda page: page.stem)
-def test_man_page_is_clean(page, tmp_path):
+def test_man_page_renders_without_warnings(page, tmp_path):
     roff = tmp_path / page.stem
     roff.write_text(output_of("scdoc", text=page.read_text()).stdout)
     shown = output_of("man", "--warnings", "--local-file", str(roff))
@@ -28,7 +28,7 @@ def test_man_page_is_clean(page, tmp_path):
     assert f"{page.stem.rpartition('.')[0]} - " in shown.stdout
 
 
-def test_man_pages_name_what_there_is():
+def test_man_pages_refer_to_existing_pages():
     """Each page that another one refers to exists, or belongs to another package."""
     others = {"redis-cli(1)", "sd_notify(3)", "sshd(8)", "sshd_config(5)"}
     own = {f"{name}({section})" for name, _, section in (page.stem.rpartition(".") for page in PAGES)}
@@ -39,20 +39,20 @@ def test_man_pages_name_what_there_is():
 
 
 @pytest.mark.parametrize("unit", EXPOSURE)
-def test_unit_can_do_no_more_than_it_must(unit):
+def test_unit_stays_within_its_exposure_level(unit):
     verdict = output_of("systemd-analyze", "security", "--offline=true", "--no-pager", str(UNITS / unit)).stdout
     level = float(re.search(r"Overall exposure level for \S+: ([\d.]+)", verdict)[1])
     assert level <= EXPOSURE[unit]
 
 
-def test_units_are_understood():
+def test_units_pass_verification():
     """systemd-analyze names each unknown setting; missing programs and pages are not the units' fault."""
     verdict = subprocess.run(["systemd-analyze", "verify", "--man=no", *(str(UNITS / unit) for unit in EXPOSURE)],
                              capture_output=True, text=True, check=False).stderr
     assert [line for line in verdict.splitlines() if "is not executable" not in line] == []
 
 
-def test_every_unit_of_the_package_is_known_here():
+def test_every_unit_of_the_package_is_tested():
     assert {path.name for path in UNITS.iterdir()} == set(EXPOSURE)
 
 
@@ -117,7 +117,7 @@ def test_platform_files_are_checked_without_a_start(tmp_path):
         f"lda: {tmp_path}/none.toml: cannot be read: No such file or directory\n")
 
 
-def test_every_test_that_the_security_page_names_is_there():
+def test_every_test_named_on_the_security_page_exists():
     named = re.findall(r"`(\w+\.(?:cpp|py))`", (ROOT / "docs" / "security.md").read_text())
     there = {path.name for path in (ROOT / "tests").rglob("*_test.cpp")} | {
         path.name for path in (ROOT / "tests").rglob("test_*.py")}

@@ -25,7 +25,7 @@ def join(lab, *ports):
         lab.plug(port)
 
 
-def test_storm_between_two_ports_is_judged_shut_and_over(lab):
+def test_storm_between_two_ports_is_detected_and_ended(lab):
     # The bridge also floods out of swp4, where nobody listens.
     readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4")}
     join(lab, "swp1", "swp2")
@@ -58,7 +58,7 @@ def test_storm_between_two_ports_is_judged_shut_and_over(lab):
     assert DETECTED.format("swp3") not in lab.log()
 
 
-def test_port_removed_in_mid_storm_gets_its_rule_back(lab):
+def test_port_removed_during_a_storm_gets_its_rule_again(lab):
     lab.watch(RATE, "swp1", "swp2")
     join(lab, "swp1", "swp2")
     wait_for(lambda: lab.rules() == ["swp1", "swp2", "swp3", "swp4"], 5, "the rules are there")
@@ -75,7 +75,7 @@ def test_port_removed_in_mid_storm_gets_its_rule_back(lab):
     assert lab.cli_status("show loop-detect") == 0
 
 
-def test_other_tables_stay_and_our_own_goes_with_the_agent(lab):
+def test_agent_removes_its_own_table_and_no_other(lab):
     assert lab.kill_agent(signal.SIGTERM) == -signal.SIGTERM
     lab.inside("nft", "add table netdev theirs; add chain netdev theirs in { type filter hook ingress device "
                '"swp1" priority 5; policy accept; }; add rule netdev theirs in counter; add table inet lda; '
@@ -95,7 +95,7 @@ def test_other_tables_stay_and_our_own_goes_with_the_agent(lab):
     assert lab.ruleset() == theirs
 
 
-def test_agent_without_the_privilege_says_so_and_goes_on_with_the_probes(lab):
+def test_agent_without_the_privilege_reports_it_and_still_probes(lab):
     lab.kill_agent(signal.SIGTERM)
     lab.start_agent(through=["setpriv", "--bounding-set=-net_admin"])
     lab.configure("loop-detect enable shutdown access-mode")

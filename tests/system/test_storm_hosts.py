@@ -39,7 +39,7 @@ def talk(lab, seconds, at_a_time=PAIRS, turn=1):
     return seen
 
 
-def test_many_hosts_that_talk_are_no_storm_also_when_they_are_forgotten(lab):
+def test_traffic_of_many_hosts_is_no_storm_even_when_their_addresses_expire(lab):
     lab.watch(RATE, *lab.port_names)
     seen = talk(lab, seconds=6)
     assert len([host for host in seen[-1] if host.startswith("02:00:00:0")]) == 2 * PAIRS

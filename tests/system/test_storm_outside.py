@@ -21,7 +21,7 @@ def wide_lab(kernel_ports):
         yield the_lab
 
 
-def test_outside_ring_behind_one_port_is_judged_shut_and_over(wide_lab):
+def test_outside_ring_behind_one_port_is_detected_and_ended(wide_lab):
     lab = wide_lab
     # The bridge also floods out of swp4, where nobody listens.
     readings = {"softirq": softirq_seconds, "flooded": lambda: lab.sent("swp4"),
@@ -79,7 +79,7 @@ def polled(lab, **expected):
     return wait_for(record_if_so, 15, f"the record shows {expected}", every=0.1)
 
 
-def rate_raised_begins_the_judgement_anew(lab):
+def raised_rate_restarts_detection(lab):
     lab.watch(RATE, "swp1")
     lab.make_outside_ring(SPEED)
     assert "limit rate over 200/second burst 800 packets" in lab.chain("swp1")
@@ -104,7 +104,7 @@ def rate_raised_begins_the_judgement_anew(lab):
     assert measure(1, received=lambda: lab.received("swp1")).received.average == 0
 
 
-def rate_lowered_ends_the_loop_until_it_is_judged_again(lab):
+def lowered_rate_ends_the_loop_until_it_is_detected_again(lab):
     lab.watch(RATE, "swp1", policy="")
     lab.make_outside_ring(SPEED)
     lab.plug("swp1")
@@ -125,7 +125,7 @@ def rate_lowered_ends_the_loop_until_it_is_judged_again(lab):
     assert lab.is_up("swp1")
 
 
-def test_rate_changed_in_mid_storm(kernel_ports):
+def test_rate_change_during_a_storm(kernel_ports):
     with StormLab(ports=4) as one, StormLab(ports=4) as another:
-        at_once(lambda: rate_raised_begins_the_judgement_anew(one),
-                lambda: rate_lowered_ends_the_loop_until_it_is_judged_again(another))
+        at_once(lambda: raised_rate_restarts_detection(one),
+                lambda: lowered_rate_ends_the_loop_until_it_is_detected_again(another))

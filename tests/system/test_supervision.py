@@ -32,7 +32,7 @@ class Supervisor:
                 return text in self.told
 
 
-def test_ready_once_the_configuration_is_in_force():
+def test_ready_is_sent_once_the_configuration_is_applied():
     with Lab() as lab:
         supervisor = Supervisor(lab.folder)
         lab.startup_config.write_text("loop-detect enable\nend\n")
@@ -42,7 +42,7 @@ def test_ready_once_the_configuration_is_in_force():
         assert [text for text in supervisor.told if "READY" in text] == ["READY=1\nSTATUS=running"]
 
 
-def test_status_names_the_databases_that_are_away():
+def test_status_names_the_disconnected_databases():
     with Lab(store="redis") as lab:
         supervisor = Supervisor(lab.folder)
         lab.start_agent(wait=False, through=supervisor.through())
@@ -55,7 +55,7 @@ def test_status_names_the_databases_that_are_away():
         wait_for(lambda: supervisor.heard("STATUS=waiting for databases 3, 4, 8, 22"), 20, "they are missing again")
 
 
-def test_watchdog_is_fed_only_while_the_loop_turns():
+def test_watchdog_is_fed_only_while_the_loop_runs():
     with Lab() as lab:
         supervisor = Supervisor(lab.folder)
         # The socket holds only a few unread messages: without a reader the agent would wait.
@@ -74,7 +74,7 @@ def test_watchdog_is_fed_only_while_the_loop_turns():
         wait_for(lambda: supervisor.heard("WATCHDOG=1"), 10, "the watchdog is fed again")
 
 
-def test_standby_is_ready_and_says_what_it_is():
+def test_standby_is_ready_and_reports_its_role():
     with Lab() as lab:
         lab.write_platform_file('[role]\nmode = "lease"\n')
         lab.start_agent()
@@ -93,7 +93,7 @@ def kernel_lab(kernel_ports):
         yield lab
 
 
-def test_agent_needs_no_more_than_to_administer_the_network(kernel_lab):
+def test_agent_needs_only_the_network_administration_capability(kernel_lab):
     """The packaged agent runs as its own user; here as nobody, with the one capability."""
     lab = kernel_lab
     lab.start_redis()

@@ -90,29 +90,29 @@ def test_ports_are_shown_as_a_table(tmp_path):
         "swp2             looped    access  30 ms   2026-01-31 23:59:59  swp1 -> swp2, VLAN 1, 41 us, by move\n")
 
 
-def test_json_is_the_service_s_own(tmp_path):
+def test_json_is_the_services_reply(tmp_path):
     request, output = ask(tmp_path, [PORT_2, {"done": True}], "--json", "show", "swp2")
     assert request == {"do": "show", "port": "swp2"}
     assert [json.loads(line) for line in output.splitlines()] == [PORT_2]
 
 
-def test_counters_are_a_line_each(tmp_path):
+def test_each_counter_has_a_line(tmp_path):
     request, output = ask(tmp_path, [{"counters": {"sent": 12, "loops_move": 3}}, {"done": True}], "counters")
     assert request == {"do": "counters"}
     assert output == "sent             12\nloops move       3\n"
 
 
-def test_what_a_probe_finds_is_said(tmp_path):
+def test_probe_result_is_printed(tmp_path):
     request, output = ask(tmp_path, [{"returned": "swp2", "path_us": 38}, {"done": True}], "probe", "swp1")
     assert request == {"do": "probe", "port": "swp1"}
     assert output == "back on swp2 after 38 us\n"
 
 
-def test_a_probe_that_is_lost_is_an_answer_too(tmp_path):
+def test_lost_probe_is_printed_as_an_answer(tmp_path):
     assert ask(tmp_path, [{"done": True}], "probe", "swp1")[1] == "nothing came back\n"
 
 
-def test_events_are_a_line_each_until_the_service_ends(tmp_path):
+def test_each_event_has_a_line_until_the_service_ends(tmp_path):
     time = "2026-01-31T23:59:59Z"
     events = [{"event": "loop", **LOOP}, {"event": "cut", "port": "swp2", "time": time},
               {"event": "cut-failed", "port": "swp2", "reason": "No such device", "time": time},
@@ -129,26 +129,26 @@ def test_events_are_a_line_each_until_the_service_ends(tmp_path):
     assert (done.returncode, done.stderr) == (2, "tarnctl: the connection to tarnd is lost\n")
 
 
-def test_refusal_is_status_1(tmp_path):
+def test_refusal_exits_with_1(tmp_path):
     with Service(tmp_path, [{"error": "swp9: the port is not in the bridge"}]) as service:
         done = tarnctl("-s", service.path, "probe", "swp9")
     assert (done.returncode, done.stdout, done.stderr) == (1, "", "tarnctl: swp9: the port is not in the bridge\n")
 
 
 @pytest.mark.parametrize("answer", [b"", b"{\"state\"", b"17\n", b"\xff\xfe\n", b"[]\n", b"\n"])
-def test_a_service_that_answers_nonsense_is_status_2(tmp_path, answer):
+def test_invalid_answer_exits_with_2(tmp_path, answer):
     with Service(tmp_path, answer) as service:
         done = tarnctl("-s", service.path, "show")
     assert (done.returncode, done.stderr) == (2, "tarnctl: the connection to tarnd is lost\n")
 
 
-def test_fields_of_other_types_do_not_end_it(tmp_path):
+def test_fields_of_unexpected_types_are_tolerated(tmp_path):
     odd = {"port": 7, "state": ["x"], "role": None, "guard_ms": "x", "loop": {"time": 5}}
     assert ask(tmp_path, [odd, {"done": True}], "show")[1].splitlines()[1] == (
         '7                ["x"]     -       x ms    5  - -> -, VLAN -, - us, by -')
 
 
-def test_usage_and_a_service_that_is_not_there(tmp_path):
+def test_usage_and_missing_service(tmp_path):
     done = tarnctl("--help")
     assert (done.returncode, done.stdout, done.stderr) == (0, USAGE, "")
     for wrong in ([], ["shwo"], ["probe"], ["show", "swp1", "swp2"], ["counters", "swp1"], ["watch", "x"]):

@@ -23,7 +23,7 @@ def undoing(config):
     return [line if line.startswith("interface ") else f"no {line}" for line in lines]
 
 
-def test_no_in_front_of_each_line_leads_back_to_the_defaults(lab):
+def test_no_form_of_each_line_restores_the_defaults(lab):
     empty = lab.cli("show running-config")
     lab.configure(*GLOBAL, "interface swp2", *PORT)
     # The agent adds its own lines to each port.

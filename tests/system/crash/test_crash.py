@@ -14,7 +14,7 @@ ENOUGH = 3  # bad rounds to report before skipping the rest
 
 
 @pytest.mark.parametrize("rounds, slow_sync", [(39, False), (21, True)], ids=["fast-disk", "slow-disk"])
-def test_agent_that_dies_leaves_no_port_down_without_an_owner(kernel_ports, rounds, slow_sync):
+def test_killed_agent_leaves_no_port_down_without_an_owner(kernel_ports, rounds, slow_sync):
     bad, played = [], 0
     for one in play_rounds(SEED, rounds, slow_sync=slow_sync):
         played += 1
