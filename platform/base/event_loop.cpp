@@ -185,7 +185,7 @@ struct EventLoop::Impl {
     void wait();
     bool linger() EXCLUDES(mutex);
     bool anything_posted() EXCLUDES(mutex);
-    bool anything_left() const;
+    bool has_work() const;
     bool start(Work work);
     void wake_seen() const;
     void alarm_seen();
@@ -323,7 +323,7 @@ void EventLoop::Impl::take_deferred() {
     deferred.clear();
 }
 
-bool EventLoop::Impl::anything_left() const {
+bool EventLoop::Impl::has_work() const {
     return !timers.empty() || !watches.empty();
 }
 
@@ -369,8 +369,8 @@ bool EventLoop::Impl::linger() {
     while (!anything_posted() && !stopped.load() && std::chrono::steady_clock::now() < until) {
         sched_yield();  // the other thread may be waiting for this processor
     }
-    Expected in_vain = Expected::kPost;
-    expected.compare_exchange_strong(in_vain, Expected::kNothing);
+    Expected still_expected = Expected::kPost;
+    expected.compare_exchange_strong(still_expected, Expected::kNothing);
     return anything_posted();
 }
 
@@ -393,7 +393,7 @@ bool EventLoop::Impl::find_work() {
         if (stopped.load() || anything_posted() || clock.idle()) {
             continue;
         }
-        if (!anything_left() && !anything_posted()) {
+        if (!has_work() && !anything_posted()) {
             return false;
         }
         wait();

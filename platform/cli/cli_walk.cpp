@@ -133,11 +133,12 @@ bool cli_walk::prefix_fits() const {
 }
 
 void cli_walk::hint(std::string_view word, std::string_view help) {
-    const bool no_way = (pcdb->prefix & CLI_PREFIX_NO) && !place.no_allowed && !place.no_in_tree;
-    const bool default_way = (pcdb->prefix & CLI_PREFIX_DEFAULT) && !place.default_in_tree;
+    const bool no_refused =
+        (pcdb->prefix & CLI_PREFIX_NO) && !place.no_allowed && !place.no_in_tree;
+    const bool default_refused = (pcdb->prefix & CLI_PREFIX_DEFAULT) && !place.default_in_tree;
     const bool known = std::any_of(hints_.begin(), hints_.end(),
                                    [&](const Hint& other) { return other.word == word; });
-    if (!no_way && !default_way && !known && word.starts_with(word_->text)) {
+    if (!no_refused && !default_refused && !known && word.starts_with(word_->text)) {
         hints_.push_back({std::string(word), std::string(help), true});
     }
 }

@@ -54,7 +54,8 @@ bool explains_shutdown(const ConfigSection& section) {
 // A saved configuration that was lost or replaced does not say why a port is down. If the
 // journal's newest record says that a program shut it, the port belongs to that program again;
 // otherwise nobody would ever bring it up.
-void claim_held(std::vector<ConfigSection>& sections, const std::vector<JournalRecord>& records) {
+void reclaim_held_ports(std::vector<ConfigSection>& sections,
+                        const std::vector<JournalRecord>& records) {
     std::map<std::string, const ConfigSection*> newest;
     for (const JournalRecord& record : records) {
         newest[record.section.port] = &record.section;
@@ -137,7 +138,7 @@ void ConfigKeeper::announce() {
         }
         replaying_ = false;
         replayed_ = true;
-        saver_.allow_unasked(may_be_replaced_);
+        saver_.allow_autosave(may_be_replaced_);
         end_replay();
         resume_timed_return();
     });
@@ -210,7 +211,7 @@ std::vector<ConfigSection> ConfigKeeper::load() {
     std::vector<ConfigSection> sections = parse_config(saved.text);
     const std::vector<JournalRecord> records = read_journal(journal_.path());
     merge(sections, records, saved.journal);
-    claim_held(sections, records);
+    reclaim_held_ports(sections, records);
     note_journal(journal_.open(saved.journal));
     return sections;
 }
@@ -279,7 +280,7 @@ std::string ConfigKeeper::write_ahead(const ConfigSection& section) {
 // Call it after writing a record, with the result of write_ahead().
 void ConfigKeeper::check_journal(const std::string& trouble) {
     if (!path().empty()) {
-        note_journal(trouble.empty() ? journal_.stay_in_place() : trouble);
+        note_journal(trouble.empty() ? journal_.reopen_if_replaced() : trouble);
     }
 }
 
@@ -291,9 +292,9 @@ void ConfigKeeper::note_journal(const std::string& trouble) {
     journal_trouble_ = trouble;
 }
 
-std::string ConfigKeeper::note_wish(uint64_t ifx, std::string_view line) {
+std::string ConfigKeeper::accept_no_shutdown(uint64_t ifx, std::string_view line) {
     ConfigSection section;
-    const bool noted = sections_.wish(static_cast<uint32_t>(ifx), line, section);
+    const bool noted = sections_.accept_no_shutdown(static_cast<uint32_t>(ifx), line, section);
     if (noted) {
         check_journal(write_ahead(section));
         request_save();
@@ -329,7 +330,7 @@ void ConfigKeeper::apply(ConfigSection section, bool known_first) {
             return;
         }
         if (!platform().ports().find(section.port)) {
-            sections_.set_in_force(section.port, number);
+            sections_.clear_pending(section.port, number);
             sections_.keep(section);  // the port has another name now
             return;
         }
@@ -341,7 +342,7 @@ void ConfigKeeper::apply(ConfigSection section, bool known_first) {
         const auto replay = std::make_shared<ConfigReplay>(path(), sections, sections_);
         run(replay, [this, replay, name = section.port, number] {
             if (replay->cut_off().empty()) {
-                sections_.set_in_force(name, number);
+                sections_.clear_pending(name, number);
                 request_save();
             }
         });

@@ -47,9 +47,9 @@ class ConfigKeeper final : public PortObserver {
     // Sets the admin state of a port, on behalf of a program or an operator, so that no crash
     // leaves it without an owner. Returns an empty text on success, else the reason.
     std::string set_admin(uint32_t ifx, bool up, bool by_program);
-    // Takes a line for an absent port: "no shutdown" is carried out when the port returns. Returns
-    // the port's name; empty for any other line and for an unknown port.
-    std::string note_wish(uint64_t ifx, std::string_view line);
+    // Records the line "no shutdown" for an absent port, to execute it when the port returns.
+    // Returns the port's name; empty for any other line and for an unknown port.
+    std::string accept_no_shutdown(uint64_t ifx, std::string_view line);
     // Returns the owner of the port's shutdown.
     ShutBy shut_by(uint32_t ifx) const { return sections_.shut_by(ifx); }
     // Keeps a section for a port that does not exist, in place of an earlier one.

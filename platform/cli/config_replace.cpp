@@ -47,7 +47,7 @@ std::string undoing(SessionState& session, const std::string& line) {
     return parses(session, undo) ? undo : "";
 }
 
-bool execute_or_tell(SessionState& session, const std::string& line, const std::string& where) {
+bool execute_and_report(SessionState& session, const std::string& line, const std::string& where) {
     const Result result = execute(session, line);
     if (result.code == 0 && result.output.empty()) {
         return true;
@@ -77,7 +77,7 @@ bool add_missing(const ConfigSection& section, const ConfigSections& current) {
     for (auto line = lines.begin(); enter_or_keep(section, session) && line != lines.end();
          ++line) {
         const std::string where = "line " + std::to_string(line->number) + ": ";
-        done = execute_or_tell(session, line->text, where) && done;
+        done = execute_and_report(session, line->text, where) && done;
     }
     return done;
 }
@@ -105,7 +105,7 @@ bool remove_superfluous(const std::string& port, const ConfigSections& current,
         if (undo.empty()) {
             cli_printf("%% %s: cannot be undone.\n", line.text.c_str());
         }
-        done = !undo.empty() && execute_or_tell(session, undo, "") && done;
+        done = !undo.empty() && execute_and_report(session, undo, "") && done;
     }
     if (!enter(port, session)) {
         set_absent(port, target);
@@ -166,7 +166,7 @@ int replace_by(const std::string& path, int64_t minutes) {
     if (!obstacle.empty()) {
         return refuse(obstacle);
     }
-    const bool done = put_in_force(*target);
+    const bool done = apply_configuration(*target);
     log_entered(session, line, done ? "" : "some lines refused");
     return done ? 0 : 1;
 }
@@ -200,7 +200,7 @@ int confirm(cli_pcdb*) {
 
 }  // namespace
 
-bool put_in_force(const ConfigSections& target) {
+bool apply_configuration(const ConfigSections& target) {
     bool done = true;
     const ConfigSections before = current_config();
     for (const ConfigSection& section : target) {

@@ -7,6 +7,6 @@ namespace qv::cli {
 
 // Executes the lines that are missing and undoes those that are superfluous. Returns false when a
 // line was refused, and prints the reasons. Sections of absent ports are kept for them.
-bool put_in_force(const ConfigSections& target);
+bool apply_configuration(const ConfigSections& target);
 
 }  // namespace qv::cli

@@ -34,7 +34,7 @@ void ConfigSaver::request() {
 }
 
 void ConfigSaver::schedule() {
-    if (!unasked_ || timer_ || snapshot_ || writing_) {
+    if (!autosave_ || timer_ || snapshot_ || writing_) {
         return;
     }
     const Duration rest = rest_until_ - loop_.clock().now();
@@ -64,7 +64,7 @@ std::string ConfigSaver::save_here() {
 }
 
 void ConfigSaver::save_last() {
-    if (!unasked_) {
+    if (!autosave_) {
         return;
     }
     // The background must not be used any more, so this save answers all callers.
@@ -159,7 +159,7 @@ void ConfigSaver::written(const ConfigImage& image, const std::string& reason) {
     note(reason);
     if (reason.empty()) {
         saved_text_ = image.text;
-        unasked_ = true;
+        autosave_ = true;
         journal_.forget(image.journal, image.held);
         retry_.reset();
         watch_file();

@@ -61,7 +61,7 @@ class ConfigSaver {
 
     // Until the saved configuration is applied, and when it could not be read, only an explicit
     // save() may replace it.
-    void allow_unasked(bool allowed) { unasked_ = allowed; }
+    void allow_autosave(bool allowed) { autosave_ = allowed; }
     // The text of the saved file, so that the same is not written again.
     void set_saved(std::string text) { saved_text_ = std::move(text); }
     // Whether the saved file has these global lines.
@@ -90,7 +90,7 @@ class ConfigSaver {
     Journal& journal_;
     const PortSections& sections_;
 
-    bool unasked_ = false;
+    bool autosave_ = false;
     bool wanted_ = false;   // another snapshot must follow the current one
     bool writing_ = false;  // the background is writing
     std::optional<ConfigSnapshot> snapshot_;

@@ -61,7 +61,7 @@ ConfigSections merged(const std::vector<ConfigSection>& cut) {
 }
 
 // The reason when a file has more lines or ports than can be applied, else empty.
-std::string excess_in(const std::vector<ConfigSection>& cut) {
+std::string limit_fault(const std::vector<ConfigSection>& cut) {
     size_t commands = 0;
     std::set<std::string_view> absent;
     for (const ConfigSection& section : cut) {
@@ -122,7 +122,7 @@ std::string difference_of(const ConfigSections& current, const ConfigSections& t
 ConfigSections check_config(std::string_view text, std::string& fault) {
     const std::string kept = without_comments(text, fault);
     const std::vector<ConfigSection> cut = parse_config(kept);
-    fault = fault.empty() ? excess_in(cut) : fault;
+    fault = fault.empty() ? limit_fault(cut) : fault;
     if (!fault.empty()) {
         return {};
     }

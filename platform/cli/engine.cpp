@@ -94,7 +94,7 @@ std::string port_name(uint64_t ifx) {
 }
 
 // A port may be removed while a session is in its mode: the session falls back to mode config.
-bool ports_are_there(SessionState& session) {
+bool session_ports_exist(SessionState& session) {
     if (session.mode == kModeInterface && !port_exists(session.ifx)) {
         session.mode = kModeConfig;
         return false;
@@ -183,11 +183,11 @@ int run_config_command(SessionState& session, Command& command, std::string_view
 int run_line(SessionState& session, std::string_view line) {
     ConfigKeeper* const keeper = config_keeper();
     const uint64_t ifx = session.mode == kModeInterface ? session.ifx : 0;
-    if (!ports_are_there(session)) {
+    if (!session_ports_exist(session)) {
         // Not refused: a program would go on believing that it holds the port shut, and might see
         // the refusal only when the port is back and up.
         const bool may = keeper && config_lock_refusal(session).empty();
-        const std::string name = may ? keeper->note_wish(ifx, squeezed(line)) : "";
+        const std::string name = may ? keeper->accept_no_shutdown(ifx, squeezed(line)) : "";
         if (!name.empty()) {
             log_entered(session, "interface " + name + "; " + squeezed(line), "");
             if (!session.program) {
@@ -259,7 +259,7 @@ std::vector<Hint> safe_hints(SessionState& session, std::string_view line) {
     }
     std::string unused;
     const RunningScope scope(session, unused);
-    if (line.size() > kMaxLineBytes || has_control_byte(line) || !ports_are_there(session)) {
+    if (line.size() > kMaxLineBytes || has_control_byte(line) || !session_ports_exist(session)) {
         return {};
     }
     std::vector<Hint> hints = hints_for(session, line);

@@ -147,7 +147,7 @@ bool Journal::in_place() const {
            open.st_dev == named.st_dev && open.st_ino == named.st_ino;
 }
 
-std::string Journal::stay_in_place() {
+std::string Journal::reopen_if_replaced() {
     return in_place() ? "" : renew();
 }
 
@@ -178,7 +178,7 @@ void Journal::forget(uint64_t number, const std::vector<ConfigSection>& held) {
     }
     kept_ = std::move(kept);
     const bool in_one_piece = kept_bytes().size() < kWrittenWhole_bytes;
-    if (!in_place() || !in_one_piece || !write_over().empty()) {
+    if (!in_place() || !in_one_piece || !overwrite().empty()) {
         static_cast<void>(renew());  // the next record reports what is wrong
     }
 }
@@ -195,7 +195,7 @@ std::string Journal::kept_bytes() const {
 // its own.
 std::string Journal::renew() {
     std::string trouble = rewrite();
-    if (!trouble.empty() && (in_place() || open_old()) && write_over().empty()) {
+    if (!trouble.empty() && (in_place() || open_old()) && overwrite().empty()) {
         trouble.clear();
     }
     return trouble;
@@ -220,7 +220,7 @@ bool Journal::open_old() {
     return true;
 }
 
-std::string Journal::write_over() {
+std::string Journal::overwrite() {
     const std::string bytes = kept_bytes();
     // An empty line is no record, so remnants of older records after it are not read. The next
     // record overwrites it.
@@ -244,7 +244,7 @@ std::string Journal::rewrite() {
     ::posix_fallocate(fd, 0, room);
     const int old = std::exchange(fd_, fd);
     const off_t old_size = std::exchange(size_, 0);
-    std::string trouble = write_over();
+    std::string trouble = overwrite();
     if (trouble.empty() && ::rename(fresh.c_str(), path_.c_str()) != 0) {
         trouble = std::strerror(errno);
     }

@@ -50,7 +50,7 @@ class Journal {
     // Writes all records again when the open file is no longer the one at the path: somebody may
     // have removed or replaced it. Call it after append(), which does not check this itself because
     // a port waits for it. Returns an empty text when all is well.
-    std::string stay_in_place();
+    std::string reopen_if_replaced();
 
     // The number of the record written last, 0 for none.
     uint64_t last() const { return last_; }
@@ -78,7 +78,7 @@ class Journal {
     std::string renew();
     std::string rewrite();
     bool open_old();
-    std::string write_over();
+    std::string overwrite();
     std::string kept_bytes() const;
 
     const std::string path_;

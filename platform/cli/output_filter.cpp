@@ -35,7 +35,7 @@ constexpr std::array kNames = {
 bool is_show(std::string_view line) {
     std::string_view word = first_word(line);
     if (word == "do") {
-        word = first_word(behind(line, word));
+        word = first_word(rest_after(line, word));
     }
     return !word.empty() && std::string_view("show").starts_with(word);
 }
@@ -139,7 +139,7 @@ FilteredLine with_filter(std::string_view command, std::string_view text) {
                 "% Unknown filter: '" + std::string(word.substr(0, 40)) + "' (" +
                     names_that_begin_with("") + ")."};
     }
-    const std::string_view pattern = trimmed(behind(text, word));
+    const std::string_view pattern = trimmed(rest_after(text, word));
     const std::string quoted_name = "'" + std::string(name->word) + "'";
     if (name->has_pattern && pattern.empty()) {
         return {command, nullptr, "% Incomplete command."};
@@ -183,7 +183,7 @@ std::optional<std::vector<Hint>> filter_hints(std::string_view line) {
     }
     const std::string_view text = line.substr(bar + 1);
     const std::string_view word = first_word(text);
-    const std::string_view rest = behind(text, word);
+    const std::string_view rest = rest_after(text, word);
     std::vector<Hint> hints;
     for (const Name& name : kNames) {
         if (!name.word.starts_with(word)) {

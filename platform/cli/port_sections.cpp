@@ -73,7 +73,7 @@ bool PortSections::is_pending(const std::string& name, uint64_t number) const {
     return found != pending_.end() && found->second.number == number;
 }
 
-void PortSections::set_in_force(const std::string& name, uint64_t number) {
+void PortSections::clear_pending(const std::string& name, uint64_t number) {
     if (is_pending(name, number)) {
         pending_.erase(name);
     }
@@ -114,7 +114,7 @@ void PortSections::leave(const Port& port, uint32_t mode_before) {
 
 void PortSections::keep(ConfigSection section, uint32_t ifx) {
     if (ifx != 0) {
-        // When a port has left under two names, wish() finds the last one.
+        // When a port has left under two names, accept_no_shutdown() finds the last one.
         for (auto& [name, other] : kept_) {
             other.ifx = other.ifx == ifx ? 0 : other.ifx;
         }
@@ -127,7 +127,7 @@ void PortSections::keep(ConfigSection section, uint32_t ifx) {
     }
 }
 
-bool PortSections::wish(uint32_t ifx, std::string_view line, ConfigSection& section) {
+bool PortSections::accept_no_shutdown(uint32_t ifx, std::string_view line, ConfigSection& section) {
     if (line != kNoShutdown || ifx == 0) {
         return false;
     }

@@ -40,14 +40,14 @@ class PortSections {
     // The section of a port as it is to be saved now.
     ConfigSection saved(const Port& port) const;
 
-    // Call when a port has appeared, before its section is applied. Until set_in_force() this
+    // Call when a port has appeared, before its section is applied. Until clear_pending() this
     // section is the one to save, because the port itself does not show it. Returns the section's
     // number.
     uint64_t set_pending(const ConfigSection& section);
     // Whether it is still pending: the port may have left, and may have appeared again with
     // another one.
     bool is_pending(const std::string& name, uint64_t number) const;
-    void set_in_force(const std::string& name, uint64_t number);
+    void clear_pending(const std::string& name, uint64_t number);
 
     // The section as it will be after a change of the admin state. From this call on the new owner
     // has shut the port.
@@ -63,9 +63,9 @@ class PortSections {
     // Keeps a section for an absent port, in place of an earlier one. `ifx` is the index of a port
     // that leaves; 0 keeps the index known for the name.
     void keep(ConfigSection section, uint32_t ifx = 0);
-    // Notes "no shutdown" for a port that has left, and sets the section that results. Returns
+    // Records "no shutdown" for a port that has left, and sets the section that results. Returns
     // false for any other line and for an unknown port.
-    bool wish(uint32_t ifx, std::string_view line, ConfigSection& section);
+    bool accept_no_shutdown(uint32_t ifx, std::string_view line, ConfigSection& section);
     // Moves the section kept under a name to `section`. Returns false when there is none.
     bool take(const std::string& name, ConfigSection& section);
     bool kept(const std::string& name) const { return kept_.contains(name); }

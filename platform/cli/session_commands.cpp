@@ -98,7 +98,7 @@ struct Numbered {
     unsigned number;
 };
 
-std::optional<Numbered> take_apart(std::string_view name) {
+std::optional<Numbered> split_number(std::string_view name) {
     size_t digits = name.size();
     while (digits > 0 && std::isdigit(static_cast<unsigned char>(name[digits - 1]))) {
         --digits;
@@ -132,8 +132,8 @@ bool add_piece(std::string_view piece, std::vector<uint64_t>& range, std::string
     if (dash == std::string_view::npos || platform().ports().find(piece)) {
         return add_port(std::string(piece), range, problem);
     }
-    const auto first = take_apart(piece.substr(0, dash));
-    const auto last = take_apart(piece.substr(dash + 1));
+    const auto first = split_number(piece.substr(0, dash));
+    const auto last = split_number(piece.substr(dash + 1));
     const bool fits = first && last && (last->stem.empty() || last->stem == first->stem) &&
                       first->number <= last->number &&
                       last->number - first->number <= platform().ports().ports().size();

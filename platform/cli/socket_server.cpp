@@ -26,7 +26,7 @@ bool in_reserve(int fd) {
            static_cast<rlim_t>(fd) + SocketServer::kReservedDescriptors >= limit.rlim_cur;
 }
 
-void turn_away(int fd, const std::string& reason) {
+void refuse_client(int fd, const std::string& reason) {
     SessionState nobody;
     nobody.leaving = true;
     const std::string text = reply(error_result(reason), nobody);
@@ -63,7 +63,7 @@ void SocketServer::accept_some() {
             return;
         }
         if (const std::string refusal = refusal_for(fd); !refusal.empty()) {
-            turn_away(fd, refusal);
+            refuse_client(fd, refusal);
             continue;
         }
         const uint64_t id = next_id_++;
@@ -94,13 +94,13 @@ void SocketServer::watch_file() {
     file_check_ = loop_.after(kFileCheck, [this] {
         struct stat status {};
         if (::lstat(path_.c_str(), &status) != 0 && (errno == ENOENT || errno == ENOTDIR)) {
-            put_back();
+            reopen();
         }
         watch_file();
     });
 }
 
-void SocketServer::put_back() {
+void SocketServer::reopen() {
     // A socket whose file was removed gets no new clients, but some may be waiting already.
     accept_some();
     try {

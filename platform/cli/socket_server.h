@@ -47,7 +47,7 @@ class SocketServer {
     void pause_when_exhausted(int reason);
     std::string refusal_for(int fd) const;
     void watch_file();
-    void put_back();
+    void reopen();
     void end_session(uint64_t id);
 
     EventLoop& loop_;

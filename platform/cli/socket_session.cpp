@@ -82,7 +82,7 @@ bool SocketSession::read_some() {
 }
 
 bool SocketSession::may_serve() const {
-    return fd_ >= 0 && !leave_ && !answering_ && output_.size() - sent_ < kOutputHighMark;
+    return fd_ >= 0 && !closing_ && !answering_ && output_.size() - sent_ < kOutputHighMark;
 }
 
 // Executes waiting requests as far as the output buffer and this turn allow, then waits for what is
@@ -101,9 +101,9 @@ void SocketSession::serve() {
     if (may_serve() && end == std::string::npos) {
         if (input_.size() > kMaxRequestBytes) {
             send(reply(error_result("Request too long."), state_));
-            leave_ = true;
+            closing_ = true;
         }
-        leave_ = leave_ || end_of_input_;
+        closing_ = closing_ || end_of_input_;
     }
     if (fd_ >= 0) {
         flush();
@@ -129,7 +129,7 @@ void SocketSession::start_request(const std::string& request) {
 void SocketSession::finish_request(const Result& result) {
     answering_ = false;
     send(reply(result, state_));
-    leave_ = leave_ || state_.leaving;
+    closing_ = closing_ || state_.leaving;
     if (!serving_) {
         serve();
     }
@@ -159,7 +159,7 @@ void SocketSession::close_when_idle() {
     }
     state_.leaving = true;
     send(reply(error_result("Session closed: it was idle for too long."), state_));
-    leave_ = true;
+    closing_ = true;
     flush();
 }
 
@@ -193,7 +193,7 @@ void SocketSession::flush() {
         output_.clear();
         sent_ = 0;
         stall_timer_.reset();
-        if (leave_) {
+        if (closing_) {
             close();
             return;
         }
@@ -226,7 +226,7 @@ void SocketSession::update_watch() {
     const bool pending = sent_ < output_.size();
     const bool full = output_.size() - sent_ >= kOutputHighMark ||
                       input_.size() > kMaxRequestBytes || input_.find('\n') != std::string::npos;
-    const bool read = !full && !leave_ && !end_of_input_;
+    const bool read = !full && !closing_ && !end_of_input_;
     const int wanted = (read ? kRead : 0) | (pending ? kWrite : 0);
     if (wanted == watched_) {
         return;

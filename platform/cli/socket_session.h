@@ -71,7 +71,7 @@ class SocketSession {
     std::string output_;
     size_t sent_ = 0;  // bytes of output_ that are sent
     bool end_of_input_ = false;
-    bool leave_ = false;      // close once output_ is sent
+    bool closing_ = false;    // close once output_ is sent
     bool serving_ = false;    // serve() is on the stack
     bool answering_ = false;  // a request was started and not finished
     // A deferred answer may outlive the session; it holds a weak reference to this.

@@ -209,10 +209,10 @@ void end_return() {
     });
 }
 
-void go_back() {
+void revert() {
     const ConfigSections before = std::exchange(pending().before, {});
     pending().timer.reset();
-    const bool done = put_in_force(target_of(before));
+    const bool done = apply_configuration(target_of(before));
     printk_syslog_ext(SYSLOG_SEVERITY_WARNING, "CLI", "REVERT",
                       "The configuration was not confirmed in time: the one before is back%s.",
                       done ? "" : ", but some of its lines were refused");
@@ -227,7 +227,7 @@ void arm(ConfigSections before, WallTime due, std::chrono::seconds wait) {
     pending().before = std::move(before);
     pending().due = due;
     pending().timer =
-        platform().loop().after(std::chrono::duration_cast<Duration>(on_clock), go_back);
+        platform().loop().after(std::chrono::duration_cast<Duration>(on_clock), revert);
 }
 
 }  // namespace

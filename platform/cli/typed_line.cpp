@@ -21,12 +21,12 @@ bool first_word_is_whole(std::string_view line) {
 }
 
 // The line after the word "do".
-std::optional<std::string_view> behind_do(std::string_view line) {
+std::optional<std::string_view> rest_after_do(std::string_view line) {
     const std::string_view word = first_word(line);
     if (word != kDo || !first_word_is_whole(line)) {
         return {};
     }
-    return behind(line, word);
+    return rest_after(line, word);
 }
 
 // The bit of a port's type in cli_pcdb::ifrange_types. The types that take the commands of a
@@ -146,7 +146,7 @@ std::string_view first_word(std::string_view line) {
     return line.substr(start, line.find_first_of(kBlanks, start) - start);
 }
 
-std::string_view behind(std::string_view line, std::string_view word) {
+std::string_view rest_after(std::string_view line, std::string_view word) {
     return line.substr(static_cast<size_t>(word.data() - line.data()) + word.size());
 }
 
@@ -156,7 +156,7 @@ uint32_t take_prefix(std::string_view& line) {
                             : word == "default" ? CLI_PREFIX_DEFAULT
                                                 : 0;
     if (prefix != 0) {
-        line = behind(line, word);
+        line = rest_after(line, word);
     }
     return prefix;
 }
@@ -189,7 +189,7 @@ Command find_command(const SessionState& session, std::string_view line) {
     if (own.parsed.handler || !takes_other_modes(session)) {
         return own;
     }
-    if (const auto rest = behind_do(line)) {
+    if (const auto rest = rest_after_do(line)) {
         return parse_in(session, kModeExec, cli_get_mode_root(kModeExec), *rest);
     }
     if (own.parsed.fault == Fault::kAmbiguousWord) {
@@ -216,7 +216,7 @@ bool changes_configuration(const SessionState& session, const Command& command) 
 
 std::vector<Hint> hints_for(const SessionState& session, std::string_view line) {
     const bool others = takes_other_modes(session);
-    if (const auto rest = behind_do(line); others && rest) {
+    if (const auto rest = rest_after_do(line); others && rest) {
         std::vector<Hint> hints = hints_in(session, kModeExec, cli_get_mode_root(kModeExec), *rest);
         sort_keywords_first(hints);
         return hints;

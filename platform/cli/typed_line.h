@@ -21,7 +21,7 @@ namespace qv::cli {
 // The first word of a line; empty, at its end, when there is none.
 std::string_view first_word(std::string_view line);
 // The rest of the line after `word`, which is a part of it.
-std::string_view behind(std::string_view line, std::string_view word);
+std::string_view rest_after(std::string_view line, std::string_view word);
 
 struct Command {
     std::string mode;       // that the command belongs to

@@ -41,7 +41,7 @@ void answer_exec(const json& request, const std::string& line, SessionState& ses
     execute_alone(std::move(alone), line, std::move(answer));
 }
 
-bool can_begin_in(std::string_view mode) {
+bool is_start_mode(std::string_view mode) {
     return mode == kModeExec || mode == kModeConfig || mode == kModeInterface;
 }
 
@@ -85,14 +85,14 @@ Result error_result(std::string_view reason) {
 }
 
 Result execute_alone(SessionState session, std::string_view line) {
-    if (!can_begin_in(session.mode)) {
+    if (!is_start_mode(session.mode)) {
         return error_result("Unknown mode.");
     }
     return execute(session, line);
 }
 
 void execute_alone(SessionState session, std::string_view line, Completion answer) {
-    if (!can_begin_in(session.mode)) {
+    if (!is_start_mode(session.mode)) {
         answer(error_result("Unknown mode."));
         return;
     }

@@ -85,11 +85,11 @@ struct qv_mom_client final : qv::StoreListener {
     // newer or is followed by one that is, so the scan keeps silent about that key.
     struct Scan {
         Topic topic;
-        std::unordered_set<std::string> overtaken;
+        std::unordered_set<std::string> superseded;
     };
 
     void set_missing_in(uint32_t db);
-    void note_overtaken(const Topic& topic, const ProtobufCMessage& record);
+    void mark_superseded(const Topic& topic, const ProtobufCMessage& record);
     void deliver(const Topic& topic, int oper, const ProtobufCMessage* record);
 
     std::map<uint32_t, Session> sessions;
@@ -201,23 +201,23 @@ void qv_mom_client::notice(uint64_t number, qv::Bytes notice) {
         return;
     }
     if (!scans.empty() && notice[0] != QV_MOM_OPER_PUBLISH) {
-        note_overtaken(topic, *record);
+        mark_superseded(topic, *record);
     }
     deliver(topic, notice[0], record.get());
 }
 
-void qv_mom_client::note_overtaken(const Topic& topic, const ProtobufCMessage& record) {
+void qv_mom_client::mark_superseded(const Topic& topic, const ProtobufCMessage& record) {
     const std::optional<std::string> key = qv::record_key(record);
     for (auto& [number, scan] : scans) {
         if (key && scan.topic.db == topic.db && scan.topic.type == topic.type) {
-            scan.overtaken.insert(*key);
+            scan.superseded.insert(*key);
         }
     }
 }
 
 void qv_mom_client::scanned(uint64_t number, std::string_view key, qv::Bytes record) {
     const auto found = scans.find(number);
-    if (found == scans.end() || found->second.overtaken.contains(std::string(key))) {
+    if (found == scans.end() || found->second.superseded.contains(std::string(key))) {
         return;
     }
     const Topic topic = found->second.topic;

@@ -27,13 +27,13 @@ TarnRecords::TarnRecords(EventLoop& loop, PortModel& ports, ShutPorts& shut)
     ports_.add_observer(*this);
     cli::add_tarn_observer([this](uint64_t ifx) {
         if (ifx == 0) {
-            tell_switch();
+            publish_switch();
         } else {
             port_changed(static_cast<uint32_t>(ifx));
         }
     });
     const auto connected = [](void* self) {
-        static_cast<TarnRecords*>(self)->tell_all();
+        static_cast<TarnRecords*>(self)->publish_all();
         return 0;
     };
     qv_mom_client_set_reconnect_cb(client_, QV_MOM_CFG_DB, connected, this);
@@ -42,7 +42,7 @@ TarnRecords::TarnRecords(EventLoop& loop, PortModel& ports, ShutPorts& shut)
 
 void TarnRecords::on_removed(const Port& port) {
     shut_.forget(port.ifx);
-    told_.erase(port.ifx);
+    published_.erase(port.ifx);
     PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
     index.ifx = port.ifx;
     PBridge__TarnPort record = P_BRIDGE__TARN_PORT__INIT;
@@ -56,10 +56,10 @@ void TarnRecords::port_changed(uint32_t ifx) {
     if (port == nullptr) {
         return;
     }
-    const Told now{
+    const Published now{
         .lines = cli::tarn_port(ifx), .vlan_mode = port->mode, .shut = shut_.contains(ifx)};
-    const auto before = told_.find(ifx);
-    if (before != told_.end() && before->second == now) {
+    const auto before = published_.find(ifx);
+    if (before != published_.end() && before->second == now) {
         return;
     }
     PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
@@ -74,11 +74,11 @@ void TarnRecords::port_changed(uint32_t ifx) {
     record.n_vlans = vlans.size();
     record.vlans = vlans.data();
     if (qv_mom_set(client_, QV_MOM_CFG_DB, &record.base, 0, 0) == 0) {
-        told_[ifx] = now;
+        published_[ifx] = now;
     }
 }
 
-void TarnRecords::tell_switch() {
+void TarnRecords::publish_switch() {
     const cli::TarnConfig& config = cli::tarn_config();
     PBridge__TarnConfig record = P_BRIDGE__TARN_CONFIG__INIT;
     record.enabled = config.enabled ? 1 : 0;
@@ -91,9 +91,9 @@ void TarnRecords::tell_switch() {
     qv_mom_set(client_, QV_MOM_CFG_DB, &record.base, 0, 0);
 }
 
-void TarnRecords::tell_all() {
-    told_.clear();
-    tell_switch();
+void TarnRecords::publish_all() {
+    published_.clear();
+    publish_switch();
     for (const auto& [ifx, port] : ports_.ports()) {
         port_changed(ifx);
     }

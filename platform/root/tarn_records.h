@@ -61,21 +61,21 @@ class TarnRecords final : public PortObserver {
     void on_complete() override {}
 
  private:
-    struct Told {
+    struct Published {
         cli::TarnPort lines;
         uint32_t vlan_mode;
         bool shut;
 
-        bool operator==(const Told&) const = default;
+        bool operator==(const Published&) const = default;
     };
 
-    void tell_all();
-    void tell_switch();
+    void publish_all();
+    void publish_switch();
 
     PortModel& ports_;
     ShutPorts& shut_;
     qv_mom_client* client_;
-    std::map<uint32_t, Told> told_;  // contents of the records
+    std::map<uint32_t, Published> published_;  // contents of the records
 };
 
 }  // namespace qv

@@ -60,7 +60,7 @@ Operation operation_of(const lyd_node& node, Operation inherited) {
         .about(name_of(node), "operation");
 }
 
-bool takes_away(Operation operation) {
+bool removes_value(Operation operation) {
     return operation == Operation::kDelete || operation == Operation::kRemove;
 }
 
@@ -147,9 +147,8 @@ std::optional<PolicyChange> removal(Operation operation, bool is_set) {
         return std::nullopt;
     }
     // The agent applies the policy in a request, even in a delete.
-    const bool asked_softly = operation == Operation::kRemove;
-    return PolicyChange{asked_softly ? PolicyRequest::kRemove : PolicyRequest::kDelete,
-                        kDefaultPolicy};
+    const bool tolerant = operation == Operation::kRemove;
+    return PolicyChange{tolerant ? PolicyRequest::kRemove : PolicyRequest::kDelete, kDefaultPolicy};
 }
 
 std::optional<PolicyChange> change_of_leaf(const lyd_node& leaf, Operation operation, bool is_set) {
@@ -211,7 +210,7 @@ std::optional<PolicyChange> plan_edit(const ly_ctx* context, const lyd_node* con
     if (leaf == nullptr) {
         return change_of_empty(above, is_set);
     }
-    return change_of_leaf(*leaf, takes_away(above) ? above : operation_of(*leaf, above), is_set);
+    return change_of_leaf(*leaf, removes_value(above) ? above : operation_of(*leaf, above), is_set);
 }
 
 }  // namespace netconf

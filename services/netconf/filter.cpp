@@ -12,7 +12,7 @@ namespace netconf {
 namespace {
 
 // How much of a node passes; nodes without an entry do not.
-enum class Part { kOnTheWay, kWhole };
+enum class Part { kAncestor, kWhole };
 using Selection = std::unordered_map<const lyd_node*, Part>;
 
 std::string_view trimmed(const char* text) {
@@ -72,7 +72,7 @@ bool select_children(const lyd_node& data, const lyd_node& filter, Selection& se
         }
     }
     if (any) {
-        selection.try_emplace(&data, Part::kOnTheWay);
+        selection.try_emplace(&data, Part::kAncestor);
     }
     return any;
 }
@@ -127,7 +127,7 @@ Selection select_by_xpath(const lyd_node* data, const std::string& xpath) {
         const lyd_node* node = found->dnodes[n];
         selection[node] = Part::kWhole;
         while ((node = lyd_parent(node)) != nullptr) {
-            selection.try_emplace(node, Part::kOnTheWay);
+            selection.try_emplace(node, Part::kAncestor);
         }
     }
     return selection;

@@ -20,7 +20,7 @@ bool may_be(std::string_view text, std::string_view whole) {
 }
 
 // The rest of a document after blanks, XML declaration, instructions and comments.
-std::string_view behind_prolog(std::string_view text) {
+std::string_view without_prolog(std::string_view text) {
     for (;;) {
         text.remove_prefix(std::min(text.find_first_not_of(" \t\r\n"), text.size()));
         const std::string_view end = text.starts_with("<?")     ? "?>"
@@ -37,7 +37,7 @@ std::string_view behind_prolog(std::string_view text) {
 // The library crashes on a message that has nothing but a prolog, and takes a zero byte for its
 // end.
 bool holds_text(std::string_view text) {
-    return !behind_prolog(text).empty() && text.find('\0') == std::string_view::npos;
+    return !without_prolog(text).empty() && text.find('\0') == std::string_view::npos;
 }
 
 }  // namespace

@@ -15,7 +15,7 @@ namespace {
 
 constexpr size_t kLineBytes = 512;
 
-std::string g_who;
+std::string g_prefix;
 bool g_to_stderr = false;
 
 // The line that a signal logs, composed beforehand: a handler may neither allocate nor lock.
@@ -76,7 +76,7 @@ void compose(SignalLine& line) {
     line.tag = static_cast<size_t>(tag);
     const int rest =
         snprintf(line.text.data() + tag, kLineBytes - line.tag, "lda-netconf[%d]: %.200s: %s\n",
-                 getpid(), g_who.c_str(), line.message);
+                 getpid(), g_prefix.c_str(), line.message);
     line.length = line.tag + static_cast<size_t>(rest);
 }
 
@@ -88,7 +88,7 @@ void open_log(bool also_to_stderr) {
 }
 
 void log_as(const std::string& who) {
-    g_who = who;
+    g_prefix = who;
 }
 
 void log_line(int priority, const char* format, ...) {
@@ -103,10 +103,10 @@ void log_line(int priority, const char* format, ...) {
             *at = *at == '\n' ? ' ' : '?';
         }
     }
-    if (g_who.empty()) {
+    if (g_prefix.empty()) {
         syslog(priority, "%s", text.data());
     } else {
-        syslog(priority, "%s: %s", g_who.c_str(), text.data());
+        syslog(priority, "%s: %s", g_prefix.c_str(), text.data());
     }
 }
 

@@ -27,7 +27,7 @@ class MemoryWorld final : public World {
             memory().drop(db);
         }
     }
-    void bring_back() override {
+    void restore() override {
         for (const uint32_t db : {3, 4, 8, 22}) {
             memory().restore(db);
         }
@@ -63,7 +63,7 @@ class RedisWorld final : public World {
         return qv::test::run_until(loop_, done);
     }
     void lose() override { server_.kill(); }
-    void bring_back() override { server_.start(); }
+    void restore() override { server_.start(); }
     void put(uint32_t db, const std::string& key, const std::string& record) override {
         server_.run(db, {"SET", key, record});
         server_.run(db, {"PUBLISH", channel(db, std::string(qv::type_of_key(key))), '\0' + record});
@@ -254,7 +254,7 @@ void Store::expect_heard(const std::string& line) {
         << (g_heard.empty() ? ", heard nothing" : ", last heard: " + g_heard.back());
 }
 
-Lines Store::take_heard() {
+Lines Store::take_events() {
     return std::exchange(g_heard, {});
 }
 

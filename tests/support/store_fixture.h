@@ -84,7 +84,7 @@ class World {
     virtual qv::StoreDriver& driver() = 0;
     virtual bool run_until(const std::function<bool()>& done) = 0;
     virtual void lose() = 0;
-    virtual void bring_back() = 0;
+    virtual void restore() = 0;
     virtual void put(uint32_t db, const std::string& key, const std::string& record) = 0;
     virtual void notify(uint32_t db, const std::string& type, const std::string& notice) = 0;
     virtual Lines get(uint32_t db, const std::string& key) = 0;  // empty: no such key
@@ -103,7 +103,7 @@ class Store : public testing::TestWithParam<std::string_view> {
     void settle();
     // Waits until the last recorded call is `line`.
     void expect_heard(const std::string& line);
-    Lines take_heard();  // and drops them
+    Lines take_events();  // and drops them
 
     qv::test::TestPlatform platform;
     SkippingClock clock;  // of the loop, when the store is a real server

@@ -11,7 +11,7 @@ namespace {
 
 using nlohmann::json;
 
-constexpr int kPatience_ms = 3000;  // then the operator is told about the delay
+constexpr int kNoticeDelay_ms = 3000;  // then the operator is told about the delay
 
 // Returns the reply. Throws the switch's reason when the switch ends the session by itself.
 const json& checked(const json& reply) {
@@ -31,7 +31,7 @@ Connection::Connection(const std::string& path) : client_(path, "the switch") {}
 // A switch without descriptors accepts no session, although the kernel has already connected us.
 void Connection::wait_for_bytes() const {
     pollfd waiting{.fd = fd(), .events = POLLIN, .revents = 0};
-    if (::poll(&waiting, 1, kPatience_ms) == 0) {
+    if (::poll(&waiting, 1, kNoticeDelay_ms) == 0) {
         std::fputs("ldash: the switch has not answered yet, still waiting (Ctrl-C to leave)\n",
                    stderr);
     }

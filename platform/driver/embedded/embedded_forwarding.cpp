@@ -114,14 +114,14 @@ void EmbeddedForwarding::arm() {
 void EmbeddedForwarding::tick() {
     settle_all();
     report_counters();
-    give_answers();
+    deliver_answers();
     if (!answers_.empty() || !rules_.empty()) {
         arm();
     }
 }
 
 // A report may cause new requests and removals, so each step looks everything up again.
-void EmbeddedForwarding::give_answers() {
+void EmbeddedForwarding::deliver_answers() {
     std::vector<ForwardingId> due;
     for (Answer& answer : answers_) {
         if (answer.ticks == 0) {

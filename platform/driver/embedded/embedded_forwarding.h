@@ -85,7 +85,7 @@ class EmbeddedForwarding final : public ForwardingDriver {
     void answer(ForwardingId id, Request request, int error);
     void arm();
     void tick();
-    void give_answers();
+    void deliver_answers();
     void report_counters();
     void settle(uint32_t phyid, Source& source);
     void settle_all();

@@ -9,7 +9,8 @@
 //
 // A transaction fails as a whole. Then each of its changes is tried alone, so that only the
 // impossible one is refused. A device that the kernel does not know was renamed or removed a moment
-// ago and the port model will soon say so: such a rule waits in `unplaced_` for the next tick.
+// ago and the port model will soon say so: such a rule waits in `without_device_` for the next
+// tick.
 //
 // The names of the bridge and its devices come from the port model, never from a look-up in the
 // kernel: that would fail, and a rule with it, when the process is out of descriptors.
@@ -160,7 +161,7 @@ NftForwarding::Batch NftForwarding::next_batch() {
     }
     while (!changed_.empty() && batch.dropped.size() + batch.changed.size() < batch_size_) {
         batch.changed.push_back(changed_.extract(changed_.begin()).value());
-        unplaced_.erase(batch.changed.back());
+        without_device_.erase(batch.changed.back());
     }
     return batch;
 }
@@ -218,7 +219,7 @@ bool NftForwarding::record_outcome(ForwardingId id, int error) {
     }
     // The device may have been removed or renamed, and the port model does not know yet.
     if (error == ENOENT && !rule.place.device.empty() && ++rule.tries < kDeviceTries) {
-        unplaced_.insert(id);
+        without_device_.insert(id);
         return false;
     }
     if (rule.installed) {
@@ -283,7 +284,7 @@ int NftForwarding::open_table() {
 // Replaces the table, if there is one, by an empty one.
 int NftForwarding::make_table() {
     NftTable::Change change = table_.change();
-    change.begin_anew();
+    change.replace_table();
     const int error = table_.run(change);
     if (error == 0) {
         broken_ = false;
@@ -300,7 +301,7 @@ void NftForwarding::remove(ForwardingId id) {
     Rule rule = std::move(found->second);
     rules_.erase(found);
     changed_.erase(id);
-    unplaced_.erase(id);
+    without_device_.erase(id);
     if (rules_.empty()) {
         close();
     } else if (rule.phyid && rule.installed) {
@@ -321,7 +322,7 @@ void NftForwarding::remove_leftovers() {
 void NftForwarding::close() {
     rules_.clear();
     changed_.clear();
-    unplaced_.clear();
+    without_device_.clear();
     dropped_.clear();
     commit_timer_.reset();
     tick_timer_.reset();
@@ -381,14 +382,14 @@ void NftForwarding::tick() {
     std::vector<NamedCounter> counters;
     counters.reserve(rules_.size());
     const int error = table_.read_counters(counters);
-    const bool all_there = report(counters);
+    const bool complete = report(counters);
     // An incomplete list proves nothing; its missing counters are read at the next tick.
     if (open_ &&
-        (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !all_there))) {
+        (table_.changed_outside(mirror_.known()) || broken_ || (error == 0 && !complete))) {
         restore();
     }
-    if (!unplaced_.empty()) {
-        changed_.merge(unplaced_);
+    if (!without_device_.empty()) {
+        changed_.merge(without_device_);
         schedule_commit();
     }
 }

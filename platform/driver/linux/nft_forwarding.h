@@ -130,9 +130,9 @@ class NftForwarding final : public ForwardingDriver {
     NftTable table_;
     FdbMirror mirror_;
     Rules rules_;
-    std::set<ForwardingId> changed_;   // rules to install or update in the kernel
-    std::set<ForwardingId> unplaced_;  // rules to try again at the next tick: no such device
-    std::vector<Rule> dropped_;        // rules to remove from the kernel
+    std::set<ForwardingId> changed_;         // rules to install or update in the kernel
+    std::set<ForwardingId> without_device_;  // rules to try again at the next tick: no such device
+    std::vector<Rule> dropped_;              // rules to remove from the kernel
     size_t batch_size_ = 8;
     EventLoop::Handle commit_timer_;
     bool open_ = false;     // the table is in the kernel

@@ -214,7 +214,7 @@ int NftObjects::open() {
     return 0;
 }
 
-int NftObjects::try_out() {
+int NftObjects::check_available() {
     std::array<char, 256> request;
     nlmsghdr* const header =
         nftnl_nlmsg_build_hdr(request.data(), NFT_MSG_GETGEN, AF_UNSPEC, NLM_F_ACK, ++sequence_);

@@ -26,7 +26,7 @@ class NftObjects {
     int open();
 
     // 0 when the kernel has a packet filter and this process may use it.
-    int try_out();
+    int check_available();
 
     // 0 when there is a netdev table of this name, ENOENT when there is none.
     int find_table(const std::string& table);

@@ -30,7 +30,7 @@ KernelMeter kernel_meter(uint64_t rate_pps) {
 }
 
 // "add" comes first because "delete" needs something to delete; adding what exists is no error.
-void NftTable::Change::begin_anew() {
+void NftTable::Change::replace_table() {
     drop_table();
     text_ += "add table netdev " + table_ + "\nadd set netdev " + table_ + " " + kKnownSet +
              " { type ether_addr; }\n";
@@ -94,7 +94,7 @@ bool NftTable::can_name(const std::string& device) {
 int NftTable::open() {
     int error = open_objects();
     if (error == 0) {
-        error = objects_.try_out();
+        error = objects_.check_available();
     }
     if (error != 0 || context_) {
         return error;

@@ -43,7 +43,7 @@ class NftTable {
         explicit Change(std::string table) : table_(std::move(table)) {}
 
         // Replaces the table, if there is one, with an empty one with an empty set.
-        void begin_anew();
+        void replace_table();
         void drop_table();
         void add_counter(const std::string& name);
         void drop_counter(const std::string& name);

@@ -156,7 +156,7 @@ void RedisConnection::on_readable() {
             if (!reply) {
                 break;
             }
-            hand_out(*reply);
+            dispatch(*reply);
         }
     } catch (const std::bad_alloc&) {
         fail("out of memory");
@@ -183,7 +183,7 @@ bool RedisConnection::read_some() {
     return false;
 }
 
-void RedisConnection::hand_out(const RedisReply& reply) {
+void RedisConnection::dispatch(const RedisReply& reply) {
     if (on_message_ && is_message(reply)) {
         on_message_(reply);
         return;

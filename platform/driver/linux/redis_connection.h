@@ -51,7 +51,7 @@ class RedisConnection {
     void on_writable();
     void on_readable();
     bool read_some();
-    void hand_out(const RedisReply& reply);
+    void dispatch(const RedisReply& reply);
     void expect_answer();
     void check_answers();
     void fail(const std::string& reason);

@@ -168,7 +168,7 @@ class RedisClient final : public StoreClient {
     Time greeted_at_;             // when both connections had answered
     bool check_refused_ = false;  // logged; by this connection
     EventLoop::Handle check_;
-    EventLoop::Handle ask_again_;  // for the refused subscriptions
+    EventLoop::Handle resubscribe_;  // for the refused subscriptions
     EventLoop::Handle retry_;
     EventLoop::Handle failing_;
     EventLoop::Handle sending_;
@@ -268,7 +268,7 @@ void RedisClient::lose(const std::string& reason) {
     failing_.reset();
     topics_.clear();
     refused_.clear();
-    ask_again_.reset();
+    resubscribe_.reset();
     scans_.clear();
     waiting_.clear();  // sent again with the others
     check_.reset();
@@ -498,8 +498,8 @@ void RedisClient::topic_refused(const std::string& channel, uint64_t subscriptio
                     channel.c_str(), error.c_str());
     }
     refused_[channel] = subscription;
-    if (!ask_again_) {
-        ask_again_ = loop_.after(kCheckPeriod, [this] {
+    if (!resubscribe_) {
+        resubscribe_ = loop_.after(kCheckPeriod, [this] {
             for (const auto& [refused, number] : std::exchange(refused_, {})) {
                 request_topic(refused, number);
             }

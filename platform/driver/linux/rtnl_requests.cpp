@@ -34,7 +34,7 @@ int keep_errno(sockaddr_nl*, nlmsgerr* answer, void* kept) {
 }
 
 // Called by the library, which no exception may cross.
-int hand_over(nl_msg* answer, void* handler) {
+int pass_to_handler(nl_msg* answer, void* handler) {
     guarded([=] { (**static_cast<const Take**>(handler))(nlmsg_hdr(answer)); });
     return NL_OK;
 }
@@ -90,7 +90,7 @@ int RtnlRequests::read_link(uint32_t ifx, const Take& take) const {
         return ENOMEM;
     }
     const Take* handler = &take;
-    nl_socket_modify_cb(socket_.get(), NL_CB_VALID, NL_CB_CUSTOM, hand_over, &handler);
+    nl_socket_modify_cb(socket_.get(), NL_CB_VALID, NL_CB_CUSTOM, pass_to_handler, &handler);
     const int error = send(request.get());
     nl_socket_modify_cb(socket_.get(), NL_CB_VALID, NL_CB_DEFAULT, nullptr, nullptr);
     return error;

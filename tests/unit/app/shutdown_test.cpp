@@ -312,7 +312,7 @@ class RefusedRecovery : public Shutdown {
         reached.get_future().wait();
         EXPECT_EQ(lda_intf_is_shutdown(record), 0);
     }
-    void let_it_be_refused() {
+    void refuse_recovery() {
         released.set_value();
         drained();
     }
@@ -330,7 +330,7 @@ class RefusedRecovery : public Shutdown {
 TEST_F(RefusedRecovery, AfterDisablingDetectionTheTicksRetryARefusedRecovery) {
     recover(true);
     EXPECT_EQ(lda_cli_policy_set(0), 0);
-    let_it_be_refused();
+    refuse_recovery();
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
     EXPECT_EQ(record->total_result, 0);
     fake::on_line("no shutdown  \r\n", "", 0);
@@ -362,7 +362,7 @@ TEST_F(RefusedRecovery, PortWithALoopReportedBeforeTheRefusalIsShutDownAfterIt) 
     recover(true);
     lda_loop_result_set(0, 1, 7);
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
-    let_it_be_refused();
+    refuse_recovery();
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
     EXPECT_EQ(lines_executed(), (Lines{recovery, no_shut, executed(1002, "shutdown \r\n", 7)}));
 }
@@ -380,7 +380,7 @@ TEST_F(RefusedRecovery, PortThatLeavesTheTableBeforeTheRefusalIsMarkedOutsideIt)
     recover(true);
     EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
     EXPECT_EQ(record->total_result, 0);
-    let_it_be_refused();
+    refuse_recovery();
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
     EXPECT_EQ(record->total_result, 0);
 }
@@ -390,7 +390,7 @@ TEST_F(RefusedRecovery, RefusalAfterTheClearTimerIsArmedKeepsTheTimer) {
     record->tarn_result = 0;
     recover(true);
     ASSERT_NE(record->clear_timer, nullptr);
-    let_it_be_refused();
+    refuse_recovery();
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
     EXPECT_EQ(fake::fire(lda_intf_loop_clear), 0);
     EXPECT_EQ(lda_intf_is_shutdown(record), 1);
@@ -417,7 +417,7 @@ TEST_F(RefusedRecovery, PortThatIsDeletedBeforeTheRefusalIsOnlyLogged) {
     recover(true);
     lda_del_intf(7);
     fake::clear_calls();
-    let_it_be_refused();
+    refuse_recovery();
     EXPECT_EQ(fake::calls_of({"cli_client_c2p_reform", "cli_syn_config_notify"}), Lines{});
     EXPECT_EQ(lda_loop_result_get(7), nullptr);
 }

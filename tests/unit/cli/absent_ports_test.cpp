@@ -33,11 +33,11 @@ TEST(AbsentPorts, NoShutdownUndoesOnlyTheAdminLinesOfItsPort) {
     sections.keep(section("swp3", {"shutdown"}), 103);
     ConfigSection led_to;
     for (int twice = 0; twice < 2; ++twice) {
-        EXPECT_TRUE(sections.wish(102, "no shutdown", led_to));
+        EXPECT_TRUE(sections.accept_no_shutdown(102, "no shutdown", led_to));
         EXPECT_EQ(qv::cli::section_text(led_to),
                   "interface swp2\n switchport mode trunk\n no shutdown\n shutdown-timer 5\n!\n");
     }
-    EXPECT_TRUE(sections.wish(103, "no shutdown", led_to));
+    EXPECT_TRUE(sections.accept_no_shutdown(103, "no shutdown", led_to));
     EXPECT_EQ(qv::cli::section_text(led_to), "interface swp3\n no shutdown\n!\n");
     EXPECT_EQ(sections.kept_text(),
               "interface swp2\n switchport mode trunk\n no shutdown\n shutdown-timer 5\n!\n"
@@ -49,9 +49,9 @@ TEST(AbsentPorts, OtherLinesAndPortsOfAFileHaveNoWishes) {
     sections.keep(section("swp2", {"shutdown"}), 102);
     sections.keep(section("swp3", {"shutdown"}));
     ConfigSection untouched;
-    EXPECT_FALSE(sections.wish(102, "shutdown", untouched));
-    EXPECT_FALSE(sections.wish(0, "no shutdown", untouched));
-    EXPECT_FALSE(sections.wish(104, "no shutdown", untouched));
+    EXPECT_FALSE(sections.accept_no_shutdown(102, "shutdown", untouched));
+    EXPECT_FALSE(sections.accept_no_shutdown(0, "no shutdown", untouched));
+    EXPECT_FALSE(sections.accept_no_shutdown(104, "no shutdown", untouched));
     EXPECT_EQ(untouched.port, "");
     EXPECT_EQ(sections.kept_text(), "interface swp2\n shutdown\n!\ninterface swp3\n shutdown\n!\n");
 }
@@ -61,7 +61,7 @@ TEST(AbsentPorts, NoShutdownForAPortThatLeftUnderTwoNamesFindsTheLastOne) {
     sections.keep(section("swp2", {"shutdown"}), 102);
     sections.keep(section("uplink", {"shutdown"}), 102);
     ConfigSection led_to;
-    EXPECT_TRUE(sections.wish(102, "no shutdown", led_to));
+    EXPECT_TRUE(sections.accept_no_shutdown(102, "no shutdown", led_to));
     EXPECT_EQ(sections.kept_text(),
               "interface swp2\n shutdown\n!\ninterface uplink\n no shutdown\n!\n");
 }

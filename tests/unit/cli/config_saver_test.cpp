@@ -117,7 +117,7 @@ class ConfigSaverTest : public ::testing::Test {
 };
 
 TEST_F(ConfigSaverTest, ChangeWhileTheFileIsWrittenIsSavedNext) {
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     saver.request();
     rig.platform.run_for(100ms);
     EXPECT_EQ(background.runs, 1);
@@ -151,7 +151,7 @@ TEST_F(ConfigSaverTest, SavesRequestedMeanwhileAreAnsweredByOneMore) {
 }
 
 TEST_F(ConfigSaverTest, RequestedSaveReplacesTheDueOne) {
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     background.hold = false;
     saver.request();
     saver.save(answer(""));
@@ -160,7 +160,7 @@ TEST_F(ConfigSaverTest, RequestedSaveReplacesTheDueOne) {
 }
 
 TEST_F(ConfigSaverTest, SaveRequestedBetweenTwoSlicesTakesEveryPortAgain) {
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     background.hold = false;
     add_ports(100);
     g_port = [&](uint64_t ifx) {
@@ -182,7 +182,7 @@ TEST_F(ConfigSaverTest, SaveRequestedBetweenTwoSlicesTakesEveryPortAgain) {
 }
 
 TEST_F(ConfigSaverTest, PortWithAnIndexThatHadItsTurnIsTakenAtTheEnd) {
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     background.hold = false;
     add_ports(100);
     g_port = [&](uint64_t ifx) {
@@ -198,7 +198,7 @@ TEST_F(ConfigSaverTest, PortWithAnIndexThatHadItsTurnIsTakenAtTheEnd) {
 }
 
 TEST_F(ConfigSaverTest, PauseCountsEverySlice) {
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     background.hold = false;
     add_ports(128);
     g_port = [&](uint64_t) {
@@ -273,7 +273,7 @@ TEST_F(ConfigSaverTest, ChangeWhileTheFirstSaveIsWrittenWaitsForTheNextOneWhenTh
 
 TEST_F(ConfigSaverTest, WithoutAPathNothingIsSaved) {
     qv::cli::ConfigSaver nowhere(rig.platform.loop(), background, "", journal, sections);
-    nowhere.allow_unasked(true);
+    nowhere.allow_autosave(true);
     nowhere.request();
     rig.platform.run_for(60s);
     EXPECT_EQ(background.runs, 0);
@@ -294,7 +294,7 @@ TEST_F(ConfigSaverTest, RecordsAddedWhileTheFileIsWrittenStay) {
 TEST_F(ConfigSaverTest, FailureIsAnsweredAndNotRetriedOnceASaveHasSucceeded) {
     background.hold = false;
     std::filesystem::remove(rig.folder.file("disk"));
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     saver.save(answer("first: "));
     rig.platform.run_ready();
     EXPECT_EQ(answers, Lines{"first: No such file or directory"});
@@ -312,7 +312,7 @@ TEST_F(ConfigSaverTest, FailureIsAnsweredAndNotRetriedOnceASaveHasSucceeded) {
 TEST_F(ConfigSaverTest, FailureIsRetriedAfterHalfAMinute) {
     background.hold = false;
     std::filesystem::remove(rig.folder.file("disk"));
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     saver.request();
     rig.platform.run_for(100ms);
     std::filesystem::create_directory(rig.folder.file("disk"));
@@ -388,7 +388,7 @@ TEST_F(ConfigSaverTest, GlobalLinesAreSavedWhenTheWholeOfThemIsInTheFile) {
 }
 
 TEST_F(ConfigSaverTest, ChangeBetweenTwoSlicesIsSavedWhenTheFileIsWritten) {
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     add_ports(100);
     g_port = [&](uint64_t ifx) {
         if (ifx == 104) {

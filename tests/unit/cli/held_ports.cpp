@@ -109,10 +109,10 @@ std::string HeldPorts::saved(const std::string& port) const {
 
 std::string HeldPorts::last_record() const {
     const auto records = cli::read_journal(rig.saved() + ".journal");
-    return records.empty() ? "none" : told(records.back());
+    return records.empty() ? "none" : text_of(records.back());
 }
 
-std::string HeldPorts::told(const cli::JournalRecord& record) {
+std::string HeldPorts::text_of(const cli::JournalRecord& record) {
     std::string text = record.section.port + ":";
     for (const auto& line : record.section.lines) {
         text += " " + line.text + ",";

@@ -38,7 +38,7 @@ class HeldPorts : public ::testing::Test {
     std::string saved(const std::string& port) const;
     // "PORT: LINE, LINE" of the newest record.
     std::string last_record() const;
-    static std::string told(const cli::JournalRecord& record);
+    static std::string text_of(const cli::JournalRecord& record);
     bool up(uint32_t ifx) const { return rig.model.find(ifx)->admin_up; }
 
     CliRig rig;

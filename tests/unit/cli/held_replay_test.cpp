@@ -113,8 +113,8 @@ TEST_F(HeldReplay, GlobalLinesOfAFileWithoutASealAreJournalledAgain) {
     program(102, "shutdown");
     const auto records = qv::cli::read_journal(rig.saved() + ".journal");
     ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(told(records[0]), ": tarn enable,");
-    EXPECT_EQ(told(records[1]), "swp2: no shutdown,");
+    EXPECT_EQ(text_of(records[0]), ": tarn enable,");
+    EXPECT_EQ(text_of(records[1]), "swp2: no shutdown,");
 }
 
 int print_two_lines(cli_pcdb*) {

@@ -30,7 +30,7 @@ ConfigSection section(const std::string& port, std::vector<std::string> lines) {
 }
 
 // "NUMBER PORT: LINE, LINE" for each record, preceded by "(saved)" for a saved one.
-std::vector<std::string> told(const std::string& path) {
+std::vector<std::string> contents(const std::string& path) {
     std::vector<std::string> texts;
     for (const auto& [number, section, saved] : read_journal(path)) {
         std::string text =
@@ -43,7 +43,7 @@ std::vector<std::string> told(const std::string& path) {
     return texts;
 }
 
-using Told = std::vector<std::string>;
+using Contents = std::vector<std::string>;
 
 struct JournalTest : testing::Test {
     const qv::test::TestFolder folder;
@@ -64,13 +64,14 @@ TEST_F(JournalTest, RecordsAreReadAsTheyWereWritten) {
     EXPECT_EQ(journal.append(section("swp3", {"shutdown", "loop-detect apply shutdown-port"})), "");
     EXPECT_EQ(journal.append(section("swp4", {})), "");
     EXPECT_EQ(journal.last(), 3U);
-    EXPECT_EQ(told(path), (Told{"1 : loop-detect enable, tarn enable,",
-                                "2 swp3: shutdown, loop-detect apply shutdown-port,", "3 swp4:"}));
+    EXPECT_EQ(contents(path),
+              (Contents{"1 : loop-detect enable, tarn enable,",
+                        "2 swp3: shutdown, loop-detect apply shutdown-port,", "3 swp4:"}));
     EXPECT_EQ(read_journal(path)[1].section.lines[0].number, 0);
 }
 
 TEST_F(JournalTest, MissingFileHasNoRecords) {
-    EXPECT_EQ(told(folder.file("none")), Told{});
+    EXPECT_EQ(contents(folder.file("none")), Contents{});
 }
 
 TEST_F(JournalTest, RecordCutOffAnywhereEndsTheReading) {
@@ -84,10 +85,10 @@ TEST_F(JournalTest, RecordCutOffAnywhereEndsTheReading) {
     ASSERT_GT(end, whole);
     for (size_t length = whole; length < end; ++length) {
         write_text(path, bytes.substr(0, length));
-        EXPECT_EQ(told(path), Told{first}) << length;
+        EXPECT_EQ(contents(path), Contents{first}) << length;
     }
     write_text(path, bytes.substr(0, end));
-    EXPECT_EQ(told(path), (Told{first, "2 swp2: shutdown,"}));
+    EXPECT_EQ(contents(path), (Contents{first, "2 swp2: shutdown,"}));
 }
 
 TEST_F(JournalTest, DamagedByteEndsTheReading) {
@@ -98,7 +99,7 @@ TEST_F(JournalTest, DamagedByteEndsTheReading) {
         std::string damaged = bytes;
         damaged[at] = static_cast<char>(damaged[at] ^ 1);
         write_text(path, damaged);
-        EXPECT_EQ(told(path), Told{}) << at;
+        EXPECT_EQ(contents(path), Contents{}) << at;
     }
 }
 
@@ -107,9 +108,9 @@ TEST_F(JournalTest, DroppedRecordsAreGoneAndNumbersContinue) {
     journal.append(section("swp1", {"shutdown"}));
     journal.append(section("swp2", {"shutdown"}));
     journal.forget(2);
-    EXPECT_EQ(told(path), Told{});
+    EXPECT_EQ(contents(path), Contents{});
     journal.append(section("swp3", {"shutdown"}));
-    EXPECT_EQ(told(path), Told{"3 swp3: shutdown,"}) << "what lies behind it is old";
+    EXPECT_EQ(contents(path), Contents{"3 swp3: shutdown,"}) << "what lies behind it is old";
 }
 
 TEST_F(JournalTest, RecordsAfterTheForgottenOnesStay) {
@@ -117,7 +118,7 @@ TEST_F(JournalTest, RecordsAfterTheForgottenOnesStay) {
     journal.append(section("swp1", {"shutdown"}));
     journal.append(section("swp2", {"shutdown"}));
     journal.forget(1);
-    EXPECT_EQ(told(path).back(), "2 swp2: shutdown,");
+    EXPECT_EQ(contents(path).back(), "2 swp2: shutdown,");
     EXPECT_FALSE(journal.holds("swp1"));
     EXPECT_TRUE(journal.holds("swp2"));
 }
@@ -130,15 +131,15 @@ TEST_F(JournalTest, SectionsOfHeldPortsStayWhenTheyAreSaved) {
     journal.append(held1);
     journal.append(section("swp3", {"shutdown"}));
     journal.forget(2, {held1, held2});
-    EXPECT_EQ(told(path), (Told{"(saved) 2 swp1:" + lines, "(saved) 2 swp2:" + lines}));
+    EXPECT_EQ(contents(path), (Contents{"(saved) 2 swp1:" + lines, "(saved) 2 swp2:" + lines}));
     EXPECT_FALSE(journal.holds("swp1")) << "it is in the saved configuration";
     journal.append(section("swp1", {"no shutdown"}));
-    EXPECT_EQ(told(path),
-              (Told{"(saved) 2 swp1:" + lines, "(saved) 2 swp2:" + lines, "3 swp1: no shutdown,"}));
+    EXPECT_EQ(contents(path), (Contents{"(saved) 2 swp1:" + lines, "(saved) 2 swp2:" + lines,
+                                        "3 swp1: no shutdown,"}));
     journal.forget(3, {held2});
-    EXPECT_EQ(told(path), Told{"(saved) 3 swp2:" + lines});
+    EXPECT_EQ(contents(path), Contents{"(saved) 3 swp2:" + lines});
     journal.forget(3);
-    EXPECT_EQ(told(path), Told{});
+    EXPECT_EQ(contents(path), Contents{});
 }
 
 TEST_F(JournalTest, SavedRecordsStayUntilTheNextSaveAfterAStart) {
@@ -148,28 +149,28 @@ TEST_F(JournalTest, SavedRecordsStayUntilTheNextSaveAfterAStart) {
     journal.forget(1, {held});
     Journal next(path);
     EXPECT_EQ(next.open(1), "");
-    const Told as_before{"(saved) 1 swp1: shutdown, loop-detect apply shutdown-port,"};
-    EXPECT_EQ(told(path), as_before);
+    const Contents as_before{"(saved) 1 swp1: shutdown, loop-detect apply shutdown-port,"};
+    EXPECT_EQ(contents(path), as_before);
     next.append(section("swp2", {"shutdown"}));
-    EXPECT_EQ(told(path), (Told{as_before[0], "2 swp2: shutdown,"}));
+    EXPECT_EQ(contents(path), (Contents{as_before[0], "2 swp2: shutdown,"}));
     next.forget(2);
-    EXPECT_EQ(told(path), Told{});
+    EXPECT_EQ(contents(path), Contents{});
 }
 
 TEST_F(JournalTest, FileThatIsMovedAwayIsMadeAgainByTheNextSave) {
     const ConfigSection held = section("swp1", {"shutdown", "loop-detect apply shutdown-port"});
-    const Told record{"(saved) 1 swp1: shutdown, loop-detect apply shutdown-port,"};
+    const Contents record{"(saved) 1 swp1: shutdown, loop-detect apply shutdown-port,"};
     journal.open(0);
     journal.append(held);
     journal.forget(1, {held});
     std::filesystem::rename(path, path + ".moved");
     journal.forget(1, {held});
-    EXPECT_EQ(told(path), record);
+    EXPECT_EQ(contents(path), record);
     write_text(path + ".other", "something else");
     std::filesystem::rename(path + ".other", path);
     journal.append(section("swp2", {"shutdown"}));
-    EXPECT_EQ(journal.stay_in_place(), "");
-    EXPECT_EQ(told(path), (Told{record[0], "2 swp2: shutdown,"}));
+    EXPECT_EQ(journal.reopen_if_replaced(), "");
+    EXPECT_EQ(contents(path), (Contents{record[0], "2 swp2: shutdown,"}));
 }
 
 TEST_F(JournalTest, ManyHeldPortsDoNotMakeEveryRecordARewrite) {
@@ -186,7 +187,7 @@ TEST_F(JournalTest, ManyHeldPortsDoNotMakeEveryRecordARewrite) {
         journal.append(section("swp2", {"no shutdown"}));
     }
     EXPECT_EQ(file_number(), before);
-    EXPECT_EQ(told(path).size(), 2100U);
+    EXPECT_EQ(contents(path).size(), 2100U);
 }
 
 // A crash could break off a write of several pages, and with it the records that nothing else has.
@@ -199,7 +200,7 @@ TEST_F(JournalTest, RecordsOfMoreThanAPageAreWrittenBesideTheOldOnes) {
     EXPECT_EQ(file_number(), before) << "a small one is written in one piece";
     journal.forget(1, std::vector<ConfigSection>(60, held));
     EXPECT_NE(file_number(), before);
-    EXPECT_EQ(told(path).size(), 60U);
+    EXPECT_EQ(contents(path).size(), 60U);
 }
 
 TEST_F(JournalTest, StartOnAFullDiskContinuesInTheOldFile) {
@@ -210,7 +211,7 @@ TEST_F(JournalTest, StartOnAFullDiskContinuesInTheOldFile) {
     Journal next(path);
     EXPECT_EQ(next.open(0), "");
     EXPECT_EQ(next.append(section("swp2", {"shutdown"})), "");
-    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+    EXPECT_EQ(contents(path), (Contents{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
 }
 
 TEST_F(JournalTest, ReopenedJournalContinuesWithItsRecords) {
@@ -219,13 +220,13 @@ TEST_F(JournalTest, ReopenedJournalContinuesWithItsRecords) {
     Journal next(path);
     EXPECT_EQ(next.open(0), "");
     EXPECT_EQ(next.append(section("swp2", {"shutdown"})), "");
-    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+    EXPECT_EQ(contents(path), (Contents{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
 }
 
 TEST_F(JournalTest, NumbersContinueAfterThoseOfTheSavedConfiguration) {
     EXPECT_EQ(journal.open(41), "");
     journal.append(section("swp1", {"shutdown"}));
-    EXPECT_EQ(told(path), Told{"42 swp1: shutdown,"});
+    EXPECT_EQ(contents(path), Contents{"42 swp1: shutdown,"});
 }
 
 TEST_F(JournalTest, FileStaysSmallHoweverOftenAPortIsShut) {
@@ -235,8 +236,8 @@ TEST_F(JournalTest, FileStaysSmallHoweverOftenAPortIsShut) {
         ASSERT_EQ(journal.append(section("swp2", {"shutdown"})), "");
     }
     EXPECT_LT(std::filesystem::file_size(path), 80U << 10);
-    EXPECT_EQ(told(path).back(), "40000 swp2: shutdown,");
-    EXPECT_EQ(told(path).rbegin()[1], "39999 swp1: shutdown,");
+    EXPECT_EQ(contents(path).back(), "40000 swp2: shutdown,");
+    EXPECT_EQ(contents(path).rbegin()[1], "39999 swp1: shutdown,");
 }
 
 TEST_F(JournalTest, ManyPortsShutAtOnceDoNotRewriteTheFileForEach) {
@@ -266,7 +267,7 @@ TEST_F(JournalTest, RoomIsLaidOutSoThatAFullDiskKeepsNoRecordOut) {
         EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "File too large");
     }
     EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
-    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp3: shutdown,"}))
+    EXPECT_EQ(contents(path), (Contents{"1 swp1: shutdown,", "2 swp3: shutdown,"}))
         << "a record that was refused takes no number";
 }
 
@@ -276,7 +277,7 @@ TEST_F(JournalTest, FolderThatIsNotThereIsATroubleUntilItIs) {
     EXPECT_EQ(lost.append(section("swp1", {"shutdown"})), "No such file or directory");
     std::filesystem::create_directory(folder.file("none"));
     EXPECT_EQ(lost.append(section("swp1", {"shutdown"})), "");
-    EXPECT_EQ(told(lost.path()), Told{"1 swp1: shutdown,"});
+    EXPECT_EQ(contents(lost.path()), Contents{"1 swp1: shutdown,"});
 }
 
 TEST_F(JournalTest, RemovedFileIsCreatedAgainWithAllUnsavedRecords) {
@@ -284,8 +285,8 @@ TEST_F(JournalTest, RemovedFileIsCreatedAgainWithAllUnsavedRecords) {
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::remove(path);
     EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
-    EXPECT_EQ(journal.stay_in_place(), "");
-    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+    EXPECT_EQ(journal.reopen_if_replaced(), "");
+    EXPECT_EQ(contents(path), (Contents{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
 }
 
 TEST_F(JournalTest, FileThatIsMadeAgainHasTheNewestRecordOfASectionAlone) {
@@ -294,8 +295,8 @@ TEST_F(JournalTest, FileThatIsMadeAgainHasTheNewestRecordOfASectionAlone) {
     journal.append(section("swp1", {"no shutdown"}));
     std::filesystem::remove(path);
     EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
-    EXPECT_EQ(journal.stay_in_place(), "");
-    EXPECT_EQ(told(path), (Told{"2 swp1: no shutdown,", "3 swp2: shutdown,"}));
+    EXPECT_EQ(journal.reopen_if_replaced(), "");
+    EXPECT_EQ(contents(path), (Contents{"2 swp1: no shutdown,", "3 swp2: shutdown,"}));
 }
 
 TEST_F(JournalTest, FileIsItsOwnersAlone) {
@@ -315,13 +316,13 @@ TEST_F(JournalTest, NumbersThatAreNoneEndTheReading) {
     const std::string body = "interface swp1\n shutdown\n";
     const std::string size = std::to_string(body.size());
     write_text(path, record("1", size, body));
-    ASSERT_EQ(told(path), Told{"1 swp1: shutdown,"});
+    ASSERT_EQ(contents(path), Contents{"1 swp1: shutdown,"});
     EXPECT_EQ(read_journal(path)[0].section.number, 0);
     for (const std::string& bytes :
          {record("1x", size, body), record("", size, body), record("1", size + "x", body),
           record("1", "999", body), record("1", "", body), record("-1", size, body)}) {
         write_text(path, bytes);
-        EXPECT_EQ(told(path), Told{}) << bytes;
+        EXPECT_EQ(contents(path), Contents{}) << bytes;
     }
 }
 
@@ -331,7 +332,7 @@ TEST_F(JournalTest, NumberThatDoesNotGrowEndsTheReading) {
     const std::string older = record("1", "12", "no shutdown\n");
     for (const std::string& second : {again, older}) {
         write_text(path, first + second);
-        EXPECT_EQ(told(path), Told{"2 : shutdown,"});
+        EXPECT_EQ(contents(path), Contents{"2 : shutdown,"});
     }
 }
 
@@ -341,7 +342,7 @@ TEST_F(JournalTest, ReopenedJournalHasTheContentOfTheFile) {
     std::filesystem::remove(path);
     EXPECT_EQ(journal.open(7), "");
     EXPECT_FALSE(journal.holds("swp1"));
-    EXPECT_EQ(told(path), Told{});
+    EXPECT_EQ(contents(path), Contents{});
     EXPECT_EQ(journal.last(), 7U);
 }
 
@@ -350,11 +351,11 @@ TEST_F(JournalTest, LinkToTheFileIsReplacedByAFile) {
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::rename(path, path + ".moved");
     std::filesystem::create_symlink(path + ".moved", path);
-    EXPECT_EQ(journal.stay_in_place(), "");
+    EXPECT_EQ(journal.reopen_if_replaced(), "");
     EXPECT_FALSE(std::filesystem::is_symlink(path));
     EXPECT_EQ(journal.append(section("swp2", {"shutdown"})), "");
-    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
-    EXPECT_EQ(told(path + ".moved"), Told{"1 swp1: shutdown,"});
+    EXPECT_EQ(contents(path), (Contents{"1 swp1: shutdown,", "2 swp2: shutdown,"}));
+    EXPECT_EQ(contents(path + ".moved"), Contents{"1 swp1: shutdown,"});
 }
 
 TEST_F(JournalTest, RecordThatFitsInPartIsNotWritten) {
@@ -368,7 +369,7 @@ TEST_F(JournalTest, RecordThatFitsInPartIsNotWritten) {
         EXPECT_FALSE(journal.holds("swp2"));
     }
     EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
-    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp3: shutdown,"}));
+    EXPECT_EQ(contents(path), (Contents{"1 swp1: shutdown,", "2 swp3: shutdown,"}));
 }
 
 TEST_F(JournalTest, EarlierSaveThatEndsLaterDropsHeldPortsOfTheOtherOne) {
@@ -378,7 +379,7 @@ TEST_F(JournalTest, EarlierSaveThatEndsLaterDropsHeldPortsOfTheOtherOne) {
     journal.append(section("swp2", {"shutdown"}));
     journal.forget(2, {held});
     journal.forget(1);
-    EXPECT_EQ(told(path), Told{});
+    EXPECT_EQ(contents(path), Contents{});
 }
 
 TEST_F(JournalTest, SaveThatChangesNothingLeavesTheFileAlone) {
@@ -423,7 +424,7 @@ TEST_F(JournalTest, FileThatCannotBeWrittenToItsEndIsNotPutInPlace) {
     journal.append(section("swp1", {"shutdown"}));
     std::filesystem::remove(path);
     const qv::test::FullDisk full(10);
-    EXPECT_EQ(journal.stay_in_place(), "No space left on device");
+    EXPECT_EQ(journal.reopen_if_replaced(), "No space left on device");
     EXPECT_FALSE(std::filesystem::exists(path));
     EXPECT_FALSE(std::filesystem::exists(path + ".new"));
 }
@@ -440,12 +441,13 @@ TEST_F(JournalTest, ContinuesInItsFileOnceThatIsBack) {
     journal.append(section("swp1", {"no shutdown"}));
     std::filesystem::rename(path, path + ".moved");
     std::filesystem::create_directory(path);
-    EXPECT_EQ(journal.stay_in_place(), "Is a directory");
+    EXPECT_EQ(journal.reopen_if_replaced(), "Is a directory");
     std::filesystem::remove(path);
     std::filesystem::rename(path + ".moved", path);
     EXPECT_EQ(journal.append(section("swp3", {"shutdown"})), "");
-    EXPECT_EQ(journal.stay_in_place(), "");
-    EXPECT_EQ(told(path), (Told{"1 swp1: shutdown,", "2 swp1: no shutdown,", "3 swp3: shutdown,"}));
+    EXPECT_EQ(journal.reopen_if_replaced(), "");
+    EXPECT_EQ(contents(path),
+              (Contents{"1 swp1: shutdown,", "2 swp1: no shutdown,", "3 swp3: shutdown,"}));
 }
 
 TEST_F(JournalTest, PipeInItsPlaceIsNotWrittenTo) {

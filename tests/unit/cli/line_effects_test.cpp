@@ -97,25 +97,25 @@ TEST_F(LineEffects, StatesShowTheAggregateAndAPortWithoutAMode) {
               "swp4             104      up     up    access  -\n");
 }
 
-// ---- Who is notified of tarn lines ----
+// ---- Observers of tarn lines ----
 
 TEST_F(LineEffects, TarnObserversAreNotifiedOfChangesOnly) {
     int changes = 0;
     qv::cli::add_tarn_observer([&](uint64_t) { ++changes; });
-    const auto told = [&](const std::string& mode, const std::string& line) {
+    const auto changes_after = [&](const std::string& mode, const std::string& line) {
         changes = 0;
         EXPECT_EQ(in(mode, line), "") << line;
         return changes;
     };
-    EXPECT_EQ(told("config", "tarn error-recover interval 90"), 1);
-    EXPECT_EQ(told("config", "tarn error-recover interval 90"), 0);
-    EXPECT_EQ(told("config", "no tarn error-recover interval"), 1);
-    EXPECT_EQ(told("config", "no tarn error-recover interval"), 0);
-    EXPECT_EQ(told("interface", "no tarn port loop-detect"), 0);
-    EXPECT_EQ(told("interface", "tarn port loop-detect warning"), 1);
-    EXPECT_EQ(told("interface", "tarn port loop-detect warning"), 0);
-    EXPECT_EQ(told("interface", "no tarn port loop-detect"), 1);
-    EXPECT_EQ(told("interface", "tarn port loop-detect warning"), 1);
+    EXPECT_EQ(changes_after("config", "tarn error-recover interval 90"), 1);
+    EXPECT_EQ(changes_after("config", "tarn error-recover interval 90"), 0);
+    EXPECT_EQ(changes_after("config", "no tarn error-recover interval"), 1);
+    EXPECT_EQ(changes_after("config", "no tarn error-recover interval"), 0);
+    EXPECT_EQ(changes_after("interface", "no tarn port loop-detect"), 0);
+    EXPECT_EQ(changes_after("interface", "tarn port loop-detect warning"), 1);
+    EXPECT_EQ(changes_after("interface", "tarn port loop-detect warning"), 0);
+    EXPECT_EQ(changes_after("interface", "no tarn port loop-detect"), 1);
+    EXPECT_EQ(changes_after("interface", "tarn port loop-detect warning"), 1);
     changes = 0;
     rig.hardware.remove(101);
     EXPECT_EQ(changes, 1);

@@ -69,10 +69,10 @@ TEST_F(PortSectionsTest, SectionIsPendingUntilItIsInForceItself) {
         sections.set_pending({"swp1", 0, {{0, "tarn port loop-detect warning"}}});
     const uint64_t second = sections.set_pending({"swp1", 0, {{0, "shutdown"}}});
     EXPECT_FALSE(sections.is_pending("swp1", first));
-    sections.set_in_force("swp1", first);
+    sections.clear_pending("swp1", first);
     EXPECT_TRUE(sections.is_pending("swp1", second));
     EXPECT_EQ(sections.saved(port).lines.at(0).text, "shutdown");
-    sections.set_in_force("swp1", second);
+    sections.clear_pending("swp1", second);
     EXPECT_FALSE(sections.is_pending("swp1", second));
     EXPECT_EQ(sections.saved(port).lines.size(), 0U);
 }
@@ -100,17 +100,17 @@ TEST_F(PortSectionsTest, GlobalLinesPrecedeTheSectionThatNeedsThemInTheJournal) 
     program(102, "shutdown");
     const auto records = qv::cli::read_journal(rig.saved() + ".journal");
     ASSERT_EQ(records.size(), 2U);
-    EXPECT_EQ(told(records[0]), ": tarn enable,");
-    EXPECT_EQ(told(records[1]), "swp2: shutdown, loop-detect apply shutdown-port,");
+    EXPECT_EQ(text_of(records[0]), ": tarn enable,");
+    EXPECT_EQ(text_of(records[1]), "swp2: shutdown, loop-detect apply shutdown-port,");
     program(103, "shutdown");
     EXPECT_EQ(qv::cli::read_journal(rig.saved() + ".journal").size(), 3U) << "once is enough";
     rig.platform.run_for(1s);
     program(104, "shutdown");
     const auto next = qv::cli::read_journal(rig.saved() + ".journal");
     ASSERT_EQ(next.size(), 2U) << "the global lines are saved";
-    EXPECT_EQ(told(next[0]), "swp2: shutdown, loop-detect apply shutdown-port,");
+    EXPECT_EQ(text_of(next[0]), "swp2: shutdown, loop-detect apply shutdown-port,");
     EXPECT_TRUE(next[0].saved);
-    EXPECT_EQ(told(next[1]), "swp4: no shutdown,");
+    EXPECT_EQ(text_of(next[1]), "swp4: no shutdown,");
 }
 
 TEST_F(PortSectionsTest, SaveEmptiesTheJournal) {

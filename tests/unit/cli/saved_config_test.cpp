@@ -600,7 +600,7 @@ TEST_F(SavedConfig, LastSaveAnswersEverybodyAndNeedsNoBackground) {
     const qv::cli::PortSections sections;
     EndingBackground background;
     qv::cli::ConfigSaver saver(rig.platform.loop(), background, path, journal, sections);
-    saver.allow_unasked(true);
+    saver.allow_autosave(true);
     Lines answers;
     saver.save([&](const std::string& reason) { answers.push_back("first" + reason); });
     saver.save([&](const std::string& reason) { answers.push_back("second" + reason); });

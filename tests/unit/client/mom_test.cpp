@@ -40,7 +40,7 @@ TEST_P(Store, ReturnIsReportedToAClientThatDidNotAskForTheStart) {
     settle();
     world->lose();
     expect_heard("down");
-    world->bring_back();
+    world->restore();
     expect_heard("back");
     EXPECT_EQ(g_heard, (Lines{"down", "back"}));
 }
@@ -50,7 +50,7 @@ TEST_P(Store, ServerThatIsAwayAtStartIsWaitedFor) {
     qv_mom_client_connect(client, 4, on_up, nullptr);
     qv_mom_client_set_reconnect_cb(client, 4, on_back, nullptr);
     EXPECT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), ENOTCONN);
-    world->bring_back();
+    world->restore();
     expect_heard("up");
     EXPECT_EQ(g_heard, Lines{"up"});
 }
@@ -94,7 +94,7 @@ TEST_P(Store, SubscribingAgainConfirmsAgainAndDeliversOnce) {
     qv_mom_subscribe(client, 4, key.record(), 0, on_loop_info, nullptr);
     qv_mom_subscribe(client, 4, key.record(), 0, on_loop_info, nullptr);
     settle();
-    EXPECT_EQ(take_heard(), (Lines{"29/0/4", "29/0/4"}));
+    EXPECT_EQ(take_events(), (Lines{"29/0/4", "29/0/4"}));
     qv_mom_set(client, 4, LoopInfo(7, 1, 1, 8).record(), 0, 0);
     settle();
     EXPECT_EQ(g_heard, Lines{"1/0/4 ifx=7 vid=1 loop=1 src=8"});
@@ -156,7 +156,7 @@ TEST_P(Store, DeleteWithAnEmptyKeyRemovesTheTypeAndReportsEach) {
     g_heard.clear();
     EXPECT_EQ(qv_mom_pdel(client, 4, LoopEntry("", 0, false).record(), 0, 0, 0), 0);
     settle();
-    Lines heard = take_heard();
+    Lines heard = take_events();
     std::sort(heard.begin(), heard.end());
     EXPECT_EQ(heard, (Lines{"1/1/4 swp* policy=0 src=1", "1/1/4 swp1 policy=1 src=1"}));
     EXPECT_EQ(world->keys(4), Lines{"p_bridge.tarn_loop_info/ifx=7"});
@@ -196,7 +196,7 @@ TEST_P(Store, ScanDeliversExistingRecordsThroughTheLoop) {
     EXPECT_EQ(g_heard, Lines{});
     ASSERT_TRUE(world->run_until([] { return g_heard.size() == 2; }));
     settle();
-    Lines heard = take_heard();
+    Lines heard = take_events();
     std::sort(heard.begin(), heard.end());
     EXPECT_EQ(heard, (Lines{"1/0/4 ifx=7 vid=1 loop=1 src=8", "1/0/4 ifx=9 vid=2 loop=0 src=9"}));
     EXPECT_EQ(platform.log.lines(), Lines{});
@@ -210,7 +210,7 @@ TEST_P(Store, ScanOfFiveThousandRecordsDeliversEach) {
     settle();
     qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
     world->run_until([] { return g_heard.size() >= 5000; });
-    Lines heard = take_heard();
+    Lines heard = take_events();
     std::sort(heard.begin(), heard.end());
     heard.erase(std::unique(heard.begin(), heard.end()), heard.end());
     EXPECT_EQ(heard.size(), 5000U);
@@ -240,11 +240,11 @@ TEST_P(Store, LossIsReportedAndRequestsFailUntilTheReturn) {
     EXPECT_EQ(qv_mom_publish(client, 4, info.record(), 0, 0), ENOTCONN);
     EXPECT_EQ(qv_mom_subscribe(client, 4, info.record(), 0, on_loop_info, nullptr), ENOTCONN);
     EXPECT_EQ(qv_mom_scan(client, 4, info.record(), 0, on_loop_info, nullptr), ENOTCONN);
-    world->bring_back();
+    world->restore();
     expect_heard("back");
     EXPECT_EQ(qv_mom_set(client, 4, info.record(), 0, 0), 0);
     settle();
-    EXPECT_EQ(take_heard(), (Lines{"down", "back"}));
+    EXPECT_EQ(take_events(), (Lines{"down", "back"}));
 }
 
 TEST_P(Store, LossForgetsTheSubscription) {
@@ -253,11 +253,11 @@ TEST_P(Store, LossForgetsTheSubscription) {
     expect_heard("29/0/4");
     world->lose();
     expect_heard("down");
-    world->bring_back();
+    world->restore();
     expect_heard("back");
     qv_mom_set(client, 4, LoopInfo(7, 1, 1, 8).record(), 0, 0);
     settle();
-    EXPECT_EQ(take_heard(), (Lines{"29/0/4", "down", "back"}));
+    EXPECT_EQ(take_events(), (Lines{"29/0/4", "down", "back"}));
 }
 
 // The agent's way: subscribe again on reconnect, scan on the confirmation.
@@ -283,7 +283,7 @@ TEST_P(Store, NothingIsLostOverALossOfTheServer) {
     expect_heard("29/0/4");
     world->lose();
     expect_heard("down");
-    world->bring_back();
+    world->restore();
     world->put(4, "p_bridge.tarn_loop_info/ifx=7", LoopInfo(7, 1, 1, 8).packed());
     expect_heard("1/0/4 ifx=7 vid=1 loop=1 src=8");
     EXPECT_EQ(g_heard[2], "29/0/4");
@@ -297,11 +297,11 @@ TEST_P(Store, RecordThatDoesNotUnpackIsLoggedAndDropped) {
     world->put(4, "p_bridge.tarn_loop_info/ifx=7", "\xff\xff\xff");
     world->put(4, "p_bridge.tarn_loop_info/ifx=8", LoopInfo(8, 1, 1, 8).packed());
     settle();
-    EXPECT_EQ(take_heard(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=8"});
+    EXPECT_EQ(take_events(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=8"});
     qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
     expect_heard("1/0/4 ifx=8 vid=1 loop=1 src=8");
     settle();
-    EXPECT_EQ(take_heard(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=8"});
+    EXPECT_EQ(take_events(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=8"});
     EXPECT_EQ(platform.log.lines(),
               (Lines{"MOM-4-BAD_RECORD: Record of p_bridge.tarn_loop_info in database 4 dropped: 3 "
                      "bytes do not unpack.",
@@ -317,7 +317,7 @@ TEST_P(Store, NoticeWithoutAKnownOperationIsLoggedAndDropped) {
     world->notify(4, "p_bridge.tarn_loop_info", "");
     world->notify(4, "p_bridge.tarn_loop_info", "\x03\x2a\x02\x08\x07");
     settle();
-    EXPECT_EQ(take_heard(), Lines{});
+    EXPECT_EQ(take_events(), Lines{});
     EXPECT_EQ(platform.log.lines(), (Lines{"MOM-4-BAD_NOTICE: Notice of p_bridge.tarn_loop_info in "
                                            "database 4 dropped: no known operation.",
                                            "MOM-4-BAD_NOTICE: Notice of p_bridge.tarn_loop_info in "
@@ -340,7 +340,7 @@ TEST_P(Store, RecordOfATypeThatNobodyKnowsHarmsNobody) {
     world->put(4, "p_other.thing/name=x", "\x0a\x01x");
     world->notify(4, "p_other.thing", "\0\x0a\x01x"s);
     settle();
-    EXPECT_EQ(take_heard(), Lines{});
+    EXPECT_EQ(take_events(), Lines{});
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
 
@@ -379,7 +379,7 @@ TEST_P(Store, CallbackMaySubscribeScanAndSet) {
         nullptr);
     ASSERT_TRUE(world->run_until([] { return g_heard.size() >= 4; }));
     settle();
-    Lines heard = take_heard();
+    Lines heard = take_events();
     std::sort(heard.begin() + 2, heard.end());
     EXPECT_EQ(heard, (Lines{"29/0/4", "1/0/4 ifx=1 vid=1 loop=1 src=1",
                             "1/0/4 ifx=1 vid=1 loop=1 src=1", "29/0/4"}));

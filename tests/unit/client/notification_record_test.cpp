@@ -98,7 +98,7 @@ TEST_P(Store, NotificationThatFindsNoDatabaseLeavesAGapInTheSequence) {
     expect_heard("down");
     EXPECT_EQ(send_two_leaves(client), ENOTCONN);
     EXPECT_TRUE(qv::recent_notifications().empty());
-    world->bring_back();
+    world->restore();
     expect_heard("back");
     RawListener listener(*world);
     ASSERT_EQ(send_two_leaves(client), 0);

@@ -17,7 +17,7 @@ struct PortFollowerTest : testing::Test {
     PortFollowerTest() { model.add_observer(follower); }
 
     // The plane's calls since the change before.
-    Ids told() {
+    Ids reported() {
         test::run_ready(loop, platform.manual_clock);
         return std::exchange(ids, {});
     }
@@ -35,25 +35,25 @@ struct PortFollowerTest : testing::Test {
 
 TEST_F(PortFollowerTest, AddedAndRemovedPortsAreFollowed) {
     model.port_added(port);
-    EXPECT_EQ(told(), Ids{3});
+    EXPECT_EQ(reported(), Ids{3});
     model.port_removed(7);
-    EXPECT_EQ(told(), Ids{3});
+    EXPECT_EQ(reported(), Ids{3});
 }
 
 TEST_F(PortFollowerTest, RenamedPortIsFollowed) {
     model.port_added(port);
-    told();
+    reported();
     port.name = "uplink";
     model.port_changed(port);
-    EXPECT_EQ(told(), Ids{3});
+    EXPECT_EQ(reported(), Ids{3});
 }
 
 TEST_F(PortFollowerTest, PortWithAnotherIdIsFollowedUnderBoth) {
     model.port_added(port);
-    told();
+    reported();
     port.phyid = 5;
     model.port_changed(port);
-    EXPECT_EQ(told(), (Ids{3, 5}));
+    EXPECT_EQ(reported(), (Ids{3, 5}));
 }
 
 }  // namespace

@@ -174,7 +174,7 @@ TEST_F(Kills, SessionOfAnotherUserIsNotKilled) {
 class Subscriptions : public ServedSession {
  protected:
     // Whether the client is notified of a loop on this port.
-    bool is_told_of(const std::string& port) {
+    bool is_notified_of(const std::string& port) {
         database().publish("mom/3/p_nc.notification", '\2' + loop_on(port));
         return session().subscription->next().has_value();
     }
@@ -191,7 +191,7 @@ TEST_F(Subscriptions, BeginWithTheReply) {
     EXPECT_EQ(session().subscription, nullptr);
     EXPECT_EQ(reply_to(subscribe()), "<ok/>");
     ASSERT_NE(session().subscription, nullptr);
-    EXPECT_TRUE(is_told_of("swp1"));
+    EXPECT_TRUE(is_notified_of("swp1"));
     EXPECT_EQ(nc_session_get_notif_status(session().link), 1);
 }
 
@@ -204,8 +204,8 @@ TEST_F(Subscriptions, StreamIsTheOneOfTheProtocol) {
 
 TEST_F(Subscriptions, FilterChoosesNotifications) {
     EXPECT_EQ(reply_to(subscribe("<filter type=\"xpath\" select=\"//*[. = 'swp2']\"/>")), "<ok/>");
-    EXPECT_FALSE(is_told_of("swp1"));
-    EXPECT_TRUE(is_told_of("swp2"));
+    EXPECT_FALSE(is_notified_of("swp1"));
+    EXPECT_TRUE(is_notified_of("swp2"));
 }
 
 TEST_F(Subscriptions, FilterThatSelectsNoNodesIsRefused) {

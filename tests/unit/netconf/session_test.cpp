@@ -162,7 +162,7 @@ class SessionOfAClient : public testing::Test {
     }
 
     // The names of the ports in the notifications that were written.
-    std::vector<std::string> ports_told() const {
+    std::vector<std::string> notified_ports() const {
         std::vector<std::string> ports;
         for (size_t at = 0; (at = written_.find("<name>", at)) != std::string::npos; at += 6) {
             ports.push_back(written_.substr(at + 6, written_.find('<', at + 6) - at - 6));
@@ -428,7 +428,7 @@ TEST_F(SessionOfAClient, NotificationsAreSentBetweenRequests) {
     then_publish({"swp4"});
     then_send(request(kClose));
     EXPECT_EQ(run(), 0);
-    EXPECT_EQ(ports_told(), (std::vector<std::string>{"swp1", "swp2", "swp3", "swp4"}));
+    EXPECT_EQ(notified_ports(), (std::vector<std::string>{"swp1", "swp2", "swp3", "swp4"}));
     EXPECT_NE(written_.find("<eventTime>2026-01-02T03:04:05.678Z</eventTime>"), std::string::npos);
     EXPECT_EQ(replies(), 3U);
     EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kListening, kListening, kListening, kListening}));
@@ -475,7 +475,7 @@ TEST_F(SessionOfAClient, ClientThatDoesNotReadIsWaitedForWithItsRequests) {
     then_send(request(kGet));
     then_send(request(kClose));
     EXPECT_EQ(run(), 0);
-    EXPECT_EQ(ports_told(), (std::vector<std::string>{"swp1", "swp2"}));
+    EXPECT_EQ(notified_ports(), (std::vector<std::string>{"swp1", "swp2"}));
     EXPECT_EQ(replies(), 3U);
     EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kListening, kBlocked, kListening, kListening}));
 }
@@ -506,13 +506,13 @@ TEST_F(SessionOfAClient, ClientThatReadsInTimeMissesNothing) {
     for (int n = 0; n < 100; n++) {
         then([this] {
             read_output();
-            return ports_told().size() < 1001;
+            return notified_ports().size() < 1001;
         });
     }
     then_send(request(kClose));
     EXPECT_EQ(run(), 0);
-    ASSERT_EQ(ports_told().size(), 1001U);
-    EXPECT_EQ(ports_told().back(), "last");
+    ASSERT_EQ(notified_ports().size(), 1001U);
+    EXPECT_EQ(notified_ports().back(), "last");
 }
 
 TEST_F(SessionOfAClient, RestartedDatabaseIsSubscribedToAgain) {
@@ -530,7 +530,7 @@ TEST_F(SessionOfAClient, RestartedDatabaseIsSubscribedToAgain) {
     then_publish({"swp1"});
     then_send(request(kClose));
     EXPECT_EQ(run(), 0);
-    EXPECT_EQ(ports_told(), std::vector<std::string>{"swp1"});
+    EXPECT_EQ(notified_ports(), std::vector<std::string>{"swp1"});
     EXPECT_EQ(sleeps_, (std::vector<Sleep>{
                            kIdle, kListening, {POLLIN, 0, false, 100}, kListening, kListening}));
 }

@@ -91,12 +91,12 @@ TEST_F(SimulationCommands, StormReachesThePort) {
 }
 
 TEST_F(SimulationCommands, StormOutOfRangeChangesNothing) {
-    bool told = false;
-    ports.set_rate_listener([&told](uint32_t, uint64_t) { told = true; });
+    bool notified = false;
+    ports.set_rate_listener([&notified](uint32_t, uint64_t) { notified = true; });
     EXPECT_NE(type("test storm swp2 -1"), "done");
     EXPECT_NE(type("test storm swp2 1000000001"), "done");
     EXPECT_NE(type("test storm swp2 many"), "done");
-    EXPECT_FALSE(told);
+    EXPECT_FALSE(notified);
 }
 
 TEST_F(SimulationCommands, AggregateIsMadeJoinedAndLeft) {

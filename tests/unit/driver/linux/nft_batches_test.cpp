@@ -22,7 +22,7 @@ TEST_F(NftBatches, ManyRulesAreInstalledInTheirOrder) {
     for (ForwardingId id = 1; id <= 2 * NftForwarding::kMaxBatch; ++id) {
         plane->remove(id);
     }
-    carry_out();
+    run_until_committed();
     settle();
     EXPECT_EQ(output_of("nft list counters"),
               "table netdev lda {\n\tcounter port2.129 {\n\t\tpackets 0 bytes 0\n\t}\n}\n");
@@ -33,13 +33,13 @@ TEST_F(NftBatches, RuleRemovedBeforeItsInstallationIsNeverInstalled) {
     plane->install(3, std::nullopt, kSwitchRule);
     plane->install(4, 1, kPortRule);
     plane->remove(4);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), Lines{"done 3"});
     EXPECT_EQ(output_of("nft list counters"), "");
     plane->install(5, 1, kPortRule);
     plane->remove(5);
     plane->remove(3);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), Lines{});
     EXPECT_EQ(output_of("nft list ruleset"), "");
     EXPECT_FALSE(loop.next_timer().has_value());
@@ -63,7 +63,7 @@ TEST_F(NftBatches, RuleWaitsForAPortRemovedBeforeItsInstallation) {
     ip("link del swp1\n");
     ports.erase(1);
     plane->port_changed(1);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), (Lines{"done 3", "done 4"}));
     EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
     ip(port_line("swp1"));

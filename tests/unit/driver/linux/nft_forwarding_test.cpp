@@ -54,7 +54,7 @@ TEST_F(NftForwardingTest, RuleIsAChainAtTheIngressOfItsPort) {
     plane->reserve(2, ForwardingDriver::Table::kEntry);
     plane->install(3, 1, kPortRule);
     EXPECT_EQ(sink.take(), (Lines{"done 1", "done 2"}));
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), Lines{"done 3"});
     EXPECT_EQ(output_of("nft list chain netdev lda port1.3"),
               "table netdev lda {\n"
@@ -73,10 +73,10 @@ TEST_F(NftForwardingTest, TableIsThereOnlyWhileThereAreRules) {
     EXPECT_EQ(output_of("nft list ruleset"), "");
     plane->install(3, std::nullopt, kSwitchRule);
     plane->install(4, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     EXPECT_NE(output_of("nft list chain netdev lda port1.4"), "");
     plane->remove(4);
-    carry_out();
+    run_until_committed();
     EXPECT_NE(output_of("nft list table netdev lda"), "");
     EXPECT_EQ(output_of("nft list chains"), "table netdev lda {\n}\n");
     EXPECT_EQ(output_of("nft list counters"), "");
@@ -234,7 +234,7 @@ TEST_F(NftForwardingTest, RuleReturnsWithItsPortAndItsCounterContinues) {
     ip("link del swp1\n");
     ports.erase(1);
     plane->port_changed(1);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(output_of("nft list chains"), "table netdev lda {\n}\n");
     settle();
 
@@ -253,7 +253,7 @@ TEST_F(NftForwardingTest, RuleReturnsWithItsPortAndItsCounterContinues) {
 TEST_F(NftForwardingTest, PortThatIsGoneAgainBeforeItsRuleReturnsIsWaitedFor) {
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
-    carry_out();
+    run_until_committed();
     ip("link del swp1\n");  // the port model does not know yet
     ports[1].ifx = 4711;
     plane->port_changed(1);
@@ -269,7 +269,7 @@ TEST_F(NftForwardingTest, PortThatIsGoneAgainBeforeItsRuleReturnsIsWaitedFor) {
 
 TEST_F(NftForwardingTest, RuleFollowsARenamedDevice) {
     plane->install(3, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     ip("link set swp1 down\nlink set swp1 name uplink\nlink set uplink up\n");
     find_port(1, "uplink");
     plane->port_changed(1);
@@ -294,7 +294,7 @@ TEST_F(NftForwardingTest, RuleFindsADeviceWhoseNewNameTheModelLearnsLater) {
 // Some kernels remove the chain with the device, and there is no other sign of that.
 TEST_F(NftForwardingTest, ChainIsCreatedAgainForADeviceThatReturnsUnderItsIndex) {
     plane->install(3, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     const std::string before = output_of("nft -a list chain netdev lda port1.3 | grep chain");
     const Port port = ports[1];
     ip("link del swp1\n");
@@ -376,7 +376,7 @@ TEST_F(NftForwardingTest, LeftoversOfAnEarlierProcessAreRemoved) {
     plane->remove_leftovers();
     EXPECT_EQ(output_of("nft list ruleset"), "");
     plane->install(3, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     plane->remove_leftovers();
     EXPECT_NE(output_of("nft list chain netdev lda port1.3"), "") << "our own are no leftovers";
     plane->close();
@@ -388,7 +388,7 @@ TEST_F(NftForwardingTest, FirstRuleReplacesLeftoversThatNobodyRemoved) {
     nft("add table netdev lda\nadd chain netdev lda port1.9 { type filter hook ingress device "
         "\"swp1\" priority 0; policy drop; }\n");
     plane->install(3, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(output_of("nft list chain netdev lda port1.9"), "");
     EXPECT_EQ(sink.take(), Lines{"done 3"});
 }
@@ -413,7 +413,7 @@ TEST_F(NftForwardingTest, WithoutThePrivilegeEveryRuleIsRefusedWithOneMessage) {
     plane->install(2, std::nullopt, kSwitchRule);
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
-    carry_out();
+    run_until_committed();
     ASSERT_EQ(seteuid(0), 0);
     EXPECT_EQ(sink.take(),
               (Lines{"done 1", "failed 2: Operation not permitted",
@@ -424,7 +424,7 @@ TEST_F(NftForwardingTest, WithoutThePrivilegeEveryRuleIsRefusedWithOneMessage) {
     EXPECT_FALSE(loop.next_timer().has_value());
     // The privilege is back.
     plane->install(5, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), Lines{"done 5"});
 }
 

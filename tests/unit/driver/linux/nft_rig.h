@@ -163,7 +163,7 @@ struct NftForwardingTest : testing::Test {
     }
 
     // Waits until the requests are in the kernel.
-    void carry_out() { turn_for(2 * NftForwarding::kGather); }
+    void run_until_committed() { turn_for(2 * NftForwarding::kGather); }
 
     // Waits until the set of known addresses has been read and the counters were reported twice.
     void settle() { turn_for(2 * NftForwarding::kTick + std::chrono::seconds(1)); }

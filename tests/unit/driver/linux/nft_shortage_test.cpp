@@ -72,7 +72,7 @@ TEST_F(NftShortage, KnownAddressesAndChainsStay) {
 TEST_F(NftShortage, RuleIsReplacedByAnother) {
     install_first();
     plane->install(4, std::nullopt, kSwitchRule);
-    carry_out();
+    run_until_committed();
     sink.take();
     {
         const NoDescriptors none;

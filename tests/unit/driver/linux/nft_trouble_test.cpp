@@ -64,7 +64,7 @@ TEST_F(NftTrouble, TableRemovedByOthersIsRestored) {
 TEST_F(NftTrouble, RulesThatCannotBePutBackAreReportedAsLost) {
     plane->install(3, 1, kPortRule);
     plane->install(4, std::nullopt, kSwitchRule);
-    carry_out();
+    run_until_committed();
     nft("flush ruleset\n");
     ASSERT_EQ(seteuid(65534), 0);
     const bool lost = wait_for([&] { return sink.lines.size() >= 4; });
@@ -81,7 +81,7 @@ TEST_F(NftTrouble, RulesFlushedByOthersAreRestored) {
     const std::string before = output_of("nft -s list chain netdev lda port1.3");
     nft("flush table netdev lda\n");
     ASSERT_TRUE(logged());
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(output_of("nft -s list chain netdev lda port1.3"), before);
     expect_counting(3);
     EXPECT_EQ(platform.log.lines(), kPutBack);
@@ -207,7 +207,7 @@ TEST_F(NftOverrun, TableThatCannotBeReadIsLookedAtLater) {
 TEST_F(NftTrouble, ManyAddressesAtOnceAllArrive) {
     NftTable table("lda");
     NftTable::Change change = table.change();
-    change.begin_anew();
+    change.replace_table();
     ASSERT_EQ(table.run(change), 0);
     std::vector<MacAddress> addresses;
     for (MacAddress n = 0; n < 5000; ++n) {
@@ -225,7 +225,7 @@ TEST_F(NftTrouble, ManyAddressesAtOnceAllArrive) {
 TEST_F(NftTrouble, ChangeThatIsNotAcknowledgedHasFailed) {
     NftTable table("lda");
     NftTable::Change change = table.change();
-    change.begin_anew();
+    change.replace_table();
     ASSERT_EQ(table.run(change), 0);
     test::g_nft.unheard = NFNL_MSG_BATCH_BEGIN;
     EXPECT_EQ(table.change_known(std::vector<MacAddress>{kHost}, {}), EIO);
@@ -277,7 +277,7 @@ TEST_F(NftTrouble, RestoredCounterCountsFromZero) {
     ASSERT_TRUE(wait_for([&] { return packets(3) == 5; }));
     nft("flush ruleset\n");
     ASSERT_TRUE(logged());
-    carry_out();
+    run_until_committed();
     ASSERT_NE(output_of("nft list chain netdev lda port1.3"), "");
     send_frames("p-swp1", kUnknown, 12);  // more than before
     EXPECT_TRUE(wait_for([&] { return packets(3) == 17; }));
@@ -338,14 +338,14 @@ TEST_F(NftTrouble, CounterResetByOthersContinues) {
 TEST_F(NftTrouble, OnlyTheRuleThatCannotBeInstalledFails) {
     plane->install(3, 1, kPortRule);
     plane->install(4, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     sink.take();
     refuse("chain netdev lda port2.6 ", 2);
     plane->remove(4);
     plane->install(5, 2, kPortRule);
     plane->install(6, 2, kPortRule);
     plane->install(7, 2, kPortRule);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), (Lines{"done 5", "failed 6: Cannot allocate memory", "done 7"}));
     EXPECT_EQ(platform.log.lines().size(), 1u);
     settle();
@@ -384,7 +384,7 @@ TEST_F(NftTrouble, RuleThatCannotFollowItsPortIsPutBack) {
     find_port(1, "uplink");
     plane->port_changed(1);
     ASSERT_TRUE(logged());
-    carry_out();
+    run_until_committed();
     expect_counting(3);
     EXPECT_EQ(sink.take(), Lines{"done 3"});
 }
@@ -395,7 +395,7 @@ TEST_F(NftTrouble, DeviceThatTheKernelDoesNotHaveIsTriedAgain) {
     refuse("device \"swp1\"", 2 * static_cast<int>(NftForwarding::kDeviceTries) - 2);
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), Lines{"done 4"});
     EXPECT_TRUE(wait_for([&] { return !sink.lines.empty(); }));
     EXPECT_EQ(sink.take(), Lines{"done 3"});
@@ -418,11 +418,11 @@ TEST_F(NftTrouble, RuleIsInstalledOnceTheModelKnowsTheDevice) {
     refuse("device \"swp1\"", 1000);
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
-    carry_out();
+    run_until_committed();
     ip("link set swp1 down\nlink set swp1 name uplink\nlink set uplink up\n");
     find_port(1, "uplink");
     plane->port_changed(1);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(sink.take(), (Lines{"done 4", "done 3"}));
     const std::string before = output_of("nft -a list chain netdev lda port1.3 | grep chain");
     settle();
@@ -434,7 +434,7 @@ TEST_F(NftTrouble, RuleThatWaitsForItsDeviceCanBeRemoved) {
     refuse("device \"swp1\"", 1000);
     plane->install(3, 1, kPortRule);
     plane->install(4, 2, kPortRule);
-    carry_out();
+    run_until_committed();
     plane->remove(3);
     settle();
     EXPECT_EQ(sink.take(), Lines{"done 4"});
@@ -444,7 +444,7 @@ TEST_F(NftTrouble, RuleThatWaitsForItsDeviceCanBeRemoved) {
 
 TEST_F(NftTrouble, TableThatCannotBeRemovedIsSaid) {
     plane->install(3, 1, kPortRule);
-    carry_out();
+    run_until_committed();
     refuse("delete table netdev lda", 1);
     plane->remove(3);
     EXPECT_EQ(platform.log.lines(),
@@ -452,7 +452,7 @@ TEST_F(NftTrouble, TableThatCannotBeRemovedIsSaid) {
                     "allocate memory."});
     // The next rule replaces the remains.
     plane->install(4, 2, kPortRule);
-    carry_out();
+    run_until_committed();
     EXPECT_EQ(output_of("nft list chain netdev lda port1.3"), "");
     EXPECT_NE(output_of("nft list chain netdev lda port2.4"), "");
 }

@@ -20,32 +20,32 @@ const std::string kInet = "\1\0\0\0"s;
 const std::string kTable = attribute(1, "lda\0"s);
 const std::string kChain = attribute(2, "port1.3\0"s);
 
-bool tells(const std::string& payload, uint16_t type = kNewRule) {
+bool concerns(const std::string& payload, uint16_t type = kNewRule) {
     return concerns_table(NetlinkMessage(type, payload).get(), "lda");
 }
 
 TEST(NftWatch, ChangeOfTheTableIsSeen) {
-    EXPECT_TRUE(tells(kNetdev + kTable + kChain));
-    EXPECT_TRUE(tells(kNetdev + kChain + kTable));
+    EXPECT_TRUE(concerns(kNetdev + kTable + kChain));
+    EXPECT_TRUE(concerns(kNetdev + kChain + kTable));
 }
 
 TEST(NftWatch, OtherTablesFamiliesAndMessagesAreNot) {
-    EXPECT_FALSE(tells(kNetdev + attribute(1, "ldas\0"s) + kChain));
-    EXPECT_FALSE(tells(kNetdev + attribute(1, "ld\0"s) + kChain));
-    EXPECT_FALSE(tells(kNetdev + kChain));
-    EXPECT_FALSE(tells(kInet + kTable + kChain));
-    EXPECT_FALSE(tells(kNetdev + kTable, kNewGeneration));
-    EXPECT_FALSE(tells(kNetdev + kTable, 1 << 8 | 6));
+    EXPECT_FALSE(concerns(kNetdev + attribute(1, "ldas\0"s) + kChain));
+    EXPECT_FALSE(concerns(kNetdev + attribute(1, "ld\0"s) + kChain));
+    EXPECT_FALSE(concerns(kNetdev + kChain));
+    EXPECT_FALSE(concerns(kInet + kTable + kChain));
+    EXPECT_FALSE(concerns(kNetdev + kTable, kNewGeneration));
+    EXPECT_FALSE(concerns(kNetdev + kTable, 1 << 8 | 6));
 }
 
 TEST(NftWatch, DamagedMessagesAreIgnored) {
-    EXPECT_FALSE(tells(""));
-    EXPECT_FALSE(tells("\5"));
-    EXPECT_FALSE(tells(kNetdev));
-    EXPECT_FALSE(tells(kNetdev + attribute(1, "lda"s))) << "a text without an end";
+    EXPECT_FALSE(concerns(""));
+    EXPECT_FALSE(concerns("\5"));
+    EXPECT_FALSE(concerns(kNetdev));
+    EXPECT_FALSE(concerns(kNetdev + attribute(1, "lda"s))) << "a text without an end";
     std::string cut = kChain + kTable;
     cut.resize(cut.size() - 4);
-    EXPECT_FALSE(tells(kNetdev + cut));
+    EXPECT_FALSE(concerns(kNetdev + cut));
 }
 
 }  // namespace

@@ -28,10 +28,10 @@ TEST_P(RedisOnly, LossAndReturnAreLoggedOnceEach) {
     open(3);
     world->lose();
     ASSERT_TRUE(world->run_until([] { return g_heard.size() == 2; }));
-    EXPECT_EQ(take_heard(), (Lines{"down", "down"}));
-    world->bring_back();
+    EXPECT_EQ(take_events(), (Lines{"down", "down"}));
+    world->restore();
     ASSERT_TRUE(world->run_until([] { return g_heard.size() == 2; }));
-    EXPECT_EQ(take_heard(), (Lines{"back", "back"}));
+    EXPECT_EQ(take_events(), (Lines{"back", "back"}));
     EXPECT_EQ(platform.log.lines(),
               (Lines{"MOM-4-STORE_AWAY: Object database at " + server().socket() +
                          " is away (the server closed the connection). Retrying; check that "
@@ -78,7 +78,7 @@ TEST_P(RedisOnly, MessageThatIsTooLongEndsTheConnection) {
     expect_heard("29/0/4");
     world->notify(4, "p_bridge.tarn_loop_info", std::string(20 << 20, 'x'));
     expect_heard("back");
-    EXPECT_EQ(take_heard(), (Lines{"29/0/4", "down", "back"}));
+    EXPECT_EQ(take_events(), (Lines{"29/0/4", "down", "back"}));
     EXPECT_EQ(platform.log.lines().at(0), "MOM-4-STORE_AWAY: Object database at " +
                                               server().socket() +
                                               " is away (a message is longer than 9 MiB). "
@@ -89,7 +89,7 @@ TEST_P(RedisOnly, DatabaseThatTheServerDoesNotHaveIsLogged) {
     qv_mom_client_connect(client, 40, on_up, nullptr);
     open(4);
     settle();
-    EXPECT_EQ(take_heard(), Lines{});
+    EXPECT_EQ(take_events(), Lines{});
     EXPECT_EQ(qv_mom_set(client, 40, LoopInfo(1, 1, 1, 1).record(), 0, 0), ENOTCONN);
     EXPECT_EQ(platform.log.lines(),
               Lines{"MOM-3-NO_DATABASE: The object database at " + server().socket() +
@@ -109,7 +109,7 @@ TEST_P(RedisOnly, DatabaseIsUsedOnceTheServerHasIt) {
         server().start(16);
         expect_heard("back");
     }
-    EXPECT_EQ(take_heard(), (Lines{"down", "back", "down", "back"}));
+    EXPECT_EQ(take_events(), (Lines{"down", "back", "down", "back"}));
     server().kill();
     expect_heard("down");
     server().start(32);
@@ -135,7 +135,7 @@ TEST_P(RedisOnly, KeyWithoutARecordIsSkippedAndPurged) {
     settle();
     qv_mom_pdel(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, 0, 0);
     settle();
-    EXPECT_EQ(take_heard(), Lines{});
+    EXPECT_EQ(take_events(), Lines{});
     EXPECT_EQ(world->keys(4), Lines{});
     EXPECT_EQ(platform.log.lines(), Lines{});
 }
@@ -194,7 +194,7 @@ TEST_P(RedisOnly, ServerThatRestartsEmptyGetsTheRecordsAgain) {
     server().start();
     world->put(4, "p_app.lda_loop_entry/name=swp3", LoopEntry("swp3", 0, false).packed());
     ASSERT_TRUE(world->run_until([] { return g_heard.size() == 4; }));
-    EXPECT_EQ(take_heard(), (Lines{"down", "down", "back", "back"}));
+    EXPECT_EQ(take_events(), (Lines{"down", "down", "back", "back"}));
     settle();
     EXPECT_EQ(world->keys(4),
               (Lines{"p_app.lda_loop_entry/name=swp1", "p_app.lda_loop_entry/name=swp3"}));
@@ -233,7 +233,7 @@ TEST_P(RedisOnly, SubscribersAreNotifiedOfARecordThatIsSetAgain) {
     clock.skip(kCheckPeriod);
     expect_heard("1/0/4 ifx=7 vid=1 loop=1 src=8");
     settle();
-    EXPECT_EQ(take_heard(), Lines{"1/0/4 ifx=7 vid=1 loop=1 src=8"});
+    EXPECT_EQ(take_events(), Lines{"1/0/4 ifx=7 vid=1 loop=1 src=8"});
     EXPECT_EQ(world->get(4, "p_bridge.tarn_loop_info/ifx=7"), Lines{LoopInfo(7, 1, 1, 8).packed()});
 }
 
@@ -248,7 +248,7 @@ TEST_P(RedisOnly, EmptiedServerGetsTheRecordsOfEveryDatabaseAgain) {
     clock.skip(kCheckPeriod);
     EXPECT_TRUE(world->run_until([&] { return world->keys(22).size() == 1; }));
     EXPECT_TRUE(world->run_until([&] { return world->keys(4).size() == 2; }));
-    EXPECT_EQ(take_heard(), Lines{});
+    EXPECT_EQ(take_events(), Lines{});
 }
 
 TEST_P(RedisOnly, RefusedSetIsRepeatedOnceTheServerHasRoom) {
@@ -277,7 +277,7 @@ TEST_P(RedisOnly, RecordThatIsTooLongCostsOnlyItself) {
                   0);
         EXPECT_TRUE(world->run_until([] { return !g_heard.empty(); }));
         settle();
-        EXPECT_EQ(take_heard(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=1"});
+        EXPECT_EQ(take_events(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=1"});
     };
     server().run(4, {"SET", "p_bridge.tarn_loop_info/ifx=8", packed_with_filler(8, 1)});
     server().run(4, {"SETRANGE", "p_bridge.tarn_loop_info/ifx=7\n", "8388608", "x"});
@@ -321,7 +321,7 @@ TEST_P(RedisOnly, ManyLongRecordsArriveInSeveralAnswers) {
     ASSERT_EQ(qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr), 0);
     EXPECT_TRUE(world->run_until([] { return g_heard.size() == 31; }));
     settle();
-    Lines heard = take_heard();
+    Lines heard = take_events();
     std::sort(heard.begin(), heard.end());
     ASSERT_EQ(heard.size(), 31U);
     EXPECT_EQ(heard.front(), "1/0/4 ifx=10 vid=1 loop=1 src=1");
@@ -347,7 +347,7 @@ TEST_P(RedisOnly, NoticeThatIsTooLongIsFollowedByAScanThatPassesTheRecordOver) {
     world->put(4, "p_bridge.tarn_loop_info/ifx=7", record);
     expect_heard("1/0/4 ifx=8 vid=1 loop=1 src=1");
     settle();
-    EXPECT_EQ(take_heard(), (Lines{"29/0/4", "down", "back", "1/0/4 ifx=8 vid=1 loop=1 src=1"}));
+    EXPECT_EQ(take_events(), (Lines{"29/0/4", "down", "back", "1/0/4 ifx=8 vid=1 loop=1 src=1"}));
 }
 
 TEST_P(RedisOnly, ScanFindsRecordsSetJustBefore) {
@@ -374,7 +374,7 @@ TEST_P(RedisOnly, ScanStaysInItsDatabaseWhileOthersAreWritten) {
         nullptr);
     EXPECT_TRUE(world->run_until([] { return g_heard.size() >= 1000; }));
     settle();
-    Lines heard = take_heard();
+    Lines heard = take_events();
     std::sort(heard.begin(), heard.end());
     heard.erase(std::unique(heard.begin(), heard.end()), heard.end());
     EXPECT_EQ(heard.size(), 1000U);
@@ -386,7 +386,7 @@ TEST_P(RedisOnly, RefusedScanEndsTheSessionWithTheReason) {
     server().run(0, {"ACL", "SETUSER", "default", "-scan"});
     ASSERT_EQ(qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr), 0);
     expect_heard("back");
-    EXPECT_EQ(take_heard(), (Lines{"down", "back"}));
+    EXPECT_EQ(take_events(), (Lines{"down", "back"}));
     EXPECT_NE(platform.log.lines().at(0).find("is away (ERR The user executing the script "
                                               "can't run this command"),
               std::string::npos)
