@@ -526,7 +526,7 @@ def test_unanswered_request_times_out_after_two_seconds(front, session):
 
 
 @contextlib.contextmanager
-def in_place_of_the_agent(front, react):
+def agent_stand_in(front, react):
     """A program that takes the requests: `react(record)` is called with each `rst` received."""
     front.lab.kill_agent()
     listener = front.lab.database(LOCAL_DB).pubsub(ignore_subscribe_messages=True)
@@ -552,7 +552,7 @@ def answer(front, request, operation=b"\2", **changes):
 
 
 def test_refusal_by_the_agent_is_reported(front, session):
-    with in_place_of_the_agent(front, lambda request: answer(front, request, result=1)):
+    with agent_stand_in(front, lambda request: answer(front, request, result=1)):
         error = refusal(set_policy, session, 4)
         assert error_of(error) == (
             "application", "operation-failed", LEAF_PATH,
@@ -574,7 +574,7 @@ def test_only_the_answer_to_the_request_counts(front, session):
         answer(front, request)
 
     results = [0, 1, 0]
-    with in_place_of_the_agent(front, react):
+    with agent_stand_in(front, react):
         assert set_policy(session, 4).ok
         assert "(result 1)" in refusal(set_policy, session, 4).message
         assert set_policy(session, 4).ok
@@ -588,7 +588,7 @@ def test_other_answers_do_not_extend_the_wait(front, session):
         time.sleep(1.6)
         answer(front, request, oid=-1)
 
-    with in_place_of_the_agent(front, react):
+    with agent_stand_in(front, react):
         error, seconds = seconds_of(set_policy, session, 4)
         assert (error.tag, error.message) == ("operation-failed", SILENCE)
         assert 1.9 < seconds < 3.4
@@ -596,7 +596,7 @@ def test_other_answers_do_not_extend_the_wait(front, session):
 
 
 def test_database_lost_during_an_edit_is_reported_at_once(front, session):
-    with in_place_of_the_agent(front, lambda request: None), concurrent.futures.ThreadPoolExecutor() as pool:
+    with agent_stand_in(front, lambda request: None), concurrent.futures.ThreadPoolExecutor() as pool:
         before = front.lab.database(LOCAL_DB).get("p_app.lda_nc_policy/")
         edit = pool.submit(seconds_of, set_policy, session, 4)
         wait_for(lambda: front.lab.database(LOCAL_DB).get("p_app.lda_nc_policy/") != before, 2, "the request is there")

@@ -49,17 +49,17 @@ def own_front():
         yield the_front
 
 
-def told(text):
+def leaves(text):
     """(name, notify-type, vid, policy, src-port) of a notification."""
     values = re.findall(r"<(name|notify-type|vid|policy|src-port)>([^<]*)<", text)
     assert [name for name, _ in values] == ["name", "notify-type", "vid", "policy", "src-port"]
     return tuple(value for _, value in values)
 
 
-def next_told(session, timeout=10):
+def next_leaves(session, timeout=10):
     notification = session.take_notification(timeout=timeout)
     assert notification is not None, "no notification came"
-    return told(notification.notification_xml)
+    return leaves(notification.notification_xml)
 
 
 def listeners(front):
@@ -83,13 +83,13 @@ def test_two_subscribers_see_the_same_in_order(own_front):
         one.create_subscription()
         other.create_subscription()
         own_front.lab.report_loop(1, is_loop=1)
-        assert next_told(one) == next_told(other) == ("swp1", "1", "0", "0", "1")
+        assert next_leaves(one) == next_leaves(other) == ("swp1", "1", "0", "0", "1")
         own_front.lab.report_loop(3, is_loop=1)
-        assert next_told(one) == next_told(other) == ("swp3", "1", "0", "0", "1")
+        assert next_leaves(one) == next_leaves(other) == ("swp3", "1", "0", "0", "1")
         own_front.lab.report_loop(1, is_loop=0)
         own_front.lab.report_loop(3, is_loop=0)
-        rest = [next_told(one, 30) for _ in range(2)]
-        assert rest == [next_told(other) for _ in range(2)]
+        rest = [next_leaves(one, 30) for _ in range(2)]
+        assert rest == [next_leaves(other) for _ in range(2)]
         assert sorted(rest) == [("swp1", "2", "0", "0", "1"), ("swp3", "2", "0", "0", "1")]
 
 
@@ -114,8 +114,8 @@ def test_filter_chooses_notifications(front):
         publish(front, "swp3", 1)
         publish(front, "swp1", 2)
         publish(front, "swp3", 2)
-        assert [next_told(by_subtree)[:2] for _ in range(2)] == [("swp3", "1"), ("swp3", "2")]
-        assert [next_told(by_xpath)[:2] for _ in range(2)] == [("swp1", "2"), ("swp3", "2")]
+        assert [next_leaves(by_subtree)[:2] for _ in range(2)] == [("swp3", "1"), ("swp3", "2")]
+        assert [next_leaves(by_xpath)[:2] for _ in range(2)] == [("swp1", "2"), ("swp3", "2")]
         assert by_subtree.take_notification(timeout=0.3) is None
 
 
@@ -131,7 +131,7 @@ def test_filter_may_use_either_namespace(front, prefix, attribute):
         assert "<ok/>" in reply
         publish(front, "swp1")
         publish(front, "swp3")
-        assert told(session.read())[0] == "swp3"
+        assert leaves(session.read())[0] == "swp3"
 
 
 def test_requests_are_answered_during_a_subscription(front):
@@ -142,7 +142,7 @@ def test_requests_are_answered_during_a_subscription(front):
             assert session.edit_config(target="running", config=policy_config(1 + number % 4)).ok
             reply = session.get(filter=("subtree", LOOP_DETECT))
             assert reply.data_ele.findtext(f".//{{{MODEL}}}loop-policy") == str(1 + number % 4)
-        assert [next_told(session)[0] for _ in range(20)] == [f"port{number}" for number in range(20)]
+        assert [next_leaves(session)[0] for _ in range(20)] == [f"port{number}" for number in range(20)]
 
 
 def test_session_without_a_subscription_gets_no_notifications(front):
@@ -216,7 +216,7 @@ def test_invalid_records_are_dropped(front, record):
         publish(front, name="it's")                            # a path that does not parse
         publish(front, module="ietf-netconf")                  # another module
         publish(front, name="good")
-        assert told(session.read())[0] == "good"
+        assert leaves(session.read())[0] == "good"
         who = f"session {session.session_id} ("
     dropped = [line for line in front.log().splitlines()
                if who in line and "an invalid notification of the switch is dropped: " in line]
@@ -232,11 +232,11 @@ def test_subscription_is_renewed_after_a_database_restart(own_front):
             own_front.lab.start_redis()
             wait_for(lambda: listeners(own_front) == 1, 10, "the session listens again")
             publish(own_front, name)
-            assert next_told(session)[0] == name
+            assert next_leaves(session)[0] == name
         # The agent also reconnects to the database, and its own notifications arrive.
         session.edit_config(target="running", config=policy_config(1))
         own_front.lab.report_loop(2, is_loop=1)
-        assert next_told(session, 20)[:2] == ("swp2", "1")
+        assert next_leaves(session, 20)[:2] == ("swp2", "1")
     log = own_front.log()
     assert log.count("notifications pause, the object database is away: ") == 2
     assert log.count("notifications continue, the object database is back") == 2
@@ -264,7 +264,7 @@ def test_subscriber_that_never_reads_delays_no_other(front):
         for number in range(1500):
             started = time.monotonic()
             publish(front, f"port{number}")
-            assert told(eager.read())[0] == f"port{number}"
+            assert leaves(eager.read())[0] == f"port{number}"
             slowest = max(slowest, time.monotonic() - started)
         assert slowest < 1
         assert lazy.process.wait(timeout=20) == 1
@@ -284,7 +284,7 @@ def test_burst_does_not_disconnect_the_client(front):
             publish(front, f"port{number}")
         session.process.send_signal(signal.SIGCONT)
         time.sleep(1)  # time for the session to fill the pipe and its queue
-        assert [told(session.read())[0] for _ in range(1500)] == [f"port{number}" for number in range(1500)]
+        assert [leaves(session.read())[0] for _ in range(1500)] == [f"port{number}" for number in range(1500)]
 
 
 def test_request_waits_until_the_client_reads(front):
@@ -334,4 +334,4 @@ def test_notifications_continue_after_an_agent_restart(own_front):
         own_front.lab.start_agent()
         session.edit_config(target="running", config=policy_config(1))
         own_front.lab.report_loop(1, is_loop=1)
-        assert next_told(session, 20) == ("swp1", "1", "0", "0", "1")
+        assert next_leaves(session, 20) == ("swp1", "1", "0", "0", "1")

@@ -54,28 +54,28 @@ def descriptors(pid):
     return len(os.listdir(f"/proc/{pid}/fd"))
 
 
-def left_behind(front):
+def leftovers(front):
     """Things that sessions could leave behind: processes, descriptors of others, clients of the database."""
     gc.collect()  # this process's clients are closed with their objects
     clients = front.lab.database(0).info("clients")["connected_clients"]
     return (len(processes()), descriptors(front.lab.agent.pid), descriptors(front.sshd.pid), clients)
 
 
-def without_sessions(front):
+def leftovers_without_sessions(front):
     """The same when the sessions of earlier tests have ended."""
-    wait_for(lambda: left_behind(front)[0] == 0, 10, "earlier sessions have ended")
-    return left_behind(front)
+    wait_for(lambda: leftovers(front)[0] == 0, 10, "earlier sessions have ended")
+    return leftovers(front)
 
 
 def wait_until_clean(front, before):
     try:
-        wait_for(lambda: left_behind(front) == before, 10, "nothing is left behind")
+        wait_for(lambda: leftovers(front) == before, 10, "nothing is left behind")
     except AssertionError:
-        assert left_behind(front) == before
+        assert leftovers(front) == before
 
 
 def test_thirty_sessions_at_once(front):
-    before = without_sessions(front)
+    before = leftovers_without_sessions(front)
 
     def one_session(number):
         with front.connect() as session:
@@ -108,7 +108,7 @@ def test_thirty_sessions_at_once(front):
 
 def test_closed_sessions_leak_nothing(front):
     """Most of them start the program directly: the handshake of SSH would take minutes."""
-    before = without_sessions(front)
+    before = leftovers_without_sessions(front)
 
     def cycle(number):
         with front.raw() as session:
@@ -134,7 +134,7 @@ def test_closed_sessions_leak_nothing(front):
 
 
 def test_disconnected_client_leaks_nothing(front):
-    before = without_sessions(front)
+    before = leftovers_without_sessions(front)
     with front.connect() as session:
         session.create_subscription()
         session.lock("running")
@@ -262,20 +262,20 @@ def test_unterminated_hello_ends_the_session(front):
         assert front.log().splitlines()[-1].endswith("ended: a message is longer than 64 KiB")
 
 
-@pytest.mark.parametrize("sent, told", [
+@pytest.mark.parametrize("sent, logged", [
     (b"\n#x\n", "ended: the framing is broken: no chunk begins where one should"),
     (b"\n#3x\n", "ended: the framing is broken: the size of a chunk is not a number"),
     (b"\n##\n", "ended: a message has no chunk"),
     (b"\n#1\n \n##\n", "ended: a message is empty or holds a zero byte"),
     (b"\n#100000\n", "ended: a message is longer than 64 KiB"),
 ])
-def test_broken_frame_ends_the_session_with_its_reason(front, sent, told):
+def test_broken_frame_ends_the_session_with_its_reason(front, sent, logged):
     with front.raw() as session:
         session.rpc("<get/>")
         session.send(sent)
         assert session.process.wait(timeout=20) == 1
         assert f"session {session.session_id} (" in front.log()
-        assert front.log().splitlines()[-1].endswith(told)
+        assert front.log().splitlines()[-1].endswith(logged)
 
 
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root to run a session as another user")

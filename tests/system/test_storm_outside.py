@@ -73,10 +73,10 @@ def set_rate(lab, rate):
 
 def polled(lab, **expected):
     """Waits until the storm record of swp1 shows these values; a poll comes every 4 s."""
-    def record_if_so():
+    def matching_record():
         record = lab.storm_records()["swp1"]
         return record if expected.items() <= record.items() else None
-    return wait_for(record_if_so, 15, f"the record shows {expected}", every=0.1)
+    return wait_for(matching_record, 15, f"the record shows {expected}", every=0.1)
 
 
 def raised_rate_restarts_detection(lab):

@@ -19,7 +19,7 @@ class Supervisor:
         self.socket = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
         self.socket.bind(str(self.path))
         self.socket.setblocking(False)
-        self.told = []
+        self.messages = []
 
     def through(self, *more):
         return ["env", f"NOTIFY_SOCKET={self.path}", *more]
@@ -27,9 +27,9 @@ class Supervisor:
     def heard(self, text):
         while True:
             try:
-                self.told.append(self.socket.recv(4096).decode())
+                self.messages.append(self.socket.recv(4096).decode())
             except BlockingIOError:
-                return text in self.told
+                return text in self.messages
 
 
 def test_ready_is_sent_once_the_configuration_is_applied():
@@ -39,7 +39,7 @@ def test_ready_is_sent_once_the_configuration_is_applied():
         lab.start_agent(wait=False, through=supervisor.through())
         wait_for(lambda: supervisor.heard("READY=1\nSTATUS=running"), 20, "the agent is ready")
         assert "loop-detect enable\n" in lab.cli("show running-config")
-        assert [text for text in supervisor.told if "READY" in text] == ["READY=1\nSTATUS=running"]
+        assert [text for text in supervisor.messages if "READY" in text] == ["READY=1\nSTATUS=running"]
 
 
 def test_status_names_the_disconnected_databases():
@@ -47,11 +47,11 @@ def test_status_names_the_disconnected_databases():
         supervisor = Supervisor(lab.folder)
         lab.start_agent(wait=False, through=supervisor.through())
         wait_for(lambda: supervisor.heard("STATUS=waiting for databases 3, 4, 8, 22"), 20, "all databases are missing")
-        assert not any("READY" in text for text in supervisor.told)
+        assert not any("READY" in text for text in supervisor.messages)
         lab.start_redis()
         wait_for(lambda: supervisor.heard("READY=1\nSTATUS=running"), 20, "the agent is ready")
         lab.kill_redis()
-        supervisor.told.clear()
+        supervisor.messages.clear()
         wait_for(lambda: supervisor.heard("STATUS=waiting for databases 3, 4, 8, 22"), 20, "they are missing again")
 
 
@@ -61,7 +61,7 @@ def test_watchdog_is_fed_only_while_the_loop_runs():
         # The socket holds only a few unread messages: without a reader the agent would wait.
         lab.start_agent(wait=False, through=supervisor.through("WATCHDOG_USEC=200000"))
         for _ in range(3):
-            supervisor.told.clear()
+            supervisor.messages.clear()
             wait_for(lambda: supervisor.heard("WATCHDOG=1"), 10, "the watchdog is fed")
         lab.agent.send_signal(signal.SIGSTOP)
         supervisor.heard("")
@@ -69,7 +69,7 @@ def test_watchdog_is_fed_only_while_the_loop_runs():
         with pytest.raises(TimeoutError):
             supervisor.socket.recv(4096)
         supervisor.socket.setblocking(False)
-        supervisor.told.clear()
+        supervisor.messages.clear()
         lab.agent.send_signal(signal.SIGCONT)
         wait_for(lambda: supervisor.heard("WATCHDOG=1"), 10, "the watchdog is fed again")
 

@@ -19,7 +19,7 @@ from lab import APP_DB, LOCAL_DB, Lab, p_app, wait_for, within
 
 SIOCGIFFLAGS, SIOCSIFFLAGS, SIOCGIFINDEX = 0x8913, 0x8914, 0x8933
 IFF_UP = 1
-WISH_SAVED_AFTER_S = 1.0
+SHUT_SAVED_AFTER_S = 1.0
 LOOP_PORTS = 10  # the capacity of the loop table
 OPERATOR_PORTS = 2
 POLICY = "loop-detect enable shutdown access-mode"
@@ -85,14 +85,14 @@ class RunningConfig:
 class CrashLab(Lab):
     """A Linux switch with ports that loop (`loop_ports`) and ports that only the operator shuts (`operator_ports`).
 
-    `wishes` says for each of the latter whether the operator wants it shut.
+    `shut_by_operator` says for each of the latter whether the operator wants it shut.
     """
 
     def __init__(self, slow_sync=False):
         super().__init__(switch="linux", ports=LOOP_PORTS + OPERATOR_PORTS)
         self.loop_ports = self.port_names[:LOOP_PORTS]
         self.operator_ports = self.port_names[LOOP_PORTS:]
-        self.wishes = {port: False for port in self.operator_ports}
+        self.shut_by_operator = {port: False for port in self.operator_ports}
         self.session = None
         self.through = self._slow_sync() if slow_sync else ()
 
@@ -216,17 +216,17 @@ class CrashLab(Lab):
         for port in self.loop_ports:
             if not self.is_up(port):
                 self.session.type(f"interface {port}", "no shutdown", "exit")
-        for port, shut in self.wishes.items():
+        for port, shut in self.shut_by_operator.items():
             if self.is_up(port) == shut:
-                self.wish(port, shut)
+                self.set_operator_shut(port, shut)
         self.session.type(policy)
         if settled:
             wait_for(lambda: all(PUSHED in self.running().ports.get(port, ()) for port in self.port_names), 10,
                      "detection is pushed to all ports", every=0.003)
             self.session.type("write", mode="exec")
 
-    def wish(self, port, shut):
+    def set_operator_shut(self, port, shut):
         """The operator shuts a port, or brings it up; returns when the next agent must know that."""
         self.session.type(f"interface {port}", "shutdown" if shut else "no shutdown", "exit")
-        self.wishes[port] = shut
-        time.sleep(WISH_SAVED_AFTER_S)
+        self.shut_by_operator[port] = shut
+        time.sleep(SHUT_SAVED_AFTER_S)

@@ -30,7 +30,7 @@ from crash_lab import CrashLab  # noqa: E402
 
 WINDOW_S = 0.3  # from an event to the latest kill
 STABLE_S = 0.03  # how long a good state must last, and a bad one:
-HOPELESS_S = 5.0
+GIVE_UP_AFTER_S = 5.0
 SIGNALS = {"kill": signal.SIGKILL, "term": signal.SIGTERM, "int": signal.SIGINT}
 
 
@@ -56,7 +56,7 @@ def problems_of(lab):
     config, found = lab.running(), []
     for port in lab.port_names:
         up, marked = lab.is_up(port), config.is_marked(port)
-        if lab.wishes.get(port):
+        if lab.shut_by_operator.get(port):
             if up:
                 found.append(f"{port}: shut by the operator, but up")
         elif marked and up:
@@ -77,7 +77,7 @@ def settle(lab):
         seen = found or delivered  # the delivery thread looks for work once a second
         if seen != previous or (delivered[0] != "S" and not found):
             previous, since = seen, now
-        if now - since > (HOPELESS_S if found else STABLE_S):
+        if now - since > (GIVE_UP_AFTER_S if found else STABLE_S):
             return found
         time.sleep(0.005)
 
@@ -132,7 +132,7 @@ def play_round(lab, seed, number, kinds, signals):
     draw = random.Random(f"{seed}/{number}")
     kind, how = kinds[number % len(kinds)], draw.choice(signals)
     if draw.random() < 0.1:
-        lab.wish(draw.choice(lab.operator_ports), draw.random() < 0.5)
+        lab.set_operator_shut(draw.choice(lab.operator_ports), draw.random() < 0.5)
     plan = KINDS[kind](lab, draw)
     reboots = draw.random() < 0.2 and not any(event.must for event in plan.events)
     killed_at, down = play(lab, draw, plan, SIGNALS[how], reboots)

@@ -31,8 +31,8 @@ from tarn_lab import TarnLab  # noqa: E402
 from tarn_loops import KINDS, Traffic  # noqa: E402
 
 EARLY_S, LATE_S = 0.05, 1.5  # from the loop to the disturbance
-CALM_S = 25  # the agent's storm detection needs half of it
-BACK_S = 15  # tarnd undoes a cut that nobody takes over after five
+STORM_OVER_WITHIN_S = 25  # the agent's storm detection needs half of it
+RECOVERED_WITHIN_S = 15  # tarnd undoes a cut that nobody takes over after five
 
 
 def kill(lab, draw):
@@ -103,7 +103,7 @@ def problems_of(lab):
 
 def lasting_problems(lab):
     try:
-        wait_for(lambda: not problems_of(lab), BACK_S, "all is good", every=0.1)
+        wait_for(lambda: not problems_of(lab), RECOVERED_WITHIN_S, "all is good", every=0.1)
         return []
     except AssertionError:
         return problems_of(lab)
@@ -135,7 +135,7 @@ def play(lab, loop, traffic, draw, played):
         lab.start_agent()
     if shuts and not early_unplug:
         try:
-            traffic.wait_calm(CALM_S)
+            traffic.wait_calm(STORM_OVER_WITHIN_S)
         except AssertionError:
             played.problems.append(f"a storm since {time.monotonic() - started:.0f} s")
     loop.unplug()
