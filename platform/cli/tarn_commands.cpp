@@ -11,11 +11,6 @@ namespace {
 
 constexpr int64_t kShortestRecovery_s = 30;
 constexpr int64_t kLongestRecovery_s = 86400;
-constexpr int64_t kShortestProbeInterval_ms = 100;
-constexpr int64_t kLongestProbeInterval_ms = 10000;
-constexpr int64_t kHighestPriority = 255;
-constexpr int64_t kShortestGuard_ms = 15;
-constexpr int64_t kLongestGuard_ms = 1000;
 constexpr int64_t kDefaultGuard_ms = 30;
 
 TarnConfig& config() {
@@ -203,8 +198,8 @@ const cli_node* switch_settings() {
         setting("fabric-key", "Key that all switches share, 32 bytes", print_fabric_key, key,
                 any_word("FILE", "Absolute path", key));
     settings = setting("priority", "Which switch cuts a loop through several: the lowest number",
-                       print_priority, priority, number("Priority", 0, kHighestPriority, priority),
-                       settings);
+                       print_priority, priority,
+                       number("Priority", 0, kHighestTarnPriority, priority), settings);
     settings = setting(
         "cut", "What is done to two ports of this switch that are in one loop", print_cut, one,
         keyword("both", "Report both", end_of_line(set_cut_both),

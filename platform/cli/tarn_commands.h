@@ -8,10 +8,9 @@
 #include <string>
 #include <vector>
 
-namespace qv::cli {
+#include "platform/base/tarn_limits.h"
 
-inline constexpr int64_t kDefaultProbeInterval_ms = 1000;
-inline constexpr int64_t kDefaultTarnPriority = 128;
+namespace qv::cli {
 
 struct TarnPort {
     bool loop_detect = false;

@@ -3,10 +3,10 @@
 #include <charconv>
 #include <set>
 
+#include "platform/base/tarn_limits.h"
+
 namespace qv::cli {
 namespace {
-
-constexpr uint16_t kLastVlan = 4094;
 
 std::optional<uint16_t> parse_vlan(std::string_view text) {
     uint16_t vlan = 0;

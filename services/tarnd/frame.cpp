@@ -4,6 +4,8 @@
 
 #include <sodium.h>
 
+#include "platform/base/tarn_limits.h"
+
 namespace qv::tarnd {
 namespace {
 
@@ -53,7 +55,7 @@ Frame encode(const Probe& probe, const Mac& source, const Key& key) {
     Frame frame{};
     std::copy(kDestination.begin(), kDestination.end(), frame.begin());
     std::copy(source.begin(), source.end(), frame.begin() + kSourceAt);
-    put(frame, kTypeAt, 2, kEtherType);
+    put(frame, kTypeAt, 2, kProbeEtherType);
     put(frame, kVersionAt, 1, kVersion);
     put(frame, kFlagsAt, 1, probe.flags);
     put(frame, kVidAt, 2, probe.vid);
@@ -71,7 +73,7 @@ FrameFault decode(std::span<const uint8_t> frame, const Key& key, Probe& probe) 
     if (frame.size() != kFrameBytes) {
         return FrameFault::kLength;
     }
-    if (get(frame, kTypeAt, 2) != kEtherType || frame[kVersionAt] != kVersion) {
+    if (get(frame, kTypeAt, 2) != kProbeEtherType || frame[kVersionAt] != kVersion) {
         return FrameFault::kVersion;
     }
     const Hash hash = hash_of(frame, key);

@@ -11,7 +11,6 @@ namespace qv::tarnd {
 using Mac = std::array<uint8_t, 6>;
 using Key = std::array<uint8_t, 32>;
 
-inline constexpr uint16_t kEtherType = 0x88b5;  // IEEE 802, local experiments
 inline constexpr Mac kDestination{0x03, 0x88, 0xb5, 0x00, 0x00, 0x01};
 inline constexpr size_t kFrameBytes = 64;  // without a VLAN tag
 

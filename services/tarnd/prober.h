@@ -33,6 +33,7 @@
 #include <vector>
 
 #include "platform/base/clock.h"
+#include "platform/base/tarn_limits.h"
 #include "services/tarnd/claims.h"
 #include "services/tarnd/frame.h"
 #include "services/tarnd/windows.h"
@@ -86,10 +87,10 @@ struct Report {
 
 struct Settings {
     bool enabled = false;
-    std::chrono::milliseconds interval{1000};
-    std::chrono::seconds recover{0};  // a loop is taken for ended after this time; 0: never
-    bool cut_one = false;             // of two own ports in one loop, report only one
-    uint8_t priority = 128;           // the switch with the lowest number cuts
+    std::chrono::milliseconds interval{kDefaultProbeInterval_ms};
+    std::chrono::seconds recover{0};          // a loop is taken for ended after this time; 0: never
+    bool cut_one = false;                     // of two own ports in one loop, report only one
+    uint8_t priority = kDefaultTarnPriority;  // the switch with the lowest number cuts
 
     bool operator==(const Settings&) const = default;
 };
@@ -172,8 +173,8 @@ class Prober {
     // rate, EIO when the kernel did not take the frame. kReturned follows for each port on which
     // that probe comes back, until the next call for the port.
     void ask(uint32_t ifx, Time now);
-    // A frame of kEtherType that arrived on this interface in this VLAN (0: untagged), from its
-    // Ethernet header on, without the VLAN tag.
+    // A frame of kProbeEtherType that arrived on this interface in this VLAN (0: untagged), from
+    // its Ethernet header on, without the VLAN tag.
     void received(uint32_t ifx, std::span<const uint8_t> frame, Time now, uint16_t vid = 0);
 
     // Sends what is due, for at most kPortsPerRun ports.

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/base/message_log.h"
+#include "platform/base/tarn_limits.h"
 #include "platform/client/thread_master.h"
 #include "qv/bridge.h"
 #include "services/tarnd/port_name.h"
@@ -16,12 +17,6 @@ namespace {
 
 constexpr uint32_t kUntaggedVid = 1;
 constexpr std::chrono::milliseconds kCommandPause{10};
-constexpr uint32_t kShortestInterval_ms = 100;
-constexpr uint32_t kLongestInterval_ms = 10000;
-constexpr uint32_t kShortestGuard_ms = 15;
-constexpr uint32_t kLongestGuard_ms = 1000;
-constexpr uint32_t kLastPriority = 255;
-constexpr uint32_t kLastVlan = 4094;
 constexpr size_t kLoggedVlans = 8;  // loops of one port
 constexpr uint32_t kPolicyAccess = 2;
 constexpr uint32_t kPolicyHybrid = 3;
@@ -122,12 +117,12 @@ Settings settings_of(const PBridge__TarnConfig& record) {
     Settings settings;
     settings.enabled = record.enabled != 0;
     settings.recover = std::chrono::seconds(record.error_recover_interval_s);
-    if (record.probe_interval_ms >= kShortestInterval_ms &&
-        record.probe_interval_ms <= kLongestInterval_ms) {
+    if (record.probe_interval_ms >= kShortestProbeInterval_ms &&
+        record.probe_interval_ms <= kLongestProbeInterval_ms) {
         settings.interval = std::chrono::milliseconds(record.probe_interval_ms);
     }
     settings.cut_one = record.cut_one != 0;
-    if (record.priority <= kLastPriority) {
+    if (record.priority <= kHighestTarnPriority) {
         settings.priority = static_cast<uint8_t>(record.priority);
     }
     return settings;

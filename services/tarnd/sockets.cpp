@@ -18,6 +18,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/base/tarn_limits.h"
+
 namespace qv::tarnd {
 namespace {
 
@@ -100,11 +102,11 @@ PacketSocket::PacketSocket() : fd_(socket(AF_PACKET, SOCK_RAW | SOCK_CLOEXEC | S
     }
     // The kernel takes the outer tag out of a frame; one more may be left in it.
     std::array<sock_filter, 8> code{{{BPF_LD | BPF_H | BPF_ABS, 0, 0, kTypeAt},
-                                     {BPF_JMP | BPF_JEQ | BPF_K, 4, 0, kEtherType},
+                                     {BPF_JMP | BPF_JEQ | BPF_K, 4, 0, kProbeEtherType},
                                      {BPF_JMP | BPF_JEQ | BPF_K, 1, 0, ETH_P_8021Q},
                                      {BPF_JMP | BPF_JEQ | BPF_K, 0, 3, ETH_P_8021AD},
                                      {BPF_LD | BPF_H | BPF_ABS, 0, 0, kTypeAt + kTagBytes},
-                                     {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, kEtherType},
+                                     {BPF_JMP | BPF_JEQ | BPF_K, 0, 1, kProbeEtherType},
                                      {BPF_RET | BPF_K, 0, 0, kFrameBuffer},
                                      {BPF_RET | BPF_K, 0, 0, 0}}};
     const sock_fprog program{.len = code.size(), .filter = code.data()};
@@ -135,7 +137,7 @@ bool PacketSocket::send(uint32_t ifx, uint16_t vid, const Frame& frame) const {
     }
     sockaddr_ll to{};
     to.sll_family = AF_PACKET;
-    to.sll_protocol = htons(vid != 0 ? ETH_P_8021Q : kEtherType);
+    to.sll_protocol = htons(vid != 0 ? ETH_P_8021Q : kProbeEtherType);
     to.sll_ifindex = static_cast<int>(ifx);
     to.sll_halen = kDestination.size();
     std::memcpy(to.sll_addr, kDestination.data(), kDestination.size());

@@ -26,9 +26,9 @@ class Descriptor {
     int fd_;
 };
 
-// Sends and receives frames of kEtherType, with a VLAN tag or without, on every interface of the
-// network namespace. It sees a frame that arrives before the bridge and the packet filter do, and
-// none that this machine sends.
+// Sends and receives frames of kProbeEtherType, with a VLAN tag or without, on every interface of
+// the network namespace. It sees a frame that arrives before the bridge and the packet filter do,
+// and none that this machine sends.
 class PacketSocket {
  public:
     PacketSocket();  // throws std::runtime_error

@@ -9,13 +9,15 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include "platform/base/tarn_limits.h"
+
 namespace qv {
 namespace {
 
 constexpr const char* kKnownSet = "fdb";
 // Loop probes, of this switch or of another, are not a storm: they pass uncounted. Probes that
 // arrive faster than several switches send them are circling in a loop, and count.
-constexpr const char* kProbes = "meta protocol 0x88b5 limit rate 2000/second burst 2000 packets";
+constexpr const char* kProbeLimit = " limit rate 2000/second burst 2000 packets";
 // The kernel computes in nanoseconds per frame.
 constexpr uint64_t kFastestMeter = 1'000'000'000;
 
@@ -54,7 +56,7 @@ void NftTable::Change::add_chain(const std::string& name, const std::string& dev
              device + "\" priority 0; policy accept; }\n";
     const std::string add = "add rule netdev " + table_ + " " + name + " ";
     // "meta protocol" is the frame's type even after a VLAN tag.
-    text_ += add + kProbes + " accept\n";
+    text_ += add + "meta protocol " + std::to_string(kProbeEtherType) + kProbeLimit + " accept\n";
     if (rule.ethertype) {
         text_ += add + "meta protocol != " + std::to_string(*rule.ethertype) + " accept\n";
     }
