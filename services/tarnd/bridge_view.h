@@ -53,9 +53,9 @@ class BridgeView {
         bool up = false;
         uint8_t state = 0;        // BR_STATE_*
         bool seen = true;         // in the present dump
-        bool member = false;      // as told
-        bool forwarding = false;  // as told
-        bool elsewhere = false;   // as told
+        bool member = false;      // as reported
+        bool forwarding = false;  // as reported
+        bool elsewhere = false;   // as reported
     };
 
     void follow_bridge(const LinkMessage& message, Time now);

@@ -9,7 +9,7 @@ bool Claims::heard(uint32_t ifx, const Probe& probe, Time now) {
     const Origin origin{ifx, probe.bridge};
     const auto known = claims_.find(origin);
     const bool fresh = known == claims_.end() || now - known->second.heard > kLife;
-    if (known == claims_.end() && claims_.size() >= kMost) {
+    if (known == claims_.end() && claims_.size() >= kMaxClaims) {
         make_room(now);
     }
     Claim& claim = fresh ? (claims_[origin] = {}) : known->second;
@@ -42,7 +42,7 @@ bool Claims::shared(uint32_t ifx, Time now) const {
                        [now](const auto& entry) { return now - entry.second.heard <= kLife; });
 }
 
-size_t Claims::before_us(uint32_t ifx, uint32_t src_ifx, const Rank& own, Time now) const {
+size_t Claims::count_ahead(uint32_t ifx, uint32_t src_ifx, const Rank& own, Time now) const {
     std::set<uint64_t> bridges;
     for (const uint32_t port : {ifx, src_ifx}) {
         const auto end = claims_.upper_bound({port, UINT64_MAX});

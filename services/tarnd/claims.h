@@ -23,7 +23,7 @@ class Claims {
     static constexpr std::chrono::seconds kLife{15};
     // For how long a switch that cuts a loop is given the time to do so.
     static constexpr std::chrono::milliseconds kCutTime{200};
-    static constexpr size_t kMost = 8192;  // switches, counted on each port
+    static constexpr size_t kMaxClaims = 8192;  // switches, counted on each port
 
     struct Rank {
         uint8_t priority;
@@ -43,7 +43,7 @@ class Claims {
     bool shared(uint32_t ifx, Time now) const;
     // How many other switches cut a loop of these two ports of ours before we do. A loop behind a
     // single port is nearer to whoever is beyond that port.
-    size_t before_us(uint32_t ifx, uint32_t src_ifx, const Rank& own, Time now) const;
+    size_t count_ahead(uint32_t ifx, uint32_t src_ifx, const Rank& own, Time now) const;
 
  private:
     struct Claim {

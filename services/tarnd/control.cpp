@@ -162,7 +162,7 @@ void Control::accept_some() {
     const uint64_t id = next_id_++;
     Client& client = clients_[id];
     client.fd = std::move(fd);
-    be_patient(id, client);
+    restart_idle_timer(id, client);
     wait_for(id, client);
 }
 
@@ -176,7 +176,7 @@ void Control::on_ready(uint64_t id, EventLoop::Ready ready) {
         return;
     }
     Client& client = found->second;
-    be_patient(id, client);
+    restart_idle_timer(id, client);
     if (ready.read && !read_some(client)) {
         clients_.erase(found);
         return;
@@ -314,7 +314,7 @@ void Control::on_event(const BoardEvent& event) {
             continue;
         }
         if (client.output.empty()) {
-            be_patient(id, client);
+            restart_idle_timer(id, client);
         }
         client.output += line;
         if (client.output.size() > kMaxQueue) {
@@ -400,11 +400,11 @@ void Control::wait_for(uint64_t id, Client& client) {
 
 // A client that has neither sent nor taken anything for this time is dropped, unless it waits for
 // events and has read all of them.
-void Control::be_patient(uint64_t id, Client& client) {
-    client.patience = loop_.after(kPatience, [this, id] {
+void Control::restart_idle_timer(uint64_t id, Client& client) {
+    client.idle_timer = loop_.after(kIdleTimeout, [this, id] {
         const auto found = clients_.find(id);
         if (found->second.watching && found->second.output.empty()) {
-            be_patient(id, found->second);
+            restart_idle_timer(id, found->second);
         } else {
             clients_.erase(found);
         }

@@ -24,8 +24,8 @@ class Control {
     static constexpr size_t kMaxClients = 16;
     static constexpr size_t kMaxLine = 1024;      // of a request
     static constexpr size_t kMaxQueue = 1 << 20;  // bytes of events that a client has not read
-    static constexpr std::chrono::seconds kPatience{30};  // with a client that does nothing
-    static constexpr std::chrono::seconds kProbeTime{1};  // until a probe counts as lost
+    static constexpr std::chrono::seconds kIdleTimeout{30};  // with a client that does nothing
+    static constexpr std::chrono::seconds kProbeTime{1};     // until a probe counts as lost
     static constexpr std::chrono::seconds kAcceptPause{1};
     static constexpr std::chrono::seconds kFileCheck{10};  // whether the socket's file is there
 
@@ -57,7 +57,7 @@ class Control {
         uint32_t asked = 0;  // the port whose probe is under way
         int watched = 0;     // what `watch` waits for
         EventLoop::Handle watch;
-        EventLoop::Handle patience;
+        EventLoop::Handle idle_timer;
     };
     struct Asked {
         uint64_t client;
@@ -82,7 +82,7 @@ class Control {
     void show_more(Client& client) const;
     bool flush(Client& client);
     void wait_for(uint64_t id, Client& client);
-    void be_patient(uint64_t id, Client& client);
+    void restart_idle_timer(uint64_t id, Client& client);
     static bool is_busy(const Client& client);
     static void say(Client& client, const Json& line);
     static void refuse(Client& client, const std::string& reason);

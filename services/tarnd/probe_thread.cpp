@@ -62,7 +62,7 @@ std::vector<int> processors() {
     return result;
 }
 
-void keep_on(int processor, pthread_t thread) {
+void pin_to_processor(int processor, pthread_t thread) {
     cpu_set_t only;
     CPU_ZERO(&only);
     CPU_SET(processor, &only);
@@ -116,7 +116,7 @@ std::string ProbeThread::start() {
         listeners_.emplace_back([this, first = listeners_.empty()] { run(first); });
         const pthread_t thread = listeners_.back().native_handle();
         if (processor >= 0) {
-            keep_on(processor, thread);
+            pin_to_processor(processor, thread);
         }
         if (refusal.empty()) {
             refusal = prefer(thread);

@@ -548,7 +548,7 @@ bool Prober::is_held(const Proof& proof, const Probe& probe, Time now) {
         return sent < hold->second.until;
     }
     const size_t others =
-        claims_.before_us(proof.ifx, proof.sender, {settings_.priority, identity_.bridge}, now);
+        claims_.count_ahead(proof.ifx, proof.sender, {settings_.priority, identity_.bridge}, now);
     if (others == 0) {
         return false;
     }

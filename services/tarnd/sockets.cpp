@@ -62,8 +62,8 @@ uint16_t stripped_vid(msghdr& message) {
 }
 
 // Takes the inner tag out of the frame. It names the VLAN only where there is no outer one.
-void hand_on(uint32_t ifx, uint16_t vid, std::span<uint8_t> frame,
-             const PacketSocket::Receiver& receiver) {
+void pass_frame(uint32_t ifx, uint16_t vid, std::span<uint8_t> frame,
+                const PacketSocket::Receiver& receiver) {
     if (is_tagged(frame)) {
         const uint16_t inner = number_at(frame, kTypeAt + 2) & kVidMask;
         vid = vid != 0 ? vid : inner;
@@ -168,8 +168,8 @@ bool PacketSocket::receive(size_t most, const Receiver& receiver) const {
         }
         // Other errors are news of an interface (ENETDOWN), reported once each.
         if (size > 0 && from.sll_pkttype != PACKET_OUTGOING) {
-            hand_on(static_cast<uint32_t>(from.sll_ifindex), stripped_vid(message),
-                    std::span(bytes).first(static_cast<size_t>(size)), receiver);
+            pass_frame(static_cast<uint32_t>(from.sll_ifindex), stripped_vid(message),
+                       std::span(bytes).first(static_cast<size_t>(size)), receiver);
         }
     }
     return true;

@@ -42,7 +42,7 @@ std::vector<uint32_t> TakeOver::release() {
 void TakeOver::wait(uint32_t ifx) {
     Cut& cut = cuts_.at(ifx);
     cut.asked = false;
-    cut.timer = loop_.after(kPatience, [this, ifx] { ask(ifx); });
+    cut.timer = loop_.after(kTakeOverTime, [this, ifx] { ask(ifx); });
 }
 
 // A server that does not answer is found out by its connection in the end.

@@ -1,7 +1,7 @@
 // Ports that tarnd has cut, until the switch takes them over or they are given back.
 //
-// A port is given back when its record, read kPatience after the cut, says that the switch has not
-// shut it. While the object database is away nobody can say so, and the port stays as it is: an
+// A port is given back when its record, read kTakeOverTime after the cut, says that the switch has
+// not shut it. While the object database is away nobody can say so, and the port stays as it is: an
 // operator may have shut it meanwhile. The wait begins anew when the database is back.
 #pragma once
 
@@ -27,7 +27,7 @@ class TakeOverOutputs {
 // Main thread only.
 class TakeOver {
  public:
-    static constexpr std::chrono::seconds kPatience{5};
+    static constexpr std::chrono::seconds kTakeOverTime{5};
     static constexpr std::chrono::seconds kAnswer{1};  // records that exist have arrived by then
 
     TakeOver(EventLoop& loop, TakeOverOutputs& outputs) : loop_(loop), outputs_(outputs) {}

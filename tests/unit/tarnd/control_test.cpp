@@ -365,7 +365,7 @@ TEST_F(ControlTest, AListThatIsNotReadIsNotMadeAheadAndItsClientDropped) {
     client.send("{\"do\":\"show\"}\n");
     turn();
     EXPECT_EQ(control->clients(), 1u);
-    pass(Control::kPatience);
+    pass(Control::kIdleTimeout);
     EXPECT_EQ(control->clients(), 0u);
     EXPECT_LT(client.receive().size(), 900000u) << "of some 1,100,000 bytes";
 }
@@ -395,7 +395,7 @@ TEST_F(ControlTest, ClientsAreLimitedAndIdleOnesDropped) {
     turn();
     EXPECT_EQ(late.receive(), "{\"error\":\"too many clients\"}\n");
     EXPECT_TRUE(late.is_closed());
-    pass(Control::kPatience);
+    pass(Control::kIdleTimeout);
     EXPECT_EQ(control->clients(), 1u) << "the one that watches";
     EXPECT_FALSE(clients[0]->is_closed());
     clients[0].reset();
