@@ -41,7 +41,7 @@ def lab(kernel_ports):
         yield the_lab
 
 
-def test_configuration_is_on_record(lab):
+def test_configuration_is_recorded(lab):
     lab.configure("tarn enable", "tarn cut one", "tarn priority 7", "tarn probe-interval 250",
                   "tarn fabric-key /etc/lda/fabric", "interface swp2", "tarn port loop-detect warning",
                   "tarn link-up guard", "tarn vlan 10-12,30", "switchport mode hybrid")
@@ -135,7 +135,7 @@ def test_own_probes_do_not_multiply_in_a_loop(lab):
         assert 2 <= int(lab.inside(sys.executable, "-c", COUNT_PROBES, "swp3-far", "4")) <= 20
 
 
-def test_port_that_spanning_tree_blocks_is_neither_probed_nor_believed(lab):
+def test_port_blocked_by_spanning_tree_is_neither_probed_nor_trusted(lab):
     lab.ip("link", "set", "br0", "type", "bridge", "stp_state", "1", "forward_delay", "200")
 
     def states():
@@ -153,7 +153,7 @@ def test_port_that_spanning_tree_blocks_is_neither_probed_nor_believed(lab):
         assert states() == ["forwarding", "blocking"]
 
 
-def test_what_a_killed_tarnd_has_left_is_ended_by_the_next(lab):
+def test_next_tarnd_ends_the_loops_of_a_killed_one(lab):
     lab.start_tarnd()
     lab.enable()
     with lab.looped("swp1", "swp2"):
@@ -166,7 +166,7 @@ def test_what_a_killed_tarnd_has_left_is_ended_by_the_next(lab):
         wait_for(lambda: not lab.loops(), 10, "the next tarnd has ended the record")
 
 
-def test_cut_that_nobody_takes_over_is_undone(lab):
+def test_cut_that_the_agent_does_not_take_over_is_undone(lab):
     lab.start_tarnd()
     lab.enable("shutdown access-mode")
     lab.agent.send_signal(signal.SIGSTOP)
@@ -209,7 +209,7 @@ def test_loop_through_another_bridge_of_the_same_namespace_is_found(lab):
         wait_for(lambda: not lab.loops(), 10, "the record is withdrawn")
 
 
-def test_tarnd_that_is_told_to_end_ends_its_loop_records(lab):
+def test_terminated_tarnd_ends_its_loop_records(lab):
     lab.start_tarnd()
     lab.enable()
     with lab.looped("swp1", "swp2"):
@@ -218,7 +218,7 @@ def test_tarnd_that_is_told_to_end_ends_its_loop_records(lab):
         assert lab.loops() == set()
 
 
-def test_port_that_an_operator_shuts_while_the_database_is_away_stays_shut(lab):
+def test_port_shut_by_an_operator_while_the_database_is_away_stays_shut(lab):
     lab.start_tarnd()
     lab.enable("shutdown access-mode")
     lab.redis_server.send_signal(signal.SIGSTOP)
@@ -258,7 +258,7 @@ def state_on_record(lab, port):
     return p_bridge.tarn_port_state.FromString(packed).state if packed else None
 
 
-def test_record_that_was_deleted_while_the_database_was_away_is_forgotten(lab):
+def test_record_deleted_while_the_database_was_away_is_forgotten(lab):
     lab.start_tarnd()
     lab.enable()
     wait_for(lambda: state_on_record(lab, "swp2") == p_bridge.PROBING, 10, "swp2 is probed")
@@ -287,7 +287,7 @@ link.send(bytes.fromhex(sys.argv[2]))
 """
 
 
-def test_probe_that_waited_while_tarnd_was_stopped_proves_nothing(lab):
+def test_probe_received_while_tarnd_was_stopped_proves_nothing(lab):
     lab.start_tarnd()
     lab.enable("shutdown access-mode")
     probe = lab.inside(sys.executable, "-c", CATCH_PROBE, "swp1-far").strip()

@@ -68,7 +68,7 @@ def test_guarded_port_stays_closed_while_it_is_looped(lab):
 
 
 @pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGKILL])
-def test_what_tarnd_leaves_closed_is_opened(lab, end):
+def test_port_left_closed_by_tarnd_is_opened(lab, end):
     lab.guard("swp2")
     lab.end_tarnd(end)
     if end == signal.SIGKILL:

@@ -61,7 +61,7 @@ def wait_shut(lab):
 
 
 @pytest.mark.parametrize("kind", list(KINDS))
-def test_loop_is_cut_the_rest_goes_on_and_nothing_stays_dark(lab, kind):
+def test_loop_is_cut_while_other_ports_forward_and_no_port_stays_down(lab, kind):
     lab.start_tarnd()
     lab.enable(SHUTDOWN)
     with KINDS[kind](lab) as loop, Traffic(lab) as traffic:
@@ -112,7 +112,7 @@ def test_silent_loop_is_found(lab, kind):
 
 
 @pytest.mark.parametrize("kind", ["remote-bridge", "looped-hub"])
-def test_storm_present_before_the_start_is_ended(lab, kind):
+def test_storm_that_precedes_the_start_is_ended(lab, kind):
     with KINDS[kind](lab) as loop, Traffic(lab) as traffic:
         loop.plug()
         wait_for(lambda: traffic.stray() > 2000, 10, "there is a storm")
@@ -125,7 +125,7 @@ def test_storm_present_before_the_start_is_ended(lab, kind):
         recover(lab)
 
 
-def test_records_that_do_not_unpack_change_nothing(lab):
+def test_malformed_records_are_ignored(lab):
     lab.start_tarnd()
     lab.enable(SHUTDOWN)
     database = lab.database(CFG_DB)
@@ -156,7 +156,7 @@ def come_and_go(lab, rounds, seconds):
         return traffic.stray()
 
 
-def test_loop_that_comes_and_goes_is_cut_once(lab):
+def test_intermittent_loop_is_cut_once(lab):
     lab.start_tarnd()
     lab.configure("tarn probe-interval 100")
     lab.enable(SHUTDOWN)
@@ -164,7 +164,7 @@ def test_loop_that_comes_and_goes_is_cut_once(lab):
     assert lab.log().count(DETECTED.format("swp1")) == 1
 
 
-def test_loop_that_comes_and_goes_is_reported_each_time_under_warning(lab):
+def test_intermittent_loop_is_reported_each_time_under_warning(lab):
     lab.start_tarnd()
     lab.configure("tarn probe-interval 100")
     lab.enable()
@@ -178,7 +178,7 @@ def test_loop_that_comes_and_goes_is_reported_each_time_under_warning(lab):
 
 
 @pytest.mark.patient
-def test_loop_that_comes_and_goes_for_three_minutes(lab):
+def test_intermittent_loop_for_three_minutes(lab):
     lab.start_tarnd()
     lab.enable(SHUTDOWN)
     assert come_and_go(lab, rounds=30, seconds=3) < MOST_STRAY
@@ -224,7 +224,7 @@ def processor_seconds(pid):
     return (int(fields[11]) + int(fields[12])) / 100
 
 
-def test_innocent_traffic_and_stations_that_move_are_no_loop(busy_lab):
+def test_ordinary_traffic_and_moving_stations_are_no_loop(busy_lab):
     lab = busy_lab
     lab.start_tarnd()
     lab.enable(SHUTDOWN)

@@ -76,7 +76,7 @@ def lab(kernel_ports):
         yield the_lab
 
 
-def test_uplinks_that_a_peer_blocks_by_rapid_spanning_tree_are_no_loop(lab):
+def test_uplinks_blocked_by_a_peers_rapid_spanning_tree_are_no_loop(lab):
     lab.start_tarnd()
     lab.configure("tarn probe-interval 100")
     lab.enable("shutdown access-mode")

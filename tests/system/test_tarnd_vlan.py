@@ -60,7 +60,7 @@ def test_loop_in_one_vlan_is_reported_with_it_and_ends(lab, vlans):
         assert lab.down_ports() == []
 
 
-def test_storm_in_one_vlan_is_cut_and_nothing_stays_dark(lab):
+def test_storm_in_one_vlan_is_cut_and_no_port_stays_down(lab):
     list_vlans(lab, "7")
     lab.enable(SHUTDOWN)
     with OneVlan(lab) as loop, Traffic(lab, vid=7) as traffic:
@@ -78,7 +78,7 @@ def test_storm_in_one_vlan_is_cut_and_nothing_stays_dark(lab):
         wait_for(lambda: lab.down_ports() == [] and lab.loops() == set(), 10, "nothing is left dark or on record")
 
 
-def test_loop_in_a_vlan_that_is_not_listed_is_not_seen(lab):
+def test_loop_in_an_unlisted_vlan_is_not_found(lab):
     list_vlans(lab, "6,8")
     lab.configure("tarn probe-interval 100")
     lab.enable(SHUTDOWN)
