@@ -59,14 +59,16 @@ std::string GuardTable::install() {
                 " update @origins { ether saddr limit rate over 1000/second burst 256 packets } " +
                 "drop\n";
     if (run(commands)) {
+        pending_.clear();
+        outdated_ = false;
         return "";
     }
     const std::string reason = nft_ctx_get_error_buffer(nft_);
-    return reason.substr(0, reason.find('\n'));
+    return reason.empty() ? "no reason given" : reason.substr(0, reason.find('\n'));
 }
 
 bool GuardTable::installed() {
-    return run("list chain " + name_ + " returned\n") &&
+    return !outdated_ && run("list chain " + name_ + " returned\n") &&
            std::string(nft_ctx_get_output_buffer(nft_)).find(source_) != std::string::npos;
 }
 
@@ -81,10 +83,9 @@ void GuardTable::set_elsewhere(uint32_t ifx, bool elsewhere) {
     }
 }
 
-// When the table is gone this fails; install() then puts the ports into it.
 void GuardTable::apply() {
     if (!pending_.empty()) {
-        run(std::exchange(pending_, {}));
+        outdated_ |= !run(std::exchange(pending_, {}));
     }
 }
 

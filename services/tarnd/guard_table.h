@@ -29,9 +29,10 @@ class GuardTable {
 
     // Makes the table, in place of an older one. Empty, or the reason why not.
     std::string install();
-    // Whether the rule is there.
+    // Whether the rule is there and knows the ports of other bridges.
     bool installed();
-    // Whether the port belongs to another bridge, which the rule leaves alone; with apply().
+    // Whether the port belongs to another bridge, which the rule leaves alone; with apply(). When
+    // the kernel refuses that, installed() is false until install() has succeeded.
     void set_elsewhere(uint32_t ifx, bool elsewhere);
     void apply();
     // Removes the table.
@@ -46,6 +47,7 @@ class GuardTable {
     nft_ctx* const nft_;
     std::set<uint32_t> elsewhere_;
     std::string pending_;
+    bool outdated_ = false;  // the table lacks a change of elsewhere_
 };
 
 }  // namespace qv::tarnd

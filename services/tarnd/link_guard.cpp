@@ -14,7 +14,7 @@ int LinkGuard::close(uint32_t ifx) {
         return ENOSPC;
     }
     const int error = control_.set_flags(ifx, kClosed);
-    if (error != 0) {
+    if (error != 0 && error != EIO) {
         journal_.clear(ifx);
     }
     return error;
@@ -41,12 +41,6 @@ int LinkGuard::open(uint32_t ifx) {
         journal_.clear(ifx);
     }
     return error;
-}
-
-void LinkGuard::open_all() {
-    for (const CutJournal::Note& note : journal_.notes()) {
-        open(note.ifx);
-    }
 }
 
 }  // namespace qv::tarnd

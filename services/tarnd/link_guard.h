@@ -18,13 +18,12 @@ class LinkGuard {
     LinkGuard(const PortControl& control, CutJournal& journal)
         : control_(control), journal_(journal) {}
 
-    // 0 or errno; ENOSPC when the journal is full.
+    // 0 or errno; ENOSPC when the journal is full; EIO when the kernel does not answer: the port
+    // may be closed and stays noted.
     int close(uint32_t ifx);
     // Gives the port the flags back that it had, but for those that somebody else has set
-    // meanwhile. Does nothing for a port that is not closed. 0 or errno.
+    // meanwhile. Does nothing for a port that is not noted. 0 or errno: the port stays noted.
     int open(uint32_t ifx);
-    // All ports in the journal.
-    void open_all();
 
  private:
     const PortControl& control_;

@@ -1,6 +1,5 @@
 #include "services/tarnd/probe_thread.h"
 
-#include <linux/if_bridge.h>
 #include <linux/rtnetlink.h>
 #include <poll.h>
 #include <pthread.h>
@@ -91,8 +90,9 @@ ProbeThread::ProbeThread(const Prober::Identity& identity, const std::string& br
                          CutJournal& cuts, CutJournal& guards)
     : links_(RTNLGRP_LINK),
       addresses_(RTNLGRP_NEIGH),
+      cut_(control_, cuts),
       guard_(control_, guards),
-      journal_(cuts),
+      guards_(guards),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       reports_ready_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       commands_(kCommandSlots),
@@ -109,6 +109,9 @@ ProbeThread::~ProbeThread() {
 }
 
 std::string ProbeThread::start() {
+    for (const uint32_t ifx : guards_.noted()) {
+        prober_.take_closed(ifx, now());
+    }
     std::vector<int> where = processors();
     where.resize(std::clamp<size_t>(where.size(), 1, kMostListeners), -1);
     std::string refusal;
@@ -140,6 +143,10 @@ bool ProbeThread::command(const Command& command) {
     return taken;
 }
 
+std::optional<Report> ProbeThread::next_report() {
+    return reports_.pop();
+}
+
 void ProbeThread::clear_reports_fd() {
     drain_fd(reports_ready_.get());
 }
@@ -152,21 +159,8 @@ bool ProbeThread::send(uint32_t ifx, uint16_t vid, const Frame& frame) {
     return packets_.send(ifx, vid, frame);
 }
 
-// Blocking the bridge port is quick; taking the link down waits until no processor uses the port,
-// and the frames of a loop behind the port would go on until then.
 int ProbeThread::cut(uint32_t ifx, bool single) {
-    if (!journal_.note(ifx)) {
-        return ENOSPC;
-    }
-    if (single) {
-        control_.set_state(ifx,
-                           BR_STATE_DISABLED);  // refused while the kernel's spanning tree runs
-    }
-    const int error = control_.set_up(ifx, false);
-    if (error != 0) {
-        journal_.clear(ifx);
-    }
-    return error;
+    return cut_.cut(ifx, single);
 }
 
 int ProbeThread::guard(uint32_t ifx, bool close) {

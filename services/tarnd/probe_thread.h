@@ -18,6 +18,7 @@
 #include "platform/base/mutex.h"
 #include "services/tarnd/bridge_view.h"
 #include "services/tarnd/cut_journal.h"
+#include "services/tarnd/link_cut.h"
 #include "services/tarnd/link_guard.h"
 #include "services/tarnd/port_control.h"
 #include "services/tarnd/prober.h"
@@ -53,7 +54,8 @@ class ProbeThread final : private ProberOutputs {
     ProbeThread(const ProbeThread&) = delete;
     ProbeThread& operator=(const ProbeThread&) = delete;
 
-    // Starts the thread. Empty, or why it has to do without priority. Main thread, once.
+    // Starts the thread, which first opens the ports that an earlier process has left closed.
+    // Empty, or why it has to do without priority. Main thread, once.
     std::string start();
     // Ends it. Main thread.
     void stop();
@@ -61,7 +63,7 @@ class ProbeThread final : private ProberOutputs {
     // Main thread. False when the ring is full: try again later.
     bool command(const Command& command);
     // Main thread: the next report. reports_fd() is readable when there is one.
-    std::optional<Report> next_report() { return reports_.pop(); }
+    std::optional<Report> next_report();
     int reports_fd() const { return reports_ready_.get(); }
     // Before next_report() has been called until it had none left.
     void clear_reports_fd();
@@ -103,8 +105,9 @@ class ProbeThread final : private ProberOutputs {
     RouteSocket links_;
     RouteSocket addresses_;
     PortControl control_;
+    LinkCut cut_;
     LinkGuard guard_;
-    CutJournal& journal_;
+    CutJournal& guards_;
     Descriptor wake_;
     Descriptor reports_ready_;
     Ring<Command> commands_;

@@ -79,7 +79,7 @@ void Prober::configure_port(uint32_t ifx, bool watched, bool shuts, Time now,
     review(ifx, port, took_part, now);
     review_vlans(ifx, port, now);
     review_guard(ifx, port, now);
-    if (!port.present && !watched && !shuts) {
+    if (!port.present && !watched && !shuts && !port.closed) {
         ports_.erase(ifx);
     }
 }
@@ -114,10 +114,8 @@ void Prober::remove_port(uint32_t ifx) {
         tell_port(ifx, Port{});
     }
     claims_.forget(ifx);
-    if (port.closed) {
-        outputs_.guard(ifx, false);
-    }
-    if (!port.watched && !port.shuts) {
+    const bool closed = port.closed && outputs_.guard(ifx, false) != 0;
+    if (!port.watched && !port.shuts && !closed) {
         ports_.erase(found);
         return;
     }
@@ -127,6 +125,9 @@ void Prober::remove_port(uint32_t ifx) {
     kept.shuts = port.shuts;
     kept.options = port.options;
     port = kept;
+    if (closed) {
+        take_closed(ifx, Time{});
+    }
 }
 
 void Prober::set_elsewhere(uint32_t ifx, bool elsewhere) {

@@ -116,7 +116,8 @@ class ProberOutputs {
     virtual bool send(uint32_t ifx, uint16_t vid, const Frame& frame) = 0;
     // Takes the port out of service; `single` when the loop lies behind this one port. 0 or errno.
     virtual int cut(uint32_t ifx, bool single) = 0;
-    // Closes the port to everything but probes, or opens it again. 0 or errno.
+    // Closes the port to everything but probes, or opens it again. 0 or errno; EIO when the kernel
+    // has not answered and the port may be closed.
     virtual int guard(uint32_t ifx, bool close) = 0;
     // False when the report cannot be taken now: it is offered again.
     virtual bool report(const Report& report) = 0;
@@ -160,6 +161,8 @@ class Prober {
     // A port of the bridge, and whether it forwards. A port that begins to is probed at once.
     void set_port(uint32_t ifx, bool forwarding, Time now);
     void remove_port(uint32_t ifx);
+    // An earlier process has left this port closed: it is opened when run() is next called.
+    void take_closed(uint32_t ifx, Time now);
     // The interface has become a port of another bridge, or is none any more. It is reported.
     void set_elsewhere(uint32_t ifx, bool elsewhere);
 

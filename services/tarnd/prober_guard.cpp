@@ -6,6 +6,7 @@
 // `guard_next` is when the next step is due: a probe, or the decision. Time::max() means that the
 // port waits for its link or for the end of its loop.
 #include <algorithm>
+#include <cerrno>
 
 #include "services/tarnd/prober.h"
 
@@ -41,7 +42,7 @@ void Prober::close(uint32_t ifx, Port& port) {
         return;
     }
     const int error = outputs_.guard(ifx, true);
-    port.closed = error == 0;
+    port.closed = error == 0 || error == EIO;  // counts as closed, so that it is opened in the end
     tell({.kind = Report::Kind::kGuard, .ifx = ifx, .error = error, .closed = true});
 }
 
@@ -54,11 +55,19 @@ void Prober::open(uint32_t ifx, Port& port, Time now) {
     tell({.kind = Report::Kind::kGuard, .ifx = ifx, .error = error, .closed = false});
     if (error != 0) {
         port.guard_next = now + kOpenRetryPause;
+        plan(ifx, port);
         return;
     }
     port.closed = false;
     // Probes of other switches did not pass while the port was closed.
     request(ifx, Trigger::kCarrier, now);
+}
+
+void Prober::take_closed(uint32_t ifx, Time now) {
+    Port& port = ports_[ifx];
+    port.closed = true;
+    port.guard_next = now;
+    plan(ifx, port);
 }
 
 // Does the work that is due at guard_next.

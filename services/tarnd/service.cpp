@@ -1,5 +1,6 @@
 #include "services/tarnd/service.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <span>
@@ -54,6 +55,17 @@ const ProtobufCMessageDescriptor& descriptor(const PBridge__TarnLoopInfo*) {
 }
 const ProtobufCMessageDescriptor& descriptor(const PApp__LdaNcPolicy*) {
     return p_app__lda_nc_policy__descriptor;
+}
+
+// Whether this is another result for the port than the one before.
+bool is_news(std::map<uint32_t, int>& errors, uint32_t ifx, int error) {
+    int& latest = errors[ifx];
+    const bool news = latest != error;
+    latest = error;
+    if (error == 0) {
+        errors.erase(ifx);
+    }
+    return news;
 }
 
 template <typename Record>
@@ -133,8 +145,10 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, CutJ
     : loop_(loop),
       prober_(prober),
       journal_(journal),
+      guards_(guards),
       guard_(guard),
       board_(board),
+      link_cut_(control_, journal),
       link_guard_(control_, guards),
       client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)),
       fabric_key_(own_key),
@@ -170,7 +184,6 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, CutJ
         throw std::runtime_error("the event loop cannot watch the probing thread");
     }
     refresh_timer_ = loop_.after(kRefresh, [this] { refresh(); });
-    link_guard_.open_all();  // what an earlier process has left closed
     const std::string reason = prober_.start();
     if (!reason.empty()) {
         log_message(kLogWarning, "TARN", "PRIORITY",
@@ -186,7 +199,7 @@ void Service::close() {
     for (const uint32_t ifx : take_over_.release()) {
         give_back(ifx);
     }
-    link_guard_.open_all();
+    open_guarded();
     guard_.remove();
     end_records();
 }
@@ -401,7 +414,7 @@ void Service::on_report(const Report& report) {
         case Report::Kind::kNotElsewhere:
             return guard_.set_elsewhere(report.ifx, false);
         case Report::Kind::kGuard:
-            return on_guard(report);
+            return on_guard(report.ifx, report.closed, report.error);
         case Report::Kind::kPort:
         case Report::Kind::kAsked:
         case Report::Kind::kReturned:
@@ -437,12 +450,20 @@ void Service::on_loop(const Report& report, bool is_loop) {
     }
 }
 
-void Service::on_guard(const Report& report) {
-    if (report.error != 0) {
-        log_message(kLogError, "TARN", "GUARD_PORT", "%s cannot be %s: %s.",
-                    port_name(report.ifx).c_str(),
-                    report.closed ? "guarded, it forwards as soon as its link is up" : "opened",
-                    std::strerror(report.error));
+// A port that cannot be opened is tried again ten times a second.
+void Service::on_guard(uint32_t ifx, bool closed, int error) {
+    const bool news = closed || is_news(not_opened_, ifx, error);
+    if (error != 0 && news) {
+        log_message(kLogError, "TARN", "GUARD_PORT", "%s cannot be %s: %s.", port_name(ifx).c_str(),
+                    closed ? "guarded, it forwards as soon as its link is up" : "opened",
+                    std::strerror(error));
+    }
+}
+
+// While the probing thread does not run. The next process opens what stays closed.
+void Service::open_guarded() {
+    for (const uint32_t ifx : guards_.noted()) {
+        on_guard(ifx, false, link_guard_.open(ifx));
     }
 }
 
@@ -451,10 +472,14 @@ void Service::on_cut(uint32_t ifx, int error) {
     if (error != 0) {
         log_message(kLogError, "TARN", "CUT", "%s cannot be cut: %s.", name.c_str(),
                     std::strerror(error));
-        return;
+        const std::vector<uint32_t> noted = journal_.noted();
+        if (std::find(noted.begin(), noted.end(), ifx) == noted.end()) {
+            return;
+        }
+    } else {
+        log_message(kLogWarning, "TARN", "CUT", "%s was taken out of service to end a loop.",
+                    name.c_str());
     }
-    log_message(kLogWarning, "TARN", "CUT", "%s was taken out of service to end a loop.",
-                name.c_str());
     const auto port = ports_.find(ifx);
     if (port != ports_.end() && port->second.shut) {
         journal_.clear(ifx);
@@ -472,16 +497,16 @@ bool Service::ask() {
 
 void Service::give_back(uint32_t ifx) {
     const std::string name = port_name(ifx);
-    // A process that died in the midst of a cut has left the bridge's port disabled and the link
-    // up: only a link that comes up enables the port.
-    control_.set_up(ifx, false);
-    const int error = control_.set_up(ifx, true);
-    journal_.clear(ifx);
+    const int error = link_cut_.give_back(ifx);
+    const bool news = is_news(not_returned_, ifx, error);
     board_.give_back(ifx, error);
+    if (error != 0 && error != ENODEV) {
+        take_over_.cut(ifx);  // to try again
+    }
     if (error == 0) {
         log_message(kLogWarning, "TARN", "RETURN",
                     "%s is in service again: nobody has taken it over.", name.c_str());
-    } else if (error != ENODEV) {
+    } else if (error != ENODEV && news) {
         log_message(kLogError, "TARN", "RETURN", "%s cannot be brought into service again: %s.",
                     name.c_str(), std::strerror(error));
     }

@@ -14,6 +14,8 @@
 #include "services/tarnd/cut_journal.h"
 #include "services/tarnd/fabric_key.h"
 #include "services/tarnd/guard_table.h"
+#include "services/tarnd/link_cut.h"
+#include "services/tarnd/link_guard.h"
 #include "services/tarnd/port_control.h"
 #include "services/tarnd/probe_thread.h"
 #include "services/tarnd/status_board.h"
@@ -100,7 +102,8 @@ class Service final : private TakeOverOutputs {
     void on_report(const Report& report);
     void on_loop(const Report& report, bool is_loop);
     void on_cut(uint32_t ifx, int error);
-    void on_guard(const Report& report);
+    void on_guard(uint32_t ifx, bool closed, int error);
+    void open_guarded();
     bool ask() override;
     bool has_record(uint32_t ifx) override { return ports_.contains(ifx); }
     void give_back(uint32_t ifx) override;
@@ -112,9 +115,11 @@ class Service final : private TakeOverOutputs {
     EventLoop& loop_;
     ProbeThread& prober_;
     CutJournal& journal_;
+    CutJournal& guards_;
     GuardTable& guard_;
     StatusBoard& board_;
     PortControl control_;
+    LinkCut link_cut_;
     LinkGuard link_guard_;  // while the probing thread does not run
     qv_mom_client* const client_;
 
@@ -130,6 +135,9 @@ class Service final : private TakeOverOutputs {
     std::map<uint32_t, LoopRecord> records_;
     std::set<uint32_t> last_writes_;  // ended records that are not read back yet
     TakeOver take_over_;
+    // Why a port is not in service again, or not open, as logged.
+    std::map<uint32_t, int> not_returned_;
+    std::map<uint32_t, int> not_opened_;
     uint64_t ignored_logged_ = 0;
 
     Unconfirmed unconfirmed_;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cerrno>
 #include <string>
 #include <utility>
 
@@ -201,7 +202,7 @@ void StatusBoard::end_cut(uint32_t ifx) {
 }
 
 void StatusBoard::give_back(uint32_t ifx, int error) {
-    ports_[ifx].cut = false;
+    ports_[ifx].cut = error != 0 && error != ENODEV;
     counters_.given_back += error == 0 ? 1 : 0;
     announce({.kind = BoardEvent::Kind::kGivenBack, .ifx = ifx, .loop = {}, .error = error});
     announce_state(ifx);

@@ -59,6 +59,7 @@ class StatusBoard {
     void take(const Report& report);
     void begin_cut(uint32_t ifx);  // the port is down until the switch takes it over
     void end_cut(uint32_t ifx);    // it has
+    // It is up again or gone (ENODEV); with another error it is still down.
     void give_back(uint32_t ifx, int error);
 
     // The ports of the bridge, by interface index.

@@ -33,6 +33,8 @@ struct Hands final : ProberOutputs {
     bool report(const Report& report) override {
         if (report.kind == Report::Kind::kLoop) {
             lines.push_back("loop " + std::to_string(report.ifx));
+        } else if (report.kind == Report::Kind::kGuard && report.error != 0) {
+            lines.push_back("error " + std::to_string(report.error));
         }
         return true;
     }
@@ -138,8 +140,63 @@ TEST_F(GuardTest, AnOpeningThatFailsIsTriedAgain) {
     prober.set_port(2, true, now);
     hands.result = ENOBUFS;
     pass(milliseconds(150));
-    EXPECT_EQ(take_lines(), (Lines{"close 2", "open 2", "open 2"}));
+    EXPECT_EQ(take_lines(), (Lines{"close 2", "open 2", "error 105", "open 2", "error 105"}));
     hands.result = 0;
+    pass(seconds(1));
+    EXPECT_EQ(take_lines(), Lines{"open 2"});
+}
+
+TEST_F(GuardTest, AnOpeningThatFailsIsTriedAgainWithoutProbing) {
+    prober.set_port(2, false, now);
+    hands.result = ENOBUFS;
+    prober.configure({.enabled = false}, now);
+    EXPECT_EQ(take_lines(), (Lines{"close 2", "open 2", "error 105"}));
+    hands.result = 0;
+    pass(milliseconds(99));
+    EXPECT_EQ(take_lines(), Lines{});
+    pass(milliseconds(1));
+    EXPECT_EQ(take_lines(), Lines{"open 2"});
+    pass(seconds(1));
+    EXPECT_EQ(take_lines(), Lines{});
+}
+
+TEST_F(GuardTest, APortThatLeavesTheBridgeClosedIsOpenedAtLast) {
+    for (const bool watched : {true, false}) {
+        prober.configure_port(2, true, false, now, {.guard = milliseconds(30)});
+        prober.set_port(2, false, now);
+        hands.result = EPERM;
+        prober.configure_port(2, watched, false, now);
+        prober.remove_port(2);
+        pass(milliseconds(150));
+        hands.result = 0;
+        take_lines();
+        pass(milliseconds(100));
+        EXPECT_EQ(take_lines(), Lines{"open 2"});
+        pass(seconds(1));
+        EXPECT_EQ(take_lines(), Lines{});
+    }
+}
+
+TEST_F(GuardTest, APortThatAnEarlierProcessHasLeftClosedIsOpened) {
+    prober.take_closed(3, now);
+    hands.result = ENOBUFS;
+    pass(milliseconds(50));
+    EXPECT_EQ(take_lines(), (Lines{"open 3", "error 105"}));
+    prober.configure_port(3, false, false, now);  // not in the bridge yet
+    EXPECT_EQ(take_lines(), (Lines{"open 3", "error 105"}));
+    hands.result = 0;
+    pass(milliseconds(100));
+    EXPECT_EQ(take_lines(), Lines{"open 3"});
+    pass(seconds(1));
+    EXPECT_EQ(take_lines(), Lines{});
+}
+
+TEST_F(GuardTest, APortThatMayBeClosedIsOpened) {
+    hands.result = EIO;
+    prober.set_port(2, false, now);
+    EXPECT_EQ(take_lines(), (Lines{"close 2", "error 5"}));
+    hands.result = 0;
+    prober.set_port(2, true, now);
     pass(seconds(1));
     EXPECT_EQ(take_lines(), Lines{"open 2"});
 }
@@ -149,7 +206,7 @@ TEST_F(GuardTest, APortThatCannotBeClosedForwardsAtOnce) {
     prober.set_port(2, false, now);
     prober.set_port(2, true, now);
     pass(seconds(1));
-    EXPECT_EQ(take_lines(), Lines{"close 2"});
+    EXPECT_EQ(take_lines(), (Lines{"close 2", "error 1"}));
 }
 
 TEST(PortFlags, OpeningGivesBackWhatThePortHadAndKeepsWhatOthersHaveSet) {

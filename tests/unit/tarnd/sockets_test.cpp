@@ -17,6 +17,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/unit/tarnd/kernel_script.h"
+
 namespace {
 
 struct Answer {
@@ -154,9 +156,17 @@ ssize_t __wrap_recvmsg(int fd, msghdr* message, int flags) {
 
 }  // extern "C"
 
+// As the constructor of a packet socket needs them.
+void qv::tarnd::test::allow_packet_socket() {
+    script()["socket"] = {{.error = 0}};
+    script()["setsockopt"] = {{.error = 0}, {.error = 0}, {.error = 0}, {.error = 0}};
+    script()["bind"] = {{.error = 0}};
+}
+
 namespace qv::tarnd {
 namespace {
 
+using test::allow_packet_socket;
 using Frames = std::vector<std::string>;
 const Answer kDone{.error = 0};
 
@@ -164,12 +174,6 @@ struct SocketsTest : testing::Test {
     SocketsTest() { script().clear(); }
     ~SocketsTest() override { script().clear(); }
 
-    // As the constructor of a packet socket needs them.
-    static void allow_packet_socket() {
-        script()["socket"] = {kDone};
-        script()["setsockopt"] = {kDone, kDone, kDone, kDone};
-        script()["bind"] = {kDone};
-    }
     static Frames received(const PacketSocket& packets, size_t most, bool& more) {
         Frames frames;
         more =

@@ -149,6 +149,15 @@ TEST_F(StatusBoardTest, ACutPortIsCutUntilTheSwitchOwnsItOrItIsGivenBack) {
     EXPECT_EQ(take_lines(), (Lines{"given back 1", "state 1"}));
 }
 
+TEST_F(StatusBoardTest, APortThatCannotBeGivenBackIsStillCut) {
+    add_port(1);
+    board.begin_cut(1);
+    board.give_back(1, EPERM);
+    EXPECT_EQ(state(1), "cut");
+    board.give_back(1, ENODEV);
+    EXPECT_EQ(state(1), "probing");
+}
+
 TEST_F(StatusBoardTest, APortThatHasLeftTheBridgeIsAbsentAndKeepsItsConfiguration) {
     add_port(5);
     add_port(7);
