@@ -16,6 +16,22 @@ from storm_lab import StormLab
 LONGEST_LOOP_S = 40
 CABLE = ("rate", "4mbit", "burst", "3000", "limit", "6000")  # of tc(8)
 
+# Prints how many probes arrive on a device in some seconds; both are arguments.
+COUNT_PROBES = """
+import socket, sys, time
+link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x88b5))
+link.bind((sys.argv[1], 0x88b5))
+count, end = 0, time.monotonic() + float(sys.argv[2])
+while (left := end - time.monotonic()) > 0:
+    link.settimeout(left)
+    try:
+        link.recv(2000)
+        count += 1
+    except TimeoutError:
+        break
+print(count)
+"""
+
 
 @contextlib.contextmanager
 def in_time(open_loop):

@@ -16,23 +16,7 @@ import pytest
 
 from lab import APP_DB, CFG_DB, p_bridge, wait_for
 from storm_lab import DETECTED
-from tarn_lab import CABLE, TarnLab, in_time
-
-# Prints how many probes arrive on a device in some seconds; both are arguments.
-COUNT_PROBES = """
-import socket, sys, time
-link = socket.socket(socket.AF_PACKET, socket.SOCK_RAW, socket.htons(0x88b5))
-link.bind((sys.argv[1], 0x88b5))
-count, end = 0, time.monotonic() + float(sys.argv[2])
-while (left := end - time.monotonic()) > 0:
-    link.settimeout(left)
-    try:
-        link.recv(2000)
-        count += 1
-    except TimeoutError:
-        break
-print(count)
-"""
+from tarn_lab import CABLE, COUNT_PROBES, TarnLab, in_time
 
 
 @pytest.fixture
