@@ -75,9 +75,10 @@ Prober::Identity load_identity(const std::string& folder, const std::string& bri
                 identity.source.begin());
     identity.source[0] = static_cast<uint8_t>((identity.source[0] & 0xfc) | 0x02);
 
-    // More numbers a second than any port uses.
-    const auto since_1970 = std::chrono::system_clock::now().time_since_epoch();
-    identity.first_sequence = static_cast<uint64_t>(since_1970 / std::chrono::microseconds(1));
+    // More numbers a second than any port uses. The wall clock may be set back: other switches
+    // would take the next process's probes for old ones.
+    const auto since_boot = std::chrono::steady_clock::now().time_since_epoch();
+    identity.first_sequence = static_cast<uint64_t>(since_boot / std::chrono::microseconds(1));
     return identity;
 }
 

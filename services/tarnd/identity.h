@@ -13,8 +13,8 @@ Key read_key(const std::string& path);
 
 // Reads `folder`/key, or makes it, and the folder, at the first start. The bridge's number and the
 // source address of its probes follow from the key and the bridge's name, so that they outlive the
-// process. The first sequence number follows the clock, so that a later process counts on. Throws
-// like read_key(). After sodium_init().
+// process. The first sequence number is the time since the machine has booted, so that a later
+// process counts on. Throws like read_key(). After sodium_init().
 Prober::Identity load_identity(const std::string& folder, const std::string& bridge);
 
 }  // namespace qv::tarnd

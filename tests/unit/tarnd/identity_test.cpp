@@ -9,6 +9,16 @@
 #include <fstream>
 #include <stdexcept>
 
+// The wall clock, which the tests set.
+static std::chrono::hours g_wall_clock_ahead{0};
+std::chrono::system_clock::time_point real_wall_clock() asm(
+    "__real__ZNSt6chrono3_V212system_clock3nowEv");
+std::chrono::system_clock::time_point set_wall_clock() asm(
+    "__wrap__ZNSt6chrono3_V212system_clock3nowEv");
+std::chrono::system_clock::time_point set_wall_clock() {
+    return real_wall_clock() + g_wall_clock_ahead;
+}
+
 namespace qv::tarnd {
 namespace {
 
@@ -39,6 +49,14 @@ TEST_F(IdentityTest, TheFirstStartMakesAKeyForThisUserAlone) {
     ASSERT_EQ(stat(key().c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777u, 0600u);
     EXPECT_EQ(status.st_size, 32);
+}
+
+TEST_F(IdentityTest, WallClockThatIsSetBackDoesNotLowerTheSequence) {
+    const auto first = load_identity(folder, "br0");
+    g_wall_clock_ahead = -std::chrono::hours(1);
+    const auto second = load_identity(folder, "br0");
+    g_wall_clock_ahead = std::chrono::hours(0);
+    EXPECT_GT(second.first_sequence, first.first_sequence);
 }
 
 TEST_F(IdentityTest, LaterStartsAreTheSameBridgeWithHigherSequences) {
