@@ -148,5 +148,69 @@ TEST_F(ServiceRecords, LoopFollowsWhenTheDatabaseIsBack) {
     EXPECT_EQ(records(), Lines{"ifx=1000007 vid=20 loop=1 src=1000009"});
 }
 
+struct ServiceConfiguration : testing::Test {
+    // Another program writes the record.
+    void put(const std::string& key, const std::string& packed) {
+        rig.platform.memory_store().put(
+            QV_MOM_CFG_DB, key, {reinterpret_cast<const uint8_t*>(packed.data()), packed.size()});
+        rig.platform.run_ready();
+    }
+    void put(const std::string& key, const ProtobufCMessage& record) {
+        std::string packed(protobuf_c_message_get_packed_size(&record), '\0');
+        protobuf_c_message_pack(&record, reinterpret_cast<uint8_t*>(packed.data()));
+        put(key, packed);
+    }
+    static std::vector<Command> take_commands() { return std::exchange(test::commands(), {}); }
+
+    ServiceRig rig;
+};
+
+TEST_F(ServiceConfiguration, RecordsThatDoNotUnpackLeaveTheEarlierOnesInForce) {
+    PBridge__TarnConfig config = P_BRIDGE__TARN_CONFIG__INIT;
+    config.enabled = 1;
+    config.probe_interval_ms = 250;
+    PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
+    index.ifx = kPort;
+    PBridge__TarnPort port = P_BRIDGE__TARN_PORT__INIT;
+    port.index = &index;
+    port.loop_detect = 1;
+    port.vlan_mode = 1;
+    PApp__LdaNcPolicy policy = P_APP__LDA_NC_POLICY__INIT;
+    policy.loop_policy_cli = 4;
+    put("p_bridge.tarn_config/", config.base);
+    put("p_bridge.tarn_port/ifx=1000007", port.base);
+    put("p_app.lda_nc_policy/", policy.base);
+    const auto set_up = take_commands();
+    ASSERT_EQ(set_up.size(), 3u);  // settings, the port, and the port under the policy
+    EXPECT_TRUE(set_up.front().settings.enabled);
+    EXPECT_EQ(set_up.front().settings.interval, std::chrono::milliseconds(250));
+    EXPECT_TRUE(set_up.back().watched && set_up.back().shuts);
+
+    put("p_bridge.tarn_config/", "\xff\xff\xff");
+    put("p_bridge.tarn_port/ifx=1000007", "\x2a\x7f");
+    put("p_app.lda_nc_policy/", "\x01");
+    EXPECT_EQ(
+        rig.take_log(),
+        (Lines{"MOM-4-BAD_RECORD: Record of p_bridge.tarn_config in database 22 dropped: 3 bytes "
+               "do not unpack.",
+               "MOM-4-BAD_RECORD: Record of p_bridge.tarn_port in database 22 dropped: 2 bytes do "
+               "not unpack.",
+               "MOM-4-BAD_RECORD: Record of p_app.lda_nc_policy in database 22 dropped: 1 bytes do "
+               "not unpack."}));
+    rig.platform.run_for(seconds(60));
+    EXPECT_EQ(take_commands().size(), 0u);
+    EXPECT_EQ(rig.take_log(), Lines{});
+}
+
+TEST_F(ServiceConfiguration, RecordOfNoPortIsLeftOut) {
+    PBridge__TarnPort port = P_BRIDGE__TARN_PORT__INIT;
+    port.loop_detect = 1;
+    put("p_bridge.tarn_port/", port.base);
+    PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
+    port.index = &index;
+    put("p_bridge.tarn_port/ifx=0", port.base);
+    EXPECT_EQ(take_commands().size(), 0u);
+}
+
 }  // namespace
 }  // namespace qv::tarnd

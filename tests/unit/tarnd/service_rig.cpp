@@ -50,8 +50,10 @@ std::optional<Report> played_report(ProbeThread* /*thread*/) {
 namespace qv::tarnd::test {
 namespace {
 
+// Called first: what an earlier rig has left is dropped.
 const Prober::Identity& identity() {
     allow_packet_socket();
+    commands().clear();
     kernel() = {};
     nft() = {};
     nft().table = true;
