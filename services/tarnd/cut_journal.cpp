@@ -24,7 +24,8 @@ struct CutJournal::Content {
 CutJournal::CutJournal(const std::string& path, const std::string& boot) {
     const Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600));
     void* memory = MAP_FAILED;
-    if (file.get() >= 0 && ftruncate(file.get(), sizeof(Content)) == 0) {
+    // The space is reserved: on a full disk the first write to the memory would end the process.
+    if (file.get() >= 0 && (errno = posix_fallocate(file.get(), 0, sizeof(Content))) == 0) {
         memory = mmap(nullptr, sizeof(Content), PROT_READ | PROT_WRITE, MAP_SHARED, file.get(), 0);
     }
     if (memory == MAP_FAILED) {

@@ -1,6 +1,8 @@
 #include "services/tarnd/cut_journal.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <cstdio>
@@ -23,6 +25,22 @@ struct CutJournalTest : testing::Test {
     std::string folder;
     std::string path() const { return folder + "/cuts"; }
 };
+
+TEST_F(CutJournalTest, FullDiskIsAnErrorAndNoCrash) {
+    if (unshare(CLONE_NEWNS) != 0 ||
+        mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("tmpfs", folder.c_str(), "tmpfs", 0, "size=16k") != 0) {
+        GTEST_SKIP() << "mounting a small disk needs CAP_SYS_ADMIN";
+    }
+    std::string refusal;
+    try {
+        const CutJournal journal(path(), "boot");
+    } catch (const std::runtime_error& error) {
+        refusal = error.what();
+    }
+    EXPECT_EQ(refusal, path() + ": No space left on device");
+    umount(folder.c_str());
+}
 
 TEST_F(CutJournalTest, NotesOutliveTheProcess) {
     {
