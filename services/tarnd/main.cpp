@@ -81,11 +81,11 @@ void run() {
     lock_bridge(loop, lock, config);
     CutJournal journal(config.tarn_state + "/cuts", boot_name());
     CutJournal guards(config.tarn_state + "/guards", boot_name());
+    ProbeThread prober(identity, config.bridge, journal, guards);
     GuardTable guard(identity.source);
     if (const std::string reason = guard.install(); !reason.empty()) {
         throw std::runtime_error("no rule against returned probes: " + reason);
     }
-    ProbeThread prober(identity, config.bridge, journal, guards);
     Service* service = nullptr;
     // Before there are other threads: they inherit that its signals are blocked.
     const Termination termination(loop, [&] { service->close(); });

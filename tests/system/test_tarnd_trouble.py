@@ -1,6 +1,7 @@
 """The loop-probe service without its surroundings: no object database, and no table in the packet filter."""
 
 import re
+import subprocess
 import sys
 
 import pytest
@@ -49,6 +50,19 @@ def test_loop_is_cut_without_the_database_and_on_record_once_it_is_back(lab):
         wait_for(lambda: not lab.cuts(), 10, "no cut waits for the switch")
     assert lab.end_tarnd() is not None
     assert lab.down_ports() == ["swp1", "swp2"]
+
+
+@pytest.mark.parametrize("capability, refusal", [
+    ("net_raw", "tarnd: packet socket: Operation not permitted\n"),
+    ("net_admin", "tarnd: no rule against returned probes: "
+                  "netlink: Error: cache initialization failed: Operation not permitted\n")])
+def test_tarnd_without_a_privilege_says_so_and_leaves_nothing(lab, capability, refusal):
+    *inside, tarnd = lab.tarnd_command()
+    done = subprocess.run([*inside, "setpriv", "--bounding-set", f"-{capability}", "--inh-caps", f"-{capability}",
+                           tarnd], env=lab.environment(), capture_output=True, text=True, check=False, timeout=20)
+    assert done.returncode == 1
+    assert done.stderr.endswith(refusal)
+    assert "tarnd_" not in lab.ruleset()
 
 
 def test_table_that_somebody_deletes_is_back_within_ten_seconds(lab):
