@@ -11,6 +11,7 @@
 #include <netlink/msg.h>
 #include <netlink/netlink.h>
 #include <netlink/socket.h>
+#include <sys/socket.h>
 
 #include "platform/base/guarded.h"
 
@@ -39,6 +40,13 @@ int pass_to_handler(nl_msg* answer, void* handler) {
     return NL_OK;
 }
 
+// When an answer cannot be received, for want of memory, it stays in the socket.
+void drop_unread_answers(const nl_sock* socket) {
+    char byte = 0;
+    while (recv(nl_socket_get_fd(socket), &byte, sizeof byte, MSG_DONTWAIT) >= 0) {
+    }
+}
+
 }  // namespace
 
 void NlMessageFree::operator()(nl_msg* message) const {
@@ -56,6 +64,7 @@ RtnlRequests::RtnlRequests() : socket_(open_rtnl_socket()) {
 // The kernel's errno is kept because the library's own error numbers are coarser.
 int RtnlRequests::send(nl_msg* request) const {
     nl_sock* const socket = socket_.get();
+    drop_unread_answers(socket);
     int refused = 0;
     nl_socket_modify_err_cb(socket, NL_CB_CUSTOM, keep_errno, &refused);
     int result = nl_send_auto(socket, request);

@@ -9,12 +9,14 @@
 
 #include <gtest/gtest.h>
 #include <net/if.h>
+#include <netlink/errno.h>
 #include <netlink/netlink.h>
 #include <sched.h>
 #include <unistd.h>
 
 #include "platform/base/clock.h"
 #include "platform/driver/linux/rtnl_link.h"
+#include "platform/driver/linux/rtnl_requests.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/test_platform.h"
 #include "tests/unit/driver/linux/recording_sink.h"
@@ -22,10 +24,16 @@
 // Runs once after the next acknowledgement, before the driver sees it.
 static std::function<void()> g_after_acknowledgement;
 
+// The library finds no memory for the next acknowledgement, which stays in the socket.
+static bool g_acknowledgement_finds_no_memory = false;
+
 // The linker puts this in place of nl_wait_for_ack.
 extern "C" {
 int __real_nl_wait_for_ack(nl_sock* socket);
 int __wrap_nl_wait_for_ack(nl_sock* socket) {
+    if (std::exchange(g_acknowledgement_finds_no_memory, false)) {
+        return -NLE_NOMEM;
+    }
     const int result = __real_nl_wait_for_ack(socket);
     if (const auto act = std::exchange(g_after_acknowledgement, nullptr)) {
         act();
@@ -91,6 +99,18 @@ struct RtnlSwitchTest : testing::Test {
     EventLoop loop{clock};
     test::RecordingSink sink;
 };
+
+TEST_F(RtnlSwitchTest, AnswerThatWasNotReadIsNotThatOfTheNextRequest) {
+    constexpr uint32_t kLoopback = 1, kNone = 12345;
+    const RtnlRequests requests;
+    g_acknowledgement_finds_no_memory = true;
+    EXPECT_EQ(requests.set_up(kLoopback, true), EIO);
+    EXPECT_EQ(requests.set_up(kNone, true), ENODEV);
+    EXPECT_EQ(requests.set_up(kLoopback, false), 0);
+    g_acknowledgement_finds_no_memory = true;
+    EXPECT_EQ(requests.set_up(kNone, true), EIO);
+    EXPECT_EQ(requests.read_link(kLoopback, [](nlmsghdr*) {}), 0);
+}
 
 TEST_F(RtnlSwitchTest, ReportsThePortsThatAreThereThenCompletes) {
     ip("link add br0 type bridge\n" + port_line("swp1") + port_line("swp2") +
