@@ -72,12 +72,12 @@ CutJournal& with(CutJournal& journal, const std::vector<uint32_t>& ports) {
 }  // namespace
 
 ServiceRig::ServiceRig(const std::vector<uint32_t>& left)
-    : master(qv_thread_master_create()),
+    : master(qv_thread_master_create(), qv_thread_master_finish),
       cuts(folder.file("cuts"), "boot"),
       guards(folder.file("guards"), "boot"),
       table(identity().source),
       prober(identity(), "br0", cuts, guards),
-      service(loop_of(master), prober, with(cuts, left), guards, table, board, Key{}) {
+      service(loop_of(master.get()), prober, with(cuts, left), guards, table, board, Key{}) {
     platform.run_ready();
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -15,7 +16,7 @@
 
 namespace qv::tarnd::test {
 
-// What the probing thread reports next, and the commands that it has got.
+// The next reports of the probing thread, and the commands that it has received.
 std::deque<Report>& reports();
 std::vector<Command>& commands();
 
@@ -32,7 +33,7 @@ struct ServiceRig {
 
     qv::test::TemporaryDirectory folder;
     qv::test::TestPlatform platform;
-    qv_thread_master* const master;
+    const std::unique_ptr<qv_thread_master, void (*)(qv_thread_master*)> master;
     CutJournal cuts;
     CutJournal guards;
     GuardTable table;
