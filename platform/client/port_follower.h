@@ -1,4 +1,4 @@
-// Tells a forwarding plane which of its ports have changed.
+// Reports to a forwarding plane which of its ports have changed.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// The probes that each port has seen, so that none counts twice.
+// Remembers the probes that each port has received, so that none counts twice.
 #pragma once
 
 #include <cstddef>
@@ -29,10 +29,10 @@ class Windows {
 
     Windows() : places_(kPlaces) {}
 
-    // kLate: older than the 64 latest, so that nobody knows whether it was seen before.
+    // kLate: older than the 64 latest; it may have been received before.
     enum class Verdict { kNew, kSeen, kLate };
 
-    // Whether the number is new in this flow; then it is remembered.
+    // Judges a sequence number of this flow and remembers a new one.
     Verdict judge(const Flow& flow, uint64_t sequence, Time now);
 
  private:

@@ -35,7 +35,7 @@ def talk(lab, seconds, at_a_time=PAIRS, turn=1):
             time.sleep(0.1)
         assert hosts.process.returncode == 0
     for port, count in zip(("swp1", "swp2"), before):
-        assert lab.received(port) - count > 2 * RATE * seconds, "the hosts had much to say"
+        assert lab.received(port) - count > 2 * RATE * seconds, "the hosts sent more than twice the storm rate"
     return seen
 
 

@@ -129,7 +129,7 @@ TEST_F(BridgeViewTest, MembersThatForwardAreProbed) {
     EXPECT_EQ(probed(), (Ports{11, 12}));
 }
 
-TEST_F(BridgeViewTest, ABlockedPortIsNot) {
+TEST_F(BridgeViewTest, ABlockedPortIsNotProbed) {
     take(port_message(12, BR_STATE_BLOCKING));
     EXPECT_EQ(probed(), Ports{11});
     take(port_message(12, BR_STATE_FORWARDING));
@@ -138,7 +138,7 @@ TEST_F(BridgeViewTest, ABlockedPortIsNot) {
     EXPECT_EQ(probed(), Ports{12});
 }
 
-TEST_F(BridgeViewTest, APortThatIsDownOrHasLeftIsNot) {
+TEST_F(BridgeViewTest, APortThatIsDownOrHasLeftIsNotProbed) {
     take(member_link(11, false, BR_STATE_FORWARDING));
     EXPECT_EQ(probed(), Ports{12});
     take(member_link(12, true, BR_STATE_FORWARDING, 77));
@@ -149,7 +149,7 @@ TEST_F(BridgeViewTest, APortThatIsDownOrHasLeftIsNot) {
     EXPECT_EQ(probed(), Ports{});
 }
 
-TEST_F(BridgeViewTest, APortThatAnotherDumpLacksHasGone) {
+TEST_F(BridgeViewTest, APortMissingFromANewDumpIsRemoved) {
     view.begin_dump();
     take(bridge_link("br0"));
     take(member_link(12, true, BR_STATE_FORWARDING));

@@ -181,7 +181,7 @@ TEST_F(ControlTest, ShowsOnePortWithItsLoop) {
               "\n");
 }
 
-TEST_F(ControlTest, TellsTheCounters) {
+TEST_F(ControlTest, ReportsTheCounters) {
     Client client(path);
     EXPECT_EQ(ask(client, R"({"do":"counters"})"),
               R"({"counters":{"sent":5,"not_sent":0,"returned":0,"loops_period":0,"loops_move":0,)"
@@ -193,7 +193,7 @@ TEST_F(ControlTest, TellsTheCounters) {
               "\n");
 }
 
-TEST_F(ControlTest, AWatcherIsToldOfEachEvent) {
+TEST_F(ControlTest, AWatcherReceivesEachEvent) {
     Client client(path);
     Client other(path);
     EXPECT_EQ(ask(client, R"({"do":"watch"})"), "{\"watching\":true}\n");
@@ -280,7 +280,7 @@ TEST_F(ControlTest, OneProbeOfAPortAtATimeAlsoWhenItsClientHasGone) {
     EXPECT_EQ(asked.size(), 2u);
 }
 
-TEST_F(ControlTest, RequestsThatAreNoneAreRefusedAndTheClientStays) {
+TEST_F(ControlTest, InvalidRequestsAreRefusedAndTheClientStays) {
     const std::string refusal =
         R"({"error":"the request has no \"do\" of \"show\", \"counters\", \"watch\" or \"probe\""})"
         "\n";
@@ -357,7 +357,7 @@ TEST_F(ControlTest, AWatcherThatDoesNotReadIsDropped) {
     EXPECT_FALSE(reading.is_closed());
 }
 
-TEST_F(ControlTest, AListThatIsNotReadIsNotMadeAheadAndItsClientDropped) {
+TEST_F(ControlTest, AnUnreadListIsNotBuiltAheadAndItsClientDropped) {
     for (uint32_t ifx = 4000000; ifx < 4010000; ++ifx) {
         add_port(ifx);
     }

@@ -43,7 +43,7 @@ TEST_F(FrameTest, FieldsAreWhereTheFormatSays) {
     EXPECT_EQ(std::vector<uint8_t>(frame.begin(), frame.begin() + 48), expected);
 }
 
-TEST_F(FrameTest, WhatWasSentIsRead) {
+TEST_F(FrameTest, ASentFrameIsDecoded) {
     EXPECT_EQ(decode(frame, key, read), FrameFault::kNone);
     EXPECT_EQ(read, kProbe);
 }

@@ -19,7 +19,7 @@ struct KernelLink {
     PortFlags flags;
 };
 
-// What becomes of a request, instead of an errno.
+// Outcomes of a request other than an errno.
 inline constexpr int kUnsent = -1;      // it does not reach the kernel
 inline constexpr int kUnanswered = -2;  // the kernel executes it, and its answer is lost
 

@@ -1,4 +1,4 @@
-// What the service says and keeps when the kernel or the packet filter refuses.
+// Messages and notes of the service when the kernel or the packet filter refuses.
 #include <cerrno>
 
 #include "tests/unit/tarnd/service_rig.h"
@@ -59,7 +59,7 @@ TEST(ServiceTrouble, CutThatCannotBeUndoneAtTheEndIsLeftToTheNextProcess) {
     EXPECT_EQ(rig.cuts.noted(), Ports{kPort});
 }
 
-TEST(ServiceTrouble, CutOfAnInterfaceThatIsGoneIsForgottenInSilence) {
+TEST(ServiceTrouble, CutOfAnInterfaceThatIsGoneIsForgottenSilently) {
     ServiceRig rig({kPort});
     rig.take_log();
     rig.platform.run_for(seconds(60));
@@ -68,7 +68,7 @@ TEST(ServiceTrouble, CutOfAnInterfaceThatIsGoneIsForgottenInSilence) {
     EXPECT_EQ(kernel().requests.size(), 2u);
 }
 
-TEST(ServiceTrouble, CutThatIsRefusedIsSaidAndNotUndone) {
+TEST(ServiceTrouble, CutThatIsRefusedIsReportedAndNotUndone) {
     for (const auto& [error, text] : kRefusals) {
         ServiceRig rig;
         kernel().links[kPort] = {};
@@ -93,7 +93,7 @@ TEST(ServiceTrouble, CutThatMayHaveBeenMadeIsUndone) {
     EXPECT_TRUE(kernel().links[kPort].up);
 }
 
-TEST(ServiceTrouble, PortThatCannotBeGuardedIsSaid) {
+TEST(ServiceTrouble, PortThatCannotBeGuardedIsReported) {
     ServiceRig rig;
     for (const auto& [error, text] : kRefusals) {
         rig.report({{.kind = Report::Kind::kGuard, .ifx = kPort, .error = error, .closed = true}});
@@ -103,7 +103,7 @@ TEST(ServiceTrouble, PortThatCannotBeGuardedIsSaid) {
     }
 }
 
-TEST(ServiceTrouble, PortThatCannotBeOpenedIsSaidOnceForEachReason) {
+TEST(ServiceTrouble, PortThatCannotBeOpenedIsReportedOnceForEachReason) {
     ServiceRig rig;
     const auto opened = [&](int error) {
         rig.report({{.kind = Report::Kind::kGuard, .ifx = kPort, .error = error}});
@@ -120,7 +120,7 @@ TEST(ServiceTrouble, PortThatCannotBeOpenedIsSaidOnceForEachReason) {
     EXPECT_EQ(opened(EPERM), refused);
 }
 
-TEST(ServiceTrouble, PortThatCannotBeOpenedAtTheEndIsSaidAndStaysNoted) {
+TEST(ServiceTrouble, PortThatCannotBeOpenedAtTheEndIsReportedAndStaysNoted) {
     ServiceRig rig;
     kernel().links[kPort].flags = kClosed;
     kernel().links[kPort + 1].flags = kClosed;
