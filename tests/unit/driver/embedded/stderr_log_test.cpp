@@ -169,7 +169,7 @@ TEST(StderrLogThatNobodyReads, OnASocketLosesLinesAndCountsThem) {
 TEST(StderrLogThatNobodyReads, OnATerminalLosesLinesAndCountsThem) {
     Ends terminal;
     if (!terminal.make_terminal()) {
-        GTEST_SKIP() << "no terminals here";
+        GTEST_SKIP() << "this machine gives no pseudo-terminal";
     }
     const StandardError redirected(terminal.in);
     expect_losses_to_be_counted(terminal.out);
