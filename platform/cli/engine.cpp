@@ -254,12 +254,15 @@ void run_filtered(SessionState& session, std::string_view line, Completion* answ
 
 // Returns nothing for a line that could not be executed either.
 std::vector<Hint> safe_hints(SessionState& session, std::string_view line) {
+    if (line.size() > kMaxLineBytes || has_control_byte(line)) {
+        return {};
+    }
     if (std::optional<std::vector<Hint>> hints = filter_hints(line)) {
         return std::move(*hints);
     }
     std::string unused;
     const RunningScope scope(session, unused);
-    if (line.size() > kMaxLineBytes || has_control_byte(line) || !session_ports_exist(session)) {
+    if (!session_ports_exist(session)) {
         return {};
     }
     std::vector<Hint> hints = hints_for(session, line);

@@ -184,13 +184,16 @@ std::optional<std::vector<Hint>> filter_hints(std::string_view line) {
     const std::string_view text = line.substr(bar + 1);
     const std::string_view word = first_word(text);
     const std::string_view rest = rest_after(text, word);
+    // A completion continues the last word, and "|in" is one word.
+    const bool apart = !text.empty() && kBlanks.find(text.front()) != std::string_view::npos;
+    const std::string_view joined = apart ? "" : "|";
     std::vector<Hint> hints;
     for (const Name& name : kNames) {
         if (!name.word.starts_with(word)) {
             continue;
         }
         if (rest.empty()) {
-            hints.push_back({std::string(name.word), name.help, true});
+            hints.push_back({std::string(joined).append(name.word), name.help, true});
         } else if (!name.has_pattern) {
             hints.push_back({"<cr>", "", false});
         } else if (trimmed(rest).empty()) {

@@ -141,8 +141,12 @@ TEST_F(OutputFilter, TabAndHelpNameTheFilters) {
     using qv::cli::completions;
     using qv::cli::help_text;
     EXPECT_EQ(completions(rig.session, "show fruit | "), "begin\ncount\nexclude\ninclude\njson\n");
-    EXPECT_EQ(completions(rig.session, "show fruit |in"), "include\n");
+    EXPECT_EQ(completions(rig.session, "show fruit |"),
+              "|begin\n|count\n|exclude\n|include\n|json\n");
+    EXPECT_EQ(completions(rig.session, "show fruit |in"), "|include\n");
+    EXPECT_EQ(completions(rig.session, "show fruit |\tin"), "include\n");
     EXPECT_EQ(completions(rig.session, "show fruit | include "), "");
+    EXPECT_EQ(completions(rig.session, "show fruit |\nin"), "");
     EXPECT_EQ(help_text(rig.session, "show fruit "),
               "  <cr>\n  |                       Filter the output\n");
     EXPECT_EQ(help_text(rig.session, "show fruit | c"),
