@@ -27,7 +27,8 @@ using Bytes = std::vector<uint8_t>;
 
 class Switch final : public ProberOutputs {
  public:
-    Switch() : prober_(identity(), *this) {
+    explicit Switch(std::span<const uint8_t> input)
+        : identity_(identity(input)), prober_(identity_, *this) {
         prober_.configure({.enabled = true}, now_);
         const auto vlans =
             std::make_shared<const std::vector<uint16_t>>(std::vector<uint16_t>{7, 9});
@@ -80,10 +81,13 @@ class Switch final : public ProberOutputs {
     }
 
  private:
-    static Prober::Identity identity() {
+    // Every input has a key of its own: the fuzzer learns the frames of one run and replays them in
+    // the next, where they must prove nothing.
+    static Prober::Identity identity(std::span<const uint8_t> input) {
         Prober::Identity made{
             .bridge = 77, .source = {2, 0, 0, 0, 0, 1}, .key = {}, .first_sequence = 1000};
-        made.key.fill(9);
+        crypto_generichash(made.key.data(), made.key.size(), input.data(), input.size(), nullptr,
+                           0);
         return made;
     }
 
@@ -104,7 +108,7 @@ class Switch final : public ProberOutputs {
             return std::equal(one.begin(), one.end(), frame.begin(), frame.end());
         });
         Probe probe;
-        const bool decoded = decode(frame, identity().key, probe) == FrameFault::kNone;
+        const bool decoded = decode(frame, identity_.key, probe) == FrameFault::kNone;
         fuzz::require(decoded == genuine_, "a frame is accepted if it was sent, and only then");
         prober_.received(ifx, frame, now_, vid);
         prober_.run(now_);
@@ -114,6 +118,7 @@ class Switch final : public ProberOutputs {
     Time now_{std::chrono::seconds(100)};
     std::vector<Bytes> sent_;
     bool genuine_ = false;
+    const Prober::Identity identity_;
     Prober prober_;
 };
 
@@ -122,8 +127,8 @@ class Switch final : public ProberOutputs {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const bool ready = sodium_init() >= 0;
     fuzz::require(ready, "libsodium starts");
-    Switch bridge;
     std::span<const uint8_t> input(data, size);
+    Switch bridge(input);
     while (input.size() >= 3) {
         const size_t length = std::min<size_t>(input[2], input.size() - 3);
         bridge.step(input[0], 1 + input[1] % kPorts, input.subspan(3, length));
