@@ -26,10 +26,6 @@ constexpr size_t kDatagramsPerTurn = 32;
 constexpr int kPriority = 1;
 constexpr rlim_t kLongestTurn_us = 500000;  // without a pause; then the kernel ends the process
 constexpr std::chrono::milliseconds kRetryPause{100};
-constexpr std::chrono::seconds kLongestWait{10};
-// For this long after a probe has returned or an address has moved every listener wakes for what is
-// planned.
-constexpr std::chrono::seconds kAlert{1};
 
 timespec timespec_of(Duration time) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
@@ -173,7 +169,6 @@ bool ProbeThread::report(const Report& report) {
     return taken;
 }
 
-// One listener keeps time; the others sleep until something happens.
 void ProbeThread::run(bool keeps_time) {
     pthread_setname_np(pthread_self(), "tarnd_probe");
     Time busy_since = now();
@@ -201,10 +196,8 @@ ProbeThread::Wait ProbeThread::take_turn(bool keeps_time, const Ready& ready) {
     }
     const Time begin = now();
     prober_.run(begin);
-    Wait plan{.until = begin + kLongestWait, .addresses = begin >= addresses_from_};
-    if (keeps_time || begin < alert_until_) {
-        plan.until = std::min(plan.until, prober_.next());
-    }
+    Wait plan{.until = timekeeping_.wake_up(keeps_time, begin, prober_.next()),
+              .addresses = begin >= addresses_from_};
     if (!plan.addresses) {
         plan.until = std::min(plan.until, addresses_from_);
     }
@@ -268,7 +261,7 @@ void ProbeThread::take_frames() {
                      });
     // Probes of other switches arrive all the time and call for nothing.
     if (prober_.counted(Counted::kReturned) != before) {
-        alert_until_ = now() + kAlert;
+        timekeeping_.alert(now());
     }
 }
 
@@ -331,7 +324,7 @@ void ProbeThread::take_addresses() {
     }
     if (any || !complete) {
         addresses_from_ = begin + kAddressPause;
-        alert_until_ = begin + kAlert;
+        timekeeping_.alert(begin);
     }
 }
 

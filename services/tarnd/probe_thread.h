@@ -24,6 +24,7 @@
 #include "services/tarnd/prober.h"
 #include "services/tarnd/ring.h"
 #include "services/tarnd/sockets.h"
+#include "services/tarnd/timekeeping.h"
 
 namespace qv::tarnd {
 
@@ -123,7 +124,7 @@ class ProbeThread final : private ProberOutputs {
     uint32_t dump_sequence_ = 0;
     Time dump_from_{};  // not before
     Time addresses_from_{};
-    Time alert_until_{};
+    Timekeeping timekeeping_;
     std::vector<std::thread> listeners_;
 };
 
