@@ -9,8 +9,8 @@ namespace qv::tarnd {
 namespace {
 
 // Ports take turns within the interval, and several ports share a turn: a wake-up of an idle
-// processor costs as much as eight probes.
-constexpr int kTurns = 16;
+// processor costs as much as five probes, and 48 ports have six in a turn.
+constexpr int kTurns = 8;
 constexpr std::chrono::milliseconds kReportPause{10};
 
 }  // namespace
