@@ -16,6 +16,18 @@
 
 namespace qv::tarnd {
 
+namespace {
+
+uint64_t content_of(const CutJournal::Note& note) {
+    return uint64_t{note.value} << 32 | note.ifx;
+}
+
+CutJournal::Note note_of(uint64_t content) {
+    return {.ifx = static_cast<uint32_t>(content), .value = static_cast<uint32_t>(content >> 32)};
+}
+
+}  // namespace
+
 struct CutJournal::Content {
     std::array<char, 64> boot;
     std::array<uint64_t, kSlots> slots;  // value and interface index, 0 for a free slot
@@ -45,29 +57,57 @@ CutJournal::~CutJournal() {
 }
 
 bool CutJournal::note(uint32_t ifx, uint32_t value) {
-    for (uint64_t& slot : content_->slots) {
-        if (static_cast<uint32_t>(std::atomic_ref<uint64_t>(slot).load()) == ifx) {
-            return true;
-        }
+    if (find(ifx)) {
+        return true;
     }
     for (uint64_t& slot : content_->slots) {
         uint64_t expected = 0;
         std::atomic_ref<uint64_t> place(slot);
-        if (place.compare_exchange_strong(expected, uint64_t{value} << 32 | ifx)) {
+        if (place.compare_exchange_strong(expected, content_of({ifx, value}))) {
             return true;
         }
     }
     return false;
 }
 
-void CutJournal::clear(uint32_t ifx) {
-    for (uint64_t& slot : content_->slots) {
-        std::atomic_ref<uint64_t> place(slot);
-        uint64_t noted = place.load();
-        if (static_cast<uint32_t>(noted) == ifx) {
-            place.compare_exchange_strong(noted, 0);
+bool CutJournal::renew(uint32_t ifx) {
+    for (auto present = find(ifx); present; present = find(ifx)) {
+        if (replace(*present, content_of({ifx, present->value + 1}))) {
+            return true;
         }
     }
+    return note(ifx);
+}
+
+std::optional<CutJournal::Note> CutJournal::find(uint32_t ifx) const {
+    for (uint64_t& slot : content_->slots) {
+        const Note note = note_of(std::atomic_ref<uint64_t>(slot).load());
+        if (note.ifx == ifx) {
+            return note;
+        }
+    }
+    return std::nullopt;
+}
+
+void CutJournal::clear(uint32_t ifx) {
+    while (const auto present = find(ifx)) {
+        clear(*present);
+    }
+}
+
+void CutJournal::clear(const Note& note) {
+    replace(note, 0);
+}
+
+// False when the note is not there.
+bool CutJournal::replace(const Note& note, uint64_t by) {
+    for (uint64_t& slot : content_->slots) {
+        uint64_t expected = content_of(note);
+        if (std::atomic_ref<uint64_t>(slot).compare_exchange_strong(expected, by)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::vector<uint32_t> CutJournal::noted() const {
@@ -81,8 +121,8 @@ std::vector<uint32_t> CutJournal::noted() const {
 std::vector<CutJournal::Note> CutJournal::notes() const {
     std::vector<Note> found;
     for (uint64_t& slot : content_->slots) {
-        if (const uint64_t note = std::atomic_ref<uint64_t>(slot).load()) {
-            found.push_back({static_cast<uint32_t>(note), static_cast<uint32_t>(note >> 32)});
+        if (const uint64_t content = std::atomic_ref<uint64_t>(slot).load()) {
+            found.push_back(note_of(content));
         }
     }
     return found;

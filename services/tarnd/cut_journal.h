@@ -7,6 +7,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -33,13 +34,21 @@ class CutJournal {
     // Notes the port; an older note stays as it is. False when no slot is free. One thread at a
     // time for each port; never waits.
     bool note(uint32_t ifx, uint32_t value = 0);
+    // The same, but an older note gets a new value.
+    bool renew(uint32_t ifx);
+    std::optional<Note> find(uint32_t ifx) const;
     // Removes the note, if there is one. Any thread.
     void clear(uint32_t ifx);
+    // Removes this note unless it was renewed meanwhile. Any thread.
+    void clear(const Note& note);
     std::vector<uint32_t> noted() const;
     std::vector<Note> notes() const;
 
  private:
     struct Content;
+
+    bool replace(const Note& note, uint64_t by);
+
     Content* content_ = nullptr;
 };
 

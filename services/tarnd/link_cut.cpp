@@ -10,7 +10,7 @@ namespace qv::tarnd {
 // and the frames of a loop behind the port would go on until then. The kernel refuses to block it
 // while its own spanning tree runs.
 int LinkCut::cut(uint32_t ifx, bool single) {
-    if (!journal_.note(ifx)) {
+    if (!journal_.renew(ifx)) {
         return ENOSPC;
     }
     const int blocked = single ? control_.set_state(ifx, BR_STATE_DISABLED) : EPERM;
@@ -25,13 +25,15 @@ int LinkCut::cut(uint32_t ifx, bool single) {
 }
 
 // Only a link that comes up enables a bridge port that was blocked, so an unfinished cut is
-// completed first.
+// completed first. A port that is still looped is cut again as soon as it is up, and that cut keeps
+// its note.
 int LinkCut::give_back(uint32_t ifx) {
+    const auto note = journal_.find(ifx);
     const int down = control_.set_up(ifx, false);
     const int up = control_.set_up(ifx, true);
     const int error = up != 0 ? up : down;
-    if (error == 0 || error == ENODEV) {
-        journal_.clear(ifx);
+    if (note && (error == 0 || error == ENODEV)) {
+        journal_.clear(*note);
     }
     return error;
 }

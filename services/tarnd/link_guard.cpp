@@ -1,6 +1,5 @@
 #include "services/tarnd/link_guard.h"
 
-#include <algorithm>
 #include <cerrno>
 
 namespace qv::tarnd {
@@ -22,10 +21,8 @@ int LinkGuard::close(uint32_t ifx) {
 
 // A port that has left its bridge has lost its flags with it.
 int LinkGuard::open(uint32_t ifx) {
-    const auto notes = journal_.notes();
-    const auto note =
-        std::find_if(notes.begin(), notes.end(), [ifx](auto& entry) { return entry.ifx == ifx; });
-    if (note == notes.end()) {
+    const auto note = journal_.find(ifx);
+    if (!note) {
         return 0;
     }
     PortFlags present;

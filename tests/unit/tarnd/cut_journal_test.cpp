@@ -57,6 +57,19 @@ TEST_F(CutJournalTest, NotesOutliveTheProcess) {
     EXPECT_EQ(status.st_mode & 0777u, 0600u);
 }
 
+TEST_F(CutJournalTest, RenewedNoteOutlivesTheRemovalOfTheOlderOne) {
+    CutJournal journal(path(), "boot");
+    EXPECT_FALSE(journal.find(7));
+    EXPECT_TRUE(journal.renew(7));
+    const auto older = journal.find(7);
+    ASSERT_TRUE(older);
+    EXPECT_TRUE(journal.renew(7));
+    journal.clear(*older);
+    EXPECT_EQ(journal.noted(), Ports{7});
+    journal.clear(7);
+    EXPECT_EQ(journal.noted(), Ports{});
+}
+
 TEST_F(CutJournalTest, NotesOfAnotherBootAreDropped) {
     CutJournal(path(), "boot").note(7);
     EXPECT_EQ(CutJournal(path(), "next boot").noted(), Ports{});

@@ -167,6 +167,11 @@ int __wrap_nl_send_auto(nl_sock* socket, nl_msg* message) {
         return -NLE_NOMEM;
     }
     serve(request, scripted);
+    if (kernel().meanwhile && name_of(request) == "up ") {
+        const std::string own = std::exchange(answer(), {});
+        std::exchange(kernel().meanwhile, nullptr)();
+        answer() = own;
+    }
     return static_cast<int>(request->nlmsg_len);
 }
 

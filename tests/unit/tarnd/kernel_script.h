@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -26,6 +27,7 @@ inline constexpr int kUnanswered = -2;  // the kernel executes it, and its answe
 struct KernelScript {
     std::map<uint32_t, KernelLink> links;
     std::deque<int> answers;            // to the next requests; 0 or none left: executed
+    std::function<void()> meanwhile;    // called once, after the next request "up" was executed
     std::vector<std::string> requests;  // "up 7", "down 7", "block 7", "flags 7", "read 7"
 };
 // One for each process.
