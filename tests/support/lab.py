@@ -161,12 +161,13 @@ class Lab:
 
     # ---- redis ----
 
-    def start_redis(self):
+    def start_redis(self, wait=True):
         self.redis_server = subprocess.Popen(
             ["redis-server", "--port", "0", "--unixsocket", str(self.redis_socket), "--databases", "32",
              "--save", "", "--appendonly", "yes", "--dir", str(self.folder)],
             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
-        wait_for(self._redis_answers, 10, "redis-server answers")
+        if wait:
+            wait_for(self._redis_answers, 10, "redis-server answers")
 
     def _redis_answers(self):
         try:

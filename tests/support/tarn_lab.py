@@ -69,9 +69,10 @@ class TarnLab(StormLab):
     def environment(self):
         return {**os.environ, "LDA_PLATFORM": str(self.platform_file)}
 
-    def start_tarnd(self):
+    def start_tarnd(self, wait=True):
         self.tarnd = subprocess.Popen(self.tarnd_command(), env=self.environment(), stdin=subprocess.DEVNULL)
-        wait_for(lambda: "tarnd_" in self.ruleset(), 20, "tarnd runs")
+        if wait:
+            wait_for(lambda: "tarnd_" in self.ruleset(), 20, "tarnd runs")
 
     def end_tarnd(self, how=signal.SIGTERM):
         if self.tarnd:

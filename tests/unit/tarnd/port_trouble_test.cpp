@@ -103,7 +103,9 @@ TEST_F(PortTrouble, CutThatIsMadeWhileThePortIsGivenBackStaysNoted) {
     PortControl probing_thread;
     LinkCut again{probing_thread, cuts};
     EXPECT_EQ(cut.cut(7, false), 0);
-    kernel().meanwhile = [&] { EXPECT_EQ(again.cut(7, false), 0); };
+    kernel().meanwhile = [&] {
+        EXPECT_EQ(again.cut(7, false), 0);
+    };
     EXPECT_EQ(cut.give_back(7), 0);
     EXPECT_EQ(take_requests(), (Lines{"down 7", "down 7", "up 7", "down 7"}));
     EXPECT_FALSE(link().up);
