@@ -12,7 +12,9 @@
 // loop, so that urgent work, such as the shutdown of a port, goes first and several writes share a
 // system call. Scans and checks send the waiting writes first, so requests keep their order. A
 // write leaves `unconfirmed_` with its reply. After a loss the rest is sent again, except for
-// set_missing(), which the listener repeats itself when the session is up.
+// set_missing(), which the listener repeats itself when the session is up. A server without memory
+// or disk space refuses to set or delete a record; such a write stays, and is sent again until it
+// is taken or a later one makes it pointless.
 //
 // Databases. Redis has one selected database per connection. `selected_` follows what the command
 // connection will have selected when everything queued so far is executed; use() queues a SELECT
@@ -21,6 +23,8 @@
 // A server that is emptied while it runs announces nothing. So check_records() asks it regularly
 // for some of the keys that this process has set, as long as there are any.
 #include "platform/driver/linux/redis_store.h"
+
+#include <fnmatch.h>
 
 #include <algorithm>
 #include <chrono>
@@ -47,7 +51,7 @@ constexpr Duration kLongestBackoff = 5s;
 constexpr size_t kUnconfirmedLimit_bytes = size_t{8} << 20;
 
 // Period of the check whether the server still has the records of this process, and of repeating
-// refused subscriptions.
+// refused writes and subscriptions.
 constexpr Duration kCheckPeriod = 5s;
 
 // A session that is shorter counts as a failed attempt: the pause before the next one grows.
@@ -106,6 +110,8 @@ class RedisClient final : public StoreClient {
         std::string notice;
         std::string error;  // the first one in its transaction
     };
+    // Whether the older write is pointless because of the newer one.
+    static bool supersedes(const Write& newer, const Write& older);
     static size_t size_of(const Write& write) {
         return sizeof write + write.key.size() + write.notice.size();
     }
@@ -130,6 +136,9 @@ class RedisClient final : public StoreClient {
     void note_error(uint64_t number, const RedisReply& reply);
     void written(uint64_t number, const RedisReply& reply);
     void forget(uint64_t number);
+    bool superseded(uint64_t number) const;
+    void forget_superseded_by(const Write& write);
+    void repeat_refused();
     void request_topic(const std::string& channel, uint64_t subscription);
     void confirmed(const std::string& channel, uint64_t subscription, const RedisReply& reply);
     void topic_refused(const std::string& channel, uint64_t subscription, const std::string& error);
@@ -155,6 +164,7 @@ class RedisClient final : public StoreClient {
     std::set<std::string> refused_logged_;     // channels; until they are confirmed
     std::map<uint64_t, Scan> scans_;           // of this connection
     std::vector<uint64_t> waiting_;            // unconfirmed writes that are not sent yet
+    std::set<uint64_t> refused_writes_;        // unconfirmed writes to send again
     uint64_t writes_ = 0;
     size_t unconfirmed_bytes_ = 0;
     size_t unconfirmed_limit_bytes_ = kUnconfirmedLimit_bytes;  // of this connection
@@ -169,6 +179,7 @@ class RedisClient final : public StoreClient {
     bool check_refused_ = false;  // logged; by this connection
     EventLoop::Handle check_;
     EventLoop::Handle resubscribe_;  // for the refused subscriptions
+    EventLoop::Handle rewrite_;      // for the refused writes
     EventLoop::Handle retry_;
     EventLoop::Handle failing_;
     EventLoop::Handle sending_;
@@ -271,6 +282,8 @@ void RedisClient::lose(const std::string& reason) {
     resubscribe_.reset();
     scans_.clear();
     waiting_.clear();  // sent again with the others
+    refused_writes_.clear();
+    rewrite_.reset();
     check_.reset();
     check_refused_ = false;
     // The listener repeats these when the session is up again.
@@ -346,6 +359,7 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
             .first->second;
     unconfirmed_bytes_ += size_of(kept);
     waiting_.push_back(number);
+    forget_superseded_by(kept);
     if (kind == Kind::kSet || kind == Kind::kSetMissing) {
         arm_check();
     }
@@ -426,12 +440,61 @@ void RedisClient::written(uint64_t number, const RedisReply& reply) {
                     write.error.c_str());
     }
     write_refused_ = !write.error.empty();
-    forget(number);
+    const bool repeatable = write.kind == Kind::kSet || write.kind == Kind::kErase;
+    if (!write_refused_ || !repeatable || superseded(number)) {
+        forget(number);
+        return;
+    }
+    write.error.clear();
+    refused_writes_.insert(number);
+    if (!rewrite_) {
+        rewrite_ = loop_.after(kCheckPeriod, [this] { repeat_refused(); });
+    }
 }
 
 void RedisClient::forget(uint64_t number) {
     unconfirmed_bytes_ -= size_of(unconfirmed_.at(number));
     unconfirmed_.erase(number);
+}
+
+bool RedisClient::supersedes(const Write& newer, const Write& older) {
+    switch (newer.kind) {
+        case Kind::kSet:
+        case Kind::kErase:
+            return newer.db == older.db && newer.key == older.key;
+        case Kind::kEraseMatching:
+            return newer.db == older.db && fnmatch(newer.key.c_str(), older.key.c_str(), 0) == 0;
+        case Kind::kSetMissing:
+        case Kind::kPublish:
+            break;
+    }
+    return false;
+}
+
+// Replies arrive in the order of the writes, so a later write is still unconfirmed.
+bool RedisClient::superseded(uint64_t number) const {
+    const Write& write = unconfirmed_.at(number);
+    return std::any_of(unconfirmed_.upper_bound(number), unconfirmed_.end(),
+                       [&](const auto& later) { return supersedes(later.second, write); });
+}
+
+void RedisClient::forget_superseded_by(const Write& write) {
+    for (auto refused = refused_writes_.begin(); refused != refused_writes_.end();) {
+        const bool pointless = supersedes(write, unconfirmed_.at(*refused));
+        if (pointless) {
+            forget(*refused);
+        }
+        refused = pointless ? refused_writes_.erase(refused) : std::next(refused);
+    }
+}
+
+void RedisClient::repeat_refused() {
+    if (failing_) {
+        return;  // everything unconfirmed is sent again in the next session
+    }
+    for (const uint64_t number : std::exchange(refused_writes_, {})) {
+        send(number, unconfirmed_.at(number));
+    }
 }
 
 bool RedisClient::set(uint32_t db, std::string_view type, std::string_view key, Bytes record) {

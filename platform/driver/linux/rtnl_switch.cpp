@@ -123,7 +123,9 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
 
     // Updates the ports after an acknowledged change. When its notification cannot be read now (it
     // was lost, or this is called from inside a report), asks the kernel. Returns an empty text
-    // when the port has the new state or was deleted, else the reason.
+    // when the port has the new state or was deleted, else the reason. A port that tarnd cuts as
+    // soon as it is up has been brought up: the switch does not shut it any more, and tarnd gives
+    // it back.
     std::string take_over(uint32_t ifx, bool up) {
         monitor_.catch_up();
         const Port* const port = find(ifx);
@@ -135,6 +137,12 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
             requests_.read_link(ifx, [&](nlmsghdr* answer) { link = parse_link(answer); });
         const bool is_up = error == 0 && link ? link->admin_up : up;
         ports_->set_admin(ifx, is_up);
+        if (up && !is_up) {
+            log_message(kLogWarning, "PORT", "SHUT",
+                        "%s was brought up, and another program has shut it at once.",
+                        find(ifx) != nullptr ? find(ifx)->name.c_str() : "A port");
+            return "";
+        }
         return is_up == up ? "" : "another program has changed it back";
     }
 

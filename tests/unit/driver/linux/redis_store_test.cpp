@@ -261,6 +261,75 @@ TEST_P(RedisOnly, RefusedSetIsRepeatedOnceTheServerHasRoom) {
     EXPECT_TRUE(world->run_until([&] { return world->keys(4).size() == 1; }));
 }
 
+// With `most` bytes of memory, 0 for no limit, the server refuses to set records.
+void limit_memory(qv::test::RedisServer& server, const char* most) {
+    server.run(4, {"CONFIG", "SET", "maxmemory", most});
+}
+
+TEST_P(RedisOnly, RefusedChangeIsRepeatedOnceTheServerHasRoom) {
+    open(4);
+    const std::string key = "p_app.lda_loop_entry/name=swp1";
+    ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), 0);
+    settle();
+    limit_memory(server(), "1");
+    ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 2, true).record(), 0, 0), 0);
+    ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 3, true).record(), 0, 0), 0);
+    EXPECT_TRUE(world->run_until([&] { return platform.log.lines().size() == 1; }));
+    clock.skip(kCheckPeriod);
+    settle();
+    EXPECT_EQ(world->get(4, key), Lines{LoopEntry("swp1", 1, true).packed()});
+    limit_memory(server(), "0");
+    clock.skip(kCheckPeriod);
+    EXPECT_TRUE(world->run_until(
+        [&] { return world->get(4, key) == Lines{LoopEntry("swp1", 3, true).packed()}; }));
+}
+
+TEST_P(RedisOnly, RefusedDeletionIsRepeatedOnceItIsAllowed) {
+    open(4);
+    ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), 0);
+    settle();
+    server().run(4, {"ACL", "SETUSER", "default", "-del"});
+    ASSERT_EQ(qv_mom_del(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), 0);
+    EXPECT_TRUE(world->run_until([&] { return platform.log.lines().size() == 1; }));
+    server().run(4, {"ACL", "SETUSER", "default", "+del"});
+    EXPECT_EQ(world->keys(4).size(), 1U);
+    clock.skip(kCheckPeriod);
+    EXPECT_TRUE(world->run_until([&] { return world->keys(4).empty(); }));
+}
+
+TEST_P(RedisOnly, RefusedWriteIsNotRepeatedAfterALaterOneOfTheRecord) {
+    open(4);
+    const std::string key = "p_app.lda_loop_entry/name=swp1";
+    const std::function<void()> later[] = {
+        [&] { qv_mom_set(client, 4, LoopEntry("swp1", 3, true).record(), 0, 0); },
+        [&] { qv_mom_del(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0); },
+        [&] { qv_mom_pdel(client, 4, LoopEntry("", 1, true).record(), 0, 0, 0); },
+    };
+    const Lines results[] = {Lines{LoopEntry("swp1", 3, true).packed()}, Lines{}, Lines{}};
+    for (const bool at_once : {true, false}) {
+        for (size_t n = 0; n < std::size(later); ++n) {
+            if (at_once && n == 0) {
+                continue;  // both sets are refused
+            }
+            const size_t logged = platform.log.lines().size();
+            limit_memory(server(), "1");
+            ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 2, true).record(), 0, 0), 0);
+            if (at_once) {
+                later[n]();
+            }
+            EXPECT_TRUE(world->run_until([&] { return platform.log.lines().size() > logged; }));
+            limit_memory(server(), "0");
+            if (!at_once) {
+                later[n]();
+            }
+            settle();
+            clock.skip(kCheckPeriod);
+            settle();
+            EXPECT_EQ(world->get(4, key), results[n]) << n << at_once;
+        }
+    }
+}
+
 // Adds an unknown field of `size` bytes, which unpacking keeps and nobody reads.
 std::string packed_with_filler(uint32_t ifx, size_t size) {
     std::string packed = LoopInfo(ifx, 1, 1, 1).packed() + "\x7a";

@@ -312,6 +312,22 @@ TEST_F(RtnlSwitchTest, StateRevertedByAnotherProgramIsNotASuccess) {
               Lines{"PORT-3-ADMIN: swp1 cannot be shut: another program has changed it back."});
 }
 
+TEST_F(RtnlSwitchTest, PortThatAnotherProgramShutsAtOnceWasBroughtUp) {
+    ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp1"));
+    RtnlSwitch driver(loop, "br0");
+    driver.start(sink);
+    ASSERT_TRUE(wait_for_up("swp1"));
+    const uint32_t ifx = sink.find("swp1")->ifx;
+    EXPECT_EQ(driver.set_admin(ifx, false), "");
+    g_after_acknowledgement = [] {
+        ip("link set swp1 down\n");
+    };
+    EXPECT_EQ(driver.set_admin(ifx, true), "");
+    EXPECT_FALSE(sink.find("swp1")->admin_up);
+    EXPECT_EQ(platform.log.lines(),
+              Lines{"PORT-4-SHUT: swp1 was brought up, and another program has shut it at once."});
+}
+
 TEST_F(RtnlSwitchTest, RefusedAdminStateIsLoggedOnceWithItsReasonAndOnceWhenItWorksAgain) {
     ip("link add br0 type bridge\nlink set br0 up\n" + port_line("swp3"));
     RtnlSwitch driver(loop, "br0");
