@@ -10,13 +10,21 @@ bool OwnRecords::contains(uint32_t db, const std::string& key) const {
     return records_.contains({db, key});
 }
 
+void OwnRecords::on_added(AddedCallback callback) {
+    added_ = std::move(callback);
+}
+
 void OwnRecords::on_erased(ErasedCallback callback) {
     erased_ = std::move(callback);
 }
 
 void OwnRecords::set(const qv_mom_client* owner, uint32_t db, const std::string& key,
                      std::vector<uint8_t> packed) {
-    records_[{db, key}] = {owner, std::move(packed)};
+    const auto [record, added] =
+        records_.insert_or_assign(Id(db, key), Record{owner, std::move(packed)});
+    if (added && added_) {
+        added_(db, key, record->second.packed);
+    }
 }
 
 void OwnRecords::for_each(const qv_mom_client* owner, const Visitor& visit) const {

@@ -21,11 +21,16 @@ namespace qv {
 
 class OwnRecords {
  public:
+    using AddedCallback = std::function<void(uint32_t db, const std::string& key,
+                                             const std::vector<uint8_t>& packed)>;
     using ErasedCallback = std::function<void(uint32_t db, const std::string& key)>;
 
     // `key` is the key text of docs/object-database.md, "p_app.lda_loop_entry/name=swp3".
     bool contains(uint32_t db, const std::string& key) const;
 
+    // Runs `callback` inside the call that sets a record which was not in the list. It must not
+    // change the list. There is one callback: a later one replaces it, null removes it.
+    void on_added(AddedCallback callback);
     // Runs `callback` from the loop, once for each record that this process deletes, by
     // qv_mom_pdel() too. The record may have been set again by then; contains() tells. There is one
     // callback: a later one replaces it, null removes it.
@@ -58,6 +63,7 @@ class OwnRecords {
     Records::iterator erase(Records::iterator record);
 
     Records records_;
+    AddedCallback added_;
     ErasedCallback erased_;
 };
 

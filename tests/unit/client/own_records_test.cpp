@@ -52,6 +52,24 @@ TEST_F(OwnRecords, RecordIsThereFromSetToDelete) {
     EXPECT_FALSE(own.contains(4, "p_app.lda_loop_entry/name=swp3"));
 }
 
+TEST_F(OwnRecords, RecordIsReportedInsideTheCallThatAddsIt) {
+    Lines added;
+    own.on_added([&](uint32_t db, const std::string& key, const std::vector<uint8_t>& packed) {
+        added.push_back(std::to_string(db) + " " + key + " " + std::to_string(packed.size()));
+    });
+    set("swp3");
+    // Tags and lengths of the index and of its name, the name, then two fields of two bytes.
+    EXPECT_EQ(added, Lines{"4 p_app.lda_loop_entry/name=swp3 12"});
+    set("swp3");
+    EXPECT_EQ(added.size(), 1U) << "it was there";
+    del("swp3");
+    set("swp3");
+    EXPECT_EQ(added.size(), 2U);
+    own.on_added(nullptr);
+    set("swp4");
+    EXPECT_EQ(added.size(), 2U);
+}
+
 TEST_F(OwnRecords, DeleteIsReportedThroughTheLoopOnce) {
     set("swp3");
     set("swp4");
