@@ -9,8 +9,10 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/guarded.h"
 #include "platform/base/supervisor.h"
 #include "platform/cli/config_replay.h"
+#include "platform/cli/held_ports.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/cli/timed_return.h"
@@ -44,6 +46,18 @@ void merge(std::vector<ConfigSection>& sections, const std::vector<JournalRecord
         const bool global = record.section.port.empty();
         sections.insert(global ? sections.begin() : sections.end(), record.section);
     }
+}
+
+// A program's line has been executed on a port. `reason` is empty when it was carried out. Without
+// memory the line is forgotten: its result must not depend on that.
+void note_program_line(const Port& before, bool up, const std::string& reason) {
+    guarded([&] {
+        if (!reason.empty()) {
+            held_ports().refused(before.name, up, reason);
+        } else if (!up) {
+            held_ports().shut(before);
+        }
+    });
 }
 
 bool explains_shutdown(const ConfigSection& section) {
@@ -241,6 +255,10 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     if (!port) {
         return "no such port";
     }
+    const Port before = *port;
+    if (up && by_program) {
+        held_ports().recovery_begins(before.name);
+    }
     const ShutBy owner = sections_.shut_by(ifx);
     const ConfigSection section = sections_.change_admin(*port, up, by_program);
     const std::string trouble = running_ ? "" : write_ahead(section);
@@ -252,6 +270,9 @@ std::string ConfigKeeper::set_admin(uint32_t ifx, bool up, bool by_program) {
     if (ports.find(ifx)) {
         // An older report that the port was up may have arrived in between and no longer counts.
         sections_.set_shut_by(ifx, reason.empty() ? wanted : owner);
+        if (by_program) {
+            note_program_line(before, up, reason);
+        }
     }
     request_save();
     return reason;
@@ -369,6 +390,7 @@ void ConfigKeeper::on_removing(const Port& port) {
 
 void ConfigKeeper::on_removed(const Port& port) {
     modes_.erase(port.ifx);
+    held_ports().removed(port.name);
     tarn_forget_port(port.ifx);
     request_save();
 }
@@ -383,6 +405,10 @@ void ConfigKeeper::on_changed(const Port& before, const Port& after) {
     }
     if (after.admin_up && !before.admin_up) {
         sections_.set_shut_by(after.ifx, ShutBy::kNobody);
+        guarded([&] { held_ports().came_up(before.name); });
+    }
+    if (before.name != after.name) {
+        guarded([&] { held_ports().renamed(before.name, after.name); });
     }
     if (before.admin_up != after.admin_up || before.mode != after.mode ||
         before.name != after.name) {
@@ -393,6 +419,7 @@ void ConfigKeeper::on_changed(const Port& before, const Port& after) {
 // Clients take this for a new port: its lines are executed again, after those kept from an earlier
 // port of that name.
 void ConfigKeeper::on_renamed(const Port& port) {
+    held_ports().recovery_begins(port.name);
     ConfigSection section;
     const bool left = sections_.take(port.name, section);
     const ConfigSection own = sections_.saved(port);

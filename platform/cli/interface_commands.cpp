@@ -3,7 +3,9 @@
 #include <utility>
 
 #include "platform/cli/command_trees.h"
+#include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
+#include "platform/cli/held_ports.h"
 #include "platform/cli/output_filter.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/table.h"
@@ -45,17 +47,30 @@ const Port* aggregate_of(const Port& port) {
     return port.aggregate != 0 ? platform().ports().find(port.aggregate) : nullptr;
 }
 
+// Why a port is down; empty when it is up, or when nobody of this switch has shut it.
+std::string down_reason(const Port& port) {
+    if (port.admin_up) {
+        return "";
+    }
+    if (is_marked(port)) {
+        return "loop-detect";
+    }
+    return config_keeper()->shut_by(port.ifx) == ShutBy::kOperator ? "admin" : "";
+}
+
 int show_status(cli_pcdb*) {
     Table table({{"port", "Port", 16},
                  {"index", "Index", 8},
                  {"admin", "Admin", 6},
                  {"link", "Link", 5},
                  {"mode", "Mode", 7},
-                 {"aggregate", "Aggregate", 0}});
+                 {"aggregate", "Aggregate", 16},
+                 {"reason", "Reason", 0}});
     for (const auto& [ifx, port] : platform().ports().ports()) {
         const Port* aggregate = aggregate_of(port);
         table.add({port.name, ifx, up_or_down(port.admin_up), up_or_down(port.oper_up),
-                   mode_name(port.mode), aggregate ? Json(aggregate->name) : Json()});
+                   mode_name(port.mode), aggregate ? Json(aggregate->name) : Json(),
+                   down_reason(port)});
     }
     table.print();
     return 0;

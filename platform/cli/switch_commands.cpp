@@ -15,6 +15,7 @@ void register_switch_commands() {
     register_replace_commands();
     register_port_commands();
     register_interface_commands();
+    register_errdisable_commands();
     register_user_commands();
     register_tarn_commands();
     register_show_tarn();

@@ -17,6 +17,13 @@ std::string text_of(const Json& cell) {
     if (cell.is_boolean()) {
         return cell.get<bool>() ? "*" : "";
     }
+    if (cell.is_array()) {
+        std::string texts;
+        for (const Json& text : cell) {
+            texts.append(texts.empty() ? "" : "+").append(text.get<std::string>());
+        }
+        return texts.empty() ? "-" : texts;
+    }
     return cell.is_string() ? cell.get<std::string>() : cell.dump();
 }
 
@@ -29,21 +36,26 @@ void print_line(const std::vector<Column>& columns, const std::vector<std::strin
             line.append(cells[i].size() < width ? width - cells[i].size() : 0, ' ').append(" ");
         }
     }
+    line.erase(line.find_last_not_of(' ') + 1);
     cli_printf("%s\n", line.c_str());
 }
 
 }  // namespace
 
+Json Table::json() const {
+    Json rows = Json::array();
+    for (const auto& row : rows_) {
+        Json& object = rows.emplace_back(Json::object());
+        for (size_t i = 0; i < columns_.size(); ++i) {
+            object[columns_[i].key] = row[i];
+        }
+    }
+    return rows;
+}
+
 void Table::print() const {
     if (json_wanted()) {
-        Json rows = Json::array();
-        for (const auto& row : rows_) {
-            Json& object = rows.emplace_back(Json::object());
-            for (size_t i = 0; i < columns_.size(); ++i) {
-                object[columns_[i].key] = row[i];
-            }
-        }
-        print_json(rows);
+        print_json(json());
         return;
     }
     std::vector<std::string> cells;

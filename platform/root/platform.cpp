@@ -26,6 +26,7 @@
 #include "platform/driver/linux/rtnl_switch.h"
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
+#include "platform/root/loop_records.h"
 #include "platform/root/simulated_tarn.h"
 #include "platform/root/tarn_records.h"
 #include "platform/root/tarn_states.h"
@@ -73,6 +74,7 @@ class DescribedPlatform final : public Platform {
         loop_ = &loop;
         background_ = std::make_unique<WorkerThread>(loop);
         MemoryStore* const memory = make_store();
+        loop_records_ = std::make_unique<LoopRecords>(*store_);
         switch (config_.switch_kind) {
             case PlatformConfig::Switch::kEmbedded:
                 make_embedded_switch(memory);
@@ -96,7 +98,10 @@ class DescribedPlatform final : public Platform {
         ports_->set_name_in_use([](const std::string& name) {
             return own_records().contains(QV_MOM_APP_DB, loop_entry_key(name));
         });
-        own_records().on_erased([this](uint32_t, const std::string&) { ports_->settle_renames(); });
+        own_records().on_erased([this](uint32_t db, const std::string& key) {
+            loop_records_->erased(db, key);
+            ports_->settle_renames();
+        });
     }
 
     // Null when the store is not in memory.
@@ -175,6 +180,7 @@ class DescribedPlatform final : public Platform {
     EventLoop* loop_ = nullptr;
     std::unique_ptr<Background> background_;
     std::unique_ptr<StoreDriver> store_;
+    std::unique_ptr<LoopRecords> loop_records_;
     std::unique_ptr<SwitchDriver> switch_;
     std::unique_ptr<PortModel> ports_;
     std::unique_ptr<ForwardingDriver> forwarding_;

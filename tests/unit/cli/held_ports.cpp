@@ -9,13 +9,16 @@ namespace qv::test {
 
 std::set<uint64_t> g_held;
 bool g_refuses = false;
+bool g_keeps = false;
 std::function<void(uint64_t ifx)> g_take;
 
 namespace {
 
 int hold(cli_pcdb* pcdb) {
     if (pcdb->prefix & CLI_PREFIX_NO) {
-        g_held.erase(pcdb->ifx);
+        if (!g_keeps) {
+            g_held.erase(pcdb->ifx);
+        }
     } else if (g_take) {
         g_take(pcdb->ifx);
     } else if (!g_refuses) {
@@ -45,6 +48,7 @@ std::string section_in(const std::string& text, const std::string& port) {
 HeldPorts::HeldPorts() {
     g_held.clear();
     g_refuses = false;
+    g_keeps = false;
     g_take = nullptr;
     const cli_node* end = cli::end_of_line(hold);
     const cli_node* tree =

@@ -16,6 +16,7 @@ namespace qv::test {
 
 extern std::set<uint64_t> g_held;  // indexes of the ports that the program holds
 extern bool g_refuses;             // the program does not want to hold anything
+extern bool g_keeps;               // the program does not let go of anything, and does not say so
 // Called in place of taking a port at once, when set.
 extern std::function<void(uint64_t ifx)> g_take;
 

@@ -90,7 +90,7 @@ TEST_F(LineEffects, StatesShowTheAggregateAndAPortWithoutAMode) {
     change(102, [](qv::Port& p) { p.aggregate = 999; });
     change(103, [](qv::Port& p) { p.mode = SWPORT_MODE_NONE; });
     EXPECT_EQ(in("exec", "show interfaces status"),
-              "Port             Index    Admin  Link  Mode    Aggregate\n"
+              "Port             Index    Admin  Link  Mode    Aggregate        Reason\n"
               "swp1             101      up     up    access  swp4\n"
               "swp2             102      up     up    access  -\n"
               "swp3             103      up     up    none    -\n"

@@ -176,9 +176,9 @@ TEST_F(OutputFilter, PortsAreShownAsJson) {
     rig.type("end");
     EXPECT_EQ(rig.type("show interfaces status | json"),
               R"([{"port":"swp1","index":101,"admin":"up","link":"up","mode":"access",)"
-              R"("aggregate":"swp2"},)"
+              R"("aggregate":"swp2","reason":""},)"
               R"({"port":"swp2","index":102,"admin":"down","link":"up","mode":"trunk",)"
-              R"("aggregate":null}])"
+              R"("aggregate":null,"reason":"admin"}])"
               "\n");
 }
 

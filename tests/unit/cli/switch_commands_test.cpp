@@ -269,9 +269,9 @@ TEST_F(SwitchCommands, RemovedPortLosesItsTarnLine) {
 TEST_F(SwitchCommands, InterfaceStatesAreShown) {
     configure({"interface swp2", "shutdown", "switchport mode trunk"});
     EXPECT_EQ(from_exec({"show interfaces status"}),
-              "Port             Index    Admin  Link  Mode    Aggregate\n"
+              "Port             Index    Admin  Link  Mode    Aggregate        Reason\n"
               "swp1             101      up     up    access  -\n"
-              "swp2             102      down   up    trunk   -\n"
+              "swp2             102      down   up    trunk   -                admin\n"
               "swp3             103      up     up    access  -\n"
               "swp4             104      up     up    access  -\n");
 }

@@ -1,0 +1,263 @@
+#include "platform/cli/held_ports.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "platform/base/tarn_limits.h"
+#include "platform/cli/port_sections.h"
+#include "platform/cli/running_config.h"
+#include "platform/client/platform.h"
+
+namespace qv::cli {
+namespace {
+
+using std::chrono::duration_cast;
+using std::chrono::seconds;
+
+Time loop_now() {
+    return platform().clock().now();
+}
+
+WallTime wall_now() {
+    return std::chrono::system_clock::now();
+}
+
+// By the loop's clock where this process has shut the port, else by the wall clock, which may have
+// been set back since.
+seconds time_shut(const LoopedPort& port) {
+    return port.shut_at
+               ? duration_cast<seconds>(loop_now() - *port.shut_at)
+               : std::max(seconds(0), duration_cast<seconds>(wall_now() - *port.shut_since));
+}
+
+// Whether the event is the last one of a loop or of a shutdown.
+bool ends_something(const LoopEvent& event) {
+    return event.action == LoopAction::kBroughtBack || event.action == LoopAction::kRecovered;
+}
+
+}  // namespace
+
+void HeldPorts::shut(const Port& before) {
+    Ports::value_type& entry = *ports_.try_emplace(before.name).first;
+    LoopedPort& port = entry.second;
+    if (!port.counted_from) {
+        port.counted_from = loop_now();
+    }
+    learn(entry, before.ifx);
+    if (port.shut_since && !before.admin_up) {
+        return;
+    }
+    port.shut_since = wall_now();
+    port.shut_at = loop_now();
+    add({.time = *port.shut_since,
+         .port = before.name,
+         .action = LoopAction::kShut,
+         .facts = port.facts});
+}
+
+void HeldPorts::recovery_begins(const std::string& port) {
+    const auto found = ports_.find(port);
+    if (found != ports_.end()) {
+        found->second.counted_from.reset();
+        drop_if_idle(found);
+    }
+}
+
+void HeldPorts::refused(const std::string& port, bool up, const std::string& reason) {
+    LoopedPort& entry = ports_[port];
+    if (up || !entry.counted_from) {
+        entry.counted_from = loop_now();
+    }
+    add({.time = wall_now(),
+         .port = port,
+         .action = LoopAction::kRefused,
+         .facts = entry.facts,
+         .reason = reason});
+}
+
+void HeldPorts::came_up(const std::string& port) {
+    const auto found = ports_.find(port);
+    if (found == ports_.end() || !found->second.shut_since) {
+        return;
+    }
+    LoopedPort& entry = found->second;
+    add({.time = wall_now(),
+         .port = port,
+         .action = LoopAction::kBroughtBack,
+         .facts = entry.facts,
+         .duration = time_shut(entry)});
+    entry.shut_since.reset();
+    entry.shut_at.reset();
+    drop_if_idle(found);
+}
+
+// The agent reports the end of its loop, too, but only when its timer is over.
+void HeldPorts::removed(const std::string& port) {
+    const auto found = ports_.find(port);
+    if (found == ports_.end()) {
+        return;
+    }
+    found->second.shut_since.reset();
+    found->second.shut_at.reset();
+    found->second.counted_from.reset();
+    drop_if_idle(found);
+}
+
+void HeldPorts::renamed(const std::string& from, const std::string& to) {
+    const auto found = ports_.find(from);
+    if (found == ports_.end()) {
+        return;
+    }
+    LoopedPort& port = ports_[to];
+    port.facts = found->second.facts;
+    port.shut_since = found->second.shut_since;
+    port.shut_at = found->second.shut_at;
+    port.counted_from = found->second.counted_from;
+    drop_if_idle(ports_.find(to));
+    removed(from);
+}
+
+void HeldPorts::loop_found(const std::string& port) {
+    Ports::value_type& entry = *ports_.try_emplace(port).first;
+    if (entry.second.looped_since) {
+        return;
+    }
+    entry.second.looped_since = loop_now();
+    add({.time = wall_now(),
+         .port = port,
+         .action = LoopAction::kFound,
+         .facts = entry.second.facts});
+    const Port* const known = platform().ports().find(std::string_view(port));
+    learn(entry, known != nullptr ? known->ifx : 0);
+    if (!entry.second.facts.tarn) {
+        entry.second.judging = platform().loop().after(kSettle, [this, port] { judge(port); });
+    }
+}
+
+// No probe has proved the loop of this port.
+void HeldPorts::judge(const std::string& port) {
+    const auto found = ports_.find(port);
+    if (found != ports_.end() && !found->second.facts.tarn) {
+        found->second.facts.storm = true;
+        correct_events(*found);
+    }
+}
+
+void HeldPorts::loop_ended(const std::string& port) {
+    const auto found = ports_.find(port);
+    if (found == ports_.end() || !found->second.looped_since) {
+        return;
+    }
+    LoopedPort& entry = found->second;
+    add({.time = wall_now(),
+         .port = port,
+         .action = LoopAction::kRecovered,
+         .facts = entry.facts,
+         .duration = duration_cast<seconds>(loop_now() - *entry.looped_since)});
+    entry.looped_since.reset();
+    entry.judging.reset();
+    drop_if_idle(found);
+}
+
+void HeldPorts::probe_reports(const ProbeReport& report, bool is_loop) {
+    if (!is_loop) {
+        reports_.erase(report.ifx);
+        return;
+    }
+    reports_[report.ifx] = report;
+    for (const uint32_t ifx : {report.ifx, report.src_ifx}) {
+        const Port* const port = platform().ports().find(ifx);
+        const auto found = port != nullptr ? ports_.find(port->name) : ports_.end();
+        if (found != ports_.end()) {
+            learn(*found, ifx);
+        }
+    }
+}
+
+// The report of the port itself, else one that names it as the sender.
+const ProbeReport* HeldPorts::report_about(uint32_t ifx) const {
+    const auto own = reports_.find(ifx);
+    if (own != reports_.end()) {
+        return &own->second;
+    }
+    const auto other = std::find_if(reports_.begin(), reports_.end(),
+                                    [ifx](const auto& item) { return item.second.src_ifx == ifx; });
+    return other != reports_.end() ? &other->second : nullptr;
+}
+
+// What the probe protocol knows of the port stays known when its report is withdrawn.
+void HeldPorts::learn(Ports::value_type& port, uint32_t ifx) {
+    const ProbeReport* const report = report_about(ifx);
+    if (report == nullptr) {
+        return;
+    }
+    const Port* const other =
+        platform().ports().find(report->ifx == ifx ? report->src_ifx : report->ifx);
+    LoopFacts& facts = port.second.facts;
+    facts.tarn = true;
+    facts.other_port = other != nullptr ? other->name : facts.other_port;
+    facts.vlan = report->vid <= kLastVlan ? report->vid : 0;
+    correct_events(port);
+}
+
+// The events of the port since its present loop was found.
+void HeldPorts::correct_events(const Ports::value_type& port) {
+    for (auto event = events_.rbegin(); event != events_.rend(); ++event) {
+        if (event->port != port.first) {
+            continue;
+        }
+        if (ends_something(*event)) {
+            return;
+        }
+        event->facts = port.second.facts;
+        if (event->action == LoopAction::kFound) {
+            return;
+        }
+    }
+}
+
+void HeldPorts::add(LoopEvent event) {
+    events_.push_back(std::move(event));
+    if (events_.size() > kMaxEvents) {
+        events_.pop_front();
+    }
+}
+
+void HeldPorts::drop_if_idle(Ports::iterator port) {
+    const LoopedPort& entry = port->second;
+    if (!entry.looped_since && !entry.shut_since && !entry.counted_from) {
+        ports_.erase(port);
+    }
+}
+
+const LoopedPort* HeldPorts::find(const std::string& port) const {
+    const auto found = ports_.find(port);
+    return found != ports_.end() ? &found->second : nullptr;
+}
+
+size_t HeldPorts::times_shut(const std::string& port, WallTime since) const {
+    return static_cast<size_t>(
+        std::count_if(events_.begin(), events_.end(), [&](const LoopEvent& event) {
+            return event.action == LoopAction::kShut && event.port == port && event.time > since;
+        }));
+}
+
+std::string HeldPorts::last_refusal(const std::string& port) const {
+    const auto latest = std::find_if(events_.rbegin(), events_.rend(), [&](const LoopEvent& event) {
+        return event.port == port &&
+               (event.action == LoopAction::kRefused || event.action == LoopAction::kShut ||
+                event.action == LoopAction::kBroughtBack);
+    });
+    return latest != events_.rend() ? latest->reason : "";
+}
+
+HeldPorts& held_ports() {
+    static auto& instance = *new HeldPorts;  // its timers are those of the process's loop
+    return instance;
+}
+
+bool is_marked(const Port& port) {
+    return has_line(generate_section(port), kHeldLine);
+}
+
+}  // namespace qv::cli
