@@ -16,6 +16,7 @@
 #include "platform/base/message_log.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/fault_seam.h"
+#include "platform/cli/loop_history.h"
 #include "platform/cli/session_descriptors.h"
 #include "platform/cli/socket_server.h"
 #include "platform/cli/switch_commands.h"
@@ -38,12 +39,15 @@ struct Client {
     Client(EventLoop& on, const PlatformConfig& config)
         : loop(on),
           server(on, config.cli_socket, limits_of(config)),
-          keeper(on, platform().background(), config.startup_config) {}
+          keeper(on, platform().background(), config.startup_config),
+          history(on, platform().background(),
+                  config.startup_config.empty() ? "" : config.startup_config + ".history") {}
 
     EventLoop& loop;
     SessionDescriptors descriptors;
     SocketServer server;
     ConfigKeeper keeper;
+    LoopHistory history;
 };
 
 // Lives until the process ends, as the command trees do.
@@ -91,6 +95,11 @@ Result execute_on(EventLoop& loop, SessionState session, std::string line) {
 ConfigKeeper* config_keeper() {
     Client* client = g_client;
     return client ? &client->keeper : nullptr;
+}
+
+LoopHistory* loop_history() {
+    Client* client = g_client;
+    return client ? &client->history : nullptr;
 }
 
 const SocketServer* socket_server() {

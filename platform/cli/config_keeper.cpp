@@ -158,7 +158,13 @@ void ConfigKeeper::announce() {
     });
 }
 
+// The record of held ports may come from an earlier process, and ports may have come up since.
 void ConfigKeeper::end_replay() {
+    for (const auto& [ifx, port] : platform().ports().ports()) {
+        if (port.admin_up) {
+            held_ports().came_up(port.name);
+        }
+    }
     for (const EndHook hook : g_end_hooks) {
         hook();
     }

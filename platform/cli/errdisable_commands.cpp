@@ -100,17 +100,6 @@ Json local_time_of(std::optional<Time> due) {
 
 // ---- show errdisable ----
 
-Json sources_of(const LoopFacts& facts) {
-    Json sources = Json::array();
-    if (facts.tarn) {
-        sources.push_back("tarn");
-    }
-    if (facts.storm) {
-        sources.push_back("storm");
-    }
-    return sources;
-}
-
 std::vector<Json> row_of(const Port& port, seconds recovery) {
     const LoopedPort* const known = held_ports().find(port.name);
     const LoopFacts facts = known != nullptr ? known->facts : LoopFacts{};
@@ -118,7 +107,7 @@ std::vector<Json> row_of(const Port& port, seconds recovery) {
     const auto yesterday = std::chrono::system_clock::now() - std::chrono::hours(24);
     return {port.name,
             "loop",
-            sources_of(facts),
+            source_names(facts),
             facts.other_port.empty() ? Json() : Json(facts.other_port),
             facts.vlan == 0 ? Json() : Json(facts.vlan),
             since ? Json(local_time(*known->shut_since)) : Json(),

@@ -202,17 +202,22 @@ void HeldPorts::learn(Ports::value_type& port, uint32_t ifx) {
 
 // The events of the port since its present loop was found.
 void HeldPorts::correct_events(const Ports::value_type& port) {
+    bool changed = false;
     for (auto event = events_.rbegin(); event != events_.rend(); ++event) {
         if (event->port != port.first) {
             continue;
         }
         if (ends_something(*event)) {
-            return;
+            break;
         }
+        changed = changed || event->facts != port.second.facts;
         event->facts = port.second.facts;
         if (event->action == LoopAction::kFound) {
-            return;
+            break;
         }
+    }
+    if (changed) {
+        report_change();
     }
 }
 
@@ -220,6 +225,27 @@ void HeldPorts::add(LoopEvent event) {
     events_.push_back(std::move(event));
     if (events_.size() > kMaxEvents) {
         events_.pop_front();
+    }
+    report_change();
+}
+
+void HeldPorts::report_change() const {
+    if (changed_) {
+        changed_();
+    }
+}
+
+// Loops are not restored: the agent finds them again. A port that it still holds is known as shut
+// since then; if it was brought back in between, its next shutdown begins anew.
+void HeldPorts::restore(std::deque<LoopEvent> events) {
+    events_ = std::move(events);
+    for (const LoopEvent& event : events_) {
+        if (event.action == LoopAction::kShut) {
+            ports_[event.port].facts = event.facts;
+            ports_[event.port].shut_since = event.time;
+        } else if (event.action == LoopAction::kBroughtBack) {
+            ports_.erase(event.port);
+        }
     }
 }
 
@@ -254,6 +280,17 @@ std::string HeldPorts::last_refusal(const std::string& port) const {
 HeldPorts& held_ports() {
     static auto& instance = *new HeldPorts;  // its timers are those of the process's loop
     return instance;
+}
+
+std::vector<std::string> source_names(const LoopFacts& facts) {
+    std::vector<std::string> names;
+    if (facts.tarn) {
+        names.emplace_back("tarn");
+    }
+    if (facts.storm) {
+        names.emplace_back("storm");
+    }
+    return names;
 }
 
 bool is_marked(const Port& port) {

@@ -12,9 +12,12 @@
 #include <chrono>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "platform/base/event_loop.h"
 #include "platform/client/port_model.h"
@@ -35,6 +38,7 @@ struct LoopFacts {
     bool storm = false;
     std::string other_port;  // at the other end; empty when it is not known
     uint32_t vlan = 0;       // 0 when it is not known
+    bool operator==(const LoopFacts&) const = default;
 };
 
 enum class LoopAction { kFound, kShut, kBroughtBack, kRecovered, kRefused };
@@ -89,6 +93,12 @@ class HeldPorts {
     void probe_reports(const ProbeReport& report, bool is_loop);
     void forget_probe_reports() { reports_.clear(); }
 
+    // The events of an earlier process, oldest first; before all others.
+    void restore(std::deque<LoopEvent> events);
+    // Calls `callback` after each change of the events. There is one callback: a later one replaces
+    // it, null removes it.
+    void on_event(std::function<void()> callback) { changed_ = std::move(callback); }
+
     // ---- What is known ----
 
     // Null when the port is neither shut nor in the loop state. Valid until the next event.
@@ -110,15 +120,20 @@ class HeldPorts {
     void judge(const std::string& port);
     void correct_events(const Ports::value_type& port);
     void add(LoopEvent event);
+    void report_change() const;
     void drop_if_idle(Ports::iterator port);
 
     Ports ports_;
     std::map<uint32_t, ProbeReport> reports_;  // of present loops, by `ifx`
     std::deque<LoopEvent> events_;
+    std::function<void()> changed_;
 };
 
 // The ones of this process.
 HeldPorts& held_ports();
+
+// "tarn", "storm", both or none.
+std::vector<std::string> source_names(const LoopFacts& facts);
 
 // Whether the section of the port has the agent's mark. Walks the trees of its mode.
 bool is_marked(const Port& port);

@@ -9,6 +9,7 @@
 #include "p_bridge.pb-c.h"
 #include "platform/base/tarn_names.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/loop_history.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/name_lock.h"
@@ -143,9 +144,12 @@ class DescribedPlatform final : public Platform {
         forwarding_ = std::move(plane);
     }
 
-    // Saves once more: lines typed within the last second are not in the file yet.
+    // Saves once more: lines and events of the last second are not in the files yet.
     void save_last() {
         background_.reset();  // waits for a running save
+        if (cli::LoopHistory* const history = cli::loop_history()) {
+            history->save_last();
+        }
         if (cli::ConfigKeeper* const keeper = cli::config_keeper()) {
             keeper->saver().save_last();
         }
