@@ -15,6 +15,8 @@
 #include <sys/un.h>
 #include <toml++/toml.h>
 
+#include "platform/base/loopback_address.h"
+
 namespace qv {
 namespace {
 
@@ -177,6 +179,12 @@ std::string folder_fault(const std::string& path) {
     return path.starts_with('/') ? "" : "must be an absolute path";
 }
 
+std::string listen_fault(const std::string& address) {
+    return parse_loopback_address(address)
+               ? ""
+               : "must be a loopback address and a port, such as \"127.0.0.1:9464\"";
+}
+
 void read_sections(const Section& top, PlatformConfig& config) {
     top.section("linux", {"bridge"}).text("bridge", config.bridge, bridge_fault);
     top.section("redis", {"socket"}).text("socket", config.redis_socket, socket_fault);
@@ -194,6 +202,7 @@ void read_sections(const Section& top, PlatformConfig& config) {
     files.text("capabilities", config.capabilities);
 
     top.section("tarn", {"state"}).text("state", config.tarn_state, folder_fault);
+    top.section("metrics", {"listen"}).text("listen", config.metrics_listen, listen_fault);
 
     const Section clock = top.section("clock", {"speed"});
     clock.positive("speed", config.speed, kMaxSpeed);
@@ -211,9 +220,9 @@ void read_sections(const Section& top, PlatformConfig& config) {
 
 PlatformConfig load_platform_config(const std::string& path) {
     const toml::table table = parse(path);
-    const Section top(
-        path, table, "",
-        {"switch", "store", "linux", "redis", "cli", "embedded", "files", "clock", "role", "tarn"});
+    const Section top(path, table, "",
+                      {"switch", "store", "linux", "redis", "cli", "embedded", "files", "clock",
+                       "role", "tarn", "metrics"});
     PlatformConfig config;
     top.choice<PlatformConfig::Switch>("switch", config.switch_kind,
                                        {{"embedded", PlatformConfig::Switch::kEmbedded},

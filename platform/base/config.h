@@ -26,7 +26,8 @@ struct PlatformConfig {
     double speed = 1.0;            // [clock] speed, embedded switch only
     Role role = Role::kSolo;       // [role] mode
     std::string tarn_state =
-        "/var/lib/lda/tarn";  // [tarn] state: folder of tarnd's key and journal
+        "/var/lib/lda/tarn";     // [tarn] state: folder of tarnd's key and journal
+    std::string metrics_listen;  // [metrics] listen; empty: no metrics
 };
 
 // Reads the file. Throws std::runtime_error with "FILE:LINE: reason", or with "FILE: reason" when

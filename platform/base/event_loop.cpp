@@ -42,6 +42,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/base/metrics.h"
 #include "platform/base/mutex.h"
 
 namespace qv {
@@ -313,6 +314,9 @@ void EventLoop::Impl::take_due_timers() {
 }
 
 void EventLoop::Impl::take_deferred() {
+    if (Metrics* const figures = metrics()) {
+        figures->deferred_tasks = deferred.size();
+    }
     if (deferred.empty() || (!ready.empty() && ++rounds_deferred < kMaxDeferredRounds)) {
         return;
     }

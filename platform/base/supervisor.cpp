@@ -5,6 +5,8 @@
 
 #include <systemd/sd-daemon.h>
 
+#include "platform/base/metrics.h"
+
 namespace qv {
 namespace {
 
@@ -69,6 +71,9 @@ void report_ready(const std::string& state) {
 
 void report_database(uint32_t db, bool missing) {
     note(report().databases, db, missing);
+    if (Metrics* const figures = metrics()) {
+        figures->databases_away = report().databases.size();
+    }
 }
 
 void report_bridge(const std::string& name, bool missing) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <utility>
 
+#include "platform/base/metrics.h"
 #include "platform/cli/config_file.h"
 #include "platform/cli/running_config.h"
 #include "platform/client/platform.h"
@@ -59,6 +60,7 @@ std::string ConfigSaver::save_here() {
     take_ports(std::numeric_limits<int>::max());
     const ConfigImage image = end_snapshot();
     std::string reason = replace_file(path_, seal_config(image.text, image.journal));
+    count(reason);
     written(image, reason);
     return reason;
 }
@@ -151,6 +153,7 @@ void ConfigSaver::finish() {
                      reason] { *reason = replace_file(path, sealed); },
                     [this, image = std::move(image), reason] {
                         writing_ = false;
+                        count(*reason);
                         written(image, *reason);
                     });
 }
@@ -208,6 +211,13 @@ bool ConfigSaver::saved_global(std::string_view lines) const {
     const std::string_view rest =
         std::string_view(saved_text_).substr(std::min(lines.size(), saved_text_.size()));
     return saved_text_.starts_with(lines) && (rest.starts_with("interface ") || rest == kConfigEnd);
+}
+
+// Counts an attempt to write the file.
+void ConfigSaver::count(const std::string& reason) {
+    if (Metrics* const figures = metrics()) {
+        (reason.empty() ? figures->config_saves : figures->config_save_failures)++;
+    }
 }
 
 // Reports each failure once.

@@ -81,6 +81,7 @@ class ConfigSaver {
     void finish();
     void written(const ConfigImage& image, const std::string& reason);
     void note(const std::string& reason);
+    static void count(const std::string& reason);
     void watch_file();
     void check_file();
 

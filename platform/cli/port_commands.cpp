@@ -4,6 +4,7 @@
 #include "platform/cli/engine.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/tarn_commands.h"
+#include "platform/client/loop_metrics.h"
 #include "platform/client/platform.h"
 #include "qv/bridge.h"
 
@@ -22,7 +23,16 @@ int answer(const std::string& reason) {
 int set_shutdown(cli_pcdb* pcdb) {
     const bool up = (pcdb->prefix & (CLI_PREFIX_NO | CLI_PREFIX_DEFAULT)) != 0;
     const bool by_program = current_session()->program;
-    return answer(config_keeper()->set_admin(static_cast<uint32_t>(pcdb->ifx), up, by_program));
+    const Port* const port = port_of(pcdb);
+    const bool changes = port && port->admin_up != up;
+    const auto ifx = static_cast<uint32_t>(pcdb->ifx);
+    const std::string reason = config_keeper()->set_admin(ifx, up, by_program);
+    if (by_program && reason.empty()) {
+        count_admin_line(ifx, up, changes);
+    } else if (by_program) {
+        count_refused_admin_line(up);
+    }
+    return answer(reason);
 }
 
 int print_shutdown(cli_pcdb* pcdb) {

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/base/metrics.h"
 #include "platform/cli/running_config.h"
 #include "qv/bridge.h"
 
@@ -51,6 +52,11 @@ void PortSections::set_shut_by(uint32_t ifx, ShutBy owner) {
         shut_by_.erase(ifx);
     } else {
         shut_by_[ifx] = owner;
+    }
+    if (Metrics* const figures = metrics()) {
+        figures->held_ports = static_cast<uint64_t>(
+            std::count_if(shut_by_.begin(), shut_by_.end(),
+                          [](const auto& port) { return port.second == ShutBy::kProgram; }));
     }
 }
 

@@ -16,7 +16,9 @@
 
 #include "platform/base/database_names.h"
 #include "platform/base/guarded.h"
+#include "platform/base/metrics.h"
 #include "platform/base/supervisor.h"
+#include "platform/client/loop_metrics.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/own_records.h"
 #include "platform/client/platform.h"
@@ -164,6 +166,9 @@ void qv_mom_client::session_up(uint32_t db) {
     set_missing_in(db);
     Session& session = sessions[db];
     const bool first = !std::exchange(session.connect_reported, true);
+    if (qv::Metrics* const figures = qv::metrics(); figures && !first) {
+        figures->database_reconnects++;
+    }
     const SessionCallback callback = first ? session.connected : session.reconnected;
     callback();
 }
@@ -255,6 +260,7 @@ void qv_mom_client::records_lost() {
 }
 
 void qv_mom_client::deliver(const Topic& topic, int oper, const ProtobufCMessage* record) {
+    const qv::RecordDelivery delivery(*record, oper == QV_MOM_OPER_DELETE);
     const qv_mom_msg message = {QV_MOM_CMD_RECORD, oper, topic.db, record};
     topic.callback(this, &message);
 }

@@ -2,6 +2,7 @@
 
 #include <fnmatch.h>
 
+#include "platform/client/loop_metrics.h"
 #include "platform/client/platform.h"
 
 namespace qv {
@@ -22,7 +23,11 @@ void OwnRecords::set(const qv_mom_client* owner, uint32_t db, const std::string&
                      std::vector<uint8_t> packed) {
     const auto [record, added] =
         records_.insert_or_assign(Id(db, key), Record{owner, std::move(packed)});
-    if (added && added_) {
+    if (!added) {
+        return;
+    }
+    count_own_record(key);
+    if (added_) {
         added_(db, key, record->second.packed);
     }
 }
@@ -74,6 +79,7 @@ void OwnRecords::erase_matching(uint32_t db, const std::string& glob) {
 }
 
 OwnRecords::Records::iterator OwnRecords::erase(Records::iterator record) {
+    discount_own_record(record->first.second);
     if (erased_) {
         platform().loop().post([this, id = record->first] {
             if (erased_) {

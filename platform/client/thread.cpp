@@ -14,6 +14,7 @@
 
 #include "platform/base/event_loop.h"
 #include "platform/base/guarded.h"
+#include "platform/base/metrics.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"
 
@@ -115,6 +116,7 @@ qv_thread* qv_thread_fetch(qv_thread_master* master, qv_thread* thread) {
 
 void qv_thread_call(qv_thread* thread) {
     [=]() noexcept {
+        const qv::TurnTimer timer;
         thread->func(thread);
     }();
 }

@@ -36,7 +36,8 @@ constexpr const char* kHelp =
     "             capabilities       what this model can do; left out: nothing special\n"
     "  [clock]    speed = 1.0        virtual seconds per second, simulated switch only\n"
     "  [role]     mode = \"solo\"      \"solo\" or \"lease\"\n"
-    "  [tarn]     state = \"/var/lib/lda/tarn\"   folder of the loop-probe service tarnd\n";
+    "  [tarn]     state = \"/var/lib/lda/tarn\"   folder of the loop-probe service tarnd\n"
+    "  [metrics]  listen             loopback address and port of the metrics; left out: none\n";
 
 // If the process starts without them, the first file or socket it opened would take their numbers,
 // and with them the output for the terminal.

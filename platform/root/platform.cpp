@@ -28,6 +28,7 @@
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
 #include "platform/root/loop_records.h"
+#include "platform/root/metrics_server.h"
 #include "platform/root/simulated_tarn.h"
 #include "platform/root/tarn_records.h"
 #include "platform/root/tarn_states.h"
@@ -85,6 +86,7 @@ class DescribedPlatform final : public Platform {
                 break;
         }
         keep_names_in_use();
+        serve_metrics();
         ports_->start();
         // Last, because the log may use the loop from here on. Tests have a log of another type.
         if (auto* const syslog = dynamic_cast<SyslogLog*>(log_.get())) {
@@ -93,6 +95,14 @@ class DescribedPlatform final : public Platform {
     }
 
  private:
+    // After the switch is made: its threads must not take the signals that end the process.
+    void serve_metrics() {
+        if (!config_.metrics_listen.empty()) {
+            metrics_server_ = std::make_unique<MetricsServer>(*loop_, config_.metrics_listen);
+            use_metrics(&metrics_server_->metrics());
+        }
+    }
+
     // A port in the loop state has an entry under its name. If it is renamed, its clients see the
     // old name until that entry is deleted.
     void keep_names_in_use() {
@@ -195,6 +205,7 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<TarnRecords> tarn_records_;
     std::unique_ptr<PortFollower> port_follower_;
     std::unique_ptr<Termination> termination_;
+    std::unique_ptr<MetricsServer> metrics_server_;  // null when the metrics are off
 };
 
 }  // namespace

@@ -18,10 +18,12 @@ for _, key in ipairs(redis.call('KEYS', ARGV[1])) do
 end
 return 0)";
 
-// Sets KEYS[1] to ARGV[1] and announces it on channel ARGV[2], unless the key exists.
+// Sets KEYS[1] to ARGV[1] and announces it on channel ARGV[2], unless the key exists. Returns 1
+// when it was set.
 inline constexpr std::string_view kSetMissingScript = R"(
 if redis.call('SET', KEYS[1], ARGV[1], 'NX') then
   redis.call('PUBLISH', ARGV[2], '\0' .. ARGV[1])
+  return 1
 end
 return 0)";
 

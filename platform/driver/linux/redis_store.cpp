@@ -35,6 +35,7 @@
 
 #include "platform/base/database_names.h"
 #include "platform/base/message_log.h"
+#include "platform/base/metrics.h"
 #include "platform/driver/linux/redis_connection.h"
 #include "platform/driver/linux/redis_scripts.h"
 
@@ -431,6 +432,9 @@ void RedisClient::written(uint64_t number, const RedisReply& reply) {
     } else if (!reply.is(transaction ? Type::kArray : Type::kInteger)) {
         fail_later(complaint("a write", reply));
         return;
+    }
+    if (Metrics* const figures = metrics(); figures && write.kind == Kind::kSetMissing) {
+        figures->records_set_again += reply.number == 1 ? 1 : 0;
     }
     if (!write.error.empty() && !write_refused_) {
         log_message(kLogError, "MOM", "WRITE_REFUSED",

@@ -58,6 +58,7 @@ void expect_defaults(const PlatformConfig& config) {
     EXPECT_EQ(config.speed, 1.0);
     EXPECT_EQ(config.role, PlatformConfig::Role::kSolo);
     EXPECT_EQ(config.tarn_state, "/var/lib/lda/tarn");
+    EXPECT_EQ(config.metrics_listen, "");
 }
 
 TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
@@ -91,6 +92,8 @@ speed = 60
 mode = "lease"
 [tarn]
 state = "/tmp/tarn"
+[metrics]
+listen = "127.0.0.1:9464"
 )");
     EXPECT_EQ(config.store, PlatformConfig::Store::kRedis);
     EXPECT_EQ(config.bridge, "lab");
@@ -105,6 +108,38 @@ state = "/tmp/tarn"
     EXPECT_EQ(config.speed, 60.0);
     EXPECT_EQ(config.role, PlatformConfig::Role::kLease);
     EXPECT_EQ(config.tarn_state, "/tmp/tarn");
+    EXPECT_EQ(config.metrics_listen, "127.0.0.1:9464");
+}
+
+TEST_F(ConfigFile, MetricsAreServedOnALoopbackAddressOnly) {
+    EXPECT_EQ(read("[metrics]\nlisten = \"127.255.0.9:1\"\n").metrics_listen, "127.255.0.9:1");
+    EXPECT_EQ(read("[metrics]\nlisten = \"127.0.0.1:65535\"\n").metrics_listen, "127.0.0.1:65535");
+    for (const char* address : {"",
+                                "127.0.0.1",
+                                "127.0.0.1:",
+                                ":9464",
+                                "9464",
+                                "0.0.0.0:9464",
+                                "128.0.0.1:9464",
+                                "126.255.255.255:9464",
+                                "192.0.2.1:9464",
+                                "localhost:9464",
+                                "[::1]:9464",
+                                "127.0.0.1:0",
+                                "127.0.0.1:65536",
+                                "127.0.0.1:09464",
+                                "127.0.0.1:+9464",
+                                "127.0.0.1:94 64",
+                                "127.0.0.1:9464 ",
+                                "127.0.0.1:9464,127.0.0.1:9465",
+                                "127.0.0.1:9464s",
+                                "127.1:9464",
+                                "/run/lda/metrics.sock"}) {
+        EXPECT_EQ(fault_of("[metrics]\nlisten = \"" + std::string(address) + "\"\n"),
+                  "FILE:2: metrics.listen must be a loopback address and a port, such as "
+                  "\"127.0.0.1:9464\"")
+            << address;
+    }
 }
 
 TEST_F(ConfigFile, LinuxSwitchAndMemoryStoreGoTogether) {
