@@ -256,6 +256,7 @@ TEST_F(Errdisable, ClearAllRemovesEveryMark) {
     for (const uint32_t ifx : {101U, 103U, 104U}) {
         hold(ifx);
     }
+    operator_types(104, "no shutdown");
     EXPECT_EQ(rig.type("clear errdisable all"), "");
     EXPECT_EQ(g_held, std::set<uint64_t>{});
     hold(101);

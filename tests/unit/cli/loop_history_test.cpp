@@ -142,6 +142,15 @@ TEST_F(LoopHistory, LateProbeCorrectsOnlyThePresentLoop) {
     EXPECT_EQ(sources, (Lines{"storm", "storm", "storm", "storm", "tarn", "tarn"}));
 }
 
+TEST_F(LoopHistory, ShutdownBeforeTheLoopHasNoPartInIt) {
+    hold(101);  // somebody has typed the mark
+    held.loop_found("swp1");
+    held.probe_reports({.ifx = 101, .src_ifx = 102, .vid = 1}, true);
+    ASSERT_EQ(held.events().size(), 2U);
+    EXPECT_EQ(held.events()[0].facts, cli::LoopFacts{});
+    EXPECT_TRUE(held.events()[1].facts.tarn);
+}
+
 TEST_F(LoopHistory, OnlyTheNewestThousandAreKept) {
     held.loop_found("first");
     for (int i = 0; i < 500; ++i) {
