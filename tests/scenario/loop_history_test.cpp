@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "platform/cli/loop_history_text.h"
+#include "platform/client/own_records.h"
 #include "tests/scenario/lines.h"
 #include "tests/scenario/switch_rig.h"
 
@@ -56,6 +57,19 @@ TEST(LoopHistory, PolicyThatOnlyWarnsShutsNothing) {
     rig.advance(60s);
     EXPECT_EQ(events(rig),
               (Lines{"swp3 loop found tarn swp3 1 - -", "swp3 recovered tarn swp3 1 70 -"}));
+}
+
+TEST(LoopHistory, EntryThatIsSetAgainAtOnceIsNoEndOfTheLoop) {
+    SwitchRig rig;
+    rig.set_policy("");
+    rig.report(3, 1, 3);
+    rig.on_main([&] {
+        constexpr char kKey[] = "p_app.lda_loop_entry/name=swp3";
+        const std::string packed = rig.store().get(4, kKey).value_or("");
+        own_records().erase(4, kKey);
+        own_records().set(nullptr, 4, kKey, {packed.begin(), packed.end()});
+    });
+    EXPECT_EQ(events(rig), Lines{"swp3 loop found tarn swp3 1 - -"});
 }
 
 TEST(LoopHistory, CommandsOfTheAgentBesideItAreAsBefore) {
