@@ -69,11 +69,13 @@ void report_ready(const std::string& state) {
     tell("READY=1\n");
 }
 
-void report_database(uint32_t db, bool missing) {
+bool report_database(uint32_t db, bool missing) {
+    const bool news = report().databases.contains(db) != missing;
     note(report().databases, db, missing);
     if (Metrics* const figures = metrics()) {
         figures->databases_away = report().databases.size();
     }
+    return news;
 }
 
 void report_bridge(const std::string& name, bool missing) {

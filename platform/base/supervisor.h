@@ -11,8 +11,8 @@ namespace qv {
 void report_ready(const std::string& state);
 
 // Reports that something the process needs is missing, or back. The status line names everything
-// missing.
-void report_database(uint32_t db, bool missing);
+// missing. For a database: returns whether this is news.
+bool report_database(uint32_t db, bool missing);
 void report_bridge(const std::string& name, bool missing);
 
 // Tells a watchdog that the loop still runs.

@@ -79,6 +79,10 @@ void count_admin_line(uint32_t ifx, bool up, bool changed) {
     }
 }
 
+size_t running_reactions() {
+    return g_reported.size();
+}
+
 void count_refused_admin_line(bool up) {
     if (Metrics* const figures = metrics()) {
         (up ? figures->recoveries_refused : figures->shutdowns_refused)++;

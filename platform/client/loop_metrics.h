@@ -38,4 +38,8 @@ void discount_own_record(std::string_view key);
 void count_admin_line(uint32_t ifx, bool up, bool changed);
 void count_refused_admin_line(bool up);
 
+// How many ports have a reaction time that has begun and not ended; never many more than there are
+// ports. For tests.
+size_t running_reactions();
+
 }  // namespace qv

@@ -161,12 +161,12 @@ int qv_mom_client::scan(uint32_t db, const ProtobufCMessageDescriptor& type,
 }
 
 void qv_mom_client::session_up(uint32_t db) {
-    qv::report_database(db, false);
+    const bool back = qv::report_database(db, false);
     // Before the callback, so that its deletes come after.
     set_missing_in(db);
     Session& session = sessions[db];
     const bool first = !std::exchange(session.connect_reported, true);
-    if (qv::Metrics* const figures = qv::metrics(); figures && !first) {
+    if (qv::Metrics* const figures = qv::metrics(); figures && back && !first) {
         figures->database_reconnects++;
     }
     const SessionCallback callback = first ? session.connected : session.reconnected;

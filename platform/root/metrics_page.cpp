@@ -84,7 +84,7 @@ std::vector<MetricFamily> MetricsPage::Collect() const {
                   now.turn),
         gauge("lda_databases_away", "Databases that the agent needs and cannot reach.",
               now.databases_away),
-        counter("lda_database_reconnects_total", "Sessions with a database that were restored.",
+        counter("lda_database_reconnects_total", "Databases that came back after a loss.",
                 now.database_reconnects),
         counter("lda_records_set_again_total", "Records that a database had lost.",
                 now.records_set_again),

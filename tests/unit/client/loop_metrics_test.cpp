@@ -115,6 +115,16 @@ TEST_F(LoopMetrics, EndsDeletesAndUnknownPortsBeginNoReaction) {
     EXPECT_EQ(measured(), Measured(0, 0));
 }
 
+TEST_F(LoopMetrics, PortsThatHaveLeftAreForgotten) {
+    for (uint32_t ifx = 10; ifx < 30; ifx++) {
+        rig.model.port_added(PortsRig::port(ifx));
+        report(ifx, 1, ifx);
+        rig.model.port_removed(ifx);
+        pass(61s);
+    }
+    EXPECT_LE(qv::running_reactions(), 4U);
+}
+
 TEST_F(LoopMetrics, LoopEntryIsAttributedToTheReportBeingDelivered) {
     const std::string key = "p_app.lda_loop_entry/name=swp4";
     {
