@@ -210,6 +210,7 @@ struct EventLoop::Impl {
     std::vector<std::shared_ptr<Timer>> deferred;
     int rounds_deferred = 0;  // busy rounds in a row that left `deferred` waiting
     Work current;             // taken by fetch() for run(), not a timer
+    Task check;               // called before each piece of work; may be empty
 
     Mutex mutex;
     std::deque<Task> posted GUARDED_BY(mutex);
@@ -513,6 +514,10 @@ std::optional<Time> EventLoop::next_timer() const {
     return impl_->timers.begin()->first.first;
 }
 
+void EventLoop::check_before_work(Task check) {
+    impl_->check = std::move(check);
+}
+
 bool EventLoop::fetch() {
     while (!impl_->stopped.load()) {
         if (impl_->ready.empty() && !impl_->find_work()) {
@@ -521,6 +526,9 @@ bool EventLoop::fetch() {
         Impl::Work work = std::move(impl_->ready.front());
         impl_->ready.pop_front();
         if (impl_->start(std::move(work))) {
+            if (impl_->check) {
+                impl_->check();
+            }
             return true;
         }
     }

@@ -89,6 +89,9 @@ class EventLoop {
     // Waits for the next piece of work and takes it. False when no task, timer or watch is left, or
     // after stop().
     bool fetch();
+    // Calls `check` each time fetch() has taken a piece of work, before that work runs. One check
+    // at a time; a later call replaces it.
+    void check_before_work(Task check);
     // Runs the work that fetch() has taken.
     void run();
     // The task that run() would call; empty when it would call back a watch. Valid until the next

@@ -24,6 +24,24 @@ TEST_F(Loop, FetchReturnsFalseOnceTheLastTimerHasFired) {
     EXPECT_EQ(seen, Seen{"fired"});
 }
 
+TEST_F(Loop, CheckIsMadeBeforeEachPieceOfWork) {
+    loop.check_before_work(note("check"));
+    loop.post(note("task"));
+    const auto timer = loop.after(0s, note("timer"));
+    const auto removed = std::make_unique<EventLoop::Handle>(loop.after(0s, note("never")));
+    removed->reset();
+    while (loop.fetch()) {
+        loop.run();
+    }
+    EXPECT_EQ(seen, (Seen{"check", "task", "check", "timer"}));
+    loop.check_before_work(nullptr);
+    loop.post(note("unchecked"));
+    ASSERT_TRUE(loop.fetch());
+    loop.run();
+    EXPECT_EQ(seen.size(), 5u);
+    EXPECT_EQ(seen.back(), "unchecked");
+}
+
 TEST_F(Loop, FetchReturnsFalseAfterStopWhateverIsPending) {
     loop.post(note("never"));
     const auto timer = loop.after(0s, note("never"));
