@@ -25,6 +25,8 @@ constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr int64_t kMaxPorts = 4096;
 constexpr int64_t kMaxSessions = 1024;
 constexpr int64_t kMaxIdleTimeout_s = 7 * 24 * 3600;
+constexpr int64_t kShortestLease_ms = 1000;
+constexpr int64_t kLongestLease_ms = 60000;
 constexpr double kMaxSpeed = 10000.0;
 
 [[noreturn]] void refuse_file(const std::string& path, int error) {
@@ -210,10 +212,11 @@ void read_sections(const Section& top, PlatformConfig& config) {
         clock.fail("speed", "is for the embedded switch only");
     }
 
-    top.section("role", {"mode"})
-        .choice<PlatformConfig::Role>(
-            "mode", config.role,
-            {{"solo", PlatformConfig::Role::kSolo}, {"lease", PlatformConfig::Role::kLease}});
+    const Section role = top.section("role", {"mode", "lease_ms"});
+    role.choice<PlatformConfig::Role>(
+        "mode", config.role,
+        {{"solo", PlatformConfig::Role::kSolo}, {"lease", PlatformConfig::Role::kLease}});
+    role.whole_number("lease_ms", config.lease_ms, kShortestLease_ms, kLongestLease_ms);
 }
 
 }  // namespace

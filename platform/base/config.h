@@ -25,6 +25,7 @@ struct PlatformConfig {
     unsigned embedded_ports = 24;  // [embedded] ports
     double speed = 1.0;            // [clock] speed, embedded switch only
     Role role = Role::kSolo;       // [role] mode
+    unsigned lease_ms = 3000;      // [role] lease_ms, for a lease in Redis
     std::string tarn_state =
         "/var/lib/lda/tarn";     // [tarn] state: folder of tarnd's key and journal
     std::string metrics_listen;  // [metrics] listen; empty: no metrics

@@ -14,6 +14,7 @@ struct Report {
     std::set<uint32_t> databases;   // missing
     std::set<std::string> bridges;  // missing
     std::string state = "starting";
+    bool standing_by = false;
     std::string status;  // as last sent
 };
 
@@ -35,6 +36,9 @@ std::string list(const std::set<Thing>& things, const char* one, const char* man
 }
 
 std::string status_of(const Report& report) {
+    if (report.standing_by) {
+        return "standing by for the master";
+    }
     const std::string bridges = list(report.bridges, "bridge ", "bridges ");
     const std::string databases = list(report.databases, "database ", "databases ");
     if (bridges.empty() && databases.empty()) {
@@ -67,6 +71,11 @@ void note(Things& things, const Thing& thing, bool missing) {
 void report_ready(const std::string& state) {
     report().state = state;
     tell("READY=1\n");
+}
+
+void report_standby(bool standing_by) {
+    report().standing_by = standing_by;
+    tell(standing_by ? "READY=1\n" : "");
 }
 
 bool report_database(uint32_t db, bool missing) {

@@ -10,6 +10,10 @@ namespace qv {
 // Reports that the process is ready. `state` is the status line while nothing is missing.
 void report_ready(const std::string& state);
 
+// Reports that the process is ready because it stands by: it needs nothing until `standing_by` is
+// false, and only then does the status line name what is missing.
+void report_standby(bool standing_by);
+
 // Reports that something the process needs is missing, or back. The status line names everything
 // missing. For a database: returns whether this is news.
 bool report_database(uint32_t db, bool missing);

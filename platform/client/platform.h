@@ -19,6 +19,7 @@ namespace qv {
 
 class StoreDriver;
 class ForwardingDriver;
+class LeaseDriver;
 
 class Platform {
  public:
@@ -34,6 +35,12 @@ class Platform {
     virtual PortModel& ports() = 0;
     virtual ForwardingDriver& forwarding() = 0;
     virtual Background& background() = 0;
+    // The lease of the master role; null when the role is not leased, or by a lock file.
+    virtual LeaseDriver* lease() { return nullptr; }
+
+    // From now on the process is the master: until this call a platform whose role is a lease
+    // writes nothing into the store.
+    virtual void become_master() {}
 
     // Called by qv_thread_master_create with the process's loop.
     virtual void attach_loop(EventLoop& loop) = 0;

@@ -36,6 +36,7 @@ constexpr const char* kHelp =
     "             capabilities       what this model can do; left out: nothing special\n"
     "  [clock]    speed = 1.0        virtual seconds per second, simulated switch only\n"
     "  [role]     mode = \"solo\"      \"solo\" or \"lease\"\n"
+    "             lease_ms = 3000    time of a lease in Redis, 1000 to 60000\n"
     "  [tarn]     state = \"/var/lib/lda/tarn\"   folder of the loop-probe service tarnd\n"
     "  [metrics]  listen             loopback address and port of the metrics; left out: none\n";
 

@@ -23,6 +23,7 @@
 #include "platform/driver/embedded/simulation_commands.h"
 #include "platform/driver/embedded/stderr_log.h"
 #include "platform/driver/linux/nft_forwarding.h"
+#include "platform/driver/linux/redis_lease.h"
 #include "platform/driver/linux/redis_store.h"
 #include "platform/driver/linux/rtnl_switch.h"
 #include "platform/driver/linux/syslog_log.h"
@@ -71,6 +72,12 @@ class DescribedPlatform final : public Platform {
     PortModel& ports() override { return *ports_; }
     ForwardingDriver& forwarding() override { return *forwarding_; }
     Background& background() override { return *background_; }
+    LeaseDriver* lease() override { return lease_.get(); }
+    void become_master() override {
+        if (redis_store_ != nullptr) {
+            redis_store_->release();
+        }
+    }
 
     void attach_loop(EventLoop& loop) override {
         loop_ = &loop;
@@ -118,13 +125,23 @@ class DescribedPlatform final : public Platform {
     // Null when the store is not in memory.
     MemoryStore* make_store() {
         if (config_.store == PlatformConfig::Store::kRedis) {
-            store_ = std::make_unique<RedisStore>(*loop_, config_.redis_socket);
+            make_redis_store();
             return nullptr;
         }
         auto memory = std::make_unique<MemoryStore>(*loop_);
         MemoryStore* const made = memory.get();
         store_ = std::move(memory);
         return made;
+    }
+
+    void make_redis_store() {
+        auto redis = std::make_unique<RedisStore>(*loop_, config_.redis_socket);
+        redis_store_ = redis.get();
+        store_ = std::move(redis);
+        if (config_.role == PlatformConfig::Role::kLease) {
+            redis_store_->hold();
+            lease_ = std::make_unique<RedisLease>(*loop_, config_.redis_socket);
+        }
     }
 
     void make_linux_switch() {
@@ -195,6 +212,8 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<Background> background_;
     std::unique_ptr<StoreDriver> store_;
     std::unique_ptr<LoopRecords> loop_records_;
+    RedisStore* redis_store_ = nullptr;  // store_, with store = "redis"
+    std::unique_ptr<LeaseDriver> lease_;
     std::unique_ptr<SwitchDriver> switch_;
     std::unique_ptr<PortModel> ports_;
     std::unique_ptr<ForwardingDriver> forwarding_;

@@ -50,6 +50,8 @@ class TestPlatform final : public Platform {
     StoreDriver* store_in_use = nullptr;  // null: memory_store()
     PortModel* port_model = nullptr;
     ForwardingDriver* forwarding_plane = nullptr;
+    LeaseDriver* lease_in_use = nullptr;
+    int masters = 0;           // calls of become_master()
     bool refuse_loop = false;  // attach_loop fails
 
     ManualClock manual_clock;
@@ -66,6 +68,8 @@ class TestPlatform final : public Platform {
     PortModel& ports() override;
     ForwardingDriver& forwarding() override;
     Background& background() override { return *background_; }
+    LeaseDriver* lease() override { return lease_in_use; }
+    void become_master() override { ++masters; }
     void attach_loop(EventLoop& loop) override;
 
  private:

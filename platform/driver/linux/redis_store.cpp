@@ -80,8 +80,15 @@ std::string printable(std::string text) {
 
 class RedisClient final : public StoreClient {
  public:
-    RedisClient(EventLoop& loop, const std::string& socket, StoreListener& listener)
-        : loop_(loop), socket_(socket), listener_(listener) {}
+    // Runs the task it is given at once, or later.
+    using WhenAllowed = std::function<void(std::function<void()>)>;
+
+    RedisClient(EventLoop& loop, const std::string& socket, StoreListener& listener,
+                WhenAllowed when_allowed)
+        : loop_(loop),
+          socket_(socket),
+          listener_(listener),
+          when_allowed_(std::move(when_allowed)) {}
 
     void open(uint32_t db) override;
     bool up(uint32_t db) const override;
@@ -157,6 +164,7 @@ class RedisClient final : public StoreClient {
     EventLoop& loop_;
     const std::string socket_;
     StoreListener& listener_;
+    const WhenAllowed when_allowed_;  // for the first connection
 
     std::map<uint32_t, Database> databases_;   // opened so far
     std::map<uint64_t, Write> unconfirmed_;    // in the order of the calls
@@ -324,7 +332,7 @@ void RedisClient::open(uint32_t db) {
         return;
     }
     if (databases_.size() == 1) {
-        connect();
+        when_allowed_([this] { connect(); });
     } else if (greetings_ == 2) {
         select(db);
     }
@@ -707,7 +715,25 @@ RedisStore::RedisStore(EventLoop& loop, std::string socket)
     : loop_(loop), socket_(std::move(socket)) {}
 
 std::unique_ptr<StoreClient> RedisStore::connect(StoreListener& listener) {
-    return std::make_unique<RedisClient>(loop_, socket_, listener);
+    return std::make_unique<RedisClient>(loop_, socket_, listener,
+                                         [this](std::function<void()> connect_client) {
+                                             if (held_) {
+                                                 waiting_.push_back(std::move(connect_client));
+                                             } else {
+                                                 connect_client();
+                                             }
+                                         });
+}
+
+void RedisStore::hold() {
+    held_ = true;
+}
+
+void RedisStore::release() {
+    held_ = false;
+    for (const std::function<void()>& connect_client : std::exchange(waiting_, {})) {
+        connect_client();
+    }
 }
 
 }  // namespace qv

@@ -4,8 +4,10 @@
 // must ignore SIGPIPE.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "platform/base/event_loop.h"
 #include "platform/driver/store_driver.h"
@@ -21,9 +23,16 @@ class RedisStore final : public StoreDriver {
     // were accepted but not confirmed when a connection was lost are sent again before that report.
     std::unique_ptr<StoreClient> connect(StoreListener& listener) override;
 
+    // From now on no client connects before release(), which then connects those that have opened a
+    // database. Call hold() before the first one does; the clients live at least until release().
+    void hold();
+    void release();
+
  private:
     EventLoop& loop_;
     const std::string socket_;
+    bool held_ = false;
+    std::vector<std::function<void()>> waiting_;  // connects of clients, until release()
 };
 
 }  // namespace qv

@@ -57,6 +57,7 @@ void expect_defaults(const PlatformConfig& config) {
     EXPECT_EQ(config.embedded_ports, 24u);
     EXPECT_EQ(config.speed, 1.0);
     EXPECT_EQ(config.role, PlatformConfig::Role::kSolo);
+    EXPECT_EQ(config.lease_ms, 3000u);
     EXPECT_EQ(config.tarn_state, "/var/lib/lda/tarn");
     EXPECT_EQ(config.metrics_listen, "");
 }
@@ -90,6 +91,7 @@ capabilities = "/tmp/cap.toml"
 speed = 60
 [role]
 mode = "lease"
+lease_ms = 60000
 [tarn]
 state = "/tmp/tarn"
 [metrics]
@@ -107,6 +109,7 @@ listen = "127.0.0.1:9464"
     EXPECT_EQ(config.capabilities, "/tmp/cap.toml");
     EXPECT_EQ(config.speed, 60.0);
     EXPECT_EQ(config.role, PlatformConfig::Role::kLease);
+    EXPECT_EQ(config.lease_ms, 60000u);
     EXPECT_EQ(config.tarn_state, "/tmp/tarn");
     EXPECT_EQ(config.metrics_listen, "127.0.0.1:9464");
 }
@@ -165,6 +168,14 @@ TEST_F(ConfigFile, UnknownChoiceIsRefusedWithTheKnownOnes) {
               "FILE:2: store must be \"memory\" or \"redis\", not \"disk\"");
     EXPECT_EQ(fault_of("[role]\nmode = \"Solo\"\n"),
               "FILE:2: role.mode must be \"solo\" or \"lease\", not \"Solo\"");
+}
+
+TEST_F(ConfigFile, LeaseLastsFromASecondToAMinute) {
+    EXPECT_EQ(read("[role]\nlease_ms = 1000\n").lease_ms, 1000u);
+    for (const char* const bad : {"999", "60001", "-1", "1000.0", "\"3000\""}) {
+        EXPECT_EQ(fault_of(std::string("[role]\nlease_ms = ") + bad + "\n"),
+                  "FILE:2: role.lease_ms must be a whole number from 1000 to 60000");
+    }
 }
 
 TEST_F(ConfigFile, WrongTypeIsRefused) {

@@ -20,9 +20,11 @@
 #include "platform/client/thread_master.h"
 #include "platform/driver/embedded/memory_store.h"
 #include "platform/driver/forwarding_driver.h"
+#include "platform/driver/linux/redis_lease.h"
 #include "platform/driver/linux/redis_store.h"
 #include "qv/mom.h"
 #include "tests/support/manual_clock.h"
+#include "tests/support/scripted_server.h"
 
 namespace {
 
@@ -97,6 +99,39 @@ TEST_F(PlatformFile, StoreIsTheDescribedOne) {
     qv_thread_master* const master = qv_thread_master_create();
     ASSERT_NE(master, nullptr);
     EXPECT_NE(dynamic_cast<qv::RedisStore*>(&qv::platform().store()), nullptr);
+    qv_thread_master_finish(master);
+}
+
+TEST_F(PlatformFile, LeaseIsInRedisWithRecordsInRedisOnly) {
+    describe("[role]\nmode = \"lease\"\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    EXPECT_EQ(qv::platform().lease(), nullptr);
+    qv_thread_master_finish(master);
+}
+
+TEST_F(PlatformFile, SoloAgentWithRecordsInRedisHasNoLease) {
+    describe("store = \"redis\"\n[redis]\nsocket = \"/nowhere/redis.sock\"\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    EXPECT_EQ(qv::platform().lease(), nullptr);
+    qv_thread_master_finish(master);
+}
+
+TEST_F(PlatformFile, StandbyConnectsToTheStoreOnlyAsTheMaster) {
+    qv::test::ScriptedServer server;
+    describe("store = \"redis\"\n[role]\nmode = \"lease\"\n[redis]\nsocket = \"" + server.path() +
+             "\"\n");
+    qv_thread_master* const master = qv_thread_master_create();
+    ASSERT_NE(master, nullptr);
+    EXPECT_NE(dynamic_cast<qv::RedisLease*>(qv::platform().lease()), nullptr);
+    ASSERT_TRUE(qv::test::run_until(qv::loop_of(master), ports_complete));
+    EXPECT_TRUE(server.accept().empty()) << "the records of the ports wait";
+    qv::platform().become_master();
+    EXPECT_FALSE(server.accept().empty());
+    qv_mom_client* const late = qv_mom_client_init("LATE", master, nullptr);
+    EXPECT_EQ(qv_mom_client_connect(late, QV_MOM_APP_DB, nullptr, nullptr), 0);
+    EXPECT_FALSE(server.accept().empty()) << "the master's own clients do not wait";
     qv_thread_master_finish(master);
 }
 
