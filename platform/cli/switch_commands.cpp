@@ -20,6 +20,7 @@ void register_switch_commands() {
     register_user_commands();
     register_tarn_commands();
     register_show_tarn();
+    register_role_command();
     register_debug_commands();
     register_logging_commands();
     register_notification_commands();

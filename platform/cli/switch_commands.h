@@ -22,6 +22,7 @@ void register_interface_commands();     // show interfaces ...
 void register_errdisable_commands();    // show errdisable ..., clear errdisable ...
 void register_loop_history_command();   // show loop-detect history
 void register_user_commands();          // show users, show history
+void register_role_command();           // show role
 void register_debug_commands();         // debug NAME, show debugging, show version
 void register_logging_commands();       // show logging, clear logging
 void register_notification_commands();  // show notifications
