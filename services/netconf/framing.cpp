@@ -12,6 +12,7 @@ constexpr std::string_view kEndOfChunks = "\n##\n";
 constexpr std::string_view kChunkStart = "\n#";
 constexpr std::string_view kChunkedFraming = "urn:ietf:params:netconf:base:1.1";
 constexpr size_t kLongestSize = 10;  // digits
+constexpr const char* kTooLong = "a message is longer than 64 KiB";
 
 // Whether either text is the beginning of the other.
 bool may_be(std::string_view text, std::string_view whole) {
@@ -62,11 +63,23 @@ std::optional<Message> Framing::next() {
     // The frame does not count, so the limit does not depend on how the bytes arrive.
     const size_t length = message ? message->text.size() : chunked_ ? text_.size() : scanned_;
     if (fault_ == nullptr && length > kLongestMessage_bytes) {
-        fault_ = "a message is longer than 64 KiB";
+        refuse_length(message ? std::move(message->text) : chunked_ ? text_ : input_);
     } else if (message && !holds_text(message->text)) {
         fault_ = "a message is empty or holds a zero byte";
     }
     return fault_ == nullptr ? std::move(message) : std::nullopt;
+}
+
+void Framing::refuse_length(std::string beginning) {
+    fault_ = kTooLong;
+    too_long_ = std::move(beginning);
+}
+
+std::optional<Message> Framing::beginning_of_too_long() const {
+    if (fault_ != kTooLong || !greeted_) {
+        return std::nullopt;
+    }
+    return Message{.text = too_long_, .chunked = chunked_};
 }
 
 // Ends a message of `length` bytes of the input.
@@ -129,7 +142,7 @@ bool Framing::take_chunk() {
         return false;
     }
     if (size > kLongestMessage_bytes) {
-        fault_ = "a message is longer than 64 KiB";
+        refuse_length(text_ + std::string(rest.substr(line_end + 1)));
         return false;
     }
     const size_t length = line_end + 1 + size;

@@ -32,6 +32,9 @@ class Framing {
 
     // The reason why the input cannot be read any further; null without a fault.
     const char* fault() const { return fault_; }
+    // After a fault, the beginning of the message when it is a request that is too long; else
+    // nothing.
+    std::optional<Message> beginning_of_too_long() const;
     // Whether a message has begun that is not whole.
     bool inside_message() const { return !input_.empty(); }
 
@@ -40,6 +43,7 @@ class Framing {
     std::optional<Message> next_delimited();
     std::optional<Message> next_chunked();
     bool take_chunk();
+    void refuse_length(std::string beginning);
 
     std::string input_;   // of the message that is not whole yet
     size_t scanned_ = 0;  // bytes of it that are known to be valid
@@ -47,6 +51,7 @@ class Framing {
     bool greeted_ = false;
     bool chunked_ = false;
     const char* fault_ = nullptr;
+    std::string too_long_;  // beginning of a message, when that is the fault
 };
 
 }  // namespace netconf

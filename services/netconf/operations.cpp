@@ -4,6 +4,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "services/netconf/request_check.h"
 #include "services/netconf/rpc_error.h"
 
 namespace netconf {
@@ -67,6 +68,9 @@ void check_input(const Entry& entry, const lyd_node& rpc) {
 
 nc_server_reply* perform(const Entry& entry, const lyd_node& rpc, Session& session) {
     try {
+        if (const auto error = error_carried_by(rpc)) {
+            throw *error;
+        }
         check_input(entry, rpc);
         return entry.perform(rpc, session);
     } catch (const RpcError& error) {

@@ -10,8 +10,10 @@
 #include <array>
 #include <stdexcept>
 
+#include "services/netconf/client_quirks.h"
 #include "services/netconf/log.h"
 #include "services/netconf/operations.h"
+#include "services/netconf/request_check.h"
 #include "services/netconf/stdin_relay.h"
 
 namespace netconf {
@@ -206,7 +208,10 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
                     .subscription = nullptr};
     start_server(context);
     skip_session_ids_below(number.id());
-    const StdinRelay requests;
+    const StdinRelay requests([context](std::string& text) {
+        adapt_message(text);
+        replace_bad_request(context, text);
+    });
     nc_session* accepted = nullptr;
     NC_MSG_TYPE answer;
     {

@@ -9,10 +9,11 @@
 #include <string_view>
 #include <system_error>
 #include <thread>
+#include <utility>
 
-#include "services/netconf/client_quirks.h"
 #include "services/netconf/framing.h"
 #include "services/netconf/log.h"
+#include "services/netconf/request_check.h"
 
 namespace netconf {
 namespace {
@@ -31,7 +32,9 @@ bool write_all(int fd, std::string_view bytes) {
 
 }  // namespace
 
-StdinRelay::StdinRelay() : shared_(std::make_shared<Shared>()) {
+StdinRelay::StdinRelay(std::function<void(std::string&)> adapt)
+    : shared_(std::make_shared<Shared>()) {
+    shared_->adapt = std::move(adapt);
     std::array<int, 2> ends{};
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw std::system_error(errno, std::generic_category(), "socketpair");
@@ -51,10 +54,26 @@ StdinRelay::StdinRelay() : shared_(std::make_shared<Shared>()) {
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
 }
 
+StdinRelay::~StdinRelay() {
+    const std::lock_guard lock(shared_->mutex);
+    shared_->adapt = nullptr;
+}
+
+// Returns false when the relay is destroyed.
+bool StdinRelay::adapt(Shared& shared, std::string& text) {
+    const std::lock_guard lock(shared.mutex);
+    if (!shared.adapt) {
+        return false;
+    }
+    shared.adapt(text);
+    return true;
+}
+
 void StdinRelay::relay(const std::shared_ptr<Shared>& shared) {
     use_signal_stack();
     const int messages = shared->messages.fd();
     Framing framing;
+    bool greeted = false;
     std::array<char, 16384> piece;
     for (;;) {
         const ssize_t length = read(STDIN_FILENO, piece.data(), piece.size());
@@ -66,7 +85,9 @@ void StdinRelay::relay(const std::shared_ptr<Shared>& shared) {
         }
         framing.feed({piece.data(), static_cast<size_t>(length)});
         while (auto message = framing.next()) {
-            adapt_message(message->text);
+            if (std::exchange(greeted, true) && !adapt(*shared, message->text)) {
+                return;
+            }
             if (!write_all(messages, message->framed())) {
                 return;
             }
@@ -74,6 +95,10 @@ void StdinRelay::relay(const std::shared_ptr<Shared>& shared) {
         if (framing.fault() != nullptr) {
             break;
         }
+    }
+    if (auto message = framing.beginning_of_too_long()) {
+        message->text = too_big_request(message->text);
+        write_all(messages, message->framed());
     }
     shared->fault = framing.fault() == nullptr && framing.inside_message()
                         ? "the input ends within a message"

@@ -7,7 +7,10 @@
 #pragma once
 
 #include <atomic>
+#include <functional>
 #include <memory>
+#include <mutex>
+#include <string>
 
 #include "services/netconf/shared_state.h"
 
@@ -16,8 +19,12 @@ namespace netconf {
 class StdinRelay {
  public:
     // Starts the thread, which lives until standard input ends or is broken, or the process ends.
-    // Throws std::system_error.
-    StdinRelay();
+    // `adapt` may change each request before it is passed on, but not the hello; the thread calls
+    // it, never after the destructor has returned. Throws std::system_error.
+    explicit StdinRelay(std::function<void(std::string& text)> adapt);
+    ~StdinRelay();
+    StdinRelay(const StdinRelay&) = delete;
+    StdinRelay& operator=(const StdinRelay&) = delete;
 
     // The socket that libnetconf2 reads. It ends when the input has ended.
     int fd() const { return messages_.fd(); }
@@ -29,7 +36,10 @@ class StdinRelay {
     struct Shared {
         File messages;
         std::atomic<const char*> fault{nullptr};
+        std::mutex mutex;                         // guards `adapt`; held while it runs
+        std::function<void(std::string&)> adapt;  // empty once the relay is destroyed
     };
+    static bool adapt(Shared& shared, std::string& text);
     static void relay(const std::shared_ptr<Shared>& shared);
 
     File messages_;

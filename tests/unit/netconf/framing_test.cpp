@@ -217,6 +217,28 @@ TEST(Framing, MessageBeyondTheLimitIsAFault) {
     EXPECT_STREQ(framing.fault(), kTooLong);
 }
 
+TEST(Framing, BeginningOfATooLongRequestIsKept) {
+    const std::string hello = "<hello>urn:ietf:params:netconf:base:1.1</hello>" + kEnd;
+    const auto beginning = [](const std::string& stream) {
+        Framing framing;
+        framing.feed(stream);
+        while (framing.next()) {
+        }
+        const auto message = framing.beginning_of_too_long();
+        return message ? (message->chunked ? "chunked " : "delimited ") + message->text.substr(0, 8)
+                       : "none";
+    };
+    EXPECT_EQ(beginning(hello + "\n#3\nabc\n#65537\ndef"), "chunked abcdef");
+    EXPECT_EQ(beginning(hello + "\n#99999\n"), "chunked ");
+    EXPECT_EQ(beginning(hello + "\n#2\nab\n#65535\n" + std::string(65535, 'x')),
+              "chunked abxxxxxx");
+    const std::string text = "cd" + std::string(66000, 'x');
+    EXPECT_EQ(beginning("<hello/>" + kEnd + text), "delimited cdxxxxxx");
+    EXPECT_EQ(beginning("<hello/>" + kEnd + text + kEnd), "delimited cdxxxxxx");
+    EXPECT_EQ(beginning(text), "none") << "a hello has no answer";
+    EXPECT_EQ(beginning(hello + "\n#x\n"), "none");
+}
+
 TEST(Framing, MessageAtTheLimitPasses) {
     const std::string text(65'536, 'x');
     EXPECT_EQ(outcome_of({"\n#65536\n" + text + "\n##\n"}).texts, (std::vector<std::string>{text}));

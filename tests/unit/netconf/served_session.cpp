@@ -125,18 +125,25 @@ void ServedSession::TearDown() {
     close(server_);
 }
 
-std::string ServedSession::reply_to(const std::string& operation) {
-    const std::string framed = request(operation);
+std::string ServedSession::exchange(const std::string& message) {
+    const std::string framed = message + kEnd;
     EXPECT_EQ(::write(client_, framed.data(), framed.size()), static_cast<ssize_t>(framed.size()));
     nc_ps_poll(polled_, 0, nullptr);
-    const std::string reply = read_message(client_);
+    return std::regex_replace(read_message(client_), std::regex(">\\s+<"), "><");
+}
+
+std::string ServedSession::content_of_reply(const std::string& reply) {
     const std::string start = "<rpc-reply xmlns=\"" + kBaseNamespace + "\" message-id=\"1\">";
     const std::string end = "</rpc-reply>";
-    const std::string text = std::regex_replace(reply, std::regex(">\\s+<"), "><");
-    if (!text.starts_with(start) || text.find(end) == std::string::npos) {
-        return "no reply: " + text;
+    if (!reply.starts_with(start) || reply.find(end) == std::string::npos) {
+        return "no reply: " + reply;
     }
-    return text.substr(start.size(), text.rfind(end) - start.size());
+    return reply.substr(start.size(), reply.rfind(end) - start.size());
+}
+
+std::string ServedSession::reply_to(const std::string& operation) {
+    const std::string framed = request(operation);
+    return content_of_reply(exchange(framed.substr(0, framed.size() - kEnd.size())));
 }
 
 void ServedSession::publish_policy(uint32_t policy) {

@@ -41,6 +41,10 @@ class ServedSession : public testing::Test {
     // The content of the reply to a request. Elements without a namespace are those of the base
     // protocol.
     std::string reply_to(const std::string& operation);
+    // The whole reply to a message, likewise.
+    std::string exchange(const std::string& message);
+    // The content of a reply with the message-id 1.
+    static std::string content_of_reply(const std::string& reply);
 
     // The policy that the agent has published.
     void publish_policy(uint32_t policy);

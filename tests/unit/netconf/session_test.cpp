@@ -315,6 +315,26 @@ TEST_F(SessionOfAClient, RequestThatIsRefusedDoesNotEndIt) {
     EXPECT_NE(written_.find("<error-tag>bad-element</error-tag>"), std::string::npos);
 }
 
+TEST_F(SessionOfAClient, RequestThatCannotBeParsedIsAnsweredInItsPlace) {
+    send(hello() + request(kGet, "1") + request("<no-such/>", "2") + request(kGet, "3") +
+         request(kClose, "4"));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(replies(), 4U);
+    const size_t refused = written_.find("<error-tag>operation-not-supported</error-tag>");
+    ASSERT_NE(refused, std::string::npos);
+    EXPECT_LT(written_.find("message-id=\"1\""), written_.find("message-id=\"2\""));
+    EXPECT_LT(written_.find("message-id=\"2\""), refused);
+    EXPECT_LT(refused, written_.find("message-id=\"3\""));
+}
+
+TEST_F(SessionOfAClient, RequestThatIsTooLongIsAnsweredBeforeTheEnd) {
+    send(hello("urn:ietf:params:netconf:base:1.1") + "\n#99999\n<rpc message-id=\"5\">");
+    EXPECT_EQ(run(), 1);
+    EXPECT_NE(written_.find("message-id=\"5\"><rpc-error>"), std::string::npos) << written_;
+    EXPECT_NE(written_.find("<error-tag>too-big</error-tag>"), std::string::npos);
+    EXPECT_EQ(logged().back(), (LogLine{LOG_WARNING, "ended: a message is longer than 64 KiB"}));
+}
+
 TEST_F(SessionOfAClient, EndWithinAMessageIsTheClientsFault) {
     send(hello());
     then_send(request(kGet));

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -15,6 +16,7 @@
 #include <string>
 #include <thread>
 
+#include "services/netconf/client_quirks.h"
 #include "tests/unit/netconf/intercepted.h"
 
 using namespace netconf::test;
@@ -58,7 +60,7 @@ class StdinRelayTest : public testing::Test {
         close(usual_);
     }
 
-    void start() { relay_ = std::make_unique<StdinRelay>(); }
+    void start() { relay_ = std::make_unique<StdinRelay>(netconf::adapt_message); }
     void send(const std::string& bytes) {
         ASSERT_EQ(::write(client_, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
     }
@@ -118,6 +120,33 @@ TEST_F(StdinRelayTest, QuirksOfClientsAreCorrected) {
     send(kHello + edit(" operation"));
     hang_up();
     EXPECT_EQ(rest(), kHello + edit(" xmlns:nc=\"" + kBase + "\" nc:operation"));
+}
+
+TEST_F(StdinRelayTest, RequestThatIsTooLongIsReplaced) {
+    start();
+    send(kHello + "\n#99999\n<rpc message-id=\"7\">");
+    const std::string passed = rest();
+    EXPECT_TRUE(passed.starts_with(kHello)) << passed;
+    EXPECT_NE(passed.find("message-id=\"7\"><get>"), std::string::npos) << passed;
+    EXPECT_TRUE(passed.ends_with("</rpc>\n##\n")) << passed;
+    EXPECT_STREQ(relay_->fault(), "a message is longer than 64 KiB");
+}
+
+TEST_F(StdinRelayTest, HelloIsNotAdapted) {
+    relay_ = std::make_unique<StdinRelay>([](std::string& text) { text += "!"; });
+    send(kHello + framed("<rpc/>"));
+    hang_up();
+    EXPECT_EQ(rest(), kHello + framed("<rpc/>!"));
+}
+
+TEST_F(StdinRelayTest, NothingIsAdaptedForADestroyedRelay) {
+    const auto adapted = std::make_shared<std::atomic<int>>(0);
+    relay_ = std::make_unique<StdinRelay>([adapted](std::string&) { ++*adapted; });
+    send(kHello + framed("<rpc/>"));
+    EXPECT_EQ(take(kHello.size() + framed("<rpc/>").size()), kHello + framed("<rpc/>"));
+    relay_.reset();
+    EXPECT_EQ(adapted.use_count(), 1) << "the relay still holds the function";
+    EXPECT_EQ(*adapted, 1);
 }
 
 TEST_F(StdinRelayTest, EndWithinAMessageIsAFault) {
