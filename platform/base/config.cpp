@@ -22,6 +22,7 @@ namespace {
 
 constexpr size_t kMaxBridgeName = 15;  // the kernel's limit for an interface name
 constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
+constexpr size_t kMaxGroupName = 32;  // of the shadow tools
 constexpr int64_t kMaxPorts = 4096;
 constexpr int64_t kMaxSessions = 1024;
 constexpr int64_t kMaxIdleTimeout_s = 7 * 24 * 3600;
@@ -177,6 +178,14 @@ std::string socket_fault(const std::string& socket) {
                : "must be a path of 1 to " + std::to_string(kMaxSocketPath) + " bytes";
 }
 
+std::string group_fault(const std::string& name) {
+    const bool shaped = !name.empty() && name.size() <= kMaxGroupName &&
+                        name.find_first_of(": \t\r\n\v\f,") == std::string::npos;
+    return shaped ? ""
+                  : "must be the name of a group, 1 to " + std::to_string(kMaxGroupName) +
+                        " characters";
+}
+
 std::string folder_fault(const std::string& path) {
     return path.starts_with('/') ? "" : "must be an absolute path";
 }
@@ -205,6 +214,8 @@ void read_sections(const Section& top, PlatformConfig& config) {
 
     top.section("tarn", {"state"}).text("state", config.tarn_state, folder_fault);
     top.section("metrics", {"listen"}).text("listen", config.metrics_listen, listen_fault);
+    top.section("netconf", {"write_group"})
+        .text("write_group", config.netconf_write_group, group_fault);
 
     const Section clock = top.section("clock", {"speed"});
     clock.positive("speed", config.speed, kMaxSpeed);
@@ -225,7 +236,7 @@ PlatformConfig load_platform_config(const std::string& path) {
     const toml::table table = parse(path);
     const Section top(path, table, "",
                       {"switch", "store", "linux", "redis", "cli", "embedded", "files", "clock",
-                       "role", "tarn", "metrics"});
+                       "role", "tarn", "metrics", "netconf"});
     PlatformConfig config;
     top.choice<PlatformConfig::Switch>("switch", config.switch_kind,
                                        {{"embedded", PlatformConfig::Switch::kEmbedded},

@@ -19,13 +19,14 @@ struct PlatformConfig {
     std::string cli_socket = "/run/lda/cli.sock";               // [cli] socket
     unsigned cli_max_sessions = 64;                             // [cli] max_sessions
     unsigned cli_idle_timeout_s = 1800;                         // [cli] idle_timeout; 0: never
-    std::string startup_config;    // [files] startup_config; empty: nothing is saved
-    std::string log_dir;           // [files] log_dir; empty: no log file
-    std::string capabilities;      // [files] capabilities; empty: none
-    unsigned embedded_ports = 24;  // [embedded] ports
-    double speed = 1.0;            // [clock] speed, embedded switch only
-    Role role = Role::kSolo;       // [role] mode
-    unsigned lease_ms = 3000;      // [role] lease_ms, for a lease in Redis
+    std::string startup_config;       // [files] startup_config; empty: nothing is saved
+    std::string log_dir;              // [files] log_dir; empty: no log file
+    std::string capabilities;         // [files] capabilities; empty: none
+    unsigned embedded_ports = 24;     // [embedded] ports
+    double speed = 1.0;               // [clock] speed, embedded switch only
+    Role role = Role::kSolo;          // [role] mode
+    unsigned lease_ms = 3000;         // [role] lease_ms, for a lease in Redis
+    std::string netconf_write_group;  // [netconf] write_group; empty: every user may change
     std::string tarn_state =
         "/var/lib/lda/tarn";     // [tarn] state: folder of tarnd's key and journal
     std::string metrics_listen;  // [metrics] listen; empty: no metrics

@@ -38,7 +38,9 @@ constexpr const char* kHelp =
     "  [role]     mode = \"solo\"      \"solo\" or \"lease\"\n"
     "             lease_ms = 3000    time of a lease in Redis, 1000 to 60000\n"
     "  [tarn]     state = \"/var/lib/lda/tarn\"   folder of the loop-probe service tarnd\n"
-    "  [metrics]  listen             loopback address and port of the metrics; left out: none\n";
+    "  [metrics]  listen             loopback address and port of the metrics; left out: none\n"
+    "  [netconf]  write_group        group that may change things over NETCONF; left out: all "
+    "users\n";
 
 // If the process starts without them, the first file or socket it opened would take their numbers,
 // and with them the output for the terminal.

@@ -14,6 +14,7 @@ struct Entry {
     const char* path;
     nc_server_reply* (*perform)(const lyd_node& rpc, Session& session);
     std::array<const char*, 2> needed{};  // parameters that the operation needs
+    bool changes = false;                 // the configuration, or who may edit it
 };
 
 // libnetconf2 has its own <close-session>. Its own <get-schema> frees memory twice and must not be
@@ -22,10 +23,10 @@ constexpr std::array<Entry, 10> kOperations{{
     {"/ietf-netconf:get", get},
     {"/ietf-netconf:get-config", get_config, {"source"}},
     {"/ietf-netconf-monitoring:get-schema", get_schema, {"identifier"}},
-    {"/ietf-netconf:edit-config", edit_config, {"target", "config"}},
-    {"/ietf-netconf:copy-config", copy_config, {"target", "source"}},
+    {"/ietf-netconf:edit-config", edit_config, {"target", "config"}, true},
+    {"/ietf-netconf:copy-config", copy_config, {"target", "source"}, true},
     {"/ietf-netconf:validate", validate, {"source"}},
-    {"/ietf-netconf:lock", lock, {"target"}},
+    {"/ietf-netconf:lock", lock, {"target"}, true},
     {"/ietf-netconf:unlock", unlock, {"target"}},
     {"/ietf-netconf:kill-session", kill_session, {"session-id"}},
     {"/notifications:create-subscription", create_subscription},
@@ -70,6 +71,11 @@ nc_server_reply* perform(const Entry& entry, const lyd_node& rpc, Session& sessi
     try {
         if (const auto error = error_carried_by(rpc)) {
             throw *error;
+        }
+        if (entry.changes && !session.may_change) {
+            throw RpcError(
+                NC_ERR_ACCESS_DENIED, NC_ERR_TYPE_PROT,
+                "only members of the group \"" + session.options.write_group + "\" may do this");
         }
         check_input(entry, rpc);
         return entry.perform(rpc, session);

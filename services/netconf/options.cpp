@@ -17,7 +17,8 @@ std::string usage() {
            "Speaks NETCONF on standard input and output: one process, one session. Meant to be\n"
            "started by sshd as its subsystem \"netconf\".\n"
            "\n"
-           "  --platform FILE   platform file of the switch; its [redis] socket is used\n"
+           "  --platform FILE   platform file of the switch, for its [redis] socket and\n"
+           "                    [netconf] write_group\n"
            "                    (default: the environment variable LDA_PLATFORM)\n"
            "  --redis SOCKET    Unix socket of the object database\n"
            "  --yang DIR        folder of the YANG modules (default: " LDA_YANG_DIR
@@ -68,9 +69,14 @@ Options read_options(int count, char* const* words) {
     if (optind < count) {
         throw std::runtime_error(std::string("bad argument: ") + words[optind]);
     }
-    if (options.redis_socket.empty() && !options.help) {
-        options.redis_socket = platform.empty() ? qv::PlatformConfig().redis_socket
-                                                : qv::load_platform_config(platform).redis_socket;
+    if (options.help) {
+        return options;
+    }
+    const qv::PlatformConfig config =
+        platform.empty() ? qv::PlatformConfig() : qv::load_platform_config(platform);
+    options.write_group = config.netconf_write_group;
+    if (options.redis_socket.empty()) {
+        options.redis_socket = config.redis_socket;
     }
     return options;
 }

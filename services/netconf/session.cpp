@@ -10,6 +10,7 @@
 #include <array>
 #include <stdexcept>
 
+#include "services/netconf/access.h"
 #include "services/netconf/client_quirks.h"
 #include "services/netconf/log.h"
 #include "services/netconf/operations.h"
@@ -205,7 +206,9 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
                     .context = context,
                     .number = number,
                     .lock = RunningLock(options.runtime_dir, number.id()),
-                    .subscription = nullptr};
+                    .subscription = nullptr,
+                    .link = nullptr,
+                    .may_change = may_change(options.write_group)};
     start_server(context);
     skip_session_ids_below(number.id());
     const StdinRelay requests([context](std::string& text) {

@@ -22,6 +22,7 @@ struct Session {
     RunningLock lock;
     std::unique_ptr<Subscription> subscription;  // null: not requested
     nc_session* link = nullptr;
+    bool may_change = true;  // the configuration; constant
 };
 
 // Says hello on standard input and output and serves the client until the session ends. Logs the

@@ -1,8 +1,11 @@
-"""Error-tags of NETCONF requests that do not fit the protocol."""
+"""Error-tags of NETCONF requests that do not fit the protocol, or that a user may not send."""
+
+import os
+import subprocess
 
 import pytest
 from lab import Lab
-from netconf_lab import BASE, MODEL, Front
+from netconf_lab import BASE, MODEL, Front, RawSession
 
 INLINE = f'<config><loop-detect xmlns="{MODEL}"><loop-policy>2</loop-policy></loop-detect></config>'
 EDIT = f"<edit-config><target><running/></target>{INLINE}</edit-config>"
@@ -59,3 +62,38 @@ def test_request_that_is_too_long_is_too_big_and_ends_the_session(front):
         assert 'message-id="1"' in reply
         assert "<error-tag>too-big</error-tag>" in reply
         assert raw.process.wait(timeout=20) == 1
+
+
+def session_of_groups(front, tmp_path, write_group, groups):
+    """A session of a user with these groups, on a switch whose write_group is the given one."""
+    platform = tmp_path / "group.toml"
+    text = front.lab.platform_file.read_text()
+    platform.write_text(text + f'\n[netconf]\nwrite_group = "{write_group}"\n')
+    as_member = ["setpriv", "--groups", groups] if groups else ["setpriv", "--clear-groups"]
+    command = as_member + [str(word) for word in front.command()] + ["--platform", str(platform)]
+    return RawSession(command, tmp_path / "log")
+
+
+@pytest.mark.skipif(os.geteuid() != 0, reason="needs root to run a session in other groups")
+def test_only_members_of_the_write_group_change_things(front, tmp_path):
+    lock = "<lock><target><running/></target></lock>"
+    with session_of_groups(front, tmp_path, "daemon", "") as outsider:
+        for request in (EDIT, lock):
+            reply = outsider.rpc(request)
+            assert "<error-tag>access-denied</error-tag>" in reply
+            assert 'only members of the group "daemon" may do this' in reply
+        assert "<data/>" in outsider.rpc(READ)
+        assert "<ok/>" in outsider.rpc('<create-subscription xmlns="urn:ietf:params:xml:ns:netconf:notification:1.0"/>')
+    with session_of_groups(front, tmp_path, "daemon", "2,1") as member:
+        assert "<ok/>" in member.rpc(lock)
+        assert "<ok/>" in member.rpc(EDIT)
+        assert "<loop-policy>2</loop-policy>" in member.rpc(READ)
+
+
+def test_unknown_write_group_is_refused_at_the_start(front, tmp_path):
+    platform = tmp_path / "group.toml"
+    platform.write_text('[netconf]\nwrite_group = "no-such-group"\n')
+    done = subprocess.run(front.command() + ["--platform", platform], input=b"", capture_output=True, timeout=20)
+    assert done.returncode == 2
+    assert done.stdout == b""
+    assert b'lda-netconf: [netconf] write_group: there is no group "no-such-group"\n' in done.stderr

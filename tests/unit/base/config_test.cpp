@@ -60,6 +60,7 @@ void expect_defaults(const PlatformConfig& config) {
     EXPECT_EQ(config.lease_ms, 3000u);
     EXPECT_EQ(config.tarn_state, "/var/lib/lda/tarn");
     EXPECT_EQ(config.metrics_listen, "");
+    EXPECT_EQ(config.netconf_write_group, "");
 }
 
 TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
@@ -96,6 +97,8 @@ lease_ms = 60000
 state = "/tmp/tarn"
 [metrics]
 listen = "127.0.0.1:9464"
+[netconf]
+write_group = "operators"
 )");
     EXPECT_EQ(config.store, PlatformConfig::Store::kRedis);
     EXPECT_EQ(config.bridge, "lab");
@@ -112,6 +115,7 @@ listen = "127.0.0.1:9464"
     EXPECT_EQ(config.lease_ms, 60000u);
     EXPECT_EQ(config.tarn_state, "/tmp/tarn");
     EXPECT_EQ(config.metrics_listen, "127.0.0.1:9464");
+    EXPECT_EQ(config.netconf_write_group, "operators");
 }
 
 TEST_F(ConfigFile, MetricsAreServedOnALoopbackAddressOnly) {
@@ -143,6 +147,16 @@ TEST_F(ConfigFile, MetricsAreServedOnALoopbackAddressOnly) {
                   "\"127.0.0.1:9464\"")
             << address;
     }
+}
+
+TEST_F(ConfigFile, WriteGroupIsTheNameOfAGroup) {
+    for (const char* const name : {"", "a b", "a:b", "a,b", "abcdefghijabcdefghijabcdefghijabc"}) {
+        EXPECT_EQ(fault_of(std::string("[netconf]\nwrite_group = \"") + name + "\""),
+                  "FILE:2: netconf.write_group must be the name of a group, 1 to 32 characters");
+    }
+    EXPECT_EQ(
+        read("[netconf]\nwrite_group = \"abcdefghijabcdefghijabcdefghijab\"").netconf_write_group,
+        "abcdefghijabcdefghijabcdefghijab");
 }
 
 TEST_F(ConfigFile, LinuxSwitchAndMemoryStoreGoTogether) {

@@ -80,6 +80,27 @@ TEST_F(Operations, ConfigurationMayHoldAnyNumberOfElements) {
               "<data/>");
 }
 
+TEST_F(Operations, OnlyTheWriteGroupChangesThings) {
+    run_agent();
+    reserve_changes_for("admins");
+    const std::string denied =
+        ErrorText{.type = "protocol",
+                  .tag = "access-denied",
+                  .message = "only members of the group \"admins\" may do this"}
+            .xml();
+    const std::string config = "<config><loop-detect xmlns=\"" + kModelNamespace +
+                               "\"><loop-policy>2</loop-policy></loop-detect></config>";
+    EXPECT_EQ(reply_to("<edit-config>" + kTarget + config + "</edit-config>"), denied);
+    EXPECT_EQ(reply_to("<copy-config>" + kTarget + "<source>" + config + "</source></copy-config>"),
+              denied);
+    EXPECT_EQ(reply_to("<lock>" + kTarget + "</lock>"), denied);
+    EXPECT_EQ(reply_to("<edit-config/>"), denied) << "before anything is looked at";
+    EXPECT_TRUE(requests().empty());
+    EXPECT_FALSE(session().lock.mine());
+    EXPECT_EQ(reply_to("<get-config>" + kSource + "</get-config>"), "<data/>");
+    EXPECT_EQ(reply_to("<validate><source>" + config + "</source></validate>"), "<ok/>");
+}
+
 TEST_F(Operations, FailureIsAnErrorOfTheApplication) {
     const std::string reason = lose_database();
     EXPECT_EQ(

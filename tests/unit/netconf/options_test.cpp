@@ -66,8 +66,18 @@ TEST_F(OptionsOfTheFront, SocketComesFromTheOptionThenThePlatformFileThenTheEnvi
     EXPECT_EQ(read({}).redis_socket, "/environment");
     EXPECT_EQ(read({"--platform", named}).redis_socket, "/named");
     EXPECT_EQ(read({"--platform", named, "--redis", "/own"}).redis_socket, "/own");
-    // A file that is not needed is not read.
-    EXPECT_EQ(read({"--platform", "/nowhere.toml", "--redis", "/own"}).redis_socket, "/own");
+}
+
+TEST_F(OptionsOfTheFront, WriteGroupComesFromThePlatformFileAlsoWithASocketOfItsOwn) {
+    const std::string file = folder_.path("group.toml");
+    std::ofstream(file) << "[netconf]\nwrite_group = \"operators\"\n";
+    EXPECT_EQ(read({}).write_group, "");
+    EXPECT_EQ(read({"--platform", file}).write_group, "operators");
+    EXPECT_EQ(read({"--platform", file, "--redis", "/own"}).write_group, "operators");
+    setenv("LDA_PLATFORM", file.c_str(), 1);
+    EXPECT_EQ(read({"--redis", "/own"}).write_group, "operators");
+    EXPECT_EQ(fault({"--platform", "/nowhere.toml", "--redis", "/own"}),
+              "/nowhere.toml: cannot be read: No such file or directory");
 }
 
 TEST_F(OptionsOfTheFront, HelpNeedsNoPlatformFile) {
@@ -93,7 +103,8 @@ TEST_F(OptionsOfTheFront, UsageNamesEveryOption) {
               "Speaks NETCONF on standard input and output: one process, one session. Meant to be\n"
               "started by sshd as its subsystem \"netconf\".\n"
               "\n"
-              "  --platform FILE   platform file of the switch; its [redis] socket is used\n"
+              "  --platform FILE   platform file of the switch, for its [redis] socket and\n"
+              "                    [netconf] write_group\n"
               "                    (default: the environment variable LDA_PLATFORM)\n"
               "  --redis SOCKET    Unix socket of the object database\n"
               "  --yang DIR        folder of the YANG modules (default: " YANG_DIR

@@ -166,6 +166,11 @@ void ServedSession::publish_port(std::string name, uint32_t policy, bool src_por
     peer_->store(4, "p_app.lda_loop_entry/name=" + name, packed);
 }
 
+void ServedSession::reserve_changes_for(const std::string& group) {
+    options_.write_group = group;
+    session_->may_change = false;
+}
+
 std::string ServedSession::lose_database() {
     options_.redis_socket = folder_.path("nobody.sock");
     return "the object database at " + options_.redis_socket +

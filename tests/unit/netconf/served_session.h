@@ -55,6 +55,8 @@ class ServedSession : public testing::Test {
     std::vector<std::string> requests() const { return requests_; }
 
     Session& session() { return *session_; }
+    // From now on the user of the session is not in this group, which may change things.
+    void reserve_changes_for(const std::string& group);
     const std::string& runtime_dir() const { return options_.runtime_dir; }
     std::string id() const { return std::to_string(number_->id()); }
     DatabasePeer& database() { return *peer_; }

@@ -440,6 +440,13 @@ TEST_F(SessionOfAClient, NeverBeginsWithoutTheLibrary) {
     EXPECT_EQ(thrown_, "libnetconf2 does not start");
 }
 
+TEST_F(SessionOfAClient, NeverBeginsWithAnUnknownWriteGroup) {
+    options_.write_group = "no-such-group";
+    send(hello());
+    EXPECT_EQ(run(), -1);
+    EXPECT_EQ(thrown_, "[netconf] write_group: there is no group \"no-such-group\"");
+}
+
 TEST_F(SessionOfAClient, NotificationsAreSentBetweenRequests) {
     send(hello());
     then_send(request(kSubscribe));
