@@ -6,6 +6,7 @@
 
 #include "p_app.pb-c.h"
 #include "platform/base/metrics.h"
+#include "platform/client/own_records.h"
 #include "tests/support/store_fixture.h"
 #include "tests/unit/client/ports_rig.h"
 
@@ -144,6 +145,16 @@ TEST_F(LoopMetrics, LoopEntryIsAttributedToTheReportBeingDelivered) {
     EXPECT_EQ(figures.looped_ports, 2U);
     qv::discount_own_record(key);
     EXPECT_EQ(figures.looped_ports, 1U);
+}
+
+TEST_F(LoopMetrics, EntryThatIsSetAgainIsCountedOnce) {
+    const std::string key = "p_app.lda_loop_entry/name=swp4";
+    qv::own_records().set(nullptr, 4, key, {});
+    qv::own_records().set(nullptr, 4, key, {});
+    EXPECT_EQ(figures.looped_ports, 1U);
+    EXPECT_EQ(figures.loops_by_storm, 1U);
+    qv::own_records().erase(4, key);
+    EXPECT_EQ(figures.looped_ports, 0U);
 }
 
 TEST_F(LoopMetrics, OtherRecordsAreNotCounted) {
