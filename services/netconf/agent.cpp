@@ -125,15 +125,16 @@ std::vector<LoopedPort> looped_ports(Database& database) {
     return ports;
 }
 
-void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy) {
+void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy,
+                    Deadline deadline) {
     const std::string publisher = "netconf-" + std::to_string(getpid());
     const int32_t oid = fresh_oid();
-    Database database(socket);
+    Database database(socket, deadline);
     if (database.listeners(kLocalDatabase, kPolicyType) == 0) {
         throw RequestFailed("the loop-detection agent is not running; nothing was changed");
     }
-    Listener answers(socket, kLocalDatabase, kAnswerType);
-    const auto deadline = steady_clock::now() + kAnswerLimit;
+    Listener answers(socket, kLocalDatabase, kAnswerType, deadline);
+    const auto usual = steady_clock::now() + kAnswerLimit;
     std::optional<int32_t> result;
     try {
         if (database.set(kLocalDatabase, kPolicyType,
@@ -141,10 +142,10 @@ void request_policy(const std::string& socket, PolicyRequest request, uint32_t p
             throw RequestFailed("the loop-detection agent is not running; nothing was changed");
         }
         while (!result) {
-            const auto notice = answers.wait(deadline);
+            const auto notice = answers.wait(std::min(usual, deadline));
             if (!notice) {
-                throw RequestFailed("the loop-detection agent did not answer within 2 s" +
-                                    kOpenEnd);
+                throw RequestFailed(std::string("the loop-detection agent did not answer ") +
+                                    (usual <= deadline ? "within 2 s" : "in time") + kOpenEnd);
             }
             result = result_in(*notice, request, publisher, oid);
         }

@@ -33,8 +33,10 @@ struct RequestFailed : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
 
-// Asks the agent to apply `policy` and waits for its answer, 2 s at most. Returns when the agent
-// confirms it. Throws RequestFailed or DatabaseLost. Without an agent nothing is written.
-void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy);
+// Asks the agent to apply `policy` and waits for its answer, 2 s at most and not beyond `deadline`.
+// Returns when the agent confirms it. Throws RequestFailed, or DatabaseLost when nothing was
+// written. Without an agent nothing is written.
+void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy,
+                    Deadline deadline = Deadline::max());
 
 }  // namespace netconf

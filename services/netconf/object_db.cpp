@@ -38,8 +38,8 @@ void Database::Free::operator()(redisContext* context) const {
     redisFree(context);
 }
 
-Database::Database(const std::string& socket)
-    : context_(redisConnectUnixWithTimeout(socket.c_str(), kReplyLimit)) {
+Database::Database(const std::string& socket, Deadline deadline)
+    : deadline_(deadline), context_(redisConnectUnixWithTimeout(socket.c_str(), kReplyLimit)) {
     if (!context_ || context_->err != 0) {
         throw DatabaseLost("the object database at " + socket + " cannot be reached: " +
                            (context_ ? context_->errstr : "out of memory"));
@@ -47,11 +47,27 @@ Database::Database(const std::string& socket)
     redisSetTimeout(context_.get(), kReplyLimit);
 }
 
+// A server that answers each command slowly must not delay the whole request.
+void Database::limit_wait() {
+    using std::chrono::microseconds;
+    if (deadline_ == Deadline::max()) {
+        return;
+    }
+    const auto left = std::chrono::ceil<microseconds>(deadline_ - std::chrono::steady_clock::now());
+    if (left <= microseconds::zero()) {
+        throw DatabaseLost("the object database answers too slowly");
+    }
+    if (left < microseconds(kReplyLimit.tv_usec)) {
+        redisSetTimeout(context_.get(), {.tv_sec = 0, .tv_usec = left.count()});
+    }
+}
+
 Reply Database::command(std::initializer_list<std::string_view> words) {
     return command(std::vector<std::string_view>(words));
 }
 
 Reply Database::command(const std::vector<std::string_view>& words) {
+    limit_wait();
     std::vector<const char*> texts;
     std::vector<size_t> lengths;
     for (const std::string_view word : words) {
@@ -120,8 +136,9 @@ long long Database::set(unsigned database, std::string_view type, std::string_vi
     return element(*done, 1, REDIS_REPLY_INTEGER).integer;
 }
 
-Listener::Listener(const std::string& socket, unsigned database, std::string_view type)
-    : link_(socket) {
+Listener::Listener(const std::string& socket, unsigned database, std::string_view type,
+                   Deadline deadline)
+    : link_(socket, deadline) {
     link_.command({"SUBSCRIBE", qv::change_channel(database, type)});
 }
 

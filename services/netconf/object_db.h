@@ -34,11 +34,14 @@ struct FreeReply {
 };
 using Reply = std::unique_ptr<redisReply, FreeReply>;
 
+// The time when a request must be answered at the latest.
+using Deadline = std::chrono::steady_clock::time_point;
+
 // A connection for commands.
 class Database {
  public:
-    // Throws DatabaseLost, like everything below.
-    explicit Database(const std::string& socket);
+    // No command waits beyond `deadline`. Throws DatabaseLost, like everything below.
+    explicit Database(const std::string& socket, Deadline deadline = Deadline::max());
 
     // The value under `key`; nothing when there is none.
     std::optional<std::string> get(unsigned database, std::string_view key);
@@ -58,7 +61,9 @@ class Database {
     Reply command(std::initializer_list<std::string_view> words);
     Reply command(const std::vector<std::string_view>& words);
     void select(unsigned database);
+    void limit_wait();
 
+    Deadline deadline_;
     std::unique_ptr<redisContext, Free> context_;
 };
 
@@ -72,8 +77,9 @@ struct Notice {
 class Listener {
  public:
     // Returns when the server has confirmed the subscription: from then on no notice is missed.
-    // Throws DatabaseLost, like everything below.
-    Listener(const std::string& socket, unsigned database, std::string_view type);
+    // Does not wait for that beyond `deadline`. Throws DatabaseLost, like everything below.
+    Listener(const std::string& socket, unsigned database, std::string_view type,
+             Deadline deadline = Deadline::max());
 
     int fd() const;  // readable: call next()
     // The next notice that has arrived; nothing when that was all. Never waits.

@@ -1,5 +1,6 @@
 // <edit-config>, <copy-config> and <validate>. The running configuration is one leaf, so an edit is
 // one request to the agent and cannot be half done; the error-option makes no difference.
+#include <chrono>
 #include <cstring>
 #include <optional>
 #include <stdexcept>
@@ -12,6 +13,9 @@
 
 namespace netconf {
 namespace {
+
+// All steps of an edit together, with a tenth of a second left of 3 s for the answer.
+constexpr std::chrono::milliseconds kEditLimit{2900};
 
 std::string text_of(const lyd_node& rpc, const char* name, const char* fallback) {
     const lyd_node* const node = child_named(rpc, name);
@@ -27,8 +31,8 @@ Operation default_operation(const lyd_node& rpc) {
 }
 
 // The current policy, read before anything is decided.
-uint32_t current_policy(const Session& session) {
-    Database database(session.options.redis_socket);
+uint32_t current_policy(const Session& session, Deadline deadline) {
+    Database database(session.options.redis_socket, deadline);
     return policy_in_force(database);
 }
 
@@ -40,9 +44,9 @@ void refuse_when_locked(const Session& session) {
     }
 }
 
-void perform(const Session& session, const PolicyChange& change) {
+void perform(const Session& session, const PolicyChange& change, Deadline deadline) {
     try {
-        request_policy(session.options.redis_socket, change.request, change.policy);
+        request_policy(session.options.redis_socket, change.request, change.policy, deadline);
     } catch (const std::runtime_error& failed) {
         throw RpcError(NC_ERR_OP_FAILED, NC_ERR_TYPE_APP, failed.what(), kLeafPath);
     }
@@ -51,14 +55,16 @@ void perform(const Session& session, const PolicyChange& change) {
 // Edits, or only checks whether that would be possible.
 nc_server_reply* edit(const Session& session, const lyd_node* config, Operation fallback,
                       bool only_test) {
+    const Deadline deadline = std::chrono::steady_clock::now() + kEditLimit;
     const EditTurn turn(session.options.runtime_dir);
     if (!turn.ours()) {
         throw RpcError(NC_ERR_IN_USE, NC_ERR_TYPE_APP, "another session is editing");
     }
     refuse_when_locked(session);
-    const auto change = plan_edit(session.context, config, fallback, current_policy(session));
+    const auto change =
+        plan_edit(session.context, config, fallback, current_policy(session, deadline));
     if (change && !only_test) {
-        perform(session, *change);
+        perform(session, *change, deadline);
     }
     return nc_server_reply_ok();
 }

@@ -1,7 +1,10 @@
 """Error-tags of NETCONF requests that do not fit the protocol, or that a user may not send."""
 
 import os
+import socket
 import subprocess
+import threading
+import time
 
 import pytest
 from lab import Lab
@@ -97,3 +100,42 @@ def test_unknown_write_group_is_refused_at_the_start(front, tmp_path):
     assert done.returncode == 2
     assert done.stdout == b""
     assert b'lda-netconf: [netconf] write_group: there is no group "no-such-group"\n' in done.stderr
+
+
+class SlowDatabase:
+    """A socket that passes everything on to the database, each piece of a client with a delay."""
+
+    def __init__(self, path, target, delay):
+        self.path, self.target, self.delay = str(path), str(target), delay
+        self.listener = socket.socket(socket.AF_UNIX)
+        self.listener.bind(self.path)
+        self.listener.listen()
+        threading.Thread(target=self.accept, daemon=True).start()
+
+    def accept(self):
+        while True:
+            client, _ = self.listener.accept()
+            server = socket.socket(socket.AF_UNIX)
+            server.connect(self.target)
+            threading.Thread(target=self.relay, args=(client, server, self.delay), daemon=True).start()
+            threading.Thread(target=self.relay, args=(server, client, 0), daemon=True).start()
+
+    @staticmethod
+    def relay(source, sink, delay):
+        try:
+            while data := source.recv(65536):
+                time.sleep(delay)
+                sink.sendall(data)
+        except OSError:
+            pass  # the client has left
+
+
+@pytest.mark.parametrize("delay", [0.35, 0.6])
+def test_edit_over_a_slow_database_ends_within_three_seconds(front, tmp_path, delay):
+    slow = SlowDatabase(tmp_path / "slow.sock", front.lab.redis_socket, delay)
+    with RawSession(front.command() + ["--redis", slow.path], tmp_path / "log") as session:
+        started = time.monotonic()
+        reply = session.rpc(EDIT)
+        assert time.monotonic() - started < 3
+    assert "<error-tag>operation-failed</error-tag>" in reply
+    assert "the object database " in reply

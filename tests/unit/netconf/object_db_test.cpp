@@ -278,4 +278,20 @@ TEST_F(ObjectDb, WaitingEndsWithANoticeOrAtTheDeadline) {
     EXPECT_EQ(listener.wait(steady_clock::now()).value().record, "there");
 }
 
+TEST_F(ObjectDb, NoCommandWaitsBeyondTheDeadline) {
+    using namespace std::chrono_literals;
+    freeze_clock();
+    const auto deadline = std::chrono::steady_clock::now() + 1000ms;
+    Database database(peer_.socket(), deadline);
+    EXPECT_EQ(database.get(22, "a.b/"), std::nullopt);
+    EXPECT_EQ(connection_limits().command_us, 900'000);
+    advance_clock(900ms);
+    EXPECT_EQ(database.get(22, "a.b/"), std::nullopt);
+    EXPECT_EQ(connection_limits().command_us, 100'000);
+    advance_clock(100ms);
+    EXPECT_EQ(lost([&] { database.get(22, "a.b/"); }), "the object database answers too slowly");
+    EXPECT_EQ(lost([&] { Listener(peer_.socket(), 3, "a.b", deadline); }),
+              "the object database answers too slowly");
+}
+
 }  // namespace
