@@ -96,7 +96,9 @@ std::optional<RpcError> wrong_attribute(const lyd_node& element, const lysc_node
     LY_LIST_FOR(reinterpret_cast<const lyd_node_opaq&>(element).attr, attribute) {
         const std::string_view name = attribute->name.name;
         const std::string_view value = attribute->value;
-        const bool is_plain = attribute->name.module_ns == nullptr;
+        const char* const name_space = attribute->name.module_ns;
+        // Some clients write those of a filter in the namespace of the base protocol.
+        const bool is_plain = name_space == nullptr || strcmp(name_space, NC_NS_BASE) == 0;
         if (is_plain && is_filter && name == "select") {
             continue;
         }
