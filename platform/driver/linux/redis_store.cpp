@@ -24,8 +24,6 @@
 // for some of the keys that this process has set, as long as there are any.
 #include "platform/driver/linux/redis_store.h"
 
-#include <fnmatch.h>
-
 #include <algorithm>
 #include <chrono>
 #include <map>
@@ -38,11 +36,13 @@
 #include "platform/base/metrics.h"
 #include "platform/driver/linux/redis_connection.h"
 #include "platform/driver/linux/redis_scripts.h"
+#include "platform/driver/linux/redis_writes.h"
 
 namespace qv {
 namespace {
 
 using namespace std::chrono_literals;
+using Kind = RedisWrite::Kind;
 using Type = RedisReply::Type;
 
 constexpr Duration kFirstBackoff = 100ms;
@@ -108,21 +108,6 @@ class RedisClient final : public StoreClient {
         bool up = false;
         bool refused = false;  // as logged
     };
-    enum class Kind { kSet, kSetMissing, kErase, kEraseMatching, kPublish };
-
-    struct Write {
-        uint32_t db;
-        Kind kind;
-        std::string key;  // or the pattern
-        std::string channel;
-        std::string notice;
-        std::string error;  // the first one in its transaction
-    };
-    // Whether the older write is pointless because of the newer one.
-    static bool supersedes(const Write& newer, const Write& older);
-    static size_t size_of(const Write& write) {
-        return sizeof write + write.key.size() + write.notice.size();
-    }
     struct Scan {
         uint32_t db;
         std::string pattern;
@@ -139,13 +124,10 @@ class RedisClient final : public StoreClient {
     void use(uint32_t db);
     bool write(uint32_t db, Kind kind, std::string_view type, std::string_view key,
                std::string notice);
-    void send(uint64_t number, const Write& write);
+    void send(uint64_t number, const RedisWrite& write);
     void send_waiting();
     void note_error(uint64_t number, const RedisReply& reply);
     void written(uint64_t number, const RedisReply& reply);
-    void forget(uint64_t number);
-    bool superseded(uint64_t number) const;
-    void forget_superseded_by(const Write& write);
     void repeat_refused();
     void request_topic(const std::string& channel, uint64_t subscription);
     void confirmed(const std::string& channel, uint64_t subscription, const RedisReply& reply);
@@ -166,16 +148,13 @@ class RedisClient final : public StoreClient {
     StoreListener& listener_;
     const WhenAllowed when_allowed_;  // for the first connection
 
-    std::map<uint32_t, Database> databases_;   // opened so far
-    std::map<uint64_t, Write> unconfirmed_;    // in the order of the calls
+    std::map<uint32_t, Database> databases_;  // opened so far
+    RedisWrites unconfirmed_;
     std::map<std::string, uint64_t> topics_;   // subscriptions of this connection, by channel
     std::map<std::string, uint64_t> refused_;  // subscriptions to request again, by channel
     std::set<std::string> refused_logged_;     // channels; until they are confirmed
     std::map<uint64_t, Scan> scans_;           // of this connection
     std::vector<uint64_t> waiting_;            // unconfirmed writes that are not sent yet
-    std::set<uint64_t> refused_writes_;        // unconfirmed writes to send again
-    uint64_t writes_ = 0;
-    size_t unconfirmed_bytes_ = 0;
     size_t unconfirmed_limit_bytes_ = kUnconfirmedLimit_bytes;  // of this connection
 
     int greetings_ = 0;      // connections that have answered; 2: ready
@@ -222,7 +201,7 @@ void RedisClient::greeted() {
     greeted_at_ = loop_.clock().now();
     // Writes that are sent again do not count against the limit of new ones.
     unconfirmed_limit_bytes_ =
-        std::min(unconfirmed_bytes_ + kUnconfirmedLimit_bytes, 4 * kUnconfirmedLimit_bytes);
+        std::min(unconfirmed_.bytes() + kUnconfirmedLimit_bytes, 4 * kUnconfirmedLimit_bytes);
     if (std::exchange(away_logged_, false)) {
         log_message(kLogInfo, "MOM", "STORE_UP", "Object database at %s is back.", socket_.c_str());
     }
@@ -247,7 +226,7 @@ void RedisClient::selected(uint32_t db, const RedisReply& reply) {
         return;
     }
     databases_[db] = {.up = true, .refused = false};
-    for (const auto& [number, write] : unconfirmed_) {
+    for (const auto& [number, write] : unconfirmed_.all()) {
         if (write.db == db) {
             send(number, write);
         }
@@ -291,19 +270,10 @@ void RedisClient::lose(const std::string& reason) {
     resubscribe_.reset();
     scans_.clear();
     waiting_.clear();  // sent again with the others
-    refused_writes_.clear();
     rewrite_.reset();
     check_.reset();
     check_refused_ = false;
-    // The listener repeats these when the session is up again.
-    for (auto write = unconfirmed_.begin(); write != unconfirmed_.end();) {
-        const uint64_t number = write->first;
-        write->second.error.clear();
-        const bool obsolete = write++->second.kind == Kind::kSetMissing;
-        if (obsolete) {
-            forget(number);
-        }
-    }
+    unconfirmed_.lose_connection();  // the listener repeats kSetMissing in the next session
     if (greetings_ == 2 && loop_.clock().now() - greeted_at_ >= kProvenAfter) {
         backoff_ = kFirstBackoff;
     }
@@ -359,23 +329,15 @@ bool RedisClient::write(uint32_t db, Kind kind, std::string_view type, std::stri
     if (!up(db)) {
         return false;
     }
-    const uint64_t number = ++writes_;
-    const Write& kept =
-        unconfirmed_
-            .emplace(
-                number,
-                Write{db, kind, std::string(key), change_channel(db, type), std::move(notice), {}})
-            .first->second;
-    unconfirmed_bytes_ += size_of(kept);
-    waiting_.push_back(number);
-    forget_superseded_by(kept);
+    waiting_.push_back(unconfirmed_.add(
+        {db, kind, std::string(key), change_channel(db, type), std::move(notice)}));
     if (kind == Kind::kSet || kind == Kind::kSetMissing) {
         arm_check();
     }
     if (!sending_) {
         sending_ = loop_.defer([this] { send_waiting(); });
     }
-    if (unconfirmed_bytes_ > unconfirmed_limit_bytes_) {
+    if (unconfirmed_.bytes() > unconfirmed_limit_bytes_) {
         fail_later("it does not keep up with the writes");
     }
     return true;
@@ -387,7 +349,7 @@ void RedisClient::send_waiting() {
     }
 }
 
-void RedisClient::send(uint64_t number, const Write& write) {
+void RedisClient::send(uint64_t number, const RedisWrite& write) {
     const auto done = [this, number](const RedisReply& reply) {
         written(number, reply);
     };
@@ -425,14 +387,14 @@ void RedisClient::send(uint64_t number, const Write& write) {
 
 // EXEC only says that an earlier command of the transaction was refused, not why.
 void RedisClient::note_error(uint64_t number, const RedisReply& reply) {
-    Write& write = unconfirmed_.at(number);
+    RedisWrite& write = unconfirmed_.at(number);
     if (reply.is(Type::kError) && write.error.empty()) {
         write.error = reply.text;
     }
 }
 
 void RedisClient::written(uint64_t number, const RedisReply& reply) {
-    Write& write = unconfirmed_.at(number);
+    RedisWrite& write = unconfirmed_.at(number);
     const bool transaction = write.kind == Kind::kSet || write.kind == Kind::kErase;
     const RedisReply* const error = error_in(reply);
     if (error != nullptr) {
@@ -452,51 +414,10 @@ void RedisClient::written(uint64_t number, const RedisReply& reply) {
                     write.error.c_str());
     }
     write_refused_ = !write.error.empty();
-    const bool repeatable = write.kind == Kind::kSet || write.kind == Kind::kErase;
-    if (!write_refused_ || !repeatable || superseded(number)) {
-        forget(number);
-        return;
-    }
-    write.error.clear();
-    refused_writes_.insert(number);
-    if (!rewrite_) {
+    if (!write_refused_) {
+        unconfirmed_.forget(number);
+    } else if (unconfirmed_.keep_refused(number) && !rewrite_) {
         rewrite_ = loop_.after(kCheckPeriod, [this] { repeat_refused(); });
-    }
-}
-
-void RedisClient::forget(uint64_t number) {
-    unconfirmed_bytes_ -= size_of(unconfirmed_.at(number));
-    unconfirmed_.erase(number);
-}
-
-bool RedisClient::supersedes(const Write& newer, const Write& older) {
-    switch (newer.kind) {
-        case Kind::kSet:
-        case Kind::kErase:
-            return newer.db == older.db && newer.key == older.key;
-        case Kind::kEraseMatching:
-            return newer.db == older.db && fnmatch(newer.key.c_str(), older.key.c_str(), 0) == 0;
-        case Kind::kSetMissing:
-        case Kind::kPublish:
-            break;
-    }
-    return false;
-}
-
-// Replies arrive in the order of the writes, so a later write is still unconfirmed.
-bool RedisClient::superseded(uint64_t number) const {
-    const Write& write = unconfirmed_.at(number);
-    return std::any_of(unconfirmed_.upper_bound(number), unconfirmed_.end(),
-                       [&](const auto& later) { return supersedes(later.second, write); });
-}
-
-void RedisClient::forget_superseded_by(const Write& write) {
-    for (auto refused = refused_writes_.begin(); refused != refused_writes_.end();) {
-        const bool pointless = supersedes(write, unconfirmed_.at(*refused));
-        if (pointless) {
-            forget(*refused);
-        }
-        refused = pointless ? refused_writes_.erase(refused) : std::next(refused);
     }
 }
 
@@ -504,7 +425,7 @@ void RedisClient::repeat_refused() {
     if (failing_) {
         return;  // everything unconfirmed is sent again in the next session
     }
-    for (const uint64_t number : std::exchange(refused_writes_, {})) {
+    for (const uint64_t number : unconfirmed_.take_refused()) {
         send(number, unconfirmed_.at(number));
     }
 }
