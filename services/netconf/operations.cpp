@@ -70,7 +70,7 @@ void check_input(const Entry& entry, const lyd_node& rpc) {
 nc_server_reply* perform(const Entry& entry, const lyd_node& rpc, Session& session) {
     try {
         if (const auto error = error_carried_by(rpc)) {
-            throw *error;
+            throw RpcError(*error);
         }
         if (entry.changes && !session.may_change) {
             throw RpcError(
