@@ -123,3 +123,35 @@ def test_every_test_named_on_the_security_page_exists():
         path.name for path in (ROOT / "tests").rglob("test_*.py")}
     assert len(named) > 15
     assert set(named) - there == set()
+
+
+PROGRAMS = {"lda": "platform", "ldash": "tools/ldash", "tarnctl": "tools/tarnctl", "tarnd": "services/tarnd",
+            "lda-netconf": "services/netconf"}
+
+
+def completions(program, previous, word):
+    """What bash offers after the word `previous`; `:` and the name of a fallback when that is in force."""
+    script = f"""
+        compopt() {{ echo ":$2"; }}
+        source {ROOT}/packaging/completion/lda
+        _lda_programs /usr/bin/{program} '{word}' '{previous}'
+        printf '%s\\n' "${{COMPREPLY[@]}}"
+    """
+    return output_of("bash", "-c", script).stdout.split()
+
+
+@pytest.mark.parametrize("program", PROGRAMS)
+def test_completion_offers_the_options_of_the_help(program):
+    usage = output_of(BUILD / PROGRAMS[program] / program, "--help").stdout
+    options = set(re.findall(r"(?<![\w-])(?:--[a-z]+|-[a-z])\b", usage)) | {"--help"}
+    offered = completions(program, program, "")
+    assert {word for word in offered if word.startswith("-")} == options
+    assert set(offered) - options <= set(re.findall(r"^  ([a-z]+)", usage, re.M))
+
+
+def test_completion_continues_a_word_and_names_files_where_a_file_stands():
+    assert completions("tarnctl", "tarnctl", "") == ["show", "counters", "watch", "probe", "-s", "--json", "--help"]
+    assert completions("tarnctl", "--json", "w") == ["watch"]
+    assert completions("lda", "--check", "") == [":default"]
+    assert completions("lda-netconf", "--yang", "") == [":dirnames"]
+    assert completions("ldash", "-c", "") == []
