@@ -26,9 +26,9 @@ int show_log(cli_pcdb*) {
         return 0;
     }
     for (const LoggedMessage& message : recent_log()) {
-        const std::time_t seconds = std::chrono::system_clock::to_time_t(message.time);
+        const std::time_t second = std::chrono::system_clock::to_time_t(message.time);
         std::tm local{};
-        localtime_r(&seconds, &local);
+        localtime_r(&second, &local);
         char stamp[32] = "";
         std::strftime(stamp, sizeof stamp, "%b %e %H:%M:%S", &local);
         cli_printf("%s %s\n", stamp, message.text.c_str());
