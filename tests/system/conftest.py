@@ -15,6 +15,7 @@ def pytest_configure(config):
     # A script's background jobs ignore SIGINT, and every program under test would inherit that.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     config.addinivalue_line("markers", "patient: waits for real recovery times, which nothing can shorten")
+    config.addinivalue_line("markers", "packages: compiles the whole product")
 
 
 def _kernel_ports_reason():
