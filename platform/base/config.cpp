@@ -214,8 +214,9 @@ void read_sections(const Section& top, PlatformConfig& config) {
 
     top.section("tarn", {"state"}).text("state", config.tarn_state, folder_fault);
     top.section("metrics", {"listen"}).text("listen", config.metrics_listen, listen_fault);
-    top.section("netconf", {"write_group"})
-        .text("write_group", config.netconf_write_group, group_fault);
+    const Section netconf = top.section("netconf", {"write_group", "runtime"});
+    netconf.text("write_group", config.netconf_write_group, group_fault);
+    netconf.text("runtime", config.netconf_runtime, folder_fault);
 
     const Section clock = top.section("clock", {"speed"});
     clock.positive("speed", config.speed, kMaxSpeed);

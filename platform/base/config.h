@@ -27,6 +27,7 @@ struct PlatformConfig {
     Role role = Role::kSolo;          // [role] mode
     unsigned lease_ms = 3000;         // [role] lease_ms, for a lease in Redis
     std::string netconf_write_group;  // [netconf] write_group; empty: every user may change
+    std::string netconf_runtime = "/run/lda-netconf";  // [netconf] runtime: the sessions' folder
     std::string tarn_state =
         "/var/lib/lda/tarn";     // [tarn] state: folder of tarnd's key and journal
     std::string metrics_listen;  // [metrics] listen; empty: no metrics

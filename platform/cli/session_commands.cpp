@@ -59,8 +59,13 @@ int enter_on_trial(cli_pcdb* pcdb) {
 }
 
 int clear_lock(cli_pcdb*) {
-    return clear_config_lock(*current_session()) ? 0
-                                                 : refuse("Nobody has locked the configuration.");
+    if (clear_config_lock(*current_session())) {
+        return 0;
+    }
+    const std::string holder = config_lock_holder();
+    return refuse(holder.empty() ? "Nobody has locked the configuration."
+                                 : "The configuration is locked by " + holder +
+                                       ": only <kill-session> ends that.");
 }
 
 // The lock ends when the session leaves the configuration modes.

@@ -40,7 +40,8 @@ constexpr const char* kHelp =
     "  [tarn]     state = \"/var/lib/lda/tarn\"   folder of the loop-probe service tarnd\n"
     "  [metrics]  listen             loopback address and port of the metrics; left out: none\n"
     "  [netconf]  write_group        group that may change things over NETCONF; left out: all "
-    "users\n";
+    "users\n"
+    "             runtime = \"/run/lda-netconf\"   folder that agent and NETCONF sessions share\n";
 
 // If the process starts without them, the first file or socket it opened would take their numbers,
 // and with them the output for the terminal.

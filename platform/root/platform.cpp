@@ -9,6 +9,7 @@
 #include "p_bridge.pb-c.h"
 #include "platform/base/tarn_names.h"
 #include "platform/cli/config_keeper.h"
+#include "platform/cli/config_lock.h"
 #include "platform/cli/loop_history.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/mom_key.h"
@@ -93,6 +94,7 @@ class DescribedPlatform final : public Platform {
                 break;
         }
         keep_names_in_use();
+        cli::share_config_lock(config_.netconf_runtime);
         serve_metrics();
         ports_->start();
         // Last, because the log may use the loop from here on. Tests have a log of another type.

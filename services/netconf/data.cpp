@@ -52,12 +52,11 @@ void add_capabilities(const Session& session, Tree& tree) {
 void add_datastore(const Session& session, Tree& tree) {
     const std::string store = kMonitoring + "/datastores/datastore[name='running']";
     add_node(session.context, tree, store);
-    const uint32_t holder = session.lock.holder();
-    const std::string since = session.lock.since();
-    if (holder != 0 && !since.empty()) {
+    const auto holder = session.lock.holder();
+    if (holder && !holder->since.empty()) {
         add_node(session.context, tree, store + "/locks/global-lock/locked-by-session",
-                 std::to_string(holder));
-        add_node(session.context, tree, store + "/locks/global-lock/locked-time", since);
+                 std::to_string(holder->session));
+        add_node(session.context, tree, store + "/locks/global-lock/locked-time", holder->since);
     }
 }
 

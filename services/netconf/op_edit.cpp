@@ -37,10 +37,9 @@ uint32_t current_policy(const Session& session, Deadline deadline) {
 }
 
 void refuse_when_locked(const Session& session) {
-    const uint32_t holder = session.lock.holder();
-    if (holder != 0 && !session.lock.mine()) {
-        throw RpcError(NC_ERR_IN_USE, NC_ERR_TYPE_APP,
-                       "session " + std::to_string(holder) + " holds the lock");
+    const auto holder = session.lock.holder();
+    if (holder && !session.lock.mine()) {
+        throw RpcError(NC_ERR_IN_USE, NC_ERR_TYPE_APP, who(*holder) + " holds the lock");
     }
 }
 

@@ -58,10 +58,9 @@ void refuse_replay(const lyd_node& rpc) {
 
 nc_server_reply* lock(const lyd_node& /*rpc*/, Session& session) {
     const EditTurn turn = turn_of(session);
-    if (const uint32_t holder = session.lock.holder()) {
-        throw RpcError(NC_ERR_LOCK_DENIED, NC_ERR_TYPE_PROT,
-                       "session " + std::to_string(holder) + " holds the lock")
-            .held_by(holder);
+    if (const auto holder = session.lock.holder()) {
+        throw RpcError(NC_ERR_LOCK_DENIED, NC_ERR_TYPE_PROT, who(*holder) + " holds the lock")
+            .held_by(holder->session);
     }
     session.lock.take();
     return nc_server_reply_ok();

@@ -18,12 +18,12 @@ std::string usage() {
            "started by sshd as its subsystem \"netconf\".\n"
            "\n"
            "  --platform FILE   platform file of the switch, for its [redis] socket and\n"
-           "                    [netconf] write_group\n"
+           "                    [netconf] section\n"
            "                    (default: the environment variable LDA_PLATFORM)\n"
            "  --redis SOCKET    Unix socket of the object database\n"
            "  --yang DIR        folder of the YANG modules (default: " LDA_YANG_DIR
            ")\n"
-           "  --runtime DIR     folder that the sessions share (default: /run/lda-netconf)\n"
+           "  --runtime DIR     folder that sessions and agent share, else [netconf] runtime\n"
            "  --stderr          log to standard error as well as to the system log\n";
 }
 
@@ -77,6 +77,9 @@ Options read_options(int count, char* const* words) {
     options.write_group = config.netconf_write_group;
     if (options.redis_socket.empty()) {
         options.redis_socket = config.redis_socket;
+    }
+    if (options.runtime_dir.empty()) {
+        options.runtime_dir = config.netconf_runtime;
     }
     return options;
 }

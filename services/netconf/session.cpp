@@ -52,7 +52,7 @@ void ignore_library_log(const nc_session* /*session*/, NC_VERB_LEVEL /*level*/,
 // processes. Each attempt to accept a session uses up a number, so attempts on /dev/null use up
 // those below our own (15 us each).
 void skip_session_ids_below(uint32_t id) {
-    const File nobody(open("/dev/null", O_RDWR | O_CLOEXEC));
+    const qv::File nobody(open("/dev/null", O_RDWR | O_CLOEXEC));
     if (!nobody.open()) {
         throw std::runtime_error("/dev/null cannot be opened");
     }
@@ -205,7 +205,7 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
     Session session{.options = options,
                     .context = context,
                     .number = number,
-                    .lock = RunningLock(options.runtime_dir, number.id()),
+                    .lock = qv::RunningLock(options.runtime_dir, number.id(), user),
                     .subscription = nullptr,
                     .link = nullptr,
                     .may_change = may_change(options.write_group)};
@@ -242,6 +242,11 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
         return 1;
     }
     return log_end(accepted, requests);
+}
+
+std::string who(const qv::RunningLockHolder& holder) {
+    return holder.session != 0 ? "session " + std::to_string(holder.session)
+                               : "the operator " + holder.name;
 }
 
 }  // namespace netconf

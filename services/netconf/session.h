@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "platform/base/running_lock.h"
 #include "services/netconf/options.h"
 #include "services/netconf/schema.h"
 #include "services/netconf/shared_state.h"
@@ -19,7 +20,7 @@ struct Session {
     const Options& options;
     const ly_ctx* context;
     const SessionNumber& number;
-    RunningLock lock;
+    qv::RunningLock lock;
     std::unique_ptr<Subscription> subscription;  // null: not requested
     nc_session* link = nullptr;
     bool may_change = true;  // the configuration; constant
@@ -31,5 +32,8 @@ struct Session {
 // cannot be started.
 int run_session(const Options& options, ly_ctx* context, const SessionNumber& number,
                 const std::string& user);
+
+// "session 7", or the operator who has locked the configuration from the shell.
+std::string who(const qv::RunningLockHolder& holder);
 
 }  // namespace netconf

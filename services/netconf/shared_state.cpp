@@ -18,8 +18,17 @@
 #include <thread>
 #include <utility>
 
+#include "platform/base/running_lock.h"
+
 namespace netconf {
 namespace {
+
+using qv::create_lock_file;
+using qv::File;
+using qv::is_locked;
+using qv::open_lock_file;
+using qv::read_line;
+using qv::try_lock;
 
 using namespace std::chrono_literals;
 
@@ -28,59 +37,9 @@ using namespace std::chrono_literals;
 constexpr auto kTurnLimit = 900ms;
 constexpr auto kTurnStep = 5ms;
 constexpr int kKillLimit_ms = 1000;
-constexpr mode_t kFileMode = 0660;  // sessions run as different users of one group
 
 std::string session_path(const std::string& folder, uint32_t id) {
     return folder + "/session-" + std::to_string(id);
-}
-
-std::string lock_path(const std::string& folder) {
-    return folder + "/running.lock";
-}
-
-// Returns a closed file, with errno set, on failure.
-File open_file(const std::string& path, bool create) {
-    File file(
-        open(path.c_str(), O_RDWR | O_CLOEXEC | O_NOFOLLOW | (create ? O_CREAT : 0), kFileMode));
-    if (create && file.open()) {
-        // The umask has reduced the mode. This fails for files of other users, which have the full
-        // mode already.
-        static_cast<void>(fchmod(file.fd(), kFileMode));
-    }
-    return file;
-}
-
-bool try_lock(const File& file) {
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    return fcntl(file.fd(), F_OFD_SETLK, &whole) == 0;
-}
-
-bool is_locked(const File& file) {
-    struct flock whole {};
-    whole.l_type = F_WRLCK;
-    return fcntl(file.fd(), F_OFD_GETLK, &whole) == 0 && whole.l_type != F_UNLCK;
-}
-
-void write_line(const File& file, const std::string& line) {
-    if (ftruncate(file.fd(), 0) != 0 ||
-        pwrite(file.fd(), line.data(), line.size(), 0) != static_cast<ssize_t>(line.size())) {
-        throw std::runtime_error(std::string("cannot write a session file: ") + strerror(errno));
-    }
-}
-
-std::string read_line(const File& file) {
-    std::array<char, 256> text;
-    const ssize_t length = pread(file.fd(), text.data(), text.size(), 0);
-    return length > 0 ? std::string(text.data(), static_cast<size_t>(length)) : std::string();
-}
-
-std::string now_rfc3339() {
-    const time_t now = time(nullptr);
-    tm parts{};
-    gmtime_r(&now, &parts);
-    std::array<char, 32> text;
-    return {text.data(), strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
 }
 
 // Returns nothing when the session does not run.
@@ -96,19 +55,6 @@ std::optional<SessionInfo> info_of(const File& file, uint32_t id) {
 
 }  // namespace
 
-File::File(File&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-
-File& File::operator=(File&& other) noexcept {
-    std::swap(fd_, other.fd_);
-    return *this;
-}
-
-File::~File() {
-    if (fd_ >= 0) {
-        close(fd_);
-    }
-}
-
 SessionNumber::SessionNumber(const std::string& folder, const std::string& user) {
     if (mkdir(folder.c_str(), 0770) != 0 && errno != EEXIST) {
         throw std::runtime_error(folder + ": " + strerror(errno));
@@ -117,7 +63,7 @@ SessionNumber::SessionNumber(const std::string& folder, const std::string& user)
     const uint32_t first = static_cast<uint32_t>(getpid()) % kSessions;
     for (uint32_t step = 0; step < kSessions; step++) {
         if (take(folder, 1 + (first + step) % kSessions)) {
-            write_line(file_, std::to_string(getpid()) + " " + now_rfc3339() + " " + user + "\n");
+            qv::write_line(file_, std::to_string(getpid()) + " " + qv::now_rfc3339() + " " + user);
             return;
         }
     }
@@ -125,7 +71,7 @@ SessionNumber::SessionNumber(const std::string& folder, const std::string& user)
 }
 
 bool SessionNumber::take(const std::string& folder, uint32_t id) {
-    File file = open_file(session_path(folder, id), true);
+    File file = create_lock_file(session_path(folder, id));
     if (!file.open()) {
         throw std::runtime_error(session_path(folder, id) + ": " + strerror(errno));
     }
@@ -140,7 +86,7 @@ bool SessionNumber::take(const std::string& folder, uint32_t id) {
 std::vector<SessionInfo> live_sessions(const std::string& folder) {
     std::vector<SessionInfo> found;
     for (uint32_t id = 1; id <= SessionNumber::kSessions; id++) {
-        if (auto info = info_of(open_file(session_path(folder, id), false), id)) {
+        if (auto info = info_of(open_lock_file(session_path(folder, id)), id)) {
             found.push_back(std::move(*info));
         }
     }
@@ -148,7 +94,7 @@ std::vector<SessionInfo> live_sessions(const std::string& folder) {
 }
 
 Kill kill_session(const std::string& folder, uint32_t id) {
-    const File file = open_file(session_path(folder, id), false);
+    const File file = open_lock_file(session_path(folder, id));
     const auto info = info_of(file, id);
     if (!info) {
         return Kill::kNoSuchSession;
@@ -166,44 +112,8 @@ Kill kill_session(const std::string& folder, uint32_t id) {
     return poll(&end, 1, kKillLimit_ms) == 1 ? Kill::kDone : Kill::kStillThere;
 }
 
-std::string RunningLock::line() const {
-    const File file = open_file(lock_path(folder_), false);
-    return file.open() && is_locked(file) ? read_line(file) : std::string();
-}
-
-uint32_t RunningLock::holder() const {
-    if (mine()) {
-        return id_;
-    }
-    const std::string text = line();
-    uint32_t id = 0;
-    std::from_chars(text.data(), text.data() + text.size(), id);
-    return id;
-}
-
-std::string RunningLock::since() const {
-    std::istringstream words(mine() ? read_line(file_) : line());
-    std::string id;
-    std::string time;
-    words >> id >> time;
-    return time;
-}
-
-void RunningLock::take() {
-    File file = open_file(lock_path(folder_), true);
-    if (!file.open() || !try_lock(file)) {
-        throw std::runtime_error(lock_path(folder_) + ": " + strerror(errno));
-    }
-    write_line(file, std::to_string(id_) + " " + now_rfc3339() + "\n");
-    file_ = std::move(file);
-}
-
-void RunningLock::release() {
-    file_ = File();
-}
-
 EditTurn::EditTurn(const std::string& folder) {
-    File file = open_file(folder + "/edit.lock", true);
+    File file = create_lock_file(folder + "/edit.lock");
     if (!file.open()) {
         throw std::runtime_error(folder + "/edit.lock: " + strerror(errno));
     }

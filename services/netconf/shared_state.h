@@ -1,33 +1,15 @@
 // The state that the sessions of a switch share, although each is a separate process: their
-// numbers, the lock of <lock>, and the right to edit.
-//
-// All of these are record locks on files in one folder. The kernel releases such a lock when its
-// holder ends, however it ends, so a session that was killed or crashed leaves only the files
-// behind.
+// numbers and the right to edit. They and the lock of <lock> (platform/base/running_lock.h) are
+// record locks on files in one folder.
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <vector>
 
+#include "platform/base/lock_file.h"
+
 namespace netconf {
-
-// Owns a descriptor. Closing it releases the process's record locks on the file.
-class File {
- public:
-    File() = default;
-    explicit File(int fd) : fd_(fd) {}
-    File(File&& other) noexcept;
-    File& operator=(File&& other) noexcept;
-    ~File();
-
-    int fd() const { return fd_; }
-    bool open() const { return fd_ >= 0; }
-
- private:
-    int fd_ = -1;
-};
 
 struct SessionInfo {
     uint32_t id;
@@ -50,7 +32,7 @@ class SessionNumber {
  private:
     bool take(const std::string& folder, uint32_t id);
 
-    File file_;
+    qv::File file_;
     uint32_t id_ = 0;
 };
 
@@ -62,28 +44,6 @@ enum class Kill { kDone, kNoSuchSession, kNotAllowed, kStillThere };
 // Ends the session with this number and waits up to a second for its end.
 Kill kill_session(const std::string& folder, uint32_t id);
 
-// The lock of <lock> on the running configuration.
-class RunningLock {
- public:
-    RunningLock(std::string folder, uint32_t id) : folder_(std::move(folder)), id_(id) {}
-
-    // The session that holds it, this one included; 0 when none does.
-    uint32_t holder() const;
-    // When it was taken, RFC 3339; empty when no session holds it.
-    std::string since() const;
-    // Both need an EditTurn; take() also needs that no session holds the lock.
-    void take();
-    void release();
-    bool mine() const { return file_.open(); }
-
- private:
-    std::string line() const;
-
-    const std::string folder_;
-    const uint32_t id_;
-    File file_;
-};
-
 // The right to read and change the lock and the configuration, for one session at a time. The
 // constructor waits up to 900 ms for it; ours() says whether it was granted.
 class EditTurn {
@@ -92,7 +52,7 @@ class EditTurn {
     bool ours() const { return file_.open(); }
 
  private:
-    File file_;
+    qv::File file_;
 };
 
 }  // namespace netconf

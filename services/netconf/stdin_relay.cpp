@@ -39,8 +39,8 @@ StdinRelay::StdinRelay(std::function<void(std::string&)> adapt)
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw std::system_error(errno, std::generic_category(), "socketpair");
     }
-    messages_ = File(ends[0]);
-    shared_->messages = File(ends[1]);
+    messages_ = qv::File(ends[0]);
+    shared_->messages = qv::File(ends[1]);
     // The main thread handles the signals. Crash signals stay unblocked in this thread too: a
     // blocked one would end the process without a log line.
     sigset_t others;

@@ -12,7 +12,7 @@
 #include <mutex>
 #include <string>
 
-#include "services/netconf/shared_state.h"
+#include "platform/base/lock_file.h"
 
 namespace netconf {
 
@@ -34,7 +34,7 @@ class StdinRelay {
 
  private:
     struct Shared {
-        File messages;
+        qv::File messages;
         std::atomic<const char*> fault{nullptr};
         std::mutex mutex;                         // guards `adapt`; held while it runs
         std::function<void(std::string&)> adapt;  // empty once the relay is destroyed
@@ -42,7 +42,7 @@ class StdinRelay {
     static bool adapt(Shared& shared, std::string& text);
     static void relay(const std::shared_ptr<Shared>& shared);
 
-    File messages_;
+    qv::File messages_;
     std::shared_ptr<Shared> shared_;
 };
 

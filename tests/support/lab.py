@@ -90,6 +90,7 @@ class Lab:
         self.namespace = f"lda{os.getpid()}-{next(_numbers)}" if switch == "linux" else None
         self.redis_socket = self.folder / "redis.sock"
         self.cli_socket = self.folder / "cli.sock"
+        self.netconf_runtime = self.folder / "netconf"
         self.startup_config = self.folder / "startup.cfg"
         self.platform_file = self.folder / "lda.toml"
         self.agent_log = self.folder / "agent.log"
@@ -120,7 +121,7 @@ class Lab:
             f'{linux}{embedded}[redis]\nsocket = "{self.redis_socket}"\n'
             f'[cli]\nsocket = "{self.cli_socket}"\n'
             f'[files]\nstartup_config = "{self.startup_config}"\nlog_dir = "{self.folder}"\n'
-            f'{clock}{extra}')
+            f'[netconf]\nruntime = "{self.netconf_runtime}"\n{clock}{extra}')
 
     def _make_bridge(self):
         run("ip", "netns", "add", self.namespace)

@@ -74,7 +74,7 @@ class Front:
     def __init__(self, lab):
         self.lab = lab
         self.folder = lab.folder / "front"
-        self.runtime = self.folder / "run"
+        self.runtime = lab.netconf_runtime
         self.log_file = self.folder / "netconf.log"
         self.port = free_port()
         self.sshd = None
@@ -106,7 +106,7 @@ class Front:
             return probe.connect_ex(("127.0.0.1", self.port)) == 0
 
     def command(self):
-        return [PROGRAM, "--platform", self.lab.platform_file, "--runtime", self.runtime, "--stderr"]
+        return [PROGRAM, "--platform", self.lab.platform_file, "--stderr"]
 
     @contextlib.contextmanager
     def connect(self):

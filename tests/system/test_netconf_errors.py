@@ -71,7 +71,7 @@ def session_of_groups(front, tmp_path, write_group, groups):
     """A session of a user with these groups, on a switch whose write_group is the given one."""
     platform = tmp_path / "group.toml"
     text = front.lab.platform_file.read_text()
-    platform.write_text(text + f'\n[netconf]\nwrite_group = "{write_group}"\n')
+    platform.write_text(text.replace("[netconf]\n", f'[netconf]\nwrite_group = "{write_group}"\n'))
     as_member = ["setpriv", "--groups", groups] if groups else ["setpriv", "--clear-groups"]
     command = as_member + [str(word) for word in front.command()] + ["--platform", str(platform)]
     return RawSession(command, tmp_path / "log")

@@ -1,13 +1,18 @@
 // "configure exclusive": who is refused, and when the lock ends.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
 #include <memory>
 #include <regex>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
+#include "platform/base/running_lock.h"
 #include "platform/cli/config_lock.h"
+#include "tests/support/temporary_directory.h"
 #include "tests/unit/cli/cli_rig.h"
 #include "tests/unit/cli/operator_session.h"
 #include "tests/unit/cli/wire_client.h"
@@ -22,6 +27,15 @@ bool says_locked_by_ann(const std::string& output) {
         R"(% The configuration is locked by ann \(uid 1234, pid 812\) since )"
         R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\n)");
     return std::regex_match(output, kText);
+}
+
+void shut_by_a_program(uint64_t ifx) {
+    const int session = cli_sub_create_session();
+    cli_mode mode{};
+    std::string("interface").copy(mode.name, sizeof mode.name - 1);
+    mode.ifx = ifx;
+    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "shutdown \r\n", &mode, nullptr, nullptr), 0);
+    ::close(session);
 }
 
 class ConfigLock : public ::testing::Test {
@@ -82,12 +96,7 @@ TEST_F(ConfigLock, EndsWithTheConfigurationModes) {
 
 TEST_F(ConfigLock, ProgramsAreNeverHeldUp) {
     ann.type("configure exclusive");
-    const int session = cli_sub_create_session();
-    cli_mode mode{};
-    std::string("interface").copy(mode.name, sizeof mode.name - 1);
-    mode.ifx = 102;
-    EXPECT_EQ(cli_execute_cmd_buf_fd(session, "shutdown \r\n", &mode, nullptr, nullptr), 0);
-    ::close(session);
+    shut_by_a_program(102);
     EXPECT_FALSE(up(102));
 }
 
@@ -134,6 +143,82 @@ TEST_F(ConfigLock, SaysWhoHoldsIt) {
 }
 
 // ---- Over the socket ----
+
+class SharedConfigLock : public ConfigLock {
+ protected:
+    SharedConfigLock() { qv::cli::share_config_lock(folder.path()); }
+    ~SharedConfigLock() override { qv::cli::share_config_lock(""); }
+
+    qv::test::TemporaryDirectory folder;
+    qv::RunningLock netconf{folder.path(), 7, "alice"};
+};
+
+TEST_F(SharedConfigLock, NetconfSessionKeepsOperatorsOut) {
+    const std::regex text(R"(% The configuration is locked by NETCONF session 7 \(alice\) since )"
+                          R"(\d{4}-\d\d-\d\d \d\d:\d\d:\d\d\.\n)");
+    bob.type("configure terminal");
+    bob.type("interface swp1");
+    netconf.take();
+    EXPECT_TRUE(std::regex_match(bob.type("shutdown"), text)) << bob.type("shutdown");
+    EXPECT_TRUE(up(101));
+    EXPECT_TRUE(std::regex_match(ann.type("configure terminal"), text));
+    EXPECT_TRUE(std::regex_match(ann.type("configure exclusive"), text));
+    EXPECT_TRUE(std::regex_match(ann.type("configure replace /nowhere"), text));
+    EXPECT_EQ(ann.type("show version").substr(0, 4), "lda ");
+    netconf.release();
+    EXPECT_EQ(bob.type("shutdown"), "");
+    EXPECT_FALSE(up(101));
+    EXPECT_EQ(ann.type("configure exclusive"), "");
+}
+
+TEST_F(SharedConfigLock, ProgramsIgnoreTheNetconfSession) {
+    netconf.take();
+    shut_by_a_program(102);
+    EXPECT_FALSE(up(102));
+}
+
+TEST_F(SharedConfigLock, ShellKeepsNetconfSessionsOutUntilItLeaves) {
+    ann.type("configure exclusive");
+    ASSERT_TRUE(netconf.holder());
+    EXPECT_EQ(netconf.holder()->session, 0U);
+    EXPECT_EQ(netconf.holder()->name, "ann (uid 1234, pid 812)");
+    EXPECT_THROW(netconf.take(), std::runtime_error);
+    EXPECT_EQ(ann.type("hostname a"), "");
+    ann.type("end");
+    EXPECT_FALSE(netconf.holder());
+}
+
+TEST_F(SharedConfigLock, ClearedLockIsGoneForNetconfSessionsToo) {
+    ann.type("configure exclusive");
+    EXPECT_EQ(bob.type("clear configure lock"), "");
+    EXPECT_FALSE(netconf.holder());
+}
+
+TEST_F(SharedConfigLock, LockOfANetconfSessionIsNotCleared) {
+    netconf.take();
+    const std::string said = bob.type("clear configure lock");
+    EXPECT_EQ(said.substr(0, 62), "% The configuration is locked by NETCONF session 7 (alice) sin");
+    EXPECT_NE(said.find(": only <kill-session> ends that.\n"), std::string::npos);
+    EXPECT_TRUE(netconf.mine());
+}
+
+TEST_F(SharedConfigLock, UnusableFolderIsNamed) {
+    mkfifo((folder.path() + "/running.lock").c_str(), 0660);
+    EXPECT_EQ(ann.type("configure exclusive"),
+              "% The lock that NETCONF sessions share cannot be taken: " + folder.path() +
+                  "/running.lock: Invalid argument.\n");
+    EXPECT_EQ(ann.type("configure terminal"), "");
+    qv::cli::share_config_lock(folder.path() + "/none");
+    EXPECT_EQ(ann.type("end"), "");
+    EXPECT_EQ(ann.type("configure exclusive"), "");
+}
+
+TEST_F(SharedConfigLock, LineWithoutTimeIsStillALock) {
+    netconf.take();
+    std::ofstream(folder.path() + "/running.lock") << "7\n";
+    EXPECT_EQ(ann.type("configure terminal"),
+              "% The configuration is locked by NETCONF session 7 () since an unknown time.\n");
+}
 
 class ConfigLockOnSocket : public ::testing::Test {
  protected:

@@ -20,10 +20,10 @@ using namespace netconf::test;
 using netconf::Context;
 using netconf::DatabaseLost;
 using netconf::Options;
-using netconf::RunningLock;
 using netconf::Session;
 using netconf::SessionNumber;
 using netconf::Tree;
+using qv::RunningLock;
 
 namespace {
 
@@ -38,11 +38,12 @@ class Data : public testing::Test {
         options_.redis_socket = peer_.socket();
         options_.runtime_dir = folder_.path("run");
         number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
-        session_.reset(new Session{.options = options_,
-                                   .context = context_.get(),
-                                   .number = *number_,
-                                   .lock = RunningLock(options_.runtime_dir, number_->id()),
-                                   .subscription = nullptr});
+        session_.reset(
+            new Session{.options = options_,
+                        .context = context_.get(),
+                        .number = *number_,
+                        .lock = RunningLock(options_.runtime_dir, number_->id(), "admin"),
+                        .subscription = nullptr});
     }
 
     void TearDown() override { nc_server_destroy(); }
@@ -180,7 +181,7 @@ TEST_F(Data, OneStreamWithoutReplay) {
 TEST_F(Data, LockIsReportedWhileItIsHeld) {
     EXPECT_EQ(part(state(), "datastores"),
               "<datastores><datastore><name>running</name></datastore></datastores>");
-    RunningLock other(options_.runtime_dir, 200);
+    RunningLock other(options_.runtime_dir, 200, "eve");
     other.take();
     EXPECT_EQ(part(state(), "datastores"),
               "<datastores><datastore><name>running</name><locks><global-lock><locked-by-session>"
@@ -195,7 +196,7 @@ TEST_F(Data, OwnLockIsReportedToo) {
 }
 
 TEST_F(Data, LockWithoutItsTimeIsLeftOut) {
-    RunningLock other(options_.runtime_dir, 200);
+    RunningLock other(options_.runtime_dir, 200, "eve");
     other.take();
     std::ofstream(options_.runtime_dir + "/running.lock") << "200\n";
     EXPECT_EQ(part(state(), "datastores"),

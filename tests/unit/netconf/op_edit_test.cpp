@@ -10,7 +10,7 @@
 
 using namespace netconf::test;
 using netconf::EditTurn;
-using netconf::RunningLock;
+using qv::RunningLock;
 
 namespace {
 
@@ -133,7 +133,7 @@ TEST_F(Edits, RefusalOfTheAgentIsTheClientsError) {
 }
 
 TEST_F(Edits, LockOfAnotherSessionForbidsThem) {
-    RunningLock other(runtime_dir(), 300);
+    RunningLock other(runtime_dir(), 300, "eve");
     other.take();
     const std::string refusal =
         ErrorText{.type = "application", .tag = "in-use", .message = "session 300 holds the lock"}
@@ -143,6 +143,17 @@ TEST_F(Edits, LockOfAnotherSessionForbidsThem) {
     EXPECT_EQ(requests(), Texts{});
     other.release();
     EXPECT_EQ(reply_to(edit(leaf("3"))), "<ok/>");
+}
+
+TEST_F(Edits, LockOfTheShellForbidsThem) {
+    RunningLock shell(runtime_dir(), 0, "root (uid 0, pid 812)");
+    shell.take();
+    EXPECT_EQ(reply_to(edit(leaf("3"))),
+              (ErrorText{.type = "application",
+                         .tag = "in-use",
+                         .message = "the operator root (uid 0, pid 812) holds the lock"}
+                   .xml()));
+    EXPECT_EQ(requests(), Texts{});
 }
 
 TEST_F(Edits, LockOfThisSessionAllowsThem) {

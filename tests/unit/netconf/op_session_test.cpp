@@ -17,8 +17,8 @@
 
 using namespace netconf::test;
 using netconf::EditTurn;
-using netconf::RunningLock;
 using netconf::SessionNumber;
+using qv::RunningLock;
 
 namespace {
 
@@ -47,11 +47,11 @@ std::string subscribe(const std::string& parameters = "") {
 class Locks : public ServedSession {};
 
 TEST_F(Locks, LockIsHeldUntilItIsReleased) {
-    const RunningLock other(runtime_dir(), 300);
+    const RunningLock other(runtime_dir(), 300, "eve");
     EXPECT_EQ(reply_to(kLock), "<ok/>");
-    EXPECT_EQ(std::to_string(other.holder()), id());
+    EXPECT_EQ(std::to_string(other.holder()->session), id());
     EXPECT_EQ(reply_to(kUnlock), "<ok/>");
-    EXPECT_EQ(other.holder(), 0U);
+    EXPECT_FALSE(other.holder());
     EXPECT_EQ(reply_to(kLock), "<ok/>");
 }
 
@@ -59,19 +59,30 @@ TEST_F(Locks, LockThatIsHeldIsDenied) {
     EXPECT_EQ(reply_to(kLock), "<ok/>");
     EXPECT_EQ(reply_to(kLock), denied_by(id()));
     EXPECT_EQ(reply_to(kUnlock), "<ok/>");
-    RunningLock other(runtime_dir(), 300);
+    RunningLock other(runtime_dir(), 300, "eve");
     other.take();
     EXPECT_EQ(reply_to(kLock), denied_by("300"));
+}
+
+TEST_F(Locks, LockOfTheShellIsDeniedAsSessionZero) {
+    RunningLock shell(runtime_dir(), 0, "root (uid 0, pid 812)");
+    shell.take();
+    EXPECT_EQ(reply_to(kLock),
+              protocol_error("lock-denied", "the operator root (uid 0, pid 812) holds the lock",
+                             "<session-id>0</session-id>"));
+    shell.release();
+    EXPECT_EQ(reply_to(kLock), "<ok/>");
+    EXPECT_EQ(shell.holder()->name, "admin");
 }
 
 TEST_F(Locks, OnlyTheHolderUnlocks) {
     const std::string refusal =
         protocol_error("operation-failed", "this session does not hold the lock");
     EXPECT_EQ(reply_to(kUnlock), refusal);
-    RunningLock other(runtime_dir(), 300);
+    RunningLock other(runtime_dir(), 300, "eve");
     other.take();
     EXPECT_EQ(reply_to(kUnlock), refusal);
-    EXPECT_EQ(other.holder(), 300U);
+    EXPECT_EQ(other.holder()->session, 300U);
 }
 
 TEST_F(Locks, AreRefusedWhileAnotherSessionEdits) {

@@ -10,7 +10,7 @@
 #include "tests/unit/netconf/served_session.h"
 
 using namespace netconf::test;
-using netconf::RunningLock;
+using qv::RunningLock;
 
 namespace {
 

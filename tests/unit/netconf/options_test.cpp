@@ -68,6 +68,13 @@ TEST_F(OptionsOfTheFront, SocketComesFromTheOptionThenThePlatformFileThenTheEnvi
     EXPECT_EQ(read({"--platform", named, "--redis", "/own"}).redis_socket, "/own");
 }
 
+TEST_F(OptionsOfTheFront, SharedFolderComesFromTheOptionThenThePlatformFile) {
+    const std::string file = folder_.path("runtime.toml");
+    std::ofstream(file) << "[netconf]\nruntime = \"/there\"\n";
+    EXPECT_EQ(read({"--platform", file}).runtime_dir, "/there");
+    EXPECT_EQ(read({"--platform", file, "--runtime", "/own"}).runtime_dir, "/own");
+}
+
 TEST_F(OptionsOfTheFront, WriteGroupComesFromThePlatformFileAlsoWithASocketOfItsOwn) {
     const std::string file = folder_.path("group.toml");
     std::ofstream(file) << "[netconf]\nwrite_group = \"operators\"\n";
@@ -104,12 +111,12 @@ TEST_F(OptionsOfTheFront, UsageNamesEveryOption) {
               "started by sshd as its subsystem \"netconf\".\n"
               "\n"
               "  --platform FILE   platform file of the switch, for its [redis] socket and\n"
-              "                    [netconf] write_group\n"
+              "                    [netconf] section\n"
               "                    (default: the environment variable LDA_PLATFORM)\n"
               "  --redis SOCKET    Unix socket of the object database\n"
               "  --yang DIR        folder of the YANG modules (default: " YANG_DIR
               ")\n"
-              "  --runtime DIR     folder that the sessions share (default: /run/lda-netconf)\n"
+              "  --runtime DIR     folder that sessions and agent share, else [netconf] runtime\n"
               "  --stderr          log to standard error as well as to the system log\n");
 }
 

@@ -91,11 +91,12 @@ void ServedSession::SetUp() {
     options_.redis_socket = peer_->socket();
     options_.runtime_dir = folder_.path("run");
     number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
-    session_.reset(new Session{.options = options_,
-                               .context = context_.get(),
-                               .number = *number_,
-                               .lock = RunningLock(options_.runtime_dir, number_->id()),
-                               .subscription = nullptr});
+    session_.reset(
+        new Session{.options = options_,
+                    .context = context_.get(),
+                    .number = *number_,
+                    .lock = qv::RunningLock(options_.runtime_dir, number_->id(), "admin"),
+                    .subscription = nullptr});
     accept();
 }
 

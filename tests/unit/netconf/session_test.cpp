@@ -27,9 +27,9 @@
 using namespace netconf::test;
 using namespace std::chrono_literals;
 using netconf::Context;
-using netconf::File;
 using netconf::Options;
 using netconf::SessionNumber;
+using qv::File;
 
 namespace {
 

@@ -1,6 +1,7 @@
 // Agreements of sessions by locks on files. A lock belongs to its descriptor, so that two
 // sessions of one process differ as those of two processes do.
 #include "services/netconf/shared_state.h"
+#include "platform/base/running_lock.h"
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -30,12 +31,12 @@
 
 using namespace netconf::test;
 using netconf::EditTurn;
-using netconf::File;
 using netconf::Kill;
 using netconf::kill_session;
 using netconf::live_sessions;
-using netconf::RunningLock;
 using netconf::SessionNumber;
+using qv::File;
+using qv::RunningLock;
 
 namespace {
 
@@ -157,7 +158,7 @@ TEST_F(Peers, FolderThatCannotBeUsedIsNamed) {
               folder_.path("file/session-") + std::to_string(id) + ": Not a directory");
     EXPECT_EQ(fault([&] { EditTurn(folder_.path("nowhere")); }),
               folder_.path("nowhere/edit.lock") + ": No such file or directory");
-    EXPECT_EQ(fault([&] { RunningLock(folder_.path("nowhere"), 1).take(); }),
+    EXPECT_EQ(fault([&] { RunningLock(folder_.path("nowhere"), 1, "eve").take(); }),
               folder_.path("nowhere/running.lock") + ": No such file or directory");
 }
 
@@ -261,36 +262,57 @@ TEST_F(Peers, KillRefusedByTheKernelIsReportedAsSuch) {
 
 TEST_F(Peers, LockIsHeldByOneSessionUntilItReleasesIt) {
     mkdir(run_.c_str(), 0770);
-    RunningLock one(run_, 7);
-    RunningLock other(run_, 9);
-    EXPECT_EQ(one.holder(), 0U);
-    EXPECT_EQ(one.since(), "");
+    RunningLock one(run_, 7, "ann");
+    RunningLock other(run_, 9, "eve");
+    EXPECT_FALSE(one.holder());
     one.take();
     EXPECT_TRUE(one.mine());
     EXPECT_FALSE(other.mine());
     for (const RunningLock* lock : {&one, &other}) {
-        EXPECT_EQ(lock->holder(), 7U);
-        EXPECT_EQ(lock->since(), kNow);
+        ASSERT_TRUE(lock->holder());
+        EXPECT_EQ(lock->holder()->session, 7U);
+        EXPECT_EQ(lock->holder()->since, kNow);
+        EXPECT_EQ(lock->holder()->name, "ann");
     }
     EXPECT_EQ(fault([&] { other.take(); }),
               run_ + "/running.lock: Resource temporarily unavailable");
     EXPECT_FALSE(other.mine());
     one.release();
     EXPECT_FALSE(one.mine());
-    EXPECT_EQ(other.holder(), 0U);
-    EXPECT_EQ(other.since(), "");
+    EXPECT_FALSE(other.holder());
     other.take();
-    EXPECT_EQ(one.holder(), 9U);
+    EXPECT_EQ(one.holder()->session, 9U);
 }
 
 TEST_F(Peers, HolderKnowsItsOwnLockWhateverTheFileSays) {
     mkdir(run_.c_str(), 0770);
-    RunningLock lock(run_, 7);
+    RunningLock lock(run_, 7, "eve");
     lock.take();
     std::ofstream(run_ + "/running.lock") << "8 2000-01-01T00:00:00Z\n";
-    EXPECT_EQ(lock.holder(), 7U);
+    EXPECT_EQ(lock.holder()->session, 7U);
     ASSERT_EQ(unlink((run_ + "/running.lock").c_str()), 0);
-    EXPECT_EQ(lock.since(), "2000-01-01T00:00:00Z");
+    EXPECT_EQ(lock.holder()->since, "2000-01-01T00:00:00Z");
+}
+
+TEST_F(Peers, NameOfTheLocksHolderMayHaveBlanksAndNoControlCharacters) {
+    mkdir(run_.c_str(), 0770);
+    RunningLock shell(run_, 0, "root (uid 0, pid 812)");
+    shell.take();
+    const RunningLock other(run_, 9, "eve");
+    EXPECT_EQ(other.holder()->session, 0U);
+    EXPECT_EQ(other.holder()->name, "root (uid 0, pid 812)");
+    std::ofstream(run_ + "/running.lock") << "7 \x1b[2J e\xc3\xa9\n8 x y\n";
+    EXPECT_EQ(other.holder()->session, 7U);
+    EXPECT_EQ(other.holder()->since, "?[2J");
+    EXPECT_EQ(other.holder()->name, "e??");
+}
+
+TEST_F(Peers, PipeInPlaceOfTheLocksFileIsRefusedAndNotWaitedFor) {
+    mkdir(run_.c_str(), 0770);
+    ASSERT_EQ(mkfifo((run_ + "/running.lock").c_str(), 0660), 0);
+    RunningLock lock(run_, 7, "ann");
+    EXPECT_FALSE(lock.holder());
+    EXPECT_EQ(fault([&] { lock.take(); }), run_ + "/running.lock: Invalid argument");
 }
 
 TEST_F(Peers, TurnToEditIsOneSessionsAtATime) {

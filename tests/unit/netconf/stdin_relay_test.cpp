@@ -187,7 +187,7 @@ TEST_F(StdinRelayTest, EndLeavesTheOtherDirectionOpen) {
 
 TEST_F(StdinRelayTest, ReadingEndsWhenNobodyTakesTheMessages) {
     start();
-    const netconf::File end(dup(relay_->fd()));
+    const qv::File end(dup(relay_->fd()));
     relay_.reset();
     shutdown(end.fd(), SHUT_RD);
     send(kHello);

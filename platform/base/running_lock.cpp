@@ -1,0 +1,55 @@
+#include "platform/base/running_lock.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <sstream>
+#include <stdexcept>
+
+namespace qv {
+namespace {
+
+// The file's line is "SESSION TIME NAME". Any member of the group may have written it.
+RunningLockHolder holder_in(std::string line) {
+    std::replace_if(
+        line.begin(), line.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+    RunningLockHolder holder{.session = 0, .since = {}, .name = {}};
+    std::istringstream words(line);
+    words >> holder.session >> holder.since >> std::ws;
+    std::getline(words, holder.name);
+    return holder;
+}
+
+}  // namespace
+
+std::optional<RunningLockHolder> RunningLock::holder() const {
+    if (mine()) {
+        return RunningLockHolder{session_, holder_in(read_line(file_)).since, name_};
+    }
+    const File file = open_lock_file(path());
+    if (!file.open() || !is_locked(file)) {
+        return std::nullopt;
+    }
+    return holder_in(read_line(file));
+}
+
+void RunningLock::take() {
+    File file = create_lock_file(path());
+    if (!file.open() || !try_lock(file)) {
+        throw std::runtime_error(path() + ": " + strerror(errno));
+    }
+    write_line(file, std::to_string(session_) + " " + now_rfc3339() + " " + name_);
+    file_ = std::move(file);
+}
+
+std::string now_rfc3339() {
+    const time_t now = time(nullptr);
+    tm parts{};
+    gmtime_r(&now, &parts);
+    std::array<char, 32> text;
+    return {text.data(), strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%SZ", &parts)};
+}
+
+}  // namespace qv
