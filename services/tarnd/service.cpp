@@ -9,6 +9,7 @@
 
 #include "platform/base/message_log.h"
 #include "platform/base/tarn_limits.h"
+#include "platform/client/loop_policy.h"
 #include "platform/client/thread_master.h"
 #include "qv/bridge.h"
 #include "services/tarnd/port_name.h"
@@ -19,9 +20,6 @@ namespace {
 constexpr uint32_t kUntaggedVid = 1;
 constexpr std::chrono::milliseconds kCommandPause{10};
 constexpr size_t kLoggedVlans = 8;  // loops of one port
-constexpr uint32_t kPolicyAccess = 2;
-constexpr uint32_t kPolicyHybrid = 3;
-constexpr uint32_t kPolicyBoth = 4;
 
 // The object database's callbacks carry no argument of ours.
 Service* g_service = nullptr;
@@ -96,12 +94,6 @@ void follow(qv_mom_client* client, uint32_t db) {
 }
 
 }  // namespace
-
-bool policy_shuts(uint32_t policy, uint32_t vlan_mode) {
-    return (vlan_mode == SWPORT_MODE_ACCESS &&
-            (policy == kPolicyAccess || policy == kPolicyBoth)) ||
-           (vlan_mode == SWPORT_MODE_HYBRID && (policy == kPolicyHybrid || policy == kPolicyBoth));
-}
 
 Role role_of(uint32_t vlan_mode) {
     return vlan_mode == SWPORT_MODE_ACCESS   ? Role::kAccess

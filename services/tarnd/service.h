@@ -23,9 +23,6 @@
 
 namespace qv::tarnd {
 
-// Whether the loop-detect policy shuts a looped port of this VLAN mode.
-bool policy_shuts(uint32_t policy, uint32_t vlan_mode);
-
 // In which order ports of this VLAN mode are chosen.
 Role role_of(uint32_t vlan_mode);
 

@@ -17,23 +17,6 @@ PBridge__TarnConfig config(uint32_t enabled, uint32_t recover_s, uint32_t interv
     return record;
 }
 
-TEST(Service, APolicyShutsTheVlanModesThatItNames) {
-    constexpr uint32_t access = 1, trunk = 2, hybrid = 7;
-    for (const uint32_t warning : {0, 1}) {
-        EXPECT_FALSE(policy_shuts(warning, access));
-        EXPECT_FALSE(policy_shuts(warning, hybrid));
-    }
-    EXPECT_TRUE(policy_shuts(2, access));
-    EXPECT_FALSE(policy_shuts(2, hybrid));
-    EXPECT_FALSE(policy_shuts(3, access));
-    EXPECT_TRUE(policy_shuts(3, hybrid));
-    EXPECT_TRUE(policy_shuts(4, access));
-    EXPECT_TRUE(policy_shuts(4, hybrid));
-    for (const uint32_t policy : {0, 1, 2, 3, 4, 5}) {
-        EXPECT_FALSE(policy_shuts(policy, trunk)) << policy;
-    }
-}
-
 TEST(Service, SettingsAreThoseOfTheRecord) {
     EXPECT_EQ(settings_of(config(1, 90, 250)),
               (Settings{.enabled = true, .interval = milliseconds(250), .recover = seconds(90)}));
