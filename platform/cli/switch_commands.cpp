@@ -17,6 +17,7 @@ void register_switch_commands() {
     register_interface_commands();
     register_errdisable_commands();
     register_loop_history_command();
+    register_what_if_command();
     register_user_commands();
     register_tarn_commands();
     register_show_tarn();

@@ -21,6 +21,7 @@ void register_port_commands();          // shutdown, switchport mode, default in
 void register_interface_commands();     // show interfaces ...
 void register_errdisable_commands();    // show errdisable ..., clear errdisable ...
 void register_loop_history_command();   // show loop-detect history
+void register_what_if_command();        // show loop-detect what-if
 void register_user_commands();          // show users, show history
 void register_role_command();           // show role
 void register_debug_commands();         // debug NAME, show debugging, show version

@@ -22,6 +22,8 @@ class Table {
     // empty).
     void add(std::vector<nlohmann::ordered_json> cells) { rows_.push_back(std::move(cells)); }
 
+    bool empty() const { return rows_.empty(); }
+
     // Headings and rows, or a JSON array with an object for each row.
     void print() const;
 
