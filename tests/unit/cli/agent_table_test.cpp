@@ -47,6 +47,16 @@ TEST(AgentTable, NameMayFillItsColumn) {
     EXPECT_TRUE(table->ports[0].in_table);
 }
 
+TEST(AgentTable, NameOfAPortIsNoState) {
+    const auto table = parse_agent_table(
+        kHead +
+        "4      loop4                           normal        normal        normal       warning   "
+        "access 0\n");
+    ASSERT_TRUE(table);
+    const std::vector<AgentPort> expected{{.ifx = 4, .name = "loop4", .vlan_mode = 1}};
+    EXPECT_EQ(table->ports, expected);
+}
+
 TEST(AgentTable, TextWithoutAPolicyIsNoTable) {
     EXPECT_FALSE(parse_agent_table(""));
     EXPECT_FALSE(parse_agent_table("% Unknown command: 'lda'.\n"));
