@@ -6,12 +6,10 @@
 #include "platform/cli/config_replace.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstring>
 #include <optional>
 
-#include "platform/cli/caller.h"
 #include "platform/cli/command_trees.h"
+#include "platform/cli/config_check.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/config_lock.h"
 #include "platform/cli/config_log.h"
@@ -116,12 +114,9 @@ bool remove_superfluous(const std::string& port, const ConfigSections& current,
 // The file's configuration, or nothing when it was refused.
 std::optional<ConfigSections> read_target(const std::string& path) {
     const std::optional<Caller>& caller = current_session()->caller;
-    const std::optional<std::string> text =
-        read_config_from(open_as(caller ? &*caller : nullptr, path));
+    std::string reason;
+    const std::optional<std::string> text = read_as(caller ? &*caller : nullptr, path, reason);
     if (!text) {
-        const char* const reason = errno == ELOOP    ? "It is a symbolic link"
-                                   : errno == EINVAL ? "It is not a regular file"
-                                                     : std::strerror(errno);
         refuse(path + ": " + reason + ".");
         return {};
     }

@@ -22,23 +22,27 @@ std::string at_line(int number, std::string_view reason) {
     return "line " + std::to_string(number) + ": " + std::string(reason);
 }
 
-// Empties comment lines, which would end a section. A "!" alone does end one.
-std::string without_comments(std::string_view text, std::string& fault) {
+using Faults = std::vector<ConfigFault>;
+
+// Empties comment lines, which would end a section. A "!" alone does end one. Stops after the end
+// of the configuration.
+std::string without_comments(std::string_view text, Faults& faults) {
     std::string kept;
     bool ended = false;
-    for (int number = 1; !text.empty() && fault.empty(); ++number) {
+    for (int number = 1; !text.empty(); ++number) {
         const size_t end = std::min(text.find('\n'), text.size());
         const std::string_view line = trimmed(text.substr(0, end));
         text.remove_prefix(std::min(end + 1, text.size()));
         const bool comment = line.size() > 1 && line.front() == '!';
         if (ended && !line.empty() && line.front() != '!') {
-            fault = at_line(number, "Nothing but comments may follow the line 'end'.");
+            faults.push_back({number, "Nothing but comments may follow the line 'end'."});
+            return kept;
         }
         ended = ended || line == "end";
         kept.append(comment ? std::string_view{} : line).append("\n");
     }
-    if (fault.empty() && !ended) {
-        fault = "The line 'end' is missing: the file is not whole.";
+    if (!ended) {
+        faults.push_back({0, "The line 'end' is missing: the file is not whole."});
     }
     return kept;
 }
@@ -60,24 +64,29 @@ ConfigSections merged(const std::vector<ConfigSection>& cut) {
     return sections;
 }
 
-// The reason when a file has more lines or ports than can be applied, else empty.
-std::string limit_fault(const std::vector<ConfigSection>& cut) {
+// Reports more lines or ports than can be applied. Returns false when the lines are too many to be
+// checked.
+bool within_limits(const std::vector<ConfigSection>& cut, Faults& faults) {
     size_t commands = 0;
     std::set<std::string_view> absent;
     for (const ConfigSection& section : cut) {
         commands += section.lines.size();
         if (commands > kMaxCommands) {
-            return "It has more than " + std::to_string(kMaxCommands) + " commands.";
+            faults.push_back(
+                {0, "It has more than " + std::to_string(kMaxCommands) + " commands."});
+            return false;
         }
         if (!section.port.empty() && !platform().ports().find(section.port)) {
             absent.insert(section.port);
         }
         if (absent.size() > PortSections::kMaxKept) {
-            return at_line(section.number, "More than " + std::to_string(PortSections::kMaxKept) +
-                                               " interfaces that do not exist.");
+            faults.push_back({section.number, "More than " +
+                                                  std::to_string(PortSections::kMaxKept) +
+                                                  " interfaces that do not exist."});
+            return false;
         }
     }
-    return {};
+    return true;
 }
 
 // A session in which the lines of a section can be parsed.
@@ -117,15 +126,9 @@ std::string difference_of(const ConfigSections& current, const ConfigSections& t
     return text.empty() || port.empty() ? text : "interface " + port + "\n" + text;
 }
 
-}  // namespace
-
-ConfigSections check_config(std::string_view text, std::string& fault) {
-    const std::string kept = without_comments(text, fault);
-    const std::vector<ConfigSection> cut = parse_config(kept);
-    fault = fault.empty() ? limit_fault(cut) : fault;
-    if (!fault.empty()) {
-        return {};
-    }
+// Checks the lines until `limit` faults are known. Returns those that are commands, with keywords
+// in full.
+ConfigSections check_lines(const std::vector<ConfigSection>& cut, size_t limit, Faults& faults) {
     const SessionState global = session_of({});
     ConfigSections checked(1);
     for (const ConfigSection& section : cut) {
@@ -141,14 +144,49 @@ ConfigSections check_config(std::string_view text, std::string& fault) {
                 command = ended ? other : command;
                 into = ended ? &checked.front() : into;
             }
-            if (!command.error.empty()) {
-                fault = at_line(line.number, std::string_view(command.error).substr(2));
-                return {};
+            if (command.error.empty()) {
+                into->lines.push_back({line.number, command.text});
+                continue;
             }
-            into->lines.push_back({line.number, command.text});
+            faults.push_back({line.number, command.error.substr(2)});
+            if (faults.size() >= limit) {
+                return checked;
+            }
         }
     }
     return checked;
+}
+
+// Checks a whole text. At least one fault is looked for.
+ConfigSections check(std::string_view text, size_t limit, Faults& faults) {
+    if (text.find('\0') != std::string_view::npos) {
+        faults.push_back({0, "It is a binary file."});
+        return {};
+    }
+    const std::vector<ConfigSection> cut = parse_config(without_comments(text, faults));
+    const bool checkable = within_limits(cut, faults);
+    return checkable && faults.size() < limit ? check_lines(cut, limit, faults) : ConfigSections{};
+}
+
+}  // namespace
+
+ConfigSections check_config(std::string_view text, std::string& fault) {
+    Faults faults;
+    ConfigSections checked = check(text, 1, faults);
+    if (faults.empty()) {
+        return checked;
+    }
+    const ConfigFault& first = faults.front();
+    fault = first.line != 0 ? at_line(first.line, first.reason) : first.reason;
+    return {};
+}
+
+std::vector<ConfigFault> find_faults(std::string_view text, size_t limit) {
+    Faults faults;
+    check(text, limit, faults);
+    std::stable_sort(faults.begin(), faults.end(),
+                     [](const auto& one, const auto& other) { return one.line < other.line; });
+    return faults;
 }
 
 ConfigSections current_config() {

@@ -18,6 +18,16 @@ using ConfigSections = std::vector<ConfigSection>;
 // at the first line that is no configuration command: "line 7: Unknown command: 'x'.".
 ConfigSections check_config(std::string_view text, std::string& fault);
 
+// A reason why a text is not taken as a configuration.
+struct ConfigFault {
+    int line = 0;  // 0: the text as a whole
+    std::string reason;
+};
+// The first `limit` faults that check_config() would find in turn if each one were mended, those of
+// the whole text before those of its lines. With a fault of the whole text that makes a check of
+// each line useless, that one is the last.
+std::vector<ConfigFault> find_faults(std::string_view text, size_t limit);
+
 // The running configuration, sections of absent ports included.
 ConfigSections current_config();
 

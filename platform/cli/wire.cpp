@@ -1,9 +1,11 @@
 #include "platform/cli/wire.h"
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 
 #include "platform/cli/command_trees.h"
+#include "platform/cli/config_check.h"
 
 namespace qv::cli {
 namespace {
@@ -41,6 +43,17 @@ void answer_exec(const json& request, const std::string& line, SessionState& ses
     execute_alone(std::move(alone), line, std::move(answer));
 }
 
+// The name is repeated in the answer.
+Result check_named(const std::string& file, const SessionState& session) {
+    const bool clean = std::none_of(file.begin(), file.end(), [](char c) {
+        return static_cast<unsigned char>(c) < 0x20 || c == 0x7f;
+    });
+    if (!clean) {
+        return error_result("The name of the file contains control characters.");
+    }
+    return check_file(session.caller ? &*session.caller : nullptr, file);
+}
+
 bool is_start_mode(std::string_view mode) {
     return mode == kModeExec || mode == kModeConfig || mode == kModeInterface;
 }
@@ -57,8 +70,11 @@ void answer_request(std::string_view text, SessionState& session, Completion ans
         answer({0, completions(session, *part)});
     } else if (const std::string* asked = text_of(request, "help")) {
         answer({0, help_text(session, *asked)});
+    } else if (const std::string* file = text_of(request, "check")) {
+        answer(check_named(*file, session));
     } else {
-        answer(error_result("The request has no text \"exec\", \"complete\" or \"help\"."));
+        answer(
+            error_result("The request has no text \"exec\", \"complete\", \"help\" or \"check\"."));
     }
 }
 

@@ -3,6 +3,9 @@
 //   {"exec": LINE}      executes the line; with "mode" and "ifx" in that mode, for this line only
 //   {"complete": LINE}  words that can stand in place of the last one, one per line of "output"
 //   {"help": LINE}      the same with their help texts
+//   {"check": FILE}     checks the configuration in the file and changes nothing; "output" has a
+//   line
+//                       for each fault
 // Reply: {"output": TEXT, "prompt": TEXT, "result": NUMBER}, with "end": true when the session ends
 // with it, and with "wrong_at": BYTES when LINE is not a command: where the wrong word begins, or
 // the end of the line when something is missing there. "length": NUMBER is in the replies of a

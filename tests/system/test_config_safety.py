@@ -170,3 +170,25 @@ def test_idle_shell_prints_that_its_session_timed_out():
         shown = os.read(master, 65536).decode()
         os.close(master)
         assert "ldash: Session closed: it was idle for too long." in shown
+
+
+def test_file_is_checked_without_being_applied(lab, tmp_path):
+    lab.configure("tarn enable")
+    before = lab.cli("show running-config")
+    file = tmp_path / "new cfg"
+    tmp_path.chmod(0o755)
+
+    def check():
+        done = subprocess.run([BUILD / "tools/ldash/ldash", "-s", str(lab.cli_socket), "--check", file.name],
+                              cwd=tmp_path, capture_output=True, text=True, timeout=60, check=False)
+        assert done.stdout == ""
+        return done.returncode, done.stderr
+
+    file.write_text(before + "end\n")
+    assert check() == (0, "")
+    file.write_text("loop-detect enable shutdown accessmode\nloop-detect enable\n"
+                    "interface swp1\n loop-detect apply\nend\n")
+    assert check() == (1, f"{file}:1: Unknown command: 'accessmode'.\n{file}:4: Incomplete command.\n")
+    file.unlink()
+    assert check() == (1, f"{file}: No such file or directory.\n")
+    assert lab.cli("show running-config") == before

@@ -1,9 +1,11 @@
-// The operator's shell: interactive on a terminal, else lines from "-c" or standard input.
+// The operator's shell: interactive on a terminal, else lines from "-c" or standard input. With
+// "--check" it has a configuration file checked.
 #include <getopt.h>
 #include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <iostream>
 #include <stdexcept>
 #include <string>
@@ -19,12 +21,18 @@ constexpr int kDone = 0;
 constexpr int kRefused = 1;
 constexpr int kNotReachable = 2;
 
+constexpr int kCheck = 256;  // in place of an option's letter
+
 constexpr const char* kUsage =
     "usage: ldash [-s SOCKET] [-c LINE]...\n"
+    "       ldash [-s SOCKET] --check FILE\n"
     "\n"
     "  -s SOCKET  command-line socket of the switch; else LDA_CLI_SOCKET,\n"
     "             else /run/lda/cli.sock\n"
     "  -c LINE    executes the line and ends; several are executed in one session\n"
+    "  --check FILE\n"
+    "             checks a configuration as \"configure replace\" does, changes\n"
+    "             nothing, and prints FILE:LINE: REASON for each bad line\n"
     "\n"
     "Without -c: a shell on a terminal, with history, TAB and ?; otherwise the\n"
     "lines of standard input. Both end at the first line that is refused.\n"
@@ -33,7 +41,13 @@ constexpr const char* kUsage =
 struct Options {
     std::string socket = qv::PlatformConfig().cli_socket;
     std::vector<std::string> lines;
+    std::string checked;  // file to check; empty: none
 };
+
+[[noreturn]] void end_with_usage() {
+    std::fputs(kUsage, stderr);
+    std::exit(kNotReachable);
+}
 
 // Ends the program for --help and wrong usage.
 Options read_options(int argc, char** argv) {
@@ -41,21 +55,25 @@ Options read_options(int argc, char** argv) {
     if (const char* socket = std::getenv("LDA_CLI_SOCKET")) {
         options.socket = socket;
     }
-    const option long_options[] = {{"help", no_argument, nullptr, 'h'}, {}};
+    const option long_options[] = {
+        {"help", no_argument, nullptr, 'h'}, {"check", required_argument, nullptr, kCheck}, {}};
     int letter = 0;
     while ((letter = getopt_long(argc, argv, "s:c:h", long_options, nullptr)) != -1) {
         if (letter == 's') {
             options.socket = optarg;
         } else if (letter == 'c') {
             options.lines.emplace_back(optarg);
+        } else if (letter == kCheck && *optarg != '\0') {
+            options.checked = optarg;
+        } else if (letter == 'h') {
+            std::fputs(kUsage, stdout);
+            std::exit(kDone);
         } else {
-            std::fputs(kUsage, letter == 'h' ? stdout : stderr);
-            std::exit(letter == 'h' ? kDone : kNotReachable);
+            end_with_usage();
         }
     }
-    if (optind < argc) {
-        std::fputs(kUsage, stderr);
-        std::exit(kNotReachable);
+    if (optind < argc || !(options.lines.empty() || options.checked.empty())) {
+        end_with_usage();
     }
     return options;
 }
@@ -80,6 +98,13 @@ int run_lines(ldash::Connection& connection, const std::vector<std::string>& lin
     return status;
 }
 
+// The switch opens the file, from its own folder.
+int check_file(ldash::Connection& connection, const std::string& file) {
+    const ldash::Reply reply = connection.ask("check", std::filesystem::absolute(file).string());
+    std::fputs(reply.output.c_str(), stderr);
+    return reply.result == 0 ? kDone : kRefused;
+}
+
 int run_script(ldash::Connection& connection) {
     int status = kDone;
     int number = 0;
@@ -102,6 +127,9 @@ int main(int argc, char** argv) {
     const Options options = read_options(argc, argv);
     try {
         ldash::Connection connection(options.socket);
+        if (!options.checked.empty()) {
+            return check_file(connection, options.checked);
+        }
         if (!options.lines.empty()) {
             return run_lines(connection, options.lines);
         }

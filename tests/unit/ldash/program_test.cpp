@@ -1,6 +1,7 @@
 // The program ldash with lines on its command line or its standard input, and on a terminal.
 #include <stdlib.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -15,10 +16,14 @@ namespace {
 
 constexpr const char* kUsage =
     "usage: ldash [-s SOCKET] [-c LINE]...\n"
+    "       ldash [-s SOCKET] --check FILE\n"
     "\n"
     "  -s SOCKET  command-line socket of the switch; else LDA_CLI_SOCKET,\n"
     "             else /run/lda/cli.sock\n"
     "  -c LINE    executes the line and ends; several are executed in one session\n"
+    "  --check FILE\n"
+    "             checks a configuration as \"configure replace\" does, changes\n"
+    "             nothing, and prints FILE:LINE: REASON for each bad line\n"
     "\n"
     "Without -c: a shell on a terminal, with history, TAB and ?; otherwise the\n"
     "lines of standard input. Both end at the first line that is refused.\n"
@@ -313,6 +318,47 @@ TEST(ShellUnderNohup, TerminalThatIsGoneEndsTheShell) {
     terminal.close();
     EXPECT_EQ(peer.request(), "no request");
     EXPECT_EQ(terminal.wait(), 0);
+}
+
+// ---- --check ----
+
+TEST_F(ProgramTest, CheckAsksTheSwitchAndPrintsItsFaultsAsErrors) {
+    Program program({"-s", peer.path(), "--check", "/tmp/some file.cfg"});
+    peer.accept();
+    EXPECT_EQ(peer.request(), R"({"check":"/tmp/some file.cfg"})");
+    peer.say(R"({"output":"/tmp/some file.cfg:7: Incomplete command.\n","result":1})");
+    const Ended ended = program.wait();
+    EXPECT_EQ(ended.status, 1);
+    EXPECT_EQ(ended.out, "");
+    EXPECT_EQ(ended.err, "/tmp/some file.cfg:7: Incomplete command.\n");
+}
+
+TEST_F(ProgramTest, CheckedFileWithoutFaultsPrintsNothing) {
+    Program program({"-s", peer.path(), "--check", "/etc/new.cfg"});
+    peer.accept();
+    peer.say(R"({"output":"","result":0})");
+    const Ended ended = program.wait();
+    EXPECT_EQ(ended.status, 0);
+    EXPECT_EQ(ended.out + ended.err, "");
+    EXPECT_EQ(peer.requests(), Lines{R"({"check":"/etc/new.cfg"})"});
+}
+
+TEST_F(ProgramTest, CheckedFileIsNamedFromTheRoot) {
+    Program program({"-s", peer.path(), "--check", "new.cfg"});
+    peer.accept();
+    EXPECT_EQ(peer.request(),
+              R"({"check":")" + (std::filesystem::current_path() / "new.cfg").string() + R"("})");
+    peer.say(R"({"output":"","result":0})");
+    EXPECT_EQ(program.wait().status, 0);
+}
+
+TEST_F(ProgramTest, CheckNeedsAFileAndTakesNoLines) {
+    for (const Lines& wrong :
+         {Lines{"--check"}, Lines{"--check", ""}, Lines{"--check", "f", "-c", "show version"}}) {
+        const Ended ended = Program(wrong).wait();
+        EXPECT_EQ(ended.status, 2);
+        EXPECT_NE(ended.err.find(kUsage), std::string::npos);
+    }
 }
 
 }  // namespace
