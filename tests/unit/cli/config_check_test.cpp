@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "platform/cli/caller.h"
+#include "platform/cli/config_target.h"
 #include "platform/cli/wire.h"
 #include "tests/unit/cli/cli_rig.h"
 
@@ -94,6 +95,18 @@ TEST_F(ConfigCheck, AtMostAHundredFaultsAreShown) {
     EXPECT_TRUE(hundred.ends_with(file + ":100: Unknown command: 'bad'.\n"));
     EXPECT_EQ(faults(text + "bad\nend\n"),
               hundred + file + ": More lines are bad than are shown.\n");
+}
+
+TEST_F(ConfigCheck, LookingEndsAtTheLimit) {
+    EXPECT_EQ(find_faults("bad\nbad\nbad\nend\n", 2).size(), 2U);
+}
+
+TEST_F(ConfigCheck, FaultsAreInTheOrderOfTheirLines) {
+    const std::vector<ConfigFault> faults = find_faults("one\ntwo\nend\nthree\n", 10);
+    ASSERT_EQ(faults.size(), 3U);
+    EXPECT_EQ(faults[0].line, 1);
+    EXPECT_EQ(faults[1].line, 2);
+    EXPECT_EQ(faults[2].line, 4);
 }
 
 TEST_F(ConfigCheck, TooManyCommandsAreNotCheckedOneByOne) {
