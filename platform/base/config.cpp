@@ -1,6 +1,7 @@
 #include "platform/base/config.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <fstream>
@@ -8,9 +9,12 @@
 #include <initializer_list>
 #include <iterator>
 #include <optional>
+#include <sstream>
 #include <stdexcept>
+#include <string>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include <sys/un.h>
 #include <toml++/toml.h>
@@ -231,7 +235,61 @@ void read_sections(const Section& top, PlatformConfig& config) {
     role.whole_number("lease_ms", config.lease_ms, kShortestLease_ms, kLongestLease_ms);
 }
 
+// Whether a setting may hold a password or a key. The platform file of this program has none, but
+// somebody may have written one into it.
+bool is_secret(std::string_view key, const toml::node& value) {
+    std::string name(key);
+    std::transform(name.begin(), name.end(), name.begin(),
+                   [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+    for (const char* const word : {"password", "passwd", "secret", "token", "key", "credential"}) {
+        if (name.find(word) != std::string::npos) {
+            return true;
+        }
+    }
+    const std::string text = value.value<std::string>().value_or("");
+    const size_t scheme = text.find("://");
+    return scheme != std::string::npos && text.find('@', scheme) != std::string::npos;
+}
+
+void leave_out_secrets(toml::table& table);
+
+void leave_out_secrets(toml::array& array) {
+    for (toml::node& node : array) {
+        if (is_secret("", node)) {
+            *node.as_string() = std::string("(left out)");
+        } else if (toml::table* const table = node.as_table()) {
+            leave_out_secrets(*table);
+        } else if (toml::array* const inner = node.as_array()) {
+            leave_out_secrets(*inner);
+        }
+    }
+}
+
+void leave_out_secrets(toml::table& table) {
+    std::vector<std::string> secrets;
+    for (auto&& [key, node] : table) {
+        if (is_secret(key.str(), node)) {
+            secrets.emplace_back(key.str());
+        } else if (toml::table* const inner = node.as_table()) {
+            leave_out_secrets(*inner);
+        } else if (toml::array* const array = node.as_array()) {
+            leave_out_secrets(*array);
+        }
+    }
+    for (const std::string& key : secrets) {
+        table.insert_or_assign(key, "(left out)");
+    }
+}
+
 }  // namespace
+
+std::string platform_file_without_secrets(const std::string& path) {
+    toml::table table = parse(path);
+    leave_out_secrets(table);
+    std::ostringstream text;
+    text << table << "\n";
+    return text.str();
+}
 
 PlatformConfig load_platform_config(const std::string& path) {
     const toml::table table = parse(path);

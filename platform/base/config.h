@@ -37,4 +37,9 @@ struct PlatformConfig {
 // the file cannot be read at all.
 PlatformConfig load_platform_config(const std::string& path);
 
+// The settings in the file as text that may be shown to others, without comments: what could be a
+// secret (by the name of its key, or a user in an address) is replaced by "(left out)". Throws as
+// load_platform_config() does.
+std::string platform_file_without_secrets(const std::string& path);
+
 }  // namespace qv

@@ -91,6 +91,10 @@ void report_bridge(const std::string& name, bool missing) {
     note(report().bridges, name, missing);
 }
 
+std::string status_line() {
+    return status_of(report());
+}
+
 void report_alive() {
     sd_notify(0, "WATCHDOG=1");
 }

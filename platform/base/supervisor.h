@@ -19,6 +19,10 @@ void report_standby(bool standing_by);
 bool report_database(uint32_t db, bool missing);
 void report_bridge(const std::string& name, bool missing);
 
+// The status line: "starting" at first, then the state of a process that misses nothing, else
+// "waiting for bridge br0 and databases 3, 4" or "standing by for the master".
+std::string status_line();
+
 // Tells a watchdog that the loop still runs.
 void report_alive();
 

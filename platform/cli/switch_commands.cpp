@@ -25,6 +25,7 @@ void register_switch_commands() {
     register_debug_commands();
     register_logging_commands();
     register_notification_commands();
+    register_tech_support_command();
 }
 
 }  // namespace qv::cli

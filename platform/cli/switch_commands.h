@@ -27,6 +27,7 @@ void register_role_command();           // show role
 void register_debug_commands();         // debug NAME, show debugging, show version
 void register_logging_commands();       // show logging, clear logging
 void register_notification_commands();  // show notifications
+void register_tech_support_command();   // show tech-support
 
 // Action of a slot for a port's name: takes any word into word slot 0, offers the names there are.
 void port_name_action(cli_walk* walk, const cli_node* node);

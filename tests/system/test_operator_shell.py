@@ -16,6 +16,7 @@
 | configuration lines in the log | test_config_safety.py |
 | `configure exclusive`, `clear configure lock` | test_config_safety.py, test_lock_can_be_cleared |
 | `configure terminal revert`, `configure confirm` | test_config_safety.py |
+| `show tech-support` | test_one_text_has_everything |
 | idle timeout | test_config_safety.py |
 """
 
@@ -130,3 +131,19 @@ def test_lock_can_be_cleared(lab):
     lost = lab.ldash("configure exclusive", "do clear configure lock", "tarn enable")
     assert lost.returncode == 1
     assert lost.stdout.startswith("% Your configuration lock was cleared by ")
+
+
+def test_one_text_has_everything(lab):
+    text = lab.cli("show tech-support")
+    headings = [line[5:-5] for line in text.splitlines() if line.startswith("==== ")]
+    assert headings == ["show version", "process", "show role", "platform file", "show running-config",
+                        "show startup-config", "show interfaces", "show interfaces status",
+                        "show loop-detect detail", "show lda detect-result", "show errdisable",
+                        "show errdisable recovery", "show loop-detect history", "show logging", "show tarn",
+                        "debug lda storm-detect", "show debugging", "show users", "show notifications"]
+    assert "\nState: running\n" in text
+    assert str(lab.cli_socket) in text
+    for piece in ("show lda detect-result", "show loop-detect detail", "show interfaces"):
+        assert lab.cli(piece) in text
+    for piece in text.split("==== ")[1:]:
+        assert "Unknown command" not in piece, piece
