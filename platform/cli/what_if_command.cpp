@@ -86,7 +86,7 @@ std::vector<Json> looped_row(const AgentPort& port) {
 
 // Why a looped port is not shut.
 std::string why_reported(const AgentPort& port, uint32_t policy, uint32_t present) {
-    if (const std::string reason = obstacle(policy, port.vlan_mode); !reason.empty()) {
+    if (std::string reason = obstacle(policy, port.vlan_mode); !reason.empty()) {
         return reason;
     }
     return policy == present
