@@ -13,6 +13,7 @@
 #include "platform/base/supervisor.h"
 #include "platform/cli/config_replay.h"
 #include "platform/cli/held_ports.h"
+#include "platform/cli/recovery_rules.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/cli/timed_return.h"
@@ -398,6 +399,7 @@ void ConfigKeeper::on_removed(const Port& port) {
     modes_.erase(port.ifx);
     held_ports().removed(port.name);
     tarn_forget_port(port.ifx);
+    forget_recovery_rule(port.ifx);
     request_save();
 }
 

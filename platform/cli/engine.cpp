@@ -14,8 +14,10 @@
 #include "platform/cli/config_lock.h"
 #include "platform/cli/config_log.h"
 #include "platform/cli/fault_seam.h"
+#include "platform/cli/held_ports.h"
 #include "platform/cli/hostname_command.h"
 #include "platform/cli/output_filter.h"
+#include "platform/cli/port_sections.h"
 #include "platform/cli/typed_line.h"
 #include "platform/cli/walk.h"
 #include "platform/client/platform.h"
@@ -153,6 +155,17 @@ int call_handler(Command& command, const SessionState& session) {
                                       : command.parsed.handler(&command.pcdb);
 }
 
+// An operator who removes the agent's mark wants the port back, whatever its rules say.
+void release_ports(const SessionState& session, const Command& command) {
+    if (session.program || command.pcdb.prefix == 0 || command.parsed.text != kHeldLine) {
+        return;
+    }
+    for (const uint64_t ifx :
+         command.mode == kModeRange ? session.range : std::vector<uint64_t>{session.ifx}) {
+        held_ports().release(port_name(ifx));
+    }
+}
+
 // Runs a command of a configuration mode. One that does more than move the session is logged with
 // the operator who entered it.
 int run_config_command(SessionState& session, Command& command, std::string_view typed) {
@@ -164,6 +177,7 @@ int run_config_command(SessionState& session, Command& command, std::string_view
     session.mode = command.mode;  // mode config for its lines in the interface modes
     // The handler may find that the port was removed.
     const std::string entered = operators ? entered_line(session, squeezed(typed)) : "";
+    release_ports(session, command);
     const int result = call_handler(command, session);
     if (operators) {
         const bool done = result == 0 && g_running->output->empty();

@@ -3,7 +3,8 @@
 //
 // The agent counts the time in steps: a tick every ten seconds adds one to each port it holds, and
 // the tick that reaches the recovery time brings the port back. When a port is shut the next tick
-// is up to ten seconds away, which is not known here: the times shown are the latest ones.
+// is up to ten seconds away, which is not known here: the times shown are the latest ones. When a
+// rule of the port refuses that recovery, the next one follows after another recovery time.
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -19,6 +20,7 @@
 #include "platform/cli/local_time.h"
 #include "platform/cli/output_filter.h"
 #include "platform/cli/port_sections.h"
+#include "platform/cli/recovery_rules.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/table.h"
@@ -70,14 +72,24 @@ std::vector<Port> marked_ports(bool only_down) {
     return marked;
 }
 
-// Empty when the agent has not begun to count for the port.
-std::optional<Time> recovery_due(const std::string& port, seconds recovery) {
-    const LoopedPort* const known = held_ports().find(port);
+// Empty when the agent has not begun to count for the port, and when a rule keeps it for ever.
+std::optional<Time> recovery_due(const Port& port, seconds recovery) {
+    const LoopedPort* const known = held_ports().find(port.name);
     if (known == nullptr || !known->counted_from) {
         return {};
     }
-    const int64_t ticks = (recovery + kTick - seconds(1)) / kTick;
-    return *known->counted_from + ticks * kTick;
+    const Duration period = (recovery + kTick - seconds(1)) / kTick * kTick;
+    Time due = *known->counted_from + period;
+    if (const std::optional<RecoveryWait> wait = recovery_wait(port)) {
+        if (!wait->until) {
+            return {};
+        }
+        // The first recovery that cannot come too early, even if it comes a tick before `due`.
+        const Duration missing = *wait->until - (due - kTick);
+        due += missing > Duration(0) ? (missing + period - Duration(1)) / period * period
+                                     : Duration(0);
+    }
+    return due;
 }
 
 Json seconds_until(std::optional<Time> due) {
@@ -111,7 +123,7 @@ std::vector<Json> row_of(const Port& port, seconds recovery) {
             facts.other_port.empty() ? Json() : Json(facts.other_port),
             facts.vlan == 0 ? Json() : Json(facts.vlan),
             since ? Json(local_time(*known->shut_since)) : Json(),
-            seconds_until(recovery_due(port.name, recovery)),
+            seconds_until(recovery_due(port, recovery)),
             held_ports().times_shut(port.name, yesterday),
             held_ports().probe_sees_loop(port.ifx) ? Json("still looped") : Json()};
 }
@@ -142,13 +154,15 @@ int show_recovery(cli_pcdb*) {
     Table table({{"port", "Port", 16},
                  {"recovers_in_s", "Recovery/s", 10},
                  {"recovers_at", "At the latest", 19},
+                 {"rule", "Rule", 16},
                  {"refused", "Refused", 0}});
     const seconds recovery = recovery_time();
     for (const Port& port : marked_ports(true)) {
-        const std::optional<Time> due = recovery_due(port.name, recovery);
+        const std::optional<Time> due = recovery_due(port, recovery);
         const std::string refusal = held_ports().last_refusal(port.name);
+        const std::string rule = rule_text(recovery_rule(port.ifx));
         table.add({port.name, seconds_until(due), local_time_of(due),
-                   refusal.empty() ? Json() : Json(refusal)});
+                   rule.empty() ? Json() : Json(rule), refusal.empty() ? Json() : Json(refusal)});
     }
     if (json_wanted()) {
         print_json({{"version", kVersion},

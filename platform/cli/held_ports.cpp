@@ -30,6 +30,15 @@ seconds time_shut(const LoopedPort& port) {
                : std::max(seconds(0), duration_cast<seconds>(wall_now() - *port.shut_since));
 }
 
+// The port is no longer shut.
+void end_shutdown(LoopedPort& port) {
+    port.shut_since.reset();
+    port.shut_at.reset();
+    port.waits_from.reset();
+    port.shut_under.clear();
+    port.released = false;
+}
+
 // Whether the event is the last one of a loop or of a shutdown.
 bool ends_something(const LoopEvent& event) {
     return event.action == LoopAction::kBroughtBack || event.action == LoopAction::kRecovered;
@@ -44,9 +53,14 @@ void HeldPorts::shut(const Port& before) {
         port.counted_from = loop_now();
     }
     learn(entry, before.ifx);
+    port.shut_under = policy_for(before);
     if (port.shut_since && !before.admin_up) {
+        if (!port.waits_from) {  // an earlier process has shut it
+            port.waits_from = loop_now() - time_shut(port);
+        }
         return;
     }
+    port.waits_from = loop_now();
     port.shut_since = wall_now();
     port.shut_at = loop_now();
     add({.time = *port.shut_since,
@@ -75,6 +89,24 @@ void HeldPorts::refused(const std::string& port, bool up, const std::string& rea
          .reason = reason});
 }
 
+void HeldPorts::postponed(const std::string& port, const std::string& reason) {
+    const auto found = ports_.find(port);
+    if (found == ports_.end()) {
+        return;
+    }
+    found->second.counted_from = loop_now();
+    if (last_refusal(port) != reason) {
+        refused(port, true, reason);
+    }
+}
+
+void HeldPorts::release(const std::string& port) {
+    const auto found = ports_.find(port);
+    if (found != ports_.end()) {
+        found->second.released = true;
+    }
+}
+
 void HeldPorts::came_up(const std::string& port) {
     const auto found = ports_.find(port);
     if (found == ports_.end() || !found->second.shut_since) {
@@ -86,8 +118,7 @@ void HeldPorts::came_up(const std::string& port) {
          .action = LoopAction::kBroughtBack,
          .facts = entry.facts,
          .duration = time_shut(entry)});
-    entry.shut_since.reset();
-    entry.shut_at.reset();
+    end_shutdown(entry);
     drop_if_idle(found);
 }
 
@@ -97,8 +128,7 @@ void HeldPorts::removed(const std::string& port) {
     if (found == ports_.end()) {
         return;
     }
-    found->second.shut_since.reset();
-    found->second.shut_at.reset();
+    end_shutdown(found->second);
     found->second.counted_from.reset();
     drop_if_idle(found);
 }
@@ -113,6 +143,9 @@ void HeldPorts::renamed(const std::string& from, const std::string& to) {
     port.shut_since = found->second.shut_since;
     port.shut_at = found->second.shut_at;
     port.counted_from = found->second.counted_from;
+    port.waits_from = found->second.waits_from;
+    port.shut_under = found->second.shut_under;
+    port.released = found->second.released;
     drop_if_idle(ports_.find(to));
     removed(from);
 }
@@ -291,6 +324,16 @@ std::vector<std::string> source_names(const LoopFacts& facts) {
         names.emplace_back("storm");
     }
     return names;
+}
+
+std::string policy_for(const Port& port) {
+    std::string lines;
+    for (const ConfigLine& line : generate_global().lines) {
+        if (line.text.starts_with("loop-detect enable")) {
+            lines = line.text;
+        }
+    }
+    return lines + ", mode " + std::to_string(port.mode);
 }
 
 bool is_marked(const Port& port) {

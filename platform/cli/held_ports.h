@@ -60,7 +60,11 @@ struct LoopedPort {
     std::optional<WallTime> shut_since;
     std::optional<Time> shut_at;       // empty when an earlier process has shut it
     std::optional<Time> counted_from;  // the agent counts the time to the recovery from here
-    EventLoop::Handle judging;         // until it is decided that no probe has proved the loop
+    // For recovery_rules.h; all are reset when the port is up or gone.
+    std::optional<Time> waits_from;  // the shutdown, also that of an earlier process
+    std::string shut_under;          // policy_for() the port when the agent shut it last
+    bool released = false;           // an operator has removed the agent's mark
+    EventLoop::Handle judging;       // until it is decided that no probe has proved the loop
 };
 
 class HeldPorts {
@@ -80,6 +84,11 @@ class HeldPorts {
     // The switch has refused the agent's "shutdown", or "no shutdown" for `up`. The agent goes on
     // holding the port.
     void refused(const std::string& port, bool up, const std::string& reason);
+    // The switch has refused the agent's "no shutdown" by a rule of its own. The same reason is one
+    // event for each shutdown.
+    void postponed(const std::string& port, const std::string& reason);
+    // An operator removes the agent's mark: no rule of the switch postpones the recovery.
+    void release(const std::string& port);
     // The port is up, whoever did it.
     void came_up(const std::string& port);
     // The port has left.
@@ -134,6 +143,10 @@ HeldPorts& held_ports();
 
 // "tarn", "storm", both or none.
 std::vector<std::string> source_names(const LoopFacts& facts);
+
+// The lines of the configuration that decide whether the agent shuts a port: the policy and the
+// port's VLAN mode, as text to be compared. Walks the global trees.
+std::string policy_for(const Port& port);
 
 // Whether the section of the port has the agent's mark. Walks the trees of its mode.
 bool is_marked(const Port& port);

@@ -2,6 +2,7 @@
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/engine.h"
+#include "platform/cli/recovery_rules.h"
 #include "platform/cli/switch_commands.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/loop_metrics.h"
@@ -26,6 +27,10 @@ int set_shutdown(cli_pcdb* pcdb) {
     const Port* const port = port_of(pcdb);
     const bool changes = port && port->admin_up != up;
     const auto ifx = static_cast<uint32_t>(pcdb->ifx);
+    if (const std::string wait = by_program && up && port ? refuse_recovery(*port) : "";
+        !wait.empty()) {
+        return refuse(wait);
+    }
     const std::string reason = config_keeper()->set_admin(ifx, up, by_program);
     if (by_program && reason.empty()) {
         count_admin_line(ifx, up, changes);
@@ -40,12 +45,6 @@ int print_shutdown(cli_pcdb* pcdb) {
     if (port && !port->admin_up) {
         c2p_printf(pcdb, 1, "shutdown");
     }
-    return 0;
-}
-
-// The switch keeps no error state beside the admin state, so there is nothing to clear. The
-// command is accepted so that "no shutdown" can follow it as on any switch.
-int recover_errdisable(cli_pcdb*) {
     return 0;
 }
 
@@ -78,6 +77,7 @@ int restore_defaults(cli_pcdb* pcdb) {
     }
     const uint32_t ifx = port->ifx;
     tarn_forget_port(ifx);
+    forget_recovery_rule(ifx);
     std::string reason;
     if (port->mode == SWPORT_MODE_TRUNK || port->mode == SWPORT_MODE_HYBRID) {
         reason = ports.set_mode(ifx, SWPORT_MODE_ACCESS);
@@ -113,10 +113,7 @@ void register_port_commands() {
            keyword("shutdown", "Take the interface out of service",
                    print_config(print_shutdown, with_no(shut, with_default(shut, shut)))),
            "shutdown");
-    attach(CLI_CHAIN_INTERFACE,
-           keyword("errdisable", "Error state of the interface",
-                   keyword("recovery", "Clear it", end_of_line(recover_errdisable))),
-           "errdisable recovery");
+    register_recovery_rules();
     attach(CLI_CHAIN_CONFIG,
            with_default(keyword("interface", "Back to the defaults",
                                 custom(port_name_action, end_of_line(restore_defaults))),

@@ -23,7 +23,7 @@ constexpr char kHeading[] =
     "Last day Probe\n";
 constexpr char kRecoveryHeading[] =
     "Recovery time: 300 s\n\n"
-    "Port             Recovery/s At the latest       Refused\n";
+    "Port             Recovery/s At the latest       Rule             Refused\n";
 
 // Real time is virtual time, and neither passes.
 class StandingClock final : public Clock {
@@ -67,11 +67,12 @@ TEST_F(Errdisable, AnswerIsAVersionedObject) {
               R"({"port":"swp3","cause":"loop","sources":[],"other_port":null,"vlan":null,)"
               R"("since":null,"recovers_in_s":null,"shut_last_day":0,"probe":null}]})"
               "\n");
-    EXPECT_EQ(rig.type("show errdisable recovery | json"),
-              R"({"version":1,"recovery_time_s":300,"ports":[{"port":"swp1","recovers_in_s":300,)"
-              R"("recovers_at":null,"refused":null},{"port":"swp3","recovers_in_s":null,)"
-              R"("recovers_at":null,"refused":null}]})"
-              "\n");
+    EXPECT_EQ(
+        rig.type("show errdisable recovery | json"),
+        R"({"version":1,"recovery_time_s":300,"ports":[{"port":"swp1","recovers_in_s":300,)"
+        R"("recovers_at":null,"rule":null,"refused":null},{"port":"swp3","recovers_in_s":null,)"
+        R"("recovers_at":null,"rule":null,"refused":null}]})"
+        "\n");
 }
 
 TEST_F(Errdisable, OnlyMarkedPortsThatAreDownAreHeld) {
@@ -117,21 +118,21 @@ TEST_F(Errdisable, RecoveryTimeIsTheConfiguredOneRoundedUpToATick) {
         {"loop-detect enable", "300"}};
     for (const auto& [setting, seconds] : cases) {
         g_setting = setting;
-        EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 " + seconds + " - -");
+        EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 " + seconds + " - - -");
     }
     pass(299s);
-    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 1 - -");
+    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 1 - - -");
     pass(30s);
-    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 0 2026-01-31 23:05:29 -");
+    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 0 2026-01-31 23:05:29 - -");
 }
 
 TEST_F(Errdisable, LatestTimeOfTheRecoveryIsWallTime) {
     StandingClock clock(rig.platform.manual_clock);
     rig.platform.clock_in_use = &clock;
     hold(101);
-    EXPECT_EQ(
-        rig.type("show errdisable recovery"),
-        std::string(kRecoveryHeading) + "swp1             300        2026-01-31 23:05:00 -\n");
+    EXPECT_EQ(rig.type("show errdisable recovery"),
+              std::string(kRecoveryHeading) +
+                  "swp1             300        2026-01-31 23:05:00 -                -\n");
     rig.platform.clock_in_use = &rig.platform.manual_clock;
 }
 
@@ -150,12 +151,13 @@ TEST_F(Errdisable, RefusedRecoveryCountsAgainFromTheRefusal) {
     pass(50s);
     EXPECT_EQ(rig.type("show errdisable recovery"),
               std::string(kRecoveryHeading) +
-                  "swp1             250        -                   Device or resource busy\n");
+                  "swp1             250        -                   -                Device or "
+                  "resource busy\n");
     EXPECT_EQ(row("show errdisable", "swp1"), "swp1 loop - - - 2026-01-31 23:00:00 250 1 -");
     rig.hardware.refusal = "";
     bring_back(101);
     hold(101);
-    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 300 - -");
+    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 300 - - -");
 }
 
 TEST_F(Errdisable, AgentCountsOnWhileAnOperatorOpensItsPort) {
