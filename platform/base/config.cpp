@@ -147,6 +147,17 @@ class Section {
         into = *value;
     }
 
+    void flag(std::string_view key, bool& into) const {
+        const toml::node* node = table_.get(key);
+        if (!node) {
+            return;
+        }
+        if (!node->is_boolean()) {
+            fail(key, "must be true or false");
+        }
+        into = node->value<bool>().value_or(false);
+    }
+
     bool has(std::string_view key) const { return table_.contains(key); }
 
     [[noreturn]] void fail(std::string_view key, const std::string& reason) const {
@@ -222,6 +233,8 @@ void read_sections(const Section& top, PlatformConfig& config) {
     netconf.text("write_group", config.netconf_write_group, group_fault);
     netconf.text("runtime", config.netconf_runtime, folder_fault);
 
+    top.section("log", {"structured"}).flag("structured", config.log_structured);
+
     const Section clock = top.section("clock", {"speed"});
     clock.positive("speed", config.speed, kMaxSpeed);
     if (clock.has("speed") && config.switch_kind == PlatformConfig::Switch::kLinux) {
@@ -294,8 +307,8 @@ std::string platform_file_without_secrets(const std::string& path) {
 PlatformConfig load_platform_config(const std::string& path) {
     const toml::table table = parse(path);
     const Section top(path, table, "",
-                      {"switch", "store", "linux", "redis", "cli", "embedded", "files", "clock",
-                       "role", "tarn", "metrics", "netconf"});
+                      {"switch", "store", "linux", "redis", "cli", "embedded", "files", "log",
+                       "clock", "role", "tarn", "metrics", "netconf"});
     PlatformConfig config;
     top.choice<PlatformConfig::Switch>("switch", config.switch_kind,
                                        {{"embedded", PlatformConfig::Switch::kEmbedded},

@@ -26,6 +26,7 @@ struct PlatformConfig {
     double speed = 1.0;               // [clock] speed, embedded switch only
     Role role = Role::kSolo;          // [role] mode
     unsigned lease_ms = 3000;         // [role] lease_ms, for a lease in Redis
+    bool log_structured = false;      // [log] structured
     std::string netconf_write_group;  // [netconf] write_group; empty: every user may change
     std::string netconf_runtime = "/run/lda-netconf";  // [netconf] runtime: the sessions' folder
     std::string tarn_state =

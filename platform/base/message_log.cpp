@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <deque>
 #include <memory>
+#include <utility>
 
 #include "platform/base/guarded.h"
 #include "platform/base/mutex.h"
@@ -21,6 +22,7 @@ constexpr size_t kTextBytes = 2048;
 
 struct LogState {
     std::atomic<SystemLog*> system_log = nullptr;
+    std::atomic<uint64_t> messages = 0;  // so far
     Mutex mutex;
     std::deque<LoggedMessage> ring GUARDED_BY(mutex);    // oldest first
     std::shared_ptr<const Sink> sink GUARDED_BY(mutex);  // null for none
@@ -32,6 +34,8 @@ LogState& state() {
     return instance;
 }
 
+thread_local const LogSubject* t_subject = nullptr;
+
 void remember(const std::string& line) {
     LogState& log = state();
     const MutexLock lock(log.mutex);
@@ -42,6 +46,14 @@ void remember(const std::string& line) {
 }
 
 }  // namespace
+
+LogAbout::LogAbout(LogSubject subject) : subject_(std::move(subject)), before_(t_subject) {
+    t_subject = &subject_;
+}
+
+LogAbout::~LogAbout() {
+    t_subject = before_;
+}
 
 void use_system_log(SystemLog& log) {
     state().system_log.store(&log);
@@ -58,8 +70,12 @@ std::string vlog_message(int severity, const char* facility, const char* mnemoni
     while (!shown.empty() && (shown.back() == '\n' || shown.back() == '\r')) {
         shown.remove_suffix(1);
     }
-    const SystemLogMessage message{
-        .severity = severity, .facility = facility, .mnemonic = mnemonic, .text = shown};
+    const SystemLogMessage message{.severity = severity,
+                                   .facility = facility,
+                                   .mnemonic = mnemonic,
+                                   .text = shown,
+                                   .number = ++state().messages,
+                                   .subject = t_subject};
     if (SystemLog* const log = state().system_log.load()) {
         log->write(message);
     }

@@ -23,6 +23,21 @@ std::string vlog_message(int severity, const char* facility, const char* mnemoni
                          const char* format, std::va_list arguments)
     __attribute__((format(printf, 4, 0)));
 
+// While it exists, the messages of its thread are about this subject. An inner one replaces an
+// outer one. It changes no text: a log that is structured has the subject in fields of their own.
+// The thread that made it destroys it.
+class LogAbout {
+ public:
+    explicit LogAbout(LogSubject subject);
+    ~LogAbout();
+    LogAbout(const LogAbout&) = delete;
+    LogAbout& operator=(const LogAbout&) = delete;
+
+ private:
+    const LogSubject subject_;
+    const LogSubject* const before_;
+};
+
 // Sets the system log for messages from now on; before the first call there is none. `log` must
 // outlive the last message. Any thread.
 void use_system_log(SystemLog& log);

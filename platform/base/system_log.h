@@ -13,11 +13,20 @@ inline constexpr int kLogError = 3;
 inline constexpr int kLogWarning = 4;
 inline constexpr int kLogInfo = 6;
 
+// The subject of a message, as far as its writer knows it. Empty texts are not known.
+struct LogSubject {
+    std::string port = {};
+    std::string source = {};  // of a loop: "tarn" or "storm"
+    std::string cause = {};   // why something failed
+};
+
 struct SystemLogMessage {
     int severity;
     std::string_view facility;
     std::string_view mnemonic;
     std::string_view text;
+    uint64_t number = 0;                  // of the message in this process, from 1; 0: not counted
+    const LogSubject* subject = nullptr;  // null: not known
 };
 
 // "%FACILITY-SEVERITY-MNEMONIC: text" without the line ends at the end of the text. Any thread.

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/base/guarded.h"
+#include "platform/base/message_log.h"
 #include "platform/base/supervisor.h"
 #include "platform/cli/config_replay.h"
 #include "platform/cli/held_ports.h"
@@ -86,6 +87,7 @@ void reclaim_held_ports(std::vector<ConfigSection>& sections,
         }
         const ConfigLine held{0, std::string(kHeldLine)};
         sections.push_back({name, 0, {{0, "shutdown"}, held}});
+        const LogAbout about({.port = name});
         printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "CLAIMED",
                       "Interface %s was held shut, and the saved configuration does not say so: "
                       "'%s' is applied again.",
@@ -200,6 +202,7 @@ void ConfigKeeper::release(const ConfigReplay& replay) {
         }
         const std::string name = port->name;
         const std::string reason = set_admin(ifx, true, true);
+        const LogAbout about({.port = name, .cause = reason});
         printk_syslog(SYSLOG_SEVERITY_WARNING, "CLI", "RELEASED",
                       "Interface %s was held shut and nobody claims it any more: %s.", name.c_str(),
                       reason.empty() ? "it is brought up" : reason.c_str());

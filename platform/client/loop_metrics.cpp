@@ -37,8 +37,11 @@ void note_report(uint32_t ifx) {
 }  // namespace
 
 RecordDelivery::RecordDelivery(const ProtobufCMessage& record, bool deleted) {
-    if (metrics() && record.descriptor == &p_bridge__tarn_loop_info__descriptor) {
-        g_probe_report = true;
+    if (record.descriptor != &p_bridge__tarn_loop_info__descriptor) {
+        return;
+    }
+    g_probe_report = true;
+    if (metrics()) {
         const auto& report = reinterpret_cast<const PBridge__TarnLoopInfo&>(record);
         if (!deleted && report.is_loop != 0 && report.index) {
             note_report(report.index->ifx);
@@ -49,6 +52,10 @@ RecordDelivery::RecordDelivery(const ProtobufCMessage& record, bool deleted) {
 
 RecordDelivery::~RecordDelivery() {
     g_probe_report = false;
+}
+
+bool delivering_probe_report() {
+    return g_probe_report;
 }
 
 void count_own_record(std::string_view key) {

@@ -1,6 +1,6 @@
 // Observes loops for the metrics (base/metrics.h): the reports that reach this process, the entries
 // of its loop table in the object database, and the lines that programs execute on ports.
-// Everything here does nothing while metrics are off. Loop thread only.
+// Nothing is counted while metrics are off. Loop thread only.
 #pragma once
 
 #include <chrono>
@@ -32,6 +32,9 @@ class RecordDelivery {
 // This process has set a record that it had not set before, or has deleted one of its own.
 void count_own_record(std::string_view key);
 void discount_own_record(std::string_view key);
+
+// Whether a report of the probe protocol is being delivered.
+bool delivering_probe_report();
 
 // A program has executed "shutdown" or "no shutdown" (`up`) on a port. `changed` tells whether the
 // port was in the other state before. A line that was executed ends the reaction time.

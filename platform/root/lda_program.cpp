@@ -34,6 +34,7 @@ constexpr const char* kHelp =
     "  [files]    startup_config     saved configuration; left out: nothing is saved\n"
     "             log_dir            folder of the log file; left out: no log file\n"
     "             capabilities       what this model can do; left out: nothing special\n"
+    "  [log]      structured = false fields beside the texts of system log messages\n"
     "  [clock]    speed = 1.0        virtual seconds per second, simulated switch only\n"
     "  [role]     mode = \"solo\"      \"solo\" or \"lease\"\n"
     "             lease_ms = 3000    time of a lease in Redis, 1000 to 60000\n"

@@ -39,12 +39,14 @@
 namespace qv {
 namespace {
 
-std::unique_ptr<SystemLog> make_log(PlatformConfig::Switch kind) {
-    switch (kind) {
+std::unique_ptr<SystemLog> make_log(const PlatformConfig& config) {
+    switch (config.switch_kind) {
         case PlatformConfig::Switch::kEmbedded:
             return std::make_unique<StderrLog>();
         case PlatformConfig::Switch::kLinux:
-            return std::make_unique<SyslogLog>();
+            return config.log_structured
+                       ? std::make_unique<SyslogLog>("/dev/log", SyslogLog::kJournalSocket)
+                       : std::make_unique<SyslogLog>();
     }
     std::abort();
 }
@@ -246,7 +248,7 @@ std::unique_ptr<Platform> describe_platform() {
         }
         auto config = path ? load_platform_config(path) : PlatformConfig();
         auto clock = std::make_unique<SteadyClock>(config.speed);
-        auto log = make_log(config.switch_kind);
+        auto log = make_log(config);
         return make_platform(std::move(config), std::move(clock), std::move(log));
     } catch (const std::exception& error) {
         std::fprintf(stderr, "lda: %s\n", error.what());

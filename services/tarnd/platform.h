@@ -3,6 +3,7 @@
 
 #include <cstdlib>
 #include <memory>
+#include <optional>
 #include <utility>
 
 #include "platform/client/platform.h"
@@ -15,7 +16,10 @@ namespace qv::tarnd {
 // the program and ends it. Main thread only.
 class ServicePlatform final : public Platform {
  public:
-    explicit ServicePlatform(PlatformConfig config) : config_(std::move(config)) {}
+    explicit ServicePlatform(PlatformConfig config)
+        : config_(std::move(config)),
+          log_("/dev/log",
+               config_.log_structured ? std::optional(SyslogLog::kJournalSocket) : std::nullopt) {}
 
     const PlatformConfig& config() const override { return config_; }
     Clock& clock() override { return clock_; }

@@ -430,6 +430,7 @@ void Service::on_loop(const Report& report, bool is_loop) {
         return;
     }
     const std::string port = port_name(report.ifx);
+    const LogAbout about({.port = port, .source = "tarn"});
     if (is_loop) {
         log_message(kLogWarning, "TARN", "LOOP",
                     "%s receives%s what %s sends%s: a loop, found by %s, %lld us long.",
@@ -446,6 +447,7 @@ void Service::on_loop(const Report& report, bool is_loop) {
 void Service::on_guard(uint32_t ifx, bool closed, int error) {
     const bool news = closed || is_news(not_opened_, ifx, error);
     if (error != 0 && news) {
+        const LogAbout about({.port = port_name(ifx), .cause = std::strerror(error)});
         log_message(kLogError, "TARN", "GUARD_PORT", "%s cannot be %s: %s.", port_name(ifx).c_str(),
                     closed ? "guarded, it forwards as soon as its link is up" : "opened",
                     std::strerror(error));
@@ -461,6 +463,8 @@ void Service::open_guarded() {
 
 void Service::on_cut(uint32_t ifx, int error) {
     const std::string name = port_name(ifx);
+    const LogAbout about(
+        {.port = name, .source = "tarn", .cause = error != 0 ? std::strerror(error) : ""});
     if (error != 0) {
         log_message(kLogError, "TARN", "CUT", "%s cannot be cut: %s.", name.c_str(),
                     std::strerror(error));

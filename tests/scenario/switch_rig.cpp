@@ -152,12 +152,17 @@ class SwitchRig::Log final : public SystemLog {
         line += ": ";
         line += message.text;
         const bool on_main = std::this_thread::get_id() == main_thread;
+        if (on_main && message.subject != nullptr) {
+            subjects.add(std::string(message.mnemonic) + " port=" + message.subject->port +
+                         " source=" + message.subject->source + " cause=" + message.subject->cause);
+        }
         (on_main ? main : delivery).add(without_line_number(std::move(line)));
     }
 
     std::atomic<std::thread::id> main_thread;
     Lines main;
     Lines delivery;
+    Lines subjects;
 };
 
 // The described platform; calls the test when its loop and its store have been made.
@@ -310,6 +315,10 @@ std::vector<std::string> SwitchRig::take_log() {
 
 std::vector<std::string> SwitchRig::take_delivery_log() {
     return log_->delivery.take();
+}
+
+std::vector<std::string> SwitchRig::take_subjects() {
+    return log_->subjects.take();
 }
 
 std::vector<std::string> SwitchRig::take_executed() {

@@ -71,6 +71,9 @@ class SwitchRig {
     // "<function> ". The delivery thread runs in parallel, so its messages are kept separately.
     std::vector<std::string> take_log();
     std::vector<std::string> take_delivery_log();
+    // "MNEMONIC port=PORT source=SOURCE cause=CAUSE" of each message of the main thread with a
+    // subject since the last call.
+    std::vector<std::string> take_subjects();
     // Command lines that the agent has executed since the last call: "config: LINE" or
     // "interface INDEX: LINE" with the line's own end; those of the main thread begin with "inline
     // ".

@@ -92,7 +92,7 @@ def test_platform_file_manual_and_help_have_the_same_keys_and_defaults():
     section, shown = "", {}
     usage = output_of(BUILD / "platform" / "lda", "--help").stdout
     for line in usage.split("with their defaults:\n")[1].splitlines():
-        found = re.match(r"  (?:(\[\w+\] ) *| +)?(\w+)(?: = (\"[^\"]*\"|[\d.]+))?", line)
+        found = re.match(r"  (?:(\[\w+\] ) *| +)?(\w+)(?: = (\"[^\"]*\"|[\d.]+|true|false))?", line)
         section = found[1] or section if found else section
         if found:
             shown[section + found[2]] = found[3] or ""

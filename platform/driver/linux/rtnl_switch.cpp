@@ -138,9 +138,11 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         const bool is_up = error == 0 && link ? link->admin_up : up;
         ports_->set_admin(ifx, is_up);
         if (up && !is_up) {
+            const std::string name = find(ifx) != nullptr ? find(ifx)->name : "";
+            const LogAbout about({.port = name});
             log_message(kLogWarning, "PORT", "SHUT",
                         "%s was brought up, and another program has shut it at once.",
-                        find(ifx) != nullptr ? find(ifx)->name.c_str() : "A port");
+                        name.empty() ? "A port" : name.c_str());
             return "";
         }
         return is_up == up ? "" : "another program has changed it back";
@@ -170,6 +172,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
         std::string& logged = refused_[{ifx, up}];
         if (logged != reason) {
             logged = reason;
+            const LogAbout about({.port = name, .cause = reason});
             log_message(kLogError, "PORT", "ADMIN", "%s cannot be %s: %s.", name.c_str(),
                         up ? "brought up" : "shut", reason.c_str());
         }
@@ -177,6 +180,7 @@ class RtnlSwitch::Impl final : public RtnlMonitor::Listener {
 
     void log_success(uint32_t ifx, bool up, const std::string& name) {
         if (refused_.erase({ifx, up}) != 0) {
+            const LogAbout about({.port = name});
             log_message(kLogInfo, "PORT", "ADMIN", "%s can be %s again.", name.c_str(),
                         up ? "brought up" : "shut");
         }

@@ -14,10 +14,30 @@
 
 namespace qv {
 
-// RFC 3164 section 4.1, as syslog(3) writes it: "<28>Jan  1 23:59:59 lda[4711]: text".
-std::string SyslogLog::datagram_of(const Message& message) {
+namespace {
+
+std::string host_name() {
+    char name[256] = "";
+    // A name that does not fit may lack its end.
+    return gethostname(name, sizeof name - 1) == 0 ? name : "";
+}
+
+}  // namespace
+
+// RFC 3164 section 4.1, as syslog(3) writes it: "<28>Jan  1 23:59:59 lda[4711]: text". Structured
+// messages have another form.
+std::string SyslogLog::datagram_of(const Message& message) const {
     // Both use the same numbers for severities; a larger one would change the facility's bits.
     const int priority = LOG_DAEMON | std::clamp(message.severity, LOG_EMERG, LOG_DEBUG);
+    if (journal_path_) {
+        const LogOrigin origin{.priority = priority,
+                               .time = message.time,
+                               .host = host_,
+                               .program = "lda",
+                               .pid = static_cast<int>(getpid())};
+        return to_journal_ ? journal_datagram(origin, message.fields, message.text)
+                           : rfc5424_datagram(origin, message.fields, message.text);
+    }
     std::tm local{};
     localtime_r(&message.time, &local);
     static constexpr const char* kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
@@ -29,11 +49,16 @@ std::string SyslogLog::datagram_of(const Message& message) {
     return header + message.text;
 }
 
-SyslogLog::Message SyslogLog::loss_report(uint64_t lost) {
-    return {LOG_WARNING, std::time(nullptr), qv::loss_report(lost)};
+SyslogLog::Message SyslogLog::loss_report(uint64_t lost) const {
+    Message report{LOG_WARNING, std::time(nullptr), qv::loss_report(lost)};
+    if (journal_path_) {
+        report.fields = {{"facility", "LOG"}, {"mnemonic", "LOST"}};
+    }
+    return report;
 }
 
-SyslogLog::SyslogLog(std::string socket_path) : socket_path_(std::move(socket_path)) {}
+SyslogLog::SyslogLog(std::string socket_path, std::optional<std::string> journal)
+    : socket_path_(std::move(socket_path)), journal_path_(std::move(journal)), host_(host_name()) {}
 
 SyslogLog::~SyslogLog() {
     const MutexLock lock(mutex_);
@@ -44,6 +69,9 @@ SyslogLog::~SyslogLog() {
 
 void SyslogLog::write(const SystemLogMessage& message) {
     Message kept{message.severity, std::time(nullptr), render(message)};
+    if (journal_path_) {
+        kept.fields = fields_of(message);
+    }
     EventLoop* loop = nullptr;
     bool late = false;
     {
@@ -117,16 +145,15 @@ void SyslogLog::retry(Duration pause) {
     arm(next);
 }
 
-// Returns false when there is no daemon to connect to.
-bool SyslogLog::connect_now() {
+bool SyslogLog::connect_to(const std::string& path) {
     if (fd_ >= 0) {
         close(fd_);
     }
     fd_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (fd_ >= 0 && socket_path_.size() < sizeof address.sun_path) {
-        socket_path_.copy(address.sun_path, socket_path_.size());
+    if (fd_ >= 0 && path.size() < sizeof address.sun_path) {
+        path.copy(address.sun_path, path.size());
         if (connect(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0) {
             return true;
         }
@@ -137,14 +164,20 @@ bool SyslogLog::connect_now() {
     return false;
 }
 
+// Returns false when there is no daemon to connect to.
+bool SyslogLog::connect_now() {
+    to_journal_ = journal_path_ && connect_to(*journal_path_);
+    return to_journal_ || connect_to(socket_path_);
+}
+
 // Returns false when the message must wait. One that is too long ever to be sent counts as lost.
 bool SyslogLog::send_now(const Message& message) {
-    const std::string datagram = datagram_of(message);
     // A restarted daemon has a new socket, which the second attempt reaches.
     for (int attempt = 0; attempt < 2; ++attempt) {
         if (fd_ < 0 && !connect_now()) {
             return false;
         }
+        const std::string datagram = datagram_of(message);
         if (send(fd_, datagram.data(), datagram.size(), MSG_NOSIGNAL) >= 0) {
             return true;
         }

@@ -61,6 +61,7 @@ void expect_defaults(const PlatformConfig& config) {
     EXPECT_EQ(config.tarn_state, "/var/lib/lda/tarn");
     EXPECT_EQ(config.metrics_listen, "");
     EXPECT_EQ(config.netconf_write_group, "");
+    EXPECT_FALSE(config.log_structured);
 }
 
 TEST_F(ConfigFile, EmptyFileMeansTheDefaults) {
@@ -88,6 +89,8 @@ ports = 4096
 startup_config = "/tmp/startup.cfg"
 log_dir = "/tmp/log"
 capabilities = "/tmp/cap.toml"
+[log]
+structured = true
 [clock]
 speed = 60
 [role]
@@ -116,6 +119,16 @@ write_group = "operators"
     EXPECT_EQ(config.tarn_state, "/tmp/tarn");
     EXPECT_EQ(config.metrics_listen, "127.0.0.1:9464");
     EXPECT_EQ(config.netconf_write_group, "operators");
+    EXPECT_TRUE(config.log_structured);
+}
+
+TEST_F(ConfigFile, StructuredIsTrueOrFalse) {
+    EXPECT_FALSE(read("[log]\nstructured = false\n").log_structured);
+    for (const char* value : {"1", "\"true\"", "[true]"}) {
+        EXPECT_EQ(fault_of(std::string("[log]\nstructured = ") + value),
+                  "FILE:2: log.structured must be true or false");
+    }
+    EXPECT_EQ(fault_of("[log]\nstructure = true"), "FILE:2: unknown key 'log.structure'");
 }
 
 TEST_F(ConfigFile, MetricsAreServedOnALoopbackAddressOnly) {

@@ -258,5 +258,67 @@ TEST_F(SyslogSocketTest, EveryThreadMayLogAndItsMessagesAreTriedAgain) {
     EXPECT_EQ(read, 400u);
 }
 
+// ---- Structured messages ----
+
+struct StructuredSyslogTest : SyslogSocketTest {
+    void write_about(const std::string& port) {
+        const LogSubject subject{.port = port, .cause = "a [b]"};
+        structured.write({.severity = 4,
+                          .facility = "PORT",
+                          .mnemonic = "ADMIN",
+                          .text = "text\r\n",
+                          .number = 9,
+                          .subject = &subject});
+    }
+    SyslogLog structured{directory.file("log"), directory.file("journal")};
+};
+
+TEST_F(StructuredSyslogTest, GoToTheSystemLogAsRfc5424WithoutAJournal) {
+    write_about("swp3");
+    const std::regex expected(
+        R"(<28>1 20[0-9]{2}-[0-9]{2}-[0-9]{2}T[0-9]{2}:[0-9]{2}:[0-9]{2}Z [!-~]+ lda )" +
+        std::to_string(getpid()) +
+        R"( PORT-ADMIN \[lda@32473 facility="PORT" mnemonic="ADMIN" event="9" port="swp3" )"
+        R"(cause="a \[b\\\]"\] %PORT-4-ADMIN: text)");
+    const std::string datagram = daemon.read();
+    EXPECT_TRUE(std::regex_match(datagram, expected)) << datagram;
+}
+
+TEST_F(StructuredSyslogTest, GoToTheJournalWhereItListens) {
+    const Daemon journal(directory.file("journal"));
+    write_about("swp3");
+    EXPECT_EQ(journal.read(),
+              "MESSAGE=%PORT-4-ADMIN: text\nPRIORITY=4\nSYSLOG_FACILITY=3\nSYSLOG_IDENTIFIER=lda\n"
+              "SYSLOG_PID=" +
+                  std::to_string(getpid()) +
+                  "\nLDA_FACILITY=PORT\nLDA_MNEMONIC=ADMIN\nLDA_EVENT=9\nLDA_PORT=swp3\n"
+                  "LDA_CAUSE=a [b]\n");
+    EXPECT_EQ(daemon.read(), "");
+}
+
+TEST_F(StructuredSyslogTest, GoToTheSystemLogWhenTheJournalHasEnded) {
+    Daemon journal(directory.file("journal"));
+    write_about("swp3");
+    journal.stop();
+    write_about("swp4");
+    EXPECT_NE(daemon.read().find("port=\"swp4\""), std::string::npos);
+}
+
+TEST_F(StructuredSyslogTest, LossIsReportedInTheSameForm) {
+    structured.write(
+        {.severity = 6, .facility = "LDA", .mnemonic = "INFO", .text = std::string(1 << 20, 'x')});
+    write_about("swp3");
+    EXPECT_NE(daemon.read().find(R"( LOG-LOST [lda@32473 facility="LOG" mnemonic="LOST"] %LOG-4-)"),
+              std::string::npos);
+    EXPECT_NE(daemon.read().find("swp3"), std::string::npos);
+}
+
+TEST_F(StructuredSyslogTest, AreOffByDefault) {
+    const Daemon journal(directory.file("journal"));
+    write("plain");
+    EXPECT_EQ(journal.read(), "");
+    EXPECT_EQ(daemon.read_all(), Lines{"%LDA-6-INFO: plain"});
+}
+
 }  // namespace
 }  // namespace qv
