@@ -11,6 +11,10 @@
 
 namespace qv {
 
+// The record lock on this file of the folder is the right to look at the lock and to act on what
+// was seen. NETCONF sessions hold it during an edit.
+inline constexpr char kEditLock[] = "/edit.lock";
+
 struct RunningLockHolder {
     uint32_t session;   // number of the NETCONF session; 0: an operator of the shell
     std::string since;  // RFC 3339; empty when it is not known

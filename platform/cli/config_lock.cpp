@@ -75,7 +75,12 @@ std::string take_config_lock(SessionState& session) {
     }
     const auto claim = std::make_shared<ConfigClaim>(
         ConfigClaim{name_of(session), std::chrono::system_clock::now(), {}, nullptr});
+    File turn;  // held while the lock is taken
     if (is_shared()) {
+        turn = create_lock_file(shared_folder() + kEditLock);
+        if (turn.open() && !try_lock(turn)) {
+            return "A NETCONF session is changing the configuration; try again.";
+        }
         claim->shared = std::make_unique<RunningLock>(shared_folder(), 0, claim->owner);
         try {
             claim->shared->take();

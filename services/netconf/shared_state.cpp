@@ -113,9 +113,10 @@ Kill kill_session(const std::string& folder, uint32_t id) {
 }
 
 EditTurn::EditTurn(const std::string& folder) {
-    File file = create_lock_file(folder + "/edit.lock");
+    const std::string path = folder + qv::kEditLock;
+    File file = create_lock_file(path);
     if (!file.open()) {
-        throw std::runtime_error(folder + "/edit.lock: " + strerror(errno));
+        throw std::runtime_error(path + ": " + strerror(errno));
     }
     // There is no call that waits for a record lock with a time limit, so this polls. It does so
     // only while two sessions edit at the same time.

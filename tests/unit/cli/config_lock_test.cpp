@@ -202,6 +202,20 @@ TEST_F(SharedConfigLock, LockOfANetconfSessionIsNotCleared) {
     EXPECT_TRUE(netconf.mine());
 }
 
+TEST_F(SharedConfigLock, IsNotTakenInTheMiddleOfAnEdit) {
+    {
+        const qv::File turn = qv::create_lock_file(folder.path() + "/edit.lock");
+        ASSERT_TRUE(qv::try_lock(turn));
+        EXPECT_EQ(ann.type("configure exclusive"),
+                  "% A NETCONF session is changing the configuration; try again.\n");
+        EXPECT_EQ(qv::cli::config_lock_holder(), "");
+        EXPECT_FALSE(netconf.holder());
+    }
+    EXPECT_EQ(ann.type("configure exclusive"), "");
+    const qv::File turn = qv::create_lock_file(folder.path() + "/edit.lock");
+    EXPECT_TRUE(qv::try_lock(turn)) << "a session finds out at once who has the lock";
+}
+
 TEST_F(SharedConfigLock, UnusableFolderIsNamed) {
     mkfifo((folder.path() + "/running.lock").c_str(), 0660);
     EXPECT_EQ(ann.type("configure exclusive"),
