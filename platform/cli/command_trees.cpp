@@ -198,7 +198,12 @@ const cli_node* keyword(const char* word, const char* help, const cli_node* acce
 
 const cli_node* number(const char* help, int64_t low, int64_t high, const cli_node* accept,
                        const cli_node* alternative) {
-    return node(common_number_action, keep(cli_number_arg{help, low, high, 0, 258, 0}), accept,
+    return number_in_slot(0, help, low, high, accept, alternative);
+}
+
+const cli_node* number_in_slot(uint32_t slot, const char* help, int64_t low, int64_t high,
+                               const cli_node* accept, const cli_node* alternative) {
+    return node(common_number_action, keep(cli_number_arg{help, low, high, 0, 258, slot}), accept,
                 alternative);
 }
 

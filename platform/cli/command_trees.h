@@ -31,6 +31,9 @@ const cli_node* keyword(const char* word, const char* help, const cli_node* acce
                         const cli_node* alternative = &Tno_alt);
 const cli_node* number(const char* help, int64_t low, int64_t high, const cli_node* accept,
                        const cli_node* alternative = &Tno_alt);
+// The same for number slot `slot` of the parse context; number() fills slot 0.
+const cli_node* number_in_slot(uint32_t slot, const char* help, int64_t low, int64_t high,
+                               const cli_node* accept, const cli_node* alternative = &Tno_alt);
 const cli_node* any_word(const char* name, const char* help, const cli_node* accept);
 const cli_node* rest_of_line(const char* name, const char* help, const cli_node* accept);
 const cli_node* custom(cli_action action, const cli_node* accept,

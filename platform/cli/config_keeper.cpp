@@ -56,8 +56,8 @@ void note_program_line(const Port& before, bool up, const std::string& reason) {
     guarded([&] {
         if (!reason.empty()) {
             held_ports().refused(before.name, up, reason);
-        } else if (!up) {
-            held_ports().shut(before);
+        } else if (!up && held_ports().shut(before)) {
+            decide_wait(before);
         }
     });
 }

@@ -6,7 +6,6 @@
 // is up to ten seconds away, which is not known here: the times shown are the latest ones. When a
 // rule of the port refuses that recovery, the next one follows after another recovery time.
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -32,9 +31,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 using std::chrono::seconds;
 
-constexpr seconds kTick{10};
-constexpr seconds kDefaultRecovery{300};  // has no line in the configuration
-constexpr int kVersion = 1;               // of the JSON answers
+constexpr int kVersion = 1;  // of the JSON answers
 
 // ---- The configuration of the agent ----
 
@@ -45,18 +42,6 @@ bool detection_enabled() {
         }
     }
     return false;
-}
-
-seconds recovery_time() {
-    constexpr std::string_view kLine = "loop-detect shutdown-recover-time ";
-    int64_t time = kDefaultRecovery.count();
-    for (const ConfigLine& line : generate_global().lines) {
-        if (line.text.starts_with(kLine)) {
-            const char* const end = line.text.data() + line.text.size();
-            std::from_chars(line.text.data() + kLine.size(), end, time);
-        }
-    }
-    return seconds(time);
 }
 
 // ---- Held ports ----
@@ -78,14 +63,14 @@ std::optional<Time> recovery_due(const Port& port, seconds recovery) {
     if (known == nullptr || !known->counted_from) {
         return {};
     }
-    const Duration period = (recovery + kTick - seconds(1)) / kTick * kTick;
+    const Duration period = (recovery + kRecoveryStep - seconds(1)) / kRecoveryStep * kRecoveryStep;
     Time due = *known->counted_from + period;
     if (const std::optional<RecoveryWait> wait = recovery_wait(port)) {
         if (!wait->until) {
             return {};
         }
         // The first recovery that cannot come too early, even if it comes a tick before `due`.
-        const Duration missing = *wait->until - (due - kTick);
+        const Duration missing = *wait->until - (due - kRecoveryStep);
         due += missing > Duration(0) ? (missing + period - Duration(1)) / period * period
                                      : Duration(0);
     }
@@ -138,7 +123,7 @@ int show_held(cli_pcdb*) {
                  {"recovers_in_s", "Recovery/s", 10},
                  {"shut_last_day", "Last day", 8},
                  {"probe", "Probe", 0}});
-    const seconds recovery = recovery_time();
+    const seconds recovery = agent_recovery_time();
     for (const Port& port : marked_ports(true)) {
         table.add(row_of(port, recovery));
     }
@@ -156,7 +141,7 @@ int show_recovery(cli_pcdb*) {
                  {"recovers_at", "At the latest", 19},
                  {"rule", "Rule", 16},
                  {"refused", "Refused", 0}});
-    const seconds recovery = recovery_time();
+    const seconds recovery = agent_recovery_time();
     for (const Port& port : marked_ports(true)) {
         const std::optional<Time> due = recovery_due(port, recovery);
         const std::string refusal = held_ports().last_refusal(port.name);

@@ -22,12 +22,15 @@ WallTime wall_now() {
     return std::chrono::system_clock::now();
 }
 
-// By the loop's clock where this process has shut the port, else by the wall clock, which may have
-// been set back since.
+// The wall clock may have been set back since.
+seconds time_since(WallTime time) {
+    return std::max(seconds(0), duration_cast<seconds>(wall_now() - time));
+}
+
+// By the loop's clock where this process has shut the port, else by the wall clock.
 seconds time_shut(const LoopedPort& port) {
-    return port.shut_at
-               ? duration_cast<seconds>(loop_now() - *port.shut_at)
-               : std::max(seconds(0), duration_cast<seconds>(wall_now() - *port.shut_since));
+    return port.shut_at ? duration_cast<seconds>(loop_now() - *port.shut_at)
+                        : time_since(*port.shut_since);
 }
 
 // The port is no longer shut.
@@ -35,8 +38,8 @@ void end_shutdown(LoopedPort& port) {
     port.shut_since.reset();
     port.shut_at.reset();
     port.waits_from.reset();
-    port.shut_under.clear();
     port.released = false;
+    port.wait.reset();
 }
 
 // Whether the event is the last one of a loop or of a shutdown.
@@ -46,7 +49,7 @@ bool ends_something(const LoopEvent& event) {
 
 }  // namespace
 
-void HeldPorts::shut(const Port& before) {
+bool HeldPorts::shut(const Port& before) {
     Ports::value_type& entry = *ports_.try_emplace(before.name).first;
     LoopedPort& port = entry.second;
     if (!port.counted_from) {
@@ -58,7 +61,7 @@ void HeldPorts::shut(const Port& before) {
         if (!port.waits_from) {  // an earlier process has shut it
             port.waits_from = loop_now() - time_shut(port);
         }
-        return;
+        return false;
     }
     port.waits_from = loop_now();
     port.shut_since = wall_now();
@@ -67,6 +70,28 @@ void HeldPorts::shut(const Port& before) {
          .port = before.name,
          .action = LoopAction::kShut,
          .facts = port.facts});
+    return true;
+}
+
+void HeldPorts::waits(const std::string& port, const WaitInARow& wait) {
+    LoopedPort& entry = ports_[port];
+    entry.wait = wait;
+    last_waits_[port] = {wait, {}};
+    add({.time = wall_now(),
+         .port = port,
+         .action = LoopAction::kWaits,
+         .facts = entry.facts,
+         .duration = wait.wait,
+         .times = wait.times});
+}
+
+std::optional<WaitInARow> HeldPorts::wait_before(const std::string& port) const {
+    const auto found = last_waits_.find(port);
+    if (found == last_waits_.end() || !found->second.up_since ||
+        loop_now() - *found->second.up_since > found->second.wait.wait) {
+        return {};
+    }
+    return found->second.wait;
 }
 
 void HeldPorts::recovery_begins(const std::string& port) {
@@ -120,10 +145,15 @@ void HeldPorts::came_up(const std::string& port) {
          .duration = time_shut(entry)});
     end_shutdown(entry);
     drop_if_idle(found);
+    const auto waited = last_waits_.find(port);
+    if (waited != last_waits_.end()) {
+        waited->second.up_since = loop_now();
+    }
 }
 
 // The agent reports the end of its loop, too, but only when its timer is over.
 void HeldPorts::removed(const std::string& port) {
+    last_waits_.erase(port);
     const auto found = ports_.find(port);
     if (found == ports_.end()) {
         return;
@@ -146,6 +176,10 @@ void HeldPorts::renamed(const std::string& from, const std::string& to) {
     port.waits_from = found->second.waits_from;
     port.shut_under = found->second.shut_under;
     port.released = found->second.released;
+    port.wait = found->second.wait;
+    if (port.wait) {
+        last_waits_[to] = {*port.wait, {}};
+    }
     drop_if_idle(ports_.find(to));
     removed(from);
 }
@@ -276,8 +310,19 @@ void HeldPorts::restore(std::deque<LoopEvent> events) {
         if (event.action == LoopAction::kShut) {
             ports_[event.port].facts = event.facts;
             ports_[event.port].shut_since = event.time;
+        } else if (event.action == LoopAction::kWaits) {
+            const WaitInARow wait{event.duration.value_or(seconds(0)), event.times.value_or(1)};
+            const auto shut = ports_.find(event.port);
+            if (shut != ports_.end()) {
+                shut->second.wait = wait;
+            }
+            last_waits_[event.port] = {wait, {}};
         } else if (event.action == LoopAction::kBroughtBack) {
             ports_.erase(event.port);
+            const auto waited = last_waits_.find(event.port);
+            if (waited != last_waits_.end()) {
+                waited->second.up_since = loop_now() - time_since(event.time);
+            }
         }
     }
 }

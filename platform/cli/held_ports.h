@@ -41,16 +41,25 @@ struct LoopFacts {
     bool operator==(const LoopFacts&) const = default;
 };
 
-enum class LoopAction { kFound, kShut, kBroughtBack, kRecovered, kRefused };
+enum class LoopAction { kFound, kShut, kWaits, kBroughtBack, kRecovered, kRefused };
 
 struct LoopEvent {
     WallTime time{};
     std::string port;
     LoopAction action = LoopAction::kFound;
     LoopFacts facts = {};
-    // How long the port was shut (kBroughtBack) or in the loop state (kRecovered).
+    // How long the port was shut (kBroughtBack) or in the loop state (kRecovered), or shall be shut
+    // (kWaits).
     std::optional<std::chrono::seconds> duration = {};
+    // kWaits only: the number of this shutdown in a row of shutdowns, from 1.
+    std::optional<uint32_t> times = {};
     std::string reason = {};  // of the switch, kRefused only
+};
+
+// How long a port waits for its recovery under a backoff.
+struct WaitInARow {
+    std::chrono::seconds wait{};
+    uint32_t times = 1;  // the number of this shutdown in a row
 };
 
 // A port that is in the loop state, held shut, or both.
@@ -60,10 +69,11 @@ struct LoopedPort {
     std::optional<WallTime> shut_since;
     std::optional<Time> shut_at;       // empty when an earlier process has shut it
     std::optional<Time> counted_from;  // the agent counts the time to the recovery from here
-    // For recovery_rules.h; all are reset when the port is up or gone.
+    // For recovery_rules.h; they end when the port is up or gone.
     std::optional<Time> waits_from;  // the shutdown, also that of an earlier process
     std::string shut_under;          // policy_for() the port when the agent shut it last
     bool released = false;           // an operator has removed the agent's mark
+    std::optional<WaitInARow> wait;  // decided at the shutdown, empty without a backoff
     EventLoop::Handle judging;       // until it is decided that no probe has proved the loop
 };
 
@@ -75,9 +85,11 @@ class HeldPorts {
 
     // ---- What happens ----
 
-    // The agent's "shutdown" was carried out. `before` is the port as it was; a line that is
-    // repeated while the port is shut is no event.
-    void shut(const Port& before);
+    // The agent's "shutdown" was carried out. `before` is the port as it was. Returns false, and
+    // adds no event, for a line that is repeated while the port is shut.
+    bool shut(const Port& before);
+    // The port, which was shut just now, waits for its recovery.
+    void waits(const std::string& port, const WaitInARow& wait);
     // The agent's "no shutdown" is about to be executed, or the agent takes the port for another
     // one: it no longer counts.
     void recovery_begins(const std::string& port);
@@ -116,6 +128,9 @@ class HeldPorts {
     bool probe_sees_loop(uint32_t ifx) const { return report_about(ifx) != nullptr; }
     // How often the port has been shut since a time.
     size_t times_shut(const std::string& port, WallTime since) const;
+    // The wait of the shutdown before, if the port is shut again so soon that this one is the next
+    // in a row: the port has been up for no longer than that wait. Else empty.
+    std::optional<WaitInARow> wait_before(const std::string& port) const;
     // The reason of the latest refusal since the port was shut; empty when there is none.
     std::string last_refusal(const std::string& port) const;
     // The newest kMaxEvents events, oldest first.
@@ -132,8 +147,15 @@ class HeldPorts {
     void report_change() const;
     void drop_if_idle(Ports::iterator port);
 
+    // The newest wait of a port that has one.
+    struct LastWait {
+        WaitInARow wait;
+        std::optional<Time> up_since;  // empty while the port is shut
+    };
+
     Ports ports_;
-    std::map<uint32_t, ProbeReport> reports_;  // of present loops, by `ifx`
+    std::map<std::string, LastWait> last_waits_;  // also of ports that are quiet
+    std::map<uint32_t, ProbeReport> reports_;     // of present loops, by `ifx`
     std::deque<LoopEvent> events_;
     std::function<void()> changed_;
 };

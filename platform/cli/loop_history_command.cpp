@@ -31,13 +31,14 @@ int show_history_of_loops(cli_pcdb*) {
                  {"other_port", "Other port", 16},
                  {"vlan", "VLAN", 5},
                  {"duration_s", "Duration/s", 10},
+                 {"times", "Times", 5},
                  {"reason", "Reason", 0}});
     for (const LoopEvent& event : held_ports().events()) {
         table.add({local_time(event.time), event.port, action_name(event.action),
                    source_names(event.facts), known_or_null(event.facts.other_port),
                    known_or_null(event.facts.vlan),
                    event.duration ? Json(event.duration->count()) : Json(),
-                   known_or_null(event.reason)});
+                   event.times ? Json(*event.times) : Json(), known_or_null(event.reason)});
     }
     if (json_wanted()) {
         print_json({{"version", kHistoryVersion}, {"events", table.json()}});

@@ -22,11 +22,13 @@ constexpr std::string_view kHead = "{\"version\":1}\n";
 constexpr std::string_view kChecksumKey = "checksum";
 constexpr uint64_t kLatest_ms = 4102444800000;  // in 2100; the clock's range ends in 2262
 constexpr uint64_t kLongest_s = 4102444800;
+constexpr uint64_t kMostTimes = 1000000;
 constexpr size_t kMaxTextBytes = 1024;
 
-constexpr std::array<std::pair<LoopAction, const char*>, 5> kActions{
+constexpr std::array<std::pair<LoopAction, const char*>, 6> kActions{
     {{LoopAction::kFound, "loop found"},
      {LoopAction::kShut, "shut"},
+     {LoopAction::kWaits, "waits"},
      {LoopAction::kBroughtBack, "brought back"},
      {LoopAction::kRecovered, "recovered"},
      {LoopAction::kRefused, "refused"}}};
@@ -47,6 +49,9 @@ std::string line_of(const LoopEvent& event) {
                 {"reason", event.reason}};
     if (event.duration) {
         object["duration_s"] = event.duration->count();
+    }
+    if (event.times) {
+        object["times"] = *event.times;
     }
     return line_of(object);
 }
@@ -97,6 +102,9 @@ LoopEvent event_in(const Json& object) {
     event.reason = text_in(object, "reason");
     if (object.contains("duration_s")) {
         event.duration = seconds(number_in(object, "duration_s", kLongest_s));
+    }
+    if (object.contains("times")) {
+        event.times = static_cast<uint32_t>(number_in(object, "times", kMostTimes));
     }
     return event;
 }

@@ -1,13 +1,20 @@
-// "errdisable recovery interval ...": how long the switch keeps a port shut that the agent has
-// shut, whatever the agent's own recovery time is. Loop thread only.
+// "errdisable recovery interval ..." and "errdisable recovery backoff ...": how long the switch
+// keeps a port shut that the agent has shut, beyond the agent's own recovery time. Loop thread
+// only.
 //
 // The agent types "no shutdown" whenever it lets go of a port, and never says why. Only its
 // recovery timer has to wait, so the switch rules out everything else: the wait ends when the
 // policy or the VLAN mode is no longer the one under which the port was shut, when an operator
 // removes the agent's mark, and when anybody brings the port up. A line that is refused is
 // repeated by the agent after another recovery time.
+//
+// A backoff is decided at each shutdown: the first wait is the interval, or else the agent's
+// recovery time. A port that is shut again after it has been up for no longer than its last wait
+// waits FACTOR times longer, at most MAX, but never shorter than the interval. The decision is an
+// event of the history, which is how the next process knows it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -20,18 +27,26 @@ namespace qv::cli {
 struct RecoveryRule {
     static constexpr int64_t kNever = -1;
 
-    int64_t interval_s = 0;  // from the shutdown on; 0: no rule
+    int64_t interval_s = 0;      // from the shutdown on; 0: none
+    int64_t backoff_factor = 0;  // 0: no backoff
+    int64_t backoff_max_s = 0;
 
     bool operator==(const RecoveryRule&) const = default;
 };
 
 // The rule of a port; the default when it has no line.
 const RecoveryRule& recovery_rule(uint32_t ifx);
-// "interval 600" or "interval never"; empty without a rule.
+// Such as "interval 600, backoff 2 3600"; empty without a rule.
 std::string rule_text(const RecoveryRule& rule);
+// The agent's own recovery time, from the running configuration. The agent counts it in steps.
+inline constexpr std::chrono::seconds kRecoveryStep{10};
+std::chrono::seconds agent_recovery_time();
 
 // Call when a port is gone or back at its defaults.
 void forget_recovery_rule(uint32_t ifx);
+
+// The agent has shut the port just now: decides how long it waits if it has a backoff.
+void decide_wait(const Port& port);
 
 struct RecoveryWait {
     std::optional<Time> until;  // by the loop's clock; empty: for ever

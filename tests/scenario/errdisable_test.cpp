@@ -162,6 +162,24 @@ TEST(RecoveryInterval, AgentTriesAgainAfterAnotherRecoveryTime) {
     EXPECT_EQ(status_of(rig, "swp3"), Lines{"swp3 3 up up access -"});
 }
 
+TEST(RecoveryBackoff, PortThatLoopsAgainWaitsTwiceAsLong) {
+    SwitchRig rig;
+    hold_swp3(rig, "errdisable recovery backoff 2 1000");
+    rig.advance(300s);
+    EXPECT_EQ(status_of(rig, "swp3"), Lines{"swp3 3 up up access -"}) << "as without the rule";
+    for (const auto& [wait, text] : {std::pair{600s, "600"}, std::pair{1200s, "1200"}}) {
+        rig.report(3, 1, 3);
+        rig.report(3, 0, 3);
+        EXPECT_EQ(rows(rig, "show errdisable recovery"),
+                  Lines{std::string("swp3 ") + text + " - backoff 2 1000 -"})
+            << "the agent tries every 300 s, and 1000 s is the longest wait";
+        rig.advance(wait - 300s);
+        EXPECT_EQ(status_of(rig, "swp3"), Lines{"swp3 3 down down access - loop-detect"});
+        rig.advance(300s);
+        EXPECT_EQ(status_of(rig, "swp3"), Lines{"swp3 3 up up access -"});
+    }
+}
+
 TEST(RecoveryInterval, NeverHoldsForTheTimerOnly) {
     SwitchRig rig;
     hold_swp3(rig, "errdisable recovery interval never");

@@ -40,12 +40,12 @@ TEST(LoopHistory, HasTheWholeStoryInOrder) {
     Lines of_swp3;
     for (const std::string& event : found) {
         if (event.starts_with("swp3 ")) {
-            of_swp3.push_back(std::regex_replace(event, std::regex("1 [0-9]+ -$"), "1 N -"));
+            of_swp3.push_back(std::regex_replace(event, std::regex("1 [0-9]+ - -$"), "1 N - -"));
         }
     }
     EXPECT_EQ(of_swp3,
-              (Lines{"swp3 loop found tarn swp5 1 - -", "swp3 shut tarn swp5 1 - -",
-                     "swp3 brought back tarn swp5 1 N -", "swp3 recovered tarn swp5 1 N -"}));
+              (Lines{"swp3 loop found tarn swp5 1 - - -", "swp3 shut tarn swp5 1 - - -",
+                     "swp3 brought back tarn swp5 1 N - -", "swp3 recovered tarn swp5 1 N - -"}));
 }
 
 TEST(LoopHistory, PolicyThatOnlyWarnsShutsNothing) {
@@ -56,7 +56,7 @@ TEST(LoopHistory, PolicyThatOnlyWarnsShutsNothing) {
     rig.report(3, 0, 3);
     rig.advance(60s);
     EXPECT_EQ(events(rig),
-              (Lines{"swp3 loop found tarn swp3 1 - -", "swp3 recovered tarn swp3 1 70 -"}));
+              (Lines{"swp3 loop found tarn swp3 1 - - -", "swp3 recovered tarn swp3 1 70 - -"}));
 }
 
 TEST(LoopHistory, EntryThatIsSetAgainAtOnceIsNoEndOfTheLoop) {
@@ -69,7 +69,7 @@ TEST(LoopHistory, EntryThatIsSetAgainAtOnceIsNoEndOfTheLoop) {
         own_records().erase(4, kKey);
         own_records().set(nullptr, 4, kKey, {packed.begin(), packed.end()});
     });
-    EXPECT_EQ(events(rig), Lines{"swp3 loop found tarn swp3 1 - -"});
+    EXPECT_EQ(events(rig), Lines{"swp3 loop found tarn swp3 1 - - -"});
 }
 
 TEST(LoopHistory, CommandsOfTheAgentBesideItAreAsBefore) {
@@ -93,7 +93,7 @@ TEST(LoopHistory, HeldPortIsStillKnownAfterARestart) {
         "interface swp2\n shutdown\n loop-detect apply shutdown-port\n!\n";
     SwitchRig rig(options);
     rig.advance(2s);
-    EXPECT_EQ(events(rig), Lines{"swp2 shut - - - - -"});
+    EXPECT_EQ(events(rig), Lines{"swp2 shut - - - - - -"});
     std::ifstream file(rig.saved_file().string() + ".history");
     std::stringstream text;
     text << file.rdbuf();

@@ -64,6 +64,19 @@ def test_port_comes_back_by_itself_after_the_interval(lab):
         "loop found", "shut", "refused", "recovered", "brought back"], "the loop state ends while the port waits"
 
 
+def test_backoff_goes_on_after_a_restart(lab):
+    lab.configure("loop-detect shutdown-recover-time 300")
+    lab.configure("interface swp2", "errdisable recovery backoff 2 1000")
+    loop_once(lab, "swp2")
+    wait_for(lambda: actions(lab, "swp2")[-1] == "brought back", 20, "swp2 is back")
+    lab.kill_agent(signal.SIGTERM)
+    lab.start_agent()
+    loop_once(lab, "swp2")
+    events = json.loads(lab.cli("show loop-detect history | json"))["events"]
+    assert [(event["duration_s"], event["times"]) for event in events if event["action"] == "waits"] == [
+        (300, 1), (600, 2)]
+
+
 def test_rule_and_hold_survive_a_restart(lab):
     lab.configure("interface swp2", "errdisable recovery interval never")
     loop_once(lab, "swp2")

@@ -21,7 +21,7 @@ using Lines = std::vector<std::string>;
 
 constexpr char kHeading[] =
     "Time                Port             Action       Source     Other port       VLAN  "
-    "Duration/s Reason\n";
+    "Duration/s Times Reason\n";
 
 class LoopHistory : public Errdisable {
  protected:
@@ -76,28 +76,29 @@ TEST_F(LoopHistory, StoryOfALoopIsShown) {
     EXPECT_EQ(rig.type("show loop-detect history"),
               std::string(kHeading) +
                   "2026-01-31 23:00:00 swp1             loop found   tarn       swp2             "
-                  "10    -          -\n"
+                  "10    -          -     -\n"
                   "2026-01-31 23:00:01 swp1             shut         tarn       swp2             "
-                  "10    -          -\n"
+                  "10    -          -     -\n"
                   "2026-01-31 23:05:00 swp1             refused      tarn       swp2             "
-                  "10    -          Device or resource busy\n"
+                  "10    -          -     Device or resource busy\n"
                   "2026-01-31 23:10:00 swp1             brought back tarn       swp2             "
-                  "10    599        -\n"
+                  "10    599        -     -\n"
                   "2026-01-31 23:11:00 swp1             recovered    tarn       swp2             "
-                  "10    660        -\n");
+                  "10    660        -     -\n");
 }
 
 TEST_F(LoopHistory, AnswerIsAVersionedObject) {
     held.loop_found("swp1");
     pass(1s);
     held.loop_ended("swp1");
-    EXPECT_EQ(rig.type("show loop-detect history | json"),
-              R"({"version":1,"events":[{"time":"2026-01-31 23:00:00","port":"swp1",)"
-              R"("action":"loop found","sources":["storm"],"other_port":null,"vlan":null,)"
-              R"("duration_s":null,"reason":null},{"time":"2026-01-31 23:00:01","port":"swp1",)"
-              R"("action":"recovered","sources":["storm"],"other_port":null,"vlan":null,)"
-              R"("duration_s":1,"reason":null}]})"
-              "\n");
+    EXPECT_EQ(
+        rig.type("show loop-detect history | json"),
+        R"({"version":1,"events":[{"time":"2026-01-31 23:00:00","port":"swp1",)"
+        R"("action":"loop found","sources":["storm"],"other_port":null,"vlan":null,)"
+        R"("duration_s":null,"times":null,"reason":null},{"time":"2026-01-31 23:00:01","port":"swp1",)"
+        R"("action":"recovered","sources":["storm"],"other_port":null,"vlan":null,)"
+        R"("duration_s":1,"times":null,"reason":null}]})"
+        "\n");
 }
 
 TEST_F(LoopHistory, RefusedShutdownIsAnEvent) {

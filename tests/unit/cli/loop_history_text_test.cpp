@@ -90,6 +90,20 @@ TEST(LoopHistoryText, IsReadAsItWasWritten) {
     EXPECT_EQ(ports_of(history_text({})), "intact");
 }
 
+TEST(LoopHistoryText, WaitHasItsNumberInARow) {
+    LoopEvent waits = event("swp1", LoopAction::kWaits);
+    waits.duration = 600s;
+    waits.times = 3;
+    const std::string text = history_text({waits});
+    EXPECT_NE(text.find(R"("action":"waits",)"), std::string::npos);
+    EXPECT_NE(text.find(R"("duration_s":600,"times":3})"), std::string::npos);
+    const ReadHistory history = read_history(text);
+    ASSERT_TRUE(history.intact);
+    EXPECT_EQ(history.events[0].action, LoopAction::kWaits);
+    EXPECT_EQ(history.events[0].duration, 600s);
+    EXPECT_EQ(history.events[0].times, 3U);
+}
+
 TEST(LoopHistoryText, OnlyTheNewestEventsAreRead) {
     std::deque<LoopEvent> events(HeldPorts::kMaxEvents + 2, event("new", LoopAction::kShut));
     events[0].port = "oldest";
@@ -138,6 +152,8 @@ TEST(LoopHistoryText, LinesWithOtherTypesOrValuesAreDamage) {
         {"\"reason\":\"\"", "\"reason\":null"},
         {"\"reason\":\"\"", "\"reason\":\"\",\"duration_s\":-1"},
         {"\"reason\":\"\"", "\"reason\":\"\",\"duration_s\":4102444801"},
+        {"\"reason\":\"\"", "\"reason\":\"\",\"times\":\"2\""},
+        {"\"reason\":\"\"", "\"reason\":\"\",\"times\":1000001"},
         {"\"port\":\"a\",", ""}};
     for (const auto& [from, to] : damages) {
         EXPECT_EQ(with(from, to), "damaged a") << from << " became " << to;

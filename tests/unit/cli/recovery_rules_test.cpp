@@ -1,10 +1,12 @@
-// "errdisable recovery interval ...": which "no shutdown" the switch refuses, and until when.
+// "errdisable recovery interval ..." and "... backoff ...": which "no shutdown" the switch refuses,
+// and until when.
 #include "platform/cli/recovery_rules.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "qv/bridge.h"
@@ -297,7 +299,7 @@ TEST_F(RecoveryRules, BadValuesAreRefused) {
 TEST_F(RecoveryRules, HelpListsNumberAndNever) {
     rig.session.mode = "interface";
     rig.session.ifx = 101;
-    EXPECT_EQ(cli::completions(rig.session, "errdisable recovery "), "interval\n");
+    EXPECT_EQ(cli::completions(rig.session, "errdisable recovery "), "backoff\ninterval\n");
     EXPECT_EQ(cli::completions(rig.session, "errdisable recovery interval n"), "never\n");
     EXPECT_EQ(cli::help_text(rig.session, "errdisable recovery interval "),
               "  never                   Only an operator brings it back\n"
@@ -351,6 +353,223 @@ TEST_F(RecoveryRules, PortThatWaitsForAnOperatorHasNoTime) {
               R"({"version":1,"recovery_time_s":300,"ports":[{"port":"swp1","recovers_in_s":null,)"
               R"("recovers_at":null,"rule":"interval never","refused":null}]})"
               "\n");
+}
+
+// ---- errdisable recovery backoff ----
+
+class RecoveryBackoff : public RecoveryRules {
+ protected:
+    // "S s, time N" of each decision about swp1.
+    Lines waits() const {
+        Lines lines;
+        for (const cli::LoopEvent& event : held.events()) {
+            if (event.port == "swp1" && event.action == cli::LoopAction::kWaits) {
+                lines.push_back(std::to_string(event.duration->count()) + " s, time " +
+                                std::to_string(*event.times));
+            }
+        }
+        return lines;
+    }
+    // The port is shut, and is up again after `shut_for`.
+    void one_round(std::chrono::seconds shut_for) {
+        hold(101);
+        pass(shut_for);
+        EXPECT_TRUE(comes_back());
+    }
+};
+
+TEST_F(RecoveryBackoff, EachShutdownInARowWaitsLongerUpToTheMost) {
+    operator_types(101, "errdisable recovery backoff 3 2000");
+    one_round(300s);
+    one_round(900s);
+    one_round(2000s);
+    one_round(2000s);
+    EXPECT_EQ(waits(),
+              (Lines{"300 s, time 1", "900 s, time 2", "2000 s, time 3", "2000 s, time 4"}));
+}
+
+TEST_F(RecoveryBackoff, FirstShutdownWaitsForTheAgentOnly) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    hold(101);
+    EXPECT_TRUE(comes_back());
+}
+
+TEST_F(RecoveryBackoff, RecoveryMayBeATickEarlyAsTheAgentsOwn) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    one_round(300s);
+    hold(101);
+    pass(589s);
+    EXPECT_FALSE(comes_back());
+    pass(1s);
+    EXPECT_TRUE(comes_back());
+}
+
+TEST_F(RecoveryBackoff, IntervalIsTheFirstWaitAndTheShortest) {
+    operator_types(101, "errdisable recovery interval 500");
+    operator_types(101, "errdisable recovery backoff 2 400");
+    hold(101);
+    pass(499s);
+    EXPECT_FALSE(comes_back());
+    pass(1s);
+    EXPECT_TRUE(comes_back());
+    hold(101);
+    EXPECT_EQ(waits(), (Lines{"500 s, time 1", "500 s, time 2"}));
+    pass(499s);
+    EXPECT_FALSE(comes_back()) << "no tick early";
+    pass(1s);
+    EXPECT_TRUE(comes_back());
+}
+
+TEST_F(RecoveryBackoff, RecoveryTimeOfTheAgentIsTheFirstWait) {
+    g_setting = "loop-detect shutdown-recover-time 90";
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    hold(101);
+    EXPECT_EQ(waits(), Lines{"90 s, time 1"});
+}
+
+TEST_F(RecoveryBackoff, CalmTimeBeginsAnew) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    one_round(300s);
+    pass(300s);
+    one_round(600s);
+    pass(601s);
+    one_round(300s);
+    EXPECT_EQ(waits(), (Lines{"300 s, time 1", "600 s, time 2", "300 s, time 1"}));
+}
+
+TEST_F(RecoveryBackoff, RepeatedLineIsNoShutdownInARow) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    hold(101);
+    hold(101);
+    EXPECT_EQ(waits(), Lines{"300 s, time 1"});
+}
+
+TEST_F(RecoveryBackoff, NeverIsStronger) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    one_round(300s);
+    hold(101);
+    operator_types(101, "errdisable recovery interval never");
+    pass(10000s);
+    EXPECT_FALSE(comes_back());
+    operator_types(101, "no shutdown");
+    hold(101);
+    EXPECT_EQ(waits(), (Lines{"300 s, time 1", "600 s, time 2"}));
+}
+
+TEST_F(RecoveryBackoff, WithoutTheLineTheDecisionDoesNotCount) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    one_round(300s);
+    hold(101);
+    operator_types(101, "no errdisable recovery backoff");
+    EXPECT_TRUE(comes_back());
+}
+
+TEST_F(RecoveryBackoff, LineDoesNotCountForAShutdownThatBeganBeforeIt) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    one_round(300s);
+    one_round(600s);
+    operator_types(101, "no errdisable recovery backoff");
+    hold(101);
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    EXPECT_TRUE(comes_back());
+}
+
+TEST_F(RecoveryBackoff, DecisionsSurviveARestart) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    change(101, [](Port& port) { port.admin_up = false; });
+    cli::LoopEvent shut;
+    shut.time = *g_wall_time - 100s;
+    shut.port = "swp1";
+    shut.action = cli::LoopAction::kShut;
+    cli::LoopEvent waits_again = shut;
+    waits_again.action = cli::LoopAction::kWaits;
+    waits_again.duration = 600s;
+    waits_again.times = 2;
+    held.restore({shut, waits_again});
+    hold(101);
+    pass(489s);
+    EXPECT_FALSE(comes_back());
+    pass(1s);
+    EXPECT_TRUE(comes_back());
+    hold(101);
+    EXPECT_EQ(waits(), (Lines{"600 s, time 2", "1200 s, time 3"}));
+}
+
+TEST_F(RecoveryBackoff, CalmTimeContinuesAfterARestart) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    for (const auto& [calm, expected] :
+         {std::pair{200s, "1200 s, time 3"}, std::pair{601s, "300 s, time 1"}}) {
+        cli::LoopEvent waited;
+        waited.time = *g_wall_time - 2000s;
+        waited.port = "swp1";
+        waited.action = cli::LoopAction::kWaits;
+        waited.duration = 600s;
+        waited.times = 2;
+        cli::LoopEvent back = waited;
+        back.time = *g_wall_time - calm;
+        back.action = cli::LoopAction::kBroughtBack;
+        held.restore({waited, back});
+        hold(101);
+        EXPECT_EQ(waits().back(), expected);
+        bring_back(101);
+        operator_types(101, "no shutdown");
+    }
+}
+
+TEST_F(RecoveryBackoff, RenamedPortKeepsItsWaitAndARemovedOneDoesNot) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    one_round(300s);
+    hold(101);
+    rig.hardware.rename(101, "lan1");
+    pass(589s);
+    EXPECT_FALSE(comes_back());
+    pass(1s);
+    EXPECT_TRUE(comes_back());
+    EXPECT_EQ(held.wait_before("lan1")->times, 2U);
+    rig.hardware.remove(101);
+    EXPECT_FALSE(held.wait_before("lan1"));
+}
+
+TEST_F(RecoveryBackoff, LinesShowsAndRefusalNameIt) {
+    EXPECT_EQ(on_swp1("errdisable recovery backoff 2 3600"), "");
+    EXPECT_EQ(on_swp1("errdisable recovery interval 100"), "");
+    EXPECT_EQ(rig.type("show running-config interface swp1"),
+              "interface swp1\n errdisable recovery interval 100\n"
+              " errdisable recovery backoff 2 3600\n!\n");
+    one_round(100s);
+    hold(101);
+    bring_back(101);
+    EXPECT_EQ(
+        row("show errdisable recovery", "swp1"),
+        "swp1 300 - interval 100, backoff 2 3600 errdisable recovery backoff 2 3600: not before "
+        "200 s after the shutdown, time 2 in a row");
+    EXPECT_EQ(on_swp1("no errdisable recovery backoff 2 3600"), "");
+    EXPECT_EQ(cli::rule_text(cli::recovery_rule(101)), "interval 100");
+    EXPECT_EQ(on_swp1("no errdisable recovery interval"), "");
+    EXPECT_EQ(cli::recovery_rule(101), cli::RecoveryRule{});
+}
+
+TEST_F(RecoveryBackoff, TimeShownIsTheOneOfTheDecision) {
+    operator_types(101, "errdisable recovery backoff 2 3600");
+    hold(101);
+    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 300 - backoff 2 3600 -");
+    pass(300s);
+    EXPECT_TRUE(comes_back());
+    hold(101);
+    EXPECT_EQ(row("show errdisable recovery", "swp1"), "swp1 600 - backoff 2 3600 -");
+}
+
+TEST_F(RecoveryBackoff, BadValuesAreRefused) {
+    EXPECT_EQ(on_swp1("errdisable recovery backoff 1 3600"),
+              "% Number out of range: '1' (2-100).\n");
+    EXPECT_EQ(on_swp1("errdisable recovery backoff 101 3600"),
+              "% Number out of range: '101' (2-100).\n");
+    EXPECT_EQ(on_swp1("errdisable recovery backoff 2 0"),
+              "% Number out of range: '0' (1-1000000).\n");
+    EXPECT_EQ(on_swp1("errdisable recovery backoff 2 1000001"),
+              "% Number out of range: '1000001' (1-1000000).\n");
+    EXPECT_EQ(on_swp1("errdisable recovery backoff 2"), "% Incomplete command.\n");
+    EXPECT_EQ(cli::recovery_rule(101), cli::RecoveryRule{});
 }
 
 }  // namespace
