@@ -143,6 +143,7 @@ Service::Service(EventLoop& loop, ProbeThread& prober, CutJournal& journal, CutJ
       link_cut_(control_, journal),
       link_guard_(control_, guards),
       client_(qv_mom_client_init("tarnd", master_of(loop), nullptr)),
+      loop_log_(loop),
       fabric_key_(own_key),
       take_over_(loop, *this) {
     g_service = this;
@@ -193,6 +194,7 @@ void Service::close() {
     }
     open_guarded();
     guard_.remove();
+    loop_log_.finish();
     end_records();
 }
 
@@ -418,6 +420,10 @@ void Service::on_loop(const Report& report, bool is_loop) {
     LoopRecord& record = records_[report.ifx];
     const LoopRecord::Seen seen{.src_ifx = report.src_ifx, .vid = report.vid};
     const size_t others = record.loops.size() - record.loops.count(report.src_vid);
+    const std::string port = port_name(report.ifx);
+    if (is_loop && record.loops.empty()) {
+        loop_log_.loop_begins(port);
+    }
     if (is_loop) {
         record.loops[report.src_vid] = seen;
         record.stored = set_record(report.ifx, seen, true);
@@ -429,17 +435,17 @@ void Service::on_loop(const Report& report, bool is_loop) {
     if (others >= kLoggedVlans) {
         return;
     }
-    const std::string port = port_name(report.ifx);
-    const LogAbout about({.port = port, .source = "tarn"});
+    const LogSubject about{.port = port, .source = "tarn"};
     if (is_loop) {
-        log_message(kLogWarning, "TARN", "LOOP",
-                    "%s receives%s what %s sends%s: a loop, found by %s, %lld us long.",
-                    port.c_str(), in_vlan(report.vid).c_str(), port_name(report.src_ifx).c_str(),
-                    in_vlan(report.src_vid).c_str(), text_of(report.trigger),
-                    static_cast<long long>(report.path / std::chrono::microseconds(1)));
+        loop_log_.say(
+            about, {kLogWarning, "LOOP",
+                    port + " receives" + in_vlan(report.vid) + " what " +
+                        port_name(report.src_ifx) + " sends" + in_vlan(report.src_vid) +
+                        ": a loop, found by " + text_of(report.trigger) + ", " +
+                        std::to_string(report.path / std::chrono::microseconds(1)) + " us long."});
     } else {
-        log_message(kLogInfo, "TARN", "END", "The loop of %s%s has ended.", port.c_str(),
-                    in_vlan(report.vid).c_str());
+        loop_log_.say(
+            about, {kLogInfo, "END", "The loop of " + port + in_vlan(report.vid) + " has ended."});
     }
 }
 
@@ -463,9 +469,8 @@ void Service::open_guarded() {
 
 void Service::on_cut(uint32_t ifx, int error) {
     const std::string name = port_name(ifx);
-    const LogAbout about(
-        {.port = name, .source = "tarn", .cause = error != 0 ? std::strerror(error) : ""});
     if (error != 0) {
+        const LogAbout about({.port = name, .source = "tarn", .cause = std::strerror(error)});
         log_message(kLogError, "TARN", "CUT", "%s cannot be cut: %s.", name.c_str(),
                     std::strerror(error));
         const std::vector<uint32_t> noted = journal_.noted();
@@ -473,8 +478,8 @@ void Service::on_cut(uint32_t ifx, int error) {
             return;
         }
     } else {
-        log_message(kLogWarning, "TARN", "CUT", "%s was taken out of service to end a loop.",
-                    name.c_str());
+        loop_log_.say({.port = name, .source = "tarn"},
+                      {kLogWarning, "CUT", name + " was taken out of service to end a loop."});
     }
     const auto port = ports_.find(ifx);
     if (port != ports_.end() && port->second.shut) {
@@ -500,8 +505,9 @@ void Service::give_back(uint32_t ifx) {
         take_over_.cut(ifx);  // to try again
     }
     if (error == 0) {
-        log_message(kLogWarning, "TARN", "RETURN",
-                    "%s is in service again: nobody has taken it over.", name.c_str());
+        loop_log_.say(
+            {.port = name, .source = "tarn"},
+            {kLogWarning, "RETURN", name + " is in service again: nobody has taken it over."});
     } else if (error != ENODEV && news) {
         log_message(kLogError, "TARN", "RETURN", "%s cannot be brought into service again: %s.",
                     name.c_str(), std::strerror(error));

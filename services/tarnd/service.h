@@ -16,6 +16,7 @@
 #include "services/tarnd/guard_table.h"
 #include "services/tarnd/link_cut.h"
 #include "services/tarnd/link_guard.h"
+#include "services/tarnd/loop_log.h"
 #include "services/tarnd/port_control.h"
 #include "services/tarnd/probe_thread.h"
 #include "services/tarnd/status_board.h"
@@ -119,6 +120,7 @@ class Service final : private TakeOverOutputs {
     LinkCut link_cut_;
     LinkGuard link_guard_;  // while the probing thread does not run
     qv_mom_client* const client_;
+    LoopLog loop_log_;
 
     uint32_t policy_ = 0;
     Settings settings_;
