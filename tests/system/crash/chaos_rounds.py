@@ -152,16 +152,16 @@ def disk_full(lab, draw):
 def descriptors_exhausted(name):
     def make(lab, draw):
         pid = lab.processes()[name].pid
+        usual = resource.getrlimit(resource.RLIMIT_NOFILE)  # the process has inherited it
         try:
             most = max(int(fd) for fd in os.listdir(f"/proc/{pid}/fd")) + 1
-            former = resource.prlimit(pid, resource.RLIMIT_NOFILE)
-            resource.prlimit(pid, resource.RLIMIT_NOFILE, (most, former[1]))
+            resource.prlimit(pid, resource.RLIMIT_NOFILE, (most, usual[1]))
         except (OSError, ValueError):
             return None  # it does not run
 
         def mend():
             with contextlib.suppress(ProcessLookupError):
-                resource.prlimit(pid, resource.RLIMIT_NOFILE, former)
+                resource.prlimit(pid, resource.RLIMIT_NOFILE, usual)
         return mend
     return make
 
