@@ -176,3 +176,31 @@ def test_agent_on_a_socket_in_use_names_the_other(lab):
     assert second.wait(timeout=10) == 1
     assert f"lda: process {solo.pid} already runs on command-line socket {lab.cli_socket}: stop it first" in lab.log()
     assert solo.poll() is None
+
+
+@pytest.mark.parametrize("how", [signal.SIGKILL, signal.SIGSTOP])
+def test_standby_holds_the_ports_of_a_real_bridge_on(kernel_ports, how):
+    """The kernel's port stays shut while nobody acts, and the standby brings it back."""
+    with Lab(switch="linux", ports=2) as lab:
+        lab.write_platform_file(LEASE)
+        lab.started = []
+        lab.start_redis()
+        try:
+            master = start(lab)
+            standby = start(lab, wait=False)
+            lab.configure("loop-detect enable shutdown access-mode")
+            lab.report_loop("swp1", is_loop=1)
+            wait_for(lambda: not lab.is_up("swp1") and "shutdown-port" in lab.saved(), 10, "swp1 is shut")
+            lab.report_loop("swp1", is_loop=0)
+            master.send_signal(how)
+            wait_for(lambda: lease(lab)[5] == str(standby.pid), 10, "the standby has the lease")
+            assert master.wait(timeout=5) == -signal.SIGKILL
+            wait_for(lambda: lab.cli_status("show role") == 0, 10, "the standby acts")
+            wait_for(lambda: "swp1" in lab.cli("show errdisable"), 10, "the standby knows swp1")
+            assert not lab.is_up("swp1") and lab.is_up("swp2")
+            lab.cli("clear errdisable interface swp1")
+            wait_for(lambda: lab.is_up("swp1"), 10, "swp1 is back")
+        finally:
+            for process in lab.started:
+                process.kill()
+                process.wait()
