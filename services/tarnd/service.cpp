@@ -17,7 +17,6 @@
 namespace qv::tarnd {
 namespace {
 
-constexpr uint32_t kUntaggedVid = 1;
 constexpr std::chrono::milliseconds kCommandPause{10};
 constexpr size_t kLoggedVlans = 8;  // loops of one port
 
@@ -536,7 +535,7 @@ bool Service::set_record(uint32_t ifx, const LoopRecord::Seen& seen, bool is_loo
     index.ifx = ifx;
     PBridge__TarnLoopInfo info = P_BRIDGE__TARN_LOOP_INFO__INIT;
     info.index = &index;
-    info.vid = seen.vid != 0 ? seen.vid : kUntaggedVid;
+    info.vid = shown_vid(seen.vid);
     info.is_loop = is_loop ? 1 : 0;
     info.src_ifx = seen.src_ifx;
     return qv_mom_set(client_, QV_MOM_APP_DB, &info.base, 0, 0) == 0;

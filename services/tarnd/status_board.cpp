@@ -9,12 +9,6 @@
 namespace qv::tarnd {
 namespace {
 
-// As records and clients see it.
-uint32_t shown_vid(uint16_t vid) {
-    constexpr uint32_t kUntaggedVid = 1;
-    return vid != 0 ? vid : kUntaggedVid;
-}
-
 SeenLoop seen_by(const Report& report) {
     return {.ifx = report.ifx,
             .src_ifx = report.src_ifx,
@@ -34,6 +28,11 @@ std::string name_of(const ProtobufCEnumDescriptor& type, int value) {
 }
 
 }  // namespace
+
+uint32_t shown_vid(uint16_t vid) {
+    constexpr uint32_t kUntaggedVid = 1;
+    return vid != 0 ? vid : kUntaggedVid;
+}
 
 std::string state_text(PBridge__TarnState state) {
     return name_of(p_bridge__tarn_state__descriptor, state);

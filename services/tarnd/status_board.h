@@ -123,6 +123,9 @@ PBridge__TarnCounters StatusBoard::counters(const Thread& thread) const {
     return all;
 }
 
+// VLAN of a frame, as records and clients see it: `vid` is 0 if the frame was untagged.
+uint32_t shown_vid(uint16_t vid);
+
 // Names of a value, as the record's schema spells them, in lower case.
 std::string state_text(PBridge__TarnState state);
 std::string trigger_text(Trigger trigger);
