@@ -20,6 +20,7 @@
 #include "platform/base/supervisor.h"
 #include "platform/client/loop_metrics.h"
 #include "platform/client/mom_key.h"
+#include "platform/client/notification_log.h"
 #include "platform/client/own_records.h"
 #include "platform/client/platform.h"
 #include "platform/driver/store_driver.h"
@@ -55,7 +56,8 @@ struct SessionCallback {
 }  // namespace
 
 struct qv_mom_client final : qv::StoreListener {
-    explicit qv_mom_client(qv::StoreDriver& driver) : store(driver.connect(*this)) {}
+    explicit qv_mom_client(qv::StoreDriver& driver)
+        : store(driver.connect(*this)), notifications(*store) {}
 
     void connect(uint32_t db, SessionCallback callback);
     int subscribe(uint32_t db, const ProtobufCMessageDescriptor& type, qv_mom_msg_cb callback);
@@ -91,6 +93,7 @@ struct qv_mom_client final : qv::StoreListener {
     };
 
     void set_missing_in(uint32_t db);
+    void read_notifications();
     void mark_superseded(const Topic& topic, const ProtobufCMessage& record);
     void deliver(const Topic& topic, int oper, const ProtobufCMessage* record);
 
@@ -100,6 +103,7 @@ struct qv_mom_client final : qv::StoreListener {
     qv::OwnRecords::Id checked;  // the last key that keys_to_check() gave
     uint64_t numbers_used = 0;
     std::unique_ptr<qv::StoreClient> store;
+    qv::NotificationLog notifications;
 };
 
 namespace {
@@ -164,6 +168,9 @@ void qv_mom_client::session_up(uint32_t db) {
     const bool back = qv::report_database(db, false);
     // Before the callback, so that its deletes come after.
     set_missing_in(db);
+    if (db == QV_MOM_LOCAL_DB) {
+        read_notifications();
+    }
     Session& session = sessions[db];
     const bool first = !std::exchange(session.connect_reported, true);
     if (qv::Metrics* const figures = qv::metrics(); figures && back && !first) {
@@ -175,6 +182,9 @@ void qv_mom_client::session_up(uint32_t db) {
 
 void qv_mom_client::session_down(uint32_t db) {
     qv::report_database(db, true);
+    if (db == QV_MOM_LOCAL_DB) {
+        notifications.session_down();
+    }
     std::erase_if(scans, [db](const auto& scan) { return scan.second.topic.db == db; });
     const SessionCallback callback = sessions[db].disconnected;
     callback();
@@ -221,6 +231,7 @@ void qv_mom_client::mark_superseded(const Topic& topic, const ProtobufCMessage& 
 }
 
 void qv_mom_client::scanned(uint64_t number, std::string_view key, qv::Bytes record) {
+    notifications.scanned(number, record);
     const auto found = scans.find(number);
     if (found == scans.end() || found->second.superseded.contains(std::string(key))) {
         return;
@@ -232,6 +243,7 @@ void qv_mom_client::scanned(uint64_t number, std::string_view key, qv::Bytes rec
 }
 
 void qv_mom_client::scan_done(uint64_t number) {
+    notifications.scan_done(number);
     scans.erase(number);
 }
 
@@ -257,12 +269,25 @@ void qv_mom_client::records_lost() {
     for (const auto& [db, session] : sessions) {
         set_missing_in(db);
     }
+    if (store->up(QV_MOM_LOCAL_DB)) {
+        read_notifications();
+    }
+}
+
+void qv_mom_client::read_notifications() {
+    const uint64_t log_scan = ++numbers_used;
+    const uint64_t kept_scan = ++numbers_used;
+    notifications.read(log_scan, kept_scan);
 }
 
 void qv_mom_client::deliver(const Topic& topic, int oper, const ProtobufCMessage* record) {
     const qv::RecordDelivery delivery(*record, oper == QV_MOM_OPER_DELETE);
     const qv_mom_msg message = {QV_MOM_CMD_RECORD, oper, topic.db, record};
     topic.callback(this, &message);
+}
+
+qv::NotificationLog& qv::notification_log(qv_mom_client& client) {
+    return client.notifications;
 }
 
 extern "C" {

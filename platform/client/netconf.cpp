@@ -1,7 +1,8 @@
 // qv/netconf.h: a notification is a record published in the local database, where the records of
 // the management plane live: the NETCONF server then listens in one database only, and a service
-// that takes policy requests has its session there already. The last ones sent are kept in a
-// bounded ring.
+// that takes policy requests has its session there already. The last ones sent are kept twice: in
+// the database for NETCONF sessions (notification_log.h), and in a bounded ring for the command
+// line.
 #include "qv/netconf.h"
 
 #include <algorithm>
@@ -9,13 +10,12 @@
 #include <chrono>
 #include <deque>
 #include <span>
-#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
-#include "p_nc.pb-c.h"
 #include "platform/base/guarded.h"
+#include "platform/client/notification_log.h"
 #include "platform/client/notification_ring.h"
 
 namespace {
@@ -55,39 +55,11 @@ qv::SentNotification copy_of(std::span<const nc_lib_leaf> leaves) {
     return notification;
 }
 
-// 0, or the error number of the database.
-int publish(qv_mom_client* client, const qv::SentNotification& notification) {
-    static uint64_t sequence = 0;
-    PNc__NotificationIndex index = P_NC__NOTIFICATION_INDEX__INIT;
-    index.sequence = ++sequence;
-
-    std::vector<PNc__NotificationLeaf> leaves(notification.leaves.size(),
-                                              P_NC__NOTIFICATION_LEAF__INIT);
-    std::vector<PNc__NotificationLeaf*> pointers;
-    pointers.reserve(leaves.size());
-    for (size_t i = 0; i < leaves.size(); ++i) {
-        leaves[i].path = const_cast<char*>(notification.leaves[i].path.c_str());
-        leaves[i].type = notification.leaves[i].type;
-        leaves[i].value = notification.leaves[i].value;
-        pointers.push_back(&leaves[i]);
-    }
-    std::string name(notification_name(notification.leaves.front().path.c_str()));
-
-    PNc__Notification record = P_NC__NOTIFICATION__INIT;
-    record.index = &index;
-    record.name = name.data();
-    record.n_leaves = pointers.size();
-    record.leaves = pointers.data();
-    record.time_ms = static_cast<uint64_t>(
-        std::chrono::duration_cast<std::chrono::milliseconds>(notification.time.time_since_epoch())
-            .count());
-    return qv_mom_publish(client, QV_MOM_LOCAL_DB, &record.base, 0, 0);
-}
-
 // Into the ring first: nothing may fail after publication.
 int send(qv_mom_client* client, std::span<const nc_lib_leaf> leaves) {
     ring().push_back(copy_of(leaves));
-    const int refused = qv::guarded(ENOMEM, [client] { return publish(client, ring().back()); });
+    const int refused =
+        qv::guarded(ENOMEM, [client] { return qv::notification_log(*client).send(ring().back()); });
     if (refused != 0) {
         ring().pop_back();
     } else if (ring().size() > qv::kRecentNotifications) {

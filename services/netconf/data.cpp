@@ -9,6 +9,7 @@
 #include "services/netconf/agent.h"
 #include "services/netconf/edit_plan.h"
 #include "services/netconf/log.h"
+#include "services/netconf/notification_log.h"
 
 namespace netconf {
 namespace {
@@ -16,14 +17,18 @@ namespace {
 constexpr uint32_t kHighestPolicy = 4;
 const std::string kMonitoring = "/ietf-netconf-monitoring:netconf-state";
 
+// The path of the list entry with this key. A path has a key in one kind of quotes; no port name
+// has both kinds.
+std::string entry_of(const std::string& list, const std::string& name) {
+    const char quote = name.find('\'') == std::string::npos ? '\'' : '"';
+    return list + "[name=" + (quote + name + quote) + "]";
+}
+
 void add_looped_ports(const Session& session, Tree& tree) {
     Database database(session.options.redis_socket);
     for (const LoopedPort& port : looped_ports(database)) {
-        // A path has a key in one kind of quotes; no port name has both kinds.
-        const char quote = port.name.find('\'') == std::string::npos ? '\'' : '"';
         const std::string entry =
-            "/qv-loop-detect-server:loop-detect/looped-port[name=" + (quote + port.name + quote) +
-            "]";
+            entry_of("/qv-loop-detect-server:loop-detect/looped-port", port.name);
         try {
             add_node(session.context, tree, entry + "/policy", std::to_string(port.policy));
             add_node(session.context, tree, entry + "/src-port", port.src_port ? "true" : "false");
@@ -36,7 +41,15 @@ void add_looped_ports(const Session& session, Tree& tree) {
 void add_streams(const Session& session, Tree& tree) {
     const std::string stream = "/nc-notifications:netconf/streams/stream[name='NETCONF']";
     add_node(session.context, tree, stream + "/description", "all notifications of the switch");
-    add_node(session.context, tree, stream + "/replaySupport", "false");
+    Database database(session.options.redis_socket);
+    const auto log = log_state(database);
+    add_node(session.context, tree, stream + "/replaySupport", log ? "true" : "false");
+    if (log) {
+        add_node(session.context, tree, stream + "/replayLogCreationTime", rfc3339(log->created));
+    }
+    if (log && log->aged) {
+        add_node(session.context, tree, stream + "/replayLogAgedTime", rfc3339(*log->aged));
+    }
 }
 
 void add_capabilities(const Session& session, Tree& tree) {

@@ -2,8 +2,11 @@
 #include <syslog.h>
 
 #include <charconv>
+#include <chrono>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <optional>
 #include <string>
 
 #include "services/netconf/log.h"
@@ -25,33 +28,51 @@ EditTurn turn_of(const Session& session) {
     return turn;
 }
 
-time_t seconds_of(const lyd_node& node) {
+EventTime time_of(const lyd_node& node) {
     time_t seconds = 0;
-    ly_time_str2time(lyd_get_value(&node), &seconds, nullptr);
-    return seconds;
+    char* fraction = nullptr;  // digits
+    ly_time_str2time(lyd_get_value(&node), &seconds, &fraction);
+    const std::string digits = std::string(fraction != nullptr ? fraction : "") + "000";
+    free(fraction);
+    return EventTime(std::chrono::seconds(seconds)) +
+           std::chrono::milliseconds(std::stoi(digits.substr(0, 3)));
 }
 
 RpcError bad_time(NC_ERR tag, const char* element, const char* message) {
     return RpcError(tag, NC_ERR_TYPE_PROT, message).about(element);
 }
 
-// There is no replay (RFC 5277, section 2.1.1, says how to refuse it).
-void refuse_replay(const lyd_node& rpc) {
+// RFC 5277, section 2.1.1, says what to refuse and how.
+std::optional<Replay> replay_in(const lyd_node& rpc) {
     const lyd_node* const start = child_named(rpc, "startTime");
     const lyd_node* const stop = child_named(rpc, "stopTime");
     if (start == nullptr && stop != nullptr) {
         throw bad_time(NC_ERR_MISSING_ELEM, "startTime", "stopTime needs startTime");
     }
     if (start == nullptr) {
-        return;
+        return std::nullopt;
     }
-    if (seconds_of(*start) > time(nullptr)) {
+    Replay replay{.from = time_of(*start), .until = std::nullopt};
+    // Not in the clock's own unit, in which a far future does not fit.
+    const auto now =
+        std::chrono::floor<std::chrono::milliseconds>(std::chrono::system_clock::now());
+    if (replay.from > now) {
         throw bad_time(NC_ERR_BAD_ELEM, "startTime", "startTime is in the future");
     }
-    if (stop != nullptr && seconds_of(*stop) < seconds_of(*start)) {
-        throw bad_time(NC_ERR_BAD_ELEM, "stopTime", "stopTime lies before startTime");
+    if (stop != nullptr) {
+        replay.until = time_of(*stop);
+        if (*replay.until < replay.from) {
+            throw bad_time(NC_ERR_BAD_ELEM, "stopTime", "stopTime lies before startTime");
+        }
     }
-    throw refused("past notifications are not kept, there is no replay");
+    return replay;
+}
+
+void check_log(const Session& session) {
+    Database database(session.options.redis_socket);
+    if (!log_state(database)) {
+        throw refused("there are no notifications to replay: the agent keeps no log yet");
+    }
 }
 
 }  // namespace
@@ -103,12 +124,15 @@ nc_server_reply* create_subscription(const lyd_node& rpc, Session& session) {
         throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
                        std::string("there is no stream \"") + lyd_get_value(stream) + "\"");
     }
-    refuse_replay(rpc);
+    const std::optional<Replay> replay = replay_in(rpc);
+    if (replay) {
+        check_log(session);
+    }
     if (session.subscription) {
         throw refused("this session has a subscription already");
     }
     session.subscription = std::make_unique<Subscription>(
-        session.context, session.options.redis_socket, Filter::of(rpc));
+        session.context, session.options.redis_socket, Filter::of(rpc), replay);
     nc_session_inc_notif_status(session.link);
     return nc_server_reply_ok();
 }

@@ -117,7 +117,12 @@ Step send_next_event(Session& session) {
     if (!event) {
         return Step::kWait;
     }
-    return send_event(session, std::move(*event)) ? Step::kAgain : Step::kOver;
+    const bool sent = send_event(session, std::move(*event));
+    if (session.subscription->over()) {
+        session.subscription.reset();
+        nc_session_dec_notif_status(session.link);
+    }
+    return sent ? Step::kAgain : Step::kOver;
 }
 
 // The client does not read its notifications.
@@ -143,7 +148,7 @@ Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* po
          .events = POLLIN,
          .revents = 0},
     }};
-    const int limit_ms = subscription == nullptr ? -1 : subscription->retry_ms();
+    const int limit_ms = subscription == nullptr ? -1 : subscription->wait_ms();
     const int ready = poll(watched.data(), watched.size(), stalled ? kUnreadLimit_ms : limit_ms);
     if (ready == 0 && stalled) {
         throw ClientTooSlow("the client leaves " + std::to_string(Subscription::kMaxPending) +

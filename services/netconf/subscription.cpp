@@ -9,18 +9,19 @@
 //
 // `listener_` is null while the database is away. lose() drops it, with a log line, and reconnect()
 // makes a new one after 100 ms, then 200 ms, up to 5 s, without a line for each attempt. fd() is -1
-// meanwhile, and retry_ms() gives the session's poll() its time limit. Records received before the
+// meanwhile, and wait_ms() gives the session's poll() its time limit. Records received before the
 // loss stay and are sent.
+//
+// A replay subscribes first and reads the kept notifications afterwards, because the services keep
+// a notification before they publish it: each one is among the kept ones, among the notices or in
+// both, and its number tells that it was in both.
 #include "services/netconf/subscription.h"
 
 #include <syslog.h>
 
 #include <algorithm>
-#include <array>
-#include <ctime>
 #include <utility>
 
-#include "p_nc.pb-c.h"
 #include "services/netconf/log.h"
 
 namespace netconf {
@@ -33,6 +34,7 @@ using std::chrono::steady_clock;
 constexpr const char* kNotificationType = "p_nc.notification";
 constexpr milliseconds kFirstBackoff = 100ms;
 constexpr milliseconds kLongestBackoff = 5s;
+constexpr milliseconds kLongestWait = 60s;  // the clock may be set
 constexpr uint8_t kPublished = 2;
 constexpr int kSigned = 8;  // type codes of the record
 constexpr int kUnsigned = 20;
@@ -44,15 +46,16 @@ struct FreeRecord {
 };
 using Record = std::unique_ptr<PNc__Notification, FreeRecord>;
 
-std::string rfc3339(uint64_t time_ms) {
-    const auto seconds = static_cast<time_t>(time_ms / 1000);
-    tm parts{};
-    gmtime_r(&seconds, &parts);
-    std::array<char, 48> text;
-    const size_t length = strftime(text.data(), text.size(), "%Y-%m-%dT%H:%M:%S", &parts);
-    snprintf(text.data() + length, text.size() - length, ".%03uZ",
-             static_cast<unsigned>(time_ms % 1000));
-    return text.data();
+EventTime time_of(const PNc__Notification& record) {
+    return EventTime(milliseconds(record.time_ms));
+}
+
+EventTime now() {
+    return std::chrono::floor<milliseconds>(std::chrono::system_clock::now());
+}
+
+uint64_t sequence_of(const PNc__Notification& record) {
+    return record.index != nullptr ? record.index->sequence : 0;
 }
 
 std::string value_of(const PNc__NotificationLeaf& leaf) {
@@ -65,25 +68,33 @@ std::string value_of(const PNc__NotificationLeaf& leaf) {
     throw std::runtime_error("unknown type code " + std::to_string(leaf.type));
 }
 
-// Throws std::runtime_error when the record does not fit the model.
-Event event_of(const ly_ctx* context, const std::string& packed) {
-    const Record record(p_nc__notification__unpack(
-        nullptr, packed.size(), reinterpret_cast<const uint8_t*>(packed.data())));
+// Throws std::runtime_error.
+Record unpack(const std::string& packed) {
+    Record record(p_nc__notification__unpack(nullptr, packed.size(),
+                                             reinterpret_cast<const uint8_t*>(packed.data())));
     if (!record || record->n_leaves == 0) {
         throw std::runtime_error("does not unpack");
     }
-    Event event{.tree = nullptr, .time = rfc3339(record->time_ms)};
-    const std::string start = "/" + std::string(record->name) + "/";
-    for (size_t n = 0; n < record->n_leaves; n++) {
-        const PNc__NotificationLeaf& leaf = *record->leaves[n];
+    return record;
+}
+
+// Throws std::runtime_error when the record does not fit the model.
+Event event_of(const ly_ctx* context, const PNc__Notification& record) {
+    Event event{.tree = nullptr, .time = rfc3339(time_of(record))};
+    const std::string start = "/" + std::string(record.name) + "/";
+    for (size_t n = 0; n < record.n_leaves; n++) {
+        const PNc__NotificationLeaf& leaf = *record.leaves[n];
         const std::string path = leaf.path;
         if (!path.starts_with(start)) {
-            throw std::runtime_error("\"" + path + "\" is not of " + record->name);
+            throw std::runtime_error("\"" + path + "\" is not of " + record.name);
         }
         add_node(context, event.tree, path, value_of(leaf));
     }
+    if (const uint64_t sequence = sequence_of(record)) {
+        add_node(context, event.tree, start + "sequence", std::to_string(sequence));
+    }
     if (event.tree->schema->nodetype != LYS_NOTIF) {
-        throw std::runtime_error(std::string(record->name) + " is not a notification");
+        throw std::runtime_error(std::string(record.name) + " is not a notification");
     }
     if (lyd_validate_op(event.tree.get(), nullptr, LYD_TYPE_NOTIF_YANG, nullptr) != LY_SUCCESS) {
         throw std::runtime_error(ly_errmsg(context));
@@ -93,19 +104,40 @@ Event event_of(const ly_ctx* context, const std::string& packed) {
 
 }  // namespace
 
-Subscription::Subscription(const ly_ctx* context, std::string socket, Filter filter)
+Subscription::Subscription(const ly_ctx* context, std::string socket, Filter filter,
+                           const std::optional<Replay>& wanted)
     : context_(context),
       socket_(std::move(socket)),
       filter_(std::move(filter)),
       listener_(std::make_unique<Listener>(socket_, kLocalDatabase, kNotificationType)),
-      backoff_(kFirstBackoff) {}
-
-int Subscription::retry_ms() const {
-    if (listener_) {
-        return -1;
+      backoff_(kFirstBackoff) {
+    if (wanted) {
+        replay(*wanted);
     }
-    const auto left = std::chrono::ceil<milliseconds>(retry_at_ - steady_clock::now());
-    return static_cast<int>(std::max(left, 0ms).count());
+}
+
+void Subscription::replay(const Replay& wanted) {
+    replaying_ = true;
+    until_ = wanted.until;
+    Database database(socket_);
+    for (KeptNotification& kept : kept_notifications(database)) {
+        last_number_ = kept.sequence;
+        last_time_ = std::max(last_time_, kept.time);
+        if (kept.time >= wanted.from && (!until_ || kept.time <= *until_)) {
+            replayed_.push_back(std::move(kept.record));
+        }
+    }
+}
+
+int Subscription::wait_ms() const {
+    std::optional<milliseconds> left;
+    if (!listener_) {
+        left = std::chrono::ceil<milliseconds>(retry_at_ - steady_clock::now());
+    }
+    if (until_) {
+        left = std::min({left.value_or(kLongestWait), kLongestWait, *until_ - now() + 1ms});
+    }
+    return left ? static_cast<int>(std::max(*left, 0ms).count()) : -1;
 }
 
 void Subscription::receive() {
@@ -149,17 +181,37 @@ void Subscription::reconnect() {
 }
 
 std::optional<Event> Subscription::next() {
-    for (;;) {
-        if (records_.empty() && listener_) {
-            receive();  // the rest of a burst may have arrived while its start was sent
+    if (replaying_) {
+        if (auto event = next_of(replayed_)) {
+            return event;
         }
-        if (records_.empty()) {
-            return std::nullopt;
-        }
-        const std::string packed = std::move(records_.front());
-        records_.pop_front();
+        replaying_ = false;
+        return mark("replayComplete");
+    }
+    if (records_.empty() && listener_) {
+        receive();  // the rest of a burst may have arrived while its start was sent
+    }
+    if (auto event = next_of(records_)) {
+        return event;
+    }
+    if (until_ && now() > *until_) {
+        over_ = true;
+        return mark("notificationComplete");
+    }
+    return std::nullopt;
+}
+
+// The first of these records that the session is to get.
+std::optional<Event> Subscription::next_of(std::deque<std::string>& records) {
+    while (!records.empty()) {
+        const std::string packed = std::move(records.front());
+        records.pop_front();
         try {
-            Event event = event_of(context_, packed);
+            const Record record = unpack(packed);
+            if (!replaying_ && not_wanted(*record)) {
+                continue;
+            }
+            Event event = event_of(context_, *record);
             if (filter_.matches(event.tree.get())) {
                 return event;
             }
@@ -168,6 +220,22 @@ std::optional<Event> Subscription::next() {
                      error.what());
         }
     }
+    return std::nullopt;
+}
+
+// Whether a live notification has been replayed, or comes after the end. The numbers begin again
+// when the database has lost the log; the time tells such a notification from a replayed one.
+bool Subscription::not_wanted(const PNc__Notification& record) const {
+    const EventTime time = time_of(record);
+    const bool replayed = sequence_of(record) <= last_number_ && time <= last_time_;
+    return replayed || (until_ && time > *until_);
+}
+
+// An event of the protocol, which no filter holds back (RFC 5277, section 2.1.1).
+Event Subscription::mark(const char* notification) const {
+    Event event{.tree = nullptr, .time = rfc3339(now())};
+    add_node(context_, event.tree, std::string("/nc-notifications:") + notification);
+    return event;
 }
 
 }  // namespace netconf

@@ -140,7 +140,7 @@ def test_hello_announces_the_capabilities(session):
     assert modules == {
         "urn:qv:yang:qv-loop-detect-server?module=qv-loop-detect-server&revision=2026-11-21",
         "urn:qv:yang:qv-loop-detect-server-notification"
-        "?module=qv-loop-detect-server-notification&revision=2026-11-21",
+        "?module=qv-loop-detect-server-notification&revision=2026-11-23",
     }
 
 

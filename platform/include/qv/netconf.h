@@ -19,8 +19,10 @@ struct nc_lib_leaf {
 
 // Sends one notification made of `count` leaves, in this order. Their paths begin with the same
 // "/<module>:<notification>". It is published on the client's session with the local database, as
-// the record `p_nc.notification`. The arguments are copied. 0, or an error number (EINVAL: a
-// bad argument; ENOTCONN: the session is down, and the notification is lost). `flags` is 0.
+// the record `p_nc.notification` with the next number, and kept there for replay as one of the last
+// 1,000. While the client still reads the numbers that an earlier process has used, it waits for
+// the end of that. The arguments are copied. 0, or an error number (EINVAL: a bad argument;
+// ENOTCONN: the session is down, and the notification is lost). `flags` is 0.
 int nc_lib_notification_send(qv_mom_client* client, const nc_lib_leaf* leaves, int count,
                              int flags);
 

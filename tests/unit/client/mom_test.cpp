@@ -125,16 +125,16 @@ TEST_P(Store, RecordOfAnotherProgramIsDelivered) {
 }
 
 TEST_P(Store, DatabasesAndTypesAreApart) {
-    open(3);
+    open(22);
     open(4);
     qv_mom_subscribe(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
     settle();
     g_heard.clear();
-    qv_mom_set(client, 3, LoopInfo(7, 1, 1, 8).record(), 0, 0);
+    qv_mom_set(client, 22, LoopInfo(7, 1, 1, 8).record(), 0, 0);
     qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0);
     settle();
     EXPECT_EQ(g_heard, Lines{});
-    EXPECT_EQ(world->keys(3), Lines{"p_bridge.tarn_loop_info/ifx=7"});
+    EXPECT_EQ(world->keys(22), Lines{"p_bridge.tarn_loop_info/ifx=7"});
     EXPECT_EQ(world->keys(4), Lines{"p_app.lda_loop_entry/name=swp1"});
 }
 
@@ -163,19 +163,19 @@ TEST_P(Store, DeleteWithAnEmptyKeyRemovesTheTypeAndReportsEach) {
 }
 
 TEST_P(Store, DeleteWithAPartOfTheKeyRemovesMatchingRecords) {
-    open(3);
-    qv_mom_set(client, 3, Operate("a", 2, 1).record(), 0, 0);
-    qv_mom_set(client, 3, Operate("a", 3, 2).record(), 0, 0);
-    qv_mom_set(client, 3, Operate("a*", 2, 3).record(), 0, 0);
-    qv_mom_set(client, 3, Operate("ab", 2, 4).record(), 0, 0);
-    EXPECT_EQ(qv_mom_pdel(client, 3, Operate("a*", 0, 0).record(), 0, 0, 0), 0);
+    open(22);
+    qv_mom_set(client, 22, Operate("a", 2, 1).record(), 0, 0);
+    qv_mom_set(client, 22, Operate("a", 3, 2).record(), 0, 0);
+    qv_mom_set(client, 22, Operate("a*", 2, 3).record(), 0, 0);
+    qv_mom_set(client, 22, Operate("ab", 2, 4).record(), 0, 0);
+    EXPECT_EQ(qv_mom_pdel(client, 22, Operate("a*", 0, 0).record(), 0, 0, 0), 0);
     settle();
-    EXPECT_EQ(world->keys(3), (Lines{"p_mng.ui_operate/publisher=a,type=2,oid=1",
-                                     "p_mng.ui_operate/publisher=a,type=3,oid=2",
-                                     "p_mng.ui_operate/publisher=ab,type=2,oid=4"}));
-    EXPECT_EQ(qv_mom_pdel(client, 3, Operate("", 2, 0).record(), 0, 0, 0), 0);
+    EXPECT_EQ(world->keys(22), (Lines{"p_mng.ui_operate/publisher=a,type=2,oid=1",
+                                      "p_mng.ui_operate/publisher=a,type=3,oid=2",
+                                      "p_mng.ui_operate/publisher=ab,type=2,oid=4"}));
+    EXPECT_EQ(qv_mom_pdel(client, 22, Operate("", 2, 0).record(), 0, 0, 0), 0);
     settle();
-    EXPECT_EQ(world->keys(3), Lines{"p_mng.ui_operate/publisher=a,type=3,oid=2"});
+    EXPECT_EQ(world->keys(22), Lines{"p_mng.ui_operate/publisher=a,type=3,oid=2"});
 }
 
 TEST_P(Store, RecordSetRightAfterABulkDeleteStays) {

@@ -16,6 +16,7 @@
 #include "tests/unit/netconf/database_peer.h"
 #include "tests/unit/netconf/intercepted.h"
 
+#include "tests/unit/netconf/notification_records.h"
 using namespace netconf::test;
 using netconf::Context;
 using netconf::DatabaseLost;
@@ -215,6 +216,20 @@ TEST_F(Data, EachSessionIsReportedWithItsOwnUser) {
     EXPECT_NE(sessions.find(entry(number_->id(), "admin")), std::string::npos) << sessions;
     EXPECT_NE(sessions.find(entry(guest.id(), "guest")), std::string::npos) << sessions;
 }
+TEST_F(Data, StreamTellsHowFarBackItCanBeReplayed) {
+    const std::string stream =
+        "<streams><stream><name>NETCONF</name><description>all notifications of the switch"
+        "</description><replaySupport>true</replaySupport><replayLogCreationTime>"
+        "1970-01-01T00:00:01.007+00:00</replayLogCreationTime>";
+    keep_log(peer_, 1007);
+    EXPECT_EQ(part(state(), "streams"), stream + "</stream></streams>");
+    keep_log(peer_, 1007, 2008);
+    EXPECT_EQ(part(state(), "streams"),
+              stream +
+                  "<replayLogAgedTime>1970-01-01T00:00:02.008+00:00</replayLogAgedTime>"
+                  "</stream></streams>");
+}
+
 
 TEST_F(Data, SchemaThatIsOnlyImportedHasItsRevisionToo) {
     EXPECT_NE(part(state(), "schemas")

@@ -237,14 +237,22 @@ NC_MSG_TYPE __real_nc_server_notif_send(nc_session* session, nc_server_notif* no
 int __real_nc_server_init(ly_ctx* context);
 int __real_setrlimit64(__rlimit_resource_t resource, const rlimit* limit);
 passwd* __real_getpwuid(uid_t user);
-// std::chrono::steady_clock::now()
+// now() of std::chrono::steady_clock and std::chrono::system_clock
 std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
+std::chrono::system_clock::time_point __real__ZNSt6chrono3_V212system_clock3nowEv();
 
 std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv() {
     if (!g_frozen) {
         return __real__ZNSt6chrono3_V212steady_clock3nowEv();
     }
     return std::chrono::steady_clock::time_point(nanoseconds(g_start_ns + g_advance_ns));
+}
+
+std::chrono::system_clock::time_point __wrap__ZNSt6chrono3_V212system_clock3nowEv() {
+    if (g_time_s < 0) {
+        return __real__ZNSt6chrono3_V212system_clock3nowEv();
+    }
+    return std::chrono::system_clock::from_time_t(g_time_s) + nanoseconds(g_advance_ns);
 }
 
 time_t __wrap_time(time_t* now) {

@@ -45,7 +45,8 @@ void put_system_log_at(const std::string& path);
 void freeze_clock();
 void advance_clock(std::chrono::nanoseconds step);
 std::chrono::milliseconds clock_advance();  // since freeze_clock()
-// Seconds since 1970 that time(2) returns.
+// Seconds since 1970 that time(2) returns. std::chrono::system_clock begins there and moves by
+// advance_clock().
 void set_time_of_day(long seconds);
 // Called before time(2) is answered.
 void on_time(std::function<void()> hook);

@@ -235,17 +235,38 @@ TEST_F(Subscriptions, SessionHasOne) {
     EXPECT_EQ(nc_session_get_notif_status(session().link), 1);
 }
 
-TEST_F(Subscriptions, NothingIsReplayed) {
-    const std::string refusal =
-        protocol_error("operation-failed", "past notifications are not kept, there is no replay");
-    const std::string now = "2026-01-02T03:04:05Z";
+TEST_F(Subscriptions, ReplayNeedsALog) {
+    const std::string refusal = protocol_error(
+        "operation-failed", "there are no notifications to replay: the agent keeps no log yet");
     EXPECT_EQ(reply_to(subscribe(from("2026-01-01T00:00:00Z"))), refusal);
-    EXPECT_EQ(reply_to(subscribe(from(now))), refusal);
-    EXPECT_EQ(reply_to(subscribe(from("2026-01-02T04:04:05+01:00"))), refusal);
-    EXPECT_EQ(reply_to(subscribe(from(now) + until(now))), refusal);
-    EXPECT_EQ(reply_to(subscribe(from("2026-01-01T00:00:00Z") + until("2026-01-01T00:00:01Z"))),
-              refusal);
+    database().store(3, "p_nc.notification_log/", "garbage");
+    EXPECT_EQ(reply_to(subscribe(from("2026-01-01T00:00:00Z"))), refusal);
     EXPECT_EQ(session().subscription, nullptr);
+}
+
+TEST_F(Subscriptions, ReplayMayBeginAndEndNow) {
+    keep_log(database(), 1000);
+    const std::string now = "2026-01-02T03:04:05Z";
+    for (const std::string& times :
+         {from(now), from("2026-01-02T04:04:05+01:00"), from(now) + until(now),
+          from("2026-01-01T00:00:00Z") + until("2026-01-01T00:00:01Z")}) {
+        EXPECT_EQ(reply_to(subscribe(times)), "<ok/>");
+        session().subscription.reset();
+    }
+}
+
+TEST_F(Subscriptions, TimesOfAReplayCountToTheMillisecond) {
+    keep_log(database(), 1000);
+    keep(database(), "early", {.time_ms = 1767225600122, .sequence = 1});
+    keep(database(), "wanted", {.time_ms = 1767225600123, .sequence = 2});
+    keep(database(), "late", {.time_ms = 1767225600501, .sequence = 3});
+    EXPECT_EQ(
+        reply_to(subscribe(from("2026-01-01T00:00:00.1234567Z") + until("2026-01-01T00:00:00.5Z"))),
+        "<ok/>");
+    const auto event = session().subscription->next();
+    ASSERT_TRUE(event);
+    EXPECT_EQ(event->time, "2026-01-01T00:00:00.123Z");
+    EXPECT_STREQ(session().subscription->next()->tree->schema->name, "replayComplete");
 }
 
 TEST_F(Subscriptions, TimesOfAReplayMustFitEachOther) {

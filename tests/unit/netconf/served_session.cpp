@@ -8,7 +8,6 @@
 
 #include "p_app.pb-c.h"
 #include "p_mng.pb-c.h"
-#include "p_nc.pb-c.h"
 #include "services/netconf/operations.h"
 #include "tests/unit/netconf/intercepted.h"
 
@@ -53,24 +52,6 @@ std::string hello(const std::string& base) {
 std::string request(const std::string& operation, const std::string& id) {
     return "<rpc xmlns=\"" + kBaseNamespace + "\" message-id=\"" + id + "\">" + operation +
            "</rpc>" + kEnd;
-}
-
-std::string loop_on(const std::string& port) {
-    std::string name = "qv-loop-detect-server-notification:loop-detect-state";
-    std::string path = "/" + name + "/loop-notify/notify-entry[name='" + port + "']/notify-type";
-    PNc__NotificationLeaf leaf = P_NC__NOTIFICATION_LEAF__INIT;
-    leaf.path = path.data();
-    leaf.type = 20;
-    leaf.value = 1;
-    std::array<PNc__NotificationLeaf*, 1> leaves{&leaf};
-    PNc__Notification record = P_NC__NOTIFICATION__INIT;
-    record.name = name.data();
-    record.n_leaves = leaves.size();
-    record.leaves = leaves.data();
-    record.time_ms = 1767323045678;
-    std::string bytes(p_nc__notification__get_packed_size(&record), '\0');
-    p_nc__notification__pack(&record, reinterpret_cast<uint8_t*>(bytes.data()));
-    return bytes;
 }
 
 std::string ErrorText::xml() const {

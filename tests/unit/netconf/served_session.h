@@ -9,6 +9,7 @@
 
 #include "services/netconf/session.h"
 #include "tests/unit/netconf/database_peer.h"
+#include "tests/unit/netconf/notification_records.h"
 
 namespace netconf::test {
 
@@ -19,9 +20,6 @@ inline const std::string kModelNamespace = "urn:qv:yang:qv-loop-detect-server";
 std::string hello(const std::string& base = "urn:ietf:params:netconf:base:1.0");
 // A request, framed for a client without chunks.
 std::string request(const std::string& operation, const std::string& id = "1");
-
-// The packed record of a notification: a loop on this port.
-std::string loop_on(const std::string& port);
 
 // The <rpc-error> of a reply.
 struct ErrorText {

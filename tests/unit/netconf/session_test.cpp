@@ -22,6 +22,7 @@
 
 #include "tests/unit/netconf/database_peer.h"
 #include "tests/unit/netconf/intercepted.h"
+#include "tests/unit/netconf/notification_records.h"
 #include "tests/unit/netconf/served_session.h"
 
 using namespace netconf::test;
@@ -560,6 +561,27 @@ TEST_F(SessionOfAClient, RestartedDatabaseIsSubscribedToAgain) {
     EXPECT_EQ(notified_ports(), std::vector<std::string>{"swp1"});
     EXPECT_EQ(sleeps_, (std::vector<Sleep>{
                            kIdle, kListening, {POLLIN, 0, false, 100}, kListening, kListening}));
+}
+
+TEST_F(SessionOfAClient, SubscriptionThatIsOverMakesRoomForAnother) {
+    keep_log(*peer_, 1000);
+    keep(*peer_, "swp1", {.time_ms = 1000, .sequence = 1});
+    send(hello());
+    then_send(
+        request("<create-subscription "
+                "xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\"><startTime>"
+                "1970-01-01T00:00:00Z</startTime><stopTime>1970-01-01T00:00:09Z</stopTime>"
+                "</create-subscription>"));
+    then_send(request(kGet));
+    then_send(request(kSubscribe));
+    then_publish({"swp2"});
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_EQ(notified_ports(), (std::vector<std::string>{"swp1", "swp2"}));
+    EXPECT_EQ(replies(), 4U);
+    EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kIdle, kIdle, kListening, kListening}));
+    EXPECT_LT(written_.find("<replayComplete"), written_.find("<notificationComplete"));
+    EXPECT_NE(written_.find("<notificationComplete"), std::string::npos);
 }
 
 }  // namespace

@@ -10,57 +10,35 @@
 #include <string>
 #include <vector>
 
-#include "p_nc.pb-c.h"
 #include "tests/unit/netconf/database_peer.h"
 #include "tests/unit/netconf/intercepted.h"
+#include "tests/unit/netconf/notification_records.h"
 
 using namespace netconf::test;
 using namespace std::chrono_literals;
 using netconf::Context;
 using netconf::DatabaseLost;
+using netconf::EventTime;
 using netconf::Filter;
+using netconf::Replay;
 using netconf::Subscription;
 using netconf::Tree;
 
 namespace {
 
 constexpr const char* kChannel = "mom/3/p_nc.notification";
-const std::string kModule = "qv-loop-detect-server-notification";
-const std::string kName = kModule + ":loop-detect-state";
+const std::string& kModule = kNotificationModule;
+const std::string& kName = kNotificationName;
 const std::string kDropped = "an invalid notification of the switch is dropped: ";
 
-struct Leaf {
-    std::string path;
-    int type;
-    uint32_t value;
-};
+// What begins the events of the protocol at the end of a replay and of a subscription.
+const std::string kComplete =
+    "2026-01-02T03:04:05.000Z <replayComplete "
+    "xmlns=\"urn:ietf:params:xml:ns:netmod:notification\"/>";
+constexpr uint64_t kNow_ms = 1767323045000;
 
-std::string path_of(const std::string& port, const std::string& leaf) {
-    return "/" + kName + "/loop-notify/notify-entry[name='" + port + "']/" + leaf;
-}
-
-std::string packed(std::string name, std::vector<Leaf> leaves, uint64_t time_ms = 1007) {
-    std::vector<PNc__NotificationLeaf> parts(leaves.size());
-    std::vector<PNc__NotificationLeaf*> pointers;
-    for (size_t n = 0; n < leaves.size(); n++) {
-        parts[n] = P_NC__NOTIFICATION_LEAF__INIT;
-        parts[n].path = leaves[n].path.data();
-        parts[n].type = leaves[n].type;
-        parts[n].value = leaves[n].value;
-        pointers.push_back(&parts[n]);
-    }
-    PNc__Notification record = P_NC__NOTIFICATION__INIT;
-    record.name = name.data();
-    record.n_leaves = pointers.size();
-    record.leaves = pointers.data();
-    record.time_ms = time_ms;
-    std::string bytes(p_nc__notification__get_packed_size(&record), '\0');
-    p_nc__notification__pack(&record, reinterpret_cast<uint8_t*>(bytes.data()));
-    return bytes;
-}
-
-std::string loop_on(const std::string& port, uint32_t kind = 1) {
-    return packed(kName, {{path_of(port, "notify-type"), 20, kind}});
+EventTime at(uint64_t time_ms) {
+    return EventTime(std::chrono::milliseconds(time_ms));
 }
 
 class Notifications : public testing::Test {
@@ -68,11 +46,15 @@ class Notifications : public testing::Test {
     void SetUp() override {
         reset_interception();
         freeze_clock();
+        set_time_of_day(kNow_ms / 1000);
         peer_.emplace(folder_.path("redis.sock"));
     }
 
-    Subscription subscribe(Filter filter = {}) {
-        return {context_.get(), peer_->socket(), std::move(filter)};
+    Subscription subscribe(Filter filter = {}, const std::optional<Replay>& replay = {}) {
+        return {context_.get(), peer_->socket(), std::move(filter), replay};
+    }
+    Subscription replay_from(uint64_t from_ms, const std::optional<EventTime>& until = {}) {
+        return subscribe({}, Replay{.from = at(from_ms), .until = until});
     }
 
     // One notice: published unless told otherwise.
@@ -124,13 +106,13 @@ class Notifications : public testing::Test {
 TEST_F(Notifications, RecordBecomesDataOfTheModelWithItsTime) {
     Subscription subscription = subscribe();
     EXPECT_GE(subscription.fd(), 0);
-    EXPECT_EQ(subscription.retry_ms(), -1);
+    EXPECT_EQ(subscription.wait_ms(), -1);
     publish(packed(kName,
                    {{path_of("swp1", "notify-type"), 20, 2},
                     {path_of("swp1", "vid"), 20, 4294967295},
                     {path_of("swp1", "policy"), 20, 1},
                     {path_of("swp1", "src-port"), 8, 1}},
-                   1767323045678));
+                   {.time_ms = 1767323045678}));
     EXPECT_EQ(next(subscription),
               "2026-01-02T03:04:05.678Z <loop-detect-state xmlns=\"urn:qv:yang:" + kModule +
                   "\"><loop-notify><notify-entry><name>swp1</name><notify-type>2</notify-type>"
@@ -141,7 +123,7 @@ TEST_F(Notifications, RecordBecomesDataOfTheModelWithItsTime) {
 
 TEST_F(Notifications, MillisecondsHaveThreeDigits) {
     Subscription subscription = subscribe();
-    publish(packed(kName, {{path_of("swp1", "vid"), 20, 0}}, 1007));
+    publish(packed(kName, {{path_of("swp1", "vid"), 20, 0}}, {.time_ms = 1007}));
     EXPECT_EQ(next(subscription).substr(0, 24), "1970-01-01T00:00:01.007Z");
 }
 
@@ -241,7 +223,7 @@ TEST_F(Notifications, AThousandWaitAndTheRestIsLeftWithTheDatabase) {
 
 TEST_F(Notifications, WithoutADatabaseThereIsNoSubscription) {
     peer_.reset();
-    EXPECT_THROW(Subscription(context_.get(), folder_.path("redis.sock"), {}), DatabaseLost);
+    EXPECT_THROW(Subscription(context_.get(), folder_.path("redis.sock"), {}, {}), DatabaseLost);
 }
 
 TEST_F(Notifications, ReconnectsBecomeRarerWhileTheDatabaseStaysAway) {
@@ -250,12 +232,12 @@ TEST_F(Notifications, ReconnectsBecomeRarerWhileTheDatabaseStaysAway) {
     subscription.receive();
     EXPECT_EQ(subscription.fd(), -1);
     for (const int wait_ms : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
-        EXPECT_EQ(subscription.retry_ms(), wait_ms);
+        EXPECT_EQ(subscription.wait_ms(), wait_ms);
         advance_clock(std::chrono::milliseconds(wait_ms - 1));
         subscription.receive();  // too early: nothing happens
-        EXPECT_EQ(subscription.retry_ms(), 1);
+        EXPECT_EQ(subscription.wait_ms(), 1);
         advance_clock(1ms);
-        EXPECT_EQ(subscription.retry_ms(), 0);
+        EXPECT_EQ(subscription.wait_ms(), 0);
         subscription.receive();
         EXPECT_EQ(subscription.fd(), -1);
     }
@@ -270,9 +252,9 @@ TEST_F(Notifications, RetryIsNeverWokenForTooEarly) {
     peer_.reset();
     subscription.receive();
     advance_clock(98'500us);
-    EXPECT_EQ(subscription.retry_ms(), 2);
+    EXPECT_EQ(subscription.wait_ms(), 2);
     advance_clock(1ms);
-    EXPECT_EQ(subscription.retry_ms(), 1);
+    EXPECT_EQ(subscription.wait_ms(), 1);
 }
 
 TEST_F(Notifications, RetryThatIsOverdueIsDueNow) {
@@ -280,7 +262,7 @@ TEST_F(Notifications, RetryThatIsOverdueIsDueNow) {
     peer_.reset();
     subscription.receive();
     advance_clock(1h);
-    EXPECT_EQ(subscription.retry_ms(), 0);
+    EXPECT_EQ(subscription.wait_ms(), 0);
 }
 
 TEST_F(Notifications, NoReconnectBeforeItIsDue) {
@@ -309,7 +291,7 @@ TEST_F(Notifications, ContinueWhenTheDatabaseIsBack) {
     peer_.emplace(folder_.path("redis.sock"));
     advance_clock(400ms);
     subscription.receive();
-    EXPECT_EQ(subscription.retry_ms(), -1);
+    EXPECT_EQ(subscription.wait_ms(), -1);
     publish(loop_on("after"));
     EXPECT_EQ(next_port(subscription), "before");
     EXPECT_EQ(next_port(subscription), "after");
@@ -319,7 +301,7 @@ TEST_F(Notifications, ContinueWhenTheDatabaseIsBack) {
     // The next time the search begins with short steps again.
     peer_.reset();
     subscription.receive();
-    EXPECT_EQ(subscription.retry_ms(), 100);
+    EXPECT_EQ(subscription.wait_ms(), 100);
 }
 
 TEST_F(Notifications, LossNoticedInNextIsNotAnEvent) {
@@ -329,6 +311,135 @@ TEST_F(Notifications, LossNoticedInNextIsNotAnEvent) {
     EXPECT_EQ(subscription.fd(), -1);
     EXPECT_EQ(next(subscription), "none");
     EXPECT_EQ(logged().size(), 1U);
+}
+
+TEST_F(Notifications, NumberIsALeafOfItsOwn) {
+    Subscription subscription = subscribe();
+    publish(loop_on("swp1", 1, {.sequence = 18446744073709551615U}));
+    EXPECT_NE(next(subscription).find("<sequence>18446744073709551615</sequence>"),
+              std::string::npos);
+}
+
+TEST_F(Notifications, KeptOnesAreReplayedFromATimeOnBeforeLiveOnes) {
+    keep(*peer_, "early", {.time_ms = 999, .sequence = 5});
+    keep(*peer_, "first", {.time_ms = 1000, .sequence = 6});
+    keep(*peer_, "second", {.time_ms = 1001, .sequence = 7});
+    Subscription subscription = replay_from(1000);
+    publish(loop_on("live", 1, {.time_ms = 1002, .sequence = 8}));
+    EXPECT_EQ(subscription.wait_ms(), -1);
+    EXPECT_EQ(next_port(subscription), "first");
+    EXPECT_EQ(next_port(subscription), "second");
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_EQ(next_port(subscription), "live");
+    EXPECT_EQ(next_port(subscription), "none");
+    EXPECT_FALSE(subscription.over());
+}
+
+TEST_F(Notifications, OrderOfAReplayIsThatOfTheNumbers) {
+    for (const uint64_t sequence : {1001, 998, 1000, 999}) {
+        keep(*peer_, "swp" + std::to_string(sequence), {.time_ms = 1000, .sequence = sequence});
+    }
+    Subscription subscription = replay_from(0);
+    for (const char* const port : {"swp998", "swp999", "swp1000", "swp1001"}) {
+        EXPECT_EQ(next_port(subscription), port);
+    }
+}
+
+TEST_F(Notifications, NoticeOfAReplayedOneIsNotSentAgain) {
+    keep(*peer_, "early", {.time_ms = 900, .sequence = 6});
+    keep(*peer_, "replayed", {.time_ms = 1000, .sequence = 7});
+    Subscription subscription = replay_from(1000);
+    publish(loop_on("early", 1, {.time_ms = 900, .sequence = 6}));
+    publish(loop_on("replayed", 1, {.time_ms = 1000, .sequence = 7}));
+    publish(loop_on("live", 1, {.time_ms = 1000, .sequence = 8}));
+    EXPECT_EQ(next_port(subscription), "replayed");
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_EQ(next_port(subscription), "live");
+}
+
+TEST_F(Notifications, NumbersThatBeginAgainDoNotHoldBackLiveOnes) {
+    keep(*peer_, "replayed", {.time_ms = 1000, .sequence = 700});
+    Subscription subscription = replay_from(0);
+    publish(loop_on("live", 1, {.time_ms = 1001, .sequence = 1}));
+    EXPECT_EQ(next_port(subscription), "replayed");
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_EQ(next_port(subscription), "live");
+}
+
+TEST_F(Notifications, EmptyReplayIsCompleteAtOnce) {
+    Subscription subscription = replay_from(0);
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_EQ(next(subscription), "none");
+}
+
+TEST_F(Notifications, KeptRecordThatDoesNotUnpackIsLeftOut) {
+    keep(*peer_, "good", {.time_ms = 1000, .sequence = 3});
+    peer_->store(3, "p_nc.kept_notification/slot=1", "garbage");
+    peer_->store(3, "p_nc.kept_notification/slot=2", "");
+    Subscription subscription = replay_from(0);
+    EXPECT_EQ(next_port(subscription), "good");
+    EXPECT_EQ(logged_texts(),
+              std::vector<std::string>(2, "an invalid kept notification is left out"));
+}
+
+TEST_F(Notifications, FilterChoosesAmongKeptOnesAndKeepsNoMarkBack) {
+    keep(*peer_, "swp1", {.time_ms = 1000, .sequence = 1});
+    keep(*peer_, "swp2", {.time_ms = 1000, .sequence = 2});
+    Subscription subscription =
+        subscribe(filter_of("<filter type=\"xpath\" select=\"//*[. = 'swp2']\"/>"),
+                  Replay{.from = at(0), .until = at(2000)});
+    EXPECT_EQ(next_port(subscription), "swp2");
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_NE(next(subscription).find(" <notificationComplete "), std::string::npos);
+}
+
+TEST_F(Notifications, PastEndEndsTheSubscriptionAfterTheReplay) {
+    keep(*peer_, "before", {.time_ms = 1000, .sequence = 1});
+    keep(*peer_, "at the end", {.time_ms = 2000, .sequence = 2});
+    keep(*peer_, "after", {.time_ms = 2001, .sequence = 3});
+    Subscription subscription = replay_from(0, at(2000));
+    EXPECT_EQ(subscription.wait_ms(), 0);
+    EXPECT_EQ(next_port(subscription), "before");
+    EXPECT_EQ(next_port(subscription), "at the end");
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_FALSE(subscription.over());
+    EXPECT_EQ(next(subscription),
+              "2026-01-02T03:04:05.000Z <notificationComplete "
+              "xmlns=\"urn:ietf:params:xml:ns:netmod:notification\"/>");
+    EXPECT_TRUE(subscription.over());
+}
+
+TEST_F(Notifications, FutureEndIsWaitedFor) {
+    Subscription subscription = replay_from(0, at(kNow_ms + 3000));
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_EQ(subscription.wait_ms(), 3001);
+    publish(loop_on("in time", 1, {.time_ms = kNow_ms + 3000, .sequence = 1}));
+    publish(loop_on("late", 1, {.time_ms = kNow_ms + 3001, .sequence = 2}));
+    EXPECT_EQ(next_port(subscription), "in time");
+    EXPECT_EQ(next(subscription), "none");
+    advance_clock(3000ms);
+    EXPECT_EQ(next(subscription), "none");
+    EXPECT_EQ(subscription.wait_ms(), 1);
+    advance_clock(1ms);
+    EXPECT_EQ(subscription.wait_ms(), 0);
+    EXPECT_EQ(next(subscription).substr(0, 46), "2026-01-02T03:04:08.001Z <notificationComplete");
+    EXPECT_TRUE(subscription.over());
+}
+
+TEST_F(Notifications, EndFarAwayIsLookedForEveryMinute) {
+    const Subscription subscription = replay_from(0, at(kNow_ms + 3'600'000));
+    EXPECT_EQ(subscription.wait_ms(), 60'000);
+}
+
+TEST_F(Notifications, EndComesWithoutADatabaseToo) {
+    Subscription subscription = replay_from(0, at(kNow_ms + 50));
+    EXPECT_EQ(next(subscription), kComplete);
+    peer_.reset();
+    subscription.receive();
+    EXPECT_EQ(subscription.wait_ms(), 51);
+    advance_clock(51ms);
+    EXPECT_NE(next(subscription).find(" <notificationComplete "), std::string::npos);
+    EXPECT_TRUE(subscription.over());
 }
 
 }  // namespace

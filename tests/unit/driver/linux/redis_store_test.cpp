@@ -25,7 +25,7 @@ class RedisOnly : public Store {
 
 TEST_P(RedisOnly, LossAndReturnAreLoggedOnceEach) {
     open(4);
-    open(3);
+    open(22);
     world->lose();
     ASSERT_TRUE(world->run_until([] { return g_heard.size() == 2; }));
     EXPECT_EQ(take_events(), (Lines{"down", "down"}));
@@ -427,17 +427,17 @@ TEST_P(RedisOnly, ScanFindsRecordsSetJustBefore) {
 }
 
 TEST_P(RedisOnly, ScanStaysInItsDatabaseWhileOthersAreWritten) {
-    open(3);
+    open(22);
     open(4);
     for (uint32_t ifx = 1; ifx <= 1000; ifx++) {
         ASSERT_EQ(qv_mom_set(client, 4, LoopInfo(ifx, 1, 1, ifx).record(), 0, 0), 0);
     }
     settle();
-    ASSERT_EQ(qv_mom_set(client, 3, LoopInfo(1, 3, 3, 3).record(), 0, 0), 0);
+    ASSERT_EQ(qv_mom_set(client, 22, LoopInfo(1, 3, 3, 3).record(), 0, 0), 0);
     qv_mom_scan(
         client, 4, LoopInfo(0, 0, 0, 0).record(), 0,
         [](qv_mom_client* inner, const qv_mom_msg* message) {
-            EXPECT_EQ(qv_mom_set(inner, 3, LoopInfo(5000, 3, 3, 3).record(), 0, 0), 0);
+            EXPECT_EQ(qv_mom_set(inner, 22, LoopInfo(5000, 3, 3, 3).record(), 0, 0), 0);
             return on_loop_info(inner, message);
         },
         nullptr);
@@ -447,7 +447,7 @@ TEST_P(RedisOnly, ScanStaysInItsDatabaseWhileOthersAreWritten) {
     std::sort(heard.begin(), heard.end());
     heard.erase(std::unique(heard.begin(), heard.end()), heard.end());
     EXPECT_EQ(heard.size(), 1000U);
-    EXPECT_EQ(world->keys(3).size(), 2U);
+    EXPECT_EQ(world->keys(22).size(), 2U);
 }
 
 TEST_P(RedisOnly, RefusedScanEndsTheSessionWithTheReason) {
