@@ -1,10 +1,5 @@
 // "show errdisable ..." and "clear errdisable ...": ports that loop detection holds shut, and the
 // time of their recovery.
-//
-// The agent counts the time in steps: a tick every ten seconds adds one to each port it holds, and
-// the tick that reaches the recovery time brings the port back. When a port is shut the next tick
-// is up to ten seconds away, which is not known here: the times shown are the latest ones. When a
-// rule of the port refuses that recovery, the next one follows after another recovery time.
 #include <algorithm>
 #include <chrono>
 #include <nlohmann/json.hpp>
@@ -15,7 +10,7 @@
 
 #include "platform/cli/command_trees.h"
 #include "platform/cli/engine.h"
-#include "platform/cli/held_ports.h"
+#include "platform/cli/held_list.h"
 #include "platform/cli/local_time.h"
 #include "platform/cli/output_filter.h"
 #include "platform/cli/port_sections.h"
@@ -44,38 +39,7 @@ bool detection_enabled() {
     return false;
 }
 
-// ---- Held ports ----
-
-// Ports that carry the agent's mark. Those that somebody has opened are left out with `only_down`.
-std::vector<Port> marked_ports(bool only_down) {
-    std::vector<Port> marked;
-    for (const auto& [ifx, port] : platform().ports().ports()) {
-        if (!(only_down && port.admin_up) && is_marked(port)) {
-            marked.push_back(port);
-        }
-    }
-    return marked;
-}
-
-// Empty when the agent has not begun to count for the port, and when a rule keeps it for ever.
-std::optional<Time> recovery_due(const Port& port, seconds recovery) {
-    const LoopedPort* const known = held_ports().find(port.name);
-    if (known == nullptr || !known->counted_from) {
-        return {};
-    }
-    const Duration period = (recovery + kRecoveryStep - seconds(1)) / kRecoveryStep * kRecoveryStep;
-    Time due = *known->counted_from + period;
-    if (const std::optional<RecoveryWait> wait = recovery_wait(port)) {
-        if (!wait->until) {
-            return {};
-        }
-        // The first recovery that cannot come too early, even if it comes a tick before `due`.
-        const Duration missing = *wait->until - (due - kRecoveryStep);
-        due += missing > Duration(0) ? (missing + period - Duration(1)) / period * period
-                                     : Duration(0);
-    }
-    return due;
-}
+// ---- show errdisable ----
 
 Json seconds_until(std::optional<Time> due) {
     if (!due) {
@@ -85,32 +49,20 @@ Json seconds_until(std::optional<Time> due) {
     return std::max<int64_t>(0, std::chrono::ceil<seconds>(left).count());
 }
 
-// Null also with a clock that does not move by itself.
-Json local_time_of(std::optional<Time> due) {
-    const Duration left = due ? platform().clock().real_time_until(*due) : Duration::max();
-    if (left == Duration::max()) {
-        return {};
-    }
-    return local_time(std::chrono::system_clock::now() +
-                      std::chrono::duration_cast<std::chrono::system_clock::duration>(left));
+Json or_null(const std::string& text) {
+    return text.empty() ? Json() : Json(text);
 }
 
-// ---- show errdisable ----
-
-std::vector<Json> row_of(const Port& port, seconds recovery) {
-    const LoopedPort* const known = held_ports().find(port.name);
-    const LoopFacts facts = known != nullptr ? known->facts : LoopFacts{};
-    const bool since = known != nullptr && known->shut_since;
-    const auto yesterday = std::chrono::system_clock::now() - std::chrono::hours(24);
+std::vector<Json> row_of(const HeldPort& port) {
     return {port.name,
             "loop",
-            source_names(facts),
-            facts.other_port.empty() ? Json() : Json(facts.other_port),
-            facts.vlan == 0 ? Json() : Json(facts.vlan),
-            since ? Json(local_time(*known->shut_since)) : Json(),
-            seconds_until(recovery_due(port, recovery)),
-            held_ports().times_shut(port.name, yesterday),
-            held_ports().probe_sees_loop(port.ifx) ? Json("still looped") : Json()};
+            source_names(port.facts),
+            or_null(port.facts.other_port),
+            port.facts.vlan == 0 ? Json() : Json(port.facts.vlan),
+            port.since ? Json(local_time(*port.since)) : Json(),
+            seconds_until(port.recovery_due),
+            port.shut_last_day,
+            port.still_looped ? Json("still looped") : Json()};
 }
 
 int show_held(cli_pcdb*) {
@@ -123,9 +75,8 @@ int show_held(cli_pcdb*) {
                  {"recovers_in_s", "Recovery/s", 10},
                  {"shut_last_day", "Last day", 8},
                  {"probe", "Probe", 0}});
-    const seconds recovery = agent_recovery_time();
-    for (const Port& port : marked_ports(true)) {
-        table.add(row_of(port, recovery));
+    for (const HeldPort& port : ports_held_shut()) {
+        table.add(row_of(port));
     }
     if (json_wanted()) {
         print_json({{"version", kVersion}, {"ports", table.json()}});
@@ -142,12 +93,10 @@ int show_recovery(cli_pcdb*) {
                  {"rule", "Rule", 16},
                  {"refused", "Refused", 0}});
     const seconds recovery = agent_recovery_time();
-    for (const Port& port : marked_ports(true)) {
-        const std::optional<Time> due = recovery_due(port, recovery);
-        const std::string refusal = held_ports().last_refusal(port.name);
-        const std::string rule = rule_text(recovery_rule(port.ifx));
-        table.add({port.name, seconds_until(due), local_time_of(due),
-                   rule.empty() ? Json() : Json(rule), refusal.empty() ? Json() : Json(refusal)});
+    for (const HeldPort& port : ports_held_shut()) {
+        const auto at = wall_time_of(port.recovery_due);
+        table.add({port.name, seconds_until(port.recovery_due), at ? Json(local_time(*at)) : Json(),
+                   or_null(port.rule), or_null(port.refused)});
     }
     if (json_wanted()) {
         print_json({{"version", kVersion},
@@ -204,7 +153,13 @@ int clear_one(cli_pcdb* pcdb) {
 
 int clear_all(cli_pcdb*) {
     int result = 0;
-    for (const Port& port : marked_ports(false)) {
+    std::vector<Port> marked;  // also those that somebody has opened
+    for (const auto& [ifx, port] : platform().ports().ports()) {
+        if (is_marked(port)) {
+            marked.push_back(port);
+        }
+    }
+    for (const Port& port : marked) {
         const std::string reason = remove_mark(port.ifx);
         if (!reason.empty()) {
             result = refuse("Interface " + port.name + ": " + reason + ".");

@@ -29,6 +29,7 @@
 #include "platform/driver/linux/rtnl_switch.h"
 #include "platform/driver/linux/syslog_log.h"
 #include "platform/driver/linux/termination.h"
+#include "platform/root/held_answers.h"
 #include "platform/root/loop_records.h"
 #include "platform/root/metrics_server.h"
 #include "platform/root/simulated_tarn.h"
@@ -87,6 +88,7 @@ class DescribedPlatform final : public Platform {
         background_ = std::make_unique<WorkerThread>(loop);
         MemoryStore* const memory = make_store();
         loop_records_ = std::make_unique<LoopRecords>(*store_);
+        held_answers_ = std::make_unique<HeldAnswers>(*store_);
         switch (config_.switch_kind) {
             case PlatformConfig::Switch::kEmbedded:
                 make_embedded_switch(memory);
@@ -216,6 +218,7 @@ class DescribedPlatform final : public Platform {
     std::unique_ptr<Background> background_;
     std::unique_ptr<StoreDriver> store_;
     std::unique_ptr<LoopRecords> loop_records_;
+    std::unique_ptr<HeldAnswers> held_answers_;
     RedisStore* redis_store_ = nullptr;  // store_, with store = "redis"
     std::unique_ptr<LeaseDriver> lease_;
     std::unique_ptr<SwitchDriver> switch_;

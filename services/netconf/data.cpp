@@ -8,6 +8,7 @@
 
 #include "services/netconf/agent.h"
 #include "services/netconf/edit_plan.h"
+#include "services/netconf/held_ports.h"
 #include "services/netconf/log.h"
 #include "services/netconf/notification_log.h"
 
@@ -34,6 +35,37 @@ void add_looped_ports(const Session& session, Tree& tree) {
             add_node(session.context, tree, entry + "/src-port", port.src_port ? "true" : "false");
         } catch (const std::runtime_error& error) {
             log_line(LOG_WARNING, "a looped port is left out: %s", error.what());
+        }
+    }
+}
+
+void add_held_port(const Session& session, Tree& tree, const HeldPort& port) {
+    const std::string entry = entry_of("/qv-errdisable:errdisable/port", port.name);
+    const auto add = [&](const char* leaf, const std::string& value) {
+        if (!value.empty()) {
+            add_node(session.context, tree, entry + "/" + leaf, value);
+        }
+    };
+    add("cause", "loop");
+    for (const std::string& source : port.sources) {
+        add("source", source);
+    }
+    add("other-port", port.other_port);
+    add("vlan", port.vlan != 0 ? std::to_string(port.vlan) : "");
+    add("since", port.since ? rfc3339(*port.since) : "");
+    add("recovers-at", port.recovers_at ? rfc3339(*port.recovers_at) : "");
+    add("shut-last-day", std::to_string(port.shut_last_day));
+    add("still-looped", port.still_looped ? "true" : "false");
+    add("rule", port.rule);
+    add("refused", port.refused);
+}
+
+void add_held_ports(const Session& session, Tree& tree) {
+    for (const HeldPort& port : held_ports(session.options.redis_socket)) {
+        try {
+            add_held_port(session, tree, port);
+        } catch (const std::runtime_error& error) {
+            log_line(LOG_WARNING, "a port that is held shut is not shown whole: %s", error.what());
         }
     }
 }
@@ -116,6 +148,7 @@ void add_configuration(const Session& session, Tree& tree, bool defaults) {
 
 void add_state(const Session& session, Tree& tree) {
     add_looped_ports(session, tree);
+    add_held_ports(session, tree);
     add_streams(session, tree);
     add_capabilities(session, tree);
     add_datastore(session, tree);

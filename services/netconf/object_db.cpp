@@ -15,6 +15,7 @@ constexpr timeval kReplyLimit{.tv_sec = 0, .tv_usec = 900'000};
 constexpr size_t kInputLimit_bytes = size_t{1} << 20;
 
 constexpr std::string_view kScanPage = "256";
+constexpr const char* kUnknownForm = "the object database answers in an unknown form";
 
 std::string_view text_of(const redisReply& reply) {
     return {reply.str, reply.len};
@@ -23,7 +24,7 @@ std::string_view text_of(const redisReply& reply) {
 const redisReply& element(const redisReply& reply, size_t index, int type) {
     if (reply.type != REDIS_REPLY_ARRAY || index >= reply.elements ||
         reply.element[index]->type != type) {
-        throw DatabaseLost("the object database answers in an unknown form");
+        throw DatabaseLost(kUnknownForm);
     }
     return *reply.element[index];
 }
@@ -134,6 +135,15 @@ long long Database::set(unsigned database, std::string_view type, std::string_vi
     command({"PUBLISH", qv::change_channel(database, type), notice});
     const Reply done = command({"EXEC"});
     return element(*done, 1, REDIS_REPLY_INTEGER).integer;
+}
+
+long long Database::publish(unsigned database, std::string_view type, std::string_view record) {
+    const Reply reply =
+        command({"PUBLISH", qv::change_channel(database, type), '\2' + std::string(record)});
+    if (reply->type != REDIS_REPLY_INTEGER) {
+        throw DatabaseLost(kUnknownForm);
+    }
+    return reply->integer;
 }
 
 Listener::Listener(const std::string& socket, unsigned database, std::string_view type,

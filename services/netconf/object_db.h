@@ -51,6 +51,8 @@ class Database {
     long long listeners(unsigned database, std::string_view type);
     // Stores a singleton and notifies the subscribers, in one step. Returns their number.
     long long set(unsigned database, std::string_view type, std::string_view record);
+    // Notifies the subscribers and stores nothing. Returns their number.
+    long long publish(unsigned database, std::string_view type, std::string_view record);
 
  private:
     friend class Listener;

@@ -14,6 +14,7 @@ std::array<const char*, 5> g_base_features{"writable-running", "rollback-on-erro
 constexpr std::array kModules{
     "ietf-netconf-monitoring", "ietf-netconf-with-defaults", "notifications",
     "nc-notifications",        "qv-loop-detect-server",      "qv-loop-detect-server-notification",
+    "qv-errdisable",
 };
 
 void load(ly_ctx* context, const char* name, const char** features) {

@@ -194,9 +194,9 @@ class Lab:
             pipe.execute()
 
     def report_loop(self, port, is_loop, source=None, vid=1):
-        """Sets the probe protocol's record of a port, given by name or interface index."""
+        """Sets the probe protocol's record of a port; ports are given by name or interface index."""
         index = port if isinstance(port, int) else self.ifindex(port)
-        origin = index if source is None else self.ifindex(source)
+        origin = index if source is None else source if isinstance(source, int) else self.ifindex(source)
         record = p_bridge.tarn_loop_info(vid=vid, is_loop=is_loop, src_ifx=origin)
         record.index.ifx = index
         self.set_record(APP_DB, "p_bridge.tarn_loop_info", f"ifx={index}", record)

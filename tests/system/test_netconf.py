@@ -19,8 +19,8 @@ from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, MONITORING, Front, poli
 MODULES = {
     "ietf-inet-types", "ietf-netconf", "ietf-netconf-monitoring", "ietf-netconf-with-defaults",
     "ietf-yang-metadata", "ietf-yang-schema-mount", "ietf-yang-structure-ext", "ietf-yang-types",
-    "nc-notifications", "notifications", "qv-loop-detect-server", "qv-loop-detect-server-notification",
-    "yang",
+    "nc-notifications", "notifications", "qv-errdisable", "qv-loop-detect-server",
+    "qv-loop-detect-server-notification", "yang",
 }
 RUNNING_CONFIG = {
     0: None,
@@ -138,6 +138,7 @@ def test_hello_announces_the_capabilities(session):
     }
     modules = {text for text in session.server_capabilities if "?module=qv-" in text}
     assert modules == {
+        "urn:qv:yang:qv-errdisable?module=qv-errdisable&revision=2026-11-23",
         "urn:qv:yang:qv-loop-detect-server?module=qv-loop-detect-server&revision=2026-11-21",
         "urn:qv:yang:qv-loop-detect-server-notification"
         "?module=qv-loop-detect-server-notification&revision=2026-11-23",

@@ -14,9 +14,10 @@
 #include "p_app.pb-c.h"
 #include "services/netconf/operations.h"
 #include "tests/unit/netconf/database_peer.h"
+#include "tests/unit/netconf/held_answers.h"
 #include "tests/unit/netconf/intercepted.h"
-
 #include "tests/unit/netconf/notification_records.h"
+
 using namespace netconf::test;
 using netconf::Context;
 using netconf::DatabaseLost;
@@ -173,10 +174,60 @@ TEST_F(Data, PortThatFitsNoModelIsLeftOut) {
     }
 }
 
+TEST_F(Data, HeldPortsSayWhatIsKnownOfThem) {
+    answer_held_ports(peer_, {{.name = "swp2",
+                               .sources = {"tarn", "storm"},
+                               .other_port = "swp3",
+                               .vlan = 20,
+                               .since_ms = 1001,
+                               .recovers_at_ms = 301'002,
+                               .shut_last_day = 4,
+                               .still_looped = true,
+                               .rule = "interval 600",
+                               .refused = "too early"},
+                              {.name = "it's"}});
+    EXPECT_EQ(part(state(), "errdisable"),
+              "<errdisable xmlns=\"urn:qv:yang:qv-errdisable\"><port><name>swp2</name><cause>loop"
+              "</cause><source>tarn</source><source>storm</source><other-port>swp3</other-port>"
+              "<vlan>20</vlan><since>1970-01-01T00:00:01.001+00:00</since><recovers-at>"
+              "1970-01-01T00:05:01.002+00:00</recovers-at><shut-last-day>4</shut-last-day>"
+              "<still-looped>true</still-looped><rule>interval 600</rule><refused>too early"
+              "</refused></port><port><name>it's</name><cause>loop</cause><shut-last-day>0"
+              "</shut-last-day><still-looped>false</still-looped></port></errdisable>");
+    EXPECT_EQ(logged_texts(), std::vector<std::string>{});
+}
+
+TEST_F(Data, HeldPortIsShownAsFarAsTheModelCan) {
+    answer_held_ports(
+        peer_,
+        {{.name = ""}, {.name = "'\""}, {.name = "swp1", .sources = {"rumour"}}, {.name = "swp2"}});
+    const std::string shown = part(state(), "errdisable");
+    EXPECT_NE(shown.find("<name>swp2</name>"), std::string::npos);
+    const auto lines = logged_texts();
+    ASSERT_EQ(lines.size(), 3U);
+    for (const std::string& line : lines) {
+        EXPECT_EQ(line.substr(0, 44), "a port that is held shut is not shown whole:");
+    }
+}
+
 TEST_F(Data, OneStreamWithoutReplay) {
     EXPECT_EQ(part(state(), "streams"),
               "<streams><stream><name>NETCONF</name><description>all notifications of the switch"
               "</description><replaySupport>false</replaySupport></stream></streams>");
+}
+
+TEST_F(Data, StreamTellsHowFarBackItCanBeReplayed) {
+    const std::string stream =
+        "<streams><stream><name>NETCONF</name><description>all notifications of the switch"
+        "</description><replaySupport>true</replaySupport><replayLogCreationTime>"
+        "1970-01-01T00:00:01.007+00:00</replayLogCreationTime>";
+    keep_log(peer_, 1007);
+    EXPECT_EQ(part(state(), "streams"), stream + "</stream></streams>");
+    keep_log(peer_, 1007, 2008);
+    EXPECT_EQ(part(state(), "streams"),
+              stream +
+                  "<replayLogAgedTime>1970-01-01T00:00:02.008+00:00</replayLogAgedTime>"
+                  "</stream></streams>");
 }
 
 TEST_F(Data, LockIsReportedWhileItIsHeld) {
@@ -216,20 +267,6 @@ TEST_F(Data, EachSessionIsReportedWithItsOwnUser) {
     EXPECT_NE(sessions.find(entry(number_->id(), "admin")), std::string::npos) << sessions;
     EXPECT_NE(sessions.find(entry(guest.id(), "guest")), std::string::npos) << sessions;
 }
-TEST_F(Data, StreamTellsHowFarBackItCanBeReplayed) {
-    const std::string stream =
-        "<streams><stream><name>NETCONF</name><description>all notifications of the switch"
-        "</description><replaySupport>true</replaySupport><replayLogCreationTime>"
-        "1970-01-01T00:00:01.007+00:00</replayLogCreationTime>";
-    keep_log(peer_, 1007);
-    EXPECT_EQ(part(state(), "streams"), stream + "</stream></streams>");
-    keep_log(peer_, 1007, 2008);
-    EXPECT_EQ(part(state(), "streams"),
-              stream +
-                  "<replayLogAgedTime>1970-01-01T00:00:02.008+00:00</replayLogAgedTime>"
-                  "</stream></streams>");
-}
-
 
 TEST_F(Data, SchemaThatIsOnlyImportedHasItsRevisionToo) {
     EXPECT_NE(part(state(), "schemas")
@@ -260,7 +297,7 @@ TEST_F(Data, EverySchemaIsReported) {
          (at = schemas.find("<location>NETCONF</location>", at)) != std::string::npos; at++) {
         count++;
     }
-    EXPECT_EQ(count, 13U);
+    EXPECT_EQ(count, 14U);
 }
 
 TEST_F(Data, CapabilitiesAreThoseOfTheHello) {
