@@ -198,18 +198,33 @@ class KeptByAServer : public KeptNotifications {};
 
 TEST_P(KeptByAServer, ServerThatHasLostTheLogGetsANewOne) {
     put_log(1000, 900);
-    world->put(kLocalDb, slot_key(7), kept(7, 7, 5000));
+    world->put(kLocalDb, slot_key(7), kept(7, 1007, 5000));
+    world->put(kLocalDb, slot_key(10), kept(10, 10, 4000));
     open(kLocalDb);
-    EXPECT_EQ(sequence_sent_to(8), 8U);
+    EXPECT_EQ(sequence_sent_to(8), 1008U);
     world->lose();
     expect_heard("down");
     world->server()->forget();
     world->restore();
     expect_heard("back");
-    EXPECT_EQ(sequence_sent_to(9), 9U);
+    EXPECT_EQ(sequence_sent_to(9), 1009U);
+    EXPECT_EQ(sequence_sent_to(10), 1010U);
+    settle();
     EXPECT_GT(log()->created_ms, 1000U);
-    EXPECT_EQ(log()->aged_ms, 0U);
-    EXPECT_EQ(world->keys(kLocalDb), (Lines{slot_key(9), kLogKey}));
+    EXPECT_EQ(log()->aged_ms, 0U) << "what was lost has not been replaced";
+    EXPECT_EQ(world->keys(kLocalDb), (Lines{slot_key(10), slot_key(9), kLogKey}));
+}
+
+TEST_P(KeptByAServer, ServerThatIsEmptiedGetsANewLogToo) {
+    put_log(1000, 900);
+    open(kLocalDb);
+    open(4);
+    ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), 0);
+    settle();
+    world->server()->run(kLocalDb, {"FLUSHALL"});
+    clock.skip(std::chrono::seconds(5));  // then the driver looks for its records
+    ASSERT_TRUE(world->run_until([this] { return log().has_value(); }));
+    EXPECT_GT(log()->created_ms, 1000U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, KeptNotifications, testing::Values("memory", "redis"),

@@ -357,6 +357,17 @@ TEST_F(Notifications, NoticeOfAReplayedOneIsNotSentAgain) {
     EXPECT_EQ(next_port(subscription), "live");
 }
 
+TEST_F(Notifications, ClockThatIsSetBackMakesNoDouble) {
+    keep(*peer_, "first", {.time_ms = 2000, .sequence = 1});
+    keep(*peer_, "second", {.time_ms = 1000, .sequence = 2});
+    Subscription subscription = replay_from(0);
+    publish(loop_on("first", 1, {.time_ms = 2000, .sequence = 1}));
+    EXPECT_EQ(next_port(subscription), "first");
+    EXPECT_EQ(next_port(subscription), "second");
+    EXPECT_EQ(next(subscription), kComplete);
+    EXPECT_EQ(next(subscription), "none");
+}
+
 TEST_F(Notifications, NumbersThatBeginAgainDoNotHoldBackLiveOnes) {
     keep(*peer_, "replayed", {.time_ms = 1000, .sequence = 700});
     Subscription subscription = replay_from(0);
