@@ -57,7 +57,7 @@ struct SessionCallback {
 
 struct qv_mom_client final : qv::StoreListener {
     explicit qv_mom_client(qv::StoreDriver& driver)
-        : store(driver.connect(*this)), notifications(*store) {}
+        : store(driver.connect(*this)), notifications(this, *store) {}
 
     void connect(uint32_t db, SessionCallback callback);
     int subscribe(uint32_t db, const ProtobufCMessageDescriptor& type, qv_mom_msg_cb callback);
@@ -166,11 +166,11 @@ int qv_mom_client::scan(uint32_t db, const ProtobufCMessageDescriptor& type,
 
 void qv_mom_client::session_up(uint32_t db) {
     const bool back = qv::report_database(db, false);
-    // Before the callback, so that its deletes come after.
-    set_missing_in(db);
     if (db == QV_MOM_LOCAL_DB) {
         read_notifications();
     }
+    // Before the callback, so that its deletes come after.
+    set_missing_in(db);
     Session& session = sessions[db];
     const bool first = !std::exchange(session.connect_reported, true);
     if (qv::Metrics* const figures = qv::metrics(); figures && back && !first) {
@@ -266,11 +266,11 @@ qv::StoreKeys qv_mom_client::keys_to_check() {
 }
 
 void qv_mom_client::records_lost() {
-    for (const auto& [db, session] : sessions) {
-        set_missing_in(db);
-    }
     if (store->up(QV_MOM_LOCAL_DB)) {
         read_notifications();
+    }
+    for (const auto& [db, session] : sessions) {
+        set_missing_in(db);
     }
 }
 

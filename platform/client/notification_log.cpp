@@ -5,8 +5,9 @@
 // log afterwards, so it finds each notification in the log, among those published, or in both, and
 // never in neither.
 //
-// The records are not set again when a server has lost them: they tell of the past, and nobody acts
-// on them.
+// When a server has lost the notifications they are not set again: they tell of the past, and
+// nobody acts on them. The record about the log is an own record of the client (own_records.h), so
+// that its loss is noticed, but it is not set again either: a new log begins.
 #include "platform/client/notification_log.h"
 
 #include <algorithm>
@@ -21,6 +22,7 @@
 #include <vector>
 
 #include "platform/client/mom_key.h"
+#include "platform/client/own_records.h"
 #include "qv/mom.h"
 #include "qv/syslog.h"
 
@@ -51,6 +53,11 @@ std::string name_of(const SentNotification& notification) {
     return std::string(path.substr(0, path.find('/')));
 }
 
+// Of the record about the log, which is a singleton.
+std::string log_key() {
+    return std::string(p_nc__notification_log__descriptor.name) + "/";
+}
+
 bool set(StoreClient& store, const ProtobufCMessage& record) {
     const std::optional<std::string> key = record_key(record);
     return key && store.set(QV_MOM_LOCAL_DB, record.descriptor->name, *key, pack_record(record));
@@ -59,6 +66,7 @@ bool set(StoreClient& store, const ProtobufCMessage& record) {
 }  // namespace
 
 void NotificationLog::read(uint64_t log_scan, uint64_t kept_scan) {
+    own_records().erase(QV_MOM_LOCAL_DB, log_key());
     state_ = State::kReading;
     log_scan_ = log_scan;
     kept_scan_ = kept_scan;
@@ -111,8 +119,8 @@ void NotificationLog::scan_done(uint64_t scan) {
     state_ = State::kReady;
     if (created_ms_ == 0) {
         created_ms_ = milliseconds_of(std::chrono::system_clock::now());
-        write_log();
     }
+    write_log();
     for (const SentNotification& notification : std::exchange(waiting_, {})) {
         publish(notification);
     }
@@ -179,7 +187,9 @@ void NotificationLog::write_log() {
     PNc__NotificationLog log = P_NC__NOTIFICATION_LOG__INIT;
     log.created_ms = created_ms_;
     log.aged_ms = aged_ms_;
-    set(store_, log.base);
+    if (set(store_, log.base)) {
+        own_records().set(client_, QV_MOM_LOCAL_DB, log_key(), pack_record(log.base));
+    }
 }
 
 }  // namespace qv

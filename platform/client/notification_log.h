@@ -21,8 +21,9 @@ inline constexpr size_t kKeptNotifications = 1000;
 
 class NotificationLog {
  public:
-    // The store must outlive the log.
-    explicit NotificationLog(StoreClient& store) : store_(store) {}
+    // `client` owns the record about the log; `store` is its store and must outlive the log.
+    NotificationLog(const qv_mom_client* client, StoreClient& store)
+        : client_(client), store_(store) {}
 
     // Gives the notification its number, keeps it and publishes it. While the log is being read, it
     // waits for the end of that. 0, or ENOTCONN: no session, the notification is lost. Throws
@@ -48,6 +49,7 @@ class NotificationLog {
     bool keep(PNc__Notification& record);
     void write_log();
 
+    const qv_mom_client* const client_;
     StoreClient& store_;
     State state_ = State::kAway;
     uint64_t log_scan_ = 0;

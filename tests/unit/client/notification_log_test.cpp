@@ -218,13 +218,13 @@ TEST_P(KeptByAServer, ServerThatHasLostTheLogGetsANewOne) {
 TEST_P(KeptByAServer, ServerThatIsEmptiedGetsANewLogToo) {
     put_log(1000, 900);
     open(kLocalDb);
-    open(4);
-    ASSERT_EQ(qv_mom_set(client, 4, LoopEntry("swp1", 1, true).record(), 0, 0), 0);
-    settle();
-    world->server()->run(kLocalDb, {"FLUSHALL"});
+    EXPECT_EQ(sequence_sent_to(1), 1U);
+    world->server()->run(kLocalDb, {"FLUSHDB"});
     clock.skip(std::chrono::seconds(5));  // then the driver looks for its records
     ASSERT_TRUE(world->run_until([this] { return log().has_value(); }));
     EXPECT_GT(log()->created_ms, 1000U);
+    EXPECT_EQ(log()->aged_ms, 0U);
+    EXPECT_EQ(sequence_sent_to(2), 2U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, KeptNotifications, testing::Values("memory", "redis"),
