@@ -148,7 +148,7 @@ Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* po
          .events = POLLIN,
          .revents = 0},
     }};
-    const int limit_ms = subscription == nullptr ? -1 : subscription->wait_ms();
+    const int limit_ms = subscription == nullptr ? -1 : subscription->wait_ms(writable);
     const int ready = poll(watched.data(), watched.size(), stalled ? kUnreadLimit_ms : limit_ms);
     if (ready == 0 && stalled) {
         throw ClientTooSlow("the client leaves " + std::to_string(Subscription::kMaxPending) +

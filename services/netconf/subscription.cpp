@@ -129,12 +129,12 @@ void Subscription::replay(const Replay& wanted) {
     }
 }
 
-int Subscription::wait_ms() const {
+int Subscription::wait_ms(bool writable) const {
     std::optional<milliseconds> left;
     if (!listener_) {
         left = std::chrono::ceil<milliseconds>(retry_at_ - steady_clock::now());
     }
-    if (until_) {
+    if (until_ && writable) {
         left = std::min({left.value_or(kLongestWait), kLongestWait, *until_ - now() + 1ms});
     }
     return left ? static_cast<int>(std::max(*left, 0ms).count()) : -1;

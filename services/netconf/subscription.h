@@ -40,9 +40,9 @@ class Subscription {
 
     // Readable: call receive(). -1 while the database is away.
     int fd() const { return listener_ ? listener_->fd() : -1; }
-    // Milliseconds until receive() must be called again to reconnect, or next() because the end of
-    // the subscription may have come; -1 for never.
-    int wait_ms() const;
+    // Milliseconds until receive() must be called again to reconnect or, when the client can be
+    // written to, next() because the end of the subscription may have come; -1 for never.
+    int wait_ms(bool writable) const;
     // Takes the notices that have arrived, until it is full; without a connection, reconnects when
     // its pause has passed. Never throws for a lost database.
     void receive();

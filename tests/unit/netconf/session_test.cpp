@@ -40,6 +40,10 @@ const std::string kGet = "<get-config><source><running/></source></get-config>";
 const std::string kClose = "<close-session/>";
 const std::string kSubscribe =
     "<create-subscription xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\"/>";
+const std::string kReplayUntilSecond9 =
+    "<create-subscription xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\"><startTime>"
+    "1970-01-01T00:00:00Z</startTime><stopTime>1970-01-01T00:00:09Z</stopTime>"
+    "</create-subscription>";
 const LogLine kBegins{LOG_INFO, "begins"};
 const LogLine kClosed{LOG_INFO, "closed"};
 const LogLine kWentAway{LOG_INFO, "ended: the client went away"};
@@ -563,15 +567,29 @@ TEST_F(SessionOfAClient, RestartedDatabaseIsSubscribedToAgain) {
                            kIdle, kListening, {POLLIN, 0, false, 100}, kListening, kListening}));
 }
 
+TEST_F(SessionOfAClient, EndOfASubscriptionWaitsForAClientThatDoesNotRead) {
+    freeze_clock();
+    set_time_of_day(8);  // a second before the end
+    keep_log(*peer_, 1000);
+    send(hello());
+    then_send(request(kReplayUntilSecond9));
+    then([this] {
+        stuff_output();
+        advance_clock(2s);
+        return false;
+    });
+    then_read();
+    then_send(request(kClose));
+    EXPECT_EQ(run(), 0);
+    EXPECT_NE(written_.find("<notificationComplete"), std::string::npos);
+    EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, {POLLIN, 0, true, 1001}, kBlocked, kIdle}));
+}
+
 TEST_F(SessionOfAClient, SubscriptionThatIsOverMakesRoomForAnother) {
     keep_log(*peer_, 1000);
     keep(*peer_, "swp1", {.time_ms = 1000, .sequence = 1});
     send(hello());
-    then_send(
-        request("<create-subscription "
-                "xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\"><startTime>"
-                "1970-01-01T00:00:00Z</startTime><stopTime>1970-01-01T00:00:09Z</stopTime>"
-                "</create-subscription>"));
+    then_send(request(kReplayUntilSecond9));
     then_send(request(kGet));
     then_send(request(kSubscribe));
     then_publish({"swp2"});

@@ -106,7 +106,7 @@ class Notifications : public testing::Test {
 TEST_F(Notifications, RecordBecomesDataOfTheModelWithItsTime) {
     Subscription subscription = subscribe();
     EXPECT_GE(subscription.fd(), 0);
-    EXPECT_EQ(subscription.wait_ms(), -1);
+    EXPECT_EQ(subscription.wait_ms(true), -1);
     publish(packed(kName,
                    {{path_of("swp1", "notify-type"), 20, 2},
                     {path_of("swp1", "vid"), 20, 4294967295},
@@ -232,12 +232,12 @@ TEST_F(Notifications, ReconnectsBecomeRarerWhileTheDatabaseStaysAway) {
     subscription.receive();
     EXPECT_EQ(subscription.fd(), -1);
     for (const int wait_ms : {100, 200, 400, 800, 1600, 3200, 5000, 5000}) {
-        EXPECT_EQ(subscription.wait_ms(), wait_ms);
+        EXPECT_EQ(subscription.wait_ms(true), wait_ms);
         advance_clock(std::chrono::milliseconds(wait_ms - 1));
         subscription.receive();  // too early: nothing happens
-        EXPECT_EQ(subscription.wait_ms(), 1);
+        EXPECT_EQ(subscription.wait_ms(true), 1);
         advance_clock(1ms);
-        EXPECT_EQ(subscription.wait_ms(), 0);
+        EXPECT_EQ(subscription.wait_ms(true), 0);
         subscription.receive();
         EXPECT_EQ(subscription.fd(), -1);
     }
@@ -252,9 +252,9 @@ TEST_F(Notifications, RetryIsNeverWokenForTooEarly) {
     peer_.reset();
     subscription.receive();
     advance_clock(98'500us);
-    EXPECT_EQ(subscription.wait_ms(), 2);
+    EXPECT_EQ(subscription.wait_ms(true), 2);
     advance_clock(1ms);
-    EXPECT_EQ(subscription.wait_ms(), 1);
+    EXPECT_EQ(subscription.wait_ms(true), 1);
 }
 
 TEST_F(Notifications, RetryThatIsOverdueIsDueNow) {
@@ -262,7 +262,7 @@ TEST_F(Notifications, RetryThatIsOverdueIsDueNow) {
     peer_.reset();
     subscription.receive();
     advance_clock(1h);
-    EXPECT_EQ(subscription.wait_ms(), 0);
+    EXPECT_EQ(subscription.wait_ms(true), 0);
 }
 
 TEST_F(Notifications, NoReconnectBeforeItIsDue) {
@@ -291,7 +291,7 @@ TEST_F(Notifications, ContinueWhenTheDatabaseIsBack) {
     peer_.emplace(folder_.path("redis.sock"));
     advance_clock(400ms);
     subscription.receive();
-    EXPECT_EQ(subscription.wait_ms(), -1);
+    EXPECT_EQ(subscription.wait_ms(true), -1);
     publish(loop_on("after"));
     EXPECT_EQ(next_port(subscription), "before");
     EXPECT_EQ(next_port(subscription), "after");
@@ -301,7 +301,7 @@ TEST_F(Notifications, ContinueWhenTheDatabaseIsBack) {
     // The next time the search begins with short steps again.
     peer_.reset();
     subscription.receive();
-    EXPECT_EQ(subscription.wait_ms(), 100);
+    EXPECT_EQ(subscription.wait_ms(true), 100);
 }
 
 TEST_F(Notifications, LossNoticedInNextIsNotAnEvent) {
@@ -326,7 +326,7 @@ TEST_F(Notifications, KeptOnesAreReplayedFromATimeOnBeforeLiveOnes) {
     keep(*peer_, "second", {.time_ms = 1001, .sequence = 7});
     Subscription subscription = replay_from(1000);
     publish(loop_on("live", 1, {.time_ms = 1002, .sequence = 8}));
-    EXPECT_EQ(subscription.wait_ms(), -1);
+    EXPECT_EQ(subscription.wait_ms(true), -1);
     EXPECT_EQ(next_port(subscription), "first");
     EXPECT_EQ(next_port(subscription), "second");
     EXPECT_EQ(next(subscription), kComplete);
@@ -409,7 +409,7 @@ TEST_F(Notifications, PastEndEndsTheSubscriptionAfterTheReplay) {
     keep(*peer_, "at the end", {.time_ms = 2000, .sequence = 2});
     keep(*peer_, "after", {.time_ms = 2001, .sequence = 3});
     Subscription subscription = replay_from(0, at(2000));
-    EXPECT_EQ(subscription.wait_ms(), 0);
+    EXPECT_EQ(subscription.wait_ms(true), 0);
     EXPECT_EQ(next_port(subscription), "before");
     EXPECT_EQ(next_port(subscription), "at the end");
     EXPECT_EQ(next(subscription), kComplete);
@@ -423,23 +423,31 @@ TEST_F(Notifications, PastEndEndsTheSubscriptionAfterTheReplay) {
 TEST_F(Notifications, FutureEndIsWaitedFor) {
     Subscription subscription = replay_from(0, at(kNow_ms + 3000));
     EXPECT_EQ(next(subscription), kComplete);
-    EXPECT_EQ(subscription.wait_ms(), 3001);
+    EXPECT_EQ(subscription.wait_ms(true), 3001);
     publish(loop_on("in time", 1, {.time_ms = kNow_ms + 3000, .sequence = 1}));
     publish(loop_on("late", 1, {.time_ms = kNow_ms + 3001, .sequence = 2}));
     EXPECT_EQ(next_port(subscription), "in time");
     EXPECT_EQ(next(subscription), "none");
     advance_clock(3000ms);
     EXPECT_EQ(next(subscription), "none");
-    EXPECT_EQ(subscription.wait_ms(), 1);
+    EXPECT_EQ(subscription.wait_ms(true), 1);
     advance_clock(1ms);
-    EXPECT_EQ(subscription.wait_ms(), 0);
+    EXPECT_EQ(subscription.wait_ms(true), 0);
     EXPECT_EQ(next(subscription).substr(0, 46), "2026-01-02T03:04:08.001Z <notificationComplete");
     EXPECT_TRUE(subscription.over());
 }
 
+TEST_F(Notifications, EndWaitsForAClientThatDoesNotRead) {
+    Subscription subscription = replay_from(0, at(2000));
+    EXPECT_EQ(subscription.wait_ms(false), -1);
+    peer_.reset();
+    subscription.receive();
+    EXPECT_EQ(subscription.wait_ms(false), 100);
+}
+
 TEST_F(Notifications, EndFarAwayIsLookedForEveryMinute) {
     const Subscription subscription = replay_from(0, at(kNow_ms + 3'600'000));
-    EXPECT_EQ(subscription.wait_ms(), 60'000);
+    EXPECT_EQ(subscription.wait_ms(true), 60'000);
 }
 
 TEST_F(Notifications, EndComesWithoutADatabaseToo) {
@@ -447,7 +455,7 @@ TEST_F(Notifications, EndComesWithoutADatabaseToo) {
     EXPECT_EQ(next(subscription), kComplete);
     peer_.reset();
     subscription.receive();
-    EXPECT_EQ(subscription.wait_ms(), 51);
+    EXPECT_EQ(subscription.wait_ms(true), 51);
     advance_clock(51ms);
     EXPECT_NE(next(subscription).find(" <notificationComplete "), std::string::npos);
     EXPECT_TRUE(subscription.over());
