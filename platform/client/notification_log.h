@@ -7,7 +7,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <span>
 
 #include "p_nc.pb-c.h"
 #include "platform/client/notification_ring.h"

@@ -6,8 +6,10 @@
 #include <chrono>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "p_nc.pb-c.h"
+#include "platform/client/mom_key.h"
 #include "qv/netconf.h"
 #include "tests/support/store_fixture.h"
 
@@ -24,9 +26,8 @@ std::string slot_key(uint32_t slot) {
 }
 
 std::string bytes_of(const ProtobufCMessage& record) {
-    std::string bytes(protobuf_c_message_get_packed_size(&record), '\0');
-    protobuf_c_message_pack(&record, reinterpret_cast<uint8_t*>(bytes.data()));
-    return bytes;
+    const std::vector<uint8_t> packed = qv::pack_record(record);
+    return {packed.begin(), packed.end()};
 }
 
 // A kept record without leaves.

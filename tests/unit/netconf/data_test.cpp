@@ -175,17 +175,7 @@ TEST_F(Data, PortThatFitsNoModelIsLeftOut) {
 }
 
 TEST_F(Data, HeldPortsSayWhatIsKnownOfThem) {
-    answer_held_ports(peer_, {{.name = "swp2",
-                               .sources = {"tarn", "storm"},
-                               .other_port = "swp3",
-                               .vlan = 20,
-                               .since_ms = 1001,
-                               .recovers_at_ms = 301'002,
-                               .shut_last_day = 4,
-                               .still_looped = true,
-                               .rule = "interval 600",
-                               .refused = "too early"},
-                              {.name = "it's"}});
+    answer_held_ports(peer_, {full_record(), {.name = "it's"}});
     EXPECT_EQ(part(state(), "errdisable"),
               "<errdisable xmlns=\"urn:qv:yang:qv-errdisable\"><port><name>swp2</name><cause>loop"
               "</cause><source>tarn</source><source>storm</source><other-port>swp3</other-port>"

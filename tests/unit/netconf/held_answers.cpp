@@ -6,6 +6,19 @@
 
 namespace netconf::test {
 
+HeldRecord full_record() {
+    return {.name = "swp2",
+            .sources = {"tarn", "storm"},
+            .other_port = "swp3",
+            .vlan = 20,
+            .since_ms = 1001,
+            .recovers_at_ms = 301'002,
+            .shut_last_day = 4,
+            .still_looped = true,
+            .rule = "interval 600",
+            .refused = "too early"};
+}
+
 std::string question_in(const std::string& channel, const std::string& payload) {
     EXPECT_EQ(channel, "mom/3/p_nc.held_question");
     EXPECT_EQ(payload.substr(0, 1), "\2");

@@ -23,6 +23,9 @@ struct HeldRecord {
     std::string refused{};
 };
 
+// swp2 with a value in each field.
+HeldRecord full_record();
+
 inline constexpr const char* kHeldAnswers = "mom/3/p_nc.held_answer";
 
 // The id of a question, as it is published.

@@ -38,17 +38,7 @@ class HeldPortsOfTheAgent : public testing::Test {
 };
 
 TEST_F(HeldPortsOfTheAgent, EverythingItKnowsArrives) {
-    answer_held_ports(peer_, {{.name = "swp2",
-                               .sources = {"tarn", "storm"},
-                               .other_port = "swp3",
-                               .vlan = 20,
-                               .since_ms = 1001,
-                               .recovers_at_ms = 301'002,
-                               .shut_last_day = 4,
-                               .still_looped = true,
-                               .rule = "interval 600",
-                               .refused = "too early"},
-                              {.name = "swp1"}});
+    answer_held_ports(peer_, {full_record(), {.name = "swp1"}});
     const auto ports = held_ports(peer_.socket());
     ASSERT_EQ(ports.size(), 2U);
     EXPECT_EQ(ports[0].name, "swp2");
