@@ -12,7 +12,7 @@
 
 namespace qv::cli {
 
-// What is not known is empty.
+// A field is empty when its value is not known.
 struct HeldPort {
     std::string name;
     LoopFacts facts;

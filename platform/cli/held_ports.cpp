@@ -252,7 +252,7 @@ const ProbeReport* HeldPorts::report_about(uint32_t ifx) const {
     return other != reports_.end() ? &other->second : nullptr;
 }
 
-// What the probe protocol knows of the port stays known when its report is withdrawn.
+// A report of the probe protocol may be withdrawn; the facts that it gave stay known.
 void HeldPorts::learn(Ports::value_type& port, uint32_t ifx) {
     const ProbeReport* const report = report_about(ifx);
     if (report == nullptr) {

@@ -1,6 +1,6 @@
 // Ports that loop detection has shut: since when, why, and what happened to ports before.
 //
-// What belongs to the agent is seen from outside. Its mark in a port's section (kHeldLine) says
+// The state of the agent is seen from outside. Its mark in a port's section (kHeldLine) says
 // that it holds the port shut. Its "shutdown" and "no shutdown" pass the keeper of the
 // configuration. A port in the loop state has a record in the object database, and so has a loop
 // that a probe has proved: a port that entered the loop state without such a record was judged by a

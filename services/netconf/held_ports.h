@@ -11,7 +11,7 @@
 
 namespace netconf {
 
-// What is not known is empty or 0.
+// A field is empty or 0 when its value is not known.
 struct HeldPort {
     std::string name;
     std::vector<std::string> sources;

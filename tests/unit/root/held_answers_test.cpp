@@ -1,5 +1,5 @@
-// What another program hears when it asks which ports are held shut. What is said of a port is
-// tested with "show errdisable" and with the NETCONF server.
+// Another program asks which ports are held shut, and gets an answer. The tests of "show
+// errdisable" and of the NETCONF server cover its content.
 #include "platform/root/held_answers.h"
 
 #include <cstdlib>
