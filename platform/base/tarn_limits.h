@@ -14,6 +14,8 @@ inline constexpr uint32_t kLongestProbeInterval_ms = 10000;
 // How long a port is closed at link-up while it is probed.
 inline constexpr uint32_t kShortestGuard_ms = 15;
 inline constexpr uint32_t kLongestGuard_ms = 1000;
+// The same for a port that loop detection had shut.
+inline constexpr uint32_t kLongestProbation_ms = 600'000;
 
 // The switch with the lowest number cuts a loop.
 inline constexpr uint32_t kDefaultTarnPriority = 128;

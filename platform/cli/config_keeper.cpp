@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
 #include <map>
@@ -14,6 +15,7 @@
 #include "platform/base/supervisor.h"
 #include "platform/cli/config_replay.h"
 #include "platform/cli/held_ports.h"
+#include "platform/cli/probation.h"
 #include "platform/cli/recovery_rules.h"
 #include "platform/cli/running_config.h"
 #include "platform/cli/tarn_commands.h"
@@ -58,6 +60,10 @@ void note_program_line(const Port& before, bool up, const std::string& reason) {
             held_ports().refused(before.name, up, reason);
         } else if (!up && held_ports().shut(before)) {
             decide_wait(before);
+            begin_trial(before.ifx);
+        } else if (up && on_probation(before.ifx)) {
+            held_ports().on_probation(before.name,
+                                      std::chrono::seconds(recovery_rule(before.ifx).probation_s));
         }
     });
 }
@@ -166,6 +172,8 @@ void ConfigKeeper::end_replay() {
     for (const auto& [ifx, port] : platform().ports().ports()) {
         if (port.admin_up) {
             held_ports().came_up(port.name);
+        } else if (is_marked(port)) {
+            begin_trial(port.ifx);
         }
     }
     for (const EndHook hook : g_end_hooks) {
@@ -403,6 +411,7 @@ void ConfigKeeper::on_removed(const Port& port) {
     held_ports().removed(port.name);
     tarn_forget_port(port.ifx);
     forget_recovery_rule(port.ifx);
+    end_trial(port.ifx);
     request_save();
 }
 
@@ -418,6 +427,7 @@ void ConfigKeeper::on_changed(const Port& before, const Port& after) {
         sections_.set_shut_by(after.ifx, ShutBy::kNobody);
         guarded([&] { held_ports().came_up(before.name); });
     }
+    guarded([&] { follow_trial(after); });
     if (before.name != after.name) {
         guarded([&] { held_ports().renamed(before.name, after.name); });
     }

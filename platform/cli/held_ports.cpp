@@ -85,6 +85,10 @@ void HeldPorts::waits(const std::string& port, const WaitInARow& wait) {
          .times = wait.times});
 }
 
+void HeldPorts::on_probation(const std::string& port, std::chrono::seconds time) {
+    add({.time = wall_now(), .port = port, .action = LoopAction::kProbation, .duration = time});
+}
+
 std::optional<WaitInARow> HeldPorts::wait_before(const std::string& port) const {
     const auto found = last_waits_.find(port);
     if (found == last_waits_.end() || !found->second.up_since ||

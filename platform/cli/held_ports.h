@@ -41,7 +41,7 @@ struct LoopFacts {
     bool operator==(const LoopFacts&) const = default;
 };
 
-enum class LoopAction { kFound, kShut, kWaits, kBroughtBack, kRecovered, kRefused };
+enum class LoopAction { kFound, kShut, kWaits, kBroughtBack, kProbation, kRecovered, kRefused };
 
 struct LoopEvent {
     WallTime time{};
@@ -49,7 +49,7 @@ struct LoopEvent {
     LoopAction action = LoopAction::kFound;
     LoopFacts facts = {};
     // How long the port was shut (kBroughtBack) or in the loop state (kRecovered), or shall be shut
-    // (kWaits).
+    // (kWaits) or probed (kProbation).
     std::optional<std::chrono::seconds> duration = {};
     // kWaits only: the number of this shutdown in a row of shutdowns, from 1.
     std::optional<uint32_t> times = {};
@@ -90,6 +90,8 @@ class HeldPorts {
     bool shut(const Port& before);
     // The port, which was shut just now, waits for its recovery.
     void waits(const std::string& port, const WaitInARow& wait);
+    // The port, which the agent has just brought back, is probed for this time before it forwards.
+    void on_probation(const std::string& port, std::chrono::seconds time);
     // The agent's "no shutdown" is about to be executed, or the agent takes the port for another
     // one: it no longer counts.
     void recovery_begins(const std::string& port);

@@ -25,11 +25,12 @@ constexpr uint64_t kLongest_s = 4102444800;
 constexpr uint64_t kMostTimes = 1000000;
 constexpr size_t kMaxTextBytes = 1024;
 
-constexpr std::array<std::pair<LoopAction, const char*>, 6> kActions{
+constexpr std::array<std::pair<LoopAction, const char*>, 7> kActions{
     {{LoopAction::kFound, "loop found"},
      {LoopAction::kShut, "shut"},
      {LoopAction::kWaits, "waits"},
      {LoopAction::kBroughtBack, "brought back"},
+     {LoopAction::kProbation, "probation"},
      {LoopAction::kRecovered, "recovered"},
      {LoopAction::kRefused, "refused"}}};
 

@@ -10,7 +10,7 @@
 
 namespace qv::cli {
 
-// "loop found", "shut", "waits", "brought back", "recovered" or "refused".
+// "loop found", "shut", "waits", "brought back", "probation", "recovered" or "refused".
 const char* action_name(LoopAction action);
 
 std::string history_text(const std::deque<LoopEvent>& events);

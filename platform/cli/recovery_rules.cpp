@@ -10,6 +10,7 @@
 #include "platform/cli/command_trees.h"
 #include "platform/cli/held_ports.h"
 #include "platform/cli/running_config.h"
+#include "platform/cli/tarn_commands.h"
 #include "platform/client/platform.h"
 
 namespace qv::cli {
@@ -22,6 +23,7 @@ constexpr int64_t kShortestWait_s = 1;
 constexpr int64_t kLongestWait_s = 1000000;
 constexpr int64_t kLowestFactor = 2;
 constexpr int64_t kHighestFactor = 100;
+constexpr int64_t kLongestProbation_s = kLongestProbation_ms / 1000;
 
 std::map<uint32_t, RecoveryRule>& rules() {
     static auto& instance = *new std::map<uint32_t, RecoveryRule>;  // without default rules
@@ -81,6 +83,23 @@ int clear_backoff(cli_pcdb* pcdb) {
     return store(ifx_of(pcdb), rule);
 }
 
+int store_probation(cli_pcdb* pcdb, int64_t probation_s) {
+    const uint32_t ifx = ifx_of(pcdb);
+    RecoveryRule rule = recovery_rule(ifx);
+    rule.probation_s = probation_s;
+    store(ifx, rule);
+    announce_tarn_port(ifx);
+    return 0;
+}
+
+int set_probation(cli_pcdb* pcdb) {
+    return store_probation(pcdb, pcdb->number[0]);
+}
+
+int clear_probation(cli_pcdb* pcdb) {
+    return store_probation(pcdb, 0);
+}
+
 std::string interval_text(const RecoveryRule& rule) {
     return "interval " +
            (rule.interval_s == RecoveryRule::kNever ? "never" : std::to_string(rule.interval_s));
@@ -89,6 +108,10 @@ std::string interval_text(const RecoveryRule& rule) {
 std::string backoff_text(const RecoveryRule& rule) {
     return "backoff " + std::to_string(rule.backoff_factor) + " " +
            std::to_string(rule.backoff_max_s);
+}
+
+std::string probation_text(const RecoveryRule& rule) {
+    return "probation " + std::to_string(rule.probation_s);
 }
 
 int print_interval(cli_pcdb* pcdb) {
@@ -103,6 +126,14 @@ int print_backoff(cli_pcdb* pcdb) {
     const RecoveryRule& rule = recovery_rule(ifx_of(pcdb));
     if (rule.backoff_factor != 0) {
         c2p_printf(pcdb, 1, "errdisable recovery %s", backoff_text(rule).c_str());
+    }
+    return 0;
+}
+
+int print_probation(cli_pcdb* pcdb) {
+    const RecoveryRule& rule = recovery_rule(ifx_of(pcdb));
+    if (rule.probation_s != 0) {
+        c2p_printf(pcdb, 1, "errdisable recovery %s", probation_text(rule).c_str());
     }
     return 0;
 }
@@ -123,6 +154,14 @@ const cli_node* backoff_tree(const cli_node* alternative) {
                               end_of_line(set_backoff)));
     return keyword("backoff", "Wait longer each time it is shut again soon",
                    print_config(print_backoff, with_no(end_of_line(clear_backoff), arguments)),
+                   alternative);
+}
+
+const cli_node* probation_tree(const cli_node* alternative) {
+    const cli_node* arguments =
+        number("Seconds", kShortestWait_s, kLongestProbation_s, end_of_line(set_probation));
+    return keyword("probation", "Probe it for some time before it forwards again",
+                   print_config(print_probation, with_no(end_of_line(clear_probation), arguments)),
                    alternative);
 }
 
@@ -157,6 +196,9 @@ std::string rule_text(const RecoveryRule& rule) {
     std::string text = rule.interval_s != 0 ? interval_text(rule) : "";
     if (rule.backoff_factor != 0) {
         text += (text.empty() ? "" : ", ") + backoff_text(rule);
+    }
+    if (rule.probation_s != 0) {
+        text += (text.empty() ? "" : ", ") + probation_text(rule);
     }
     return text;
 }
@@ -219,11 +261,13 @@ std::string refuse_recovery(const Port& port) {
 }
 
 void register_recovery_rules() {
-    attach(CLI_CHAIN_INTERFACE,
-           keyword("errdisable", "Error state of the interface",
-                   keyword("recovery", "Clear it",
-                           interval_tree(backoff_tree(end_of_line(recover_errdisable))))),
-           "errdisable recovery");
+    attach(
+        CLI_CHAIN_INTERFACE,
+        keyword(
+            "errdisable", "Error state of the interface",
+            keyword("recovery", "Clear it",
+                    interval_tree(backoff_tree(probation_tree(end_of_line(recover_errdisable)))))),
+        "errdisable recovery");
 }
 
 }  // namespace qv::cli

@@ -1,6 +1,6 @@
-// "errdisable recovery interval ..." and "errdisable recovery backoff ...": how long the switch
-// keeps a port shut that the agent has shut, beyond the agent's own recovery time. Loop thread
-// only.
+// "errdisable recovery interval ...", "... backoff ..." and "... probation ...": how long the
+// switch keeps a port shut that the agent has shut, beyond the agent's own recovery time, and how
+// long it is probed then (probation.h). Loop thread only.
 //
 // The agent types "no shutdown" whenever it lets go of a port, and never says why. Only its
 // recovery timer has to wait, so the switch rules out everything else: the wait ends when the
@@ -30,6 +30,7 @@ struct RecoveryRule {
     int64_t interval_s = 0;      // from the shutdown on; 0: none
     int64_t backoff_factor = 0;  // 0: no backoff
     int64_t backoff_max_s = 0;
+    int64_t probation_s = 0;  // before the port forwards again; 0: none
 
     bool operator==(const RecoveryRule&) const = default;
 };

@@ -261,6 +261,10 @@ void add_tarn_observer(TarnObserver observer) {
     observers().push_back(std::move(observer));
 }
 
+void announce_tarn_port(uint32_t ifx) {
+    announce(ifx);
+}
+
 void tarn_forget_port(uint64_t ifx) {
     set_port(ifx, {});
 }

@@ -41,6 +41,8 @@ bool tarn_port_enabled(uint64_t ifx);
 using TarnObserver = std::function<void(uint64_t ifx)>;
 // The observer is called until the process ends.
 void add_tarn_observer(TarnObserver observer);
+// Calls the observers: something else in the record of this port has changed.
+void announce_tarn_port(uint32_t ifx);
 
 // Call when a port is gone or back at its defaults.
 void tarn_forget_port(uint64_t ifx);

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/cli/probation.h"
 #include "platform/cli/tarn_commands.h"
 #include "platform/client/thread_master.h"
 #include "qv/bridge.h"
@@ -51,7 +52,7 @@ LoopProbe::Rules SimulatedTarn::rules() {
         return choose(ifx, peer);
     };
     rules.guard = [](uint32_t ifx) {
-        return Duration(std::chrono::milliseconds(cli::tarn_port(ifx).guard_ms));
+        return Duration(std::chrono::milliseconds(cli::link_up_guard_ms(ifx)));
     };
     rules.guard_changed = [this](uint32_t ifx) {
         changed(ifx);
@@ -174,7 +175,7 @@ bool SimulatedTarn::write_port(uint32_t ifx) const {
     }
     record.state = state_of(*port);
     record.vlan_mode = port->mode;
-    record.guard_ms = static_cast<uint32_t>(cli::tarn_port(ifx).guard_ms);
+    record.guard_ms = static_cast<uint32_t>(cli::link_up_guard_ms(ifx));
     PBridge__TarnLoop loop = P_BRIDGE__TARN_LOOP__INIT;
     if (const auto seen = seen_.find(ifx); seen != seen_.end()) {
         loop = seen->second;

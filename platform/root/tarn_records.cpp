@@ -3,6 +3,7 @@
 #include <vector>
 
 #include "p_bridge.pb-c.h"
+#include "platform/cli/probation.h"
 #include "platform/client/thread_master.h"
 #include "qv/mom.h"
 
@@ -56,8 +57,9 @@ void TarnRecords::port_changed(uint32_t ifx) {
     if (port == nullptr) {
         return;
     }
-    const Published now{
+    Published now{
         .lines = cli::tarn_port(ifx), .vlan_mode = port->mode, .shut = shut_.contains(ifx)};
+    now.lines.guard_ms = cli::link_up_guard_ms(ifx);
     const auto before = published_.find(ifx);
     if (before != published_.end() && before->second == now) {
         return;

@@ -1,7 +1,7 @@
 // The guard at link-up. A guarded port is closed while it does not forward. When its link comes up,
-// kGuardProbes probes leave within the guard time, and the port is opened a last part of that time
-// later if none of them has proved a loop. A looped port stays closed; when the loop has ended,
-// the guard begins anew.
+// probes leave within the guard time, kGuardProbes or, in a longer time, one in each probe
+// interval, and the port is opened a last part of that time later if none of them has proved a
+// loop. A looped port stays closed; when the loop has ended, the guard begins anew.
 //
 // `guard_next` is when the next step is due: a probe, or the decision. Time::max() means that the
 // port waits for its link or for the end of its loop.
@@ -73,9 +73,11 @@ void Prober::take_closed(uint32_t ifx, Time now) {
 // Does the work that is due at guard_next.
 void Prober::step_guard(uint32_t ifx, Port& port, Time now) {
     port.guard_next = Time::max();
-    if (port.guard_probes < kGuardProbes && takes_part(port)) {
+    const auto probes = std::max<unsigned>(
+        kGuardProbes, static_cast<unsigned>(port.options.guard / settings_.interval));
+    if (port.guard_probes < probes && takes_part(port)) {
         ++port.guard_probes;
-        port.guard_next = now + Duration(port.options.guard) / kGuardProbes;
+        port.guard_next = now + Duration(port.options.guard) / probes;
         send(ifx, port, 1, now);
         send_vlans(ifx, port, kGuardVlans, now);
         return;

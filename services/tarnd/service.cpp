@@ -101,7 +101,8 @@ Role role_of(uint32_t vlan_mode) {
 }
 
 std::chrono::milliseconds guard_of(const PBridge__TarnPort& record) {
-    const bool valid = record.guard_ms >= kShortestGuard_ms && record.guard_ms <= kLongestGuard_ms;
+    const bool valid =
+        record.guard_ms >= kShortestGuard_ms && record.guard_ms <= kLongestProbation_ms;
     return std::chrono::milliseconds(valid ? record.guard_ms : 0);
 }
 

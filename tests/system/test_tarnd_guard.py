@@ -2,6 +2,7 @@
 
 import json
 import signal
+import time
 
 import pytest
 
@@ -65,6 +66,69 @@ def test_guarded_port_stays_closed_while_it_is_looped(lab):
         assert lab.flags("swp2") == CLOSED
         lab.unplug("swp2")
         lab.wait_flags("swp2", OPEN)
+
+
+def test_recovered_port_is_probed_for_its_probation(lab):
+    lab.enable("shutdown", "access-mode")
+    lab.configure("interface swp2", "errdisable recovery probation 3")
+    with lab.reflected("swp2"):
+        wait_shut(lab)
+        # Nothing leaves the port but probes, so a loop that is back a second later harms nobody.
+        set_reflection(lab, "off")
+        sent, talked = lab.sent("swp2"), lab.received("swp3")
+        with lab.broadcasts("swp3-far", count=1000, pause=0.01):
+            bring_back(lab)
+            wait_for(lambda: lab.received("swp3") - talked > 100, 20, "a host talks")
+            assert lab.is_up("swp2") and lab.flags("swp2") == CLOSED
+            set_reflection(lab, "on")
+            wait_shut(lab)
+            assert lab.sent("swp2") - sent < 30 and lab.flags("swp2") == CLOSED
+
+        set_reflection(lab, "off")
+        started = time.monotonic()
+        bring_back(lab)
+        lab.wait_flags("swp2", OPEN)
+        assert 3 <= time.monotonic() - started < 6
+    events = json.loads(lab.cli("show loop-detect history | json"))["events"]
+    again = ["shut", "brought back", "probation"]
+    assert [event["action"] for event in events] == ["loop found", *again, *again]
+
+
+@pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGKILL])
+@pytest.mark.parametrize("program", ["agent", "tarnd"])
+def test_restart_ends_a_probation(lab, program, end):
+    lab.enable("shutdown", "access-mode")
+    lab.configure("interface swp2", "errdisable recovery probation 600")
+    with lab.reflected("swp2"):
+        wait_shut(lab)
+        set_reflection(lab, "off")
+        bring_back(lab)
+        wait_for(lambda: lab.link("swp2")["operstate"] == "UP", 5, "the link is up")
+        assert lab.flags("swp2") == CLOSED
+        if program == "agent":
+            wait_for(lambda: "probation 600" in lab.startup_config.read_text(), 10, "the line is saved")
+            lab.kill_agent(end)
+            lab.start_agent()
+        else:
+            lab.end_tarnd(end)
+            lab.start_tarnd()
+        lab.wait_flags("swp2", OPEN)
+        set_reflection(lab, "on")
+        wait_shut(lab)
+
+
+def wait_shut(lab):
+    wait_for(lambda: not lab.is_up("swp2"), 10, "swp2 is shut")
+    lab.wait_flags("swp2", CLOSED)
+
+
+def set_reflection(lab, switch):
+    lab.remote("bridge", "link", "set", "dev", "swp2-far", "hairpin", switch)
+
+
+def bring_back(lab):
+    lab.cli("clear errdisable interface swp2")
+    wait_for(lambda: lab.is_up("swp2"), 5, "swp2 is up")
 
 
 @pytest.mark.parametrize("end", [signal.SIGTERM, signal.SIGKILL])

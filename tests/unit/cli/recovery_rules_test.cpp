@@ -299,7 +299,8 @@ TEST_F(RecoveryRules, BadValuesAreRefused) {
 TEST_F(RecoveryRules, HelpListsNumberAndNever) {
     rig.session.mode = "interface";
     rig.session.ifx = 101;
-    EXPECT_EQ(cli::completions(rig.session, "errdisable recovery "), "backoff\ninterval\n");
+    EXPECT_EQ(cli::completions(rig.session, "errdisable recovery "),
+              "backoff\ninterval\nprobation\n");
     EXPECT_EQ(cli::completions(rig.session, "errdisable recovery interval n"), "never\n");
     EXPECT_EQ(cli::help_text(rig.session, "errdisable recovery interval "),
               "  never                   Only an operator brings it back\n"

@@ -91,6 +91,26 @@ TEST_F(GuardTest, AnInnocentPortIsOpenedAfterItsProbes) {
     EXPECT_EQ(take_lines(), Lines{});
 }
 
+TEST_F(GuardTest, InALongTimeThereIsAProbeInEachInterval) {
+    prober.configure_port(2, true, false, now, {.guard = seconds(60)});
+    prober.set_port(2, false, now);
+    prober.set_port(2, true, now);
+    pass(milliseconds(59'999));
+    EXPECT_EQ(take_lines(), Lines{"close 2"});
+    EXPECT_GE(from_2, 60);
+    pass(milliseconds(1));
+    EXPECT_EQ(take_lines(), Lines{"open 2"});
+}
+
+TEST_F(GuardTest, ALoopThatIsClosedLateInALongTimeIsFound) {
+    prober.configure_port(2, true, false, now, {.guard = seconds(60)});
+    prober.set_port(2, false, now);
+    prober.set_port(2, true, now);
+    pass(seconds(57));
+    pass(seconds(10), true);
+    EXPECT_EQ(take_lines(), (Lines{"close 2", "loop 1"}));
+}
+
 TEST_F(GuardTest, ALoopedPortStaysClosedUntilTheLoopHasEnded) {
     prober.set_port(2, false, now);
     prober.set_port(2, true, now);
