@@ -18,6 +18,7 @@ round was bad.
 import argparse
 import contextlib
 import dataclasses
+import json
 import os
 import pathlib
 import random
@@ -220,16 +221,20 @@ class Round:
     policy: str
     faults: list
     plug_before: int  # place among the faults
+    probation: bool = False  # ports that come back are probed before they forward
     problems: list = dataclasses.field(default_factory=list)
 
     def __str__(self):
         played = [*self.faults[:self.plug_before], "LOOP", *self.faults[self.plug_before:]]
-        return f"round {self.number}: {self.kind}, {self.policy}: {', '.join(played)}: {'; '.join(self.problems) or 'good'}"
+        policy = self.policy + (", probation" if self.probation else "")
+        return f"round {self.number}: {self.kind}, {policy}: {', '.join(played)}: {'; '.join(self.problems) or 'good'}"
 
 
 def problems_of(lab):
-    """Dark ports, which are down, or have a link and do not forward, and recorded loops."""
+    """Dark ports, which are down, or have a link and do not forward or are guarded, and recorded loops."""
     found, states = [], lab.states()
+    found += [f"{port['ifname']} is closed" for port in json.loads(lab.inside("bridge", "-d", "-j", "link"))
+              if port.get("locked") and "NO-CARRIER" not in port["flags"]]
     for port in lab.port_names:
         link = lab.link(port)
         if "UP" not in link["flags"]:
@@ -304,9 +309,13 @@ def play_round(seed, number, faults):
     chosen = [draw.choice(faults) for _ in range(draw.randint(1, FAULTS_IN_A_ROUND))]
     policy = "loop-detect enable" + draw.choice((" shutdown access-mode",) * 3 + ("",))
     played = Round(number, draw.choice(kinds), policy, chosen, draw.randint(0, len(chosen)))
+    played.probation = draw.random() < 0.5
     try:
         with ChaosLab(ports=5) as lab, KINDS[played.kind](lab) as loop, Traffic(lab) as traffic:
             lab.enable(*policy.split()[2:])
+            if played.probation:
+                lab.configure(*(line for port in lab.port_names
+                                for line in (f"interface {port}", "errdisable recovery probation 1")))
             lab.cli("write")
             play(lab, loop, traffic, draw, played)
     except (AssertionError, OSError, subprocess.SubprocessError, redis.exceptions.RedisError) as problem:
