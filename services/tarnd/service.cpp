@@ -190,7 +190,11 @@ void Service::close() {
     refresh_timer_.reset();
     take_reports();
     for (const uint32_t ifx : take_over_.release()) {
-        give_back(ifx);
+        // What the switch has shut as far as is known is left to the next process.
+        const auto port = ports_.find(ifx);
+        if (port == ports_.end() || !port->second.shut) {
+            give_back(ifx);
+        }
     }
     open_guarded();
     guard_.remove();
@@ -481,13 +485,8 @@ void Service::on_cut(uint32_t ifx, int error) {
         loop_log_.say({.port = name, .source = "tarn"},
                       {kLogWarning, "CUT", name + " was taken out of service to end a loop."});
     }
-    const auto port = ports_.find(ifx);
-    if (port != ports_.end() && port->second.shut) {
-        journal_.clear(ifx);
-    } else {
-        take_over_.cut(ifx);
-        board_.begin_cut(ifx);
-    }
+    take_over_.cut(ifx);
+    board_.begin_cut(ifx);
 }
 
 bool Service::ask() {

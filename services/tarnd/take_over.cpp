@@ -3,14 +3,19 @@
 namespace qv::tarnd {
 
 void TakeOver::cut(uint32_t ifx) {
-    cuts_[ifx] = {};
+    cuts_[ifx] = {.outdated = !database_};
     if (database_) {
         wait(ifx);
     }
 }
 
 bool TakeOver::taken(uint32_t ifx) {
-    return cuts_.erase(ifx) != 0;
+    const auto cut = cuts_.find(ifx);
+    if (cut == cuts_.end() || (cut->second.outdated && !cut->second.asked)) {
+        return false;
+    }
+    cuts_.erase(cut);
+    return true;
 }
 
 void TakeOver::not_taken(uint32_t ifx) {
@@ -23,7 +28,7 @@ void TakeOver::not_taken(uint32_t ifx) {
 void TakeOver::set_database(bool up) {
     database_ = up;
     for (auto& [ifx, cut] : cuts_) {
-        cut = {};
+        cut = {.outdated = true};
         if (up) {
             wait(ifx);
         }

@@ -2,7 +2,8 @@
 //
 // A port is given back when its record, read kTakeOverTime after the cut, says that the switch has
 // not shut it. While the object database is away nobody can say so, and the port stays as it is: an
-// operator may have shut it meanwhile. The wait begins anew when the database is back.
+// operator may have shut it meanwhile. The wait begins anew when the database is back: what it has
+// then may be what the switch wrote before, and only the answer after that wait counts.
 #pragma once
 
 #include <chrono>
@@ -33,7 +34,8 @@ class TakeOver {
     TakeOver(EventLoop& loop, TakeOverOutputs& outputs) : loop_(loop), outputs_(outputs) {}
 
     void cut(uint32_t ifx);
-    // The port's record says that the switch has shut it. True when the port waited for that.
+    // The port's record has arrived and says that the switch has shut it. True when the port is the
+    // switch's from now on.
     bool taken(uint32_t ifx);
     // The port's record has arrived and says otherwise, or was deleted.
     void not_taken(uint32_t ifx);
@@ -44,7 +46,8 @@ class TakeOver {
  private:
     struct Cut {
         bool asked = false;
-        EventLoop::Handle timer;
+        bool outdated = false;  // records that arrive unasked may be older than the cut
+        EventLoop::Handle timer = {};
     };
 
     void wait(uint32_t ifx);

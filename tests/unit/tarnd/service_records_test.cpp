@@ -149,6 +149,15 @@ TEST_F(ServiceRecords, LoopFollowsWhenTheDatabaseIsBack) {
 }
 
 struct ServiceConfiguration : testing::Test {
+    void put_port(bool shut) {
+        PBridge__TarnPortIndex index = P_BRIDGE__TARN_PORT_INDEX__INIT;
+        index.ifx = kPort;
+        PBridge__TarnPort port = P_BRIDGE__TARN_PORT__INIT;
+        port.index = &index;
+        port.loop_detect = 1;
+        port.shut = shut ? 1 : 0;
+        put("p_bridge.tarn_port/ifx=1000007", port.base);
+    }
     // Another program writes the record.
     void put(const std::string& key, const std::string& packed) {
         rig.platform.memory_store().put(
@@ -210,6 +219,37 @@ TEST_F(ServiceConfiguration, RecordOfNoPortIsLeftOut) {
     port.index = &index;
     put("p_bridge.tarn_port/ifx=0", port.base);
     EXPECT_EQ(take_commands().size(), 0u);
+}
+
+// The switch has opened a port that it had shut, and its record does not say so yet.
+TEST_F(ServiceConfiguration, CutOfAPortThatItsRecordStillCallsShutIsGivenBack) {
+    put_port(true);
+    ASSERT_TRUE(rig.cuts.note(kPort));
+    rig.report({{.kind = Report::Kind::kCut, .ifx = kPort}});
+    put_port(false);
+    EXPECT_EQ(rig.cuts.noted(), std::vector<uint32_t>{kPort});
+    rig.platform.run_for(seconds(7));
+    EXPECT_EQ(rig.cuts.noted(), std::vector<uint32_t>{});
+}
+
+TEST_F(ServiceConfiguration, CutOfAPortThatTheSwitchHasShutBeforeIsItsOwn) {
+    put_port(true);
+    test::kernel().links[kPort].up = false;
+    ASSERT_TRUE(rig.cuts.note(kPort));
+    rig.report({{.kind = Report::Kind::kCut, .ifx = kPort}});
+    rig.platform.run_for(seconds(7));
+    EXPECT_EQ(rig.cuts.noted(), std::vector<uint32_t>{});
+    EXPECT_FALSE(test::kernel().links[kPort].up);
+}
+
+TEST_F(ServiceConfiguration, CutOfAPortThatTheSwitchHasShutIsLeftToTheNextProcessAtTheEnd) {
+    put_port(true);
+    test::kernel().links[kPort].up = false;
+    ASSERT_TRUE(rig.cuts.note(kPort));
+    rig.report({{.kind = Report::Kind::kCut, .ifx = kPort}});
+    rig.service.close();
+    EXPECT_EQ(rig.cuts.noted(), std::vector<uint32_t>{kPort});
+    EXPECT_FALSE(test::kernel().links[kPort].up);
 }
 
 }  // namespace

@@ -84,6 +84,22 @@ TEST_F(TakeOverTest, WhileTheDatabaseIsAwayAPortIsKept) {
     EXPECT_EQ(given_back(), Ports{7});
 }
 
+TEST_F(TakeOverTest, WhatADatabaseThatIsBackSaysCountsAfterTheWait) {
+    take_over.cut(7);
+    take_over.set_database(true);
+    EXPECT_FALSE(take_over.taken(7)) << "it may have been written before the cut";
+    pass(milliseconds(5100));
+    take_over.not_taken(7);
+    EXPECT_EQ(given_back(), Ports{7});
+
+    take_over.cut(8);
+    take_over.set_database(false);
+    take_over.set_database(true);
+    EXPECT_FALSE(take_over.taken(8));
+    pass(milliseconds(5100));
+    EXPECT_TRUE(take_over.taken(8));
+}
+
 TEST_F(TakeOverTest, AServerThatDoesNotAnswerIsAskedAgain) {
     take_over.set_database(true);
     take_over.cut(7);
