@@ -21,6 +21,8 @@ namespace qv {
 namespace {
 
 constexpr int kDatagramsPerTurn = 256;
+// One datagram of a list has hundreds of entries.
+constexpr std::chrono::milliseconds kTimePerTurn{5};
 // Turns of catch_up(): enough to empty a receive buffer of some megabytes, and a limit in case the
 // kernel adds datagrams as fast as they are read.
 constexpr int kCatchUpTurns = 64;
@@ -124,7 +126,9 @@ void RtnlMonitor::catch_up() {
 bool RtnlMonitor::drain() {
     const FlagGuard guard(draining_);
     // Other work of the loop gets its turn; the watch fires again for the rest.
-    for (int datagram = 0; socket_ && datagram < kDatagramsPerTurn; ++datagram) {
+    const Time end = loop_.clock().now() + kTimePerTurn;
+    for (int datagram = 0; socket_ && datagram < kDatagramsPerTurn && loop_.clock().now() < end;
+         ++datagram) {
         sockaddr_nl sender{};
         unsigned char* bytes = nullptr;
         int left = nl_recv(socket_.get(), &sender, &bytes, nullptr);

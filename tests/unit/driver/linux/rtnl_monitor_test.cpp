@@ -2,6 +2,7 @@
 #include "platform/driver/linux/rtnl_monitor.h"
 
 #include <cstring>
+#include <functional>
 #include <optional>
 
 #include <gtest/gtest.h>
@@ -34,11 +35,15 @@ class Listener final : public RtnlMonitor::Listener {
     void on_message(nlmsghdr* header) override {
         const char* const payload = reinterpret_cast<const char*>(header) + sizeof(nlmsghdr);
         heard.emplace_back(payload, header->nlmsg_len - sizeof(nlmsghdr));
+        if (on_each) {
+            on_each();
+        }
     }
     Lines take() { return std::exchange(heard, {}); }
 
     Lines heard;
     int lists_refused = 0;
+    std::function<void()> on_each;  // runs after each message
 };
 
 struct RtnlMonitorTest : testing::Test {
@@ -242,6 +247,25 @@ TEST_F(RtnlMonitorTest, OtherWorkHasItsTurnAmongManyMessages) {
     }
     EXPECT_LE(before_it, 256u);
     EXPECT_EQ(heard().size(), 600u);
+}
+
+// A message may be a long list.
+TEST_F(RtnlMonitorTest, OtherWorkHasItsTurnAfterFiveMilliseconds) {
+    monitor->start(listener);
+    heard();
+    for (int n = 0; n < 20; ++n) {
+        send_rtnl(kMessage, "long");
+    }
+    listener.on_each = [&] {
+        platform.manual_clock.advance(1ms);
+    };
+    size_t before_it = 0;
+    const auto timer = loop.after(Duration::zero(), [&] { before_it = listener.heard.size(); });
+    while (timer && loop.fetch()) {
+        loop.run();
+    }
+    EXPECT_LE(before_it, 5u);
+    EXPECT_EQ(heard().size(), 20u);
 }
 
 TEST_F(RtnlMonitorTest, NothingIsReportedOnceItIsDestroyed) {
