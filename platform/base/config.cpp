@@ -29,6 +29,8 @@ constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr size_t kMaxGroupName = 32;  // of the shadow tools
 constexpr int64_t kMaxPorts = 4096;
 constexpr int64_t kMaxSessions = 1024;
+constexpr int64_t kMinAddresses = 1024;
+constexpr int64_t kMaxAddresses = 1048576;
 constexpr int64_t kMaxIdleTimeout_s = 7 * 24 * 3600;
 constexpr int64_t kShortestLease_ms = 1000;
 constexpr int64_t kLongestLease_ms = 60000;
@@ -212,7 +214,9 @@ std::string listen_fault(const std::string& address) {
 }
 
 void read_sections(const Section& top, PlatformConfig& config) {
-    top.section("linux", {"bridge"}).text("bridge", config.bridge, bridge_fault);
+    const Section linux_switch = top.section("linux", {"bridge", "max_addresses"});
+    linux_switch.text("bridge", config.bridge, bridge_fault);
+    linux_switch.whole_number("max_addresses", config.max_addresses, kMinAddresses, kMaxAddresses);
     top.section("redis", {"socket"}).text("socket", config.redis_socket, socket_fault);
 
     const Section cli = top.section("cli", {"socket", "max_sessions", "idle_timeout"});

@@ -15,6 +15,7 @@ struct PlatformConfig {
     Switch switch_kind = Switch::kEmbedded;
     Store store = Store::kMemory;
     std::string bridge = "br0";                                 // [linux] bridge
+    unsigned max_addresses = 65536;                             // [linux] max_addresses
     std::string redis_socket = "/run/redis/redis-server.sock";  // [redis] socket
     std::string cli_socket = "/run/lda/cli.sock";               // [cli] socket
     unsigned cli_max_sessions = 64;                             // [cli] max_sessions

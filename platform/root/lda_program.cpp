@@ -25,6 +25,7 @@ constexpr const char* kHelp =
     "bridge)\n"
     "  store = \"memory\"              \"memory\" or \"redis\"\n"
     "  [linux]    bridge = \"br0\"\n"
+    "             max_addresses = 65536  learned ones that are followed, 1024 to 1048576\n"
     "  [redis]    socket = \"/run/redis/redis-server.sock\"\n"
     "  [cli]      socket = \"/run/lda/cli.sock\"\n"
     "             max_sessions = 64     shells at the same time, 1 to 1024\n"

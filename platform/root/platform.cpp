@@ -162,11 +162,10 @@ class DescribedPlatform final : public Platform {
             return NameLock::holder(tarn_lock_name(config_), tarn_lock_file(config_)) != 0;
         });
         auto plane = std::make_unique<NftForwarding>(
-            *loop_, NftForwarding::Settings{.find_bridge = [&ports] { return ports.bridge(); },
-                                            .find_port =
-                                                [this](uint32_t phyid) {
-                                                    return ports_->find_phyid(phyid);
-                                                }});
+            *loop_, NftForwarding::Settings{
+                        .find_bridge = [&ports] { return ports.bridge(); },
+                        .find_port = [this](uint32_t phyid) { return ports_->find_phyid(phyid); },
+                        .mirror = {.entries = config_.max_addresses}});
         port_follower_ = std::make_unique<PortFollower>(
             [rules = plane.get()](uint32_t phyid) { rules->port_changed(phyid); });
         ports_->add_observer(*port_follower_);

@@ -43,7 +43,8 @@ std::optional<FdbEntry> parse_fdb_entry(nlmsghdr* header) {
         address = address << 8 | bytes[n];
     }
     const uint16_t vlan = field[NDA_VLAN] != nullptr ? nla_get_u16(field[NDA_VLAN]) : 0;
-    return FdbEntry{nla_get_u32(field[NDA_MASTER]), address, vlan};
+    const bool learned = (entry.ndm_state & (NUD_PERMANENT | NUD_NOARP)) == 0;
+    return FdbEntry{nla_get_u32(field[NDA_MASTER]), address, vlan, learned};
 }
 
 }  // namespace qv

@@ -15,6 +15,7 @@ struct FdbEntry {
     uint32_t bridge;  // interface index
     MacAddress address;
     uint16_t vlan;  // 0 when the bridge does not filter VLANs
+    bool learned;   // from a frame; false: set by hand, or the bridge's own
 };
 
 // Decodes an RTM_NEWNEIGH or RTM_DELNEIGH about an entry of a bridge. Returns nothing for any other

@@ -1,6 +1,7 @@
 // The mirror holds two sets: `entries_`, what the kernel has, and `known_`, what was reported.
-// `pending_` lists the addresses in which they may differ. A timer reports those differences, some
-// at a time, and moves them to `known_`.
+// `pending_` lists the addresses in which they may differ; after a list has been read, all
+// addresses are compared, in ascending order. A timer reports the differences, some at a time, and
+// moves them to `known_`.
 //
 // Entries come from one socket that is subscribed to changes before it asks for the list (a dump),
 // so nothing happens unseen between the two. Three things can still make the list wrong:
@@ -19,10 +20,14 @@
 // Multicast addresses are left out: the bridge floods them, whatever its list says.
 #include "platform/driver/linux/fdb_mirror.h"
 
+#include <algorithm>
+#include <stdexcept>
 #include <utility>
 
 #include <linux/rtnetlink.h>
 #include <sys/socket.h>
+
+#include "platform/base/message_log.h"
 
 namespace qv {
 namespace {
@@ -32,8 +37,8 @@ constexpr MacAddress kGroupBit = MacAddress{1} << 40;
 
 }  // namespace
 
-FdbMirror::FdbMirror(EventLoop& loop, Changed changed, int receive_buffer)
-    : loop_(loop), changed_(std::move(changed)), receive_buffer_(receive_buffer) {}
+FdbMirror::FdbMirror(EventLoop& loop, Changed changed, const Limits& limits)
+    : loop_(loop), changed_(std::move(changed)), limits_(limits) {}
 
 FdbMirror::~FdbMirror() = default;
 
@@ -46,9 +51,10 @@ void FdbMirror::follow(uint32_t bridge) {
                                         .list_request = RTM_GETNEIGH,
                                         .family = AF_BRIDGE,
                                         .request_bytes = sizeof(ndmsg),
-                                        .receive_buffer = receive_buffer_});
+                                        .receive_buffer = limits_.receive_buffer});
     }
     monitor_ = std::move(monitor);
+    refill_timer_.reset();
     bridge_ = bridge;
     read_again_ = false;
     if (!monitor_) {
@@ -63,10 +69,12 @@ void FdbMirror::follow(uint32_t bridge) {
 void FdbMirror::stop() {
     monitor_.reset();
     report_timer_.reset();
+    refill_timer_.reset();
     bridge_ = 0;
     entries_.clear();
     deleted_.clear();
     pending_.clear();
+    compare_from_.reset();
     known_.clear();
     reading_ = false;
     read_again_ = false;
@@ -74,8 +82,8 @@ void FdbMirror::stop() {
 }
 
 void FdbMirror::repeat() {
-    pending_.merge(known_);
     known_.clear();
+    compare_from_ = 0;
     repeating_ = true;
     schedule_report();
 }
@@ -88,6 +96,7 @@ void FdbMirror::on_dump_begin() {
     if (!std::exchange(read_again_, false)) {
         entries_.clear();
         readings_ = 0;
+        full_ = false;
     }
 }
 
@@ -99,15 +108,40 @@ bool FdbMirror::on_dump_end() {
     return !read_again_;
 }
 
-// Makes every address of either set pending.
 void FdbMirror::compare_all() {
     reading_ = false;
     deleted_.clear();
-    pending_ = known_;
-    for (const uint64_t entry : entries_) {
-        pending_.insert(entry >> kVlanBits);
-    }
+    pending_.clear();
+    compare_from_ = 0;
     schedule_report();
+    if (!full_ && std::exchange(logged_full_, false)) {
+        log_message(kLogInfo, "FORWARDING", "ADDRESSES",
+                    "All addresses of the bridge are known again.");
+    }
+}
+
+// Says so when a new entry must be left out.
+bool FdbMirror::is_full_for(const FdbEntry& entry, uint64_t key) {
+    if (!entry.learned || entries_.size() < limits_.entries || entries_.contains(key)) {
+        return false;
+    }
+    full_ = true;
+    if (!std::exchange(logged_full_, true)) {
+        log_message(kLogWarning, "FORWARDING", "ADDRESSES",
+                    "The bridge has learned more than %zu addresses: frames to the others count as "
+                    "flooded. Limit what it learns with fdb_max_learned.",
+                    limits_.entries);
+    }
+    return true;
+}
+
+// The entries that were left out.
+void FdbMirror::refill() {
+    try {
+        follow(bridge_);
+    } catch (const std::runtime_error&) {
+        refill_timer_ = loop_.after(kRefillPause, [this] { refill(); });
+    }
 }
 
 void FdbMirror::on_message(nlmsghdr* header) {
@@ -121,8 +155,11 @@ void FdbMirror::on_message(nlmsghdr* header) {
         entries_.erase(key);
         if (reading_) {
             deleted_.insert(key);
+        } else if (full_ && !refill_timer_ &&
+                   entries_.size() <= limits_.entries - limits_.entries / 4) {
+            refill_timer_ = loop_.after(kRefillPause, [this] { refill(); });
         }
-    } else if (!listed || !deleted_.contains(key)) {
+    } else if ((!listed || !deleted_.contains(key)) && !is_full_for(*entry, key)) {
         entries_.insert(key);
     }
     if (!reading_ && has_entry(entry->address) != known_.contains(entry->address)) {
@@ -142,29 +179,50 @@ void FdbMirror::schedule_report() {
     }
 }
 
+// The first address of either set that is not lower.
+std::optional<MacAddress> FdbMirror::next_address(MacAddress from) const {
+    const auto entry = entries_.lower_bound(from << kVlanBits);
+    const auto known = known_.lower_bound(from);
+    if (entry == entries_.end()) {
+        return known == known_.end() ? std::nullopt : std::optional(*known);
+    }
+    const MacAddress address = *entry >> kVlanBits;
+    return known == known_.end() ? address : std::min(address, *known);
+}
+
+void FdbMirror::settle(MacAddress address, Difference& difference) {
+    if (!has_entry(address)) {
+        if (known_.erase(address) != 0) {
+            difference.gone.push_back(address);
+        }
+    } else if (known_.insert(address).second) {
+        difference.added.push_back(address);
+    }
+}
+
 void FdbMirror::report() {
     if (reading_) {
         return;  // on_dump_end() schedules the next report
     }
-    std::vector<MacAddress> added;
-    std::vector<MacAddress> gone;
+    Difference difference;
     for (size_t n = 0; n < kMaxPerReport && !pending_.empty(); ++n) {
-        const MacAddress address = pending_.extract(pending_.begin()).value();
-        if (!has_entry(address)) {
-            if (known_.erase(address) != 0) {
-                gone.push_back(address);
-            }
-        } else if (known_.insert(address).second) {
-            added.push_back(address);
+        settle(pending_.extract(pending_.begin()).value(), difference);
+    }
+    for (size_t n = 0; n < kMaxCompared && difference.size() < kMaxPerReport && compare_from_;
+         ++n) {
+        const auto address = next_address(*compare_from_);
+        if (address) {
+            settle(*address, difference);
         }
+        compare_from_ = address ? std::optional(*address + 1) : std::nullopt;
     }
-    if (pending_.empty()) {
-        repeating_ = false;
-    } else {
+    if (!pending_.empty() || compare_from_) {
         report_timer_ = loop_.after(Duration::zero(), [this] { report(); });
+    } else {
+        repeating_ = false;
     }
-    if (!added.empty() || !gone.empty()) {
-        changed_(added, gone);
+    if (difference.size() != 0) {
+        changed_(difference.added, difference.gone);
     }
 }
 

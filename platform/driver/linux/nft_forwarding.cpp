@@ -66,7 +66,7 @@ NftForwarding::NftForwarding(EventLoop& loop, Settings settings)
       table_(kTable),
       mirror_(
           loop, [this](const auto& added, const auto& gone) { update_known(added, gone); },
-          settings_.receive_buffer) {}
+          settings_.mirror) {}
 
 NftForwarding::~NftForwarding() {
     close();

@@ -52,7 +52,7 @@ class NftForwarding final : public ForwardingDriver {
     struct Settings {
         FindBridge find_bridge;
         FindPort find_port;
-        int receive_buffer = FdbMirror::kReceiveBuffer;
+        FdbMirror::Limits mirror = {};
     };
 
     // Nothing is opened before the first request. The loop must outlive the plane.

@@ -47,6 +47,7 @@ void expect_defaults(const PlatformConfig& config) {
     EXPECT_EQ(config.switch_kind, PlatformConfig::Switch::kEmbedded);
     EXPECT_EQ(config.store, PlatformConfig::Store::kMemory);
     EXPECT_EQ(config.bridge, "br0");
+    EXPECT_EQ(config.max_addresses, 65536u);
     EXPECT_EQ(config.redis_socket, "/run/redis/redis-server.sock");
     EXPECT_EQ(config.cli_socket, "/run/lda/cli.sock");
     EXPECT_EQ(config.cli_max_sessions, 64u);
@@ -77,6 +78,7 @@ TEST_F(ConfigFile, EveryKeyIsRead) {
 switch = "embedded"
 store = "redis"
 linux.bridge = "lab"
+linux.max_addresses = 2048
 [redis]
 socket = "/tmp/redis.sock"
 [cli]
@@ -105,6 +107,7 @@ write_group = "operators"
 )");
     EXPECT_EQ(config.store, PlatformConfig::Store::kRedis);
     EXPECT_EQ(config.bridge, "lab");
+    EXPECT_EQ(config.max_addresses, 2048u);
     EXPECT_EQ(config.redis_socket, "/tmp/redis.sock");
     EXPECT_EQ(config.cli_socket, "cli.sock");
     EXPECT_EQ(config.cli_max_sessions, 1024u);
@@ -234,19 +237,22 @@ TEST_F(ConfigFile, ValueOutOfRangeIsRefused) {
 
 TEST_F(ConfigFile, ValuesAtTheirLimitsAreTaken) {
     const std::string path(107, 's');
-    const PlatformConfig least =
-        read("[linux]\nbridge = \"fifteen-letters\"\n[redis]\nsocket = \"" + path +
-             "\"\n[cli]\nmax_sessions = 1\nidle_timeout = 0\n[embedded]\nports = 1\n"
-             "[clock]\nspeed = 0.001\n");
+    const PlatformConfig least = read(
+        "[linux]\nbridge = \"fifteen-letters\"\nmax_addresses = 1024\n[redis]\nsocket = \"" + path +
+        "\"\n[cli]\nmax_sessions = 1\nidle_timeout = 0\n[embedded]\nports = 1\n"
+        "[clock]\nspeed = 0.001\n");
     EXPECT_EQ(least.bridge, "fifteen-letters");
     EXPECT_EQ(least.redis_socket, path);
+    EXPECT_EQ(least.max_addresses, 1024u);
     EXPECT_EQ(least.cli_max_sessions, 1u);
     EXPECT_EQ(least.cli_idle_timeout_s, 0u);
     EXPECT_EQ(least.embedded_ports, 1u);
     EXPECT_EQ(least.speed, 0.001);
     const PlatformConfig most = read(
-        "[cli]\nmax_sessions = 1024\nidle_timeout = 604800\n[embedded]\nports = 4096\n"
+        "[linux]\nmax_addresses = 1048576\n[cli]\nmax_sessions = 1024\nidle_timeout = "
+        "604800\n[embedded]\nports = 4096\n"
         "[clock]\nspeed = 10000\n");
+    EXPECT_EQ(most.max_addresses, 1048576u);
     EXPECT_EQ(most.cli_max_sessions, 1024u);
     EXPECT_EQ(most.cli_idle_timeout_s, 604800u);
     EXPECT_EQ(most.embedded_ports, 4096u);
@@ -265,6 +271,10 @@ TEST_F(ConfigFile, ImpossibleNameOrPathIsRefused) {
     EXPECT_EQ(fault_of("[linux]\nbridge = \"sixteen-letters-\"\n"), bridge);
     EXPECT_EQ(fault_of("[cli]\nsocket = \"\"\n"),
               "FILE:2: cli.socket must be a path of 1 to 107 bytes");
+    for (const char* number : {"1023", "1048577"}) {
+        EXPECT_EQ(fault_of("[linux]\nmax_addresses = " + std::string(number) + "\n"),
+                  "FILE:2: linux.max_addresses must be a whole number from 1024 to 1048576");
+    }
     for (const char* number : {"0", "1025", "-1", "2.0", "\"2\""}) {
         EXPECT_EQ(fault_of("[cli]\nmax_sessions = " + std::string(number) + "\n"),
                   "FILE:2: cli.max_sessions must be a whole number from 1 to 1024");

@@ -50,8 +50,8 @@ TEST_F(FdbMirrorTest, EntriesDeletedDuringTheListHideNoOthers) {
         }
     });
     for (int reading = 0; reading < 20; ++reading) {
-        FdbMirror mirror(
-            loop, [](const auto&, const auto&) {}, kRoomForSeconds_bytes);
+        FdbMirror mirror(loop, [](const auto&, const auto&) {},
+                         {.receive_buffer = kRoomForSeconds_bytes});
         mirror.follow(if_nametoindex("br0"));
         const auto found = [&] {
             const auto& known = mirror.known();
@@ -69,7 +69,7 @@ TEST_F(FdbMirrorTest, EntriesDeletedDuringTheListHideNoOthers) {
 TEST_F(FdbMirrorTest, KnownAddressesStayWhileThereIsNoSocketForAnotherBridge) {
     bridge(entries("add", kHost, 1));
     std::vector<MacAddress> lost;
-    FdbMirror mirror(loop, [&](const auto&, const auto& gone) { lost = gone; });
+    FdbMirror mirror(loop, [&](const auto&, const auto& gone) { lost = gone; }, {});
     mirror.follow(bridge_ifx);
     ASSERT_TRUE(wait_for([&] { return mirror.known().contains(kHost); }));
 
@@ -110,6 +110,7 @@ TEST_F(FdbMirrorTest, RulesWaitForTheMirror) {
 // ---- A scripted list ----
 
 constexpr uint32_t kBridge = 7;
+constexpr size_t kLimit = 2000;
 
 struct FdbListTest : testing::Test {
     void SetUp() override {
@@ -120,9 +121,11 @@ struct FdbListTest : testing::Test {
         mirror.follow(kBridge);
     }
 
-    void send(uint16_t type, MacAddress address, uint16_t flags, uint16_t vlan) {
+    void send(uint16_t type, MacAddress address, uint16_t flags, uint16_t vlan,
+              uint16_t state = NUD_REACHABLE) {
         ndmsg entry{};
         entry.ndm_family = AF_BRIDGE;
+        entry.ndm_state = state;
         std::string bytes(6, '\0');
         for (size_t n = 0; n < bytes.size(); ++n) {
             bytes[n] = static_cast<char>(address >> (8 * (5 - n)));
@@ -155,8 +158,12 @@ struct FdbListTest : testing::Test {
     using Set = std::set<MacAddress>;
     test::TestPlatform platform;
     EventLoop loop{platform.manual_clock};
-    FdbMirror mirror{loop, [](const auto&, const auto&) {
-                     }};
+    FdbMirror mirror{loop,
+                     [this](const auto& added, const auto& gone) {
+                         largest_report = std::max(largest_report, added.size() + gone.size());
+                     },
+                     {.entries = kLimit}};
+    size_t largest_report = 0;
 };
 
 // The kernel announces a deletion at once, and sends the part of the list that it has begun later.
@@ -256,6 +263,124 @@ TEST_F(FdbListTest, KnownAddressesStayUntilTheListOfAnotherBridgeIsComplete) {
     list(kHost + 1);
     test::send_rtnl_done();
     EXPECT_EQ(known(), Set{kHost + 1});
+}
+
+// ---- More entries than there are places ----
+
+struct FullFdbTest : FdbListTest {
+    void SetUp() override {
+        FdbListTest::SetUp();
+        for (MacAddress n = 0; n < kLimit; ++n) {
+            list(kHost + n);
+        }
+        test::send_rtnl_done();
+        known();
+    }
+    // Messages since the last call.
+    std::vector<std::string> log() {
+        std::vector<std::string> lines = platform.log.lines();
+        lines.erase(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(logged_));
+        logged_ += lines.size();
+        return lines;
+    }
+    void delete_entries(MacAddress first, MacAddress count) {
+        for (MacAddress address = first; address < first + count; ++address) {
+            announce_deleted(address);
+        }
+    }
+
+ private:
+    size_t logged_ = 0;
+};
+
+constexpr MacAddress kStranger = kHost + 0x100000;
+constexpr const char* kFull =
+    "FORWARDING-4-ADDRESSES: The bridge has learned more than 2000 addresses: frames to the others "
+    "count as flooded. Limit what it learns with fdb_max_learned.";
+
+TEST_F(FullFdbTest, LearnedEntriesBeyondTheLimitAreLeftOutAndSaidOnce) {
+    EXPECT_EQ(log(), std::vector<std::string>{});
+    announce_new(kStranger);
+    announce_new(kStranger + 1);
+    announce_new(kHost);  // moves to another port
+    EXPECT_EQ(known().size(), kLimit);
+    EXPECT_FALSE(mirror.known().contains(kStranger));
+    EXPECT_TRUE(mirror.known().contains(kHost));
+    EXPECT_EQ(log(), std::vector<std::string>{kFull});
+}
+
+TEST_F(FullFdbTest, EntriesSetByHandAndThoseOfTheBridgeAreNeverLeftOut) {
+    send(RTM_NEWNEIGH, kStranger, 0, 1, NUD_NOARP);
+    send(RTM_NEWNEIGH, kStranger + 1, 0, 1, NUD_PERMANENT);
+    EXPECT_EQ(known().size(), kLimit + 2);
+    EXPECT_TRUE(mirror.known().contains(kStranger) && mirror.known().contains(kStranger + 1));
+    EXPECT_EQ(log(), std::vector<std::string>{});
+}
+
+TEST_F(FullFdbTest, PlaceThatBecomesFreeIsTaken) {
+    announce_new(kStranger);
+    announce_deleted(kHost);
+    announce_new(kStranger + 1);
+    EXPECT_TRUE(known().contains(kStranger + 1));
+    EXPECT_FALSE(mirror.known().contains(kStranger));
+    EXPECT_EQ(test::g_rtnl.requests, 1u);
+}
+
+TEST_F(FullFdbTest, EverythingIsReadAgainWhenAQuarterIsFree) {
+    announce_new(kStranger);
+    delete_entries(kHost, kLimit / 4 - 1);
+    EXPECT_EQ(known().size(), kLimit * 3 / 4 + 1);
+    EXPECT_EQ(test::g_rtnl.requests, 1u);
+    announce_deleted(kHost + kLimit - 1);
+    EXPECT_EQ(known().size(), kLimit * 3 / 4) << "as they were until the list is complete";
+    EXPECT_EQ(test::g_rtnl.requests, 2u);
+    EXPECT_EQ(log(), std::vector<std::string>{kFull});
+    list(kStranger);
+    test::send_rtnl_done();
+    EXPECT_EQ(known(), Set{kStranger});
+    EXPECT_EQ(log(), std::vector<std::string>{
+                         "FORWARDING-6-ADDRESSES: All addresses of the bridge are known again."});
+}
+
+TEST_F(FullFdbTest, ListThatIsTooLongAgainIsNotSaidAgain) {
+    announce_new(kStranger);
+    delete_entries(kHost, kLimit / 4);
+    known();
+    for (MacAddress n = 0; n <= kLimit; ++n) {
+        list(kStranger + n);
+    }
+    test::send_rtnl_done();
+    EXPECT_EQ(known().size(), kLimit);
+    EXPECT_EQ(log(), std::vector<std::string>{kFull});
+}
+
+TEST_F(FullFdbTest, ReadingAgainWaitsForASocket) {
+    announce_new(kStranger);
+    test::g_rtnl.no_socket = true;
+    delete_entries(kHost, kLimit / 4);
+    known();
+    EXPECT_EQ(test::g_rtnl.requests, 1u);
+    test::g_rtnl.no_socket = false;
+    known();
+    EXPECT_EQ(test::g_rtnl.requests, 2u);
+}
+
+// ---- Reports ----
+
+TEST_F(FullFdbTest, ReportsAreSmallAlsoAfterAList) {
+    EXPECT_EQ(mirror.known().size(), kLimit);
+    EXPECT_EQ(largest_report, FdbMirror::kMaxPerReport);
+    largest_report = 0;
+    mirror.repeat();
+    EXPECT_TRUE(mirror.known().empty() && mirror.repeating());
+    announce_deleted(kHost + 1);
+    announce_new(kHost + kLimit);
+    EXPECT_EQ(known().size(), kLimit);
+    EXPECT_FALSE(mirror.repeating());
+    EXPECT_FALSE(mirror.known().contains(kHost + 1));
+    EXPECT_EQ(largest_report, FdbMirror::kMaxPerReport);
+    mirror.follow(0);
+    EXPECT_EQ(known(), Set{});
 }
 
 }  // namespace

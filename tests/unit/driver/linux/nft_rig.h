@@ -144,7 +144,7 @@ struct NftForwardingTest : testing::Test {
                                                   return found == ports.end() ? nullptr
                                                                               : &found->second;
                                               },
-                                          .receive_buffer = receive_buffer});
+                                          .mirror = {.receive_buffer = receive_buffer}});
         plane->start(sink);
     }
 
