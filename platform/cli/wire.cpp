@@ -1,7 +1,9 @@
 #include "platform/cli/wire.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <utility>
 
 #include "platform/cli/command_trees.h"
@@ -22,6 +24,28 @@ const std::string* text_of(const json& request, const char* key) {
     return found == request.end() ? nullptr : found->get_ptr<const std::string*>();
 }
 
+// The interface index of a request, 0 when it has none; nothing when it is not a valid one.
+std::optional<uint32_t> port_of(const json& request) {
+    const auto ifx = request.find("ifx");
+    if (ifx == request.end()) {
+        return 0;
+    }
+    if (!ifx->is_number_unsigned() || ifx->get<uint64_t>() > UINT32_MAX) {
+        return std::nullopt;
+    }
+    return ifx->get<uint32_t>();
+}
+
+// Cut after the last line that fits.
+std::string within_limit(std::string_view output) {
+    if (output.size() <= kMaxOutputBytes) {
+        return std::string(output);
+    }
+    const size_t end = output.rfind('\n', kMaxOutputBytes - 1);
+    const size_t size = end == std::string_view::npos ? kMaxOutputBytes : end + 1;
+    return std::string(output.substr(0, size)) + "% The output is cut: it is longer than 16 MiB.\n";
+}
+
 void answer_exec(const json& request, const std::string& line, SessionState& session,
                  Completion answer) {
     if (!request.contains("mode")) {
@@ -29,17 +53,26 @@ void answer_exec(const json& request, const std::string& line, SessionState& ses
         return;
     }
     const std::string* mode = text_of(request, "mode");
-    const auto ifx = request.find("ifx");
-    if (!mode || (ifx != request.end() && !ifx->is_number_integer())) {
-        answer(error_result("\"mode\" is a text and \"ifx\" a number."));
+    if (!mode) {
+        answer(error_result("\"mode\" is not a text."));
+        return;
+    }
+    const std::optional<uint32_t> ifx = port_of(request);
+    if (!ifx) {
+        answer(error_result("\"ifx\" is not a whole number from 0 to 4294967295."));
+        return;
+    }
+    if (!session.privileged && *mode != kModeExec) {
+        answer(error_result("This mode needs \"enable\" first."));
         return;
     }
     SessionState alone;
     alone.caller = session.caller;
     alone.number = session.number;
     alone.claim = session.claim;
+    alone.privileged = session.privileged;
     alone.mode = *mode;
-    alone.ifx = ifx == request.end() ? 0 : ifx->get<uint64_t>();
+    alone.ifx = *ifx;
     execute_alone(std::move(alone), line, std::move(answer));
 }
 
@@ -79,7 +112,9 @@ void answer_request(std::string_view text, SessionState& session, Completion ans
 }
 
 std::string reply(const Result& result, const SessionState& session) {
-    json object{{"output", result.output}, {"result", result.code}, {"prompt", prompt(session)}};
+    json object{{"output", within_limit(result.output)},
+                {"result", result.code},
+                {"prompt", prompt(session)}};
     if (result.wrong_at) {
         object["wrong_at"] = *result.wrong_at;
     }

@@ -1,11 +1,11 @@
 // The requests and replies of the command-line socket: one JSON object on a line each.
 //
-//   {"exec": LINE}      executes the line; with "mode" and "ifx" in that mode, for this line only
+//   {"exec": LINE}      executes the line; with "mode" and "ifx" in that mode, for this line only.
+//                       After "disable" that mode can only be exec, with the view commands.
 //   {"complete": LINE}  words that can stand in place of the last one, one per line of "output"
 //   {"help": LINE}      the same with their help texts
 //   {"check": FILE}     checks the configuration in the file and changes nothing; "output" has a
-//   line
-//                       for each fault
+//                       line for each fault
 // Reply: {"output": TEXT, "prompt": TEXT, "result": NUMBER}, with "end": true when the session ends
 // with it, and with "wrong_at": BYTES when LINE is not a command: where the wrong word begins, or
 // the end of the line when something is missing there. "length": NUMBER is in the replies of a
@@ -13,6 +13,7 @@
 // between replies. Loop thread only.
 #pragma once
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -23,7 +24,12 @@ namespace qv::cli {
 // Serves one request and hands its result to `answer`, as execute() does: now, or later.
 void answer_request(std::string_view text, SessionState& session, Completion answer);
 
-// Replies and events end in a line end.
+// The text of an answer before it is written as JSON. A longer one is cut at the end of a line, and
+// says so. Configurations and their files are limited to as much.
+inline constexpr size_t kMaxOutputBytes = size_t{16} << 20;
+
+// Replies and events end in a line end. "output" has at most kMaxOutputBytes and the line that says
+// that it is cut.
 std::string reply(const Result& result, const SessionState& session);
 std::string monitor_event(std::string_view text);
 

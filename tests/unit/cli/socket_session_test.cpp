@@ -14,6 +14,7 @@
 #include "platform/cli/command_trees.h"
 #include "platform/cli/socket_server.h"
 #include "platform/cli/socket_session.h"
+#include "platform/cli/wire.h"
 #include "qv/syslog.h"
 #include "tests/unit/cli/cli_rig.h"
 #include "tests/unit/cli/wire_client.h"
@@ -108,6 +109,65 @@ TEST_F(SocketSession, LineInAModeOfItsOwnLeavesTheSessionWhereItWas) {
         EXPECT_EQ(ask(*client, R"({"exec": "shutdown", "mode": ")" + std::string(mode) + "\"}"),
                   "{\"output\":\"% Unknown mode.\\n\",\"prompt\":\"lda# \",\"result\":-1}\n");
     }
+}
+
+TEST_F(SocketSession, LineInAModeOfItsOwnKeepsTheLevelOfTheSession) {
+    const auto client = connect();
+    EXPECT_EQ(ask(*client, R"({"exec": "disable"})"),
+              "{\"output\":\"\",\"prompt\":\"lda> \",\"result\":0}\n");
+    for (const char* mode : {"config", "interface"}) {
+        EXPECT_EQ(ask(*client,
+                      R"({"exec": "shutdown", "ifx": 102, "mode": ")" + std::string(mode) + "\"}"),
+                  "{\"output\":\"% This mode needs \\\"enable\\\" first.\\n\",\"prompt\":\"lda> \","
+                  "\"result\":-1}\n");
+    }
+    EXPECT_EQ(ask(*client, R"({"exec": "write", "mode": "exec"})"),
+              "{\"output\":\"% Unknown command: 'write'.\\n\",\"prompt\":\"lda> \",\"result\":-1,"
+              "\"wrong_at\":0}\n");
+    EXPECT_EQ(ask(*client, R"({"exec": "enable", "mode": "exec"})"),
+              "{\"output\":\"\",\"prompt\":\"lda> \",\"result\":0}\n")
+        << "for this line only";
+    EXPECT_TRUE(rig.model.find(102U)->admin_up);
+    ask(*client, R"({"exec": "enable"})");
+    ask(*client, R"({"exec": "shutdown", "mode": "interface", "ifx": 102})");
+    EXPECT_FALSE(rig.model.find(102U)->admin_up);
+}
+
+TEST_F(SocketSession, InterfaceIndexHasThirtyTwoBits) {
+    const auto client = connect();
+    for (const char* ifx : {"-1", "4294967296", "4294967398", "18446744073709551718", "1.0",
+                            "\"102\"", "null", "[]"}) {
+        EXPECT_EQ(ask(*client, R"({"exec": "shutdown", "mode": "interface", "ifx": )" +
+                                   std::string(ifx) + "}"),
+                  "{\"output\":\"% \\\"ifx\\\" is not a whole number from 0 to 4294967295.\\n\","
+                  "\"prompt\":\"lda# \",\"result\":-1}\n")
+            << ifx;
+    }
+    EXPECT_TRUE(rig.model.find(102U)->admin_up);
+    EXPECT_EQ(ask(*client, R"({"exec": "shutdown", "mode": "interface", "ifx": 4294967295})"),
+              "{\"output\":\"% The interface does not exist.\\n\",\"prompt\":\"lda# \","
+              "\"result\":-1}\n");
+    EXPECT_EQ(
+        ask(*client, R"({"exec": "shutdown", "mode": 7})"),
+        "{\"output\":\"% \\\"mode\\\" is not a text.\\n\",\"prompt\":\"lda# \",\"result\":-1}\n");
+}
+
+TEST_F(SocketSession, OutputIsCutAtTheEndOfALine) {
+    const qv::cli::SessionState session;
+    const std::string line(1023, 'x');
+    std::string output;
+    for (int i = 0; i < 16 * 1024; ++i) {
+        output += line + "\n";
+    }
+    const std::string whole = qv::cli::reply({0, output}, session);
+    EXPECT_EQ(whole.find("% The output"), std::string::npos) << "exactly 16 MiB";
+    const std::string cut = qv::cli::reply({0, "a\n" + output}, session);
+    EXPECT_EQ(cut.substr(cut.find("\\n% ") - 5),
+              "xxxxx\\n% The output is cut: it is longer than 16 MiB.\\n\",\"prompt\":\"lda# \","
+              "\"result\":0}\n");
+    EXPECT_LT(cut.size(), whole.size());
+    const std::string endless = qv::cli::reply({0, std::string(size_t{17} << 20, 'x')}, session);
+    EXPECT_EQ(endless.find("% The output is cut"), (size_t{16} << 20) + 11) << "no line end";
 }
 
 TEST_F(SocketSession, InvalidUtf8IsReplacedInTheReply) {
