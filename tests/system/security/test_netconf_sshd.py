@@ -15,7 +15,7 @@ def settings_of(user, folder):
     assert "Match Group netconf\n" in text
     config.write_text(f"HostKey {key}\n" + text.replace("Match Group netconf\n", "Match User root\n"))
     pathlib.Path("/run/sshd").mkdir(exist_ok=True)
-    run = subprocess.run(["/usr/sbin/sshd", "-T", "-f", str(config), "-C", f"user={user},host=h,addr=192.0.2.1"],
+    run = subprocess.run(["/usr/sbin/sshd", "-T", "-f", str(config), "-C", f"user={user},host=h,addr=192.0.2.1,laddr=192.0.2.2,lport=22"],
                          capture_output=True, text=True, check=False)
     assert run.returncode == 0, run.stderr
     return run.stdout.splitlines()
