@@ -27,6 +27,8 @@ namespace {
 constexpr size_t kMaxBridgeName = 15;  // the kernel's limit for an interface name
 constexpr size_t kMaxSocketPath = sizeof(sockaddr_un::sun_path) - 1;
 constexpr size_t kMaxGroupName = 32;  // of the shadow tools
+constexpr size_t kMaxRedisUser = 64;
+constexpr size_t kMaxFilePath = 4095;  // the kernel's limit
 constexpr int64_t kMaxPorts = 4096;
 constexpr int64_t kMaxSessions = 1024;
 constexpr int64_t kMinAddresses = 1024;
@@ -195,6 +197,21 @@ std::string socket_fault(const std::string& socket) {
                : "must be a path of 1 to " + std::to_string(kMaxSocketPath) + " bytes";
 }
 
+std::string redis_user_fault(const std::string& name) {
+    const bool clean =
+        std::all_of(name.begin(), name.end(), [](unsigned char c) { return std::isgraph(c) != 0; });
+    return clean && !name.empty() && name.size() <= kMaxRedisUser
+               ? ""
+               : "must be a name of 1 to " + std::to_string(kMaxRedisUser) +
+                     " characters, none of them blank";
+}
+
+std::string file_fault(const std::string& path) {
+    return path.starts_with('/') && path.size() <= kMaxFilePath
+               ? ""
+               : "must be an absolute path of up to " + std::to_string(kMaxFilePath) + " bytes";
+}
+
 std::string group_fault(const std::string& name) {
     const bool shaped = !name.empty() && name.size() <= kMaxGroupName &&
                         name.find_first_of(": \t\r\n\v\f,") == std::string::npos;
@@ -217,7 +234,14 @@ void read_sections(const Section& top, PlatformConfig& config) {
     const Section linux_switch = top.section("linux", {"bridge", "max_addresses"});
     linux_switch.text("bridge", config.bridge, bridge_fault);
     linux_switch.whole_number("max_addresses", config.max_addresses, kMinAddresses, kMaxAddresses);
-    top.section("redis", {"socket"}).text("socket", config.redis_socket, socket_fault);
+    const Section redis = top.section("redis", {"socket", "user", "password_file"});
+    redis.text("socket", config.redis.socket, socket_fault);
+    redis.text("user", config.redis.user, redis_user_fault);
+    redis.text("password_file", config.redis.password_file, file_fault);
+    if (redis.has("user") != redis.has("password_file")) {
+        redis.fail(redis.has("user") ? "user" : "password_file",
+                   redis.has("user") ? "needs redis.password_file" : "needs redis.user");
+    }
 
     const Section cli = top.section("cli", {"socket", "max_sessions", "idle_timeout"});
     cli.text("socket", config.cli_socket, socket_fault);

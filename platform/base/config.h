@@ -5,6 +5,8 @@
 
 #include <string>
 
+#include "platform/base/redis_server.h"
+
 namespace qv {
 
 struct PlatformConfig {
@@ -14,12 +16,13 @@ struct PlatformConfig {
 
     Switch switch_kind = Switch::kEmbedded;
     Store store = Store::kMemory;
-    std::string bridge = "br0";                                 // [linux] bridge
-    unsigned max_addresses = 65536;                             // [linux] max_addresses
-    std::string redis_socket = "/run/redis/redis-server.sock";  // [redis] socket
-    std::string cli_socket = "/run/lda/cli.sock";               // [cli] socket
-    unsigned cli_max_sessions = 64;                             // [cli] max_sessions
-    unsigned cli_idle_timeout_s = 1800;                         // [cli] idle_timeout; 0: never
+    std::string bridge = "br0";      // [linux] bridge
+    unsigned max_addresses = 65536;  // [linux] max_addresses
+    // [redis] socket, user, password_file; no user: no login
+    RedisServer redis{.socket = "/run/redis/redis-server.sock"};
+    std::string cli_socket = "/run/lda/cli.sock";  // [cli] socket
+    unsigned cli_max_sessions = 64;                // [cli] max_sessions
+    unsigned cli_idle_timeout_s = 1800;            // [cli] idle_timeout; 0: never
     std::string startup_config;       // [files] startup_config; empty: nothing is saved
     std::string log_dir;              // [files] log_dir; empty: no log file
     std::string capabilities;         // [files] capabilities; empty: none

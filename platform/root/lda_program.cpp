@@ -27,6 +27,8 @@ constexpr const char* kHelp =
     "  [linux]    bridge = \"br0\"\n"
     "             max_addresses = 65536  learned ones that are followed, 1024 to 1048576\n"
     "  [redis]    socket = \"/run/redis/redis-server.sock\"\n"
+    "             user               of the server; left out: no login\n"
+    "             password_file      file with that user's password\n"
     "  [cli]      socket = \"/run/lda/cli.sock\"\n"
     "             max_sessions = 64     shells at the same time, 1 to 1024\n"
     "             idle_timeout = 1800   seconds until an idle shell is closed, up to 604800; "

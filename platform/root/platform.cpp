@@ -141,12 +141,12 @@ class DescribedPlatform final : public Platform {
     }
 
     void make_redis_store() {
-        auto redis = std::make_unique<RedisStore>(*loop_, config_.redis_socket);
+        auto redis = std::make_unique<RedisStore>(*loop_, config_.redis);
         redis_store_ = redis.get();
         store_ = std::move(redis);
         if (config_.role == PlatformConfig::Role::kLease) {
             redis_store_->hold();
-            lease_ = std::make_unique<RedisLease>(*loop_, config_.redis_socket);
+            lease_ = std::make_unique<RedisLease>(*loop_, config_.redis);
         }
     }
 

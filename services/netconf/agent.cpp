@@ -125,15 +125,15 @@ std::vector<LoopedPort> looped_ports(Database& database) {
     return ports;
 }
 
-void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy,
+void request_policy(const qv::RedisServer& server, PolicyRequest request, uint32_t policy,
                     Deadline deadline) {
     const std::string publisher = "netconf-" + std::to_string(getpid());
     const int32_t oid = fresh_oid();
-    Database database(socket, deadline);
+    Database database(server, deadline);
     if (database.listeners(kLocalDatabase, kPolicyType) == 0) {
         throw RequestFailed("the loop-detection agent is not running; nothing was changed");
     }
-    Listener answers(socket, kLocalDatabase, kAnswerType, deadline);
+    Listener answers(server, kLocalDatabase, kAnswerType, deadline);
     const auto usual = steady_clock::now() + kAnswerLimit;
     std::optional<int32_t> result;
     try {

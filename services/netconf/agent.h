@@ -36,7 +36,7 @@ struct RequestFailed : std::runtime_error {
 // Asks the agent to apply `policy` and waits for its answer, 2 s at most and not beyond `deadline`.
 // Returns when the agent confirms it. Throws RequestFailed, or DatabaseLost when nothing was
 // written. Without an agent nothing is written.
-void request_policy(const std::string& socket, PolicyRequest request, uint32_t policy,
+void request_policy(const qv::RedisServer& server, PolicyRequest request, uint32_t policy,
                     Deadline deadline = Deadline::max());
 
 }  // namespace netconf

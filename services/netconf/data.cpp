@@ -26,7 +26,7 @@ std::string entry_of(const std::string& list, const std::string& name) {
 }
 
 void add_looped_ports(const Session& session, Tree& tree) {
-    Database database(session.options.redis_socket);
+    Database database(session.options.redis);
     for (const LoopedPort& port : looped_ports(database)) {
         const std::string entry =
             entry_of("/qv-loop-detect-server:loop-detect/looped-port", port.name);
@@ -61,7 +61,7 @@ void add_held_port(const Session& session, Tree& tree, const HeldPort& port) {
 }
 
 void add_held_ports(const Session& session, Tree& tree) {
-    for (const HeldPort& port : held_ports(session.options.redis_socket)) {
+    for (const HeldPort& port : held_ports(session.options.redis)) {
         try {
             add_held_port(session, tree, port);
         } catch (const std::runtime_error& error) {
@@ -73,7 +73,7 @@ void add_held_ports(const Session& session, Tree& tree) {
 void add_streams(const Session& session, Tree& tree) {
     const std::string stream = "/nc-notifications:netconf/streams/stream[name='NETCONF']";
     add_node(session.context, tree, stream + "/description", "all notifications of the switch");
-    Database database(session.options.redis_socket);
+    Database database(session.options.redis);
     const auto log = log_state(database);
     add_node(session.context, tree, stream + "/replaySupport", log ? "true" : "false");
     if (log) {
@@ -138,7 +138,7 @@ uint32_t policy_in_force(Database& database) {
 }
 
 void add_configuration(const Session& session, Tree& tree, bool defaults) {
-    Database database(session.options.redis_socket);
+    Database database(session.options.redis);
     const uint32_t policy = policy_in_force(database);
     if (policy != kDefaultPolicy || defaults) {
         add_node(session.context, tree, "/qv-loop-detect-server:loop-detect/loop-policy",

@@ -70,11 +70,11 @@ std::vector<HeldPort> ports_in(const PNc__HeldAnswer& answer) {
 
 }  // namespace
 
-std::vector<HeldPort> held_ports(const std::string& socket) {
+std::vector<HeldPort> held_ports(const qv::RedisServer& server) {
     const std::string id = fresh_id();
     const auto deadline = steady_clock::now() + kHeldAnswerLimit;
-    Listener answers(socket, kLocalDatabase, kHeldAnswerType);
-    Database database(socket);
+    Listener answers(server, kLocalDatabase, kHeldAnswerType);
+    Database database(server);
     if (database.publish(kLocalDatabase, kHeldQuestionType, packed_question(id)) == 0) {
         return {};
     }

@@ -27,6 +27,6 @@ struct HeldPort {
 
 // In the order of the switch. Empty when no agent listens, and, with a log line, when it does not
 // answer within a second. Throws DatabaseLost.
-std::vector<HeldPort> held_ports(const std::string& socket);
+std::vector<HeldPort> held_ports(const qv::RedisServer& server);
 
 }  // namespace netconf

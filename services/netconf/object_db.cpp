@@ -39,13 +39,25 @@ void Database::Free::operator()(redisContext* context) const {
     redisFree(context);
 }
 
-Database::Database(const std::string& socket, Deadline deadline)
-    : deadline_(deadline), context_(redisConnectUnixWithTimeout(socket.c_str(), kReplyLimit)) {
+Database::Database(const qv::RedisServer& server, Deadline deadline)
+    : deadline_(deadline),
+      context_(redisConnectUnixWithTimeout(server.socket.c_str(), kReplyLimit)) {
     if (!context_ || context_->err != 0) {
-        throw DatabaseLost("the object database at " + socket + " cannot be reached: " +
+        throw DatabaseLost("the object database at " + server.socket + " cannot be reached: " +
                            (context_ ? context_->errstr : "out of memory"));
     }
     redisSetTimeout(context_.get(), kReplyLimit);
+    if (!server.user.empty()) {
+        log_in(server);
+    }
+}
+
+void Database::log_in(const qv::RedisServer& server) {
+    try {
+        command({"AUTH", server.user, qv::read_redis_password(server)});
+    } catch (const std::runtime_error& fault) {
+        throw DatabaseLost("no login as " + server.user + ": " + fault.what());
+    }
 }
 
 // A server that answers each command slowly must not delay the whole request.
@@ -146,9 +158,9 @@ long long Database::publish(unsigned database, std::string_view type, std::strin
     return reply->integer;
 }
 
-Listener::Listener(const std::string& socket, unsigned database, std::string_view type,
+Listener::Listener(const qv::RedisServer& server, unsigned database, std::string_view type,
                    Deadline deadline)
-    : link_(socket, deadline) {
+    : link_(server, deadline) {
     link_.command({"SUBSCRIBE", qv::change_channel(database, type)});
 }
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "platform/base/database_names.h"
+#include "platform/base/redis_server.h"
 
 struct redisContext;
 struct redisReply;
@@ -40,8 +41,9 @@ using Deadline = std::chrono::steady_clock::time_point;
 // A connection for commands.
 class Database {
  public:
-    // No command waits beyond `deadline`. Throws DatabaseLost, like everything below.
-    explicit Database(const std::string& socket, Deadline deadline = Deadline::max());
+    // Connects and, when the server has a user, logs in. No command waits beyond `deadline`. Throws
+    // DatabaseLost, like everything below.
+    explicit Database(const qv::RedisServer& server, Deadline deadline = Deadline::max());
 
     // The value under `key`; nothing when there is none.
     std::optional<std::string> get(unsigned database, std::string_view key);
@@ -62,6 +64,7 @@ class Database {
 
     Reply command(std::initializer_list<std::string_view> words);
     Reply command(const std::vector<std::string_view>& words);
+    void log_in(const qv::RedisServer& server);
     void select(unsigned database);
     void limit_wait();
 
@@ -80,7 +83,7 @@ class Listener {
  public:
     // Returns when the server has confirmed the subscription: from then on no notice is missed.
     // Does not wait for that beyond `deadline`. Throws DatabaseLost, like everything below.
-    Listener(const std::string& socket, unsigned database, std::string_view type,
+    Listener(const qv::RedisServer& server, unsigned database, std::string_view type,
              Deadline deadline = Deadline::max());
 
     int fd() const;  // readable: call next()

@@ -32,7 +32,7 @@ Operation default_operation(const lyd_node& rpc) {
 
 // The current policy, read before anything is decided.
 uint32_t current_policy(const Session& session, Deadline deadline) {
-    Database database(session.options.redis_socket, deadline);
+    Database database(session.options.redis, deadline);
     return policy_in_force(database);
 }
 
@@ -45,7 +45,7 @@ void refuse_when_locked(const Session& session) {
 
 void perform(const Session& session, const PolicyChange& change, Deadline deadline) {
     try {
-        request_policy(session.options.redis_socket, change.request, change.policy, deadline);
+        request_policy(session.options.redis, change.request, change.policy, deadline);
     } catch (const std::runtime_error& failed) {
         throw RpcError(NC_ERR_OP_FAILED, NC_ERR_TYPE_APP, failed.what(), kLeafPath);
     }

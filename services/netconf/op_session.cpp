@@ -69,7 +69,7 @@ std::optional<Replay> replay_in(const lyd_node& rpc) {
 }
 
 void check_log(const Session& session) {
-    Database database(session.options.redis_socket);
+    Database database(session.options.redis);
     if (!log_state(database)) {
         throw refused("there are no notifications to replay: the agent keeps no log yet");
     }
@@ -131,8 +131,8 @@ nc_server_reply* create_subscription(const lyd_node& rpc, Session& session) {
     if (session.subscription) {
         throw refused("this session has a subscription already");
     }
-    session.subscription = std::make_unique<Subscription>(
-        session.context, session.options.redis_socket, Filter::of(rpc), replay);
+    session.subscription = std::make_unique<Subscription>(session.context, session.options.redis,
+                                                          Filter::of(rpc), replay);
     nc_session_inc_notif_status(session.link);
     return nc_server_reply_ok();
 }

@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdlib>
 #include <stdexcept>
+#include <utility>
 
 #include "platform/base/config.h"
 
@@ -48,7 +49,7 @@ Options read_options(int count, char* const* words) {
                 platform = optarg;
                 break;
             case 'r':
-                options.redis_socket = optarg;
+                options.redis.socket = optarg;
                 break;
             case 'y':
                 options.yang_dir = optarg;
@@ -75,8 +76,9 @@ Options read_options(int count, char* const* words) {
     const qv::PlatformConfig config =
         platform.empty() ? qv::PlatformConfig() : qv::load_platform_config(platform);
     options.write_group = config.netconf_write_group;
-    if (options.redis_socket.empty()) {
-        options.redis_socket = config.redis_socket;
+    const std::string socket = std::exchange(options.redis, config.redis).socket;
+    if (!socket.empty()) {
+        options.redis.socket = socket;
     }
     if (options.runtime_dir.empty()) {
         options.runtime_dir = config.netconf_runtime;

@@ -3,13 +3,15 @@
 
 #include <string>
 
+#include "platform/base/redis_server.h"
+
 namespace netconf {
 
 struct Options {
-    std::string redis_socket;  // Unix socket of the object database
-    std::string yang_dir;      // folder of the YANG modules
-    std::string runtime_dir;   // files that the sessions share
-    std::string write_group;   // of users who may change the configuration; empty: all of them
+    qv::RedisServer redis;    // the object database
+    std::string yang_dir;     // folder of the YANG modules
+    std::string runtime_dir;  // files that the sessions share
+    std::string write_group;  // of users who may change the configuration; empty: all of them
     bool log_to_stderr = false;
     bool help = false;
 };

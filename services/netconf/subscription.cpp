@@ -104,12 +104,12 @@ Event event_of(const ly_ctx* context, const PNc__Notification& record) {
 
 }  // namespace
 
-Subscription::Subscription(const ly_ctx* context, std::string socket, Filter filter,
+Subscription::Subscription(const ly_ctx* context, qv::RedisServer server, Filter filter,
                            const std::optional<Replay>& wanted)
     : context_(context),
-      socket_(std::move(socket)),
+      server_(std::move(server)),
       filter_(std::move(filter)),
-      listener_(std::make_unique<Listener>(socket_, kLocalDatabase, kNotificationType)),
+      listener_(std::make_unique<Listener>(server_, kLocalDatabase, kNotificationType)),
       backoff_(kFirstBackoff) {
     if (wanted) {
         replay(*wanted);
@@ -119,7 +119,7 @@ Subscription::Subscription(const ly_ctx* context, std::string socket, Filter fil
 void Subscription::replay(const Replay& wanted) {
     replaying_ = true;
     until_ = wanted.until;
-    Database database(socket_);
+    Database database(server_);
     for (KeptNotification& kept : kept_notifications(database)) {
         last_number_ = kept.sequence;
         last_time_ = std::max(last_time_, kept.time);
@@ -172,7 +172,7 @@ void Subscription::reconnect() {
         return;
     }
     try {
-        listener_ = std::make_unique<Listener>(socket_, kLocalDatabase, kNotificationType);
+        listener_ = std::make_unique<Listener>(server_, kLocalDatabase, kNotificationType);
         log_line(LOG_INFO, "notifications continue, the object database is back");
     } catch (const DatabaseLost&) {
         backoff_ = std::min(backoff_ * 2, kLongestBackoff);  // the reason is logged already

@@ -35,7 +35,7 @@ class Subscription {
 
     // Connects, subscribes and reads what is to be replayed before it returns. The context must
     // outlive the object. Throws DatabaseLost.
-    Subscription(const ly_ctx* context, std::string socket, Filter filter,
+    Subscription(const ly_ctx* context, qv::RedisServer server, Filter filter,
                  const std::optional<Replay>& wanted);
 
     // Readable: call receive(). -1 while the database is away.
@@ -64,7 +64,7 @@ class Subscription {
     Event mark(const char* notification) const;
 
     const ly_ctx* const context_;
-    const std::string socket_;
+    const qv::RedisServer server_;
     const Filter filter_;
     std::unique_ptr<Listener> listener_;  // null while the database is away
     std::deque<std::string> replayed_;    // packed, oldest first

@@ -32,7 +32,7 @@ class ServicePlatform final : public Platform {
 
     void attach_loop(EventLoop& loop) override {
         loop_ = &loop;
-        store_ = std::make_unique<RedisStore>(loop, config_.redis_socket);
+        store_ = std::make_unique<RedisStore>(loop, config_.redis);
         log_.attach(loop);
     }
 

@@ -16,7 +16,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                       "the number of ports is in its range");
         fuzz::require(config.speed > 0 && config.speed <= 10000, "the speed is in its range");
         fuzz::require(!config.bridge.empty() && config.bridge.size() < 16, "a bridge's name");
-        fuzz::require(config.cli_socket.size() < 108 && config.redis_socket.size() < 108,
+        fuzz::require(config.cli_socket.size() < 108 && config.redis.socket.size() < 108,
                       "a socket's path fits");
     } catch (const std::runtime_error& refusal) {
         fuzz::require(std::string(refusal.what()).starts_with(file.path() + ":"),

@@ -47,7 +47,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         return 0;
     }
     test::ScriptedServer server;
-    RedisStore store(test_platform().loop(), server.path());
+    RedisStore store(test_platform().loop(), {server.path()});
     Listener listener;
     const auto client = store.connect(listener);
     client->open(4);

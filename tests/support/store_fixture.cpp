@@ -53,7 +53,7 @@ class MemoryWorld final : public World {
 class RedisWorld final : public World {
  public:
     explicit RedisWorld(qv::test::TestPlatform& platform)
-        : loop_(platform.loop()), store_(loop_, server_.socket()) {
+        : loop_(platform.loop()), store_(loop_, {server_.socket()}) {
         std::signal(SIGPIPE, SIG_IGN);
         server_.start();
     }

@@ -82,7 +82,7 @@ def keys_of_the_platform_file():
 
 def test_platform_file_manual_and_help_have_the_same_keys_and_defaults():
     settings = keys_of_the_platform_file()
-    assert len(settings) == 20
+    assert len(settings) == 22
     source = (ROOT / "platform" / "base" / "config.cpp").read_text()
     read = {f"[{section}] {key}" for section, keys in re.findall(r"section\(\"(\w+)\", {(.*?)}\)", source)
             for key in re.findall(r"\w+", keys)}

@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
+#include <stdexcept>
 #include <utility>
 #include <vector>
 
@@ -36,12 +37,12 @@ void RedisConnection::ContextFree::operator()(redisContext* context) const {
     redisFree(context);
 }
 
-RedisConnection::RedisConnection(EventLoop& loop, const std::string& socket, LostCallback on_lost,
+RedisConnection::RedisConnection(EventLoop& loop, const RedisServer& server, LostCallback on_lost,
                                  MessageCallback on_message)
     : loop_(loop),
       on_lost_(std::move(on_lost)),
       on_message_(std::move(on_message)),
-      context_(redisConnectUnixNonBlock(socket.c_str())) {
+      context_(redisConnectUnixNonBlock(server.socket.c_str())) {
     if (!context_ || context_->err != 0) {
         fail_later(context_ ? context_->errstr : "out of memory");
         return;
@@ -49,10 +50,31 @@ RedisConnection::RedisConnection(EventLoop& loop, const std::string& socket, Los
     read_ = loop_.watch(context_->fd, true, false, [this](EventLoop::Ready) { on_readable(); });
     if (!read_) {
         fail_later("its socket cannot be watched");
+    } else if (!server.user.empty()) {
+        log_in(server);
     }
 }
 
 RedisConnection::~RedisConnection() = default;
+
+// Neither password nor its length is ever in a reason.
+void RedisConnection::log_in(const RedisServer& server) {
+    try {
+        send({"AUTH", server.user, read_redis_password(server)}, [this, user = server.user](
+                                                                     const RedisReply& reply) {
+            if (!reply.is(RedisReply::Type::kStatus)) {
+                refuse_login("the login of " + user + " is refused: " + complaint("AUTH", reply));
+            }
+        });
+    } catch (const std::runtime_error& fault) {
+        refuse_login(fault.what());
+    }
+}
+
+void RedisConnection::refuse_login(const std::string& reason) {
+    login_refused_ = true;
+    fail_later(reason);
+}
 
 void RedisConnection::stop() {
     stopped_ = true;
@@ -193,6 +215,9 @@ void RedisConnection::dispatch(const RedisReply& reply) {
         return;
     }
     waiting_since_ = loop_.clock().now();
+    if (reply.is(RedisReply::Type::kError) && reply.text.starts_with("NOAUTH")) {
+        login_refused_ = true;  // its callback ends the connection
+    }
     const ReplyCallback callback = std::move(unanswered_.front());
     unanswered_.pop_front();
     if (callback) {

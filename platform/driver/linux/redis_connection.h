@@ -11,6 +11,7 @@
 #include <string_view>
 
 #include "platform/base/event_loop.h"
+#include "platform/base/redis_server.h"
 #include "platform/driver/linux/redis_reply.h"
 
 struct redisContext;
@@ -27,8 +28,10 @@ class RedisConnection {
     // `on_lost` runs at most once, with the reason, never inside a call of this class, and may
     // destroy the connection. It also reports a socket that cannot be reached, and a server that
     // answers none of the waiting requests for 10 s. With `on_message` the connection may carry
-    // subscriptions: the callback gets each array that begins with "message".
-    RedisConnection(EventLoop& loop, const std::string& socket, LostCallback on_lost,
+    // subscriptions: the callback gets each array that begins with "message". When the server has a
+    // user, the login is the first request; a password file that is refused ends the connection,
+    // too.
+    RedisConnection(EventLoop& loop, const RedisServer& server, LostCallback on_lost,
                     MessageCallback on_message = nullptr);
     ~RedisConnection();
     RedisConnection(const RedisConnection&) = delete;
@@ -39,6 +42,10 @@ class RedisConnection {
     void send(std::initializer_list<std::string_view> words, ReplyCallback callback = nullptr);
     void send(size_t count, const std::string_view* words, ReplyCallback callback);
 
+    // Whether the connection was lost because of the login: the password file, the user or the
+    // password, or a server that asks for one.
+    bool login_refused() const { return login_refused_; }
+
     // No callback runs from now on.
     void stop();
 
@@ -47,6 +54,8 @@ class RedisConnection {
         void operator()(redisContext* context) const;
     };
 
+    void log_in(const RedisServer& server);
+    void refuse_login(const std::string& reason);
     void want_write();
     void on_writable();
     void on_readable();
@@ -65,6 +74,7 @@ class RedisConnection {
     std::deque<ReplyCallback> unanswered_;  // in the order of the commands
     Time waiting_since_{};                  // the last answer, or the first of the waiting requests
     bool stopped_ = false;
+    bool login_refused_ = false;
 
     // Last, so that the watches end before the descriptor is closed.
     EventLoop::Handle read_;

@@ -18,8 +18,8 @@ return ARGV[2])";
 
 }  // namespace
 
-RedisLease::RedisLease(EventLoop& loop, std::string socket)
-    : loop_(loop), socket_(std::move(socket)) {}
+RedisLease::RedisLease(EventLoop& loop, RedisServer server)
+    : loop_(loop), server_(std::move(server)) {}
 
 RedisLease::~RedisLease() = default;
 
@@ -30,7 +30,7 @@ void RedisLease::connect(LeaseListener& listener) {
 
 void RedisLease::dial() {
     connection_ = std::make_unique<RedisConnection>(
-        loop_, socket_, [this](const std::string& reason) { lose(reason); });
+        loop_, server_, [this](const std::string& reason) { lose(reason); });
     connection_->send({"PING"}, [this](const RedisReply& reply) { greeted(reply); });
 }
 

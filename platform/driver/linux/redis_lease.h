@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "platform/base/event_loop.h"
+#include "platform/base/redis_server.h"
 #include "platform/driver/lease_driver.h"
 #include "platform/driver/linux/redis_reply.h"
 
@@ -20,8 +21,8 @@ class RedisLease final : public LeaseDriver {
     static constexpr std::string_view kKey = "lda/lease";  // in database 0
     static constexpr std::chrono::milliseconds kPause{200};
 
-    // `socket` is the path of the server's Unix socket; the server need not be there yet.
-    RedisLease(EventLoop& loop, std::string socket);
+    // The server need not be there yet.
+    RedisLease(EventLoop& loop, RedisServer server);
     ~RedisLease() override;
 
     void connect(LeaseListener& listener) override;
@@ -36,7 +37,7 @@ class RedisLease final : public LeaseDriver {
     void lose(const std::string& reason);
 
     EventLoop& loop_;
-    const std::string socket_;
+    const RedisServer server_;
     LeaseListener* listener_ = nullptr;
     bool reached_ = false;
     EventLoop::Handle failing_;

@@ -83,10 +83,13 @@ class RedisClient final : public StoreClient {
     // Runs the task it is given at once, or later.
     using WhenAllowed = std::function<void(std::function<void()>)>;
 
-    RedisClient(EventLoop& loop, const std::string& socket, StoreListener& listener,
-                WhenAllowed when_allowed)
+    // `login_trouble` is shared by the clients of a store: the last reason why the server refused
+    // their login, as it was logged; empty since it granted one.
+    RedisClient(EventLoop& loop, const RedisServer& server, std::string& login_trouble,
+                StoreListener& listener, WhenAllowed when_allowed)
         : loop_(loop),
-          socket_(socket),
+          server_(server),
+          login_trouble_(login_trouble),
           listener_(listener),
           when_allowed_(std::move(when_allowed)) {}
 
@@ -141,10 +144,12 @@ class RedisClient final : public StoreClient {
     void check_records();
     void checked(size_t count, const RedisReply& reply);
     void fail_later(const std::string& reason);
+    void report_loss(const std::string& reason);
     void lose(const std::string& reason);
 
     EventLoop& loop_;
-    const std::string socket_;
+    const RedisServer server_;
+    std::string& login_trouble_;
     StoreListener& listener_;
     const WhenAllowed when_allowed_;  // for the first connection
 
@@ -161,6 +166,7 @@ class RedisClient final : public StoreClient {
     uint32_t selected_ = 0;  // database of the command connection once all is sent
     Duration backoff_ = kFirstBackoff;
     bool away_logged_ = false;
+    bool login_refused_ = false;  // since the sessions were last up
     bool write_refused_ = false;  // logged; until a write succeeds again
     std::map<std::pair<uint32_t, std::string>, Sizes> too_long_;  // logged; by database, pattern
     Time greeted_at_;             // when both connections had answered
@@ -181,9 +187,9 @@ void RedisClient::connect() {
     const auto on_lost = [this](const std::string& reason) {
         lose(reason);
     };
-    commands_ = std::make_unique<RedisConnection>(loop_, socket_, on_lost);
+    commands_ = std::make_unique<RedisConnection>(loop_, server_, on_lost);
     subscriptions_ = std::make_unique<RedisConnection>(
-        loop_, socket_, on_lost, [this](const RedisReply& message) { on_message(message); });
+        loop_, server_, on_lost, [this](const RedisReply& message) { on_message(message); });
     commands_->send({"PING"}, [this](const RedisReply& reply) { greet(reply); });
     subscriptions_->send({"PING"}, [this](const RedisReply& reply) { greet(reply); });
 }
@@ -202,8 +208,11 @@ void RedisClient::greeted() {
     // Writes that are sent again do not count against the limit of new ones.
     unconfirmed_limit_bytes_ =
         std::min(unconfirmed_.bytes() + kUnconfirmedLimit_bytes, 4 * kUnconfirmedLimit_bytes);
-    if (std::exchange(away_logged_, false)) {
-        log_message(kLogInfo, "MOM", "STORE_UP", "Object database at %s is back.", socket_.c_str());
+    login_trouble_.clear();
+    const bool was_refused = std::exchange(login_refused_, false);
+    if (std::exchange(away_logged_, false) || was_refused) {
+        log_message(kLogInfo, "MOM", "STORE_UP", "Object database at %s is back.",
+                    server_.socket.c_str());
     }
     for (const auto& [db, database] : databases_) {
         select(db);
@@ -243,10 +252,10 @@ void RedisClient::refuse(uint32_t db, const std::string& error) {
         log_message(kLogError, "MOM", "NO_DATABASE",
                     "The object database at %s has no database %u. Put \"databases 32\" into the "
                     "configuration of redis-server and restart it.",
-                    socket_.c_str(), db);
+                    server_.socket.c_str(), db);
     } else {
         log_message(kLogError, "MOM", "NO_DATABASE",
-                    "The object database at %s refuses database %u: %s", socket_.c_str(), db,
+                    "The object database at %s refuses database %u: %s", server_.socket.c_str(), db,
                     error.c_str());
     }
 }
@@ -260,8 +269,26 @@ void RedisClient::fail_later(const std::string& reason) {
     }
 }
 
+// Not at each retry: a refused login once for all clients, an absence once for each.
+void RedisClient::report_loss(const std::string& reason) {
+    if (commands_->login_refused() || subscriptions_->login_refused()) {
+        login_refused_ = true;
+        if (std::exchange(login_trouble_, reason) != reason) {
+            log_message(kLogError, "MOM", "LOGIN_REFUSED",
+                        "No login to the object database at %s (%s). Retrying; check [redis] user "
+                        "and password_file.",
+                        server_.socket.c_str(), reason.c_str());
+        }
+    } else if (!std::exchange(away_logged_, true)) {
+        log_message(kLogWarning, "MOM", "STORE_AWAY",
+                    "Object database at %s is away (%s). Retrying; check that redis-server runs.",
+                    server_.socket.c_str(), reason.c_str());
+    }
+}
+
 // All sessions are down before the first one is reported: the listener's callbacks may write.
 void RedisClient::lose(const std::string& reason) {
+    report_loss(reason);
     commands_.reset();
     subscriptions_.reset();
     failing_.reset();
@@ -278,11 +305,6 @@ void RedisClient::lose(const std::string& reason) {
         backoff_ = kFirstBackoff;
     }
     greetings_ = 0;
-    if (!std::exchange(away_logged_, true)) {
-        log_message(kLogWarning, "MOM", "STORE_AWAY",
-                    "Object database at %s is away (%s). Retrying; check that redis-server runs.",
-                    socket_.c_str(), reason.c_str());
-    }
     retry_ = loop_.after(backoff_, [this] { connect(); });
     backoff_ = std::min(backoff_ * 2, kLongestBackoff);
     std::vector<uint32_t> lost;
@@ -490,8 +512,8 @@ void RedisClient::topic_refused(const std::string& channel, uint64_t subscriptio
                                 const std::string& error) {
     if (refused_logged_.insert(channel).second) {
         log_message(kLogError, "MOM", "SUBSCRIBE_REFUSED",
-                    "The object database at %s refuses the subscription to %s: %s", socket_.c_str(),
-                    channel.c_str(), error.c_str());
+                    "The object database at %s refuses the subscription to %s: %s",
+                    server_.socket.c_str(), channel.c_str(), error.c_str());
     }
     refused_[channel] = subscription;
     if (!resubscribe_) {
@@ -617,7 +639,7 @@ void RedisClient::checked(size_t count, const RedisReply& reply) {
         log_message(kLogError, "MOM", "CHECK_REFUSED",
                     "The object database at %s refuses EXISTS (%s), so records that it loses "
                     "while it runs are not written again.",
-                    socket_.c_str(), reply.text.c_str());
+                    server_.socket.c_str(), reply.text.c_str());
         return;
     }
     if (!reply.is(Type::kInteger)) {
@@ -632,11 +654,11 @@ void RedisClient::checked(size_t count, const RedisReply& reply) {
 
 }  // namespace
 
-RedisStore::RedisStore(EventLoop& loop, std::string socket)
-    : loop_(loop), socket_(std::move(socket)) {}
+RedisStore::RedisStore(EventLoop& loop, RedisServer server)
+    : loop_(loop), server_(std::move(server)) {}
 
 std::unique_ptr<StoreClient> RedisStore::connect(StoreListener& listener) {
-    return std::make_unique<RedisClient>(loop_, socket_, listener,
+    return std::make_unique<RedisClient>(loop_, server_, login_trouble_, listener,
                                          [this](std::function<void()> connect_client) {
                                              if (held_) {
                                                  waiting_.push_back(std::move(connect_client));

@@ -10,14 +10,15 @@
 #include <vector>
 
 #include "platform/base/event_loop.h"
+#include "platform/base/redis_server.h"
 #include "platform/driver/store_driver.h"
 
 namespace qv {
 
 class RedisStore final : public StoreDriver {
  public:
-    // `socket` is the path of the server's Unix socket; the server need not be there yet.
-    RedisStore(EventLoop& loop, std::string socket);
+    // The server need not be there yet.
+    RedisStore(EventLoop& loop, RedisServer server);
 
     // A session is reported when both connections answer and its database is selected. Writes that
     // were accepted but not confirmed when a connection was lost are sent again before that report.
@@ -30,7 +31,8 @@ class RedisStore final : public StoreDriver {
 
  private:
     EventLoop& loop_;
-    const std::string socket_;
+    const RedisServer server_;
+    std::string login_trouble_;  // of the clients, as logged; empty when they are logged in
     bool held_ = false;
     std::vector<std::function<void()>> waiting_;  // connects of clients, until release()
 };

@@ -48,7 +48,9 @@ void expect_defaults(const PlatformConfig& config) {
     EXPECT_EQ(config.store, PlatformConfig::Store::kMemory);
     EXPECT_EQ(config.bridge, "br0");
     EXPECT_EQ(config.max_addresses, 65536u);
-    EXPECT_EQ(config.redis_socket, "/run/redis/redis-server.sock");
+    EXPECT_EQ(config.redis.socket, "/run/redis/redis-server.sock");
+    EXPECT_EQ(config.redis.user, "");
+    EXPECT_EQ(config.redis.password_file, "");
     EXPECT_EQ(config.cli_socket, "/run/lda/cli.sock");
     EXPECT_EQ(config.cli_max_sessions, 64u);
     EXPECT_EQ(config.cli_idle_timeout_s, 1800u);
@@ -81,6 +83,8 @@ linux.bridge = "lab"
 linux.max_addresses = 2048
 [redis]
 socket = "/tmp/redis.sock"
+user = "agent"
+password_file = "/tmp/password"
 [cli]
 socket = "cli.sock"
 max_sessions = 1024
@@ -108,7 +112,9 @@ write_group = "operators"
     EXPECT_EQ(config.store, PlatformConfig::Store::kRedis);
     EXPECT_EQ(config.bridge, "lab");
     EXPECT_EQ(config.max_addresses, 2048u);
-    EXPECT_EQ(config.redis_socket, "/tmp/redis.sock");
+    EXPECT_EQ(config.redis.socket, "/tmp/redis.sock");
+    EXPECT_EQ(config.redis.user, "agent");
+    EXPECT_EQ(config.redis.password_file, "/tmp/password");
     EXPECT_EQ(config.cli_socket, "cli.sock");
     EXPECT_EQ(config.cli_max_sessions, 1024u);
     EXPECT_EQ(config.cli_idle_timeout_s, 0u);
@@ -242,7 +248,7 @@ TEST_F(ConfigFile, ValuesAtTheirLimitsAreTaken) {
         "\"\n[cli]\nmax_sessions = 1\nidle_timeout = 0\n[embedded]\nports = 1\n"
         "[clock]\nspeed = 0.001\n");
     EXPECT_EQ(least.bridge, "fifteen-letters");
-    EXPECT_EQ(least.redis_socket, path);
+    EXPECT_EQ(least.redis.socket, path);
     EXPECT_EQ(least.max_addresses, 1024u);
     EXPECT_EQ(least.cli_max_sessions, 1u);
     EXPECT_EQ(least.cli_idle_timeout_s, 0u);
@@ -287,6 +293,35 @@ TEST_F(ConfigFile, ImpossibleNameOrPathIsRefused) {
               "FILE:2: redis.socket must be a path of 1 to 107 bytes");
     EXPECT_EQ(fault_of("[files]\nlog_dir = \"a\\u0000b\"\n"),
               "FILE:2: files.log_dir must not contain a zero byte");
+}
+
+TEST_F(ConfigFile, RedisUserAndPasswordFileBelongTogether) {
+    EXPECT_EQ(fault_of("[redis]\nuser = \"agent\"\n"),
+              "FILE:2: redis.user needs redis.password_file");
+    EXPECT_EQ(fault_of("[redis]\npassword_file = \"/a\"\n"),
+              "FILE:2: redis.password_file needs redis.user");
+}
+
+TEST_F(ConfigFile, ImpossibleRedisUserOrPasswordFileIsRefused) {
+    const auto fault = [this](const std::string& user, const std::string& file) {
+        return fault_of("[redis]\nuser = \"" + user + "\"\npassword_file = \"" + file + "\"\n");
+    };
+    const char* const user =
+        "FILE:2: redis.user must be a name of 1 to 64 characters, none of them blank";
+    for (const std::string& name : {std::string(), std::string("a b"), std::string("a\\tb"),
+                                    std::string("\xc3\xa4"), std::string(65, 'u')}) {
+        EXPECT_EQ(fault(name, "/a"), user) << name;
+    }
+    const char* const file =
+        "FILE:3: redis.password_file must be an absolute path of up to 4095 bytes";
+    for (const std::string& path :
+         {std::string(), std::string("a"), "/" + std::string(4095, 'p')}) {
+        EXPECT_EQ(fault("agent", path), file) << path.size();
+    }
+    EXPECT_EQ(read("[redis]\nuser = \"" + std::string(64, 'u') + "\"\npassword_file = \"/" +
+                   std::string(4094, 'p') + "\"\n")
+                  .redis.user,
+              std::string(64, 'u'));
 }
 
 TEST_F(ConfigFile, ClockSpeedIsRefusedOnTheLinuxSwitch) {

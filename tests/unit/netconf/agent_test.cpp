@@ -118,7 +118,7 @@ class Agent : public testing::Test {
     std::string outcome(PolicyRequest request = PolicyRequest::kSet, uint32_t policy = 2,
                         netconf::Deadline deadline = netconf::Deadline::max()) {
         try {
-            netconf::request_policy(peer_.socket(), request, policy, deadline);
+            netconf::request_policy({peer_.socket()}, request, policy, deadline);
             return "done";
         } catch (const RequestFailed& failed) {
             return failed.what();
@@ -126,7 +126,7 @@ class Agent : public testing::Test {
     }
 
     std::vector<std::string> looped_names() {
-        Database database(peer_.socket());
+        Database database({peer_.socket()});
         std::vector<std::string> names;
         for (const netconf::LoopedPort& port : looped_ports(database)) {
             names.push_back(port.name);
@@ -140,7 +140,7 @@ class Agent : public testing::Test {
 };
 
 TEST_F(Agent, PolicyIsThatOfTheConfigurationDatabase) {
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     EXPECT_EQ(published_policy(database), std::nullopt);
     peer_.store(3, "p_app.lda_nc_policy/", packed_policy(1));
     EXPECT_EQ(published_policy(database), std::nullopt);
@@ -152,7 +152,7 @@ TEST_F(Agent, PolicyIsThatOfTheConfigurationDatabase) {
 
 TEST_F(Agent, PolicyThatDoesNotUnpackIsAFault) {
     peer_.store(22, "p_app.lda_nc_policy/", "garbage");
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     try {
         published_policy(database);
         FAIL() << "no fault";
@@ -165,7 +165,7 @@ TEST_F(Agent, LoopedPortsAreSortedByName) {
     peer_.store(4, "p_app.lda_loop_entry/name=1", packed_entry("swp3", 1, false));
     peer_.store(4, "p_app.lda_loop_entry/name=2", packed_entry("swp1", 0, true));
     peer_.store(4, "p_app.lda_loop_entry/name=3", packed_entry("swp2", 1, true));
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     const auto ports = looped_ports(database);
     ASSERT_EQ(ports.size(), 3U);
     EXPECT_EQ(ports[0].name, "swp1");
@@ -316,7 +316,7 @@ TEST_F(Agent, DatabaseLostAfterTheRequestLeavesItOpen) {
 }
 
 TEST_F(Agent, MissingDatabaseIsNotReportedAsTheAgentsFault) {
-    EXPECT_THROW(netconf::request_policy(folder_.path("nobody.sock"), PolicyRequest::kSet, 1),
+    EXPECT_THROW(netconf::request_policy({folder_.path("nobody.sock")}, PolicyRequest::kSet, 1),
                  DatabaseLost);
 }
 

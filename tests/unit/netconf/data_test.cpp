@@ -37,7 +37,7 @@ class Data : public testing::Test {
     void SetUp() override {
         reset_interception();
         set_time_of_day(1767323045);
-        options_.redis_socket = peer_.socket();
+        options_.redis.socket = peer_.socket();
         options_.runtime_dir = folder_.path("run");
         number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
         session_.reset(
@@ -108,7 +108,7 @@ class Data : public testing::Test {
 };
 
 TEST_F(Data, PolicyInForceIsOneOfTheModels) {
-    netconf::Database database(peer_.socket());
+    netconf::Database database({peer_.socket()});
     EXPECT_EQ(policy_in_force(database), 0U);
     for (const uint32_t policy : {0U, 1U, 2U, 3U, 4U}) {
         publish_policy(policy);
@@ -138,7 +138,7 @@ TEST_F(Data, DefaultPolicyIsConfiguredOnlyWhenDefaultsAreWanted) {
 }
 
 TEST_F(Data, NothingIsReportedWithoutADatabase) {
-    options_.redis_socket = folder_.path("nobody.sock");
+    options_.redis.socket = folder_.path("nobody.sock");
     EXPECT_THROW(configuration(true), DatabaseLost);
     EXPECT_THROW(state(), DatabaseLost);
 }

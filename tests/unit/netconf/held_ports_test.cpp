@@ -27,7 +27,7 @@ class HeldPortsOfTheAgent : public testing::Test {
 
     std::vector<std::string> names() {
         std::vector<std::string> names;
-        for (const netconf::HeldPort& port : held_ports(peer_.socket())) {
+        for (const netconf::HeldPort& port : held_ports({peer_.socket()})) {
             names.push_back(port.name);
         }
         return names;
@@ -39,7 +39,7 @@ class HeldPortsOfTheAgent : public testing::Test {
 
 TEST_F(HeldPortsOfTheAgent, EverythingItKnowsArrives) {
     answer_held_ports(peer_, {full_record(), {.name = "swp1"}});
-    const auto ports = held_ports(peer_.socket());
+    const auto ports = held_ports({peer_.socket()});
     ASSERT_EQ(ports.size(), 2U);
     EXPECT_EQ(ports[0].name, "swp2");
     EXPECT_EQ(ports[0].sources, (std::vector<std::string>{"tarn", "storm"}));
@@ -112,13 +112,13 @@ TEST_F(HeldPortsOfTheAgent, SilentAgentIsWaitedForOneSecond) {
 TEST_F(HeldPortsOfTheAgent, LostDatabaseIsAFault) {
     peer_.set_other_listeners(1);
     peer_.on_publish([this](const std::string&, const std::string&) { peer_.hang_up(); });
-    EXPECT_THROW(held_ports(peer_.socket()), DatabaseLost);
-    EXPECT_THROW(held_ports(folder_.path("nobody.sock")), DatabaseLost);
+    EXPECT_THROW(held_ports({peer_.socket()}), DatabaseLost);
+    EXPECT_THROW(held_ports({folder_.path("nobody.sock")}), DatabaseLost);
 }
 
 TEST_F(HeldPortsOfTheAgent, AnswerOfAnUnknownFormIsAFault) {
     peer_.answer("PUBLISH", "+OK\r\n");
-    EXPECT_THROW(held_ports(peer_.socket()), DatabaseLost);
+    EXPECT_THROW(held_ports({peer_.socket()}), DatabaseLost);
 }
 
 }  // namespace

@@ -2,9 +2,11 @@
 #include "services/netconf/object_db.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
+#include <fstream>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -56,13 +58,20 @@ class ObjectDb : public testing::Test {
         return notices;
     }
 
+    std::string password_file(const std::string& text, mode_t mode) {
+        const std::string file = folder_.path("password");
+        std::ofstream(file) << text;
+        chmod(file.c_str(), mode);
+        return file;
+    }
+
     Folder folder_;
     DatabasePeer peer_{folder_.path("redis.sock")};
 };
 
 TEST_F(ObjectDb, GetReadsTheKeyInItsDatabase) {
     peer_.store(22, "a.b/", std::string("x\0y", 3));
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     EXPECT_EQ(database.get(22, "a.b/"), std::string("x\0y", 3));
     EXPECT_EQ(database.get(4, "a.b/"), std::nullopt);
     EXPECT_EQ(peer_.commands(), (Texts{"22 GET a.b/", "4 GET a.b/"}));
@@ -70,14 +79,14 @@ TEST_F(ObjectDb, GetReadsTheKeyInItsDatabase) {
 
 TEST_F(ObjectDb, ValueOtherThanAStringIsIgnored) {
     peer_.answer("GET", integer(5));
-    EXPECT_EQ(Database(peer_.socket()).get(22, "a.b/"), std::nullopt);
+    EXPECT_EQ(Database({peer_.socket()}).get(22, "a.b/"), std::nullopt);
 }
 
 TEST_F(ObjectDb, ValuesAreThoseOfTheTypeOnceEach) {
     for (const char* const key : {"a.b/n=1", "a.b/n=2", "a.b/n=3", "a.bc/n=1", "a.b"}) {
         peer_.store(4, key, std::string("of ") + key);
     }
-    EXPECT_EQ(Database(peer_.socket()).values(4, "a.b"),
+    EXPECT_EQ(Database({peer_.socket()}).values(4, "a.b"),
               (Texts{"of a.b/n=1", "of a.b/n=2", "of a.b/n=3"}));
     EXPECT_EQ(peer_.commands(),
               (Texts{"4 SCAN 0 MATCH a.b/* COUNT 256", "4 SCAN 17 MATCH a.b/* COUNT 256",
@@ -87,7 +96,7 @@ TEST_F(ObjectDb, ValuesAreThoseOfTheTypeOnceEach) {
 TEST_F(ObjectDb, RecordDeletedDuringTheScanIsLeftOut) {
     peer_.store(4, "a.b/n=1", "x");
     peer_.answer("GET", kNil);
-    EXPECT_EQ(Database(peer_.socket()).values(4, "a.b"), Texts{});
+    EXPECT_EQ(Database({peer_.socket()}).values(4, "a.b"), Texts{});
 }
 
 TEST_F(ObjectDb, ScanInAnUnknownFormIsAFault) {
@@ -97,14 +106,14 @@ TEST_F(ObjectDb, ScanInAnUnknownFormIsAFault) {
           array({integer(0), names}), array({bulk("0"), bulk("a.b/n=1")}),
           array({bulk("0"), array({integer(1)})}), array({bulk("0"), array({kNil})})}) {
         peer_.answer("SCAN", answer);
-        Database database(peer_.socket());
+        Database database({peer_.socket()});
         EXPECT_EQ(lost([&] { database.values(4, "a.b"); }), kUnknownForm) << answer;
     }
 }
 
 TEST_F(ObjectDb, ListenersOfAChannelAreCounted) {
     peer_.set_other_listeners(3);
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     EXPECT_EQ(database.listeners(3, "a.b"), 3);
     EXPECT_EQ(peer_.commands(), Texts{"0 PUBSUB NUMSUB mom/3/a.b"});
     for (const std::string& answer : {std::string("+OK\r\n"), array({bulk("mom/3/a.b")}),
@@ -120,14 +129,14 @@ TEST_F(ObjectDb, SetStoresAndAnnouncesInOneTransaction) {
     peer_.on_publish([&](const std::string& channel, const std::string& payload) {
         announced = channel + " " + payload;
     });
-    EXPECT_EQ(Database(peer_.socket()).set(3, "a.b", "record"), 2);
+    EXPECT_EQ(Database({peer_.socket()}).set(3, "a.b", "record"), 2);
     EXPECT_EQ(announced, std::string("mom/3/a.b \0record", 17));
     EXPECT_EQ(peer_.commands(), (Texts{"3 MULTI", "3 SET a.b/ record",
                                        std::string("3 PUBLISH mom/3/a.b \0record", 27), "3 EXEC"}));
 }
 
 TEST_F(ObjectDb, TransactionThatIsNotCarriedOutIsAFault) {
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     for (const std::string& answer : {kNil, array({"+OK\r\n"}), array({"+OK\r\n", "+OK\r\n"})}) {
         peer_.answer("EXEC", answer);
         EXPECT_EQ(lost([&] { database.set(3, "a.b", "record"); }), kUnknownForm) << answer;
@@ -136,28 +145,28 @@ TEST_F(ObjectDb, TransactionThatIsNotCarriedOutIsAFault) {
 
 TEST_F(ObjectDb, RefusalIsAFaultWithTheServersReason) {
     peer_.answer("GET", "-NOPERM not you\r\n");
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     EXPECT_EQ(lost([&] { database.get(22, "a.b/"); }),
               "the object database refuses: NOPERM not you");
     peer_.answer("SUBSCRIBE", "-NOPERM nor here\r\n");
-    EXPECT_EQ(lost([&] { Listener(peer_.socket(), 3, "a.b"); }),
+    EXPECT_EQ(lost([&] { Listener({peer_.socket()}, 3, "a.b"); }),
               "the object database refuses: NOPERM nor here");
 }
 
 TEST_F(ObjectDb, ServerThatIsNotThereIsNamed) {
-    EXPECT_EQ(lost([&] { Database(folder_.path("nobody.sock")); }),
+    EXPECT_EQ(lost([&] { Database({folder_.path("nobody.sock")}); }),
               "the object database at " + folder_.path("nobody.sock") +
                   " cannot be reached: No such file or directory");
 }
 
 TEST_F(ObjectDb, ServerThatHangsUpOrTalksNonsenseIsLost) {
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     EXPECT_EQ(database.get(22, "a.b/"), std::nullopt);
     peer_.hang_up();
     EXPECT_EQ(lost([&] { database.get(22, "a.b/"); }),
               "the object database does not answer: Broken pipe");
     peer_.answer("GET", "nonsense\r\n");
-    Database other(peer_.socket());
+    Database other({peer_.socket()});
     EXPECT_EQ(lost([&] { other.get(22, "a.b/"); }),
               "the object database does not answer: Protocol error, got \"n\" as reply type byte");
 }
@@ -165,7 +174,7 @@ TEST_F(ObjectDb, ServerThatHangsUpOrTalksNonsenseIsLost) {
 TEST_F(ObjectDb, SilentServerIsAbandonedAfterNineTenthsOfASecond) {
     shorten_connection_limits(milliseconds(20));
     peer_.answer("GET", "");
-    Database database(peer_.socket());
+    Database database({peer_.socket()});
     EXPECT_EQ(connection_limits().connect_us, 900'000);
     ASSERT_EQ(connection_limits().command_us, 900'000);  // else the next line waits for ever
     EXPECT_EQ(lost([&] { database.get(22, "a.b/"); }),
@@ -173,7 +182,7 @@ TEST_F(ObjectDb, SilentServerIsAbandonedAfterNineTenthsOfASecond) {
 }
 
 TEST_F(ObjectDb, NoticesArriveInOrderWithTheirOperation) {
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     EXPECT_EQ(peer_.commands(), Texts{"0 SUBSCRIBE mom/3/a.b"});
     EXPECT_FALSE(listener.next());
     peer_.publish("mom/3/a.b", std::string("\0one", 4));
@@ -188,7 +197,7 @@ TEST_F(ObjectDb, NoticesArriveInOrderWithTheirOperation) {
 }
 
 TEST_F(ObjectDb, OtherMessagesAreSkipped) {
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     const std::string channel = bulk("mom/3/a.b");
     for (const std::string& other :
          {integer(1), kNil, bulk("message"), array({bulk("message"), channel}),
@@ -205,7 +214,7 @@ TEST_F(ObjectDb, OtherMessagesAreSkipped) {
 }
 
 TEST_F(ObjectDb, NoticeMayArriveInPieces) {
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     const std::string whole = array({bulk("message"), bulk("mom/3/a.b"), bulk("\2record")});
     for (const char byte : whole.substr(0, whole.size() - 1)) {
         peer_.send_to_listeners(std::string(1, byte));
@@ -218,18 +227,18 @@ TEST_F(ObjectDb, NoticeMayArriveInPieces) {
 }
 
 TEST_F(ObjectDb, ListenerNoticesThatTheServerIsGone) {
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     peer_.publish("mom/3/a.b", "\2last");
     peer_.hang_up();
     EXPECT_EQ(listener.next().value().record, "last");
     EXPECT_EQ(lost([&] { listener.next(); }), "Server closed the connection");
-    Listener other(peer_.socket(), 3, "a.b");
+    Listener other({peer_.socket()}, 3, "a.b");
     peer_.send_to_listeners("nonsense\r\n");
     EXPECT_EQ(lost([&] { other.next(); }), "Protocol error, got \"n\" as reply type byte");
 }
 
 TEST_F(ObjectDb, NoticeBelowOneMebibyteIsTakenWhole) {
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     const std::string record((size_t{1} << 20) - 200, 'x');
     const auto notices =
         feed(peer_, listener, array({bulk("message"), bulk("mom/3/a.b"), bulk("\2" + record)}));
@@ -238,7 +247,7 @@ TEST_F(ObjectDb, NoticeBelowOneMebibyteIsTakenWhole) {
 }
 
 TEST_F(ObjectDb, NoticeAboveOneMebibyteIsAFaultBeforeItIsWhole) {
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     const std::string record((size_t{1} << 20) + 100'000, 'x');
     const std::string whole = array({bulk("message"), bulk("mom/3/a.b"), bulk("\2" + record)});
     EXPECT_EQ(lost([&] { feed(peer_, listener, whole.substr(0, whole.size() - 1000)); }),
@@ -246,7 +255,7 @@ TEST_F(ObjectDb, NoticeAboveOneMebibyteIsAFaultBeforeItIsWhole) {
 }
 
 TEST_F(ObjectDb, LimitIsThatOfOneNoticeAndNotOfManyInARow) {
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     const std::string notice =
         array({bulk("message"), bulk("mom/3/a.b"), bulk("\2" + std::string(40'000, 'x'))});
     std::string many;
@@ -258,7 +267,7 @@ TEST_F(ObjectDb, LimitIsThatOfOneNoticeAndNotOfManyInARow) {
 
 TEST_F(ObjectDb, WaitingEndsWithANoticeOrAtTheDeadline) {
     freeze_clock();
-    Listener listener(peer_.socket(), 3, "a.b");
+    Listener listener({peer_.socket()}, 3, "a.b");
     std::vector<int> waits;
     int looks = 0;
     on_poll([&](pollfd* watched, nfds_t count, int timeout_ms) {
@@ -282,7 +291,7 @@ TEST_F(ObjectDb, NoCommandWaitsBeyondTheDeadline) {
     using namespace std::chrono_literals;
     freeze_clock();
     const auto deadline = std::chrono::steady_clock::now() + 1000ms;
-    Database database(peer_.socket(), deadline);
+    Database database({peer_.socket()}, deadline);
     EXPECT_EQ(database.get(22, "a.b/"), std::nullopt);
     EXPECT_EQ(connection_limits().command_us, 900'000);
     advance_clock(900ms);
@@ -290,8 +299,40 @@ TEST_F(ObjectDb, NoCommandWaitsBeyondTheDeadline) {
     EXPECT_EQ(connection_limits().command_us, 100'000);
     advance_clock(100ms);
     EXPECT_EQ(lost([&] { database.get(22, "a.b/"); }), "the object database answers too slowly");
-    EXPECT_EQ(lost([&] { Listener(peer_.socket(), 3, "a.b", deadline); }),
+    EXPECT_EQ(lost([&] { Listener({peer_.socket()}, 3, "a.b", deadline); }),
               "the object database answers too slowly");
+}
+
+TEST_F(ObjectDb, LoginIsTheFirstCommandOfEachConnection) {
+    const std::string file = password_file("secret\n", 0600);
+    peer_.answer("AUTH", "+OK\r\n");
+    Database({peer_.socket(), "front", file}).get(22, "a.b/");
+    Listener({peer_.socket(), "front", file}, 3, "a.b");
+    const Texts commands = peer_.commands();
+    ASSERT_EQ(commands.size(), 4U);
+    EXPECT_EQ(commands[0], "0 AUTH front secret");
+    EXPECT_EQ(commands[1], "22 GET a.b/");
+    EXPECT_EQ(commands[2], "0 AUTH front secret");
+}
+
+TEST_F(ObjectDb, LoginThatIsRefusedIsNamedWithoutThePassword) {
+    const std::string file = password_file("secret\n", 0600);
+    peer_.answer("AUTH", "-WRONGPASS invalid username-password pair or user is disabled.\r\n");
+    EXPECT_EQ(lost([&] {
+                  Database({peer_.socket(), "front", file});
+              }),
+              "no login as front: the object database refuses: WRONGPASS invalid username-password "
+              "pair or user is disabled.");
+}
+
+TEST_F(ObjectDb, PasswordFileOpenToOthersIsRefusedAndNothingIsSent) {
+    const std::string file = password_file("secret\n", 0604);
+    EXPECT_EQ(
+        lost([&] {
+            Database({peer_.socket(), "front", file});
+        }),
+        "no login as front: the password file " + file + " is open to other users: chmod o= it");
+    EXPECT_EQ(peer_.commands(), Texts{});
 }
 
 }  // namespace

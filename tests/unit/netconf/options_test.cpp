@@ -44,7 +44,7 @@ class OptionsOfTheFront : public testing::Test {
 
 TEST_F(OptionsOfTheFront, DefaultsAreThoseOfTheUsage) {
     const Options options = read({});
-    EXPECT_EQ(options.redis_socket, "/run/redis/redis-server.sock");
+    EXPECT_EQ(options.redis.socket, "/run/redis/redis-server.sock");
     EXPECT_EQ(options.yang_dir, YANG_DIR);
     EXPECT_EQ(options.runtime_dir, "/run/lda-netconf");
     EXPECT_FALSE(options.log_to_stderr);
@@ -53,7 +53,7 @@ TEST_F(OptionsOfTheFront, DefaultsAreThoseOfTheUsage) {
 
 TEST_F(OptionsOfTheFront, EachOptionSetsItsOwnValue) {
     const Options options = read({"--redis", "/a", "--yang", "/b", "--runtime", "/c", "--stderr"});
-    EXPECT_EQ(options.redis_socket, "/a");
+    EXPECT_EQ(options.redis.socket, "/a");
     EXPECT_EQ(options.yang_dir, "/b");
     EXPECT_EQ(options.runtime_dir, "/c");
     EXPECT_TRUE(options.log_to_stderr);
@@ -63,9 +63,19 @@ TEST_F(OptionsOfTheFront, EachOptionSetsItsOwnValue) {
 TEST_F(OptionsOfTheFront, SocketComesFromTheOptionThenThePlatformFileThenTheEnvironment) {
     const std::string named = platform_file("named.toml", "/named");
     setenv("LDA_PLATFORM", platform_file("environment.toml", "/environment").c_str(), 1);
-    EXPECT_EQ(read({}).redis_socket, "/environment");
-    EXPECT_EQ(read({"--platform", named}).redis_socket, "/named");
-    EXPECT_EQ(read({"--platform", named, "--redis", "/own"}).redis_socket, "/own");
+    EXPECT_EQ(read({}).redis.socket, "/environment");
+    EXPECT_EQ(read({"--platform", named}).redis.socket, "/named");
+    EXPECT_EQ(read({"--platform", named, "--redis", "/own"}).redis.socket, "/own");
+}
+
+TEST_F(OptionsOfTheFront, LoginComesFromThePlatformFileAlsoWithASocketOfItsOwn) {
+    const std::string file = folder_.path("login.toml");
+    std::ofstream(file) << "[redis]\nuser = \"front\"\npassword_file = \"/password\"\n";
+    EXPECT_EQ(read({}).redis.user, "");
+    const Options options = read({"--platform", file, "--redis", "/own"});
+    EXPECT_EQ(options.redis.socket, "/own");
+    EXPECT_EQ(options.redis.user, "front");
+    EXPECT_EQ(options.redis.password_file, "/password");
 }
 
 TEST_F(OptionsOfTheFront, SharedFolderComesFromTheOptionThenThePlatformFile) {

@@ -69,7 +69,7 @@ void ServedSession::SetUp() {
     freeze_clock();               // the agent has all the time it needs
     set_time_of_day(1767323045);  // 2026-01-02T03:04:05Z
     peer_ = std::make_unique<DatabasePeer>(folder_.path("redis.sock"));
-    options_.redis_socket = peer_->socket();
+    options_.redis.socket = peer_->socket();
     options_.runtime_dir = folder_.path("run");
     number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
     session_.reset(
@@ -154,8 +154,8 @@ void ServedSession::reserve_changes_for(const std::string& group) {
 }
 
 std::string ServedSession::lose_database() {
-    options_.redis_socket = folder_.path("nobody.sock");
-    return "the object database at " + options_.redis_socket +
+    options_.redis.socket = folder_.path("nobody.sock");
+    return "the object database at " + options_.redis.socket +
            " cannot be reached: No such file or directory";
 }
 

@@ -70,7 +70,7 @@ class SessionOfAClient : public testing::Test {
         connect(STDIN_FILENO, 0);
         connect(STDOUT_FILENO, 1);
         peer_ = std::make_unique<DatabasePeer>(folder_.path("redis.sock"));
-        options_.redis_socket = peer_->socket();
+        options_.redis.socket = peer_->socket();
         options_.runtime_dir = folder_.path("run");
         number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
         on_poll([this](pollfd* watched, nfds_t count, int timeout_ms) {

@@ -51,7 +51,7 @@ class Notifications : public testing::Test {
     }
 
     Subscription subscribe(Filter filter = {}, const std::optional<Replay>& replay = {}) {
-        return {context_.get(), peer_->socket(), std::move(filter), replay};
+        return {context_.get(), {peer_->socket()}, std::move(filter), replay};
     }
     Subscription replay_from(uint64_t from_ms, const std::optional<EventTime>& until = {}) {
         return subscribe({}, Replay{.from = at(from_ms), .until = until});
@@ -223,7 +223,7 @@ TEST_F(Notifications, AThousandWaitAndTheRestIsLeftWithTheDatabase) {
 
 TEST_F(Notifications, WithoutADatabaseThereIsNoSubscription) {
     peer_.reset();
-    EXPECT_THROW(Subscription(context_.get(), folder_.path("redis.sock"), {}, {}), DatabaseLost);
+    EXPECT_THROW(Subscription(context_.get(), {folder_.path("redis.sock")}, {}, {}), DatabaseLost);
 }
 
 TEST_F(Notifications, ReconnectsBecomeRarerWhileTheDatabaseStaysAway) {

@@ -37,7 +37,7 @@ struct ScriptedLease : testing::Test {
     test::ManualClock clock;
     EventLoop loop{clock};
     test::ScriptedServer server;
-    RedisLease lease{loop, server.path()};
+    RedisLease lease{loop, {server.path()}};
     Heard heard;
     std::vector<test::ScriptedServer::Peer> peers;
 
@@ -145,7 +145,7 @@ struct RealLease : testing::Test {
         }
         std::signal(SIGPIPE, SIG_IGN);
         server.start();
-        lease = std::make_unique<RedisLease>(loop, server.socket());
+        lease = std::make_unique<RedisLease>(loop, RedisServer{server.socket()});
         lease->connect(heard);
         expect("reached");
     }

@@ -20,11 +20,13 @@ inline const std::string kWritten = "+OK\r\n+QUEUED\r\n+QUEUED\r\n*2\r\n+OK\r\n:
 
 class RedisProtocol : public testing::Test {
  protected:
-    RedisProtocol() {
+    // With a user the client logs in.
+    explicit RedisProtocol(const std::string& user = {}, const std::string& password_file = {}) {
         std::signal(SIGPIPE, SIG_IGN);
         g_heard.clear();
         master = qv_thread_master_create();
-        store = std::make_unique<qv::RedisStore>(platform.loop(), server.path());
+        store = std::make_unique<qv::RedisStore>(
+            platform.loop(), qv::RedisServer{server.path(), user, password_file});
         platform.store_in_use = store.get();
         client = qv_mom_client_init("TEST", master, nullptr);
         open(4);
