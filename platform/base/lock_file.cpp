@@ -42,13 +42,17 @@ File::~File() {
 }
 
 File create_lock_file(const std::string& path) {
-    File file = open_regular(path, O_RDWR | O_CREAT);
-    if (file.open()) {
-        // The umask has reduced the mode. This fails for files of other users, which have the full
-        // mode already.
-        static_cast<void>(fchmod(file.fd(), kFileMode));
+    // In a sticky folder the kernel may refuse O_CREAT for a file of another user that is there
+    // already (fs.protected_regular), so it is only for a new one.
+    File file = open_regular(path, O_RDWR);
+    if (file.open() || errno != ENOENT) {
+        return file;
     }
-    return file;
+    file = open_regular(path, O_RDWR | O_CREAT | O_EXCL);
+    if (file.open()) {
+        static_cast<void>(fchmod(file.fd(), kFileMode));  // the umask has reduced the mode
+    }
+    return file.open() || errno != EEXIST ? std::move(file) : open_regular(path, O_RDWR);
 }
 
 File open_lock_file(const std::string& path) {

@@ -11,7 +11,14 @@
 namespace qv {
 namespace {
 
-// The file's line is "SESSION TIME NAME". Any member of the group may have written it.
+bool is_time(const std::string& text) {
+    tm parts{};
+    const char* const end = strptime(text.c_str(), "%Y-%m-%dT%H:%M:%SZ", &parts);
+    return end != nullptr && *end == '\0' && text.size() == strlen("2026-01-02T03:04:05Z");
+}
+
+}  // namespace
+
 RunningLockHolder holder_in(std::string line) {
     std::replace_if(
         line.begin(), line.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
@@ -19,10 +26,11 @@ RunningLockHolder holder_in(std::string line) {
     std::istringstream words(line);
     words >> holder.session >> holder.since >> std::ws;
     std::getline(words, holder.name);
+    if (!is_time(holder.since)) {
+        holder.since.clear();
+    }
     return holder;
 }
-
-}  // namespace
 
 std::optional<RunningLockHolder> RunningLock::holder() const {
     if (mine()) {

@@ -14,12 +14,18 @@ namespace qv {
 // The record lock on this file of the folder is the right to look at the lock and to act on what
 // was seen. NETCONF sessions hold it during an edit.
 inline constexpr char kEditLock[] = "/edit.lock";
+// The one on this file is the lock itself.
+inline constexpr char kRunningLock[] = "/running.lock";
 
 struct RunningLockHolder {
     uint32_t session;   // number of the NETCONF session; 0: an operator of the shell
     std::string since;  // RFC 3339; empty when it is not known
     std::string name;   // user of the session, or the operator; printable
 };
+
+// The holder by the line in the lock's file, "SESSION TIME NAME". Any member of the group may have
+// written anything there: a session that is no number is 0, a time of another form is empty.
+RunningLockHolder holder_in(std::string line);
 
 // For one thread at a time.
 class RunningLock {
@@ -37,7 +43,7 @@ class RunningLock {
     bool mine() const { return file_.open(); }
 
  private:
-    std::string path() const { return folder_ + "/running.lock"; }
+    std::string path() const { return folder_ + kRunningLock; }
 
     const std::string folder_;
     const uint32_t session_;

@@ -117,12 +117,12 @@ void add_schemas(const Session& session, Tree& tree) {
 }
 
 void add_sessions(const Session& session, Tree& tree) {
-    for (const SessionInfo& peer : live_sessions(session.options.runtime_dir)) {
+    for (const SessionInfo& peer : session.number.live_sessions()) {
         const std::string entry =
             kMonitoring + "/sessions/session[session-id='" + std::to_string(peer.id) + "']";
         add_node(session.context, tree, entry + "/transport", "netconf-ssh");
         add_node(session.context, tree, entry + "/username", peer.user);
-        add_node(session.context, tree, entry + "/login-time", peer.login_time);
+        add_node(session.context, tree, entry + "/login-time", rfc3339(peer.login_time));
     }
 }
 

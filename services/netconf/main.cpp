@@ -40,7 +40,7 @@ int run(const netconf::Options& options) {
     umask(0007);
 
     const std::string user = user_name();
-    const netconf::SessionNumber number(options.runtime_dir, user);
+    const netconf::SessionNumber number(options.runtime_dir, getuid());
     netconf::log_as("session " + std::to_string(number.id()) + " (" + user + ")");
     netconf::log_fatal_signals();
     const netconf::Context context = netconf::load_modules(options.yang_dir);

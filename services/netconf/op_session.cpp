@@ -103,7 +103,7 @@ nc_server_reply* kill_session(const lyd_node& rpc, Session& session) {
     if (id == session.number.id()) {
         throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT, "a session cannot kill itself");
     }
-    switch (kill_session(session.options.runtime_dir, id)) {
+    switch (session.number.kill(id)) {
         case Kill::kDone:
             break;
         case Kill::kNoSuchSession:

@@ -128,7 +128,7 @@ def test_closed_sessions_leak_nothing(front):
         with front.connect() as session:
             session.get_config("running")
     wait_until_clean(front, before)
-    assert len(list(front.runtime.glob("*"))) <= 257
+    assert {path.name for path in front.runtime.glob("*")} == {"sessions", "edit.lock", "running.lock"}
     with front.connect() as session:
         assert session.lock("running").ok
 
@@ -281,7 +281,7 @@ def test_broken_frame_ends_the_session_with_its_reason(front, sent, logged):
 @pytest.mark.skipif(os.geteuid() != 0, reason="needs root to run a session as another user")
 def test_session_of_another_user_cannot_be_killed(front, tmp_path):
     with tempfile.TemporaryDirectory() as folder:
-        os.chmod(folder, 0o770)
+        os.chmod(folder, 0o750)
         program = [PROGRAM, "--redis", "/nowhere", "--runtime", f"{folder}/run", "--stderr"]
         as_nobody = ["setpriv", "--reuid=65534", "--regid=0", "--clear-groups"]
         log = tmp_path / "log"

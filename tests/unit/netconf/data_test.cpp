@@ -8,6 +8,7 @@
 #include <cstdlib>
 #include <fstream>
 #include <memory>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "tests/unit/netconf/held_answers.h"
 #include "tests/unit/netconf/intercepted.h"
 #include "tests/unit/netconf/notification_records.h"
+#include "tests/unit/netconf/other_session.h"
 
 using namespace netconf::test;
 using netconf::Context;
@@ -39,7 +41,7 @@ class Data : public testing::Test {
         set_time_of_day(1767323045);
         options_.redis.socket = peer_.socket();
         options_.runtime_dir = folder_.path("run");
-        number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
+        number_ = std::make_unique<SessionNumber>(options_.runtime_dir, getuid());
         session_.reset(
             new Session{.options = options_,
                         .context = context_.get(),
@@ -245,31 +247,53 @@ TEST_F(Data, LockWithoutItsTimeIsLeftOut) {
               "<datastores><datastore><name>running</name></datastore></datastores>");
 }
 
-TEST_F(Data, EachSessionIsReportedWithItsOwnUser) {
-    const SessionNumber guest(options_.runtime_dir, "guest");
-    const auto entry = [](uint32_t id, const std::string& user) {
-        return "<session><session-id>" + std::to_string(id) +
-               "</session-id><transport xmlns:ncm=\"" + kMonitoring +
-               "\">ncm:netconf-ssh</transport><username>" + user +
-               "</username><login-time>2026-01-02T03:04:05+00:00</login-time></session>";
-    };
+// An entry of the list of sessions, with any time.
+std::string entry(uint32_t id, const std::string& user) {
+    return "<session><session-id>" + std::to_string(id) + "</session-id><transport xmlns:ncm=\"" +
+           kMonitoring + "\">ncm:netconf-ssh</transport><username>" + user +
+           R"(</username><login-time>\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d+\+00:00)"
+           "</login-time></session>";
+}
+
+bool fits(const std::string& text, const std::string& pattern) {
+    return std::regex_match(text, std::regex(pattern));
+}
+
+TEST_F(Data, SessionsAreReportedByNumberEachWithItsUser) {
+    forget_users();
+    const OtherSession other(options_.runtime_dir, [] {
+        if (getuid() == 0) {
+            ASSERT_EQ(setuid(65534), 0);
+        }
+    });
+    const std::string own = entry(number_->id(), std::to_string(getuid()));
+    const std::string others = entry(other.id(), std::to_string(getuid() == 0 ? 65534 : getuid()));
     const std::string sessions = part(state(), "sessions");
-    EXPECT_NE(sessions.find(entry(number_->id(), "admin")), std::string::npos) << sessions;
-    EXPECT_NE(sessions.find(entry(guest.id(), "guest")), std::string::npos) << sessions;
+    EXPECT_TRUE(fits(
+        sessions,
+        "<sessions>" + (number_->id() < other.id() ? own + others : others + own) + "</sessions>"))
+        << sessions;
+}
+
+TEST_F(Data, LockOfAnImpossibleTimeIsLeftOutAlone) {
+    RunningLock other(options_.runtime_dir, 200, "eve");
+    other.take();
+    for (const char* const line :
+         {"200 2026-13-02T03:04:05Z eve", "200 2026-01-02T03:04:05 eve",
+          "200 2026-01-02T03:04:05ZZ eve", "200 2026-1-2T3:4:5Z eve", "x y z", "", "200 <a/> eve",
+          "99999999999 2026-01-02T03:04:05Z eve", "-9 \xff\x01"}) {
+        std::ofstream(options_.runtime_dir + "/running.lock") << line << "\n";
+        EXPECT_EQ(part(state(), "datastores"),
+                  "<datastores><datastore><name>running</name></datastore></datastores>")
+            << line;
+        EXPECT_NE(part(state(), "sessions"), "") << line;
+    }
 }
 
 TEST_F(Data, SchemaThatIsOnlyImportedHasItsRevisionToo) {
     EXPECT_NE(part(state(), "schemas")
                   .find("<identifier>ietf-yang-types</identifier><version>2013-07-15</version>"),
               std::string::npos);
-}
-
-TEST_F(Data, SessionsAreReportedWithTheirUsers) {
-    EXPECT_EQ(part(state(), "sessions"),
-              "<sessions><session><session-id>" + std::to_string(number_->id()) +
-                  "</session-id><transport xmlns:ncm=\"" + kMonitoring +
-                  "\">ncm:netconf-ssh</transport><username>admin</username>"
-                  "<login-time>2026-01-02T03:04:05+00:00</login-time></session></sessions>");
 }
 
 TEST_F(Data, EverySchemaIsReported) {

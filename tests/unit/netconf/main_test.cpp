@@ -85,7 +85,7 @@ class Program : public testing::Test {
     }
     // "session 12 (user)", for the process `pid`.
     static std::string name_of(pid_t pid, const std::string& user) {
-        return "session " + std::to_string(1 + pid % 255) + " (" + user + ")";
+        return "session " + std::to_string(1 + pid % 247) + " (" + user + ")";
     }
 
     std::string content(const std::string& file) const {
@@ -157,16 +157,13 @@ TEST_F(Program, ServesASessionUnderItsNumberAndUser) {
         run(session_words(), hello() + request("<close-session/>"), [] { forget_users(); });
     EXPECT_EQ(done.status, 0);
     EXPECT_NE(
-        done.output.find("<session-id>" + std::to_string(1 + done.pid % 255) + "</session-id>"),
+        done.output.find("<session-id>" + std::to_string(1 + done.pid % 247) + "</session-id>"),
         std::string::npos)
         << done.output;
     EXPECT_NE(done.output.find("<rpc-reply "), std::string::npos);
     EXPECT_EQ(done.error, "");
     const std::string name = name_of(done.pid, std::to_string(getuid()));
     EXPECT_EQ(done.log, (Lines{"6 " + name + ": begins", "6 " + name + ": closed"}));
-    const Lines entry = lines("run/session-" + std::to_string(1 + done.pid % 255));
-    ASSERT_EQ(entry.size(), 1U);
-    EXPECT_TRUE(entry[0].ends_with(" " + std::to_string(getuid()))) << entry[0];
 }
 
 TEST_F(Program, UserIsNamed) {
@@ -202,7 +199,7 @@ TEST_F(Program, LimitsItselfBeforeItTakesInput) {
     EXPECT_TRUE(done.output.ends_with(expected)) << done.output;
     struct stat folder {};
     ASSERT_EQ(stat(folder_.path("run").c_str(), &folder), 0);
-    EXPECT_EQ(folder.st_mode & 0777, 0770U);
+    EXPECT_EQ(folder.st_mode & 07777, 01770U);
 }
 
 TEST_F(Program, SignalLineNamesTheSession) {

@@ -1,23 +1,20 @@
 // <lock>, <unlock>, <kill-session> and <create-subscription>.
 #include <gtest/gtest.h>
 #include <sys/syscall.h>
-#include <sys/wait.h>
 #include <syslog.h>
 #include <unistd.h>
 
 #include <cerrno>
-#include <csignal>
-#include <fstream>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "tests/unit/netconf/intercepted.h"
+#include "tests/unit/netconf/other_session.h"
 #include "tests/unit/netconf/served_session.h"
 
 using namespace netconf::test;
 using netconf::EditTurn;
-using netconf::SessionNumber;
 using qv::RunningLock;
 
 namespace {
@@ -110,38 +107,17 @@ TEST_F(Locks, LeaveTheTurnToOthers) {
     EXPECT_TRUE(EditTurn(runtime_dir()).ours());
 }
 
-// The other session has its own number, and a child of this test is its process.
 class Kills : public ServedSession {
  protected:
     void SetUp() override {
         ServedSession::SetUp();
-        child_ = fork();
-        ASSERT_GE(child_, 0);
-        if (child_ == 0) {
-            pause();
-            _exit(0);
-        }
-        // No session has the number between these two.
-        between_ = std::make_unique<SessionNumber>(runtime_dir(), "between");
-        std::ofstream(runtime_dir() + "/session-" + std::to_string(between_->id())) << "nobody\n";
-        other_ = std::make_unique<SessionNumber>(runtime_dir(), "other");
-        std::ofstream(runtime_dir() + "/session-" + other())
-            << child_ << " 2026-01-02T03:04:05Z other\n";
-    }
-    void TearDown() override {
-        if (child_ > 0) {
-            ::kill(child_, SIGKILL);
-            waitpid(child_, nullptr, 0);
-        }
-        ServedSession::TearDown();
+        other_ = std::make_unique<OtherSession>(runtime_dir());
     }
 
     std::string other() const { return std::to_string(other_->id()); }
-    bool alive() const { return ::kill(child_, 0) == 0 && waitpid(child_, nullptr, WNOHANG) == 0; }
+    bool alive() const { return other_->alive(); }
 
-    std::unique_ptr<SessionNumber> between_;
-    std::unique_ptr<SessionNumber> other_;
-    pid_t child_ = 0;
+    std::unique_ptr<OtherSession> other_;
 };
 
 TEST_F(Kills, OtherSessionEnds) {
@@ -166,11 +142,10 @@ TEST_F(Kills, SessionDoesNotKillItself) {
 
 TEST_F(Kills, SessionThatIsNotThereIsUnknown) {
     const std::string gone = other();
-    other_.reset();
+    other_->end();
     EXPECT_EQ(reply_to(kill(gone)), protocol_error("invalid-value", "there is no session " + gone));
     EXPECT_EQ(reply_to(kill("4294967295")),
               protocol_error("invalid-value", "there is no session 4294967295"));
-    EXPECT_TRUE(alive());
     EXPECT_EQ(logged(), std::vector<LogLine>{});
 }
 

@@ -71,7 +71,7 @@ void ServedSession::SetUp() {
     peer_ = std::make_unique<DatabasePeer>(folder_.path("redis.sock"));
     options_.redis.socket = peer_->socket();
     options_.runtime_dir = folder_.path("run");
-    number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
+    number_ = std::make_unique<SessionNumber>(options_.runtime_dir, getuid());
     session_.reset(
         new Session{.options = options_,
                     .context = context_.get(),

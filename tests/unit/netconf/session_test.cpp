@@ -72,7 +72,7 @@ class SessionOfAClient : public testing::Test {
         peer_ = std::make_unique<DatabasePeer>(folder_.path("redis.sock"));
         options_.redis.socket = peer_->socket();
         options_.runtime_dir = folder_.path("run");
-        number_ = std::make_unique<SessionNumber>(options_.runtime_dir, "admin");
+        number_ = std::make_unique<SessionNumber>(options_.runtime_dir, getuid());
         on_poll([this](pollfd* watched, nfds_t count, int timeout_ms) {
             if (++looks_ > kMostLooks) {
                 throw std::runtime_error("the session spins");
