@@ -24,7 +24,8 @@ namespace {
 // log_fatal_signals).
 constexpr unsigned kBlockLimit_s = 30;
 constexpr uint16_t kHelloLimit_s = 30;
-constexpr int kUnreadLimit_ms = 5000;  // for a client that does not read its notifications
+constexpr int kUnreadLimit_ms = 5000;          // for a client that does not read its notifications
+constexpr int kIdleLimit_ms = 30 * 60 * 1000;  // between requests, without a subscription
 
 // Also frees the sessions in it.
 struct FreePoll {
@@ -125,7 +126,7 @@ Step send_next_event(Session& session) {
     return sent ? Step::kAgain : Step::kOver;
 }
 
-// The client does not read its notifications.
+// The client does not read its notifications, or sends no requests.
 struct ClientTooSlow : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -133,7 +134,7 @@ struct ClientTooSlow : std::runtime_error {
 // Sleeps until a request, a notice of the database or a timer is due, and serves the first two.
 // While the client does not read, its requests wait too, since each one needs an answer. Throws
 // ClientTooSlow when Subscription::kMaxPending notifications wait and the client has not read for
-// kUnreadLimit_ms.
+// kUnreadLimit_ms, and when a client without a subscription has been idle for kIdleLimit_ms.
 Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* polled,
           bool writable) {
     Subscription* const subscription = session.subscription.get();
@@ -148,11 +149,14 @@ Step wait(const Session& session, const StdinRelay& requests, nc_pollsession* po
          .events = POLLIN,
          .revents = 0},
     }};
-    const int limit_ms = subscription == nullptr ? -1 : subscription->wait_ms(writable);
+    const int limit_ms = subscription == nullptr ? kIdleLimit_ms : subscription->wait_ms(writable);
     const int ready = poll(watched.data(), watched.size(), stalled ? kUnreadLimit_ms : limit_ms);
     if (ready == 0 && stalled) {
         throw ClientTooSlow("the client leaves " + std::to_string(Subscription::kMaxPending) +
                             " notifications unread");
+    }
+    if (ready == 0 && subscription == nullptr) {
+        throw ClientTooSlow("no request for 30 minutes");
     }
     if (subscription != nullptr && (watched[2].revents != 0 || subscription->fd() < 0)) {
         subscription->receive();

@@ -56,7 +56,7 @@ struct Sleep {
     int limit_ms;
     bool operator==(const Sleep&) const = default;
 };
-constexpr Sleep kIdle{POLLIN, 0, false, -1};
+constexpr Sleep kIdle{POLLIN, 0, false, 1'800'000};
 constexpr Sleep kListening{POLLIN, 0, true, -1};
 constexpr Sleep kBlocked{0, POLLOUT, true, -1};
 
@@ -421,6 +421,15 @@ TEST_F(SessionOfAClient, EachAnswerHasHalfAMinute) {
     then_send(request(kClose));
     EXPECT_EQ(run(), 0);
     EXPECT_EQ(alarms(), (std::vector<unsigned>{60, 0, 30, 0, 30, 0}));
+}
+
+TEST_F(SessionOfAClient, WithoutASubscriptionItEndsAfterHalfAnHour) {
+    send(hello());
+    then_send(request(kGet));
+    then([] { return false; });
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(sleeps_, (std::vector<Sleep>{kIdle, kIdle}));
+    EXPECT_EQ(logged(), (Lines{kBegins, {LOG_WARNING, "ended: no request for 30 minutes"}}));
 }
 
 TEST_F(SessionOfAClient, NumberIsThatOfTheOtherSessionsFile) {
