@@ -26,6 +26,9 @@ namespace {
 // before the switch runs out of memory.
 constexpr rlim_t kMemoryLimit_bytes = rlim_t{128} << 20;
 
+// The switch's own work precedes the requests of its clients.
+constexpr int kNice = 10;
+
 std::string user_name() {
     const passwd* const entry = getpwuid(getuid());
     return entry == nullptr ? std::to_string(getuid()) : entry->pw_name;
@@ -36,6 +39,7 @@ int run(const netconf::Options& options) {
     setrlimit(RLIMIT_DATA, &memory);
     const rlimit no_core{0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
+    static_cast<void>(nice(kNice));  // a failure costs nothing but the courtesy
     signal(SIGPIPE, SIG_IGN);
     umask(0007);
 

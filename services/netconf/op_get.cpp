@@ -35,7 +35,7 @@ nc_server_reply* reply_with(const lyd_node& rpc, const void* data, LYD_ANYDATA_V
     return nc_server_reply_data(output, NC_WD_EXPLICIT, NC_PARAMTYPE_FREE);
 }
 
-nc_server_reply* reply_with(const lyd_node& rpc, const Filter& filter, const Tree& tree) {
+nc_server_reply* reply_with(const lyd_node& rpc, Filter& filter, const Tree& tree) {
     return reply_with(rpc, filter.apply(tree.get()).get(), LYD_ANYDATA_DATATREE);
 }
 
@@ -62,7 +62,7 @@ const lys_module& module_named(const ly_ctx* context, const std::string& name,
 }  // namespace
 
 nc_server_reply* get(const lyd_node& rpc, Session& session) {
-    const Filter filter = Filter::of(rpc);
+    Filter filter = Filter::of(rpc);
     Tree tree;
     add_configuration(session, tree, wants_defaults(rpc));
     add_state(session, tree);
@@ -71,7 +71,7 @@ nc_server_reply* get(const lyd_node& rpc, Session& session) {
 
 // Its source can only be the running configuration; the model has no other.
 nc_server_reply* get_config(const lyd_node& rpc, Session& session) {
-    const Filter filter = Filter::of(rpc);
+    Filter filter = Filter::of(rpc);
     Tree tree;
     add_configuration(session, tree, wants_defaults(rpc));
     return reply_with(rpc, filter, tree);

@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <mutex>
 #include <stdexcept>
 
 #include "services/netconf/access.h"
@@ -15,7 +16,9 @@
 #include "services/netconf/log.h"
 #include "services/netconf/operations.h"
 #include "services/netconf/request_check.h"
+#include "services/netconf/rpc_error.h"
 #include "services/netconf/stdin_relay.h"
+#include "services/netconf/xpath.h"
 
 namespace netconf {
 namespace {
@@ -221,6 +224,7 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
     start_server(context);
     skip_session_ids_below(number.id());
     const StdinRelay requests([context](std::string& text) {
+        const std::lock_guard lock(libyang_in_use());
         adapt_message(text);
         replace_bad_request(context, text);
     });
@@ -248,6 +252,9 @@ int run_session(const Options& options, ly_ctx* context, const SessionNumber& nu
         serve(session, requests, polled.get());
     } catch (const ClientTooSlow& slow) {
         log_line(LOG_WARNING, "ended: %s", slow.what());
+        return 1;
+    } catch (const RpcError& denied) {  // of a notification's filter: there is nothing to answer
+        log_line(LOG_WARNING, "ended: %s", denied.what());
         return 1;
     }
     return log_end(accepted, requests);

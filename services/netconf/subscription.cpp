@@ -23,6 +23,7 @@
 #include <utility>
 
 #include "services/netconf/log.h"
+#include "services/netconf/rpc_error.h"
 
 namespace netconf {
 namespace {
@@ -215,6 +216,8 @@ std::optional<Event> Subscription::next_of(std::deque<std::string>& records) {
             if (filter_.matches(event.tree.get())) {
                 return event;
             }
+        } catch (const RpcError&) {  // of the filter, and the next notification would meet it too
+            throw;
         } catch (const std::exception& error) {
             log_line(LOG_WARNING, "an invalid notification of the switch is dropped: %s",
                      error.what());

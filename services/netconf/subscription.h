@@ -50,7 +50,8 @@ class Subscription {
     bool full() const { return records_.size() >= kMaxPending; }
     // The oldest event that passes the filter; nothing when there is none. After the replayed ones
     // comes replayComplete, at the end of the subscription notificationComplete. Records that do
-    // not fit the model are logged and dropped.
+    // not fit the model are logged and dropped. Throws RpcError when the filter takes too much
+    // time.
     std::optional<Event> next();
     // True after notificationComplete.
     bool over() const { return over_; }
@@ -65,7 +66,7 @@ class Subscription {
 
     const ly_ctx* const context_;
     const qv::RedisServer server_;
-    const Filter filter_;
+    Filter filter_;
     std::unique_ptr<Listener> listener_;  // null while the database is away
     std::deque<std::string> replayed_;    // packed, oldest first
     bool replaying_ = false;              // until replayComplete

@@ -226,4 +226,26 @@ TEST_F(FilterOfGet, XpathThatYieldsNoNodesIsRefused) {
     EXPECT_THROW(passes("<filter type=\"xpath\" select=\"1 + 1\"/>"), netconf::RpcError);
 }
 
+TEST_F(FilterOfGet, SubtreeThatTakesTooManyComparisonsIsRefused) {
+    std::string many;
+    for (int n = 0; n < 4000; n++) {
+        many += "<looped-port/>";
+    }
+    EXPECT_NE(passes(in_container(many)), "");
+    for (int n = 0; n < 3000; n++) {
+        add_node(context_.get(), data_,
+                 "/qv-loop-detect-server:loop-detect/looped-port[name='p" + std::to_string(n) +
+                     "']/policy",
+                 "1");
+    }
+    EXPECT_NE(passes(in_container("<looped-port/>")), "");
+    try {
+        passes(in_container(many));
+        FAIL() << "not refused";
+    } catch (const netconf::RpcError& error) {
+        EXPECT_EQ(error.tag, NC_ERR_RES_DENIED);
+        EXPECT_STREQ(error.what(), "the filter takes too much time or memory");
+    }
+}
+
 }  // namespace

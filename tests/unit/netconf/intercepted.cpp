@@ -33,6 +33,7 @@ struct State {
     std::function<int(pollfd*, nfds_t, int)> poll_hook;
     std::function<void()> sleep_hook;
     std::function<int(long)> call_hook;
+    std::function<bool()> fork_hook;
     ConnectionLimits limits{};
     timeval shortened{};
     std::string error_xml;
@@ -164,6 +165,10 @@ void on_system_call(std::function<int(long)> hook) {
     g_state.call_hook = std::move(hook);
 }
 
+void on_fork(std::function<bool()> hook) {
+    g_state.fork_hook = std::move(hook);
+}
+
 ConnectionLimits connection_limits() {
     return g_state.limits;
 }
@@ -229,6 +234,7 @@ ssize_t __real_read(int fd, void* bytes, size_t size);
 ssize_t __real_send(int fd, const void* bytes, size_t size, int flags);
 int __real_connect(int fd, const sockaddr* address, socklen_t size);
 long __real_syscall(long number, ...);
+pid_t __real_fork();
 redisContext* __real_redisConnectUnixWithTimeout(const char* path, timeval limit);
 int __real_redisSetTimeout(redisContext* context, timeval limit);
 nc_server_reply* __real_nc_server_reply_err(lyd_node* error);
@@ -318,6 +324,14 @@ int __wrap_connect(int fd, const sockaddr* address, socklen_t size) {
     }
     snprintf(path.sun_path, sizeof path.sun_path, "%s", g_state.system_log.c_str());
     return __real_connect(fd, reinterpret_cast<const sockaddr*>(&path), sizeof path);
+}
+
+pid_t __wrap_fork() {
+    if (g_state.fork_hook && !g_state.fork_hook()) {
+        errno = EAGAIN;
+        return -1;
+    }
+    return __real_fork();
 }
 
 long __wrap_syscall(long number, long first, long second, long third, long fourth) {

@@ -66,6 +66,9 @@ void limit_sends(size_t bytes);
 // Called before syscall(2) with its number; a result other than 0 becomes its errno.
 void on_system_call(std::function<int(long number)> hook);
 
+// Called before fork(2), which fails when the result is false.
+void on_fork(std::function<bool()> hook);
+
 // Time limits that the server has set on connections, in microseconds.
 struct ConnectionLimits {
     long connect_us;

@@ -180,22 +180,26 @@ TEST_F(Program, UserIsNamed) {
 }
 
 TEST_F(Program, LimitsItselfBeforeItTakesInput) {
+    const int usual_nice = std::min(getpriority(PRIO_PROCESS, 0), 9);
+    setpriority(PRIO_PROCESS, 0, usual_nice);
     const Outcome done = run(
         session_words(), "",
         [] {
             signal(SIGPIPE, SIG_DFL);
             umask(0);
         },
-        [] {
+        [usual_nice] {
             for (const ResourceLimit& limit : resource_limits()) {
                 printf("\n%d %lu %lu", limit.resource, limit.soft, limit.hard);
             }
+            printf("\nnice %d", getpriority(PRIO_PROCESS, 0) - usual_nice);
             printf("\numask %o", umask(0));
             printf("\nSIGPIPE %s\n", signal(SIGPIPE, SIG_DFL) == SIG_IGN ? "ignored" : "kills");
         });
     EXPECT_EQ(done.status, 1);
     const std::string expected = "\n" + std::to_string(RLIMIT_DATA) + " 134217728 134217728\n" +
-                                 std::to_string(RLIMIT_CORE) + " 0 0\numask 7\nSIGPIPE ignored\n";
+                                 std::to_string(RLIMIT_CORE) +
+                                 " 0 0\nnice 10\numask 7\nSIGPIPE ignored\n";
     EXPECT_TRUE(done.output.ends_with(expected)) << done.output;
     struct stat folder {};
     ASSERT_EQ(stat(folder_.path("run").c_str(), &folder), 0);

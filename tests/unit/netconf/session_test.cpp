@@ -556,6 +556,25 @@ TEST_F(SessionOfAClient, ClientThatReadsInTimeMissesNothing) {
     EXPECT_EQ(notified_ports().back(), "last");
 }
 
+TEST_F(SessionOfAClient, FilterOfNotificationsThatTakesTooMuchEndsIt) {
+    send(hello());
+    then_send(
+        request("<create-subscription "
+                "xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\"><filter "
+                "xmlns:nc=\"urn:ietf:params:xml:ns:netconf:base:1.0\" nc:type=\"xpath\" "
+                "nc:select=\"//*\"/></create-subscription>"));
+    then_publish({"swp1"});
+    then([this] {
+        on_fork([] { return false; });
+        publish({"swp2"});
+        return true;
+    });
+    EXPECT_EQ(run(), 1);
+    EXPECT_EQ(notified_ports(), std::vector<std::string>{"swp1"});
+    EXPECT_EQ(logged(),
+              (Lines{kBegins, {LOG_WARNING, "ended: the filter takes too much time or memory"}}));
+}
+
 TEST_F(SessionOfAClient, RestartedDatabaseIsSubscribedToAgain) {
     freeze_clock();
     send(hello());

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "services/netconf/rpc_error.h"
 #include "tests/unit/netconf/database_peer.h"
 #include "tests/unit/netconf/intercepted.h"
 #include "tests/unit/netconf/notification_records.h"
@@ -459,6 +460,20 @@ TEST_F(Notifications, EndComesWithoutADatabaseToo) {
     advance_clock(51ms);
     EXPECT_NE(next(subscription).find(" <notificationComplete "), std::string::npos);
     EXPECT_TRUE(subscription.over());
+}
+
+TEST_F(Notifications, FilterThatTakesTooMuchIsNotAskedAgain) {
+    Subscription subscription = subscribe(filter_of("<filter type=\"xpath\" select=\"//*\"/>"));
+    publish(loop_on("swp1"));
+    EXPECT_EQ(next_port(subscription), "swp1");
+    publish(loop_on("swp2"));
+    on_fork([] { return false; });
+    try {
+        next(subscription);
+        FAIL() << "not refused";
+    } catch (const netconf::RpcError& error) {
+        EXPECT_EQ(error.tag, NC_ERR_RES_DENIED);
+    }
 }
 
 }  // namespace
