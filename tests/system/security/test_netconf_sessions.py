@@ -14,6 +14,7 @@ from netconf_lab import PROGRAM, RawSession  # noqa: E402
 
 pytestmark = pytest.mark.skipif(os.geteuid() != 0, reason="needs root to run sessions of several users")
 
+SAMPLE = pathlib.Path(__file__).resolve().parents[3] / "packaging" / "netconf-tmpfiles.conf"
 ANN, EVE = 65534, 65533
 GET_SESSIONS = ('<get><filter><netconf-state xmlns="urn:ietf:params:xml:ns:yang:ietf-netconf-monitoring"><sessions/>'
                 "</netconf-state></filter></get>")
@@ -82,6 +83,19 @@ class Group:
 
     def do_as(self, user, script):
         return subprocess.run(as_user(user, "sh", "-c", script), cwd=self.folder, capture_output=True, check=False)
+
+
+def test_packaged_folder_and_files_are_roots(tmp_path):
+    (tmp_path / "etc").mkdir()
+    (tmp_path / "etc" / "passwd").write_text("root:x:0:0::/root:/bin/sh\n")
+    (tmp_path / "etc" / "group").write_text("root:x:0:\nnetconf:x:4242:\n")
+    (tmp_path / "run").mkdir()
+    subprocess.run(["systemd-tmpfiles", "--create", f"--root={tmp_path}", "-"], input=SAMPLE.read_bytes(), check=True)
+    folder = (tmp_path / "run" / "lda-netconf").stat()
+    assert (folder.st_mode & 0o7777, folder.st_uid, folder.st_gid) == (0o3770, 0, 4242)
+    for name in FILES:
+        file = (tmp_path / "run" / "lda-netconf" / name).stat()
+        assert (file.st_mode & 0o7777, file.st_uid, file.st_gid, file.st_size) == (0o660, 0, 4242, 0)
 
 
 @pytest.fixture

@@ -278,10 +278,10 @@ TEST_F(Data, SessionsAreReportedByNumberEachWithItsUser) {
 TEST_F(Data, LockOfAnImpossibleTimeIsLeftOutAlone) {
     RunningLock other(options_.runtime_dir, 200, "eve");
     other.take();
-    for (const char* const line :
-         {"200 2026-13-02T03:04:05Z eve", "200 2026-01-02T03:04:05 eve",
-          "200 2026-01-02T03:04:05ZZ eve", "200 2026-1-2T3:4:5Z eve", "x y z", "", "200 <a/> eve",
-          "99999999999 2026-01-02T03:04:05Z eve", "-9 \xff\x01"}) {
+    for (const char* const line : {"200 2026-13-02T03:04:05Z eve", "200 2026-01-02T03:04:05 eve",
+                                   "200 2026-01-02T03:04:05ZZ eve", "200 2026-1-02T03:04:05Zx eve",
+                                   "200 2026-1-2T3:4:5Z eve", "x y z", "", "200 <a/> eve",
+                                   "99999999999 2026-01-02T03:04:05Z eve", "-9 \xff\x01"}) {
         std::ofstream(options_.runtime_dir + "/running.lock") << line << "\n";
         EXPECT_EQ(part(state(), "datastores"),
                   "<datastores><datastore><name>running</name></datastore></datastores>")
