@@ -11,12 +11,14 @@ from netconf_lab import free_port, make_privilege_folder
 
 
 @pytest.fixture
-def blocks():
+def blocks(monkeypatch):
     """The code of the page, in order; its folder and its port are replaced with free ones."""
     page = (ROOT / "docs" / "netconf.md").read_text()
     with tempfile.TemporaryDirectory(prefix="lda-page-") as above:
         folder = pathlib.Path(above) / "lab"
-        for original, ours in (("/tmp/lda-lab", str(folder)), (":8300", f":{free_port()}")):
+        folder.mkdir()
+        monkeypatch.setenv("LAB", str(folder))
+        for original, ours in (("$(mktemp -d)\n", f"{folder}\n"), (":8300", f":{free_port()}")):
             assert original in page
             page = page.replace(original, ours)
         port = re.search(r"ListenAddress 127.0.0.1:([0-9]+)", page).group(1)
