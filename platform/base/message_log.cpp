@@ -11,6 +11,7 @@
 
 #include "platform/base/guarded.h"
 #include "platform/base/mutex.h"
+#include "platform/base/visible.h"
 
 namespace qv {
 namespace {
@@ -66,10 +67,11 @@ std::string vlog_message(int severity, const char* facility, const char* mnemoni
     if (std::vsnprintf(text, sizeof text, format, arguments) < 0) {
         std::snprintf(text, sizeof text, "%s", format);
     }
-    std::string_view shown = text;
-    while (!shown.empty() && (shown.back() == '\n' || shown.back() == '\r')) {
-        shown.remove_suffix(1);
+    std::string_view whole = text;
+    while (!whole.empty() && (whole.back() == '\n' || whole.back() == '\r')) {
+        whole.remove_suffix(1);
     }
+    const std::string shown = visible(whole, kLinesAndTabs);
     const SystemLogMessage message{.severity = severity,
                                    .facility = facility,
                                    .mnemonic = mnemonic,

@@ -1,12 +1,13 @@
 #include "platform/base/running_lock.h"
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <sstream>
 #include <stdexcept>
+
+#include "platform/base/visible.h"
 
 namespace qv {
 namespace {
@@ -19,11 +20,9 @@ bool is_time(const std::string& text) {
 
 }  // namespace
 
-RunningLockHolder holder_in(std::string line) {
-    std::replace_if(
-        line.begin(), line.end(), [](char c) { return c < ' ' || c > '~'; }, '?');
+RunningLockHolder holder_in(const std::string& line) {
     RunningLockHolder holder{.session = 0, .since = {}, .name = {}};
-    std::istringstream words(line);
+    std::istringstream words(visible(line));
     words >> holder.session >> holder.since >> std::ws;
     std::getline(words, holder.name);
     if (!is_time(holder.since)) {

@@ -20,12 +20,12 @@ inline constexpr char kRunningLock[] = "/running.lock";
 struct RunningLockHolder {
     uint32_t session;   // number of the NETCONF session; 0: an operator of the shell
     std::string since;  // RFC 3339; empty when it is not known
-    std::string name;   // user of the session, or the operator; printable
+    std::string name;   // user of the session, or the operator; without control characters
 };
 
 // The holder by the line in the lock's file, "SESSION TIME NAME". Any member of the group may have
 // written anything there: a session that is no number is 0, a time of another form is empty.
-RunningLockHolder holder_in(std::string line);
+RunningLockHolder holder_in(const std::string& line);
 
 // For one thread at a time.
 class RunningLock {

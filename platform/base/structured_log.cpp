@@ -4,6 +4,8 @@
 #include <cctype>
 #include <cstdint>
 
+#include "platform/base/visible.h"
+
 namespace qv {
 namespace {
 
@@ -29,11 +31,11 @@ std::string header_value(std::string_view value, size_t limit) {
 
 std::string parameter_value(std::string_view value) {
     std::string escaped;
-    for (const char c : value) {
+    for (const char c : visible(value)) {
         if (c == '"' || c == '\\' || c == ']') {
             escaped += '\\';
         }
-        escaped += is_printable(c) || c == ' ' ? c : '?';
+        escaped += c;
     }
     return escaped;
 }
@@ -71,9 +73,9 @@ void add_journal_field(std::string& datagram, std::string_view name, std::string
 LogFields fields_of(const SystemLogMessage& message) {
     LogFields fields{{"facility", std::string(message.facility)},
                      {"mnemonic", std::string(message.mnemonic)}};
-    const auto add = [&fields](const char* name, std::string value) {
+    const auto add = [&fields](const char* name, const std::string& value) {
         if (!value.empty()) {
-            fields.emplace_back(name, std::move(value));
+            fields.emplace_back(name, visible(value));
         }
     };
     add("event", message.number != 0 ? std::to_string(message.number) : "");

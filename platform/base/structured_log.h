@@ -29,8 +29,8 @@ struct LogOrigin {
 };
 
 // "<28>1 2026-01-31T23:59:59Z HOST lda 4711 PORT-ADMIN [lda@32473 port="swp3" ...] TEXT". In values
-// a backslash is before `"`, `\` and `]` (section 6.3.3), and bytes outside of printable ASCII are
-// "?".
+// a backslash is before `"`, `\` and `]` (section 6.3.3), and control characters are as visible()
+// writes them.
 std::string rfc5424_datagram(const LogOrigin& origin, const LogFields& fields,
                              std::string_view text);
 

@@ -14,6 +14,7 @@
 
 #include "platform/base/guarded.h"
 #include "platform/base/message_log.h"
+#include "platform/base/visible.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/fault_seam.h"
 #include "platform/cli/loop_history.h"
@@ -123,7 +124,8 @@ int cli_client_init(const char* name, qv_thread_master* master) {
         qv::set_monitor_sink(qv::cli::show_on_monitors);
         return 0;
     } catch (const std::exception& problem) {
-        std::fprintf(stderr, "%s: command line: %s\n", name ? name : "", problem.what());
+        std::fprintf(stderr, "%s: command line: %s\n", name ? name : "",
+                     qv::visible(problem.what()).c_str());
         return -1;
     }
 }

@@ -13,6 +13,7 @@
 
 #include <zlib.h>
 
+#include "platform/base/visible.h"
 #include "platform/cli/blanks.h"
 
 namespace qv::cli {
@@ -119,7 +120,8 @@ std::vector<ConfigSection> parse_config(std::string_view text) {
         }
         const std::string_view port = section_name(line);
         if (!port.empty()) {
-            sections.push_back({std::string(port), number, {}});
+            // As the port model names such a port.
+            sections.push_back({visible(port), number, {}});
         } else if (line.front() != '!' && line != "exit" && line != "end") {
             sections.back().lines.push_back({number, std::string(line)});
         } else if (!sections.back().port.empty()) {

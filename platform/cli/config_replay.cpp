@@ -1,5 +1,6 @@
 #include "platform/cli/config_replay.h"
 
+#include "platform/base/visible.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/running_config.h"
 #include "platform/client/platform.h"
@@ -66,7 +67,7 @@ void ConfigReplay::run_section(const ConfigSection& section) {
         ++absent_;
         report((section.number ? "line " + std::to_string(section.number) + ": " : "") +
                "interface " + section.port + " does not exist; its lines wait for it.");
-        ports_.keep(section);
+        ports_.keep(readable_part(section));
         return;
     }
     SessionState session = session_for(port);
@@ -90,6 +91,20 @@ void ConfigReplay::run_section(const ConfigSection& section) {
         }
     }
     running_ = nullptr;
+}
+
+// The lines of a port that does not exist are saved again as they are.
+ConfigSection ConfigReplay::readable_part(ConfigSection section) {
+    std::erase_if(section.lines, [this](const ConfigLine& line) {
+        const bool refused = !is_visible(line.text, "\t");
+        if (refused) {
+            ++refused_;
+            report("line " + std::to_string(line.number) + ": \"" +
+                   line.text.substr(0, kQuotedBytes) + "\": % Line contains control characters.");
+        }
+        return refused;
+    });
+    return section;
 }
 
 void ConfigReplay::port_removed(const std::string& name) {

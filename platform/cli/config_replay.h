@@ -39,6 +39,7 @@ class ConfigReplay {
 
  private:
     void run_section(const ConfigSection& section);
+    ConfigSection readable_part(ConfigSection section);
     void run_line(SessionState& session, const ConfigLine& line);
     void report(const std::string& text) const;
     void report_sum() const;

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "platform/base/guarded.h"
+#include "platform/base/visible.h"
 #include "platform/cli/blanks.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_keeper.h"
@@ -57,10 +58,7 @@ class RunningScope {
 };
 
 bool has_control_byte(std::string_view line) {
-    return std::any_of(line.begin(), line.end(), [](char c) {
-        const auto byte = static_cast<unsigned char>(c);
-        return (byte < 0x20 && c != '\t') || byte == 0x7f;
-    });
+    return !is_visible(line, "\t");
 }
 
 void remember_line(SessionState& session, std::string_view line) {

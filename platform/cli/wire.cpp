@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "platform/base/visible.h"
 #include "platform/cli/command_trees.h"
 #include "platform/cli/config_check.h"
 
@@ -112,9 +113,9 @@ void answer_request(std::string_view text, SessionState& session, Completion ans
 }
 
 std::string reply(const Result& result, const SessionState& session) {
-    json object{{"output", within_limit(result.output)},
+    json object{{"output", within_limit(visible(result.output, kLinesAndTabs))},
                 {"result", result.code},
-                {"prompt", prompt(session)}};
+                {"prompt", visible(prompt(session))}};
     if (result.wrong_at) {
         object["wrong_at"] = *result.wrong_at;
     }
@@ -128,7 +129,7 @@ std::string reply(const Result& result, const SessionState& session) {
 }
 
 std::string monitor_event(std::string_view text) {
-    return render({{"monitor", std::string(text)}});
+    return render({{"monitor", visible(text, kLinesAndTabs)}});
 }
 
 Result error_result(std::string_view reason) {

@@ -43,6 +43,7 @@ extern "C" {
 
 #include "platform/base/guarded.h"
 #include "platform/base/supervisor.h"
+#include "platform/base/visible.h"
 #include "platform/client/lease.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/platform.h"
@@ -162,7 +163,7 @@ std::string reason_of(const Obstacle& obstacle) {
 
 void take_role_or_end(const char* module) {
     if (const Obstacle obstacle = take_exclusives(); obstacle.taken != nullptr) {
-        std::fprintf(stderr, "%s: %s\n", module, reason_of(obstacle).c_str());
+        std::fprintf(stderr, "%s: %s\n", module, qv::visible(reason_of(obstacle)).c_str());
         std::exit(EXIT_FAILURE);
     }
     redundancy().loop->post([] { redundancy().master_cb(); });
@@ -188,7 +189,8 @@ void await_role() {
     if (obstacle.error != EADDRINUSE && role.logged_error != obstacle.error) {
         role.logged_error = obstacle.error;
         printk_syslog(SYSLOG_SEVERITY_ERROR, "RDND", "LEASE",
-                      "Cannot become the master, trying again: %s", reason_of(obstacle).c_str());
+                      "Cannot become the master, trying again: %s",
+                      qv::visible(reason_of(obstacle)).c_str());
     }
     role.retry = role.loop->after(kLeaseRetry, await_role);
 }
@@ -225,7 +227,8 @@ void take_locks() {
         return;
     }
     if (obstacle.error != EADDRINUSE || role.loop->clock().now() >= role.locks_due) {
-        std::fprintf(stderr, "%s: %s\n", role.module.c_str(), reason_of(obstacle).c_str());
+        std::fprintf(stderr, "%s: %s\n", role.module.c_str(),
+                     qv::visible(reason_of(obstacle)).c_str());
         std::exit(EXIT_FAILURE);
     }
     end_predecessor(*obstacle.taken);

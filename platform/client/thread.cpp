@@ -15,6 +15,7 @@
 #include "platform/base/event_loop.h"
 #include "platform/base/guarded.h"
 #include "platform/base/metrics.h"
+#include "platform/base/visible.h"
 #include "platform/client/platform.h"
 #include "platform/client/thread_master.h"
 
@@ -97,7 +98,7 @@ qv_thread_master* qv_thread_master_create(void) {
         qv::platform().attach_loop(*loop);
         return qv::master_of(*loop.release());
     } catch (const std::exception& failure) {
-        std::fprintf(stderr, "lda: %s\n", failure.what());
+        std::fprintf(stderr, "lda: %s\n", qv::visible(failure.what()).c_str());
         return nullptr;
     }
 }

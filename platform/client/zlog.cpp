@@ -14,6 +14,7 @@
 #include <zlog.h>
 
 #include "platform/base/guarded.h"
+#include "platform/base/visible.h"
 #include "platform/client/platform.h"
 #include "qv/syslog.h"
 
@@ -97,7 +98,7 @@ zlog_category_t* open_category(const std::string& directory, const std::string& 
         stderr,
         "lda: cannot open the log file %s: %s. Create its folder, or change log_dir in the "
         "platform file.\n",
-        path.c_str(), reason.c_str());
+        qv::visible(path).c_str(), reason.c_str());
     return nullptr;
 }
 
@@ -139,8 +140,9 @@ void qvdf_zlog(qv_zlog_category* category, const char* file, const char* functio
     }
     const char* const source = file != nullptr ? file : "";
     const char* const caller = function != nullptr ? function : "";
-    const size_t length = std::strlen(text);
-    const char* const end = length > 0 && text[length - 1] == '\n' ? "" : "\n";
-    zlog(category->file, source, std::strlen(source), caller, std::strlen(caller), line, level,
-         "%s%s", text, end);
+    qv::guarded([&] {
+        const std::string shown = qv::visible(text, qv::kLinesAndTabs);
+        zlog(category->file, source, std::strlen(source), caller, std::strlen(caller), line, level,
+             "%s%s", shown.c_str(), shown.ends_with('\n') ? "" : "\n");
+    });
 }

@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "platform/base/config.h"
+#include "platform/base/visible.h"
 #include "platform/root/platform.h"
 
 namespace {
@@ -64,7 +65,7 @@ int check(const char* file) {
         qv::load_platform_config(file);
         return EXIT_SUCCESS;
     } catch (const std::exception& fault) {
-        std::fprintf(stderr, "lda: %s\n", fault.what());
+        std::fprintf(stderr, "lda: %s\n", qv::visible(fault.what()).c_str());
         return EXIT_FAILURE;
     }
 }
@@ -86,7 +87,7 @@ int check(const char* file) {
     if (argc == 3 && std::strcmp(argv[1], "--check") == 0) {
         std::exit(check(argv[2]));
     }
-    std::fprintf(stderr, "lda: unknown argument '%s' (try --help)\n", argv[1]);
+    std::fprintf(stderr, "lda: unknown argument '%s' (try --help)\n", qv::visible(argv[1]).c_str());
     std::exit(2);
 }
 

@@ -8,6 +8,7 @@
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
 #include "platform/base/tarn_names.h"
+#include "platform/base/visible.h"
 #include "platform/cli/config_keeper.h"
 #include "platform/cli/config_lock.h"
 #include "platform/cli/loop_history.h"
@@ -253,7 +254,7 @@ std::unique_ptr<Platform> describe_platform() {
         auto log = make_log(config);
         return make_platform(std::move(config), std::move(clock), std::move(log));
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "lda: %s\n", error.what());
+        std::fprintf(stderr, "lda: %s\n", qv::visible(error.what()).c_str());
         std::exit(EXIT_FAILURE);
     }
 }

@@ -17,6 +17,7 @@
 #include <exception>
 #include <string>
 
+#include "platform/base/visible.h"
 #include "services/netconf/log.h"
 #include "services/netconf/session.h"
 
@@ -63,7 +64,7 @@ int main(int count, char** words) {
         netconf::open_log(options.log_to_stderr);
         return run(options);
     } catch (const std::exception& error) {
-        fprintf(stderr, "lda-netconf: %s\n", error.what());
+        fprintf(stderr, "lda-netconf: %s\n", qv::visible(error.what()).c_str());
         netconf::log_line(LOG_ERR, "%s", error.what());
         return 2;
     }

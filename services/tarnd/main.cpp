@@ -13,6 +13,7 @@
 #include "platform/base/message_log.h"
 #include "platform/base/supervisor.h"
 #include "platform/base/tarn_names.h"
+#include "platform/base/visible.h"
 #include "platform/client/name_lock.h"
 #include "platform/client/thread_master.h"
 #include "platform/driver/linux/syslog_log.h"
@@ -121,13 +122,14 @@ int main(int argc, char** argv) {
         return EXIT_SUCCESS;
     }
     if (argc > 1) {
-        std::fprintf(stderr, "tarnd: unknown argument '%s' (try --help)\n", argv[1]);
+        std::fprintf(stderr, "tarnd: unknown argument '%s' (try --help)\n",
+                     visible(argv[1]).c_str());
         return 2;
     }
     try {
         run();
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "tarnd: %s\n", error.what());
+        std::fprintf(stderr, "tarnd: %s\n", visible(error.what()).c_str());
         return EXIT_FAILURE;
     }
     return EXIT_SUCCESS;

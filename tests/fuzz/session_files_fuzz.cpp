@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "platform/base/running_lock.h"
+#include "platform/base/visible.h"
 #include "services/netconf/lock_holder.h"
 
 namespace {
@@ -24,7 +25,7 @@ bool is_printable(const std::string& text) {
 
 void read_lock_line(const std::string& line) {
     const qv::RunningLockHolder holder = qv::holder_in(line);
-    require(is_printable(holder.name));
+    require(qv::is_visible(holder.name));
     require(holder.since.empty() ||
             (holder.since.size() == 20 && holder.since[10] == 'T' && is_printable(holder.since)));
 }

@@ -198,7 +198,7 @@ TEST(SavedConfiguration, BadLinesAreReportedWithTheirNumbersAndTheRestIsApplied)
                             "command: 'acces-hybrid-mod'.",
                      file + ": line 2: \"loop-detect shutdown-recover-time 89\": % Number out of "
                             "range: '89' (90-1000000).",
-                     file + ": line 3: \"\x01\xff\xfe\": % Line contains control characters.",
+                     file + ": line 3: \"\\x01\\xff\\xfe\": % Line contains control characters.",
                      file + ": line 7: \"loop-detect aply shutdown-port\": % Unknown command: "
                             "'aply'.",
                      file + ": line 10: \"loop-det\": % Incomplete command."}));

@@ -6,12 +6,19 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
+#include "platform/base/visible.h"
+
 namespace ldash {
 namespace {
 
 using nlohmann::json;
 
 constexpr int kNoticeDelay_ms = 3000;  // then the operator is told about the delay
+
+// A text of the switch, as a terminal may show it.
+std::string shown(const json& message, const char* key) {
+    return qv::visible(message.value(key, ""), qv::kLinesAndTabs);
+}
 
 // Returns the reply. Throws the switch's reason when the switch ends the session by itself.
 const json& checked(const json& reply) {
@@ -45,7 +52,7 @@ void Connection::take_messages() {
             continue;
         }
         if (message.contains("monitor") && on_message) {
-            on_message(message["monitor"].get<std::string>());
+            on_message(shown(message, "monitor"));
         }
         checked(message);
     }
@@ -61,8 +68,8 @@ Reply Connection::ask(const char* kind, std::string_view line) {
             client_.lost();
         }
         if (!reply.contains("monitor")) {
-            Reply taken{.output = checked(reply).value("output", ""),
-                        .prompt = reply.value("prompt", ""),
+            Reply taken{.output = shown(checked(reply), "output"),
+                        .prompt = shown(reply, "prompt"),
                         .result = reply.value("result", -1),
                         .end = reply.value("end", false)};
             if (reply.contains("wrong_at")) {
@@ -74,7 +81,7 @@ Reply Connection::ask(const char* kind, std::string_view line) {
             return taken;
         }
         if (on_message) {
-            on_message(reply["monitor"].get<std::string>());
+            on_message(shown(reply, "monitor"));
         }
     }
 }

@@ -13,6 +13,7 @@
 
 #include "connection.h"
 #include "platform/base/config.h"
+#include "platform/base/visible.h"
 #include "shell.h"
 
 namespace {
@@ -139,7 +140,7 @@ int main(int argc, char** argv) {
         ldash::run_shell(connection);
         return kDone;
     } catch (const std::exception& problem) {
-        std::fprintf(stderr, "ldash: %s\n", problem.what());
+        std::fprintf(stderr, "ldash: %s\n", qv::visible(problem.what()).c_str());
         return kNotReachable;
     }
 }

@@ -10,6 +10,7 @@
 #include "platform/base/config.h"
 #include "platform/base/line_client.h"
 #include "platform/base/tarn_names.h"
+#include "platform/base/visible.h"
 #include "texts.h"
 
 namespace {
@@ -123,7 +124,7 @@ int run(const Options& options) {
     size_t lines = 0;
     for (Json line = next(service); !line.contains("done"); line = next(service)) {
         if (line.contains("error")) {
-            std::fprintf(stderr, "tarnctl: %s\n", line.value("error", "").c_str());
+            std::fprintf(stderr, "tarnctl: %s\n", qv::visible(line.value("error", "")).c_str());
             return kRefused;
         }
         if (line.contains("watching")) {
@@ -132,8 +133,8 @@ int run(const Options& options) {
         if (options.command == "show" && !options.json && lines == 0) {
             print(tarnctl::ports_heading());
         }
-        print(options.json ? line.dump(-1, ' ', false, Json::error_handler_t::replace) + "\n"
-                           : text_of(line));
+        print(options.json ? line.dump(-1, ' ', true, Json::error_handler_t::replace) + "\n"
+                           : qv::visible(text_of(line), "\n"));
         ++lines;
     }
     if (options.command == "probe" && !options.json && lines == 0) {
@@ -149,7 +150,7 @@ int main(int argc, char** argv) {
     try {
         return run(options);
     } catch (const std::exception& problem) {
-        std::fprintf(stderr, "tarnctl: %s\n", problem.what());
+        std::fprintf(stderr, "tarnctl: %s\n", qv::visible(problem.what()).c_str());
         return kNotReachable;
     }
 }

@@ -24,7 +24,6 @@
 // for some of the keys that this process has set, as long as there are any.
 #include "platform/driver/linux/redis_store.h"
 
-#include <algorithm>
 #include <chrono>
 #include <map>
 #include <set>
@@ -34,6 +33,7 @@
 #include "platform/base/database_names.h"
 #include "platform/base/message_log.h"
 #include "platform/base/metrics.h"
+#include "platform/base/visible.h"
 #include "platform/driver/linux/redis_connection.h"
 #include "platform/driver/linux/redis_scripts.h"
 #include "platform/driver/linux/redis_writes.h"
@@ -70,12 +70,6 @@ std::string notice_of(StoreOper oper, Bytes record) {
 
 Bytes bytes_of(const std::string& text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
-}
-
-std::string printable(std::string text) {
-    std::replace_if(
-        text.begin(), text.end(), [](char c) { return c < 0x20 || c > 0x7e; }, '?');
-    return text;
 }
 
 class RedisClient final : public StoreClient {
@@ -596,7 +590,7 @@ void RedisClient::note_too_long(Scan& scan, const std::string& key, long long si
         log_message(kLogError, "MOM", "RECORD_TOO_LONG",
                     "Database %u: %s is ignored: its %lld bytes or its key are too long. Delete "
                     "it.",
-                    scan.db, printable(key).c_str(), size);
+                    scan.db, visible(key).c_str(), size);
     }
 }
 

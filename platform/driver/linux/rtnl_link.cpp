@@ -8,6 +8,8 @@
 #include <netlink/attr.h>
 #include <netlink/msg.h>
 
+#include "platform/base/visible.h"
+
 namespace qv {
 namespace {
 
@@ -84,7 +86,7 @@ std::optional<LinkMessage> parse_link(nlmsghdr* header) {
     if (field[IFLA_IFNAME] == nullptr || field[IFLA_WIRELESS] != nullptr) {
         return std::nullopt;
     }
-    message.name = nla_get_string(field[IFLA_IFNAME]);
+    message.name = visible(nla_get_string(field[IFLA_IFNAME]));
     message.master = field[IFLA_MASTER] != nullptr ? nla_get_u32(field[IFLA_MASTER]) : 0;
     message.admin_up = (info.ifi_flags & IFF_UP) != 0;
     message.oper_up = (info.ifi_flags & IFF_RUNNING) != 0;

@@ -243,7 +243,8 @@ TEST_F(Engine, LineOf1024BytesIsReadAndALongerOneRefused) {
 }
 
 TEST_F(Engine, ControlBytesAreRefused) {
-    for (const char* line : {"tarn \x01 enable", "tarn\x7f", "tarn\nenable", "tarn \x1b[A"}) {
+    for (const char* line : {"tarn \x01 enable", "tarn\x7f", "tarn\nenable", "tarn \x1b[A",
+                             "tarn \xc2\x9b enable", "tarn \x9b enable"}) {
         EXPECT_EQ(in_config(line), "% Line contains control characters.\n");
         EXPECT_EQ(rig.code, -1);
     }

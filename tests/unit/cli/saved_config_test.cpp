@@ -121,7 +121,7 @@ TEST_F(SavedConfig, BadLineIsReportedWithItsNumberAndTheRestApplied) {
                file + ": line 5: \"shutdwn\": % Unknown command: 'shutdwn'.",
                file + ": line 8: \"tarn error-recover interval 5\": % Number out of range: '5' "
                       "(30-86400).",
-               file + ": line 9: \"global \x01\": % Line contains control characters."}));
+               file + ": line 9: \"global \\x01\": % Line contains control characters."}));
 }
 
 TEST_F(SavedConfig, GlobalLineAfterASectionThatNothingEndsIsTaken) {

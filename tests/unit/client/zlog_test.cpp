@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "platform/base/visible.h"
 #include "tests/support/temporary_directory.h"
 #include "tests/support/test_platform.h"
 
@@ -39,6 +40,15 @@ TEST_F(ZlogTest, LinesGoToTheFileWithTimeAndLevel) {
               (Lines{"INFO <main:12> first", "WARN <main:13> 100%s no line end", "DEBUG "}));
     EXPECT_EQ(qv_zlog_init("lda"), category);
     EXPECT_EQ(qv_zlog_init("other"), nullptr);
+}
+
+TEST_F(ZlogTest, ControlCharactersOfALineAreWrittenAsTheirCodes) {
+    platform.settings.log_dir = directory.path();
+    qv_zlog_category* const category = qv_zlog_init("lda");
+    ASSERT_NE(category, nullptr);
+    qvdf_zlog(category, "f", "g", 1, QV_ZLOG_INFO, "a\x1b[2J b\xc2\x9b\n");
+    qvdf_zlog(category, "f", "g", 1, QV_ZLOG_INFO, "a \r\n");
+    EXPECT_EQ(lines(), (Lines{"INFO a\\x1b[2J b\\xc2\\x9b", "INFO a \r"}));
 }
 
 TEST_F(ZlogTest, NullsAndLevelsOutOfRangeAreDropped) {
@@ -84,7 +94,7 @@ TEST_F(ZlogTest, NamesThatTheLibraryWouldMisreadAreRefused) {
     for (const char* const name : {"a b", "a\"b", "%d", "a$b", "a\nb", "a\x7f", "", "../lda"}) {
         EXPECT_EQ(qv_zlog_init(name), nullptr) << name;
         EXPECT_EQ(platform.log.lines().back(), "LOG-3-OPEN: Cannot open log file " +
-                                                   directory.file(name) +
+                                                   visible(directory.file(name), kLinesAndTabs) +
                                                    ".log: the name has a character that is not "
                                                    "allowed");
     }

@@ -448,7 +448,7 @@ TEST_F(Peers, NameOfTheLocksHolderMayHaveBlanksAndNoControlCharacters) {
     std::ofstream(run_ + "/running.lock") << "7 \x1b[2J e\xc3\xa9\n8 x y\n";
     EXPECT_EQ(other.holder()->session, 7U);
     EXPECT_EQ(other.holder()->since, "");
-    EXPECT_EQ(other.holder()->name, "e??");
+    EXPECT_EQ(other.holder()->name, "e\xc3\xa9");
 }
 
 TEST_F(Peers, PipeInPlaceOfTheLocksFileIsRefusedAndNotWaitedFor) {

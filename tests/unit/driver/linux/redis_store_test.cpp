@@ -359,13 +359,14 @@ TEST_P(RedisOnly, RecordThatIsTooLongCostsOnlyItself) {
     Lines log = platform.log.lines();
     ASSERT_EQ(log.size(), 3U);
     std::sort(log.begin(), log.end());
-    EXPECT_EQ(log, (Lines{"MOM-3-RECORD_TOO_LONG: Database 4: p_bridge.tarn_loop_info/ifx=7? is "
-                          "ignored: its 20000001 bytes or its key are too long. Delete it.",
-                          "MOM-3-RECORD_TOO_LONG: Database 4: p_bridge.tarn_loop_info/ifx=7? is "
-                          "ignored: its 8388609 bytes or its key are too long. Delete it.",
-                          "MOM-3-RECORD_TOO_LONG: Database 4: p_bridge.tarn_loop_info/" +
-                              std::string(104, 'k') +
-                              " is ignored: its 1 bytes or its key are too long. Delete it."}));
+    EXPECT_EQ(log,
+              (Lines{"MOM-3-RECORD_TOO_LONG: Database 4: p_bridge.tarn_loop_info/ifx=7\\x0a is "
+                     "ignored: its 20000001 bytes or its key are too long. Delete it.",
+                     "MOM-3-RECORD_TOO_LONG: Database 4: p_bridge.tarn_loop_info/ifx=7\\x0a is "
+                     "ignored: its 8388609 bytes or its key are too long. Delete it.",
+                     "MOM-3-RECORD_TOO_LONG: Database 4: p_bridge.tarn_loop_info/" +
+                         std::string(104, 'k') +
+                         " is ignored: its 1 bytes or its key are too long. Delete it."}));
 }
 
 TEST_P(RedisOnly, RecordThatWasDeletedAndIsTooLongAgainIsLoggedAgain) {
