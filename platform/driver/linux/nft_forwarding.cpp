@@ -34,6 +34,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cinttypes>
 #include <cstring>
 #include <stdexcept>
 #include <utility>
@@ -98,7 +99,7 @@ void NftForwarding::install(ForwardingId id, std::optional<uint32_t> phyid,
     schedule_commit();
 }
 
-int NftForwarding::check(const Rule& rule) const {
+int NftForwarding::check(const Rule& rule) {
     if (!rule.phyid) {
         // The kernel has no hook for exactly the frames of one bridge. A rule that neither counts
         // nor meters needs none; only the table must exist.
@@ -107,6 +108,7 @@ int NftForwarding::check(const Rule& rule) const {
     if (rule.rule.meter && rule.rule.meter->rate_pps == 0) {
         return EINVAL;
     }
+    log_bad_name(*rule.phyid);
     return locate(*rule.phyid).device.empty() ? ENODEV : 0;
 }
 
@@ -345,6 +347,7 @@ void NftForwarding::port_changed(uint32_t phyid) {
     for (const auto& [id, rule] : rules_) {
         if (rule.phyid == phyid && locate(phyid) != rule.chain) {
             changed_.insert(id);
+            log_bad_name(phyid);
             schedule_commit();
         }
     }
@@ -477,6 +480,23 @@ void NftForwarding::log_refusal(int error) {
     log_message(kLogError, "FORWARDING", "REFUSED",
                 "A rule of storm-loop-detect cannot be installed: %s. Storms are not found there.",
                 std::strerror(error));
+}
+
+// Logs each name that no rule can hold once, until the port has another one.
+void NftForwarding::log_bad_name(uint32_t phyid) {
+    const Port* const port = settings_.find_port(phyid);
+    if (port == nullptr || NftTable::can_name(port->name)) {
+        bad_names_.erase(phyid);
+        return;
+    }
+    if (std::exchange(bad_names_[phyid], port->name) == port->name) {
+        return;
+    }
+    const LogAbout about({.port = port->name});
+    log_message(kLogError, "FORWARDING", "REFUSED",
+                "No rule of storm-loop-detect can hold the name of port %s (interface %" PRIu32
+                "). Storms are not found there. Rename it.",
+                port->name.c_str(), port->ifx);
 }
 
 }  // namespace qv

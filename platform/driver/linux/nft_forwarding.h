@@ -102,7 +102,7 @@ class NftForwarding final : public ForwardingDriver {
     };
     using Answer = std::pair<ForwardingId, int>;  // with its error, or 0
 
-    int check(const Rule& rule) const;
+    int check(const Rule& rule);
     void schedule_commit();
     void commit();
     Batch next_batch();
@@ -123,6 +123,7 @@ class NftForwarding final : public ForwardingDriver {
     void update_known(const std::vector<MacAddress>& added, const std::vector<MacAddress>& gone);
     void fail_all(int error);
     void log_refusal(int error);
+    void log_bad_name(uint32_t phyid);
 
     EventLoop& loop_;
     const Settings settings_;
@@ -139,6 +140,7 @@ class NftForwarding final : public ForwardingDriver {
     bool broken_ = false;   // its content is not ours any more
     bool mirrored_ = true;  // the mirror follows the bridge; false from its first failure on
     int logged_refusal_ = 0;
+    std::map<uint32_t, std::string> bad_names_;  // of ports, as they were logged
     EventLoop::Handle tick_timer_;
 };
 

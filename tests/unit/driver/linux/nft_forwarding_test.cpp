@@ -1,6 +1,7 @@
 // The forwarding plane of a Linux bridge on a real kernel.
 #include "tests/unit/driver/linux/nft_rig.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace qv {
@@ -442,6 +443,18 @@ TEST_F(NftForwardingTest, RulesThatMakeNoSenseHereAreRefused) {
     EXPECT_EQ(sink.take(), (Lines{"failed 3: No such device", "failed 4: Invalid argument",
                                   "failed 5: Operation not supported", "failed 6: No such device",
                                   "failed 7: No such device"}));
+    plane->install(8, 2, kPortRule);
+    EXPECT_EQ(sink.take(), Lines{"failed 8: No such device"});
+    const Lines log = platform.log.lines();
+    const auto named = [&](const std::string& name, uint32_t ifx) {
+        return std::count(log.begin(), log.end(),
+                          "FORWARDING-3-REFUSED: No rule of storm-loop-detect can hold the name of "
+                          "port " +
+                              name + " (interface " + std::to_string(ifx) +
+                              "). Storms are not found there. Rename it.");
+    };
+    EXPECT_EQ(named("2\"x", if_nametoindex("2\"x")), 1);
+    EXPECT_EQ(named("swp*", 0), 1);
     EXPECT_EQ(output_of("nft list ruleset"), "");
 }
 
