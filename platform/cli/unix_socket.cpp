@@ -7,8 +7,9 @@
 
 #include <cerrno>
 #include <cstring>
-#include <filesystem>
 #include <stdexcept>
+
+#include "platform/base/folders.h"
 
 namespace qv::cli {
 namespace {
@@ -61,11 +62,7 @@ int listen_at(const std::string& path) {
     if (!make_address(path, address)) {
         fail(path, std::strerror(errno));
     }
-    std::error_code error;
-    const auto folder = std::filesystem::path(path).parent_path();
-    if (!folder.empty() && !std::filesystem::exists(folder, error)) {
-        std::filesystem::create_directories(folder, error);
-    }
+    make_folder_of(path);
     remove_stale_socket(path);
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
     // The mode is set before anybody can connect: a connection needs listen().

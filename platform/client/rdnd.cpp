@@ -41,6 +41,7 @@ extern "C" {
 #include <sys/pidfd.h>
 }
 
+#include "platform/base/folders.h"
 #include "platform/base/guarded.h"
 #include "platform/base/supervisor.h"
 #include "platform/base/visible.h"
@@ -97,8 +98,7 @@ std::string absolute_path(const std::string& path) {
 }
 
 void add_exclusive(const std::string& module, const std::string& thing, const std::string& file) {
-    std::error_code ignored;  // opening the file says why there is no folder
-    std::filesystem::create_directories(std::filesystem::path(file).parent_path(), ignored);
+    qv::make_folder_of(file);  // opening the file says why there is no folder
     Exclusive& added = redundancy().exclusives.emplace_back();
     added.name = module + ": " + thing;
     added.file = file;

@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 #include <zlog.h>
 
@@ -42,21 +43,29 @@ bool plain(std::string_view text) {
     return !text.empty();
 }
 
-// Opens and closes the file, because the library does not say why it cannot open it. 0 or errno.
-int try_open(const std::string& path) {
-    const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+// Creates the file for its owner only. Returns why the library could not use it, which does not say
+// so itself, or must not: it would follow a symbolic link, and wait for the reader of a pipe.
+std::string make_file(const std::string& path) {
+    constexpr int kFlags = O_WRONLY | O_CREAT | O_APPEND | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC;
+    const int fd = open(path.c_str(), kFlags, 0600);
     if (fd < 0) {
-        return errno;
+        return errno == ELOOP ? "it is a symbolic link" : std::strerror(errno);
     }
+    struct stat status {};
+    const bool regular = fstat(fd, &status) == 0 && S_ISREG(status.st_mode);
     close(fd);
-    return 0;
+    return regular ? "" : "it is not a regular file";
+}
+
+std::string rotation_lock(const std::string& directory, const std::string& name) {
+    return directory + "/." + name + ".lock";
 }
 
 std::string configuration(const std::string& directory, const std::string& name) {
     const std::string base = directory + "/" + name;
     std::string text = "[global]\nstrict init = true\nbuffer min = 1024\nbuffer max = 64KB\n";
     // The library's own default is one lock file for every user of the machine in /tmp.
-    text += "rotate lock file = " + directory + "/." + name + ".lock\n";
+    text += "rotate lock file = " + rotation_lock(directory, name) + "\n";
     text += "[formats]\nline = \"%d(%F %T).%ms %V %m\"\n";
     text += "[rules]\n" + name + ".* \"" + base + ".log\", " + kRotation;
     text += " ~ \"" + base + ".#r.log\"; line\n";
@@ -77,12 +86,14 @@ bool start_library(const std::string& text) {
 }
 
 zlog_category_t* open_category(const std::string& directory, const std::string& name) {
-    const std::string path = directory + "/" + name + ".log";
+    std::string path = directory + "/" + name + ".log";
     std::string reason;
     if (!plain(directory) || !plain(name) || name.find('/') != std::string::npos) {
         reason = "the name has a character that is not allowed";
-    } else if (const int error = try_open(path); error != 0) {
-        reason = std::strerror(error);
+    } else if (reason = make_file(path); !reason.empty()) {
+        // nothing was written
+    } else if (reason = make_file(rotation_lock(directory, name)); !reason.empty()) {
+        path = rotation_lock(directory, name);
     } else if (!start_library(configuration(directory, name))) {
         reason = "the log library refused its configuration";
     } else if (zlog_category_t* category = zlog_get_category(name.c_str())) {

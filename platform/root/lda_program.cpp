@@ -8,6 +8,7 @@
 #include <exception>
 
 #include "platform/base/config.h"
+#include "platform/base/folders.h"
 #include "platform/base/visible.h"
 #include "platform/root/platform.h"
 
@@ -62,7 +63,7 @@ void open_standard_descriptors() {
 // The exit status for a platform file: 1 with the reason when the start would end with it.
 int check(const char* file) {
     try {
-        qv::load_platform_config(file);
+        qv::check_folders(qv::load_platform_config(file));
         return EXIT_SUCCESS;
     } catch (const std::exception& fault) {
         std::fprintf(stderr, "lda: %s\n", qv::visible(fault.what()).c_str());

@@ -7,6 +7,7 @@
 
 #include "p_app.pb-c.h"
 #include "p_bridge.pb-c.h"
+#include "platform/base/folders.h"
 #include "platform/base/tarn_names.h"
 #include "platform/base/visible.h"
 #include "platform/cli/config_keeper.h"
@@ -250,6 +251,7 @@ std::unique_ptr<Platform> describe_platform() {
                 "to run on the simulated switch");
         }
         auto config = path ? load_platform_config(path) : PlatformConfig();
+        check_folders(config);
         auto clock = std::make_unique<SteadyClock>(config.speed);
         auto log = make_log(config);
         return make_platform(std::move(config), std::move(clock), std::move(log));

@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <string>
 
+#include "platform/base/folders.h"
 #include "platform/base/message_log.h"
 #include "platform/base/supervisor.h"
 #include "platform/base/tarn_names.h"
@@ -44,6 +45,7 @@ PlatformConfig read_config() {
         throw std::runtime_error("LDA_PLATFORM must name the platform file");
     }
     PlatformConfig config = load_platform_config(path);
+    check_folders(config);
     if (config.switch_kind != PlatformConfig::Switch::kLinux ||
         config.store != PlatformConfig::Store::kRedis) {
         throw std::runtime_error(std::string(path) +

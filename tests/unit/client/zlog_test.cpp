@@ -122,6 +122,23 @@ TEST_F(ZlogTest, FileOfAnEarlierRunIsContinued) {
     EXPECT_EQ(lines(), (Lines{"INFO before", "INFO after"}));
 }
 
+TEST_F(ZlogTest, LinksAndPipesInPlaceOfItsFilesAreRefused) {
+    platform.settings.log_dir = directory.path();
+    const std::string outside = directory.file("outside");
+    for (const std::string& file : {directory.file("lda.log"), directory.file(".lda.lock")}) {
+        std::filesystem::create_symlink(outside, file);
+        EXPECT_EQ(qv_zlog_init("lda"), nullptr);
+        EXPECT_EQ(platform.log.lines().back(),
+                  "LOG-3-OPEN: Cannot open log file " + file + ": it is a symbolic link");
+        EXPECT_FALSE(std::filesystem::exists(outside));
+        std::filesystem::remove(file);
+        ASSERT_EQ(mkfifo(file.c_str(), 0600), 0);
+        EXPECT_EQ(qv_zlog_init("lda"), nullptr);
+        std::filesystem::remove(file);
+    }
+    EXPECT_NE(qv_zlog_init("lda"), nullptr);
+}
+
 TEST_F(ZlogTest, FileIsForItsOwnerOnly) {
     using std::filesystem::perms;
     umask(0);
