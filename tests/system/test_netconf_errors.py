@@ -96,7 +96,8 @@ def test_only_members_of_the_write_group_change_things(front, tmp_path):
 def test_unknown_write_group_is_refused_at_the_start(front, tmp_path):
     platform = tmp_path / "group.toml"
     platform.write_text('[netconf]\nwrite_group = "no-such-group"\n')
-    done = subprocess.run(front.command() + ["--platform", platform], input=b"", capture_output=True, timeout=20)
+    done = subprocess.run(front.command() + ["--platform", platform, "--runtime", tmp_path / "run"], input=b"",
+                          capture_output=True, timeout=20)
     assert done.returncode == 2
     assert done.stdout == b""
     assert b'lda-netconf: [netconf] write_group: there is no group "no-such-group"\n' in done.stderr
