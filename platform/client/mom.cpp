@@ -18,6 +18,7 @@
 #include "platform/base/guarded.h"
 #include "platform/base/metrics.h"
 #include "platform/base/supervisor.h"
+#include "platform/client/bad_records.h"
 #include "platform/client/loop_metrics.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/notification_log.h"
@@ -34,6 +35,9 @@ static_assert(QV_MOM_APP_DB == qv::kApplicationDatabase);
 static_assert(QV_MOM_CFG_DB == qv::kConfigurationDatabase);
 
 constexpr size_t kKeysPerCheck = 64;
+
+// Of an operation byte and a record. The records of the switch have far less.
+constexpr size_t kMaxNotice_bytes = size_t{64} << 10;
 
 struct RecordFree {
     void operator()(ProtobufCMessage* record) const {
@@ -111,12 +115,28 @@ namespace {
 RecordPtr unpack(const qv_mom_client::Topic& topic, qv::Bytes record) {
     RecordPtr unpacked(
         protobuf_c_message_unpack(topic.type, nullptr, record.size(), record.data()));
-    if (!unpacked) {
+    if (!unpacked && qv::may_log_bad_record()) {
         printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "BAD_RECORD",
                       "Record of %s in database %u dropped: %zu bytes do not unpack.",
                       topic.type->name, topic.db, record.size());
     }
     return unpacked;
+}
+
+// Checks what can be seen without unpacking.
+bool is_valid_notice(const qv_mom_client::Topic& topic, qv::Bytes notice) {
+    const bool too_long = notice.size() > kMaxNotice_bytes;
+    if (!too_long && !notice.empty() && notice[0] <= QV_MOM_OPER_PUBLISH) {
+        return true;
+    }
+    if (qv::may_log_bad_record()) {
+        const std::string reason =
+            too_long ? std::to_string(notice.size()) + " bytes are too many" : "no known operation";
+        printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "BAD_NOTICE",
+                      "Notice of %s in database %u dropped: %s.", topic.type->name, topic.db,
+                      reason.c_str());
+    }
+    return false;
 }
 
 }  // namespace
@@ -205,10 +225,7 @@ void qv_mom_client::notice(uint64_t number, qv::Bytes notice) {
         return;
     }
     const Topic topic = found->second;  // the callback may subscribe again
-    if (notice.empty() || notice[0] > QV_MOM_OPER_PUBLISH) {
-        printk_syslog(SYSLOG_SEVERITY_WARNING, "MOM", "BAD_NOTICE",
-                      "Notice of %s in database %u dropped: no known operation.", topic.type->name,
-                      topic.db);
+    if (!is_valid_notice(topic, notice)) {
         return;
     }
     const RecordPtr record = unpack(topic, notice.subspan(1));

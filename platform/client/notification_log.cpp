@@ -21,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/client/bad_records.h"
 #include "platform/client/mom_key.h"
 #include "platform/client/own_records.h"
 #include "qv/mom.h"
@@ -103,9 +104,11 @@ void NotificationLog::note_kept(Bytes record) {
     const uint64_t sequence = complete ? notification->index->sequence : 0;
     if (sequence == 0 || sequence > kHighestSequence ||
         sequence % kKeptNotifications != kept->index->slot) {
-        printk_syslog(SYSLOG_SEVERITY_WARNING, "NETCONF", "BAD_RECORD",
-                      "Kept notification %" PRIu64 " ignored: no number that fits its slot.",
-                      sequence);
+        if (may_log_bad_record()) {
+            printk_syslog(SYSLOG_SEVERITY_WARNING, "NETCONF", "BAD_RECORD",
+                          "Kept notification %" PRIu64 " ignored: no number that fits its slot.",
+                          sequence);
+        }
         return;
     }
     times_ms_[kept->index->slot] = notification->time_ms;

@@ -227,6 +227,15 @@ void Store::open(uint32_t db) {
     g_heard.clear();
 }
 
+void Store::pass(qv::Duration step) {
+    bool over = false;
+    const auto timer = platform.loop().after(step, [&] { over = true; });
+    if (world->server() == nullptr) {
+        platform.run_for(step);
+    }
+    ASSERT_TRUE(world->run_until([&] { return over; }));
+}
+
 void Store::settle() {
     const LoopInfo fence(kFence, 0, 0, 0);
     if (qv_mom_subscribe(client, kFenceDb, fence.record(), 0, on_fence, nullptr) != 0) {

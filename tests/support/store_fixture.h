@@ -101,6 +101,8 @@ class Store : public testing::TestWithParam<std::string_view> {
     void open(uint32_t db);
     // Waits until everything requested has arrived, by means of a message sent after it.
     void settle();
+    // Lets this much time of the loop's clock pass.
+    void pass(qv::Duration step);
     // Waits until the last recorded call is `line`.
     void expect_heard(const std::string& line);
     Lines take_events();  // and drops them

@@ -298,6 +298,7 @@ TEST_P(Store, RecordThatDoesNotUnpackIsLoggedAndDropped) {
     world->put(4, "p_bridge.tarn_loop_info/ifx=8", LoopInfo(8, 1, 1, 8).packed());
     settle();
     EXPECT_EQ(take_events(), Lines{"1/0/4 ifx=8 vid=1 loop=1 src=8"});
+    pass(std::chrono::seconds(1));
     qv_mom_scan(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
     expect_heard("1/0/4 ifx=8 vid=1 loop=1 src=8");
     settle();
@@ -315,6 +316,8 @@ TEST_P(Store, NoticeWithoutAKnownOperationIsLoggedAndDropped) {
     settle();
     g_heard.clear();
     world->notify(4, "p_bridge.tarn_loop_info", "");
+    settle();
+    pass(std::chrono::seconds(1));
     world->notify(4, "p_bridge.tarn_loop_info", "\x03\x2a\x02\x08\x07");
     settle();
     EXPECT_EQ(take_events(), Lines{});
@@ -322,6 +325,69 @@ TEST_P(Store, NoticeWithoutAKnownOperationIsLoggedAndDropped) {
                                            "database 4 dropped: no known operation.",
                                            "MOM-4-BAD_NOTICE: Notice of p_bridge.tarn_loop_info in "
                                            "database 4 dropped: no known operation."}));
+}
+
+// Whose clock only the test moves.
+class MemoryOnly : public Store {};
+
+TEST_P(MemoryOnly, InvalidRecordsAreLoggedOnceASecondWithTheNumberOfTheOthers) {
+    open(4);
+    qv_mom_subscribe(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
+    settle();
+    for (int i = 0; i < 50; i++) {
+        world->notify(4, "p_bridge.tarn_loop_info", std::string("\0\xff", 2));
+        world->notify(4, "p_bridge.tarn_loop_info", "");
+    }
+    settle();
+    Lines expected = {
+        "MOM-4-BAD_RECORD: Record of p_bridge.tarn_loop_info in database 4 dropped: 1 bytes do "
+        "not unpack."};
+    EXPECT_EQ(platform.log.lines(), expected);
+    platform.run_for(std::chrono::milliseconds(999));
+    EXPECT_EQ(platform.log.lines(), expected);
+    platform.run_for(std::chrono::milliseconds(1));
+    expected.push_back(
+        "MOM-4-BAD_REPEATED: 99 more invalid records or notices were dropped in the last second.");
+    EXPECT_EQ(platform.log.lines(), expected);
+
+    world->notify(4, "p_bridge.tarn_loop_info", "");
+    settle();
+    EXPECT_EQ(platform.log.lines(), expected) << "the number was a line, too";
+    platform.run_for(std::chrono::seconds(1));
+    expected.push_back(
+        "MOM-4-BAD_REPEATED: 1 more invalid records or notices were dropped in the last second.");
+    EXPECT_EQ(platform.log.lines(), expected);
+    platform.run_for(std::chrono::seconds(10));
+    EXPECT_EQ(platform.log.lines(), expected);
+
+    world->notify(4, "p_bridge.tarn_loop_info", "");
+    settle();
+    expected.push_back(
+        "MOM-4-BAD_NOTICE: Notice of p_bridge.tarn_loop_info in database 4 dropped: no known "
+        "operation.");
+    EXPECT_EQ(platform.log.lines(), expected);
+}
+
+TEST_P(Store, NoticeAbove64KiBIsDroppedThoughItsRecordIsValid) {
+    open(4);
+    qv_mom_subscribe(client, 4, LoopInfo(0, 0, 0, 0).record(), 0, on_loop_info, nullptr);
+    settle();
+    g_heard.clear();
+    // A field that this type does not know fills the record: its tag, its length of three bytes.
+    const std::string record = std::string(1, '\0') + LoopInfo(7, 1, 1, 8).packed();
+    const auto padded = [&](size_t size) {
+        const size_t rest = size - record.size() - 5;
+        const std::string head = {'\xfa', '\x01', static_cast<char>(0x80 | (rest & 0x7f)),
+                                  static_cast<char>(0x80 | (rest >> 7 & 0x7f)),
+                                  static_cast<char>(rest >> 14)};
+        return record + head + std::string(rest, 'x');
+    };
+    world->notify(4, "p_bridge.tarn_loop_info", padded(65536));
+    world->notify(4, "p_bridge.tarn_loop_info", padded(65537));
+    settle();
+    EXPECT_EQ(take_events(), Lines{"1/0/4 ifx=7 vid=1 loop=1 src=8"});
+    EXPECT_EQ(platform.log.lines(), Lines{"MOM-4-BAD_NOTICE: Notice of p_bridge.tarn_loop_info in "
+                                          "database 4 dropped: 65537 bytes are too many."});
 }
 
 TEST_P(Store, RecordWithoutItsIndexIsDelivered) {
@@ -384,6 +450,8 @@ TEST_P(Store, CallbackMaySubscribeScanAndSet) {
     EXPECT_EQ(heard, (Lines{"29/0/4", "1/0/4 ifx=1 vid=1 loop=1 src=1",
                             "1/0/4 ifx=1 vid=1 loop=1 src=1", "29/0/4"}));
 }
+
+INSTANTIATE_TEST_SUITE_P(Memory, MemoryOnly, testing::Values("memory"));
 
 INSTANTIATE_TEST_SUITE_P(Both, Store, testing::Values("memory", "redis"),
                          [](const auto& store) { return std::string(store.param); });

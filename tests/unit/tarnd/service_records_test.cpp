@@ -196,7 +196,9 @@ TEST_F(ServiceConfiguration, RecordsThatDoNotUnpackLeaveTheEarlierOnesInForce) {
     EXPECT_TRUE(set_up.back().watched && set_up.back().shuts);
 
     put("p_bridge.tarn_config/", "\xff\xff\xff");
+    rig.platform.run_for(seconds(1));
     put("p_bridge.tarn_port/ifx=1000007", "\x2a\x7f");
+    rig.platform.run_for(seconds(1));
     put("p_app.lda_nc_policy/", "\x01");
     EXPECT_EQ(
         rig.take_log(),
