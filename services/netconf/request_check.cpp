@@ -3,12 +3,15 @@
 #include <libnetconf2/netconf.h>
 
 #include <charconv>
+#include <chrono>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <stdexcept>
 #include <vector>
 
+#include "services/netconf/edit_plan.h"
 #include "services/netconf/schema.h"
 
 namespace netconf {
@@ -17,8 +20,9 @@ namespace {
 constexpr const char* kCarrierNamespace = "urn:qv:netconf:refused-request";
 constexpr const char* kCarrier = "refused-request";
 
-RpcError error_of(NC_ERR tag, NC_ERR_TYPE type, const std::string& message) {
-    return {tag, type, message};
+RpcError error_of(NC_ERR tag, NC_ERR_TYPE type, const std::string& message,
+                  const std::string& path = "") {
+    return {tag, type, message, path};
 }
 
 bool is_base(const lyd_node& node, const char* name) {
@@ -133,6 +137,54 @@ std::optional<RpcError> wrong_edit_operation(const lyd_node& element) {
     return std::nullopt;
 }
 
+// libyang reads "0x3" as a number. A model may have a default in this form, a value may not be in
+// it (RFC 7950, section 9.2.1).
+std::optional<RpcError> hexadecimal_policy(const lyd_node& element) {
+    const char* const name_space = namespace_of(element);
+    const std::string value = lyd_get_value(&element) == nullptr ? "" : lyd_get_value(&element);
+    if (strcmp(name_of(element), "loop-policy") != 0 || name_space == nullptr ||
+        strcmp(name_space, "urn:qv:yang:qv-loop-detect-server") != 0 ||
+        value.find_first_of("xX") == std::string::npos) {
+        return std::nullopt;
+    }
+    return RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_APP,
+                    "loop-policy is a number from 0 to 4, not \"" + value.substr(0, 40) + "\"",
+                    kLeafPath);
+}
+
+std::optional<RpcError> wrong_in_config(const lyd_node& element) {
+    auto error = wrong_edit_operation(element);
+    return error ? error : hexadecimal_policy(element);
+}
+
+// libyang takes month 13 for the first of the next year.
+std::optional<RpcError> impossible_time(const lyd_node& element) {
+    const std::string_view name = name_of(element);
+    if (name != "startTime" && name != "stopTime") {
+        return std::nullopt;
+    }
+    int year = 0;
+    unsigned month = 0;
+    unsigned day = 0;
+    unsigned hour = 0;
+    unsigned minute = 0;
+    unsigned second = 0;
+    const char* const text = lyd_get_value(&element);
+    constexpr int kParts = 6;
+    constexpr unsigned kLeapSecond = 60;
+    if (text == nullptr || sscanf(text, "%4d-%2u-%2uT%2u:%2u:%2u", &year, &month, &day, &hour,
+                                  &minute, &second) != kParts) {
+        return std::nullopt;  // not in the form of a time, which libyang sees
+    }
+    const std::chrono::year_month_day date{std::chrono::year(year), std::chrono::month(month),
+                                           std::chrono::day(day)};
+    if (date.ok() && hour < 24 && minute < 60 && second <= kLeapSecond) {
+        return std::nullopt;
+    }
+    return error_of(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
+                    "\"" + std::string(text).substr(0, 40) + "\" is no time");
+}
+
 // An element of a request with its model; null within <config>, which the operations check, apart
 // from what libyang does not let through.
 struct Known {
@@ -163,8 +215,11 @@ std::optional<RpcError> wrong_element(const ly_ctx* context, const Known& operat
     while (!left.empty()) {
         const Known known = left.back();
         left.pop_back();
-        auto error = known.schema == nullptr ? wrong_edit_operation(*known.element)
+        auto error = known.schema == nullptr ? wrong_in_config(*known.element)
                                              : wrong_attribute(*known.element, *known.schema);
+        if (!error && known.schema != nullptr) {
+            error = impossible_time(*known.element);
+        }
         if (error) {
             return error;
         }
@@ -190,6 +245,10 @@ std::optional<RpcError> wrong_operation(const ly_ctx* context, const lyd_node& o
     if (schema == nullptr) {
         return error_of(NC_ERR_OP_NOT_SUPPORTED, NC_ERR_TYPE_PROT,
                         std::string("there is no operation \"") + name_of(operation) + "\"");
+    }
+    if (is_base(operation, "delete-config")) {
+        // Neither can <running> (RFC 6241, section 7.4).
+        return error_of(NC_ERR_OP_NOT_SUPPORTED, NC_ERR_TYPE_PROT, "no datastore can be deleted");
     }
     return wrong_element(context, {&operation, schema});
 }
@@ -272,6 +331,7 @@ std::string carrier_of(const RpcError& error, lyd_node* rpc) {
     add_attribute(carrier, "element", error.element);
     add_attribute(carrier, "attribute", error.attribute);
     add_attribute(carrier, "namespace", error.name_space);
+    add_attribute(carrier, "path", error.path);
     return printed(*rpc);
 }
 
@@ -349,7 +409,7 @@ std::optional<RpcError> error_carried_by(const lyd_node& rpc) {
     }
     return error_of(number_in(*carrier, "tag", NC_ERR_IN_USE, NC_ERR_MALFORMED_MSG),
                     number_in(*carrier, "type", NC_ERR_TYPE_TRAN, NC_ERR_TYPE_APP),
-                    text_in(*carrier, "message"))
+                    text_in(*carrier, "message"), text_in(*carrier, "path"))
         .about(text_in(*carrier, "element"), text_in(*carrier, "attribute"))
         .in_namespace(text_in(*carrier, "namespace"));
 }

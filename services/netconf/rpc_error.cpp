@@ -1,5 +1,7 @@
 #include "services/netconf/rpc_error.h"
 
+#include "services/netconf/schema.h"
+
 namespace netconf {
 namespace {
 
@@ -49,6 +51,15 @@ void add_path(const ly_ctx* context, lyd_node* error, const std::string& path) {
     }
 }
 
+// The schema of RFC 6241, appendix B, has error-info last.
+void move_info_to_the_end(lyd_node* error) {
+    lyd_node* const info = const_cast<lyd_node*>(child_named(*error, "error-info"));
+    if (info != nullptr) {
+        lyd_unlink_tree(info);
+        lyd_insert_child(error, info);
+    }
+}
+
 }  // namespace
 
 nc_server_reply* reply_of(const ly_ctx* context, const RpcError& error) {
@@ -60,6 +71,7 @@ nc_server_reply* reply_of(const ly_ctx* context, const RpcError& error) {
         add_path(context, node, error.path);
     }
     nc_err_set_msg(node, error.what(), "en");
+    move_info_to_the_end(node);
     return nc_server_reply_err(node);
 }
 

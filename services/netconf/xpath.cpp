@@ -75,7 +75,9 @@ uint32_t processor_time_us() {
 Answer evaluate(const lyd_node& tree, const Nodes& nodes, const std::string& xpath) {
     ly_set* found = nullptr;
     const uint32_t begin_us = processor_time_us();
-    const bool done = lyd_find_xpath(&tree, xpath.c_str(), &found) == LY_SUCCESS;
+    // The context node is the root of the data (RFC 6241, section 8.9.1), for relative paths, too.
+    const bool done = lyd_find_xpath4(nullptr, &tree, xpath.c_str(), LY_VALUE_JSON, nullptr,
+                                      nullptr, &found) == LY_SUCCESS;
     const uint32_t taken_us = processor_time_us() - begin_us;
     if (!done) {
         return {kNoNodes, taken_us, 0};

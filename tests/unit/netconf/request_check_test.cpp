@@ -137,6 +137,41 @@ TEST_F(RequestCheck, ValueOutsideTheModelIsInvalid) {
               protocol_error("invalid-value", "Invalid type uint32 value \"a\"."));
 }
 
+TEST_F(RequestCheck, PolicyInHexadecimalIsInvalid) {
+    for (const std::string value : {"0x3", "0X3"}) {
+        const std::string policy = "<loop-policy>" + value + "</loop-policy></loop-detect>";
+        EXPECT_EQ(
+            error_for(in_edit("<config>" + kModel + ">" + policy + "</config>")),
+            (ErrorText{.type = "application",
+                       .tag = "invalid-value",
+                       .message = "loop-policy is a number from 0 to 4, not \"" + value + "\"",
+                       .path = "/qvld:loop-detect/qvld:loop-policy"}
+                 .xml()));
+    }
+}
+
+TEST_F(RequestCheck, TimeThatDoesNotExistIsInvalid) {
+    const auto subscribe = [this](const std::string& time) {
+        return error_for(
+            "<create-subscription xmlns=\"urn:ietf:params:xml:ns:netconf:notification:1.0\">"
+            "<startTime>" +
+            time + "</startTime></create-subscription>");
+    };
+    for (const std::string time :
+         {"2020-13-01T00:00:00Z", "2020-00-01T00:00:00Z", "2021-02-29T00:00:00Z",
+          "2020-01-01T24:00:00Z", "2020-01-01T00:60:00Z", "2020-01-01T00:00:61Z"}) {
+        EXPECT_EQ(subscribe(time), protocol_error("invalid-value", "\"" + time + "\" is no time"));
+    }
+    EXPECT_EQ(subscribe("2020-02-29T23:59:60Z").find("is no time"), std::string::npos);
+}
+
+TEST_F(RequestCheck, NoDatastoreCanBeDeleted) {
+    for (const std::string name : {"running", "startup"}) {
+        EXPECT_EQ(error_for("<delete-config><target><" + name + "/></target></delete-config>"),
+                  protocol_error("operation-not-supported", "no datastore can be deleted"));
+    }
+}
+
 TEST_F(RequestCheck, OtherMessageIsNoRequest) {
     const std::string answer = answer_to("<hello xmlns=\"" + kBaseNamespace + "\"/>");
     EXPECT_EQ(answer, "<rpc-reply xmlns=\"" + kBaseNamespace + "\">" +

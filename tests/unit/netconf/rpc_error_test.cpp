@@ -47,7 +47,7 @@ TEST_F(Error, TagsThatCarryAttributeAndElementNameBoth) {
                                     {NC_ERR_BAD_ATTR, "bad-attribute"},
                                     {NC_ERR_UNKNOWN_ATTR, "unknown-attribute"}}) {
         EXPECT_EQ(xml_of(RpcError(tag, NC_ERR_TYPE_PROT, "why").about("filter", "select")),
-                  head("protocol", name) + info + message("why"));
+                  head("protocol", name) + message("why") + info);
     }
 }
 
@@ -57,7 +57,7 @@ TEST_F(Error, TagsThatCarryAnElementNameIt) {
                                     {NC_ERR_BAD_ELEM, "bad-element"},
                                     {NC_ERR_UNKNOWN_ELEM, "unknown-element"}}) {
         EXPECT_EQ(xml_of(RpcError(tag, NC_ERR_TYPE_APP, "why").about("target")),
-                  head("application", name) + info + message("why"));
+                  head("application", name) + message("why") + info);
     }
 }
 
@@ -65,16 +65,15 @@ TEST_F(Error, UnknownNamespaceNamesTheElementAndTheNamespace) {
     EXPECT_EQ(xml_of(RpcError(NC_ERR_UNKNOWN_NS, NC_ERR_TYPE_APP, "why")
                          .about("other")
                          .in_namespace("urn:other")),
-              head("application", "unknown-namespace") +
+              head("application", "unknown-namespace") + message("why") +
                   "<error-info><bad-element>other</bad-element><bad-namespace>urn:other"
-                  "</bad-namespace></error-info>" +
-                  message("why"));
+                  "</bad-namespace></error-info>");
 }
 
 TEST_F(Error, DeniedLockNamesItsHolder) {
     EXPECT_EQ(xml_of(RpcError(NC_ERR_LOCK_DENIED, NC_ERR_TYPE_PROT, "why").held_by(17)),
-              head("protocol", "lock-denied") +
-                  "<error-info><session-id>17</session-id></error-info>" + message("why"));
+              head("protocol", "lock-denied") + message("why") +
+                  "<error-info><session-id>17</session-id></error-info>");
 }
 
 TEST_F(Error, DataTagsAreTheApplications) {

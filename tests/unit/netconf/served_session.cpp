@@ -57,11 +57,11 @@ std::string request(const std::string& operation, const std::string& id) {
 std::string ErrorText::xml() const {
     return "<rpc-error><error-type>" + type + "</error-type><error-tag>" + tag +
            "</error-tag><error-severity>error</error-severity>" +
-           (info.empty() ? "" : "<error-info>" + info + "</error-info>") +
            (path.empty()
                 ? ""
                 : "<error-path xmlns:qvld=\"" + kModelNamespace + "\">" + path + "</error-path>") +
-           "<error-message xml:lang=\"en\">" + message + "</error-message></rpc-error>";
+           "<error-message xml:lang=\"en\">" + message + "</error-message>" +
+           (info.empty() ? "" : "<error-info>" + info + "</error-info>") + "</rpc-error>";
 }
 
 void ServedSession::SetUp() {

@@ -91,6 +91,12 @@ TEST_F(Xpath, NodesOfEveryTopContainerAreFound) {
     EXPECT_EQ(find("//*[. = 'swp1'] | //*[. = 'NETCONF']"), "name=NETCONF name=swp1");
 }
 
+TEST_F(Xpath, RelativePathBeginsAtTheRoot) {
+    EXPECT_EQ(find("qv-loop-detect-server:loop-detect/looped-port[name='swp2']/policy"),
+              "policy=0");
+    EXPECT_EQ(find("looped-port/policy"), "");
+}
+
 TEST_F(Xpath, ExpressionWithoutNodesIsInvalid) {
     EXPECT_EQ(find("1 + 1"), "invalid-value: the filter \"1 + 1\" selects no nodes");
     EXPECT_EQ(find("//*["), "invalid-value: the filter \"//*[\" selects no nodes");
