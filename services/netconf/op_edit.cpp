@@ -1,5 +1,6 @@
 // <edit-config>, <copy-config> and <validate>. The running configuration is one leaf, so an edit is
-// one request to the agent and cannot be half done; the error-option makes no difference.
+// one request to the agent and cannot be half done. An agent that does not answer in time may still
+// apply it, though, so there is no rollback-on-error; other error-options make no difference.
 #include <chrono>
 #include <cstring>
 #include <optional>
@@ -81,6 +82,10 @@ const lyd_node* config_in(const lyd_node& parent) {
 }  // namespace
 
 nc_server_reply* edit_config(const lyd_node& rpc, Session& session) {
+    if (text_of(rpc, "error-option", "") == "rollback-on-error") {
+        throw RpcError(NC_ERR_INVALID_VALUE, NC_ERR_TYPE_PROT,
+                       "rollback-on-error is not supported");
+    }
     const bool only_test = text_of(rpc, "test-option", "test-then-set") == "test-only";
     return edit(session, config_in(rpc), default_operation(rpc), only_test);
 }

@@ -208,8 +208,27 @@ const lysc_node* model_of_child(const ly_ctx* context, const Known& parent, cons
     return schema;
 }
 
-// Checks names and attributes, without recursion: a client chooses the depth. The content of a
-// filter is not checked, it may be anything.
+// A filter may ask for attributes of the data (RFC 6241, section 6.2.2). libyang drops those of the
+// elements that it knows, and the filter would select more than was asked for.
+std::optional<RpcError> attribute_in_filter(const lyd_node& filter) {
+    std::vector<const lyd_node*> left{&filter};
+    while (!left.empty()) {
+        const lyd_node* const parent = left.back();
+        left.pop_back();
+        const lyd_node* child = nullptr;
+        LY_LIST_FOR(lyd_child(parent), child) {
+            if (const auto* const found = reinterpret_cast<const lyd_node_opaq&>(*child).attr) {
+                return about_attribute(NC_ERR_UNKNOWN_ATTR, *child, found->name.name,
+                                       "filters by attributes are not supported");
+            }
+            left.push_back(child);
+        }
+    }
+    return std::nullopt;
+}
+
+// Checks names and attributes, without recursion: a client chooses the depth. The elements in a
+// filter are not checked, they may be anything.
 std::optional<RpcError> wrong_element(const ly_ctx* context, const Known& operation) {
     std::vector<Known> left{operation};
     while (!left.empty()) {
@@ -225,6 +244,9 @@ std::optional<RpcError> wrong_element(const ly_ctx* context, const Known& operat
         }
         if (known.schema != nullptr && is_any(*known.schema) &&
             strcmp(known.schema->name, "config") != 0) {
+            if (auto attribute = attribute_in_filter(*known.element)) {
+                return attribute;
+            }
             continue;
         }
         const lyd_node* child = nullptr;

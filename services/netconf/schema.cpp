@@ -7,9 +7,9 @@
 namespace netconf {
 namespace {
 
-// The supported features of the base protocol. <hello> announces the same list.
-std::array<const char*, 5> g_base_features{"writable-running", "rollback-on-error", "validate",
-                                           "xpath", nullptr};
+// The supported features of the base protocol. <hello> announces the same list. rollback-on-error
+// is none of them: an agent that does not answer in time may still apply an edit that has failed.
+std::array<const char*, 4> g_base_features{"writable-running", "validate", "xpath", nullptr};
 
 constexpr std::array kModules{
     "ietf-netconf-monitoring", "ietf-netconf-with-defaults", "notifications",

@@ -129,7 +129,6 @@ def test_hello_announces_the_capabilities(session):
         "urn:ietf:params:netconf:base:1.0",
         "urn:ietf:params:netconf:base:1.1",
         "urn:ietf:params:netconf:capability:writable-running:1.0",
-        "urn:ietf:params:netconf:capability:rollback-on-error:1.0",
         "urn:ietf:params:netconf:capability:validate:1.1",
         "urn:ietf:params:netconf:capability:xpath:1.0",
         "urn:ietf:params:netconf:capability:with-defaults:1.0?basic-mode=trim&also-supported=report-all,trim",
@@ -288,7 +287,7 @@ def test_test_only_changes_nothing(front, session, requests):
     assert refusal(set_policy, session, 9, test_option="test-only").tag == "invalid-value"
     assert refusal(set_policy, session, 4, "create", test_option="test-only").tag == "data-exists"
     assert requests() == []
-    assert set_policy(session, 4, test_option="set", error_option="rollback-on-error").ok
+    assert set_policy(session, 4, test_option="set", error_option="stop-on-error").ok
     assert agent_policy(front) == 4
 
 

@@ -319,7 +319,6 @@ TEST_F(Data, CapabilitiesAreThoseOfTheHello) {
     for (const char* const text :
          {"urn:ietf:params:netconf:base:1.0", "urn:ietf:params:netconf:base:1.1",
           "urn:ietf:params:netconf:capability:writable-running:1.0",
-          "urn:ietf:params:netconf:capability:rollback-on-error:1.0",
           "urn:ietf:params:netconf:capability:validate:1.1",
           "urn:ietf:params:netconf:capability:xpath:1.0",
           "urn:ietf:params:netconf:capability:with-defaults:1.0?basic-mode=trim&amp;also-supported="

@@ -111,6 +111,16 @@ TEST_F(Edits, TestOnlyRefusesTheSameRequestsAsAnEdit) {
                    .xml()));
 }
 
+TEST_F(Edits, RollbackIsNotPromised) {
+    EXPECT_EQ(reply_to(edit(leaf("3"), "<error-option>rollback-on-error</error-option>")),
+              (ErrorText{.type = "protocol",
+                         .tag = "invalid-value",
+                         .message = "rollback-on-error is not supported"}
+                   .xml()));
+    EXPECT_EQ(requests(), Texts{});
+    EXPECT_EQ(reply_to(edit(leaf("3"), "<error-option>continue-on-error</error-option>")), "<ok/>");
+}
+
 TEST_F(Edits, ConfigurationOfTextIsRefused) {
     const std::string refusal = ErrorText{.type = "protocol",
                                           .tag = "bad-element",

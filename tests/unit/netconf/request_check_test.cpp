@@ -50,7 +50,7 @@ TEST_F(RequestCheck, GoodRequestStaysUnchanged) {
         rpc("<get/>"),
         rpc("<get><filter type=\"xpath\" select=\"/a\"/></get>"),
         rpc("<get/>", kId + " xmlns:x=\"urn:x\" x:y=\"2\" z=\"3\""),
-        rpc("<get><filter type=\"subtree\"><a xmlns=\"urn:a\" b=\"c\"/></filter></get>"),
+        rpc("<get><filter type=\"subtree\"><a xmlns=\"urn:a\"/></filter></get>"),
         rpc(in_edit("<config>" + kModel + " xmlns:nc=\"" + kBaseNamespace +
                     "\" nc:operation=\"remove\"/></config>")),
         rpc(in_edit("<config><a xmlns=\"urn:a\"/></config>")),
@@ -169,6 +169,15 @@ TEST_F(RequestCheck, NoDatastoreCanBeDeleted) {
     for (const std::string name : {"running", "startup"}) {
         EXPECT_EQ(error_for("<delete-config><target><" + name + "/></target></delete-config>"),
                   protocol_error("operation-not-supported", "no datastore can be deleted"));
+    }
+}
+
+TEST_F(RequestCheck, FilterByAttributesIsNamed) {
+    for (const std::string filter :
+         {"<a xmlns=\"urn:a\"><b/><c d=\"1\">2</c></a>", "<a xmlns=\"urn:a\"/><c d=\"1\"/>"}) {
+        EXPECT_EQ(error_for("<get><filter type=\"subtree\">" + filter + "</filter></get>"),
+                  protocol_error("unknown-attribute", "filters by attributes are not supported",
+                                 "<bad-attribute>d</bad-attribute>" + element("c")));
     }
 }
 

@@ -49,10 +49,11 @@ class Schema : public testing::Test {
 TEST_F(Schema, BaseProtocolHasTheFeaturesThatAreThere) {
     const lys_module* const base = ly_ctx_get_module_implemented(context_.get(), "ietf-netconf");
     ASSERT_NE(base, nullptr);
-    for (const char* const name : {"writable-running", "rollback-on-error", "validate", "xpath"}) {
+    for (const char* const name : {"writable-running", "validate", "xpath"}) {
         EXPECT_EQ(lys_feature_value(base, name), LY_SUCCESS) << name;
     }
-    for (const char* const name : {"candidate", "confirmed-commit", "startup", "url"}) {
+    for (const char* const name :
+         {"candidate", "confirmed-commit", "rollback-on-error", "startup", "url"}) {
         EXPECT_EQ(lys_feature_value(base, name), LY_ENOT) << name;
     }
     for (const char* const name :
