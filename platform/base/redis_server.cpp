@@ -11,6 +11,8 @@
 #include <string_view>
 #include <system_error>
 
+#include "platform/base/lock_file.h"
+
 namespace qv {
 namespace {
 
@@ -23,24 +25,6 @@ constexpr size_t kMaxPassword_bytes = 512;
 [[noreturn]] void refuse_error(const RedisServer& server, int error) {
     refuse(server, "cannot be read: " + std::generic_category().message(error));
 }
-
-class File {
- public:
-    // Does not block on a pipe or device.
-    explicit File(const std::string& path)
-        : fd_(::open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC)) {}
-    ~File() {
-        if (fd_ >= 0) {
-            ::close(fd_);
-        }
-    }
-    File(const File&) = delete;
-    File& operator=(const File&) = delete;
-    int fd() const { return fd_; }
-
- private:
-    const int fd_;
-};
 
 void check_file(const RedisServer& server, int fd) {
     struct stat status {};
@@ -58,13 +42,15 @@ void check_file(const RedisServer& server, int fd) {
 }  // namespace
 
 std::string read_redis_password(const RedisServer& server) {
-    const File file(server.password_file);
-    if (file.fd() < 0) {
+    // Does not block on a pipe or device.
+    const File file(
+        ::open(server.password_file.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+    if (!file.open()) {
         refuse_error(server, errno);
     }
     check_file(server, file.fd());
-    std::array<char, kMaxPassword_bytes + 2>
-        bytes;  // a line end, and one more to see that it is longer
+    // With a line end, and one more to see that it is longer.
+    std::array<char, kMaxPassword_bytes + 2> bytes;
     const ssize_t size = ::read(file.fd(), bytes.data(), bytes.size());
     if (size < 0) {
         refuse_error(server, errno);

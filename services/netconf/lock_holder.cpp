@@ -15,8 +15,8 @@
 namespace netconf {
 namespace {
 
-constexpr size_t kMostBytes =
-    65536;  // of a file in /proc; /proc/stat has a line for each processor
+// Of a file in /proc; /proc/stat has a line for each processor.
+constexpr size_t kMostBytes = 65536;
 
 std::string text_of(const std::string& path) {
     const qv::File file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
