@@ -14,7 +14,7 @@ std::array<const char*, 4> g_base_features{"writable-running", "validate", "xpat
 constexpr std::array kModules{
     "ietf-netconf-monitoring", "ietf-netconf-with-defaults", "notifications",
     "nc-notifications",        "qv-loop-detect-server",      "qv-loop-detect-server-notification",
-    "qv-errdisable",
+    "qv-errdisable",           "qv-netconf-deviations",
 };
 
 void load(ly_ctx* context, const char* name, const char** features) {

@@ -20,7 +20,7 @@ MODULES = {
     "ietf-inet-types", "ietf-netconf", "ietf-netconf-monitoring", "ietf-netconf-with-defaults",
     "ietf-yang-metadata", "ietf-yang-schema-mount", "ietf-yang-structure-ext", "ietf-yang-types",
     "nc-notifications", "notifications", "qv-errdisable", "qv-loop-detect-server",
-    "qv-loop-detect-server-notification", "yang",
+    "qv-loop-detect-server-notification", "qv-netconf-deviations", "yang",
 }
 RUNNING_CONFIG = {
     0: None,
@@ -141,6 +141,7 @@ def test_hello_announces_the_capabilities(session):
         "urn:qv:yang:qv-loop-detect-server?module=qv-loop-detect-server&revision=2026-11-21",
         "urn:qv:yang:qv-loop-detect-server-notification"
         "?module=qv-loop-detect-server-notification&revision=2026-11-23",
+        "urn:qv:yang:qv-netconf-deviations?module=qv-netconf-deviations&revision=2026-11-23",
     }
 
 

@@ -311,7 +311,7 @@ TEST_F(Data, EverySchemaIsReported) {
          (at = schemas.find("<location>NETCONF</location>", at)) != std::string::npos; at++) {
         count++;
     }
-    EXPECT_EQ(count, 14U);
+    EXPECT_EQ(count, 15U);
 }
 
 TEST_F(Data, CapabilitiesAreThoseOfTheHello) {
