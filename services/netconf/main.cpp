@@ -40,7 +40,7 @@ int run(const netconf::Options& options) {
     setrlimit(RLIMIT_DATA, &memory);
     const rlimit no_core{0, 0};
     setrlimit(RLIMIT_CORE, &no_core);
-    static_cast<void>(nice(kNice));  // a failure costs nothing but the courtesy
+    setpriority(PRIO_PROCESS, 0, getpriority(PRIO_PROCESS, 0) + kNice);
     signal(SIGPIPE, SIG_IGN);
     umask(0007);
 
