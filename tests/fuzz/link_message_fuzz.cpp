@@ -1,6 +1,7 @@
 // The kernel's link messages, the ports derived from them, and the links' counters.
 #include <set>
 
+#include "platform/base/visible.h"
 #include "platform/driver/linux/bridge_ports.h"
 #include "platform/driver/linux/rtnl_counters.h"
 #include "platform/driver/linux/rtnl_link.h"
@@ -42,7 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     fuzz::for_each_message(data, size, [&](nlmsghdr* header) {
         if (const auto link = parse_link(header)) {
             fuzz::require(link->ifx != 0, "a link has an index");
-            fuzz::require(link->name.size() < 16, "a link's name fits");
+            // Each of the kernel's 15 bytes may have become a code such as \x1b.
+            fuzz::require(link->name.size() <= size_t{15} * 4, "a link's name fits");
+            fuzz::require(is_visible(link->name), "a link's name can be shown");
             ports.take(*link);
         }
         if (const auto link = parse_counters(header)) {
