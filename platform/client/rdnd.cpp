@@ -189,8 +189,7 @@ void await_role() {
     if (obstacle.error != EADDRINUSE && role.logged_error != obstacle.error) {
         role.logged_error = obstacle.error;
         printk_syslog(SYSLOG_SEVERITY_ERROR, "RDND", "LEASE",
-                      "Cannot become the master, trying again: %s",
-                      qv::visible(reason_of(obstacle)).c_str());
+                      "Cannot become the master, trying again: %s", reason_of(obstacle).c_str());
     }
     role.retry = role.loop->after(kLeaseRetry, await_role);
 }

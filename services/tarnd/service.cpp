@@ -190,7 +190,7 @@ void Service::close() {
     refresh_timer_.reset();
     take_reports();
     for (const uint32_t ifx : take_over_.release()) {
-        // What the switch has shut as far as is known is left to the next process.
+        // The next process takes over the cuts of ports that the switch has shut, as far as is known.
         const auto port = ports_.find(ifx);
         if (port == ports_.end() || !port->second.shut) {
             give_back(ifx);
