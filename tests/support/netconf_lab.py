@@ -1,10 +1,7 @@
 """NETCONF sessions with a laboratory: through a private sshd and ncclient, or with the program itself.
 
-    with Lab(store="redis") as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as front, front.connect() as manager:
-            manager.get_config("running")
+    with running_front() as front, front.connect() as manager:
+        manager.get_config("running")
 """
 
 import contextlib
@@ -20,7 +17,7 @@ import subprocess
 import time
 
 import pytest
-from lab import BUILD, run, wait_for
+from lab import BUILD, Lab, run, wait_for
 from ncclient import manager
 from ncclient.operations import RPCError
 from ncclient.transport.errors import SessionCloseError
@@ -127,6 +124,16 @@ class Front:
 
     def log(self):
         return self.log_file.read_text(errors="replace") if self.log_file.exists() else ""
+
+
+@contextlib.contextmanager
+def running_front(**options):
+    """A Front whose laboratory, made with these options, has a database and an agent."""
+    with Lab(store="redis", **options) as lab:
+        lab.start_redis()
+        lab.start_agent()
+        with Front(lab) as front:
+            yield front
 
 
 class RawSession:

@@ -11,10 +11,10 @@ import subprocess
 import time
 
 import pytest
-from lab import CFG_DB, LOCAL_DB, Lab, p_app, p_mng, wait_for
+from lab import CFG_DB, LOCAL_DB, p_app, p_mng, wait_for
 from ncclient.operations import RPCError
 from ncclient.xml_ import to_ele
-from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, MONITORING, Front, policy_config, refusal, set_policy
+from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, MONITORING, policy_config, refusal, running_front, set_policy
 
 MODULES = {
     "ietf-inet-types", "ietf-netconf", "ietf-netconf-monitoring", "ietf-netconf-with-defaults",
@@ -39,11 +39,8 @@ LEAF_PATH = "/qvld:loop-detect/qvld:loop-policy"
 
 @pytest.fixture(scope="module")
 def front():
-    with Lab(store="redis", speed=60) as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            yield the_front
+    with running_front(speed=60) as the_front:
+        yield the_front
 
 
 @pytest.fixture(scope="module", autouse=True)

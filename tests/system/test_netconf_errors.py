@@ -7,8 +7,7 @@ import threading
 import time
 
 import pytest
-from lab import Lab
-from netconf_lab import BASE, MODEL, Front, RawSession
+from netconf_lab import BASE, MODEL, RawSession, running_front
 
 INLINE = f'<config><loop-detect xmlns="{MODEL}"><loop-policy>2</loop-policy></loop-detect></config>'
 EDIT = f"<edit-config><target><running/></target>{INLINE}</edit-config>"
@@ -17,11 +16,8 @@ READ = "<get-config><source><running/></source></get-config>"
 
 @pytest.fixture(scope="module")
 def front():
-    with Lab(store="redis", speed=60) as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            yield the_front
+    with running_front(speed=60) as the_front:
+        yield the_front
 
 
 @pytest.mark.parametrize("request_text, tag, info", [

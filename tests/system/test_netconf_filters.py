@@ -1,9 +1,9 @@
 """Filters of <get> and <get-config>, on two ports in the loop state."""
 
 import pytest
-from lab import APP_DB, Lab, p_app, wait_for
+from lab import APP_DB, p_app, wait_for
 from ncclient.xml_ import to_ele
-from netconf_lab import BASE, LOOP_DETECT, MODEL, Front, refusal, set_policy
+from netconf_lab import BASE, LOOP_DETECT, MODEL, refusal, running_front, set_policy
 
 
 def entries(front):
@@ -12,11 +12,8 @@ def entries(front):
 
 @pytest.fixture(scope="module")
 def front():
-    with Lab(store="redis") as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            yield the_front
+    with running_front() as the_front:
+        yield the_front
 
 
 @pytest.fixture(scope="module")

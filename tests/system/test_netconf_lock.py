@@ -7,18 +7,15 @@ import signal
 import subprocess
 
 import pytest
-from lab import BUILD, Lab, wait_for
+from lab import BUILD, wait_for
 from ncclient.operations import RPCError
-from netconf_lab import Front, policy_config, refusal, set_policy
+from netconf_lab import policy_config, refusal, running_front, set_policy
 
 
 @pytest.fixture(scope="module")
 def front():
-    with Lab(store="redis") as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            yield the_front
+    with running_front() as the_front:
+        yield the_front
 
 
 @pytest.fixture

@@ -9,10 +9,10 @@ import signal
 import time
 
 import pytest
-from lab import LOCAL_DB, Lab, p_nc, wait_for
+from lab import LOCAL_DB, p_nc, wait_for
 from ncclient.operations import RPCError
 from ncclient.xml_ import to_ele
-from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, NOTIFICATION, Front, policy_config
+from netconf_lab import BASE, EVENT, LOOP_DETECT, MODEL, NOTIFICATION, policy_config, running_front
 
 CHANNEL = f"mom/{LOCAL_DB}/p_nc.notification"
 SUBSCRIBE = f'<create-subscription xmlns="{EVENT}"/>'
@@ -22,11 +22,8 @@ STATE = f'<loop-detect-state xmlns="{NOTIFICATION}">{{}}</loop-detect-state>'
 @contextlib.contextmanager
 def new_front():
     # At this speed an ended loop is cleared after a second.
-    with Lab(store="redis", speed=60) as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            yield the_front
+    with running_front(speed=60) as the_front:
+        yield the_front
 
 
 @pytest.fixture(scope="module")

@@ -8,8 +8,8 @@ import signal
 import time
 
 import pytest
-from lab import LOCAL_DB, Lab, p_nc, wait_for
-from netconf_lab import EVENT, Front, policy_config
+from lab import LOCAL_DB, p_nc, wait_for
+from netconf_lab import EVENT, policy_config, running_front
 
 PORTS = range(1, 10)  # swp1 to swp9; the agent counts ten looped ports and notifies of no more
 STREAMS = '<get><filter><netconf xmlns="urn:ietf:params:xml:ns:netmod:notification"/></filter></get>'
@@ -20,12 +20,9 @@ OVER = '<notificationComplete xmlns="urn:ietf:params:xml:ns:netmod:notification"
 @pytest.fixture
 def front():
     # At this speed an ended loop is cleared after a second.
-    with Lab(store="redis", speed=60, ports=10) as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            enable(the_front)
-            yield the_front
+    with running_front(speed=60, ports=10) as the_front:
+        enable(the_front)
+        yield the_front
 
 
 def enable(front):

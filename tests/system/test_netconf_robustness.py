@@ -15,7 +15,7 @@ import time
 
 import pytest
 from lab import APP_DB, Lab, wait_for
-from netconf_lab import BASE, EVENT, PROGRAM, Front, RawSession, policy_config
+from netconf_lab import BASE, EVENT, PROGRAM, Front, RawSession, policy_config, running_front
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "fuzz"))
 import netconf_fuzz  # noqa: E402
@@ -29,13 +29,10 @@ TGKILL = {"x86_64": 234, "aarch64": 131}[platform.machine()]  # system call numb
 
 @pytest.fixture(scope="module")
 def front():
-    with Lab(store="redis", speed=60) as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            with the_front.connect() as session:  # the agent opens its files at the first change
-                session.edit_config(target="running", config=policy_config(1))
-            yield the_front
+    with running_front(speed=60) as the_front:
+        with the_front.connect() as session:  # the agent opens its files at the first change
+            session.edit_config(target="running", config=policy_config(1))
+        yield the_front
 
 
 def processes():

@@ -7,8 +7,8 @@ import re
 import subprocess
 
 import pytest
-from lab import ROOT, Lab
-from netconf_lab import Front
+from lab import ROOT
+from netconf_lab import running_front
 
 COMMANDS = """\
 get-config source=running
@@ -27,11 +27,8 @@ delete /loop-detect/loop-policy
 
 @pytest.fixture
 def front():
-    with Lab(store="redis") as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            yield the_front
+    with running_front() as the_front:
+        yield the_front
 
 
 def yangcli(front, commands):

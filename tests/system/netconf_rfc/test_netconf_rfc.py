@@ -8,8 +8,7 @@ import string
 import xml.etree.ElementTree as ET
 
 import pytest
-from lab import Lab
-from netconf_lab import BASE, EVENT, MODEL, MONITORING, Front
+from netconf_lab import BASE, EVENT, MODEL, MONITORING, running_front
 
 FOLDER = pathlib.Path(__file__).parent
 NAMES = {
@@ -163,13 +162,10 @@ class Player:
 
 @pytest.fixture(scope="module")
 def player():
-    with Lab(store="redis", speed=60) as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as front:
-            the_player = Player(front)
-            yield the_player
-            the_player.close()
+    with running_front(speed=60) as front:
+        the_player = Player(front)
+        yield the_player
+        the_player.close()
 
 
 @pytest.mark.parametrize("row", [pytest.param(row, id=f"{row.section}: {row.name}") for row in rows()])

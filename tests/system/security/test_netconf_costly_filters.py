@@ -6,8 +6,7 @@ import sys
 import pytest
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
-from lab import Lab  # noqa: E402
-from netconf_lab import EVENT, Front  # noqa: E402
+from netconf_lab import EVENT, running_front  # noqa: E402
 
 KERNEL_TICKS = os.sysconf("SC_CLK_TCK")
 DENIED = "<error-tag>resource-denied</error-tag>"
@@ -16,11 +15,8 @@ GET = '<get><filter type="xpath" select="{}"/></get>'
 
 @pytest.fixture(scope="module")
 def front():
-    with Lab(store="redis") as lab:
-        lab.start_redis()
-        lab.start_agent()
-        with Front(lab) as the_front:
-            yield the_front
+    with running_front() as the_front:
+        yield the_front
 
 
 def cpu_seconds_of(pid):
