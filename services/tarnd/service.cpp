@@ -190,7 +190,8 @@ void Service::close() {
     refresh_timer_.reset();
     take_reports();
     for (const uint32_t ifx : take_over_.release()) {
-        // The next process takes over the cuts of ports that the switch has shut, as far as is known.
+        // The next process takes over the cuts of ports that the switch has shut, as far as is
+        // known.
         const auto port = ports_.find(ifx);
         if (port == ports_.end() || !port->second.shut) {
             give_back(ifx);
