@@ -1,3 +1,7 @@
+// The child first lets go of the session's files, because a lock of the session lasts until the
+// last process that has the file open is gone, and says so with kReady. Until then the session does
+// not let itself be ended.
+//
 // The child's answer is a list of numbers: kFound or kNoNodes, the time taken in microseconds, then
 // how many nodes follow, then the position of each in document order. An answer that is not whole
 // means that the child has died: its timer of processor time has ended it, or the expression has
@@ -16,6 +20,7 @@
 #include <csignal>
 #include <cstdint>
 #include <ctime>
+#include <optional>
 #include <unordered_map>
 #include <utility>
 
@@ -30,6 +35,7 @@ using namespace std::chrono_literals;
 using Nodes = std::vector<const lyd_node*>;
 using Answer = std::vector<uint32_t>;
 
+constexpr uint32_t kReady = 0;
 constexpr uint32_t kFound = 1;
 constexpr uint32_t kNoNodes = 2;
 constexpr size_t kHeader = 3;  // numbers before the positions
@@ -93,9 +99,13 @@ Answer evaluate(const lyd_node& tree, const Nodes& nodes, const std::string& xpa
     return answer;
 }
 
-// The handlers of the session would log its end; the timer's signal ends this process.
-void limit_this_process(std::chrono::microseconds limit) {
+// The handlers of the session would log its end; the timer's signal ends this process. So does the
+// end of the session, also of one that has ended already.
+void limit_this_process(std::chrono::microseconds limit, pid_t session) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (getppid() != session) {
+        _exit(1);
+    }
     for (const int number :
          {SIGTERM, SIGHUP, SIGINT, SIGSEGV, SIGBUS, SIGABRT, SIGFPE, SIGILL, SIGPROF}) {
         signal(number, SIG_DFL);
@@ -104,6 +114,39 @@ void limit_this_process(std::chrono::microseconds limit) {
     timer.it_value.tv_sec = limit.count() / 1'000'000;
     timer.it_value.tv_usec = limit.count() % 1'000'000;
     setitimer(ITIMER_PROF, &timer, nullptr);
+}
+
+// Leaves standard error open, for the sanitizers.
+void close_all_but(int fd) {
+    close(STDIN_FILENO);
+    close(STDOUT_FILENO);
+    close_range(STDERR_FILENO + 1, static_cast<unsigned>(fd) - 1, 0);
+    close_range(static_cast<unsigned>(fd) + 1, ~0U, 0);
+}
+
+// Delays the signals that end the session.
+class EndDelayed {
+ public:
+    EndDelayed() {
+        sigset_t ending;
+        sigemptyset(&ending);
+        for (const int number : {SIGTERM, SIGHUP, SIGINT}) {
+            sigaddset(&ending, number);
+        }
+        pthread_sigmask(SIG_BLOCK, &ending, &before_);
+    }
+    ~EndDelayed() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+    EndDelayed(const EndDelayed&) = delete;
+    EndDelayed& operator=(const EndDelayed&) = delete;
+
+ private:
+    sigset_t before_{};
+};
+
+void wait_for_word(int fd) {
+    uint32_t word = 0;
+    while (read(fd, &word, sizeof word) < 0 && errno == EINTR) {
+    }
 }
 
 void write_all(int fd, const Answer& answer) {
@@ -144,13 +187,19 @@ Answer evaluate_in_a_child(const lyd_node& tree, const Nodes& nodes, const std::
     }
     const qv::File output(ends[0]);
     qv::File input(ends[1]);
+    const pid_t session = getpid();
+    std::optional<EndDelayed> delayed(std::in_place);
     const pid_t child = fork_without_libyang_in_use();
     if (child == 0) {
-        limit_this_process(limit);
+        limit_this_process(limit, session);
+        close_all_but(input.fd());
+        write_all(input.fd(), {kReady});
         write_all(input.fd(), evaluate(tree, nodes, xpath));
         _exit(0);
     }
     input = qv::File();
+    wait_for_word(output.fd());
+    delayed.reset();
     Answer answer = read_all(output.fd());
     while (child > 0 && waitpid(child, nullptr, 0) < 0 && errno == EINTR) {
     }

@@ -208,3 +208,28 @@ def test_folder_that_others_may_replace_is_refused(group):
     os.chown(group.folder, EVE, 0)
     assert "is the folder of" in group.refusal(0)
     assert "is the folder of" in group.refusal(ANN)
+
+
+def test_lock_ends_with_its_session_in_the_middle_of_a_filter(group):
+    """The process that evaluates the filter does not keep the lock."""
+    group.make_files()
+    roots = group.session(0)
+    for how in ("kill-session", signal.SIGKILL, signal.SIGTERM) * 5:
+        ann = group.session(ANN)
+        assert "<ok/>" in ann.rpc(LOCK)
+        ann.request('<get><filter type="xpath" select="//*[//*[//*[//*]]]"/></get>')
+        wait_for(lambda ann=ann: children_of(ann.process.pid), 10, "the filter is evaluated", every=0.001)
+        if how == "kill-session":
+            assert "<ok/>" in roots.rpc(KILL.format(ann.session_id))
+        else:
+            ann.process.send_signal(how)
+            ann.process.wait()
+        if how == signal.SIGKILL:  # may have come before that process has closed the files
+            wait_for(lambda: "<ok/>" in roots.rpc(LOCK), 0.5, "the lock is free", every=0)
+        else:
+            assert "<ok/>" in roots.rpc(LOCK), how
+        assert "<ok/>" in roots.rpc(UNLOCK)
+
+
+def children_of(pid):
+    return pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
