@@ -34,7 +34,7 @@ using namespace std::chrono_literals;
 // its client within 3 s, including its own edit.
 constexpr auto kTurnLimit = 900ms;
 constexpr auto kTurnStep = 5ms;
-constexpr int kKillLimit_ms = 1000;
+constexpr int kKillLimit_ms = 1000;  // for each of two signals
 
 constexpr const char* kSessionsFile = "/sessions";
 constexpr mode_t kFolderMode = 01770;
@@ -177,11 +177,17 @@ Kill SessionNumber::kill(uint32_t id) const {
     if (!process.open() || !process_locks(*holder, file_, id)) {
         return process.open() && errno == EACCES ? Kill::kNotAllowed : Kill::kNoSuchSession;
     }
-    if (syscall(SYS_pidfd_send_signal, process.fd(), SIGTERM, nullptr, 0) != 0) {
-        return errno == EPERM ? Kill::kNotAllowed : Kill::kNoSuchSession;
+    // A session that is stopped does not end by SIGTERM, and a foreign process need not.
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        if (syscall(SYS_pidfd_send_signal, process.fd(), signal, nullptr, 0) != 0) {
+            return errno == EPERM ? Kill::kNotAllowed : Kill::kNoSuchSession;
+        }
+        pollfd end{.fd = process.fd(), .events = POLLIN, .revents = 0};
+        if (poll(&end, 1, kKillLimit_ms) == 1) {
+            return Kill::kDone;
+        }
     }
-    pollfd end{.fd = process.fd(), .events = POLLIN, .revents = 0};
-    return poll(&end, 1, kKillLimit_ms) == 1 ? Kill::kDone : Kill::kStillThere;
+    return Kill::kStillThere;
 }
 
 EditTurn::EditTurn(const std::string& folder) {

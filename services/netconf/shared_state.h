@@ -46,8 +46,8 @@ class SessionNumber {
     // the user are left out.
     std::vector<SessionInfo> live_sessions() const;
 
-    // Ends the session with this number and waits up to a second for its end. Never ends a process
-    // that does not have the number.
+    // Ends the session with this number, by force when a second was not enough for it, and waits up
+    // to another second for its end. Never ends a process that does not have the number.
     Kill kill(uint32_t id) const;
 
     static constexpr uint32_t kSessions = 255;

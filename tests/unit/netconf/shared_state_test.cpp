@@ -320,16 +320,31 @@ TEST_F(Peers, KilledSessionIsAskedToEndAndHasEnded) {
     EXPECT_EQ(number.kill(other.id()), Kill::kNoSuchSession);
 }
 
-TEST_F(Peers, SessionThatDoesNotEndIsWaitedForOneSecond) {
+TEST_F(Peers, SessionThatDoesNotEndWithinASecondIsEndedByForce) {
     const SessionNumber number(run_, getuid());
     const OtherSession other(run_, [] { signal(SIGTERM, SIG_IGN); });
-    int limit_ms = 0;
+    std::vector<int> limits_ms;
+    on_poll([&](pollfd* end, nfds_t, int timeout_ms) {
+        limits_ms.push_back(timeout_ms);
+        return limits_ms.size() == 1 ? 0 : static_cast<int>(syscall(SYS_poll, end, 1, 20'000));
+    });
+    EXPECT_EQ(number.kill(other.id()), Kill::kDone);
+    EXPECT_EQ(limits_ms, (std::vector<int>{1000, 1000}));
+    int status = 0;
+    ASSERT_EQ(waitpid(other.pid(), &status, WNOHANG), other.pid());
+    EXPECT_EQ(WTERMSIG(status), SIGKILL);
+}
+
+TEST_F(Peers, SessionThatNoSignalEndsIsWaitedForTwoSeconds) {
+    const SessionNumber number(run_, getuid());
+    const OtherSession other(run_);
+    int waited_ms = 0;
     on_poll([&](pollfd*, nfds_t, int timeout_ms) {
-        limit_ms = timeout_ms;
+        waited_ms += timeout_ms;
         return 0;
     });
     EXPECT_EQ(number.kill(other.id()), Kill::kStillThere);
-    EXPECT_EQ(limit_ms, 1000);
+    EXPECT_EQ(waited_ms, 2000);
 }
 
 TEST_F(Peers, NumberThatNobodyHasKillsNobody) {
