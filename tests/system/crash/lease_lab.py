@@ -11,7 +11,6 @@ import pathlib
 import select
 import signal
 import socket
-import struct
 import subprocess
 import tempfile
 import threading
@@ -19,7 +18,8 @@ import time
 
 import redis
 
-from lab import BUILD, ROOT, wait_for
+from lab import BUILD, wait_for
+from moved_clock import MovedClock
 
 LEASE_S = 1.0
 ASK_EVERY_S = 0.01
@@ -83,7 +83,7 @@ class Agent:
             with open(self.log, "ab") as log:
                 self.process = subprocess.Popen(
                     [str(BUILD / "platform" / "lda")], stdin=subprocess.DEVNULL, stdout=log, stderr=log,
-                    env={**os.environ, **self.lab.preload, "LDA_PLATFORM": str(self.platform_file)})
+                    env={**os.environ, **self.lab.clock.environment, "LDA_PLATFORM": str(self.platform_file)})
             if self.ending:
                 self.process.kill()
             self.statuses.append(self.process.wait())
@@ -130,8 +130,7 @@ class LeaseLab:
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="lda-lease-"))
         self.redis_socket = self.folder / "redis.sock"
         self.redis_server = None
-        self.clock_file = self.folder / "wall-clock"
-        self.preload = self._wall_clock()
+        self.clock = MovedClock(self.folder)
         self.agents = [Agent(self, name) for name in names]
 
     def __enter__(self):
@@ -146,25 +145,13 @@ class LeaseLab:
         self.kill_redis()
         subprocess.run(["rm", "-rf", str(self.folder)], check=False)
 
-    def _wall_clock(self):
-        """Environment of the processes whose wall clock set_wall_clock() moves."""
-        library = self.folder / "wall_clock.so"
-        subprocess.run(["cc", "-shared", "-fPIC", "-O1", "-o", str(library),
-                        str(ROOT / "tests" / "support" / "wall_clock.c")], check=True)
-        self.clock_file.write_bytes(struct.pack("q", 0))
-        return {"LD_PRELOAD": str(library), "WALL_CLOCK": str(self.clock_file)}
-
-    def set_wall_clock(self, ahead_s):
-        with open(self.clock_file, "r+b") as file:
-            file.write(struct.pack("q", ahead_s))
-
     # ---- redis ----
 
     def start_redis(self):
         self.redis_server = subprocess.Popen(
             ["redis-server", "--port", "0", "--unixsocket", str(self.redis_socket), "--databases", "32",
              "--save", "", "--appendonly", "yes", "--appendfsync", "always", "--dir", str(self.folder)],
-            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env={**os.environ, **self.preload})
+            stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env={**os.environ, **self.clock.environment})
         wait_for(self._redis_answers, 10, "redis-server answers", every=0.005)
 
     def _redis_answers(self):

@@ -114,7 +114,7 @@ def flush_redis(lab, draw):
 
 def jump_wall_clock(lab, draw):
     """Of the server and of both agents."""
-    lab.set_wall_clock(draw.choice((-AN_HOUR_S, AN_HOUR_S)))
+    lab.clock.ahead(draw.choice((-AN_HOUR_S, AN_HOUR_S)))
     time.sleep(draw.uniform(0, 1.0))
     if draw.random() < 0.5:
         return kill_master(lab, draw)
@@ -146,7 +146,7 @@ def play_round(lab, seed, number, kinds):
             played.problems.append("nobody acted for too long")
         if played.kind in KEEP_THE_MASTER and lab.wait_for_master().incarnations[-1].pid != before:
             played.problems.append("the master has changed")
-        lab.set_wall_clock(0)
+        lab.clock.ahead(0)
     except (AssertionError, IndexError, ValueError) as problem:
         played.problems.append(f"broken: {problem!r}")
     played.problems += lab.overlaps()
