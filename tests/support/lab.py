@@ -173,7 +173,7 @@ class Lab:
     def _redis_answers(self):
         try:
             return self.database(0).ping()
-        except redis.exceptions.ConnectionError:
+        except (redis.exceptions.ConnectionError, redis.exceptions.TimeoutError):
             return False
 
     def kill_redis(self):
