@@ -96,9 +96,11 @@ std::vector<JournalRecord> read_journal(const std::string& path) {
     std::vector<JournalRecord> records;
     const std::string text = read_config_file(path).value_or("");
     std::string_view rest = text;
+    JournalRecord before{.number = 0, .section = {}, .saved = true};
     JournalRecord record;
-    while (take_record(rest, record) && (records.empty() || follows(record, records.back()))) {
+    while (take_record(rest, record) && follows(record, before)) {
         records.push_back(record);
+        before = record;
     }
     return records;
 }

@@ -320,7 +320,8 @@ TEST_F(JournalTest, NumbersThatAreNoneEndTheReading) {
     EXPECT_EQ(read_journal(path)[0].section.number, 0);
     for (const std::string& bytes :
          {record("1x", size, body), record("", size, body), record("1", size + "x", body),
-          record("1", "999", body), record("1", "", body), record("-1", size, body)}) {
+          record("1", "999", body), record("1", "", body), record("-1", size, body),
+          record("0", size, body)}) {
         write_text(path, bytes);
         EXPECT_EQ(contents(path), Contents{}) << bytes;
     }
