@@ -30,10 +30,6 @@ def enable(front):
         assert "<ok/>" in session.rpc(f"<edit-config><target><running/></target>{policy_config(1)}</edit-config>")
 
 
-def now():
-    return datetime.datetime.now(datetime.timezone.utc).isoformat(timespec="milliseconds")
-
-
 def replay(start, stop=None):
     end = f"<stopTime>{stop}</stopTime>" if stop else ""
     return f'<create-subscription xmlns="{EVENT}"><startTime>{start}</startTime>{end}</create-subscription>'
@@ -57,6 +53,20 @@ def kept(front, count):
     wait_for(lambda: len(kept_numbers(front)) >= count, 20, f"{count} notifications are kept")
 
 
+def move_back(front, seconds):
+    """Lets the kept notifications have happened earlier: a step of the clock must not mix them with later ones."""
+    database = front.lab.database(LOCAL_DB)
+    for key in database.keys("p_nc.kept_notification/*"):
+        record = p_nc.kept_notification.FromString(database.get(key))
+        record.notification.time_ms -= seconds * 1000
+        database.set(key, record.SerializeToString())
+
+
+def now_minus(seconds):
+    time_then = datetime.datetime.now(datetime.timezone.utc) - datetime.timedelta(seconds=seconds)
+    return time_then.isoformat(timespec="milliseconds")
+
+
 def read_to(session, end):
     """The messages up to the first one with the text `end`, which is left out."""
     messages = []
@@ -68,8 +78,8 @@ def read_to(session, end):
 def test_client_that_comes_late_learns_what_happened(front):
     front.lab.report_loop(1, is_loop=1)
     kept(front, 1)
-    time.sleep(0.01)
-    between = now()
+    move_back(front, 60)
+    between = now_minus(30)
     front.lab.report_loop(2, is_loop=1)
     kept(front, 2)
     with front.raw() as all_of_it, front.raw() as later:
@@ -107,8 +117,8 @@ def test_numbers_go_on_after_the_agent_was_killed(front):
 def test_end_in_the_past_ends_the_subscription_at_once(front):
     front.lab.report_loop(1, is_loop=1)
     kept(front, 1)
-    time.sleep(0.01)
-    end = now()
+    move_back(front, 60)
+    end = now_minus(30)
     front.lab.report_loop(2, is_loop=1)
     kept(front, 2)
     with front.raw() as session:
